@@ -1,0 +1,25 @@
+# fw_add_device_test(<name> <source>... [LIBS <library>...])
+#
+# Adds a test program whose tests run inside a device of their own, and one ctest
+# entry for each test in it. Exit code 77 counts as skipped: the kernel allows no
+# private device.
+include(GoogleTest)
+
+function(fw_add_device_test name)
+  cmake_parse_arguments(PARSE_ARGV 1 test "" "" "LIBS")
+  add_executable(${name} ${test_UNPARSED_ARGUMENTS})
+  set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}/tests")
+  target_link_libraries(${name} PRIVATE project-options test-device ${test_LIBS})
+  gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST PROPERTIES SKIP_RETURN_CODE 77)
+endfunction()
+
+# fw_add_library_test(<topic> [<source>...])
+#
+# Adds the test program of <topic>.cpp and further sources: the library in a device, against a recording
+# platform and scripted modules, which call back into the program. Its symbols take
+# the place of the platform's.
+function(fw_add_library_test topic)
+  fw_add_device_test(test-${topic} ${topic}.cpp ${ARGN} LIBS -Wl,--whole-archive test-library test-recording-platform
+                     -Wl,--no-whole-archive)
+  set_target_properties(test-${topic} PROPERTIES ENABLE_EXPORTS ON)
+endfunction()
