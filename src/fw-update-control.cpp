@@ -1,0 +1,90 @@
+#include "fw-update-control.h"
+
+#include <string>
+
+#include "diagnostic-log.h"
+#include "fw-update-symbol-manager.h"
+#include "text-buffer.h"
+
+FWUpdateContorl* FWUpdateContorl::getInstance() {
+  static FWUpdateContorl p_instance;
+  return &p_instance;
+}
+
+FWUpdateContorl::FWUpdateContorl() {
+  FWUpdateSymbolManager* const registry = FWUpdateSymbolManager::getInstance();
+  if (!registry->getIsReady(false)) {
+    FW_LOG(diagnostics::Error, "Fw-Service symbol is not loaded");
+  }
+  registry->getFwItems(itemList);
+}
+
+FWUpdateContorl::~FWUpdateContorl() = default;
+
+std::list<FWUpdateItem> FWUpdateContorl::fw_getItemList() {
+  return itemList;
+}
+
+int FWUpdateContorl::fw_update_from_control(const char* name, CallerTypes caller, const char* data) {
+  char buffer[TextSize];
+  copyBounded(buffer, data);
+
+  const int result = FWUpdateSymbolManager::getInstance()->doUpdateFirmware(name, caller, buffer);
+
+  // DATA carries the module's name, not the data; kept on purpose.
+  FW_LOG(diagnostics::Error, "fw_update from Caller Type [%d] STATE [%d] DATA [%s]", caller, result, name);
+  return result;
+}
+
+int FWUpdateContorl::fw_update_from_factory(const char* name, const char* data) {
+  return fw_update_from_control(name, CALLER_FACTORY, data);
+}
+
+int FWUpdateContorl::fw_update_from_debug(const char* name, const char* data) {
+  return fw_update_from_control(name, CALLER_DEBUG, data);
+}
+
+int FWUpdateContorl::fw_update_from_factory_automation(const char* name, const char* /*data*/) {
+  return fw_update_from_control(name, CALLER_UPGRADE_APP, "FACTORY_AUTOMATION");
+}
+
+int FWUpdateContorl::fw_update_from_upgrade_app(const char* name, const char* data) {
+  return fw_update_from_control(name, CALLER_UPGRADE_APP, data);
+}
+
+int FWUpdateContorl::fw_update_from_lsm(const char* name, const char* data) {
+  return fw_update_from_control(name, CALLER_LSM, data);
+}
+
+int FWUpdateContorl::fw_update_from_upgrade_epsolution(const char* name, const char* data) {
+  return fw_update_from_control(name, CALLER_UPGRADE_EPSOLUTION, data);
+}
+
+int FWUpdateContorl::fw_getFWInformation(const char* name, char* version, char* fwName) {
+  const int ret = FWUpdateSymbolManager::getInstance()->getFirmwareVersion(name, version, fwName);
+  FW_LOG(diagnostics::Debug, "fw_getFWInformation STATE [%d] DATA [%s]", ret, name);
+  return ret;
+}
+
+int FWUpdateContorl::fw_getVersion(const char* name, char* version) {
+  char fwName[TextSize] = {};
+  const int ret = FWUpdateSymbolManager::getInstance()->getFirmwareVersion(name, version, fwName);
+  FW_LOG(diagnostics::Debug, "fw_getVersion STATE [%d] DATA [%s]", ret, name);
+  return ret;
+}
+
+std::list<FWUpdateItem> FWUpdateContorl::fw_getUpdateItemList(CallerTypes caller, char* data) {
+  updateItemList.clear();
+  FWUpdateSymbolManager::getInstance()->getUpdateFwItems(updateItemList, caller, data);
+  for (const FWUpdateItem& item : updateItemList) {
+    FW_LOG(diagnostics::Error, "update list is fw_name[%s] version [%s] fiename[%s]", item.fw_name,
+           item.version, item.file_name);
+  }
+  return updateItemList;
+}
+
+int FWUpdateContorl::fw_getUpdateProgress(const char* name, unsigned int* progress) {
+  const int ret = FWUpdateSymbolManager::getInstance()->getFirmwareUpdateProgress(name, progress);
+  FW_LOG(diagnostics::Error, "fw_getUpdateProgress STATE [%d] DATA [%s] Progress [%d]", ret, name, *progress);
+  return ret;
+}

@@ -1,0 +1,77 @@
+#include "fw-update-cipher.h"
+
+#include <openssl/evp.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <memory>
+
+unsigned char* cipher_buf_all = nullptr;
+
+namespace {
+
+constexpr std::size_t ReadSize = 10240;
+constexpr int TrailerSize = 534;
+
+struct FreeBytes {
+  void operator()(unsigned char* bytes) const { std::free(bytes); }
+};
+
+struct FreeContext {
+  void operator()(EVP_CIPHER_CTX* context) const { EVP_CIPHER_CTX_free(context); }
+};
+
+// How much of a read of n bytes, the last of total so far, lies before the limit.
+int bytesToFeed(std::int64_t n, std::int64_t total, std::int64_t limit) {
+  const std::int64_t beyond = std::max<std::int64_t>(total - limit, 0);
+  return static_cast<int>(std::max<std::int64_t>(n - beyond, 0));
+}
+
+}  // namespace
+
+unsigned char* aes_256_cbc_all(FILE* fp, const unsigned char* key, const unsigned char* iv, int enc,
+                               int count, int& outLen) {
+  outLen = 0;
+  if (count < TrailerSize) {
+    return nullptr;
+  }
+  const std::unique_ptr<unsigned char, FreeBytes> input(static_cast<unsigned char*>(std::malloc(ReadSize)));
+  if (!input) {
+    cipher_buf_all = nullptr;
+    return nullptr;
+  }
+  std::unique_ptr<EVP_CIPHER_CTX, FreeContext> context(EVP_CIPHER_CTX_new());
+  if (!context) {
+    cipher_buf_all = nullptr;
+    return nullptr;
+  }
+  EVP_CipherInit(context.get(), EVP_aes_256_cbc(), key, iv, enc);
+  EVP_CIPHER_CTX_block_size(context.get());  // the value is of no use here
+
+  cipher_buf_all = static_cast<unsigned char*>(std::calloc(static_cast<std::size_t>(count), 1));
+  if (cipher_buf_all == nullptr) {
+    static_cast<void>(context.release());  // not freed on this path, on purpose
+    return nullptr;
+  }
+
+  const std::int64_t limit = count - TrailerSize;
+  std::int64_t total = 0;
+  int written = 0;
+  std::size_t n = ReadSize;
+  while (n == ReadSize) {
+    n = std::fread(input.get(), 1, ReadSize, fp);
+    total += static_cast<std::int64_t>(n);
+    int produced = 0;
+    EVP_CipherUpdate(context.get(), cipher_buf_all + written, &produced, input.get(),
+                     bytesToFeed(static_cast<std::int64_t>(n), total, limit));
+    written += produced;
+  }
+
+  // The padding's verdict is not looked at, on purpose: a wrong key shows when the
+  // module refuses the version block.
+  int last = 0;
+  EVP_CipherFinal(context.get(), cipher_buf_all + written, &last);
+  outLen = written + last;
+  return cipher_buf_all;
+}

@@ -1,0 +1,546 @@
+#include "fw-update-symbol-manager.h"
+
+#include <cxxabi.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <atomic>
+#include <boost/filesystem.hpp>
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <mutex>
+#include <optional>
+#include <stdexcept>
+#include <system_error>
+#include <thread>
+
+#include "device-power.h"
+#include "diagnostic-log.h"
+#include "file-handles.h"
+#include "fw-update-common.h"
+#include "lwipc.h"
+#include "module-names.h"
+#include "record-lock.h"
+#include "system-info.h"
+#include "text-buffer.h"
+
+namespace {
+
+constexpr const char* PendingList = "/tmp/fwupdate-off-list.txt";
+constexpr const char* ResumeEvent = "/tmp/.ignore_resume";
+
+constexpr unsigned int WaitMarginSeconds = 2;
+constexpr int PowerState = 2;
+constexpr unsigned int PowerMarginMs = 5000;
+constexpr int TimedOut = 1;
+
+// ---- Workers that outlive their request ---------------------------------------
+
+std::atomic<int> runningWorkers{0};
+
+// Counts a worker from before its thread starts until it touches no record more.
+class WorkerToken {
+ public:
+  WorkerToken() { ++runningWorkers; }
+  ~WorkerToken() { --runningWorkers; }
+  WorkerToken(const WorkerToken&) = delete;
+  WorkerToken& operator=(const WorkerToken&) = delete;
+};
+
+// Records that a running worker may still use, set aside instead of destroyed.
+// Never destroyed itself, since a worker may run until the process is gone.
+std::list<std::vector<FWUpdateSymbol>>& parkedRecords() {
+  static auto& parked = *new std::list<std::vector<FWUpdateSymbol>>();
+  return parked;
+}
+
+void dropRecords(std::vector<FWUpdateSymbol>& records) {
+  if (runningWorkers != 0) {
+    parkedRecords().push_back(std::move(records));
+  } else {
+    parkedRecords().clear();
+  }
+  records.clear();
+}
+
+// Before a scan appends to the records, and so moves them in memory.
+void protectFromGrowth(std::vector<FWUpdateSymbol>& records) {
+  if (runningWorkers == 0 || records.empty()) {
+    return;
+  }
+  std::vector<FWUpdateSymbol> copies;
+  {
+    const std::lock_guard<std::mutex> lock(recordMutex());
+    copies = records;
+  }
+  parkedRecords().push_back(std::move(records));
+  records = std::move(copies);
+}
+
+// What a caller and its worker share; whoever is last releases it.
+struct UpdateRun {
+  UpdateRun(CallerTypes who, const char* text) : caller(who) {
+    if (text != nullptr) {
+      data = text;
+    }
+  }
+
+  char* dataText() { return data ? data->data() : nullptr; }
+
+  const WorkerToken token;
+  const CallerTypes caller;
+  std::optional<std::string> data;
+  std::mutex mutex;
+  std::condition_variable finished;
+  std::atomic<int> result{0};
+};
+
+// The update lock, held; given back once, at the latest at the end of the scope.
+class HeldSemaphore {
+ public:
+  explicit HeldSemaphore(sem_t* opened) : semaphore(opened) {
+    while (sem_wait(semaphore) != 0 && errno == EINTR) {
+    }
+  }
+  ~HeldSemaphore() { post(); }
+  HeldSemaphore(const HeldSemaphore&) = delete;
+  HeldSemaphore& operator=(const HeldSemaphore&) = delete;
+
+  void post() {
+    if (semaphore != nullptr) {
+      sem_post(semaphore);
+      semaphore = nullptr;
+    }
+  }
+
+ private:
+  sem_t* semaphore;
+};
+
+// One wait for a steady-clock deadline, carried out against the system clock: when
+// that clock runs ahead, the wait ends early and does not count as timed out.
+std::cv_status waitOnce(std::condition_variable& condition, std::unique_lock<std::mutex>& lock,
+                        std::chrono::steady_clock::time_point deadline) {
+  const auto steadyNow = std::chrono::steady_clock::now();
+  const auto systemNow = std::chrono::system_clock::now();
+  if (condition.wait_until(lock, systemNow + (deadline - steadyNow)) == std::cv_status::no_timeout) {
+    return std::cv_status::no_timeout;
+  }
+  return std::chrono::steady_clock::now() < deadline ? std::cv_status::no_timeout : std::cv_status::timeout;
+}
+
+// ---- Pending list -------------------------------------------------------------
+
+bool check_race_condition(const char* path) {
+  struct stat status;
+  if (lstat(path, &status) != 0) {
+    if (errno == ENOENT) {
+      return true;
+    }
+    FW_LOG(diagnostics::Error, "lstat error\n");
+    return false;
+  }
+  if (S_ISLNK(status.st_mode)) {
+    FW_LOG(diagnostics::Error, "symbolic link is detected\n");
+    return false;
+  }
+  return true;
+}
+
+// Null when it cannot be opened. Refuses a link that came since the check, and does
+// not wait for the reader of a FIFO.
+Stream openPendingList() {
+  FileDescriptor file(
+      open(PendingList, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0644));
+  if (!file.isOpen()) {
+    return nullptr;
+  }
+  Stream stream(fdopen(file.get(), "w"));
+  if (stream) {
+    file.release();
+  }
+  return stream;
+}
+
+// While this lives, a write to a FIFO whose reader has left fails; it does not end
+// the process.
+class WithoutPipeSignal {
+ public:
+  WithoutPipeSignal() {
+    sigemptyset(&pipeSignal);
+    sigaddset(&pipeSignal, SIGPIPE);
+    sigset_t pending;
+    sigemptyset(&pending);
+    sigpending(&pending);
+    wasPending = sigismember(&pending, SIGPIPE) == 1;
+    pthread_sigmask(SIG_BLOCK, &pipeSignal, &previous);
+  }
+  ~WithoutPipeSignal() {
+    const timespec noTime{};
+    if (!wasPending) {
+      sigtimedwait(&pipeSignal, nullptr, &noTime);
+    }
+    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+  }
+  WithoutPipeSignal(const WithoutPipeSignal&) = delete;
+  WithoutPipeSignal& operator=(const WithoutPipeSignal&) = delete;
+
+ private:
+  sigset_t pipeSignal;
+  sigset_t previous;
+  bool wasPending;
+};
+
+// The list while it is written. What cannot be opened or written is lost silently, on
+// purpose.
+class PendingListFile {
+ public:
+  PendingListFile() : stream(openPendingList()) {}
+  ~PendingListFile() {
+    const WithoutPipeSignal guard;  // closing writes what is buffered
+    stream.reset();
+  }
+  PendingListFile(const PendingListFile&) = delete;
+  PendingListFile& operator=(const PendingListFile&) = delete;
+
+  void add(const std::string& libName, const std::string& empName) {
+    if (stream) {
+      const WithoutPipeSignal guard;
+      std::fprintf(stream.get(), "%s %s\n", libName.c_str(), empName.c_str());
+    }
+  }
+
+ private:
+  Stream stream;
+};
+
+}  // namespace
+
+FWUpdateSymbolManager* FWUpdateSymbolManager::getInstance() {
+  static FWUpdateSymbolManager p_instance;
+  return &p_instance;
+}
+
+FWUpdateSymbolManager::FWUpdateSymbolManager() : isReady(false) {}
+
+FWUpdateSymbolManager::~FWUpdateSymbolManager() {
+  onDestroy();
+}
+
+// ---- Registry -----------------------------------------------------------------
+
+bool FWUpdateSymbolManager::onCreate(bool skipExtModules) {
+  protectFromGrowth(symbolList);
+  try {
+    const boost::filesystem::directory_iterator entries(ControlsDirectory);
+    for (const boost::filesystem::directory_entry& entry : entries) {
+      const std::string stem = entry.path().stem().string();
+      if (skipExtModules && isExtensionModule(stem)) {
+        FW_LOG(diagnostics::Error, "En/Decryption Service EXT skip [%s]", stem.c_str());
+        continue;
+      }
+      if (entry.path().extension() != ".so") {
+        continue;
+      }
+      symbolList.emplace_back(stem);
+    }
+  } catch (const boost::filesystem::filesystem_error& error) {
+    FW_LOG(diagnostics::Error, "File System Exception: %s ", error.what());
+    return false;
+  }
+
+  // Bound only now that no record moves any more.
+  for (FWUpdateSymbol& module : symbolList) {
+    module.loadSymbol(module.getLibName());
+  }
+  if (getSWVersionString() != 0) {
+    FW_LOG(diagnostics::Error, "Error: getSwVersion fail");
+  }
+  return true;
+}
+
+bool FWUpdateSymbolManager::getIsReady(bool skipExtModules) {
+  if (!isReady) {
+    isReady = onCreate(skipExtModules);
+  }
+  return isReady;
+}
+
+bool FWUpdateSymbolManager::onDestroy() {
+  dropRecords(symbolList);
+  return true;
+}
+
+int FWUpdateSymbolManager::getSWVersionString() {
+  struct FreeText {
+    void operator()(char* text) const { std::free(text); }
+  };
+  char* value = nullptr;
+  if (system_info_get_value_string(SYSTEM_INFO_SOFTWARE_VERSION, &value) != 0 || value == nullptr) {
+    FW_LOG(diagnostics::Error, "Unable to read SW version from system-info");
+    return -1;
+  }
+  const std::unique_ptr<char, FreeText> owner(value);
+  const std::string version = value;
+  const std::size_t dash = version.rfind('-');
+  if (dash == std::string::npos) {
+    FW_LOG(diagnostics::Error, "getSWVersionString: Wrong string format - lack of dash: %s", value);
+    return -1;
+  }
+  swModel = version.substr(0, dash);
+  FW_LOG(diagnostics::Info, "SWModel : %s", swModel.c_str());
+  return 0;
+}
+
+namespace {
+
+FWUpdateItem itemOf(FWUpdateSymbol& module) {
+  char name[TextSize] = {};
+  char version[TextSize] = {};
+  char fwName[TextSize] = {};
+  module.getActiveVersion(version);
+  copyFixed(name, module.getLibName());
+  copyFixed(fwName, module.getFirmwareName());
+  return FWUpdateItem(name, version, fwName);
+}
+
+// The first module with this library name, or the end.
+std::vector<FWUpdateSymbol>::iterator findModule(std::vector<FWUpdateSymbol>& modules,
+                                                 const std::string& name) {
+  return std::find_if(modules.begin(), modules.end(),
+                      [&name](const FWUpdateSymbol& module) { return module.getLibName() == name; });
+}
+
+}  // namespace
+
+int FWUpdateSymbolManager::getFwItems(std::list<FWUpdateItem>& items) {
+  for (FWUpdateSymbol& module : symbolList) {
+    items.push_back(itemOf(module));
+  }
+  return 0;
+}
+
+int FWUpdateSymbolManager::getUpdateFwItems(std::list<FWUpdateItem>& items, CallerTypes caller, char* data) {
+  for (FWUpdateSymbol& module : symbolList) {
+    if (module.isNeedUpdate(caller, data) == 1) {
+      items.push_back(itemOf(module));
+    }
+  }
+  return 0;
+}
+
+int FWUpdateSymbolManager::getFirmwareVersion(const std::string& name, char* version, char* fwName) {
+  const auto module = findModule(symbolList, name);
+  if (module == symbolList.end()) {
+    return -1;
+  }
+  const int ret = module->getActiveVersion(version);
+  copyFixed(fwName, module->getFirmwareName());
+  return ret;
+}
+
+int FWUpdateSymbolManager::getFirmwareUpdateProgress(const std::string& name, unsigned int* progress) {
+  const auto module = findModule(symbolList, name);
+  return module == symbolList.end() ? -1 : module->getUpdateProgress(progress);
+}
+
+// ---- Guarded update -----------------------------------------------------------
+
+int FWUpdateSymbolManager::doUpdateFirmware(const std::string& name, CallerTypes caller, char* data) {
+  int result = -1;
+  for (FWUpdateSymbol& module : symbolList) {
+    if (module.getLibName() != name) {
+      continue;
+    }
+    if (module.getSymbolType() == 1) {
+      result = module.runProcess(caller, data);
+      continue;
+    }
+    result = module.isNeedUpdate(caller, data);
+    if (result != 1) {
+      continue;
+    }
+    try {
+      result = update_timeout_wrapper(module, module.getExpectedUpdateTime(), caller, data);
+    } catch (const std::system_error&) {
+      throw;  // a runtime_error too, but no time-out
+    } catch (const std::runtime_error& error) {
+      FW_LOG(diagnostics::Error, "Error : %s", error.what());
+      result = TimedOut;
+    }
+  }
+  return result;
+}
+
+int FWUpdateSymbolManager::update_timeout_wrapper(FWUpdateSymbol& module, unsigned int timeout,
+                                                  CallerTypes caller, char* data) {
+  // The value is in seconds; the label "ms" is kept on purpose.
+  FW_LOG(diagnostics::Error, "%s update time %d ms", module.getFirmwareName().c_str(), timeout);
+  sem_t* const opened = FWUpdateCommon::getInstance()->create_semaphore();
+  if (opened == nullptr) {
+    return -1;
+  }
+  HeldSemaphore semaphore(opened);
+
+  const auto run = std::make_shared<UpdateRun>(caller, data);
+  std::thread([this, &module, run] {
+    int result = -1;
+    try {
+      result = update_module(module, run->caller, run->dataText());
+    } catch (const abi::__forced_unwind&) {
+      throw;  // the module ended its thread; the caller's time runs out
+    } catch (const std::exception& error) {
+      FW_LOG_AS("update_timeout_wrapper", diagnostics::Error, "Error : %s", error.what());
+    } catch (...) {
+      FW_LOG_AS("update_timeout_wrapper", diagnostics::Error, "Error : %s", "unknown exception");
+    }
+    // Without the mutex, on purpose: a notification that comes before the caller
+    // waits is lost, and the caller then takes the time-out.
+    run->result = result;
+    run->finished.notify_one();
+  }).detach();
+
+  std::unique_lock<std::mutex> lock(run->mutex);
+  // 32-bit: 4294967294 and 4294967295 give 0 and 1 second.
+  const std::chrono::seconds limit(timeout + WaitMarginSeconds);
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  // One wait without a predicate, on purpose: any wake-up counts as the end.
+  if (waitOnce(run->finished, lock, deadline) == std::cv_status::no_timeout) {
+    semaphore.post();
+    return run->result;
+  }
+  semaphore.post();
+  const std::string message = module.getFirmwareName() + " update timeout";
+  FW_LOG(diagnostics::Error, "%s", message.c_str());
+  throw std::runtime_error(message);
+}
+
+int FWUpdateSymbolManager::update_module(FWUpdateSymbol& module, CallerTypes caller, char* data) {
+  return module.updateFirmware(caller, data);
+}
+
+// ---- Update-all run -----------------------------------------------------------
+
+int FWUpdateSymbolManager::doUpdateFirmwareAll(CallerTypes /*caller*/) {
+  FW_LOG(diagnostics::Error, "Try doUpdateFirmwareAll");
+  LwipcEventDone(ResumeEvent);
+
+  unsigned int count = 0;
+  unsigned int totalMs = 0;
+  for (const FWUpdateSymbol& module : symbolList) {
+    if (module.getNeedUpdate()) {
+      totalMs += module.getExpectedUpdateTime() * 1000U;
+      ++count;
+    }
+    FW_LOG(diagnostics::Error, "%s Firmware Expected Time Check Done", module.getLibName().c_str());
+  }
+  if (count == 0) {
+    FW_LOG(diagnostics::Error, "There is no update item");
+    return 0;
+  }
+
+  FW_LOG(diagnostics::Error, "about total update time is %d ms, Lock the power during about that time.",
+         static_cast<int>(totalMs));
+  device_power_lock_state(PowerState, static_cast<int>(count * PowerMarginMs + totalMs));
+  FW_LOG(diagnostics::Error, "device_power_lock_state done");
+
+  for (FWUpdateSymbol& module : symbolList) {
+    if (!module.getNeedUpdate()) {
+      continue;
+    }
+    try {
+      update_timeout_wrapper(module, module.getExpectedUpdateTime(), CALLER_QUERY, emptyData());
+    } catch (const std::runtime_error& error) {
+      FW_LOG(diagnostics::Error, "Error : %s", error.what());
+    }
+  }
+  for (FWUpdateSymbol& module : symbolList) {
+    module.allUpdateDone();
+  }
+
+  FW_LOG(diagnostics::Error, "device_power_unlock_state");
+  device_power_unlock_state(PowerState);
+  FW_LOG(diagnostics::Error, "device_power_unlock_state done");
+  std::remove(PendingList);
+  return 0;
+}
+
+int FWUpdateSymbolManager::allDoUpdateDone() {
+  FW_LOG(diagnostics::Error, "Try allDoUpdateDone");
+  for (FWUpdateSymbol& module : symbolList) {
+    module.allUpdateDone();
+  }
+  FW_LOG(diagnostics::Error, "allDoUpdateDone Done");
+  return 0;
+}
+
+int FWUpdateSymbolManager::downloadEMPAll() {
+  for (FWUpdateSymbol& module : symbolList) {
+    module.downloadEMP();
+  }
+  return 0;
+}
+
+// ---- Pending list -------------------------------------------------------------
+
+int FWUpdateSymbolManager::writeFirmwareUpdateList(bool& running) {
+  if (!check_race_condition(PendingList)) {
+    FW_LOG(diagnostics::Error, "fail check_race_condition\n");
+    return -1;
+  }
+  PendingListFile list;
+  int count = 0;
+  for (FWUpdateSymbol& module : symbolList) {
+    // Another thread may clear the caller's flag at any time.
+    if (!__atomic_load_n(&running, __ATOMIC_RELAXED)) {
+      FW_LOG(diagnostics::Error, "Task is not running, writeFirmwareUpdateList stop");
+      return -1;
+    }
+    if (module.isNeedUpdate(CALLER_QUERY, emptyData()) != 1) {
+      continue;
+    }
+    list.add(module.getLibName(), module.getEMPName());
+    FW_LOG(diagnostics::Error, "Need Update [%s][%s]", module.getLibName().c_str(),
+           module.getEMPName().c_str());
+    ++count;
+  }
+  return count;
+}
+
+// ---- USB packages -------------------------------------------------------------
+
+int FWUpdateSymbolManager::getFirmwareUpdateTime(const unsigned char* ckey, const char* image_path,
+                                                 int& time) {
+  int result = -1;
+  unsigned int total = 0;
+  for (FWUpdateSymbol& module : symbolList) {
+    if (module.getNeedUpdateList(ckey, image_path) != 1) {
+      continue;
+    }
+    FW_LOG(diagnostics::Error, "Need Update [%s] [%d]", module.getFirmwareName().c_str(),
+           module.getExpectedUpdateTime());
+    total += module.getExpectedUpdateTime();
+    result = 0;
+  }
+  time = static_cast<int>(total);
+  return result;
+}
+
+int FWUpdateSymbolManager::doUpdateUSB(const unsigned char* ckey, const char* image_path) {
+  int result = -1;
+  for (FWUpdateSymbol& module : symbolList) {
+    if (!module.getNeedUpdate()) {
+      continue;
+    }
+    result = module.updateUSB(ckey, image_path);
+    if (result == -1) {
+      FW_LOG(diagnostics::Error, "update fail [%s]", module.getFirmwareName().c_str());
+    }
+  }
+  return result;
+}

@@ -1,0 +1,741 @@
+#include "fw-update-symbol.h"
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "app-binary-manager.h"
+#include "diagnostic-log.h"
+#include "file-handles.h"
+#include "fw-update-mount-manager.h"
+#include "image-crc.h"
+#include "information-file.h"
+#include "module-names.h"
+#include "record-lock.h"
+#include "text-buffer.h"
+#include "usb-package.h"
+
+namespace {
+
+constexpr const char* PackageImageDirectory = "/opt/usr/apps/appbinarymanager/";
+constexpr const char* PackageMountDirectory = "/opt/usr/apps/appbinarymanager/emps/";
+constexpr const char* BuiltinDirectory = "/lib/firmware/ext/";
+constexpr const char* SboxDirectory = "/opt/usr/share/sbox/";
+constexpr const char* UsbDrive = "/opt/media/USBDriveA";
+constexpr int LastUsbDrive = 10;
+
+constexpr const char* FactoryAutomation = "FACTORY_AUTOMATION";
+constexpr unsigned int ProcessUpdateSeconds = 1800;
+
+// ---- Binding ----------------------------------------------------------------
+
+struct CloseLibrary {
+  void operator()(void* library) const { dlclose(library); }
+};
+
+// Shared, because copies of a record share their library. Null, with dlerror set,
+// when it cannot be opened; a null handle is never closed.
+std::shared_ptr<void> openLibrary(const char* path) {
+  void* const library = dlopen(path, RTLD_NOW);
+  return library == nullptr ? nullptr : std::shared_ptr<void>(library, CloseLibrary());
+}
+
+struct FreeMemory {
+  void operator()(void* memory) const { std::free(memory); }
+};
+
+struct EntryPoint {
+  const char* name;
+  std::function<void(void*)> store;
+};
+
+template <typename Function>
+EntryPoint entryPoint(const char* name, std::function<Function>& slot) {
+  return {name, [&slot](void* address) {
+            slot = nullptr;
+            if (address != nullptr) {
+              slot = reinterpret_cast<Function*>(address);
+            }
+          }};
+}
+
+bool isAsciiLetterOrDigit(char c) {
+  return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+}
+
+// ---- File locations ---------------------------------------------------------
+
+// What each caller's request is served from; every other caller's is the package.
+constexpr struct {
+  CallerTypes caller;
+  UPDATE_TYPE type;
+} UpdateTypes[] = {
+    {CALLER_FACTORY, UPDATE_TYPE_USB},         {CALLER_DEBUG, UPDATE_TYPE_EMP},
+    {CALLER_QUERY, UPDATE_TYPE_EMP},           {CALLER_USB_PACKAGE, UPDATE_TYPE_EMP},
+    {CALLER_UPGRADE_APP, UPDATE_TYPE_BUILTIN}, {CALLER_LSM, UPDATE_TYPE_SBOX},
+    {CALLER_RESERVED6, UPDATE_TYPE_BUILTIN},   {CALLER_UPGRADE_EPSOLUTION, UPDATE_TYPE_BUILTIN},
+};
+
+UPDATE_TYPE CallerToUpdateType(CallerTypes caller, char* data) {
+  if (caller == CALLER_DEBUG && data != nullptr && std::strcmp(data, "USB") == 0) {
+    return UPDATE_TYPE_USB;
+  }
+  for (const auto& row : UpdateTypes) {
+    if (row.caller == caller) {
+      return row.type;
+    }
+  }
+  return UPDATE_TYPE_EMP;
+}
+
+// ---- Signature --------------------------------------------------------------
+
+using VerifyFile = int (*)(int reserved, const char* filePath, const char* caller);
+
+constexpr const char* VerifierLibrary = "/usr/lib/libkZAQUser.so";
+constexpr const char* VerifierCaller = "UserCaller";
+
+// Non-zero when the file may be used. A missing verifier lets every file pass, on
+// purpose: only its explicit 0 rejects one.
+int zaq_verify(const char* filePath) {
+  static std::atomic<VerifyFile> s_kzaq_verifier{nullptr};
+
+  std::unique_ptr<void, CloseLibrary> library;
+  VerifyFile verify = s_kzaq_verifier.load();
+  if (verify == nullptr) {
+    // RTLD_NODELETE keeps the entry point valid after the handle is closed.
+    library.reset(dlopen(VerifierLibrary, RTLD_LAZY | RTLD_NODELETE));
+    if (!library) {
+      FW_LOG(diagnostics::Error, "[zaq][%s] pHandle Error: %s\n", VerifierCaller, dlerror());
+      return 1;
+    }
+    dlerror();
+    verify = reinterpret_cast<VerifyFile>(dlsym(library.get(), "verifyFile"));
+    s_kzaq_verifier.store(verify);
+    if (const char* const error = dlerror()) {
+      FW_LOG(diagnostics::Error, "[zaq][%s] dlsym Error: %s\n", VerifierCaller, error);
+      return 1;
+    }
+    if (verify == nullptr) {
+      return 1;
+    }
+  }
+
+  const int result = verify(0, filePath, VerifierCaller);
+  if (result != 0) {
+    FW_LOG(diagnostics::Error, "[zaq][%s] the file is signed successfully : %s\n", VerifierCaller, filePath);
+  } else {
+    FW_LOG(diagnostics::Error, "[zaq][%s] the file is NOT signed!! : %s\n", VerifierCaller, filePath);
+  }
+  return result;
+}
+
+}  // namespace
+
+std::mutex& recordMutex() {
+  static std::mutex mutex;
+  return mutex;
+}
+
+FWUpdateSymbol::FWUpdateSymbol(const std::string& name)
+    : empBound(false), needUpdate(false), expectedUpdateTime(0), libName(name), symbolType(0) {}
+
+FWUpdateSymbol::~FWUpdateSymbol() = default;
+
+// ---- Binding ----------------------------------------------------------------
+
+int FWUpdateSymbol::loadSymbol(const std::string& name) {
+  if (name.empty()) {
+    return -1;
+  }
+  const std::string path = ControlsDirectory + name + ".so";
+  const std::unique_ptr<char, FreeMemory> resolved(realpath(path.c_str(), nullptr));
+  if (!resolved) {
+    return -1;
+  }
+  libName = name;
+  const std::shared_ptr<void> library = openLibrary(resolved.get());
+  if (!library) {
+    // "dlsym" in the report of a failed dlopen is kept on purpose.
+    FW_LOG(diagnostics::Error, "Error: dlsym libfile: %s error: %s\n", path.c_str(), dlerror());
+    return -1;
+  }
+
+  const EntryPoint required[] = {
+      entryPoint("setContext", setContextEntry),
+      entryPoint("getEMPID", getEMPIDEntry),
+      entryPoint("getActiveVersion", getActiveVersionEntry),
+      entryPoint("checkVersion", checkVersionEntry),
+      entryPoint("doUpdate", doUpdateEntry),
+  };
+  const EntryPoint optional[] = {
+      entryPoint("allUpdateDone", allUpdateDoneEntry),
+      entryPoint("doUpdate_decryption", doUpdateDecryptionEntry),
+      entryPoint("getExpectedTime", getExpectedTimeEntry),
+      entryPoint("getUpdateProgress", getUpdateProgressEntry),
+  };
+
+  // Bound anew: nothing may point into the library that the old handle held.
+  empBound = false;
+  for (const EntryPoint& entry : required) {
+    entry.store(nullptr);
+  }
+  for (const EntryPoint& entry : optional) {
+    entry.store(nullptr);
+  }
+  handle = library;
+
+  for (const EntryPoint& entry : required) {
+    entry.store(dlsym(handle.get(), entry.name));
+    if (const char* const error = dlerror()) {
+      FW_LOG(diagnostics::Error, "Error: dlsym error: %s\n", error);
+      return -1;
+    }
+  }
+  for (const EntryPoint& entry : optional) {
+    entry.store(dlsym(handle.get(), entry.name));
+    if (const char* const error = dlerror()) {
+      FW_LOG(diagnostics::Debug, "Error: dlsym error: %s\n", error);
+      entry.store(nullptr);
+    }
+  }
+
+  setContext(CALLER_QUERY, emptyData());
+
+  // Counts in every spelling; "emp" below counts in lower case only. Both are
+  // deliberate.
+  if (isExtensionModule(libName)) {
+    symbolType = 1;
+    empBound = false;
+    FW_LOG(diagnostics::Error, "Not Update Symbol [%s]", libName.c_str());
+    return 0;
+  }
+
+  std::string empId;
+  if (getEMPID(empId) != 0) {
+    return -1;
+  }
+  empName = empId;
+  firmwareName = empId;
+  const std::size_t emp = firmwareName.find("emp");
+  if (emp == std::string::npos) {
+    FW_LOG(diagnostics::Error, "Error: EMPID is Wrong (%s)", firmwareName.c_str());
+    return -1;
+  }
+  firmwareName.erase(emp, 3);
+  empImagePath = PackageImageDirectory + empName + ".img";
+  empBound = true;
+  symbolType = 0;
+  return 0;
+}
+
+int FWUpdateSymbol::getEMPID(std::string& empId) {
+  char text[TextSize] = {};
+  getEMPIDEntry(text);
+  terminate(text);
+  empId = text;
+  if (empId.empty()) {
+    FW_LOG(diagnostics::Error, "Error: EMPID is empty.(%s)", libName.c_str());
+    return -1;
+  }
+  if (!std::all_of(empId.begin(), empId.end(), isAsciiLetterOrDigit)) {
+    FW_LOG(diagnostics::Error, "Error: use EMPID only English and numbers. %s", empId.c_str());
+    return -1;
+  }
+  return 0;
+}
+
+int FWUpdateSymbol::setContext(CallerTypes caller, char* data) {
+  return setContextEntry(libName.c_str(), caller, data);
+}
+
+int FWUpdateSymbol::getActiveVersion(char* out) {
+  setContext(CALLER_QUERY, emptyData());
+  const int result = getActiveVersionEntry(out);
+  terminate(out);
+  return result;
+}
+
+int FWUpdateSymbol::checkVersion(const char* version, int* need) {
+  return checkVersionEntry(version, need);
+}
+
+int FWUpdateSymbol::doUpdate(const char* path, unsigned long value, unsigned int /*expectedTime*/) {
+  return doUpdateEntry(path, value);
+}
+
+int FWUpdateSymbol::allUpdateDone() {
+  return allUpdateDoneEntry ? allUpdateDoneEntry() : -1;
+}
+
+int FWUpdateSymbol::doUpdate_decryption(const unsigned char* data, int length) {
+  return empBound && doUpdateDecryptionEntry ? doUpdateDecryptionEntry(data, length) : -1;
+}
+
+int FWUpdateSymbol::getExpectedTime(int* seconds) {
+  return empBound && getExpectedTimeEntry ? getExpectedTimeEntry(seconds) : -1;
+}
+
+int FWUpdateSymbol::getUpdateProgress(unsigned int* progress) {
+  return getUpdateProgressEntry ? getUpdateProgressEntry(progress) : -1;
+}
+
+std::string FWUpdateSymbol::getLibName() const {
+  return libName;
+}
+
+std::string FWUpdateSymbol::getEMPName() const {
+  return empName;
+}
+
+std::string FWUpdateSymbol::getFirmwareName() const {
+  return firmwareName;
+}
+
+int FWUpdateSymbol::getSymbolType() const {
+  return symbolType;
+}
+
+bool FWUpdateSymbol::getNeedUpdate() const {
+  const std::lock_guard<std::mutex> lock(recordMutex());
+  return needUpdate;
+}
+
+unsigned int FWUpdateSymbol::getExpectedUpdateTime() const {
+  const std::lock_guard<std::mutex> lock(recordMutex());
+  return static_cast<unsigned int>(expectedUpdateTime);
+}
+
+// ---- File locations ---------------------------------------------------------
+
+std::string FWUpdateSymbol::getInformationPath(UPDATE_TYPE type) {
+  if (type == UPDATE_TYPE_USB) {
+    std::string drive;
+    if (!getUsbMountPath(drive)) {
+      FW_LOG(diagnostics::Error, "Error: Usb mount path Not found.");
+      return "";
+    }
+    return drive + firmwareName + "/info.json";
+  }
+  if (type == UPDATE_TYPE_BUILTIN) {
+    return BuiltinDirectory + firmwareName + "/info.json";
+  }
+  if (type == UPDATE_TYPE_SBOX) {
+    return SboxDirectory + firmwareName + "/info.json";
+  }
+  return PackageMountDirectory + empName + "/info.json";
+}
+
+std::string FWUpdateSymbol::getBinaryPath(UPDATE_TYPE type) {
+  if (type == UPDATE_TYPE_USB) {
+    std::string drive;
+    if (!getUsbMountPath(drive)) {
+      FW_LOG(diagnostics::Error, "Error: Usb mount path Not found.");
+      return "";
+    }
+    return drive + firmwareName + "/" + firmwareName + ".bin";
+  }
+  if (type == UPDATE_TYPE_BUILTIN) {
+    return BuiltinDirectory + firmwareName + "/" + firmwareName + ".bin";
+  }
+  if (type == UPDATE_TYPE_SBOX) {
+    return SboxDirectory + firmwareName + "/" + firmwareName + ".bin";
+  }
+  // The directory bears the full identifier, the image the short name; deliberate.
+  return PackageMountDirectory + empName + "/" + firmwareName + ".bin";
+}
+
+bool FWUpdateSymbol::getUsbMountPath(std::string& out) {
+  std::string drive = std::string(UsbDrive) + "/";
+  for (int number = 1; !file_exists(drive); ++number) {
+    if (number > LastUsbDrive) {
+      return false;
+    }
+    drive = UsbDrive + std::to_string(number) + "/";
+  }
+  out = drive;
+  return true;
+}
+
+bool FWUpdateSymbol::file_exists(const std::string& path) {
+  struct stat status;
+  return stat(path.c_str(), &status) == 0;
+}
+
+bool FWUpdateSymbol::getIMGExists() {
+  return empBound && file_exists(empImagePath);
+}
+
+// ---- Information file -------------------------------------------------------
+
+bool FWUpdateSymbol::loadInformation(const std::string& path) {
+  Json::Value root;
+  if (!parseInformation(path, root)) {
+    FW_LOG(diagnostics::Error, "Error: json loadInformation fail.(%s)\n", path.c_str());
+    return false;
+  }
+
+  // Read into a copy: a worker that ran out of time may still read the record.
+  // What was read before a failure is stored all the same.
+  FWInformation read;
+  {
+    const std::lock_guard<std::mutex> lock(recordMutex());
+    read = information;
+  }
+  bool complete = true;
+  read.version = root.get("version", "0000").asString();
+  try {
+    read.crc = root.get("crc", 0).asUInt();
+    read.expectedTime = root.get("expected_time", 300).asUInt();
+  } catch (const std::exception& error) {
+    // One wording for both numbers, kept on purpose.
+    FW_LOG(diagnostics::Error, "Error: json crc read fail error:%s (%s)\n", error.what(), path.c_str());
+    complete = false;
+  }
+
+  const std::lock_guard<std::mutex> lock(recordMutex());
+  information = read;
+  return complete;
+}
+
+unsigned int FWUpdateSymbol::getBinaryCRC32(const std::string& path) {
+  constexpr std::size_t ChunkSize = 32768;
+  const FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  if (!file.isOpen()) {
+    FW_LOG(diagnostics::Error, "Error: binary file is NULL\n");
+    return 0;
+  }
+
+  unsigned char chunk[ChunkSize];
+  std::uint32_t crc = 0;
+  for (;;) {
+    const ssize_t size = read(file.get(), chunk, sizeof(chunk));
+    if (size < 0 && errno == EINTR) {
+      continue;
+    }
+    if (size <= 0) {
+      return crc;
+    }
+    crc = extendImageCrc(crc, chunk, static_cast<std::size_t>(size));
+  }
+}
+
+// ---- Update -----------------------------------------------------------------
+
+namespace {
+
+FWInformation copyOf(const FWInformation& information) {
+  const std::lock_guard<std::mutex> lock(recordMutex());
+  return information;
+}
+
+// The kernel keeps the first 15 characters.
+void nameThread(const std::string& name) {
+  prctl(PR_SET_NAME, name.c_str());
+}
+
+}  // namespace
+
+int FWUpdateSymbol::isNeedUpdate(CallerTypes caller, char* data) {
+  FW_LOG(diagnostics::Error, "%s Firmware isNeedUpdateModules Try(%s)", libName.c_str(),
+         firmwareName.c_str());
+  const UPDATE_TYPE type = CallerToUpdateType(caller, data);
+  if (type == UPDATE_TYPE_EMP && !mountEMPImage()) {
+    return -1;
+  }
+  int need = 0;
+  char activeVersion[TextSize] = {};
+  setContext(caller, data);
+
+  const std::string binary = getBinaryPath(type);
+  if (!file_exists(binary)) {
+    FW_LOG(diagnostics::Error, "Error: Firmware binary file no exist (%s)", binary.c_str());
+    return -1;
+  }
+  const std::string info = getInformationPath(type);
+  if (!file_exists(info)) {
+    FW_LOG(diagnostics::Error, "Error: Firmware json file no exist (%s)", info.c_str());
+    return -1;
+  }
+  if (!loadInformation(info)) {
+    FW_LOG(diagnostics::Error, "Error: json information load fail");
+    return -1;
+  }
+  const FWInformation image = copyOf(information);
+  if (image.crc != getBinaryCRC32(binary)) {
+    FW_LOG(diagnostics::Error, "Error: %s Firmware CRC32 different", firmwareName.c_str());
+    return -1;
+  }
+  if (checkVersion(image.version.c_str(), &need) != 0) {
+    FW_LOG(diagnostics::Error, "Error: %s Firmware CheckVersion Fail", firmwareName.c_str());
+    return -1;
+  }
+
+  if (need <= 0) {
+    getActiveVersion(activeVersion);
+    // The package image's path, not the firmware name, is printed on purpose.
+    FW_LOG(diagnostics::Error, "Error: %s not need update, version is %s", empImagePath.c_str(),
+           activeVersion);
+    if (data != nullptr && std::strcmp(data, FactoryAutomation) == 0) {
+      need = 0;
+    }
+  }
+  // A negative answer marks the module as needing an update; kept on purpose.
+  const std::lock_guard<std::mutex> lock(recordMutex());
+  needUpdate = need != 0;
+  expectedUpdateTime = static_cast<int>(image.expectedTime);
+  return need;
+}
+
+int FWUpdateSymbol::updateFirmware(CallerTypes caller, char* data) {
+  static std::mutex updateMutex;
+
+  if (!empBound) {
+    return -1;
+  }
+  FW_LOG(diagnostics::Error, "%s Firmware Update Try", firmwareName.c_str());
+  const UPDATE_TYPE type = CallerToUpdateType(caller, data);
+  if (type == UPDATE_TYPE_EMP && !mountEMPImage()) {
+    return -1;
+  }
+  // The information file is checked before the image here, after it in
+  // isNeedUpdate; both orders are deliberate.
+  const std::string info = getInformationPath(type);
+  if (!file_exists(info)) {
+    FW_LOG(diagnostics::Error, "Error: Firmware json file no exist (%s)", info.c_str());
+    return -1;
+  }
+  if (!loadInformation(info)) {
+    FW_LOG(diagnostics::Error, "Error: json information load fail");
+    return -1;
+  }
+  const FWInformation image = copyOf(information);
+  const std::string binary = getBinaryPath(type);
+  if (!file_exists(binary)) {
+    FW_LOG(diagnostics::Error, "Error: Firmware binary file no exist (%s)", binary.c_str());
+    return -1;
+  }
+
+  nameThread(firmwareName);
+  const std::lock_guard<std::mutex> lock(updateMutex);
+  if (setContext(caller, data) != 0) {
+    return -1;
+  }
+  int need = -1;
+  if (checkVersion(image.version.c_str(), &need) != 0) {
+    FW_LOG(diagnostics::Error, "Error: %s Firmware CheckVersion Fail", firmwareName.c_str());
+    return -1;
+  }
+  if (need <= 0) {
+    FW_LOG(diagnostics::Error, "Error: %s Firmware not need update", firmwareName.c_str());
+    if (type == UPDATE_TYPE_EMP) {
+      unmountEMPImage();
+    }
+    return 0;
+  }
+  if (image.crc != getBinaryCRC32(binary)) {
+    // Lower-case "crc32" here, upper-case in isNeedUpdate; kept on purpose.
+    FW_LOG(diagnostics::Error, "Error: %s Firmware crc32 different", firmwareName.c_str());
+    return -1;
+  }
+
+  FW_LOG(diagnostics::Error, "========== [ %s update start ] ==========", firmwareName.c_str());
+  const int result = doUpdate(binary.c_str(), image.crc, image.expectedTime);
+  if (result != 0) {
+    // Nothing may come between the module and this line that changes errno. The
+    // package stays mounted after a failure, on purpose.
+    FW_LOG(diagnostics::Error, "Error: %s Firmware doUpdate Fail %d (%d:%m)", firmwareName.c_str(), result,
+           errno);
+    return result;
+  }
+  FW_LOG(diagnostics::Error, "========== [ %s update succeeded ] ==========", firmwareName.c_str());
+  if (type == UPDATE_TYPE_EMP) {
+    std::remove(empImagePath.c_str());
+    unmountEMPImage();
+  }
+  return 0;
+}
+
+int FWUpdateSymbol::runProcess(CallerTypes caller, char* data) {
+  // Not the mutex of updateFirmware, on purpose: a file update and a process
+  // update of different modules do not exclude each other.
+  static std::mutex processMutex;
+
+  FW_LOG(diagnostics::Error, "%s Firmware runProcess Try", firmwareName.c_str());
+  nameThread(firmwareName);
+  const std::lock_guard<std::mutex> lock(processMutex);
+  if (setContext(caller, data) != 0) {
+    return -1;
+  }
+  if (doUpdate(libName.c_str(), 0, ProcessUpdateSeconds) != 0) {
+    FW_LOG(diagnostics::Error, "Error: %s runProcess Fail (%d:%m)", libName.c_str(), errno);
+    return -1;
+  }
+  return 0;
+}
+
+// ---- Extension packages -----------------------------------------------------
+
+bool FWUpdateSymbol::downloadEMP() {
+  if (!empBound) {
+    return false;
+  }
+  if (!appbinaryManager::ABM_DownloadAppBinary(nullptr, nullptr, empName)) {
+    FW_LOG(diagnostics::Error, "Error: EMP ABM_DownloadAppBinary fail.(%s)", empName.c_str());
+    return false;
+  }
+  FW_LOG(diagnostics::Info, "Request (%s) emp download", empName.c_str());
+  return true;
+}
+
+bool FWUpdateSymbol::mountEMPImage() {
+  if (!getIMGExists()) {
+    FW_LOG(diagnostics::Error, "Error: file no exist (%s)", empImagePath.c_str());
+    return false;
+  }
+  const std::string directory = PackageMountDirectory + empName;
+  // Removes a stale mount; with nothing mounted this fails and says so, harmlessly.
+  FWMountManager::getInstance()->UMount(directory);
+  if (FWMountManager::getInstance()->Mount(empImagePath, directory) != 0) {
+    FW_LOG(diagnostics::Error, "Error: Firmware EMP Mount Fail.(%s)", empName.c_str());
+    return false;
+  }
+  return true;
+}
+
+bool FWUpdateSymbol::unmountEMPImage() {
+  const std::string directory = PackageMountDirectory + empName;
+  if (FWMountManager::getInstance()->UMount(directory) != 0) {
+    FW_LOG(diagnostics::Error, "Error: Firmware EMP UMount Fail.(%s)", empName.c_str());
+    return false;
+  }
+  // A success at error priority, so that it always reaches the log; on purpose.
+  FW_LOG(diagnostics::Error, "EMP UMount Success %s", empImagePath.c_str());
+  return true;
+}
+
+// ---- USB packages -----------------------------------------------------------
+
+int FWUpdateSymbol::getNeedUpdateList(const unsigned char* ckey, const char* image_path) {
+  if (!empBound) {
+    return -1;
+  }
+  if (ckey == nullptr) {
+    FW_LOG(diagnostics::Error, "Error: ckey  is nullptr");
+    return -1;
+  }
+  if (image_path == nullptr) {
+    FW_LOG(diagnostics::Error, "Error: image_path is nullptr");
+    return -1;
+  }
+  const std::string path = image_path + firmwareName + ".bin";
+  Stream file = openPackage(path);
+  if (!file) {
+    FW_LOG(diagnostics::Error, "Error: %s open fail", path.c_str());
+    return -1;
+  }
+  if (zaq_verify(path.c_str()) == 0) {
+    FW_LOG(diagnostics::Error, "Error: %s is NOT signed", path.c_str());
+    return -1;
+  }
+  setContext(CALLER_USB_PACKAGE, emptyData());
+
+  const std::int64_t size = packageSize(path);
+  PackageIv iv;
+  if (!readPackageIv(file.get(), iv)) {
+    FW_LOG(diagnostics::Error, "Error: iv is worng");
+    return -1;
+  }
+  // The whole size is passed here, size - 16 when updating; only the version block
+  // is used of the former. The buffer stays with cipher_buf_all, on purpose.
+  int length = 0;
+  const unsigned char* const data = decryptPackage(file.get(), ckey, iv, size, size, length);
+  if (data == nullptr) {
+    FW_LOG(diagnostics::Error, "Error: Decryption data is null");
+    return -1;
+  }
+  const VersionBlock version = versionBlock(data, length);
+  file.reset();
+
+  int need = -1;
+  if (checkVersion(version.data(), &need) != 0) {
+    FW_LOG(diagnostics::Error, "Error: %s Firmware CheckVersion Fail", firmwareName.c_str());
+    return -1;
+  }
+  int seconds = 0;
+  if (getExpectedTime(&seconds) != 0) {
+    FW_LOG(diagnostics::Error, "Error: %s getExpectedTime Fail", firmwareName.c_str());
+    return 0;
+  }
+  const std::lock_guard<std::mutex> lock(recordMutex());
+  needUpdate = need != 0;
+  expectedUpdateTime = seconds;
+  return need;
+}
+
+int FWUpdateSymbol::updateUSB(const unsigned char* ckey, const char* image_path) {
+  if (ckey == nullptr) {
+    FW_LOG(diagnostics::Error, "Error: ckey  is nullptr");
+    return -1;
+  }
+  if (image_path == nullptr) {
+    FW_LOG(diagnostics::Error, "Error: image_path is nullptr");
+    return -1;
+  }
+  const std::string path = image_path + firmwareName + ".bin";
+  Stream file = openPackage(path);
+  if (!file) {
+    FW_LOG(diagnostics::Error, "Error: %s file open", path.c_str());
+    return -1;
+  }
+  if (zaq_verify(path.c_str()) == 0) {
+    FW_LOG(diagnostics::Error, "Error: %s file is NOT signed", path.c_str());
+    return -1;
+  }
+  setContext(CALLER_USB_PACKAGE, emptyData());
+
+  const std::int64_t size = packageSize(path);
+  PackageIv iv;
+  if (!readPackageIv(file.get(), iv)) {
+    FW_LOG(diagnostics::Error, "Error: iv is worng");
+    return -1;
+  }
+  // The buffer stays with cipher_buf_all and is not freed, on purpose.
+  int length = 0;
+  const unsigned char* const data =
+      decryptPackage(file.get(), ckey, iv, size, size - static_cast<int>(iv.size()), length);
+  if (data == nullptr || length < VersionBlockSize) {
+    FW_LOG(diagnostics::Error, "Error: Decryption data is null");
+    return -1;
+  }
+  const VersionBlock version = versionBlock(data, length);
+  length -= VersionBlockSize;
+  file.reset();
+
+  int need = -1;
+  if (checkVersion(version.data(), &need) != 0) {
+    FW_LOG(diagnostics::Error, "Error: %s Firmware CheckVersion Fail", firmwareName.c_str());
+    return -1;
+  }
+  if (need <= 0) {
+    FW_LOG(diagnostics::Error, "Error: %s Firmware not need update", firmwareName.c_str());
+    return -1;
+  }
+  FW_LOG(diagnostics::Error, "========== [ %s update start ] ==========", firmwareName.c_str());
+  const int result = doUpdate_decryption(data + VersionBlockSize, length);
+  if (result != 0) {
+    FW_LOG(diagnostics::Error, "Error: %s Firmware doUpdate Fail %d (%d:%m)", firmwareName.c_str(), result,
+           errno);
+    return result;
+  }
+  FW_LOG(diagnostics::Error, "========== [ %s update succeeded ] ==========", firmwareName.c_str());
+  return 0;
+}

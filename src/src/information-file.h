@@ -1,0 +1,13 @@
+// Parsing of "info.json", the description beside a firmware image.
+#ifndef INFORMATION_FILE_H
+#define INFORMATION_FILE_H
+
+#include <json/json.h>
+
+#include <string>
+
+// The file's root. False for anything that is no object whose "version" can be a
+// text; no exception of the parser leaves it.
+bool parseInformation(const std::string& path, Json::Value& root);
+
+#endif
