@@ -1,0 +1,21 @@
+// Asks systemd-logind over the system bus to keep the device on. Stateless; any
+// thread. The inhibitor is the descriptor: the kernel closes it with the process.
+#ifndef PLATFORM_LINUX_LOGIND_INHIBITOR_H
+#define PLATFORM_LINUX_LOGIND_INHIBITOR_H
+
+#include <string>
+
+#include "unique-fd.h"
+
+namespace fwplatform {
+
+// Longest time that the bus and logind together get for their answer.
+constexpr int kLogindPatienceMs = 2000;
+
+// Blocks shutdown, sleep and idle until inhibitor is closed. 0, or a negative
+// errno value: -ETIMEDOUT when no answer came within kLogindPatienceMs.
+int TakeLogindInhibitor(const std::string& why, UniqueFd& inhibitor);
+
+}  // namespace fwplatform
+
+#endif

@@ -1,0 +1,186 @@
+// A done event is an empty file in a directory of the platform. Waiters watch the
+// directory and leave no trace of their own, so that one that dies disturbs nobody.
+#include "lwipc.h"
+
+#include <fcntl.h>
+#include <limits.h>
+#include <poll.h>
+#include <sys/inotify.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <exception>
+#include <string>
+
+#include "unique-fd.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using fwplatform::UniqueFd;
+
+constexpr char kParent[] = "/run";
+constexpr char kEvents[] = "/run/fw-lwipc";
+
+// The file's name: "/" and "%" as %XX, so that different events stay different.
+// Every event begins with "/", so that "." and ".." cannot come about.
+int FileName(const char* event, std::string& name) {
+  if (event == nullptr || *event != '/') {
+    return -EINVAL;
+  }
+  for (const char* at = event; *at != '\0'; ++at) {
+    if (*at == '/') {
+      name += "%2F";
+    } else if (*at == '%') {
+      name += "%25";
+    } else {
+      name += *at;
+    }
+    if (name.size() > NAME_MAX) {
+      return -ENAMETOOLONG;
+    }
+  }
+  return 0;
+}
+
+// Only what root or this user made, and what nobody else can change, is trusted.
+bool IsTrusted(const struct stat& status) {
+  return (status.st_uid == 0 || status.st_uid == geteuid()) && (status.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+}
+
+int OpenEvents(UniqueFd& directory) {
+  directory.reset(open(kEvents, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (!directory) {
+    return -errno;
+  }
+  struct stat status;
+  if (fstat(directory.get(), &status) != 0) {
+    return -errno;
+  }
+  return IsTrusted(status) ? 0 : -EPERM;
+}
+
+int MakeEvents(UniqueFd& directory) {
+  const bool made = mkdir(kEvents, 0755) == 0;
+  if (!made && errno != EEXIST) {
+    return -errno;
+  }
+  const int status = OpenEvents(directory);
+  if (status == 0 && made) {
+    fchmod(directory.get(), 0755);  // whatever the umask: everybody may wait
+  }
+  return status;
+}
+
+int Mark(const std::string& name) {
+  UniqueFd directory;
+  if (const int status = MakeEvents(directory); status != 0) {
+    return status;
+  }
+  const UniqueFd file(openat(directory.get(), name.c_str(),
+                             O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0644));
+  if (!file) {
+    return -errno;
+  }
+  struct stat status;
+  if (fstat(file.get(), &status) != 0) {
+    return -errno;
+  }
+  return S_ISREG(status.st_mode) ? 0 : -EINVAL;
+}
+
+// 0 done, -ENOENT not yet, or another reason.
+int Ask(const std::string& name) {
+  UniqueFd directory;
+  if (const int status = OpenEvents(directory); status != 0) {
+    return status;
+  }
+  struct stat status;
+  if (fstatat(directory.get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+    return -errno;
+  }
+  return S_ISREG(status.st_mode) ? 0 : -EINVAL;
+}
+
+class Deadline {
+ public:
+  explicit Deadline(int milliseconds)
+      : endless_(milliseconds < 0), end_(Clock::now() + std::chrono::milliseconds(milliseconds)) {}
+
+  // As poll wants it; rounded up, so that the time is really over at 0.
+  int LeftMs() const {
+    if (endless_) {
+      return -1;
+    }
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(end_ - Clock::now()).count();
+    return left > 0 ? static_cast<int>(left) : 0;
+  }
+
+ private:
+  const bool endless_;
+  const Clock::time_point end_;
+};
+
+int Watch(const UniqueFd& watch, const char* directory) {
+  constexpr unsigned int kChanges =
+      IN_CREATE | IN_MOVED_TO | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR | IN_DONT_FOLLOW;
+  return inotify_add_watch(watch.get(), directory, kChanges) < 0 ? -errno : 0;
+}
+
+// The watch comes before the question, so that no event falls between the two.
+int WatchAndAsk(UniqueFd& watch, const std::string& name) {
+  watch.reset(inotify_init1(IN_CLOEXEC));
+  if (!watch) {
+    return -errno;
+  }
+  int status = Watch(watch, kEvents);
+  if (status == -ENOENT) {
+    // Nothing was ever signalled: the directory itself is what to wait for.
+    status = Watch(watch, kParent);
+  }
+  return status != 0 ? status : Ask(name);
+}
+
+int WaitFor(const std::string& name, const Deadline& deadline) {
+  UniqueFd watch;
+  for (;;) {
+    const int status = WatchAndAsk(watch, name);
+    if (status != -ENOENT) {
+      return status;
+    }
+    pollfd change = {watch.get(), POLLIN, 0};
+    const int left = deadline.LeftMs();
+    const int ready = poll(&change, 1, left);
+    if (ready == 0) {
+      return -ETIMEDOUT;
+    }
+    if (ready < 0 && errno != EINTR) {
+      return -errno;
+    }
+  }
+}
+
+}  // namespace
+
+int LwipcEventDone(const char* event) {
+  try {
+    std::string name;
+    const int status = FileName(event, name);
+    return status != 0 ? status : Mark(name);
+  } catch (const std::exception&) {
+    return -ENOMEM;
+  }
+}
+
+int LwipcEventWait(const char* event, int timeout_ms) {
+  try {
+    const Deadline deadline(timeout_ms);
+    std::string name;
+    const int status = FileName(event, name);
+    return status != 0 ? status : WaitFor(name, deadline);
+  } catch (const std::exception&) {
+    return -ENOMEM;
+  }
+}

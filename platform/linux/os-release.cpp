@@ -1,0 +1,138 @@
+#include "os-release.h"
+
+#include <cstddef>
+#include <optional>
+
+namespace fwplatform {
+namespace {
+
+constexpr std::string_view kBlanks = " \t\r";
+
+std::string_view WithoutLeadingBlanks(std::string_view text) {
+  const std::size_t first = text.find_first_not_of(kBlanks);
+  return first == std::string_view::npos ? std::string_view() : text.substr(first);
+}
+
+bool IsName(std::string_view name) {
+  constexpr std::string_view kNameCharacters =
+      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_";
+  return !name.empty() && name.find_first_not_of(kNameCharacters) == std::string_view::npos;
+}
+
+// Takes the quotes off a shell word at the start of text, up to the first blank
+// outside of quotes. Nothing when a quote is not closed.
+class ShellWord {
+ public:
+  explicit ShellWord(std::string_view text) : rest_(text) {}
+
+  std::optional<std::string> Read() {
+    while (!rest_.empty() && kBlanks.find(rest_.front()) == std::string_view::npos) {
+      if (!TakePiece()) {
+        return std::nullopt;
+      }
+    }
+    return word_;
+  }
+
+ private:
+  bool TakePiece() {
+    const char first = rest_.front();
+    if (first == '\'' || first == '"') {
+      rest_.remove_prefix(1);
+      return first == '\'' ? TakeSingleQuoted() : TakeDoubleQuoted();
+    }
+    if (first == '\\') {
+      rest_.remove_prefix(1);
+    }
+    return TakeCharacter();
+  }
+
+  bool TakeCharacter() {
+    if (rest_.empty()) {
+      return false;
+    }
+    word_ += rest_.front();
+    rest_.remove_prefix(1);
+    return true;
+  }
+
+  bool TakeSingleQuoted() {
+    const std::size_t end = rest_.find('\'');
+    if (end == std::string_view::npos) {
+      return false;
+    }
+    word_ += rest_.substr(0, end);
+    rest_.remove_prefix(end + 1);
+    return true;
+  }
+
+  bool TakeDoubleQuoted() {
+    constexpr std::string_view kEscapable = "$\"\\`";
+    while (!rest_.empty() && rest_.front() != '"') {
+      const bool escape =
+          rest_.front() == '\\' && rest_.size() > 1 && kEscapable.find(rest_[1]) != std::string_view::npos;
+      if (escape) {
+        rest_.remove_prefix(1);
+      }
+      TakeCharacter();
+    }
+    if (rest_.empty()) {
+      return false;
+    }
+    rest_.remove_prefix(1);
+    return true;
+  }
+
+  std::string_view rest_;
+  std::string word_;
+};
+
+void ParseLine(std::string_view line, OsRelease& release) {
+  line = WithoutLeadingBlanks(line);
+  const std::size_t equals = line.find('=');
+  if (equals == std::string_view::npos || !IsName(line.substr(0, equals))) {
+    return;
+  }
+  if (std::optional<std::string> value = ShellWord(line.substr(equals + 1)).Read()) {
+    release.insert_or_assign(std::string(line.substr(0, equals)), std::move(*value));
+  }
+}
+
+std::string FirstPresent(const OsRelease& release, std::string_view first, std::string_view second) {
+  for (const std::string_view name : {first, second}) {
+    const auto found = release.find(name);
+    if (found != release.end() && !found->second.empty()) {
+      return found->second;
+    }
+  }
+  return "";
+}
+
+}  // namespace
+
+OsRelease ParseOsRelease(std::string_view text) {
+  OsRelease release;
+  while (!text.empty()) {
+    const std::size_t end = text.find('\n');
+    ParseLine(text.substr(0, end), release);
+    text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
+  }
+  return release;
+}
+
+std::string SoftwareVersionText(const OsRelease& release) {
+  std::string model = FirstPresent(release, "IMAGE_ID", "ID");
+  if (model.empty()) {
+    model = "linux";
+  }
+  std::string rest;
+  for (const std::string& part : {FirstPresent(release, "IMAGE_VERSION", "VERSION_ID"),
+                                  FirstPresent(release, "BUILD_ID", "VERSION_CODENAME")}) {
+    if (!part.empty()) {
+      rest += '-' + part;
+    }
+  }
+  return model + (rest.empty() ? "-unknown" : rest);
+}
+
+}  // namespace fwplatform

@@ -1,0 +1,28 @@
+// Reads the operating system's description, os-release(5). Stateless.
+#ifndef PLATFORM_LINUX_OS_RELEASE_H
+#define PLATFORM_LINUX_OS_RELEASE_H
+
+#include <map>
+#include <string>
+#include <string_view>
+
+namespace fwplatform {
+
+using OsRelease = std::map<std::string, std::string, std::less<>>;
+
+// The assignments of an os-release text, with the shell's quoting taken off. The
+// last assignment of a name counts. A line that is no assignment, or whose quotes
+// do not close on it, is left out.
+OsRelease ParseOsRelease(std::string_view text);
+
+// "MODEL-VERSION-BUILD", always with at least one "-":
+//   MODEL    IMAGE_ID, else ID, else "linux"
+//   VERSION  IMAGE_VERSION, else VERSION_ID
+//   BUILD    BUILD_ID, else VERSION_CODENAME
+// A part that is missing or empty is left out; with neither VERSION nor BUILD the
+// text is "MODEL-unknown".
+std::string SoftwareVersionText(const OsRelease& release);
+
+}  // namespace fwplatform
+
+#endif
