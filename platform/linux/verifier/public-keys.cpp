@@ -1,0 +1,98 @@
+#include "public-keys.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <openssl/pem.h>
+#include <openssl/x509.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <memory>
+#include <stdexcept>
+
+#include "unique-fd.h"
+
+namespace fwpackage {
+namespace {
+
+constexpr std::size_t largestPem = 16384;
+
+struct CloseDirectory {
+  void operator()(DIR* directory) const { ::closedir(directory); }
+};
+
+struct FreeDer {
+  void operator()(unsigned char* der) const { OPENSSL_free(der); }
+};
+
+// Nobody is asked for a pass phrase.
+int noPassPhrase(char*, int, int, void*) {
+  return -1;
+}
+
+bool isPemName(const std::string& name) {
+  constexpr char ending[] = ".pem";
+  constexpr std::size_t length = sizeof ending - 1;
+  return name.size() > length && name.compare(name.size() - length, length, ending) == 0;
+}
+
+// Empty for what is no file of a key's size. Never waits for the other end of a FIFO.
+std::string readSmallFile(const std::string& path) {
+  const fwplatform::UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  struct stat status = {};
+  if (!file || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
+    return "";
+  }
+  std::string content(largestPem, '\0');
+  const ssize_t length = ::read(file.get(), content.data(), content.size());
+  content.resize(length > 0 ? static_cast<std::size_t>(length) : 0);
+  return content.size() < largestPem ? content : "";
+}
+
+}  // namespace
+
+Key readPublicKey(const std::string& path) {
+  const std::string pem = readSmallFile(path);
+  const Bio bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
+  return Key(bio ? PEM_read_bio_PUBKEY(bio.get(), nullptr, noPassPhrase, nullptr) : nullptr);
+}
+
+Key findPublicKey(const std::string& directory, const KeyId& keyId) {
+  const std::unique_ptr<DIR, CloseDirectory> opened(::opendir(directory.c_str()));
+  while (const dirent* const entry = opened ? ::readdir(opened.get()) : nullptr) {
+    if (!isPemName(entry->d_name)) {
+      continue;
+    }
+    Key key = readPublicKey(directory + "/" + entry->d_name);
+    if (key && keyIdOf(key.get()) == keyId) {
+      return key;
+    }
+  }
+  return nullptr;
+}
+
+KeyId keyIdOf(EVP_PKEY* key) {
+  unsigned char* encoded = nullptr;
+  const int length = i2d_PUBKEY(key, &encoded);
+  const std::unique_ptr<unsigned char, FreeDer> der(encoded);
+  unsigned char digest[EVP_MAX_MD_SIZE];
+  if (length <= 0 ||
+      EVP_Digest(der.get(), static_cast<std::size_t>(length), digest, nullptr, EVP_sha256(), nullptr) != 1) {
+    throw std::runtime_error("the key cannot be identified");
+  }
+  KeyId keyId;
+  std::copy_n(digest, keyId.size(), keyId.begin());
+  return keyId;
+}
+
+const Algorithm* algorithmOf(EVP_PKEY* key) {
+  for (const Algorithm& algorithm : algorithms) {
+    if (EVP_PKEY_is_a(key, algorithm.keyType) == 1 && EVP_PKEY_get_bits(key) == algorithm.keyBits) {
+      return &algorithm;
+    }
+  }
+  return nullptr;
+}
+
+}  // namespace fwpackage
