@@ -1,0 +1,36 @@
+// Opens paths without following a symbolic link anywhere, as O_PATH descriptors:
+// opening has no effect on what is opened. Any thread.
+#ifndef PLATFORM_LINUX_SAFE_PATH_H
+#define PLATFORM_LINUX_SAFE_PATH_H
+
+#include <sys/stat.h>
+
+#include <string>
+
+#include "unique-fd.h"
+
+namespace fwplatform {
+
+struct OpenedPath {
+  UniqueFd fd;
+  struct stat status = {};
+};
+
+// Each gives 0 or an errno value; ELOOP when a component is a symbolic link.
+
+// path: absolute, of plain components.
+int OpenDirectory(const std::string& path, UniqueFd& directory);
+// Whatever has this name in the directory, of any type but a symbolic link.
+int OpenEntry(const std::string& directory, const std::string& name, OpenedPath& entry);
+int OpenEntryAt(int directory, const std::string& name, OpenedPath& entry);
+
+// A path that always leads to what is opened, whatever its name is by now.
+std::string ProcPath(int fd);
+std::string ProcPath(const OpenedPath& opened);
+
+// True when something is mounted on the directory.
+bool IsMountPoint(const OpenedPath& directory);
+
+}  // namespace fwplatform
+
+#endif

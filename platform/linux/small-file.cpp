@@ -1,0 +1,84 @@
+#include "small-file.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "unique-fd.h"
+
+namespace fwplatform {
+namespace {
+
+int WriteAll(int file, const std::string& content) {
+  for (std::size_t done = 0; done < content.size();) {
+    const ssize_t count = write(file, content.data() + done, content.size() - done);
+    if (count < 0 && errno != EINTR) {
+      return errno;
+    }
+    done += count > 0 ? static_cast<std::size_t>(count) : 0;
+  }
+  return 0;
+}
+
+int WriteNewFile(int directory, const std::string& name, const std::string& content, bool sync) {
+  unlinkat(directory, name.c_str(), 0);  // of a process that was killed
+  const UniqueFd file(
+      openat(directory, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
+  if (!file) {
+    return errno;
+  }
+  if (const int error = WriteAll(file.get(), content); error != 0) {
+    return error;
+  }
+  return sync && fsync(file.get()) != 0 ? errno : 0;
+}
+
+int SyncDirectory(int directory) {
+  const UniqueFd opened(openat(directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  return opened && fsync(opened.get()) == 0 ? 0 : errno;
+}
+
+}  // namespace
+
+int ReadSmallFileAt(int directory, const std::string& name, std::size_t limit, std::string& content) {
+  const UniqueFd file(openat(directory, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  struct stat status = {};
+  if (!file || fstat(file.get(), &status) != 0) {
+    return errno;
+  }
+  if (!S_ISREG(status.st_mode)) {
+    return EINVAL;
+  }
+  content.clear();
+  char block[4096];
+  for (;;) {
+    const ssize_t count = read(file.get(), block, sizeof block);
+    if (count < 0 && errno == EINTR) {
+      continue;
+    }
+    if (count <= 0) {
+      return count < 0 ? errno : 0;
+    }
+    content.append(block, static_cast<std::size_t>(count));
+    if (content.size() > limit) {
+      return EFBIG;
+    }
+  }
+}
+
+int ReplaceSmallFileAt(int directory, const std::string& name, const std::string& content, bool sync) {
+  const std::string unfinished = name + ".new";
+  int error = WriteNewFile(directory, unfinished, content, sync);
+  if (error == 0 && renameat(directory, unfinished.c_str(), directory, name.c_str()) != 0) {
+    error = errno;
+  }
+  if (error != 0) {
+    unlinkat(directory, unfinished.c_str(), 0);
+    return error;
+  }
+  return sync ? SyncDirectory(directory) : 0;
+}
+
+}  // namespace fwplatform

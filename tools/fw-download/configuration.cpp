@@ -1,0 +1,142 @@
+#include "configuration.h"
+
+#include <fcntl.h>
+
+#include <algorithm>
+#include <charconv>
+#include <cstddef>
+#include <iterator>
+#include <sstream>
+
+#include "errno-text.h"
+#include "failure.h"
+#include "small-file.h"
+
+namespace fwdownload {
+namespace {
+
+constexpr std::size_t kLargestFile = 64 * 1024;
+constexpr const char* kSchemes[] = {"https://", "http://", "file:///"};
+
+// Refuses a value by throwing std::string, the end of the sentence about its line.
+using Setter = void (*)(Configuration& configuration, const std::string& value);
+
+long Number(const std::string& value, long smallest, long largest) {
+  long number = 0;
+  const char* const end = value.data() + value.size();
+  const auto parsed = std::from_chars(value.data(), end, number);
+  if (parsed.ec != std::errc() || parsed.ptr != end || number < smallest || number > largest) {
+    throw "must be a whole number from " + std::to_string(smallest) + " to " + std::to_string(largest);
+  }
+  return number;
+}
+
+std::vector<std::string> Words(const std::string& value) {
+  std::istringstream stream(value);
+  return {std::istream_iterator<std::string>(stream), std::istream_iterator<std::string>()};
+}
+
+void SetUrl(Configuration& configuration, const std::string& value) {
+  const bool known = std::any_of(std::begin(kSchemes), std::end(kSchemes),
+                                 [&](const std::string& scheme) { return value.rfind(scheme, 0) == 0; });
+  if (!known) {
+    throw std::string("must begin with https://, http:// or file:///");
+  }
+  if (value.find_first_of("?#") != std::string::npos) {
+    throw std::string("must not have a \"?\" or \"#\": the image's name is put behind it");
+  }
+  configuration.url = value.back() == '/' ? value : value + "/";
+}
+
+struct Key {
+  const char* name;
+  Setter set;
+};
+
+constexpr long kLargestMebibytes = 1024L * 1024;
+constexpr long kLongestTimeout = 3600;
+
+constexpr Key kKeys[] = {
+    {"url", SetUrl},
+    {"ca_file", [](Configuration& c, const std::string& value) { c.caFile = value; }},
+    {"redirect_hosts", [](Configuration& c, const std::string& value) { c.redirectHosts = Words(value); }},
+    {"max_size_mib",
+     [](Configuration& c, const std::string& value) {
+       c.maximumSize = std::int64_t{Number(value, 1, kLargestMebibytes)} * 1024 * 1024;
+     }},
+    {"max_redirects",
+     [](Configuration& c, const std::string& value) { c.maximumRedirects = Number(value, 0, 20); }},
+    {"connect_timeout_s",
+     [](Configuration& c, const std::string& value) {
+       c.connectTimeoutSeconds = Number(value, 1, kLongestTimeout);
+     }},
+    {"stall_timeout_s",
+     [](Configuration& c, const std::string& value) {
+       c.stallTimeoutSeconds = Number(value, 1, kLongestTimeout);
+     }},
+};
+
+std::string Trimmed(const std::string& text) {
+  constexpr const char* kBlanks = " \t\r";
+  const std::size_t begin = text.find_first_not_of(kBlanks);
+  return begin == std::string::npos ? "" : text.substr(begin, text.find_last_not_of(kBlanks) - begin + 1);
+}
+
+void ApplyLine(Configuration& configuration, const std::string& line) {
+  const std::size_t equals = line.find('=');
+  if (equals == std::string::npos) {
+    throw std::string("is not of the form \"key = value\"");
+  }
+  const std::string name = Trimmed(line.substr(0, equals));
+  const std::string value = Trimmed(line.substr(equals + 1));
+  const auto key =
+      std::find_if(std::begin(kKeys), std::end(kKeys), [&](const Key& entry) { return name == entry.name; });
+  if (key == std::end(kKeys)) {
+    throw "has an unknown key, \"" + name + "\"";
+  }
+  if (value.empty()) {
+    throw std::string("has no value");
+  }
+  try {
+    key->set(configuration, value);
+  } catch (const std::string& refusal) {
+    throw "is refused: " + name + " " + refusal;
+  }
+}
+
+}  // namespace
+
+Configuration ParseConfiguration(const std::string& text) {
+  Configuration configuration;
+  std::istringstream lines(text);
+  int number = 0;
+  for (std::string line; std::getline(lines, line);) {
+    ++number;
+    const std::string content = Trimmed(line);
+    if (content.empty() || content[0] == '#') {
+      continue;
+    }
+    try {
+      ApplyLine(configuration, content);
+    } catch (const std::string& refusal) {
+      throw Failure(Reason::kConfiguration, std::string(kConfigurationFile) + ": line " +
+                                                std::to_string(number) + " " + refusal + ".");
+    }
+  }
+  if (configuration.url.empty()) {
+    throw Failure(Reason::kConfiguration, std::string(kConfigurationFile) + " gives no url.");
+  }
+  return configuration;
+}
+
+Configuration ReadConfiguration() {
+  std::string text;
+  if (const int error = fwplatform::ReadSmallFileAt(AT_FDCWD, kConfigurationFile, kLargestFile, text);
+      error != 0) {
+    throw Failure(Reason::kConfiguration,
+                  std::string(kConfigurationFile) + " cannot be read: " + fwplatform::ErrnoText(error) + ".");
+  }
+  return ParseConfiguration(text);
+}
+
+}  // namespace fwdownload

@@ -1,0 +1,30 @@
+// Where packages come from and what a download may take, from
+// /etc/fw-update/download.conf. A plain value, read once for each download.
+#ifndef FW_DOWNLOAD_CONFIGURATION_H
+#define FW_DOWNLOAD_CONFIGURATION_H
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace fwdownload {
+
+inline constexpr char kConfigurationFile[] = "/etc/fw-update/download.conf";
+
+struct Configuration {
+  std::string url;                         // of the directory that holds the images, with a "/" at its end
+  std::string caFile;                      // empty: the certificates of the system
+  std::vector<std::string> redirectHosts;  // beside the url's own
+  std::int64_t maximumSize = std::int64_t{512} * 1024 * 1024;
+  long maximumRedirects = 3;
+  long connectTimeoutSeconds = 20;
+  long stallTimeoutSeconds = 30;
+};
+
+// Both throw Failure.
+Configuration ReadConfiguration();
+Configuration ParseConfiguration(const std::string& text);
+
+}  // namespace fwdownload
+
+#endif

@@ -1,0 +1,225 @@
+#include "download.h"
+
+#include <curl/curl.h>
+
+#include <algorithm>
+#include <cinttypes>
+#include <cstddef>
+#include <cstdio>
+#include <memory>
+#include <optional>
+
+#include "failure.h"
+#include "partial-image.h"
+#include "transfer.h"
+
+namespace fwdownload {
+namespace {
+
+// Stays free for the rest of the system.
+constexpr std::int64_t kSpaceReserve = std::int64_t{1} * 1024 * 1024;
+constexpr int kPartialContent = 206;
+constexpr int kRangeNotSatisfiable = 416;
+// A date is a reliable mark of a file that had not changed for this long.
+constexpr long kSettledSeconds = 60;
+
+std::string Size(std::int64_t bytes) {
+  return std::to_string(bytes) + " bytes";
+}
+
+// What an If-Range header may have; empty when the server gave nothing reliable.
+std::string ValidatorOf(const Response& response) {
+  if (!response.etag.empty()) {
+    return response.etag[0] == '"' ? response.etag : "";  // W/"..." is weak
+  }
+  const std::int64_t modified = curl_getdate(response.lastModified.c_str(), nullptr);
+  const std::int64_t now = curl_getdate(response.date.c_str(), nullptr);
+  const bool settled = modified >= 0 && now >= 0 && now - modified >= kSettledSeconds;
+  return settled ? response.lastModified : "";
+}
+
+// The server answered a request for the rest with the rest of another file.
+struct OtherFile {};
+
+class ImageReceiver : public Receiver {
+ public:
+  ImageReceiver(PartialImage& image, const Configuration& configuration, std::string url, std::int64_t first,
+                const Progress& progress)
+      : image_(image),
+        configuration_(configuration),
+        url_(std::move(url)),
+        first_(first),
+        progress_(progress) {}
+
+  void Begin(const Response& response) override {
+    if (response.code == kPartialContent) {
+      CheckContinues(response);
+    } else {
+      image_.Begin({url_, ValidatorOf(response), response.length});
+      total_ = response.length;
+    }
+    CheckSize(total_);
+    CheckSpace(total_ - image_.size());
+    progress_(image_.size(), total_);
+  }
+
+  void Take(const char* bytes, std::size_t count) override {
+    CheckSize(image_.size() + static_cast<std::int64_t>(count));
+    image_.Append(bytes, count);
+    progress_(image_.size(), total_);
+  }
+
+ private:
+  void CheckContinues(const Response& response) {
+    if (first_ == 0) {
+      throw Failure(Reason::kProtocol,
+                    "The server sent a part of the package although all of it was asked for.");
+    }
+    std::int64_t first = -1, last = -1, total = -1;
+    char rest = '\0';
+    const int read = std::sscanf(response.contentRange.c_str(), "bytes %" SCNd64 "-%" SCNd64 "/%" SCNd64 "%c",
+                                 &first, &last, &total, &rest);
+    const bool sameMark = response.etag.empty() || response.etag == image_.origin().validator ||
+                          image_.origin().validator[0] != '"';
+    const bool rightLength = response.length == kUnknownLength || response.length == total - first;
+    if (read != 3 || first != first_ || last != total - 1 || total != image_.origin().total || !sameMark ||
+        !rightLength) {
+      throw OtherFile();
+    }
+    total_ = total;
+  }
+
+  void CheckSize(std::int64_t size) const {
+    if (size > configuration_.maximumSize) {
+      throw Failure(Reason::kTooBig, "The package is larger than the " + Size(configuration_.maximumSize) +
+                                         " that are allowed.");
+    }
+  }
+
+  void CheckSpace(std::int64_t needed) const {
+    const std::int64_t free = image_.FreeSpace() - kSpaceReserve;
+    if (needed > free) {
+      throw Failure(Reason::kNoSpace, "There is no room for the package: it needs " + Size(needed) +
+                                          ", and " + Size(std::max<std::int64_t>(free, 0)) + " are free.");
+    }
+  }
+
+  PartialImage& image_;
+  const Configuration& configuration_;
+  const std::string url_;
+  const std::int64_t first_;
+  const Progress& progress_;
+  std::int64_t total_ = kUnknownLength;
+};
+
+struct FreeUrl {
+  void operator()(CURLU* url) const { curl_url_cleanup(url); }
+};
+
+std::string UrlPart(const std::string& url, CURLUPart part) {
+  const std::unique_ptr<CURLU, FreeUrl> parsed(curl_url());
+  char* text = nullptr;
+  if (!parsed || curl_url_set(parsed.get(), CURLUPART_URL, url.c_str(), 0) != CURLUE_OK ||
+      curl_url_get(parsed.get(), part, &text, 0) != CURLUE_OK) {
+    return "";
+  }
+  const std::string result = text;
+  curl_free(text);
+  return result;
+}
+
+// From https to https, from http to either; and only to hosts that are known.
+void CheckRedirect(const std::string& from, const std::string& to, const Configuration& configuration) {
+  const std::string scheme = UrlPart(to, CURLUPART_SCHEME);
+  const bool secure = scheme == "https";
+  const bool wasSecure = UrlPart(from, CURLUPART_SCHEME) == "https";
+  if (!secure && (wasSecure || scheme != "http")) {
+    throw Failure(Reason::kRedirect,
+                  "The server redirects to " + to + ", which is not as secure as " + from + ".");
+  }
+  const std::string host = UrlPart(to, CURLUPART_HOST);
+  const auto& hosts = configuration.redirectHosts;
+  if (host != UrlPart(configuration.url, CURLUPART_HOST) &&
+      std::find(hosts.begin(), hosts.end(), host) == hosts.end()) {
+    throw Failure(Reason::kRedirect,
+                  "The server redirects to another host, " + (host.empty() ? to : host) + ".");
+  }
+}
+
+void CheckCode(const std::string& url, int code) {
+  constexpr int kOk = 200, kClientError = 400, kServerError = 500;
+  if (code == kOk || code == kPartialContent) {
+    return;
+  }
+  const Reason reason = code >= kServerError   ? Reason::kServerError
+                        : code >= kClientError ? Reason::kNotFound
+                                               : Reason::kProtocol;
+  throw Failure(reason,
+                "The server does not give out " + url + ": it answered " + std::to_string(code) + ".");
+}
+
+// Requests the image from its first missing byte, or from its beginning, and follows
+// redirects. Returns the last answer's code.
+int Fetch(PartialImage& image, const Configuration& configuration, const std::string& url, std::int64_t first,
+          const Progress& progress) {
+  std::string address = url;
+  for (long redirects = 0;; ++redirects) {
+    ImageReceiver receiver(image, configuration, url, first, progress);
+    const Answer answer = Perform({address, first, image.origin().validator}, configuration, receiver);
+    if (answer.redirectedTo.empty()) {
+      return answer.code;
+    }
+    if (redirects == configuration.maximumRedirects) {
+      throw Failure(Reason::kRedirect, "The server redirects more than " +
+                                           std::to_string(configuration.maximumRedirects) + " times.");
+    }
+    CheckRedirect(address, answer.redirectedTo, configuration);
+    address = answer.redirectedTo;
+  }
+}
+
+// True when the rest of the same file came; false when all of it has to come.
+bool Continue(PartialImage& image, const Configuration& configuration, const std::string& url,
+              const Progress& progress) {
+  try {
+    const int code = Fetch(image, configuration, url, image.size(), progress);
+    if (code == kRangeNotSatisfiable) {
+      return false;
+    }
+    CheckCode(url, code);
+    return true;
+  } catch (const OtherFile&) {
+    return false;
+  }
+}
+
+void Receive(PartialImage& image, const Configuration& configuration, const std::string& url,
+             const Progress& progress) {
+  if (image.size() == 0 || !Continue(image, configuration, url, progress)) {
+    CheckCode(url, Fetch(image, configuration, url, 0, progress));
+  }
+  if (image.size() == 0) {
+    throw Failure(Reason::kProtocol, "The server sent an empty package.");
+  }
+}
+
+}  // namespace
+
+void Download(const std::string& package, const Configuration& configuration, const Progress& progress) {
+  const std::string url = configuration.url + package + ".img";
+  PartialImage image(package, url);
+  try {
+    Receive(image, configuration, url, progress);
+    image.Publish();
+  } catch (const Failure& failure) {
+    if (!InfoOf(failure.reason()).keepsPart || !image.origin().CanBeContinued() || image.size() == 0) {
+      image.Discard();
+    }
+    throw;
+  } catch (...) {
+    image.Discard();
+    throw;
+  }
+}
+
+}  // namespace fwdownload

@@ -1,0 +1,67 @@
+// An image that is being received: NAME.img.part beside the place where the image
+// will be, and NAME.img.part.info, which says of which file on the server it is a
+// part. The image gets its own name when it is whole and on the disk. Never follows
+// a symbolic link. Owned by one download, under the package's lock.
+#ifndef FW_DOWNLOAD_PARTIAL_IMAGE_H
+#define FW_DOWNLOAD_PARTIAL_IMAGE_H
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "unique-fd.h"
+
+namespace fwdownload {
+
+inline constexpr char kPackagesDirectory[] = "/opt/usr/apps/appbinarymanager";
+
+// Which file on the server. Without a validator nothing can tell whether the file is
+// the same next time.
+struct Origin {
+  std::string url;
+  std::string validator;  // as an If-Range header has it: a strong ETag or a date
+  std::int64_t total = 0;
+
+  bool CanBeContinued() const { return !validator.empty() && total > 0; }
+};
+
+// Every operation throws Failure.
+class PartialImage {
+ public:
+  // Takes what an earlier download of the same url left, if that can be continued.
+  PartialImage(const std::string& package, const std::string& url);
+
+  std::int64_t size() const { return size_; }
+  const Origin& origin() const { return origin_; }
+
+  // Throws away what is there and begins the file that origin tells of.
+  void Begin(const Origin& origin);
+  void Append(const char* bytes, std::size_t count);
+  // Throws away everything.
+  void Discard();
+  // Puts everything on the disk and gives it the image's name.
+  void Publish();
+
+  // Bytes that may be written to this file system.
+  std::int64_t FreeSpace() const;
+
+ private:
+  void Open();
+  void TakeUp(const std::string& url);
+  void Truncate(std::int64_t size);
+  void Sync();
+  void Remove(const std::string& name);
+
+  std::string image_;  // names in the directory
+  std::string part_;
+  std::string info_;
+  fwplatform::UniqueFd directory_;
+  fwplatform::UniqueFd file_;
+  Origin origin_;
+  std::int64_t size_ = 0;
+  std::int64_t synced_ = 0;  // what a power cut leaves
+};
+
+}  // namespace fwdownload
+
+#endif

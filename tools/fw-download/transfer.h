@@ -1,0 +1,54 @@
+// One request to one address, with libcurl. It follows no redirect and knows nothing
+// of files: what comes is handed on as it comes. One object, one request, one thread.
+#ifndef FW_DOWNLOAD_TRANSFER_H
+#define FW_DOWNLOAD_TRANSFER_H
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "configuration.h"
+
+namespace fwdownload {
+
+inline constexpr std::int64_t kUnknownLength = -1;
+
+// What the server says before it sends anything.
+struct Response {
+  int code = 0;                          // 200 for a file that was opened
+  std::int64_t length = kUnknownLength;  // of what follows
+  bool hasEnd = false;                   // what follows says itself where it ends
+  std::string etag;
+  std::string lastModified;
+  std::string date;
+  std::string contentRange;
+};
+
+struct Request {
+  std::string url;
+  std::int64_t first = 0;  // the first byte wanted; above 0 only together with validator
+  std::string validator;
+};
+
+// Where what comes goes. Either operation may throw Failure, which ends the transfer
+// and comes out of Perform.
+class Receiver {
+ public:
+  virtual ~Receiver() = default;
+  // Once, before any bytes, for an answer of 200 or 206.
+  virtual void Begin(const Response& response) = 0;
+  virtual void Take(const char* bytes, std::size_t count) = 0;
+};
+
+struct Answer {
+  int code = 0;
+  std::string redirectedTo;  // absolute; empty when there is none
+};
+
+// Throws Failure: when there is no connection, or when what comes is not what the
+// server announced.
+Answer Perform(const Request& request, const Configuration& configuration, Receiver& receiver);
+
+}  // namespace fwdownload
+
+#endif
