@@ -1,0 +1,33 @@
+// What a module of this folder is made of: its source defines thisComponent and
+// doUpdate, and entry-points.cpp defines the other eight entry points for it.
+#ifndef MODULES_COMMON_MODULE_ENTRY_H
+#define MODULES_COMMON_MODULE_ENTRY_H
+
+#include <cerrno>
+
+#include "component.h"
+#include "error-number.h"
+#include "fw-update-module.h"
+
+namespace fwcomponent {
+
+// The component that the module serves; callable from any thread.
+Component& thisComponent();
+
+// Runs an entry point's body, which may throw, and answers as an entry point
+// must: 0, or a negative errno value that errno holds as well.
+template <typename Body>
+int answer(Body body) noexcept {
+  try {
+    body();
+    return 0;
+  } catch (...) {
+    const int error = currentErrorNumber();
+    errno = error;
+    return -error;
+  }
+}
+
+}  // namespace fwcomponent
+
+#endif

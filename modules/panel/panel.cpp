@@ -1,0 +1,12 @@
+// The module of the panel's timing controller: an ordinary component with slow
+// flash memory.
+#include "module-entry.h"
+
+fwcomponent::Component& fwcomponent::thisComponent() {
+  static Component panel({"panelempfw", "panelfw", /*expectedSeconds=*/120, /*kibPerSecond=*/64});
+  return panel;
+}
+
+int doUpdate(const char* path, unsigned long value) {
+  return fwcomponent::answer([&] { fwcomponent::thisComponent().updateFromFile(path, value); });
+}

@@ -1,0 +1,12 @@
+// The module of the broadcast tuner: an ordinary component, whose firmware comes
+// as an image file or in a USB package.
+#include "module-entry.h"
+
+fwcomponent::Component& fwcomponent::thisComponent() {
+  static Component tuner({"tunerempfw", "tunerfw", /*expectedSeconds=*/60, /*kibPerSecond=*/256});
+  return tuner;
+}
+
+int doUpdate(const char* path, unsigned long value) {
+  return fwcomponent::answer([&] { fwcomponent::thisComponent().updateFromFile(path, value); });
+}

@@ -1,0 +1,11 @@
+// The module of the wireless network adapter: an ordinary component.
+#include "module-entry.h"
+
+fwcomponent::Component& fwcomponent::thisComponent() {
+  static Component wifi({"wifiempfw", "wififw", /*expectedSeconds=*/90, /*kibPerSecond=*/128});
+  return wifi;
+}
+
+int doUpdate(const char* path, unsigned long value) {
+  return fwcomponent::answer([&] { fwcomponent::thisComponent().updateFromFile(path, value); });
+}
