@@ -1,0 +1,258 @@
+#include "device-namespace.h"
+
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <filesystem>
+#include <iterator>
+#include <stdexcept>
+#include <system_error>
+#include <utility>
+
+#include "device-layout.h"
+#include "device-root.h"
+#include "file-descriptor.h"
+#include "mount-table.h"
+
+namespace sandbox {
+namespace fs = std::filesystem;
+namespace {
+
+// In memory, hidden together with the host's root once the device is built.
+constexpr char kScratch[] = "/tmp";
+constexpr char kHostRoot[] = "/.host";
+constexpr char kNamespacesRefused[] =
+    "this system lets an ordinary user make no private device; run as root, or allow user namespaces "
+    "(sysctl user.max_user_namespaces above 0, kernel.unprivileged_userns_clone=1, "
+    "kernel.apparmor_restrict_unprivileged_userns=0)";
+
+struct HostPath {
+  std::string path;
+  FileDescriptor handle;
+};
+
+class Umask {
+ public:
+  explicit Umask(mode_t mask) : previous_(umask(mask)) {}
+  Umask(const Umask&) = delete;
+  Umask& operator=(const Umask&) = delete;
+  ~Umask() { umask(previous_); }
+
+ private:
+  mode_t previous_;
+};
+
+bool& entered() {
+  static bool value = false;
+  return value;
+}
+
+[[noreturn]] void fail(const std::string& what) {
+  throw std::system_error(errno, std::generic_category(), what);
+}
+
+void writeProcFile(const char* path, const std::string& text) {
+  const FileDescriptor file(open(path, O_WRONLY | O_CLOEXEC));
+  const auto length = static_cast<ssize_t>(text.size());
+  if (!file.valid() || write(file.get(), text.data(), text.size()) != length) {
+    fail(std::string("cannot write ") + path + ": " + kNamespacesRefused);
+  }
+}
+
+// Returns whether a user namespace was needed.
+bool unshareNamespaces() {
+  if (unshare(CLONE_NEWNS | CLONE_NEWIPC) == 0) {
+    return false;
+  }
+  const auto user = std::to_string(geteuid());
+  const auto group = std::to_string(getegid());
+  if (errno != EPERM || unshare(CLONE_NEWUSER | CLONE_NEWNS | CLONE_NEWIPC) != 0) {
+    fail(kNamespacesRefused);
+  }
+  writeProcFile("/proc/self/setgroups", "deny");  // the kernel wants this before gid_map
+  writeProcFile("/proc/self/uid_map", "0 " + user + " 1");
+  writeProcFile("/proc/self/gid_map", "0 " + group + " 1");
+  return true;
+}
+
+void mountMemory(const std::string& target) {
+  if (mount("tmpfs", target.c_str(), "tmpfs", 0, "mode=0755") != 0) {
+    fail("cannot mount memory on " + target + " of the private namespace: " + kNamespacesRefused);
+  }
+}
+
+void requireOneThread() {
+  const auto threads = std::distance(fs::directory_iterator("/proc/self/task"), fs::directory_iterator());
+  if (threads != 1) {
+    throw std::runtime_error("only a process with one thread can enter a device; this one has " +
+                             std::to_string(threads));
+  }
+}
+
+HostPath openHostPath(const std::string& path) {
+  return {path, FileDescriptor(open(path.c_str(), O_PATH | O_CLOEXEC))};
+}
+
+// To be called in the new namespace: it can only show what was opened there.
+std::vector<HostPath> openVisiblePaths(const std::vector<std::string>& paths) {
+  std::vector<HostPath> opened;
+  for (const auto& path : paths) {
+    std::error_code missing;
+    const auto canonical = fs::canonical(path, missing).string();
+    if (missing) {
+      continue;
+    }
+    opened.push_back(openHostPath(canonical));
+    auto literal = fs::absolute(path).lexically_normal().string();
+    if (literal.size() > 1 && literal.back() == '/') {
+      literal.pop_back();
+    }
+    if (literal != canonical) {
+      opened.push_back(openHostPath(literal));
+    }
+  }
+  return opened;
+}
+
+FileDescriptor openDirectory(const std::string& path) {
+  FileDescriptor directory(open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  if (!directory.valid()) {
+    fail("cannot open the device's directory " + path);
+  }
+  return directory;
+}
+
+void bind(const std::string& source, const std::string& target) {
+  if (mount(source.c_str(), target.c_str(), nullptr, MS_BIND | MS_REC, nullptr) != 0) {
+    fail("cannot put the device's own " + target + " in place");
+  }
+}
+
+void createMountPoint(const std::string& path, bool isDirectory) {
+  if (isDirectory) {
+    fs::create_directories(path);
+    return;
+  }
+  fs::create_directories(fs::path(path).parent_path());
+  const FileDescriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
+  if (!file.valid()) {
+    fail("cannot create the mount point " + path);
+  }
+}
+
+void changeRoot(const std::string& root) {
+  const auto hostRoot = root + kHostRoot;
+  fs::create_directory(hostRoot);
+  if (syscall(SYS_pivot_root, root.c_str(), hostRoot.c_str()) != 0 || chdir("/") != 0) {
+    fail("cannot make the device's tree the root directory");
+  }
+}
+
+void bindDeviceDirectories(const std::string& device) {
+  for (const auto& directory : kDeviceDirectories) {
+    if (directory.place == Place::Own || directory.place == Place::OverHost) {
+      bind(device + directory.path, directory.path);
+    }
+  }
+  fs::remove(kVerifierLibrary);  // the host's, if it has one
+  if (fs::exists(device + kVerifierLibrary)) {
+    createMountPoint(kVerifierLibrary, false);
+    bind(device + kVerifierLibrary, kVerifierLibrary);
+  }
+}
+
+bool coversDevice(const std::string& path) {
+  return path == "/" ||
+         std::any_of(std::begin(kDeviceDirectories), std::end(kDeviceDirectories),
+                     [&](const DeviceDirectory& directory) { return isWithin(directory.path, path); });
+}
+
+void showHostPath(const HostPath& host) {
+  struct stat wanted = {};
+  struct stat present = {};
+  if (coversDevice(host.path) || fstat(host.handle.get(), &wanted) != 0) {
+    return;
+  }
+  if (stat(host.path.c_str(), &present) == 0 && present.st_dev == wanted.st_dev &&
+      present.st_ino == wanted.st_ino) {
+    return;
+  }
+  createMountPoint(host.path, S_ISDIR(wanted.st_mode));
+  bind(host.handle.path(), host.path);
+}
+
+void leaveHostRoot() {
+  if (umount2(kHostRoot, MNT_DETACH) != 0 || rmdir(kHostRoot) != 0) {
+    fail("cannot take the host's root directory out of the device");
+  }
+}
+
+void restoreWorkingDirectory(const std::string& directory) {
+  if ((directory.empty() || chdir(directory.c_str()) != 0) && chdir("/") != 0) {
+    fail("cannot enter the device's root directory");
+  }
+}
+
+// To be called before anything is hidden.
+void prepareDirectory(const std::string& directory) {
+  if (!directory.empty()) {
+    openDirectory(directory);
+    createDeviceDirectories(fs::canonical(directory));
+  }
+}
+
+// Returns what holds the device's directories.
+FileDescriptor openState(FileDescriptor directory, const std::string& scratch) {
+  if (directory.valid()) {
+    return directory;
+  }
+  createDeviceDirectories(scratch + "/device");
+  return openDirectory(scratch + "/device");
+}
+
+void keepMountsPrivate() {
+  if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+    fail(std::string("cannot keep the device's mounts to itself: ") + kNamespacesRefused);
+  }
+}
+
+}  // namespace
+
+void enterDevice(const Device& device) {
+  requireOneThread();
+  const Umask mask(022);
+  std::error_code unknown;
+  const auto workingDirectory = fs::current_path(unknown).string();
+  prepareDirectory(device.directory);
+
+  const bool ownUserNamespace = unshareNamespaces();
+  keepMountsPrivate();
+  auto directory = device.directory.empty() ? FileDescriptor() : openDirectory(device.directory);
+  const auto visible = openVisiblePaths(device.keepVisible);
+
+  const std::string scratch = kScratch;
+  const auto root = scratch + "/root";
+  mountMemory(scratch);
+  fs::create_directory(root);
+  mountMemory(root);
+  const auto state = openState(std::move(directory), scratch);
+  DeviceRoot(scratch + "/layers", root, ownUserNamespace).build();
+  changeRoot(root);
+  bindDeviceDirectories(state.path());
+  std::for_each(visible.begin(), visible.end(), showHostPath);
+  leaveHostRoot();
+  restoreWorkingDirectory(workingDirectory);
+  entered() = true;
+}
+
+bool insideDevice() {
+  return entered();
+}
+
+}  // namespace sandbox

@@ -1,0 +1,35 @@
+// Puts a process into a device: a private mount and IPC namespace in which the
+// fixed paths are the device's own and everything else is the host's. It lasts
+// as long as the process and its children; nothing stays behind on the host.
+// To be called early, by a process that has one thread.
+#ifndef SANDBOX_DEVICE_NAMESPACE_H
+#define SANDBOX_DEVICE_NAMESPACE_H
+
+#include <string>
+#include <vector>
+
+namespace sandbox {
+
+struct Device {
+  // Holds the device's state: its tree mirrors the device's. Empty: everything is
+  // in memory, gone with the namespace.
+  std::string directory;
+  // Host paths that stay the host's at their own place, such as a build tree below
+  // /tmp. A path that contains a directory of the device is left as the device's;
+  // one that does not exist is left out.
+  std::vector<std::string> keepVisible;
+};
+
+// Moves the calling process into the device. A process without the right to mount
+// also gets a user namespace, in which it is root and owns its own files. The
+// current directory is kept when it is still there, else it becomes "/".
+// Throws std::system_error or std::runtime_error; the process may then be half-way
+// inside and should end.
+void enterDevice(const Device& device);
+
+// Whether enterDevice has succeeded in this process, or in its parent before fork.
+bool insideDevice();
+
+}  // namespace sandbox
+
+#endif

@@ -1,0 +1,138 @@
+#include "device-root.h"
+
+#include <fcntl.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <filesystem>
+#include <system_error>
+#include <utility>
+
+#include "device-layout.h"
+#include "file-descriptor.h"
+#include "mount-table.h"
+
+namespace sandbox {
+namespace fs = std::filesystem;
+namespace {
+
+[[noreturn]] void fail(const std::string& what) {
+  throw std::system_error(errno, std::generic_category(), what);
+}
+
+void bindFromHost(const std::string& source, const std::string& target) {
+  if (mount(source.c_str(), target.c_str(), nullptr, MS_BIND | MS_REC, nullptr) != 0) {
+    fail("cannot show the host's " + source + " in the device");
+  }
+}
+
+void createEmptyFile(const std::string& path) {
+  const FileDescriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644));
+  if (!file.valid()) {
+    fail("cannot create the mount point " + path);
+  }
+}
+
+}  // namespace
+
+DeviceRoot::DeviceRoot(std::string scratch, std::string root, bool ownUserNamespace)
+    : scratch_(std::move(scratch)),
+      root_(std::move(root)),
+      ownUserNamespace_(ownUserNamespace),
+      hostMounts_(mountPoints()) {
+  for (const auto& directory : kDeviceDirectories) {
+    // Where the host keeps this path: /lib is often a link to usr/lib.
+    const auto path = fs::weakly_canonical(directory.path).string();
+    if (directory.place == Place::Own) {
+      replaced_.push_back(path);
+    }
+    if (directory.place == Place::Own || directory.place == Place::Writable) {
+      changed_.push_back(path);
+    }
+  }
+}
+
+void DeviceRoot::build() {
+  // Always entry by entry: "/" cannot be a lower layer in a user namespace.
+  mirror("");
+}
+
+// path is a directory of the host. "" is the root.
+void DeviceRoot::placeDirectory(const std::string& path) {
+  const auto target = root_ + path;
+  fs::create_directory(target);
+  if (std::find(replaced_.begin(), replaced_.end(), path) != replaced_.end()) {
+    return;
+  }
+  if (!changesWithin(path)) {
+    return bindFromHost(path, target);
+  }
+  // A layer over the host's directory would hide what is mounted below it, and the
+  // kernel refuses it in a user namespace; kernels before 5.11 know no layers there.
+  if (hostMountsBelow(path) || !overlay(path)) {
+    mirror(path);
+  }
+}
+
+void DeviceRoot::placeEntry(const std::string& path) {
+  struct stat status = {};
+  if (path == kVerifierLibrary || lstat(path.c_str(), &status) != 0) {
+    return;  // the device has its own verifier; a mount private to another user cannot be shown
+  }
+  const auto target = root_ + path;
+  if (S_ISDIR(status.st_mode)) {
+    return placeDirectory(path);
+  }
+  if (S_ISLNK(status.st_mode)) {
+    return fs::copy_symlink(path, target);
+  }
+  createEmptyFile(target);
+  bindFromHost(path, target);
+}
+
+// Shows each entry of the host's directory in a directory of the device's own.
+void DeviceRoot::mirror(const std::string& path) {
+  for (const auto& entry : fs::directory_iterator(path.empty() ? "/" : path)) {
+    placeEntry(path + "/" + entry.path().filename().string());
+  }
+  createChanged(root_, path);
+}
+
+// Whatever is to be written to must exist in the upper layer beforehand: the
+// kernel cannot copy up directories whose owner is unknown in a user namespace.
+bool DeviceRoot::overlay(const std::string& path) {
+  const auto upper = scratch_ + "/upper";
+  const auto work = scratch_ + "/work" + path;
+  fs::create_directories(upper + path);
+  fs::create_directories(work);
+  createChanged(upper, path);
+  auto options = "lowerdir=" + path + ",upperdir=" + upper + path + ",workdir=" + work;
+  if (ownUserNamespace_) {
+    options += ",userxattr";
+  }
+  const auto special = path.find_first_of(",:\\") != std::string::npos;
+  return !special && mount("overlay", (root_ + path).c_str(), "overlay", 0, options.c_str()) == 0;
+}
+
+void DeviceRoot::createChanged(const std::string& root, const std::string& below) {
+  for (const auto& path : changed_) {
+    if (isBelow(path, below)) {
+      fs::create_directories(root + path);
+    }
+  }
+}
+
+bool DeviceRoot::changesWithin(const std::string& path) const {
+  return std::any_of(changed_.begin(), changed_.end(),
+                     [&](const std::string& changed) { return isWithin(changed, path); });
+}
+
+bool DeviceRoot::hostMountsBelow(const std::string& path) const {
+  return std::any_of(hostMounts_.begin(), hostMounts_.end(),
+                     [&](const std::string& mounted) { return isBelow(mounted, path); });
+}
+
+}  // namespace sandbox

@@ -1,0 +1,92 @@
+#include "package-image.h"
+
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <stdexcept>
+#include <system_error>
+#include <vector>
+
+#include "firmware-image.h"
+
+namespace sandbox {
+namespace fs = std::filesystem;
+namespace {
+
+// Removes itself.
+class TemporaryFolder {
+ public:
+  explicit TemporaryFolder(const std::string& beside) : path_(beside + "/.package.XXXXXX") {
+    if (mkdtemp(path_.data()) == nullptr) {
+      throw std::system_error(errno, std::generic_category(), "cannot make a folder in " + beside);
+    }
+  }
+  TemporaryFolder(const TemporaryFolder&) = delete;
+  TemporaryFolder& operator=(const TemporaryFolder&) = delete;
+  ~TemporaryFolder() {
+    std::error_code ignored;
+    fs::remove_all(path_, ignored);
+  }
+
+  const std::string& path() const { return path_; }
+
+ private:
+  std::string path_;
+};
+
+// No time, no owner, and files of mode 0644 whatever the umask: nothing of this
+// machine gets into the image. SOURCE_DATE_EPOCH would contradict the times given
+// here, so the environment is left out.
+int runMksquashfs(const std::string& folder, const std::string& image) {
+  const std::vector<std::string> words = {
+      "mksquashfs",         folder,       image,       "-noappend",           "-quiet",
+      "-no-progress",       "-no-xattrs", "-all-root", "-mkfs-time",          "0",
+      "-all-time",          "0",          "-action",   "chmod(0644)@type(f)", "-action",
+      "chmod(0755)@type(d)"};
+  std::vector<char*> arguments;
+  for (const auto& word : words) {
+    arguments.push_back(const_cast<char*>(word.c_str()));
+  }
+  arguments.push_back(nullptr);
+  char* const environment[] = {const_cast<char*>("LC_ALL=C"), nullptr};
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+  pid_t pid = 0;
+  const int error = posix_spawnp(&pid, "mksquashfs", &actions, nullptr, arguments.data(), environment);
+  posix_spawn_file_actions_destroy(&actions);
+  if (error != 0) {
+    throw std::runtime_error("mksquashfs cannot be run; install the package squashfs-tools");
+  }
+  int status = 0;
+  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+  }
+  return status;
+}
+
+}  // namespace
+
+void packFolder(const std::string& folder, const std::string& image) {
+  const auto unfinished = image + ".new";
+  fs::remove(unfinished);
+  if (runMksquashfs(folder, unfinished) != 0) {
+    fs::remove(unfinished);
+    throw std::runtime_error("mksquashfs could not make " + image);
+  }
+  fs::rename(unfinished, image);
+}
+
+void writePackage(const std::string& directory, const std::string& empName, const std::string& firmwareName,
+                  const std::string& version, std::size_t bytes, unsigned int expectedTimeSeconds) {
+  fs::create_directories(directory);
+  const TemporaryFolder folder(directory);
+  writeFirmware(folder.path(), firmwareName, version, bytes, expectedTimeSeconds);
+  packFolder(folder.path() + "/" + firmwareName, directory + "/" + empName + ".img");
+}
+
+}  // namespace sandbox
