@@ -1,0 +1,168 @@
+#include "initialise.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <filesystem>
+#include <fstream>
+#include <iomanip>
+#include <iostream>
+#include <string>
+#include <vector>
+
+#include "device-directory.h"
+#include "device-layout.h"
+#include "firmware-image.h"
+#include "package-image.h"
+#include "package-security.h"
+#include "tool-location.h"
+
+namespace fwdevice {
+namespace fs = std::filesystem;
+namespace {
+
+constexpr char kControls[] = "/prd/usr/fwupdate/controls";
+
+struct ExampleImage {
+  const char* directory;
+  const char* firmwareName;
+  const char* version;
+  std::size_t mebibytes;
+  unsigned int expectedTimeSeconds;
+  bool corrupt;
+};
+
+constexpr ExampleImage kExampleImages[] = {
+    {"/lib/firmware/ext", "tunerfw", "2.0.0", 2, 10, false},
+    {"/lib/firmware/ext", "panelfw", "2.1.1", 1, 10, true},  // shows how a bad image is refused
+    {"/lib/firmware/ext", "remotefw", "1.1.0", 1, 10, false},
+    {"/opt/usr/share/sbox", "panelfw", "2.1.0", 4, 20, false},
+    {"/opt/media/USBDriveA", "wififw", "1.4.2", 3, 15, false},
+};
+
+struct ExamplePackage {
+  const char* directory;
+  const char* empName;
+  const char* firmwareName;
+  const char* version;
+  std::size_t mebibytes;
+  unsigned int expectedTimeSeconds;
+};
+
+// One that is there, and one that stands on the "server" for fw-update download.
+constexpr char kServer[] = "/opt/media/packages";
+constexpr ExamplePackage kExamplePackages[] = {
+    {"/opt/usr/apps/appbinarymanager", "wifiempfw", "wififw", "1.5.0", 3, 15},
+    {kServer, "tunerempfw", "tunerfw", "2.5.0", 2, 10},
+};
+
+constexpr char kDownloadConfiguration[] = "/etc/fw-update/download.conf";
+
+// What a device forgets with --fresh.
+constexpr const char* kState[] = {"/var/lib/fw-components", "/tmp", "/dev/shm", "/run"};
+
+void forgetState(const std::string& device) {
+  for (const char* directory : kState) {
+    for (const auto& entry : fs::directory_iterator(device + directory)) {
+      fs::remove_all(entry.path());
+    }
+  }
+  sandbox::createDeviceDirectories(device);
+}
+
+std::vector<std::string> installModules(const fs::path& from, const std::string& device) {
+  std::vector<std::string> installed;
+  if (!fs::is_directory(from)) {
+    return installed;
+  }
+  for (const auto& entry : fs::directory_iterator(from)) {
+    if (entry.path().extension() == ".so") {
+      installLibrary(entry.path(), device + kControls);
+      installed.push_back(entry.path().filename());
+    }
+  }
+  std::sort(installed.begin(), installed.end());
+  return installed;
+}
+
+std::vector<std::string> installModules(const std::string& device) {
+  std::string searched;
+  for (const auto& directory : moduleDirectories()) {
+    const auto installed = installModules(fs::path(directory), device);
+    if (!installed.empty()) {
+      return installed;
+    }
+    searched += (searched.empty() ? "" : ", ") + directory;
+  }
+  throw Failure(ExitCode::Failed,
+                "no modules found (looked in " + searched + "); build them and run init again");
+}
+
+void installImages(const std::string& device) {
+  for (const auto& image : kExampleImages) {
+    const auto directory = device + image.directory;
+    sandbox::writeFirmware(directory, image.firmwareName, image.version, image.mebibytes << 20U,
+                           image.expectedTimeSeconds);
+    if (image.corrupt) {
+      sandbox::corruptFirmware(directory, image.firmwareName);
+    }
+  }
+}
+
+void installPackages(const std::string& device) {
+  for (const auto& package : kExamplePackages) {
+    sandbox::writePackage(device + package.directory, package.empName, package.firmwareName, package.version,
+                          package.mebibytes << 20U, package.expectedTimeSeconds);
+  }
+}
+
+// The user's own stays.
+void configureDownloads(const std::string& device) {
+  const auto path = device + kDownloadConfiguration;
+  if (fs::exists(path)) {
+    return;
+  }
+  std::ofstream file(path);
+  file << "# Where fw-update download finds packages; https:// and http:// work too.\nurl = file://"
+       << kServer << "\n";
+  if (!file.flush()) {
+    throw Failure(ExitCode::Failed, "cannot write " + path);
+  }
+}
+
+void report(const std::string& device, const std::vector<std::string>& modules,
+            const PackageSecurity& security) {
+  std::cout << "device   " << device << "\n";
+  for (const auto& module : modules) {
+    std::cout << "module   " << module << "\n";
+  }
+  for (const auto& image : kExampleImages) {
+    std::cout << "image    " << std::left << std::setw(9) << image.firmwareName << image.version << "  "
+              << image.directory << (image.corrupt ? "  (corrupt on purpose)" : "") << "\n";
+  }
+  for (const auto& package : kExamplePackages) {
+    std::cout << "package  " << std::left << std::setw(11) << package.empName << package.version << "  "
+              << package.directory << "\n";
+  }
+  std::cout << "verifier "
+            << (security.verifier.empty() ? "none: packages are not checked" : security.verifier) << "\n"
+            << "keys     " << security.signingKey << "  (to sign USB packages with)\n"
+            << "keys     " << security.packageKey << "  (to encrypt them with)\n";
+  std::cout << "next     fw-device run " << device << " -- fw-update list" << std::endl;
+}
+
+}  // namespace
+
+ExitCode initialise(const CommandLine& line) {
+  makeDeviceDirectory(line.directory);
+  if (line.fresh) {
+    forgetState(line.directory);
+  }
+  installImages(line.directory);
+  installPackages(line.directory);
+  configureDownloads(line.directory);
+  const auto modules = installModules(line.directory);
+  report(line.directory, modules, installPackageSecurity(line.directory));
+  return ExitCode::Done;
+}
+
+}  // namespace fwdevice

@@ -1,0 +1,26 @@
+// What a device needs for USB packages: the verification library and keys of its
+// own, made once and kept. Plain functions.
+#ifndef FW_DEVICE_PACKAGE_SECURITY_H
+#define FW_DEVICE_PACKAGE_SECURITY_H
+
+#include <filesystem>
+#include <string>
+
+namespace fwdevice {
+
+// Never overwrites a file in place: a running program may have the old one loaded.
+void installLibrary(const std::filesystem::path& library, const std::string& directory);
+
+struct PackageSecurity {
+  std::string verifier;    // empty when this build has none
+  std::string signingKey;  // the maker's secret, outside what programs on the device see
+  std::string packageKey;
+};
+
+// device is the device's directory; the paths returned are the host's. Throws
+// std::exception.
+PackageSecurity installPackageSecurity(const std::string& device);
+
+}  // namespace fwdevice
+
+#endif

@@ -1,0 +1,28 @@
+#include "tool-location.h"
+
+#include <filesystem>
+
+namespace fwdevice {
+namespace fs = std::filesystem;
+
+std::string toolDirectory() {
+  return fs::read_symlink("/proc/self/exe").parent_path();
+}
+
+std::vector<std::string> moduleDirectories() {
+  const fs::path tool = toolDirectory();
+  std::vector<std::string> directories;
+  for (const char* relative : {"../modules", FW_DEVICE_INSTALLED_MODULES, "../lib/fw-update/modules"}) {
+    const auto directory = (tool / relative).lexically_normal().string();
+    if (directories.empty() || directories.back() != directory) {
+      directories.push_back(directory);
+    }
+  }
+  return directories;
+}
+
+std::string verifierPath() {
+  return (fs::path(toolDirectory()) / "../lib/libkZAQUser.so").lexically_normal();
+}
+
+}  // namespace fwdevice

@@ -1,0 +1,74 @@
+#include "text-layout.h"
+
+#include <json/writer.h>
+
+#include <algorithm>
+#include <cmath>
+#include <sstream>
+
+#include "terminal.h"
+
+namespace tool {
+namespace {
+
+std::string write(const Json::Value& document, const char* indentation) {
+  Json::StreamWriterBuilder builder;
+  builder["indentation"] = indentation;
+  builder["precision"] = 3;
+  builder["precisionType"] = "decimal";
+  return Json::writeString(builder, document) + "\n";
+}
+
+}  // namespace
+
+std::string indented(const Json::Value& document) {
+  return write(document, "  ");
+}
+
+std::string onOneLine(const Json::Value& document) {
+  return write(document, "");
+}
+
+std::string wrapped(const std::string& text, std::size_t width, std::size_t indent) {
+  std::istringstream words(text);
+  std::string result;
+  std::size_t column = 0;
+  for (std::string word; words >> word;) {
+    if (column > indent && column + 1 + word.size() > width) {
+      result += "\n" + std::string(indent, ' ');
+      column = indent;
+    } else if (column > 0) {
+      result += ' ';
+      ++column;
+    } else {
+      column = indent;  // the caller has written what stands before
+    }
+    result += word;
+    column += word.size();
+  }
+  return result;
+}
+
+std::string table(const std::vector<std::vector<std::string>>& rows, std::size_t width) {
+  std::vector<std::size_t> widths;
+  for (const auto& row : rows) {
+    widths.resize(std::max(widths.size(), row.size()));
+    for (std::size_t i = 0; i < row.size(); ++i)
+      widths[i] = std::max(widths[i], row[i].size());
+  }
+  std::string text;
+  for (const auto& row : rows) {
+    std::string line;
+    for (std::size_t i = 0; i + 1 < row.size(); ++i)
+      line += printable(row[i]) + std::string(widths[i] - row[i].size() + 2, ' ');
+    line += wrapped(printable(row.back()), width, line.size());
+    text += line.substr(0, line.find_last_not_of(' ') + 1) + "\n";
+  }
+  return text;
+}
+
+double rounded(double seconds) {
+  return std::round(seconds * 1000) / 1000;
+}
+
+}  // namespace tool
