@@ -1,0 +1,194 @@
+// fw-update download NAME... | --all
+#include <chrono>
+#include <iostream>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "../commands.h"
+#include "../download-reporter.h"
+#include "../library-log.h"
+#include "../library.h"
+#include "../log-meanings.h"
+#include "download-status.h"
+#include "fw-update-symbol-manager.h"
+
+namespace tool {
+namespace {
+
+using fwplatform::DownloadState;
+using fwplatform::DownloadStatus;
+
+constexpr std::chrono::milliseconds redraw{100};
+constexpr const char* requested = "Request (%s) emp download";
+constexpr const char* refusedByPlatform = "%s is not downloaded: %s";
+
+struct Package {
+  std::string module;
+  std::string name;  // the package identifier
+  Finding finding;
+};
+
+std::vector<std::string> wantedModules(const Options& options, const Library& library) {
+  if (!options.allModules)
+    return options.modules;
+  std::vector<std::string> names;
+  for (const FWUpdateItem& item : library.items)
+    if (kindOf(item.file_name) != std::string("EXT"))
+      names.emplace_back(item.file_name);
+  return names;
+}
+
+// The platform says why, the library only that.
+Finding refusal(const LogMessages& messages, const std::string& package) {
+  for (const LogMessage& message : messages)
+    if (message.format == refusedByPlatform && message.arguments.size() > 1 &&
+        message.arguments[0] == package)
+      return {Outcome::DownloadFailed, package + " is not downloaded: " + message.arguments[1], ""};
+  return {Outcome::DownloadFailed, "The platform refused to download " + package + ".",
+          "See the log (--log)."};
+}
+
+bool wasRequested(const LogMessages& messages, const std::string& package) {
+  for (const LogMessage& message : messages)
+    if (message.format == requested && !message.arguments.empty() && message.arguments[0] == package)
+      return true;
+  return false;
+}
+
+Package request(const std::string& module) {
+  const std::size_t mark = LibraryLog::instance().mark();
+  FWUpdateSymbol symbol(module);
+  symbol.loadSymbol(module);
+  Package package{module, symbol.getEMPName(), {}};
+  if (symbol.downloadEMP())
+    package.finding = {Outcome::Ok, "The download of " + package.name + " was requested.", ""};
+  else if (package.name.empty())
+    package.finding = {Outcome::NothingToDo, module + " has no extension package.", ""};
+  else
+    package.finding = refusal(LibraryLog::instance().since(mark), package.name);
+  return package;
+}
+
+// Through the library's own operation for all modules.
+std::vector<Package> requestAll(const std::vector<std::string>& modules) {
+  const std::size_t mark = LibraryLog::instance().mark();
+  FWUpdateSymbolManager::getInstance()->downloadEMPAll();
+  const LogMessages messages = LibraryLog::instance().since(mark);
+  std::vector<Package> packages;
+  for (const std::string& module : modules) {
+    FWUpdateSymbol symbol(module);
+    symbol.loadSymbol(module);
+    Package package{module, symbol.getEMPName(), {}};
+    package.finding = wasRequested(messages, package.name)
+                          ? Finding{Outcome::Ok, "The download of " + package.name + " was requested.", ""}
+                          : refusal(messages, package.name);
+    packages.push_back(package);
+  }
+  return packages;
+}
+
+// Empty while the download runs.
+std::optional<Finding> endOf(const std::string& package, const std::optional<DownloadStatus>& status,
+                             bool running) {
+  if (status && status->state == DownloadState::kDone)
+    return Finding{Outcome::Ok, package + " was downloaded (" + std::to_string(status->received) + " bytes).",
+                   ""};
+  if (status && status->state == DownloadState::kFailed)
+    return Finding{Outcome::DownloadFailed, package + " was not downloaded: " + status->message,
+                   status->remedy};
+  if (running)
+    return std::nullopt;
+  return Finding{Outcome::DownloadFailed, "The download of " + package + " was broken off.",
+                 "Try again: it goes on where it stopped, if the server can."};
+}
+
+void waitForEnd(Package& package, DownloadReporter& reporter) {
+  for (;;) {
+    // In this order: a status read after the end is the last one.
+    const bool running = fwplatform::IsDownloadRunning(package.name);
+    const auto status = fwplatform::ReadDownloadStatus(package.name);
+    if (const auto end = endOf(package.name, status, running)) {
+      package.finding = *end;
+      break;
+    }
+    if (status)
+      reporter.tick(package.name, *status);
+    std::this_thread::sleep_for(redraw);
+  }
+  reporter.finish();
+}
+
+Json::Value toJson(const Package& package) {
+  Json::Value value;
+  value["module"] = package.module;
+  value["package"] = package.name;
+  value["outcome"] = infoOf(package.finding.outcome).id;
+  value["message"] = package.finding.message;
+  if (!package.finding.remedy.empty())
+    value["remedy"] = package.finding.remedy;
+  const auto status = fwplatform::ReadDownloadStatus(package.name);
+  if (package.finding.outcome == Outcome::DownloadFailed && status &&
+      status->state == DownloadState::kFailed && package.finding.remedy == status->remedy)
+    value["reason"] = status->reason;
+  return value;
+}
+
+// The first failure decides, else the first package.
+void conclude(Report& report, const std::vector<Package>& packages) {
+  report.details["packages"] = Json::arrayValue;
+  for (const Package& package : packages)
+    report.details["packages"].append(toJson(package));
+  if (packages.empty()) {
+    report.finding = {Outcome::NothingToDo, "No module has an extension package.", ""};
+    return;
+  }
+  report.finding = packages.front().finding;
+  for (const Package& package : packages)
+    if (package.finding.outcome == Outcome::DownloadFailed) {
+      report.finding = package.finding;
+      break;
+    }
+  if (packages.size() == 1)
+    return;
+  for (const Package& package : packages)
+    report.body += package.finding.message + "\n";
+}
+
+}  // namespace
+
+Report runDownload(const Options& options) {
+  Report report;
+  report.command = "download";
+  const Library library = openLibrary();
+  const std::vector<std::string> modules = wantedModules(options, library);
+  if (library.problem) {
+    report.finding = *library.problem;
+    return report;
+  }
+  for (const std::string& module : modules)
+    if (const auto problem = moduleProblem(library, module)) {
+      report.finding = *problem;
+      return report;
+    }
+
+  std::vector<Package> packages;
+  if (options.allModules)
+    packages = requestAll(modules);
+  else
+    for (const std::string& module : modules)
+      packages.push_back(request(module));
+  const auto reporter = makeDownloadReporter(options);
+  for (Package& package : packages) {
+    const bool accepted = package.finding.outcome == Outcome::Ok;
+    if (accepted)
+      reporter->start(package.name);
+    if (accepted && options.wait)
+      waitForEnd(package, *reporter);
+  }
+  conclude(report, packages);
+  return report;
+}
+
+}  // namespace tool

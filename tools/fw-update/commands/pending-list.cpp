@@ -1,0 +1,110 @@
+// fw-update pending-list
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <exception>
+#include <fstream>
+
+#include "../commands.h"
+#include "../interruption.h"
+#include "../library.h"
+#include "../log-meanings.h"
+#include "fw-update-symbol-manager.h"
+#include "terminal.h"
+
+namespace tool {
+namespace {
+
+constexpr const char* listPath = "/tmp/fwupdate-off-list.txt";
+constexpr const char* needUpdate = "Need Update [%s][%s]";
+
+using Rows = std::vector<std::vector<std::string>>;
+
+// What the library found, which is not always what the file holds.
+Rows found(const LogMessages& messages) {
+  Rows rows;
+  for (const LogMessage& message : messages)
+    if (message.format == needUpdate && message.arguments.size() == 2)
+      rows.push_back({message.arguments[0], message.arguments[1]});
+  return rows;
+}
+
+std::string expectedText(const Rows& rows) {
+  std::string text;
+  for (const auto& row : rows)
+    text += row[0] + " " + row[1] + "\n";
+  return text;
+}
+
+// The library loses a list that cannot be opened or written without a word.
+bool listHolds(const std::string& text) {
+  const int file = open(listPath, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+  if (file < 0)
+    return false;
+  std::string content;
+  char block[4096];
+  ssize_t count = 0;
+  while (content.size() <= text.size() && (count = read(file, block, sizeof block)) > 0)
+    content.append(block, static_cast<std::size_t>(count));
+  close(file);
+  return count >= 0 && content == text;
+}
+
+Finding explain(int result, const LogMessages& messages, const Rows& rows) {
+  if (result < 0)
+    return strongestMeaning(messages, "")
+        .value_or(Finding{Outcome::Unexpected, "The list was not written.", "See the log (--log)."});
+  if (!listHolds(expectedText(rows)))
+    return {Outcome::Unexpected, std::string("The list could not be written to ") + listPath + ".",
+            "Check that it is no directory, that this user may write it, and that /tmp has room."};
+  if (rows.empty())
+    return {Outcome::Ok, std::string("No module needs an update; ") + listPath + " is empty.", ""};
+  return {Outcome::Ok, std::to_string(rows.size()) + " modules are in " + listPath + ".", ""};
+}
+
+// The first Ctrl-C stops the list at the next module; a second ends the tool.
+int writeList(std::size_t mark) {
+  bool running = true;
+  const InterruptionGuard guard(mark, [&running] { __atomic_store_n(&running, false, __ATOMIC_RELAXED); });
+  return FWUpdateSymbolManager::getInstance()->writeFirmwareUpdateList(running);
+}
+
+}  // namespace
+
+Report runPendingList(const Options&) {
+  Report report;
+  report.command = "pending-list";
+  report.details["path"] = listPath;
+  report.details["modules"] = Json::arrayValue;
+  const Library library = openLibrary();
+  if (library.problem) {
+    report.finding = *library.problem;
+    return report;
+  }
+
+  const std::size_t mark = LibraryLog::instance().mark();
+  try {
+    const int result = writeList(mark);
+    const LogMessages messages = LibraryLog::instance().since(mark);
+    const Rows rows = found(messages);
+    report.finding = explain(result, messages, rows);
+    Rows shown{{"LIBRARY", "PACKAGE"}};
+    for (const auto& row : rows) {
+      Json::Value module;
+      module["library"] = row[0];
+      module["package"] = row[1];
+      report.details["modules"].append(module);
+      shown.push_back(row);
+    }
+    if (!rows.empty())
+      report.body = table(shown, terminalWidth(STDOUT_FILENO));
+  } catch (const std::exception& error) {
+    report.finding = {Outcome::ModuleFailed,
+                      std::string("A module broke off with an error of its own: ") + error.what() +
+                          ". The list is incomplete.",
+                      "Install a version of the module that fits this device, or remove it."};
+  }
+  return report;
+}
+
+}  // namespace tool

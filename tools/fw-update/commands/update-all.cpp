@@ -1,0 +1,271 @@
+// fw-update update-all
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <exception>
+#include <future>
+#include <list>
+#include <memory>
+
+#include "../commands.h"
+#include "../interruption.h"
+#include "../library.h"
+#include "../progress-poller.h"
+#include "../run-note.h"
+#include "../run-progress.h"
+#include "../run-reporter.h"
+#include "../update-plan.h"
+#include "fw-update-symbol-manager.h"
+#include "terminal.h"
+
+namespace tool {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr std::chrono::milliseconds redraw{100};
+
+// The ending of the whole run: the first of these that a module had.
+constexpr Outcome severity[] = {Outcome::ModuleFailed, Outcome::TimedOut,     Outcome::NotPermitted,
+                                Outcome::RefusedImage, Outcome::BrokenModule, Outcome::Unexpected};
+
+std::string secondsText(double seconds) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%.1f s", seconds);
+  return text;
+}
+
+// Follows one run from beside it: what the library logs tells whose turn it is.
+class RunFollower {
+ public:
+  RunFollower(std::vector<PlannedModule> planned, RunReporter& to, RunNote& into, std::size_t logMark)
+      : due(std::move(planned)), reporter(to), note(into), mark(logMark) {}
+
+  void tick(bool interrupted) {
+    const std::vector<Turn> turns = currentTurns();
+    tellEnded(turns);
+    if (turns.size() != begun)
+      begin(turns.size());
+    const RunProgress progress =
+        runProgressOf(due, turns, poller ? poller->percent() : std::nullopt, Clock::now());
+    if (interrupted && !interruptionTold) {
+      interruptionTold = true;
+      reporter.goesOn(progress);
+    }
+    // Between the last module and the end there is nothing to draw.
+    if (!turns.empty() && !turns.back().end)
+      reporter.tick(progress);
+  }
+
+  // True when a thread is still inside a module.
+  bool finish() {
+    const std::vector<Turn> turns = currentTurns();
+    tellEnded(turns);
+    stopPolling();
+    reporter.finish();
+    return moduleRuns;
+  }
+
+  std::vector<Turn> currentTurns() const {
+    std::vector<Turn> turns = turnsOf(LibraryLog::instance().since(mark));
+    if (turns.size() > due.size())
+      turns.resize(due.size());
+    return turns;
+  }
+
+ private:
+  void tellEnded(const std::vector<Turn>& turns) {
+    for (; told < turns.size() && turns[told].end; ++told) {
+      const Finding finding = resultOf(turns, due, told);
+      moduleRuns = moduleRuns || finding.outcome == Outcome::TimedOut;
+      reporter.moduleEnded(told + 1, due[told], finding);
+    }
+  }
+
+  void begin(std::size_t number) {
+    begun = number;
+    note.moduleStarted(number);
+    stopPolling();
+    poller = std::make_unique<ProgressPoller>(due[number - 1].library);
+  }
+
+  void stopPolling() {
+    if (poller && !poller->stop())
+      moduleRuns = true;
+    poller.reset();
+  }
+
+  const std::vector<PlannedModule> due;
+  RunReporter& reporter;
+  RunNote& note;
+  const std::size_t mark;
+  std::unique_ptr<ProgressPoller> poller;
+  std::size_t begun = 0;
+  std::size_t told = 0;
+  bool interruptionTold = false;
+  bool moduleRuns = false;
+};
+
+// Marks the registry's modules, and leaves the list for others to read. A list
+// that cannot be written, a link in its place say, keeps nothing from being updated.
+void markModules(Report& report) {
+  FWUpdateSymbolManager& manager = *FWUpdateSymbolManager::getInstance();
+  bool running = true;
+  if (manager.writeFirmwareUpdateList(running) >= 0)
+    return;
+  report.details["warning"] = "The pending list /tmp/fwupdate-off-list.txt could not be written.";
+  std::list<FWUpdateItem> items;
+  char noData[] = "";
+  manager.getUpdateFwItems(items, CALLER_QUERY, noData);
+}
+
+Json::Value endedJson(const PlannedModule& module, const Turn& turn, const Finding& finding) {
+  Json::Value value = planJson(module);
+  value["outcome"] = infoOf(finding.outcome).id;
+  value["message"] = finding.message;
+  if (!finding.remedy.empty())
+    value["remedy"] = finding.remedy;
+  if (turn.end)
+    value["elapsedSeconds"] = rounded(std::chrono::duration<double>(*turn.end - turn.start).count());
+  return value;
+}
+
+// A module that failed may still be busy; only one that is done is asked.
+std::string versionAfter(const Library& library, const std::string& module) {
+  char version[128] = {};
+  return library.facade->fw_getVersion(module.c_str(), version) == 0 ? version : "";
+}
+
+Finding summary(const std::vector<Finding>& findings, const std::vector<PlannedModule>& due, double elapsed) {
+  const auto isUpdated = [](const Finding& finding) { return finding.outcome == Outcome::Updated; };
+  const auto updated = std::count_if(findings.begin(), findings.end(), isUpdated);
+  Finding whole;
+  whole.message = std::to_string(updated) + " of " + std::to_string(due.size()) +
+                  " modules were updated, in " + secondsText(elapsed) + ".";
+  if (static_cast<std::size_t>(updated) == due.size()) {
+    whole.outcome = Outcome::Updated;
+    return whole;
+  }
+  for (const Outcome outcome : severity) {
+    if (std::none_of(findings.begin(), findings.end(),
+                     [=](const Finding& f) { return f.outcome == outcome; }))
+      continue;
+    whole.outcome = outcome;
+    break;
+  }
+  whole.message += " Not updated:";
+  for (std::size_t i = 0; i < findings.size(); ++i)
+    if (!isUpdated(findings[i]))
+      whole.message += (whole.message.back() == ':' ? " " : ", ") + due[i].library + " (" +
+                       infoOf(findings[i].outcome).id + ")";
+  whole.message += ".";
+  whole.remedy = "The modules that are left can be tried again: fw-update update-all";
+  return whole;
+}
+
+void tellResults(Report& report, const Library& library, const UpdatePlan& plan,
+                 const std::vector<Turn>& turns, double elapsed) {
+  const std::vector<PlannedModule> due = plan.due();
+  std::vector<std::vector<std::string>> rows{{"LIBRARY", "RESULT", "VERSION", "TIME", "WHY"}};
+  std::vector<Finding> findings;
+  report.details["modules"] = Json::arrayValue;
+  for (std::size_t i = 0; i < due.size(); ++i) {
+    const Turn turn = i < turns.size() ? turns[i] : Turn{};
+    const Finding finding = resultOf(turns, due, i);
+    Json::Value value = endedJson(due[i], turn, finding);
+    std::string version = due[i].version;
+    if (finding.outcome == Outcome::Updated) {
+      value["versionAfter"] = versionAfter(library, due[i].library);
+      version += " -> " + value["versionAfter"].asString();
+    }
+    rows.push_back({due[i].library, infoOf(finding.outcome).id, version,
+                    turn.end ? secondsText(value["elapsedSeconds"].asDouble()) : "-", finding.message});
+    report.details["modules"].append(value);
+    findings.push_back(finding);
+  }
+  for (const PlannedModule& module : plan.modules)
+    if (!module.due)
+      report.details["modules"].append(planJson(module));
+  report.details["elapsedSeconds"] = rounded(elapsed);
+  report.body = table(rows, terminalWidth(STDOUT_FILENO));
+  report.finding = summary(findings, due, elapsed);
+}
+
+void performRun(Report& report, const Options& options, const Library& library, const UpdatePlan& plan) {
+  std::vector<std::string> names;
+  for (const PlannedModule& module : plan.due())
+    names.push_back(module.library);
+  RunNote note(names);
+  if (note.otherRuns()) {
+    report.finding = {Outcome::AlreadyRunning, "Another update-all is running.", "Wait until it has ended."};
+    return;
+  }
+  const auto reporter = makeRunReporter(options);
+  reporter->start(plan);
+  const std::size_t mark = LibraryLog::instance().mark();
+  std::atomic<bool> interrupted{false};
+  const InterruptionGuard guard(mark, [&interrupted] { interrupted = true; });
+  const Clock::time_point start = Clock::now();
+  auto result = std::async(std::launch::async, [&report] {
+    markModules(report);
+    return FWUpdateSymbolManager::getInstance()->doUpdateFirmwareAll(CALLER_QUERY);
+  });
+  RunFollower follower(plan.due(), *reporter, note, mark);
+  do {
+    follower.tick(interrupted);
+  } while (result.wait_for(redraw) != std::future_status::ready);
+  report.moduleRuns = follower.finish();
+
+  const double elapsed = std::chrono::duration<double>(Clock::now() - start).count();
+  tellResults(report, library, plan, follower.currentTurns(), elapsed);
+  try {
+    report.details["result"] = result.get();
+    note.finished();
+  } catch (const std::exception& error) {
+    report.finding = {
+        Outcome::ModuleFailed,
+        std::string("A module broke off the run with an error of its own: ") + error.what() + ".",
+        "The modules after it were not updated, and the modules were not told that the run is "
+        "over: fw-update all-done does that."};
+  }
+}
+
+}  // namespace
+
+Report runUpdateAll(const Options& options) {
+  Report report;
+  report.command = "update-all";
+  report.details["dryRun"] = options.dryRun;
+  const Library library = openLibrary();
+  if (library.problem) {
+    report.finding = *library.problem;
+    return report;
+  }
+  const UpdatePlan plan = makePlan(library, options.dryRun);
+  report.details["modules"] = Json::arrayValue;
+  for (const PlannedModule& module : plan.modules)
+    report.details["modules"].append(planJson(module));
+  if (plan.problem) {
+    report.finding = *plan.problem;
+    return report;
+  }
+  report.details["expectedSeconds"] = plan.expectedSeconds();
+  if (plan.due().empty()) {
+    report.body = describePlan(plan);
+    report.finding = {Outcome::NothingToDo, "No module needs an update.", ""};
+    return report;
+  }
+  report.details["powerHoldMs"] = plan.powerHoldMs();
+  if (options.dryRun) {
+    report.body = describePlan(plan);
+    report.finding = {Outcome::Ok, std::to_string(plan.due().size()) + " modules would be updated.", ""};
+    return report;
+  }
+  performRun(report, options, library, plan);
+  return report;
+}
+
+}  // namespace tool

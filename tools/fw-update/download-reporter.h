@@ -1,0 +1,33 @@
+// Tells how downloads go while the command waits for them, in the way that the output
+// wants. One per command; used by one thread.
+#ifndef FW_UPDATE_TOOL_DOWNLOAD_REPORTER_H
+#define FW_UPDATE_TOOL_DOWNLOAD_REPORTER_H
+
+#include <memory>
+#include <string>
+
+#include "command-line.h"
+#include "download-status.h"
+
+namespace tool {
+
+class DownloadReporter {
+ public:
+  virtual ~DownloadReporter() = default;
+  DownloadReporter() = default;
+  DownloadReporter(const DownloadReporter&) = delete;
+  DownloadReporter& operator=(const DownloadReporter&) = delete;
+
+  virtual void start(const std::string&) {}
+  virtual void tick(const std::string&, const fwplatform::DownloadStatus&) {}
+  // Of one package. Leaves the terminal as it was.
+  virtual void finish() {}
+};
+
+// One live line on a terminal, one JSON object a line for ndjson, nothing for a JSON
+// document, else a line for every ten percent.
+std::unique_ptr<DownloadReporter> makeDownloadReporter(const Options& options);
+
+}  // namespace tool
+
+#endif

@@ -1,0 +1,119 @@
+#include "interruption.h"
+
+#include <fcntl.h>
+#include <semaphore.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <iostream>
+#include <utility>
+
+#include "fw-update-common.h"
+#include "library-log.h"
+#include "log-meanings.h"
+#include "terminal.h"
+
+namespace tool {
+namespace {
+
+int writeEnd = -1;
+
+// A signal handler can do little; a thread does the work.
+void passOn(int signal) {
+  const int errorNumber = errno;
+  const auto byte = static_cast<unsigned char>(signal);
+  [[maybe_unused]] const auto written = write(writeEnd, &byte, 1);
+  errno = errorNumber;
+}
+
+// The value tells whether the library has posted already.
+void releaseUpdateLock() {
+  sem_t* lock = sem_open(semName, 0);
+  int value = 0;
+  if (lock != SEM_FAILED && sem_getvalue(lock, &value) == 0 && value == 0)
+    sem_post(lock);
+}
+
+// Those of the module whose turn it is, in a run over several.
+LogMessages lastTurn(const LogMessages& messages) {
+  std::size_t begin = 0;
+  for (std::size_t i = 0; i < messages.size(); ++i)
+    if (messages[i].format == text::updateTime)
+      begin = i;
+  return LogMessages(messages.begin() + static_cast<std::ptrdiff_t>(begin), messages.end());
+}
+
+// The library has given the lock back although the module may still work.
+bool gaveLockBack(const LogMessages& turn) {
+  return findMessage(turn, text::timedOut) != nullptr || findMessage(turn, text::powerUnlock) != nullptr;
+}
+
+// The library logs the one message before it waits for the lock, the other one
+// when it has it.
+void leaveUpdate(const LogMessages& all) {
+  const LogMessages messages = lastTurn(all);
+  if (isTerminal(STDOUT_FILENO))
+    std::cout << std::endl;
+  if (gaveLockBack(messages))
+    return;
+  if (findMessage(messages, text::updateTry) != nullptr)
+    releaseUpdateLock();
+  else if (findMessage(messages, text::updateTime) != nullptr)
+    std::cerr << "fw-update: Another update held the lock. If none runs, it was left behind; remove\n"
+                 "/dev/shm/sem.SEM_UPDATE_CONTROL."
+              << std::endl;
+}
+
+// 0: there will be none.
+unsigned char nextSignal(int readEnd) {
+  unsigned char signal = 0;
+  while (read(readEnd, &signal, 1) < 0 && errno == EINTR) {
+  }
+  return signal;
+}
+
+}  // namespace
+
+InterruptionGuard::InterruptionGuard(std::size_t logMark, std::function<void()> onFirst) {
+  int ends[2] = {-1, -1};
+  if (pipe2(ends, O_CLOEXEC) != 0)
+    return;
+  readEnd = ends[0];
+  writeEnd = ends[1];
+  watcher = std::thread([this, logMark, onFirst = std::move(onFirst)] { watch(logMark, onFirst); });
+  for (std::size_t i = 0; i < watchedCount; ++i) {
+    struct sigaction action = {};
+    // A reader that went away does not end an update.
+    action.sa_handler = watched[i] == SIGPIPE ? SIG_IGN : passOn;
+    action.sa_flags = SA_RESTART;
+    sigaction(watched[i], nullptr, &before[i]);
+    if (before[i].sa_handler != SIG_IGN)  // nohup stays nohup
+      sigaction(watched[i], &action, nullptr);
+  }
+}
+
+InterruptionGuard::~InterruptionGuard() {
+  if (!watcher.joinable())
+    return;
+  for (std::size_t i = 0; i < watchedCount; ++i)
+    sigaction(watched[i], &before[i], nullptr);
+  passOn(0);
+  watcher.join();
+  close(readEnd);
+  close(writeEnd);
+}
+
+void InterruptionGuard::watch(std::size_t logMark, const std::function<void()>& onFirst) const {
+  unsigned char signal = nextSignal(readEnd);
+  if (signal != 0 && onFirst) {
+    onFirst();
+    signal = nextSignal(readEnd);
+  }
+  if (signal == 0)
+    return;
+  leaveUpdate(LibraryLog::instance().since(logMark));
+  std::signal(signal, SIG_DFL);
+  kill(getpid(), signal);
+}
+
+}  // namespace tool

@@ -1,0 +1,43 @@
+// What the library's messages mean to people. Pure: everything is derived from
+// recorded messages, so any thread may ask.
+#ifndef FW_UPDATE_TOOL_LOG_MEANINGS_H
+#define FW_UPDATE_TOOL_LOG_MEANINGS_H
+
+#include <optional>
+#include <string>
+
+#include "library-log.h"
+#include "outcomes.h"
+
+namespace tool {
+
+// The message formats that mark the way of an update.
+namespace text {
+inline constexpr const char* needTry = "%s Firmware isNeedUpdateModules Try(%s)";
+inline constexpr const char* updateTry = "%s Firmware Update Try";
+inline constexpr const char* runProcessTry = "%s Firmware runProcess Try";
+inline constexpr const char* updateTime = "%s update time %d ms";
+inline constexpr const char* updateAllTry = "Try doUpdateFirmwareAll";
+inline constexpr const char* powerUnlock = "device_power_unlock_state";
+inline constexpr const char* timedOut = "%s";  // of update_timeout_wrapper
+}  // namespace text
+
+// The most telling of the messages, as an ending with its sentences. module is
+// the library name that the sentences speak of. Empty when none tells anything.
+std::optional<Finding> strongestMeaning(const LogMessages& messages, const std::string& module);
+
+// How an update request ended, from the facade's result and the messages that
+// were logged while it ran.
+Finding explainUpdate(int result, const LogMessages& messages, const std::string& module);
+
+// The expected duration in seconds and the time after which the library gives
+// up, once the library has logged them. The sum wraps as the library's does.
+struct TimeLimit {
+  unsigned int expected = 0;
+  unsigned int givesUp = 0;  // 0: never
+};
+std::optional<TimeLimit> timeLimit(const LogMessages& messages);
+
+}  // namespace tool
+
+#endif

@@ -1,0 +1,118 @@
+#include "progress-reporter.h"
+
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+
+#include "milestones.h"
+#include "report.h"
+#include "terminal.h"
+
+namespace tool {
+namespace {
+
+// Draws the line again and again on its place.
+class LiveReporter : public ProgressReporter {
+ public:
+  void tick(const UpdateProgress& progress) override {
+    if (progress.phase != Phase::Updating && progress.elapsed < noticeableWait)
+      return;
+    const std::string line = liveLine(progress, terminalWidth(STDOUT_FILENO) - 1);
+    std::cout << '\r' << (progress.overdue() ? coloured(line, Colour::Yellow, STDOUT_FILENO) : line)
+              << "\x1b[K" << std::flush;
+    drawn = true;
+  }
+  void finish() override {
+    if (drawn)
+      std::cout << "\r\x1b[K" << std::flush;
+  }
+
+ private:
+  bool drawn = false;
+};
+
+class PlainReporter : public ProgressReporter {
+ public:
+  void start(const Options& options) override {
+    std::cout << options.module << ": update requested by " << options.caller->name << std::endl;
+  }
+  void tick(const UpdateProgress& progress) override {
+    if (milestones.reached(progress))
+      std::cout << plainLine(progress) << std::endl;
+  }
+
+ private:
+  Milestones milestones;
+};
+
+class NdjsonReporter : public ProgressReporter {
+ public:
+  void start(const Options& options) override {
+    Json::Value event;
+    event["event"] = "start";
+    event["module"] = options.module;
+    event["caller"] = options.caller->name;
+    std::cout << onOneLine(event) << std::flush;
+  }
+  void tick(const UpdateProgress& progress) override {
+    if (progress.phase == Phase::Updating)
+      updating(progress);
+    else if (progress.phase == Phase::Waiting && progress.elapsed >= noticeableWait)
+      putOnce(progress, "waiting", waitingTold);
+  }
+
+ private:
+  void updating(const UpdateProgress& progress) {
+    if (!progressTold || progress.percent != lastPercent)
+      put(progress, "progress");
+    progressTold = true;
+    lastPercent = progress.percent;
+    if (progress.overdue())
+      putOnce(progress, "overdue", overdueTold);
+  }
+  static void putOnce(const UpdateProgress& progress, const char* name, bool& told) {
+    if (!told)
+      put(progress, name);
+    told = true;
+  }
+  static void put(const UpdateProgress& progress, const char* name) {
+    Json::Value event;
+    event["event"] = name;
+    event["elapsedSeconds"] = rounded(progress.elapsed);
+    if (progress.phase == Phase::Updating && progress.percent)
+      event["percent"] = *progress.percent;
+    if (progress.limit) {
+      event["expectedSeconds"] = progress.limit->expected;
+      if (progress.limit->givesUp != 0)
+        event["givesUpAtSeconds"] = progress.limit->givesUp;
+    }
+    std::cout << onOneLine(event) << std::flush;
+  }
+
+  std::optional<unsigned int> lastPercent;
+  bool progressTold = false;
+  bool waitingTold = false;
+  bool overdueTold = false;
+};
+
+}  // namespace
+
+bool hasLiveLine() {
+  const char* sink = std::getenv("FW_UPDATE_LOG");
+  const bool logInBetween = sink != nullptr && std::strcmp(sink, "stderr") == 0 && isatty(STDERR_FILENO) == 1;
+  return isTerminal(STDOUT_FILENO) && !logInBetween;
+}
+
+std::unique_ptr<ProgressReporter> makeProgressReporter(const Options& options) {
+  if (options.ndjson)
+    return std::make_unique<NdjsonReporter>();
+  if (options.json)
+    return std::make_unique<ProgressReporter>();
+  if (hasLiveLine())
+    return std::make_unique<LiveReporter>();
+  return std::make_unique<PlainReporter>();
+}
+
+}  // namespace tool

@@ -1,0 +1,173 @@
+#include "run-note.h"
+
+#include <fcntl.h>
+#include <json/reader.h>
+#include <json/value.h>
+#include <json/writer.h>
+#include <semaphore.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <memory>
+#include <utility>
+
+#include "fw-update-common.h"
+
+namespace tool {
+namespace {
+
+constexpr const char* noteDirectory = "/run/fw-update";
+constexpr const char* lockFile = "update-all.lock";
+constexpr const char* noteFile = "update-all.json";
+constexpr const char* unfinishedFile = "update-all.json.new";
+constexpr std::size_t greatestNote = 1024 * 1024;
+
+int openDirectory() {
+  const int descriptor = open(noteDirectory, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+  struct stat status {};
+  if (descriptor >= 0 && fstat(descriptor, &status) == 0 &&
+      (status.st_uid == 0 || status.st_uid == geteuid()) && (status.st_mode & 022) == 0)
+    return descriptor;
+  if (descriptor >= 0)
+    close(descriptor);
+  return -1;
+}
+
+bool writeAll(int file, const std::string& text) {
+  for (std::size_t at = 0; at < text.size();) {
+    const ssize_t written = ::write(file, text.data() + at, text.size() - at);
+    if (written < 0 && errno == EINTR)
+      continue;
+    if (written <= 0)
+      return false;
+    at += static_cast<std::size_t>(written);
+  }
+  return true;
+}
+
+std::string readAll(int file) {
+  std::string text;
+  char block[4096];
+  for (ssize_t count; text.size() < greatestNote && (count = read(file, block, sizeof block)) > 0;)
+    text.append(block, static_cast<std::size_t>(count));
+  return text;
+}
+
+Json::Value parseNote(const std::string& text) {
+  Json::CharReaderBuilder builder;
+  Json::CharReaderBuilder::strictMode(&builder.settings_);
+  const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+  Json::Value note;
+  std::string errors;
+  if (!reader->parse(text.data(), text.data() + text.size(), &note, &errors) || !note.isObject() ||
+      !note["modules"].isArray() || !note["number"].isUInt())
+    return {};
+  for (const Json::Value& module : note["modules"])
+    if (!module.isString())
+      return {};
+  return note;
+}
+
+// An update that was killed cannot have given it back.
+bool updateLockIsTaken() {
+  sem_t* const semaphore = sem_open(semName, 0);
+  if (semaphore == SEM_FAILED)
+    return false;
+  int value = 1;
+  sem_getvalue(semaphore, &value);
+  sem_close(semaphore);
+  return value == 0;
+}
+
+Finding describe(const Json::Value& note) {
+  const Json::Value& modules = note["modules"];
+  const unsigned int number = note["number"].asUInt();
+  const std::string current = number > 0 && number <= modules.size() ? modules[number - 1].asString() : "";
+  std::string left;
+  for (Json::ArrayIndex i = number > 0 ? number - 1 : 0; i < modules.size(); ++i)
+    left += (left.empty() ? "" : ", ") + modules[i].asString();
+  Finding finding;
+  finding.outcome = Outcome::Stopped;
+  finding.message = "The last update-all was interrupted ";
+  finding.message += current.empty() ? "before its first module"
+                                     : "at " + current + " (" + std::to_string(number) + " of " +
+                                           std::to_string(modules.size()) + ")";
+  finding.message += ". Not updated, or not for certain: " + left + ".";
+  if (updateLockIsTaken())
+    finding.remedy = "If no other update runs, remove /dev/shm/sem.SEM_UPDATE_CONTROL, which it left taken. ";
+  finding.remedy += "Run it again, it takes up what is left: fw-update update-all";
+  if (!current.empty())
+    finding.remedy += ". Check the version with: fw-update info " + current;
+  return finding;
+}
+
+}  // namespace
+
+RunNote::RunNote(std::vector<std::string> names) : libraries(std::move(names)) {
+  mkdir(noteDirectory, 0755);
+  directory = openDirectory();
+  if (directory < 0)
+    return;  // a run without a note is better than none
+  lock = openat(directory, lockFile, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644);
+  busy = lock >= 0 && flock(lock, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+  if (!busy)
+    write(0);
+}
+
+RunNote::~RunNote() {
+  if (lock >= 0)
+    close(lock);
+  if (directory >= 0)
+    close(directory);
+}
+
+void RunNote::moduleStarted(std::size_t number) {
+  write(number);
+}
+
+void RunNote::finished() {
+  if (directory >= 0 && !busy)
+    unlinkat(directory, noteFile, 0);
+}
+
+void RunNote::write(std::size_t number) const {
+  if (directory < 0)
+    return;
+  Json::Value note;
+  note["number"] = static_cast<Json::UInt>(number);
+  note["modules"] = Json::arrayValue;
+  for (const std::string& library : libraries)
+    note["modules"].append(library);
+  const int file =
+      openat(directory, unfinishedFile, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
+  if (file < 0)
+    return;
+  const bool written = writeAll(file, Json::writeString(Json::StreamWriterBuilder(), note));
+  close(file);
+  // One rename, so that there is a whole note at every moment.
+  if (written)
+    renameat(directory, unfinishedFile, directory, noteFile);
+}
+
+std::optional<Finding> takeInterruptedRun() {
+  const int directory = openDirectory();
+  if (directory < 0)
+    return std::nullopt;
+  std::optional<Finding> finding;
+  const int lock = openat(directory, lockFile, O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+  const int file = openat(directory, noteFile, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+  if (file >= 0 && lock >= 0 && flock(lock, LOCK_EX | LOCK_NB) == 0) {
+    const Json::Value note = parseNote(readAll(file));
+    if (note.isObject())
+      finding = describe(note);
+    unlinkat(directory, noteFile, 0);
+  }
+  for (const int descriptor : {file, lock, directory})
+    if (descriptor >= 0)
+      close(descriptor);
+  return finding;
+}
+
+}  // namespace tool

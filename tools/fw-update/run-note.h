@@ -1,0 +1,45 @@
+// A note of the update-all run that is under way, in /run/fw-update, so that the
+// next command can tell of one that was cut off. The run holds a file lock, which
+// the kernel takes back however the process ends. One thread.
+#ifndef FW_UPDATE_TOOL_RUN_NOTE_H
+#define FW_UPDATE_TOOL_RUN_NOTE_H
+
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "outcomes.h"
+
+namespace tool {
+
+class RunNote {
+ public:
+  // libraries: the run's modules in their order.
+  explicit RunNote(std::vector<std::string> libraries);
+  ~RunNote();
+  RunNote(const RunNote&) = delete;
+  RunNote& operator=(const RunNote&) = delete;
+
+  // Another process has a run under way.
+  bool otherRuns() const { return busy; }
+  // number: from 1; the ones before have ended.
+  void moduleStarted(std::size_t number);
+  // The run came to its end: there is nothing to tell.
+  void finished();
+
+ private:
+  void write(std::size_t number) const;
+
+  const std::vector<std::string> libraries;
+  int directory = -1;
+  int lock = -1;
+  bool busy = false;
+};
+
+// What a run that was cut off left behind, told once: the note is taken away.
+std::optional<Finding> takeInterruptedRun();
+
+}  // namespace tool
+
+#endif
