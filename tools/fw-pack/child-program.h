@@ -1,0 +1,19 @@
+// Runs another program to its end. One thread; errors are thrown as Failure.
+#ifndef FW_PACK_CHILD_PROGRAM_H
+#define FW_PACK_CHILD_PROGRAM_H
+
+#include <string>
+#include <vector>
+
+#include "files.h"
+
+namespace fwpack {
+
+// Whether it ended with 0. What it writes to standard output goes to block, what it
+// writes to standard error is dropped. arguments[0] is looked up in PATH; package
+// is where it comes from, for the sentence when it is missing.
+bool runProgram(const std::vector<std::string>& arguments, const char* package, const Block& block);
+
+}  // namespace fwpack
+
+#endif

@@ -1,0 +1,202 @@
+#include "command-line.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <iostream>
+#include <string>
+
+#include "commands.h"
+
+namespace fwpack {
+namespace {
+
+constexpr char exitCodes[] = "Exit codes: 0 done, 1 failed, 2 usage, 3 refused (verify)";
+
+// What a module's 128-byte buffers hold; a USB package's version block holds less.
+constexpr std::size_t longestVersion = 127;
+constexpr std::size_t longestPackageVersion = 63;
+
+std::string checkVersion(const std::string& version, std::size_t longest) {
+  if (version.empty() || version.size() > longest) {
+    return "a version has 1 to " + std::to_string(longest) + " characters";
+  }
+  const bool printable =
+      std::all_of(version.begin(), version.end(), [](char c) { return c >= ' ' && c <= '~'; });
+  return printable ? "" : "a version is printable ASCII text";
+}
+
+std::string checkName(const std::string& name) {
+  const bool good =
+      !name.empty() && name.size() <= longestVersion && std::all_of(name.begin(), name.end(), [](char c) {
+        return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+      });
+  return good ? "" : "a firmware name and a package identifier have ASCII letters and digits only";
+}
+
+void addInput(CLI::App& app, Options& options, const char* name, const char* what) {
+  app.add_option(name, options.input, what)->required()->type_name("");
+}
+
+CLI::Option* addOutput(CLI::App& app, Options& options, const char* what) {
+  return app.add_option("-o,--output", options.output, what)->type_name("FILE");
+}
+
+void addVersion(CLI::App& app, Options& options, std::size_t longest) {
+  app.add_option("--version", options.version, "The firmware's version")
+      ->required()
+      ->type_name("TEXT")
+      ->check([longest](const std::string& version) { return checkVersion(version, longest); });
+}
+
+void addExpectedTime(CLI::App& app, Options& options) {
+  app.add_option("--expected-time", options.expectedTime, "How long the update takes")
+      ->required()
+      ->type_name("SECONDS");
+}
+
+void addName(CLI::App& app, Options& options, const char* option, const char* what) {
+  app.add_option(option, options.name, what)->required()->type_name("NAME")->check(checkName);
+}
+
+void addPublicKeys(CLI::App& app, Options& options) {
+  auto* const file = app.add_option("--public-key", options.publicKeyFile, "Check against this PEM alone");
+  file->type_name("FILE");
+  app.add_option("--keys", options.keyDirectory, "Check against this directory's *.pem")
+      ->type_name("DIR")
+      ->capture_default_str()
+      ->excludes(file);
+}
+
+void addJson(CLI::App& app, Options& options) {
+  app.add_flag("--json", options.json, "Print one JSON document");
+}
+
+void declareInfo(CLI::App& app, Options& options) {
+  addInput(app, options, "IMAGE", "The firmware image");
+  addVersion(app, options, longestVersion);
+  addExpectedTime(app, options);
+  addOutput(app, options, "Default: info.json beside the image");
+}
+
+void declareImage(CLI::App& app, Options& options) {
+  addInput(app, options, "IMAGE", "The firmware image");
+  app.add_option("--type", options.type, "For which images: " + imageTypes())
+      ->required()
+      ->type_name("TYPE")
+      ->check([](const std::string& type) {
+        return isImageType(type) ? std::string() : "the types are " + imageTypes();
+      });
+  addName(app, options, "--name", "Firmware name, such as tunerfw");
+  addVersion(app, options, longestVersion);
+  addExpectedTime(app, options);
+  app.add_option("--into", options.output, "The directory to lay it out in")->required()->type_name("DIR");
+}
+
+void declareEmp(CLI::App& app, Options& options) {
+  addInput(app, options, "IMAGE", "The firmware image");
+  addName(app, options, "--id", "Package identifier, such as tunerempfw");
+  addVersion(app, options, longestVersion);
+  addExpectedTime(app, options);
+  addOutput(app, options, "Default: identifier and .img, in the current directory");
+}
+
+void declareUsb(CLI::App& app, Options& options) {
+  addInput(app, options, "IMAGE", "The firmware image");
+  addVersion(app, options, longestPackageVersion);
+  app.add_option("--key-file", options.keyFile, "The key to encrypt with: 32 raw bytes")
+      ->required()
+      ->type_name("FILE");
+  app.add_option("--signing-key", options.signingKeyFile, "The private key to sign with: PEM")
+      ->required()
+      ->type_name("FILE");
+  addOutput(app, options, "The package: firmware name and .bin")->required();
+}
+
+void declareKeygen(CLI::App& app, Options& options) {
+  app.add_option("KIND", options.type, keyKinds())
+      ->required()
+      ->type_name("")
+      ->check([](const std::string& kind) {
+        return isKeyKind(kind) ? std::string() : "the kinds of key are " + keyKinds();
+      });
+  app.add_option("FILE", options.output, "The new secret key; never overwritten")->required()->type_name("");
+  app.add_option("--public", options.publicKeyFile, "Its public key; default: FILE.pem")->type_name("FILE");
+}
+
+void declareVerify(CLI::App& app, Options& options) {
+  addInput(app, options, "PACKAGE", "The USB package");
+  addPublicKeys(app, options);
+  addJson(app, options);
+}
+
+void declareInspect(CLI::App& app, Options& options) {
+  addInput(app, options, "FILE", "An image, an info.json, a directory of both, or a package");
+  app.add_option("--key-file", options.keyFile, "Look into a USB package with this key")->type_name("FILE");
+  addPublicKeys(app, options);
+  addJson(app, options);
+}
+
+constexpr Command commands[] = {
+    {"info", "Write the info.json of an image", "fw-pack info tuner.bin --version 2.0.0 --expected-time 30",
+     declareInfo, runInfo},
+    {"image", "Lay out an image with its info.json as an update finds it",
+     "fw-pack image tuner.bin --type sbox --name tunerfw --version 2.0.0 --expected-time 30 --into sbox",
+     declareImage, runImage},
+    {"emp", "Make an extension package image; same input, same bytes",
+     "fw-pack emp tuner.bin --id tunerempfw --version 2.0.0 --expected-time 30", declareEmp, runEmp},
+    {"usb", "Make an encrypted, signed USB package",
+     "fw-pack usb tuner.bin --version 2.0.0 --key-file package.key --signing-key maker.key -o tunerfw.bin",
+     declareUsb, runUsb},
+    {"keygen", "Make a key", "fw-pack keygen ed25519 maker.key", declareKeygen, runKeygen},
+    {"verify", "Check the signature of a USB package",
+     "fw-pack verify tunerfw.bin --public-key maker.key.pem", declareVerify, runVerify},
+    {"inspect", "Show what a file is", "fw-pack inspect tunerfw.bin --key-file package.key --json",
+     declareInspect, runInspect},
+};
+
+void addCommand(CLI::App& app, Options& options, const Command& command) {
+  CLI::App* const sub = app.add_subcommand(command.name, command.summary);
+  sub->footer(std::string("Example: ") + command.example + "\n" + exitCodes);
+  command.declare(*sub, options);
+  sub->callback([&options, &command] { options.command = &command; });
+}
+
+ExitCode usageError(const CLI::App& app, const std::string& sentence) {
+  const auto chosen = app.get_subcommands();
+  const auto command = chosen.empty() ? std::string() : chosen.front()->get_name() + " ";
+  std::cerr << "fw-pack: " << sentence << "\nTry: fw-pack " << command << "--help\n";
+  return ExitCode::Usage;
+}
+
+std::string reason(const CLI::App& app, const CLI::ParseError& error, int argc, char** argv) {
+  const bool unknown = app.get_subcommands().empty() && argc > 1 && argv[1][0] != '-';
+  return unknown ? std::string("there is no command ") + argv[1] : error.what();
+}
+
+}  // namespace
+
+std::variant<Options, ExitCode> parseCommandLine(int argc, char** argv) {
+  Options options;
+  CLI::App app("Makes firmware packages and says what they are.", "fw-pack");
+  app.set_version_flag("--version", "fw-pack " FW_PACK_VERSION);
+  app.require_subcommand(1);
+  app.footer(std::string("Each command explains itself: fw-pack usb --help\n") + exitCodes);
+  for (const Command& command : commands) {
+    addCommand(app, options, command);
+  }
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::Success& wanted) {
+    app.exit(wanted);
+    return ExitCode::Done;
+  } catch (const CLI::ParseError& error) {
+    return usageError(app, reason(app, error, argc, argv));
+  }
+  return options;
+}
+
+void warn(const std::string& sentence) {
+  std::cerr << "fw-pack: warning: " << sentence << std::endl;
+}
+
+}  // namespace fwpack

@@ -1,0 +1,58 @@
+// fw-pack emp IMAGE --id IDENTIFIER
+#include <sys/stat.h>
+
+#include <iostream>
+
+#include "../child-program.h"
+#include "../commands.h"
+#include "../files.h"
+#include "../information.h"
+
+namespace fwpack {
+namespace {
+
+// As the library derives it: without the first "emp".
+std::string firmwareNameOf(const std::string& identifier) {
+  const auto at = identifier.find("emp");
+  if (at == std::string::npos || identifier.size() == 3) {
+    throw Failure(ExitCode::Usage,
+                  "the package identifier " + identifier + " must be a firmware name with \"emp\" in it");
+  }
+  std::string name = identifier;
+  return name.erase(at, 3);
+}
+
+void makeSquashfs(const std::string& content, const std::string& target) {
+  std::string messages;
+  const bool made =
+      runProgram({"mksquashfs", content, target, "-noappend", "-no-progress", "-comp", "gzip", "-all-root",
+                  "-no-xattrs", "-mkfs-time", "0", "-all-time", "0", "-reproducible"},
+                 "squashfs-tools", [&](const unsigned char* bytes, std::size_t size) {
+                   messages.append(reinterpret_cast<const char*>(bytes), size);
+                 });
+  if (!made) {
+    throw Failure(ExitCode::Failed, "mksquashfs failed: " + messages);
+  }
+}
+
+}  // namespace
+
+ExitCode runEmp(const Options& options) {
+  const std::string firmwareName = firmwareNameOf(options.name);
+  const InputFile image(options.input);
+  const std::string output = options.output.empty() ? options.name + ".img" : options.output;
+  const TemporaryDirectory content;
+  OutputFile information(content.path() + "/info.json", publicMode);
+  information.write(toText(describe(image, options.version, options.expectedTime)));
+  information.commit();
+  copyFile(image, content.path() + "/" + firmwareName + ".bin");
+  ::chmod(content.path().c_str(), 0755);  // the mode is part of the image
+
+  OutputFile package(output, publicMode);
+  makeSquashfs(content.path(), package.unfinished());
+  package.commit();
+  std::cout << output << std::endl;
+  return ExitCode::Done;
+}
+
+}  // namespace fwpack

@@ -1,0 +1,71 @@
+// fw-pack image IMAGE --type TYPE
+#include <filesystem>
+#include <iostream>
+#include <iterator>
+
+#include "../commands.h"
+#include "../files.h"
+#include "../information.h"
+
+namespace fwpack {
+namespace {
+
+struct ImageType {
+  const char* name;
+  bool folderPerFirmware;  // else image and info.json lie in the directory itself
+  const char* place;       // what the directory becomes on the device
+};
+
+// An extension package is mounted on a directory of its own, so its content has
+// no further folder.
+constexpr ImageType types[] = {
+    {"builtin", true, "/lib/firmware/ext"},
+    {"sbox", true, "/opt/usr/share/sbox"},
+    {"usb", true, "the top of a USB drive"},
+    {"emp", false, "the content of an extension package"},
+};
+
+const ImageType* findType(const std::string& name) {
+  for (const ImageType& type : types) {
+    if (name == type.name) {
+      return &type;
+    }
+  }
+  return nullptr;
+}
+
+}  // namespace
+
+std::string imageTypes() {
+  std::string names;
+  for (const ImageType& type : types) {
+    names += (names.empty() ? "" : ", ") + std::string(type.name);
+  }
+  return names;
+}
+
+bool isImageType(const std::string& name) {
+  return findType(name) != nullptr;
+}
+
+ExitCode runImage(const Options& options) {
+  const ImageType& type = *findType(options.type);
+  const InputFile image(options.input);
+  const Information information = describe(image, options.version, options.expectedTime);
+  std::filesystem::path folder = options.output;
+  if (type.folderPerFirmware) {
+    folder /= options.name;
+  }
+  std::filesystem::create_directories(folder);
+  const std::string binary = (folder / (options.name + ".bin")).string();
+  OutputFile description((folder / "info.json").string(), publicMode);
+  description.write(toText(information));
+  copyFile(image, binary);
+  description.commit();
+  std::cout << binary << "\n"
+            << (folder / "info.json").string() << "\n"
+            << options.output << " is for " << type.place << std::endl;
+  return ExitCode::Done;
+}
+
+}  // namespace fwpack

@@ -1,0 +1,262 @@
+// fw-pack inspect FILE
+#include <json/writer.h>
+
+#include <algorithm>
+#include <boost/crc.hpp>
+#include <filesystem>
+#include <iostream>
+#include <optional>
+#include <sstream>
+
+#include "../child-program.h"
+#include "../commands.h"
+#include "../facts.h"
+#include "../files.h"
+#include "../information.h"
+#include "../package-cipher.h"
+#include "../signature-check.h"
+
+namespace fwpack {
+namespace {
+
+namespace fs = std::filesystem;
+
+using ImageCrc = boost::crc_optimal<32, 0x01B23CA3, 0, 0, false, false>;
+
+constexpr char squashfsMagic[] = "hsqs";
+constexpr std::size_t largestInformation = 65536;
+
+std::string hexCrc(std::uint32_t crc) {
+  const unsigned char bytes[] = {static_cast<unsigned char>(crc >> 24U),
+                                 static_cast<unsigned char>(crc >> 16U),
+                                 static_cast<unsigned char>(crc >> 8U), static_cast<unsigned char>(crc)};
+  return std::to_string(crc) + " (0x" + fwpackage::toHex(bytes, sizeof bytes) + ")";
+}
+
+void addCrc(Facts& facts, const char* member, const char* label, std::uint32_t crc) {
+  facts.add(member, label, crc, hexCrc(crc));
+}
+
+void addInformation(Facts& facts, const Information& information) {
+  facts.add("version", "version", information.version);
+  addCrc(facts, "statedCrc", "stated CRC", information.crc);
+  facts.add("expectedTime", "expected time", information.expectedTime,
+            std::to_string(information.expectedTime) + " s");
+}
+
+void addMatch(Facts& facts, bool matches) {
+  facts.add("crcMatches", "CRC check", matches, matches ? "the image is what info.json states" : "DIFFERENT");
+}
+
+// ---- USB packages -----------------------------------------------------------
+
+struct Plaintext {
+  std::string versionBlock;
+  std::uint64_t imageSize = 0;
+  ImageCrc crc;
+  bool paddingFits = false;
+
+  void add(const unsigned char* bytes, std::size_t size) {
+    const std::size_t head = std::min(size, versionBlockSize - versionBlock.size());
+    versionBlock.append(reinterpret_cast<const char*>(bytes), head);
+    crc.process_bytes(bytes + head, size - head);
+    imageSize += size - head;
+  }
+  std::string version() const { return versionBlock.substr(0, versionBlock.find('\0')); }
+  // A wrong key gives random bytes: nearly always wrong padding, and no text.
+  bool looksRight() const {
+    const std::string text = version();
+    return paddingFits && versionBlock.size() == versionBlockSize && !text.empty() &&
+           std::all_of(text.begin(), text.end(), [](char c) { return c >= ' ' && c <= '~'; }) &&
+           versionBlock.find_first_not_of('\0', text.size()) == std::string::npos;
+  }
+};
+
+Plaintext decrypt(const InputFile& file, const secret::Secret& key) {
+  Iv iv;
+  file.read(0, iv.size(), [&](const unsigned char* bytes, std::size_t size) {
+    std::copy(bytes, bytes + size, iv.begin());
+  });
+  Plaintext plaintext;
+  const Block keep = [&](const unsigned char* bytes, std::size_t size) { plaintext.add(bytes, size); };
+  PackageCipher cipher(key, iv, PackageCipher::Direction::Decrypt);
+  file.read(ivSize, file.size() - ivSize - fwpackage::trailerSize,
+            [&](const unsigned char* bytes, std::size_t size) { cipher.add(bytes, size, keep); });
+  plaintext.paddingFits = cipher.finish(keep);
+  return plaintext;
+}
+
+void addContent(Facts& facts, const InputFile& file, const Options& options) {
+  const secret::Secret key = secret::readPackageKey(options.keyFile);
+  if (!key.warning.empty()) {
+    warn(key.warning);
+  }
+  const Plaintext plaintext = decrypt(file, key);
+  const bool fits = plaintext.looksRight();
+  facts.add("keyFits", "key", fits, fits ? "fits" : "does not fit, or the package is damaged");
+  if (fits) {
+    facts.add("version", "version", plaintext.version());
+    facts.add("imageSize", "image size", Json::UInt64(plaintext.imageSize));
+    addCrc(facts, "imageCrc", "image CRC", plaintext.crc.checksum());
+  }
+}
+
+void inspectPackage(Facts& facts, const InputFile& file, const Options& options,
+                    const fwpackage::SignatureReport& signature) {
+  const bool sizeFits = file.size() >= smallestPackage && file.size() <= largestPackage &&
+                        (file.size() - ivSize - fwpackage::trailerSize) % cipherBlock == 0;
+  facts.add("kind", "kind", "usb-package", "USB package");
+  facts.add("size", "size", Json::UInt64(file.size()));
+  facts.add("sizeFits", "size check", sizeFits, sizeFits ? "as a package's" : "NOT a package's");
+  facts.add("signature", "signature", toJson(signature), toText(signature));
+  if (!sizeFits) {
+    return;
+  }
+  const std::string iv = file.text(0, ivSize);
+  facts.add("iv", "IV", fwpackage::toHex(reinterpret_cast<const unsigned char*>(iv.data()), iv.size()));
+  facts.add("ciphertextSize", "ciphertext", Json::UInt64(file.size() - ivSize - fwpackage::trailerSize));
+  if (!options.keyFile.empty()) {
+    addContent(facts, file, options);
+  }
+}
+
+// ---- extension packages -----------------------------------------------------
+
+bool contentOf(const std::string& package, const std::string& name, const Block& block) {
+  return runProgram({"unsquashfs", "-cat", package, name}, "squashfs-tools", block);
+}
+
+std::string textOf(const std::string& package, const std::string& name) {
+  std::string text;
+  contentOf(package, name, [&](const unsigned char* bytes, std::size_t size) {
+    text.append(reinterpret_cast<const char*>(bytes), std::min(size, largestInformation - text.size()));
+  });
+  return text;
+}
+
+// The one "*.bin" at the top of the package; empty when there is none.
+std::string imageIn(const std::string& package) {
+  std::string names;
+  runProgram({"unsquashfs", "-l", "-d", "", package}, "squashfs-tools",
+             [&](const unsigned char* bytes, std::size_t size) {
+               names.append(reinterpret_cast<const char*>(bytes), size);
+             });
+  std::istringstream lines(names);
+  for (std::string line; std::getline(lines, line);) {
+    const fs::path path = line;
+    if (path.extension() == ".bin" && path.parent_path() == "/") {
+      return path.filename().string();
+    }
+  }
+  return "";
+}
+
+void inspectExtensionPackage(Facts& facts, const InputFile& file) {
+  // An absolute path is no option, whatever the file is called.
+  const std::string package = fs::absolute(file.path()).string();
+  facts.add("kind", "kind", "emp-image", "extension package image (squashfs)");
+  facts.add("size", "size", Json::UInt64(file.size()));
+  addCrc(facts, "crc", "CRC", imageCrc(file));
+  const std::string image = imageIn(package);
+  const auto information = parseInformation(textOf(package, "info.json"));
+  facts.add("informationValid", "info.json", information.has_value(),
+            information ? "valid" : "MISSING or invalid");
+  if (information) {
+    addInformation(facts, *information);
+  }
+  facts.add("image", "image", image, image.empty() ? "MISSING" : image);
+  if (image.empty()) {
+    return;
+  }
+  ImageCrc crc;
+  std::uint64_t size = 0;
+  const bool readable = contentOf(package, image, [&](const unsigned char* bytes, std::size_t count) {
+    crc.process_bytes(bytes, count);
+    size += count;
+  });
+  facts.add("imageSize", "image size", Json::UInt64(size));
+  addCrc(facts, "imageCrc", "image CRC", crc.checksum());
+  if (information) {
+    addMatch(facts, readable && crc.checksum() == information->crc);
+  }
+}
+
+// ---- images and their description --------------------------------------------
+
+void inspectInformation(Facts& facts, const InputFile& file, const Information& information) {
+  facts.add("kind", "kind", "info.json", "description of an image (info.json)");
+  facts.add("size", "size", Json::UInt64(file.size()));
+  addInformation(facts, information);
+}
+
+std::optional<Information> informationBeside(const fs::path& image) {
+  const fs::path path = image.parent_path() / "info.json";
+  std::error_code missing;
+  if (!fs::is_regular_file(path, missing)) {
+    return std::nullopt;
+  }
+  return parseInformation(InputFile(path.string()).text(0, largestInformation));
+}
+
+void inspectImage(Facts& facts, const InputFile& file) {
+  facts.add("kind", "kind", "image", "firmware image, or anything else");
+  facts.add("size", "size", Json::UInt64(file.size()));
+  const std::uint32_t crc = imageCrc(file);
+  addCrc(facts, "crc", "CRC", crc);
+  if (const auto information = informationBeside(file.path())) {
+    addInformation(facts, *information);
+    addMatch(facts, crc == information->crc);
+  }
+}
+
+bool isSquashfs(const InputFile& file) {
+  return file.text(0, sizeof squashfsMagic - 1) == squashfsMagic;
+}
+
+// A firmware directory stands for its image.
+std::string imageOfDirectory(const std::string& directory) {
+  for (const auto& entry : fs::directory_iterator(directory)) {
+    if (entry.path().extension() == ".bin") {
+      return entry.path().string();
+    }
+  }
+  throw Failure(ExitCode::Failed, directory + " is a directory without an image (*.bin)");
+}
+
+void inspectFile(Facts& facts, const Options& options) {
+  const InputFile file(options.input);
+  const auto information =
+      file.size() <= largestInformation ? parseInformation(file.text(0, largestInformation)) : std::nullopt;
+  if (information) {
+    return inspectInformation(facts, file, *information);
+  }
+  if (isSquashfs(file)) {
+    return inspectExtensionPackage(facts, file);
+  }
+  const fwpackage::SignatureReport signature = checkSignature(options);
+  // With a key it is looked into as a package, even when the trailer is gone.
+  if (signature.trailer.state != fwpackage::Trailer::State::Missing || !options.keyFile.empty()) {
+    return inspectPackage(facts, file, options, signature);
+  }
+  inspectImage(facts, file);
+}
+
+}  // namespace
+
+ExitCode runInspect(const Options& options) {
+  Options chosen = options;
+  if (fs::is_directory(options.input)) {
+    chosen.input = imageOfDirectory(options.input);
+  }
+  Facts facts;
+  facts.add("file", "file", chosen.input);
+  inspectFile(facts, chosen);
+  if (options.json) {
+    std::cout << Json::writeString(Json::StreamWriterBuilder(), facts.toJson()) << std::endl;
+  } else {
+    std::cout << facts.toText() << std::flush;
+  }
+  return ExitCode::Done;
+}
+
+}  // namespace fwpack

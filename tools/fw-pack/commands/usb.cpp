@@ -1,0 +1,77 @@
+// fw-pack usb IMAGE
+#include <openssl/rand.h>
+
+#include <algorithm>
+#include <iostream>
+
+#include "../commands.h"
+#include "../package-cipher.h"
+#include "../signing.h"
+
+namespace fwpack {
+namespace {
+
+Iv newIv() {
+  Iv iv;
+  if (RAND_bytes(iv.data(), static_cast<int>(iv.size())) != 1) {
+    throw Failure(ExitCode::Failed, "the system gives no random numbers");
+  }
+  return iv;
+}
+
+void requireUsableSize(const InputFile& image) {
+  if (image.size() == 0) {
+    throw Failure(ExitCode::Failed, image.path() + " is empty; modules refuse an empty image");
+  }
+  if (packageSize(image.size()) > largestPackage) {
+    throw Failure(ExitCode::Failed, image.path() + " is too large: a package has at most " +
+                                        std::to_string(largestPackage) + " bytes");
+  }
+}
+
+secret::Secret withWarning(secret::Secret secret) {
+  if (!secret.warning.empty()) {
+    warn(secret.warning);
+  }
+  return secret;
+}
+
+// Everything but the trailer goes through here: into the file and the digest.
+void writeContent(const InputFile& image, const std::string& version, const secret::Secret& key,
+                  const Block& output) {
+  const Iv iv = newIv();
+  output(iv.data(), iv.size());
+  PackageCipher cipher(key, iv, PackageCipher::Direction::Encrypt);
+  std::array<unsigned char, versionBlockSize> versionBlock{};
+  std::copy(version.begin(), version.end(), versionBlock.begin());
+  cipher.add(versionBlock.data(), versionBlock.size(), output);
+  image.readAll([&](const unsigned char* bytes, std::size_t size) { cipher.add(bytes, size, output); });
+  cipher.finish(output);
+}
+
+}  // namespace
+
+ExitCode runUsb(const Options& options) {
+  const secret::Secret key = withWarning(secret::readPackageKey(options.keyFile));
+  const secret::Secret pem = withWarning(secret::readSecretFile(options.signingKeyFile));
+  const SigningKey signer(pem, options.signingKeyFile);
+  const InputFile image(options.input);
+  requireUsableSize(image);
+
+  OutputFile package(options.output, publicMode);
+  fwpackage::PackageDigest digest(signer.algorithm());
+  writeContent(image, options.version, key, [&](const unsigned char* bytes, std::size_t size) {
+    package.write(bytes, size);
+    digest.add(bytes, size);
+  });
+  const fwpackage::TrailerBytes trailer = signer.makeTrailer(digest);
+  package.write(trailer.data(), trailer.size());
+  package.commit();
+
+  const fwpackage::KeyId keyId = signer.keyId();
+  std::cout << options.output << ", signed with " << signer.algorithm().name << " key "
+            << fwpackage::toHex(keyId.data(), keyId.size()) << std::endl;
+  return ExitCode::Done;
+}
+
+}  // namespace fwpack

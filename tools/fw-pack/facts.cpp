@@ -1,0 +1,43 @@
+#include "facts.h"
+
+#include <algorithm>
+
+namespace fwpack {
+namespace {
+
+// A file supplied it: control characters must not reach a terminal.
+std::string printable(std::string text) {
+  std::replace_if(
+      text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < ' ' || c == '\x7f'; },
+      '?');
+  return text;
+}
+
+}  // namespace
+
+void Facts::add(const char* member, const char* label, const Json::Value& value, const std::string& text) {
+  facts_.push_back({member, label, value, text.empty() ? value.asString() : text});
+}
+
+Json::Value Facts::toJson() const {
+  Json::Value document(Json::objectValue);
+  for (const Fact& fact : facts_) {
+    document[fact.member] = fact.value;
+  }
+  return document;
+}
+
+std::string Facts::toText() const {
+  std::size_t width = 0;
+  for (const Fact& fact : facts_) {
+    width = std::max(width, std::string(fact.label).size());
+  }
+  std::string text;
+  for (const Fact& fact : facts_) {
+    const std::string label = fact.label;
+    text += label + std::string(width - label.size() + 2, ' ') + printable(fact.text) + "\n";
+  }
+  return text;
+}
+
+}  // namespace fwpack

@@ -1,0 +1,158 @@
+#include "files.h"
+
+#include <fcntl.h>
+#include <stdio.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <boost/crc.hpp>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <system_error>
+#include <utility>
+#include <vector>
+
+#include "exit-code.h"
+
+namespace fwpack {
+namespace {
+
+constexpr std::size_t blockSize = 65536;
+
+void requireReplaceable(const std::string& path, Existing existing) {
+  struct stat status = {};
+  if (::lstat(path.c_str(), &status) != 0) {
+    return;
+  }
+  if (!S_ISREG(status.st_mode)) {
+    throw Failure(ExitCode::Failed, path + " is there and is no regular file; name another output");
+  }
+  if (existing == Existing::Keep) {
+    throw Failure(ExitCode::Failed, path + " is there already and is not overwritten");
+  }
+}
+
+}  // namespace
+
+void failWithErrno(const std::string& sentence) {
+  throw Failure(ExitCode::Failed, sentence + ": " + std::strerror(errno));
+}
+
+InputFile::InputFile(const std::string& path)
+    : path_(path), descriptor_(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)) {
+  struct stat status = {};
+  if (descriptor_ < 0 || ::fstat(descriptor_, &status) != 0) {
+    failWithErrno(path + " cannot be read");
+  }
+  if (!S_ISREG(status.st_mode)) {
+    ::close(descriptor_);
+    throw Failure(ExitCode::Failed, path + " is no regular file");
+  }
+  size_ = static_cast<std::uint64_t>(status.st_size);
+}
+
+InputFile::~InputFile() {
+  ::close(descriptor_);
+}
+
+void InputFile::read(std::uint64_t offset, std::uint64_t size, const Block& block) const {
+  std::vector<unsigned char> buffer(blockSize);
+  while (size > 0) {
+    const auto wanted = static_cast<std::size_t>(std::min<std::uint64_t>(size, buffer.size()));
+    const ssize_t got = ::pread(descriptor_, buffer.data(), wanted, static_cast<off_t>(offset));
+    if (got < 0 && errno == EINTR) {
+      continue;
+    }
+    if (got < 0) {
+      failWithErrno(path_ + " cannot be read");
+    }
+    if (got == 0) {
+      throw Failure(ExitCode::Failed, path_ + " became shorter while it was read");
+    }
+    block(buffer.data(), static_cast<std::size_t>(got));
+    offset += static_cast<std::uint64_t>(got);
+    size -= static_cast<std::uint64_t>(got);
+  }
+}
+
+std::string InputFile::text(std::uint64_t offset, std::size_t size) const {
+  std::string text;
+  const std::uint64_t there = size_ > offset ? size_ - offset : 0;
+  read(offset, std::min<std::uint64_t>(size, there), [&](const unsigned char* bytes, std::size_t count) {
+    text.append(reinterpret_cast<const char*>(bytes), count);
+  });
+  return text;
+}
+
+OutputFile::OutputFile(std::string path, mode_t mode, Existing existing)
+    : path_(std::move(path)), unfinished_(path_ + ".XXXXXX"), mode_(mode), existing_(existing) {
+  requireReplaceable(path_, existing_);
+  descriptor_ = ::mkostemp(unfinished_.data(), O_CLOEXEC);
+  if (descriptor_ < 0) {
+    failWithErrno(path_ + " cannot be written");
+  }
+}
+
+OutputFile::~OutputFile() {
+  if (descriptor_ >= 0) {
+    ::close(descriptor_);
+    ::unlink(unfinished_.c_str());
+  }
+}
+
+void OutputFile::write(const unsigned char* bytes, std::size_t size) {
+  while (size > 0) {
+    const ssize_t done = ::write(descriptor_, bytes, size);
+    if (done < 0 && errno == EINTR) {
+      continue;
+    }
+    if (done < 0) {
+      failWithErrno(path_ + " cannot be written");
+    }
+    bytes += done;
+    size -= static_cast<std::size_t>(done);
+  }
+}
+
+void OutputFile::write(const std::string& text) {
+  write(reinterpret_cast<const unsigned char*>(text.data()), text.size());
+}
+
+void OutputFile::commit() {
+  requireReplaceable(path_, existing_);
+  const unsigned int flags = existing_ == Existing::Keep ? RENAME_NOREPLACE : 0;
+  if (::fchmod(descriptor_, mode_) != 0 || ::fsync(descriptor_) != 0 ||
+      ::renameat2(AT_FDCWD, unfinished_.c_str(), AT_FDCWD, path_.c_str(), flags) != 0) {
+    failWithErrno(path_ + " cannot be written");
+  }
+  ::close(std::exchange(descriptor_, -1));
+}
+
+std::uint32_t imageCrc(const InputFile& image) {
+  boost::crc_optimal<32, 0x01B23CA3, 0, 0, false, false> crc;
+  image.readAll([&](const unsigned char* bytes, std::size_t size) { crc.process_bytes(bytes, size); });
+  return crc.checksum();
+}
+
+void copyFile(const InputFile& from, const std::string& to) {
+  OutputFile output(to, publicMode);
+  from.readAll([&](const unsigned char* bytes, std::size_t size) { output.write(bytes, size); });
+  output.commit();
+}
+
+TemporaryDirectory::TemporaryDirectory() {
+  path_ = (std::filesystem::temp_directory_path() / "fw-pack.XXXXXX").string();
+  if (::mkdtemp(path_.data()) == nullptr) {
+    failWithErrno("no temporary directory can be made at " + path_);
+  }
+}
+
+TemporaryDirectory::~TemporaryDirectory() {
+  std::error_code ignored;
+  std::filesystem::remove_all(path_, ignored);
+}
+
+}  // namespace fwpack

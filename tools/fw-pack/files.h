@@ -1,0 +1,86 @@
+// Files that fw-pack reads and writes. An output appears whole or not at all: it is
+// written beside its place and renamed. One thread; errors are thrown as Failure.
+#ifndef FW_PACK_FILES_H
+#define FW_PACK_FILES_H
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <string>
+
+namespace fwpack {
+
+using Block = std::function<void(const unsigned char* bytes, std::size_t size)>;
+
+class InputFile {
+ public:
+  // Regular files only.
+  explicit InputFile(const std::string& path);
+  InputFile(const InputFile&) = delete;
+  InputFile& operator=(const InputFile&) = delete;
+  ~InputFile();
+
+  const std::string& path() const { return path_; }
+  std::uint64_t size() const { return size_; }
+  // Bytes offset to offset + size, in blocks. A file that has become shorter fails.
+  void read(std::uint64_t offset, std::uint64_t size, const Block& block) const;
+  void readAll(const Block& block) const { read(0, size_, block); }
+  // A small part as a whole; cut at the file's end.
+  std::string text(std::uint64_t offset, std::size_t size) const;
+
+ private:
+  std::string path_;
+  int descriptor_;
+  std::uint64_t size_ = 0;
+};
+
+enum class Existing { Replace, Keep };
+
+class OutputFile {
+ public:
+  // What stands at path must be a regular file, or nothing. mode as for chmod.
+  OutputFile(std::string path, mode_t mode, Existing existing = Existing::Replace);
+  OutputFile(const OutputFile&) = delete;
+  OutputFile& operator=(const OutputFile&) = delete;
+  ~OutputFile();
+
+  // Where the content is until commit.
+  const std::string& unfinished() const { return unfinished_; }
+  void write(const unsigned char* bytes, std::size_t size);
+  void write(const std::string& text);
+  void commit();
+
+ private:
+  std::string path_;
+  std::string unfinished_;
+  mode_t mode_;
+  Existing existing_;
+  int descriptor_ = -1;
+};
+
+inline constexpr mode_t publicMode = 0644;
+inline constexpr mode_t secretMode = 0600;
+
+// CRC-32 as "info.json" states it.
+std::uint32_t imageCrc(const InputFile& image);
+
+void copyFile(const InputFile& from, const std::string& to);
+
+// A directory that is removed with everything in it.
+class TemporaryDirectory {
+ public:
+  TemporaryDirectory();
+  TemporaryDirectory(const TemporaryDirectory&) = delete;
+  TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
+  ~TemporaryDirectory();
+  const std::string& path() const { return path_; }
+
+ private:
+  std::string path_;
+};
+
+}  // namespace fwpack
+
+#endif

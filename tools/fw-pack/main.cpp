@@ -1,0 +1,37 @@
+// fw-pack: makes firmware packages and says what they are.
+#include <exception>
+#include <iostream>
+#include <variant>
+
+#include "command-line.h"
+#include "exit-code.h"
+
+namespace {
+
+using fwpack::ExitCode;
+
+ExitCode report(ExitCode code, const std::exception& error) {
+  std::cerr << "fw-pack: " << error.what() << std::endl;
+  return code;
+}
+
+ExitCode perform(int argc, char** argv) {
+  const auto parsed = fwpack::parseCommandLine(argc, argv);
+  if (const auto* ended = std::get_if<ExitCode>(&parsed)) {
+    return *ended;
+  }
+  const auto& options = std::get<fwpack::Options>(parsed);
+  try {
+    return options.command->run(options);
+  } catch (const fwpack::Failure& failure) {
+    return report(failure.code(), failure);
+  } catch (const std::exception& error) {
+    return report(ExitCode::Failed, error);
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  return static_cast<int>(perform(argc, argv));
+}

@@ -1,0 +1,23 @@
+// The signature of a package as the options want it checked.
+#ifndef FW_PACK_SIGNATURE_CHECK_H
+#define FW_PACK_SIGNATURE_CHECK_H
+
+#include <json/value.h>
+
+#include "command-line.h"
+#include "package-signature.h"
+
+namespace fwpack {
+
+// Throws Failure when the public key that the options name cannot be used.
+fwpackage::SignatureReport checkSignature(const Options& options);
+
+// "verdict", "valid", and "algorithm" and "keyId" as far as the trailer says them.
+Json::Value toJson(const fwpackage::SignatureReport& report);
+
+// "the signature is valid (ed25519, key 0123456789abcdef)"
+std::string toText(const fwpackage::SignatureReport& report);
+
+}  // namespace fwpack
+
+#endif

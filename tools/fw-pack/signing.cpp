@@ -1,0 +1,123 @@
+#include "signing.h"
+
+#include <openssl/err.h>
+#include <openssl/pem.h>
+#include <openssl/rsa.h>
+
+#include <algorithm>
+#include <vector>
+
+#include "exit-code.h"
+#include "public-keys.h"
+
+namespace fwpack {
+namespace {
+
+using fwpackage::Bio;
+
+int noPassPhrase(char*, int, int, void*) {
+  return -1;
+}
+
+void require(bool done, const char* what) {
+  if (!done) {
+    const char* const reason = ERR_reason_error_string(ERR_get_error());
+    throw Failure(ExitCode::Failed,
+                  std::string(what) + (reason != nullptr ? std::string(": ") + reason : ""));
+  }
+}
+
+fwpackage::Key parsePrivateKey(const secret::Secret& pem) {
+  const Bio bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
+  return fwpackage::Key(bio ? PEM_read_bio_PrivateKey(bio.get(), nullptr, noPassPhrase, nullptr) : nullptr);
+}
+
+fwpackage::Key generate(const fwpackage::Algorithm& algorithm) {
+  if (algorithm.signsDigestAsMessage) {
+    return fwpackage::Key(EVP_PKEY_Q_keygen(nullptr, nullptr, algorithm.keyType));
+  }
+  return fwpackage::Key(
+      EVP_PKEY_Q_keygen(nullptr, nullptr, algorithm.keyType, static_cast<std::size_t>(algorithm.keyBits)));
+}
+
+// signature has room for the algorithm's size; returns what was written.
+std::size_t sign(const fwpackage::Algorithm& algorithm, EVP_PKEY* key,
+                 const std::vector<unsigned char>& digest, unsigned char* signature) {
+  std::size_t size = algorithm.signatureSize;
+  if (algorithm.signsDigestAsMessage) {
+    const fwpackage::DigestContext context(EVP_MD_CTX_new());
+    require(context && EVP_DigestSignInit(context.get(), nullptr, nullptr, nullptr, key) == 1 &&
+                EVP_DigestSign(context.get(), signature, &size, digest.data(), digest.size()) == 1,
+            "signing failed");
+    return size;
+  }
+  const fwpackage::KeyContext context(EVP_PKEY_CTX_new(key, nullptr));
+  require(context && EVP_PKEY_sign_init(context.get()) == 1 &&
+              EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_PKCS1_PADDING) == 1 &&
+              EVP_PKEY_CTX_set_signature_md(context.get(), EVP_get_digestbyname(algorithm.digest)) == 1 &&
+              EVP_PKEY_sign(context.get(), signature, &size, digest.data(), digest.size()) == 1,
+          "signing failed");
+  return size;
+}
+
+// PEM text in memory, wiped when it goes: it may be a private key.
+class PemBuffer {
+ public:
+  PemBuffer() : bio_(BIO_new(BIO_s_secmem())) { require(bio_ != nullptr, "no memory"); }
+  BIO* get() { return bio_.get(); }
+  void writeTo(OutputFile& file) {
+    char* text = nullptr;
+    const long size = BIO_get_mem_data(bio_.get(), &text);
+    file.write(reinterpret_cast<const unsigned char*>(text), static_cast<std::size_t>(size));
+  }
+
+ private:
+  Bio bio_;
+};
+
+}  // namespace
+
+SigningKey::SigningKey(const secret::Secret& pem, const std::string& name)
+    : key_(parsePrivateKey(pem)), algorithm_(key_ ? fwpackage::algorithmOf(key_.get()) : nullptr) {
+  if (!key_) {
+    throw Failure(ExitCode::Failed, name + " holds no private key in PEM without a pass phrase");
+  }
+  if (algorithm_ == nullptr) {
+    throw Failure(ExitCode::Failed, name + " is no key to sign packages with: RSA of 4096 bits or Ed25519");
+  }
+}
+
+SigningKey::SigningKey(const fwpackage::Algorithm& algorithm)
+    : key_(generate(algorithm)), algorithm_(&algorithm) {
+  require(key_ != nullptr, "no key could be made");
+}
+
+fwpackage::KeyId SigningKey::keyId() const {
+  return fwpackage::keyIdOf(key_.get());
+}
+
+fwpackage::TrailerBytes SigningKey::makeTrailer(fwpackage::PackageDigest& content) const {
+  const fwpackage::HeaderBytes header = fwpackage::makeHeader(*algorithm_, keyId());
+  fwpackage::TrailerBytes trailer{};
+  std::copy(header.begin(), header.end(), trailer.begin());
+  content.add(header.data(), header.size());
+  const std::size_t size =
+      sign(*algorithm_, key_.get(), content.finish(), trailer.data() + fwpackage::headerSize);
+  require(size == algorithm_->signatureSize, "the signature has an unexpected size");
+  return trailer;
+}
+
+void SigningKey::writePrivatePem(OutputFile& file) const {
+  PemBuffer pem;
+  require(PEM_write_bio_PKCS8PrivateKey(pem.get(), key_.get(), nullptr, nullptr, 0, nullptr, nullptr) == 1,
+          "the private key cannot be written");
+  pem.writeTo(file);
+}
+
+void SigningKey::writePublicPem(OutputFile& file) const {
+  PemBuffer pem;
+  require(PEM_write_bio_PUBKEY(pem.get(), key_.get()) == 1, "the public key cannot be written");
+  pem.writeTo(file);
+}
+
+}  // namespace fwpack

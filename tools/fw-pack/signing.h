@@ -1,0 +1,38 @@
+// Keys that sign packages, and the trailer they make. Errors are thrown as Failure.
+#ifndef FW_PACK_SIGNING_H
+#define FW_PACK_SIGNING_H
+
+#include <string>
+
+#include "files.h"
+#include "package-signature.h"
+#include "secret-file.h"
+
+namespace fwpack {
+
+class SigningKey {
+ public:
+  // A PEM private key without a pass phrase, of a kind that a package can be signed
+  // with; name is for messages.
+  SigningKey(const secret::Secret& pem, const std::string& name);
+
+  // A new key of this algorithm.
+  explicit SigningKey(const fwpackage::Algorithm& algorithm);
+
+  const fwpackage::Algorithm& algorithm() const { return *algorithm_; }
+  fwpackage::KeyId keyId() const;
+
+  // content: the digest of everything before the trailer, not finished.
+  fwpackage::TrailerBytes makeTrailer(fwpackage::PackageDigest& content) const;
+
+  void writePrivatePem(OutputFile& file) const;
+  void writePublicPem(OutputFile& file) const;
+
+ private:
+  fwpackage::Key key_;
+  const fwpackage::Algorithm* algorithm_;
+};
+
+}  // namespace fwpack
+
+#endif
