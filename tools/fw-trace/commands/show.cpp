@@ -1,0 +1,32 @@
+// fw-trace show
+#include "../commands.h"
+#include "../entry-line.h"
+#include "../filter.h"
+#include "../selection.h"
+
+namespace tracetool {
+
+Report runShow(const Options& options) {
+  Selection selection = selectTraces(options);
+  Report report = selection.problem;
+  report.details["messages"] = Json::arrayValue;
+  const std::vector<Entry> entries = entriesOf(selection.files);
+  const Filter filter(options, entries);
+  for (const Entry& entry : entries) {
+    if (!filter.accepts(entry.message))
+      continue;
+    if (options.json)
+      report.details["messages"].append(jsonOf(entry));
+    else
+      report.body += lineOf(entry);
+  }
+  if (report.outcome == Outcome::Ok && report.body.empty() && report.details["messages"].empty()) {
+    report.outcome = Outcome::NothingFound;
+    report.message = "No message fits.";
+  }
+  for (const std::string& line : skippedOf(selection.files))
+    report.details["skipped"].append(line);
+  return report;
+}
+
+}  // namespace tracetool

@@ -1,0 +1,65 @@
+#include "entry-line.h"
+
+#include <unistd.h>
+
+#include "log-text.h"
+#include "terminal.h"
+#include "time-text.h"
+
+namespace tracetool {
+namespace {
+
+std::string withoutLineFeeds(const std::string& text) {
+  const std::size_t last = text.find_last_not_of('\n');
+  return last == std::string::npos ? "" : text.substr(0, last + 1);
+}
+
+// Texts of modules and of damaged files: safe to show, and valid UTF-8.
+std::string safe(const std::string& text) {
+  return fwplatform::PrintableText(text);
+}
+
+std::string inColour(const std::string& text) {
+  if (text.rfind("Error", 0) == 0)
+    return tool::coloured(text, tool::Colour::Red, STDOUT_FILENO);
+  if (text.rfind("=====", 0) == 0)
+    return tool::coloured(text, tool::Colour::Bold, STDOUT_FILENO);
+  return text;
+}
+
+Json::Value jsonOf(const Value& value) {
+  if (value.kind == Value::Kind::Number)
+    return static_cast<Json::Int>(value.number);
+  return value.kind == Value::Kind::Null ? Json::Value() : Json::Value(safe(value.text));
+}
+
+}  // namespace
+
+std::string lineOf(const Entry& entry) {
+  const Message& message = entry.message;
+  const std::string thread =
+      std::to_string(entry.file->trace.processId) + "/" + std::to_string(message.threadId);
+  return timeOfDay(message.time) + "  " + thread +
+         std::string(thread.size() < 15 ? 15 - thread.size() : 0, ' ') + "  " + safe(message.function) + "(" +
+         std::to_string(message.line) + ")  " + inColour(safe(withoutLineFeeds(message.text))) + "\n";
+}
+
+Json::Value jsonOf(const Entry& entry) {
+  const Message& message = entry.message;
+  Json::Value value;
+  value["time"] = static_cast<double>(message.time / 1000) / 1e6;
+  value["nanoseconds"] = Json::Int64{message.time};
+  value["processId"] = entry.file->trace.processId;
+  value["threadId"] = message.threadId;
+  value["file"] = safe(message.file);
+  value["function"] = safe(message.function);
+  value["line"] = message.line;
+  value["format"] = safe(message.format);
+  value["text"] = safe(message.text);
+  value["arguments"] = Json::arrayValue;
+  for (const Value& argument : message.values)
+    value["arguments"].append(jsonOf(argument));
+  return value;
+}
+
+}  // namespace tracetool

@@ -1,0 +1,35 @@
+// Which messages to show. Made from the options; any thread.
+#ifndef FW_TRACE_FILTER_H
+#define FW_TRACE_FILTER_H
+
+#include <cstdint>
+#include <limits>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "command-line.h"
+#include "selection.h"
+
+namespace tracetool {
+
+class Filter {
+ public:
+  // entries: in time order; a time without a day is on the day of the last one. They
+  // also tell which firmware name belongs to which module.
+  Filter(const Options& options, const std::vector<Entry>& entries);
+
+  bool accepts(const Message& message) const;
+
+ private:
+  bool namesModule(const Message& message) const;
+
+  std::set<std::string> names;  // of the module wanted; empty: any
+  std::string function;
+  std::int64_t since = std::numeric_limits<std::int64_t>::min();
+  std::int64_t until = std::numeric_limits<std::int64_t>::max();
+};
+
+}  // namespace tracetool
+
+#endif

@@ -1,0 +1,71 @@
+// fw-trace: the traces of firmware updates. Parses, runs one command, puts its
+// report out and exits with the report's code.
+#include <unistd.h>
+
+#include <exception>
+#include <iostream>
+#include <variant>
+
+#include "command-line.h"
+#include "outcome.h"
+#include "terminal.h"
+#include "text-layout.h"
+
+namespace {
+
+using namespace tracetool;
+
+Report run(const Options& options) {
+  try {
+    return options.command->run(options);
+  } catch (const std::exception& error) {
+    Report report;
+    report.outcome = Outcome::Unexpected;
+    report.message = std::string("Unexpected error: ") + error.what();
+    return report;
+  }
+}
+
+void putJson(const Report& report, const std::string& command) {
+  const OutcomeInfo& info = infoOf(report.outcome);
+  Json::Value document = report.details;
+  document["command"] = command;
+  document["ok"] = info.exitCode == 0;
+  document["outcome"] = info.id;
+  document["exitCode"] = info.exitCode;
+  if (!report.message.empty())
+    document["message"] = report.message;
+  std::cout << tool::indented(document) << std::flush;
+}
+
+void putText(const Report& report) {
+  std::cout << report.body << std::flush;
+  for (const Json::Value& line : report.details["skipped"])
+    std::cerr << tool::coloured("fw-trace: ", tool::Colour::Yellow, STDERR_FILENO)
+              << tool::printable(line.asString()) << '\n';
+  if (report.message.empty())
+    return;
+  const bool failed = report.outcome != Outcome::Ok;
+  std::ostream& stream = failed ? std::cerr : std::cout;
+  if (failed)
+    stream << tool::coloured("fw-trace: ", tool::Colour::Red, STDERR_FILENO);
+  stream << report.message << '\n';
+}
+
+int put(const Report& report, const std::string& command, bool json) {
+  if (json && !report.raw)
+    putJson(report, command);
+  else
+    putText(report);
+  return std::cout.good() ? infoOf(report.outcome).exitCode : infoOf(Outcome::Unexpected).exitCode;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const auto parsed = parseCommandLine(argc, argv);
+  if (const auto* ended = std::get_if<Ended>(&parsed))
+    return ended->usageError ? put(*ended->usageError, "", ended->json) : 0;
+  const auto& options = std::get<Options>(parsed);
+  return put(run(options), options.command->name, options.json);
+}

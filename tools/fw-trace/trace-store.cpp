@@ -1,0 +1,113 @@
+#include "trace-store.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <optional>
+
+#include "trace-directory.h"
+#include "trace-format.h"
+#include "unique-fd.h"
+
+namespace tracetool {
+namespace {
+
+using namespace fwplatform::trace;
+namespace fs = std::filesystem;
+
+constexpr std::uint64_t largestFile = std::uint64_t{1} << 30;
+
+// As many of the bytes as the file has.
+std::size_t readAt(int fd, char* to, std::size_t size, std::uint64_t offset) {
+  std::size_t done = 0;
+  while (done < size) {
+    const ssize_t count = pread(fd, to + done, size - done, static_cast<off_t>(offset + done));
+    if (count < 0 && errno == EINTR)
+      continue;
+    if (count <= 0)
+      break;
+    done += static_cast<std::size_t>(count);
+  }
+  return done;
+}
+
+std::optional<ChunkHeader> chunkAt(int fd, std::uint64_t offset) {
+  ChunkHeader chunk;
+  if (readAt(fd, reinterpret_cast<char*>(&chunk), sizeof chunk, offset) != sizeof chunk)
+    return std::nullopt;
+  return chunk;
+}
+
+// A ring may be overwritten while it is copied: what counts is the end from before
+// the copy and the beginning from after it.
+void settleRing(int fd, std::string& bytes, std::uint64_t offset, const ChunkHeader& before) {
+  const auto after = chunkAt(fd, offset);
+  if (!after || offset + sizeof before > bytes.size())
+    return;
+  ChunkHeader settled = before;
+  settled.tail = std::min(after->tail, settled.head);
+  std::memcpy(bytes.data() + offset, &settled, sizeof settled);
+}
+
+std::string copyOf(int fd, std::uint64_t size) {
+  std::string bytes(static_cast<std::size_t>(size), '\0');
+  std::uint64_t offset = readAt(fd, bytes.data(), std::min<std::size_t>(bytes.size(), kFileHeaderSize), 0);
+  while (offset < size) {
+    const auto chunk = chunkAt(fd, offset);
+    const bool sound = chunk && chunk->magic == kChunkMagic && chunk->size >= sizeof *chunk;
+    const std::uint64_t step = std::min(sound ? chunk->size : kUnit - offset % kUnit, size - offset);
+    readAt(fd, bytes.data() + offset, static_cast<std::size_t>(step), offset);
+    if (sound && chunk->kind == kRingChunk)
+      settleRing(fd, bytes, offset, *chunk);
+    offset += step;
+  }
+  return bytes;
+}
+
+}  // namespace
+
+TraceFile loadTrace(const std::string& path) {
+  TraceFile file;
+  file.path = path;
+  const fwplatform::UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  struct stat status = {};
+  if (!fd || fstat(fd.get(), &status) != 0) {
+    file.problem = std::string("The file cannot be opened: ") + std::strerror(errno) + ".";
+    return file;
+  }
+  if (!S_ISREG(status.st_mode)) {
+    file.problem = "This is no file.";
+    return file;
+  }
+  file.bytes = static_cast<std::uint64_t>(status.st_size);
+  if (file.bytes > largestFile) {
+    file.problem = "The file is too large for a trace.";
+    return file;
+  }
+  // An empty file is not asked: its process is about to take the lock.
+  file.alive = file.bytes > 0 && IsOfLiveProcess(fd.get());
+  ReadResult read = readTrace(copyOf(fd.get(), file.bytes));
+  file.problem = read.problem;
+  file.trace = std::move(read.trace);
+  return file;
+}
+
+std::vector<TraceFile> loadTraces(const std::string& directory, std::string& problem) {
+  std::vector<TraceFile> files;
+  std::error_code error;
+  for (fs::directory_iterator at(directory, error), end; !error && at != end; at.increment(error))
+    if (at->path().extension() == kFileSuffix)
+      files.push_back(loadTrace(at->path().string()));
+  problem = error ? error.message() : "";
+  std::sort(files.begin(), files.end(), [](const TraceFile& a, const TraceFile& b) {
+    return a.trace.start != b.trace.start ? a.trace.start < b.trace.start : a.path < b.path;
+  });
+  return files;
+}
+
+}  // namespace tracetool
