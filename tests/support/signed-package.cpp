@@ -1,0 +1,79 @@
+#include "signed-package.h"
+
+#include <openssl/evp.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <memory>
+#include <stdexcept>
+
+#include "files.h"
+
+namespace {
+
+constexpr char kIv[] = "0123456789abcdef";
+constexpr std::size_t kVersionBlock = 64;
+
+const unsigned char* bytesOf(const std::string& text) {
+  return reinterpret_cast<const unsigned char*>(text.data());
+}
+
+std::string encrypt(const std::string& key, const std::string& plaintext) {
+  struct Free {
+    void operator()(EVP_CIPHER_CTX* context) const { EVP_CIPHER_CTX_free(context); }
+  };
+  const std::unique_ptr<EVP_CIPHER_CTX, Free> context(EVP_CIPHER_CTX_new());
+  std::string output(plaintext.size() + 32, '\0');
+  auto* const out = reinterpret_cast<unsigned char*>(output.data());
+  int length = 0;
+  int last = 0;
+  if (EVP_EncryptInit_ex(context.get(), EVP_aes_256_cbc(), nullptr, bytesOf(key),
+                         reinterpret_cast<const unsigned char*>(kIv)) != 1 ||
+      EVP_EncryptUpdate(context.get(), out, &length, bytesOf(plaintext),
+                        static_cast<int>(plaintext.size())) != 1 ||
+      EVP_EncryptFinal_ex(context.get(), out + length, &last) != 1) {
+    throw std::runtime_error("cannot encrypt");
+  }
+  output.resize(static_cast<std::size_t>(length + last));
+  return output;
+}
+
+}  // namespace
+
+const fwpack::SigningKey& testSigningKey(const std::string& algorithm) {
+  static std::map<std::string, fwpack::SigningKey> keys;
+  for (const auto& known : fwpackage::algorithms) {
+    if (algorithm == known.name) {
+      return keys.try_emplace(algorithm, known).first->second;
+    }
+  }
+  throw std::runtime_error("no algorithm " + algorithm);
+}
+
+std::string publicPem(const fwpack::SigningKey& key) {
+  const fwpack::TemporaryDirectory directory;
+  const std::string path = directory.path() + "/key.pem";
+  fwpack::OutputFile file(path, fwpack::publicMode);
+  key.writePublicPem(file);
+  file.commit();
+  std::ifstream written(path);
+  return {std::istreambuf_iterator<char>(written), std::istreambuf_iterator<char>()};
+}
+
+std::string signedFile(const std::string& content, const fwpack::SigningKey& key) {
+  fwpackage::PackageDigest digest(key.algorithm());
+  digest.add(bytesOf(content), content.size());
+  const fwpackage::TrailerBytes trailer = key.makeTrailer(digest);
+  return content + std::string(trailer.begin(), trailer.end());
+}
+
+std::string usbPackage(const std::string& key, const std::string& version, const std::string& image,
+                       const fwpack::SigningKey& signer) {
+  std::string plaintext = version;
+  plaintext.resize(kVersionBlock);
+  return signedFile(std::string(kIv, 16) + encrypt(key, plaintext + image), signer);
+}
