@@ -1,0 +1,67 @@
+#include "message.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "trace-builder.h"
+
+namespace {
+
+using ::testing::ElementsAre;
+
+std::string textOf(const std::string& format, const std::string& types,
+                   const std::vector<Argument>& arguments) {
+  TraceBuilder builder;
+  builder.record(builder.place("work", format, types), 1, 1, arguments);
+  auto result = tracetool::readTrace(builder.bytes());
+  const auto messages = tracetool::messagesOf(result.trace);
+  return messages.size() == 1 && result.trace.skipped.empty() ? messages[0].text : "(not read)";
+}
+
+TEST(TraceMessage, ShowsArgumentsAsTheLogDoes) {
+  EXPECT_EQ(textOf("no argument", "", {}), "no argument");
+  EXPECT_EQ(textOf("%s update time %d ms", "sd", {"tunerfw", 30}), "tunerfw update time 30 ms");
+  EXPECT_EQ(textOf("[%d]", "d", {-1}), "[-1]");
+  EXPECT_EQ(textOf("[%u]", "d", {-1}), "[4294967295]");
+  EXPECT_EQ(textOf("[%08X]", "d", {0xBEEF}), "[0000BEEF]");
+  EXPECT_EQ(textOf("[%-6s|%.2s]", "ss", {"abc", "abc"}), "[abc   |ab]");
+  EXPECT_EQ(textOf("100%% of %s", "s", {"it"}), "100% of it");
+  EXPECT_EQ(textOf("lstat error\n", "", {}), "lstat error\n");
+}
+
+TEST(TraceMessage, ShowsANullTextAsTheLogDoes) {
+  EXPECT_EQ(textOf("(%s)", "s", {nullptr}), "((null))");
+}
+
+TEST(TraceMessage, ShowsTextsOfEveryLength) {
+  for (const std::size_t length : {0U, 1U, 127U, 128U, 16382U}) {
+    const std::string text(length, 'x');
+    EXPECT_EQ(textOf("%s|%d", "sd", {text, 7}), text + "|7") << length;
+  }
+}
+
+TEST(TraceMessage, MakesAnErrorTextOfTheNumberBeforeIt) {
+  EXPECT_EQ(textOf("Fail %d (%d:%m)", "dd", {5, 2}), "Fail 5 (2:No such file or directory)");
+  EXPECT_EQ(textOf("%s: %m", "s", {"x"}), "x: <error text not kept>");
+}
+
+TEST(TraceMessage, LetsNoFormatOfADamagedFileDoHarm) {
+  EXPECT_EQ(textOf("%999999999d", "d", {1}), "1");
+  EXPECT_EQ(textOf("%n", "d", {1}), "1");
+  EXPECT_EQ(textOf("%s", "d", {1}), "1");
+  EXPECT_EQ(textOf("%d", "s", {"text"}), "text");
+  EXPECT_EQ(textOf("%d", "", {}), "<missing>");
+  EXPECT_EQ(textOf("at the end %", "", {}), "at the end %");
+}
+
+TEST(TraceMessage, KnowsTheLastNameOfEachThread) {
+  TraceBuilder builder;
+  builder.rawRecord(0, 5, 1, fwplatform::trace::kThreadBegins, "service");
+  builder.rawRecord(0, 5, 2, fwplatform::trace::kThreadEnds, "tunerfw");
+
+  const auto names = tracetool::threadNames(tracetool::readTrace(builder.bytes()).trace);
+
+  EXPECT_THAT(names, ElementsAre(std::make_pair(5U, std::string("tunerfw"))));
+}
+
+}  // namespace

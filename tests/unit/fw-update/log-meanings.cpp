@@ -1,0 +1,343 @@
+#include "log-meanings.h"
+
+#include <gmock/gmock.h>
+
+#include <cerrno>
+#include <ostream>
+#include <set>
+
+#include "messages.h"
+
+namespace tool {
+void PrintTo(Outcome outcome, std::ostream* stream) {
+  *stream << infoOf(outcome).id;
+}
+}  // namespace tool
+
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::Not;
+using tool::LogMessages;
+using tool::Outcome;
+
+tool::LogMessage timeOut() {
+  auto timeOut = message("%s", {"tunerfw update timeout"});
+  timeOut.function = "update_timeout_wrapper";
+  return timeOut;
+}
+
+tool::LogMessage caught() {
+  auto caught = message("Error : %s", {"tunerfw update timeout"});
+  caught.function = "doUpdateFirmware";
+  return caught;
+}
+
+struct Case {
+  const char* name;
+  LogMessages messages;
+  Outcome outcome;
+  const char* sentence;
+};
+
+void PrintTo(const Case& value, std::ostream* stream) {
+  *stream << value.name;
+}
+
+class MeaningOfMessages : public ::testing::TestWithParam<Case> {};
+
+TEST_P(MeaningOfMessages, IsTheOneThatTellsMost) {
+  const auto finding = tool::strongestMeaning(GetParam().messages, "libtuner");
+
+  ASSERT_TRUE(finding);
+  EXPECT_EQ(finding->outcome, GetParam().outcome);
+  EXPECT_THAT(finding->message, HasSubstr(GetParam().sentence));
+  EXPECT_THAT(finding->message + finding->remedy, Not(HasSubstr("{")));
+}
+
+// As the library logs it for a USB package.
+tool::LogMessage ofPackage(const std::string& format, std::vector<std::string> arguments = {}) {
+  auto logged = message(format, std::move(arguments));
+  logged.function = "getNeedUpdateList";
+  return logged;
+}
+
+const Case packageCases[] = {
+    {"NoPackage",
+     {ofPackage("Error: %s open fail", {"/nowhere/tunerfw.bin"})},
+     Outcome::NothingToDo,
+     "There is no package for libtuner."},
+    {"PackageIsNoFile",
+     {ofPackage("Error: %s open fail", {"/proc/self"})},
+     Outcome::RefusedImage,
+     "/proc/self cannot be opened"},
+    {"PackageGone",
+     {ofPackage("Error: %s file open", {"/nowhere/tunerfw.bin"})},
+     Outcome::RefusedImage,
+     "can no longer be opened"},
+    {"NotSignedWhenEstimated",
+     {ofPackage("Error: %s is NOT signed", {"/usb/tunerfw.bin"})},
+     Outcome::RefusedImage,
+     "/usb/tunerfw.bin has no valid signature"},
+    {"NotSignedWhenApplied",
+     {ofPackage("Error: %s file is NOT signed", {"/usb/tunerfw.bin"})},
+     Outcome::RefusedImage,
+     "/usb/tunerfw.bin has no valid signature"},
+    {"ShorterThanAnIv", {ofPackage("Error: iv is worng")}, Outcome::RefusedImage, "too short"},
+    {"NotDecrypted",
+     {ofPackage("Error: Decryption data is null")},
+     Outcome::RefusedImage,
+     "cannot be decrypted"},
+    {"WrongPackageKey",
+     {ofPackage("Error: %s Firmware CheckVersion Fail", {"tunerfw"})},
+     Outcome::RefusedImage,
+     "the key is not the package's"},
+    {"NoExpectedTime",
+     {ofPackage("Error: %s getExpectedTime Fail", {"tunerfw"})},
+     Outcome::ModuleFailed,
+     "does not say how long"},
+};
+
+INSTANTIATE_TEST_SUITE_P(OfPackages, MeaningOfMessages, ::testing::ValuesIn(packageCases),
+                         [](const auto& tested) { return tested.param.name; });
+
+const Case cases[] = {
+    {"Updated",
+     {message("========== [ %s update succeeded ] ==========", {"tunerfw"})},
+     Outcome::Updated,
+     "libtuner was updated."},
+    {"TimedOut",
+     {message("%s update time %d ms", {"tunerfw", "10"}), timeOut(), caught()},
+     Outcome::TimedOut,
+     "gave up after 12 s (expected 10 s)"},
+    {"ModuleThrew",
+     {message("Error : %s", {"flash lost"})},
+     Outcome::ModuleFailed,
+     "of its own: flash lost."},
+    {"LockDenied",
+     {message("Parent\t: [sem_open] Failed\n", {}, EACCES)},
+     Outcome::NotPermitted,
+     "may not use"},
+    {"LockBroken",
+     {message("Parent\t: [sem_open] Failed\n", {}, EMFILE)},
+     Outcome::Unexpected,
+     "Too many open files"},
+    {"WriteFailed",
+     {message("Error: %s Firmware doUpdate Fail %d (%d:%m)", {"tunerfw", "-5", "5", "I/O"}, EIO)},
+     Outcome::ModuleFailed,
+     "answered -5 (I/O)."},
+    {"WriteFailedWithoutErrno",
+     {message("Error: %s Firmware doUpdate Fail %d (%d:%m)", {"tunerfw", "9", "0", "Success"})},
+     Outcome::ModuleFailed,
+     "answered 9."},
+    {"WriteDenied",
+     {message("Error: %s Firmware doUpdate Fail %d (%d:%m)", {"tunerfw", "-13", "13", "Denied"}, EACCES)},
+     Outcome::NotPermitted,
+     "(Denied)"},
+    {"ProcedureFailed",
+     {message("Error: %s runProcess Fail (%d:%m)", {"libtuner", "2", "No such file"}, ENOENT)},
+     Outcome::ModuleFailed,
+     "failed (No such file)."},
+    {"CheckFailed",
+     {message("Error: %s Firmware CheckVersion Fail", {"tunerfw"})},
+     Outcome::ModuleFailed,
+     "could not compare"},
+    {"NoPackage",
+     {message("Error: file no exist (%s)", {"/p/tunerempfw.img"}, ENOENT)},
+     Outcome::RefusedImage,
+     "no extension package at /p/tunerempfw.img."},
+    {"PackageNotMountable",
+     {message("Error: Firmware EMP Mount Fail.(%s)", {"tunerempfw"})},
+     Outcome::RefusedImage,
+     "tunerempfw could not be mounted"},
+    {"MountPointDenied",
+     {message("Dest Path [%s] failed to create! return:[%d], errno:[%d, %s, %s]",
+              {"/emps/t", "-1", "13", "d", "d"}),
+      message("Error: Firmware EMP Mount Fail.(%s)", {"tunerempfw"})},
+     Outcome::NotPermitted,
+     "may not create the directory /emps/t"},
+    {"NoDrive",
+     {message("Error: Usb mount path Not found."),
+      message("Error: Firmware binary file no exist (%s)", {""})},
+     Outcome::RefusedImage,
+     "No USB drive"},
+    {"NoImage",
+     {message("Error: Firmware binary file no exist (%s)", {"/i/t.bin"}, ENOENT)},
+     Outcome::RefusedImage,
+     "no firmware image at /i/t.bin."},
+    {"ImageHidden",
+     {message("Error: Firmware binary file no exist (%s)", {"/nowhere/t.bin"}, EACCES)},
+     Outcome::NotPermitted,
+     "may not see the firmware image /nowhere/t.bin."},
+    {"NoDescription",
+     {message("Error: Firmware json file no exist (%s)", {"/i/info.json"}, ENOENT)},
+     Outcome::RefusedImage,
+     "/i/info.json is missing."},
+    {"BadDescription",
+     {message("Error: json loadInformation fail.(%s)\n", {"/i/info.json"}),
+      message("Error: json information load fail")},
+     Outcome::RefusedImage,
+     "/i/info.json is not a valid"},
+    {"ReadableDescriptionWithStaleErrno",
+     {message("Error: json loadInformation fail.(%s)\n", {"/proc/self/stat"}, EACCES)},
+     Outcome::RefusedImage,
+     "is not a valid"},
+    {"BadNumber",
+     {message("Error: json crc read fail error:%s (%s)\n", {"no UInt", "/i/info.json"}),
+      message("Error: json information load fail")},
+     Outcome::RefusedImage,
+     "/i/info.json has a \"crc\" or \"expected_time\""},
+    {"DescriptionAlone",
+     {message("Error: json information load fail")},
+     Outcome::RefusedImage,
+     "info.json could not be read"},
+    {"UnreadableImage",
+     {message("Error: binary file is NULL\n", {}, EACCES),
+      message("Error: %s Firmware CRC32 different", {"tunerfw"})},
+     Outcome::NotPermitted,
+     "may not read the firmware image"},
+    {"DamagedImage",
+     {message("Error: %s Firmware CRC32 different", {"tunerfw"})},
+     Outcome::RefusedImage,
+     "image of tunerfw is damaged"},
+    {"ImageChanged",
+     {message("Error: %s Firmware crc32 different", {"tunerfw"})},
+     Outcome::RefusedImage,
+     "changed while the update waited"},
+    {"UpToDate",
+     {message("Error: %s not need update, version is %s", {"/p/t.img", "2.0.0"})},
+     Outcome::NothingToDo,
+     "version 2.0.0 is active"},
+    {"NoLongerNeeded",
+     {message("Error: %s Firmware not need update", {"tunerfw"})},
+     Outcome::NothingToDo,
+     "no longer needs"},
+    {"NotLoadable",
+     {message("Error: dlsym libfile: %s error: %s\n", {"/c/libtuner.so", "file too short"})},
+     Outcome::BrokenModule,
+     "libtuner.so is not a library that can be loaded: file too short."},
+    {"LacksEntryPoint",
+     {message("Error: dlsym error: %s\n", {"undefined symbol: doUpdate"})},
+     Outcome::BrokenModule,
+     "undefined symbol: doUpdate."},
+    {"NoIdentifier",
+     {message("Error: EMPID is empty.(%s)", {"libtuner"})},
+     Outcome::BrokenModule,
+     "no package identifier"},
+    {"BadIdentifier",
+     {message("Error: use EMPID only English and numbers. %s", {"a-b"})},
+     Outcome::BrokenModule,
+     "\"a-b\"; only letters and digits"},
+    {"WrongIdentifier",
+     {message("Error: EMPID is Wrong (%s)", {"EMP1"})},
+     Outcome::BrokenModule,
+     "\"EMP1\", which does not contain"},
+    {"ControlsDenied",
+     {message("File System Exception: %s ", {"open: Permission denied: /c"})},
+     Outcome::NotPermitted,
+     "may not read the modules' directory"},
+    {"NoControls",
+     {message("File System Exception: %s ", {"open: No such file"})},
+     Outcome::NoControls,
+     "cannot be read"},
+};
+
+INSTANTIATE_TEST_SUITE_P(EachText, MeaningOfMessages, ::testing::ValuesIn(cases),
+                         [](const auto& test) { return std::string(test.param.name); });
+
+TEST(Meanings, IgnoreMissingOptionalEntryPoints) {
+  auto optional = message("Error: dlsym error: %s\n", {"undefined symbol: getUpdateProgress"});
+  optional.priority = 3;
+
+  EXPECT_FALSE(tool::strongestMeaning({optional}, "libtuner"));
+}
+
+TEST(Meanings, TakeBracesInArgumentsAsText) {
+  const auto finding = tool::strongestMeaning({message("Error : %s", {"{0} {module}"})}, "libtuner");
+
+  ASSERT_TRUE(finding);
+  EXPECT_THAT(finding->message, HasSubstr("of its own: {0} {module}."));
+}
+
+TEST(UpdateResult, OneWithoutATimeOutIsTheModulesOwn) {
+  const auto finding = tool::explainUpdate(
+      1, {message("Error: %s Firmware doUpdate Fail %d (%d:%m)", {"tunerfw", "1", "0", ""})}, "libtuner");
+
+  EXPECT_EQ(finding.outcome, Outcome::ModuleFailed);
+}
+
+TEST(UpdateResult, OfAnUpdateWhoseEndWasMissedIsStillUpdated) {
+  const LogMessages messages{message("========== [ %s update succeeded ] ==========", {"tunerfw"}),
+                             timeOut()};
+
+  const auto finding = tool::explainUpdate(1, messages, "libtuner");
+
+  EXPECT_EQ(finding.outcome, Outcome::Updated);
+  EXPECT_THAT(finding.message, HasSubstr("only when its time limit was over"));
+}
+
+TEST(UpdateResult, OfAnUpdateWhoseEndWasMissedIsHowItEnded) {
+  const LogMessages messages{message("Error: %s Firmware crc32 different", {"tunerfw"}), timeOut(), caught()};
+
+  const auto finding = tool::explainUpdate(1, messages, "libtuner");
+
+  EXPECT_EQ(finding.outcome, Outcome::RefusedImage);
+  EXPECT_THAT(finding.message, HasSubstr("only when its time limit was over"));
+}
+
+struct SilentCase {
+  const char* name;
+  int result;
+  LogMessages messages;
+  Outcome outcome;
+};
+
+void PrintTo(const SilentCase& value, std::ostream* stream) {
+  *stream << value.name;
+}
+
+class SilentResult : public ::testing::TestWithParam<SilentCase> {};
+
+TEST_P(SilentResult, IsExplainedByHowFarTheUpdateCame) {
+  EXPECT_EQ(tool::explainUpdate(GetParam().result, GetParam().messages, "libtuner").outcome,
+            GetParam().outcome);
+}
+
+const SilentCase silentCases[] = {
+    {"Procedure", 0, {message(tool::text::runProcessTry, {""})}, Outcome::Updated},
+    {"RefusedRequest",
+     -1,
+     {message(tool::text::needTry, {"", ""}), message(tool::text::updateTry, {""})},
+     Outcome::ModuleFailed},
+    {"OddAnswer", 2, {message(tool::text::needTry, {"", ""})}, Outcome::ModuleFailed},
+    {"EarlyReturn",
+     0,
+     {message(tool::text::needTry, {"", ""}), message(tool::text::updateTry, {""})},
+     Outcome::Unexpected},
+    {"NothingAtAll", -1, {}, Outcome::Unexpected},
+};
+
+INSTANTIATE_TEST_SUITE_P(Each, SilentResult, ::testing::ValuesIn(silentCases),
+                         [](const auto& test) { return std::string(test.param.name); });
+
+TEST(TimeLimit, IsTwoSecondsMoreThanExpectedAndWraps) {
+  const auto usual = tool::timeLimit({message(tool::text::updateTime, {"tunerfw", "10"})});
+  const auto wrapped = tool::timeLimit({message(tool::text::updateTime, {"tunerfw", "-1"})});
+
+  ASSERT_TRUE(usual && wrapped);
+  EXPECT_EQ(usual->expected, 10u);
+  EXPECT_EQ(usual->givesUp, 12u);
+  EXPECT_EQ(wrapped->expected, 4294967295u);
+  EXPECT_EQ(wrapped->givesUp, 1u);
+  EXPECT_FALSE(tool::timeLimit({}));
+}
+
+TEST(Outcomes, HaveEachTheirOwnNameAndCode) {
+  std::set<std::string> names;
+  for (const auto& info : tool::outcomeTable) {
+    EXPECT_TRUE(names.insert(info.id).second) << info.id;
+    EXPECT_EQ(&tool::infoOf(info.outcome), &info);
+  }
+}
+
+}  // namespace

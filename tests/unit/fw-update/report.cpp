@@ -1,0 +1,80 @@
+#include "report.h"
+
+#include <gmock/gmock.h>
+
+#include "messages.h"
+
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+tool::Report refused() {
+  tool::Report report;
+  report.command = "update";
+  report.finding = {tool::Outcome::RefusedImage, "It is damaged.", "Install it again."};
+  report.details["module"] = "libtuner";
+  report.details["elapsedSeconds"] = 0.25;
+  return report;
+}
+
+TEST(JsonDocument, HasTheCommonMembersBesideTheCommandsOwn) {
+  const Json::Value document = tool::toJson(refused());
+
+  EXPECT_EQ(document["command"].asString(), "update");
+  EXPECT_FALSE(document["ok"].asBool());
+  EXPECT_EQ(document["outcome"].asString(), "refused-image");
+  EXPECT_EQ(document["exitCode"].asInt(), 5);
+  EXPECT_EQ(document["message"].asString(), "It is damaged.");
+  EXPECT_EQ(document["remedy"].asString(), "Install it again.");
+  EXPECT_EQ(document["module"].asString(), "libtuner");
+  EXPECT_FALSE(document.isMember("log"));
+}
+
+TEST(JsonDocument, LeavesOutAnEmptyRemedy) {
+  tool::Report report = refused();
+  report.finding.remedy.clear();
+
+  EXPECT_FALSE(tool::toJson(report).isMember("remedy"));
+}
+
+TEST(JsonDocument, CarriesTheLibrarysMessagesOnRequest) {
+  auto logged = message("Error: %s");
+  logged.text = "Error: x";
+  logged.function = "f";
+
+  const Json::Value document = tool::toJson(refused(), {logged});
+
+  ASSERT_EQ(document["log"].size(), 1u);
+  EXPECT_EQ(document["log"][0]["text"].asString(), "Error: x");
+  EXPECT_EQ(document["log"][0]["function"].asString(), "f");
+  EXPECT_EQ(document["log"][0]["priority"].asInt(), 6);
+}
+
+TEST(JsonDocument, FitsOneLineForAStream) {
+  const std::string line = tool::onOneLine(tool::toJson(refused()));
+
+  EXPECT_EQ(line.find('\n'), line.size() - 1);
+  EXPECT_THAT(line, HasSubstr("\"elapsedSeconds\":0.25"));
+}
+
+TEST(Table, AlignsItsColumns) {
+  EXPECT_EQ(tool::table({{"A", "B", "C"}, {"long", "", "x"}, {"s", "t", ""}}, std::string::npos),
+            "A     B  C\nlong     x\ns     t\n");
+}
+
+TEST(Table, BreaksTheLastColumnUnderItself) {
+  EXPECT_EQ(tool::table({{"A", "REASON"}, {"b", "one two three"}}, 11), "A  REASON\nb  one two\n   three\n");
+}
+
+TEST(Table, LetsNoControlCharactersThrough) {
+  EXPECT_THAT(tool::table({{"a\x1b[2J\n", "b"}}, 80), Not(HasSubstr("\x1b")));
+}
+
+TEST(WrappedText, KeepsWordsWholeAndWithinTheWidth) {
+  EXPECT_EQ(tool::wrapped("aa bb cc", 5), "aa bb\ncc");
+  EXPECT_EQ(tool::wrapped("a muchtoolong b", 5), "a\nmuchtoolong\nb");
+  EXPECT_EQ(tool::wrapped("a b", std::string::npos), "a b");
+}
+
+}  // namespace

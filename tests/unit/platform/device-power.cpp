@@ -1,0 +1,319 @@
+// The power lock against a stand-in for systemd-logind on a bus of the test's own,
+// and against files in place of the kernel's wake locks.
+#include "device-power.h"
+
+#include <gmock/gmock.h>
+#include <signal.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <climits>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <mutex>
+
+#include "child-process.h"
+#include "device-environment.h"
+#include "dlog.h"
+#include "system-bus.h"
+
+namespace {
+
+std::mutex& logMutex() {
+  static auto& mutex = *new std::mutex;
+  return mutex;
+}
+
+std::vector<std::string>& logLines() {
+  static auto& lines = *new std::vector<std::string>;
+  return lines;
+}
+
+}  // namespace
+
+int __dlog_print(int, int priority, const char* tag, const char* format, ...) {
+  char text[256];
+  va_list arguments;
+  va_start(arguments, format);
+  const int length = std::vsnprintf(text, sizeof text, format, arguments);
+  va_end(arguments);
+  const std::lock_guard<std::mutex> lock(logMutex());
+  logLines().push_back(std::to_string(priority) + " " + tag + " " + text);
+  return length;
+}
+
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::MatchesRegex;
+using ::testing::SizeIs;
+
+using Clock = std::chrono::steady_clock;
+
+constexpr int kLong = 600000;
+
+std::vector<std::string> logged() {
+  const std::lock_guard<std::mutex> lock(logMutex());
+  return logLines();
+}
+
+class DevicePower : public DeviceTest {
+ protected:
+  void SetUp() override {
+    DeviceTest::SetUp();
+    setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/run/no-bus-here", 1);
+    // Whatever the kernel of this machine has.
+    ASSERT_EQ(mount("tmpfs", "/sys/power", "tmpfs", 0, ""), 0);
+  }
+  void TearDown() override { umount2("/sys/power", MNT_DETACH); }
+
+  static void giveKernelWakeLocks() {
+    writeFile("/sys/power/wake_lock", "");
+    writeFile("/sys/power/wake_unlock", "");
+  }
+};
+
+class DevicePowerWithLogind : public DevicePower {
+ protected:
+  void SetUp() override {
+    DevicePower::SetUp();
+    bus_ = std::make_unique<SystemBus>();
+    logind_ = std::make_unique<LogindStandIn>(*bus_);
+  }
+  void TearDown() override {
+    logind_.reset();
+    bus_.reset();
+    DevicePower::TearDown();
+  }
+
+  std::unique_ptr<SystemBus> bus_;
+  std::unique_ptr<LogindStandIn> logind_;
+};
+
+// A process that holds the power until it is told to end, or killed.
+class Holder {
+ public:
+  Holder() : child_([this] { return hold(); }) { awaitByte(held_[0]); }
+  void end() {
+    // A byte, not the pipe's end: a later holder has that end too.
+    [[maybe_unused]] const ssize_t told = write(end_[1], "e", 1);
+    child_.wait();
+  }
+  void killNow() {
+    child_.kill(SIGKILL);
+    child_.wait();
+  }
+
+ private:
+  struct Pipe {
+    Pipe() {
+      if (pipe(ends) != 0) {
+        std::abort();
+      }
+    }
+    int operator[](int end) const { return ends[end]; }
+    int ends[2];
+  };
+  static void awaitByte(int descriptor) {
+    char byte;
+    while (read(descriptor, &byte, 1) < 0 && errno == EINTR) {
+    }
+  }
+  int hold() const {
+    if (device_power_lock_state(2, kLong) != 0) {
+      return 1;
+    }
+    [[maybe_unused]] const ssize_t told = write(held_[1], "h", 1);
+    awaitByte(end_[0]);
+    return device_power_unlock_state(2) == 0 ? 0 : 1;
+  }
+
+  Pipe held_;
+  Pipe end_;
+  ChildProcess child_;
+};
+
+TEST_F(DevicePowerWithLogind, BlocksShutdownSleepAndIdleUntilUnlocked) {
+  ASSERT_EQ(device_power_lock_state(2, kLong), 0);
+
+  const auto during = logind_->inhibitors();
+  ASSERT_THAT(during, SizeIs(1));
+  EXPECT_EQ(during[0].what, "shutdown:sleep:idle");
+  EXPECT_EQ(during[0].mode, "block");
+  EXPECT_EQ(during[0].who, "fw-update-control");
+  EXPECT_EQ(device_power_unlock_state(2), 0);
+  EXPECT_TRUE(logind_->waitForInhibitors(0));
+  EXPECT_THAT(logged(), IsEmpty());
+}
+
+TEST_F(DevicePowerWithLogind, ReleasesByItselfWhenTheHoldTimeIsOver) {
+  const auto start = Clock::now();
+  ASSERT_EQ(device_power_lock_state(2, 700), 0);
+  ASSERT_THAT(logind_->inhibitors(), SizeIs(1));
+
+  ASSERT_TRUE(logind_->waitForInhibitors(0));
+
+  EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(700));
+  EXPECT_EQ(device_power_unlock_state(2), -ENOENT);
+  EXPECT_THAT(logged(), ElementsAre("5 FWUPDATE device power: the hold time of state 2 is over; the power is "
+                                    "released"));
+}
+
+TEST_F(DevicePowerWithLogind, CanBeHeldAgainAfterTheHoldTimeWasOver) {
+  ASSERT_EQ(device_power_lock_state(2, 1), 0);
+  ASSERT_TRUE(logind_->waitForInhibitors(0));
+
+  ASSERT_EQ(device_power_lock_state(2, 1), 0);
+
+  EXPECT_TRUE(logind_->waitForInhibitors(0));
+}
+
+TEST_F(DevicePowerWithLogind, IsReleasedByTheKernelWhenTheHolderIsKilled) {
+  Holder holder;
+  ASSERT_THAT(logind_->inhibitors(), SizeIs(1));
+
+  holder.killNow();
+
+  EXPECT_TRUE(logind_->waitForInhibitors(0));
+}
+
+TEST_F(DevicePowerWithLogind, TwoProcessesHoldIndependently) {
+  Holder one;
+  Holder other;
+  ASSERT_THAT(logind_->inhibitors(), SizeIs(2));
+
+  one.end();
+  EXPECT_TRUE(logind_->waitForInhibitors(1));
+  other.killNow();
+
+  EXPECT_TRUE(logind_->waitForInhibitors(0));
+}
+
+TEST_F(DevicePowerWithLogind, TwoHoldsOfOneProcessNeedTwoUnlocks) {
+  ASSERT_EQ(device_power_lock_state(2, kLong), 0);
+  ASSERT_EQ(device_power_lock_state(2, kLong), 0);
+
+  EXPECT_EQ(device_power_unlock_state(2), 0);
+  EXPECT_TRUE(logind_->waitForInhibitors(1));
+  EXPECT_EQ(device_power_unlock_state(2), 0);
+
+  EXPECT_TRUE(logind_->waitForInhibitors(0));
+  EXPECT_EQ(device_power_unlock_state(2), -ENOENT);
+}
+
+TEST_F(DevicePowerWithLogind, UnlockGivesBackTheHoldThatWouldEndFirst) {
+  ASSERT_EQ(device_power_lock_state(2, kLong), 0);
+  ASSERT_EQ(device_power_lock_state(2, 2000), 0);
+
+  ASSERT_EQ(device_power_unlock_state(2), 0);
+  ASSERT_EQ(device_power_lock_state(3, 2500), 0);
+  ASSERT_TRUE(logind_->waitForInhibitors(1));
+
+  // State 3 ended by itself; the long hold of state 2 is the one that is left.
+  EXPECT_EQ(device_power_unlock_state(3), -ENOENT);
+  EXPECT_EQ(device_power_unlock_state(2), 0);
+}
+
+TEST_F(DevicePowerWithLogind, UnlockOfAnotherStateReleasesNothing) {
+  ASSERT_EQ(device_power_lock_state(2, kLong), 0);
+
+  EXPECT_EQ(device_power_unlock_state(1), -ENOENT);
+
+  EXPECT_THAT(logind_->inhibitors(), SizeIs(1));
+}
+
+class AbsurdTime : public DevicePowerWithLogind, public ::testing::WithParamInterface<int> {};
+INSTANTIATE_TEST_SUITE_P(Values, AbsurdTime, ::testing::Values(0, -1, INT_MIN, INT_MAX));
+
+TEST_P(AbsurdTime, IsHeldUntilUnlocked) {
+  ASSERT_EQ(device_power_lock_state(2, GetParam()), 0);
+
+  EXPECT_THAT(logind_->inhibitors(), SizeIs(1));
+  EXPECT_EQ(device_power_unlock_state(2), 0);
+  EXPECT_TRUE(logind_->waitForInhibitors(0));
+  EXPECT_THAT(logged(), SizeIs(GetParam() > 0 ? 0 : 1));
+}
+
+TEST_F(DevicePowerWithLogind, DoesNotWaitLongForALogindThatHangs) {
+  logind_->stop();
+  const auto start = Clock::now();
+
+  EXPECT_EQ(device_power_lock_state(2, kLong), -ETIMEDOUT);
+
+  EXPECT_LT(Clock::now() - start, std::chrono::seconds(10));
+  EXPECT_THAT(logged(), SizeIs(1));
+  logind_->resume();
+  EXPECT_TRUE(logind_->waitForInhibitors(0)) << "an answer that came too late is held";
+}
+
+TEST_F(DevicePowerWithLogind, PrefersLogindToTheKernel) {
+  giveKernelWakeLocks();
+
+  ASSERT_EQ(device_power_lock_state(2, kLong), 0);
+
+  EXPECT_EQ(readFile("/sys/power/wake_lock"), "");
+}
+
+TEST_F(DevicePower, TellsThatLogindRefuses) {
+  const SystemBus bus;
+  const LogindStandIn logind(bus, LogindStandIn::Answers::AccessDenied);
+
+  EXPECT_EQ(device_power_lock_state(2, kLong), -EACCES);
+
+  EXPECT_THAT(logged(),
+              ElementsAre("5 FWUPDATE device power: state 2 is not held (logind: Permission denied; kernel "
+                          "wake lock: No such file or directory)"));
+}
+
+TEST_F(DevicePower, SaysThatABusWithoutLogindHasNoPowerLock) {
+  const SystemBus bus;
+
+  EXPECT_EQ(device_power_lock_state(2, kLong), -ENOSYS);
+
+  EXPECT_THAT(logged(), SizeIs(1));
+}
+
+TEST_F(DevicePower, DoesNotWaitLongForABusThatNeverAnswers) {
+  const int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address = {AF_UNIX, "/run/silent-bus"};
+  ASSERT_EQ(bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  ASSERT_EQ(listen(listener, 8), 0);
+  setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/run/silent-bus", 1);
+  const auto start = Clock::now();
+
+  EXPECT_EQ(device_power_lock_state(2, kLong), -ETIMEDOUT);
+
+  EXPECT_LT(Clock::now() - start, std::chrono::seconds(10));
+  EXPECT_THAT(logged(), SizeIs(1));
+  close(listener);
+}
+
+TEST_F(DevicePower, TakesTheKernelsWakeLockWithoutLogind) {
+  giveKernelWakeLocks();
+
+  ASSERT_EQ(device_power_lock_state(2, 105000), 0);
+  const std::string locked = readFile("/sys/power/wake_lock");
+  const std::string before = readFile("/sys/power/wake_unlock");
+  ASSERT_EQ(device_power_unlock_state(2), 0);
+
+  EXPECT_THAT(locked, MatchesRegex("fw-update-control-[0-9]+-[0-9]+ 105000000000"));
+  EXPECT_EQ(before, "");
+  EXPECT_EQ(readFile("/sys/power/wake_unlock"), locked.substr(0, locked.find(' ')));
+  EXPECT_THAT(logged(), IsEmpty());
+}
+
+TEST_F(DevicePower, FailsAndSaysSoOnceWithoutLogindAndWithoutWakeLocks) {
+  EXPECT_EQ(device_power_lock_state(2, kLong), -ENOSYS);
+  EXPECT_EQ(device_power_unlock_state(2), -ENOENT);
+
+  EXPECT_THAT(logged(), ElementsAre("5 FWUPDATE device power: state 2 is not held (logind: No such file or "
+                                    "directory; kernel wake lock: No such file or directory)"));
+}
+
+}  // namespace

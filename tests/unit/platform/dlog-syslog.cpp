@@ -1,0 +1,121 @@
+// The platform log's way to the system's log daemon, with a real socket at
+// /dev/log of the test's own.
+#include <gmock/gmock.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <algorithm>
+#include <cstring>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "device-environment.h"
+#include "dlog.h"
+#include "logging-child.h"
+#include "temporary-mount.h"
+
+namespace {
+
+using ::testing::ElementsAre;
+
+class PlatformLogToSyslog : public DeviceTest {
+ protected:
+  void SetUp() override {
+    DeviceTest::SetUp();
+    dev_.emplace(TemporaryMount::Memory("/dev"));
+    listener_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    std::strcpy(address.sun_path, "/dev/log");
+    ASSERT_EQ(bind(listener_, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  }
+
+  void TearDown() override { close(listener_); }
+
+  // What the daemon gets from a process that logs: "<priority>", then what
+  // follows the program's name.
+  std::vector<std::string> MessagesOf(const char* setting, const std::function<int()>& body) const {
+    const LoggingChild child(setting, dup(STDERR_FILENO), body);
+    EXPECT_EQ(child.Wait(), 0);
+    std::vector<std::string> messages;
+    std::vector<char> packet(256 * 1024);
+    ssize_t count;
+    while ((count = recv(listener_, packet.data(), packet.size(), MSG_DONTWAIT)) > 0) {
+      messages.push_back(WithoutTimeAndProgram({packet.data(), static_cast<std::size_t>(count)}));
+    }
+    return messages;
+  }
+
+ private:
+  static std::string WithoutTimeAndProgram(const std::string& packet) {
+    const std::string program = std::string(program_invocation_short_name) + ": ";
+    const std::size_t name = packet.find(program);
+    if (name == std::string::npos) {
+      return "no program name: " + packet;
+    }
+    return packet.substr(0, packet.find('>') + 1) + packet.substr(name + program.size());
+  }
+
+  std::optional<TemporaryMount> dev_;
+  int listener_ = -1;
+};
+
+int LogAt(int priority, const char* text) {
+  return __dlog_print(2, priority, "FWUPDATE", "%s", text);
+}
+
+TEST_F(PlatformLogToSyslog, GivesEachPriorityItsSyslogPriority) {
+  const std::vector<std::string> messages = MessagesOf(nullptr, [] {
+    for (const int priority : {0, 3, 4, 5, 6, 7, 9}) {
+      LogAt(priority, "text");
+    }
+    return 0;
+  });
+
+  EXPECT_THAT(messages,
+              ElementsAre("<15>FWUPDATE text", "<15>FWUPDATE text", "<14>FWUPDATE text", "<12>FWUPDATE text",
+                          "<11>FWUPDATE text", "<10>FWUPDATE text", "<10>FWUPDATE text"));
+}
+
+TEST_F(PlatformLogToSyslog, IsTheSinkByNameAndForUnknownNames) {
+  for (const char* setting : {"syslog", "nonsense"}) {
+    EXPECT_THAT(MessagesOf(setting, [] { return LogAt(6, "here") == 4 ? 0 : 1; }),
+                ElementsAre("<11>FWUPDATE here"));
+  }
+}
+
+TEST_F(PlatformLogToSyslog, GetsNothingFromTheOtherSinks) {
+  for (const char* setting : {"stderr", "none"}) {
+    EXPECT_THAT(MessagesOf(setting,
+                           [] {
+                             LogAt(6, "(this line belongs on stderr)");
+                             return 0;
+                           }),
+                ElementsAre());
+  }
+}
+
+TEST_F(PlatformLogToSyslog, KeepsLineFeedsAtTheEndAndShowsOtherControlCharacters) {
+  EXPECT_THAT(MessagesOf("syslog",
+                         [] {
+                           LogAt(6, "lstat error\n");
+                           LogAt(6, "a\nb\x1B[m %s\xFF");
+                           return 0;
+                         }),
+              ElementsAre("<11>FWUPDATE lstat error\n", "<11>FWUPDATE a\\x0Ab\\x1B[m %s\\xFF"));
+}
+
+TEST_F(PlatformLogToSyslog, TakesLongMessages) {
+  const std::string text(64 * 1024, 'z');
+
+  const std::vector<std::string> messages = MessagesOf("syslog", [&] {
+    LogAt(6, text.c_str());
+    return 0;
+  });
+
+  ASSERT_EQ(messages.size(), 1u);
+  EXPECT_TRUE(messages[0] == "<11>FWUPDATE " + text) << messages[0].size();
+}
+
+}  // namespace

@@ -1,0 +1,292 @@
+#include "dlog.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <functional>
+#include <map>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "logging-child.h"
+
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::MatchesRegex;
+
+constexpr int kLogId = 2;
+
+std::string ReadAll(int fd) {
+  std::string text;
+  char block[4096];
+  ssize_t count;
+  while ((count = read(fd, block, sizeof block)) > 0) {
+    text.append(block, static_cast<std::size_t>(count));
+  }
+  return text;
+}
+
+// What a child writes to a pipe as its stderr.
+std::string StderrOf(const char* setting, const std::function<int()>& body) {
+  int ends[2];
+  EXPECT_EQ(pipe2(ends, O_CLOEXEC), 0);
+  const LoggingChild child(setting, ends[1], body);
+  close(ends[1]);
+  std::string text = ReadAll(ends[0]);
+  close(ends[0]);
+  EXPECT_EQ(child.Wait(), 0);
+  return text;
+}
+
+// What a child writes to its stderr, one entry for each write it makes.
+std::vector<std::string> WritesOf(const std::function<int()>& body) {
+  int ends[2];
+  EXPECT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), 0);
+  const LoggingChild child("stderr", ends[1], body);
+  close(ends[1]);
+  std::vector<std::string> writes;
+  std::vector<char> packet(256 * 1024);
+  ssize_t count;
+  while ((count = recv(ends[0], packet.data(), packet.size(), 0)) > 0) {
+    writes.emplace_back(packet.data(), static_cast<std::size_t>(count));
+  }
+  close(ends[0]);
+  EXPECT_EQ(child.Wait(), 0);
+  return writes;
+}
+
+// A line without its time, "" when the time does not look like one.
+std::string WithoutTime(const std::string& line) {
+  static const std::string kShape = "00:00:00.000 ";
+  for (std::size_t i = 0; i < kShape.size(); ++i) {
+    const bool fits = i < line.size() && (kShape[i] == '0' ? isdigit(static_cast<unsigned char>(line[i])) != 0
+                                                           : line[i] == kShape[i]);
+    if (!fits) {
+      return "";
+    }
+  }
+  return line.substr(kShape.size());
+}
+
+std::vector<std::string> LinesOf(const std::string& text) {
+  std::vector<std::string> lines;
+  std::istringstream stream(text);
+  for (std::string line; std::getline(stream, line);) {
+    lines.push_back(WithoutTime(line));
+  }
+  return lines;
+}
+
+int LogAt(int priority, const char* text) {
+  return __dlog_print(kLogId, priority, "FWUPDATE", "%s", text);
+}
+
+TEST(PlatformLog, WritesOneLineOnStderr) {
+  const std::string text = StderrOf("stderr", [] {
+    __dlog_print(kLogId, DLOG_ERROR_PRIORITY, "FWUPDATE", "%s: %s(%d) > Error : %s", "fw-update-symbol.cpp",
+                 "loadSymbol", 42, "no such module");
+    return 0;
+  });
+
+  EXPECT_EQ(WithoutTime(text), "E FWUPDATE fw-update-symbol.cpp: loadSymbol(42) > Error : no such module\n");
+}
+
+TEST(PlatformLog, ShowsTheTimeOfDay) {
+  const std::string text = StderrOf("stderr", [] {
+    setenv("TZ", "XXX-5:30", 1);  // five and a half hours east
+    LogAt(6, "now");
+    return 0;
+  });
+
+  const std::time_t after = std::time(nullptr);
+  int hours = -1, minutes = -1, seconds = -1, milliseconds = -1;
+  ASSERT_EQ(sscanf(text.c_str(), "%2d:%2d:%2d.%3d ", &hours, &minutes, &seconds, &milliseconds), 4) << text;
+  const std::time_t expected = (after + 5 * 3600 + 1800) % 86400;
+  const std::time_t shown = hours * 3600 + minutes * 60 + seconds;
+  EXPECT_LE((expected - shown + 86400) % 86400, 60);
+}
+
+TEST(PlatformLog, ShowsEachPriorityAsItsLetter) {
+  const std::string text = StderrOf("stderr", [] {
+    for (int priority = -1; priority <= 9; ++priority) {
+      __dlog_print(kLogId, priority, "FWUPDATE", "%d", priority);
+    }
+    return 0;
+  });
+
+  EXPECT_THAT(LinesOf(text), ElementsAre("D FWUPDATE -1", "D FWUPDATE 0", "D FWUPDATE 1", "D FWUPDATE 2",
+                                         "D FWUPDATE 3", "I FWUPDATE 4", "W FWUPDATE 5", "E FWUPDATE 6",
+                                         "E FWUPDATE 7", "E FWUPDATE 8", "E FWUPDATE 9"));
+}
+
+TEST(PlatformLog, WritesNothingWhenSwitchedOff) {
+  const std::string text = StderrOf("none", [] { return LogAt(6, "unseen"); });
+
+  EXPECT_EQ(text, "");
+}
+
+TEST(PlatformLog, WritesNothingOnStderrByDefault) {
+  for (const char* setting : {static_cast<const char*>(nullptr), "syslog"}) {
+    EXPECT_EQ(StderrOf(setting, [] { return LogAt(6, "for syslog") == 10 ? 0 : 1; }), "");
+  }
+}
+
+TEST(PlatformLog, ComplainsOnceAboutAnUnknownSink) {
+  const std::string text = StderrOf(
+      "std\x1B"
+      "err",
+      [] {
+        LogAt(6, "one");
+        LogAt(6, "two");
+        return 0;
+      });
+
+  EXPECT_EQ(text,
+            "FW_UPDATE_LOG: unknown value \"std\\x1Berr\" (known: journal, syslog, stderr, none); messages "
+            "go to syslog\n");
+}
+
+TEST(PlatformLog, MakesNoEmptyLinesOfTrailingLineFeeds) {
+  const std::string text = StderrOf("stderr", [] {
+    LogAt(6, "lstat error\n");
+    LogAt(6, "two\n\n\n");
+    LogAt(6, "\n");
+    LogAt(6, "");
+    return 0;
+  });
+
+  EXPECT_THAT(LinesOf(text),
+              ElementsAre("E FWUPDATE lstat error", "E FWUPDATE two", "E FWUPDATE ", "E FWUPDATE "));
+}
+
+TEST(PlatformLog, KeepsAMessageOnOneLineWhateverItHolds) {
+  const std::string text = StderrOf("stderr", [] {
+    __dlog_print(kLogId, 6, "TAG\n", "a\nb %s%c\xFF", "\x1B[2J", '\0');
+    return 0;
+  });
+
+  EXPECT_THAT(LinesOf(text), ElementsAre("E TAG\\x0A a\\x0Ab \\x1B[2J\\x00\\xFF"));
+}
+
+TEST(PlatformLog, MakesOneWriteForEachMessageHoweverLong) {
+  const std::string longText(100 * 1024, 'x');
+
+  const std::vector<std::string> writes = WritesOf([&] {
+    LogAt(6, "short");
+    return LogAt(6, longText.c_str()) == 100 * 1024 ? 0 : 1;
+  });
+
+  ASSERT_EQ(writes.size(), 2u);
+  EXPECT_EQ(WithoutTime(writes[0]), "E FWUPDATE short\n");
+  EXPECT_TRUE(WithoutTime(writes[1]) == "E FWUPDATE " + longText + "\n") << writes[1].size();
+}
+
+TEST(PlatformLog, KeepsWholeMessagesAroundTheFixedBuffersEnd) {
+  for (const std::size_t length : {1022u, 1023u, 1024u, 1025u, 2048u}) {
+    const std::string message(length, 'y');
+
+    const std::vector<std::string> writes = WritesOf([&] { return LogAt(6, message.c_str()) < 0; });
+
+    ASSERT_EQ(writes.size(), 1u);
+    EXPECT_EQ(WithoutTime(writes[0]), "E FWUPDATE " + message + "\n");
+  }
+}
+
+TEST(PlatformLog, ShowsErrnoOfTheCallAndKeepsIt) {
+  const std::string padding(2000, '.');
+  // No literal: ISO C++ knows no %m, and the compiler would say so.
+  const std::string format = "%s %m";
+
+  const std::vector<std::string> writes = WritesOf([&] {
+    errno = ENOSPC;
+    __dlog_print(kLogId, 6, "FWUPDATE", format.c_str(), "short:");
+    const bool keptShort = errno == ENOSPC;
+    errno = EXDEV;
+    __dlog_print(kLogId, 6, "FWUPDATE", format.c_str(), padding.c_str());
+    return keptShort && errno == EXDEV ? 0 : 1;
+  });
+
+  ASSERT_EQ(writes.size(), 2u);
+  EXPECT_EQ(WithoutTime(writes[0]), "E FWUPDATE short: No space left on device\n");
+  EXPECT_EQ(WithoutTime(writes[1]), "E FWUPDATE " + padding + " Invalid cross-device link\n");
+}
+
+TEST(PlatformLog, KeepsErrnoWithEverySink) {
+  for (const char* setting : {"syslog", "none", "nonsense"}) {
+    StderrOf(setting, [] {
+      errno = EDOM;
+      LogAt(6, "message");
+      return errno == EDOM ? 0 : 1;
+    });
+  }
+}
+
+TEST(PlatformLog, TakesANullTagAndANullFormat) {
+  const std::string text = StderrOf("stderr", [] {
+    const char* volatile nothing = nullptr;
+    __dlog_print(kLogId, 6, nullptr, "no tag");
+    return __dlog_print(kLogId, 6, "FWUPDATE", nothing, 0) == -EINVAL ? 0 : 1;
+  });
+
+  EXPECT_THAT(LinesOf(text), ElementsAre("E (null) no tag"));
+}
+
+TEST(PlatformLog, ReportsAStderrThatCannotBeWritten) {
+  int ends[2];
+  ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+  close(ends[0]);
+
+  const LoggingChild child("stderr", ends[1], [] {
+    signal(SIGPIPE, SIG_DFL);
+    return LogAt(6, "for nobody") == -EPIPE && LogAt(6, "again") == -EPIPE ? 0 : 1;
+  });
+  close(ends[1]);
+
+  EXPECT_EQ(child.Wait(), 0) << "negative: the signal that ended it";
+}
+
+TEST(PlatformLog, DoesNotMixTheLinesOfSeveralThreads) {
+  constexpr int kThreads = 8;
+  constexpr int kMessages = 50;
+  constexpr int kLength = 20000;  // more than a pipe takes at once
+
+  const std::string text = StderrOf("stderr", [] {
+    fcntl(STDERR_FILENO, F_SETPIPE_SZ, 4096);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kThreads; ++i) {
+      threads.emplace_back([i] {
+        const std::string message(kLength, static_cast<char>('a' + i));
+        for (int n = 0; n < kMessages; ++n) {
+          LogAt(6, message.c_str());
+        }
+      });
+    }
+    for (std::thread& thread : threads) {
+      thread.join();
+    }
+    return 0;
+  });
+
+  std::map<std::string, int> counted;
+  for (const std::string& line : LinesOf(text)) {
+    ++counted[line];
+  }
+  ASSERT_EQ(counted.size(), static_cast<std::size_t>(kThreads)) << "some line is a mixture";
+  for (int i = 0; i < kThreads; ++i) {
+    EXPECT_EQ(counted["E FWUPDATE " + std::string(kLength, static_cast<char>('a' + i))], kMessages);
+  }
+}
+
+}  // namespace

@@ -1,0 +1,642 @@
+#include "trace-storage.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <utime.h>
+
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "message.h"
+#include "trace-format.h"
+#include "trace-store.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace fwplatform::trace;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::SizeIs;
+using ::testing::StartsWith;
+
+constexpr std::uint16_t kVariable = 0x3FFF;
+
+TraceStorage::Storage& TheStorage() {
+  return TraceStorage::Manager::Instance().GetStorage();
+}
+
+std::uint32_t Register(const char* format, std::vector<TraceStorage::ArgumentDescription> arguments) {
+  const std::uint32_t id = TraceStorage::Manager::Instance().NewLocationId();
+  TheStorage().SaveLocation({"/src/a/sample.cpp", 42, id, "work", format, std::move(arguments)});
+  return id;
+}
+
+bool Write(std::uint32_t location, const std::string& payload) {
+  TraceStorage::Storage& storage = TheStorage();
+  TraceStorage::Thread* const thread = storage.ThreadHandle();
+  unsigned char* const buffer =
+      storage.PrepareCallBuffer(thread, static_cast<unsigned int>(payload.size()), 1, location);
+  if (buffer == nullptr) {
+    return false;
+  }
+  std::memcpy(buffer, payload.data(), payload.size());
+  storage.Commit(thread);
+  return true;
+}
+
+std::string Int(std::uint32_t value) {
+  return std::string(reinterpret_cast<const char*>(&value), sizeof value);
+}
+
+std::uint32_t RegisterNumber() {
+  return Register("number %d", {{"int", 1, 4}});
+}
+
+// A process has one trace, so every test traces from a child of its own, into a
+// directory of its own.
+class TraceStorageTest : public ::testing::Test {
+ protected:
+  TraceStorageTest() {
+    char name[] = "/tmp/trace-storage-XXXXXX";
+    directory_ = mkdtemp(name);
+    traces_ = directory_ + "/traces";
+    setenv("FW_UPDATE_TRACE", traces_.c_str(), 1);
+    setenv("FW_UPDATE_LOG", "none", 1);
+  }
+  ~TraceStorageTest() override {
+    unsetenv("FW_UPDATE_TRACE_THREAD_KIB");
+    unsetenv("FW_UPDATE_TRACE_THREADS");
+    unsetenv("FW_UPDATE_TRACE_TOTAL_MIB");
+    fs::remove_all(directory_);
+  }
+
+  static pid_t Start(const std::function<void()>& body) {
+    const pid_t pid = fork();
+    if (pid == 0) {
+      body();
+      _exit(::testing::Test::HasFailure() ? 1 : 0);
+    }
+    return pid;
+  }
+
+  static int Wait(pid_t pid) {
+    int status = -1;
+    waitpid(pid, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+  }
+
+  static int InChild(const std::function<void()>& body) { return Wait(Start(body)); }
+
+  std::vector<tracetool::TraceFile> Traces() const {
+    std::string problem;
+    return tracetool::loadTraces(traces_, problem);
+  }
+
+  tracetool::TraceFile OnlyTrace() const {
+    auto traces = Traces();
+    EXPECT_THAT(traces, SizeIs(1));
+    return traces.empty() ? tracetool::TraceFile() : traces.front();
+  }
+
+  // The messages of the only trace.
+  std::vector<std::string> Texts() const {
+    auto file = OnlyTrace();
+    std::vector<std::string> texts;
+    for (const auto& message : tracetool::messagesOf(file.trace)) {
+      texts.push_back(message.text);
+    }
+    EXPECT_THAT(file.trace.skipped, IsEmpty());
+    return texts;
+  }
+
+  std::string directory_;
+  std::string traces_;
+};
+
+TEST_F(TraceStorageTest, KeepsPayloadsByteForByte) {
+  const std::string longest(16382, 'x');
+  const std::vector<std::string> payloads = {
+      "",
+      Int(0x80000001),
+      std::string("\0", 1),
+      "\x7F" + std::string(127, 'a'),
+      std::string("\x80\x01", 2) + std::string(128, 'b'),
+      std::string("\xFE\x7F", 2) + longest,
+      "\xFF\x7F",
+  };
+
+  const int result = InChild([&payloads] {
+    const std::uint32_t location = RegisterNumber();
+    for (const std::string& payload : payloads) {
+      ASSERT_TRUE(Write(location, payload));
+    }
+  });
+
+  EXPECT_EQ(result, 0);
+  std::vector<std::string> kept;
+  for (const auto& record : OnlyTrace().trace.records) {
+    if (record.kind == kCall) {
+      kept.push_back(record.payload);
+    }
+  }
+  EXPECT_EQ(kept, payloads);
+}
+
+TEST_F(TraceStorageTest, KeepsTheRegisteredLocation) {
+  InChild([] {
+    Write(Register("%s took %d", {{"char const*", 1, kVariable}, {"int", 1, 4}}),
+          std::string("\x02ok") + Int(7));
+  });
+
+  auto trace = OnlyTrace().trace;
+  ASSERT_THAT(trace.locations, SizeIs(1));
+  const tracetool::Location& location = trace.locations.begin()->second;
+  EXPECT_EQ(location.id, 1U);
+  EXPECT_EQ(location.sourcePath, "/src/a/sample.cpp");
+  EXPECT_EQ(location.function, "work");
+  EXPECT_EQ(location.line, 42);
+  EXPECT_EQ(location.format, "%s took %d");
+  ASSERT_THAT(location.arguments, SizeIs(2));
+  EXPECT_EQ(location.arguments[0].name, "char const*");
+  EXPECT_EQ(location.arguments[0].size, kVariable);
+  EXPECT_EQ(location.arguments[0].flag, 1);
+  EXPECT_THAT(Texts(), ElementsAre("ok took 7"));
+}
+
+TEST_F(TraceStorageTest, LeavesOutWhatWasPreparedAndNotCommitted) {
+  InChild([] {
+    const std::uint32_t location = RegisterNumber();
+    Write(location, Int(1));
+    std::memcpy(TheStorage().PrepareCallBuffer(TheStorage().ThreadHandle(), 4, 1, location), "half", 4);
+    raise(SIGKILL);
+  });
+
+  EXPECT_THAT(Texts(), ElementsAre("number 1"));
+}
+
+TEST_F(TraceStorageTest, TakesASecondPreparationForTheFirst) {
+  InChild([] {
+    const std::uint32_t location = RegisterNumber();
+    TheStorage().PrepareCallBuffer(TheStorage().ThreadHandle(), 100, 1, location);
+    Write(location, Int(2));
+    TheStorage().Commit(TheStorage().ThreadHandle());
+  });
+
+  EXPECT_THAT(Texts(), ElementsAre("number 2"));
+}
+
+TEST_F(TraceStorageTest, OverwritesTheOldestRecordsAndNoOthers) {
+  setenv("FW_UPDATE_TRACE_THREAD_KIB", "64", 1);
+  constexpr std::uint32_t kCount = 100000;
+
+  InChild([] {
+    const std::uint32_t location = RegisterNumber();
+    for (std::uint32_t i = 0; i < kCount; ++i) {
+      // Of different lengths, so that the end of the ring falls everywhere.
+      ASSERT_TRUE(Write(location, Int(i) + std::string(i % 57, 'z')));
+    }
+  });
+
+  const auto file = OnlyTrace();
+  EXPECT_TRUE(file.trace.overwritten);
+  EXPECT_THAT(file.trace.skipped, IsEmpty());
+  const auto& records = file.trace.records;
+  ASSERT_GT(records.size(), 700U);
+  for (std::size_t i = 0; i < records.size(); ++i) {
+    const auto number = static_cast<std::uint32_t>(kCount - records.size() + i);
+    ASSERT_EQ(records[i].payload, Int(number) + std::string(number % 57, 'z'));
+  }
+}
+
+TEST_F(TraceStorageTest, DropsWhatCouldNeverFit) {
+  setenv("FW_UPDATE_TRACE_THREAD_KIB", "64", 1);
+
+  const int result = InChild([] {
+    const std::uint32_t location = RegisterNumber();
+    EXPECT_FALSE(Write(location, std::string(64 * 1024, 'x')));
+    EXPECT_FALSE(Write(location, std::string()) &&
+                 TheStorage().PrepareCallBuffer(TheStorage().ThreadHandle(), 0xFFFFFFFF, 1, location) !=
+                     nullptr);
+  });
+
+  EXPECT_EQ(result, 0);
+  EXPECT_EQ(OnlyTrace().trace.dropped, 2U);
+}
+
+TEST_F(TraceStorageTest, GivesEveryThreadsRecordsItsNumberAndTime) {
+  InChild([] {
+    const std::uint32_t location = RegisterNumber();
+    Write(location, Int(1));
+    std::thread([location] {
+      prctl(PR_SET_NAME, "tunerfw");
+      Write(location, Int(2));
+    }).join();
+    Write(location, Int(3));
+  });
+
+  const auto file = OnlyTrace();
+  std::vector<std::uint32_t> threads;
+  std::int64_t last = 0;
+  for (const auto& record : file.trace.records) {
+    EXPECT_GE(record.time, last);
+    last = record.time;
+    if (record.kind == kCall) {
+      threads.push_back(record.threadId);
+    }
+  }
+  ASSERT_THAT(threads, SizeIs(3));
+  EXPECT_EQ(threads[0], file.trace.processId);
+  EXPECT_NE(threads[1], threads[0]);
+  EXPECT_EQ(threads[2], threads[0]);
+  EXPECT_EQ(tracetool::threadNames(file.trace)[threads[1]], "tunerfw");
+}
+
+TEST_F(TraceStorageTest, LendsTheRingOfAnEndedThreadAgain) {
+  setenv("FW_UPDATE_TRACE_THREADS", "2", 1);
+
+  const int result = InChild([] {
+    const std::uint32_t location = RegisterNumber();
+    Write(location, Int(0));
+    for (std::uint32_t i = 1; i <= 50; ++i) {
+      std::thread([location, i] { EXPECT_TRUE(Write(location, Int(i))); }).join();
+    }
+  });
+
+  EXPECT_EQ(result, 0);
+  EXPECT_THAT(Texts(), SizeIs(51));
+}
+
+TEST_F(TraceStorageTest, DropsTheRecordsOfAThreadWithoutARingUntilOneIsFree) {
+  setenv("FW_UPDATE_TRACE_THREADS", "1", 1);
+
+  const int result = InChild([] {
+    const std::uint32_t location = RegisterNumber();
+    std::atomic<bool> release{false};
+    std::atomic<bool> holds{false};
+    std::thread holder([&] {
+      Write(location, Int(1));
+      holds = true;
+      while (!release) {
+        std::this_thread::yield();
+      }
+    });
+    while (!holds) {
+      std::this_thread::yield();
+    }
+    EXPECT_FALSE(Write(location, Int(2)));
+    release = true;
+    holder.join();
+    EXPECT_TRUE(Write(location, Int(3)));
+  });
+
+  EXPECT_EQ(result, 0);
+  EXPECT_THAT(Texts(), ElementsAre("number 1", "number 3"));
+  EXPECT_EQ(OnlyTrace().trace.dropped, 1U);
+}
+
+TEST_F(TraceStorageTest, GivesAForkedChildATraceOfItsOwnWithTheLocations) {
+  InChild([] {
+    const std::uint32_t location = RegisterNumber();
+    Write(location, Int(1));
+    Wait(Start([location] { Write(location, Int(2)); }));
+    Write(location, Int(3));
+  });
+
+  auto traces = Traces();
+  ASSERT_THAT(traces, SizeIs(2));
+  auto texts = [](tracetool::TraceFile& file) {
+    std::vector<std::string> all;
+    for (const auto& message : tracetool::messagesOf(file.trace)) {
+      all.push_back(message.text);
+    }
+    return all;
+  };
+  EXPECT_THAT(texts(traces[0]), ElementsAre("number 1", "number 3"));
+  EXPECT_THAT(texts(traces[1]), ElementsAre("number 2"));
+  EXPECT_EQ(traces[1].trace.parentId, traces[0].trace.processId);
+}
+
+TEST_F(TraceStorageTest, MakesNoFileForAForkedChildWithoutMessages) {
+  InChild([] {
+    Write(RegisterNumber(), Int(1));
+    Wait(Start([] {}));
+  });
+
+  EXPECT_THAT(Traces(), SizeIs(1));
+}
+
+TEST_F(TraceStorageTest, ShowsWhetherTheProcessLives) {
+  int ends[2];
+  ASSERT_EQ(pipe(ends), 0);
+  const pid_t pid = Start([&ends] {
+    Write(RegisterNumber(), Int(1));
+    EXPECT_EQ(write(ends[1], "x", 1), 1);
+    pause();
+  });
+  char byte = 0;
+  ASSERT_EQ(read(ends[0], &byte, 1), 1);
+
+  const bool before = OnlyTrace().alive;
+  kill(pid, SIGKILL);
+  Wait(pid);
+  const bool after = OnlyTrace().alive;
+
+  EXPECT_TRUE(before);
+  EXPECT_FALSE(after);
+  close(ends[0]);
+  close(ends[1]);
+}
+
+// Makes the file look as old as it says.
+void Age(const std::string& path, std::time_t seconds) {
+  const std::time_t then = std::time(nullptr) - seconds;
+  const utimbuf times = {then, then};
+  ASSERT_EQ(utime(path.c_str(), &times), 0);
+}
+
+TEST_F(TraceStorageTest, RemovesOldFilesOfDeadProcessesOnly) {
+  constexpr std::time_t kEightDays = 8 * 24 * 3600;
+  int ends[2];
+  ASSERT_EQ(pipe(ends), 0);
+  InChild([] { Write(RegisterNumber(), Int(1)); });
+  const std::string dead = OnlyTrace().path;
+  const pid_t pid = Start([&ends] {
+    Write(RegisterNumber(), Int(2));
+    EXPECT_EQ(write(ends[1], "x", 1), 1);
+    pause();
+  });
+  char byte = 0;
+  ASSERT_EQ(read(ends[0], &byte, 1), 1);
+  const std::string living = Traces()[1].path;
+  Age(dead, kEightDays);
+  Age(living, kEightDays);
+
+  InChild([] { Write(RegisterNumber(), Int(3)); });
+
+  EXPECT_FALSE(fs::exists(dead));
+  EXPECT_TRUE(fs::exists(living));
+  EXPECT_THAT(Traces(), SizeIs(2));
+  kill(pid, SIGKILL);
+  Wait(pid);
+  close(ends[0]);
+  close(ends[1]);
+}
+
+TEST_F(TraceStorageTest, KeepsTheDirectoryBelowItsTotalSize) {
+  setenv("FW_UPDATE_TRACE_TOTAL_MIB", "1", 1);
+  setenv("FW_UPDATE_TRACE_THREAD_KIB", "192", 1);
+
+  for (std::uint32_t i = 0; i < 10; ++i) {
+    InChild([i] { Write(RegisterNumber(), Int(i)); });
+  }
+
+  const auto traces = Traces();
+  // 64 + 192 KiB each: what was there before the last one came fits in 1 MiB.
+  EXPECT_EQ(traces.size(), 5U);
+  EXPECT_EQ(traces.back().trace.records.back().payload, Int(9));
+}
+
+TEST_F(TraceStorageTest, SwitchesItselfOffWhereNoFileCanBeMade) {
+  for (const std::string& place :
+       {std::string("/proc/no-such"), directory_ + "/missing/deep", std::string("none")}) {
+    setenv("FW_UPDATE_TRACE", place.c_str(), 1);
+
+    const int result = InChild([] {
+      EXPECT_EQ(TraceStorage::enabled, 1);
+      errno = EDOM;
+      EXPECT_FALSE(Write(RegisterNumber(), Int(1)));
+      EXPECT_EQ(errno, EDOM);
+      EXPECT_EQ(TraceStorage::enabled, 0);
+      EXPECT_FALSE(Write(RegisterNumber(), Int(1)));
+    });
+
+    EXPECT_EQ(result, 0) << place;
+  }
+}
+
+TEST_F(TraceStorageTest, SaysOnceThatNoTraceIsKept) {
+  setenv("FW_UPDATE_TRACE", "/proc/no-such", 1);
+  setenv("FW_UPDATE_LOG", "stderr", 1);
+  const std::string log = directory_ + "/log";
+
+  InChild([&log] {
+    dup2(open(log.c_str(), O_WRONLY | O_CREAT, 0600), STDERR_FILENO);
+    Write(RegisterNumber(), Int(1));
+    std::thread([] { Write(RegisterNumber(), Int(2)); }).join();
+  });
+
+  std::ifstream stream(log);
+  std::vector<std::string> lines;
+  for (std::string line; std::getline(stream, line);) {
+    lines.push_back(line.substr(line.find(' ') + 1));
+  }
+  EXPECT_THAT(lines, ElementsAre("W FWUPDATE no trace is kept: /proc/no-such: No such file or directory"));
+}
+
+TEST_F(TraceStorageTest, FollowsNoLinkOfItsOwnName) {
+  InChild([] { Write(RegisterNumber(), Int(1)); });
+
+  struct stat status = {};
+  ASSERT_EQ(lstat(OnlyTrace().path.c_str(), &status), 0);
+  EXPECT_TRUE(S_ISREG(status.st_mode));
+  EXPECT_EQ(status.st_mode & 0007, 0U);
+}
+
+// ---- Bytes ----------------------------------------------------------------------
+
+template <typename Number>
+Number NumberAt(const std::string& bytes, std::size_t offset) {
+  Number number = 0;
+  std::memcpy(&number, bytes.data() + offset, sizeof number);
+  return number;
+}
+
+// The offsets and numbers are those of docs/formats/trace.md.
+TEST_F(TraceStorageTest, WritesTheDocumentedBytes) {
+  setenv("FW_UPDATE_TRACE_THREAD_KIB", "64", 1);
+  InChild([] {
+    prctl(PR_SET_NAME, "golden");
+    Write(Register("%s=%d", {{"char const*", 1, kVariable}, {"int", 1, 4}}), std::string("\x01k") + Int(9));
+  });
+  const auto file = OnlyTrace();
+  std::ifstream stream(file.path, std::ios::binary);
+  const std::string bytes(std::istreambuf_iterator<char>(stream), {});
+
+  ASSERT_EQ(bytes.size(), 128U * 1024);
+  EXPECT_EQ(bytes.substr(0, 8), "FWTRACE\n");
+  EXPECT_EQ(NumberAt<std::uint32_t>(bytes, 8), 1U);
+  EXPECT_EQ(NumberAt<std::uint32_t>(bytes, 12), 0x01020304U);
+  EXPECT_EQ(NumberAt<std::uint32_t>(bytes, 16), 4096U);
+  EXPECT_EQ(NumberAt<std::uint32_t>(bytes, 20), file.trace.processId);
+  EXPECT_EQ(NumberAt<std::int64_t>(bytes, 24), file.trace.start);
+  EXPECT_EQ(NumberAt<std::uint32_t>(bytes, 40), static_cast<std::uint32_t>(getpid()));
+  EXPECT_EQ(NumberAt<std::uint32_t>(bytes, 44), 0U);
+  EXPECT_EQ(bytes.substr(48, 7), std::string("golden\0", 7));
+
+  EXPECT_EQ(NumberAt<std::uint32_t>(bytes, 4096), 0x4B4E4843U);
+  EXPECT_EQ(NumberAt<std::uint32_t>(bytes, 4100), 1U);
+  EXPECT_EQ(NumberAt<std::uint64_t>(bytes, 4104), 60U * 1024);
+  const std::string location = Int(80) + Int(1) + Int(42) + Int(2) +
+                               std::string("\x11\0/src/a/sample.cpp\x04\0work\x05\0%s=%d", 32) +
+                               std::string("\x01\xFF\x3F\x0B\0char const*\x01\x04\0\x03\0int", 24) +
+                               std::string("\0\0\0\0\0\0\0\0", 8);
+  const auto used = NumberAt<std::uint64_t>(bytes, 4112);
+  EXPECT_EQ(used, NumberAt<std::uint32_t>(bytes, 4160));
+  EXPECT_EQ(bytes.substr(4164, used - 4), location.substr(4, used - 4));
+
+  constexpr std::size_t kRing = 64 * 1024;
+  EXPECT_EQ(NumberAt<std::uint32_t>(bytes, kRing), 0x4B4E4843U);
+  EXPECT_EQ(NumberAt<std::uint32_t>(bytes, kRing + 4), 2U);
+  EXPECT_EQ(NumberAt<std::uint64_t>(bytes, kRing + 8), 64U * 1024);
+  EXPECT_EQ(NumberAt<std::uint64_t>(bytes, kRing + 16), 64U);  // head: two records of 32 bytes
+  EXPECT_EQ(NumberAt<std::uint64_t>(bytes, kRing + 24), 0U);   // tail
+  EXPECT_EQ(NumberAt<std::uint32_t>(bytes, kRing + 32), file.trace.processId);
+  constexpr std::size_t kFirst = kRing + 64;
+  EXPECT_EQ(NumberAt<std::uint32_t>(bytes, kFirst), 32U | 2U);
+  EXPECT_EQ(NumberAt<std::uint32_t>(bytes, kFirst + 4), 2U);  // kind: a thread begins
+  EXPECT_EQ(bytes.substr(kFirst + 24, 6), "golden");
+  constexpr std::size_t kSecond = kFirst + 32;
+  EXPECT_EQ(NumberAt<std::uint32_t>(bytes, kSecond), 32U | 2U);
+  EXPECT_EQ(NumberAt<std::uint32_t>(bytes, kSecond + 4), 4U << 8 | 1U);  // position 32, kind 1
+  EXPECT_EQ(NumberAt<std::uint32_t>(bytes, kSecond + 8), 1U);
+  EXPECT_EQ(NumberAt<std::uint32_t>(bytes, kSecond + 12), file.trace.processId);
+  EXPECT_GT(NumberAt<std::int64_t>(bytes, kSecond + 16), NumberAt<std::int64_t>(bytes, 32) - 1);
+  EXPECT_EQ(bytes.substr(kSecond + 24, 8), std::string("\x01k") + Int(9) + std::string(2, '\0'));
+}
+
+// ---- Sudden death ---------------------------------------------------------------
+
+// A record that proves itself: its number, and as many bytes that follow from it.
+std::string ProvingPayload(std::uint32_t number) {
+  const std::uint32_t mixed = number * 2654435761U;
+  return Int(number) + std::string(mixed % 300, static_cast<char>(mixed >> 24));
+}
+
+void TraceForEver(std::uint32_t location, std::atomic<std::uint32_t>& committed) {
+  for (std::uint32_t i = 0;; ++i) {
+    Write(location, ProvingPayload(i));
+    committed.store(i + 1, std::memory_order_release);
+  }
+}
+
+// Four threads, a ring small enough that they overwrite it again and again.
+void ExpectNothingLost(const tracetool::TraceFile& file, const std::uint32_t (&committed)[4],
+                       const std::uint32_t (&locations)[4]) {
+  ASSERT_EQ(file.problem, "");
+  EXPECT_THAT(file.trace.skipped, IsEmpty());
+  for (int thread = 0; thread < 4; ++thread) {
+    std::vector<std::string> payloads;
+    for (const auto& record : file.trace.records) {
+      if (record.kind == kCall && record.locationId == locations[thread]) {
+        payloads.push_back(record.payload);
+      }
+    }
+    ASSERT_EQ(payloads.empty(), committed[thread] == 0);
+    if (payloads.empty()) {
+      continue;
+    }
+    const std::uint32_t last = NumberAt<std::uint32_t>(payloads.back(), 0);
+    // What the thread had counted is there; one more may be, which it had not.
+    EXPECT_GE(last + 1, committed[thread]);
+    EXPECT_LE(last, committed[thread]);
+    for (std::size_t i = 0; i < payloads.size(); ++i) {
+      ASSERT_EQ(payloads[i], ProvingPayload(static_cast<std::uint32_t>(last + 1 - payloads.size() + i)));
+    }
+  }
+}
+
+TEST_F(TraceStorageTest, LosesNothingCommittedWhenKilledAtAnyMoment) {
+  setenv("FW_UPDATE_TRACE_THREAD_KIB", "64", 1);
+  struct Shared {
+    std::atomic<std::uint32_t> committed[4];
+    std::uint32_t locations[4];
+    std::atomic<bool> started;
+  };
+  void* const memory =
+      mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  ASSERT_NE(memory, MAP_FAILED);
+  std::mt19937 random(20260131);
+
+  for (int round = 0; round < 100; ++round) {
+    fs::remove_all(traces_);
+    auto* const shared = new (memory) Shared();
+    const pid_t pid = Start([shared] {
+      for (std::uint32_t& location : shared->locations) {
+        location = RegisterNumber();
+      }
+      for (int i = 0; i < 4; ++i) {
+        std::thread(TraceForEver, shared->locations[i], std::ref(shared->committed[i])).detach();
+      }
+      shared->started = true;
+      pause();
+    });
+    while (!shared->started) {
+      std::this_thread::yield();
+    }
+    const auto target = std::uniform_int_distribution<std::uint32_t>(0, 20000)(random);
+    while (shared->committed[round % 4] < target) {
+      std::this_thread::yield();
+    }
+    kill(pid, SIGKILL);
+    Wait(pid);
+
+    std::uint32_t committed[4];
+    for (int i = 0; i < 4; ++i) {
+      committed[i] = shared->committed[i];
+    }
+    ExpectNothingLost(OnlyTrace(), committed, shared->locations);
+    ASSERT_FALSE(HasFailure()) << "round " << round << ", target " << target;
+  }
+  munmap(memory, sizeof(Shared));
+}
+
+TEST_F(TraceStorageTest, CanBeReadWhileItIsBeingWritten) {
+  setenv("FW_UPDATE_TRACE_THREAD_KIB", "64", 1);
+  int ends[2];
+  ASSERT_EQ(pipe(ends), 0);
+  const pid_t pid = Start([&ends] {
+    std::atomic<std::uint32_t> committed{0};
+    const std::uint32_t location = RegisterNumber();
+    Write(location, ProvingPayload(0));
+    EXPECT_EQ(write(ends[1], "x", 1), 1);
+    TraceForEver(location, committed);
+  });
+  char byte = 0;
+  ASSERT_EQ(read(ends[0], &byte, 1), 1);
+
+  for (int i = 0; i < 300 && !HasFailure(); ++i) {
+    const auto file = OnlyTrace();
+    EXPECT_THAT(file.trace.skipped, IsEmpty());
+    for (const auto& record : file.trace.records) {
+      if (record.kind == kCall) {
+        ASSERT_EQ(record.payload, ProvingPayload(NumberAt<std::uint32_t>(record.payload, 0)));
+      }
+    }
+  }
+
+  kill(pid, SIGKILL);
+  Wait(pid);
+  close(ends[0]);
+  close(ends[1]);
+}
+
+}  // namespace

@@ -1,0 +1,303 @@
+// The verification library as the update library uses it: loaded, asked through its
+// one entry point, at the device's paths.
+#include <dlfcn.h>
+#include <gmock/gmock.h>
+#include <openssl/err.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+#include <string>
+
+#include "device-environment.h"
+#include "public-keys.h"
+#include "signed-package.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr char kPackage[] = "/opt/media/USBDriveA/tunerfw.bin";
+constexpr char kKey[] = "/usr/share/fw-update/keys/maker.pem";
+constexpr std::size_t kTrailer = 534;
+
+// A read of the byte at this offset fails.
+std::atomic<std::int64_t> failingAt{INT64_MAX};
+std::atomic<std::int64_t> bytesRead{0};
+
+}  // namespace
+
+// Takes the place of the C library's for the verification library: a drive that is
+// pulled out while it is read.
+extern "C" __attribute__((visibility("default"))) ssize_t pread64(int file, void* buffer, size_t size,
+                                                                  off64_t offset) {
+  using Read = ssize_t (*)(int, void*, size_t, off64_t);
+  static const auto real = reinterpret_cast<Read>(dlsym(RTLD_NEXT, "pread64"));
+  if (offset <= failingAt && failingAt - offset < static_cast<std::int64_t>(size)) {
+    errno = EIO;
+    return -1;
+  }
+  const ssize_t got = real(file, buffer, size, offset);
+  bytesRead += got > 0 ? got : 0;
+  return got;
+}
+
+namespace {
+
+class Verifier : public DeviceTest {
+ protected:
+  void SetUp() override {
+    DeviceTest::SetUp();
+    failingAt = INT64_MAX;
+    library = dlopen(VERIFIER_LIBRARY, RTLD_LAZY);
+    ASSERT_NE(library, nullptr) << dlerror();
+    verifyFile = reinterpret_cast<int (*)(int, const char*, const char*)>(dlsym(library, "verifyFile"));
+    ASSERT_NE(verifyFile, nullptr);
+  }
+  void TearDown() override { dlclose(library); }
+
+  bool accepts(const char* path = kPackage) const { return verifyFile(0, path, "UserCaller") != 0; }
+  bool acceptsContent(const std::string& content) const {
+    writeFile(kPackage, content);
+    return accepts();
+  }
+  static const fwpack::SigningKey& installKey(const std::string& algorithm = "ed25519") {
+    const fwpack::SigningKey& key = testSigningKey(algorithm);
+    writeFile(kKey, publicPem(key));
+    return key;
+  }
+  static std::string smallPackage(const fwpack::SigningKey& key) {
+    return signedFile(std::string(16, 'I') + std::string(80, 'C'), key);
+  }
+
+ private:
+  void* library = nullptr;
+  int (*verifyFile)(int, const char*, const char*) = nullptr;
+};
+
+std::string fromHex(const std::string& hex) {
+  std::string bytes;
+  for (std::size_t i = 0; i + 1 < hex.size(); i += 2) {
+    bytes += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
+  }
+  return bytes;
+}
+
+std::size_t openDescriptors() {
+  return static_cast<std::size_t>(
+      std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator()));
+}
+
+TEST_F(Verifier, AcceptsTheBytesThatTheFormatsDocumentDescribes) {
+  // Made with openssl alone, as docs/formats/usb-package.md says.
+  writeFile(kKey,
+            "-----BEGIN PUBLIC KEY-----\n"
+            "MCowBQYDK2VwAyEADVG3iTbbmwXERY+XXRDGPjZZrqxEpgWdFTA78TD4ZAU=\n"
+            "-----END PUBLIC KEY-----\n");
+  const std::string package = "This stands for IV and ciphertext." +
+                              fromHex("46575349474e4544010258276ee477dd30ca40000000") +
+                              fromHex(
+                                  "d6b99fe9b5083c63c09b7c494bcb0108f8edfedc568c196b1f4523f292e554e0"
+                                  "4817430efe6b9ee08389c2a5ae327b65918e465aa175307595ed60f1aed03901") +
+                              std::string(448, '\0');
+
+  EXPECT_TRUE(acceptsContent(package));
+}
+
+TEST_F(Verifier, AcceptsAnEd25519Signature) {
+  EXPECT_TRUE(acceptsContent(smallPackage(installKey())));
+}
+
+TEST_F(Verifier, AcceptsAnRsaSignatureAndRefusesItsAlteredBytes) {
+  const std::string package = smallPackage(installKey("rsa-4096"));
+  ASSERT_TRUE(acceptsContent(package));
+
+  for (std::size_t at = 0; at < package.size(); at += 7) {
+    std::string altered = package;
+    altered[at] = static_cast<char>(altered[at] ^ 0x20);
+    EXPECT_FALSE(acceptsContent(altered)) << at;
+  }
+}
+
+TEST_F(Verifier, AcceptsAPackageOfManyBlocks) {
+  const fwpack::SigningKey& key = installKey();
+
+  EXPECT_TRUE(acceptsContent(signedFile(std::string(1000003, 'x'), key)));
+}
+
+TEST_F(Verifier, ReadsEachByteOnce) {
+  const std::string package = signedFile(std::string(1000003, 'x'), installKey());
+  bytesRead = 0;
+
+  ASSERT_TRUE(acceptsContent(package));
+
+  EXPECT_EQ(bytesRead, static_cast<std::int64_t>(package.size()));
+}
+
+TEST_F(Verifier, RefusesEveryFlippedByte) {
+  const std::string package = smallPackage(installKey());
+
+  for (std::size_t at = 0; at < package.size(); ++at) {
+    for (const unsigned int bit : {0U, 7U}) {
+      std::string altered = package;
+      altered[at] = static_cast<char>(static_cast<unsigned char>(altered[at]) ^ (1U << bit));
+      EXPECT_FALSE(acceptsContent(altered)) << at;
+    }
+  }
+}
+
+TEST_F(Verifier, RefusesAPackageCutAtAnyByte) {
+  const std::string package = smallPackage(installKey());
+
+  for (std::size_t length = 0; length < package.size(); ++length) {
+    EXPECT_FALSE(acceptsContent(package.substr(0, length))) << length;
+    EXPECT_FALSE(acceptsContent(package.substr(package.size() - length))) << length;
+  }
+}
+
+TEST_F(Verifier, RefusesUnsignedFilesOfEveryLength) {
+  installKey();
+
+  for (std::size_t length = 0; length <= 700; ++length) {
+    EXPECT_FALSE(acceptsContent(std::string(length, '\0'))) << length;
+    EXPECT_FALSE(acceptsContent(std::string(length, 'S'))) << length;
+  }
+}
+
+TEST_F(Verifier, RefusesATrailerWithNothingBeforeIt) {
+  EXPECT_FALSE(acceptsContent(signedFile("", installKey())));
+}
+
+TEST_F(Verifier, RefusesTrailingBytes) {
+  const std::string package = smallPackage(installKey());
+
+  EXPECT_FALSE(acceptsContent(package + '\0'));
+  EXPECT_FALSE(acceptsContent(package + std::string(kTrailer, '\0')));
+  EXPECT_FALSE(acceptsContent(package + package.substr(package.size() - kTrailer)));
+}
+
+TEST_F(Verifier, RefusesWhenThereIsNoKey) {
+  const std::string package = smallPackage(testSigningKey("ed25519"));
+
+  EXPECT_FALSE(acceptsContent(package));
+  fs::remove_all(fwpackage::keyDirectory);
+  EXPECT_FALSE(acceptsContent(package));
+}
+
+TEST_F(Verifier, RefusesAnotherMakersKey) {
+  installKey();
+  const fwpack::SigningKey foreign(testSigningKey("ed25519").algorithm());
+
+  EXPECT_FALSE(acceptsContent(smallPackage(foreign)));
+}
+
+TEST_F(Verifier, RefusesAForeignSignatureUnderAKnownKeysIdentifier) {
+  const std::string ours = smallPackage(installKey());
+  const std::string theirs = smallPackage(fwpack::SigningKey(testSigningKey("ed25519").algorithm()));
+  std::string forged = theirs;
+  forged.replace(forged.size() - kTrailer, 22, ours, ours.size() - kTrailer, 22);
+
+  EXPECT_FALSE(acceptsContent(forged));
+}
+
+TEST_F(Verifier, RefusesAKeyOfAnotherAlgorithmThanTheTrailers) {
+  const std::string package = smallPackage(installKey());
+  std::string relabelled = package;
+  const std::size_t header = relabelled.size() - kTrailer;
+  relabelled.replace(header + 9, 1, "\x01");                       // RSA
+  relabelled.replace(header + 18, 2, std::string("\x00\x02", 2));  // 512 bytes
+
+  EXPECT_FALSE(acceptsContent(relabelled));
+}
+
+TEST_F(Verifier, FindsItsKeyAmongOthersAndAmongJunk) {
+  const std::string keys = std::string(fwpackage::keyDirectory) + "/";
+  writeFile(keys + "a.pem", publicPem(fwpack::SigningKey(testSigningKey("ed25519").algorithm())));
+  writeFile(keys + "b.pem", "no key");
+  writeFile(keys + "c.pem", std::string(1 << 20, 'k'));
+  writeFile(keys + "d.pem", "");
+  fs::create_directory(keys + "e.pem");
+  ASSERT_EQ(mkfifo((keys + "f.pem").c_str(), 0644), 0);
+  fs::create_symlink("/nowhere", keys + "g.pem");
+
+  EXPECT_TRUE(acceptsContent(smallPackage(installKey())));
+  // Every file is looked into for a key that none of them holds.
+  EXPECT_FALSE(acceptsContent(smallPackage(fwpack::SigningKey(testSigningKey("ed25519").algorithm()))));
+}
+
+TEST_F(Verifier, TakesNoKeyFromAFileOfAnotherName) {
+  const std::string package = smallPackage(installKey());
+  fs::rename(kKey, std::string(kKey) + ".old");
+
+  EXPECT_FALSE(acceptsContent(package));
+}
+
+TEST_F(Verifier, RefusesWhatIsNoFile) {
+  installKey();
+  fs::create_directories(kPackage);
+  EXPECT_FALSE(accepts());
+
+  fs::remove(kPackage);
+  ASSERT_EQ(mkfifo(kPackage, 0644), 0);
+  EXPECT_FALSE(accepts());
+
+  fs::remove(kPackage);
+  fs::create_symlink("/nowhere", kPackage);
+  EXPECT_FALSE(accepts());
+
+  EXPECT_FALSE(accepts("/dev/zero"));
+  EXPECT_FALSE(accepts("/opt/media/absent.bin"));
+  EXPECT_FALSE(accepts(""));
+  EXPECT_FALSE(accepts(nullptr));
+}
+
+TEST_F(Verifier, FollowsALinkToAPackage) {
+  writeFile("/opt/media/USBDriveA/real.bin", smallPackage(installKey()));
+  fs::create_symlink("real.bin", kPackage);
+
+  EXPECT_TRUE(accepts());
+}
+
+TEST_F(Verifier, RefusesAHugeFileWithoutReadingItAll) {
+  writeFile(kPackage, smallPackage(installKey()));
+  fs::resize_file(kPackage, (std::uintmax_t{1} << 31U) + 4096);
+  bytesRead = 0;
+
+  EXPECT_FALSE(accepts());
+  EXPECT_LT(bytesRead, 4096);
+}
+
+TEST_F(Verifier, RefusesAPackageThatCannotBeReadToTheEnd) {
+  const std::string package = signedFile(std::string(300000, 'x'), installKey());
+  ASSERT_TRUE(acceptsContent(package));
+
+  for (const std::int64_t offset : {0, 1, 65536, 200000, 299999, 300000}) {
+    failingAt = offset;
+    EXPECT_FALSE(accepts()) << offset;
+  }
+}
+
+TEST_F(Verifier, LeavesNoErrorAndNoOpenFileBehind) {
+  const std::string package = smallPackage(installKey());
+  std::string altered = package;
+  altered[20] = '!';
+  ASSERT_TRUE(acceptsContent(package));
+  const std::size_t before = openDescriptors();
+  ERR_clear_error();
+
+  EXPECT_TRUE(acceptsContent(package));
+  EXPECT_FALSE(acceptsContent(altered));
+  EXPECT_FALSE(acceptsContent(package.substr(1)));
+
+  EXPECT_EQ(openDescriptors(), before);
+  EXPECT_EQ(ERR_peek_error(), 0U);
+}
+
+}  // namespace

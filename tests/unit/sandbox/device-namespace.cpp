@@ -1,0 +1,374 @@
+#include "device-namespace.h"
+
+#include <fcntl.h>
+#include <semaphore.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <functional>
+#include <iostream>
+#include <thread>
+
+#include "device-environment.h"
+#include "device-layout.h"
+#include "mount-table.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+// What an act in a child process came to: kTrue and kFalse are its answer.
+enum Answer { kTrue = 0, kFalse = 1, kThrew = 2 };
+
+// Runs act in a child process, which may enter a device of its own: the device that
+// this test program is in is then its host.
+int inChild(const std::function<bool()>& act) {
+  const pid_t child = fork();
+  if (child == 0) {
+    int answer = kThrew;
+    try {
+      answer = act() ? kTrue : kFalse;
+    } catch (const std::exception& error) {
+      std::cerr << error.what() << std::endl;
+    }
+    _exit(answer);
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// Where nothing is mounted below a directory, the device puts a layer over it.
+void unmountBelow(const std::string& directory) {
+  for (const auto& point : sandbox::mountPoints()) {
+    if (sandbox::isBelow(point, directory)) {
+      umount2(point.c_str(), MNT_DETACH);
+    }
+  }
+}
+
+// The fixture's device plays the host.
+class DeviceNamespace : public DeviceTest {
+ protected:
+  void SetUp() override {
+    DeviceTest::SetUp();
+    fs::create_directories(directory);
+  }
+
+  const std::string directory = "/tmp/device";
+};
+
+TEST_F(DeviceNamespace, HidesWhatTheHostHasAtTheDevicesPlaces) {
+  for (const auto& place : sandbox::kDeviceDirectories) {
+    if (place.place != sandbox::Place::Writable) {
+      writeFile(std::string(place.path) + "/of-the-host", "x");
+    }
+  }
+
+  const int hidden = inChild([] {
+    sandbox::enterDevice({});
+    bool none = true;
+    for (const auto& place : sandbox::kDeviceDirectories) {
+      none = none && !exists(std::string(place.path) + "/of-the-host");
+    }
+    return none;
+  });
+
+  EXPECT_EQ(hidden, kTrue);
+}
+
+TEST_F(DeviceNamespace, HidesTheHostsVerifierLibrary) {
+  writeFile(sandbox::kVerifierLibrary, "of the host");
+
+  const int hidden = inChild([] {
+    sandbox::enterDevice({});
+    return !exists(sandbox::kVerifierLibrary);
+  });
+
+  EXPECT_EQ(hidden, kTrue);
+  EXPECT_EQ(readFile(sandbox::kVerifierLibrary), "of the host");
+}
+
+TEST_F(DeviceNamespace, HidesTheHostsVerifierLibraryBelowALayerToo) {
+  writeFile(sandbox::kVerifierLibrary, "of the host");
+
+  const int hidden = inChild([] {
+    unmountBelow("/usr");
+    sandbox::enterDevice({});
+    return !exists(sandbox::kVerifierLibrary);
+  });
+
+  EXPECT_EQ(hidden, kTrue);
+  EXPECT_EQ(readFile(sandbox::kVerifierLibrary), "of the host");
+}
+
+TEST_F(DeviceNamespace, ShowsTheVerifierLibraryOfTheDevicesDirectory) {
+  writeFile(directory + sandbox::kVerifierLibrary, "of the device");
+
+  const int shown = inChild([this] {
+    sandbox::enterDevice({directory, {}});
+    return readFile(sandbox::kVerifierLibrary) == "of the device";
+  });
+
+  EXPECT_EQ(shown, kTrue);
+}
+
+TEST_F(DeviceNamespace, KeepsEveryPlacesStateInTheDirectory) {
+  const int written = inChild([this] {
+    sandbox::enterDevice({directory, {}});
+    for (const auto& place : sandbox::kDeviceDirectories) {
+      writeFile(std::string(place.path) + "/state", place.path);
+    }
+    return true;
+  });
+
+  ASSERT_EQ(written, kTrue);
+  for (const auto& place : sandbox::kDeviceDirectories) {
+    if (place.place != sandbox::Place::Writable) {
+      EXPECT_EQ(readFile(directory + place.path + "/state"), place.path);
+    }
+    EXPECT_FALSE(exists(std::string(place.path) + "/state")) << place.path;
+  }
+}
+
+TEST_F(DeviceNamespace, InMemoryLeavesNothingBehind) {
+  ASSERT_EQ(inChild([] {
+              sandbox::enterDevice({});
+              writeFile("/tmp/state", "x");
+              writeFile("/usr/lib/state", "x");
+              writeFile("/new-at-the-top", "x");
+              return true;
+            }),
+            kTrue);
+
+  EXPECT_FALSE(exists("/tmp/state"));
+  EXPECT_FALSE(exists("/usr/lib/state"));
+  EXPECT_FALSE(exists("/new-at-the-top"));
+}
+
+TEST_F(DeviceNamespace, KeepsMountsToItself) {
+  const auto before = sandbox::mountPoints();
+
+  ASSERT_EQ(inChild([] {
+              sandbox::enterDevice({});
+              return mount("tmpfs", "/opt/media", "tmpfs", 0, nullptr) == 0;
+            }),
+            kTrue);
+
+  EXPECT_EQ(sandbox::mountPoints(), before);
+}
+
+TEST_F(DeviceNamespace, SharesSemaphoresBetweenProcessesInOneDirectory) {
+  const auto semaphoreValue = [](unsigned initial) {
+    sem_t* semaphore = sem_open("/SEM_UPDATE_CONTROL", O_CREAT, 0600, initial);
+    int value = -1;
+    sem_getvalue(semaphore, &value);
+    return value;
+  };
+
+  ASSERT_EQ(inChild([&] {
+              sandbox::enterDevice({directory, {}});
+              return semaphoreValue(7) == 7;
+            }),
+            kTrue);
+  EXPECT_EQ(inChild([&] {
+              sandbox::enterDevice({directory, {}});
+              return semaphoreValue(1) == 7;
+            }),
+            kTrue);
+}
+
+TEST_F(DeviceNamespace, KeepsAVisibleDirectoryAtItsOwnPath) {
+  writeFile("/tmp/build/of the host/program", "x");
+
+  const int visible = inChild([] {
+    sandbox::enterDevice({"", {"/tmp/build/of the host/", "/tmp/not-there"}});
+    writeFile("/tmp/build/of the host/result", "y");
+    return exists("/tmp/build/of the host/program") && !exists("/tmp/device") && !exists("/tmp/not-there");
+  });
+
+  EXPECT_EQ(visible, kTrue);
+  EXPECT_TRUE(exists("/tmp/build/of the host/result"));
+}
+
+TEST_F(DeviceNamespace, KeepsAVisibleFileAtItsOwnPath) {
+  writeFile("/run/program", "x");
+
+  EXPECT_EQ(inChild([] {
+              sandbox::enterDevice({"", {"/run/program"}});
+              return readFile("/run/program") == "x";
+            }),
+            kTrue);
+}
+
+TEST_F(DeviceNamespace, KeepsAVisiblePathThatALinkLeadsTo) {
+  writeFile("/tmp/real/program", "x");
+  fs::create_directory_symlink("/tmp/real", "/tmp/link");
+
+  EXPECT_EQ(inChild([] {
+              sandbox::enterDevice({"", {"/tmp/link"}});
+              return exists("/tmp/real/program") && exists("/tmp/link/program");
+            }),
+            kTrue);
+}
+
+TEST_F(DeviceNamespace, KeepsItsOwnPlaceWhenAVisiblePathContainsIt) {
+  writeFile("/tmp/of-the-host", "x");
+
+  EXPECT_EQ(inChild([] {
+              sandbox::enterDevice({"", {"/tmp", "/", "/usr"}});
+              return fs::is_empty("/tmp");
+            }),
+            kTrue);
+}
+
+TEST_F(DeviceNamespace, WritesToAVisibleDirectoryBelowALayerReachTheHost) {
+  fs::create_directories("/opt/build");
+
+  ASSERT_EQ(inChild([] {
+              unmountBelow("/opt");
+              sandbox::enterDevice({"", {"/opt/build"}});
+              writeFile("/opt/build/result", "x");
+              writeFile("/opt/other", "x");
+              return true;
+            }),
+            kTrue);
+
+  EXPECT_TRUE(exists("/opt/build/result"));
+  EXPECT_FALSE(exists("/opt/other"));
+  fs::remove_all("/opt/build");
+}
+
+TEST_F(DeviceNamespace, WritesToAVisibleFileBelowALayerReachTheHost) {
+  writeFile("/opt/result", "");
+
+  ASSERT_EQ(inChild([] {
+              unmountBelow("/opt");
+              sandbox::enterDevice({"", {"/opt/result"}});
+              writeFile("/opt/result", "x");
+              return true;
+            }),
+            kTrue);
+
+  EXPECT_EQ(readFile("/opt/result"), "x");
+  fs::remove("/opt/result");
+}
+
+TEST_F(DeviceNamespace, TakesTheHostsRootAway) {
+  EXPECT_EQ(inChild([] {
+              sandbox::enterDevice({});
+              for (const auto& point : sandbox::mountPoints()) {
+                if (sandbox::isWithin(point, "/.host")) {
+                  return false;
+                }
+              }
+              return !exists("/.host");
+            }),
+            kTrue);
+}
+
+TEST_F(DeviceNamespace, ShowsWhatTheHostHasMountedInADirectoryThatItChanges) {
+  fs::create_directories("/opt/mounted");
+  ASSERT_EQ(mount("tmpfs", "/opt/mounted", "tmpfs", 0, nullptr), 0);
+  writeFile("/opt/mounted/file", "x");
+
+  EXPECT_EQ(inChild([] {
+              sandbox::enterDevice({});
+              writeFile("/opt/media/file", "x");
+              return exists("/opt/mounted/file");
+            }),
+            kTrue);
+
+  umount("/opt/mounted");
+  fs::remove("/opt/mounted");
+}
+
+TEST_F(DeviceNamespace, KeepsTheWorkingDirectoryThatIsStillThere) {
+  const int kept = inChild([] {
+    fs::current_path("/etc");
+    sandbox::enterDevice({});
+    return fs::current_path() == "/etc";
+  });
+
+  EXPECT_EQ(kept, kTrue);
+}
+
+TEST_F(DeviceNamespace, StartsAtTheRootWhenTheWorkingDirectoryIsHidden) {
+  const int moved = inChild([this] {
+    fs::current_path(directory);
+    sandbox::enterDevice({});
+    return fs::current_path() == "/";
+  });
+
+  EXPECT_EQ(moved, kTrue);
+}
+
+TEST_F(DeviceNamespace, TakesADirectoryNamedFromTheWorkingDirectory) {
+  fs::create_directories("/opt/devices/one");
+
+  ASSERT_EQ(inChild([] {
+              fs::current_path("/opt/devices");
+              sandbox::enterDevice({"one", {}});
+              writeFile("/prd/state", "x");
+              return true;
+            }),
+            kTrue);
+
+  EXPECT_TRUE(exists("/opt/devices/one/prd/state"));
+  fs::remove_all("/opt/devices");
+}
+
+TEST_F(DeviceNamespace, LeavesTheUmaskAsItWas) {
+  EXPECT_EQ(inChild([] {
+              umask(0137);
+              sandbox::enterDevice({});
+              return umask(0) == 0137;
+            }),
+            kTrue);
+}
+
+TEST_F(DeviceNamespace, RefusesADirectoryThatIsNotThere) {
+  EXPECT_EQ(inChild([] {
+              try {
+                sandbox::enterDevice({"/tmp/no-such-device", {}});
+              } catch (const std::system_error& refused) {
+                return std::string(refused.what()).find("/tmp/no-such-device") != std::string::npos;
+              }
+              return false;
+            }),
+            kTrue);
+}
+
+TEST_F(DeviceNamespace, RefusesAProcessWithSeveralThreads) {
+  EXPECT_EQ(inChild([] {
+              std::thread([] {}).join();
+              int release[2] = {};
+              if (pipe(release) != 0) {
+                return false;
+              }
+              std::thread other([&] {
+                char byte = 0;
+                while (read(release[0], &byte, 1) > 0) {
+                }
+              });
+              bool refused = false;
+              try {
+                sandbox::enterDevice({});
+              } catch (const std::runtime_error& error) {
+                refused = std::string(error.what()).find("one thread") != std::string::npos;
+              }
+              close(release[1]);
+              other.join();
+              return refused;
+            }),
+            kTrue);
+}
+
+TEST_F(DeviceNamespace, KnowsWhetherItIsInside) {
+  EXPECT_TRUE(sandbox::insideDevice());
+}
+
+}  // namespace

@@ -1,0 +1,70 @@
+#include "package-image.h"
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <iterator>
+#include <stdexcept>
+
+#include "device-environment.h"
+#include "firmware-image.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+class PackageImage : public DeviceTest {};
+
+void write(const std::string& directory) {
+  sandbox::writePackage(directory, "tunerempfw", "tunerfw", "2.5.0", 10000, 7);
+}
+
+TEST_F(PackageImage, HoldsTheFirmwareAndItsInformation) {
+  write("/tmp/packages");
+
+  ASSERT_EQ(
+      std::system("unsquashfs -quiet -no-progress -dest /tmp/tree /tmp/packages/tunerempfw.img >/dev/null"),
+      0);
+  const auto content = readFile("/tmp/tree/tunerfw.bin");
+  EXPECT_EQ(content, sandbox::imageContent("tunerfw", "2.5.0", 10000));
+  EXPECT_NE(readFile("/tmp/tree/info.json").find(std::to_string(sandbox::imageCrc(content))),
+            std::string::npos);
+  const auto tree = fs::directory_iterator("/tmp/tree");
+  EXPECT_EQ(std::distance(tree, fs::directory_iterator()), 2);
+}
+
+TEST_F(PackageImage, IsTheSameWhateverTheTimesAndModesOfTheFiles) {
+  for (const std::string folder : {"/tmp/one", "/tmp/two"}) {
+    writeFile(folder + "/tunerfw.bin", "firmware");
+    writeFile(folder + "/info.json", "{}");
+  }
+  fs::last_write_time("/tmp/two/tunerfw.bin", fs::file_time_type::clock::now() - std::chrono::hours(48));
+  fs::permissions("/tmp/two/info.json", fs::perms(0600));
+  fs::permissions("/tmp/two", fs::perms(0700));
+
+  sandbox::packFolder("/tmp/one", "/tmp/one.img");
+  setenv("SOURCE_DATE_EPOCH", "5", 1);
+  sandbox::packFolder("/tmp/two", "/tmp/two.img");
+  unsetenv("SOURCE_DATE_EPOCH");
+
+  EXPECT_TRUE(readFile("/tmp/one.img") == readFile("/tmp/two.img"));
+}
+
+TEST_F(PackageImage, LeavesNothingElseBehind) {
+  write("/tmp/packages");
+  write("/tmp/packages");
+
+  const auto entries = fs::directory_iterator("/tmp/packages");
+  EXPECT_EQ(std::distance(entries, fs::directory_iterator()), 1);
+}
+
+TEST_F(PackageImage, AFailureLeavesTheOldOne) {
+  writeFile("/tmp/packages/x.img", "old");
+
+  EXPECT_THROW(sandbox::packFolder("/tmp/missing", "/tmp/packages/x.img"), std::runtime_error);
+
+  EXPECT_EQ(readFile("/tmp/packages/x.img"), "old");
+  EXPECT_FALSE(exists("/tmp/packages/x.img.new"));
+}
+
+}  // namespace
