@@ -1,0 +1,545 @@
+// The fw-device command, as this user and, when that is root, as an ordinary user
+// too. These tests run on the host, not on a device: they check the host as well.
+#include <gtest/gtest.h>
+#include <json/json.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "device-layout.h"
+#include "firmware-image.h"
+#include "running-program.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr uid_t kNobody = 65534;
+constexpr char kControls[] = "/prd/usr/fwupdate/controls";
+constexpr int kLinesOfAScreen = 24;
+
+std::string readFile(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+void writeFile(const std::string& path, const std::string& content) {
+  std::ofstream(path, std::ios::binary) << content;
+}
+
+void makeExecutable(const std::string& path, const std::string& content) {
+  writeFile(path, content);
+  fs::permissions(path, fs::perms(0755));
+}
+
+// Whether the kernel lets this user make private mounts at all.
+bool mayMount(uid_t user) {
+  const std::string probe = "unshare --mount true 2>/dev/null || unshare --user --map-root-user --mount true";
+  return runProgram({{"sh", "-c", probe}, "/", user, {}}).exitCode == 0;
+}
+
+// Its own copy of the command in a build tree below the host's /tmp, where an
+// ordinary user can reach it, and everything the tests write.
+class FwDevice : public ::testing::TestWithParam<uid_t> {
+ protected:
+  void SetUp() override {
+    if (!mayMount(GetParam())) {
+      GTEST_SKIP() << "this user may make no private mounts here";
+    }
+    char name[] = "/tmp/fw-device-test.XXXXXX";
+    ASSERT_NE(mkdtemp(name), nullptr);
+    home = name;
+    fs::permissions(home, fs::perms(0755));
+    fs::create_directories(home + "/build/bin");
+    fs::create_directories(home + "/build/modules");
+    fs::create_directories(home + "/user");
+    tool = home + "/build/bin/fw-device";
+    device = home + "/user/tv";
+    fs::copy_file(FW_DEVICE_PROGRAM, tool);
+    writeFile(home + "/build/modules/libtuner.so", "first build");
+    writeFile(home + "/build/modules/notes.txt", "no module");
+    fs::create_directories(home + "/build/lib");
+    writeFile(home + "/build/lib/libkZAQUser.so", "first verifier");
+    if (GetParam() != 0) {
+      ASSERT_EQ(chown((home + "/user").c_str(), GetParam(), GetParam()), 0);
+    }
+  }
+
+  void TearDown() override {
+    if (!home.empty()) {
+      fs::remove_all(home);
+    }
+  }
+
+  ProgramStart start(const std::vector<std::string>& arguments) const {
+    std::vector<std::string> command = {tool};
+    command.insert(command.end(), arguments.begin(), arguments.end());
+    return {command, home + "/user", GetParam(), {}};
+  }
+
+  ProgramResult fwDevice(const std::vector<std::string>& arguments) const {
+    return runProgram(start(arguments));
+  }
+
+  void makeDevice() const {
+    const auto result = fwDevice({"init", device});
+    ASSERT_EQ(result.exitCode, 0) << result.error;
+  }
+
+  // Runs a shell script on the device.
+  ProgramResult onDevice(const std::string& script) const {
+    return fwDevice({"run", device, "--", "sh", "-c", script});
+  }
+
+  std::string home;
+  std::string tool;
+  std::string device;
+};
+
+std::vector<uid_t> users() {
+  return geteuid() == 0 ? std::vector<uid_t>{0, kNobody} : std::vector<uid_t>{0};
+}
+
+INSTANTIATE_TEST_SUITE_P(As, FwDevice, ::testing::ValuesIn(users()),
+                         [](const auto& user) { return user.param == 0 ? "ThisUser" : "Nobody"; });
+
+bool crcMatches(const std::string& folder) {
+  std::istringstream text(readFile(folder + "/info.json"));
+  Json::Value information;
+  text >> information;
+  const auto image = readFile(folder + "/" + fs::path(folder).filename().string() + ".bin");
+  return information["crc"].asUInt() == sandbox::imageCrc(image);
+}
+
+TEST_P(FwDevice, InitInstallsModulesAndImages) {
+  const auto result = fwDevice({"init", device});
+
+  EXPECT_EQ(result.exitCode, 0) << result.error;
+  EXPECT_EQ(readFile(device + kControls + "/libtuner.so"), "first build");
+  EXPECT_FALSE(fs::exists(device + kControls + "/notes.txt"));
+  EXPECT_TRUE(crcMatches(device + "/lib/firmware/ext/tunerfw"));
+  EXPECT_TRUE(crcMatches(device + "/lib/firmware/ext/remotefw"));
+  EXPECT_TRUE(crcMatches(device + "/opt/usr/share/sbox/panelfw"));
+  EXPECT_TRUE(crcMatches(device + "/opt/media/USBDriveA/wififw"));
+  EXPECT_FALSE(crcMatches(device + "/lib/firmware/ext/panelfw"));
+  EXPECT_EQ(readFile(device + "/opt/usr/apps/appbinarymanager/wifiempfw.img").substr(0, 4), "hsqs");
+}
+
+TEST_P(FwDevice, InitOffersAPackageForDownload) {
+  makeDevice();
+
+  const auto result =
+      onDevice("head -c 4 \"$(sed -n 's,^url = file://,,p' /etc/fw-update/download.conf)/tunerempfw.img\"");
+
+  EXPECT_EQ(result.output, "hsqs") << result.error;
+}
+
+TEST_P(FwDevice, InitAgainKeepsTheUsersDownloadConfiguration) {
+  makeDevice();
+  ASSERT_EQ(onDevice("echo own >/etc/fw-update/download.conf").exitCode, 0);
+
+  makeDevice();
+
+  EXPECT_EQ(readFile(device + "/etc/fw-update/download.conf"), "own\n");
+}
+
+TEST_P(FwDevice, InitInstallsTheVerifierAndKeysOfItsOwn) {
+  makeDevice();
+
+  EXPECT_EQ(readFile(device + sandbox::kVerifierLibrary), "first verifier");
+  EXPECT_EQ(readFile(device + "/usr/share/fw-update/package.key").size(), 32U);
+  EXPECT_NE(readFile(device + "/maker/signing.key").find("PRIVATE KEY"), std::string::npos);
+  EXPECT_EQ(onDevice("cat /usr/share/fw-update/keys/demonstration.pem").output.find("-----BEGIN PUBLIC KEY"),
+            0U);
+  for (const std::string secret : {"/usr/share/fw-update/package.key", "/maker/signing.key"}) {
+    EXPECT_EQ(fs::status(device + secret).permissions(), fs::perms(0600)) << secret;
+  }
+}
+
+TEST_P(FwDevice, InitAgainRenewsTheVerifierAndKeepsTheKeys) {
+  makeDevice();
+  const std::string packageKey = readFile(device + "/usr/share/fw-update/package.key");
+  const std::string publicKey = readFile(device + "/usr/share/fw-update/keys/demonstration.pem");
+  writeFile(home + "/build/lib/libkZAQUser.so", "second verifier");
+
+  ASSERT_EQ(fwDevice({"init", "--fresh", device}).exitCode, 0);
+
+  EXPECT_EQ(readFile(device + sandbox::kVerifierLibrary), "second verifier");
+  EXPECT_EQ(readFile(device + "/usr/share/fw-update/package.key"), packageKey);
+  EXPECT_EQ(readFile(device + "/usr/share/fw-update/keys/demonstration.pem"), publicKey);
+}
+
+TEST_P(FwDevice, InitSaysThatPackagesAreNotCheckedWithoutAVerifier) {
+  fs::remove(home + "/build/lib/libkZAQUser.so");
+
+  const auto result = fwDevice({"init", device});
+
+  EXPECT_EQ(result.exitCode, 0) << result.error;
+  EXPECT_NE(result.output.find("verifier none: packages are not checked"), std::string::npos)
+      << result.output;
+}
+
+TEST_P(FwDevice, InitSaysWhatItInstalled) {
+  const auto result = fwDevice({"init", device});
+
+  EXPECT_NE(result.output.find("libtuner.so"), std::string::npos) << result.output;
+  EXPECT_NE(result.output.find("fw-device run " + device), std::string::npos) << result.output;
+}
+
+TEST_P(FwDevice, InitAgainRenewsModulesAndImagesAndKeepsTheState) {
+  makeDevice();
+  ASSERT_EQ(
+      onDevice(
+          "echo state > /var/lib/fw-components/tunerfw.flash; echo own > /prd/usr/fwupdate/controls/own.so;"
+          "echo lost > /lib/firmware/ext/tunerfw/tunerfw.bin")
+          .exitCode,
+      0);
+  writeFile(home + "/build/modules/libtuner.so", "second build");
+
+  makeDevice();
+
+  EXPECT_EQ(readFile(device + kControls + "/libtuner.so"), "second build");
+  EXPECT_TRUE(crcMatches(device + "/lib/firmware/ext/tunerfw"));
+  EXPECT_EQ(readFile(device + "/var/lib/fw-components/tunerfw.flash"), "state\n");
+  EXPECT_EQ(readFile(device + kControls + "/own.so"), "own\n");
+}
+
+TEST_P(FwDevice, InitFreshForgetsTheState) {
+  makeDevice();
+  ASSERT_EQ(onDevice("touch /var/lib/fw-components/x /tmp/x /dev/shm/x /run/x").exitCode, 0);
+
+  const auto result = fwDevice({"init", "--fresh", device});
+
+  EXPECT_EQ(result.exitCode, 0) << result.error;
+  for (const char* directory : {"/var/lib/fw-components", "/tmp", "/dev/shm", "/run"}) {
+    EXPECT_FALSE(fs::exists(device + directory + "/x")) << directory;
+  }
+  EXPECT_TRUE(fs::exists(device + kControls + "/libtuner.so"));
+}
+
+TEST_P(FwDevice, InitLeavesADirectoryThatHoldsOtherThingsAlone) {
+  writeFile(home + "/user/precious", "x");
+
+  const auto result = fwDevice({"init", "--fresh", home + "/user"});
+
+  EXPECT_EQ(result.exitCode, 3);
+  EXPECT_NE(result.error.find("is not empty and no device"), std::string::npos) << result.error;
+  const auto entries = fs::directory_iterator(home + "/user");
+  EXPECT_EQ(std::distance(entries, fs::directory_iterator()), 1);
+}
+
+TEST_P(FwDevice, InitTakesAnEmptyDirectory) {
+  ASSERT_EQ(runProgram({{"mkdir", device}, "/", GetParam(), {}}).exitCode, 0);
+
+  EXPECT_EQ(fwDevice({"init", device}).exitCode, 0);
+}
+
+TEST_P(FwDevice, InitWithoutModulesFailsAndSaysWhereItLooked) {
+  fs::remove_all(home + "/build/modules");
+
+  const auto result = fwDevice({"init", device});
+
+  EXPECT_EQ(result.exitCode, 1);
+  EXPECT_NE(result.error.find(home + "/build/modules"), std::string::npos) << result.error;
+}
+
+TEST_P(FwDevice, InitFindsTheModulesOfAnInstalledTree) {
+  fs::create_directories(home + "/build/lib/fw-update");
+  fs::rename(home + "/build/modules", home + "/build/lib/fw-update/modules");
+
+  EXPECT_EQ(fwDevice({"init", device}).exitCode, 0);
+}
+
+TEST_P(FwDevice, RunShowsTheDeviceAtItsFixedPaths) {
+  makeDevice();
+
+  const auto result = onDevice("cat /prd/usr/fwupdate/controls/libtuner.so; ls /opt/media/USBDriveA");
+
+  EXPECT_EQ(result.output, "first buildwififw\n") << result.error;
+}
+
+TEST_P(FwDevice, KeepsStateFromRunToRun) {
+  makeDevice();
+  std::string write, read;
+  for (const auto& directory : sandbox::kDeviceDirectories) {
+    if (directory.place != sandbox::Place::Writable) {
+      write += std::string("echo kept > ") + directory.path + "/state && ";
+      read += std::string("cat ") + directory.path + "/state && ";
+    }
+  }
+
+  const auto written = onDevice(write + "true");
+  const auto found = onDevice(read + "true");
+
+  EXPECT_EQ(written.exitCode, 0) << written.error;
+  EXPECT_EQ(found.exitCode, 0) << found.error;
+}
+
+TEST_P(FwDevice, TwoRunsShareLocksInTmpAndInSharedMemory) {
+  makeDevice();
+  for (const std::string lock : {"/tmp/lock", "/dev/shm/sem.lock"}) {
+    RunningProgram holder(
+        start({"run", device, "--", "sh", "-c", "exec 9>" + lock + "; flock 9; echo held; read end"}));
+    ASSERT_EQ(holder.readLine(), "held");
+
+    EXPECT_EQ(onDevice("flock --nonblock " + lock + " true").exitCode, 1) << lock;
+    holder.wait();
+
+    EXPECT_EQ(onDevice("flock --nonblock " + lock + " true").exitCode, 0) << lock;
+  }
+}
+
+TEST_P(FwDevice, DevicesInTwoDirectoriesShareNothing) {
+  makeDevice();
+  const auto other = home + "/user/other";
+  ASSERT_EQ(fwDevice({"init", other}).exitCode, 0);
+  ASSERT_EQ(onDevice("touch /tmp/x /dev/shm/x /prd/x").exitCode, 0);
+
+  EXPECT_NE(fwDevice({"run", other, "--", "ls", "/tmp/x"}).exitCode, 0);
+  EXPECT_NE(fwDevice({"run", other, "--", "ls", "/dev/shm/x"}).exitCode, 0);
+  EXPECT_NE(fwDevice({"run", other, "--", "ls", "/prd/x"}).exitCode, 0);
+}
+
+TEST_P(FwDevice, RunPassesTheExitCodeThrough) {
+  makeDevice();
+
+  EXPECT_EQ(onDevice("exit 42").exitCode, 42);
+  EXPECT_EQ(onDevice("true").exitCode, 0);
+}
+
+TEST_P(FwDevice, RunPassesSignalsThrough) {
+  makeDevice();
+  RunningProgram program(start({"run", device, "--", "sh", "-c", "echo ready; exec cat"}));
+  ASSERT_EQ(program.readLine(), "ready");
+
+  program.kill(SIGTERM);
+
+  EXPECT_EQ(program.wait().signal, SIGTERM);
+}
+
+TEST_P(FwDevice, RunPassesArgumentsInputAndOutputThroughUnchanged) {
+  makeDevice();
+
+  const auto result =
+      runProgram(start({"run", device, "--", "sh", "-c", "printf '<%s>' \"$@\"; cat; echo e >&2", "sh", "",
+                        "--", "-h", "a b"}),
+                 "input");
+
+  EXPECT_EQ(result.output, "<><--><-h><a b>input");
+  EXPECT_EQ(result.error, "e\n");
+}
+
+TEST_P(FwDevice, RunTakesAProgramWithoutTheSeparator) {
+  makeDevice();
+
+  EXPECT_EQ(fwDevice({"run", device, "printf", "<%s>", "--", "-h"}).output, "<--><-h>");
+}
+
+TEST_P(FwDevice, RunFindsTheProgramsOfItsOwnBuildFirst) {
+  makeDevice();
+  makeExecutable(home + "/build/bin/ls", "#!/bin/sh\necho of this build\n");
+
+  EXPECT_EQ(fwDevice({"run", device, "--", "ls"}).output, "of this build\n");
+}
+
+TEST_P(FwDevice, RunNamesTheDeviceInTheEnvironment) {
+  makeDevice();
+
+  EXPECT_EQ(onDevice("echo $FW_DEVICE").output, device + "\n");
+}
+
+TEST_P(FwDevice, RunDropsATemporaryDirectoryThatTheDeviceLacks) {
+  makeDevice();
+  auto program = start({"run", device, "--", "sh", "-c", "echo ${TMPDIR-none}"});
+  program.environment = {"TMPDIR=" + home};
+  auto other = program;
+  other.environment = {"TMPDIR=/var/tmp"};
+
+  EXPECT_EQ(runProgram(program).output, home + "\n");  // the build lies there, so it is visible
+  program.environment = {"TMPDIR=/tmp/not-on-the-device"};
+  EXPECT_EQ(runProgram(program).output, "none\n");
+  EXPECT_EQ(runProgram(other).output, "/var/tmp\n");
+}
+
+TEST_P(FwDevice, RunKeepsAProgramBelowTmpUsable) {
+  makeDevice();
+  fs::create_directories(home + "/elsewhere");
+  makeExecutable(home + "/elsewhere/program", "#!/bin/sh\ncat \"$(dirname \"$0\")/data\"\n");
+  writeFile(home + "/elsewhere/data", "beside it");
+
+  EXPECT_EQ(fwDevice({"run", device, "--", home + "/elsewhere/program"}).output, "beside it");
+}
+
+TEST_P(FwDevice, RunKeepsAProgramBelowTmpThatThePathFindsUsable) {
+  makeDevice();
+  fs::create_directories(home + "/elsewhere");
+  makeExecutable(home + "/elsewhere/program-of-the-path", "#!/bin/sh\necho found\n");
+  auto program = start({"run", device, "--", "program-of-the-path"});
+  program.environment = {"PATH=" + home + "/elsewhere:/usr/bin:/bin"};
+
+  EXPECT_EQ(runProgram(program).output, "found\n");
+}
+
+TEST_P(FwDevice, RunStaysInADirectoryBelowTmp) {
+  makeDevice();
+  writeFile(home + "/user/file", "x");
+
+  EXPECT_EQ(onDevice("pwd; cat file").output, home + "/user\nx");
+}
+
+TEST_P(FwDevice, RunShowsAPathThatWasNamed) {
+  makeDevice();
+  fs::create_directories(home + "/named");
+  writeFile(home + "/named/file", "x");
+
+  EXPECT_NE(fwDevice({"run", device, "--", "cat", home + "/named/file"}).exitCode, 0);
+  EXPECT_EQ(fwDevice({"run", "--keep", home + "/named", device, "--", "cat", home + "/named/file"}).output,
+            "x");
+}
+
+TEST_P(FwDevice, RunRefusesToShowAPathThatIsNotThere) {
+  makeDevice();
+
+  const auto result = fwDevice({"run", "--keep", home + "/missing", device, "--", "true"});
+
+  EXPECT_EQ(result.exitCode, 2);
+  EXPECT_NE(result.error.find(home + "/missing"), std::string::npos) << result.error;
+}
+
+TEST_P(FwDevice, RunTellsAMissingProgramFromOneThatCannotRun) {
+  makeDevice();
+
+  const auto missing = fwDevice({"run", device, "--", "no-such-program"});
+  const auto notExecutable = fwDevice({"run", device, "--", "/etc/passwd"});
+
+  EXPECT_EQ(missing.exitCode, 127);
+  EXPECT_NE(missing.error.find("cannot run no-such-program on the device"), std::string::npos)
+      << missing.error;
+  EXPECT_EQ(notExecutable.exitCode, 126);
+  EXPECT_NE(notExecutable.error.find("cannot run /etc/passwd on the device"), std::string::npos)
+      << notExecutable.error;
+}
+
+TEST_P(FwDevice, RunLeavesNothingOnTheHost) {
+  makeDevice();
+  const auto name = fs::path(home).filename().string();  // nobody else's
+  const auto mountsBefore = readFile("/proc/self/mounts");
+  std::string script;
+  for (const auto& directory : sandbox::kDeviceDirectories) {
+    script += std::string("touch ") + directory.path + "/x." + name + " && ";
+  }
+  script += "mkdir /" + name + " && mount -t tmpfs none /" + name + " && mount -t tmpfs none /opt/media";
+
+  const auto result = onDevice(script);
+
+  ASSERT_EQ(result.exitCode, 0) << result.error;
+  EXPECT_EQ(readFile("/proc/self/mounts"), mountsBefore);
+  EXPECT_FALSE(fs::exists("/" + name));
+  for (const auto& directory : sandbox::kDeviceDirectories) {
+    EXPECT_FALSE(fs::exists(std::string(directory.path) + "/x." + name)) << directory.path;
+  }
+  EXPECT_TRUE(fs::exists(device + "/opt/media/x." + name));
+}
+
+TEST_P(FwDevice, ADeviceWorksInsideADevice) {
+  makeDevice();
+
+  const auto result = onDevice(
+      "fw-device init /tmp/inner >/dev/null && touch /prd/outer &&"
+      "fw-device run /tmp/inner -- sh -c 'touch /prd/inner; ls /prd'; ls /prd");
+
+  EXPECT_EQ(result.output, "inner\nusr\nouter\nusr\n") << result.error;
+}
+
+TEST_P(FwDevice, ShellRunsTheUsersShell) {
+  makeDevice();
+  makeExecutable(home + "/build/bin/own-shell", "#!/bin/sh\necho own shell; exec sh\n");
+  auto shell = start({"shell", device});
+  shell.environment = {"SHELL=" + home + "/build/bin/own-shell"};
+
+  const auto result = runProgram(shell, "echo $debian_chroot; exit 7\n");
+
+  EXPECT_EQ(result.output, "own shell\ntv\n");
+  EXPECT_EQ(result.exitCode, 7);
+}
+
+TEST_P(FwDevice, ShellTakesAPlainShellWhenTheUsersIsMissing) {
+  makeDevice();
+  auto shell = start({"shell", device});
+  shell.environment = {"SHELL=/no/such/shell"};
+
+  const auto result = runProgram(shell, "ls /prd/usr; exit 7\n");
+
+  EXPECT_EQ(result.output, "fwupdate\n") << result.error;
+  EXPECT_EQ(result.exitCode, 7);
+}
+
+TEST_P(FwDevice, RefusesADirectoryThatIsNoDevice) {
+  for (const auto& arguments : {std::vector<std::string>{"run", home + "/user", "--", "true"},
+                                std::vector<std::string>{"shell", home + "/user"}}) {
+    const auto result = fwDevice(arguments);
+
+    EXPECT_EQ(result.exitCode, 3);
+    EXPECT_NE(result.error.find("run fw-device init " + home + "/user first"), std::string::npos)
+        << result.error;
+  }
+}
+
+TEST_P(FwDevice, SaysThatTheSystemAllowsNoDevice) {
+  makeDevice();
+  const std::string refusing = "echo 0 > /proc/sys/user/max_mnt_namespaces && exec \"$@\"";
+
+  const auto result = runProgram({{"unshare", "--user", "--map-root-user", "sh", "-c", refusing, "sh", tool,
+                                   "run", device, "--", "true"},
+                                  "/",
+                                  GetParam(),
+                                  {}});
+
+  EXPECT_EQ(result.exitCode, 4) << result.error;
+  EXPECT_NE(result.error.find("run as root, or allow user namespaces"), std::string::npos) << result.error;
+}
+
+struct Misuse {
+  std::vector<std::string> arguments;
+  const char* sentence;
+};
+
+TEST_P(FwDevice, ExplainsUsageErrors) {
+  const Misuse misuses[] = {
+      {{}, "required"},
+      {{"frob"}, "there is no command frob"},
+      {{"run"}, "DIR is required"},
+      {{"run", "/tmp/x"}, "which command?"},
+      {{"run", "/tmp/x", "--frob", "--", "ls"}, "there is no option --frob"},
+      {{"shell", "/tmp/x", "--", "ls"}, "only run takes a command"},
+      {{"init", "/tmp/x", "/tmp/y"}, "/tmp/y"},
+  };
+  for (const auto& misuse : misuses) {
+    const auto result = fwDevice(misuse.arguments);
+
+    EXPECT_EQ(result.exitCode, 2) << misuse.sentence;
+    EXPECT_NE(result.error.find(misuse.sentence), std::string::npos) << result.error;
+    EXPECT_NE(result.error.find("--help"), std::string::npos) << result.error;
+    EXPECT_EQ(result.output, "");
+  }
+}
+
+TEST_P(FwDevice, HelpFitsAScreenAndGivesAnExample) {
+  for (const std::string command : {"", "init", "run", "shell"}) {
+    const auto result = fwDevice(command.empty() ? std::vector<std::string>{"--help"}
+                                                 : std::vector<std::string>{command, "--help"});
+
+    EXPECT_EQ(result.exitCode, 0);
+    EXPECT_LE(std::count(result.output.begin(), result.output.end(), '\n'), kLinesOfAScreen) << command;
+    EXPECT_NE(result.output.find("Example: fw-device " + command), std::string::npos) << result.output;
+  }
+}
+
+}  // namespace

@@ -1,0 +1,108 @@
+// info and image.
+#include <filesystem>
+
+#include "firmware-image.h"
+#include "fw-pack-test.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+
+class Descriptions : public PackTest {
+ protected:
+  static Json::Value json(const std::string& name) {
+    Json::Value value;
+    std::istringstream(read(name)) >> value;
+    return value;
+  }
+  static ProgramResult layOut(const std::string& type) {
+    return run({"image", "image.bin", "--type", type, "--name", "tunerfw", "--version", "2.0.0",
+                "--expected-time", "30", "--into", "out"});
+  }
+};
+
+TEST_F(Descriptions, StateVersionChecksumAndTime) {
+  const auto result = run({"info", "image.bin", "--version", "2.0.0", "--expected-time", "30"});
+
+  ASSERT_EQ(result.exitCode, 0) << result.error;
+  EXPECT_EQ(json("info.json")["version"].asString(), "2.0.0");
+  EXPECT_EQ(json("info.json")["crc"].asUInt(), sandbox::imageCrc(image()));
+  EXPECT_EQ(json("info.json")["expected_time"].asUInt(), 30U);
+}
+
+TEST_F(Descriptions, StateTheChecksumOfTheKnownCheckValue) {
+  write("check.bin", "123456789");
+
+  ASSERT_EQ(run({"info", "check.bin", "--version", "1", "--expected-time", "1", "-o", "x.json"}).exitCode, 0);
+
+  EXPECT_EQ(json("x.json")["crc"].asUInt(), 0x6A50465CU);
+}
+
+TEST_F(Descriptions, LieBesideTheImageInAFolderOfTheFirmware) {
+  for (const std::string type : {"builtin", "sbox", "usb"}) {
+    ASSERT_EQ(layOut(type).exitCode, 0) << type;
+
+    EXPECT_EQ(read("out/tunerfw/tunerfw.bin"), image());
+    EXPECT_EQ(json("out/tunerfw/info.json")["crc"].asUInt(), sandbox::imageCrc(image()));
+    fs::remove_all(std::string(kWork) + "out");
+  }
+}
+
+TEST_F(Descriptions, LieAtTheTopOfAnExtensionPackage) {
+  ASSERT_EQ(layOut("emp").exitCode, 0);
+
+  EXPECT_EQ(read("out/tunerfw.bin"), image());
+  EXPECT_TRUE(exists(std::string(kWork) + "out/info.json"));
+}
+
+TEST_F(Descriptions, RefuseOddTypesNamesVersionsAndImages) {
+  write("empty.bin", "");
+
+  EXPECT_EQ(layOut("floppy").exitCode, 2);
+  EXPECT_EQ(run({"image", "image.bin", "--type", "usb", "--name", "../x", "--version", "1", "--expected-time",
+                 "1", "--into", "out"})
+                .exitCode,
+            2);
+  EXPECT_EQ(run({"info", "image.bin", "--version", "", "--expected-time", "1"}).exitCode, 2);
+  EXPECT_EQ(run({"info", "image.bin", "--version", std::string(128, '1'), "--expected-time", "1"}).exitCode,
+            2);
+  EXPECT_EQ(run({"info", "image.bin", "--version", "1", "--expected-time", "-1"}).exitCode, 2);
+  EXPECT_EQ(run({"info", "empty.bin", "--version", "1", "--expected-time", "1"}).exitCode, 1);
+  EXPECT_EQ(run({"info", "absent.bin", "--version", "1", "--expected-time", "1"}).exitCode, 1);
+  EXPECT_EQ(run({"info", "/dev/zero", "--version", "1", "--expected-time", "1"}).exitCode, 1);
+  EXPECT_THAT(filesInWork(), ElementsAre("empty.bin", "image.bin"));
+}
+
+TEST_F(Descriptions, ReplaceFilesAndNothingElse) {
+  fs::create_directory(std::string(kWork) + "info.json");
+  const auto onDirectory = run({"info", "image.bin", "--version", "1", "--expected-time", "1"});
+  fs::create_symlink("image.bin", std::string(kWork) + "link.json");
+  const auto onLink = run({"info", "image.bin", "--version", "1", "--expected-time", "1", "-o", "link.json"});
+  write("old.json", "old");
+  const auto onFile = run({"info", "image.bin", "--version", "1", "--expected-time", "1", "-o", "old.json"});
+
+  EXPECT_THAT(onDirectory.error, HasSubstr("no regular file"));
+  EXPECT_THAT(onLink.error, HasSubstr("no regular file"));
+  EXPECT_EQ(read("image.bin"), image());
+  EXPECT_EQ(onFile.exitCode, 0);
+  EXPECT_EQ(json("old.json")["version"].asString(), "1");
+}
+
+TEST_F(Descriptions, AreInspectedTogetherWithTheirImage) {
+  ASSERT_EQ(layOut("sbox").exitCode, 0);
+  const Json::Value good = document({"inspect", "out/tunerfw"});
+  write("out/tunerfw/tunerfw.bin", "another image");
+  const Json::Value bad = document({"inspect", "out/tunerfw/tunerfw.bin"});
+
+  EXPECT_EQ(good["kind"].asString(), "image");
+  EXPECT_EQ(good["version"].asString(), "2.0.0");
+  EXPECT_EQ(good["crc"].asUInt(), sandbox::imageCrc(image()));
+  EXPECT_TRUE(good["crcMatches"].asBool());
+  EXPECT_FALSE(bad["crcMatches"].asBool());
+  EXPECT_EQ(document({"inspect", "out/tunerfw/info.json"})["kind"].asString(), "info.json");
+}
+
+}  // namespace

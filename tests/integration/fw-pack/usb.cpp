@@ -1,0 +1,192 @@
+// usb, verify and inspect.
+#include <sys/stat.h>
+
+#include <filesystem>
+
+#include "firmware-image.h"
+#include "fw-pack-test.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+
+constexpr std::size_t kTrailer = 534;
+
+class MadeUsbPackage : public PackTest {
+ protected:
+  void SetUp() override {
+    PackTest::SetUp();
+    writeKeys();
+  }
+  static std::string makePackage() {
+    const auto result = run(usbCommand());
+    EXPECT_EQ(result.exitCode, 0) << result.error;
+    return read("tunerfw.bin");
+  }
+  static ProgramResult verify(const std::string& name = "tunerfw.bin") {
+    return run({"verify", name, "--public-key", "maker.pem"});
+  }
+  static Json::Value inspect(const std::string& key = "package.key") {
+    return document({"inspect", "tunerfw.bin", "--public-key", "maker.pem", "--key-file", key});
+  }
+};
+
+TEST_F(MadeUsbPackage, HasTheSizeThatTheFormatStates) {
+  EXPECT_EQ(makePackage().size(), 16 + (64 + image().size()) / 16 * 16 + 16 + kTrailer);
+  EXPECT_THAT(filesInWork(),
+              ElementsAre("image.bin", "maker.key", "maker.pem", "package.key", "tunerfw.bin"));
+}
+
+TEST_F(MadeUsbPackage, IsWhatOpensslMakesOfTheSameIvAndKey) {
+  const std::string package = makePackage();
+  write("content", std::string("2.0.0") + std::string(59, '\0') + image());
+  const std::string encrypt =
+      "openssl enc -aes-256-cbc -K $(od -An -tx1 -v package.key | tr -d ' \\n') "
+      "-iv $(head -c 16 tunerfw.bin | od -An -tx1 -v | tr -d ' \\n') -in content -out ciphertext";
+
+  ASSERT_EQ(runProgram({{"sh", "-c", encrypt}, kWork, 0, {}}).exitCode, 0);
+
+  EXPECT_EQ(read("ciphertext"), package.substr(16, package.size() - 16 - kTrailer));
+}
+
+TEST_F(MadeUsbPackage, CarriesAnRsaSignatureThatOpensslAccepts) {
+  ASSERT_EQ(runProgram({{"openssl", "genrsa", "-out", "maker.key", "4096"}, kWork, 0, {}}).exitCode, 0);
+  ASSERT_EQ(runProgram({{"openssl", "rsa", "-in", "maker.key", "-pubout", "-out", "maker.pem"}, kWork, 0, {}})
+                .exitCode,
+            0);
+  const std::string package = makePackage();
+  write("signed", package.substr(0, package.size() - 512));
+  write("signature", package.substr(package.size() - 512));
+
+  const auto openssl =
+      runProgram({{"openssl", "dgst", "-sha256", "-verify", "maker.pem", "-signature", "signature", "signed"},
+                  kWork,
+                  0,
+                  {}});
+
+  EXPECT_EQ(openssl.output, "Verified OK\n");
+  EXPECT_EQ(verify().exitCode, 0);
+}
+
+TEST_F(MadeUsbPackage, HasANewIvEachTime) {
+  EXPECT_NE(makePackage().substr(0, 16), makePackage().substr(0, 16));
+}
+
+TEST_F(MadeUsbPackage, IsReadBackWithItsKey) {
+  makePackage();
+
+  const Json::Value package = inspect();
+
+  EXPECT_EQ(package["kind"].asString(), "usb-package");
+  EXPECT_TRUE(package["signature"]["valid"].asBool());
+  EXPECT_EQ(package["signature"]["algorithm"].asString(), "ed25519");
+  EXPECT_TRUE(package["keyFits"].asBool());
+  EXPECT_EQ(package["version"].asString(), "2.0.0");
+  EXPECT_EQ(package["imageSize"].asUInt(), image().size());
+  EXPECT_EQ(package["imageCrc"].asUInt(), sandbox::imageCrc(image()));
+}
+
+TEST_F(MadeUsbPackage, TellsNothingOfItsContentWithoutAKeyOrWithAWrongOne) {
+  makePackage();
+  write("wrong.key", std::string(32, 'W'), 0600);
+
+  const Json::Value wrong = inspect("wrong.key");
+  const Json::Value without = document({"inspect", "tunerfw.bin", "--public-key", "maker.pem"});
+
+  EXPECT_FALSE(wrong["keyFits"].asBool());
+  EXPECT_FALSE(wrong.isMember("version"));
+  EXPECT_FALSE(without.isMember("version"));
+  EXPECT_TRUE(without["signature"]["valid"].asBool());
+}
+
+TEST_F(MadeUsbPackage, IsVerifiedAgainstThePlatformsKeysByDefault) {
+  makePackage();
+  EXPECT_EQ(run({"verify", "tunerfw.bin"}).exitCode, 3);
+
+  writeFile("/usr/share/fw-update/keys/maker.pem", read("maker.pem"));
+  EXPECT_EQ(run({"verify", "tunerfw.bin"}).exitCode, 0);
+}
+
+TEST_F(MadeUsbPackage, IsRefusedWhenAltered) {
+  const std::string package = makePackage();
+  for (const std::size_t at : {std::size_t{0}, std::size_t{5000}, package.size() - kTrailer,
+                               package.size() - 512, package.size() - 1}) {
+    std::string altered = package;
+    altered[at] = static_cast<char>(altered[at] ^ 1);
+    write("tunerfw.bin", altered);
+    EXPECT_EQ(verify().exitCode, 3) << at;
+    EXPECT_FALSE(document({"verify", "tunerfw.bin", "--public-key", "maker.pem"}, 3)["valid"].asBool());
+  }
+}
+
+// Short, cut and foreign files, with and without a key: an answer, never a crash.
+TEST_F(MadeUsbPackage, IsInspectedAtEveryLengthUpTo700) {
+  const std::string package =
+      usbPackage(read("package.key"), "2.0.0", std::string(40, 'i'), testSigningKey("ed25519"));
+  for (std::size_t length = 0; length <= 700; length += length < 560 ? 37 : 1) {
+    write("tunerfw.bin", (package + std::string(700, '\0')).substr(0, length));
+    const Json::Value found = inspect();
+    EXPECT_EQ(found["signature"]["valid"].asBool(), length == package.size()) << length;
+    // A cut package may look whole to the key: one padding in 256 is right by chance.
+    if (length == package.size() || length % 16 != package.size() % 16) {
+      EXPECT_EQ(found.isMember("version"), length == package.size()) << length;
+    }
+  }
+}
+
+TEST_F(MadeUsbPackage, OfMoreThanTwoGibibytesIsRefusedAtOnce) {
+  fs::resize_file(std::string(kWork) + "image.bin", std::uintmax_t{1} << 31U);
+
+  const auto made = run(usbCommand());
+  EXPECT_EQ(made.exitCode, 1);
+  EXPECT_THAT(made.error, HasSubstr("too large"));
+
+  fs::rename(std::string(kWork) + "image.bin", std::string(kWork) + "tunerfw.bin");
+  EXPECT_EQ(verify().exitCode, 3);
+  EXPECT_FALSE(inspect()["sizeFits"].asBool());
+}
+
+TEST_F(MadeUsbPackage, IsNotMadeOfWhatNoModuleTakes) {
+  auto longVersion = usbCommand();
+  longVersion[3] = std::string(64, '1');
+  EXPECT_EQ(run(longVersion).exitCode, 2);
+  longVersion[3] = std::string(63, '1');
+  EXPECT_EQ(run(longVersion).exitCode, 0);
+  EXPECT_EQ(inspect()["version"].asString(), std::string(63, '1'));
+
+  write("image.bin", "");
+  EXPECT_EQ(run(usbCommand("x.bin")).exitCode, 1);
+  EXPECT_FALSE(exists(std::string(kWork) + "x.bin"));
+}
+
+TEST_F(MadeUsbPackage, InPlaceOfADirectoryOrFifoIsAClearError) {
+  fs::create_directory(std::string(kWork) + "directory.bin");
+  ASSERT_EQ(mkfifo((std::string(kWork) + "fifo.bin").c_str(), 0644), 0);
+
+  for (const std::string name : {"directory.bin", "fifo.bin"}) {
+    EXPECT_EQ(verify(name).exitCode, 1) << name;
+    EXPECT_THAT(verify(name).error, HasSubstr("no regular file")) << name;
+    EXPECT_EQ(run(usbCommand(name)).exitCode, 1) << name;
+  }
+  EXPECT_EQ(run({"inspect", "fifo.bin"}).exitCode, 1);
+}
+
+TEST_F(MadeUsbPackage, LeavesTheOldFileWhenItCannotBeWritten) {
+  write("tunerfw.bin", "old");
+  write("image.bin", std::string(2 << 20, 'x'));
+  const std::string limited = "ulimit -f 512; trap '' XFSZ; exec " FW_PACK_PROGRAM
+                              " usb image.bin --version 1 --key-file package.key --signing-key maker.key "
+                              "-o tunerfw.bin";
+
+  const auto failed = runProgram({{"bash", "-c", limited}, kWork, 0, {}});
+
+  EXPECT_EQ(failed.exitCode, 1);
+  EXPECT_THAT(failed.error, HasSubstr("tunerfw.bin cannot be written"));
+  EXPECT_EQ(read("tunerfw.bin"), "old");
+  EXPECT_EQ(filesInWork().size(), 5U);
+}
+
+}  // namespace

@@ -1,0 +1,184 @@
+"""Runs updates on a device and looks at their traces with fw-trace: the lists, the
+summary, the exports, and the page in a headless browser without a network.
+
+usage: fw-trace.py FW-DEVICE WORK-DIRECTORY [CHROMIUM]
+"""
+
+import html
+import json
+import os
+import re
+import shutil
+import subprocess
+import sys
+import tempfile
+import unittest
+
+FW_DEVICE, WORK = sys.argv[1], sys.argv[2]
+CHROMIUM = sys.argv[3] if len(sys.argv) > 3 else ""
+FW_TRACE = os.path.join(os.path.dirname(FW_DEVICE), "fw-trace")
+DEVICE = os.path.join(WORK, "device")
+TRACES = os.path.join(DEVICE, "run/fw-trace")
+
+# Appended to the page: does what people do, and writes down what it sees.
+PAGE_TEST = """
+<script>
+{
+const result = {};
+const slices = () => [...document.querySelectorAll("rect.update")];
+const widths = () => slices().map(s => s.getBoundingClientRect().width);
+const box = slices()[0].getBoundingClientRect();
+result.updates = slices().length;
+result.stages = document.querySelectorAll("rect.stage").length;
+result.messages = document.querySelectorAll("circle.message").length;
+result.captions = [...document.querySelectorAll("text.caption")].map(t => t.textContent);
+result.before = widths()[0];
+const at = {clientX: box.left + 2, clientY: box.top + 2, bubbles: true, cancelable: true, view: window};
+document.getElementById("timeline").dispatchEvent(new WheelEvent("wheel", {...at, deltaY: -300}));
+result.zoomed = widths()[0];
+document.getElementById("timeline").dispatchEvent(new MouseEvent("dblclick", at));
+result.back = widths()[0];
+const tip = document.getElementById("tip");
+result.tipBefore = getComputedStyle(tip).visibility;
+slices()[0].dispatchEvent(new MouseEvent("mousemove", at));
+result.tip = getComputedStyle(tip).visibility;
+result.tipText = tip.textContent;
+slices()[0].dispatchEvent(new MouseEvent("mouseout", at));
+result.tipAfter = getComputedStyle(tip).visibility;
+const pre = document.createElement("pre");
+pre.id = "result";
+pre.textContent = JSON.stringify(result);
+document.body.append(pre);
+}
+</script>
+"""
+
+
+def on_device(*command):
+    return subprocess.run([FW_DEVICE, "run", DEVICE, "--", *command], capture_output=True, text=True)
+
+
+def fw_trace(*arguments):
+    return subprocess.run([FW_TRACE, *arguments, "--directory", TRACES], capture_output=True, text=True)
+
+
+def export(form):
+    done = fw_trace("export", "--format", form)
+    assert done.returncode == 0, done.stderr
+    return done.stdout
+
+
+def in_browser(path):
+    """The page's elements after its scripts ran, in a network namespace of its own."""
+    with tempfile.TemporaryDirectory() as profile:
+        command = [CHROMIUM, "--headless=new", "--no-sandbox", "--disable-gpu", "--no-first-run",
+                   "--disable-dev-shm-usage", "--user-data-dir=" + profile, "--window-size=1400,900",
+                   "--dump-dom", "file://" + path]
+        done = subprocess.run(["unshare", "-rn", *command], capture_output=True, text=True, timeout=100)
+    return done.stdout
+
+
+class FwTrace(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        shutil.rmtree(WORK, ignore_errors=True)
+        os.makedirs(WORK)
+        made = subprocess.run([FW_DEVICE, "init", DEVICE], capture_output=True, text=True)
+        if made.returncode != 0:
+            raise RuntimeError(made.stderr)
+        for name in ("tunerfw", "panelfw", "wififw"):
+            with open(os.path.join(DEVICE, "var/lib/fw-components", name + ".component"), "w") as file:
+                file.write("write_kib_per_second = 8000\n")
+        codes = [on_device("fw-update", "update", "libtuner", "--caller", "upgrade-app").returncode,
+                 on_device("fw-update", "update", "libpanel", "--caller", "lsm").returncode,
+                 # The device's firmware directory holds a corrupt image of this one.
+                 on_device("fw-update", "update", "libpanel", "--caller", "upgrade-app").returncode]
+        assert codes == [0, 0, 5], codes
+
+    def test_lists_the_processes(self):
+        listed = json.loads(fw_trace("list", "--json").stdout)
+        self.assertEqual([trace["state"] for trace in listed["traces"][:3]], ["dead"] * 3)
+        self.assertIn("update libtuner --caller upgrade-app", listed["traces"][0]["commandLine"])
+
+    def test_works_on_the_device_itself(self):
+        self.assertIn("libtuner", on_device("fw-trace", "summary").stdout)
+
+    def test_sums_up_each_module(self):
+        modules = {m["module"]: m for m in json.loads(fw_trace("summary", "--json").stdout)["modules"]}
+        self.assertEqual(modules["libtuner"]["results"], {"updated": 1})
+        self.assertEqual(modules["libpanel"]["results"], {"updated": 1, "refused": 1})
+        self.assertEqual(modules["libpanel"]["updates"][1]["reason"], "Error: panelfw Firmware CRC32 different")
+        for part in ("waitForLockSeconds", "crcSeconds", "inModuleSeconds"):
+            self.assertLessEqual(modules["libtuner"][part], modules["libtuner"]["seconds"])
+        self.assertGreater(modules["libtuner"]["inModuleSeconds"], 0)
+
+    def test_shows_the_messages_in_time_order(self):
+        messages = json.loads(fw_trace("show", "--json").stdout)["messages"]
+        times = [m["nanoseconds"] for m in messages]
+        self.assertEqual(times, sorted(times))
+        self.assertIn("========== [ tunerfw update succeeded ] ==========", [m["text"] for m in messages])
+
+    def test_filters_by_module_and_function(self):
+        shown = fw_trace("show", "--module", "libtuner").stdout
+        self.assertIn("tunerfw update succeeded", shown)
+        self.assertNotIn("panelfw", shown)
+        shown = fw_trace("show", "--function", "update_timeout_wrapper", "--json").stdout
+        self.assertEqual({m["function"] for m in json.loads(shown)["messages"]}, {"update_timeout_wrapper"})
+
+    def test_filters_by_time(self):
+        self.assertEqual(fw_trace("show", "--since", "2099-01-01T00:00").returncode, 3)
+        self.assertEqual(fw_trace("show", "--until", "2099-01-01T00:00").returncode, 0)
+
+    def test_says_what_it_cannot_read(self):
+        foreign = os.path.join(WORK, "foreign.fwtrace")
+        with open(foreign, "w") as file:
+            file.write("not a trace" * 100)
+        done = fw_trace("show", foreign)
+        self.assertEqual(done.returncode, 4)
+        self.assertIn("no trace", done.stderr)
+        self.assertEqual(fw_trace("show", "999999999").returncode, 3)
+        self.assertEqual(fw_trace("show", "--since", "noon").returncode, 2)
+        self.assertEqual(fw_trace("export").returncode, 2)
+        self.assertEqual(subprocess.run([FW_TRACE, "list", "--directory", WORK + "/none"],
+                                        capture_output=True).returncode, 4)
+
+    def test_follows_processes_that_come_later(self):
+        before = {trace["processId"] for trace in json.loads(fw_trace("list", "--json").stdout)["traces"]}
+        with subprocess.Popen([FW_TRACE, "follow", "--json", "--directory", TRACES], text=True,
+                              stdout=subprocess.PIPE) as follower:
+            self.assertIn(json.loads(follower.stdout.readline())["processId"], before)
+            on_device("fw-update", "list")
+            # Ends with the first message of the new process; without one the test times out.
+            while json.loads(follower.stdout.readline())["processId"] in before:
+                pass
+            follower.terminate()
+            follower.stdout.read()
+            self.assertEqual(follower.wait(), 0)
+
+    def test_exports_slices_with_the_modules_names(self):
+        events = json.loads(export("perfetto"))["traceEvents"]
+        names = [e["name"] for e in events if e["ph"] == "X" and e["cat"] == "update"]
+        self.assertEqual(sorted(set(names)), ["update libpanel", "update libtuner"])
+
+    @unittest.skipUnless(CHROMIUM, "there is no chromium")
+    def test_draws_a_timeline_that_zooms_and_explains(self):
+        path = os.path.join(os.path.abspath(WORK), "page.html")
+        with open(path, "w") as file:
+            file.write(export("html").replace("</body>", PAGE_TEST + "</body>"))
+        dom = in_browser(path)
+        found = re.search(r'<pre id="result">(.*?)</pre>', dom, re.S)
+        self.assertTrue(found, dom[-2000:])
+        result = json.loads(html.unescape(found.group(1)))
+        timeline = json.loads(export("json"))
+        self.assertEqual(result["updates"], len(timeline["updates"]))
+        self.assertEqual(result["stages"], sum(len(u["stages"]) for u in timeline["updates"]))
+        self.assertEqual(result["messages"], len(timeline["messages"]))
+        self.assertIn("libtuner", result["captions"])
+        self.assertGreater(result["zoomed"], 1.2 * result["before"])
+        self.assertAlmostEqual(result["back"], result["before"], delta=1)
+        self.assertEqual((result["tipBefore"], result["tip"], result["tipAfter"]), ("hidden", "visible", "hidden"))
+        self.assertIn("libtuner: updated", result["tipText"])
+
+
+if __name__ == "__main__":
+    unittest.main(argv=sys.argv[:1], verbosity=2)

@@ -1,0 +1,104 @@
+// A module that is copied under many names. Its package identifier comes from its
+// file's name: libfleet07.so has fleet07emp and the firmware name fleet07. What
+// it does stands in the file /var/lib/fw-components/<firmware name>, one word:
+// "fail", "hang" (for ever), "late" (3 s, and then fails), "throw"; without it, it updates. It appends every
+// call that the run makes of it to /var/lib/fw-components/calls.
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <fstream>
+#include <stdexcept>
+#include <string>
+#include <thread>
+
+#include "fw-update-module.h"
+
+namespace {
+
+constexpr const char* kState = "/var/lib/fw-components/";
+
+std::string firmwareName() {
+  Dl_info info{};
+  dladdr(reinterpret_cast<const void*>(&getEMPID), &info);
+  const std::string path = info.dli_fname;
+  const std::size_t begin = path.rfind('/') + 4;
+  return path.substr(begin, path.size() - begin - 3);
+}
+
+std::string readWord(const std::string& path) {
+  std::string word;
+  std::ifstream(path) >> word;
+  return word;
+}
+
+// One write each: calls of several processes are not mixed.
+void note(const std::string& call) {
+  const std::string line = firmwareName() + " " + call + "\n";
+  const int file = open("/var/lib/fw-components/calls", O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+  [[maybe_unused]] const ssize_t written = write(file, line.data(), line.size());
+  close(file);
+}
+
+std::string& wantedVersion() {
+  static auto& version = *new std::string;
+  return version;
+}
+
+std::string context;
+
+}  // namespace
+
+int setContext(const char*, CallerTypes caller, char* data) {
+  context = std::to_string(caller) + "\"" + data + "\"";
+  return 0;
+}
+
+int getEMPID(char* out) {
+  std::snprintf(out, 128, "%semp", firmwareName().c_str());
+  return 0;
+}
+
+int getActiveVersion(char* out) {
+  const std::string version = readWord(kState + firmwareName() + ".version");
+  std::snprintf(out, 128, "%s", version.empty() ? "1.0" : version.c_str());
+  return 0;
+}
+
+int checkVersion(const char* version, int* need) {
+  char active[128];
+  getActiveVersion(active);
+  wantedVersion() = version;
+  *need = wantedVersion() != active ? 1 : 0;
+  return 0;
+}
+
+int doUpdate(const char*, unsigned long) {
+  note("update " + context);
+  const std::string behaviour = readWord(kState + firmwareName());
+  if (behaviour == "throw")
+    throw std::runtime_error("flash controller lost");
+  while (behaviour == "hang")
+    pause();
+  if (behaviour == "late")
+    std::this_thread::sleep_for(std::chrono::seconds(3));
+  if (behaviour == "fail" || behaviour == "late") {
+    errno = EIO;
+    return -EIO;
+  }
+  std::ofstream(kState + firmwareName() + ".version") << wantedVersion();
+  return 0;
+}
+
+int allUpdateDone() {
+  note("done");
+  return 0;
+}
+
+int getUpdateProgress(unsigned int* progress) {
+  *progress = 40;
+  return 0;
+}

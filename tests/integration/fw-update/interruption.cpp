@@ -1,0 +1,98 @@
+// Updates that are cut short, and updates that wait for their turn.
+#include <fcntl.h>
+#include <semaphore.h>
+
+#include <csignal>
+
+#include "tool-test.h"
+
+namespace {
+
+using ::testing::HasSubstr;
+
+class Interruption : public ToolTest, public ::testing::WithParamInterface<int> {
+ protected:
+  void SetUp() override {
+    ToolTest::SetUp();
+    installModule("libtuner");
+    installImage("tunerfw");
+  }
+};
+
+// The device's update lock, as the test's own.
+class Lock {
+ public:
+  Lock() : handle_(sem_open("/SEM_UPDATE_CONTROL", O_CREAT, 0600, 1)) {}
+  ~Lock() { sem_close(handle_); }
+  Lock(const Lock&) = delete;
+  Lock& operator=(const Lock&) = delete;
+
+  int value() const {
+    int value = -1;
+    sem_getvalue(handle_, &value);
+    return value;
+  }
+  void take() { sem_wait(handle_); }
+  void release() { sem_post(handle_); }
+
+ private:
+  sem_t* handle_;
+};
+
+TEST_P(Interruption, ReleasesTheUpdateLock) {
+  describeComponent("tunerfw", "stall_at_percent = 40");
+  RunningTool update({"update", "libtuner", "--progress", "ndjson"}, {});
+  update.waitFor("\"percent\":4");
+  EXPECT_EQ(Lock().value(), 0);
+
+  update.kill(GetParam());
+
+  EXPECT_EQ(update.finish(), -GetParam());
+  ASSERT_EQ(Lock().value(), 1);
+  describeComponent("tunerfw", "");
+  EXPECT_EQ(run({"update", "libtuner"}).exitCode, 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(BySignal, Interruption, ::testing::Values(SIGINT, SIGTERM, SIGHUP));
+
+using WaitingUpdate = Interruption;
+
+TEST_F(WaitingUpdate, SaysSoAndGoesOnWhenTheLockIsFree) {
+  Lock lock;
+  lock.take();
+  RunningTool update({"update", "libtuner", "--progress", "ndjson"}, {});
+  update.waitFor("\"event\":\"waiting\"");
+
+  lock.release();
+
+  EXPECT_EQ(update.finish(), 0);
+  EXPECT_EQ(lock.value(), 1);
+}
+
+TEST_F(WaitingUpdate, LeavesTheLockToItsOwnerWhenItIsInterrupted) {
+  Lock lock;
+  lock.take();
+  RunningTool update({"update", "libtuner", "--progress", "ndjson"}, {});
+  update.waitFor("\"event\":\"waiting\"");
+
+  update.kill(SIGINT);
+
+  EXPECT_EQ(update.finish(), -SIGINT);
+  EXPECT_EQ(lock.value(), 0);
+  EXPECT_THAT(update.err(), HasSubstr("/dev/shm/sem.SEM_UPDATE_CONTROL"));
+}
+
+TEST_F(WaitingUpdate, OutlivesAReaderThatGoesAway) {
+  Lock lock;
+  lock.take();
+  RunningTool update({"update", "libtuner", "--progress", "ndjson"}, {});
+  update.waitFor("\"event\":\"waiting\"");
+  update.closeOutput();
+
+  lock.release();
+
+  EXPECT_NE(update.finish(), 0);  // its result could not be put out
+  EXPECT_EQ(document({"info", "libtuner"})["version"].asString(), "2.0.0");
+}
+
+}  // namespace

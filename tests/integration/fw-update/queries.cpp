@@ -1,0 +1,157 @@
+// list, info, pending and progress.
+#include <sys/stat.h>
+
+#include <filesystem>
+
+#include "tool-test.h"
+
+namespace {
+
+using ::testing::HasSubstr;
+
+class Query : public ToolTest {};
+
+const Json::Value& moduleOf(const Json::Value& document, const std::string& name) {
+  for (const Json::Value& module : document["modules"])
+    if (module["library"] == name)
+      return module;
+  throw std::runtime_error(name + " is not there");
+}
+
+TEST_F(Query, ListsEveryModuleWithItsKind) {
+  installModule("libtuner");
+  installModule("libEXT-remote");
+
+  const Json::Value listed = document({"list"});
+
+  ASSERT_EQ(listed["modules"].size(), 2u);
+  EXPECT_EQ(moduleOf(listed, "libtuner")["firmware"].asString(), "tunerfw");
+  EXPECT_EQ(moduleOf(listed, "libtuner")["version"].asString(), "0.0.0");
+  EXPECT_EQ(moduleOf(listed, "libtuner")["kind"].asString(), "ordinary");
+  EXPECT_EQ(moduleOf(listed, "libEXT-remote")["kind"].asString(), "EXT");
+}
+
+TEST_F(Query, ListsModulesAsATableForPeople) {
+  installModule("libtuner");
+
+  const Ended listed = run({"list"});
+
+  EXPECT_EQ(listed.out,
+            "LIBRARY   FIRMWARE  VERSION  KIND\n"
+            "libtuner  tunerfw   0.0.0    ordinary\n");
+  EXPECT_EQ(listed.exitCode, 0);
+}
+
+TEST_F(Query, ListsNothingOnADeviceWithoutModules) {
+  EXPECT_EQ(run({"list"}).out, "No module is installed in /prd/usr/fwupdate/controls.\n");
+  EXPECT_EQ(document({"list"})["modules"], Json::Value(Json::arrayValue));
+}
+
+TEST_F(Query, SaysThatTheControlsDirectoryIsMissing) {
+  std::filesystem::remove_all(kControls);
+
+  for (const std::vector<std::string>& arguments :
+       {std::vector<std::string>{"list"}, {"info", "x"}, {"pending"}, {"progress", "x"}})
+    EXPECT_EQ(document(arguments)["exitCode"].asInt(), 10) << arguments[0];
+}
+
+TEST_F(Query, TellsTheFreshVersionOfAModule) {
+  installModule("libtuner");
+  installImage("tunerfw");
+  ASSERT_EQ(run({"update", "libtuner"}).exitCode, 0);
+
+  const Json::Value info = document({"info", "libtuner"});
+
+  EXPECT_EQ(info["version"].asString(), "2.0.0");
+  EXPECT_EQ(info["firmware"].asString(), "tunerfw");
+  EXPECT_EQ(info["package"].asString(), "tunerempfw");
+  EXPECT_EQ(info["progress"].asInt(), 100);
+  EXPECT_GT(info["expectedSeconds"].asInt(), 0);
+}
+
+TEST_F(Query, ReportsAModuleThatCannotTellItsVersion) {
+  installOddModule();
+
+  const Json::Value info = document({"info", "libodd"}, {{"ODD_MODULE=failing-version"}});
+
+  EXPECT_EQ(info["exitCode"].asInt(), 6);
+  EXPECT_EQ(info["firmware"].asString(), "oddfw");
+  EXPECT_FALSE(info.isMember("version"));
+}
+
+TEST_F(Query, KnowsNoUnknownModule) {
+  installModule("libtuner");
+
+  EXPECT_EQ(document({"info", "libTuner"})["exitCode"].asInt(), 4);
+  EXPECT_EQ(document({"progress", "libTuner"})["exitCode"].asInt(), 4);
+}
+
+TEST_F(Query, SaysForEachModuleWhyItIsPendingOrNot) {
+  for (const char* module : {"libtuner", "libpanel", "libwifi", "libEXT-remote"})
+    installModule(module);
+  installImage("tunerfw");
+  installImage("panelfw");
+  installImage("wififw");
+  ASSERT_EQ(run({"update", "libpanel"}).exitCode, 0);
+  writeFile("/lib/firmware/ext/wififw/wififw.bin", "damaged");
+
+  const Json::Value pending = document({"pending"});
+
+  EXPECT_EQ(pending["exitCode"].asInt(), 0);
+  EXPECT_TRUE(moduleOf(pending, "libtuner")["pending"].asBool());
+  EXPECT_EQ(moduleOf(pending, "libpanel")["outcome"].asString(), "nothing-to-do");
+  EXPECT_THAT(moduleOf(pending, "libpanel")["reason"].asString(), HasSubstr("version 2.0.0 is active"));
+  EXPECT_EQ(moduleOf(pending, "libwifi")["outcome"].asString(), "refused-image");
+  EXPECT_THAT(moduleOf(pending, "libwifi")["reason"].asString(), HasSubstr("wififw is damaged"));
+  EXPECT_THAT(moduleOf(pending, "libEXT-remote")["reason"].asString(), HasSubstr("own procedure"));
+}
+
+TEST_F(Query, HasNothingPendingForACallerWithoutImages) {
+  installModule("libtuner");
+  installImage("tunerfw");
+
+  EXPECT_EQ(document({"pending", "--caller", "lsm"})["exitCode"].asInt(), 3);
+}
+
+TEST_F(Query, NamesTheModuleThatThrewWhenAskedWhetherItIsPending) {
+  installOddModule();
+  installImage("oddfw");
+
+  const Json::Value pending = document({"pending"}, {{"ODD_MODULE=throwing-check"}});
+
+  EXPECT_EQ(pending["exitCode"].asInt(), 6);
+  EXPECT_THAT(pending["message"].asString(), HasSubstr("libodd"));
+}
+
+TEST_F(Query, ReadsTheProgressOfAnotherProcessesUpdate) {
+  installModule("libtuner");
+  installImage("tunerfw");
+  describeComponent("tunerfw", "stall_at_percent = 40");
+  RunningTool update({"update", "libtuner", "--progress", "ndjson"}, {});
+  update.waitFor("\"percent\":4");
+
+  const Json::Value progress = document({"progress", "libtuner"});
+
+  EXPECT_GE(progress["progress"].asInt(), 40);
+  EXPECT_LT(progress["progress"].asInt(), 50);
+  update.kill(SIGTERM);
+  update.finish();
+}
+
+TEST_F(Query, SaysThatAModuleReportsNoProgress) {
+  installOddModule("without-getUpdateProgress");
+
+  const Json::Value progress = document({"progress", "libodd"});
+
+  EXPECT_EQ(progress["exitCode"].asInt(), 3);
+  EXPECT_EQ(progress["message"].asString(), "libodd reports no progress.");
+  EXPECT_FALSE(progress.isMember("progress"));
+}
+
+TEST_F(Query, ReportsAModuleThatCannotTellItsProgress) {
+  installOddModule();
+
+  EXPECT_EQ(document({"progress", "libodd"}, {{"ODD_MODULE=failing-progress"}})["exitCode"].asInt(), 6);
+}
+
+}  // namespace

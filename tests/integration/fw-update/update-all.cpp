@@ -1,0 +1,340 @@
+// Whole runs of the command with real packages, mounts and modules, and with a
+// stand-in for systemd-logind on a bus of the test's own.
+#include <semaphore.h>
+#include <sys/stat.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+#include "image-crc.h"
+#include "lwipc.h"
+#include "system-bus.h"
+#include "tool-test.h"
+
+namespace {
+
+using ::testing::AllOf;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::Not;
+using ::testing::SizeIs;
+
+namespace fs = std::filesystem;
+
+const std::string kPackages = "/opt/usr/apps/appbinarymanager/";
+const std::string kState = "/var/lib/fw-components/";
+constexpr const char* kList = "/tmp/fwupdate-off-list.txt";
+constexpr const char* kCalls = "/var/lib/fw-components/calls";
+constexpr const char* kPlatformCalls = "/var/lib/fw-components/platform-calls";
+
+std::vector<std::string> linesOf(const std::string& text) {
+  std::vector<std::string> lines;
+  std::istringstream stream(text);
+  for (std::string line; std::getline(stream, line);)
+    lines.push_back(line);
+  return lines;
+}
+
+class UpdateAll : public ToolTest {
+ protected:
+  void SetUp() override {
+    ToolTest::SetUp();
+    setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/run/no-bus-here", 1);
+  }
+
+  // A module with its extension package, version 2.0.
+  static void install(const std::string& name, const std::string& behaviour = "",
+                      const std::string& expectedTime = "0") {
+    fs::copy_file(FLEET_MODULE, kControls + ("lib" + name + ".so"));
+    if (!behaviour.empty())
+      writeFile(kState + name, behaviour);
+    const std::string content = "firmware of " + name;
+    fwcomponent::ImageCrc crc;
+    crc.process_bytes(content.data(), content.size());
+    writeFile("/tmp/tree/" + name + ".bin", content);
+    writeFile("/tmp/tree/info.json", "{\"version\": \"2.0\", \"crc\": " + std::to_string(crc.checksum()) +
+                                         ", \"expected_time\": " + expectedTime + "}");
+    const std::string command = "mksquashfs /tmp/tree " + kPackages + name +
+                                "emp.img -all-root -noappend -quiet -no-progress >/dev/null";
+    if (std::system(command.c_str()) != 0)
+      throw std::runtime_error("mksquashfs failed");
+    fs::remove_all("/tmp/tree");
+  }
+
+  static Launch recorded() {
+    return {{"LD_PRELOAD=" PLATFORM_RECORDER, std::string("PLATFORM_CALLS=") + kPlatformCalls}, true, 0};
+  }
+
+  static std::string mounts() { return readFile("/proc/self/mounts"); }
+};
+
+const Json::Value& moduleNamed(const Json::Value& document, const std::string& library) {
+  for (const Json::Value& module : document["modules"])
+    if (module["library"] == library)
+      return module;
+  return Json::Value::nullSingleton();
+}
+
+TEST_F(UpdateAll, UpdatesWhatNeedsItInsideThePowerLock) {
+  install("one", "", "30");
+  install("two", "", "60");
+  install("current");
+  writeFile(kState + "current.version", "2.0");
+
+  const Json::Value ended = document({"update-all"}, recorded());
+
+  EXPECT_EQ(ended["outcome"].asString(), "updated");
+  EXPECT_EQ(moduleNamed(ended, "libone")["versionAfter"].asString(), "2.0");
+  EXPECT_EQ(moduleNamed(ended, "libtwo")["outcome"].asString(), "updated");
+  EXPECT_FALSE(moduleNamed(ended, "libcurrent")["due"].asBool());
+  EXPECT_THAT(linesOf(readFile(kPlatformCalls)),
+              ElementsAre("event /tmp/.ignore_resume", "lock 2 100000", "unlock 2"));
+  EXPECT_FALSE(exists(kList));
+  EXPECT_EQ(LwipcEventWait("/tmp/.ignore_resume", 0), 0);
+}
+
+TEST_F(UpdateAll, GivesEveryModuleTheQueryingCallerAndNoData) {
+  install("one", "", "5");
+
+  ASSERT_EQ(run({"update-all"}).exitCode, 0);
+
+  EXPECT_THAT(linesOf(readFile(kCalls)), ElementsAre("one update 2\"\"", "one done"));
+}
+
+TEST_F(UpdateAll, FiftyModulesWithFailingAndHangingOnes) {
+  constexpr int kCount = 50;
+  const auto behaviourOf = [](int i) {
+    return i % 10 == 3 ? "fail" : i == 7 || i == 21 ? "late" : i == 30 ? "throw" : "";
+  };
+  for (int i = 0; i < kCount; ++i)
+    install("m" + std::to_string(i), behaviourOf(i), i == 7 || i == 21 ? "0" : "20");
+  const SystemBus bus;
+  const LogindStandIn logind(bus);
+
+  const Json::Value ended = document({"update-all"}, recorded());
+
+  for (int i = 0; i < kCount; ++i) {
+    const std::string behaviour = behaviourOf(i);
+    const std::string outcome = behaviour.empty()     ? "updated"
+                                : behaviour == "late" ? "timed-out"
+                                                      : "module-failed";
+    EXPECT_EQ(moduleNamed(ended, "libm" + std::to_string(i))["outcome"].asString(), outcome) << i;
+    EXPECT_EQ(exists(kState + "m" + std::to_string(i) + ".version"), behaviour.empty()) << i;
+    EXPECT_THAT(readFile(kCalls), HasSubstr("m" + std::to_string(i) + " done\n"));
+  }
+  EXPECT_EQ(ended["exitCode"].asInt(), 6);
+  EXPECT_THAT(linesOf(readFile(kPlatformCalls)),
+              ElementsAre("event /tmp/.ignore_resume", "lock 2 1210000", "unlock 2"));
+  EXPECT_FALSE(exists(kList));
+  EXPECT_TRUE(logind.waitForInhibitors(0));
+}
+
+// The library lets one update of a process at a time into a module.
+TEST_F(UpdateAll, EndsAlsoWhenAModuleNeverComesBack) {
+  install("one", "hang", "0");
+  install("two", "hang", "0");
+
+  const Json::Value ended = document({"update-all"}, recorded());
+
+  EXPECT_EQ(ended["outcome"].asString(), "timed-out");
+  const std::string calls = readFile(kCalls);
+  EXPECT_THAT(calls, AllOf(HasSubstr("one done\n"), HasSubstr("two done\n")));
+  const std::string first = ended["modules"][0]["library"].asString();
+  EXPECT_THAT(ended["modules"][1]["message"].asString(), HasSubstr(first + " still runs"));
+  EXPECT_THAT(linesOf(readFile(kPlatformCalls)),
+              ElementsAre("event /tmp/.ignore_resume", "lock 2 10000", "unlock 2"));
+}
+
+TEST_F(UpdateAll, IsSeenOnTheBusDuringTheRunAndGoneAfterASigkill) {
+  install("stuck", "hang", "600");
+  const SystemBus bus;
+  const LogindStandIn logind(bus);
+  RunningTool tool({"update-all", "--progress", "ndjson"}, {{"FW_UPDATE_LOG=none"}, true, 0});
+  tool.waitFor("module-start");
+
+  EXPECT_THAT(logind.inhibitors(), SizeIs(1));
+  tool.kill(SIGKILL);
+  tool.finish();
+
+  EXPECT_TRUE(logind.waitForInhibitors(0));
+  const Ended next = run({"list"});
+  EXPECT_EQ(next.exitCode, 0);
+  EXPECT_THAT(next.err, AllOf(HasSubstr("interrupted at libstuck (1 of 1)"),
+                              HasSubstr("/dev/shm/sem.SEM_UPDATE_CONTROL")));
+  EXPECT_EQ(run({"list"}).err, "");
+}
+
+TEST_F(UpdateAll, FirstCtrlCLetsTheRunGoOn) {
+  install("stuck", "late", "0");
+  install("zlast", "", "20");
+  RunningTool tool({"update-all", "--progress", "ndjson"}, {{"FW_UPDATE_LOG=none"}, true, 0});
+  tool.waitFor("module-start");
+
+  tool.kill(SIGINT);
+  tool.waitFor("goes-on");
+
+  EXPECT_EQ(tool.finish(), 7);
+  EXPECT_THAT(tool.out(), AllOf(HasSubstr("\"modulesLeft\":"), HasSubstr("1 of 2 modules were updated")));
+  EXPECT_THAT(readFile(kCalls), HasSubstr("stuck done"));
+  EXPECT_EQ(run({"list"}).err, "");
+}
+
+TEST_F(UpdateAll, SecondCtrlCEndsAtOnceAndTheNextCommandSaysSo) {
+  install("stuck", "hang", "600");
+  const SystemBus bus;
+  const LogindStandIn logind(bus);
+  RunningTool tool({"update-all", "--progress", "ndjson"}, {{"FW_UPDATE_LOG=none"}, true, 0});
+  tool.waitFor("module-start");
+  tool.waitFor("\"event\":\"progress\"");
+  tool.kill(SIGINT);
+  tool.waitFor("goes-on");
+
+  tool.kill(SIGINT);
+
+  EXPECT_EQ(tool.finish(), -SIGINT);
+  EXPECT_TRUE(logind.waitForInhibitors(0));
+  const Json::Value next = document({"list"});
+  EXPECT_THAT(next["interruptedRun"]["message"].asString(), HasSubstr("libstuck"));
+  EXPECT_THAT(next["interruptedRun"]["remedy"].asString(), Not(HasSubstr("SEM_UPDATE_CONTROL")));
+  EXPECT_FALSE(document({"list"}).isMember("interruptedRun"));
+}
+
+TEST_F(UpdateAll, RefusesASecondRunBesideTheFirst) {
+  install("stuck", "hang", "600");
+  RunningTool tool({"update-all", "--progress", "ndjson"}, {{"FW_UPDATE_LOG=none"}, true, 0});
+  tool.waitFor("module-start");
+
+  const Json::Value second = document({"update-all"});
+
+  EXPECT_EQ(second["outcome"].asString(), "already-running");
+  EXPECT_FALSE(second.isMember("interruptedRun"));
+}
+
+TEST_F(UpdateAll, DryRunSaysWhatWouldRunAndChangesNothing) {
+  install("one", "", "30");
+  install("two", "", "60");
+  const std::string mountsBefore = mounts();
+
+  const Json::Value plan = document({"update-all", "--dry-run"}, recorded());
+
+  EXPECT_EQ(plan["outcome"].asString(), "ok");
+  EXPECT_EQ(plan["powerHoldMs"].asInt(), 100000);
+  EXPECT_EQ(plan["expectedSeconds"].asDouble(), 90);
+  EXPECT_TRUE(moduleNamed(plan, "libone")["due"].asBool());
+  EXPECT_FALSE(exists(kCalls));
+  EXPECT_FALSE(exists(kPlatformCalls));
+  EXPECT_FALSE(exists(kList));
+  EXPECT_EQ(mounts(), mountsBefore);
+  EXPECT_TRUE(fs::is_empty(kPackages + "emps"));
+}
+
+TEST_F(UpdateAll, SaysSoWhenNothingNeedsAnUpdate) {
+  install("current");
+  writeFile(kState + "current.version", "2.0");
+  writeFile(kList, "as before\n");
+
+  const Json::Value ended = document({"update-all"}, recorded());
+
+  EXPECT_EQ(ended["exitCode"].asInt(), 3);
+  EXPECT_FALSE(exists(kPlatformCalls));
+  EXPECT_EQ(readFile(kList), "as before\n");
+}
+
+struct AbsurdExpectation {
+  const char* time;
+  const char* lock;
+};
+
+class AbsurdExpectedTime : public UpdateAll, public ::testing::WithParamInterface<AbsurdExpectation> {};
+INSTANTIATE_TEST_SUITE_P(Values, AbsurdExpectedTime,
+                         ::testing::Values(AbsurdExpectation{"0", "lock 2 5000"},
+                                           AbsurdExpectation{"3000000", "lock 2 -1294962296"},
+                                           AbsurdExpectation{"4294967295", "lock 2 4000"}));
+
+TEST_P(AbsurdExpectedTime, EndsTheRunAndReleasesThePower) {
+  install("odd", "", GetParam().time);
+  const SystemBus bus;
+  const LogindStandIn logind(bus);
+
+  const Ended ended = run({"update-all"}, recorded());
+
+  EXPECT_EQ(ended.exitCode, 0) << ended.out << ended.err;
+  EXPECT_THAT(linesOf(readFile(kPlatformCalls)),
+              ElementsAre("event /tmp/.ignore_resume", GetParam().lock, "unlock 2"));
+  EXPECT_TRUE(logind.waitForInhibitors(0));
+}
+
+TEST_F(UpdateAll, GoesOnWithALinkAtTheListsPathAndLeavesItsTargetAlone) {
+  install("one", "", "5");
+  writeFile("/tmp/target", "kept");
+  fs::create_symlink("/tmp/target", kList);
+
+  const Json::Value ended = document({"update-all"});
+
+  EXPECT_EQ(ended["outcome"].asString(), "updated");
+  EXPECT_THAT(ended["warning"].asString(), HasSubstr(kList));
+  EXPECT_EQ(readFile("/tmp/target"), "kept");
+}
+
+TEST_F(UpdateAll, ShowsTheListFirstAndATableAtTheEnd) {
+  install("one", "", "30");
+
+  const Ended ended = run({"update-all"});
+
+  EXPECT_EQ(ended.exitCode, 0);
+  EXPECT_THAT(ended.out, AllOf(HasSubstr("libone   one       1.0      30 s      yes"),
+                               HasSubstr("1 module, about 30 s; power is held for at most 35 s."),
+                               HasSubstr("1.0 -> 2.0"), HasSubstr("1 of 1 modules were updated")));
+}
+
+class PendingList : public UpdateAll {};
+
+TEST_F(PendingList, WritesTheFileAndShowsIt) {
+  install("one");
+  install("current");
+  writeFile(kState + "current.version", "2.0");
+
+  const Json::Value ended = document({"pending-list"});
+
+  EXPECT_EQ(ended["exitCode"].asInt(), 0);
+  EXPECT_EQ(readFile(kList), "libone oneemp\n");
+  ASSERT_EQ(ended["modules"].size(), 1U);
+  EXPECT_EQ(ended["modules"][0]["package"].asString(), "oneemp");
+}
+
+TEST_F(PendingList, RefusesALinkAndLeavesItAlone) {
+  install("one");
+  fs::create_symlink("/tmp/nowhere", kList);
+
+  const Json::Value ended = document({"pending-list"});
+
+  EXPECT_EQ(ended["outcome"].asString(), "not-permitted");
+  EXPECT_TRUE(fs::is_symlink(kList));
+  EXPECT_FALSE(exists("/tmp/nowhere"));
+}
+
+TEST_F(PendingList, NoticesThatTheFileCouldNotBeWritten) {
+  install("one");
+  fs::create_directory(kList);
+
+  const Json::Value ended = document({"pending-list"});
+
+  EXPECT_EQ(ended["exitCode"].asInt(), 1);
+  EXPECT_THAT(ended["message"].asString(), HasSubstr("could not be written"));
+}
+
+TEST_F(UpdateAll, AllDoneTellsEveryModule) {
+  install("one");
+  install("two");
+
+  EXPECT_EQ(document({"all-done"})["exitCode"].asInt(), 0);
+
+  EXPECT_THAT(readFile(kCalls), AllOf(HasSubstr("one done\n"), HasSubstr("two done\n")));
+}
+
+}  // namespace

@@ -1,0 +1,378 @@
+// usb estimate and usb apply: real packages, the real verifier, real modules.
+#include <sys/stat.h>
+
+#include <filesystem>
+
+#include "signed-package.h"
+#include "tool-test.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::Not;
+
+constexpr const char* kDrive = "/opt/media/USBDriveA/";
+constexpr const char* kKeyFile = "/usr/share/fw-update/package.key";
+constexpr const char* kFlash = "/var/lib/fw-components/";
+constexpr std::size_t kFlashHeader = 256;
+
+class UsbTool : public ToolTest {
+ protected:
+  void SetUp() override {
+    ToolTest::SetUp();
+    fs::copy_file(VERIFIER_LIBRARY, "/usr/lib/libkZAQUser.so");
+    writeFile("/usr/share/fw-update/keys/maker.pem", publicPem(testSigningKey("ed25519")));
+    writeKey(key());
+  }
+  static std::string key() { return std::string(32, 'K'); }
+  static void writeKey(const std::string& content, int mode = 0600) {
+    writeFile(kKeyFile, content);
+    fs::permissions(kKeyFile, fs::perms(mode));
+  }
+  static std::string image(const std::string& firmware) { return std::string(200001, firmware[0]); }
+  static std::string package(const std::string& firmware, const std::string& version = "2.0.0") {
+    return usbPackage(key(), version, image(firmware), testSigningKey("ed25519"));
+  }
+  static void putPackage(const std::string& firmware, const std::string& version = "2.0.0",
+                         const std::string& directory = kDrive) {
+    writeFile(directory + firmware + ".bin", package(firmware, version));
+  }
+  static std::vector<std::string> command(const std::string& name) {
+    return {"usb", name, "--key-file", kKeyFile};
+  }
+  static Json::Value estimate() { return document(command("estimate")); }
+  static Json::Value apply() { return document(command("apply")); }
+  static Json::Value moduleOf(const Json::Value& document, const std::string& library) {
+    for (const Json::Value& module : document["modules"])
+      if (module["library"] == library)
+        return module;
+    return Json::Value();
+  }
+  // Whether this very image is active.
+  static bool isActive(const std::string& firmware) {
+    const std::string flash = kFlash + firmware + ".flash";
+    return exists(flash) && readFile(flash).substr(kFlashHeader) == image(firmware);
+  }
+};
+
+TEST_F(UsbTool, EstimatesEachModuleAndTheTotal) {
+  for (const char* module : {"libtuner", "libpanel", "libwifi", "libEXT-remote"})
+    installModule(module);
+  describeComponent("tunerfw", "expected_time = 30");
+  describeComponent("panelfw", "expected_time = 45");
+  putPackage("tunerfw");
+  putPackage("panelfw");
+
+  const Json::Value found = estimate();
+
+  EXPECT_EQ(found["exitCode"].asInt(), 0);
+  EXPECT_EQ(found["totalSeconds"].asInt(), 75);
+  EXPECT_EQ(found["directory"].asString(), kDrive);
+  EXPECT_TRUE(found["signaturesChecked"].asBool());
+  EXPECT_TRUE(moduleOf(found, "libtuner")["needsUpdate"].asBool());
+  EXPECT_EQ(moduleOf(found, "libtuner")["expectedSeconds"].asInt(), 30);
+  EXPECT_EQ(moduleOf(found, "libpanel")["expectedSeconds"].asInt(), 45);
+  EXPECT_EQ(moduleOf(found, "libwifi")["reason"].asString(), "There is no package for libwifi.");
+  EXPECT_EQ(moduleOf(found, "libEXT-remote")["outcome"].asString(), "nothing-to-do");
+  EXPECT_FALSE(exists(std::string(kFlash) + "tunerfw.flash"));
+}
+
+TEST_F(UsbTool, ShowsTheEstimateAsATableForPeople) {
+  installModule("libtuner");
+  describeComponent("tunerfw", "expected_time = 30");
+  putPackage("tunerfw");
+
+  const Ended shown = run(command("estimate"));
+
+  EXPECT_EQ(shown.out,
+            "LIBRARY   FIRMWARE  VERSION  UPDATE  TIME  REASON\n"
+            "libtuner  tunerfw   0.0.0    yes     30 s  The package is newer.\n"
+            "total                        1       30 s\n");
+  EXPECT_EQ(shown.err, "");
+}
+
+TEST_F(UsbTool, AppliesThePackagesThatAreNeeded) {
+  for (const char* module : {"libtuner", "libpanel", "libwifi"})
+    installModule(module);
+  putPackage("tunerfw");
+  putPackage("wififw", "1.2.3");
+
+  const Json::Value applied = apply();
+
+  EXPECT_EQ(applied["exitCode"].asInt(), 0);
+  EXPECT_EQ(applied["result"].asInt(), 0);
+  EXPECT_EQ(moduleOf(applied, "libtuner")["versionAfter"].asString(), "2.0.0");
+  EXPECT_EQ(moduleOf(applied, "libwifi")["versionAfter"].asString(), "1.2.3");
+  EXPECT_EQ(moduleOf(applied, "libtuner")["outcome"].asString(), "updated");
+  EXPECT_EQ(moduleOf(applied, "libpanel")["outcome"].asString(), "nothing-to-do");
+  EXPECT_TRUE(isActive("tunerfw"));
+  EXPECT_TRUE(isActive("wififw"));
+  EXPECT_FALSE(isActive("panelfw"));
+}
+
+TEST_F(UsbTool, HasNothingToDoAfterwards) {
+  installModule("libtuner");
+  putPackage("tunerfw");
+  ASSERT_EQ(apply()["exitCode"].asInt(), 0);
+
+  EXPECT_EQ(estimate()["exitCode"].asInt(), 3);
+  EXPECT_THAT(moduleOf(estimate(), "libtuner")["reason"].asString(), HasSubstr("version 2.0.0 is active"));
+  EXPECT_EQ(apply()["exitCode"].asInt(), 3);
+}
+
+TEST_F(UsbTool, TellsTheProgressOfEachPackage) {
+  installModule("libtuner");
+  installModule("libpanel");
+  describeComponent("tunerfw", "write_kib_per_second = 400");
+  putPackage("tunerfw");
+  putPackage("panelfw");
+  auto ndjson = command("apply");
+  ndjson.insert(ndjson.end(), {"--progress", "ndjson"});
+
+  const auto events = lines(run(ndjson).out);
+
+  std::vector<std::string> started;
+  bool halfway = false;
+  for (const Json::Value& event : events) {
+    if (event["event"] == "start")
+      started.push_back(event["module"].asString());
+    halfway = halfway || (event["event"] == "progress" && event["percent"].asInt() > 0 &&
+                          event["percent"].asInt() < 100);
+    EXPECT_FALSE(event.isMember("givesUpAtSeconds"));  // no time limit holds here
+  }
+  EXPECT_THAT(started, testing::Contains("libtuner"));
+  EXPECT_TRUE(halfway);
+  EXPECT_EQ(events.back()["event"].asString(), "result");
+  EXPECT_EQ(events.back()["exitCode"].asInt(), 0);
+}
+
+TEST_F(UsbTool, RefusesAPackageWithOneFlippedByteAndAppliesTheOthers) {
+  installModule("libtuner");
+  installModule("libpanel");
+  putPackage("panelfw");
+  std::string altered = package("tunerfw");
+  altered[5000] = static_cast<char>(altered[5000] ^ 1);
+  writeFile(std::string(kDrive) + "tunerfw.bin", altered);
+
+  EXPECT_EQ(estimate()["exitCode"].asInt(), 0);
+  const Json::Value applied = apply();
+
+  EXPECT_EQ(applied["exitCode"].asInt(), 5);
+  EXPECT_THAT(moduleOf(applied, "libtuner")["reason"].asString(), HasSubstr("no valid signature"));
+  EXPECT_FALSE(exists(std::string(kFlash) + "tunerfw.flash"));
+  EXPECT_TRUE(isActive("panelfw"));
+}
+
+TEST_F(UsbTool, RefusesEverythingThatIsNoPackage) {
+  installModule("libtuner");
+  const std::string path = std::string(kDrive) + "tunerfw.bin";
+  const std::string whole = package("tunerfw");
+  const std::vector<std::string> contents = {"",
+                                             "short",
+                                             std::string(613, 'x'),
+                                             std::string(700, '\0'),
+                                             whole.substr(0, whole.size() - 1),
+                                             whole.substr(0, 20000),
+                                             whole.substr(1),
+                                             whole + "x"};
+  for (const std::string& content : contents) {
+    writeFile(path, content);
+    EXPECT_EQ(estimate()["exitCode"].asInt(), 5) << content.size();
+    EXPECT_EQ(apply()["exitCode"].asInt(), 5) << content.size();
+  }
+  EXPECT_FALSE(exists(std::string(kFlash) + "tunerfw.flash"));
+}
+
+TEST_F(UsbTool, RefusesDirectoriesFifosAndLinksThatLeadNowhereWithoutWaiting) {
+  installModule("libtuner");
+  const std::string path = std::string(kDrive) + "tunerfw.bin";
+  fs::create_directories(path);
+  EXPECT_EQ(estimate()["exitCode"].asInt(), 5);
+
+  fs::remove(path);
+  ASSERT_EQ(mkfifo(path.c_str(), 0644), 0);
+  EXPECT_EQ(estimate()["exitCode"].asInt(), 5);
+
+  fs::remove(path);
+  fs::create_symlink("/nowhere", path);
+  EXPECT_EQ(estimate()["exitCode"].asInt(), 3);
+}
+
+TEST_F(UsbTool, RefusesAFileOfMoreThanTwoGibibytes) {
+  installModule("libtuner");
+  putPackage("tunerfw");
+  fs::resize_file(std::string(kDrive) + "tunerfw.bin", (std::uintmax_t{1} << 31U) + 1);
+
+  EXPECT_EQ(estimate()["exitCode"].asInt(), 5);
+  EXPECT_EQ(apply()["exitCode"].asInt(), 5);
+}
+
+TEST_F(UsbTool, SaysThatTheKeyIsNotThePackages) {
+  installModule("libtuner");
+  putPackage("tunerfw");
+  writeKey(std::string(32, 'W'));
+
+  const Json::Value found = estimate();
+
+  EXPECT_EQ(found["exitCode"].asInt(), 5);
+  EXPECT_THAT(found["message"].asString(), HasSubstr("the key is not the package's"));
+  EXPECT_EQ(apply()["exitCode"].asInt(), 5);
+}
+
+TEST_F(UsbTool, TakesKeyFilesOf32BytesAlone) {
+  installModule("libtuner");
+  putPackage("tunerfw");
+  for (const std::size_t length : {0U, 31U, 33U, 64U}) {
+    writeKey(std::string(length, 'K'));
+    EXPECT_EQ(apply()["exitCode"].asInt(), 2) << length;
+  }
+  fs::remove(kKeyFile);
+  EXPECT_EQ(apply()["exitCode"].asInt(), 2);
+  EXPECT_FALSE(isActive("tunerfw"));
+}
+
+TEST_F(UsbTool, WarnsOfAKeyFileThatOthersMayRead) {
+  installModule("libtuner");
+  writeKey(key(), 0644);
+
+  EXPECT_THAT(run(command("estimate")).err, HasSubstr("(mode 0644); run: chmod 600"));
+  EXPECT_THAT(estimate()["warnings"][0].asString(), HasSubstr("(mode 0644)"));
+}
+
+TEST_F(UsbTool, WarnsThatSignaturesAreNotCheckedWithoutTheVerifier) {
+  installModule("libtuner");
+  fs::remove("/usr/lib/libkZAQUser.so");
+  std::string unsignedPackage = package("tunerfw");
+  unsignedPackage.replace(unsignedPackage.size() - 534, 534, 534, '\0');
+  writeFile(std::string(kDrive) + "tunerfw.bin", unsignedPackage);
+
+  const Json::Value found = estimate();
+
+  EXPECT_TRUE(moduleOf(found, "libtuner")["needsUpdate"].asBool());
+  EXPECT_FALSE(found["signaturesChecked"].asBool());
+  EXPECT_THAT(run(command("estimate")).err, HasSubstr("signatures were NOT checked"));
+}
+
+TEST_F(UsbTool, GivesEachModuleItsOwnReasonWithoutTheVerifierToo) {
+  for (const char* module : {"libtuner", "libpanel", "libwifi"})
+    installModule(module);
+  fs::remove("/usr/lib/libkZAQUser.so");
+  writeFile(std::string(kDrive) + "tunerfw.bin", "short");
+  writeFile(std::string(kDrive) + "panelfw.bin", std::string(600, 'x'));
+  putPackage("wififw");
+
+  const Json::Value found = estimate();
+
+  EXPECT_EQ(moduleOf(found, "libtuner")["reason"].asString(),
+            "The package of libtuner is too short or unreadable.");
+  EXPECT_THAT(moduleOf(found, "libpanel")["reason"].asString(), HasSubstr("cannot be decrypted"));
+  EXPECT_TRUE(moduleOf(found, "libwifi")["needsUpdate"].asBool());
+}
+
+TEST_F(UsbTool, FindsTheDriveByItself) {
+  installModule("libtuner");
+  EXPECT_EQ(estimate()["message"].asString(), "No USB drive is mounted.");
+  EXPECT_EQ(estimate()["exitCode"].asInt(), 5);
+
+  putPackage("tunerfw", "2.0.0", "/opt/media/USBDriveA10/");
+  EXPECT_EQ(estimate()["directory"].asString(), "/opt/media/USBDriveA10/");
+  putPackage("tunerfw", "2.0.0", "/opt/media/USBDriveA3/");
+  EXPECT_EQ(estimate()["directory"].asString(), "/opt/media/USBDriveA3/");
+  putPackage("tunerfw");
+  EXPECT_EQ(estimate()["directory"].asString(), kDrive);
+}
+
+TEST_F(UsbTool, TakesPackagesFromANamedDirectory) {
+  installModule("libtuner");
+  putPackage("tunerfw", "2.0.0", "/tmp/packages/");
+  auto named = command("apply");
+
+  named.insert(named.begin() + 2, "/tmp/packages");
+  EXPECT_EQ(document(named)["exitCode"].asInt(), 0);
+  EXPECT_TRUE(isActive("tunerfw"));
+
+  named[2] = "/tmp/absent";
+  EXPECT_EQ(document(named)["exitCode"].asInt(), 2);
+}
+
+TEST_F(UsbTool, ReportsAModuleThatFailsToWriteAndGoesOnWithTheOthers) {
+  installModule("libtuner");
+  installModule("libpanel");
+  describeComponent("tunerfw", "fail_at_percent = 30");
+  putPackage("tunerfw");
+  putPackage("panelfw");
+
+  const Json::Value applied = apply();
+
+  EXPECT_EQ(applied["exitCode"].asInt(), 6);
+  EXPECT_EQ(moduleOf(applied, "libtuner")["outcome"].asString(), "module-failed");
+  EXPECT_EQ(moduleOf(applied, "libtuner")["versionAfter"].asString(), "0.0.0");
+  EXPECT_TRUE(isActive("panelfw"));
+}
+
+// The package of the module whose turn comes second, while the first one writes.
+class UsbToolMeanwhile : public UsbTool {
+ protected:
+  Json::Value applyAndMeanwhile(void (*change)(const std::string& path)) {
+    for (const char* name : {"tuner", "panel"}) {
+      installModule("lib" + std::string(name));
+      describeComponent(name + std::string("fw"), "write_kib_per_second = 300");
+      putPackage(name + std::string("fw"));
+    }
+    auto arguments = command("apply");
+    arguments.insert(arguments.end(), {"--progress", "ndjson"});
+    RunningTool tool(arguments, {{"FW_UPDATE_LOG=none"}});
+    tool.waitFor("\"percent\"");
+    second = tool.out().find("libtuner") != std::string::npos ? "libpanel" : "libtuner";
+    change(kDrive + second.substr(3) + "fw.bin");
+    tool.finish();
+    return lines(tool.out()).back();
+  }
+  std::string second;
+};
+
+TEST_F(UsbToolMeanwhile, ChangedPackageIsRefused) {
+  const Json::Value applied = applyAndMeanwhile([](const std::string& path) {
+    std::string content = readFile(path);
+    content[1000] = static_cast<char>(content[1000] ^ 1);
+    writeFile(path, content);
+  });
+
+  EXPECT_EQ(applied["exitCode"].asInt(), 5);
+  EXPECT_TRUE(moduleOf(applied, second)["needsUpdate"].asBool());
+  EXPECT_THAT(moduleOf(applied, second)["reason"].asString(), HasSubstr("no valid signature"));
+  EXPECT_FALSE(isActive(second.substr(3) + "fw"));
+}
+
+TEST_F(UsbToolMeanwhile, VanishedPackageIsRefused) {
+  const Json::Value applied = applyAndMeanwhile([](const std::string& path) { fs::remove(path); });
+
+  EXPECT_EQ(applied["exitCode"].asInt(), 5);
+  EXPECT_THAT(moduleOf(applied, second)["reason"].asString(), HasSubstr("can no longer be opened"));
+  EXPECT_FALSE(isActive(second.substr(3) + "fw"));
+}
+
+TEST_F(UsbTool, NeverShowsTheKey) {
+  installModule("libtuner");
+  putPackage("tunerfw");
+  auto logged = command("apply");
+  logged.emplace_back("--log");
+
+  const Ended ended = run(logged);
+
+  EXPECT_EQ(ended.exitCode, 0);
+  EXPECT_THAT(ended.out + ended.err, Not(HasSubstr("KKKK")));
+}
+
+TEST_F(UsbTool, NeedsItsOptions) {
+  EXPECT_EQ(run({"usb"}).exitCode, 2);
+  EXPECT_EQ(run({"usb", "apply"}).exitCode, 2);
+  EXPECT_THAT(run({"usb", "apply"}).err, HasSubstr("Try: fw-update usb apply --help"));
+  EXPECT_EQ(run({"usb", "format", "--key-file", kKeyFile}).exitCode, 2);
+  EXPECT_EQ(run({"usb", "estimate", "--help"}).exitCode, 0);
+}
+
+}  // namespace

@@ -1,0 +1,251 @@
+// Updates that are killed, and updates whose system calls or medium fail: the old
+// firmware stays active and whole, and the next update works.
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <sys/prctl.h>
+#include <sys/ptrace.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstddef>
+#include <filesystem>
+#include <fstream>
+#include <optional>
+
+#include "module-test.h"
+
+namespace {
+
+// 32-bit processes reach these under other names.
+#ifdef SYS__llseek
+constexpr long kSeek = SYS__llseek;
+constexpr long kLock = SYS_fcntl64;
+#else
+constexpr long kSeek = SYS_lseek;
+constexpr long kLock = SYS_fcntl;
+#endif
+
+// A process that stops on its way into and out of every system call.
+class TracedChild {
+ public:
+  struct Stop {
+    bool entry;
+    std::uint64_t call;  // at an entry
+  };
+
+  explicit TracedChild(const std::function<int()>& body)
+      : child_([&] {
+          ::ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
+          ::raise(SIGSTOP);
+          return body();
+        }) {
+    int status = 0;
+    if (::waitpid(child_.id(), &status, 0) != child_.id() || !WIFSTOPPED(status))
+      throw std::runtime_error("the process did not wait to be traced");
+    if (::ptrace(PTRACE_SETOPTIONS, child_.id(), nullptr, PTRACE_O_TRACESYSGOOD) != 0)
+      throw std::runtime_error("the process cannot be traced");
+  }
+
+  // Nothing when the process has ended.
+  std::optional<Stop> next() {
+    int status = 0;
+    ::ptrace(PTRACE_SYSCALL, child_.id(), nullptr, nullptr);
+    if (::waitpid(child_.id(), &status, 0) != child_.id())
+      throw std::runtime_error("the traced process is lost");
+    if (!WIFSTOPPED(status)) {
+      child_.forget();
+      result_ = WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+      return std::nullopt;
+    }
+    __ptrace_syscall_info info{};
+    ::ptrace(PTRACE_GET_SYSCALL_INFO, child_.id(), sizeof info, &info);
+    const bool entry = info.op == PTRACE_SYSCALL_INFO_ENTRY;
+    return Stop{entry, entry ? info.entry.nr : 0};
+  }
+
+  // False when the process has ended before.
+  bool runInto(std::uint64_t call) {
+    while (const std::optional<Stop> stop = next())
+      if (stop->entry && stop->call == call)
+        return true;
+    return false;
+  }
+
+  int result() {
+    while (next()) {
+    }
+    return result_;
+  }
+
+ private:
+  Child child_;
+  int result_ = 0;
+};
+
+class InterruptedUpdate : public ModuleTest {
+ protected:
+  void SetUp() override {
+    ModuleTest::SetUp();
+    ASSERT_EQ(updateFrom(panel_, "1.0.0", oldImage_), 0);
+    forgetProgress("panelfw");
+    writeFile(kImagePath, newImage_);
+  }
+
+  int update() const { return panel_.update("2.0.0", kImagePath, newCrc_); }
+
+  void expectOldFirmware() const {
+    EXPECT_EQ(panel_.activeVersion(), "1.0.0");
+    EXPECT_TRUE(flashContent("panelfw") == oldImage_);
+    EXPECT_EQ(panel_.progress(), 0u);
+  }
+
+  const LoadedModule panel_{modulePath("libpanel.so")};
+  const std::string oldImage_ = makeImage(100000, 1);
+  const std::string newImage_ = makeImage(150000, 2);
+  const std::uint32_t newCrc_ = crcOf(newImage_);
+  const std::string newFlash_ = std::string(kComponents) + "panelfw.flash.new";
+};
+
+TEST_F(InterruptedUpdate, LeavesTheOldFirmwareAtEveryStage) {
+  for (const unsigned int percent : {1u, 21u, 42u, 50u, 70u, 99u, 100u}) {
+    describeComponent("panelfw", "stall_at_percent = " + std::to_string(percent));
+    Child updating([&] { return update(); });
+    waitForProgress(panel_, std::min(percent, 99u));
+
+    updating.kill();
+
+    SCOPED_TRACE(percent);
+    expectOldFirmware();
+  }
+  describeComponent("panelfw", "");
+  EXPECT_EQ(update(), 0);
+  EXPECT_EQ(panel_.activeVersion(), "2.0.0");
+  EXPECT_TRUE(flashContent("panelfw") == newImage_);
+}
+
+TEST_F(InterruptedUpdate, LeavesWholeFirmwareAtEverySystemCall) {
+  const std::string flash = std::string(kComponents) + "panelfw.flash";
+  const std::string oldFlash = readFile(flash);
+  int oldActive = 0;
+  int newActive = 0;
+
+  for (bool ended = false; !ended;) {
+    writeFile(flash, oldFlash);
+    forgetProgress("panelfw");
+    const int stops = oldActive + newActive;
+    {
+      TracedChild updating([&] { return update(); });
+      for (int stop = 0; stop < stops && !ended; ++stop)
+        ended = !updating.next();
+    }
+
+    const bool isNew = panel_.activeVersion() == "2.0.0";
+    (isNew ? newActive : oldActive) += 1;
+    ASSERT_TRUE(isNew || newActive == 0) << "back to the old firmware after stop " << stops;
+    ASSERT_TRUE(flashContent("panelfw") == (isNew ? newImage_ : oldImage_)) << "stop " << stops;
+    ASSERT_TRUE(isNew || panel_.progress() == 0) << "stop " << stops;
+    ASSERT_EQ(update(), 0) << "stop " << stops;
+    ASSERT_TRUE(flashContent("panelfw") == newImage_) << "stop " << stops;
+  }
+  EXPECT_GT(oldActive, 30);
+  EXPECT_GT(newActive, 2);
+}
+
+TEST_F(InterruptedUpdate, SyncsTheFirmwareBeforeTheSwitchAndTheDirectoryAfterIt) {
+  TracedChild updating([&] { return update(); });
+
+  EXPECT_TRUE(updating.runInto(SYS_fsync));
+  EXPECT_EQ(readFile(newFlash_).size(), 256 + newImage_.size());
+  EXPECT_TRUE(updating.runInto(SYS_rename));
+  EXPECT_TRUE(updating.runInto(SYS_fsync));
+  EXPECT_FALSE(exists(newFlash_));
+  EXPECT_NE(panel_.progress(), 100u);
+  EXPECT_EQ(updating.result(), 0);
+}
+
+TEST_F(InterruptedUpdate, ReportsGrowingProgressThatReaches100WithTheSwitch) {
+  TracedChild updating([&] { return update(); });
+  std::vector<unsigned int> seen{0};
+
+  while (updating.next()) {
+    const unsigned int percent = panel_.progress();
+    if (percent != seen.back())
+      seen.push_back(percent);
+    ASSERT_TRUE(percent < 100 || panel_.activeVersion() == "2.0.0");
+  }
+
+  // Three blocks of 65536 bytes, the last one shorter: written, then verified.
+  EXPECT_EQ(seen, (std::vector<unsigned int>{0, 21, 43, 50, 71, 93, 99, 100}));
+}
+
+TEST_F(InterruptedUpdate, NoticesAMediumThatDoesNotKeepWhatWasWritten) {
+  for (const std::streamoff offset : {0, 30, 200, 256, 100000, 150255}) {
+    TracedChild updating([&] { return -update(); });
+    ASSERT_TRUE(updating.runInto(SYS_fsync));
+    std::fstream medium(newFlash_, std::ios::binary | std::ios::in | std::ios::out);
+    medium.seekg(offset);
+    const int byte = medium.get();
+    medium.seekp(offset);
+    medium.put(static_cast<char>(byte ^ 1));
+    medium.close();
+
+    EXPECT_EQ(updating.result(), EIO) << offset;
+    expectOldFirmware();
+    EXPECT_FALSE(exists(newFlash_)) << offset;
+  }
+}
+
+TEST_F(InterruptedUpdate, NoticesAnImageThatShrinksWhileItIsRead) {
+  TracedChild updating([&] { return -update(); });
+  ASSERT_TRUE(updating.runInto(SYS_pwrite64));  // progress 0
+  ASSERT_TRUE(updating.runInto(SYS_pwrite64));  // after the first block
+  std::filesystem::resize_file(kImagePath, 10);
+
+  EXPECT_EQ(updating.result(), EIO);
+  expectOldFirmware();
+}
+
+TEST_F(InterruptedUpdate, NoticesAMediumThatLosesTheEnd) {
+  TracedChild updating([&] { return -update(); });
+  ASSERT_TRUE(updating.runInto(SYS_fsync));
+  std::filesystem::resize_file(newFlash_, 256 + newImage_.size() - 1);
+
+  EXPECT_EQ(updating.result(), EIO);
+  expectOldFirmware();
+}
+
+// From now on, this system call of the process fails with error.
+void refuse(long call, int error) {
+  const auto number = static_cast<std::uint32_t>(call);
+  sock_filter program[] = {
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, number, 0, 1),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | static_cast<std::uint32_t>(error)),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+  };
+  const sock_fprog filter{static_cast<unsigned short>(std::size(program)), program};
+  if (::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
+      ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) != 0)
+    ::_exit(255);
+}
+
+TEST_F(InterruptedUpdate, ReportsASystemCallThatFails) {
+  constexpr long kCalls[] = {SYS_fsync, SYS_rename, SYS_pwrite64, SYS_read, kSeek, kLock};
+
+  for (const long call : kCalls) {
+    Child updating([&] {
+      refuse(call, EDQUOT);
+      return -update();
+    });
+
+    EXPECT_EQ(updating.wait(), EDQUOT) << "call " << call;
+    expectOldFirmware();
+    EXPECT_FALSE(exists(newFlash_)) << "call " << call;
+  }
+}
+
+}  // namespace

@@ -1,0 +1,56 @@
+// The module of the guide for module authors.
+#include <cerrno>
+
+#include "module-test.h"
+
+namespace {
+
+class MinimalModule : public ModuleTest {
+ protected:
+  const LoadedModule minimal_{FW_EXAMPLES_DIRECTORY "/libminimal.so"};
+  const std::string image_ = makeImage(5000, 1);
+};
+
+TEST_F(MinimalModule, IsTheOneThatTheGuideShows) {
+  const std::string guide = readFile(FW_SOURCE_DIRECTORY "/docs/writing-a-module.md");
+  const std::string source = readFile(FW_SOURCE_DIRECTORY "/modules/minimal/minimal.cpp");
+
+  const std::string fence = "```cpp\n";
+  const std::size_t start = guide.find(fence) + fence.size();
+  const std::size_t end = guide.find("```\n", start);
+
+  ASSERT_NE(end, std::string::npos);
+  ASSERT_FALSE(source.empty());
+  EXPECT_EQ(guide.substr(start, end - start), source);
+}
+
+TEST_F(MinimalModule, HasTheRequiredEntryPoints) {
+  for (const char* name : {"setContext", "getEMPID", "getActiveVersion", "checkVersion", "doUpdate"})
+    EXPECT_NE(minimal_.address(name), nullptr) << name;
+  EXPECT_EQ(minimal_.empId(), "minimalempfw");
+}
+
+TEST_F(MinimalModule, UpdatesItsComponent) {
+  EXPECT_EQ(minimal_.activeVersion(), "0.0.0");
+  EXPECT_EQ(minimal_.need("2.0"), 1);
+
+  EXPECT_EQ(updateFrom(minimal_, "2.0", image_), 0);
+
+  EXPECT_EQ(minimal_.activeVersion(), "2.0");
+  EXPECT_EQ(minimal_.need("2.0"), 0);
+  EXPECT_EQ(readFile(std::string(kComponents) + "minimalfw.firmware"), "2.0\n" + image_);
+}
+
+TEST_F(MinimalModule, KeepsTheOldFirmwareAfterAFailure) {
+  ASSERT_EQ(updateFrom(minimal_, "2.0", image_), 0);
+
+  EXPECT_EQ(minimal_.update("3.0", "/no/image", 0), -ENOENT);
+  EXPECT_EQ(errno, ENOENT);
+  EXPECT_EQ(minimal_.update("3.0", kImagePath, crcOf(image_) + 1), -EBADMSG);
+  EXPECT_LT(minimal_.update("3.0", "/lib/firmware", 0), 0);
+
+  EXPECT_EQ(minimal_.activeVersion(), "2.0");
+  EXPECT_FALSE(exists(std::string(kComponents) + "minimalfw.firmware.new"));
+}
+
+}  // namespace

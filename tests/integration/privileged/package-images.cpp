@@ -1,0 +1,73 @@
+#include "package-images.h"
+
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+namespace fs = std::filesystem;
+
+std::string UniquePackageName() {
+  static int count = 0;
+  return "p" + std::to_string(getpid()) + "n" + std::to_string(++count) + "empfw";
+}
+
+std::string ImagePath(const std::string& name) {
+  return kPackages + "/" + name + ".img";
+}
+
+std::string DirectoryPath(const std::string& name) {
+  return kEmps + "/" + name;
+}
+
+std::string MakeImage(const std::string& name, const std::string& content, const std::string& options) {
+  const fs::path tree = "/tmp/tree-" + name;
+  fs::create_directories(tree);
+  std::ofstream(tree / "content", std::ios::binary) << content;
+  const std::string command = "mksquashfs " + tree.string() + " " + ImagePath(name) +
+                              " -noappend -quiet -no-progress -all-root " + options + " >/dev/null";
+  if (std::system(command.c_str()) != 0) {
+    throw std::runtime_error("mksquashfs failed");
+  }
+  fs::remove_all(tree);
+  return ImagePath(name);
+}
+
+std::string MakeDirectory(const std::string& name) {
+  fs::create_directories(DirectoryPath(name));
+  return DirectoryPath(name);
+}
+
+std::string MountText(const std::string& name) {
+  return "-o ro,loop,nodev,nosuid " + ImagePath(name) + " " + DirectoryPath(name);
+}
+
+std::vector<MountEntry> MountsOn(const std::string& path) {
+  std::vector<MountEntry> mounts;
+  std::ifstream table("/proc/self/mounts");
+  for (std::string line; std::getline(table, line);) {
+    std::istringstream words(line);
+    MountEntry entry;
+    std::string target;
+    words >> entry.source >> target >> entry.type >> entry.options;
+    if (target == path) {
+      mounts.push_back(entry);
+    }
+  }
+  return mounts;
+}
+
+std::vector<std::string> LoopDevicesOf(const std::string& name) {
+  std::vector<std::string> devices;
+  for (const auto& entry : fs::directory_iterator("/sys/block")) {
+    std::ifstream file(entry.path() / "loop/backing_file");
+    std::string backing;
+    if (std::getline(file, backing) && fs::path(backing).filename() == name + ".img") {
+      devices.push_back(entry.path().filename());
+    }
+  }
+  return devices;
+}

@@ -1,0 +1,619 @@
+// The privileged service as a program of its own: who may ask, what it takes, and
+// that nobody keeps it from serving the others.
+#include "privileged-service.h"
+
+#include <gmock/gmock.h>
+#include <grp.h>
+#include <linux/capability.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <memory>
+#include <random>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "device-environment.h"
+#include "package-images.h"
+#include "privileged-calls.h"
+#include "privileged-client.h"
+#include "privileged-protocol.h"
+#include "service-process.h"
+#include "squashfs-unpack.h"
+#include "temporary-mount.h"
+#include "unique-fd.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using fwplatform::AskPrivilegedService;
+using fwplatform::EncodePrivilegedMessage;
+using fwplatform::kPrivilegedSocketPath;
+using fwplatform::PrivilegedAnswer;
+using fwplatform::PrivilegedOperation;
+using fwplatform::UniqueFd;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::SizeIs;
+
+constexpr uid_t kNobody = 65534;
+constexpr gid_t kDaemonGroup = 1;
+constexpr gid_t kNoGroup = 65534;
+
+sockaddr_un ServiceAddress() {
+  sockaddr_un address = {};
+  address.sun_family = AF_UNIX;
+  std::strcpy(address.sun_path, kPrivilegedSocketPath);
+  return address;
+}
+
+UniqueFd Listen(int backlog = 16) {
+  UniqueFd listener(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+  const sockaddr_un address = ServiceAddress();
+  EXPECT_EQ(bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  EXPECT_EQ(listen(listener.get(), backlog), 0);
+  return listener;
+}
+
+UniqueFd Connect() {
+  UniqueFd client(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+  const sockaddr_un address = ServiceAddress();
+  EXPECT_EQ(connect(client.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0)
+      << std::strerror(errno);
+  return client;
+}
+
+void Send(const UniqueFd& client, const std::string& bytes) {
+  EXPECT_EQ(send(client.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
+}
+
+// The bytes of the service's answer; "" when it closes the connection.
+std::string Receive(const UniqueFd& client) {
+  pollfd ready = {client.get(), POLLIN, 0};
+  EXPECT_EQ(poll(&ready, 1, 10000), 1) << "no answer in ten seconds";
+  char bytes[64];
+  const ssize_t length = recv(client.get(), bytes, sizeof bytes, MSG_DONTWAIT);
+  return {bytes, length > 0 ? static_cast<std::size_t>(length) : 0};
+}
+
+int StatusOf(const std::string& bytes) {
+  const auto answer = fwplatform::DecodePrivilegedAnswer(bytes);
+  EXPECT_TRUE(answer) << "no answer";
+  return answer ? answer->status : -1;
+}
+
+std::string MountMessage(const std::string& name) {
+  return EncodePrivilegedMessage(PrivilegedOperation::kMount, MountText(name) + '\0');
+}
+
+// Runs a function as another user, in a child; its result must fit an exit code.
+int AsUser(uid_t user, gid_t group, const std::vector<gid_t>& groups, const std::function<int()>& function) {
+  const pid_t child = fork();
+  if (child == 0) {
+    const bool changed = setgroups(groups.size(), groups.data()) == 0 &&
+                         setresgid(group, group, group) == 0 && setresuid(user, user, user) == 0;
+    _exit(changed ? function() : 125);
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+class PrivilegedService : public DeviceTest {
+ protected:
+  void Start(const std::vector<std::string>& arguments = {}) { Start(ServiceStart{arguments, -1, {}}); }
+  void Start(const ServiceStart& start) {
+    service_ = std::make_unique<ServiceProcess>(start);
+    ASSERT_TRUE(service_->WaitUntilServing());
+  }
+
+  // The service serves, seen from an ordinary request.
+  void ExpectServing() {
+    EXPECT_TRUE(service_->IsRunning());
+    MakeImage(name_, "served");
+    MakeDirectory(name_);
+    EXPECT_EQ(Mount(MountText(name_)), kDone);
+    EXPECT_EQ(Umount(DirectoryPath(name_)), kDone);
+    EXPECT_THAT(service_->WaitForLine("unmounted " + name_), HasSubstr(ThisProcess()));
+  }
+
+  static std::string ThisProcess() { return "for pid " + std::to_string(getpid()) + ", uid 0, gid 0"; }
+
+  std::unique_ptr<ServiceProcess> service_;
+  const std::string name_ = UniquePackageName();
+};
+
+TEST_F(PrivilegedService, MountsAndUnmountsForRoot) {
+  Start();
+  MakeImage(name_, "the firmware");
+  const std::string directory = MakeDirectory(name_);
+
+  ASSERT_EQ(Mount(MountText(name_)), kDone);
+
+  const std::string line = service_->WaitForLine(name_ + ".img on " + name_);
+  EXPECT_THAT(line, HasSubstr(fwplatform::IsInUserNamespace()
+                                  ? "onto a read-only tmpfs, because the kernel refuses loop mounts here"
+                                  : "through /dev/loop"));
+  EXPECT_THAT(line, HasSubstr(ThisProcess()));
+  EXPECT_EQ(readFile(directory + "/content"), "the firmware");
+  EXPECT_EQ(Umount(directory), kDone);
+  EXPECT_THAT(service_->WaitForLine("unmounted " + name_), HasSubstr(ThisProcess()));
+  EXPECT_THAT(MountsOn(directory), IsEmpty());
+  EXPECT_THAT(LoopDevicesOf(name_), IsEmpty());
+}
+
+TEST_F(PrivilegedService, TellsWhyAnOperationFailed) {
+  Start();
+  MakeDirectory(name_);
+
+  EXPECT_EQ(Mount(MountText(name_)), FailedWith(ENOENT));
+
+  EXPECT_THAT(service_->WaitForLine("No such file"), HasSubstr(ThisProcess()));
+}
+
+TEST_F(PrivilegedService, LogsEveryRefusalWithWhoAsked) {
+  Start();
+  struct Case {
+    PrivilegedOperation operation;
+    std::string text;
+    std::string reason;
+  };
+  const std::string elsewhere = "-o ro,loop,nodev,nosuid /etc/shadow " + DirectoryPath(name_);
+  const Case cases[] = {
+      {PrivilegedOperation::kMount, elsewhere + '\0', "\"/etc/shadow\" is not a plain name directly in"},
+      {PrivilegedOperation::kMount, MountText("..") + '\0', "is not a plain name directly in"},
+      {PrivilegedOperation::kMount, "-o rw " + ImagePath(name_) + " " + DirectoryPath(name_) + '\0',
+       "the mount option \"rw\" is not allowed"},
+      {PrivilegedOperation::kMount, "unterminated", "the text is not terminated"},
+      {PrivilegedOperation::kMknod, std::string("-m 0660 -Z * /dev/mem  c 1 1\0", 29), "is not of the form"},
+      {PrivilegedOperation::kMknod, std::string("-m 0660 -Z * /dev/loop250  b 7 250\0", 35), "/dev/loop249"},
+      {PrivilegedOperation::kUmount, "/", "is not a plain name directly in"},
+      {PrivilegedOperation::kUmount, "/opt/\x1B[2J\n", "\"/opt/\\x1B[2J\\x0A\" is not"},
+      {static_cast<PrivilegedOperation>(9), "x", "unknown operation"},
+  };
+
+  for (const Case& one : cases) {
+    PrivilegedAnswer answer;
+    ASSERT_EQ(AskPrivilegedService(one.operation, one.text, 10000, answer), 0);
+    EXPECT_EQ(answer.status, -EPERM) << one.text;
+    const std::string line = service_->WaitForLine("refused ");
+    EXPECT_THAT(line, HasSubstr("of pid " + std::to_string(getpid()) + ", uid 0, gid 0: "));
+    EXPECT_THAT(line, HasSubstr(one.reason));
+  }
+  ExpectServing();
+}
+
+TEST_F(PrivilegedService, RefusesOtherUsers) {
+  if (fwplatform::IsInUserNamespace()) {
+    GTEST_SKIP() << "a user namespace has only one user";
+  }
+  Start();
+  MakeImage(name_, "x");
+  MakeDirectory(name_);
+
+  const int refused = AsUser(kNobody, kNoGroup, {kDaemonGroup}, [&] {
+    return Mount(MountText(name_)) == kRefused && Umount(DirectoryPath(name_)) == kRefused &&
+           Mknod("-m 0660 -Z * /dev/loop200  b 7 200") == kRefused;
+  });
+
+  EXPECT_EQ(refused, 1);
+  EXPECT_THAT(service_->WaitForLine("refused mount of"),
+              HasSubstr("uid 65534, gid 65534: the caller is neither root nor in the group of the service"));
+  EXPECT_FALSE(service_->WaitForLine("refused umount of").empty());
+  EXPECT_FALSE(service_->WaitForLine("refused mknod of").empty());
+  EXPECT_THAT(MountsOn(DirectoryPath(name_)), IsEmpty());
+}
+
+TEST_F(PrivilegedService, ServesTheMembersOfItsGroup) {
+  if (fwplatform::IsInUserNamespace()) {
+    GTEST_SKIP() << "a user namespace has only one user";
+  }
+  Start({"--group", "nogroup"});
+  MakeImage(name_, "for the group");
+  MakeDirectory(name_);
+  const auto mountAndUnmount = [&] {
+    return Mount(MountText(name_)) == kDone && Umount(DirectoryPath(name_)) == kDone;
+  };
+
+  EXPECT_EQ(AsUser(kNobody, kNoGroup, {}, mountAndUnmount), 1) << "by its own group";
+  EXPECT_EQ(AsUser(kNobody, kDaemonGroup, {kNoGroup}, mountAndUnmount), 1) << "by a further group";
+  EXPECT_EQ(AsUser(kNobody, kDaemonGroup, {2, 3}, mountAndUnmount), 0) << "by none";
+
+  EXPECT_FALSE(service_->WaitForLine("uid 65534, gid 1: the caller is neither root").empty());
+}
+
+TEST_F(PrivilegedService, FindsItsGroupAmongMany) {
+  if (fwplatform::IsInUserNamespace()) {
+    GTEST_SKIP() << "a user namespace has only one user";
+  }
+  Start({"--group", "nogroup"});
+  std::vector<gid_t> many;
+  for (gid_t group = 1000; group < 1200; ++group) {
+    many.push_back(group);
+  }
+  many.push_back(kNoGroup);
+
+  EXPECT_EQ(
+      AsUser(kNobody, kDaemonGroup, many, [&] { return Umount(DirectoryPath(name_)) == FailedWith(ENOENT); }),
+      1);
+}
+
+// The numbers of the capabilities that the unit leaves to the service.
+std::vector<int> CapabilitiesOfTheUnit() {
+  static const std::map<std::string, int> kNumbers = {{"CAP_DAC_READ_SEARCH", CAP_DAC_READ_SEARCH},
+                                                      {"CAP_SYS_ADMIN", CAP_SYS_ADMIN},
+                                                      {"CAP_MKNOD", CAP_MKNOD}};
+  static const std::string kSetting = "CapabilityBoundingSet=";
+  std::vector<int> capabilities;
+  std::ifstream unit(FW_PRIVILEGED_UNIT);
+  for (std::string line; std::getline(unit, line);) {
+    if (line.rfind(kSetting, 0) == 0) {
+      std::istringstream names(line.substr(kSetting.size()));
+      for (std::string name; names >> name;) {
+        capabilities.push_back(kNumbers.at(name));
+      }
+    }
+  }
+  return capabilities;
+}
+
+TEST_F(PrivilegedService, NeedsNoOtherCapabilitiesThanItsUnitLeavesIt) {
+  if (fwplatform::IsInUserNamespace()) {
+    GTEST_SKIP() << "a user namespace has only one user";
+  }
+  const std::vector<int> capabilities = CapabilitiesOfTheUnit();
+  ASSERT_THAT(capabilities, SizeIs(3));
+  Start(ServiceStart{{}, -1, capabilities});
+  MakeImage(name_, "of another user");
+  MakeDirectory(name_);
+  ASSERT_EQ(chown(ImagePath(name_).c_str(), kNobody, kNoGroup), 0);
+  ASSERT_EQ(chmod(ImagePath(name_).c_str(), 0600), 0);
+
+  EXPECT_EQ(Mount(MountText(name_)), kDone);
+
+  EXPECT_EQ(readFile(DirectoryPath(name_) + "/content"), "of another user");
+  EXPECT_EQ(Umount(DirectoryPath(name_)), kDone);
+}
+
+TEST_F(PrivilegedService, MakesNodesWithTheCapabilitiesOfItsUnit) {
+  if (fwplatform::IsInUserNamespace()) {
+    GTEST_SKIP() << "a user namespace has no device nodes";
+  }
+  const TemporaryMount dev = TemporaryMount::Memory("/dev");
+  Start(ServiceStart{{}, -1, CapabilitiesOfTheUnit()});
+
+  EXPECT_EQ(Mknod("-m 0660 -Z * /dev/loop200  b 7 200"), kDone);
+
+  EXPECT_TRUE(fs::is_block_file("/dev/loop200"));
+}
+
+TEST_F(PrivilegedService, EndsWhenItsGroupDoesNotExist) {
+  ServiceProcess service(ServiceStart{{"--group", "no-such-group"}, -1, {}});
+
+  EXPECT_THAT(service.WaitForLine("fw-privileged"),
+              testing::StrEq("fw-privileged: there is no group \"no-such-group\""));
+  EXPECT_EQ(service.WaitForEnd(), 1);
+}
+
+TEST_F(PrivilegedService, RefusesWhatIsNoRequestAndStaysUp) {
+  Start();
+  const std::string good = MountMessage(name_);
+
+  for (const std::string& bytes : {std::string(), std::string("x"), good.substr(0, 5), "xx" + good,
+                                   std::string(70000, 'x'), good.substr(0, 6) + std::string(1025, 'a')}) {
+    const UniqueFd client = Connect();
+    Send(client, bytes);
+    EXPECT_EQ(StatusOf(Receive(client)), -EPERM) << bytes.size() << " bytes";
+    EXPECT_THAT(service_->WaitForLine("refused "), HasSubstr("it is no request"));
+  }
+  ExpectServing();
+}
+
+TEST_F(PrivilegedService, StaysUpThroughTenThousandRandomMessages) {
+  Start();
+  // The log is read meanwhile, so that the service never waits for its reader.
+  std::thread reader([this] { service_->WaitForLine("unmounted " + name_); });
+  const unsigned seed = std::random_device()();
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  std::mt19937 random(seed);
+  const auto below = [&](unsigned limit) {
+    return std::uniform_int_distribution<unsigned>(0, limit - 1)(random);
+  };
+  const std::string good[] = {
+      MountMessage(name_),
+      EncodePrivilegedMessage(PrivilegedOperation::kMknod,
+                              std::string("-m 0660 -Z * /dev/loop250  b 7 250\0", 35)),
+      EncodePrivilegedMessage(PrivilegedOperation::kUmount, DirectoryPath(name_))};
+
+  for (int i = 0; i < 10000; ++i) {
+    std::string bytes = good[below(3)];
+    if (below(2) == 0) {
+      bytes.resize(below(1200));
+      std::generate(bytes.begin(), bytes.end(), [&] { return static_cast<char>(below(256)); });
+    }
+    for (unsigned changes = below(4) + 1; changes > 0 && !bytes.empty(); --changes) {
+      bytes[below(static_cast<unsigned>(bytes.size()))] = static_cast<char>(below(256));
+    }
+    const UniqueFd client = Connect();
+    Send(client, bytes);
+    const auto answer = fwplatform::DecodePrivilegedAnswer(Receive(client));
+    // A change may have left a good request for an image that is not there.
+    ASSERT_TRUE(answer && (answer->status == -EPERM || answer->result != 0)) << i;
+  }
+
+  EXPECT_TRUE(service_->IsRunning());
+  MakeImage(name_, "served");
+  MakeDirectory(name_);
+  EXPECT_EQ(Mount(MountText(name_)), kDone);
+  EXPECT_EQ(Umount(DirectoryPath(name_)), kDone);
+  reader.join();
+}
+
+TEST_F(PrivilegedService, DoesNotWaitForAClientThatSendsNothing) {
+  Start();
+  const UniqueFd silent = Connect();
+
+  ExpectServing();
+
+  EXPECT_EQ(Receive(silent), "") << "it is sent away after a while";
+  EXPECT_THAT(service_->WaitForLine("refused a connection"), HasSubstr("no request came in time"));
+}
+
+TEST_F(PrivilegedService, LimitsHowManySilentClientsAUserHas) {
+  Start();
+  std::vector<UniqueFd> silent;
+  for (int i = 0; i < 65; ++i) {
+    silent.push_back(Connect());
+  }
+
+  EXPECT_THAT(service_->WaitForLine("refused a connection"), HasSubstr("too many send nothing"));
+  EXPECT_EQ(Receive(silent[0]), "") << "the oldest one";
+  ExpectServing();
+}
+
+TEST_F(PrivilegedService, ServesManyClientsAtOnce) {
+  Start();
+  constexpr std::size_t kClients = 40;
+  struct Client {
+    std::string name = UniquePackageName();
+    Answer mounted = {};
+    std::string content;
+    Answer unmounted = {};
+  };
+  std::vector<Client> clients(kClients);
+  for (const Client& client : clients) {
+    MakeImage(client.name, client.name);
+    MakeDirectory(client.name);
+  }
+  std::vector<std::thread> threads;
+  for (Client& client : clients) {
+    threads.emplace_back([&client] {
+      client.mounted = Mount(MountText(client.name));
+      std::ifstream(DirectoryPath(client.name) + "/content") >> client.content;
+      client.unmounted = Umount(DirectoryPath(client.name));
+    });
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+
+  for (const Client& client : clients) {
+    EXPECT_EQ(client.mounted, kDone);
+    EXPECT_EQ(client.content, client.name);
+    EXPECT_EQ(client.unmounted, kDone);
+  }
+}
+
+TEST_F(PrivilegedService, DoesNothingForACallerThatHasGone) {
+  Start();
+  MakeImage(name_, "x");
+  MakeDirectory(name_);
+  service_->Signal(SIGSTOP);
+  {
+    const UniqueFd client = Connect();
+    Send(client, MountMessage(name_));
+  }
+  service_->Signal(SIGCONT);
+  ASSERT_EQ(Umount(DirectoryPath(name_)), FailedWith(EINVAL));
+
+  EXPECT_THAT(service_->WaitForLine(name_), HasSubstr("unmount of " + name_ + ": Invalid argument"))
+      << "the first thing done";
+}
+
+TEST_F(PrivilegedService, TakesAMountBackWhenTheAnswerReachesNobody) {
+  Start();
+  MakeImage(name_, "x");
+  MakeDirectory(name_);
+  const UniqueFd client = Connect();
+  ASSERT_EQ(shutdown(client.get(), SHUT_RD), 0);
+
+  Send(client, MountMessage(name_));
+
+  EXPECT_THAT(service_->WaitForLine("unmounted " + name_), HasSubstr("because the caller has gone"));
+  EXPECT_THAT(MountsOn(DirectoryPath(name_)), IsEmpty());
+  EXPECT_THAT(LoopDevicesOf(name_), IsEmpty());
+}
+
+TEST_F(PrivilegedService, TakesItsSocketFromTheServiceManager) {
+  const UniqueFd listener = Listen();
+  service_ = std::make_unique<ServiceProcess>(ServiceStart{{}, listener.get(), {}});
+
+  ExpectServing();
+
+  service_->Signal(SIGTERM);
+  EXPECT_EQ(service_->WaitForEnd(), 0);
+  EXPECT_TRUE(exists(kPrivilegedSocketPath)) << "the socket is the service manager's";
+}
+
+TEST_F(PrivilegedService, RefusesAnotherKindOfSocketFromTheServiceManager) {
+  const UniqueFd other(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  ServiceProcess service(ServiceStart{{}, other.get(), {}});
+
+  EXPECT_THAT(service.WaitForLine("fw-privileged"),
+              HasSubstr("must hand over one listening Unix sequenced-packet"));
+  EXPECT_EQ(service.WaitForEnd(), 1);
+}
+
+TEST_F(PrivilegedService, RemovesItsSocketWhenItEnds) {
+  for (const int signal : {SIGTERM, SIGINT}) {
+    Start();
+    ASSERT_TRUE(exists(kPrivilegedSocketPath));
+
+    service_->Signal(signal);
+
+    EXPECT_EQ(service_->WaitForEnd(), 0);
+    EXPECT_FALSE(exists(kPrivilegedSocketPath));
+  }
+}
+
+TEST_F(PrivilegedService, TakesOverFromOneThatWasKilled) {
+  Start();
+  service_->Signal(SIGKILL);
+  ASSERT_EQ(service_->WaitForEnd(), -SIGKILL);
+  ASSERT_TRUE(exists(kPrivilegedSocketPath));
+
+  Start();
+
+  ExpectServing();
+}
+
+TEST_F(PrivilegedService, LeavesTheSocketToOneThatRuns) {
+  Start();
+  ServiceProcess second;
+
+  EXPECT_THAT(second.WaitForLine("fw-privileged"), HasSubstr("another service listens on"));
+  EXPECT_EQ(second.WaitForEnd(), 1);
+  ExpectServing();
+}
+
+TEST_F(PrivilegedService, LeavesAFileInItsPlaceAlone) {
+  writeFile(kPrivilegedSocketPath, "a file");
+  ServiceProcess service;
+
+  EXPECT_THAT(service.WaitForLine("fw-privileged"), HasSubstr("is there already and is no socket"));
+  EXPECT_EQ(service.WaitForEnd(), 1);
+  EXPECT_EQ(readFile(kPrivilegedSocketPath), "a file");
+}
+
+TEST_F(PrivilegedService, ExplainsItsArguments) {
+  for (const std::vector<std::string>& arguments :
+       {std::vector<std::string>{"--grup"}, {"--group"}, {"stray"}}) {
+    ServiceProcess service(ServiceStart{arguments, -1, {}});
+    EXPECT_FALSE(service.WaitForLine("usage: fw-privileged").empty());
+    EXPECT_EQ(service.WaitForEnd(), 2);
+  }
+}
+
+// What a client meets when the service is not well. The test is the service.
+class PrivilegedClient : public DeviceTest {
+ protected:
+  static int Ask(int patienceMs, PrivilegedAnswer& answer) {
+    return AskPrivilegedService(PrivilegedOperation::kUmount, DirectoryPath("x"), patienceMs, answer);
+  }
+
+  // Asks a service that takes the request and then does as the function says.
+  static int AskOneThat(const std::function<void(int client)>& answers, PrivilegedAnswer& answer) {
+    const UniqueFd listener = Listen();
+    std::thread service([&] {
+      const UniqueFd client(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
+      char request[2048];
+      EXPECT_GT(recv(client.get(), request, sizeof request, 0), 0);
+      answers(client.get());
+    });
+    const int status = Ask(10000, answer);
+    service.join();
+    fs::remove(kPrivilegedSocketPath);
+    return status;
+  }
+
+  static int AskOneThatSends(const std::string& bytes) {
+    PrivilegedAnswer answer = {kUntouched, kUntouched};
+    const int status =
+        AskOneThat([&](int client) { send(client, bytes.data(), bytes.size(), MSG_NOSIGNAL); }, answer);
+    EXPECT_EQ(answer.status, kUntouched);
+    EXPECT_EQ(answer.result, kUntouched);
+    return status;
+  }
+};
+
+TEST_F(PrivilegedClient, PassesTheAnswerOn) {
+  PrivilegedAnswer answer;
+
+  const int status = AskOneThat(
+      [](int client) {
+        const std::string bytes = fwplatform::EncodePrivilegedAnswer({-7, 42});
+        send(client, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+      },
+      answer);
+
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(answer.status, -7);
+  EXPECT_EQ(answer.result, 42);
+}
+
+TEST_F(PrivilegedClient, SaysWhenTheAnswerIsNonsense) {
+  const std::string good = fwplatform::EncodePrivilegedAnswer({0, 0});
+
+  EXPECT_EQ(AskOneThatSends("nonsense"), -EPROTO);
+  EXPECT_EQ(AskOneThatSends(good.substr(0, 13)), -EPROTO);
+  EXPECT_EQ(AskOneThatSends(good + "x"), -EPROTO);
+  EXPECT_EQ(AskOneThatSends(std::string(60000, 'x')), -EPROTO);
+}
+
+TEST_F(PrivilegedClient, SaysWhenTheServiceEndsBeforeItAnswers) {
+  PrivilegedAnswer answer;
+
+  EXPECT_EQ(AskOneThat([](int) {}, answer), -ECONNRESET);
+}
+
+TEST_F(PrivilegedClient, StopsWaitingForASlowService) {
+  const UniqueFd listener = Listen();
+  PrivilegedAnswer answer;
+
+  EXPECT_EQ(Ask(100, answer), -ETIMEDOUT);
+}
+
+TEST_F(PrivilegedClient, StopsWaitingForAServiceThatTakesNobody) {
+  const UniqueFd listener = Listen(0);
+  PrivilegedAnswer answer;
+  // With no room for more, the second of these has to wait already.
+  const UniqueFd first = Connect();
+
+  EXPECT_EQ(Ask(100, answer), -ETIMEDOUT);
+}
+
+TEST_F(PrivilegedClient, SaysWhenNoServiceIsThere) {
+  PrivilegedAnswer answer;
+  EXPECT_EQ(Ask(10000, answer), -ENOENT);
+  { const UniqueFd listener = Listen(); }
+  EXPECT_EQ(Ask(10000, answer), -ECONNREFUSED);
+}
+
+TEST_F(PrivilegedClient, DoesTheWorkItselfOnlyAsRoot) {
+  if (fwplatform::IsInUserNamespace()) {
+    GTEST_SKIP() << "a user namespace has only one user";
+  }
+  EXPECT_EQ(Umount(DirectoryPath("x")), FailedWith(ENOENT)) << "root needs no service";
+
+  const int failed = AsUser(kNobody, kNoGroup, {}, [] {
+    int result = kUntouched;
+    const std::string path = DirectoryPath("x");
+    return PS_Umount(path.data(), static_cast<int>(path.size()), 0, &result) == -ENOENT &&
+           result == kUntouched;
+  });
+  EXPECT_EQ(failed, 1);
+}
+
+}  // namespace

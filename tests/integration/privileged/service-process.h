@@ -1,0 +1,47 @@
+// The real privileged service as a child process, with its log in the test's
+// hands. Ends with the object. One thread.
+#ifndef TESTS_INTEGRATION_PRIVILEGED_SERVICE_PROCESS_H
+#define TESTS_INTEGRATION_PRIVILEGED_SERVICE_PROCESS_H
+
+#include <sys/types.h>
+
+#include <optional>
+#include <string>
+#include <vector>
+
+struct ServiceStart {
+  std::vector<std::string> arguments;
+  // A listening socket that is handed over as the service manager does, or -1.
+  int listener = -1;
+  // The only capabilities that it may have, and no new privileges; otherwise the
+  // test's own.
+  std::optional<std::vector<int>> capabilities;
+};
+
+class ServiceProcess {
+ public:
+  explicit ServiceProcess(const ServiceStart& start = {});
+  ServiceProcess(const ServiceProcess&) = delete;
+  ServiceProcess& operator=(const ServiceProcess&) = delete;
+  ~ServiceProcess();
+
+  pid_t pid() const { return pid_; }
+
+  // Reads on until a line holds the text, and gives that line; "" when the
+  // service ends, or says nothing of the kind for ten seconds.
+  std::string WaitForLine(const std::string& text);
+  bool WaitUntilServing() { return !WaitForLine("privileged: serving root").empty(); }
+
+  // Whether it still runs.
+  bool IsRunning() const;
+  void Signal(int signal) const;
+  // The exit code, or the negative number of the signal that ended it.
+  int WaitForEnd();
+
+ private:
+  pid_t pid_ = -1;
+  int log_ = -1;
+  std::string unread_;
+};
+
+#endif
