@@ -836,7 +836,7 @@ TEST_F(UsbListing, ReportsAFailedAllocation) {
     GTEST_SKIP() << "a memory checker allocates";
   }
   FWUpdateSymbol symbol = boundWithPackage("2.0", usb::noise(5000));
-  faults::failingCallocSize = fs::file_size(Package);
+  faults::failingCallocSize = static_cast<std::size_t>(fs::file_size(Package));
 
   EXPECT_EQ(list(symbol), -1);
 
@@ -851,7 +851,7 @@ TEST_F(UsbUpdate, ReportsAFailedAllocation) {
     GTEST_SKIP() << "a memory checker allocates";
   }
   FWUpdateSymbol symbol = boundWithPackage("2.0", usb::noise(5000));
-  faults::failingCallocSize = fs::file_size(Package) - 16;
+  faults::failingCallocSize = static_cast<std::size_t>(fs::file_size(Package)) - 16;
 
   EXPECT_EQ(update(symbol), -1);
 

@@ -35,7 +35,7 @@ std::string chunk(std::uint32_t kind, const std::string& data) {
   header.size = (sizeof header + data.size() + 7) / 8 * 8;
   header.head = data.size();
   std::string bytes = bytesOf(header) + data;
-  bytes.resize(header.size);
+  bytes.resize(static_cast<std::size_t>(header.size));
   return bytes;
 }
 

@@ -44,10 +44,11 @@ Fields FieldsOf(const std::string& packet) {
       continue;
     }
     // A value with line feeds stands behind its length.
-    std::uint64_t length = 0;
-    std::memcpy(&length, packet.data() + end + 1, sizeof length);
-    fields[line] = packet.substr(end + 1 + sizeof length, length);
-    at = end + 1 + sizeof length + length + 1;
+    std::uint64_t sent = 0;
+    std::memcpy(&sent, packet.data() + end + 1, sizeof sent);
+    const auto length = static_cast<std::size_t>(sent);
+    fields[line] = packet.substr(end + 1 + sizeof sent, length);
+    at = end + 1 + sizeof sent + length + 1;
   }
   return fields;
 }

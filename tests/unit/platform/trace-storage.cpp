@@ -499,7 +499,7 @@ TEST_F(TraceStorageTest, WritesTheDocumentedBytes) {
                                std::string("\x11\0/src/a/sample.cpp\x04\0work\x05\0%s=%d", 32) +
                                std::string("\x01\xFF\x3F\x0B\0char const*\x01\x04\0\x03\0int", 24) +
                                std::string("\0\0\0\0\0\0\0\0", 8);
-  const auto used = NumberAt<std::uint64_t>(bytes, 4112);
+  const auto used = static_cast<std::size_t>(NumberAt<std::uint64_t>(bytes, 4112));
   EXPECT_EQ(used, NumberAt<std::uint32_t>(bytes, 4160));
   EXPECT_EQ(bytes.substr(4164, used - 4), location.substr(4, used - 4));
 
