@@ -1,6 +1,6 @@
 // Decrypts (or encrypts) the rest of an open package file with AES-256-CBC into
-// one buffer. Not for several threads at once: the last buffer is remembered in
-// one global pointer.
+// one buffer. Several threads may do so at once: each receives a buffer of its own,
+// and one global pointer remembers the last.
 #ifndef FW_UPDATE_CIPHER_H
 #define FW_UPDATE_CIPHER_H
 

@@ -35,5 +35,5 @@ void FWUpdateCommon::destroy_semaphore() {
   // is closed too, which the C library answers with an error; the call goes through
   // a pointer because its declaration rules null out.
   int (*const close)(sem_t*) = sem_close;
-  close(semaphore);
+  close(semaphore);  // NOLINT(clang-analyzer-core.NonNullParamChecker)
 }

@@ -1,6 +1,7 @@
 #include "fw-update-cipher.h"
 
 #include <openssl/evp.h>
+#include <sys/mman.h>
 
 #include <algorithm>
 #include <cstdint>
@@ -22,10 +23,34 @@ struct FreeContext {
   void operator()(EVP_CIPHER_CTX* context) const { EVP_CIPHER_CTX_free(context); }
 };
 
+// Belongs to the caller of aes_256_cbc_all.
+unsigned char* newPlaintextBuffer(int size) {
+  return static_cast<unsigned char*>(std::calloc(static_cast<std::size_t>(size), 1));
+}
+
+// Several threads may come here at once; whoever is last is remembered.
+unsigned char* remember(unsigned char* buffer) {
+  __atomic_store_n(&cipher_buf_all, buffer, __ATOMIC_RELEASE);
+  return buffer;
+}
+
 // How much of a read of n bytes, the last of total so far, lies before the limit.
 int bytesToFeed(std::int64_t n, std::int64_t total, std::int64_t limit) {
   const std::int64_t beyond = std::max<std::int64_t>(total - limit, 0);
   return static_cast<int>(std::max<std::int64_t>(n - beyond, 0));
+}
+
+// Asks for large pages where they lie wholly inside fresh memory. The first touch of
+// each small page takes longer than reading and decrypting what goes there. A system
+// that has none to give leaves the memory as it is.
+void askForLargePages(unsigned char* bytes, std::size_t size) {
+  constexpr std::uintptr_t LargePage = std::uintptr_t{2} * 1024 * 1024;
+  const auto address = reinterpret_cast<std::uintptr_t>(bytes);
+  const std::uintptr_t begin = (address + LargePage - 1) / LargePage * LargePage;
+  const std::uintptr_t end = (address + size) / LargePage * LargePage;
+  if (begin < end) {
+    madvise(bytes + (begin - address), end - begin, MADV_HUGEPAGE);
+  }
 }
 
 }  // namespace
@@ -38,22 +63,21 @@ unsigned char* aes_256_cbc_all(FILE* fp, const unsigned char* key, const unsigne
   }
   const std::unique_ptr<unsigned char, FreeBytes> input(static_cast<unsigned char*>(std::malloc(ReadSize)));
   if (!input) {
-    cipher_buf_all = nullptr;
-    return nullptr;
+    return remember(nullptr);
   }
   std::unique_ptr<EVP_CIPHER_CTX, FreeContext> context(EVP_CIPHER_CTX_new());
   if (!context) {
-    cipher_buf_all = nullptr;
-    return nullptr;
+    return remember(nullptr);
   }
   EVP_CipherInit(context.get(), EVP_aes_256_cbc(), key, iv, enc);
   EVP_CIPHER_CTX_block_size(context.get());  // the value is of no use here
 
-  cipher_buf_all = static_cast<unsigned char*>(std::calloc(static_cast<std::size_t>(count), 1));
-  if (cipher_buf_all == nullptr) {
+  unsigned char* const output = remember(newPlaintextBuffer(count));
+  if (output == nullptr) {
     static_cast<void>(context.release());  // not freed on this path, on purpose
     return nullptr;
   }
+  askForLargePages(cipher_buf_all, static_cast<std::size_t>(count));
 
   const std::int64_t limit = count - TrailerSize;
   std::int64_t total = 0;
@@ -63,7 +87,7 @@ unsigned char* aes_256_cbc_all(FILE* fp, const unsigned char* key, const unsigne
     n = std::fread(input.get(), 1, ReadSize, fp);
     total += static_cast<std::int64_t>(n);
     int produced = 0;
-    EVP_CipherUpdate(context.get(), cipher_buf_all + written, &produced, input.get(),
+    EVP_CipherUpdate(context.get(), output + written, &produced, input.get(),
                      bytesToFeed(static_cast<std::int64_t>(n), total, limit));
     written += produced;
   }
@@ -71,7 +95,7 @@ unsigned char* aes_256_cbc_all(FILE* fp, const unsigned char* key, const unsigne
   // The padding's verdict is not looked at, on purpose: a wrong key shows when the
   // module refuses the version block.
   int last = 0;
-  EVP_CipherFinal(context.get(), cipher_buf_all + written, &last);
+  EVP_CipherFinal(context.get(), output + written, &last);
   outLen = written + last;
-  return cipher_buf_all;
+  return output;
 }

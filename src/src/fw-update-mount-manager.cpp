@@ -27,7 +27,7 @@ bool startsWith(const std::string& text, const char* prefix) {
 }
 
 bool hasType(const char* path, mode_t type) {
-  struct stat status;
+  struct stat status = {};
   return stat(path, &status) == 0 && (status.st_mode & S_IFMT) == type;
 }
 
@@ -67,7 +67,7 @@ FWMountManager* FWMountManager::getInstance() {
 
 FWMountManager::FWMountManager() = default;
 
-FWMountManager::~FWMountManager() {}  // not defaulted: its end at process exit is registered
+FWMountManager::~FWMountManager() = default;  // not trivial: its end at process exit is registered
 
 int FWMountManager::Mount(const std::string& src, const std::string& dest) {
   if (src.empty() || dest.empty()) {

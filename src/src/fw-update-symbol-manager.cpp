@@ -1,6 +1,5 @@
 #include "fw-update-symbol-manager.h"
 
-#include <cxxabi.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 
@@ -13,9 +12,11 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <exception>
 #include <mutex>
 #include <optional>
 #include <stdexcept>
+#include <string_view>
 #include <system_error>
 #include <thread>
 
@@ -24,6 +25,7 @@
 #include "file-handles.h"
 #include "fw-update-common.h"
 #include "lwipc.h"
+#include "module-file.h"
 #include "module-names.h"
 #include "record-lock.h"
 #include "system-info.h"
@@ -137,7 +139,7 @@ std::cv_status waitOnce(std::condition_variable& condition, std::unique_lock<std
 // ---- Pending list -------------------------------------------------------------
 
 bool check_race_condition(const char* path) {
-  struct stat status;
+  struct stat status = {};
   if (lstat(path, &status) != 0) {
     if (errno == ENOENT) {
       return true;
@@ -191,8 +193,8 @@ class WithoutPipeSignal {
   WithoutPipeSignal& operator=(const WithoutPipeSignal&) = delete;
 
  private:
-  sigset_t pipeSignal;
-  sigset_t previous;
+  sigset_t pipeSignal{};
+  sigset_t previous{};
   bool wasPending;
 };
 
@@ -234,27 +236,54 @@ FWUpdateSymbolManager::~FWUpdateSymbolManager() {
 
 // ---- Registry -----------------------------------------------------------------
 
-bool FWUpdateSymbolManager::onCreate(bool skipExtModules) {
-  protectFromGrowth(symbolList);
+namespace {
+
+std::string_view fileName(std::string_view path) {
+  return path.substr(path.rfind('/') + 1);
+}
+
+// Appends the names of the modules in the controls directory. False when it cannot be
+// read, perhaps only from some entry on.
+bool scanControlsDirectory(bool skipExtModules, std::vector<std::string>& names) {
   try {
     const boost::filesystem::directory_iterator entries(ControlsDirectory);
     for (const boost::filesystem::directory_entry& entry : entries) {
-      const std::string stem = entry.path().stem().string();
+      // Not stem() and extension(), which copy the path and take it apart anew.
+      const std::string_view file = fileName(entry.path().native());
+      const std::size_t dot = std::min(file.rfind('.'), file.size());
+      const std::string stem(file.substr(0, dot));
       if (skipExtModules && isExtensionModule(stem)) {
-        FW_LOG(diagnostics::Error, "En/Decryption Service EXT skip [%s]", stem.c_str());
+        FW_LOG_AS("onCreate", diagnostics::Error, "En/Decryption Service EXT skip [%s]", stem.c_str());
         continue;
       }
-      if (entry.path().extension() != ".so") {
-        continue;
+      if (file.substr(dot) == ".so") {
+        names.push_back(stem);
       }
-      symbolList.emplace_back(stem);
     }
   } catch (const boost::filesystem::filesystem_error& error) {
-    FW_LOG(diagnostics::Error, "File System Exception: %s ", error.what());
+    FW_LOG_AS("onCreate", diagnostics::Error, "File System Exception: %s ", error.what());
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+bool FWUpdateSymbolManager::onCreate(bool skipExtModules) {
+  std::vector<std::string> names;
+  const bool scanned = scanControlsDirectory(skipExtModules, names);
+  // What was found before a failure stays in the list.
+  protectFromGrowth(symbolList);
+  symbolList.reserve(symbolList.size() + names.size());
+  for (const std::string& name : names) {
+    symbolList.emplace_back(name);
+  }
+  if (!scanned) {
     return false;
   }
 
   // Bound only now that no record moves any more.
+  const ControlsDirectoryScan scan;
   for (FWUpdateSymbol& module : symbolList) {
     module.loadSymbol(module.getLibName());
   }
@@ -392,11 +421,12 @@ int FWUpdateSymbolManager::update_timeout_wrapper(FWUpdateSymbol& module, unsign
     int result = -1;
     try {
       result = update_module(module, run->caller, run->dataText());
-    } catch (const abi::__forced_unwind&) {
-      throw;  // the module ended its thread; the caller's time runs out
     } catch (const std::exception& error) {
       FW_LOG_AS("update_timeout_wrapper", diagnostics::Error, "Error : %s", error.what());
     } catch (...) {
+      if (std::current_exception() == nullptr) {
+        throw;  // no exception: the module ended its thread; the caller's time runs out
+      }
       FW_LOG_AS("update_timeout_wrapper", diagnostics::Error, "Error : %s", "unknown exception");
     }
     // Without the mutex, on purpose: a notification that comes before the caller

@@ -18,6 +18,7 @@
 #include "fw-update-mount-manager.h"
 #include "image-crc.h"
 #include "information-file.h"
+#include "module-file.h"
 #include "module-names.h"
 #include "record-lock.h"
 #include "text-buffer.h"
@@ -48,24 +49,30 @@ std::shared_ptr<void> openLibrary(const char* path) {
   return library == nullptr ? nullptr : std::shared_ptr<void>(library, CloseLibrary());
 }
 
-struct FreeMemory {
-  void operator()(void* memory) const { std::free(memory); }
-};
+// Empty when nothing failed. A copy, since the C library's text goes with the next
+// look-up of the thread, and a platform may look something up while it logs.
+std::string libraryError() {
+  const char* const error = dlerror();
+  return error == nullptr ? "" : error;
+}
+
+template <typename Function>
+void storeEntry(std::function<Function>& slot, void* address) {
+  slot = nullptr;
+  if (address != nullptr) {
+    slot = reinterpret_cast<Function*>(address);
+  }
+}
+
+template <auto Slot>
+void storeIn(FWUpdateSymbol& module, void* address) {
+  storeEntry(module.*Slot, address);
+}
 
 struct EntryPoint {
   const char* name;
-  std::function<void(void*)> store;
+  void (*store)(FWUpdateSymbol& module, void* address);
 };
-
-template <typename Function>
-EntryPoint entryPoint(const char* name, std::function<Function>& slot) {
-  return {name, [&slot](void* address) {
-            slot = nullptr;
-            if (address != nullptr) {
-              slot = reinterpret_cast<Function*>(address);
-            }
-          }};
-}
 
 bool isAsciiLetterOrDigit(char c) {
   return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
@@ -114,14 +121,15 @@ int zaq_verify(const char* filePath) {
     // RTLD_NODELETE keeps the entry point valid after the handle is closed.
     library.reset(dlopen(VerifierLibrary, RTLD_LAZY | RTLD_NODELETE));
     if (!library) {
-      FW_LOG(diagnostics::Error, "[zaq][%s] pHandle Error: %s\n", VerifierCaller, dlerror());
+      FW_LOG(diagnostics::Error, "[zaq][%s] pHandle Error: %s\n", VerifierCaller, libraryError().c_str());
       return 1;
     }
     dlerror();
     verify = reinterpret_cast<VerifyFile>(dlsym(library.get(), "verifyFile"));
     s_kzaq_verifier.store(verify);
-    if (const char* const error = dlerror()) {
-      FW_LOG(diagnostics::Error, "[zaq][%s] dlsym Error: %s\n", VerifierCaller, error);
+    const std::string error = libraryError();
+    if (!error.empty()) {
+      FW_LOG(diagnostics::Error, "[zaq][%s] dlsym Error: %s\n", VerifierCaller, error.c_str());
       return 1;
     }
     if (verify == nullptr) {
@@ -157,54 +165,56 @@ int FWUpdateSymbol::loadSymbol(const std::string& name) {
     return -1;
   }
   const std::string path = ControlsDirectory + name + ".so";
-  const std::unique_ptr<char, FreeMemory> resolved(realpath(path.c_str(), nullptr));
-  if (!resolved) {
+  const std::string resolved = resolveModuleFile(path);
+  if (resolved.empty()) {
     return -1;
   }
   libName = name;
-  const std::shared_ptr<void> library = openLibrary(resolved.get());
+  const std::shared_ptr<void> library = openLibrary(resolved.c_str());
   if (!library) {
     // "dlsym" in the report of a failed dlopen is kept on purpose.
-    FW_LOG(diagnostics::Error, "Error: dlsym libfile: %s error: %s\n", path.c_str(), dlerror());
+    FW_LOG(diagnostics::Error, "Error: dlsym libfile: %s error: %s\n", path.c_str(), libraryError().c_str());
     return -1;
   }
 
-  const EntryPoint required[] = {
-      entryPoint("setContext", setContextEntry),
-      entryPoint("getEMPID", getEMPIDEntry),
-      entryPoint("getActiveVersion", getActiveVersionEntry),
-      entryPoint("checkVersion", checkVersionEntry),
-      entryPoint("doUpdate", doUpdateEntry),
+  static constexpr EntryPoint required[] = {
+      {"setContext", storeIn<&FWUpdateSymbol::setContextEntry>},
+      {"getEMPID", storeIn<&FWUpdateSymbol::getEMPIDEntry>},
+      {"getActiveVersion", storeIn<&FWUpdateSymbol::getActiveVersionEntry>},
+      {"checkVersion", storeIn<&FWUpdateSymbol::checkVersionEntry>},
+      {"doUpdate", storeIn<&FWUpdateSymbol::doUpdateEntry>},
   };
-  const EntryPoint optional[] = {
-      entryPoint("allUpdateDone", allUpdateDoneEntry),
-      entryPoint("doUpdate_decryption", doUpdateDecryptionEntry),
-      entryPoint("getExpectedTime", getExpectedTimeEntry),
-      entryPoint("getUpdateProgress", getUpdateProgressEntry),
+  static constexpr EntryPoint optional[] = {
+      {"allUpdateDone", storeIn<&FWUpdateSymbol::allUpdateDoneEntry>},
+      {"doUpdate_decryption", storeIn<&FWUpdateSymbol::doUpdateDecryptionEntry>},
+      {"getExpectedTime", storeIn<&FWUpdateSymbol::getExpectedTimeEntry>},
+      {"getUpdateProgress", storeIn<&FWUpdateSymbol::getUpdateProgressEntry>},
   };
 
   // Bound anew: nothing may point into the library that the old handle held.
   empBound = false;
   for (const EntryPoint& entry : required) {
-    entry.store(nullptr);
+    entry.store(*this, nullptr);
   }
   for (const EntryPoint& entry : optional) {
-    entry.store(nullptr);
+    entry.store(*this, nullptr);
   }
   handle = library;
 
   for (const EntryPoint& entry : required) {
-    entry.store(dlsym(handle.get(), entry.name));
-    if (const char* const error = dlerror()) {
-      FW_LOG(diagnostics::Error, "Error: dlsym error: %s\n", error);
+    entry.store(*this, dlsym(handle.get(), entry.name));
+    const std::string error = libraryError();
+    if (!error.empty()) {
+      FW_LOG(diagnostics::Error, "Error: dlsym error: %s\n", error.c_str());
       return -1;
     }
   }
   for (const EntryPoint& entry : optional) {
-    entry.store(dlsym(handle.get(), entry.name));
-    if (const char* const error = dlerror()) {
-      FW_LOG(diagnostics::Debug, "Error: dlsym error: %s\n", error);
-      entry.store(nullptr);
+    entry.store(*this, dlsym(handle.get(), entry.name));
+    const std::string error = libraryError();
+    if (!error.empty()) {
+      FW_LOG(diagnostics::Debug, "Error: dlsym error: %s\n", error.c_str());
+      entry.store(*this, nullptr);
     }
   }
 
@@ -366,7 +376,7 @@ bool FWUpdateSymbol::getUsbMountPath(std::string& out) {
 }
 
 bool FWUpdateSymbol::file_exists(const std::string& path) {
-  struct stat status;
+  struct stat status = {};
   return stat(path.c_str(), &status) == 0;
 }
 
@@ -414,7 +424,9 @@ unsigned int FWUpdateSymbol::getBinaryCRC32(const std::string& path) {
     return 0;
   }
 
-  unsigned char chunk[ChunkSize];
+  // On a cache line, because the kernel copies to other addresses at down to a third
+  // of the speed.
+  alignas(64) unsigned char chunk[ChunkSize];
   std::uint32_t crc = 0;
   for (;;) {
     const ssize_t size = read(file.get(), chunk, sizeof(chunk));
@@ -452,7 +464,6 @@ int FWUpdateSymbol::isNeedUpdate(CallerTypes caller, char* data) {
     return -1;
   }
   int need = 0;
-  char activeVersion[TextSize] = {};
   setContext(caller, data);
 
   const std::string binary = getBinaryPath(type);
@@ -480,6 +491,7 @@ int FWUpdateSymbol::isNeedUpdate(CallerTypes caller, char* data) {
   }
 
   if (need <= 0) {
+    char activeVersion[TextSize] = {};
     getActiveVersion(activeVersion);
     // The package image's path, not the firmware name, is printed on purpose.
     FW_LOG(diagnostics::Error, "Error: %s not need update, version is %s", empImagePath.c_str(),

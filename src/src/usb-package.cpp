@@ -17,7 +17,7 @@ constexpr std::int64_t SmallestPackage = 614;  // IV, version block, trailer
 
 Stream openPackage(const std::string& path) {
   FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-  struct stat status;
+  struct stat status = {};
   if (!file.isOpen() || fstat(file.get(), &status) != 0 || S_ISFIFO(status.st_mode)) {
     return nullptr;
   }
@@ -29,7 +29,7 @@ Stream openPackage(const std::string& path) {
 }
 
 std::int64_t packageSize(const std::string& path) {
-  struct stat status;
+  struct stat status = {};
   return stat(path.c_str(), &status) == 0 ? static_cast<std::int64_t>(status.st_size) : 0;
 }
 
