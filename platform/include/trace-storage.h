@@ -29,7 +29,7 @@ struct CallLocation {
   std::vector<ArgumentDescription> arguments;
 };
 
-class Thread;  // the calling thread's handle; opaque to the library
+class [[gnu::visibility("hidden")]] Thread;  // the calling thread's handle; opaque to the library
 
 class Storage {
  public:

@@ -15,7 +15,7 @@
 
 #include "dlog.h"
 #include "errno-text.h"
-#include "package-name.h"
+#include "privileged/package-name.h"
 #include "unique-fd.h"
 
 namespace {
@@ -60,8 +60,8 @@ class SpawnSettings {
     posix_spawn_file_actions_destroy(&actions);
   }
 
-  posix_spawn_file_actions_t actions;
-  posix_spawnattr_t attributes;
+  posix_spawn_file_actions_t actions = {};
+  posix_spawnattr_t attributes = {};
 };
 
 // The helper keeps nothing of its caller: no descriptors, no terminal, no signal

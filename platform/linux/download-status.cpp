@@ -14,7 +14,7 @@
 namespace fwplatform {
 namespace {
 
-constexpr std::size_t kLargestStatus = 64 * 1024;
+constexpr std::size_t kLargestStatus = std::size_t{64} * 1024;
 
 struct StateName {
   DownloadState state;
@@ -73,8 +73,8 @@ Json::Value ToJson(const std::string& name, const DownloadStatus& status) {
 std::optional<DownloadStatus> FromJson(const Json::Value& document) {
   DownloadStatus status;
   const std::string state = document["state"].asString();
-  const auto known = std::find_if(std::begin(kStateNames), std::end(kStateNames),
-                                  [&](const StateName& entry) { return state == entry.name; });
+  const auto* const known = std::find_if(std::begin(kStateNames), std::end(kStateNames),
+                                         [&](const StateName& entry) { return state == entry.name; });
   if (known == std::end(kStateNames)) {
     return std::nullopt;
   }
@@ -137,12 +137,12 @@ std::optional<DownloadStatus> ReadDownloadStatus(const std::string& name) {
   }
   const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
   Json::Value document;
-  if (!reader->parse(text.data(), text.data() + text.size(), &document, nullptr) || !document.isObject()) {
-    return std::nullopt;
-  }
   try {
+    if (!reader->parse(text.data(), text.data() + text.size(), &document, nullptr) || !document.isObject()) {
+      return std::nullopt;
+    }
     return FromJson(document);
-  } catch (const Json::Exception&) {  // a member of another type
+  } catch (const Json::Exception&) {  // nested too deeply, or a member of another type
     return std::nullopt;
   }
 }

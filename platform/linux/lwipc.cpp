@@ -55,7 +55,7 @@ int OpenEvents(UniqueFd& directory) {
   if (!directory) {
     return -errno;
   }
-  struct stat status;
+  struct stat status = {};
   if (fstat(directory.get(), &status) != 0) {
     return -errno;
   }
@@ -84,7 +84,7 @@ int Mark(const std::string& name) {
   if (!file) {
     return -errno;
   }
-  struct stat status;
+  struct stat status = {};
   if (fstat(file.get(), &status) != 0) {
     return -errno;
   }
@@ -97,7 +97,7 @@ int Ask(const std::string& name) {
   if (const int status = OpenEvents(directory); status != 0) {
     return status;
   }
-  struct stat status;
+  struct stat status = {};
   if (fstatat(directory.get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
     return -errno;
   }

@@ -18,7 +18,7 @@ constexpr const char* kOsReleaseFiles[] = {"/etc/os-release", "/usr/lib/os-relea
 
 // 0 with the file's content in text, else a negative errno value.
 int ReadTextFile(const char* path, std::string& text) {
-  constexpr std::size_t kHighestSize = 64 * 1024;
+  constexpr std::size_t kHighestSize = std::size_t{64} * 1024;
   const fwplatform::UniqueFd file(open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY));
   if (!file) {
     return -errno;

@@ -1,0 +1,76 @@
+// All checks, in the order in which they are made.
+#ifndef FW_PLATFORM_CONFORMANCE_CHECKS_H
+#define FW_PLATFORM_CONFORMANCE_CHECKS_H
+
+#include "check.h"
+
+namespace conformance {
+
+Finding logKeepsErrno();
+Finding logReturnsLength();
+Finding logFormatsErrorText();
+Finding logTakesNulls();
+Finding logTakesLongMessages();
+Finding logTakesThreads();
+
+Finding systemVersionHasModel();
+Finding systemRefusesUnknownKey();
+
+Finding mountIsReadOnly();
+Finding mountRefusesMissingImage();
+Finding unmountTakesLength();
+Finding unmountDetachesLoopDevice();
+Finding nodeTakesText();
+
+Finding powerIsGivenBack();
+Finding powerCountsHolds();
+Finding powerEndsByItself();
+
+Finding eventStaysDone();
+Finding eventWakesAnotherProcess();
+Finding eventWaitsNoLonger();
+
+Finding traceKeepsErrno();
+Finding traceNumbersDiffer();
+Finding traceBuffersAreApart();
+Finding traceGoesOnInChild();
+
+Finding downloadReturnsAtOnce();
+Finding downloadRefusesBadName();
+
+Finding verifierRefusesUnsigned();
+Finding verifierRefusesMissing();
+
+inline constexpr Check checks[] = {
+    {"log", "leaves errno as it was", logKeepsErrno},
+    {"log", "returns the length of the message", logReturnsLength},
+    {"log", "formats %m as the error text of errno", logFormatsErrorText},
+    {"log", "takes a null tag and a null format", logTakesNulls},
+    {"log", "takes messages of any length", logTakesLongMessages},
+    {"log", "takes calls from several threads at once", logTakesThreads},
+    {"system", "gives a software version with a model before its last \"-\"", systemVersionHasModel},
+    {"system", "refuses another key and leaves the value alone", systemRefusesUnknownKey},
+    {"mount", "mounts a package read-only, without devices and set-user-ID", mountIsReadOnly},
+    {"mount", "refuses an image that is not there", mountRefusesMissingImage},
+    {"mount", "unmounts a directory that is given without a NUL", unmountTakesLength},
+    {"mount", "detaches the loop device with the unmount", unmountDetachesLoopDevice},
+    {"mount", "takes the library's text for a loop node", nodeTakesText},
+    {"power", "gives back what it holds, and no more", powerIsGivenBack},
+    {"power", "counts every hold", powerCountsHolds},
+    {"power", "ends a hold by itself after its time", powerEndsByItself},
+    {"event", "keeps a done event done, also for other processes", eventStaysDone},
+    {"event", "wakes a process that waits", eventWakesAnotherProcess},
+    {"event", "ends a wait after its time", eventWaitsNoLonger},
+    {"trace", "leaves errno as it was", traceKeepsErrno},
+    {"trace", "numbers every place differently, and none 0", traceNumbersDiffer},
+    {"trace", "gives each thread a buffer of its own", traceBuffersAreApart},
+    {"trace", "goes on in a forked child", traceGoesOnInChild},
+    {"download", "returns at once", downloadReturnsAtOnce},
+    {"download", "refuses a name that is no identifier", downloadRefusesBadName},
+    {"verifier", "refuses a file without a signature", verifierRefusesUnsigned},
+    {"verifier", "refuses a file that is not there", verifierRefusesMissing},
+};
+
+}  // namespace conformance
+
+#endif

@@ -1,0 +1,158 @@
+// fw-platform-check: does a platform library keep what the update library relies on?
+#include <getopt.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <charconv>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <string>
+
+#include "checks.h"
+#include "runner.h"
+
+namespace {
+
+using conformance::Check;
+using conformance::Finding;
+
+constexpr int exitBroken = 1;
+constexpr int exitUsage = 2;
+constexpr const char* verdicts[] = {"kept", "BROKEN", "not checked"};
+
+constexpr const char* help =
+    "Checks that a platform library keeps what the update library relies on.\n"
+    "Usage: fw-platform-check [--library FILE] [--only AREA] [--timeout S]\n"
+    "  --library FILE  The platform library to check; default: the installed one\n"
+    "  --only AREA     log, system, mount, power, event, trace, download or verifier\n"
+    "  --timeout S     Give up a check after so many seconds; default: 20\n"
+    "  --version       Show the version\n"
+    "  --help          Show this\n\n"
+    "Run it on the set, as the user that updates run as. It mounts a package of its\n"
+    "own, holds the power for a moment and signals events that nobody waits for.\n"
+    "Example: fw-platform-check --library ./libfw-platform.so.1\n"
+    "Exit codes: 0 all is kept, or not checked   1 something is broken   2 usage\n";
+
+struct Arguments {
+  std::string library;
+  std::string area;
+  int seconds = 20;  // for each check
+};
+
+bool isArea(const std::string& name) {
+  for (const Check& check : conformance::checks) {
+    if (name == check.area) {
+      return true;
+    }
+  }
+  return false;
+}
+
+[[noreturn]] void usageError(const std::string& sentence) {
+  std::fprintf(stderr, "fw-platform-check: %s\nTry: fw-platform-check --help\n", sentence.c_str());
+  std::exit(exitUsage);
+}
+
+[[noreturn]] void show(const char* text) {
+  std::fputs(text, stdout);
+  std::exit(0);
+}
+
+int secondsFrom(const std::string& text) {
+  int seconds = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), seconds);
+  if (error != std::errc() || end != text.data() + text.size() || seconds < 1 || seconds > 3600) {
+    usageError("the time is 1 to 3600 seconds, not " + text);
+  }
+  return seconds;
+}
+
+Arguments parse(int argc, char** argv) {
+  constexpr option options[] = {
+      {"library", required_argument, nullptr, 'l'}, {"only", required_argument, nullptr, 'o'},
+      {"timeout", required_argument, nullptr, 't'}, {"version", no_argument, nullptr, 'v'},
+      {"help", no_argument, nullptr, 'h'},          {nullptr, 0, nullptr, 0}};
+  Arguments arguments;
+  opterr = 0;
+  for (int found = 0; (found = getopt_long(argc, argv, "h", options, nullptr)) != -1;) {
+    switch (found) {
+      case 'l':
+        arguments.library = optarg;
+        break;
+      case 'o':
+        arguments.area = optarg;
+        break;
+      case 't':
+        arguments.seconds = secondsFrom(optarg);
+        break;
+      case 'v':
+        show("fw-platform-check " FW_PLATFORM_CHECK_VERSION "\n");
+      case 'h':
+        show(help);
+      default:
+        usageError(std::string("there is no option ") + argv[optind - 1]);
+    }
+  }
+  if (optind < argc) {
+    usageError(std::string("what is ") + argv[optind] + "?");
+  }
+  if (!arguments.area.empty() && !isArea(arguments.area)) {
+    usageError("there is no area " + arguments.area);
+  }
+  return arguments;
+}
+
+// A library that is loaded first takes the installed one's place. So the program
+// starts itself once more.
+void takeLibrary(const std::string& library, char** argv) {
+  constexpr const char* taken = "FW_PLATFORM_CHECK_LIBRARY";
+  if (library.empty() || std::getenv(taken) != nullptr) {
+    return;
+  }
+  char* const path = realpath(library.c_str(), nullptr);
+  if (path == nullptr) {
+    usageError(library + ": " + std::strerror(errno));
+  }
+  setenv(taken, path, 1);
+  setenv("LD_PRELOAD", path, 1);
+  std::free(path);
+  execv("/proc/self/exe", argv);
+  usageError(std::string("the program cannot start itself again: ") + std::strerror(errno));
+}
+
+void report(const Check& check, const Finding& finding) {
+  std::printf("%-9s %-12s %s\n", check.area, verdicts[static_cast<int>(finding.verdict)], check.promise);
+  if (!finding.sentence.empty()) {
+    std::printf("%23s%s\n", "", finding.sentence.c_str());
+  }
+  std::fflush(stdout);
+}
+
+int checkAll(const Arguments& arguments) {
+  int counts[3] = {};
+  for (const Check& check : conformance::checks) {
+    if (arguments.area.empty() || arguments.area == check.area) {
+      const Finding finding = conformance::runApart(check, arguments.seconds);
+      report(check, finding);
+      ++counts[static_cast<int>(finding.verdict)];
+    }
+  }
+  std::printf("%d kept, %d broken, %d not checked\n", counts[0], counts[1], counts[2]);
+  return counts[1] == 0 ? 0 : exitBroken;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const Arguments arguments = parse(argc, argv);
+  takeLibrary(arguments.library, argv);
+  unsetenv("LD_PRELOAD");  // not for what the library starts
+  try {
+    return checkAll(arguments);
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "fw-platform-check: %s\n", error.what());
+    return exitBroken;
+  }
+}

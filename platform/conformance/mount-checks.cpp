@@ -1,0 +1,194 @@
+#include <dirent.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <exception>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <sstream>
+#include <string>
+
+#include "checks.h"
+#include "package-image.h"
+#include "privileged-service.h"
+
+namespace conformance {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr int capacity = 1024;
+const char* const packages = "/opt/usr/apps/appbinarymanager/";
+
+// A package image and the directory to mount it on, both removed in the end.
+class Package {
+ public:
+  Package() : name_("platformcheck" + std::to_string(getpid()) + "emp") {
+    const fs::path content = fs::temp_directory_path() / name_;
+    fs::create_directories(content);
+    std::ofstream(content / "firmware.bin") << "firmware";
+    sandbox::packFolder(content, image());
+    fs::remove_all(content);
+    fs::create_directories(directory());
+  }
+  Package(const Package&) = delete;
+  Package& operator=(const Package&) = delete;
+  ~Package() {
+    unmount();
+    std::error_code ignored;
+    fs::remove(directory(), ignored);
+    fs::remove(image(), ignored);
+  }
+
+  std::string image() const { return packages + name_ + ".img"; }
+  std::string directory() const { return std::string(packages) + "emps/" + name_; }
+
+  // As the library asks: an empty text when both results are 0.
+  std::string mount() const {
+    int result = 0;
+    const std::string text = "-o ro,loop,nodev,nosuid " + image() + " " + directory();
+    std::string buffer = text;
+    buffer.resize(capacity);
+    return failure("PS_Mount", PS_Mount(buffer.c_str(), capacity, 0, &result), result);
+  }
+
+  // Nothing follows the directory's last character but what must not be read as
+  // a part of it.
+  std::string unmount() const {
+    int result = 0;
+    const std::string text = directory() + "/beyond";
+    return failure("PS_Umount", PS_Umount(text.data(), static_cast<int>(directory().size()), 0, &result),
+                   result);
+  }
+
+  // The mount's line in the mount table; empty when nothing is mounted there.
+  std::string mountLine() const {
+    std::ifstream table("/proc/self/mountinfo");
+    for (std::string line; std::getline(table, line);) {
+      if (line.find(" " + directory() + " ") != std::string::npos) {
+        return line;
+      }
+    }
+    return "";
+  }
+
+ private:
+  static std::string failure(const std::string& call, int status, int result) {
+    if (status == 0 && result == 0) {
+      return "";
+    }
+    return call + " returned " + std::to_string(status) + " with the result " + std::to_string(result);
+  }
+
+  std::string name_;
+};
+
+// Runs a check on a package, or says why none can be made here.
+Finding withPackage(Finding (*check)(const Package&)) {
+  std::unique_ptr<Package> package;
+  try {
+    package = std::make_unique<Package>();
+  } catch (const std::exception& error) {
+    return notChecked(std::string("no package can be made here: ") + error.what());
+  }
+  return check(*package);
+}
+
+bool hasOption(const std::string& mountLine, const std::string& wanted) {
+  std::istringstream words(mountLine);
+  std::string options;
+  for (int word = 0; word < 6; ++word) {
+    words >> options;
+  }
+  return ("," + options + ",").find("," + wanted + ",") != std::string::npos;
+}
+
+Finding mountedReadOnly(const Package& package) {
+  if (const std::string failed = package.mount(); !failed.empty()) {
+    return broken(failed);
+  }
+  const std::string line = package.mountLine();
+  if (line.empty() || !fs::exists(package.directory() + "/firmware.bin")) {
+    return broken("the package's files are not in the directory");
+  }
+  for (const char* option : {"ro", "nodev", "nosuid"}) {
+    if (!hasOption(line, option)) {
+      return broken(std::string("it is not mounted with ") + option);
+    }
+  }
+  return kept();
+}
+
+Finding unmountedByLength(const Package& package) {
+  if (const std::string failed = package.mount(); !failed.empty()) {
+    return notChecked(failed);
+  }
+  if (const std::string failed = package.unmount(); !failed.empty()) {
+    return broken(failed);
+  }
+  return package.mountLine().empty() ? kept() : broken("it is still mounted");
+}
+
+bool isLoopBehind(const std::string& image) {
+  std::error_code ignored;
+  for (const auto& device : fs::directory_iterator("/sys/block", ignored)) {
+    std::string file;
+    std::getline(std::ifstream(device.path() / "loop/backing_file"), file);
+    if (file.size() >= image.size() && file.compare(file.size() - image.size(), image.size(), image) == 0) {
+      return true;
+    }
+  }
+  return false;
+}
+
+Finding detached(const Package& package) {
+  if (const std::string failed = package.mount(); !failed.empty()) {
+    return notChecked(failed);
+  }
+  if (!isLoopBehind(package.image())) {
+    return notChecked("the package is mounted without a loop device that can be seen");
+  }
+  package.unmount();
+  return isLoopBehind(package.image()) ? broken("the loop device still has the image") : kept();
+}
+
+}  // namespace
+
+Finding mountIsReadOnly() {
+  return withPackage(mountedReadOnly);
+}
+
+Finding mountRefusesMissingImage() {
+  int result = 0;
+  char text[capacity];
+  std::snprintf(text, sizeof(text), "-o ro,loop,nodev,nosuid %snone.img %semps/none", packages, packages);
+  const int status = PS_Mount(text, capacity, 0, &result);
+  return status != 0 || result != 0 ? kept() : broken("it is said to be mounted");
+}
+
+Finding unmountTakesLength() {
+  return withPackage(unmountedByLength);
+}
+
+Finding unmountDetachesLoopDevice() {
+  return withPackage(detached);
+}
+
+// A node that is there already is no failure of the platform's.
+Finding nodeTakesText() {
+  int result = 0;
+  char text[capacity] = "-m 0660 -Z * /dev/loop0  b 7 0";
+  struct stat before = {};
+  const bool wasThere = stat("/dev/loop0", &before) == 0;
+  const int status = PS_Mknod(text, capacity, 0, &result);
+  if (status != 0) {
+    return wasThere ? notChecked("/dev/loop0 is there, and the call returned " + std::to_string(status))
+                    : broken("the call returned " + std::to_string(status));
+  }
+  struct stat after = {};
+  return stat("/dev/loop0", &after) == 0 ? kept() : broken("there is no /dev/loop0 afterwards");
+}
+
+}  // namespace conformance

@@ -1,0 +1,16 @@
+// Makes one check in a process of its own, so that a crash or a hang is a finding
+// like any other.
+#ifndef FW_PLATFORM_CONFORMANCE_RUNNER_H
+#define FW_PLATFORM_CONFORMANCE_RUNNER_H
+
+#include "check.h"
+
+namespace conformance {
+
+// Waits at most so many seconds. Throws std::system_error when no process or pipe
+// can be made.
+Finding runApart(const Check& check, int seconds);
+
+}  // namespace conformance
+
+#endif

@@ -1,0 +1,306 @@
+#include "dlog.h"
+
+#include <poll.h>
+#include <pthread.h>
+#include <signal.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <exception>
+#include <mutex>
+#include <string>
+#include <string_view>
+
+#include "log/journal.h"
+#include "log/log-text.h"
+
+namespace {
+
+enum class Sink { kJournal, kSyslog, kStderr, kNone };
+
+struct NamedSink {
+  std::string_view name;
+  Sink sink;
+};
+
+constexpr NamedSink kSinks[] = {
+    {"journal", Sink::kJournal},
+    {"syslog", Sink::kSyslog},
+    {"stderr", Sink::kStderr},
+    {"none", Sink::kNone},
+};
+
+struct Level {
+  int highestPriority;
+  int syslogPriority;
+  char letter;
+};
+
+constexpr Level kLevels[] = {
+    {DLOG_DEBUG_PRIORITY, LOG_DEBUG, 'D'},
+    {DLOG_INFO_PRIORITY, LOG_INFO, 'I'},
+    {DLOG_WARN_PRIORITY, LOG_WARNING, 'W'},
+    {DLOG_ERROR_PRIORITY, LOG_ERR, 'E'},
+    {INT_MAX, LOG_CRIT, 'E'},
+};
+
+struct NamedLevel {
+  std::string_view name;
+  int lowestPriority;
+};
+
+constexpr NamedLevel kNamedLevels[] = {
+    {"debug", INT_MIN},
+    {"info", DLOG_INFO_PRIORITY},
+    {"warning", DLOG_WARN_PRIORITY},
+    {"error", DLOG_ERROR_PRIORITY},
+};
+
+const Level& LevelOf(int priority) {
+  const Level* level = kLevels;
+  while (priority > level->highestPriority) {
+    ++level;
+  }
+  return *level;
+}
+
+class KeepErrno {
+ public:
+  KeepErrno() : saved_(errno) {}
+  ~KeepErrno() { errno = saved_; }
+  KeepErrno(const KeepErrno&) = delete;
+  KeepErrno& operator=(const KeepErrno&) = delete;
+  int saved() const { return saved_; }
+
+ private:
+  const int saved_;
+};
+
+// Keeps a broken pipe on stderr from ending the process in the middle of an
+// update: the signal that this thread's write raises is taken back.
+class HoldBackSigpipe {
+ public:
+  HoldBackSigpipe() {
+    sigemptyset(&sigpipe_);
+    sigaddset(&sigpipe_, SIGPIPE);
+    sigset_t pending;
+    sigemptyset(&pending);
+    sigpending(&pending);
+    wasPending_ = sigismember(&pending, SIGPIPE) == 1;
+    pthread_sigmask(SIG_BLOCK, &sigpipe_, &previous_);
+  }
+  ~HoldBackSigpipe() {
+    if (!wasPending_) {
+      const timespec noWait = {};
+      while (sigtimedwait(&sigpipe_, nullptr, &noWait) < 0 && errno == EINTR) {
+      }
+    }
+    pthread_sigmask(SIG_SETMASK, &previous_, nullptr);
+  }
+  HoldBackSigpipe(const HoldBackSigpipe&) = delete;
+  HoldBackSigpipe& operator=(const HoldBackSigpipe&) = delete;
+
+ private:
+  sigset_t sigpipe_ = {};
+  sigset_t previous_ = {};
+  bool wasPending_;
+};
+
+// True when writing to stderr may be tried again. A stderr that somebody made
+// non-blocking gets a second to take more.
+bool MayRetryWrite(int error) {
+  if (error == EINTR) {
+    return true;
+  }
+  if (error != EAGAIN) {
+    return false;
+  }
+  constexpr int kPatienceMs = 1000;
+  pollfd target = {STDERR_FILENO, POLLOUT, 0};
+  return poll(&target, 1, kPatienceMs) > 0;
+}
+
+// One write for the whole line. The lock matters for lines that are longer than
+// a pipe takes at once: the kernel may split those.
+int WriteToStderr(std::string_view line) {
+  static std::mutex mutex;
+  const std::lock_guard<std::mutex> lock(mutex);
+  const HoldBackSigpipe holdBack;
+  while (!line.empty()) {
+    const ssize_t written = write(STDERR_FILENO, line.data(), line.size());
+    if (written >= 0) {
+      line.remove_prefix(static_cast<std::size_t>(written));
+    } else if (const int error = errno; !MayRetryWrite(error)) {
+      return -error;
+    }
+  }
+  return 0;
+}
+
+void Complain(const char* variable, const char* value, const char* known, const char* instead) {
+  WriteToStderr(std::string(variable) + ": unknown value \"" + fwplatform::PrintableText(value) +
+                "\" (known: " + known + "); " + instead + "\n");
+}
+
+Sink DefaultSink() {
+  return fwplatform::JournalIsThere() ? Sink::kJournal : Sink::kSyslog;
+}
+
+Sink ChooseSink() {
+  const char* setting = secure_getenv("FW_UPDATE_LOG");
+  if (setting == nullptr) {
+    return DefaultSink();
+  }
+  for (const NamedSink& known : kSinks) {
+    if (known.name == setting) {
+      return known.sink == Sink::kJournal ? DefaultSink() : known.sink;
+    }
+  }
+  const Sink sink = DefaultSink();
+  Complain("FW_UPDATE_LOG", setting, "journal, syslog, stderr, none",
+           sink == Sink::kJournal ? "messages go to the journal" : "messages go to syslog");
+  return sink;
+}
+
+int ChooseLowestPriority() {
+  const char* setting = secure_getenv("FW_UPDATE_LOG_LEVEL");
+  if (setting == nullptr) {
+    return INT_MIN;
+  }
+  for (const NamedLevel& known : kNamedLevels) {
+    if (known.name == setting) {
+      return known.lowestPriority;
+    }
+  }
+  Complain("FW_UPDATE_LOG_LEVEL", setting, "debug, info, warning, error", "every message is written");
+  return INT_MIN;
+}
+
+struct Choice {
+  Sink sink;
+  int lowestPriority;
+};
+
+// Chosen once, so that the complaint comes once and a later change of the
+// environment is no race.
+const Choice& Chosen() {
+  static const Choice choice = {ChooseSink(), ChooseLowestPriority()};
+  return choice;
+}
+
+// The message, or a negative errno value in length. error is what %m shows.
+std::string FormatMessage(const char* format, va_list arguments, int error, int& length) {
+  char fixed[1024];
+  va_list again;
+  va_copy(again, arguments);
+  errno = error;
+  length = std::vsnprintf(fixed, sizeof fixed, format, arguments);
+  std::string message;
+  if (length < 0) {
+    length = -errno;
+  } else if (static_cast<std::size_t>(length) < sizeof fixed) {
+    message.assign(fixed, static_cast<std::size_t>(length));
+  } else {
+    message.resize(static_cast<std::size_t>(length));
+    errno = error;
+    // An argument that another thread shortened meanwhile gives a shorter text.
+    const int second = std::vsnprintf(message.data(), message.size() + 1, format, again);
+    length = second < length ? second : length;
+    message.resize(length < 0 ? 0 : static_cast<std::size_t>(length));
+  }
+  va_end(again);
+  return message;
+}
+
+std::string TimeOfDay() {
+  timespec now = {};
+  clock_gettime(CLOCK_REALTIME, &now);
+  const std::time_t seconds = now.tv_sec;
+  std::tm local = {};
+  localtime_r(&seconds, &local);
+  char text[48];
+  std::snprintf(text, sizeof text, "%02d:%02d:%02d.%03d", local.tm_hour, local.tm_min, local.tm_sec,
+                static_cast<int>(now.tv_nsec / 1000000));
+  return text;
+}
+
+std::string_view WithoutTrailingLineFeeds(std::string_view text) {
+  const std::size_t last = text.find_last_not_of('\n');
+  return last == std::string_view::npos ? std::string_view() : text.substr(0, last + 1);
+}
+
+// The library's messages begin with the place that they come from.
+fwplatform::CodePlace PlaceOf(const char* format, va_list arguments) {
+  constexpr std::string_view kPrefix = "%s: %s(%d) > ";
+  fwplatform::CodePlace place;
+  if (std::string_view(format).substr(0, kPrefix.size()) != kPrefix) {
+    return place;
+  }
+  va_list walk;
+  va_copy(walk, arguments);
+  const char* const file = va_arg(walk, const char*);
+  const char* const function = va_arg(walk, const char*);
+  if (file != nullptr && function != nullptr) {
+    place = {file, function, va_arg(walk, int)};
+  }
+  va_end(walk);
+  return place;
+}
+
+int HandOver(Sink sink, const Level& level, const char* tag, const fwplatform::CodePlace& place,
+             std::string_view message) {
+  const std::string_view body = WithoutTrailingLineFeeds(message);
+  std::string text = fwplatform::PrintableText(tag == nullptr ? "(null)" : tag);
+  if (sink == Sink::kJournal) {
+    return fwplatform::WriteToJournal(level.syslogPriority, text, place, fwplatform::PrintableText(body));
+  }
+  text += ' ';
+  text += fwplatform::PrintableText(body);
+  if (sink == Sink::kStderr) {
+    return WriteToStderr(TimeOfDay() + ' ' + level.letter + ' ' + text + '\n');
+  }
+  text += message.substr(body.size());
+  syslog(LOG_USER | level.syslogPriority, "%s", text.c_str());
+  return 0;
+}
+
+int Print(int error, int priority, const char* tag, const char* format, va_list arguments) {
+  const Choice& chosen = Chosen();
+  if (chosen.sink == Sink::kNone || priority < chosen.lowestPriority) {
+    return 0;
+  }
+  const fwplatform::CodePlace place =
+      chosen.sink == Sink::kJournal ? PlaceOf(format, arguments) : fwplatform::CodePlace();
+  int length = 0;
+  const std::string message = FormatMessage(format, arguments, error, length);
+  if (length < 0) {
+    return length;
+  }
+  const int status = HandOver(chosen.sink, LevelOf(priority), tag, place, message);
+  return status < 0 ? status : length;
+}
+
+}  // namespace
+
+int __dlog_print(int, int priority, const char* tag, const char* format, ...) {
+  const KeepErrno keepErrno;
+  if (format == nullptr) {
+    return -EINVAL;
+  }
+  va_list arguments;
+  va_start(arguments, format);
+  int result = -ENOMEM;
+  try {
+    result = Print(keepErrno.saved(), priority, tag, format, arguments);
+  } catch (const std::exception&) {
+    // A log call has nobody to throw at; memory is all that can be missing here.
+  }
+  va_end(arguments);
+  return result;
+}

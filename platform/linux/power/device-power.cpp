@@ -1,0 +1,204 @@
+#include "device-power.h"
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <climits>
+#include <condition_variable>
+#include <exception>
+#include <mutex>
+#include <string>
+#include <system_error>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "dlog.h"
+#include "errno-text.h"
+#include "power/logind-inhibitor.h"
+#include "power/wake-lock.h"
+#include "unique-fd.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using fwplatform::ErrnoText;
+using fwplatform::UniqueFd;
+using fwplatform::WakeLock;
+
+// One lock of a state. Destroying it gives the power back.
+struct Hold {
+  int state = 0;
+  Clock::time_point end;
+  UniqueFd inhibitor;
+  WakeLock wakeLock;
+};
+
+bool EndsEarlier(const Hold& one, const Hold& other) {
+  return one.end < other.end;
+}
+
+// The program's signals are for the program's own threads.
+class BlockSignals {
+ public:
+  BlockSignals() {
+    sigset_t all;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &previous_);
+  }
+  ~BlockSignals() { pthread_sigmask(SIG_SETMASK, &previous_, nullptr); }
+  BlockSignals(const BlockSignals&) = delete;
+  BlockSignals& operator=(const BlockSignals&) = delete;
+
+ private:
+  sigset_t previous_ = {};
+};
+
+// What this process holds, and the thread that gives it back when its time is
+// over. The thread lives only while something is held.
+class Holds {
+ public:
+  // Never destroyed: the thread may outlive the program's last static object.
+  static Holds& Instance() {
+    static auto& instance = *new Holds;
+    return instance;
+  }
+
+  void Add(Hold hold);
+  // Of several holds of one state, the one that would end first.
+  bool Remove(int state);
+
+ private:
+  void StartWatching();
+  void Watch();
+
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::vector<Hold> holds_;
+  bool watched_ = false;
+};
+
+void Holds::Add(Hold hold) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  holds_.push_back(std::move(hold));
+  try {
+    StartWatching();
+  } catch (const std::system_error&) {
+    // A hold that nobody ends could last too long.
+    holds_.pop_back();
+    throw;
+  }
+  changed_.notify_one();
+}
+
+void Holds::StartWatching() {
+  if (watched_) {
+    return;
+  }
+  const BlockSignals block;
+  std::thread([this] { Watch(); }).detach();
+  watched_ = true;
+}
+
+bool Holds::Remove(int state) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  const auto others =
+      std::partition(holds_.begin(), holds_.end(), [state](const Hold& hold) { return hold.state == state; });
+  const auto found = std::min_element(holds_.begin(), others, EndsEarlier);
+  if (found == others) {
+    return false;
+  }
+  holds_.erase(found);
+  changed_.notify_one();
+  return true;
+}
+
+void Holds::Watch() {
+  std::unique_lock<std::mutex> lock(mutex_);
+  while (!holds_.empty()) {
+    const auto first = std::min_element(holds_.begin(), holds_.end(), EndsEarlier);
+    const Clock::time_point end = first->end;  // holds move in memory during the wait
+    if (end > Clock::now()) {
+      changed_.wait_until(lock, end);
+      continue;
+    }
+    __dlog_print(2, DLOG_WARN_PRIORITY, "FWUPDATE",
+                 "device power: the hold time of state %d is over; the power is released", first->state);
+    holds_.erase(first);
+  }
+  watched_ = false;
+}
+
+std::string UniqueName() {
+  static std::atomic<unsigned int> count{0};
+  return "fw-update-control-" + std::to_string(getpid()) + "-" + std::to_string(++count);
+}
+
+// Whether logind is missing, rather than unwilling.
+bool IsMissing(int status) {
+  return status == -ENOENT || status == -ECONNREFUSED || status == -EHOSTUNREACH || status == -ENXIO;
+}
+
+int TakeHold(Hold& hold, int timeoutMs) {
+  const std::string why = "firmware is being updated (power state " + std::to_string(hold.state) + ")";
+  const int logind = fwplatform::TakeLogindInhibitor(why, hold.inhibitor);
+  if (logind == 0) {
+    return 0;
+  }
+  const int kernel = hold.wakeLock.Take(UniqueName(), timeoutMs);
+  if (kernel == 0) {
+    return 0;
+  }
+  __dlog_print(2, DLOG_WARN_PRIORITY, "FWUPDATE",
+               "device power: state %d is not held (logind: %s; kernel wake lock: %s)", hold.state,
+               ErrnoText(-logind).c_str(), ErrnoText(-kernel).c_str());
+  return IsMissing(logind) ? -ENOSYS : logind;
+}
+
+// A sum of times that ran over an int arrives as 0 or less. Holding too long is
+// better than losing power in the middle, and the unlock call ends it.
+int UsableTime(int timeoutMs) {
+  if (timeoutMs > 0) {
+    return timeoutMs;
+  }
+  __dlog_print(2, DLOG_WARN_PRIORITY, "FWUPDATE",
+               "device power: a hold time of %d ms cannot be right; held until it is unlocked", timeoutMs);
+  return INT_MAX;
+}
+
+int Lock(int state, int timeoutMs) {
+  const int usable = UsableTime(timeoutMs);
+  Hold hold;
+  hold.state = state;
+  // From the request on: an answer that comes late makes the hold no longer.
+  hold.end = Clock::now() + std::chrono::milliseconds(usable);
+  const int status = TakeHold(hold, usable);
+  if (status == 0) {
+    Holds::Instance().Add(std::move(hold));
+  }
+  return status;
+}
+
+}  // namespace
+
+int device_power_lock_state(int state, int timeout_ms) {
+  try {
+    return Lock(state, timeout_ms);
+  } catch (const std::system_error&) {
+    return -EAGAIN;
+  } catch (const std::exception&) {
+    return -ENOMEM;
+  }
+}
+
+int device_power_unlock_state(int state) {
+  try {
+    return Holds::Instance().Remove(state) ? 0 : -ENOENT;
+  } catch (const std::exception&) {
+    return -ENOMEM;
+  }
+}

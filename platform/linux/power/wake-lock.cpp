@@ -1,0 +1,54 @@
+#include "power/wake-lock.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <utility>
+
+#include "unique-fd.h"
+
+namespace fwplatform {
+namespace {
+
+constexpr char kLockFile[] = "/sys/power/wake_lock";
+constexpr char kUnlockFile[] = "/sys/power/wake_unlock";
+constexpr char kNanosecondsPerMs[] = "000000";
+
+int WriteFile(const char* path, const std::string& text) {
+  const UniqueFd file(open(path, O_WRONLY | O_CLOEXEC));
+  if (!file) {
+    return -errno;
+  }
+  // One write is one request to the kernel.
+  const ssize_t written = write(file.get(), text.data(), text.size());
+  return written < 0 ? -errno : 0;
+}
+
+}  // namespace
+
+WakeLock::WakeLock(WakeLock&& other) noexcept : name_(std::exchange(other.name_, {})) {}
+
+WakeLock& WakeLock::operator=(WakeLock&& other) noexcept {
+  Release();
+  name_ = std::exchange(other.name_, {});
+  return *this;
+}
+
+int WakeLock::Take(const std::string& name, int timeoutMs) {
+  Release();
+  const int status = WriteFile(kLockFile, name + " " + std::to_string(timeoutMs) + kNanosecondsPerMs);
+  if (status == 0) {
+    name_ = name;
+  }
+  return status;
+}
+
+void WakeLock::Release() {
+  if (!name_.empty()) {
+    WriteFile(kUnlockFile, name_);
+    name_.clear();
+  }
+}
+
+}  // namespace fwplatform

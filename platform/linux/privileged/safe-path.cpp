@@ -1,0 +1,71 @@
+#include "privileged/safe-path.h"
+
+#include <fcntl.h>
+#include <linux/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstddef>
+#include <utility>
+
+namespace fwplatform {
+
+int OpenEntryAt(int directory, const std::string& name, OpenedPath& entry) {
+  UniqueFd fd(openat(directory, name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+  struct stat status = {};
+  if (!fd || fstat(fd.get(), &status) != 0) {
+    return errno;
+  }
+  // With O_PATH a symbolic link is opened itself.
+  if (S_ISLNK(status.st_mode)) {
+    return ELOOP;
+  }
+  entry.fd = std::move(fd);
+  entry.status = status;
+  return 0;
+}
+
+int OpenDirectory(const std::string& path, UniqueFd& directory) {
+  UniqueFd reached(open("/", O_PATH | O_DIRECTORY | O_CLOEXEC));
+  if (!reached) {
+    return errno;
+  }
+  for (std::size_t start = 1; start < path.size();) {
+    const std::size_t end = std::min(path.find('/', start), path.size());
+    OpenedPath next;
+    if (const int error = OpenEntryAt(reached.get(), path.substr(start, end - start), next); error != 0) {
+      return error;
+    }
+    reached = std::move(next.fd);
+    start = end + 1;
+  }
+  directory = std::move(reached);
+  return 0;
+}
+
+int OpenEntry(const std::string& directory, const std::string& name, OpenedPath& entry) {
+  UniqueFd opened;
+  if (const int error = OpenDirectory(directory, opened); error != 0) {
+    return error;
+  }
+  return OpenEntryAt(opened.get(), name, entry);
+}
+
+std::string ProcPath(int fd) {
+  return "/proc/self/fd/" + std::to_string(fd);
+}
+
+std::string ProcPath(const OpenedPath& opened) {
+  return ProcPath(opened.fd.get());
+}
+
+bool IsMountPoint(const OpenedPath& directory) {
+  struct statx status = {};
+  if (statx(directory.fd.get(), "", AT_EMPTY_PATH, STATX_BASIC_STATS, &status) != 0) {
+    return false;
+  }
+  return (status.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0;
+}
+
+}  // namespace fwplatform

@@ -1,0 +1,175 @@
+#include "privileged/squashfs-unpack.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/mount.h>
+#include <sys/syscall.h>
+#include <sys/vfs.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <fstream>
+
+namespace fwplatform {
+namespace {
+
+constexpr char kUnsquashfs[] = "/usr/bin/unsquashfs";
+// Less than a client waits for its answer.
+constexpr int kUnpackLimitMs = 25000;
+
+// Where the child finds what it works on.
+constexpr int kImageFd = 3;
+constexpr int kTreeFd = 4;
+constexpr char kImageArgument[] = "/proc/self/fd/3";
+constexpr char kTreeArgument[] = "/proc/self/fd/4";
+constexpr int kExecFailed = 127;
+// unsquashfs's exit code when all files are there, but not all of their owners or
+// not the device nodes: as it must be in a user namespace.
+constexpr int kLeftSomethingOut = 2;
+
+// A tmpfs that is not attached anywhere: it is gone with its descriptor.
+UniqueFd NewTmpfs(unsigned attributes) {
+  const UniqueFd context(fsopen("tmpfs", FSOPEN_CLOEXEC));
+  if (!context || fsconfig(context.get(), FSCONFIG_SET_STRING, "mode", "0755", 0) != 0 ||
+      fsconfig(context.get(), FSCONFIG_CMD_CREATE, nullptr, nullptr, 0) != 0) {
+    return UniqueFd();
+  }
+  return UniqueFd(fsmount(context.get(), FSMOUNT_CLOEXEC, attributes));
+}
+
+// Runs in the child of a process that may have threads: system calls only.
+[[noreturn]] void RunUnsquashfs(int image, int tree, int messages) {
+  // In a user namespace of its own it has no rights over anything else, whatever
+  // the image does to it, and doesn't try to give files to users that do not
+  // exist here. Where that namespace is not to be had, it works without.
+  unshare(CLONE_NEWUSER);
+  const bool ready = dup2(messages, STDIN_FILENO) >= 0 && dup2(messages, STDOUT_FILENO) >= 0 &&
+                     dup2(messages, STDERR_FILENO) >= 0 && dup2(image, kImageFd) >= 0 &&
+                     dup2(tree, kTreeFd) >= 0;
+  close_range(kTreeFd + 1, ~0U, 0);
+  char* const arguments[] = {
+      const_cast<char*>("unsquashfs"),  const_cast<char*>("-quiet"),       const_cast<char*>("-no-progress"),
+      const_cast<char*>("-no-xattrs"),  const_cast<char*>("-force"),       const_cast<char*>("-dest"),
+      const_cast<char*>(kTreeArgument), const_cast<char*>(kImageArgument), nullptr};
+  char* const environment[] = {const_cast<char*>("LC_ALL=C"), nullptr};
+  if (ready) {
+    execve(kUnsquashfs, arguments, environment);
+  }
+  _exit(kExecFailed);
+}
+
+// A copy above the numbers that the child uses, so that no copy overwrites it.
+UniqueFd HighCopy(int fd) {
+  return UniqueFd(fcntl(fd, F_DUPFD_CLOEXEC, 10));
+}
+
+// The end of a child, as an exit code; -1 when it was killed or ran out of time.
+int WaitFor(pid_t child) {
+  const UniqueFd handle(static_cast<int>(syscall(SYS_pidfd_open, child, 0)));
+  pollfd ended = {handle.get(), POLLIN, 0};
+  int count = 0;
+  do {
+    count = handle ? poll(&ended, 1, kUnpackLimitMs) : 0;
+  } while (count < 0 && errno == EINTR);
+  if (count <= 0) {
+    kill(child, SIGKILL);
+  }
+  int status = 0;
+  while (waitpid(child, &status, 0) < 0) {
+    if (errno != EINTR) {
+      return -1;
+    }
+  }
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// The last line that a child wrote: what went wrong.
+std::string LastLine(int messages) {
+  char text[512];
+  const off_t size = lseek(messages, 0, SEEK_END);
+  const off_t start = size > static_cast<off_t>(sizeof text) ? size - static_cast<off_t>(sizeof text) : 0;
+  const ssize_t count = pread(messages, text, sizeof text, start);
+  std::string line(text, count > 0 ? static_cast<std::size_t>(count) : 0);
+  line.erase(line.find_last_not_of('\n') + 1);
+  const std::size_t previous = line.rfind('\n');
+  return previous == std::string::npos ? line : line.substr(previous + 1);
+}
+
+bool IsFull(int tree) {
+  struct statfs status = {};
+  return fstatfs(tree, &status) == 0 && status.f_bfree == 0;
+}
+
+int Unpack(const OpenedPath& image, int tree, std::string& reason) {
+  const UniqueFd messages(memfd_create("unsquashfs", MFD_CLOEXEC));
+  const UniqueFd imageCopy = HighCopy(image.fd.get());
+  const UniqueFd treeCopy = HighCopy(tree);
+  const UniqueFd messagesCopy = HighCopy(messages.get());
+  if (!messages || !imageCopy || !treeCopy || !messagesCopy) {
+    return errno;
+  }
+  const pid_t child = fork();
+  if (child == 0) {
+    RunUnsquashfs(imageCopy.get(), treeCopy.get(), messagesCopy.get());
+  }
+  if (child < 0) {
+    return errno;
+  }
+  const int code = WaitFor(child);
+  if (code == 0 || code == kLeftSomethingOut) {
+    return 0;
+  }
+  if (IsFull(tree)) {
+    reason = "the image is too big";
+    return ENOSPC;
+  }
+  if (code == kExecFailed) {
+    reason = std::string(kUnsquashfs) + " can't be run";
+    return ENOSYS;
+  }
+  if (code < 0) {
+    reason = "unsquashfs took too long or was ended";
+    return ETIMEDOUT;
+  }
+  reason = LastLine(messages.get());
+  return EINVAL;  // as the kernel says for an image that it can't read
+}
+
+}  // namespace
+
+bool IsInUserNamespace() {
+  std::ifstream map("/proc/self/uid_map");
+  unsigned long inside = 1, outside = 1, count = 0;
+  map >> inside >> outside >> count;
+  constexpr unsigned long kEveryUser = 4294967295UL;
+  return map && !(inside == 0 && outside == 0 && count == kEveryUser);
+}
+
+int UnpackOnTmpfs(const OpenedPath& image, const OpenedPath& directory, bool noExec, std::string& reason) {
+  reason = "making a tmpfs";
+  const unsigned attributes = MOUNT_ATTR_NODEV | MOUNT_ATTR_NOSUID | (noExec ? MOUNT_ATTR_NOEXEC : 0U);
+  const UniqueFd tree = NewTmpfs(attributes);
+  if (!tree) {
+    return errno;
+  }
+  reason = "running unsquashfs";
+  if (const int error = Unpack(image, tree.get(), reason); error != 0) {
+    return error;
+  }
+  reason = "mounting the tmpfs";
+  mount_attr readOnly = {};
+  readOnly.attr_set = MOUNT_ATTR_RDONLY;
+  if (mount_setattr(tree.get(), "", AT_EMPTY_PATH, &readOnly, sizeof readOnly) != 0 ||
+      move_mount(tree.get(), "", directory.fd.get(), "", MOVE_MOUNT_F_EMPTY_PATH | MOVE_MOUNT_T_EMPTY_PATH) !=
+          0) {
+    return errno;
+  }
+  return 0;
+}
+
+}  // namespace fwplatform

@@ -1,0 +1,262 @@
+#include "trace/trace-file.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <string_view>
+
+#include "trace/trace-directory.h"
+
+namespace fwplatform::trace {
+namespace {
+
+constexpr std::size_t kMaxLocationChunks = 16;
+constexpr std::size_t kThreadNameSize = 16;  // the kernel's, terminator included
+constexpr std::int64_t kSecondsADay = std::int64_t{24} * 60 * 60;
+constexpr std::int64_t kNanoseconds = 1000000000;
+
+std::int64_t Now(clockid_t clock) {
+  timespec now = {};
+  clock_gettime(clock, &now);
+  return static_cast<std::int64_t>(now.tv_sec) * kNanoseconds + now.tv_nsec;
+}
+
+std::string ThreadName() {
+  char name[kThreadNameSize] = {};
+  prctl(PR_GET_NAME, name);
+  return name;
+}
+
+std::uint32_t ThreadId() {
+  return static_cast<std::uint32_t>(gettid());
+}
+
+std::string CommandLine() {
+  const UniqueFd file(open("/proc/self/cmdline", O_RDONLY | O_CLOEXEC));
+  char text[sizeof(FileHeader::commandLine)];
+  const ssize_t count = file ? read(file.get(), text, sizeof text) : 0;
+  std::string line(text, count > 0 ? static_cast<std::size_t>(count) : 0);
+  while (!line.empty() && line.back() == '\0') {
+    line.pop_back();
+  }
+  std::replace(line.begin(), line.end(), '\0', ' ');
+  return line;
+}
+
+// A worker takes its name only when it is at work: the one at the end tells most.
+void WriteThreadName(TraceStorage::Thread& ring, RecordKind kind) {
+  const std::string name = ThreadName();
+  if (unsigned char* const payload = ring.Prepare(static_cast<std::uint32_t>(name.size()), kind, 0)) {
+    std::memcpy(payload, name.data(), name.size());
+    ring.Commit();
+  }
+}
+
+template <std::size_t size>
+void CopyText(char (&to)[size], const std::string& text) {
+  text.copy(to, size - 1);
+}
+
+// The bytes of a location entry.
+class EntryWriter {
+ public:
+  template <typename Number>
+  void Put(Number number) {
+    const auto* bytes = reinterpret_cast<const unsigned char*>(&number);
+    entry_.insert(entry_.end(), bytes, bytes + sizeof number);
+  }
+  void PutText(std::string_view text) {
+    text = text.substr(0, UINT16_MAX);
+    Put(static_cast<std::uint16_t>(text.size()));
+    entry_.insert(entry_.end(), text.begin(), text.end());
+  }
+  // The size of the whole, which is not known before, is the first number.
+  const std::vector<unsigned char>& Finish() {
+    entry_.resize((entry_.size() + 3) / 4 * 4);
+    const auto size = static_cast<std::uint32_t>(entry_.size());
+    std::memcpy(entry_.data(), &size, sizeof size);
+    return entry_;
+  }
+
+ private:
+  std::vector<unsigned char> entry_;
+};
+
+std::string_view OrEmpty(const char* text) {
+  return text == nullptr ? std::string_view() : text;
+}
+
+}  // namespace
+
+TraceFile::TraceFile(const Settings& settings, UniqueFd fd) : settings_(settings), fd_(std::move(fd)) {}
+
+TraceFile::~TraceFile() {
+  for (const auto& [start, size] : mappings_) {
+    munmap(start, size);
+  }
+}
+
+std::unique_ptr<TraceFile> TraceFile::Create(const Settings& settings, int& error) {
+  const std::string name = ThreadName();
+  const std::int64_t now = Now(CLOCK_REALTIME);
+  const UniqueFd directory = OpenTraceDirectory(settings.directory);
+  if (!directory) {
+    error = errno;
+    return nullptr;
+  }
+  CleanUp(directory.get(), now / kNanoseconds, settings.days * kSecondsADay,
+          std::uint64_t{settings.totalMib} * 1024 * 1024);
+  UniqueFd fd = CreateTraceFile(directory.get(), name, now);
+  if (!fd) {
+    error = errno;
+    return nullptr;
+  }
+  std::unique_ptr<TraceFile> file(new TraceFile(settings, std::move(fd)));
+  error = file->Initialise(name, now);
+  if (error != 0) {
+    file.reset();
+  }
+  return file;
+}
+
+// More file behind what there is, mapped. Its room on the disk is taken at once: a
+// write into a mapping of a full file system would end the process.
+unsigned char* TraceFile::Append(std::uint32_t size) {
+  const auto start = static_cast<off_t>(fileSize_);
+  const int error = posix_fallocate(fd_.get(), start, static_cast<off_t>(size));
+  if (error != 0) {
+    errno = error;
+    return nullptr;
+  }
+  void* const mapping = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd_.get(), start);
+  if (mapping == MAP_FAILED) {
+    return nullptr;
+  }
+  auto* const bytes = static_cast<unsigned char*>(mapping);
+  mappings_.emplace_back(bytes, size);
+  fileSize_ += size;
+  return bytes;
+}
+
+int TraceFile::Initialise(const std::string& processName, std::int64_t realTime) {
+  unsigned char* const start = Append(kUnit);
+  if (start == nullptr) {
+    return errno;
+  }
+  header_ = reinterpret_cast<FileHeader*>(start);
+  header_->version = kVersion;
+  header_->byteOrder = kByteOrderMark;
+  header_->headerSize = kFileHeaderSize;
+  header_->processId = static_cast<std::uint32_t>(getpid());
+  header_->parentId = static_cast<std::uint32_t>(getppid());
+  header_->monotonicTime = Now(CLOCK_MONOTONIC);
+  header_->realTime = realTime;
+  CopyText(header_->processName, processName);
+  CopyText(header_->commandLine, CommandLine());
+
+  auto* const chunk = reinterpret_cast<ChunkHeader*>(start + kFileHeaderSize);
+  locations_.push_back({chunk, kUnit - kFileHeaderSize});
+  chunk->kind = kLocationsChunk;
+  chunk->size = locations_.back().size;
+  chunk->magic = kChunkMagic;
+  // Last: a file without it is one that was being made.
+  std::atomic_thread_fence(std::memory_order_release);
+  std::memcpy(header_->magic, kMagic, sizeof kMagic);
+  return 0;
+}
+
+bool TraceFile::AddLocations() {
+  if (locations_.size() >= kMaxLocationChunks) {
+    return false;
+  }
+  auto* const chunk = reinterpret_cast<ChunkHeader*>(Append(kUnit));
+  if (chunk == nullptr) {
+    return false;
+  }
+  locations_.push_back({chunk, kUnit});
+  chunk->kind = kLocationsChunk;
+  chunk->size = kUnit;
+  __atomic_store_n(&chunk->magic, kChunkMagic, __ATOMIC_RELEASE);
+  return true;
+}
+
+bool TraceFile::StoreLocation(const unsigned char* entry, std::uint32_t size) {
+  const auto room = [this] {
+    return locations_.back().size - sizeof(ChunkHeader) - locations_.back().header->head;
+  };
+  if (size > kUnit - sizeof(ChunkHeader) || (size > room() && !AddLocations())) {
+    return false;
+  }
+  ChunkHeader* const chunk = locations_.back().header;
+  unsigned char* const data = reinterpret_cast<unsigned char*>(chunk) + sizeof(ChunkHeader);
+  std::memcpy(data + chunk->head, entry, size);
+  __atomic_store_n(&chunk->head, chunk->head + size, __ATOMIC_RELEASE);
+  return true;
+}
+
+void TraceFile::SaveLocation(const TraceStorage::CallLocation& location) {
+  EntryWriter entry;
+  entry.Put(std::uint32_t{0});
+  entry.Put(location.id);
+  entry.Put(std::int32_t{location.line});
+  entry.Put(static_cast<std::uint32_t>(location.arguments.size()));
+  entry.PutText(OrEmpty(location.sourcePath));
+  entry.PutText(OrEmpty(location.functionName));
+  entry.PutText(OrEmpty(location.format));
+  for (const TraceStorage::ArgumentDescription& argument : location.arguments) {
+    entry.Put(argument.flag);
+    entry.Put(argument.size);
+    entry.PutText(argument.typeName);
+  }
+  const std::vector<unsigned char>& bytes = entry.Finish();
+  // Without room for it the records of this place show their arguments alone.
+  StoreLocation(bytes.data(), static_cast<std::uint32_t>(bytes.size()));
+}
+
+void TraceFile::CopyLocations(const TraceFile& parent) {
+  for (const Chunk& chunk : parent.locations_) {
+    const unsigned char* at = reinterpret_cast<const unsigned char*>(chunk.header) + sizeof(ChunkHeader);
+    const unsigned char* const end = at + chunk.header->head;
+    while (at < end) {
+      std::uint32_t size = 0;
+      std::memcpy(&size, at, sizeof size);
+      StoreLocation(at, size);
+      at += size;
+    }
+  }
+}
+
+TraceStorage::Thread* TraceFile::Lend() {
+  const auto free =
+      std::find_if(rings_.begin(), rings_.end(), [](const auto& ring) { return ring->IsFree(); });
+  TraceStorage::Thread* ring = free == rings_.end() ? nullptr : free->get();
+  if (ring == nullptr) {
+    const std::uint32_t size = (settings_.threadKib * 1024 + kUnit - 1) / kUnit * kUnit;
+    auto* const chunk =
+        rings_.size() < settings_.threads ? reinterpret_cast<ChunkHeader*>(Append(size)) : nullptr;
+    if (chunk == nullptr) {
+      return nullptr;
+    }
+    ring = rings_.emplace_back(std::make_unique<TraceStorage::Thread>(chunk, size, &header_->dropped)).get();
+  }
+  ring->SetOwner(ThreadId());
+  WriteThreadName(*ring, kThreadBegins);
+  return ring;
+}
+
+void TraceFile::Return(TraceStorage::Thread* ring) {
+  WriteThreadName(*ring, kThreadEnds);
+  ring->SetOwner(0);
+}
+
+void TraceFile::CountDropped() {
+  __atomic_fetch_add(&header_->dropped, 1, __ATOMIC_RELAXED);
+}
+
+}  // namespace fwplatform::trace

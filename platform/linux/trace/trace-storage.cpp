@@ -1,0 +1,215 @@
+#include "trace-storage.h"
+
+#include <pthread.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <exception>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <utility>
+
+#include "dlog.h"
+#include "trace/trace-file.h"
+#include "trace/trace-ring.h"
+#include "trace/trace-settings.h"
+
+namespace TraceStorage {
+
+// Until the first message shows that no trace can be kept.
+std::uint8_t enabled = 1;
+
+namespace {
+
+using fwplatform::trace::Settings;
+using fwplatform::trace::TraceFile;
+
+enum class State { kNotTried, kOpen, kUnusable };
+
+// Held around everything but the writing of records. Constant-initialised, and
+// never destroyed under a thread that still logs.
+std::mutex mutex;
+State state = State::kNotTried;
+TraceFile* file = nullptr;        // never destroyed: the last destructors log too
+TraceFile* parentFile = nullptr;  // in a forked child until it has one of its own
+pthread_key_t threadEndKey;
+std::atomic<std::uint32_t> lastLocationId{0};
+// Changes when a ring becomes free: a thread without one then asks again.
+std::atomic<std::uint32_t> ringsReturned{0};
+
+struct ThisThread {
+  Thread* ring;
+  bool refused;
+  std::uint32_t refusedAt;
+};
+// Plain data of a library that is always loaded at start-up: no call is needed to
+// reach it.
+thread_local ThisThread thisThread __attribute__((tls_model("initial-exec"))) = {};
+
+class KeepErrno {
+ public:
+  KeepErrno() : saved_(errno) {}
+  ~KeepErrno() { errno = saved_; }
+  KeepErrno(const KeepErrno&) = delete;
+  KeepErrno& operator=(const KeepErrno&) = delete;
+
+ private:
+  const int saved_;
+};
+
+void OnThreadEnd(void* ring) {
+  const std::lock_guard<std::mutex> lock(mutex);
+  // Not in a forked child, whose rings are its parent's.
+  if (file != nullptr && ring == thisThread.ring) {
+    file->Return(thisThread.ring);
+    ringsReturned.fetch_add(1, std::memory_order_relaxed);
+  }
+  thisThread = {};
+}
+
+void BeforeFork() {
+  mutex.lock();
+}
+
+void AfterForkInParent() {
+  mutex.unlock();
+}
+
+// The child shares the parent's mapping and must not write there. It gets a file
+// of its own when it has something to say.
+void AfterForkInChild() {
+  if (state == State::kOpen) {
+    file->CloseDescriptor();
+    parentFile = file;
+    file = nullptr;
+    state = State::kNotTried;
+  }
+  thisThread = {};
+  mutex.unlock();
+}
+
+bool RegisterHandlers() {
+  static const bool done = pthread_key_create(&threadEndKey, OnThreadEnd) == 0 &&
+                           pthread_atfork(BeforeFork, AfterForkInParent, AfterForkInChild) == 0;
+  return done;
+}
+
+void SayUnusable(const std::string& directory, int error) {
+  __dlog_print(2, DLOG_WARN_PRIORITY, "FWUPDATE", "no trace is kept: %s: %s", directory.c_str(),
+               std::strerror(error));
+}
+
+// With the mutex held. The text for the log goes to complaint, for later.
+void Open(std::string& directory, int& error) {
+  if (state != State::kNotTried) {
+    return;
+  }
+  state = State::kUnusable;
+  error = ENOMEM;
+  const Settings settings = fwplatform::trace::SettingsFromEnvironment();
+  directory = settings.directory;
+  std::unique_ptr<TraceFile> opened;
+  if (!directory.empty() && RegisterHandlers()) {
+    opened = TraceFile::Create(settings, error);
+  }
+  if (!opened) {
+    __atomic_store_n(&enabled, std::uint8_t{0}, __ATOMIC_RELAXED);
+    return;
+  }
+  if (parentFile != nullptr) {
+    opened->CopyLocations(*parentFile);
+    delete std::exchange(parentFile, nullptr);
+  }
+  file = opened.release();
+  state = State::kOpen;
+}
+
+// Runs action with the process's file; not at all when there is none.
+template <typename Action>
+void WithFile(Action action) {
+  const KeepErrno keepErrno;
+  std::string directory;
+  int error = 0;
+  try {
+    const std::lock_guard<std::mutex> lock(mutex);
+    Open(directory, error);
+    if (file != nullptr) {
+      action(*file);
+      return;
+    }
+  } catch (const std::exception&) {
+    // Memory is all that can be missing; the message then has no trace.
+  }
+  if (error != 0 && !directory.empty()) {
+    SayUnusable(directory, error);
+  }
+}
+
+Thread* Attach() {
+  const std::uint32_t returned = ringsReturned.load(std::memory_order_relaxed);
+  if (thisThread.refused && thisThread.refusedAt == returned) {
+    return nullptr;
+  }
+  WithFile([](TraceFile& open) {
+    thisThread.ring = open.Lend();
+    // The key is what makes the ring come back when the thread ends.
+    if (thisThread.ring != nullptr && pthread_setspecific(threadEndKey, thisThread.ring) != 0) {
+      open.Return(thisThread.ring);
+      thisThread.ring = nullptr;
+    }
+  });
+  thisThread.refused = thisThread.ring == nullptr;
+  thisThread.refusedAt = returned;
+  return thisThread.ring;
+}
+
+void CountDropped() {
+  const std::lock_guard<std::mutex> lock(mutex);
+  if (file != nullptr) {
+    file->CountDropped();
+  }
+}
+
+}  // namespace
+
+void Storage::SaveLocation(const CallLocation& location) {
+  WithFile([&location](TraceFile& open) { open.SaveLocation(location); });
+}
+
+Thread* Storage::ThreadHandle() {
+  Thread* const ring = thisThread.ring;
+  return __builtin_expect(ring != nullptr, 1) ? ring : Attach();
+}
+
+unsigned char* Storage::PrepareCallBuffer(Thread* thread, unsigned int size, unsigned char kind,
+                                          std::uint32_t locationId) {
+  if (thread == nullptr) {
+    CountDropped();
+    return nullptr;
+  }
+  return thread->Prepare(size, kind, locationId);
+}
+
+void Storage::Commit(Thread* thread) {
+  if (thread != nullptr) {
+    thread->Commit();
+  }
+}
+
+Manager& Manager::Instance() {
+  static Manager manager;
+  return manager;
+}
+
+std::uint32_t Manager::NewLocationId() {
+  return lastLocationId.fetch_add(1, std::memory_order_relaxed) + 1;
+}
+
+Storage& Manager::GetStorage() {
+  static Storage storage;
+  return storage;
+}
+
+}  // namespace TraceStorage
