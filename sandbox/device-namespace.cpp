@@ -27,6 +27,8 @@ namespace {
 // In memory, hidden together with the host's root once the device is built.
 constexpr char kScratch[] = "/tmp";
 constexpr char kHostRoot[] = "/.host";
+// What a root file system has no files of its own for.
+constexpr const char* kKernelDirectories[] = {"/proc", "/sys", "/dev"};
 constexpr char kNamespacesRefused[] =
     "this system lets an ordinary user make no private device; run as root, or allow user namespaces "
     "(sysctl user.max_user_namespaces above 0, kernel.unprivileged_userns_clone=1, "
@@ -146,8 +148,9 @@ void createMountPoint(const std::string& path, bool isDirectory) {
   }
 }
 
-void changeRoot(const std::string& root) {
-  const auto hostRoot = root + kHostRoot;
+// The old root directory is then below the directory previous.
+void changeRoot(const std::string& root, const std::string& previous = "") {
+  const auto hostRoot = root + previous + kHostRoot;
   fs::create_directory(hostRoot);
   if (syscall(SYS_pivot_root, root.c_str(), hostRoot.c_str()) != 0 || chdir("/") != 0) {
     fail("cannot make the device's tree the root directory");
@@ -216,6 +219,24 @@ FileDescriptor openState(FileDescriptor directory, const std::string& scratch) {
   return openDirectory(scratch + "/device");
 }
 
+void requireDirectory(const std::string& root, const std::string& path) {
+  if (!fs::is_directory(root + path)) {
+    throw std::runtime_error(root + " is no root file system: it has no directory " + path);
+  }
+}
+
+// From here on the host is that system; what was opened before stays usable.
+void enterSystem(const std::string& root) {
+  bind(root, root);  // only a mount point can become the root directory
+  for (const std::string path : kKernelDirectories) {
+    requireDirectory(root, path);
+    bind(path, root + path);
+  }
+  requireDirectory(root, kScratch);
+  mountMemory(root + kScratch);
+  changeRoot(root, kScratch);
+}
+
 void keepMountsPrivate() {
   if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
     fail(std::string("cannot keep the device's mounts to itself: ") + kNamespacesRefused);
@@ -235,6 +256,9 @@ void enterDevice(const Device& device) {
   keepMountsPrivate();
   auto directory = device.directory.empty() ? FileDescriptor() : openDirectory(device.directory);
   const auto visible = openVisiblePaths(device.keepVisible);
+  if (!device.root.empty()) {
+    enterSystem(fs::canonical(device.root));
+  }
 
   const std::string scratch = kScratch;
   const auto root = scratch + "/root";

@@ -1,7 +1,7 @@
 // Puts a process into a device: a private mount and IPC namespace in which the
-// fixed paths are the device's own and everything else is the host's. It lasts
-// as long as the process and its children; nothing stays behind on the host.
-// To be called early, by a process that has one thread.
+// fixed paths are the device's own and everything else is the host's or that of
+// another root file system. It lasts as long as the process and its children; nothing stays behind on the
+// host. To be called early, by a process that has one thread.
 #ifndef SANDBOX_DEVICE_NAMESPACE_H
 #define SANDBOX_DEVICE_NAMESPACE_H
 
@@ -18,6 +18,10 @@ struct Device {
   // /tmp. A path that contains a directory of the device is left as the device's;
   // one that does not exist is left out.
   std::vector<std::string> keepVisible;
+  // The root file system of another system, for example a 32-bit one, that takes the
+  // host's place: what is not the device's own is then that system's, to read. Only
+  // /proc, /sys and /dev are the host's. Empty: the host's root file system.
+  std::string root = {};
 };
 
 // Moves the calling process into the device. A process without the right to mount

@@ -49,6 +49,7 @@ int runMksquashfs(const std::string& folder, const std::string& image) {
       "-all-time",          "0",          "-action",   "chmod(0644)@type(f)", "-action",
       "chmod(0755)@type(d)"};
   std::vector<char*> arguments;
+  arguments.reserve(words.size() + 1);
   for (const auto& word : words) {
     arguments.push_back(const_cast<char*>(word.c_str()));
   }

@@ -34,7 +34,7 @@ void keepText(char (&destination)[N], const char* source) {
 FileDescriptor openImage(const char* path, std::uint64_t& size) {
   // Non-blocking, so that a FIFO in the image's place cannot hold up the update.
   FileDescriptor file = openFile(path, O_RDONLY | O_NONBLOCK);
-  struct stat status;
+  struct stat status = {};
   if (::fstat(file.get(), &status) != 0)
     fail(errno, path);
   if (!S_ISREG(status.st_mode))
@@ -98,12 +98,13 @@ void Component::updateFromMemory(const unsigned char* data, int length) {
       fail(EINVAL, "no data");
     UpdateRun run(identity_.firmwareName);
     auto left = static_cast<std::size_t>(length);
+    const unsigned char* next = data;
     Image image;
     image.size = left;
     image.read = [&](unsigned char* buffer, std::size_t capacity) {
       const std::size_t given = std::min(capacity, left);
-      std::memcpy(buffer, data, given);
-      data += given;
+      std::memcpy(buffer, next, given);
+      next += given;
       left -= given;
       return given;
     };

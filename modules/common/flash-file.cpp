@@ -18,6 +18,7 @@ namespace {
 
 constexpr unsigned char kMagic[8] = {'F', 'W', 'F', 'L', 'A', 'S', 'H', '\0'};
 constexpr std::uint32_t kFormat = 1;
+constexpr off_t kSentAtOnce = off_t{8} * 1024 * 1024;
 
 // Where the fields of the header stand; what lies between them is zero.
 constexpr std::size_t kFormatOffset = 8;
@@ -27,9 +28,7 @@ constexpr std::size_t kVersionOffset = 24;
 constexpr std::size_t kHeaderCrcOffset = kFlashHeaderSize - 4;
 
 std::uint32_t headerCrc(const FlashHeaderBytes& bytes) {
-  ImageCrc crc;
-  crc.process_bytes(bytes.data(), kHeaderCrcOffset);
-  return crc.checksum();
+  return extendImageCrc(0, bytes.data(), kHeaderCrcOffset);
 }
 
 std::string activePath(const std::string& firmwareName) {
@@ -37,7 +36,7 @@ std::string activePath(const std::string& firmwareName) {
 }
 
 std::uint64_t regularFileSize(int descriptor, const std::string& path) {
-  struct stat status;
+  struct stat status = {};
   if (::fstat(descriptor, &status) != 0)
     fail(errno, path);
   if (!S_ISREG(status.st_mode))
@@ -115,6 +114,17 @@ NewFlash::~NewFlash() {
 
 void NewFlash::append(const unsigned char* data, std::size_t length) {
   writeAll(file_.get(), data, length);
+  unsent_ += static_cast<off_t>(length);
+  if (unsent_ >= kSentAtOnce)
+    startSending();
+}
+
+// Lets the medium take what was written while more is written, so that less is left
+// for fsync. Only begins it: whether it succeeds is for fsync to say.
+void NewFlash::startSending() {
+  ::sync_file_range(file_.get(), sent_, unsent_, SYNC_FILE_RANGE_WRITE);
+  sent_ += unsent_;
+  unsent_ = 0;
 }
 
 void NewFlash::finishWriting(const FlashHeader& header) {

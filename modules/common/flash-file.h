@@ -24,7 +24,7 @@ using FlashHeaderBytes = std::array<unsigned char, kFlashHeaderSize>;
 struct FlashHeader {
   std::string version;     // at most 127 characters
   std::uint64_t size = 0;  // bytes of content
-  std::uint32_t crc = 0;   // ImageCrc of the content
+  std::uint32_t crc = 0;   // of the content, as in "info.json"
 };
 
 FlashHeaderBytes encodeHeader(const FlashHeader& header);
@@ -55,10 +55,14 @@ class NewFlash {
   void activate();
 
  private:
+  void startSending();
+
   std::string activePath_;
   std::string newPath_;
   FileDescriptor directory_;
   FileDescriptor file_;
+  off_t sent_ = kFlashHeaderSize;  // up to here the medium takes it already
+  off_t unsent_ = 0;
   bool activated_ = false;
 };
 

@@ -28,7 +28,7 @@ void fail(int error, const std::string& what) {
 }
 
 FileDescriptor openFile(const std::string& path, int flags, mode_t mode) {
-  int descriptor;
+  int descriptor = -1;
   do {
     descriptor = ::open(path.c_str(), flags | O_CLOEXEC, mode);
   } while (descriptor < 0 && errno == EINTR);

@@ -56,7 +56,7 @@ unsigned int parsePercent(const char* text, std::size_t length) {
 void writePercent(int descriptor, unsigned int percent) {
   char text[kTextLength + 1];
   std::snprintf(text, sizeof text, "%3u\n", percent % 1000);
-  ssize_t written;
+  ssize_t written = 0;
   do {
     written = ::pwrite(descriptor, text, kTextLength, 0);
   } while (written < 0 && errno == EINTR);
@@ -84,7 +84,7 @@ unsigned int readProgress(const std::string& firmwareName) try {
   // Asked before the text is read: an update that ends in between then still
   // counts as running at its last percentage, never as running at a stale one.
   const bool running = updateRuns(file.get());
-  char text[kTextLength];
+  char text[kTextLength] = {};
   const unsigned int percent = parsePercent(text, readBlock(file.get(), text, sizeof text));
   return running || percent == kCompleted ? percent : 0;
 } catch (const std::system_error& error) {

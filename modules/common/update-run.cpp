@@ -2,13 +2,14 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <exception>
 
 #include "image-crc.h"
 
 namespace fwcomponent {
 namespace {
 
-constexpr std::size_t kBlockSize = 64 * 1024;
+constexpr std::size_t kBlockSize = std::size_t{64} * 1024;
 constexpr unsigned int kNotYetActive = 99;
 constexpr unsigned int kActive = 100;
 
@@ -32,30 +33,38 @@ void UpdateRun::writeImage(const Image& image, const std::string& version,
   flash.finishWriting({version, image.size, crc});
   verifyContent(flash, crc);
   flash.activate();
-  progress_.report(kActive);
+  reportActive();
+}
+
+// The new firmware is active: that its progress cannot be written is no failure any more.
+void UpdateRun::reportActive() noexcept {
+  try {
+    progress_.report(kActive);
+  } catch (const std::exception&) {
+  }
 }
 
 std::uint32_t UpdateRun::writeContent(const Image& image, NewFlash& flash) {
-  ImageCrc crc;
+  std::uint32_t crc = 0;
   advance(0);
   while (const std::size_t length = image.read(buffer_.data(), buffer_.size())) {
     flash.append(buffer_.data(), length);
     hardware_.takeBytes(length);
-    crc.process_bytes(buffer_.data(), length);
+    crc = extendImageCrc(crc, buffer_.data(), length);
     advance(length);
   }
   if (done_ != image.size)
     fail(EIO, "the image changed while it was read");
-  return crc.checksum();
+  return crc;
 }
 
 void UpdateRun::verifyContent(NewFlash& flash, std::uint32_t writtenCrc) {
-  ImageCrc crc;
+  std::uint32_t crc = 0;
   while (const std::size_t length = flash.readBack(buffer_.data(), buffer_.size())) {
-    crc.process_bytes(buffer_.data(), length);
+    crc = extendImageCrc(crc, buffer_.data(), length);
     advance(length);
   }
-  if (done_ != total_ || crc.checksum() != writtenCrc)
+  if (done_ != total_ || crc != writtenCrc)
     fail(EIO, "the flash reads back differently");
 }
 

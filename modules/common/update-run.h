@@ -38,6 +38,7 @@ class UpdateRun {
   std::uint32_t writeContent(const Image& image, NewFlash& flash);
   void verifyContent(NewFlash& flash, std::uint32_t writtenCrc);
   void advance(std::size_t bytes);
+  void reportActive() noexcept;
 
   const std::string firmwareName_;
   ProgressWriter progress_;

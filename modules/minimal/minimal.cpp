@@ -24,6 +24,11 @@ constexpr const char* kNewFlash = "/var/lib/fw-components/minimalfw.firmware.new
 std::mutex mutex;          // entry points are called from several threads
 char checkedVersion[128];  // guarded by mutex
 
+bool isVersion(const std::string& text) {
+  return !text.empty() && text.size() < sizeof checkedVersion &&
+         text.find_first_not_of("0123456789.") == std::string::npos;
+}
+
 // The library logs errno beside the result.
 int failure(int error) {
   errno = error;
@@ -96,10 +101,12 @@ int getActiveVersion(char* out) try {
 }
 
 int checkVersion(const char* version, int* need) try {
+  if (!isVersion(version))
+    return failure(EINVAL);
   const std::string active = activeVersion();
   const std::lock_guard<std::mutex> lock(mutex);
   std::snprintf(checkedVersion, sizeof checkedVersion, "%s", version);
-  *need = active != version ? 1 : 0;
+  *need = ::strverscmp(version, active.c_str()) > 0 ? 1 : 0;
   return 0;
 } catch (...) {
   return failure(ENOMEM);
