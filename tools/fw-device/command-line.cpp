@@ -34,13 +34,17 @@ CLI::App* addCommand(CLI::App& app, CommandLine& line, const std::string& name, 
 void addInit(CLI::App& app, CommandLine& line) {
   CLI::App* const init = addCommand(app, line, "init", CommandLine::Command::Init,
                                     "Make a device with example modules and images");
-  init->add_flag("--fresh", line.fresh, "Also forget the state of components, locks and lists");
+  init->add_flag("--fresh", line.fresh, "Also forget the components' state, locks and lists");
+  init->add_option("--root", line.system.root, "Stand on this root file system (/: the host's)")
+      ->type_name("ROOT");
+  init->add_option("--build", line.system.build, "Take programs and modules from this build")
+      ->type_name("BUILD");
   init->footer(std::string("Again on the same DIR, it renews modules and images and keeps the state.\n\n") +
                "Example: fw-device init /tmp/tv\n\n" + kExitCodes);
 }
 
 void addKeep(CLI::App& command, CommandLine& line) {
-  command.add_option("--keep", line.keepVisible, "Show this path of the host too (may be given again)")
+  command.add_option("--keep", line.keepVisible, "Show this path of the host too (may be repeated)")
       ->type_name("PATH")
       ->expected(1)
       ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);

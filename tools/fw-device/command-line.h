@@ -7,6 +7,7 @@
 #include <variant>
 #include <vector>
 
+#include "device-system.h"
 #include "exit-code.h"
 
 namespace fwdevice {
@@ -16,6 +17,7 @@ struct CommandLine {
   Command command = Command::Init;
   std::string directory;
   bool fresh = false;                    // init
+  DeviceSystem system;                   // init: what to change of it
   std::vector<std::string> keepVisible;  // run, shell
   std::vector<std::string> program;      // run: the command and its arguments
 };

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <system_error>
 
 #include "device-layout.h"
@@ -19,28 +20,34 @@ bool isDevice(const std::string& directory) {
   return fs::is_regular_file(directory + kMarker, unreadable);
 }
 
-void writeMarker(const std::string& directory) {
+void writeMarker(const std::string& directory, const DeviceSystem& system) {
   std::ofstream marker(directory + kMarker);
-  marker << "This directory holds a device; see fw-device --help.\n";
+  marker << "This directory holds a device; see fw-device --help.\n" << systemText(system);
   if (!marker.flush()) {
     throw std::system_error(errno, std::generic_category(), "cannot write " + directory + kMarker);
   }
 }
 
+void requireNewOrEmpty(const std::string& directory) {
+  if (fs::exists(directory) && !fs::is_directory(directory)) {
+    throw Failure(ExitCode::NoDevice, directory + " is no directory; name a new one");
+  }
+  if (fs::exists(directory) && !fs::is_empty(directory)) {
+    throw Failure(ExitCode::NoDevice, directory + " is not empty and no device; name a new directory");
+  }
+}
+
 }  // namespace
 
-void makeDeviceDirectory(const std::string& directory) {
+DeviceSystem makeDeviceDirectory(const std::string& directory, const DeviceSystem& wanted) {
   if (!isDevice(directory)) {
-    if (fs::exists(directory) && !fs::is_directory(directory)) {
-      throw Failure(ExitCode::NoDevice, directory + " is no directory; name a new one");
-    }
-    if (fs::exists(directory) && !fs::is_empty(directory)) {
-      throw Failure(ExitCode::NoDevice, directory + " is not empty and no device; name a new directory");
-    }
-    fs::create_directories(directory);
-    writeMarker(directory);
+    requireNewOrEmpty(directory);
   }
+  const auto system = chooseSystem(wanted, deviceSystem(directory));
+  fs::create_directories(directory);
+  writeMarker(directory, system);
   sandbox::createDeviceDirectories(directory);
+  return system;
 }
 
 std::string requireDeviceDirectory(const std::string& directory) {
@@ -49,6 +56,11 @@ std::string requireDeviceDirectory(const std::string& directory) {
                   directory + " is no device; run fw-device init " + directory + " first");
   }
   return fs::canonical(directory);
+}
+
+DeviceSystem deviceSystem(const std::string& directory) {
+  std::ifstream marker(directory + kMarker);
+  return parseSystem({std::istreambuf_iterator<char>(marker), std::istreambuf_iterator<char>()});
 }
 
 }  // namespace fwdevice

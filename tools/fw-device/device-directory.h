@@ -5,14 +5,21 @@
 
 #include <string>
 
+#include "device-system.h"
+
 namespace fwdevice {
 
-// Creates the directory when absent and makes it a device's. Throws Failure when it
-// holds anything and is no device, std::system_error when it cannot be written.
-void makeDeviceDirectory(const std::string& directory);
+// Creates the directory when absent and makes it a device's, on the system that is
+// wanted, or else on the one that it had. Returns that system. Throws Failure when the
+// directory holds anything and is no device, or when the system does not do;
+// std::system_error when it cannot be written.
+DeviceSystem makeDeviceDirectory(const std::string& directory, const DeviceSystem& wanted);
 
 // The absolute path. Throws Failure when the directory is no device.
 std::string requireDeviceDirectory(const std::string& directory);
+
+// The system of a directory that is a device.
+DeviceSystem deviceSystem(const std::string& directory);
 
 }  // namespace fwdevice
 

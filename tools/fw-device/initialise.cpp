@@ -84,10 +84,10 @@ std::vector<std::string> installModules(const fs::path& from, const std::string&
   return installed;
 }
 
-std::vector<std::string> installModules(const std::string& device) {
+std::vector<std::string> installModules(const std::string& device, const std::string& programs) {
   std::string searched;
-  for (const auto& directory : moduleDirectories()) {
-    const auto installed = installModules(fs::path(directory), device);
+  for (const auto& directory : moduleDirectories(programs)) {
+    auto installed = installModules(fs::path(directory), device);
     if (!installed.empty()) {
       return installed;
     }
@@ -129,9 +129,19 @@ void configureDownloads(const std::string& device) {
   }
 }
 
-void report(const std::string& device, const std::vector<std::string>& modules,
+void reportSystem(const DeviceSystem& system) {
+  if (!system.root.empty()) {
+    std::cout << "root     " << system.root << "\n";
+  }
+  if (!system.build.empty()) {
+    std::cout << "build    " << system.build << "\n";
+  }
+}
+
+void report(const std::string& device, const DeviceSystem& system, const std::vector<std::string>& modules,
             const PackageSecurity& security) {
   std::cout << "device   " << device << "\n";
+  reportSystem(system);
   for (const auto& module : modules) {
     std::cout << "module   " << module << "\n";
   }
@@ -153,15 +163,16 @@ void report(const std::string& device, const std::vector<std::string>& modules,
 }  // namespace
 
 ExitCode initialise(const CommandLine& line) {
-  makeDeviceDirectory(line.directory);
+  const auto system = makeDeviceDirectory(line.directory, line.system);
   if (line.fresh) {
     forgetState(line.directory);
   }
   installImages(line.directory);
   installPackages(line.directory);
   configureDownloads(line.directory);
-  const auto modules = installModules(line.directory);
-  report(line.directory, modules, installPackageSecurity(line.directory));
+  const auto programs = programDirectory(system);
+  const auto modules = installModules(line.directory, programs);
+  report(line.directory, system, modules, installPackageSecurity(line.directory, programs));
   return ExitCode::Done;
 }
 

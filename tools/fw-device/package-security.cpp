@@ -18,8 +18,8 @@ constexpr char kSigningKey[] = "/maker/signing.key";
 constexpr char kPublicKey[] = "/demonstration.pem";
 constexpr char kPackageKey[] = "/usr/share/fw-update/package.key";
 
-std::string installVerifier(const std::string& device) {
-  const auto verifier = verifierPath();
+std::string installVerifier(const std::string& device, const std::string& programs) {
+  const auto verifier = verifierPath(programs);
   if (!fs::exists(verifier)) {
     return "";
   }
@@ -65,8 +65,8 @@ void installLibrary(const fs::path& library, const std::string& directory) {
   fs::rename(unfinished, target);
 }
 
-PackageSecurity installPackageSecurity(const std::string& device) {
-  PackageSecurity security{installVerifier(device), device + kSigningKey, device + kPackageKey};
+PackageSecurity installPackageSecurity(const std::string& device, const std::string& programs) {
+  PackageSecurity security{installVerifier(device, programs), device + kSigningKey, device + kPackageKey};
   fs::create_directories(fs::path(security.signingKey).parent_path());
   if (!fs::exists(security.signingKey)) {
     makeSigningKey(security.signingKey);

@@ -17,9 +17,9 @@ struct PackageSecurity {
   std::string packageKey;
 };
 
-// device is the device's directory; the paths returned are the host's. Throws
-// std::exception.
-PackageSecurity installPackageSecurity(const std::string& device);
+// device is the device's directory, programs that of the build's programs; the paths
+// returned are the host's. Throws std::exception.
+PackageSecurity installPackageSecurity(const std::string& device, const std::string& programs);
 
 }  // namespace fwdevice
 

@@ -13,7 +13,7 @@
 
 #include "device-directory.h"
 #include "device-namespace.h"
-#include "tool-location.h"
+#include "device-system.h"
 
 namespace fwdevice {
 namespace fs = std::filesystem;
@@ -22,6 +22,8 @@ namespace {
 // They may name directories of the host that the device does not have.
 constexpr const char* kDirectoryVariables[] = {"TMPDIR", "XDG_RUNTIME_DIR"};
 constexpr char kDefaultShell[] = "/bin/sh";
+// For a root file system of its own; the host's may have other directories.
+constexpr char kDefaultPath[] = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";
 
 std::string variable(const char* name, const char* otherwise) {
   const char* const value = std::getenv(name);
@@ -44,16 +46,27 @@ std::string findProgram(const std::string& name, int mode) {
   return "";
 }
 
-// This build with its libraries, the current directory, the program with what lies
-// beside it, and what the user named.
-std::vector<std::string> visiblePaths(const CommandLine& line, const std::string& program) {
-  const auto tool = toolDirectory();
-  std::vector<std::string> paths = {fs::path(tool).parent_path(), tool};
+// A root file system of its own has programs of its own; only by its path is one of
+// the host's meant.
+std::string hostProgram(const DeviceSystem& system, const std::string& name) {
+  return system.root.empty() || name.find('/') != std::string::npos ? findProgram(name, X_OK) : "";
+}
+
+bool rootHas(const DeviceSystem& system, const std::string& path) {
+  return !system.root.empty() && fs::exists(fs::symlink_status(system.root + path));
+}
+
+// The build with its libraries, what the root file system does not have of the current
+// directory and the program with what lies beside it, and what the user named.
+std::vector<std::string> visiblePaths(const CommandLine& line, const DeviceSystem& system,
+                                      const std::string& program) {
+  const auto programs = programDirectory(system);
+  std::vector<std::string> paths = {fs::path(programs).parent_path(), programs};
   std::error_code gone;
   const auto here = fs::current_path(gone).string();
-  const auto file = findProgram(program, X_OK);
+  const auto file = hostProgram(system, program);
   for (const auto& path : {here, fs::path(file).parent_path().string(), file}) {
-    if (!path.empty()) {
+    if (!path.empty() && !rootHas(system, path)) {
       paths.push_back(path);
     }
   }
@@ -63,7 +76,9 @@ std::vector<std::string> visiblePaths(const CommandLine& line, const std::string
 
 void enter(const CommandLine& line, const std::string& program) {
   const auto directory = requireDeviceDirectory(line.directory);
-  const auto path = toolDirectory() + ":" + variable("PATH", "/usr/bin:/bin");
+  const auto system = deviceSystem(directory);
+  const auto path = programDirectory(system) + ":" +
+                    (system.root.empty() ? variable("PATH", "/usr/bin:/bin") : kDefaultPath);
   setenv("PATH", path.c_str(), 1);
   setenv("FW_DEVICE", directory.c_str(), 1);
   for (const auto& kept : line.keepVisible) {
@@ -72,7 +87,7 @@ void enter(const CommandLine& line, const std::string& program) {
     }
   }
   try {
-    sandbox::enterDevice({directory, visiblePaths(line, program)});
+    sandbox::enterDevice({directory, visiblePaths(line, system, program), system.root});
   } catch (const std::exception& refused) {
     throw Failure(ExitCode::NotEntered, refused.what());
   }
@@ -85,6 +100,7 @@ void enter(const CommandLine& line, const std::string& program) {
 
 [[noreturn]] void become(const std::vector<std::string>& program) {
   std::vector<char*> arguments;
+  arguments.reserve(program.size() + 1);
   for (const auto& argument : program) {
     arguments.push_back(const_cast<char*>(argument.c_str()));  // execvp changes nothing
   }
@@ -108,7 +124,8 @@ void run(const CommandLine& line) {
 void shell(const CommandLine& line) {
   const auto name = fs::path(requireDeviceDirectory(line.directory)).filename().string();
   const auto wanted = variable("SHELL", kDefaultShell);
-  enter(line, wanted);
+  const bool fromHost = deviceSystem(line.directory).root.empty();
+  enter(line, fromHost ? wanted : "");       // another root file system has its own shells
   setenv("debian_chroot", name.c_str(), 1);  // Debian's start-up files put it into bash's prompt
   setenv("PS1", ("(" + name + ") # ").c_str(), 1);
   std::cerr << "On the device " << name << "; leave it with exit." << std::endl;

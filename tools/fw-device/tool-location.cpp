@@ -9,11 +9,10 @@ std::string toolDirectory() {
   return fs::read_symlink("/proc/self/exe").parent_path();
 }
 
-std::vector<std::string> moduleDirectories() {
-  const fs::path tool = toolDirectory();
+std::vector<std::string> moduleDirectories(const std::string& programs) {
   std::vector<std::string> directories;
   for (const char* relative : {"../modules", FW_DEVICE_INSTALLED_MODULES, "../lib/fw-update/modules"}) {
-    const auto directory = (tool / relative).lexically_normal().string();
+    const auto directory = (fs::path(programs) / relative).lexically_normal().string();
     if (directories.empty() || directories.back() != directory) {
       directories.push_back(directory);
     }
@@ -21,8 +20,8 @@ std::vector<std::string> moduleDirectories() {
   return directories;
 }
 
-std::string verifierPath() {
-  return (fs::path(toolDirectory()) / "../lib/libkZAQUser.so").lexically_normal();
+std::string verifierPath(const std::string& programs) {
+  return (fs::path(programs) / "../lib/libkZAQUser.so").lexically_normal();
 }
 
 }  // namespace fwdevice

@@ -10,11 +10,12 @@ namespace fwdevice {
 // The directory of this program. Throws std::system_error.
 std::string toolDirectory();
 
-// Where the example modules of this build may be, the build tree's place first.
-std::vector<std::string> moduleDirectories();
+// Where the example modules that belong to a directory of programs may be, the build
+// tree's place first.
+std::vector<std::string> moduleDirectories(const std::string& programs);
 
-// Where the verification library of this build may be.
-std::string verifierPath();
+// Where the verification library that belongs to them may be.
+std::string verifierPath(const std::string& programs);
 
 }  // namespace fwdevice
 

@@ -15,7 +15,7 @@
 namespace fwdownload {
 namespace {
 
-constexpr std::size_t kLargestFile = 64 * 1024;
+constexpr std::size_t kLargestFile = std::size_t{64} * 1024;
 constexpr const char* kSchemes[] = {"https://", "http://", "file:///"};
 
 // Refuses a value by throwing std::string, the end of the sentence about its line.
@@ -89,7 +89,7 @@ void ApplyLine(Configuration& configuration, const std::string& line) {
   }
   const std::string name = Trimmed(line.substr(0, equals));
   const std::string value = Trimmed(line.substr(equals + 1));
-  const auto key =
+  const auto* const key =
       std::find_if(std::begin(kKeys), std::end(kKeys), [&](const Key& entry) { return name == entry.name; });
   if (key == std::end(kKeys)) {
     throw "has an unknown key, \"" + name + "\"";

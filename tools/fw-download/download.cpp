@@ -3,11 +3,13 @@
 #include <curl/curl.h>
 
 #include <algorithm>
-#include <cinttypes>
+#include <charconv>
 #include <cstddef>
-#include <cstdio>
+#include <cstdint>
 #include <memory>
 #include <optional>
+#include <string_view>
+#include <system_error>
 
 #include "failure.h"
 #include "partial-image.h"
@@ -25,6 +27,38 @@ constexpr long kSettledSeconds = 60;
 
 std::string Size(std::int64_t bytes) {
   return std::to_string(bytes) + " bytes";
+}
+
+// Takes the prefix and the number behind it off the front of a text; nothing when they
+// are not there. Only digits are a number.
+std::optional<std::int64_t> TakeNumber(std::string_view& text, std::string_view prefix) {
+  if (text.substr(0, prefix.size()) != prefix) {
+    return std::nullopt;
+  }
+  text.remove_prefix(prefix.size());
+  std::uint64_t number = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+  if (error != std::errc() || number > INT64_MAX) {
+    return std::nullopt;
+  }
+  text.remove_prefix(static_cast<std::size_t>(end - text.data()));
+  return static_cast<std::int64_t>(number);
+}
+
+struct ContentRange {
+  std::int64_t first;
+  std::int64_t last;
+  std::int64_t total;
+};
+
+std::optional<ContentRange> ParseContentRange(std::string_view text) {
+  const auto first = TakeNumber(text, "bytes ");
+  const auto last = TakeNumber(text, "-");
+  const auto total = TakeNumber(text, "/");
+  if (!first || !last || !total || !text.empty()) {
+    return std::nullopt;
+  }
+  return ContentRange{*first, *last, *total};
 }
 
 // What an If-Range header may have; empty when the server gave nothing reliable.
@@ -75,15 +109,14 @@ class ImageReceiver : public Receiver {
       throw Failure(Reason::kProtocol,
                     "The server sent a part of the package although all of it was asked for.");
     }
-    std::int64_t first = -1, last = -1, total = -1;
-    char rest = '\0';
-    const int read = std::sscanf(response.contentRange.c_str(), "bytes %" SCNd64 "-%" SCNd64 "/%" SCNd64 "%c",
-                                 &first, &last, &total, &rest);
+    const auto range = ParseContentRange(response.contentRange);
+    const std::int64_t total = image_.origin().total;
+    const bool rightRange =
+        range && range->first == first_ && range->last == total - 1 && range->total == total;
     const bool sameMark = response.etag.empty() || response.etag == image_.origin().validator ||
                           image_.origin().validator[0] != '"';
-    const bool rightLength = response.length == kUnknownLength || response.length == total - first;
-    if (read != 3 || first != first_ || last != total - 1 || total != image_.origin().total || !sameMark ||
-        !rightLength) {
+    const bool rightLength = response.length == kUnknownLength || response.length == total - first_;
+    if (!rightRange || !sameMark || !rightLength) {
       throw OtherFile();
     }
     total_ = total;
@@ -123,7 +156,7 @@ std::string UrlPart(const std::string& url, CURLUPart part) {
       curl_url_get(parsed.get(), part, &text, 0) != CURLUE_OK) {
     return "";
   }
-  const std::string result = text;
+  std::string result = text;
   curl_free(text);
   return result;
 }

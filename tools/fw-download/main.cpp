@@ -24,8 +24,8 @@
 #include "download.h"
 #include "errno-text.h"
 #include "failure.h"
-#include "package-name.h"
 #include "partial-image.h"
+#include "privileged/package-name.h"
 #include "unique-fd.h"
 
 namespace {
@@ -71,7 +71,7 @@ Options ParseOptions(int argc, char** argv) {
       {},
   };
   Options options;
-  for (int found; (found = getopt_long(argc, argv, "h", kLong, nullptr)) != -1;) {
+  for (int found = 0; (found = getopt_long(argc, argv, "h", kLong, nullptr)) != -1;) {
     if (found == 'h') {
       std::fputs(kUsage, stdout);
       options.exitCode = 0;

@@ -12,7 +12,7 @@
 
 #include "errno-text.h"
 #include "failure.h"
-#include "safe-path.h"
+#include "privileged/safe-path.h"
 #include "small-file.h"
 
 namespace fwdownload {
@@ -20,7 +20,7 @@ namespace {
 
 using fwplatform::ErrnoText;
 
-constexpr std::size_t kLargestInfo = 16 * 1024;
+constexpr std::size_t kLargestInfo = std::size_t{16} * 1024;
 // What a power cut can cost, and how often the disk is waited for.
 constexpr std::int64_t kSyncEvery = std::int64_t{4} * 1024 * 1024;
 
@@ -65,16 +65,16 @@ std::string InfoText(const Origin& origin, std::int64_t synced) {
 bool ParseInfo(const std::string& text, Origin& origin, std::int64_t& usable) {
   const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
   Json::Value document;
-  if (!reader->parse(text.data(), text.data() + text.size(), &document, nullptr) || !document.isObject()) {
-    return false;
-  }
   try {
+    if (!reader->parse(text.data(), text.data() + text.size(), &document, nullptr) || !document.isObject()) {
+      return false;
+    }
     origin.url = document["url"].asString();
     origin.validator = document["validator"].asString();
     origin.total = document["total"].asInt64();
     usable = document["boot"].asString() == BootId() ? origin.total : document["synced"].asInt64();
     return usable >= 0;
-  } catch (const Json::Exception&) {  // a member of another type
+  } catch (const Json::Exception&) {  // nested too deeply, or a member of another type
     return false;
   }
 }

@@ -69,7 +69,7 @@ class Exchange {
   void SetUp();
   void AddHeader(const std::string& line);
   void CheckResult(CURLcode result);
-  void CheckLength();
+  void CheckLength() const;
   [[noreturn]] void Fail(CURLcode result);
 
   template <typename Function>
@@ -105,7 +105,7 @@ void Exchange::AddHeader(const std::string& line) {
   if (list == nullptr) {
     throw Failure(Reason::kInternal, "There is no memory.");
   }
-  headers_.release();
+  static_cast<void>(headers_.release());  // the list holds them now
   headers_.reset(list);
 }
 
@@ -289,7 +289,7 @@ void Exchange::Fail(CURLcode result) {
   throw Failure(Reason::kProtocol, "The transfer failed" + details);
 }
 
-void Exchange::CheckLength() {
+void Exchange::CheckLength() const {
   if (response_.length != kUnknownLength && received_ < response_.length) {
     throw Failure(Reason::kIncomplete, "The server stopped after " + Size(received_) + " of the " +
                                            Size(response_.length) + " that it had announced.");

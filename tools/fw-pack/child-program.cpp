@@ -22,7 +22,7 @@ class SpawnActions {
   posix_spawn_file_actions_t* get() { return &actions_; }
 
  private:
-  posix_spawn_file_actions_t actions_;
+  posix_spawn_file_actions_t actions_ = {};
 };
 
 // mksquashfs refuses to be told the time twice.
@@ -43,6 +43,7 @@ pid_t spawn(const std::vector<std::string>& arguments, const char* package, int 
   posix_spawn_file_actions_adddup2(actions.get(), output, STDOUT_FILENO);
   posix_spawn_file_actions_addopen(actions.get(), STDERR_FILENO, "/dev/null", O_WRONLY, 0);
   std::vector<char*> texts;
+  texts.reserve(arguments.size() + 1);
   for (const std::string& argument : arguments) {
     texts.push_back(const_cast<char*>(argument.c_str()));  // the child gets a copy
   }

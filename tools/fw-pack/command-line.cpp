@@ -97,7 +97,7 @@ void declareEmp(CLI::App& app, Options& options) {
   addName(app, options, "--id", "Package identifier, such as tunerempfw");
   addVersion(app, options, longestVersion);
   addExpectedTime(app, options);
-  addOutput(app, options, "Default: identifier and .img, in the current directory");
+  addOutput(app, options, "Default: identifier and .img, in this directory");
 }
 
 void declareUsb(CLI::App& app, Options& options) {
@@ -130,7 +130,7 @@ void declareVerify(CLI::App& app, Options& options) {
 }
 
 void declareInspect(CLI::App& app, Options& options) {
-  addInput(app, options, "FILE", "An image, an info.json, a directory of both, or a package");
+  addInput(app, options, "FILE", "An image, info.json, directory of both, or package");
   app.add_option("--key-file", options.keyFile, "Look into a USB package with this key")->type_name("FILE");
   addPublicKeys(app, options);
   addJson(app, options);
@@ -139,13 +139,17 @@ void declareInspect(CLI::App& app, Options& options) {
 constexpr Command commands[] = {
     {"info", "Write the info.json of an image", "fw-pack info tuner.bin --version 2.0.0 --expected-time 30",
      declareInfo, runInfo},
-    {"image", "Lay out an image with its info.json as an update finds it",
-     "fw-pack image tuner.bin --type sbox --name tunerfw --version 2.0.0 --expected-time 30 --into sbox",
+    {"image", "Lay out an image with its info.json for updates",
+     "fw-pack image tuner.bin --type sbox --name tunerfw --version 2.0.0 \\\n"
+     "           --expected-time 30 --into sbox",
      declareImage, runImage},
-    {"emp", "Make an extension package image; same input, same bytes",
-     "fw-pack emp tuner.bin --id tunerempfw --version 2.0.0 --expected-time 30", declareEmp, runEmp},
+    {"emp", "Make an extension package image, reproducibly",
+     "fw-pack emp tuner.bin --id tunerempfw --version 2.0.0 \\\n"
+     "           --expected-time 30",
+     declareEmp, runEmp},
     {"usb", "Make an encrypted, signed USB package",
-     "fw-pack usb tuner.bin --version 2.0.0 --key-file package.key --signing-key maker.key -o tunerfw.bin",
+     "fw-pack usb tuner.bin --version 2.0.0 --key-file package.key \\\n"
+     "           --signing-key maker.key -o tunerfw.bin",
      declareUsb, runUsb},
     {"keygen", "Make a key", "fw-pack keygen ed25519 maker.key", declareKeygen, runKeygen},
     {"verify", "Check the signature of a USB package",

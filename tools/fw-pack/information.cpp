@@ -26,11 +26,24 @@ std::string toText(const Information& information) {
   return Json::writeString(builder, document) + "\n";
 }
 
-std::optional<Information> parseInformation(const std::string& text) {
+namespace {
+
+// The parser throws at what is nested too deeply.
+bool parse(const std::string& text, Json::Value& document) {
   const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
+  try {
+    return reader->parse(text.data(), text.data() + text.size(), &document, nullptr);
+  } catch (const Json::Exception&) {
+    return false;
+  }
+}
+
+}  // namespace
+
+std::optional<Information> parseInformation(const std::string& text) {
   Json::Value document;
-  if (!reader->parse(text.data(), text.data() + text.size(), &document, nullptr) || !document.isObject() ||
-      !document["version"].isString() || !document["crc"].isUInt() || !document["expected_time"].isUInt()) {
+  if (!parse(text, document) || !document.isObject() || !document["version"].isString() ||
+      !document["crc"].isUInt() || !document["expected_time"].isUInt()) {
     return std::nullopt;
   }
   return Information{document["version"].asString(), document["crc"].asUInt(),

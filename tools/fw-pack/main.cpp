@@ -16,12 +16,12 @@ ExitCode report(ExitCode code, const std::exception& error) {
 }
 
 ExitCode perform(int argc, char** argv) {
-  const auto parsed = fwpack::parseCommandLine(argc, argv);
-  if (const auto* ended = std::get_if<ExitCode>(&parsed)) {
-    return *ended;
-  }
-  const auto& options = std::get<fwpack::Options>(parsed);
   try {
+    const auto parsed = fwpack::parseCommandLine(argc, argv);
+    if (const auto* ended = std::get_if<ExitCode>(&parsed)) {
+      return *ended;
+    }
+    const auto& options = std::get<fwpack::Options>(parsed);
     return options.command->run(options);
   } catch (const fwpack::Failure& failure) {
     return report(failure.code(), failure);

@@ -11,18 +11,21 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <optional>
 #include <string>
+#include <string_view>
+#include <system_error>
 #include <utility>
 
 #include "dlog.h"
 #include "errno-text.h"
-#include "privileged-protocol.h"
-#include "privileged-server.h"
+#include "privileged/privileged-protocol.h"
+#include "privileged/privileged-server.h"
 #include "unique-fd.h"
 
 namespace {
@@ -57,7 +60,7 @@ Options ParseOptions(int argc, char** argv) {
       {},
   };
   Options options;
-  for (int found; (found = getopt_long(argc, argv, "h", kLong, nullptr)) != -1;) {
+  for (int found = 0; (found = getopt_long(argc, argv, "h", kLong, nullptr)) != -1;) {
     if (found == 'g') {
       options.group = optarg;
     } else if (found == 'h') {
@@ -93,12 +96,19 @@ bool FindGroup(const std::optional<std::string>& name, std::optional<gid_t>& gro
   return !name || Fail("there is no group \"" + *name + "\"");
 }
 
+// 0 for what is no number.
+int NumberIn(std::string_view text) {
+  int number = 0;
+  const auto parsed = std::from_chars(text.data(), text.data() + text.size(), number);
+  return parsed.ec == std::errc() && parsed.ptr == text.data() + text.size() ? number : 0;
+}
+
 // The variables of the service manager are for this process alone.
 int HandedOverSockets() {
   const char* pid = std::getenv("LISTEN_PID");
   const char* count = std::getenv("LISTEN_FDS");
   const bool forThisProcess = pid != nullptr && std::to_string(getpid()) == pid;
-  const int sockets = forThisProcess && count != nullptr ? std::atoi(count) : 0;
+  const int sockets = forThisProcess && count != nullptr ? NumberIn(count) : 0;
   unsetenv("LISTEN_PID");
   unsetenv("LISTEN_FDS");
   unsetenv("LISTEN_FDNAMES");
@@ -192,9 +202,14 @@ int Serve(const Options& options) {
     return kExitFailure;
   }
   const UniqueFd stop = StopSignals();
+  if (!stop) {  // it could not be asked to end
+    Fail("waiting for signals: " + ErrnoText(errno));
+    return kExitFailure;
+  }
   __dlog_print(2, DLOG_INFO_PRIORITY, "FWUPDATE", "privileged: serving root%s",
                group ? (" and group " + std::to_string(*group)).c_str() : "");
-  const bool ended = fwplatform::PrivilegedServer(std::move(listener), group).Run(stop.get());
+  fwplatform::PrivilegedServer server(std::move(listener), group);
+  const bool ended = server.Run(stop.get()) || Fail("waiting for requests: " + ErrnoText(errno));
   if (handedOver == 0) {
     unlink(kPrivilegedSocketPath);
   }

@@ -7,28 +7,12 @@
 
 #include "commands.h"
 #include "export-format.h"
+#include "short-help.h"
 #include "time-text.h"
-#include "trace-settings.h"
+#include "trace/trace-settings.h"
 
 namespace tracetool {
 namespace {
-
-// Everything on one screen: no headings, no blank lines.
-class ShortHelp : public CLI::Formatter {
- public:
-  ShortHelp() { column_width(24); }
-  std::string make_group(std::string, bool positional,
-                         std::vector<const CLI::Option*> options) const override {
-    std::string lines;
-    for (const CLI::Option* option : options)
-      lines += make_option(option, positional);
-    return lines;
-  }
-  std::string make_option_opts(const CLI::Option* option) const override {
-    return option->get_type_name().empty() ? "" : " " + option->get_type_name();
-  }
-  std::string make_footer(const CLI::App* app) const override { return app->get_footer(); }
-};
 
 constexpr const char* exitCodes =
     "Exit codes:\n"
@@ -47,8 +31,7 @@ void addFilters(CLI::App& app, Options& options) {
   app.add_option("--module", options.module, "Only messages that name this module or its firmware")
       ->type_name("NAME");
   app.add_option("--function", options.function, "Only messages of this function")->type_name("NAME");
-  addTime(app, "--since", options.since,
-          "Only from this time on: 14:03:07.5 or with the day before it, 2026-01-31T14:03");
+  addTime(app, "--since", options.since, "Only from then on: 14:03:07.5 or 2026-01-31T14:03");
   addTime(app, "--until", options.until, "Only up to this time");
 }
 
@@ -100,7 +83,7 @@ std::variant<Options, Ended> parseCommandLine(int argc, const char* const* argv)
   Options options;
   options.directory = defaultDirectory();
   CLI::App app("Shows what firmware updates did, from the traces that processes leave.", "fw-trace");
-  app.formatter(std::make_shared<ShortHelp>());
+  app.formatter(std::make_shared<tool::ShortHelp>(24));
   app.set_version_flag("--version", "fw-trace " FW_TRACE_VERSION);
   app.require_subcommand(1);
   app.footer("The traces are in " + options.directory +

@@ -17,12 +17,12 @@ inline constexpr Command commands[] = {
     {"list", "List the traces: which process, when, alive or dead", TakesNothing, "fw-trace list", runList},
     {"show", "Show the messages in time order over all threads", TakesFilters,
      "fw-trace show --module libtuner --since 14:03", runShow},
-    {"follow", "Show the messages, then those that come, until interrupted", TakesFilters, "fw-trace follow",
+    {"follow", "Show the messages, then those that come, until Ctrl-C", TakesFilters, "fw-trace follow",
      runFollow},
     {"export", "Write the timeline for another program", TakesFormat,
      "fw-trace export --format perfetto -o trace.json", runExport},
-    {"summary", "Show per module: attempts, results and where the time went", TakesNothing,
-     "fw-trace summary", runSummary},
+    {"summary", "Show per module: attempts, results, where the time went", TakesNothing, "fw-trace summary",
+     runSummary},
 };
 
 }  // namespace tracetool

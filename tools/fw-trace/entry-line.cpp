@@ -2,7 +2,7 @@
 
 #include <unistd.h>
 
-#include "log-text.h"
+#include "log/log-text.h"
 #include "terminal.h"
 #include "time-text.h"
 
@@ -46,8 +46,9 @@ std::string lineOf(const Entry& entry) {
 
 Json::Value jsonOf(const Entry& entry) {
   const Message& message = entry.message;
+  const std::int64_t microseconds = message.time / 1000;
   Json::Value value;
-  value["time"] = static_cast<double>(message.time / 1000) / 1e6;
+  value["time"] = static_cast<double>(microseconds) / 1e6;
   value["nanoseconds"] = Json::Int64{message.time};
   value["processId"] = entry.file->trace.processId;
   value["threadId"] = message.threadId;

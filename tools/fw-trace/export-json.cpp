@@ -3,7 +3,7 @@
 #include <set>
 
 #include "entry-line.h"
-#include "log-text.h"
+#include "log/log-text.h"
 #include "text-layout.h"
 
 namespace tracetool {

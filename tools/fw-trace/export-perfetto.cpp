@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <set>
 
-#include "log-text.h"
+#include "log/log-text.h"
 #include "text-layout.h"
 
 namespace tracetool {

@@ -4,7 +4,7 @@
 #include <cstring>
 #include <string_view>
 
-#include "trace-format.h"
+#include "trace/trace-format.h"
 
 namespace tracetool {
 namespace {
@@ -30,7 +30,7 @@ Value takeText(std::string_view& payload, bool& whole) {
     more = (byte & 0x80) != 0;
   }
   whole = whole && !more && length <= payload.size();
-  const Value value{Value::Kind::Text, 0, std::string(payload.substr(0, length))};
+  Value value{Value::Kind::Text, 0, std::string(payload.substr(0, length))};
   payload.remove_prefix(value.text.size());
   return value;
 }
@@ -149,10 +149,10 @@ std::string render(const std::string& format, const std::vector<Value>& values) 
   std::string text;
   std::size_t used = 0;
   std::size_t at = 0;
-  for (std::size_t percent = all.find('%'); percent != all.npos; percent = all.find('%', at)) {
+  for (std::size_t percent = all.find('%'); percent != std::string_view::npos; percent = all.find('%', at)) {
     text += all.substr(at, percent - at);
     const std::size_t letter = all.find_first_not_of("-+ #0123456789.hl", percent + 1);
-    if (letter == all.npos)
+    if (letter == std::string_view::npos)
       return text.append(all.substr(percent));
     if (all[letter] == '%')
       text += '%';

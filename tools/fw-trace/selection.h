@@ -22,7 +22,7 @@ Selection selectTraces(const Options& options);
 
 // One message of one of the traces.
 struct Entry {
-  const TraceFile* file;
+  const TraceFile* file = nullptr;
   Message message;
 };
 

@@ -83,7 +83,7 @@ const Walk::Step Walk::steps[] = {
 };
 
 void Walk::take(const Message& message) {
-  const auto step = std::find_if(std::begin(steps), std::end(steps), [&message](const Step& known) {
+  const auto* const step = std::find_if(std::begin(steps), std::end(steps), [&message](const Step& known) {
     return message.format == known.format && message.values.size() == known.values;
   });
   if (step != std::end(steps))

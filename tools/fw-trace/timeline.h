@@ -30,8 +30,8 @@ const char* nameOf(Stage stage);
 
 // A stage ran on this thread.
 struct StageSpan {
-  Stage stage;
-  std::uint32_t threadId;
+  Stage stage = Stage::Check;
+  std::uint32_t threadId = 0;
   Span span;
 };
 

@@ -5,7 +5,7 @@
 #include <optional>
 #include <type_traits>
 
-#include "trace-format.h"
+#include "trace/trace-format.h"
 
 namespace tracetool {
 namespace {
@@ -21,7 +21,7 @@ std::optional<Value> valueAt(std::string_view bytes, std::uint64_t offset) {
   static_assert(std::is_trivially_copyable_v<Value>);
   if (offset > bytes.size() || bytes.size() - offset < sizeof(Value))
     return std::nullopt;
-  Value value;
+  Value value = {};
   std::memcpy(&value, bytes.data() + offset, sizeof value);
   return value;
 }
@@ -30,7 +30,7 @@ void note(Trace& trace, const std::string& text) {
   if (trace.skipped.size() < maximumNotes)
     trace.skipped.push_back(text);
   else if (trace.skipped.size() == maximumNotes)
-    trace.skipped.push_back("and more");
+    trace.skipped.emplace_back("and more");
 }
 
 std::string atByte(std::uint64_t offset) {
@@ -59,7 +59,7 @@ class EntryReader {
   std::string text() {
     const std::size_t length = number<std::uint16_t>();
     whole = whole && length <= rest.size();
-    const std::string result(rest.substr(0, length));
+    std::string result(rest.substr(0, length));
     rest.remove_prefix(std::min(length, rest.size()));
     return result;
   }

@@ -10,8 +10,8 @@
 #include <filesystem>
 #include <optional>
 
-#include "trace-directory.h"
-#include "trace-format.h"
+#include "trace/trace-directory.h"
+#include "trace/trace-format.h"
 #include "unique-fd.h"
 
 namespace tracetool {
@@ -37,7 +37,7 @@ std::size_t readAt(int fd, char* to, std::size_t size, std::uint64_t offset) {
 }
 
 std::optional<ChunkHeader> chunkAt(int fd, std::uint64_t offset) {
-  ChunkHeader chunk;
+  ChunkHeader chunk = {};
   if (readAt(fd, reinterpret_cast<char*>(&chunk), sizeof chunk, offset) != sizeof chunk)
     return std::nullopt;
   return chunk;

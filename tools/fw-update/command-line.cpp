@@ -7,35 +7,17 @@
 #include <memory>
 
 #include "commands.h"
+#include "short-help.h"
 
 namespace tool {
 namespace {
 
 constexpr std::size_t maximumData = 127;
 
-// Everything on one screen: no headings, no blank lines.
-class ShortHelp : public CLI::Formatter {
- public:
-  ShortHelp() { column_width(22); }
-  std::string make_group(std::string, bool positional,
-                         std::vector<const CLI::Option*> options) const override {
-    std::string lines;
-    for (const CLI::Option* option : options)
-      lines += make_option(option, positional);
-    return lines;
-  }
-  std::string make_option_opts(const CLI::Option* option) const override {
-    return option->get_type_name().empty() ? "" : " " + option->get_type_name();
-  }
-  std::string make_footer(const CLI::App* app) const override { return app->get_footer(); }
-};
-
 constexpr const char* exitCodes =
-    "Exit codes:\n"
-    "  0 updated, or answered   1 unexpected error   2 usage     3 nothing to do\n"
-    "  4 no such module         5 refused image      6 module failed\n"
-    "  7 timed out              8 not permitted      9 a module is broken\n"
-    "  10 the modules' directory cannot be read   11 download failed\n";
+    "Exit codes:  0 updated or answered  1 unexpected error  2 usage  3 nothing to do\n"
+    "  4 no such module  5 refused image  6 module failed  7 timed out  8 not allowed\n"
+    "  9 bad module  10 no modules  11 no download  12 lock taken  13 crash  14 hang\n";
 
 std::string callerLines() {
   std::string lines = "Callers, and where their images come from:\n";
@@ -76,6 +58,13 @@ void addPackageOptions(CLI::App& app, Options& options) {
       ->type_name("FILE");
 }
 
+std::string summaryOfGroup(const std::string& name) {
+  for (const CommandGroup& group : commandGroups)
+    if (name == group.name)
+      return group.summary;
+  return "";
+}
+
 // A command's name may begin with that of its group.
 CLI::App* addSubcommand(CLI::App& app, const Command& command) {
   const std::string name = command.name;
@@ -85,7 +74,7 @@ CLI::App* addSubcommand(CLI::App& app, const Command& command) {
   const std::string group = name.substr(0, blank);
   auto parents = app.get_subcommands([&](const CLI::App* sub) { return sub->get_name() == group; });
   if (parents.empty()) {
-    parents.push_back(app.add_subcommand(group, "Encrypted packages on a USB drive: estimate, apply"));
+    parents.push_back(app.add_subcommand(group, summaryOfGroup(group)));
     parents.front()->require_subcommand(1);
   }
   return parents.front()->add_subcommand(name.substr(blank + 1), command.summary);
@@ -103,6 +92,15 @@ void checkDownloadOptions(const Options& options) {
     throw CLI::ValidationError("which module? Name it, or use --all");
   if (options.ndjson && !options.wait)
     throw CLI::ValidationError("--progress needs --wait");
+}
+
+void addIsolationOptions(CLI::App& app, Options& options) {
+  CLI::Option* isolated =
+      app.add_flag("--isolated", options.isolated, "In a child process, watched for crashes and hangs");
+  app.add_option("--patience", options.patience, "How long a silent module is waited for; default: 120")
+      ->check(CLI::Range(1U, 86400U))
+      ->needs(isolated)
+      ->type_name("SECONDS");
 }
 
 void addCommand(CLI::App& app, const Command& command, Options& options) {
@@ -128,6 +126,11 @@ void addCommand(CLI::App& app, const Command& command, Options& options) {
         ->type_name("ndjson");
   if (command.accepts(AcceptsDryRun))
     sub->add_flag("--dry-run", options.dryRun, "Say what would run and for how long; change nothing");
+  if (command.accepts(AcceptsIsolated))
+    addIsolationOptions(*sub, options);
+  if (command.accepts(AcceptsIgnoreHidden))
+    sub->add_flag("--ignore-hidden", options.ignoreHidden,
+                  "Processes that cannot be looked at do not use the lock");
   addOutputOptions(*sub, options);
   sub->callback([&options, &command, sub] {
     options.command = &command;
@@ -177,7 +180,7 @@ Report usageError(const CLI::App& app, const CLI::ParseError& error, const std::
 std::variant<Options, Ended> parseCommandLine(int argc, const char* const* argv) {
   Options options;
   CLI::App app("Updates the firmware of this device's add-on components.", "fw-update");
-  app.formatter(std::make_shared<ShortHelp>());
+  app.formatter(std::make_shared<ShortHelp>(22));
   app.set_version_flag("--version", "fw-update " FW_UPDATE_VERSION);
   app.require_subcommand(1);
   app.footer(std::string("Each command explains itself: fw-update update --help\n") + exitCodes);

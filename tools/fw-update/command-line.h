@@ -28,6 +28,9 @@ struct Options {
   std::vector<std::string> modules;  // download
   bool allModules = false;           // download
   bool wait = false;                 // download
+  bool ignoreHidden = false;         // lock recover
+  bool isolated = false;
+  unsigned int patience = 120;  // seconds; isolated
 
   // The text that reaches the module.
   std::string requestData() const { return caller->fixedData != nullptr ? caller->fixedData : data; }
@@ -41,7 +44,9 @@ enum Accepts : unsigned {
   AcceptsProgress = 4,   // --progress
   AcceptsDryRun = 8,     // --dry-run
   AcceptsPackages = 16,  // DIR and --key-file
-  AcceptsModules = 32    // NAME... or --all, and --wait
+  AcceptsModules = 32,   // NAME... or --all, and --wait
+  AcceptsIgnoreHidden = 64,
+  AcceptsIsolated = 128  // --isolated and --patience
 };
 
 struct Command {

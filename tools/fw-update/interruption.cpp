@@ -59,8 +59,8 @@ void leaveUpdate(const LogMessages& all) {
   if (findMessage(messages, text::updateTry) != nullptr)
     releaseUpdateLock();
   else if (findMessage(messages, text::updateTime) != nullptr)
-    std::cerr << "fw-update: Another update held the lock. If none runs, it was left behind; remove\n"
-                 "/dev/shm/sem.SEM_UPDATE_CONTROL."
+    std::cerr << "fw-update: Another update held the lock. If none runs, it was left behind; give it back:\n"
+                 "fw-update lock recover"
               << std::endl;
 }
 

@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "dlog.h"
+#include "watched.h"
 
 namespace tool {
 namespace {
@@ -100,6 +101,7 @@ LibraryLog& LibraryLog::instance() {
 
 void LibraryLog::add(LogMessage message) {
   const std::lock_guard lock(mutex);
+  watched::tell(message);
   messages.push_back(std::move(message));
 }
 

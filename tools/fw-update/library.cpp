@@ -1,15 +1,19 @@
 #include "library.h"
 
+#include <dlfcn.h>
+
 #include <algorithm>
 #include <array>
 #include <cctype>
 #include <exception>
 #include <filesystem>
+#include <memory>
 #include <system_error>
 
 #include "fw-update-symbol.h"
 #include "library-log.h"
 #include "log-meanings.h"
+#include "watched.h"
 
 namespace tool {
 namespace {
@@ -42,6 +46,16 @@ Finding unknownModule(const Library& library, const std::string& name) {
                         : "Installed are: " + known + "."};
 }
 
+std::vector<std::string> moduleNames() {
+  std::vector<std::string> names;
+  std::error_code error;
+  for (auto entry = std::filesystem::directory_iterator(controlsDirectory, error);
+       !error && entry != std::filesystem::directory_iterator(); entry.increment(error))
+    if (entry->path().extension() == ".so")
+      names.push_back(entry->path().stem().string());
+  return names;
+}
+
 // Only a failed scan is a problem of the whole library.
 std::optional<Finding> scanProblem(const LogMessages& messages) {
   if (findMessage(messages, "File System Exception: %s ") == nullptr)
@@ -49,11 +63,35 @@ std::optional<Finding> scanProblem(const LogMessages& messages) {
   return strongestMeaning(messages, "");
 }
 
+// For a watcher, all modules are loaded one by one first: which one it is that crashes
+// would not be known while the facade loads them. They stay loaded meanwhile, so that
+// none begins twice.
+class LoadedModules {
+ public:
+  LoadedModules() {
+    if (!watched::isWatched())
+      return;
+    for (const std::string& name : moduleNames()) {
+      watched::tellStep(Step::Load, name);
+      handles.emplace_back(dlopen((controlsDirectory + ("/" + name + ".so")).c_str(), RTLD_NOW));
+      watched::tellStep(Step::Load, name, inspectModule(name).firmwareName);
+    }
+    watched::tellStep(Step::Start, "");
+  }
+
+ private:
+  struct Close {
+    void operator()(void* library) const { dlclose(library); }
+  };
+  std::vector<std::unique_ptr<void, Close>> handles;
+};
+
 }  // namespace
 
 Library openLibrary() {
   Library library;
-  LibraryLog& log = LibraryLog::instance();
+  const LoadedModules loaded;
+  const LibraryLog& log = LibraryLog::instance();
   const std::size_t mark = log.mark();
   try {
     library.facade = FWUpdateContorl::getInstance();
@@ -92,9 +130,10 @@ std::optional<Finding> bindingProblem(const Library& library, const std::string&
 
 ModuleFile inspectModule(const std::string& name) {
   ModuleFile file{name, "", "", std::nullopt};
-  LibraryLog& log = LibraryLog::instance();
+  const LibraryLog& log = LibraryLog::instance();
   const std::size_t mark = log.mark();
   FWUpdateSymbol module(name);
+  watched::tellStep(Step::Load, name);
   if (module.loadSymbol(name) != 0) {
     file.problem = strongestMeaning(log.since(mark), name);
     if (!file.problem)  // the library says nothing of a path that leads nowhere
@@ -104,6 +143,7 @@ ModuleFile inspectModule(const std::string& name) {
     return file;
   }
   file.firmwareName = module.getFirmwareName();
+  watched::tellStep(Step::Version, name, file.firmwareName);
   try {
     std::array<char, 128> version{};
     module.getActiveVersion(version.data());
@@ -118,11 +158,8 @@ ModuleFile inspectModule(const std::string& name) {
 
 std::vector<ModuleFile> inspectModules() {
   std::vector<ModuleFile> files;
-  std::error_code error;
-  for (auto entry = std::filesystem::directory_iterator(controlsDirectory, error);
-       !error && entry != std::filesystem::directory_iterator(); entry.increment(error))
-    if (entry->path().extension() == ".so")
-      files.push_back(inspectModule(entry->path().stem().string()));
+  for (const std::string& name : moduleNames())
+    files.push_back(inspectModule(name));
   return files;
 }
 

@@ -2,44 +2,59 @@
 // report out and exits with the report's code.
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdlib>
 #include <exception>
 #include <iostream>
+#include <new>
+#include <string>
+#include <system_error>
 #include <variant>
 
 #include "command-line.h"
+#include "isolation.h"
 #include "library-log.h"
 #include "report.h"
 #include "run-note.h"
 #include "terminal.h"
+#include "watched.h"
 
 namespace {
 
 using namespace tool;
 
+Report unexpected(const Options& options, const std::string& message, const char* remedy) {
+  Report report;
+  report.command = options.command->name;
+  report.finding = {Outcome::Unexpected, message, remedy};
+  return report;
+}
+
 Report run(const Options& options) {
+  constexpr const char* noRoom = "Try again when the device has more memory free.";
   try {
     return options.command->run(options);
+  } catch (const std::bad_alloc&) {
+    return unexpected(options, "The device has no memory left for this command.", noRoom);
+  } catch (const std::system_error& error) {
+    return unexpected(options, std::string("The command could not be carried out: ") + error.what() + ".",
+                      noRoom);
   } catch (const std::exception& error) {
-    Report report;
-    report.command = options.command->name;
-    report.finding = {Outcome::Unexpected, std::string("Unexpected error: ") + error.what(),
-                      "See the log (--log)."};
-    return report;
+    return unexpected(options, std::string("Unexpected error: ") + error.what(), "See the log (--log).");
   }
 }
 
-Json::Value document(const Report& report, const Options& options) {
-  return options.log ? toJson(report, LibraryLog::instance().since(0)) : toJson(report);
+Json::Value document(const Report& report, const Options& options, const LogMessages& log) {
+  return options.log ? toJson(report, log) : toJson(report);
 }
 
-void put(const Report& report, const Options& options) {
+void put(const Report& report, const Options& options, const LogMessages& log) {
   if (options.ndjson) {
-    Json::Value line = document(report, options);
+    Json::Value line = document(report, options, log);
     line["event"] = "result";
     std::cout << onOneLine(line) << std::flush;
   } else if (options.json) {
-    std::cout << indented(document(report, options)) << std::flush;
+    std::cout << indented(document(report, options, log)) << std::flush;
   } else {
     printText(report);
   }
@@ -62,8 +77,38 @@ int usage(const Ended& ended) {
     return 0;
   Options output;
   output.json = ended.json;
-  put(*ended.usageError, output);
+  put(*ended.usageError, output, {});
   return infoOf(Outcome::Usage).exitCode;
+}
+
+// In this process.
+int runHere(const Options& options) {
+  const auto interrupted = takeInterruptedRun();
+  if (interrupted && !options.json && !options.ndjson)
+    tell(*interrupted);
+  Report report = run(options);
+  if (interrupted)
+    addTo(report, *interrupted);
+  put(report, options, LibraryLog::instance().since(0));
+  const int code = std::cout.good() ? infoOf(report.finding.outcome).exitCode : 1;
+  watched::tell(ResultTold{code});
+  // Nothing is torn down under a module that still runs.
+  if (report.moduleRuns)
+    std::_Exit(code);
+  return code;
+}
+
+// In a child process.
+int runThere(char** arguments, const Options& options) {
+  const IsolatedEnd end = runIsolated(arguments, options);
+  if (end.signal != 0) {
+    std::signal(end.signal, SIG_DFL);
+    kill(getpid(), end.signal);
+  }
+  if (!end.report)
+    return end.exitCode;
+  put(*end.report, options, end.log);
+  return std::cout.good() ? infoOf(end.report->finding.outcome).exitCode : 1;
 }
 
 }  // namespace
@@ -75,16 +120,6 @@ int main(int argc, char** argv) {
   const auto& options = std::get<Options>(parsed);
   if (options.log)
     setenv("FW_UPDATE_LOG", "stderr", 1);
-  const auto interrupted = takeInterruptedRun();
-  if (interrupted && !options.json && !options.ndjson)
-    tell(*interrupted);
-  Report report = run(options);
-  if (interrupted)
-    addTo(report, *interrupted);
-  put(report, options);
-  const int code = std::cout.good() ? infoOf(report.finding.outcome).exitCode : 1;
-  // Nothing is torn down under a module that still runs.
-  if (report.moduleRuns)
-    std::_Exit(code);
-  return code;
+  const bool isChild = watched::begin();
+  return options.isolated && !isChild ? runThere(argv, options) : runHere(options);
 }

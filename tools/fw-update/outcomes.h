@@ -23,6 +23,9 @@ enum class Outcome {
   AlreadyRunning,
   Stopped,
   DownloadFailed,
+  LockInUse,
+  ModuleCrashed,
+  ModuleHung,
 };
 
 struct OutcomeInfo {
@@ -47,6 +50,9 @@ inline constexpr OutcomeInfo outcomeTable[] = {
     {Outcome::AlreadyRunning, "already-running", 1},
     {Outcome::Stopped, "stopped", 1},
     {Outcome::DownloadFailed, "download-failed", 11},
+    {Outcome::LockInUse, "lock-in-use", 12},
+    {Outcome::ModuleCrashed, "module-crashed", 13},
+    {Outcome::ModuleHung, "module-hung", 14},
 };
 
 constexpr const OutcomeInfo& infoOf(Outcome outcome) {

@@ -2,9 +2,11 @@
 
 #include <chrono>
 #include <exception>
+#include <system_error>
 #include <thread>
 
 #include "fw-update-symbol-manager.h"
+#include "watched.h"
 
 namespace tool {
 namespace {
@@ -12,8 +14,17 @@ namespace {
 constexpr std::chrono::milliseconds interval{100};
 constexpr std::chrono::milliseconds patience{500};
 
+// Tells a watcher whose turn it is, should the module crash.
+struct Asking {
+  Asking() { watched::tell(ProgressTold{true}); }
+  ~Asking() { watched::tell(ProgressTold{false}); }
+  Asking(const Asking&) = delete;
+  Asking& operator=(const Asking&) = delete;
+};
+
 // Not the facade's query: that one logs each time.
 std::optional<unsigned int> ask(const std::string& module) {
+  const Asking told;
   unsigned int percent = 0;
   try {
     if (FWUpdateSymbolManager::getInstance()->getFirmwareUpdateProgress(module, &percent) == 0)
@@ -26,17 +37,22 @@ std::optional<unsigned int> ask(const std::string& module) {
 
 }  // namespace
 
+// An update goes on without progress when the device has no room for the thread.
 ProgressPoller::ProgressPoller(const std::string& module) : state(std::make_shared<State>()) {
-  std::thread([shared = state, module] { poll(shared, module); }).detach();
+  try {
+    std::thread([shared = state, module] { poll(shared, module); }).detach();
+  } catch (const std::system_error&) {
+    state->ended = true;
+  }
 }
 
 void ProgressPoller::poll(const std::shared_ptr<State>& state, const std::string& module) {
   std::unique_lock lock(state->mutex);
   while (!state->stopping) {
     lock.unlock();
-    const auto percent = ask(module);
+    const auto answer = ask(module);
     lock.lock();
-    state->percent = percent;
+    state->percent = answer;
     state->changed.wait_for(lock, interval, [&] { return state->stopping; });
   }
   state->ended = true;

@@ -4,16 +4,16 @@
 #include <json/reader.h>
 #include <json/value.h>
 #include <json/writer.h>
-#include <semaphore.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <exception>
 #include <memory>
 #include <utility>
 
-#include "fw-update-common.h"
+#include "update-lock.h"
 
 namespace tool {
 namespace {
@@ -72,13 +72,8 @@ Json::Value parseNote(const std::string& text) {
 
 // An update that was killed cannot have given it back.
 bool updateLockIsTaken() {
-  sem_t* const semaphore = sem_open(semName, 0);
-  if (semaphore == SEM_FAILED)
-    return false;
-  int value = 1;
-  sem_getvalue(semaphore, &value);
-  sem_close(semaphore);
-  return value == 0;
+  const UpdateLock lock;
+  return lock.error() == 0 && lock.value() == 0;
 }
 
 Finding describe(const Json::Value& note) {
@@ -96,7 +91,7 @@ Finding describe(const Json::Value& note) {
                                            std::to_string(modules.size()) + ")";
   finding.message += ". Not updated, or not for certain: " + left + ".";
   if (updateLockIsTaken())
-    finding.remedy = "If no other update runs, remove /dev/shm/sem.SEM_UPDATE_CONTROL, which it left taken. ";
+    finding.remedy = "It may have left the update lock taken; give it back: fw-update lock recover. ";
   finding.remedy += "Run it again, it takes up what is left: fw-update update-all";
   if (!current.empty())
     finding.remedy += ". Check the version with: fw-update info " + current;
@@ -116,7 +111,10 @@ RunNote::RunNote(std::vector<std::string> names) : libraries(std::move(names)) {
     write(0);
 }
 
+// An exception that ends the command is told by the command itself.
 RunNote::~RunNote() {
+  if (std::uncaught_exceptions() > exceptionsBefore)
+    finished();
   if (lock >= 0)
     close(lock);
   if (directory >= 0)
@@ -147,8 +145,8 @@ void RunNote::write(std::size_t number) const {
   const bool written = writeAll(file, Json::writeString(Json::StreamWriterBuilder(), note));
   close(file);
   // One rename, so that there is a whole note at every moment.
-  if (written)
-    renameat(directory, unfinishedFile, directory, noteFile);
+  if (!written || renameat(directory, unfinishedFile, directory, noteFile) != 0)
+    unlinkat(directory, unfinishedFile, 0);
 }
 
 std::optional<Finding> takeInterruptedRun() {
@@ -163,6 +161,7 @@ std::optional<Finding> takeInterruptedRun() {
     if (note.isObject())
       finding = describe(note);
     unlinkat(directory, noteFile, 0);
+    unlinkat(directory, unfinishedFile, 0);
   }
   for (const int descriptor : {file, lock, directory})
     if (descriptor >= 0)

@@ -5,6 +5,7 @@
 #define FW_UPDATE_TOOL_RUN_NOTE_H
 
 #include <cstddef>
+#include <exception>
 #include <optional>
 #include <string>
 #include <vector>
@@ -32,6 +33,7 @@ class RunNote {
   void write(std::size_t number) const;
 
   const std::vector<std::string> libraries;
+  const int exceptionsBefore = std::uncaught_exceptions();
   int directory = -1;
   int lock = -1;
   bool busy = false;

@@ -11,6 +11,7 @@
 #include "fw-update-symbol.h"
 #include "library-log.h"
 #include "log-meanings.h"
+#include "watched.h"
 
 namespace tool {
 namespace {
@@ -71,6 +72,7 @@ Finding reasonOf(const Library& library, const std::string& module, const LogMes
 PlannedModule ask(const Library& library, const FWUpdateItem& item, bool leaveNoTrace) {
   PlannedModule planned{item.file_name, item.fw_name, item.version, false, 0, {}};
   FWUpdateSymbol record(planned.library);
+  watched::tellStep(Step::Load, planned.library, planned.firmware);
   record.loadSymbol(planned.library);
   const std::size_t mark = LibraryLog::instance().mark();
   {

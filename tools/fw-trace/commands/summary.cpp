@@ -9,7 +9,7 @@
 #include "../selection.h"
 #include "../time-text.h"
 #include "../timeline.h"
-#include "log-text.h"
+#include "log/log-text.h"
 #include "terminal.h"
 #include "text-layout.h"
 

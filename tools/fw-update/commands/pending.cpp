@@ -97,7 +97,7 @@ Report runPending(const Options& options) {
     return report;
   }
 
-  LibraryLog& log = LibraryLog::instance();
+  const LibraryLog& log = LibraryLog::instance();
   const std::size_t mark = log.mark();
   std::array<char, 128> data{};
   options.requestData().copy(data.data(), data.size() - 1);

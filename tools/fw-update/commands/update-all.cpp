@@ -18,6 +18,7 @@
 #include "../run-progress.h"
 #include "../run-reporter.h"
 #include "../update-plan.h"
+#include "../watched.h"
 #include "fw-update-symbol-manager.h"
 #include "terminal.h"
 
@@ -135,6 +136,7 @@ Json::Value endedJson(const PlannedModule& module, const Turn& turn, const Findi
 
 // A module that failed may still be busy; only one that is done is asked.
 std::string versionAfter(const Library& library, const std::string& module) {
+  watched::tellStep(Step::Version, module);
   char version[128] = {};
   return library.facade->fw_getVersion(module.c_str(), version) == 0 ? version : "";
 }

@@ -10,6 +10,7 @@
 #include "../log-meanings.h"
 #include "../progress-poller.h"
 #include "../progress-reporter.h"
+#include "../watched.h"
 
 namespace tool {
 namespace {
@@ -23,6 +24,7 @@ double secondsSince(Clock::time_point start) {
 }
 
 std::string activeVersion(const Library& library, const std::string& name) {
+  watched::tellStep(Step::Version, name);
   char version[128] = {};
   return library.facade->fw_getVersion(name.c_str(), version) == 0 ? version : "";
 }
@@ -38,10 +40,15 @@ Finding explainException(const std::exception& error, const LogMessages& message
           "Install a version of the module that fits this device."};
 }
 
+// A module that could not be asked for its version gives none.
+std::string shownVersion(const Json::Value& version) {
+  return version.asString().empty() ? "unknown" : version.asString();
+}
+
 // "Version 1.0.0 -> 2.0.0 in 4.1 s."
 std::string describeChange(const Json::Value& details) {
-  const std::string before = details["versionBefore"].asString();
-  const std::string after = details["versionAfter"].asString();
+  const std::string before = shownVersion(details["versionBefore"]);
+  const std::string after = shownVersion(details["versionAfter"]);
   char seconds[32];
   std::snprintf(seconds, sizeof seconds, "%.1f s.", details["elapsedSeconds"].asDouble());
   if (before == after)
@@ -58,6 +65,7 @@ void requestUpdate(Report& report, const Options& options, FWUpdateContorl& faca
   const std::string data = options.requestData();
   const auto reporter = makeProgressReporter(options);
   reporter->start(options);
+  watched::tellStep(Step::Check, options.module);
   auto result = std::async(std::launch::async, [&] {
     return (facade.*options.caller->update)(options.module.c_str(), data.c_str());
   });

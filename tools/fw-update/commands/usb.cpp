@@ -16,6 +16,7 @@
 #include "../progress-poller.h"
 #include "../progress-reporter.h"
 #include "../usb-packages.h"
+#include "../watched.h"
 #include "fw-update-symbol-manager.h"
 #include "secret-file.h"
 #include "terminal.h"
@@ -243,6 +244,7 @@ void describeResults(const Session& session, Report& report) {
   for (Json::Value& module : report.details["modules"]) {
     const std::string library = module["library"].asString();
     char version[128] = {};
+    watched::tellStep(Step::Version, library);
     if (!report.moduleRuns && session.library.facade->fw_getVersion(library.c_str(), version) == 0)
       module["versionAfter"] = version;
     rows.push_back({library, module["firmware"].asString(), module["version"].asString(), version,

@@ -1,0 +1,111 @@
+// fw-module check: reads the files, has the module inspected and puts the report out.
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+
+#include "commands.h"
+#include "inspection.h"
+#include "module-names.h"
+#include "terminal.h"
+
+namespace fwmodule {
+namespace fs = std::filesystem;
+namespace {
+
+std::string readFile(const std::string& path) {
+  std::error_code unreadable;
+  std::ifstream file(path, std::ios::binary);
+  if (fs::is_directory(path, unreadable))
+    throw Failure(Outcome::NotPossible, path + " cannot be read: it is a directory");
+  if (!file)
+    throw Failure(Outcome::NotPossible, path + " cannot be read: " + std::strerror(errno));
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+Subject subjectOf(const Options& options) {
+  Subject subject;
+  subject.path = options.file;
+  subject.library = fs::path(options.file).stem();
+  subject.extension = isExtensionModule(subject.library);
+  subject.bytes = readFile(options.file);
+  subject.version = options.version;
+  subject.keepVisible = options.keepVisible;
+  if (options.image.empty())
+    return subject;
+  subject.image = readFile(options.image);
+  if (subject.image->empty() || subject.image->size() > INT_MAX)
+    throw Failure(Outcome::NotPossible, options.image + " is no image: it is empty or larger than 2 GiB");
+  return subject;
+}
+
+constexpr char kClearedLine[] = "\r\x1b[K";
+
+// The signal's own action follows when this returns.
+void clearLine(int number) {
+  if (write(STDERR_FILENO, kClearedLine, sizeof kClearedLine - 1) < 0)
+    _exit(1);
+  raise(number);
+}
+
+// One line on a terminal that says what is going on, gone at the end.
+class LiveLine {
+ public:
+  LiveLine() : shown_(tool::isTerminal(STDERR_FILENO)) {
+    struct sigaction action {};
+    action.sa_handler = clearLine;
+    action.sa_flags = static_cast<int>(SA_RESETHAND);
+    for (const int number : {SIGINT, SIGTERM, SIGHUP})
+      if (shown_)
+        sigaction(number, &action, nullptr);
+  }
+  LiveLine(const LiveLine&) = delete;
+  LiveLine& operator=(const LiveLine&) = delete;
+  ~LiveLine() { show(""); }
+
+  void show(const std::string& text) {
+    if (shown_)
+      std::cerr << kClearedLine << text.substr(0, tool::terminalWidth(STDERR_FILENO) - 1) << std::flush;
+  }
+
+ private:
+  const bool shown_;
+};
+
+Report inspectWithLiveLine(const Options& options) {
+  LiveLine line;
+  return inspect(subjectOf(options), options.limit,
+                 [&line](const std::string& what) { line.show("checking: " + what); });
+}
+
+void writeJunit(const Report& report, const std::string& path) {
+  std::ofstream file(path, std::ios::binary | std::ios::trunc);
+  if (!(file << reportJunit(report)).flush())
+    throw Failure(Outcome::NotPossible, path + " cannot be written: " + std::strerror(errno));
+}
+
+}  // namespace
+
+Outcome runCheck(const Options& options) {
+  const std::size_t width = tool::terminalWidth(STDOUT_FILENO);
+  if (options.list) {
+    std::cout << (options.json ? listJson() : listText(width)) << std::flush;
+    return Outcome::Ok;
+  }
+  for (const std::string& kept : options.keepVisible)
+    if (!fs::exists(kept))
+      throw Failure(Outcome::NotPossible, "--keep " + kept + ": there is no such path");
+  const Report report = inspectWithLiveLine(options);
+  if (!options.junit.empty())
+    writeJunit(report, options.junit);
+  std::cout << (options.json ? reportJson(report) : reportText(report, width)) << std::flush;
+  return report.outcome();
+}
+
+}  // namespace fwmodule

@@ -1,0 +1,97 @@
+#include "trial-child.h"
+
+#include <fcntl.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <exception>
+#include <filesystem>
+#include <fstream>
+#include <stdexcept>
+#include <system_error>
+
+#include "device-namespace.h"
+#include "lent-memory.h"
+#include "module-names.h"
+
+namespace fwmodule {
+namespace {
+
+// Signals do in the child what they do in any process that loads a module.
+void resetSignals() {
+  for (const int number : {SIGINT, SIGTERM, SIGHUP})
+    std::signal(number, SIG_DFL);
+}
+
+void redirect(int output) {
+  const int nothing = open("/dev/null", O_RDONLY | O_CLOEXEC);
+  dup2(nothing, STDIN_FILENO);
+  dup2(output, STDOUT_FILENO);
+  dup2(output, STDERR_FILENO);
+  close(nothing);
+}
+
+// No core files of modules that crash on purpose of the check.
+void leaveNoCore() {
+  const rlimit none{};
+  setrlimit(RLIMIT_CORE, &none);
+}
+
+// After the device has been entered, which would undo it.
+void endWithParent(pid_t parent) {
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  if (getppid() != parent)
+    _exit(0);
+}
+
+void enterDevice(const Subject& subject) {
+  std::vector<std::string> visible = subject.keepVisible;
+  visible.push_back(std::filesystem::absolute(subject.path).parent_path());  // libraries that lie beside it
+  sandbox::enterDevice({"", visible});
+}
+
+std::string installModule(const Subject& subject) {
+  const std::string path = ControlsDirectory + subject.library + ".so";
+  std::ofstream file(path, std::ios::binary);
+  if (!file.write(subject.bytes.data(), static_cast<std::streamsize>(subject.bytes.size())).flush())
+    throw std::runtime_error("cannot install the module on the device: " + path);
+  file.close();
+  chmod(path.c_str(), 0755);
+  return path;
+}
+
+void perform(const Trial& trial, const Subject& subject, Transcript& transcript) {
+  const FaultStack stack;
+  const std::string path = installModule(subject);
+  catchFaults(transcript);
+  LoadedModule module(transcript, path, subject.library, subject.broken);
+  if (module.isLoaded())
+    trial.run({subject, transcript, module});
+}
+
+}  // namespace
+
+void runChild(const Trial& trial, const Subject& subject, int pipe, int output, pid_t parent) {
+  static Transcript transcript(pipe);  // still there when the process ends
+  resetSignals();
+  redirect(output);
+  leaveNoCore();
+  try {
+    enterDevice(subject);
+    endWithParent(parent);
+    perform(trial, subject, transcript);
+  } catch (const std::exception& error) {
+    transcript.refused(error.what());
+    _exit(0);
+  }
+  std::fflush(nullptr);
+  transcript.done();
+  _exit(0);
+}
+
+}  // namespace fwmodule

@@ -1,0 +1,56 @@
+// fw-module: writes the projects of update modules, and checks modules against their
+// contract. Parses, runs one command and exits with its outcome's code.
+#include <json/value.h>
+#include <unistd.h>
+
+#include <exception>
+#include <iostream>
+#include <system_error>
+#include <variant>
+
+#include "command-line.h"
+#include "terminal.h"
+#include "text-layout.h"
+
+namespace {
+
+using namespace fwmodule;
+
+int putFailure(Outcome outcome, const std::string& sentence, const std::string& command, bool json) {
+  const OutcomeInfo& info = infoOf(outcome);
+  if (json) {
+    Json::Value document;
+    document["command"] = command;
+    document["ok"] = false;
+    document["outcome"] = info.id;
+    document["exitCode"] = info.exitCode;
+    document["message"] = sentence;
+    std::cout << tool::indented(document) << std::flush;
+  } else {
+    std::cerr << tool::coloured("fw-module: ", tool::Colour::Red, STDERR_FILENO) << sentence << std::endl;
+  }
+  return info.exitCode;
+}
+
+int run(const Options& options) {
+  const std::string command = options.command->name;
+  try {
+    const Outcome outcome = options.command->run(options);
+    return infoOf(std::cout.good() ? outcome : Outcome::Unexpected).exitCode;
+  } catch (const Failure& failure) {
+    return putFailure(failure.outcome(), failure.what(), command, options.json);
+  } catch (const std::system_error& error) {
+    return putFailure(Outcome::NotPossible, error.what(), command, options.json);
+  } catch (const std::exception& error) {
+    return putFailure(Outcome::Unexpected, error.what(), command, options.json);
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const auto parsed = parseCommandLine(argc, argv);
+  if (const auto* ended = std::get_if<Ended>(&parsed))
+    return ended->usageError.empty() ? 0 : putFailure(Outcome::Usage, ended->usageError, "", ended->json);
+  return run(std::get<Options>(parsed));
+}

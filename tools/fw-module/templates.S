@@ -1,0 +1,23 @@
+/* The files of a new module's project, as bytes. */
+.macro template symbol, path
+  .global \symbol
+  .global \symbol\()End
+\symbol:
+  .incbin "\path"
+\symbol\()End:
+.endm
+
+  .section .rodata
+  template fwModuleBuild, "CMakeLists.txt"
+  template fwModuleReadme, "README.md"
+  template fwModuleExports, "exports.map"
+  template fwModuleDeviceTest, "update-on-a-device"
+  template fwModuleCComponentHeader, "c/component.h"
+  template fwModuleCComponent, "c/component.c"
+  template fwModuleCModule, "c/module.c"
+  template fwModuleCExtModule, "c/ext-module.c"
+  template fwModuleCppComponentHeader, "c++/component.h"
+  template fwModuleCppComponent, "c++/component.cpp"
+  template fwModuleCppModule, "c++/module.cpp"
+  template fwModuleCppExtModule, "c++/ext-module.cpp"
+  .section .note.GNU-stack, "", %progbits

@@ -1,0 +1,145 @@
+// fw-update lock status, fw-update lock recover
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <iterator>
+
+#include "../commands.h"
+#include "../lock-recovery.h"
+#include "../lock-users.h"
+#include "../update-lock.h"
+#include "terminal.h"
+
+namespace tool {
+namespace {
+
+constexpr struct {
+  LockRole role;
+  const char* id;  // in JSON
+  const char* words;
+} roles[] = {
+    {LockRole::MayHold, "may-hold", "may hold it"},
+    {LockRole::Waits, "waits", "waits for it"},
+    {LockRole::HasOpen, "has-open", "has its file open"},
+};
+
+const auto& infoOf(LockRole role) {
+  return *std::find_if(std::begin(roles), std::end(roles),
+                       [role](const auto& row) { return row.role == role; });
+}
+
+std::string countText(std::size_t count, const char* one, const char* many) {
+  return std::to_string(count) + " " + (count == 1 ? one : many);
+}
+
+std::size_t countOf(const LockUsers& users, LockRole role) {
+  return static_cast<std::size_t>(std::count_if(users.users.begin(), users.users.end(),
+                                                [role](const LockUser& user) { return user.role == role; }));
+}
+
+Json::Value usersJson(const LockUsers& users) {
+  Json::Value list(Json::arrayValue);
+  for (const LockUser& user : users.users) {
+    Json::Value value;
+    value["pid"] = user.process;
+    value["user"] = user.user;
+    value["command"] = user.command;
+    value["role"] = infoOf(user.role).id;
+    list.append(value);
+  }
+  return list;
+}
+
+std::string usersTable(const LockUsers& users) {
+  std::vector<std::vector<std::string>> rows{{"PID", "USER", "LOCK", "COMMAND"}};
+  for (const LockUser& user : users.users)
+    rows.push_back(
+        {std::to_string(user.process), user.user, infoOf(user.role).words, printable(user.command)});
+  return rows.size() > 1 ? table(rows, terminalWidth(STDOUT_FILENO)) : "";
+}
+
+void describeUsers(Report& report, const LockUsers& users) {
+  report.details["processes"] = usersJson(users);
+  if (!users.blindSpot().empty())
+    report.details["blindSpot"] = users.blindSpot();
+  for (const pid_t process : users.hidden)
+    report.details["hiddenProcesses"].append(process);
+}
+
+Finding takenFinding(const LockUsers& users) {
+  const std::size_t waiting = countOf(users, LockRole::Waits);
+  const std::string more =
+      waiting == 0 ? "" : " " + countText(waiting, "process waits", "processes wait") + " for it.";
+  if (users.has(LockRole::MayHold))
+    return {Outcome::Ok,
+            "The update lock is taken. " +
+                countText(countOf(users, LockRole::MayHold), "process", "processes") + " may hold it." + more,
+            ""};
+  if (users.seesAll())
+    return {Outcome::Ok, "The update lock is stuck: it is taken, and no process holds it." + more,
+            "Give it back: fw-update lock recover"};
+  return {Outcome::Ok, "The update lock is taken, by no process that can be seen." + more,
+          "If it is stuck, give it back: fw-update lock recover"};
+}
+
+Finding findingOf(int value, const LockUsers& users) {
+  if (value == 0)
+    return takenFinding(users);
+  if (value == 1)
+    return {Outcome::Ok, "The update lock is free.", ""};
+  return {Outcome::Ok,
+          "The update lock is broken: " + std::to_string(value) + " updates could hold it at once.",
+          "When no update runs, remove " + UpdateLock::path() + "; the next update makes it anew."};
+}
+
+const char* stateOf(int value, const LockUsers& users) {
+  if (value > 0)
+    return value == 1 ? "free" : "broken";
+  return users.has(LockRole::MayHold) || !users.seesAll() ? "taken" : "stuck";
+}
+
+std::string statusText(const Finding& finding, const LockUsers& users) {
+  std::string text = finding.message + "\n";
+  for (const std::string& more : {finding.remedy, users.blindSpot()})
+    if (!more.empty())
+      text += more + "\n";
+  return text + usersTable(users);
+}
+
+}  // namespace
+
+Report runLockStatus(const Options& options) {
+  Report report;
+  report.command = options.command->name;
+  report.details["lock"] = UpdateLock::path();
+  const UpdateLock lock;
+  if (lock.error() != 0) {
+    report.finding = explainClosedLock(lock.error());
+    if (lock.error() == ENOENT)
+      report.details["state"] = "absent";
+    return report;
+  }
+  const LockUsers users = findLockUsers(lock);
+  const int value = lock.value();
+  report.finding = findingOf(value, users);
+  report.details["value"] = value;
+  report.details["state"] = stateOf(value, users);
+  report.body = statusText(report.finding, users);
+  describeUsers(report, users);
+  return report;
+}
+
+Report runLockRecover(const Options& options) {
+  Report report;
+  report.command = options.command->name;
+  report.details["lock"] = UpdateLock::path();
+  const Recovery recovery = recoverUpdateLock(options.ignoreHidden);
+  report.finding = explainRecovery(recovery);
+  describeUsers(report, recovery.users);
+  if (report.finding.outcome == Outcome::LockInUse)
+    report.body = usersTable(recovery.users);
+  return report;
+}
+
+}  // namespace tool

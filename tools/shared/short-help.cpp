@@ -1,0 +1,31 @@
+#include "short-help.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace tool {
+
+std::string ShortHelp::make_group(std::string /*group*/, bool positional,
+                                  std::vector<const CLI::Option*> options) const {
+  std::string lines;
+  for (const CLI::Option* option : options)
+    lines += make_option(option, positional);
+  return lines;
+}
+
+std::string ShortHelp::make_option_opts(const CLI::Option* option) const {
+  return option->get_type_name().empty() ? "" : " " + option->get_type_name();
+}
+
+std::string ShortHelp::make_help(const CLI::App* app, std::string name, CLI::AppFormatMode mode) const {
+  std::string text = Formatter::make_help(app, std::move(name), mode);
+  text.erase(std::unique(text.begin(), text.end(), [](char a, char b) { return a == '\n' && b == '\n'; }),
+             text.end());
+  return text;
+}
+
+std::string ShortHelp::make_footer(const CLI::App* app) const {
+  return app->get_footer();
+}
+
+}  // namespace tool

@@ -1,0 +1,28 @@
+// Help texts that fit on one screen: no headings, no blank lines. For the parser of a
+// command line, which owns it.
+#ifndef TOOLS_SHARED_SHORT_HELP_H
+#define TOOLS_SHARED_SHORT_HELP_H
+
+#include <CLI/CLI.hpp>
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+namespace tool {
+
+class ShortHelp : public CLI::Formatter {
+ public:
+  // Where the descriptions begin.
+  explicit ShortHelp(std::size_t column) { column_width(column); }
+
+  std::string make_group(std::string group, bool positional,
+                         std::vector<const CLI::Option*> options) const override;
+  std::string make_option_opts(const CLI::Option* option) const override;
+  std::string make_help(const CLI::App* app, std::string name, CLI::AppFormatMode mode) const override;
+  std::string make_footer(const CLI::App* app) const override;
+};
+
+}  // namespace tool
+
+#endif
