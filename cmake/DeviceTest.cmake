@@ -1,15 +1,26 @@
+include(GoogleTest)
+
+# fw_set_up_test(<name>)
+#
+# What every test program has in common: where it lies, how it is compiled.
+function(fw_set_up_test name)
+  set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}/tests")
+  target_link_libraries(${name} PRIVATE test-options)
+  if(FW_UPDATE_PRECOMPILE_TESTS)
+    target_precompile_headers(${name} REUSE_FROM test-precompiled)
+  endif()
+endfunction()
+
 # fw_add_device_test(<name> <source>... [LIBS <library>...])
 #
 # Adds a test program whose tests run inside a device of their own, and one ctest
 # entry for each test in it. Exit code 77 counts as skipped: the kernel allows no
 # private device.
-include(GoogleTest)
-
 function(fw_add_device_test name)
   cmake_parse_arguments(PARSE_ARGV 1 test "" "" "LIBS")
   add_executable(${name} ${test_UNPARSED_ARGUMENTS})
-  set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}/tests")
   target_link_libraries(${name} PRIVATE project-options test-device ${test_LIBS})
+  fw_set_up_test(${name})
   gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST PROPERTIES SKIP_RETURN_CODE 77)
 endfunction()
 

@@ -1,0 +1,81 @@
+# Debian packages, one a component of the installation:
+#   cmake --preset package && cmake --build --preset package --target package
+# writes them to build/package. The version is the project's, the changelog
+# packaging/debian/changelog.
+
+# fw_describe_package(<component> <package> <section> <one line> <further lines>
+#                     [DEPENDS <component>...])
+function(fw_describe_package component package section summary description)
+  cmake_parse_arguments(PARSE_ARGV 5 package "" "" "DEPENDS")
+  string(TOUPPER ${component} key)
+  set(CPACK_DEBIAN_${key}_PACKAGE_NAME ${package} PARENT_SCOPE)
+  set(CPACK_DEBIAN_${key}_PACKAGE_SECTION ${section} PARENT_SCOPE)
+  set(CPACK_COMPONENT_${key}_DEPENDS ${package_DEPENDS} PARENT_SCOPE)
+  set(CPACK_COMPONENT_${key}_DESCRIPTION "${summary}\n${description}" PARENT_SCOPE)
+  set(documents ${CMAKE_INSTALL_DATADIR}/doc/${package})
+  install(FILES ${PROJECT_SOURCE_DIR}/packaging/debian/copyright
+    DESTINATION ${documents} COMPONENT ${component})
+  install(FILES ${PROJECT_BINARY_DIR}/changelog.gz DESTINATION ${documents} COMPONENT ${component})
+endfunction()
+
+find_program(GZIP gzip REQUIRED)
+add_custom_command(OUTPUT ${PROJECT_BINARY_DIR}/changelog.gz
+  COMMAND ${GZIP} -9nc ${PROJECT_SOURCE_DIR}/packaging/debian/changelog > ${PROJECT_BINARY_DIR}/changelog.gz
+  DEPENDS ${PROJECT_SOURCE_DIR}/packaging/debian/changelog)
+add_custom_target(changelog ALL DEPENDS ${PROJECT_BINARY_DIR}/changelog.gz)
+
+fw_describe_package(library libfw-update-control1 libs
+  "firmware update control for televisions - library"
+  "Finds the update modules of a set's components, checks their firmware images
+and runs the updates, one at a time across all processes of the set."
+  DEPENDS platform)
+fw_describe_package(platform libfw-platform1 libs
+  "firmware update control for televisions - ordinary Linux"
+  "What the library calls on the device, for ordinary Linux: log, traces, power,
+mounting and downloading packages, checking signatures. A set brings its own."
+)
+fw_describe_package(development libfw-update-control-dev libdevel
+  "firmware update control for televisions - headers"
+  "The headers, the CMake package and the pkg-config file, for programs that ask
+for updates, for modules and for platforms."
+  DEPENDS library platform)
+fw_describe_package(tools fw-update-tools admin
+  "firmware update control for televisions - commands"
+  "fw-update lists and runs updates, fw-trace shows what they did, fw-pack makes
+and checks firmware packages."
+  DEPENDS library platform)
+fw_describe_package(module-kit fw-update-module-kit devel
+  "firmware update control for televisions - module kit"
+  "fw-module writes and checks update modules, fw-device makes devices in
+directories to try them on; with four example modules."
+  DEPENDS library platform tools development)
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME fw-update-control)
+set(CPACK_PACKAGE_CONTACT "fw-update-control maintainers <maintainers@example.org>")
+set(CPACK_PACKAGING_INSTALL_PREFIX ${CMAKE_INSTALL_PREFIX})
+set(CPACK_STRIP_FILES ON)
+set(CPACK_COMPONENTS_ALL library platform development tools module-kit)
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS ON)
+# Between the packages the components' dependencies speak; the rest is looked up.
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_LIBRARY_OUTPUT_DIRECTORY})
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SHLIBDEPS OFF)
+# Packages of programs that link them depend on this version at least.
+function(fw_write_shlibs component library package)
+  file(WRITE ${PROJECT_BINARY_DIR}/packaging/${component}/shlibs
+    "${library} ${PROJECT_VERSION_MAJOR} ${package} (>= ${PROJECT_VERSION})\n")
+endfunction()
+fw_write_shlibs(library libfw-update-control libfw-update-control1)
+fw_write_shlibs(platform libfw-platform libfw-platform1)
+set(debian ${PROJECT_SOURCE_DIR}/packaging/debian)
+set(CPACK_DEBIAN_LIBRARY_PACKAGE_CONTROL_EXTRA
+  ${debian}/triggers ${PROJECT_BINARY_DIR}/packaging/library/shlibs)
+set(CPACK_DEBIAN_PLATFORM_PACKAGE_CONTROL_EXTRA
+  ${debian}/triggers ${PROJECT_BINARY_DIR}/packaging/platform/shlibs
+  ${debian}/platform/postinst ${debian}/platform/prerm ${debian}/platform/postrm)
+# mksquashfs makes extension packages.
+set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS squashfs-tools)
+include(CPack)
