@@ -1,15 +1,37 @@
-#!/usr/bin/env python3
-"""Sums up a test run: what failed with its output, what was skipped with its reason.
+"""Test results: reading JUnit files, judging skips, and the closing line.
 
-usage: summary.py JUNIT-FILE DECLARED-SKIPS
-
-The last line is "N passed, M failed, K skipped". A skipped test that matches no
-line of DECLARED-SKIPS (shell patterns, "#" starts a comment) fails the run.
+A skipped test that matches no line of tests/declared-skips.txt (shell patterns over
+the test's name or "STEP: NAME"; "#" starts a comment) fails the run.
 """
+import dataclasses
 import fnmatch
 import re
-import sys
 import xml.etree.ElementTree as ElementTree
+
+
+@dataclasses.dataclass
+class Case:
+    name: str
+    outcome: str  # passed, failed or skipped
+    output: str
+
+
+def outcome(element):
+    """ctest says it in "status"; plain JUnit by the elements inside."""
+    if element.find("failure") is not None or element.find("error") is not None:
+        return "failed"
+    if element.find("skipped") is not None:
+        return "skipped"
+    return "passed" if element.get("status", "run") == "run" else "failed"
+
+
+def read_cases(path):
+    try:
+        elements = ElementTree.parse(path).getroot().iter("testcase")
+    except (OSError, ElementTree.ParseError) as error:
+        return [Case(path.stem, "failed", f"no test results: {error}")]
+    return [Case(element.get("name"), outcome(element), element.findtext("system-out") or "")
+            for element in elements]
 
 
 def reason(output):
@@ -20,38 +42,33 @@ def reason(output):
 
 
 def declared_patterns(path):
-    with open(path, encoding="utf-8") as file:
-        lines = (line.split("#")[0].strip() for line in file)
-        return [line for line in lines if line]
+    lines = (line.split("#")[0].strip() for line in path.read_text(encoding="utf-8").splitlines())
+    return [line for line in lines if line]
 
 
-def main():
-    junit, declarations = sys.argv[1:]
-    try:
-        cases = ElementTree.parse(junit).getroot().findall("testcase")
-    except (OSError, ElementTree.ParseError) as error:
-        sys.exit(f"no test results: {error}")
-    patterns = declared_patterns(declarations)
-    passed = failed = skipped = 0
+def judge_skip(step, case, patterns):
+    """A skip that nobody declared is a failure."""
+    names = (case.name, f"{step}: {case.name}")
+    if any(fnmatch.fnmatchcase(name, pattern) for name in names for pattern in patterns):
+        return case
+    return Case(case.name, "failed", f"skipped without being declared: {reason(case.output)}")
+
+
+def judge(step, cases, patterns):
+    return [judge_skip(step, case, patterns) if case.outcome == "skipped" else case
+            for case in cases]
+
+
+def counts(cases):
+    number = {kind: sum(case.outcome == kind for case in cases)
+              for kind in ("passed", "failed", "skipped")}
+    return "{passed} passed, {failed} failed, {skipped} skipped".format(**number)
+
+
+def report(step, cases):
+    """Prints what was skipped and why, and what failed with its output."""
     for case in cases:
-        name, output = case.get("name"), case.findtext("system-out") or ""
-        if case.get("status") == "run":
-            passed += 1
-        elif case.get("status") == "notrun" and case.find("skipped") is not None:
-            if any(fnmatch.fnmatchcase(name, pattern) for pattern in patterns):
-                skipped += 1
-                print(f"skipped: {name}: {reason(output)}")
-            else:
-                failed += 1
-                print(f"failed: {name}: skipped without being declared: {reason(output)}")
-        else:
-            failed += 1
-            print(f"failed: {name}\n{output}")
-    if not cases:
-        print("no test was run")
-    print(f"{passed} passed, {failed} failed, {skipped} skipped")
-    sys.exit(1 if failed or not cases else 0)
-
-
-if __name__ == "__main__":
-    main()
+        if case.outcome == "skipped":
+            print(f"skipped: {step}: {case.name}: {reason(case.output)}")
+        if case.outcome == "failed":
+            print(f"failed: {step}: {case.name}\n{case.output}")

@@ -209,17 +209,27 @@ TAKES_PLACE int lstat(const char* path, struct stat* status) noexcept {
   return result;
 }
 
-static std::map<void*, std::string>& openLibraries() {
+namespace {
+
+std::mutex libraryMutex;
+
+std::map<void*, std::string>& openLibraries() {
   static auto& libraries = *new std::map<void*, std::string>;
   return libraries;
 }
 
+}  // namespace
+
 TAKES_PLACE void* dlopen(const char* path, int flags) noexcept {
   static auto* const real = faults::real<void*(const char*, int)>("dlopen");
   const std::string name = path == nullptr ? "" : path;
-  faults::libraryCalls().push_back("dlopen(" + name + ")");
+  {
+    const std::lock_guard<std::mutex> lock(libraryMutex);
+    faults::libraryCalls().push_back("dlopen(" + name + ")");
+  }
   void* const library = real(path, flags);
   if (library != nullptr) {
+    const std::lock_guard<std::mutex> lock(libraryMutex);
     openLibraries()[library] = name;
   }
   return library;
@@ -227,6 +237,9 @@ TAKES_PLACE void* dlopen(const char* path, int flags) noexcept {
 
 TAKES_PLACE int dlclose(void* library) noexcept {
   static auto* const real = faults::real<int(void*)>("dlclose");
-  faults::libraryCalls().push_back("dlclose(" + openLibraries()[library] + ")");
+  {
+    const std::lock_guard<std::mutex> lock(libraryMutex);
+    faults::libraryCalls().push_back("dlclose(" + openLibraries()[library] + ")");
+  }
   return real(library);
 }

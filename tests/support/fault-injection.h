@@ -34,8 +34,8 @@ extern std::atomic<std::chrono::seconds> systemClockAhead;
 // Runs after a file's status was read without following links.
 extern std::function<void(const char* path)> afterLstat;
 
-// Libraries opened and closed, as "dlopen(path)" and "dlclose(path)", in order.
-// Not for several threads.
+// Libraries opened and closed, as "dlopen(path)" and "dlclose(path)", in order. To be
+// read while no other thread opens one.
 std::vector<std::string>& libraryCalls();
 
 void reset();

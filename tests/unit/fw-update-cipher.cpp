@@ -4,11 +4,16 @@
 #include <malloc.h>
 
 #include <algorithm>
+#include <atomic>
+#include <cinttypes>
 #include <climits>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <memory>
+#include <thread>
 
 #include "allocation-faults.h"
 #include "library-test.h"
@@ -76,6 +81,36 @@ ssize_t readFailingFile(void* cookie, char* out, std::size_t size) {
   return static_cast<ssize_t>(n);
 }
 
+constexpr std::size_t LargePage = 2 << 20;
+
+bool kernelHasLargePages() {
+  return std::filesystem::exists("/sys/kernel/mm/transparent_hugepage");
+}
+
+struct Mapping {
+  std::uintptr_t begin = 0;
+  std::uintptr_t end = 0;
+  bool largePages = false;  // asked for
+};
+
+// The memory mapping of this process that holds the address.
+Mapping mappingOf(const unsigned char* address) {
+  const auto wanted = reinterpret_cast<std::uintptr_t>(address);
+  std::ifstream file("/proc/self/smaps");
+  Mapping mapping;
+  for (std::string line; std::getline(file, line);) {
+    std::uintptr_t begin = 0;
+    std::uintptr_t end = 0;
+    if (std::sscanf(line.c_str(), "%" SCNxPTR "-%" SCNxPTR " ", &begin, &end) == 2) {
+      mapping = {begin, end, false};
+    } else if (line.rfind("VmFlags:", 0) == 0 && mapping.begin <= wanted && wanted < mapping.end) {
+      mapping.largePages = line.find(" hg") != std::string::npos;
+      return mapping;
+    }
+  }
+  return {};
+}
+
 const std::string None = "none, length 0";
 
 }  // namespace
@@ -90,6 +125,29 @@ TEST_F(PackageReader, DecryptsWhatLiesBetweenIvAndTrailer) {
   EXPECT_EQ(plaintext, "2.0" + std::string(61, '\0') + "the firmware image");
   EXPECT_EQ(buffer.get(), cipher_buf_all);
   EXPECT_THAT(recording::everything(), IsEmpty());
+}
+
+TEST_F(PackageReader, GivesEachOfSeveralThreadsItsOwnPlaintext) {
+  const std::string plaintexts[] = {usb::noise(30000, 1), usb::noise(100, 2)};
+  std::atomic<int> wrong{0};
+  const auto decryptOften = [&wrong](const std::string& plaintext, const std::string& path) {
+    writeFile(path, usb::encrypt(plaintext) + usb::noise(usb::TrailerSize));
+    const auto count = static_cast<int>(std::filesystem::file_size(path));
+    for (int round = 0; round < 200; ++round) {
+      const Stream file(std::fopen(path.c_str(), "rb"));
+      int length = 0;
+      const Buffer own(
+          aes_256_cbc_all(file.get(), usb::bytesOf(usb::key()), usb::bytesOf(usb::iv()), 0, count, length));
+      wrong += plaintext.compare(0, plaintext.size(), reinterpret_cast<const char*>(own.get()),
+                                 static_cast<std::size_t>(length)) != 0;
+    }
+  };
+
+  std::thread other([&] { decryptOften(plaintexts[1], "/tmp/other-package"); });
+  decryptOften(plaintexts[0], "/tmp/package");
+  other.join();
+
+  EXPECT_EQ(wrong, 0);
 }
 
 TEST_F(PackageReader, FeedsSixteenBytesOfTheTrailerWhenItIsGivenTheWholeSize) {
@@ -235,6 +293,27 @@ TEST_F(PackageReader, AllocatesTheCountedBytesFilledWithZeros) {
   EXPECT_LT(malloc_usable_size(buffer.get()), 1100U);
   unsigned char* const unused = cipher_buf_all + 466 + 16;
   EXPECT_TRUE(std::all_of(unused, cipher_buf_all + 1000, [](unsigned char byte) { return byte == 0; }));
+}
+
+TEST_F(PackageReader, AsksForLargePagesInsideALargeBuffer) {
+  if (!kernelHasLargePages()) {
+    GTEST_SKIP() << "the kernel has no large pages";
+  }
+  constexpr std::size_t Size = 16 << 20;
+
+  decrypted(usb::encrypt("short") + usb::noise(534), Size);
+
+  const Mapping inside = mappingOf(buffer.get() + Size / 2);
+  EXPECT_TRUE(inside.largePages);
+  EXPECT_GE(inside.end - inside.begin, Size - 2 * LargePage) << "all but the ends";
+  EXPECT_GE(inside.begin, reinterpret_cast<std::uintptr_t>(buffer.get()));
+  EXPECT_LE(inside.end, reinterpret_cast<std::uintptr_t>(buffer.get()) + Size);
+}
+
+TEST_F(PackageReader, AsksForNoLargePagesInABufferThatHoldsNone) {
+  decrypted(usb::encrypt("short") + usb::noise(534), LargePage - 1);
+
+  EXPECT_FALSE(mappingOf(buffer.get() + LargePage / 2).largePages);
 }
 
 TEST_F(PackageReader, LeavesTheEarlierBufferToItsOwner) {

@@ -4,8 +4,10 @@
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <csignal>
 #include <filesystem>
+#include <thread>
 
 #include "fault-injection.h"
 #include "fw-update-symbol-manager.h"
@@ -183,6 +185,34 @@ TEST_F(PendingList, KeepsTheLinesWrittenBeforeTheTaskStopped) {
   EXPECT_EQ(readFile(List), line(order[0]) + line(order[1])) << "it stops at the next module only";
   EXPECT_THAT(recording::calls(), Not(Contains(order[2] + ".checkVersion(\"2.0\", 0)")));
   EXPECT_EQ(recording::texts().back(), "Task is not running, writeFirmwareUpdateList stop");
+}
+
+// Mostly for a thread checker: nothing but the flag connects the two threads.
+TEST_F(PendingList, StopsForAFlagThatAnotherThreadClears) {
+  const auto order = modules({"liba", "libb"});
+  std::atomic<bool> asked{false};
+  std::atomic<bool> cleared{false};
+  const auto waitFor = [](const std::atomic<bool>& event) {
+    while (!event.load(std::memory_order_relaxed)) {
+      std::this_thread::yield();
+    }
+  };
+  scripted::module(order[0]).checkVersion = [&](const char*, int* need) {
+    asked.store(true, std::memory_order_relaxed);
+    waitFor(cleared);
+    *need = 1;
+    return 0;
+  };
+  std::thread task([&] {
+    waitFor(asked);
+    __atomic_store_n(&running, false, __ATOMIC_RELAXED);
+    cleared.store(true, std::memory_order_relaxed);
+  });
+
+  EXPECT_EQ(writeList(), -1);
+  task.join();
+
+  EXPECT_EQ(readFile(List), line(order[0]));
 }
 
 // ---- What stands at the path --------------------------------------------------------

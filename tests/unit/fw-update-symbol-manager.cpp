@@ -7,6 +7,7 @@
 #include <functional>
 #include <thread>
 
+#include "fault-injection.h"
 #include "library-test.h"
 
 using ::testing::Contains;
@@ -36,6 +37,8 @@ class ModuleRegistry : public LibraryTest {
     return out;
   }
 };
+
+constexpr const char* WithoutSlash = "/prd/usr/fwupdate/controls";
 
 std::string said(const std::string& function, const std::string& text) {
   return "6 fw-update-symbol-manager.cpp " + function + " " + text;
@@ -105,6 +108,45 @@ TEST_F(ModuleRegistry, ScansFirstAndBindsAfterwards) {
       ElementsAre(StartsWith("log: En/Decryption Service EXT skip ["),
                   StartsWith("log: En/Decryption Service EXT skip ["), "liba.setContext(\"liba\", 2, \"\")",
                   "liba.getEMPID()", "system_info_get_value_string(128)", "log: SWModel : model-1"));
+}
+
+TEST_F(ModuleRegistry, OpensModulesUnderTheirRealPaths) {
+  scripted::installModule("libabc");
+  std::filesystem::rename(Controls, "/prd/modules");
+  std::filesystem::create_directory_symlink("/prd/modules", WithoutSlash);
+  std::filesystem::create_directory("/prd/elsewhere");
+  std::filesystem::copy_file("/prd/modules/libabc.so", "/prd/elsewhere/libdef-1.so");
+  std::filesystem::create_symlink("../elsewhere/libdef-1.so", "/prd/modules/libdef.so");
+
+  EXPECT_TRUE(registry().onCreate(false));
+
+  EXPECT_THAT(names(), UnorderedElementsAre("libabc", "libdef"));
+  EXPECT_THAT(faults::libraryCalls(),
+              UnorderedElementsAre("dlopen(/prd/modules/libabc.so)", "dlopen(/prd/elsewhere/libdef-1.so)"));
+}
+
+TEST_F(ModuleRegistry, SaysNothingOfALinkThatLeadsNowhere) {
+  std::filesystem::create_symlink("nowhere.so", std::string(Controls) + "libabc.so");
+
+  EXPECT_TRUE(registry().onCreate(false));
+
+  EXPECT_THROW(names(), std::bad_function_call);
+  EXPECT_THAT(faults::libraryCalls(), IsEmpty());
+  EXPECT_THAT(recording::everything(),
+              ElementsAre("system_info_get_value_string(128)", "log: SWModel : model-1"));
+}
+
+TEST_F(ModuleRegistry, ForgetsTheRealPathAfterAScan) {
+  scripted::installModule("libabc");
+  EXPECT_TRUE(registry().onCreate(false));
+  std::filesystem::rename(Controls, "/prd/modules");
+  std::filesystem::create_directory_symlink("/prd/modules", WithoutSlash);
+  faults::libraryCalls().clear();
+  FWUpdateSymbol symbol("libabc");
+
+  EXPECT_EQ(symbol.loadSymbol("libabc"), 0);
+
+  EXPECT_THAT(faults::libraryCalls(), ElementsAre("dlopen(/prd/modules/libabc.so)"));
 }
 
 TEST_F(ModuleRegistry, KeepsADirectoryNamedLikeALibraryUnbound) {

@@ -2,10 +2,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <thread>
+#include <vector>
 
 #include "allocation-faults.h"
 #include "fault-injection.h"
@@ -225,6 +229,30 @@ TEST_F(Signature, IsCheckedWithoutOpeningTheVerifierAgain) {
 
   EXPECT_THAT(recording::calls(), ElementsAre(Verified, Verified)) << "it is still in memory";
   EXPECT_THAT(faults::libraryCalls(), IsEmpty());
+}
+
+// Mostly for a thread checker: nobody has asked the verifier before.
+TEST_F(Signature, IsCheckedForSeveralThreadsAtOnce) {
+  std::vector<FWUpdateSymbol> symbols(2, boundWithPackage());
+  std::atomic<int> ready{0};
+  std::atomic<int> accepted{0};
+  std::vector<std::thread> threads;
+
+  for (FWUpdateSymbol& symbol : symbols) {
+    threads.emplace_back([&] {
+      for (++ready; ready < 2;) {
+        std::this_thread::yield();
+      }
+      accepted += list(symbol);
+    });
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+
+  EXPECT_EQ(accepted, 2);
+  const auto calls = recording::calls();
+  EXPECT_EQ(std::count(calls.begin(), calls.end(), Verified), 2);
 }
 
 // ---- Listing ------------------------------------------------------------------------

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <filesystem>
 #include <random>
 
@@ -50,13 +51,24 @@ void DownloadTest::waitForEnd(const std::string& package) {
 }
 
 void DownloadTest::waitForPart(std::int64_t size) {
+  waitUntil([size] {
+    struct stat status = {};
+    return stat(kPart.c_str(), &status) == 0 && status.st_size >= size;
+  });
+}
+
+void DownloadTest::waitForSynced(std::int64_t size) {
+  waitUntil([size] {
+    const std::string info = exists(kInfo) ? readFile(kInfo) : "";
+    const std::size_t number = info.find("\"synced\" : ");
+    return number != std::string::npos && std::atoll(info.c_str() + number + 11) >= size;
+  });
+}
+
+void DownloadTest::waitUntil(const std::function<bool()>& happened) {
   const fwplatform::UniqueFd changes(inotify_init1(IN_CLOEXEC));
   inotify_add_watch(changes.get(), kPackages.c_str(), IN_MODIFY | IN_CREATE | IN_MOVED_TO);
-  for (;;) {
-    struct stat status = {};
-    if (stat(kPart.c_str(), &status) == 0 && status.st_size >= size) {
-      return;
-    }
+  while (!happened()) {
     ASSERT_FALSE(exists(kImage)) << "the download ended";
     pollfd changed = {changes.get(), POLLIN, 0};
     ASSERT_EQ(poll(&changed, 1, kPatienceMs), 1) << "nothing comes any more";

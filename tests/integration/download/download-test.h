@@ -5,6 +5,8 @@
 
 #include <gmock/gmock.h>
 
+#include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -40,6 +42,8 @@ class DownloadTest : public DeviceTest {
   static void waitForEnd(const std::string& package = kWifi);
   // Blocks until the part has this size.
   static void waitForPart(std::int64_t size);
+  // Until so many bytes of the part are known to be on the disk.
+  static void waitForSynced(std::int64_t size);
 
   // The status must be a failure for this reason, with this in its sentence, and the
   // command's too.
@@ -54,6 +58,9 @@ class DownloadTest : public DeviceTest {
   static std::vector<std::string> files();
 
  private:
+  // Asks again whenever something changed in the packages' directory.
+  static void waitUntil(const std::function<bool()>& happened);
+
   bool limited_ = false;
 };
 

@@ -115,6 +115,14 @@ TEST_F(Download, AFailedDownloadLeavesTheOldImage) {
   EXPECT_THAT(files(), ElementsAre(kWifi + ".img"));
 }
 
+TEST_F(Download, HasNoStatusWhenItsFileIsUnreadable) {
+  for (const std::string& text : {std::string("{\"state\": "), std::string(2000, '[')}) {
+    writeFile("/run/fw-download/" + kWifi + ".json", text);
+
+    EXPECT_FALSE(fwplatform::ReadDownloadStatus(kWifi).has_value()) << text.substr(0, 9);
+  }
+}
+
 TEST_F(Download, FollowsNoLinks) {
   const std::string image = makeImage(1000);
   configure("file://" + serveFile(kWifi + ".img", image));

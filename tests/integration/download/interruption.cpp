@@ -1,10 +1,13 @@
 // Downloads that are broken off in the middle, from a real web server.
+#include <fcntl.h>
+#include <json/json.h>
 #include <signal.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <random>
 #include <thread>
 
@@ -13,6 +16,7 @@
 namespace {
 
 using ::testing::ElementsAre;
+namespace fs = std::filesystem;
 
 constexpr std::size_t kSize = 6U * 1024 * 1024;
 
@@ -95,10 +99,27 @@ TEST_F(Interruption, AWholePartIsAskedForItsLastByte) {
   EXPECT_TRUE(server.waitForLog("206 bytes=99999-"));
 }
 
+TEST_F(Interruption, AnUnreadableNoteAboutThePartMeansTheBeginning) {
+  const std::string image = makeImage(100000);
+  const WebServer server({serveFile(kWifi + ".img", image), 0, ""});
+  configure(server.url());
+  for (const std::string& note : {std::string("{\"url\": "), std::string(2000, '[')}) {
+    SCOPED_TRACE(note.substr(0, 9));
+    writeFile(kPart, image.substr(0, 50000));
+    writeFile(kInfo, note);
+
+    const ProgramResult result = download();
+
+    EXPECT_EQ(result.exitCode, 0) << result.error;
+    EXPECT_TRUE(readFile(kImage) == image);
+  }
+}
+
 TEST_F(Interruption, AfterARestartOnlyWhatWasOnTheDiskIsUsed) {
   const WebServer server({serveFile(kWifi + ".img", makeImage(kSize)), 1024, ""});
   configure(server.url());
   RunningProgram program = start();
+  waitForSynced(std::int64_t{4} * 1024 * 1024);
   waitForPart(5000000);
   program.kill(SIGKILL);
   program.wait();
@@ -116,6 +137,39 @@ TEST_F(Interruption, AfterARestartOnlyWhatWasOnTheDiskIsUsed) {
   ASSERT_EQ(download().exitCode, 0);
 
   EXPECT_TRUE(server.waitForLog("206 bytes=" + std::to_string(synced) + "-"));
+}
+
+// All of it but the end is zeros, which take no room.
+TEST_F(Interruption, APartOfMoreThanFourGibibytesIsContinued) {
+  constexpr std::int64_t there = std::int64_t{1} << 32U;
+  constexpr timespec served[2] = {{1577836800, 0}, {1577836800, 0}};
+  const std::string directory = serveFile(kWifi + ".img", "");
+  const std::string file = directory + "/" + kWifi + ".img";
+  fs::resize_file(file, there);
+  std::ofstream(file, std::ios::app) << "the end";
+  ASSERT_EQ(utimensat(AT_FDCWD, file.c_str(), served, 0), 0);
+  const WebServer server({directory, 0, ""});
+  configure(server.url(), "max_size_mib = 5000");
+  Json::Value info;
+  info["url"] = server.url() + kWifi + ".img";
+  info["validator"] = "Wed, 01 Jan 2020 00:00:00 GMT";
+  info["total"] = Json::Int64(there + 7);
+  info["synced"] = Json::Int64(there);
+  info["boot"] = "an earlier one";
+  writeFile(kInfo, Json::writeString(Json::StreamWriterBuilder(), info));
+  writeFile(kPart, "");
+  fs::resize_file(kPart, there);
+
+  const ProgramResult result = download();
+
+  EXPECT_EQ(result.exitCode, 0) << result.error;
+  EXPECT_TRUE(server.waitForLog("206 bytes=4294967296-"));
+  EXPECT_EQ(sizeOf(kImage), there + 7);
+  std::ifstream image(kImage);
+  image.seekg(there);
+  std::string end;
+  std::getline(image, end);
+  EXPECT_EQ(end, "the end");
 }
 
 }  // namespace

@@ -155,6 +155,13 @@ TEST_F(OddAnswers, ADifferentFileIsNeverStitchedOn) {
       httpAnswer("206 Partial Content", {kTag, length(100)}, image.substr(100000, 100)),
       httpAnswer("206 Partial Content", {kTag, length(50), "Content-Range: bytes 100000-199999/200000"},
                  "short"),
+      httpAnswer("206 Partial Content",
+                 {kTag, length(5), "Content-Range: bytes 100000-9223372036854775807/-9223372036854775808"},
+                 "range"),
+      httpAnswer("206 Partial Content", {kTag, length(5), "Content-Range: bytes -5-4/9223372036854775807"},
+                 "range"),
+      httpAnswer("206 Partial Content", {kTag, length(5), "Content-Range: bytes 100000-199999/200000x"},
+                 "range"),
       httpAnswer("416 Range Not Satisfiable", {length(0)}, ""),
   };
   for (const std::string& answer : odd) {

@@ -1,5 +1,6 @@
 // The fw-device command, as this user and, when that is root, as an ordinary user
 // too. These tests run on the host, not on a device: they check the host as well.
+#include <elf.h>
 #include <gtest/gtest.h>
 #include <json/json.h>
 #include <signal.h>
@@ -456,6 +457,185 @@ TEST_P(FwDevice, ADeviceWorksInsideADevice) {
       "fw-device run /tmp/inner -- sh -c 'touch /prd/inner; ls /prd'; ls /prd");
 
   EXPECT_EQ(result.output, "inner\nusr\nouter\nusr\n") << result.error;
+}
+
+// A root file system with little more than a shell: what of this system's it needs is
+// copied. It says which one it is, and its shell knows nothing of the host.
+class FwDeviceRoot : public FwDevice {
+ protected:
+  void SetUp() override {
+    FwDevice::SetUp();
+    if (IsSkipped()) {
+      return;
+    }
+    root = home + "/root";
+    for (const std::string place :
+         {"/proc", "/sys", "/dev", "/tmp", "/etc", "/usr/bin", "/var/lib", "/opt"}) {
+      fs::create_directories(root + place);
+    }
+    writeFile(root + "/etc/name", "small\n");
+    const std::string copy =
+        "for program in sh cat ls touch pwd; do file=$(command -v $program);"
+        "cp --dereference --parents $file $(ldd $file | grep -o '/[^ ]*') " +
+        root + "; done; mkdir -p " + root + "/bin; cp --dereference --no-clobber $(command -v sh) " + root +
+        "/bin";
+    const auto copied = runProgram({{"sh", "-c", copy}, "/", 0, {}});
+    ASSERT_EQ(copied.exitCode, 0) << copied.error;
+  }
+
+  void makeDeviceOnRoot() const {
+    const auto result = fwDevice({"init", "--root", root, device});
+    ASSERT_EQ(result.exitCode, 0) << result.error;
+  }
+
+  std::string root;
+};
+
+INSTANTIATE_TEST_SUITE_P(As, FwDeviceRoot, ::testing::ValuesIn(users()),
+                         [](const auto& user) { return user.param == 0 ? "ThisUser" : "Nobody"; });
+
+TEST_P(FwDeviceRoot, TakesThePlaceOfTheHosts) {
+  makeDeviceOnRoot();
+
+  EXPECT_EQ(onDevice("cat /etc/name").output, "small\n");
+  EXPECT_NE(onDevice("cat /etc/passwd").exitCode, 0);
+  EXPECT_EQ(onDevice("env").exitCode, 127);
+}
+
+TEST_P(FwDeviceRoot, HasTheDevicesDirectoriesOverIt) {
+  fs::create_directories(root + "/prd/of-the-root");
+  makeDeviceOnRoot();
+  std::string write;
+  for (const auto& directory : sandbox::kDeviceDirectories) {
+    write += std::string("echo kept > ") + directory.path + "/state && ";
+  }
+
+  const auto written = onDevice(write + "true");
+
+  EXPECT_EQ(written.exitCode, 0) << written.error;
+  EXPECT_EQ(onDevice("ls /prd").output, "state\nusr\n");
+  for (const auto& directory : sandbox::kDeviceDirectories) {
+    EXPECT_EQ(fs::exists(device + directory.path + "/state"), directory.place != sandbox::Place::Writable)
+        << directory.path;
+    EXPECT_FALSE(fs::exists(root + directory.path + "/state")) << directory.path;
+  }
+}
+
+TEST_P(FwDeviceRoot, HasTheHostsKernelDirectories) {
+  makeDeviceOnRoot();
+
+  EXPECT_EQ(onDevice("cat /proc/sys/kernel/osrelease").output, readFile("/proc/sys/kernel/osrelease"));
+  EXPECT_EQ(onDevice("echo lost > /dev/null && ls /dev/null /sys/kernel >/dev/null").exitCode, 0);
+}
+
+TEST_P(FwDeviceRoot, LeavesNothingOnTheHostAndInTheRoot) {
+  const auto list = [this] { return runProgram({{"find", root}, "/", 0, {}}).output; };
+  const auto before = list();
+  const auto mountsBefore = readFile("/proc/self/mounts");
+  makeDeviceOnRoot();
+
+  EXPECT_EQ(onDevice("touch /etc/new /usr/bin/new; touch /new /tmp/new").exitCode, 0);
+
+  EXPECT_EQ(list(), before);
+  EXPECT_EQ(readFile("/proc/self/mounts"), mountsBefore);
+}
+
+TEST_P(FwDeviceRoot, StaysTheDevicesUntilAnotherIsNamed) {
+  makeDeviceOnRoot();
+  ASSERT_EQ(fwDevice({"init", "--fresh", device}).exitCode, 0);
+  EXPECT_EQ(onDevice("cat /etc/name").output, "small\n");
+
+  ASSERT_EQ(fwDevice({"init", "--root", "/", device}).exitCode, 0);
+
+  EXPECT_EQ(onDevice("cat /etc/passwd").output, readFile("/etc/passwd"));
+}
+
+TEST_P(FwDeviceRoot, TakesProgramsAndModulesFromTheNamedBuild) {
+  const auto other = home + "/other";
+  fs::create_directories(other + "/bin");
+  fs::create_directories(other + "/modules");
+  fs::create_directories(other + "/lib");
+  makeExecutable(other + "/bin/ls", "#!/bin/sh\necho of the other build\n");
+  writeFile(other + "/modules/libpanel.so", "other build");
+  writeFile(other + "/lib/libkZAQUser.so", "other verifier");
+
+  const auto result = fwDevice({"init", "--root", root, "--build", other, device});
+
+  EXPECT_EQ(result.exitCode, 0) << result.error;
+  EXPECT_NE(result.output.find("root     " + root + "\nbuild    " + other + "\n"), std::string::npos)
+      << result.output;
+  EXPECT_EQ(onDevice("ls; cat /prd/usr/fwupdate/controls/libpanel.so").output,
+            "of the other build\nother build");
+  EXPECT_EQ(readFile(device + sandbox::kVerifierLibrary), "other verifier");
+  EXPECT_FALSE(fs::exists(device + kControls + "/libtuner.so"));
+}
+
+TEST_P(FwDeviceRoot, ShowsTheCurrentDirectoryThatItDoesNotHave) {
+  makeDeviceOnRoot();
+  writeFile(home + "/user/file", "x");
+
+  EXPECT_EQ(onDevice("pwd; cat file").output, home + "/user\nx");
+}
+
+TEST_P(FwDeviceRoot, KeepsItsOwnDirectoryWhereTheHostHasOneToo) {
+  makeDeviceOnRoot();
+  auto inUsrBin = start({"run", device, "--", "/bin/sh", "-c", "pwd; ls /usr/bin"});
+  inUsrBin.directory = "/usr/bin";
+
+  const auto result = runProgram(inUsrBin);
+
+  EXPECT_EQ(result.output.substr(0, 9), "/usr/bin\n") << result.error;
+  EXPECT_EQ(result.output.find("\nenv\n"), std::string::npos) << result.output;
+}
+
+TEST_P(FwDeviceRoot, ShowsAProgramOfTheHostThatIsNamedByItsPath) {
+  makeDeviceOnRoot();
+  fs::create_directories(home + "/elsewhere");
+  makeExecutable(home + "/elsewhere/program", "#!/bin/sh\ncat /etc/name\n");
+
+  EXPECT_EQ(fwDevice({"run", device, "--", home + "/elsewhere/program"}).output, "small\n");
+}
+
+TEST_P(FwDeviceRoot, BringsItsOwnShell) {
+  makeDeviceOnRoot();
+  auto shell = start({"shell", device});
+  shell.environment = {"SHELL=/bin/bash"};
+
+  const auto result = runProgram(shell, "cat /etc/name; exit 7\n");
+
+  EXPECT_EQ(result.output, "small\n") << result.error;
+  EXPECT_EQ(result.exitCode, 7);
+}
+
+TEST_P(FwDeviceRoot, IsRefusedWhenItIsNotThere) {
+  const auto result = fwDevice({"init", "--root", home + "/missing", device});
+
+  EXPECT_EQ(result.exitCode, 2);
+  EXPECT_NE(result.error.find("--root " + home + "/missing: there is no such directory"), std::string::npos)
+      << result.error;
+  EXPECT_FALSE(fs::exists(device));
+}
+
+TEST_P(FwDeviceRoot, IsRefusedForProgramsOfAnotherProcessor) {
+  auto shell = readFile(root + "/bin/sh");
+  shell[EI_CLASS] = shell[EI_CLASS] == ELFCLASS32 ? ELFCLASS64 : ELFCLASS32;
+  writeFile(root + "/bin/sh", shell);
+
+  const auto result = fwDevice({"init", "--root", root, device});
+
+  EXPECT_EQ(result.exitCode, 2);
+  EXPECT_NE(result.error.find("name a build for it with --build"), std::string::npos) << result.error;
+}
+
+TEST_P(FwDeviceRoot, IsRefusedWhenItIsNoRootFileSystem) {
+  fs::remove(root + "/proc");
+  makeDeviceOnRoot();
+
+  const auto result = onDevice("true");
+
+  EXPECT_EQ(result.exitCode, 4);
+  EXPECT_NE(result.error.find(root + " is no root file system: it has no directory /proc"), std::string::npos)
+      << result.error;
 }
 
 TEST_P(FwDevice, ShellRunsTheUsersShell) {

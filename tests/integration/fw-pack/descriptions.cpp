@@ -105,4 +105,10 @@ TEST_F(Descriptions, AreInspectedTogetherWithTheirImage) {
   EXPECT_EQ(document({"inspect", "out/tunerfw/info.json"})["kind"].asString(), "info.json");
 }
 
+TEST_F(Descriptions, AFileOfBracketsIsAnImageLikeAnyOther) {
+  write("brackets.bin", std::string(2000, '['));
+
+  EXPECT_EQ(document({"inspect", "brackets.bin"})["kind"].asString(), "image");
+}
+
 }  // namespace

@@ -1,15 +1,17 @@
 // A module that is copied under many names. Its package identifier comes from its
 // file's name: libfleet07.so has fleet07emp and the firmware name fleet07. What
 // it does stands in the file /var/lib/fw-components/<firmware name>, one word:
-// "fail", "hang" (for ever), "late" (3 s, and then fails), "throw"; without it, it updates. It appends every
-// call that the run makes of it to /var/lib/fw-components/calls.
+// "fail", "crash", "hang" (for ever), "late" (3 s, and then fails), "throw"; without it, it updates. It
+// appends every call that the run makes of it to /var/lib/fw-components/calls.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <stdexcept>
 #include <string>
@@ -43,12 +45,8 @@ void note(const std::string& call) {
   close(file);
 }
 
-std::string& wantedVersion() {
-  static auto& version = *new std::string;
-  return version;
-}
-
 std::string context;
+char wantedVersion[128];  // no object: an update may still run when the process ends
 
 }  // namespace
 
@@ -71,8 +69,8 @@ int getActiveVersion(char* out) {
 int checkVersion(const char* version, int* need) {
   char active[128];
   getActiveVersion(active);
-  wantedVersion() = version;
-  *need = wantedVersion() != active ? 1 : 0;
+  std::snprintf(wantedVersion, sizeof(wantedVersion), "%s", version);
+  *need = std::strcmp(wantedVersion, active) != 0 ? 1 : 0;
   return 0;
 }
 
@@ -81,6 +79,8 @@ int doUpdate(const char*, unsigned long) {
   const std::string behaviour = readWord(kState + firmwareName());
   if (behaviour == "throw")
     throw std::runtime_error("flash controller lost");
+  if (behaviour == "crash")
+    std::raise(SIGSEGV);
   while (behaviour == "hang")
     pause();
   if (behaviour == "late")
@@ -89,7 +89,7 @@ int doUpdate(const char*, unsigned long) {
     errno = EIO;
     return -EIO;
   }
-  std::ofstream(kState + firmwareName() + ".version") << wantedVersion();
+  std::ofstream(kState + firmwareName() + ".version") << wantedVersion;
   return 0;
 }
 

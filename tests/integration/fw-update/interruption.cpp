@@ -79,7 +79,7 @@ TEST_F(WaitingUpdate, LeavesTheLockToItsOwnerWhenItIsInterrupted) {
 
   EXPECT_EQ(update.finish(), -SIGINT);
   EXPECT_EQ(lock.value(), 0);
-  EXPECT_THAT(update.err(), HasSubstr("/dev/shm/sem.SEM_UPDATE_CONTROL"));
+  EXPECT_THAT(update.err(), HasSubstr("fw-update lock recover"));
 }
 
 TEST_F(WaitingUpdate, OutlivesAReaderThatGoesAway) {

@@ -117,6 +117,10 @@ void RunningTool::kill(int signal) {
   ::kill(id_, signal);
 }
 
+void RunningTool::type(const std::string& keys) {
+  [[maybe_unused]] const ssize_t written = write(outEnd_, keys.data(), keys.size());
+}
+
 void RunningTool::closeOutput() {
   close(outEnd_);
   outEnd_ = -1;

@@ -25,6 +25,8 @@ class RunningTool {
   // Blocks until the output contains the text; throws when it ends before.
   void waitFor(const std::string& text);
   void kill(int signal);
+  // On a terminal: as if these keys were pressed.
+  void type(const std::string& keys);
   // Stops reading: the command's further output meets a closed pipe.
   void closeOutput();
 

@@ -4,7 +4,7 @@
 #include <memory>
 #include <sstream>
 
-#include "image-crc.h"
+#include "firmware-image.h"
 
 namespace {
 
@@ -43,11 +43,7 @@ void ToolTest::installOddModule(const std::string& variant) {
 void ToolTest::installImage(const std::string& firmwareName, const std::string& version,
                             unsigned int expectedTime, const std::string& directory) {
   static const std::string image = makeImage();
-  static const unsigned int crc = [] {
-    fwcomponent::ImageCrc computed;
-    computed.process_bytes(image.data(), image.size());
-    return computed.checksum();
-  }();
+  static const unsigned int crc = sandbox::imageCrc(image);
   const std::string place = directory + firmwareName + "/";
   writeFile(place + firmwareName + ".bin", image);
   Json::Value information;

@@ -7,10 +7,11 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <ostream>
 #include <sstream>
 #include <stdexcept>
 
-#include "image-crc.h"
+#include "firmware-image.h"
 #include "lwipc.h"
 #include "system-bus.h"
 #include "tool-test.h"
@@ -54,11 +55,10 @@ class UpdateAll : public ToolTest {
     if (!behaviour.empty())
       writeFile(kState + name, behaviour);
     const std::string content = "firmware of " + name;
-    fwcomponent::ImageCrc crc;
-    crc.process_bytes(content.data(), content.size());
     writeFile("/tmp/tree/" + name + ".bin", content);
-    writeFile("/tmp/tree/info.json", "{\"version\": \"2.0\", \"crc\": " + std::to_string(crc.checksum()) +
-                                         ", \"expected_time\": " + expectedTime + "}");
+    writeFile("/tmp/tree/info.json",
+              "{\"version\": \"2.0\", \"crc\": " + std::to_string(sandbox::imageCrc(content)) +
+                  ", \"expected_time\": " + expectedTime + "}");
     const std::string command = "mksquashfs /tmp/tree " + kPackages + name +
                                 "emp.img -all-root -noappend -quiet -no-progress >/dev/null";
     if (std::system(command.c_str()) != 0)
@@ -164,8 +164,8 @@ TEST_F(UpdateAll, IsSeenOnTheBusDuringTheRunAndGoneAfterASigkill) {
   EXPECT_TRUE(logind.waitForInhibitors(0));
   const Ended next = run({"list"});
   EXPECT_EQ(next.exitCode, 0);
-  EXPECT_THAT(next.err, AllOf(HasSubstr("interrupted at libstuck (1 of 1)"),
-                              HasSubstr("/dev/shm/sem.SEM_UPDATE_CONTROL")));
+  EXPECT_THAT(next.err,
+              AllOf(HasSubstr("interrupted at libstuck (1 of 1)"), HasSubstr("fw-update lock recover")));
   EXPECT_EQ(run({"list"}).err, "");
 }
 
@@ -248,6 +248,8 @@ TEST_F(UpdateAll, SaysSoWhenNothingNeedsAnUpdate) {
 struct AbsurdExpectation {
   const char* time;
   const char* lock;
+
+  friend void PrintTo(const AbsurdExpectation& value, std::ostream* out) { *out << value.time; }
 };
 
 class AbsurdExpectedTime : public UpdateAll, public ::testing::WithParamInterface<AbsurdExpectation> {};
@@ -335,6 +337,34 @@ TEST_F(UpdateAll, AllDoneTellsEveryModule) {
   EXPECT_EQ(document({"all-done"})["exitCode"].asInt(), 0);
 
   EXPECT_THAT(readFile(kCalls), AllOf(HasSubstr("one done\n"), HasSubstr("two done\n")));
+}
+
+TEST_F(UpdateAll, IsolatedUpdatesAllAsInOneProcess) {
+  install("one");
+  install("two");
+
+  const Json::Value ended = document({"update-all", "--isolated"});
+
+  EXPECT_EQ(ended["outcome"].asString(), "updated");
+  EXPECT_EQ(ended["modules"].size(), 2u);
+}
+
+TEST_F(UpdateAll, IsolatedNamesTheModuleThatCrashedAndCleansUpAfterIt) {
+  install("one", "crash", "30");
+  const SystemBus bus;
+  const LogindStandIn logind(bus);
+
+  const Json::Value ended = document({"update-all", "--isolated"});
+
+  EXPECT_EQ(ended["exitCode"].asInt(), 13);
+  EXPECT_EQ(ended["module"].asString(), "libone");
+  EXPECT_EQ(ended["step"].asString(), "write");
+  EXPECT_EQ(ended["lock"].asString(), "given-back");
+  EXPECT_EQ(ended["unmounted"][0].asString(), kPackages + "emps/oneemp");
+  EXPECT_THAT(ended["remedy"].asString(), HasSubstr("run it again for what is left"));
+  EXPECT_THAT(mounts(), Not(HasSubstr("oneemp")));
+  EXPECT_TRUE(logind.waitForInhibitors(0));
+  EXPECT_EQ(run({"list"}).err, "") << "it was told already";
 }
 
 }  // namespace

@@ -1,5 +1,7 @@
 // usb estimate and usb apply: real packages, the real verifier, real modules.
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <filesystem>
 
@@ -16,6 +18,7 @@ using ::testing::Not;
 
 constexpr const char* kDrive = "/opt/media/USBDriveA/";
 constexpr const char* kKeyFile = "/usr/share/fw-update/package.key";
+constexpr const char* kJournal = "/var/lib/fw-components/journal.log";
 constexpr const char* kFlash = "/var/lib/fw-components/";
 constexpr std::size_t kFlashHeader = 256;
 
@@ -145,6 +148,7 @@ TEST_F(UsbTool, TellsTheProgressOfEachPackage) {
   }
   EXPECT_THAT(started, testing::Contains("libtuner"));
   EXPECT_TRUE(halfway);
+  ASSERT_FALSE(events.empty());
   EXPECT_EQ(events.back()["event"].asString(), "result");
   EXPECT_EQ(events.back()["exitCode"].asInt(), 0);
 }
@@ -316,19 +320,23 @@ TEST_F(UsbTool, ReportsAModuleThatFailsToWriteAndGoesOnWithTheOthers) {
 // The package of the module whose turn comes second, while the first one writes.
 class UsbToolMeanwhile : public UsbTool {
  protected:
+  // Each update begins with a line in the journal. Here that is a pipe, and the first
+  // update waits until somebody reads from it.
   Json::Value applyAndMeanwhile(void (*change)(const std::string& path)) {
     for (const char* name : {"tuner", "panel"}) {
       installModule("lib" + std::string(name));
-      describeComponent(name + std::string("fw"), "write_kib_per_second = 300");
       putPackage(name + std::string("fw"));
     }
+    EXPECT_EQ(mkfifo(kJournal, 0644), 0);
     auto arguments = command("apply");
     arguments.insert(arguments.end(), {"--progress", "ndjson"});
     RunningTool tool(arguments, {{"FW_UPDATE_LOG=none"}});
     tool.waitFor("\"percent\"");
     second = tool.out().find("libtuner") != std::string::npos ? "libpanel" : "libtuner";
     change(kDrive + second.substr(3) + "fw.bin");
+    const int reader = open(kJournal, O_RDWR | O_CLOEXEC);
     tool.finish();
+    close(reader);
     return lines(tool.out()).back();
   }
   std::string second;
@@ -373,6 +381,23 @@ TEST_F(UsbTool, NeedsItsOptions) {
   EXPECT_THAT(run({"usb", "apply"}).err, HasSubstr("Try: fw-update usb apply --help"));
   EXPECT_EQ(run({"usb", "format", "--key-file", kKeyFile}).exitCode, 2);
   EXPECT_EQ(run({"usb", "estimate", "--help"}).exitCode, 0);
+}
+
+TEST_F(UsbTool, AppliesInAProcessOfItsOwnAndNamesTheModuleThatCrashesThere) {
+  fs::copy_file(FAULTY_MODULE, std::string(kControls) + "libfaulty.so");
+  putPackage("faultyfw");
+  std::vector<std::string> words = command("apply");
+  words.emplace_back("--isolated");
+
+  EXPECT_EQ(document(words)["outcome"].asString(), "updated");
+  const Json::Value crashed = document(words, {{"FAULTY_MODULE=doUpdate_decryption segv"}});
+  const Json::Value checking = document(words, {{"FAULTY_MODULE=checkVersion abort"}});
+
+  EXPECT_EQ(crashed["outcome"].asString(), "module-crashed");
+  EXPECT_EQ(crashed["module"].asString(), "libfaulty");
+  EXPECT_EQ(crashed["step"].asString(), "package");
+  EXPECT_EQ(checking["module"].asString(), "libfaulty");
+  EXPECT_EQ(checking["step"].asString(), "check");
 }
 
 }  // namespace

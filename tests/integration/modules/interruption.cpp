@@ -16,6 +16,7 @@
 #include <fstream>
 #include <optional>
 
+#include "firmware-image.h"
 #include "module-test.h"
 
 namespace {
@@ -28,6 +29,8 @@ constexpr long kLock = SYS_fcntl64;
 constexpr long kSeek = SYS_lseek;
 constexpr long kLock = SYS_fcntl;
 #endif
+
+constexpr std::size_t kMebibyte = 1024 * 1024;
 
 // A process that stops on its way into and out of every system call.
 class TracedChild {
@@ -86,6 +89,21 @@ class TracedChild {
   int result_ = 0;
 };
 
+// From now on, this system call of the process fails with error.
+void refuse(long call, int error) {
+  const auto number = static_cast<std::uint32_t>(call);
+  sock_filter program[] = {
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, number, 0, 1),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | static_cast<std::uint32_t>(error)),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+  };
+  const sock_fprog filter{static_cast<unsigned short>(std::size(program)), program};
+  if (::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
+      ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) != 0)
+    ::_exit(255);
+}
+
 class InterruptedUpdate : public ModuleTest {
  protected:
   void SetUp() override {
@@ -107,6 +125,7 @@ class InterruptedUpdate : public ModuleTest {
   const std::string oldImage_ = makeImage(100000, 1);
   const std::string newImage_ = makeImage(150000, 2);
   const std::uint32_t newCrc_ = crcOf(newImage_);
+  const std::string flash_ = std::string(kComponents) + "panelfw.flash";
   const std::string newFlash_ = std::string(kComponents) + "panelfw.flash.new";
 };
 
@@ -128,13 +147,12 @@ TEST_F(InterruptedUpdate, LeavesTheOldFirmwareAtEveryStage) {
 }
 
 TEST_F(InterruptedUpdate, LeavesWholeFirmwareAtEverySystemCall) {
-  const std::string flash = std::string(kComponents) + "panelfw.flash";
-  const std::string oldFlash = readFile(flash);
+  const std::string oldFlash = readFile(flash_);
   int oldActive = 0;
   int newActive = 0;
 
   for (bool ended = false; !ended;) {
-    writeFile(flash, oldFlash);
+    writeFile(flash_, oldFlash);
     forgetProgress("panelfw");
     const int stops = oldActive + newActive;
     {
@@ -165,6 +183,34 @@ TEST_F(InterruptedUpdate, SyncsTheFirmwareBeforeTheSwitchAndTheDirectoryAfterIt)
   EXPECT_FALSE(exists(newFlash_));
   EXPECT_NE(panel_.progress(), 100u);
   EXPECT_EQ(updating.result(), 0);
+}
+
+TEST_F(InterruptedUpdate, LetsTheMediumBeginEvery8MiBWhileItWritesOn) {
+  const std::string image(17 * kMebibyte, 'x');
+  const unsigned int crc = sandbox::imageCrc(image);
+  writeFile(kImagePath, image);
+  TracedChild updating([&] { return panel_.update("2.0.0", kImagePath, crc); });
+
+  ASSERT_TRUE(updating.runInto(SYS_sync_file_range));
+  EXPECT_EQ(std::filesystem::file_size(newFlash_), 256 + 8 * kMebibyte);
+  ASSERT_TRUE(updating.runInto(SYS_sync_file_range));
+  EXPECT_EQ(std::filesystem::file_size(newFlash_), 256 + 16 * kMebibyte);
+  EXPECT_EQ(panel_.activeVersion(), "1.0.0");
+  EXPECT_EQ(updating.result(), 0);
+  EXPECT_TRUE(readFile(flash_).compare(256, std::string::npos, image) == 0);
+}
+
+TEST_F(InterruptedUpdate, DoesWithoutAnEarlyBeginOfTheMedium) {
+  const std::string image(9 * kMebibyte, 'x');
+  const unsigned int crc = sandbox::imageCrc(image);
+  writeFile(kImagePath, image);
+  Child updating([&] {
+    refuse(SYS_sync_file_range, ENOSYS);
+    return panel_.update("2.0.0", kImagePath, crc);
+  });
+
+  EXPECT_EQ(updating.wait(), 0);
+  EXPECT_TRUE(readFile(flash_).compare(256, std::string::npos, image) == 0);
 }
 
 TEST_F(InterruptedUpdate, ReportsGrowingProgressThatReaches100WithTheSwitch) {
@@ -216,21 +262,6 @@ TEST_F(InterruptedUpdate, NoticesAMediumThatLosesTheEnd) {
 
   EXPECT_EQ(updating.result(), EIO);
   expectOldFirmware();
-}
-
-// From now on, this system call of the process fails with error.
-void refuse(long call, int error) {
-  const auto number = static_cast<std::uint32_t>(call);
-  sock_filter program[] = {
-      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, number, 0, 1),
-      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | static_cast<std::uint32_t>(error)),
-      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
-  };
-  const sock_fprog filter{static_cast<unsigned short>(std::size(program)), program};
-  if (::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
-      ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) != 0)
-    ::_exit(255);
 }
 
 TEST_F(InterruptedUpdate, ReportsASystemCallThatFails) {

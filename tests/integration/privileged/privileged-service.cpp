@@ -28,10 +28,10 @@
 #include "device-environment.h"
 #include "package-images.h"
 #include "privileged-calls.h"
-#include "privileged-client.h"
-#include "privileged-protocol.h"
+#include "privileged/privileged-client.h"
+#include "privileged/privileged-protocol.h"
+#include "privileged/squashfs-unpack.h"
 #include "service-process.h"
-#include "squashfs-unpack.h"
 #include "temporary-mount.h"
 #include "unique-fd.h"
 

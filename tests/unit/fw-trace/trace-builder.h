@@ -8,7 +8,7 @@
 #include <variant>
 #include <vector>
 
-#include "trace-format.h"
+#include "trace/trace-format.h"
 
 // nullptr is a null text.
 using Argument = std::variant<std::int32_t, std::string, std::nullptr_t>;

@@ -1,11 +1,12 @@
 // The bytes of docs/formats/component-flash.md.
 #include <gtest/gtest.h>
 
+#include <boost/crc.hpp>
 #include <cerrno>
 #include <system_error>
 
 #include "flash-file.h"
-#include "image-crc.h"
+
 
 namespace {
 
@@ -38,19 +39,11 @@ int decodeError(const FlashHeaderBytes& bytes) {
 
 // Makes a changed header consistent again.
 FlashHeaderBytes withCrc(FlashHeaderBytes bytes) {
-  fwcomponent::ImageCrc crc;
+  boost::crc_optimal<32, 0x01B23CA3, 0, 0, false, false> crc;
   crc.process_bytes(bytes.data(), bytes.size() - 4);
   for (std::size_t i = 0; i < 4; ++i)
     bytes[bytes.size() - 4 + i] = static_cast<unsigned char>(crc.checksum() >> (8 * i));
   return bytes;
-}
-
-TEST(ImageCrc, MatchesItsCheckValue) {
-  fwcomponent::ImageCrc crc;
-
-  crc.process_bytes("123456789", 9);
-
-  EXPECT_EQ(crc.checksum(), 0x6A50465Cu);
 }
 
 TEST(FlashHeader, IsWrittenAsDocumented) {

@@ -1,4 +1,4 @@
-#include "log-text.h"
+#include "log/log-text.h"
 
 #include <gtest/gtest.h>
 

@@ -1,5 +1,5 @@
 // The bytes of docs/formats/privileged-protocol.md.
-#include "privileged-protocol.h"
+#include "privileged/privileged-protocol.h"
 
 #include <gtest/gtest.h>
 

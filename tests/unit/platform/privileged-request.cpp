@@ -1,4 +1,4 @@
-#include "privileged-request.h"
+#include "privileged/privileged-request.h"
 
 #include <gtest/gtest.h>
 

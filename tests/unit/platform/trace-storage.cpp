@@ -26,8 +26,8 @@
 #include <vector>
 
 #include "message.h"
-#include "trace-format.h"
 #include "trace-store.h"
+#include "trace/trace-format.h"
 
 namespace {
 

@@ -24,9 +24,10 @@ namespace {
 enum Answer { kTrue = 0, kFalse = 1, kThrew = 2 };
 
 // Runs act in a child process, which may enter a device of its own: the device that
-// this test program is in is then its host.
+// this test program is in is then its host. Not with fork(): the thread sanitizer
+// makes that start a thread in the child, and only one thread can enter a device.
 int inChild(const std::function<bool()>& act) {
-  const pid_t child = fork();
+  const pid_t child = _Fork();
   if (child == 0) {
     int answer = kThrew;
     try {
@@ -268,6 +269,84 @@ TEST_F(DeviceNamespace, TakesTheHostsRootAway) {
               return !exists("/.host");
             }),
             kTrue);
+}
+
+// The least that is a root file system.
+std::string makeSystem() {
+  const std::string system = "/var/other-system";
+  for (const char* place : {"/proc", "/sys", "/dev", "/tmp", "/usr/lib", "/etc"}) {
+    fs::create_directories(system + place);
+  }
+  DeviceTest::writeFile(system + "/etc/name", "other system");
+  return system;
+}
+
+TEST_F(DeviceNamespace, StandsOnAnotherSystemWhenToldSo) {
+  const auto system = makeSystem();
+
+  const int stands = inChild([&] {
+    sandbox::enterDevice({directory, {}, system});
+    writeFile("/etc/written", "x");
+    writeFile("/prd/state", "x");
+    return readFile("/etc/name") == "other system" && !exists("/bin") && exists("/proc/self/mounts") &&
+           exists("/dev/null");
+  });
+
+  EXPECT_EQ(stands, kTrue);
+  EXPECT_FALSE(exists(system + "/etc/written"));
+  EXPECT_FALSE(exists(system + "/prd"));
+  EXPECT_TRUE(exists(directory + "/prd/state"));
+  fs::remove_all(system);
+}
+
+TEST_F(DeviceNamespace, TakesTheHostsRootAwayFromAnotherSystemToo) {
+  const auto system = makeSystem();
+
+  const int gone = inChild([&] {
+    sandbox::enterDevice({"", {}, system});
+    for (const auto& point : sandbox::mountPoints()) {
+      if (point.find(".host") != std::string::npos) {
+        return false;
+      }
+    }
+    return fs::is_empty("/tmp") && !exists("/.host");
+  });
+
+  EXPECT_EQ(gone, kTrue);
+  fs::remove_all(system);
+}
+
+TEST_F(DeviceNamespace, ShowsPathsOfTheHostOnAnotherSystem) {
+  const auto system = makeSystem();
+  fs::create_directories("/opt/shown");
+  writeFile("/opt/shown/file", "of the host");
+
+  EXPECT_EQ(inChild([&] {
+              sandbox::enterDevice({"", {"/opt/shown"}, system});
+              return readFile("/opt/shown/file") == "of the host";
+            }),
+            kTrue);
+
+  fs::remove_all("/opt/shown");
+  fs::remove_all(system);
+}
+
+TEST_F(DeviceNamespace, RefusesASystemWithoutAPlaceForTheKernels) {
+  const auto system = makeSystem();
+  fs::remove(system + "/sys");
+
+  EXPECT_EQ(inChild([&] {
+              try {
+                sandbox::enterDevice({"", {}, system});
+              } catch (const std::runtime_error& refused) {
+                return std::string(refused.what()) ==
+                       system + " is no root file system: it has no directory /sys";
+              }
+              return false;
+            }),
+            kTrue);
+
+  fs::remove_all(system);
 }
 
 TEST_F(DeviceNamespace, ShowsWhatTheHostHasMountedInADirectoryThatItChanges) {

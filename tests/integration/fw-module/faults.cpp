@@ -1,0 +1,179 @@
+// Modules with one fault each: that fault is found, at the right entry point, and
+// nothing else. And modules without a fault.
+#include <algorithm>
+#include <cctype>
+#include <ostream>
+
+#include "checks.h"
+#include "fw-module-test.h"
+
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+struct Fault {
+  const char* module;      // of the faulty ones
+  const char* check;       // that finds it
+  const char* entryPoint;  // that has it
+  const char* copiedTo = nullptr;
+};
+
+constexpr Fault kFaults[] = {
+    // The file.
+    {"sound", "name", "", "sound.so.1"},
+    {"sound-extension", "ext-case", "", "libnext-door.so"},
+    {"missing-entry-point", "entry-points", "checkVersion"},
+    {"mangled-entry-point", "entry-points", "checkVersion"},
+    {"data-entry-point", "entry-point-kind", "getUpdateProgress"},
+    {"other-exports", "exports", ""},
+    {"linked-library", "needed", ""},
+    {"undefined-symbol", "loads", "loading"},
+    // Anywhere.
+    {"crash-in-update", "crash", "doUpdate"},
+    {"crash-on-empty-version", "crash", "checkVersion"},
+    {"crash-on-long-version", "crash", "checkVersion"},
+    {"crash-by-recursion", "crash", "getActiveVersion"},
+    {"crash-while-loading", "crash", "loading"},
+    {"crash-at-the-end", "crash", "unloading"},
+    {"hang-in-update", "hang", "doUpdate"},
+    {"hang-in-context", "hang", "setContext"},
+    {"hang-at-the-end", "hang", "unloading"},
+    {"exception", "exception", "checkVersion"},
+    {"exit-in-update", "exit", "doUpdate"},
+    {"long-text", "overrun", "getActiveVersion"},
+    {"identifier-without-room", "overrun", "getEMPID"},
+    {"wide-answer", "overrun", "checkVersion"},
+    {"written-text", "overrun", "checkVersion"},
+    {"write-before-the-beginning", "overrun", "getActiveVersion"},
+    {"read-beyond-the-data", "overrun", "doUpdate_decryption"},
+    {"kept-text", "text-kept", "getActiveVersion"},
+    {"leaked-descriptor", "descriptors", "getActiveVersion"},
+    {"leaked-descriptor-after-a-failure", "descriptors", "doUpdate"},
+    {"leaked-thread", "threads", "doUpdate"},
+    {"left-process", "processes", ""},
+    {"printing", "prints", ""},
+    // Identity.
+    {"refused-context", "context", "setContext"},
+    {"identifier-without-end", "text-end", "getEMPID"},
+    {"version-without-end", "text-end", "getActiveVersion"},
+    {"identifier-without-emp", "identifier", "getEMPID"},
+    {"identifier-upper-case", "identifier", "getEMPID"},
+    {"identifier-underscore", "identifier", "getEMPID"},
+    {"identifier-emp-alone", "identifier", "getEMPID"},
+    {"unwritten-identifier", "identifier", "getEMPID"},
+    {"sound-extension", "identifier", "getEMPID", "sound.so"},
+    {"sound", "ext-identifier", "getEMPID", "libEXT-sound.so"},
+    {"no-version", "active-version", "getActiveVersion"},
+    {"unwritten-version", "active-version", "getActiveVersion"},
+    {"changing-answer", "same-answer", "getExpectedTime"},
+    {"answer-that-several-threads-mix", "same-answer", "getActiveVersion"},
+    // Versions.
+    {"unwritten-need", "need", "checkVersion"},
+    {"need-of-two", "need-value", "checkVersion"},
+    {"never-needed", "version-newer", "checkVersion"},
+    {"equal-version", "version-equal", "checkVersion"},
+    {"older-version", "version-older", "checkVersion"},
+    {"empty-version", "version-empty", "checkVersion"},
+    {"nonsense-version", "version-nonsense", "checkVersion"},
+    // Updates.
+    {"failing-update", "update", "doUpdate"},
+    {"update-that-does-nothing", "update-version", "getActiveVersion"},
+    {"no-expected-time", "expected-time", "getExpectedTime"},
+    {"packages-without-expected-time", "expected-time", "getExpectedTime"},
+    {"expected-time-in-milliseconds", "expected-time-long", "getExpectedTime"},
+    {"progress-above-100", "progress-range", "getUpdateProgress"},
+    {"falling-progress", "progress-falls", "getUpdateProgress"},
+    {"waiting-query", "query-waits", "getUpdateProgress"},
+    {"missing-image", "image-missing", "doUpdate"},
+    {"empty-image", "image-empty", "doUpdate"},
+    {"corrupt-image", "image-corrupt", "doUpdate"},
+    {"full-disk", "full-disk", "doUpdate"},
+    {"lost-old-firmware", "old-firmware", "doUpdate"},
+    {"plain-minus-one", "result-code", "doUpdate"},
+    {"failing-package", "decryption", "doUpdate_decryption"},
+    {"failing-end", "all-done", "allUpdateDone"},
+};
+
+// What hangs costs the limit; nothing else takes as long.
+std::vector<std::string> checkCommand(const std::string& file) {
+  return {"check", file, "--timeout", "5", "--keep", FW_BINARY_DIRECTORY};
+}
+
+void PrintTo(const Fault& fault, std::ostream* stream) {
+  *stream << fault.module << ": " << fault.check;
+}
+
+class EveryFault : public FwModuleTest, public testing::WithParamInterface<Fault> {};
+
+std::string testName(const testing::TestParamInfo<Fault>& info) {
+  const std::string words = info.param.copiedTo != nullptr
+                                ? std::string(info.param.module) + "-as-" + info.param.copiedTo
+                                : info.param.module;
+  std::string name;
+  for (const char c : words)
+    if (std::isalnum(static_cast<unsigned char>(c)) != 0)
+      name += c;
+    else
+      name += '_';
+  return name;
+}
+
+INSTANTIATE_TEST_SUITE_P(Module, EveryFault, testing::ValuesIn(kFaults), testName);
+
+TEST_P(EveryFault, IsFoundAndNothingElse) {
+  const Fault& fault = GetParam();
+  const std::string module = std::string(fault.module) + ".so";
+  const std::string file = copyOf(module, fault.copiedTo != nullptr ? fault.copiedTo : module);
+
+  const Json::Value report = document(checkCommand(file));
+
+  ASSERT_THAT(findingsOf(report), ElementsAre(fault.check)) << report["findings"].toStyledString();
+  const Json::Value& finding = report["findings"][0];
+  EXPECT_EQ(finding["entryPoint"].asString(), fault.entryPoint) << finding["message"];
+  EXPECT_EQ(report["exitCode"].asInt(), finding["severity"] == "error" ? 1 : 3);
+  EXPECT_FALSE(finding["advice"].asString().empty());
+}
+
+TEST(Faults, CoverEveryCheck) {
+  // A file that is no library is a test of its own.
+  std::set<std::string> missing;
+  for (const fwmodule::CheckInfo& check : fwmodule::kChecks)
+    missing.insert(check.id);
+
+  for (const Fault& fault : kFaults)
+    missing.erase(fault.check);
+
+  EXPECT_THAT(missing, ElementsAre("library"));
+}
+
+class SoundModule : public FwModuleTest, public testing::WithParamInterface<const char*> {};
+
+INSTANTIATE_TEST_SUITE_P(Module, SoundModule,
+                         testing::Values("sound.so", "libtuner.so", "libpanel.so", "libwifi.so",
+                                         "libEXT-remote.so", "libminimal.so"),
+                         [](const auto& module) {
+                           std::string name = module.param;
+                           name = name.substr(0, name.find('.'));
+                           name.erase(std::remove(name.begin(), name.end(), '-'), name.end());
+                           return name;
+                         });
+
+TEST_P(SoundModule, HasNoFindings) {
+  const Json::Value report = document(checkCommand(copyOf(GetParam(), GetParam())));
+
+  EXPECT_THAT(findingsOf(report), IsEmpty()) << report["findings"].toStyledString();
+  EXPECT_EQ(report["exitCode"].asInt(), 0);
+}
+
+// All but what is for EXT- modules only: a check that is quietly left out finds nothing.
+TEST_F(FwModuleTest, MakesEveryCheckOfAnOrdinaryModule) {
+  const Json::Value report = document(checkCommand(copyOf("sound.so", "sound.so")));
+
+  for (const fwmodule::CheckInfo& check : fwmodule::kChecks) {
+    const bool forExtensions = check.check == fwmodule::Check::ExtensionIdentifier;
+    EXPECT_EQ(resultOf(report, check.id), forExtensions ? "not-checked" : "passed") << check.id;
+  }
+}
+
+}  // namespace

@@ -1,0 +1,13 @@
+// A global of it crashes when it is constructed.
+#include "sound-module.h"
+
+namespace {
+
+struct Global {
+  Global() {
+    volatile int* volatile nowhere = nullptr;
+    *nowhere = 1;
+  }
+} global;
+
+}  // namespace

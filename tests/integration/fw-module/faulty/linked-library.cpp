@@ -1,0 +1,2 @@
+// It links the update library; the build does that.
+#include "sound-module.h"

@@ -1,0 +1,3 @@
+// A required entry point is not there.
+#define OWN_checkVersion
+#include "sound-module.h"

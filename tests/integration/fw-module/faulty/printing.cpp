@@ -1,0 +1,8 @@
+// It prints when it is told its context.
+#define OWN_setContext
+#include "sound-module.h"
+
+int setContext(const char* libName, CallerTypes caller, char*) {
+  std::printf("%s: caller %d\n", libName, caller);
+  return 0;
+}

@@ -1,0 +1,2 @@
+// No fault at all.
+#include "sound-module.h"

@@ -1,0 +1,9 @@
+// It calls what no library has.
+#define OWN_allUpdateDone
+#include "sound-module.h"
+
+extern "C" int functionOfNoLibrary();
+
+int allUpdateDone() {
+  return functionOfNoLibrary();
+}

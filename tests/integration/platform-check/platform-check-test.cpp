@@ -1,0 +1,136 @@
+// The fw-platform-check command: it finds the platform of ordinary Linux whole, and
+// each broken promise of one that is not.
+#include <unistd.h>
+
+#include <filesystem>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "device-environment.h"
+#include "running-program.h"
+#include "system-bus.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+class PlatformCheck : public DeviceTest {
+ protected:
+  void SetUp() override {
+    DeviceTest::SetUp();
+    fs::create_directories("/opt/usr/apps/appbinarymanager/emps");
+  }
+
+  static void installVerifier() { fs::copy_file(VERIFIER, "/usr/lib/libkZAQUser.so"); }
+
+  static ProgramResult check(const std::vector<std::string>& arguments, const std::string& fault = "") {
+    std::vector<std::string> command = {PLATFORM_CHECK_PROGRAM};
+    command.insert(command.end(), arguments.begin(), arguments.end());
+    return runProgram({command, "/", 0, {"FW_FAULT=" + fault, "FW_UPDATE_LOG=none"}});
+  }
+};
+
+TEST_F(PlatformCheck, FindsThePlatformOfOrdinaryLinuxWhole) {
+  installVerifier();
+
+  const ProgramResult result = check({});
+
+  EXPECT_EQ(result.exitCode, 0) << result.output;
+  EXPECT_NE(result.output.find(" 0 broken"), std::string::npos) << result.output;
+}
+
+TEST_F(PlatformCheck, ChecksPowerWhereItCanBeHeld) {
+  const SystemBus bus;
+  const LogindStandIn logind(bus);
+
+  const ProgramResult result = check({"--only", "power"});
+
+  EXPECT_NE(result.output.find("3 kept, 0 broken, 0 not checked"), std::string::npos) << result.output;
+}
+
+TEST_F(PlatformCheck, LeavesNoPackageBehind) {
+  check({"--only", "mount"});
+
+  EXPECT_TRUE(fs::is_empty("/opt/usr/apps/appbinarymanager/emps"));
+  EXPECT_EQ(std::distance(fs::directory_iterator("/opt/usr/apps/appbinarymanager"), {}), 1);
+}
+
+TEST_F(PlatformCheck, FindsAMissingVerifier) {
+  const ProgramResult result = check({"--only", "verifier"});
+
+  EXPECT_EQ(result.exitCode, 1);
+  EXPECT_NE(result.output.find("every package is taken"), std::string::npos) << result.output;
+}
+
+TEST_F(PlatformCheck, RefusesWrongArguments) {
+  for (const std::vector<std::string>& arguments :
+       std::vector<std::vector<std::string>>{{"--only", "colours"},
+                                             {"--library", "/nowhere.so"},
+                                             {"--what"},
+                                             {"there"},
+                                             {"--only"},
+                                             {"--timeout", "soon"},
+                                             {"--timeout", "0"}}) {
+    const ProgramResult result = check(arguments);
+    EXPECT_EQ(result.exitCode, 2) << arguments[0];
+    EXPECT_NE(result.error.find("--help"), std::string::npos) << arguments[0];
+  }
+}
+
+struct Fault {
+  const char* name;
+  const char* area;
+  const char* promise;   // that must be called broken
+  const char* sentence;  // why
+};
+
+void PrintTo(const Fault& fault, std::ostream* stream) {
+  *stream << fault.name << ": " << fault.promise;
+}
+
+class FaultyPlatform : public PlatformCheck, public ::testing::WithParamInterface<Fault> {};
+
+TEST_P(FaultyPlatform, IsFoundOut) {
+  const Fault& fault = GetParam();
+
+  const ProgramResult result =
+      check({"--library", FAULTY_PLATFORM, "--only", fault.area, "--timeout", "2"}, fault.name);
+
+  EXPECT_EQ(result.exitCode, 1) << result.output;
+  EXPECT_NE(result.output.find("BROKEN       " + std::string(fault.promise)), std::string::npos)
+      << result.output;
+  EXPECT_NE(result.output.find(fault.sentence), std::string::npos) << result.output;
+}
+
+constexpr Fault faults[] = {
+    {"log-errno", "log", "leaves errno as it was", "errno was changed to 5"},
+    {"log-length", "log", "returns the length of the message", "returned 21 for a message of 20 bytes"},
+    {"log-null", "log", "takes a null tag and a null format", "Aborted"},
+    {"log-cuts", "log", "takes messages of any length", "returned 999"},
+    {"system-no-dash", "system", "gives a software version", "television"},
+    {"system-any-key", "system", "refuses another key", "key -1 is answered with 0"},
+    {"mount-says-yes", "mount", "refuses an image that is not there", "said to be mounted"},
+    {"mount-says-yes", "mount", "mounts a package read-only", "not in the directory"},
+    {"", "mount", "mounts a package read-only", "PS_Mount returned -38"},
+    {"power-gives-more", "power", "gives back what it holds", "more was given back than was held"},
+    {"", "power", "counts every hold", "one after the other"},
+    {"", "power", "ends a hold by itself", "over a second"},
+    {"", "event", "keeps a done event done", "not done for the process"},
+    {"", "event", "wakes a process that waits", "not woken"},
+    {"event-always-done", "event", "ends a wait after its time", "the wait ended with 0"},
+    {"event-hangs", "event", "ends a wait after its time", "no answer within 2 s"},
+    {"download-any-name", "download", "refuses a name that is no identifier",
+     "\"../platformcheck\" was accepted"},
+    {"download-throws", "download", "returns at once", "Aborted"},
+};
+
+INSTANTIATE_TEST_SUITE_P(Each, FaultyPlatform, ::testing::ValuesIn(faults), [](const auto& tested) {
+  std::string name = std::string(tested.param.name) + "_" + tested.param.promise;
+  for (char& letter : name) {
+    letter = std::isalnum(static_cast<unsigned char>(letter)) != 0 ? letter : '_';
+  }
+  return name;
+});
+
+}  // namespace

@@ -1,0 +1,27 @@
+// The modules and images that the soak updates, in the device that the process has
+// entered. Plain functions.
+#ifndef TESTS_SOAK_DEVICE_H
+#define TESTS_SOAK_DEVICE_H
+
+#include <cstddef>
+#include <string>
+
+namespace soak {
+
+inline constexpr int modules = 5;
+// Takes longer than its image says, and so runs out of time after two seconds.
+inline constexpr const char* slowModule = "libslow";
+inline constexpr const char* procedureModule = "libEXT-soak";
+// Each worker has one with an extension package of its own.
+std::string packageModule(int slot);
+
+void layOut(int slots);
+// The library removes a package's image when its update succeeded.
+void putPackageImage(int slot);
+
+inline constexpr const char* usbDirectory = "/opt/media/USBDriveA/";
+std::size_t usbPackageSize();
+
+}  // namespace soak
+
+#endif

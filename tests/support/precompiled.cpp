@@ -1,0 +1,1 @@
+// Nothing but the headers that CMake compiles once for all tests.

@@ -1,0 +1,358 @@
+"""What a sweep goes by: which errors a system call can return, what an interrupted
+update may leave behind, and whether the result of one point keeps the promises.
+
+docs/interruption.md states the same for people.
+"""
+
+import errno
+import fnmatch
+import json
+
+# ---- Errors --------------------------------------------------------------------
+
+# Of a call's name, or its name and what it is about: the errors that Linux documents
+# for it and that a device can run into. No entry is a mistake of this table; an empty
+# one says that the call cannot fail in these ways.
+ERRORS = {
+    "open": "EMFILE ENOMEM EIO",
+    "open create": "EMFILE ENOSPC EIO",
+    "openat": "EMFILE ENOMEM EIO",
+    "openat create": "EMFILE ENOSPC EIO",
+    "close": "EIO EINTR",
+    "read": "EIO",
+    "read socket": "ENOMEM EINTR",
+    "read pipe": "EINTR",
+    "pread64": "EIO",
+    "write": "ENOSPC EIO",
+    "write pipe": "",
+    "writev": "ENOSPC EIO",
+    "pwrite64": "ENOSPC EIO",
+    "lseek": "",
+    "_llseek": "",
+    "fsync": "EIO ENOSPC",
+    "fdatasync": "EIO ENOSPC",
+    "ftruncate": "EIO ENOSPC",
+    "fallocate": "ENOSPC EIO EINTR",
+    "fadvise64": "",
+    "fstat": "EIO ENOMEM",
+    "stat": "EIO ENOMEM",
+    "lstat": "EIO ENOMEM",
+    "newfstatat": "EIO ENOMEM",
+    "fstatat64": "EIO ENOMEM",
+    "statx": "EIO ENOMEM",
+    "statfs": "EIO ENOMEM",
+    "fstatfs": "EIO ENOMEM",
+    "access": "EIO ENOMEM",
+    "faccessat": "EIO ENOMEM",
+    "faccessat2": "EIO ENOMEM",
+    "readlink": "EIO ENOMEM",
+    "readlinkat": "EIO ENOMEM",
+    "getdents64": "EIO ENOMEM",
+    "mkdir": "ENOSPC EIO ENOMEM",
+    "rename": "ENOSPC EIO ENOMEM",
+    "renameat": "ENOSPC EIO ENOMEM",
+    "link": "ENOSPC EIO ENOMEM",
+    "unlink": "EIO ENOMEM",
+    "unlinkat": "EIO ENOMEM",
+    "chmod": "EIO",
+    "fchmod": "EIO",
+    "flock": "EINTR ENOLCK",
+    "fcntl": "",
+    "fcntl duplicate": "EMFILE",
+    "fcntl lock": "ENOLCK",
+    "ioctl": "EIO ENOMEM",
+    "ioctl loop": "EIO ENOMEM EINTR",
+    "mount": "ENOMEM EIO EBUSY",
+    "umount2": "ENOMEM EBUSY",
+    "mmap": "ENOMEM",
+    "munmap": "ENOMEM",
+    "mprotect": "ENOMEM",
+    "mremap": "ENOMEM",
+    "madvise": "ENOMEM",
+    "brk": "ENOMEM",
+    "clone": "EAGAIN ENOMEM",
+    "clone3": "EAGAIN ENOMEM",
+    "pipe2": "EMFILE",
+    "dup": "EMFILE",
+    "socket": "EMFILE ENOMEM",
+    "connect": "EINTR EAGAIN",
+    "bind": "ENOMEM",
+    "listen": "",
+    "accept4": "EMFILE ENOMEM EINTR",
+    "sendto": "ENOMEM EINTR",
+    "sendmsg": "ENOMEM EINTR",
+    "recvfrom": "ENOMEM EINTR",
+    "recvmsg": "ENOMEM EINTR",
+    "shutdown": "",
+    "setsockopt": "ENOMEM",
+    "getsockopt": "",
+    "getsockname": "",
+    "getpeername": "",
+    "poll": "EINTR ENOMEM",
+    "ppoll": "EINTR ENOMEM",
+    "futex wait": "EINTR",
+    "futex_time64 wait": "EINTR",
+    "futex": "",
+    "futex_time64": "",
+    "signalfd4": "EMFILE ENOMEM",
+    "memfd_create": "EMFILE ENOMEM",
+    "clock_nanosleep": "EINTR",
+    "uname": "",
+    "getrandom": "",
+    "prctl": "",
+    "prlimit64": "",
+    "rt_sigaction": "",
+    "rt_sigprocmask": "",
+    "rt_sigpending": "",
+    "rt_sigtimedwait": "",
+    "rt_sigreturn": "",
+    "rseq": "",
+    "set_robust_list": "",
+    "set_tid_address": "",
+    "sched_yield": "",
+    "sched_getaffinity": "",
+    "restart_syscall": "",
+    "clock_gettime": "",
+    "clock_gettime64": "",
+    "getpid": "",
+    "getppid": "",
+    "gettid": "",
+    "getuid": "",
+    "geteuid": "",
+    "getgid": "",
+    "getegid": "",
+    "getresuid": "",
+    "getresgid": "",
+    "getcwd": "ENOMEM",
+    "umask": "",
+    "kill": "",
+    "tgkill": "",
+    "exit": "",
+    "exit_group": "",
+}
+
+KINDS = (
+    ("create ", "create"),
+    ("socket:", "socket"),
+    ("pipe:", "pipe"),
+    ("/dev/loop", "loop"),
+    ("wait", "wait"),
+    ("duplicate", "duplicate"),
+    ("lock", "lock"),
+)
+
+
+# When this directory cannot be synced, a switch to the new firmware counts as failed.
+COMPONENTS = "/var/lib/fw-components"
+
+KILLED = 128 + 9  # the tracer's exit code
+
+
+class UnknownCall(Exception):
+    """A traced call that the table of errors does not know."""
+
+
+def errors_of(call, subject):
+    for beginning, kind in KINDS:
+        if subject.startswith(beginning) and f"{call} {kind}" in ERRORS:
+            return ERRORS[f"{call} {kind}"].split()
+    if call not in ERRORS:
+        raise UnknownCall(call)
+    return ERRORS[call].split()
+
+
+def error_number(name):
+    return getattr(errno, name)
+
+
+# ---- What may be left ------------------------------------------------------------
+
+PENDING_LIST = "/tmp/fwupdate-off-list.txt"
+
+# After an interruption, beside what was there before: a pattern, and what becomes of it.
+LEFT_AFTER_KILL = {
+    "/var/lib/fw-components/*.flash.new": "overwritten by the component's next update",
+    "/dev/shm/sem.??????": "the lock's file before it gets its name; gone with the next start of the device",
+    "/run/fw-update/update-all.json": "told by the next command, then removed",
+    "/run/fw-update/update-all.json.new": "overwritten by the next update-all",
+    PENDING_LIST: "removed by the next update-all that has something to do",
+}
+
+# Kept by any update, interrupted or not.
+KEPT = (
+    "/var/lib/fw-components/*.progress",
+    "/var/lib/fw-components/journal.log",
+    "/opt/usr/apps/appbinarymanager/emps/*",
+    "/dev/shm/sem.SEM_UPDATE_CONTROL",
+    "/run/fw-trace",
+    "/run/fw-trace/*",
+    "/run/fw-lwipc",
+    "/run/fw-lwipc/%2Ftmp%2F.ignore_resume",
+    "/run/fw-update",
+    "/run/fw-update/update-all.lock",
+    "/run/fw-privileged.sock",
+)
+
+# Not removed when their own removal failed, or what makes them.
+LEFT_AFTER_ERROR = {
+    "unlink": ("/var/lib/fw-components/*.flash.new", "/dev/shm/sem.??????"),
+    "unlinkat": ("/run/fw-update/update-all.json",),
+}
+
+EXIT_CODES = {
+    "ok": 0, "updated": 0, "unexpected-error": 1, "already-running": 1, "stopped": 1, "usage": 2,
+    "nothing-to-do": 3, "no-such-module": 4, "refused-image": 5, "module-failed": 6, "timed-out": 7,
+    "not-permitted": 8, "broken-module": 9, "no-controls-directory": 10, "download-failed": 11,
+    "lock-in-use": 12,
+}
+
+
+def new_files(look, before, allowed):
+    """What is there now, was not before, and is not allowed."""
+    added = set(look["files"]) - set(before["files"])
+    return sorted(path for path in added
+                  if not any(fnmatch.fnmatchcase(path, pattern) for pattern in allowed))
+
+
+# ---- What is known ---------------------------------------------------------------
+
+# Where the library keeps an old behaviour on purpose: scenario, call, subject, errors.
+# These points are swept and counted like the others, by themselves.
+KNOWN = (
+    # A read error ends a package early, and what was read of it is written.
+    ("usb", "read", "/opt/media/USBDriveA/*", ("EIO",)),
+)
+
+
+def is_known(scenario, call, subject, error):
+    return any(scenario == known[0] and call == known[1] and fnmatch.fnmatchcase(subject, known[2])
+               and error in known[3] for known in KNOWN)
+
+
+# ---- One point -------------------------------------------------------------------
+
+class Judge:
+    """Collects what one point did not keep."""
+
+    def __init__(self, flash, new_components):
+        self.flash = flash  # component -> {"old": digest, "new": digest}
+        self.new_components = new_components  # those that the update is for
+        self.broken = []
+
+    def require(self, holds, what):
+        if not holds:
+            self.broken.append(what)
+
+    def firmware(self, look, when):
+        for name, digest in look["flash"].items():
+            allowed = set(self.flash[name].values())
+            self.require(digest in allowed, f"{when}: the firmware of {name} is neither the old nor the new one")
+
+    def is_new(self, look, name):
+        return look["flash"][name] == self.flash[name]["new"]
+
+    def document(self, ended, when, stdout_failed=False):
+        """The result of a command: no crash, no hang, and a document that fits its exit code."""
+        if ended.get("hung"):
+            self.broken.append(f"{when}: the command did not end")
+            return {}
+        code = ended["code"]
+        if stdout_failed:
+            self.require(code == 1, f"{when}: exit code {code} although the answer could not be written")
+            return {}
+        self.require(code in EXIT_CODES.values(), f"{when}: exit code {code}: {ended['errors'][-300:]}")
+        try:
+            document = json.loads(ended["output"])
+        except ValueError:
+            self.broken.append(f"{when}: no JSON document: {ended['output'][-200:]!r} {ended['errors'][-300:]!r}")
+            return {}
+        expected = EXIT_CODES.get(document.get("outcome"))
+        self.require(expected == code == document.get("exitCode"),
+                     f"{when}: exit code {code} for the outcome {document.get('outcome')}")
+        self.require(bool(document.get("message")) or code == 0, f"{when}: no sentence for people")
+        return document
+
+    def mounts(self, look, when, packages):
+        wanted = {f"/opt/usr/apps/appbinarymanager/emps/{name}" for name in packages}
+        extra = sorted(set(look["mounts"]) - wanted)
+        self.require(not extra, f"{when}: mounted: {extra}")
+        self.require(len(look["mounts"]) == len(set(look["mounts"])), f"{when}: mounted twice: {look['mounts']}")
+        self.require(len(look["loops"]) <= len(look["mounts"]), f"{when}: loop devices in use: {look['loops']}")
+
+    def nothing_new(self, look, before, allowed, when):
+        left = new_files(look, before, allowed)
+        self.require(not left, f"{when}: left behind: {left}")
+
+
+def judge_second_update(judge, result):
+    """Whether the second update did what was left to do; an update from a package uses it up."""
+    used_up = all(judge.is_new(result["after"], name) for name in judge.new_components) and not any(
+        path.endswith(".img") for path in result["after"]["files"])
+    wanted = ("updated", "nothing-to-do", "refused-image") if used_up else ("updated", "nothing-to-do")
+    document = judge.document(result["again"], "update again")
+    judge.require(document.get("outcome") in wanted,
+                  f"update again: {document.get('outcome')}: {document.get('message')}")
+
+
+def judge_recovery(judge, result, packages):
+    """A fresh process lists and updates, and then nothing is left."""
+    if "remedy" in result:
+        judge.require(result["remedy"]["code"] == 0, f"remedy: {result['remedy']}")
+    listed = judge.document(result["list"], "list")
+    judge.require(result["list"]["code"] == 0, f"list: exit code {result['list']['code']}")
+    names = {module["firmware"] for module in listed.get("modules", [])}
+    judge.require(set(judge.flash) <= names, f"list: only {sorted(names)}")
+    judge_second_update(judge, result)
+    end = result["end"]
+    judge.firmware(end, "in the end")
+    for name in judge.new_components:
+        judge.require(judge.is_new(end, name), f"in the end: {name} has the old firmware")
+    judge.require(end["lock"] in (1, None), f"in the end: the update lock has the value {end['lock']}")
+    judge.mounts(end, "in the end", packages)
+    allowed = KEPT + ("/dev/shm/sem.??????",)
+    if PENDING_LIST in result["after"]["files"] and result["again"]["code"] == EXIT_CODES["nothing-to-do"]:
+        allowed += (PENDING_LIST,)  # a run that has nothing to do leaves it alone, on purpose
+    judge.nothing_new(end, result["before"], allowed, "in the end")
+    judge.require(not result["power"], f"{result['power']} power locks were left")
+    judge.require(result["orphans"] == 0, f"{result['orphans']} processes were left behind")
+
+
+def judge_update(judge, result, packages):
+    """Of an update that was not killed itself: a clear answer, and nothing left."""
+    _, call, subject, _ = result["acted"]
+    after = result["after"]
+    stdout_failed = call == "write" and subject == "standard output"
+    document = judge.document(result["update"], "update", stdout_failed)
+    if document.get("outcome") == "updated":
+        for name in judge.new_components:
+            judge.require(judge.is_new(after, name), f"updated, but {name} has not the new firmware")
+    elif document and not (call == "fsync" and subject == COMPONENTS):
+        updated = all(judge.is_new(after, name) for name in judge.new_components)
+        judge.require(not updated,
+                      f"updated, but the answer is {document.get('outcome')}: {document.get('message')}")
+    judge.firmware(after, "after the update")
+    judge.require(after["lock"] in (1, None), f"after the update: the update lock has the value {after['lock']}")
+    judge.mounts(after, "after the update", packages)
+    allowed = KEPT + LEFT_AFTER_ERROR.get(call, ())
+    judge.nothing_new(after, result["before"], allowed, "after the update")
+    judge_recovery(judge, result, packages)
+
+
+def judge_kill(judge, result, packages):
+    if result["service"] and result["service"]["code"] == KILLED:
+        judge_update(judge, result, packages)
+        return
+    after = result["after"]
+    judge.require(result["update"]["code"] == KILLED, f"not killed: {result['update']['code']}")
+    judge.firmware(after, "after the kill")
+    judge.mounts(after, "after the kill", packages)
+    judge.nothing_new(after, result["before"], KEPT + tuple(LEFT_AFTER_KILL), "after the kill")
+    judge_recovery(judge, result, packages)
+
+
+def judge_error(judge, result, packages):
+    service = result["service"]
+    if service:
+        judge.require(service["code"] in (0, 1) and not service.get("hung"), f"service: {service}")
+        judge.require(service["code"] == 0 or service["errors"], "service: it ended without a reason")
+    judge_update(judge, result, packages)

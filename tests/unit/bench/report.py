@@ -1,0 +1,106 @@
+#!/usr/bin/env python3
+"""Tests what bench/run does with the numbers that it gets.
+
+usage: report.py DIRECTORY-OF-THE-SCRIPT
+"""
+import sys
+import unittest
+import xml.etree.ElementTree as ElementTree
+from pathlib import Path
+
+sys.path.insert(0, sys.argv.pop(1))
+import chart
+import programs
+import report
+from results import Figure, Measurement, Results, ratios
+
+
+def repetition(number, name, time, unit="ns", **more):
+    return {"run_type": "iteration", "run_name": name, "repetition_index": number, "real_time": time,
+            "time_unit": unit, **more}
+
+
+def example():
+    results = Results({"Processor": "A & B"}, 3, failures={"trace": "it broke"})
+    results.add([
+        Figure("sums", "one : other", "one : other", 1.25, [1.6, 1.1, 1.2]),
+        Figure("sums", "slow : fast", "slow", 0.35, [0.5]),
+        Figure("sums", "ours : theirs", "theirs", 0.45, note="theirs is not installed"),
+        Figure("sums", "more : less", "more", None, [3.5, 3.7], "MiB"),
+        Measurement("sums", "one", [1.2, 0.0011, 1.3]),
+    ])
+    return results
+
+
+class Values(unittest.TestCase):
+    def test_are_seconds_in_the_order_of_their_repetitions(self):
+        document = {"benchmarks": [
+            repetition(1, "Read/100/iterations:3/manual_time", 20, "us"),
+            repetition(0, "Read/100/iterations:3/manual_time", 10, "us"),
+            repetition(0, "Write/real_time/threads:1", 3, "ms"),
+            repetition(0, "Write/real_time/threads:2", 4, "ms"),
+            {"run_type": "aggregate", "run_name": "Write/real_time/threads:1", "real_time": 5, "time_unit": "ms"},
+        ]}
+
+        found = programs.values_by_name(document)
+
+        self.assertEqual(list(found), ["Read/100", "Write", "Write/threads:2"])
+        for got, wanted in zip(found.values(), ([10e-6, 20e-6], [3e-3], [4e-3])):
+            self.assertEqual([round(value, 9) for value in got], [round(value, 9) for value in wanted])
+
+    def test_of_a_benchmark_that_failed_are_none(self):
+        document = {"benchmarks": [repetition(0, "Read", 0, error_occurred=True, error_message="no file")]}
+
+        with self.assertRaisesRegex(programs.Failed, "Read: no file"):
+            programs.values_by_name(document)
+
+    def test_are_compared_with_those_of_the_same_repetition(self):
+        self.assertEqual(ratios([2.0, 9.0], [1.0, 3.0]), [2.0, 3.0])
+        with self.assertRaises(ValueError):
+            ratios([1.0], [1.0, 2.0])
+
+
+class Report(unittest.TestCase):
+    maxDiff = None
+
+    def test_is_the_expected_table(self):
+        expected = (Path(__file__).parent / "expected.md").read_text(encoding="utf-8")
+
+        self.assertEqual(report.markdown(example()), expected)
+
+    def test_gives_times_a_unit_that_fits(self):
+        self.assertEqual([report.seconds(value) for value in (2.0, 0.0125, 38e-6, 1.5e-9)],
+                         ["2 s", "12.5 ms", "38 µs", "1.5 ns"])
+
+    def test_as_json_has_every_value_and_what_follows_from_them(self):
+        document = example().as_json()
+
+        self.assertEqual(document["figures"][0]["values"], [1.6, 1.1, 1.2])
+        self.assertEqual([figure["median"] for figure in document["figures"]], [1.2, 0.5, None, 3.6])
+        self.assertEqual([figure["met"] for figure in document["figures"]], [True, False, None, None])
+
+
+class Chart(unittest.TestCase):
+    def setUp(self):
+        root = ElementTree.fromstring(chart.svg(example()))
+        self.bars = [bar for bar in root.iter("{http://www.w3.org/2000/svg}rect") if "x" in bar.keys()]
+        self.texts = [text.text for text in root.iter("{http://www.w3.org/2000/svg}text")]
+
+    def test_has_a_bar_for_each_figure_that_was_measured_and_has_a_goal(self):
+        self.assertEqual([bar.get("fill") for bar in self.bars], [chart.COLOURS[True], chart.COLOURS[False]])
+        self.assertIn("one : other", self.texts)
+        self.assertIn("0.50 (goal 0.35)", self.texts)
+
+    def test_draws_each_as_a_share_of_its_goal(self):
+        self.assertEqual([int(bar.get("width")) for bar in self.bars],
+                         [round(chart.GOAL * 1.2 / 1.25), round(chart.GOAL * 0.5 / 0.35)])
+
+    def test_has_room_for_every_text_of_the_longest_bar(self):
+        figure = Figure("sums", "slow : fast", "slow", 0.35, [10.0])
+        x = float(ElementTree.fromstring(chart.row(figure, 0)[-1]).get("x"))
+
+        self.assertGreater(chart.WIDTH - x, 8 * len("10.00 (goal 0.35)"))
+
+
+if __name__ == "__main__":
+    unittest.main()
