@@ -77,7 +77,7 @@ unsigned char* aes_256_cbc_all(FILE* fp, const unsigned char* key, const unsigne
     static_cast<void>(context.release());  // not freed on this path, on purpose
     return nullptr;
   }
-  askForLargePages(cipher_buf_all, static_cast<std::size_t>(count));
+  askForLargePages(output, static_cast<std::size_t>(count));
 
   const std::int64_t limit = count - TrailerSize;
   std::int64_t total = 0;
