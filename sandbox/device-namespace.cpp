@@ -131,7 +131,7 @@ FileDescriptor openDirectory(const std::string& path) {
 }
 
 void bind(const std::string& source, const std::string& target) {
-  if (mount(source.c_str(), target.c_str(), nullptr, MS_BIND | MS_REC, nullptr) != 0) {
+  if (mount(source.c_str(), target.c_str(), "none", MS_BIND | MS_REC, nullptr) != 0) {
     fail("cannot put the device's own " + target + " in place");
   }
 }
@@ -238,7 +238,7 @@ void enterSystem(const std::string& root) {
 }
 
 void keepMountsPrivate() {
-  if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+  if (mount(nullptr, "/", "none", MS_REC | MS_PRIVATE, nullptr) != 0) {
     fail(std::string("cannot keep the device's mounts to itself: ") + kNamespacesRefused);
   }
 }

@@ -24,7 +24,7 @@ namespace {
 }
 
 void bindFromHost(const std::string& source, const std::string& target) {
-  if (mount(source.c_str(), target.c_str(), nullptr, MS_BIND | MS_REC, nullptr) != 0) {
+  if (mount(source.c_str(), target.c_str(), "none", MS_BIND | MS_REC, nullptr) != 0) {
     fail("cannot show the host's " + source + " in the device");
   }
 }

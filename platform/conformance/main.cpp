@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <charconv>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -130,11 +131,19 @@ void report(const Check& check, const Finding& finding) {
   std::fflush(stdout);
 }
 
+void endIfInterrupted() {
+  if (const int signal = conformance::interruption(); signal != 0) {
+    std::signal(signal, SIG_DFL);
+    std::raise(signal);
+  }
+}
+
 int checkAll(const Arguments& arguments) {
   int counts[3] = {};
   for (const Check& check : conformance::checks) {
     if (arguments.area.empty() || arguments.area == check.area) {
       const Finding finding = conformance::runApart(check, arguments.seconds);
+      endIfInterrupted();
       report(check, finding);
       ++counts[static_cast<int>(finding.verdict)];
     }
@@ -149,6 +158,7 @@ int main(int argc, char** argv) {
   const Arguments arguments = parse(argc, argv);
   takeLibrary(arguments.library, argv);
   unsetenv("LD_PRELOAD");  // not for what the library starts
+  conformance::catchInterruptions();
   try {
     return checkAll(arguments);
   } catch (const std::exception& error) {

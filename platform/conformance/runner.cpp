@@ -1,14 +1,15 @@
 #include "runner.h"
 
 #include <poll.h>
-#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <cstring>
 #include <exception>
+#include <initializer_list>
 #include <string>
 #include <system_error>
 
@@ -16,6 +17,64 @@ namespace conformance {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+
+volatile std::sig_atomic_t came = 0;
+volatile std::sig_atomic_t running = 0;  // the check's process
+
+constexpr char goesOn[] = "\nfw-platform-check: ends with this check; Ctrl-C once more ends it at once\n";
+
+void onSignal(int signal) {
+  const int errorNumber = errno;
+  if (came != 0 && running != 0) {
+    kill(-running, SIGKILL);
+  } else if (running != 0) {
+    [[maybe_unused]] const auto written = write(STDERR_FILENO, goesOn, sizeof(goesOn) - 1);
+  }
+  came = signal;
+  errno = errorNumber;
+}
+
+void onEachSignal(void (*handler)(int)) {
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+    struct sigaction action = {};
+    sigaction(signal, nullptr, &action);
+    if (action.sa_handler != SIG_IGN) {  // nohup stays nohup
+      action.sa_handler = handler;
+      action.sa_flags = SA_RESTART;
+      sigaction(signal, &action, nullptr);
+    }
+  }
+}
+
+// Signals wait while it lives.
+class SignalsLater {
+ public:
+  SignalsLater() {
+    sigset_t all;
+    sigfillset(&all);
+    sigprocmask(SIG_SETMASK, &all, &before_);
+  }
+  SignalsLater(const SignalsLater&) = delete;
+  SignalsLater& operator=(const SignalsLater&) = delete;
+  ~SignalsLater() { sigprocmask(SIG_SETMASK, &before_, nullptr); }
+
+ private:
+  sigset_t before_ = {};
+};
+
+// A child in a process group of its own; it returns 0 there.
+pid_t startApart() {
+  const SignalsLater later;
+  const pid_t child = fork();
+  if (child == 0) {
+    setpgid(0, 0);
+    onEachSignal(SIG_DFL);
+  } else if (child > 0) {
+    setpgid(child, child);  // whoever comes first: both sides rely on it
+    running = child;
+  }
+  return child;
+}
 
 // The child's answer: the verdict as a digit, then the sentence.
 [[noreturn]] void answer(const Check& check, int pipe) {
@@ -35,8 +94,12 @@ bool readAnswer(int pipe, Clock::time_point deadline, std::string& text) {
   for (;;) {
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
     pollfd waiting{pipe, POLLIN, 0};
-    if (left.count() <= 0 || poll(&waiting, 1, static_cast<int>(left.count())) == 0) {
+    const int ready = left.count() <= 0 ? 0 : poll(&waiting, 1, static_cast<int>(left.count()));
+    if (ready == 0) {
       return false;
+    }
+    if (ready < 0) {
+      continue;  // a signal
     }
     char buffer[4096];
     const ssize_t size = read(pipe, buffer, sizeof(buffer));
@@ -66,24 +129,31 @@ Finding runApart(const Check& check, int seconds) {
   if (pipe(ends) != 0) {
     throw std::system_error(errno, std::generic_category(), "no pipe can be made");
   }
-  const pid_t child = fork();
+  const pid_t child = startApart();
   if (child < 0) {
     throw std::system_error(errno, std::generic_category(), "no process can be started");
   }
   if (child == 0) {
-    setpgid(0, 0);
     close(ends[0]);
     answer(check, ends[1]);
   }
-  setpgid(child, child);  // whoever comes first: both sides rely on it
   close(ends[1]);
   std::string text;
   const bool answered = readAnswer(ends[0], Clock::now() + std::chrono::seconds(seconds), text);
   close(ends[0]);
+  running = 0;
   kill(-child, SIGKILL);  // what the check started as well
   int status = 0;
   waitpid(child, &status, 0);
   return answered ? conclude(text, status) : broken("no answer within " + std::to_string(seconds) + " s");
+}
+
+void catchInterruptions() {
+  onEachSignal(onSignal);
+}
+
+int interruption() {
+  return came;
 }
 
 }  // namespace conformance

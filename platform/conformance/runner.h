@@ -11,6 +11,12 @@ namespace conformance {
 // can be made.
 Finding runApart(const Check& check, int seconds);
 
+// From now on Ctrl-C and the like let the running check end, so that it unmounts and
+// removes what it made; the second one ends the check too.
+void catchInterruptions();
+// The signal that came; 0: none.
+int interruption();
+
 }  // namespace conformance
 
 #endif

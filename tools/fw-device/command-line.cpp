@@ -39,7 +39,7 @@ void addInit(CLI::App& app, CommandLine& line) {
       ->type_name("ROOT");
   init->add_option("--build", line.system.build, "Take programs and modules from this build")
       ->type_name("BUILD");
-  init->footer(std::string("Again on the same DIR, it renews modules and images and keeps the state.\n\n") +
+  init->footer(std::string("Again on the same DIR it renews modules and images; the state stays.\n\n") +
                "Example: fw-device init /tmp/tv\n\n" + kExitCodes);
 }
 

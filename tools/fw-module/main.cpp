@@ -3,12 +3,14 @@
 #include <json/value.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <exception>
 #include <iostream>
 #include <system_error>
 #include <variant>
 
 #include "command-line.h"
+#include "ending-signals.h"
 #include "terminal.h"
 #include "text-layout.h"
 
@@ -37,6 +39,9 @@ int run(const Options& options) {
   try {
     const Outcome outcome = options.command->run(options);
     return infoOf(std::cout.good() ? outcome : Outcome::Unexpected).exitCode;
+  } catch (const Interrupted& interrupted) {
+    std::signal(interrupted.signal(), SIG_DFL);
+    return raise(interrupted.signal());
   } catch (const Failure& failure) {
     return putFailure(failure.outcome(), failure.what(), command, options.json);
   } catch (const std::system_error& error) {

@@ -6,9 +6,12 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 
 #include "exit-code.h"
+#include "interruption.h"
+#include "live-line.h"
 
 namespace fwpack {
 namespace {
@@ -65,7 +68,15 @@ void passOn(int input, const Block& block) {
     if (got > 0) {
       block(buffer, static_cast<std::size_t>(got));
     }
+    endIfInterrupted();
   }
+}
+
+int waitFor(pid_t child) {
+  int status = 0;
+  while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
+  }
+  return status;
 }
 
 }  // namespace
@@ -84,11 +95,18 @@ bool runProgram(const std::vector<std::string>& arguments, const char* package, 
     throw;
   }
   ::close(ends[1]);
-  passOn(ends[0], block);
-  ::close(ends[0]);
-  int status = 0;
-  while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
+  tool::LiveLine line;
+  line.show(arguments[0] + " is at work");
+  try {
+    passOn(ends[0], block);
+  } catch (const Interrupted&) {
+    ::kill(child, SIGTERM);
+    ::close(ends[0]);
+    waitFor(child);
+    throw;
   }
+  ::close(ends[0]);
+  const int status = waitFor(child);
   return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 

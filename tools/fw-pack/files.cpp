@@ -16,11 +16,34 @@
 #include <vector>
 
 #include "exit-code.h"
+#include "interruption.h"
+#include "live-line.h"
 
 namespace fwpack {
 namespace {
 
 constexpr std::size_t blockSize = 65536;
+constexpr std::uint64_t longReading = std::uint64_t{64} << 20U;  // what takes a while
+
+// How far a long reading is, on a terminal.
+class Progress {
+ public:
+  Progress(const std::string& path, std::uint64_t size) : path_(path), size_(size) {}
+
+  void at(std::uint64_t done) {
+    const std::uint64_t percent = size_ < longReading ? 0 : done * 100 / size_;
+    if (percent != percent_) {
+      line_.show("reading " + path_ + ": " + std::to_string(percent) + " %");
+    }
+    percent_ = percent;
+  }
+
+ private:
+  const std::string& path_;
+  const std::uint64_t size_;
+  std::uint64_t percent_ = 0;
+  tool::LiveLine line_;
+};
 
 void requireReplaceable(const std::string& path, Existing existing) {
   struct stat status = {};
@@ -60,7 +83,9 @@ InputFile::~InputFile() {
 
 void InputFile::read(std::uint64_t offset, std::uint64_t size, const Block& block) const {
   std::vector<unsigned char> buffer(blockSize);
-  while (size > 0) {
+  Progress progress(path_, size);
+  for (const std::uint64_t whole = size; size > 0; progress.at(whole - size)) {
+    endIfInterrupted();
     const auto wanted = static_cast<std::size_t>(std::min<std::uint64_t>(size, buffer.size()));
     const ssize_t got = ::pread(descriptor_, buffer.data(), wanted, static_cast<off_t>(offset));
     if (got < 0 && errno == EINTR) {
@@ -122,6 +147,7 @@ void OutputFile::write(const std::string& text) {
 }
 
 void OutputFile::commit() {
+  endIfInterrupted();
   requireReplaceable(path_, existing_);
   const unsigned int flags = existing_ == Existing::Keep ? RENAME_NOREPLACE : 0;
   if (::fchmod(descriptor_, mode_) != 0 || ::fsync(descriptor_) != 0 ||

@@ -1,10 +1,12 @@
 // fw-pack: makes firmware packages and says what they are.
+#include <csignal>
 #include <exception>
 #include <iostream>
 #include <variant>
 
 #include "command-line.h"
 #include "exit-code.h"
+#include "interruption.h"
 
 namespace {
 
@@ -23,6 +25,10 @@ ExitCode perform(int argc, char** argv) {
     }
     const auto& options = std::get<fwpack::Options>(parsed);
     return options.command->run(options);
+  } catch (const fwpack::Interrupted& interrupted) {
+    std::signal(interrupted.signal(), SIG_DFL);
+    std::raise(interrupted.signal());
+    return ExitCode::Failed;
   } catch (const fwpack::Failure& failure) {
     return report(failure.code(), failure);
   } catch (const std::exception& error) {
@@ -33,5 +39,6 @@ ExitCode perform(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  fwpack::catchInterruptions();
   return static_cast<int>(perform(argc, argv));
 }

@@ -39,14 +39,15 @@ constexpr int kExitFailure = 1;
 constexpr int kExitUsage = 2;
 
 constexpr char kUsage[] =
-    "usage: fw-privileged [--group NAME]\n"
-    "  Mounts and unmounts package images and makes loop nodes for the firmware\n"
-    "  update library. Listens on /run/fw-privileged.sock, or on the socket that\n"
-    "  the service manager hands over.\n"
-    "  --group NAME   whose members may ask, besides root; without it the group\n"
-    "                 fwupdate, if there is one\n"
-    "  --help         shows this\n"
-    "  Messages go to syslog, or to stderr with FW_UPDATE_LOG=stderr.\n";
+    "Mounts and unmounts package images and makes loop nodes for the firmware update\n"
+    "library. Listens on /run/fw-privileged.sock, or on the socket that the service\n"
+    "manager hands over.\n"
+    "Usage: fw-privileged [--group NAME]\n"
+    "  --group NAME  Whose members may ask besides root; default: fwupdate\n"
+    "  --help        Show this\n\n"
+    "Messages go to syslog, or to stderr with FW_UPDATE_LOG=stderr.\n"
+    "Example: FW_UPDATE_LOG=stderr fw-privileged --group fwupdate\n"
+    "Exit codes: 0 ended by SIGTERM or SIGINT   1 could not serve   2 usage\n";
 
 struct Options {
   std::optional<std::string> group;

@@ -18,9 +18,9 @@ double microseconds(std::int64_t nanoseconds) {
   return static_cast<double>(nanoseconds) / 1000;
 }
 
-class Writer {
+class EventWriter {
  public:
-  explicit Writer(const Timeline& timeline) {
+  explicit EventWriter(const Timeline& timeline) {
     for (const Entry& entry : timeline.entries)
       origin = std::min(origin, entry.message.time);
     document["displayTimeUnit"] = "ms";
@@ -85,7 +85,7 @@ class Writer {
 }  // namespace
 
 std::string exportPerfetto(const Timeline& timeline) {
-  Writer writer(timeline);
+  EventWriter writer(timeline);
   std::set<const TraceFile*> files;
   for (const Entry& entry : timeline.entries)
     if (files.insert(entry.file).second)

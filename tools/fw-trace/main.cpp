@@ -2,6 +2,7 @@
 // report out and exits with the report's code.
 #include <unistd.h>
 
+#include <cstdio>
 #include <exception>
 #include <iostream>
 #include <variant>
@@ -60,12 +61,21 @@ int put(const Report& report, const std::string& command, bool json) {
   return std::cout.good() ? infoOf(report.outcome).exitCode : infoOf(Outcome::Unexpected).exitCode;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int perform(int argc, char** argv) {
   const auto parsed = parseCommandLine(argc, argv);
   if (const auto* ended = std::get_if<Ended>(&parsed))
     return ended->usageError ? put(*ended->usageError, "", ended->json) : 0;
   const auto& options = std::get<Options>(parsed);
   return put(run(options), options.command->name, options.json);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    return perform(argc, argv);
+  } catch (const std::exception& error) {  // out of memory, as a rule
+    std::fprintf(stderr, "fw-trace: %s\n", error.what());
+    return infoOf(Outcome::Unexpected).exitCode;
+  }
 }

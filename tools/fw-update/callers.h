@@ -21,7 +21,7 @@ inline constexpr Caller callers[] = {
     {"factory", &FWUpdateContorl::fw_update_from_factory, CALLER_FACTORY, nullptr,
      "a USB drive mounted at /opt/media/USBDriveA"},
     {"debug", &FWUpdateContorl::fw_update_from_debug, CALLER_DEBUG, nullptr,
-     "the extension package; the USB drive with --data USB"},
+     "extension package; USB drive with --data USB"},
     {"factory-automation", &FWUpdateContorl::fw_update_from_factory_automation, CALLER_UPGRADE_APP,
      "FACTORY_AUTOMATION", "/lib/firmware/ext, with fixed data"},
     {"upgrade-app", &FWUpdateContorl::fw_update_from_upgrade_app, CALLER_UPGRADE_APP, nullptr,

@@ -98,7 +98,7 @@ void addIsolationOptions(CLI::App& app, Options& options) {
   CLI::Option* isolated =
       app.add_flag("--isolated", options.isolated, "In a child process, watched for crashes and hangs");
   app.add_option("--patience", options.patience, "How long a silent module is waited for; default: 120")
-      ->check(CLI::Range(1U, 86400U))
+      ->check(CLI::Range(1U, 86400U).description(""))
       ->needs(isolated)
       ->type_name("SECONDS");
 }

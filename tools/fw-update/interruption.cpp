@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "fw-update-common.h"
+#include "last-act.h"
 #include "library-log.h"
 #include "log-meanings.h"
 #include "terminal.h"
@@ -50,18 +51,28 @@ bool gaveLockBack(const LogMessages& turn) {
 
 // The library logs the one message before it waits for the lock, the other one
 // when it has it.
-void leaveUpdate(const LogMessages& all) {
-  const LogMessages messages = lastTurn(all);
+bool holdsLock(const LogMessages& turn) {
+  return findMessage(turn, text::updateTry) != nullptr && !gaveLockBack(turn);
+}
+
+bool waitsForLock(const LogMessages& turn) {
+  return findMessage(turn, text::updateTime) != nullptr && findMessage(turn, text::updateTry) == nullptr &&
+         !gaveLockBack(turn);
+}
+
+void leaveUpdate(std::size_t logMark, int signal) {
+  const auto turn = [logMark] { return lastTurn(LibraryLog::instance().since(logMark)); };
   if (isTerminal(STDOUT_FILENO))
     std::cout << std::endl;
-  if (gaveLockBack(messages))
-    return;
-  if (findMessage(messages, text::updateTry) != nullptr)
-    releaseUpdateLock();
-  else if (findMessage(messages, text::updateTime) != nullptr)
+  if (waitsForLock(turn()))
     std::cerr << "fw-update: Another update held the lock. If none runs, it was left behind; give it back:\n"
                  "fw-update lock recover"
               << std::endl;
+  else if (holdsLock(turn()))
+    becomeLastAct(signal, [&turn] { return holdsLock(turn()); });
+  // That it could not is no reason to leave the lock taken.
+  if (holdsLock(turn()))
+    releaseUpdateLock();
 }
 
 // 0: there will be none.
@@ -111,7 +122,7 @@ void InterruptionGuard::watch(std::size_t logMark, const std::function<void()>& 
   }
   if (signal == 0)
     return;
-  leaveUpdate(LibraryLog::instance().since(logMark));
+  leaveUpdate(logMark, signal);
   std::signal(signal, SIG_DFL);
   kill(getpid(), signal);
 }

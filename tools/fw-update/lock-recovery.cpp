@@ -1,18 +1,13 @@
 #include "lock-recovery.h"
 
-#include <fcntl.h>
-#include <sys/file.h>
-#include <unistd.h>
-
-#include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <thread>
 
+#include "recovery-turn.h"
+
 namespace tool {
 namespace {
-
-constexpr const char* directory = "/dev/shm";
 
 using Clock = std::chrono::steady_clock;
 
@@ -22,27 +17,6 @@ constexpr std::chrono::milliseconds patience{300};
 // For other recoveries, which take a little longer than their own patience.
 constexpr std::chrono::seconds turnPatience{20};
 constexpr std::chrono::milliseconds pause{20};
-
-// One recovery at a time on the device. The kernel takes it back however the process
-// ends, and no file is left of it.
-class RecoveryTurn {
- public:
-  RecoveryTurn() : file(open(directory, O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
-    const auto end = Clock::now() + turnPatience;
-    while (file && !taken && Clock::now() < end) {
-      taken = flock(file.get(), LOCK_EX | LOCK_NB) == 0;
-      if (!taken)
-        std::this_thread::sleep_for(pause);
-    }
-  }
-
-  // Not when there is no directory for locks: then there is no lock either.
-  bool isRefused() const { return file && !taken; }
-
- private:
-  fwplatform::UniqueFd file;
-  bool taken = false;
-};
 
 Recovery because(RecoveryResult result, LockUsers users = {}) {
   Recovery recovery;
@@ -123,7 +97,7 @@ constexpr const char* whenHidden =
 }  // namespace
 
 Recovery recoverUpdateLock(bool ignoreHidden) {
-  const RecoveryTurn turn;
+  const RecoveryTurn turn(turnPatience);
   Recovery recovery;
   if (turn.isRefused()) {
     recovery.result = RecoveryResult::OtherRecovery;

@@ -269,8 +269,8 @@ std::string nameOf(uid_t user) {
   passwd entry{};
   passwd* found = nullptr;
   std::array<char, 4096> texts{};
-  getpwuid_r(user, &entry, texts.data(), texts.size(), &found);
-  return found != nullptr ? found->pw_name : std::to_string(user);
+  const int error = getpwuid_r(user, &entry, texts.data(), texts.size(), &found);
+  return error == 0 && found != nullptr ? found->pw_name : std::to_string(user);
 }
 
 std::string userOf(const std::string& process) {

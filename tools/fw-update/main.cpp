@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <iostream>
@@ -13,6 +14,7 @@
 
 #include "command-line.h"
 #include "isolation.h"
+#include "last-act.h"
 #include "library-log.h"
 #include "report.h"
 #include "run-note.h"
@@ -111,9 +113,8 @@ int runThere(char** arguments, const Options& options) {
   return std::cout.good() ? infoOf(end.report->finding.outcome).exitCode : 1;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int perform(int argc, char** argv) {
+  playLastAct(argc, argv);
   const auto parsed = parseCommandLine(argc, argv);
   if (const auto* ended = std::get_if<Ended>(&parsed))
     return usage(*ended);
@@ -122,4 +123,15 @@ int main(int argc, char** argv) {
     setenv("FW_UPDATE_LOG", "stderr", 1);
   const bool isChild = watched::begin();
   return options.isolated && !isChild ? runThere(argv, options) : runHere(options);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    return perform(argc, argv);
+  } catch (const std::exception& error) {  // before or after the command: out of memory, as a rule
+    std::fprintf(stderr, "fw-update: %s\n", error.what());
+    return infoOf(Outcome::Unexpected).exitCode;
+  }
 }

@@ -22,7 +22,7 @@ constexpr const char* noteDirectory = "/run/fw-update";
 constexpr const char* lockFile = "update-all.lock";
 constexpr const char* noteFile = "update-all.json";
 constexpr const char* unfinishedFile = "update-all.json.new";
-constexpr std::size_t greatestNote = 1024 * 1024;
+constexpr std::size_t greatestNote = std::size_t{1024} * 1024;
 
 int openDirectory() {
   const int descriptor = open(noteDirectory, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
@@ -50,7 +50,7 @@ bool writeAll(int file, const std::string& text) {
 std::string readAll(int file) {
   std::string text;
   char block[4096];
-  for (ssize_t count; text.size() < greatestNote && (count = read(file, block, sizeof block)) > 0;)
+  for (ssize_t count = 0; text.size() < greatestNote && (count = read(file, block, sizeof block)) > 0;)
     text.append(block, static_cast<std::size_t>(count));
   return text;
 }
@@ -121,7 +121,8 @@ RunNote::~RunNote() {
     close(directory);
 }
 
-void RunNote::moduleStarted(std::size_t number) {
+void RunNote::moduleStarted(std::size_t number, std::vector<std::string> names) {
+  libraries = std::move(names);
   write(number);
 }
 

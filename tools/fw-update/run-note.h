@@ -16,23 +16,23 @@ namespace tool {
 
 class RunNote {
  public:
-  // libraries: the run's modules in their order.
-  explicit RunNote(std::vector<std::string> libraries);
+  // names: of the run's modules, in their order.
+  explicit RunNote(std::vector<std::string> names);
   ~RunNote();
   RunNote(const RunNote&) = delete;
   RunNote& operator=(const RunNote&) = delete;
 
   // Another process has a run under way.
   bool otherRuns() const { return busy; }
-  // number: from 1; the ones before have ended.
-  void moduleStarted(std::size_t number);
+  // number: from 1; the ones before have ended. names: of the run's modules as they are now.
+  void moduleStarted(std::size_t number, std::vector<std::string> names);
   // The run came to its end: there is nothing to tell.
   void finished();
 
  private:
   void write(std::size_t number) const;
 
-  const std::vector<std::string> libraries;
+  std::vector<std::string> libraries;
   const int exceptionsBefore = std::uncaught_exceptions();
   int directory = -1;
   int lock = -1;

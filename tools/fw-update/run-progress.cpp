@@ -46,17 +46,16 @@ bool has(const Turn& turn, const char* format) {
 
 // The last module before whose update was given up. The library lets only one
 // update of a process into a module, also when it has given that one up.
-std::optional<std::size_t> blockerOf(const std::vector<Turn>& turns, std::size_t index) {
-  if (!timedOut(turns[index]) || has(turns[index], started))
+std::optional<std::size_t> blockerOf(const Run& run, std::size_t index) {
+  if (!timedOut(*run[index].turn) || has(*run[index].turn, started))
     return std::nullopt;
   while (index-- > 0)
-    if (timedOut(turns[index]) && has(turns[index], started))
+    if (run[index].turn && timedOut(*run[index].turn) && has(*run[index].turn, started))
       return index;
   return std::nullopt;
 }
 
-}  // namespace
-
+// The turns that have begun.
 std::vector<Turn> turnsOf(const LogMessages& messages) {
   std::vector<Turn> turns;
   std::map<long, std::size_t> turnOfWorker;
@@ -75,20 +74,106 @@ std::vector<Turn> turnsOf(const LogMessages& messages) {
     if (!turns.empty() && !turns.back().end && (next || message.format == text::powerUnlock))
       turns.back().end = message.time;
     if (next)
-      turns.push_back({{}, message.time, {}});
+      turns.push_back({message.arguments.empty() ? "" : message.arguments[0], {}, message.time, {}});
     if (!turns.empty() && !turns.back().end)
       turns.back().messages.push_back(message);
   }
   return turns;
 }
 
-Finding resultOf(const std::vector<Turn>& turns, const std::vector<PlannedModule>& due, std::size_t index) {
-  const std::string& module = due[index].library;
-  if (index >= turns.size())
-    return {Outcome::Unexpected, module + " was not reached.", "Run it again: fw-update update-all"};
-  const Turn& turn = turns[index];
-  if (const auto blocker = blockerOf(turns, index))
-    return {Outcome::TimedOut, module + " could not begin in time: " + due[*blocker].library + " still runs.",
+// What was logged when the run asked this module, before its first turn.
+LogMessages askedOf(const LogMessages& messages, const std::string& library) {
+  LogMessages asked;
+  bool itsOwn = false;
+  for (const LogMessage& message : messages) {
+    if (message.format == text::updateAllTry)
+      break;
+    if (message.format == text::needTry) {
+      itsOwn = !message.arguments.empty() && message.arguments[0] == library;
+      if (itsOwn)
+        asked.clear();  // the last time counts
+    }
+    if (itsOwn)
+      asked.push_back(message);
+  }
+  return asked;
+}
+
+bool wasNeeded(const RunModule& module) {
+  return !module.asked.empty() && !strongestMeaning(module.asked, module.planned.library);
+}
+
+// The module whose turn it is, from that place on. Of several with one firmware name it is
+// the first that said yes.
+std::size_t moduleOf(const Turn& turn, const Run& all, std::size_t from) {
+  std::size_t found = all.size();
+  for (std::size_t i = from; i < all.size(); ++i) {
+    if (all[i].planned.firmware != turn.firmware)
+      continue;
+    if (wasNeeded(all[i]))
+      return i;
+    found = std::min(found, i);
+  }
+  return found;
+}
+
+// A module that was not to be updated, and is.
+void makeDue(PlannedModule& module, const Turn& turn) {
+  if (module.due)
+    return;
+  module.due = true;
+  module.reason = {};
+  if (const auto limit = timeLimit(turn.messages))
+    module.expectedSeconds = limit->expected;
+}
+
+}  // namespace
+
+Run runOf(const std::vector<PlannedModule>& planned, const LogMessages& messages) {
+  Run all;
+  for (const PlannedModule& module : planned)
+    all.push_back({module, askedOf(messages, module.library), std::nullopt});
+  std::size_t from = 0;
+  for (const Turn& turn : turnsOf(messages)) {
+    const std::size_t index = moduleOf(turn, all, from);
+    if (index == all.size())
+      continue;
+    all[index].turn = turn;
+    makeDue(all[index].planned, turn);
+    from = index + 1;
+  }
+  all.erase(
+      std::remove_if(all.begin(), all.end(), [](const RunModule& module) { return !module.planned.due; }),
+      all.end());
+  return all;
+}
+
+std::size_t begunOf(const Run& run) {
+  std::size_t begun = 0;
+  for (std::size_t i = 0; i < run.size(); ++i)
+    if (run[i].turn)
+      begun = i + 1;
+  return begun;
+}
+
+bool hasEnded(const Run& run, std::size_t index) {
+  const auto& turn = run[index].turn;
+  return turn ? turn->end.has_value() : index < begunOf(run);
+}
+
+Finding resultOf(const Run& run, std::size_t index) {
+  const std::string& module = run[index].planned.library;
+  if (!run[index].turn) {
+    // Whatever the plan said, the module's last answer is why it had no turn.
+    const auto reason = strongestMeaning(run[index].asked, module);
+    return reason ? *reason
+                  : Finding{Outcome::Unexpected, module + " was not reached.",
+                            "Run it again: fw-update update-all"};
+  }
+  const Turn& turn = *run[index].turn;
+  if (const auto blocker = blockerOf(run, index))
+    return {Outcome::TimedOut,
+            module + " could not begin in time: " + run[*blocker].planned.library + " still runs.",
             "Run it again: fw-update update-all"};
   const auto givenUp = std::find_if(turn.messages.begin(), turn.messages.end(), isTimeOut);
   if (givenUp == turn.messages.end())
@@ -102,31 +187,32 @@ Finding resultOf(const std::vector<Turn>& turns, const std::vector<PlannedModule
   return finding;
 }
 
-RunProgress runProgressOf(const std::vector<PlannedModule>& due, const std::vector<Turn>& turns,
-                          std::optional<unsigned int> percent, std::chrono::steady_clock::time_point now) {
+RunProgress runProgressOf(const Run& run, std::optional<unsigned int> percent,
+                          std::chrono::steady_clock::time_point now) {
   RunProgress progress;
-  progress.count = due.size();
-  progress.number = std::min(turns.size(), due.size());
+  progress.count = run.size();
+  progress.number = begunOf(run);
   double all = 0;
   double done = 0;
-  for (std::size_t i = 0; i < due.size(); ++i) {
-    const double expected = due[i].expectedSeconds;
+  for (std::size_t i = 0; i < run.size(); ++i) {
+    const PlannedModule& module = run[i].planned;
+    const double expected = module.expectedSeconds;
     all += expected;
-    if (i >= turns.size()) {
-      progress.secondsLeft += expected;
-      ++progress.modulesLeft;
-    } else if (turns[i].end) {
+    if (hasEnded(run, i)) {
       done += expected;
-    } else {
-      progress.module = progressOf(turns[i].messages, due[i].library, turns[i].start, now);
-      progress.module.percent = percent;
-      done += secondsDone(due[i], progress.module);
-      progress.secondsLeft += std::max(0.0, expected - progress.module.elapsed);
-      ++progress.modulesLeft;
+      continue;
     }
+    ++progress.modulesLeft;
+    progress.secondsLeft += expected;
+    if (!run[i].turn)
+      continue;
+    progress.module = progressOf(run[i].turn->messages, module.library, run[i].turn->start, now);
+    progress.module.percent = percent;
+    done += secondsDone(module, progress.module);
+    progress.secondsLeft -= std::min(expected, progress.module.elapsed);
   }
-  const double finished = static_cast<double>(due.size() - progress.modulesLeft);
-  const double part = all > 0 ? done / all : due.empty() ? 1 : finished / static_cast<double>(due.size());
+  const double finished = static_cast<double>(run.size() - progress.modulesLeft);
+  const double part = all > 0 ? done / all : run.empty() ? 1 : finished / static_cast<double>(run.size());
   progress.totalPercent = static_cast<unsigned int>(part * 100);
   return progress;
 }

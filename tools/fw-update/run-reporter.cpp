@@ -29,11 +29,12 @@ class TextReporter : public RunReporter {
     clear();
     const bool updated = finding.outcome == Outcome::Updated;
     const std::string text = std::to_string(number) + ": " + printable(finding.message);
-    std::cout << coloured(text, updated ? Colour::Green : Colour::Red, STDOUT_FILENO) << std::endl;
+    const std::string lines = wrapped(text, terminalWidth(STDOUT_FILENO));
+    std::cout << coloured(lines, updated ? Colour::Green : Colour::Red, STDOUT_FILENO) << std::endl;
   }
   void goesOn(const RunProgress& progress) override {
     clear();
-    std::cerr << "fw-update: " << goesOnText(progress) << std::endl;
+    std::cerr << wrapped("fw-update: " + goesOnText(progress), terminalWidth(STDERR_FILENO)) << std::endl;
   }
 
  protected:

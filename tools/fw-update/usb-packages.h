@@ -44,7 +44,7 @@ bool signaturesChecked(const LogMessages& messages);
 
 // The module whose package is being written, with its message; empty between two.
 struct RunningPackage {
-  std::size_t index;  // among the states
+  std::size_t index = 0;  // among the states
   std::chrono::steady_clock::time_point since;
 };
 std::optional<RunningPackage> runningPackage(const std::vector<PackageState>& states,

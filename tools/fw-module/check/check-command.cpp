@@ -3,7 +3,6 @@
 
 #include <cerrno>
 #include <climits>
-#include <csignal>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -12,6 +11,7 @@
 
 #include "commands.h"
 #include "inspection.h"
+#include "live-line.h"
 #include "module-names.h"
 #include "terminal.h"
 
@@ -45,41 +45,8 @@ Subject subjectOf(const Options& options) {
   return subject;
 }
 
-constexpr char kClearedLine[] = "\r\x1b[K";
-
-// The signal's own action follows when this returns.
-void clearLine(int number) {
-  if (write(STDERR_FILENO, kClearedLine, sizeof kClearedLine - 1) < 0)
-    _exit(1);
-  raise(number);
-}
-
-// One line on a terminal that says what is going on, gone at the end.
-class LiveLine {
- public:
-  LiveLine() : shown_(tool::isTerminal(STDERR_FILENO)) {
-    struct sigaction action {};
-    action.sa_handler = clearLine;
-    action.sa_flags = static_cast<int>(SA_RESETHAND);
-    for (const int number : {SIGINT, SIGTERM, SIGHUP})
-      if (shown_)
-        sigaction(number, &action, nullptr);
-  }
-  LiveLine(const LiveLine&) = delete;
-  LiveLine& operator=(const LiveLine&) = delete;
-  ~LiveLine() { show(""); }
-
-  void show(const std::string& text) {
-    if (shown_)
-      std::cerr << kClearedLine << text.substr(0, tool::terminalWidth(STDERR_FILENO) - 1) << std::flush;
-  }
-
- private:
-  const bool shown_;
-};
-
 Report inspectWithLiveLine(const Options& options) {
-  LiveLine line;
+  tool::LiveLine line;
   return inspect(subjectOf(options), options.limit,
                  [&line](const std::string& what) { line.show("checking: " + what); });
 }

@@ -20,10 +20,11 @@ constexpr std::size_t kSlots = 2048;
 constexpr std::size_t kFaultStackSize = std::size_t{64} * 1024;
 constexpr int kFatalSignals[] = {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP, SIGSYS};
 
+// A signal handler reads all of them while other threads lend theirs.
 struct Slot {
-  char* begin;        // of the readable pages
-  std::size_t pages;  // the unreadable one follows
-  const char* what;
+  std::atomic<char*> begin;        // of the readable pages
+  std::atomic<std::size_t> pages;  // the unreadable one follows
+  std::atomic<const char*> what;
   std::atomic<bool> lent;
 };
 
@@ -32,7 +33,7 @@ struct Arena {
   std::atomic<std::size_t> next;
   const Transcript* transcript;
 };
-Arena arena;  // constant-initialised; a signal handler reads it
+Arena arena;  // constant-initialised
 
 [[noreturn]] void fail(const char* what) {
   throw std::system_error(errno, std::generic_category(), what);
@@ -75,7 +76,8 @@ char* endOf(const Slot& slot) {
 
 const Slot* slotWith(const char* address) {
   for (const Slot& slot : arena.slots)
-    if (slot.begin != nullptr && address >= slot.begin && address < endOf(slot) + pageSize())
+    if (const char* const begin = slot.begin;
+        begin != nullptr && address >= begin && address < endOf(slot) + pageSize())
       return &slot;
   return nullptr;
 }
@@ -121,7 +123,8 @@ LentMemory::~LentMemory() {
 
 bool LentMemory::untouchedBefore() const {
   const Slot& slot = arena.slots[slot_];
-  return std::all_of(slot.begin, data_, [](char c) { return static_cast<unsigned char>(c) == kUnwritten; });
+  return std::all_of(slot.begin.load(), data_,
+                     [](char c) { return static_cast<unsigned char>(c) == kUnwritten; });
 }
 
 void catchFaults(const Transcript& transcript) {

@@ -61,34 +61,37 @@ std::string paragraph(const Finding& finding, std::size_t width) {
          "\n" + blanks + tool::wrapped(std::string("What to do: ") + check.advice, width, indent) + "\n";
 }
 
-std::string heading(const Subject& subject) {
+std::string heading(const Subject& subject, std::size_t width) {
   std::string text = subject.library + ": ";
   text += subject.extension ? "an EXT- module" : "a module";
   if (!subject.extension && !subject.firmware.empty())
     text += " for the firmware " + subject.firmware;
   if (!subject.activeVersion.empty())
     text += ", version " + subject.activeVersion + " on a new device";
-  return tool::printable(text) + "\n";
+  return tool::wrapped(tool::printable(text), width) + "\n";
 }
 
 std::string number(std::size_t count, const char* what) {
   return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
 }
 
-std::string summary(const Report& report) {
+std::string summary(const Report& report, std::size_t width) {
   const std::string counts = std::to_string(kCheckCount) +
                              " checks: " + std::to_string(report.count(State::Passed)) + " passed, " +
                              number(report.count(Severity::Error), "error") + ", " +
                              number(report.count(Severity::Warning), "warning") + ", " +
                              std::to_string(report.count(State::NotChecked)) + " not checked";
   const bool ok = report.outcome() == Outcome::Ok;
-  return "\n" + tool::coloured(counts, ok ? tool::Colour::Green : tool::Colour::Bold, STDOUT_FILENO) + "\n";
+  return "\n" +
+         tool::coloured(tool::wrapped(counts, width), ok ? tool::Colour::Green : tool::Colour::Bold,
+                        STDOUT_FILENO) +
+         "\n";
 }
 
 }  // namespace
 
 std::string reportText(const Report& report, std::size_t width) {
-  std::string text = heading(report.subject);
+  std::string text = heading(report.subject, width);
   std::string findings;
   for (const CheckInfo& check : kChecks) {
     const CheckResult& result = report.results[static_cast<std::size_t>(check.check)];
@@ -96,7 +99,7 @@ std::string reportText(const Report& report, std::size_t width) {
     for (const Finding& finding : result.findings)
       findings += paragraph(finding, width);
   }
-  return text + findings + summary(report);
+  return text + findings + summary(report, width);
 }
 
 std::string listText(std::size_t width) {

@@ -16,17 +16,12 @@
 #include <system_error>
 
 #include "device-namespace.h"
+#include "ending-signals.h"
 #include "lent-memory.h"
 #include "module-names.h"
 
 namespace fwmodule {
 namespace {
-
-// Signals do in the child what they do in any process that loads a module.
-void resetSignals() {
-  for (const int number : {SIGINT, SIGTERM, SIGHUP})
-    std::signal(number, SIG_DFL);
-}
 
 void redirect(int output) {
   const int nothing = open("/dev/null", O_RDONLY | O_CLOEXEC);
@@ -78,7 +73,7 @@ void perform(const Trial& trial, const Subject& subject, Transcript& transcript)
 
 void runChild(const Trial& trial, const Subject& subject, int pipe, int output, pid_t parent) {
   static Transcript transcript(pipe);  // still there when the process ends
-  resetSignals();
+  EndingSignals::forget();
   redirect(output);
   leaveNoCore();
   try {

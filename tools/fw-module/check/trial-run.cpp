@@ -17,6 +17,7 @@
 #include <optional>
 #include <system_error>
 
+#include "ending-signals.h"
 #include "file-descriptor.h"
 #include "outcome.h"
 #include "terminal.h"
@@ -107,11 +108,13 @@ class Child {
   Child& operator=(const Child&) = delete;
   ~Child() { wait(); }
 
-  // Until a record, the child's end or that time. False when it has ended.
-  bool listen(Account& account, Clock::time_point until) {
-    pollfd streams[] = {{ended_ ? -1 : records_.get(), POLLIN, 0}, {process_.get(), POLLIN, 0}};
+  // Until a record, the child's end, a signal or that time. False when it has ended.
+  bool listen(Account& account, Clock::time_point until, int signals) {
+    pollfd streams[] = {
+        {ended_ ? -1 : records_.get(), POLLIN, 0}, {process_.get(), POLLIN, 0}, {signals, POLLIN, 0}};
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(until - Clock::now()).count();
-    if (poll(streams, 2, static_cast<int>(std::max<long long>(left, 0))) < 0 && errno != EINTR)
+    if (poll(streams, std::size(streams), static_cast<int>(std::max<long long>(left, 0))) < 0 &&
+        errno != EINTR)
       fail("poll");
     readRecords(account);
     return streams[1].revents == 0;
@@ -243,12 +246,20 @@ Clock::time_point deadlineOf(const Account& account, std::chrono::seconds limit)
 
 TrialResult runTrial(const Trial& trial, const Subject& subject, std::chrono::seconds limit) {
   prctl(PR_SET_CHILD_SUBREAPER, 1);
+  const EndingSignals signals;
   Account account;
   Child child(trial, subject);
   bool hung = false;
-  while (!hung && child.listen(account, deadlineOf(account, limit)))
+  int signal = 0;
+  while (!hung && signal == 0 && child.listen(account, deadlineOf(account, limit), signals.descriptor())) {
+    signal = signals.take();
     hung = Clock::now() >= deadlineOf(account, limit);
+  }
   const int status = child.wait();
+  if (signal != 0) {
+    endOrphans();
+    throw Interrupted(signal);
+  }
   requireTrial(account, hung);
   judgeEnd(account, child, status, hung, limit);
   if (const int left = endOrphans(); left > 0 && account.result.cutOff.empty())

@@ -1,4 +1,6 @@
 // fw-update download NAME... | --all
+#include <unistd.h>
+
 #include <chrono>
 #include <iostream>
 #include <optional>
@@ -13,6 +15,7 @@
 #include "../log-meanings.h"
 #include "download-status.h"
 #include "fw-update-symbol-manager.h"
+#include "terminal.h"
 
 namespace tool {
 namespace {
@@ -153,7 +156,7 @@ void conclude(Report& report, const std::vector<Package>& packages) {
   if (packages.size() == 1)
     return;
   for (const Package& package : packages)
-    report.body += package.finding.message + "\n";
+    report.body += wrapped(printable(package.finding.message), terminalWidth(STDOUT_FILENO)) + "\n";
 }
 
 }  // namespace

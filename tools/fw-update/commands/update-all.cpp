@@ -31,7 +31,8 @@ constexpr std::chrono::milliseconds redraw{100};
 
 // The ending of the whole run: the first of these that a module had.
 constexpr Outcome severity[] = {Outcome::ModuleFailed, Outcome::TimedOut,     Outcome::NotPermitted,
-                                Outcome::RefusedImage, Outcome::BrokenModule, Outcome::Unexpected};
+                                Outcome::RefusedImage, Outcome::BrokenModule, Outcome::Unexpected,
+                                Outcome::NothingToDo};
 
 std::string secondsText(double seconds) {
   char text[32];
@@ -42,55 +43,51 @@ std::string secondsText(double seconds) {
 // Follows one run from beside it: what the library logs tells whose turn it is.
 class RunFollower {
  public:
-  RunFollower(std::vector<PlannedModule> planned, RunReporter& to, RunNote& into, std::size_t logMark)
-      : due(std::move(planned)), reporter(to), note(into), mark(logMark) {}
+  RunFollower(const std::vector<PlannedModule>& all, RunReporter& to, RunNote& into, std::size_t logMark)
+      : planned(all), reporter(to), note(into), mark(logMark) {}
 
   void tick(bool interrupted) {
-    const std::vector<Turn> turns = currentTurns();
-    tellEnded(turns);
-    if (turns.size() != begun)
-      begin(turns.size());
-    const RunProgress progress =
-        runProgressOf(due, turns, poller ? poller->percent() : std::nullopt, Clock::now());
+    const Run run = currentRun();
+    tellEnded(run);
+    if (begunOf(run) != begun)
+      begin(run);
+    const RunProgress progress = runProgressOf(run, poller ? poller->percent() : std::nullopt, Clock::now());
     if (interrupted && !interruptionTold) {
       interruptionTold = true;
       reporter.goesOn(progress);
     }
     // Between the last module and the end there is nothing to draw.
-    if (!turns.empty() && !turns.back().end)
+    if (begun > 0 && !hasEnded(run, begun - 1))
       reporter.tick(progress);
   }
 
   // True when a thread is still inside a module.
   bool finish() {
-    const std::vector<Turn> turns = currentTurns();
-    tellEnded(turns);
+    tellEnded(currentRun());
     stopPolling();
     reporter.finish();
     return moduleRuns;
   }
 
-  std::vector<Turn> currentTurns() const {
-    std::vector<Turn> turns = turnsOf(LibraryLog::instance().since(mark));
-    if (turns.size() > due.size())
-      turns.resize(due.size());
-    return turns;
-  }
+  Run currentRun() const { return runOf(planned, LibraryLog::instance().since(mark)); }
 
  private:
-  void tellEnded(const std::vector<Turn>& turns) {
-    for (; told < turns.size() && turns[told].end; ++told) {
-      const Finding finding = resultOf(turns, due, told);
+  void tellEnded(const Run& run) {
+    for (; told < run.size() && hasEnded(run, told); ++told) {
+      const Finding finding = resultOf(run, told);
       moduleRuns = moduleRuns || finding.outcome == Outcome::TimedOut;
-      reporter.moduleEnded(told + 1, due[told], finding);
+      reporter.moduleEnded(told + 1, run[told].planned, finding);
     }
   }
 
-  void begin(std::size_t number) {
-    begun = number;
-    note.moduleStarted(number);
+  void begin(const Run& run) {
+    begun = begunOf(run);
+    std::vector<std::string> libraries;
+    for (const RunModule& module : run)
+      libraries.push_back(module.planned.library);
+    note.moduleStarted(begun, libraries);
     stopPolling();
-    poller = std::make_unique<ProgressPoller>(due[number - 1].library);
+    poller = std::make_unique<ProgressPoller>(libraries[begun - 1]);
   }
 
   void stopPolling() {
@@ -99,7 +96,7 @@ class RunFollower {
     poller.reset();
   }
 
-  const std::vector<PlannedModule> due;
+  const std::vector<PlannedModule> planned;
   RunReporter& reporter;
   RunNote& note;
   const std::size_t mark;
@@ -123,14 +120,15 @@ void markModules(Report& report) {
   manager.getUpdateFwItems(items, CALLER_QUERY, noData);
 }
 
-Json::Value endedJson(const PlannedModule& module, const Turn& turn, const Finding& finding) {
-  Json::Value value = planJson(module);
+Json::Value endedJson(const RunModule& module, const Finding& finding) {
+  Json::Value value = planJson(module.planned);
   value["outcome"] = infoOf(finding.outcome).id;
   value["message"] = finding.message;
   if (!finding.remedy.empty())
     value["remedy"] = finding.remedy;
-  if (turn.end)
-    value["elapsedSeconds"] = rounded(std::chrono::duration<double>(*turn.end - turn.start).count());
+  const auto& turn = module.turn;
+  if (turn && turn->end)
+    value["elapsedSeconds"] = rounded(std::chrono::duration<double>(*turn->end - turn->start).count());
   return value;
 }
 
@@ -141,13 +139,13 @@ std::string versionAfter(const Library& library, const std::string& module) {
   return library.facade->fw_getVersion(module.c_str(), version) == 0 ? version : "";
 }
 
-Finding summary(const std::vector<Finding>& findings, const std::vector<PlannedModule>& due, double elapsed) {
+Finding summary(const std::vector<Finding>& findings, const Run& run, double elapsed) {
   const auto isUpdated = [](const Finding& finding) { return finding.outcome == Outcome::Updated; };
   const auto updated = std::count_if(findings.begin(), findings.end(), isUpdated);
   Finding whole;
-  whole.message = std::to_string(updated) + " of " + std::to_string(due.size()) +
+  whole.message = std::to_string(updated) + " of " + std::to_string(run.size()) +
                   " modules were updated, in " + secondsText(elapsed) + ".";
-  if (static_cast<std::size_t>(updated) == due.size()) {
+  if (static_cast<std::size_t>(updated) == run.size()) {
     whole.outcome = Outcome::Updated;
     return whole;
   }
@@ -161,39 +159,44 @@ Finding summary(const std::vector<Finding>& findings, const std::vector<PlannedM
   whole.message += " Not updated:";
   for (std::size_t i = 0; i < findings.size(); ++i)
     if (!isUpdated(findings[i]))
-      whole.message += (whole.message.back() == ':' ? " " : ", ") + due[i].library + " (" +
+      whole.message += (whole.message.back() == ':' ? " " : ", ") + run[i].planned.library + " (" +
                        infoOf(findings[i].outcome).id + ")";
   whole.message += ".";
   whole.remedy = "The modules that are left can be tried again: fw-update update-all";
   return whole;
 }
 
-void tellResults(Report& report, const Library& library, const UpdatePlan& plan,
-                 const std::vector<Turn>& turns, double elapsed) {
-  const std::vector<PlannedModule> due = plan.due();
+bool isPartOf(const Run& run, const PlannedModule& module) {
+  return std::any_of(run.begin(), run.end(),
+                     [&module](const RunModule& part) { return part.planned.library == module.library; });
+}
+
+void tellResults(Report& report, const Library& library, const UpdatePlan& plan, const Run& run,
+                 double elapsed) {
   std::vector<std::vector<std::string>> rows{{"LIBRARY", "RESULT", "VERSION", "TIME", "WHY"}};
   std::vector<Finding> findings;
   report.details["modules"] = Json::arrayValue;
-  for (std::size_t i = 0; i < due.size(); ++i) {
-    const Turn turn = i < turns.size() ? turns[i] : Turn{};
-    const Finding finding = resultOf(turns, due, i);
-    Json::Value value = endedJson(due[i], turn, finding);
-    std::string version = due[i].version;
+  for (std::size_t i = 0; i < run.size(); ++i) {
+    const PlannedModule& module = run[i].planned;
+    const Finding finding = resultOf(run, i);
+    Json::Value value = endedJson(run[i], finding);
+    std::string version = module.version;
     if (finding.outcome == Outcome::Updated) {
-      value["versionAfter"] = versionAfter(library, due[i].library);
+      value["versionAfter"] = versionAfter(library, module.library);
       version += " -> " + value["versionAfter"].asString();
     }
-    rows.push_back({due[i].library, infoOf(finding.outcome).id, version,
-                    turn.end ? secondsText(value["elapsedSeconds"].asDouble()) : "-", finding.message});
+    rows.push_back({module.library, infoOf(finding.outcome).id, version,
+                    value.isMember("elapsedSeconds") ? secondsText(value["elapsedSeconds"].asDouble()) : "-",
+                    finding.message});
     report.details["modules"].append(value);
     findings.push_back(finding);
   }
   for (const PlannedModule& module : plan.modules)
-    if (!module.due)
+    if (!isPartOf(run, module))
       report.details["modules"].append(planJson(module));
   report.details["elapsedSeconds"] = rounded(elapsed);
   report.body = table(rows, terminalWidth(STDOUT_FILENO));
-  report.finding = summary(findings, due, elapsed);
+  report.finding = summary(findings, run, elapsed);
 }
 
 void performRun(Report& report, const Options& options, const Library& library, const UpdatePlan& plan) {
@@ -215,14 +218,14 @@ void performRun(Report& report, const Options& options, const Library& library, 
     markModules(report);
     return FWUpdateSymbolManager::getInstance()->doUpdateFirmwareAll(CALLER_QUERY);
   });
-  RunFollower follower(plan.due(), *reporter, note, mark);
+  RunFollower follower(plan.modules, *reporter, note, mark);
   do {
     follower.tick(interrupted);
   } while (result.wait_for(redraw) != std::future_status::ready);
   report.moduleRuns = follower.finish();
 
   const double elapsed = std::chrono::duration<double>(Clock::now() - start).count();
-  tellResults(report, library, plan, follower.currentTurns(), elapsed);
+  tellResults(report, library, plan, follower.currentRun(), elapsed);
   try {
     report.details["result"] = result.get();
     note.finished();

@@ -67,9 +67,9 @@ void askRepeatedly(const Stage& stage, const Query& query, int times, const std:
     const std::string answer = query.ask(situation);
     if (answer == expected)
       continue;
-    stage.transcript.finding(Check::SameAnswer, query.entryPoint,
-                             std::string(infoOf(query.entryPoint).name) + " first answered " + expected +
-                                 ", then " + answer + ", " + situation + ".");
+    std::string text = infoOf(query.entryPoint).name;
+    text.append(" first answered ").append(expected).append(", then ").append(answer);
+    stage.transcript.finding(Check::SameAnswer, query.entryPoint, text + ", " + situation + ".");
     return;
   }
   stage.transcript.passed(Check::SameAnswer);

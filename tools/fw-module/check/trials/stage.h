@@ -26,8 +26,8 @@ struct Image {
 };
 
 // Random bytes of that size, or the caller's image.
-inline constexpr std::size_t kUsualImage = 64 * 1024;
-inline constexpr std::size_t kWatchedImage = 1024 * 1024;  // for time to watch it
+inline constexpr std::size_t kUsualImage = std::size_t{64} * 1024;
+inline constexpr std::size_t kWatchedImage = std::size_t{1024} * 1024;  // for time to watch it
 std::string imageBytes(const Subject& subject, const std::string& version, std::size_t size = kUsualImage);
 
 // Writes bytes where the update library looks for the module's image, with the CRC of

@@ -1,0 +1,59 @@
+#include "ending-signals.h"
+
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <system_error>
+
+namespace fwmodule {
+namespace {
+
+constexpr int kSignals[] = {SIGINT, SIGTERM, SIGHUP};
+
+// nohup stays nohup.
+bool isIgnored(int signal) {
+  struct sigaction action {};
+  return sigaction(signal, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
+}
+
+sigset_t endingSignals() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  for (const int signal : kSignals)
+    if (!isIgnored(signal))
+      sigaddset(&signals, signal);
+  return signals;
+}
+
+}  // namespace
+
+EndingSignals::EndingSignals() {
+  const sigset_t signals = endingSignals();
+  descriptor_ = sandbox::FileDescriptor(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
+  if (!descriptor_.valid())
+    throw std::system_error(errno, std::generic_category(), "signalfd");
+  sigprocmask(SIG_BLOCK, &signals, &before_);
+}
+
+EndingSignals::~EndingSignals() {
+  sigprocmask(SIG_SETMASK, &before_, nullptr);
+}
+
+int EndingSignals::take() const {
+  signalfd_siginfo info = {};
+  const bool came = read(descriptor_.get(), &info, sizeof info) == static_cast<ssize_t>(sizeof info);
+  return came ? static_cast<int>(info.ssi_signo) : 0;
+}
+
+void EndingSignals::forget() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  for (const int signal : kSignals) {
+    std::signal(signal, SIG_DFL);
+    sigaddset(&signals, signal);
+  }
+  sigprocmask(SIG_UNBLOCK, &signals, nullptr);
+}
+
+}  // namespace fwmodule

@@ -1,0 +1,47 @@
+// While one exists, Ctrl-C, a hang-up and a termination wait to be asked for, so that what
+// was started can be ended first. What came and was not asked for ends the process
+// afterwards, as ever. For a process with one thread.
+#ifndef FW_MODULE_CHECK_ENDING_SIGNALS_H
+#define FW_MODULE_CHECK_ENDING_SIGNALS_H
+
+#include <csignal>
+#include <exception>
+
+#include "file-descriptor.h"
+
+namespace fwmodule {
+
+// Carries the signal to where the process ends by it.
+class Interrupted : public std::exception {
+ public:
+  explicit Interrupted(int signal) : signal_(signal) {}
+  int signal() const { return signal_; }
+  const char* what() const noexcept override { return "interrupted"; }
+
+ private:
+  int signal_;
+};
+
+class EndingSignals {
+ public:
+  EndingSignals();
+  ~EndingSignals();
+  EndingSignals(const EndingSignals&) = delete;
+  EndingSignals& operator=(const EndingSignals&) = delete;
+
+  // Can be read when a signal has come.
+  int descriptor() const { return descriptor_.get(); }
+  // The signal that came; 0: none.
+  int take() const;
+
+  // In a child process: the signals do there what they do in any other.
+  static void forget();
+
+ private:
+  sigset_t before_ = {};
+  sandbox::FileDescriptor descriptor_;
+};
+
+}  // namespace fwmodule
+
+#endif

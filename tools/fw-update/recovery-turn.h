@@ -1,0 +1,32 @@
+// The right to give the update lock back from outside the library: one process of the
+// device at a time has it. The kernel takes it back however the process ends, and no
+// file is left of it. For one thread.
+#ifndef FW_UPDATE_TOOL_RECOVERY_TURN_H
+#define FW_UPDATE_TOOL_RECOVERY_TURN_H
+
+#include <chrono>
+
+#include "unique-fd.h"
+
+namespace tool {
+
+class RecoveryTurn {
+ public:
+  // Waits at most that long for another's turn to end.
+  explicit RecoveryTurn(std::chrono::milliseconds patience);
+
+  bool isTaken() const { return taken; }
+  // Not when there is no directory for locks: then there is no lock either.
+  bool isRefused() const { return file && !taken; }
+
+  // The turn goes on in a program that this process becomes, which gets the descriptor.
+  int keepForNextProgram() const;
+
+ private:
+  fwplatform::UniqueFd file;
+  bool taken = false;
+};
+
+}  // namespace tool
+
+#endif
