@@ -16,6 +16,11 @@ function(fw_describe_package component package section summary description)
   install(FILES ${PROJECT_SOURCE_DIR}/packaging/debian/copyright
     DESTINATION ${documents} COMPONENT ${component})
   install(FILES ${PROJECT_BINARY_DIR}/changelog.gz DESTINATION ${documents} COMPONENT ${component})
+  set(overrides ${PROJECT_SOURCE_DIR}/packaging/debian/${component}/lintian-overrides)
+  if(EXISTS ${overrides})
+    install(FILES ${overrides} DESTINATION ${CMAKE_INSTALL_DATADIR}/lintian/overrides
+      RENAME ${package} COMPONENT ${component})
+  endif()
 endfunction()
 
 find_program(GZIP gzip REQUIRED)
@@ -52,6 +57,8 @@ directories to try them on; with four example modules."
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME fw-update-control)
+# Each package has a first line of its own; otherwise the project's stands above it.
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")
 set(CPACK_PACKAGE_CONTACT "fw-update-control maintainers <maintainers@example.org>")
 set(CPACK_PACKAGING_INSTALL_PREFIX ${CMAKE_INSTALL_PREFIX})
 set(CPACK_STRIP_FILES ON)
@@ -62,7 +69,6 @@ set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS ON)
 # Between the packages the components' dependencies speak; the rest is looked up.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_LIBRARY_OUTPUT_DIRECTORY})
-set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SHLIBDEPS OFF)
 # Packages of programs that link them depend on this version at least.
 function(fw_write_shlibs component library package)
   file(WRITE ${PROJECT_BINARY_DIR}/packaging/${component}/shlibs

@@ -30,6 +30,7 @@ _{function}_complete()  # KIND [WORD...]
         modules) mapfile -t COMPREPLY < <(compgen -W "$(_{function}_modules)" -- "$current") ;;
         files) mapfile -t COMPREPLY < <(compgen -f -- "$current"); compopt -o filenames ;;
         directories) mapfile -t COMPREPLY < <(compgen -d -- "$current"); compopt -o filenames ;;
+        groups) mapfile -t COMPREPLY < <(compgen -g -- "$current") ;;
         commands) mapfile -t COMPREPLY < <(compgen -c -- "$current") ;;
     esac
 }}
@@ -57,6 +58,8 @@ def value_kind(program, entry):
         return "words " + " ".join(entry.choices)
     if program == "fw-update" and entry.value == "NAME" and "--caller" not in entry.names:
         return "modules"
+    if program == "fw-privileged" and entry.names == ["--group"]:
+        return "groups"
     if program == "fw-trace" and entry.names == ["--module"]:
         return "modules"
     return VALUES.get(entry.value, "")

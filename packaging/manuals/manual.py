@@ -5,7 +5,9 @@ usage: manual.py NAME PROGRAM-FILE SOURCE.scd.in >PAGE.scd
 The line @COMMANDS@ becomes a section for each command with its options,
 @OPTIONS@ the options of the program itself, @EXIT-CODES@ the exit codes.
 """
+import re
 import sys
+import textwrap
 
 import help_tree
 
@@ -48,7 +50,7 @@ def own_footer(command):
         if not continued and not line.startswith(("Example:", "Each command")):
             lines.append(line)
         continued = line.endswith("\\")
-    return "\n".join(lines).strip("\n")
+    return textwrap.dedent("\n".join(lines).strip("\n"))
 
 
 def verbatim(text):
@@ -75,10 +77,16 @@ def command_sections(tree):
 
 
 def exit_codes(tree):
+    """One code a line; what the help text says beside the codes follows as text."""
     start = next(i for i, line in enumerate(tree.footer) if line.startswith("Exit codes"))
-    lines = tree.footer[start:]
-    first = lines[0][len("Exit codes:"):].strip()
-    return verbatim("\n".join(([first] if first else []) + lines[1:]))
+    codes, remarks = [], []
+    for line in [tree.footer[start][len("Exit codes:"):], *tree.footer[start + 1:]]:
+        parts = re.split(r"[,;]?\s+(?=\d)|;$", " " + line)[1 if line.strip()[:1].isdigit() else 0:]
+        if all(re.match(r"\d+ ", part) for part in parts if part.strip()):
+            codes += [part for part in parts if part.strip()]
+        else:
+            remarks.append(line.strip())
+    return verbatim("\n".join(codes)) + "".join(f"\n{escaped(remark)}\n" for remark in remarks)
 
 
 def main():

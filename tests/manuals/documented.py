@@ -2,11 +2,12 @@
 
 usage: documented.py BUILD-DIRECTORY PAGE (host|device)
 
-A block marked sh is run as it stands and must succeed. In a block marked console the
-lines after "$ " are run, and the lines after each must be what it prints: numbers may
-differ, the order of lines too, and "..." stands for lines that are left out. A line
-"<!-- first: COMMAND -->" prepares what a page does not show. All blocks of a page run one after the other, in a directory of their own; with "device",
-on a device of their own. /tmp/tv is replaced by a directory of the test.
+A block marked sh is run as it stands, and each of its commands must succeed. In a block
+marked console the lines after "$ " are run, and the lines after each must be what it
+prints: numbers may differ, the order of lines too, and "..." stands for lines that are
+left out. A line "<!-- first: COMMAND -->" prepares what a page does not show. All blocks
+of a page run one after the other, in a directory of their own; with "device", on a device
+of their own. /tmp/tv is replaced by a directory of the test.
 """
 import os
 import re
@@ -58,7 +59,9 @@ def console_steps(begin, block):
 def script(todo):
     lines = ["exec 2>&1", "export NO_COLOR=1"]
     for number, step in enumerate(todo):
-        lines += [f"echo {MARK} {number}", step.command, f"echo; echo {MARK} exit $?"]
+        # Every command of a block counts, not the last alone.
+        lines += [f"echo {MARK} {number}", "documented=0", "trap 'documented=$?' ERR", step.command, "trap - ERR",
+                  f"echo; echo {MARK} exit $documented"]
     return "\n".join(lines) + "\n"
 
 
