@@ -16,3 +16,16 @@ if(FW_UPDATE_SANITIZERS)
     -fsanitize=${FW_UPDATE_SANITIZERS} -fno-sanitize-recover=all -fno-omit-frame-pointer)
   target_link_options(project-options INTERFACE -fsanitize=${FW_UPDATE_SANITIZERS})
 endif()
+
+# What the sanitizers are not to report is part of each program.
+if(FW_UPDATE_SANITIZERS AND CMAKE_CXX_COMPILER_ID STREQUAL GNU)
+  set(sanitizers ${PROJECT_SOURCE_DIR}/tests/sanitizers)
+  set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${sanitizers}/leaks.supp ${sanitizers}/threads.supp)
+  file(READ ${sanitizers}/leaks.supp FW_LEAK_SUPPRESSIONS)
+  file(READ ${sanitizers}/threads.supp FW_THREAD_SUPPRESSIONS)
+  configure_file(${sanitizers}/suppressions.cpp.in ${PROJECT_BINARY_DIR}/suppressions.cpp @ONLY)
+  add_library(sanitizer-suppressions OBJECT ${PROJECT_BINARY_DIR}/suppressions.cpp)
+  target_compile_options(sanitizer-suppressions PRIVATE -fPIE)
+  target_link_libraries(project-options INTERFACE
+    $<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,EXECUTABLE>:$<TARGET_OBJECTS:sanitizer-suppressions>>)
+endif()

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Runs the steps of ./check and counts their tests into one closing line.
 
-usage: check-steps.py LEVEL [--list] [--step NAME]... [-- CTEST-ARGUMENT...]
+usage: check-steps.py LEVEL [--list] [--step NAME]... [--minutes N] [-- CTEST-ARGUMENT...]
 
 LEVEL is quick, all or long. A step is an executable tests/steps/NN-name; NN gives the
 order in which steps start, two at a time. Comment lines at its top say when it runs:
@@ -21,7 +21,8 @@ the repository's root, with its output in build/check/NAME.log and with
 Exit code 0: its tests tell the result. 77: the step cannot run here; its last line of
 output says why, and it counts as one skipped test "NAME", to be declared in
 tests/declared-skips.txt. Anything else without a failed test counts as one failed test.
-A failing step does not stop the others.
+A failing step does not stop the others. With --minutes, a step that has not begun after so
+many minutes is not begun, and counts as one skipped test of its name as well.
 """
 import argparse
 import os
@@ -92,6 +93,10 @@ class Step:
             cases.append(summary.Case(self.name, "failed", f"{output}\nexit code {status}"))
         return cases
 
+    def left_out(self):
+        print(f"check: {self.name}: not begun, the time is up", flush=True)
+        return [summary.Case(self.name, "skipped", "not begun, the time is up")]
+
     def duration(self):
         minutes, seconds = divmod(round(time.monotonic() - self.started), 60)
         return f"{minutes} min {seconds} s" if minutes else f"{seconds} s"
@@ -106,11 +111,16 @@ def find_steps(level, names):
     return [step for step in steps if (step.name in names if names else step.runs_at(level))]
 
 
-def run_all(steps, level, arguments):
+def run_all(steps, level, arguments, last_begin):
     """Runs the steps, at most two at once, and yields (step, cases) as they end."""
     waiting, running = list(steps), {}
     try:
         while waiting or running:
+            if time.monotonic() > last_begin:
+                yield from ((step, step.left_out()) for step in waiting)
+                waiting.clear()
+                if not running:
+                    return
             unfinished = {step.name for step in [*waiting, *running.values()]}
             ready = [step for step in waiting if not unfinished.intersection(step.after)]
             for step in ready[:STEPS_AT_ONCE - len(running)]:
@@ -133,6 +143,7 @@ def parse_arguments():
     parser.add_argument("level", choices=LEVELS)
     parser.add_argument("--list", action="store_true")
     parser.add_argument("--step", action="append", default=[])
+    parser.add_argument("--minutes", type=float, default=float("inf"))
     split = sys.argv.index("--") if "--" in sys.argv else len(sys.argv)
     options = parser.parse_args(sys.argv[1:split])
     options.arguments = sys.argv[split + 1:]
@@ -149,7 +160,8 @@ def main():
     OUTPUT.mkdir(parents=True, exist_ok=True)
     patterns = summary.declared_patterns(ROOT / "tests" / "declared-skips.txt")
     results = [(step.name, summary.judge(step.name, cases, patterns))
-               for step, cases in run_all(steps, options.level, options.arguments)]
+               for step, cases in run_all(steps, options.level, options.arguments,
+                                        time.monotonic() + 60 * options.minutes)]
     for name, cases in results:
         summary.report(name, cases)
     everything = [case for _, cases in results for case in cases]

@@ -2,7 +2,6 @@
 // buffers, its package identifier and its version, with and without a terminator.
 // Whatever identifier the library accepts, the platform must accept too.
 #include <algorithm>
-#include <cstring>
 #include <string>
 #include <vector>
 
@@ -43,9 +42,7 @@ void requirePlatformAgrees(const std::string& identifier) {
 
 bool bindsWithIdentifier(std::string_view buffer) {
   fuzz::boundModule();
-  scripted::module(fuzz::ModuleStem).writeEMPID = [&](char* out) {
-    std::memcpy(out, buffer.data(), buffer.size());
-  };
+  scripted::module(fuzz::ModuleStem).writeEMPID = [&](char* out) { buffer.copy(out, buffer.size()); };
   FWUpdateSymbol module(fuzz::ModuleStem);
   const bool bound = module.loadSymbol(fuzz::ModuleStem) == 0;
 
@@ -65,7 +62,7 @@ bool bindsWithIdentifier(std::string_view buffer) {
 void requireVersionIsRead(std::string_view buffer) {
   FWUpdateSymbol& module = fuzz::boundModule();
   scripted::module(fuzz::ModuleStem).writeActiveVersion = [&](char* out) {
-    std::memcpy(out, buffer.data(), buffer.size());
+    buffer.copy(out, buffer.size());
     return 0;
   };
   char version[BufferSize] = {};

@@ -145,16 +145,17 @@ std::string fcntlCommand(std::uint64_t command) {
   }
 }
 
-std::string rawSubject(pid_t process, const std::string& call, const std::uint64_t* arguments) {
+std::string rawSubject(pid_t process, const SystemCall& call) {
   for (const SubjectOf& subject : kSubjects) {
-    if (call != subject.call)
+    if (call.name != subject.call)
       continue;
-    const std::uint64_t value = arguments[subject.argument];
+    const std::uint64_t value = call.arguments[subject.argument];
     switch (subject.kind) {
       case Subject::Path:
         return textAt(process, value);
       case Subject::OpenedPath:
-        return ((arguments[subject.argument + 1] & O_CREAT) != 0 ? "create " : "") + textAt(process, value);
+        return ((call.arguments[subject.argument + 1] & O_CREAT) != 0 ? "create " : "") +
+               textAt(process, value);
       case Subject::Descriptor:
         return fileOf(process, value);
       case Subject::FutexOperation:
@@ -189,16 +190,44 @@ std::string withoutNumbers(const std::string& text) {
   return result;
 }
 
-}  // namespace
-
 std::string nameOfCall(std::uint64_t number) {
   const auto* const found = std::find_if(std::begin(kCallNames), std::end(kCallNames),
                                          [number](const CallName& call) { return call.number == number; });
   return found != std::end(kCallNames) ? found->name : "call-" + std::to_string(number);
 }
 
-std::string subjectOfCall(pid_t process, const std::string& call, const std::uint64_t* arguments) {
-  std::string subject = rawSubject(process, call, arguments);
+#ifdef __NR_socketcall
+// By the first argument; the second is the address of the call's own arguments.
+constexpr const char* kSocketCalls[] = {
+    "",           "socket",  "bind",    "connect",  "listen",   "accept",   "getsockname", "getpeername",
+    "socketpair", "send",    "recv",    "sendto",   "recvfrom", "shutdown", "setsockopt",  "getsockopt",
+    "sendmsg",    "recvmsg", "accept4", "recvmmsg", "sendmmsg"};
+
+SystemCall socketCall(pid_t process, std::uint64_t kind, std::uint64_t address) {
+  SystemCall call{kind < std::size(kSocketCalls) ? kSocketCalls[kind] : "socketcall", {}};
+  std::array<unsigned long, 6> words = {};
+  const iovec local{words.data(), sizeof words};
+  const iovec remote{reinterpret_cast<void*>(static_cast<std::uintptr_t>(address)), sizeof words};
+  process_vm_readv(process, &local, 1, &remote, 1, 0);
+  std::copy(words.begin(), words.end(), call.arguments.begin());
+  return call;
+}
+#endif
+
+}  // namespace
+
+SystemCall systemCall([[maybe_unused]] pid_t process, std::uint64_t number, const std::uint64_t* arguments) {
+#ifdef __NR_socketcall
+  if (number == __NR_socketcall)
+    return socketCall(process, arguments[0], arguments[1]);
+#endif
+  SystemCall call{nameOfCall(number), {}};
+  std::copy_n(arguments, call.arguments.size(), call.arguments.begin());
+  return call;
+}
+
+std::string subjectOfCall(pid_t process, const SystemCall& call) {
+  std::string subject = rawSubject(process, call);
   hideRandomName(subject);
   return withoutNumbers(subject);
 }

@@ -131,6 +131,32 @@ ERRORS = {
     "exit_group": "",
 }
 
+# What 32-bit x86 calls the same: by the width of numbers, and by its older calls of sockets.
+OTHER_NAMES = {
+    "accept": "accept4",
+    "recv": "recvfrom",
+    "send": "sendto",
+    "mmap2": "mmap",
+    "stat64": "stat",
+    "lstat64": "lstat",
+    "fstat64": "fstat",
+    "statfs64": "statfs",
+    "fstatfs64": "fstatfs",
+    "ftruncate64": "ftruncate",
+    "fcntl64": "fcntl",
+    "fadvise64_64": "fadvise64",
+    "getuid32": "getuid",
+    "geteuid32": "geteuid",
+    "getgid32": "getgid",
+    "getegid32": "getegid",
+    "getresuid32": "getresuid",
+    "getresgid32": "getresgid",
+    "clock_nanosleep_time64": "clock_nanosleep",
+    "ppoll_time64": "ppoll",
+    "rt_sigtimedwait_time64": "rt_sigtimedwait",
+    "ugetrlimit": "prlimit64",
+}
+
 KINDS = (
     ("create ", "create"),
     ("socket:", "socket"),
@@ -153,6 +179,7 @@ class UnknownCall(Exception):
 
 
 def errors_of(call, subject):
+    call = OTHER_NAMES.get(call, call)
     for beginning, kind in KINDS:
         if subject.startswith(beginning) and f"{call} {kind}" in ERRORS:
             return ERRORS[f"{call} {kind}"].split()

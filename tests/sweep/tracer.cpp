@@ -169,13 +169,13 @@ void Tracer::enterCall(pid_t id, std::uint64_t callNumber, const std::uint64_t* 
   if (!running_ || released_)
     return;
   Thread& thread = threads_[id];
-  const std::string call = nameOfCall(callNumber);
-  const std::string subject = subjectOfCall(leader_, call, arguments);
-  const unsigned long number = ++thread.calls[call + ' ' + subject];
-  const bool isTarget = number == target_.number && call == target_.call && subject == target_.subject &&
+  const SystemCall call = systemCall(leader_, callNumber, arguments);
+  const std::string subject = subjectOfCall(leader_, call);
+  const unsigned long number = ++thread.calls[call.name + ' ' + subject];
+  const bool isTarget = number == target_.number && call.name == target_.call && subject == target_.subject &&
                         thread.name == target_.thread;
-  std::fprintf(record_.get(), "%s%s\t%s\t%s\t%lu\n", isTarget ? "!" : "", thread.name.c_str(), call.c_str(),
-               subject.c_str(), number);
+  std::fprintf(record_.get(), "%s%s\t%s\t%s\t%lu\n", isTarget ? "!" : "", thread.name.c_str(),
+               call.name.c_str(), subject.c_str(), number);
   if (isTarget)
     interrupt(id, thread);
 }

@@ -372,7 +372,7 @@ class FailedAllocation : public PackageReader {
 
 TEST_F(FailedAllocation, OfTheReadBufferGivesNothing) {
   if (!faults::canFailAllocations()) {
-    GTEST_SKIP() << "a memory checker allocates";
+    GTEST_SKIP() << "valgrind allocates";
   }
   const Stream file = open(usb::noise(1000));
   faults::failingMallocSize = usb::ReadSize;
@@ -385,7 +385,7 @@ TEST_F(FailedAllocation, OfTheReadBufferGivesNothing) {
 
 TEST_F(FailedAllocation, OfTheOutputBufferGivesNothingAndKeepsTheContext) {
   if (!faults::canFailAllocations()) {
-    GTEST_SKIP() << "a memory checker allocates";
+    GTEST_SKIP() << "valgrind allocates";
   }
   const Stream file = open(usb::noise(1234));
   faults::failingCallocSize = 1234;
@@ -400,7 +400,7 @@ TEST_F(FailedAllocation, OfTheOutputBufferGivesNothingAndKeepsTheContext) {
 
 TEST_F(FailedAllocation, OfTheLargestOutputBufferGivesNothing) {
   if (!faults::canFailAllocations()) {
-    GTEST_SKIP() << "a memory checker allocates";
+    GTEST_SKIP() << "valgrind allocates";
   }
   const Stream file = open("");
   faults::failingCallocSize = INT_MAX;

@@ -861,7 +861,7 @@ INSTANTIATE_TEST_SUITE_P(UsbPackage, OverTwoGibibytes,
 
 TEST_F(UsbListing, ReportsAFailedAllocation) {
   if (!faults::canFailAllocations()) {
-    GTEST_SKIP() << "a memory checker allocates";
+    GTEST_SKIP() << "valgrind allocates";
   }
   FWUpdateSymbol symbol = boundWithPackage("2.0", usb::noise(5000));
   faults::failingCallocSize = static_cast<std::size_t>(fs::file_size(Package));
@@ -876,7 +876,7 @@ TEST_F(UsbListing, ReportsAFailedAllocation) {
 
 TEST_F(UsbUpdate, ReportsAFailedAllocation) {
   if (!faults::canFailAllocations()) {
-    GTEST_SKIP() << "a memory checker allocates";
+    GTEST_SKIP() << "valgrind allocates";
   }
   FWUpdateSymbol symbol = boundWithPackage("2.0", usb::noise(5000));
   faults::failingCallocSize = static_cast<std::size_t>(fs::file_size(Package)) - 16;

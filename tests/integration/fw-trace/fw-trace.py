@@ -6,14 +6,18 @@ usage: fw-trace.py FW-DEVICE WORK-DIRECTORY Command|Page [CHROMIUM]
 Page is what needs the browser; without one it exits with 77, "skipped".
 """
 
+import fcntl
 import html
 import json
 import os
+import pty
 import re
 import shutil
+import struct
 import subprocess
 import sys
 import tempfile
+import termios
 import unittest
 
 FW_DEVICE, WORK = sys.argv[1], sys.argv[2]
@@ -62,6 +66,40 @@ def on_device(*command):
 
 def fw_trace(*arguments):
     return subprocess.run([FW_TRACE, *arguments, "--directory", TRACES], capture_output=True, text=True)
+
+
+class Terminal:
+    """One run of fw-trace on a terminal of that many columns."""
+
+    def __init__(self, columns, *arguments, **environment):
+        self.end, other = pty.openpty()
+        fcntl.ioctl(other, termios.TIOCSWINSZ, struct.pack("HHHH", 24, columns, 0, 0))
+        self.process = subprocess.Popen(
+            [FW_TRACE, *arguments, "--directory", TRACES], stdin=other, stdout=other, stderr=other,
+            start_new_session=True, preexec_fn=lambda: fcntl.ioctl(0, termios.TIOCSCTTY, 0),
+            env=dict(os.environ, TERM="xterm", **environment))
+        os.close(other)
+        self.shown = ""
+
+    def read_some(self):
+        try:
+            block = os.read(self.end, 65536)
+        except OSError:  # how a terminal ends
+            block = b""
+        self.shown += block.decode()
+        return bool(block)
+
+    def finish(self):
+        while self.read_some():
+            pass
+        os.close(self.end)
+        return self.process.wait()
+
+
+def on_terminal(columns, *arguments, **environment):
+    terminal = Terminal(columns, *arguments, **environment)
+    terminal.finish()
+    return terminal.shown
 
 
 def export(form):
@@ -158,6 +196,24 @@ class Command(UpdatedDevice):
             follower.terminate()
             follower.stdout.read()
             self.assertEqual(follower.wait(), 0)
+
+    def test_ends_in_order_with_ctrl_c(self):
+        terminal = Terminal(80, "follow")
+        while "panelfw Firmware CRC32 different" not in terminal.shown:
+            self.assertTrue(terminal.read_some())
+        os.write(terminal.end, b"\x03")
+        self.assertEqual(terminal.finish(), 0)
+
+    def test_keeps_its_tables_within_a_narrow_terminal(self):
+        for command in ("list", "summary"):
+            lines = on_terminal(78, command).replace("\r", "").splitlines()
+            self.assertGreater(len(lines), 2)
+            self.assertLessEqual(max(map(len, lines)), 78, lines)
+
+    def test_colours_errors_on_a_terminal_alone(self):
+        self.assertIn("\x1b[31m", on_terminal(80, "show"))
+        self.assertNotIn("\x1b", on_terminal(80, "show", NO_COLOR="1"))
+        self.assertNotIn("\x1b", fw_trace("show").stdout)
 
     def test_exports_slices_with_the_modules_names(self):
         events = json.loads(export("perfetto"))["traceEvents"]

@@ -1,8 +1,10 @@
 // A module that is copied under many names. Its package identifier comes from its
 // file's name: libfleet07.so has fleet07emp and the firmware name fleet07. What
 // it does stands in the file /var/lib/fw-components/<firmware name>, one word:
-// "fail", "crash", "hang" (for ever), "late" (3 s, and then fails), "throw"; without it, it updates. It
-// appends every call that the run makes of it to /var/lib/fw-components/calls.
+// "fail", "crash", "hang" (for ever), "late" (3 s, and then fails), "throw",
+// "needed-later" (not needed when a process asks for the first time), "needed-once"
+// (no answer when it asks again); without it, it updates. It appends every call that
+// the run makes of it to /var/lib/fw-components/calls.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <unistd.h>
@@ -67,10 +69,17 @@ int getActiveVersion(char* out) {
 }
 
 int checkVersion(const char* version, int* need) {
+  static int asked = 0;
+  ++asked;
+  const std::string behaviour = readWord(kState + firmwareName());
+  if (behaviour == "needed-once" && asked > 1)
+    return -EIO;
   char active[128];
   getActiveVersion(active);
   std::snprintf(wantedVersion, sizeof(wantedVersion), "%s", version);
   *need = std::strcmp(wantedVersion, active) != 0 ? 1 : 0;
+  if (behaviour == "needed-later" && asked == 1)
+    *need = 0;
   return 0;
 }
 

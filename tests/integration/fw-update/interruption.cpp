@@ -1,8 +1,11 @@
 // Updates that are cut short, and updates that wait for their turn.
 #include <fcntl.h>
 #include <semaphore.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
+#include <cstring>
 
 #include "tool-test.h"
 
@@ -51,6 +54,26 @@ TEST_P(Interruption, ReleasesTheUpdateLock) {
   ASSERT_EQ(Lock().value(), 1);
   describeComponent("tunerfw", "");
   EXPECT_EQ(run({"update", "libtuner"}).exitCode, 0);
+}
+
+// Whoever gets the lock next may update the same component.
+TEST_P(Interruption, ReleasesTheUpdateLockWhenNothingOfTheModuleIsLeft) {
+  describeComponent("tunerfw", "stall_at_percent = 40");
+  RunningTool update({"update", "libtuner", "--progress", "ndjson"}, {});
+  update.waitFor("\"percent\":4");
+  const int progress = open("/var/lib/fw-components/tunerfw.progress", O_RDWR | O_CLOEXEC);
+  struct flock whole {};
+  whole.l_type = F_WRLCK;
+  ASSERT_EQ(fcntl(progress, F_OFD_SETLK, &whole), -1);
+  Lock lock;
+
+  update.kill(GetParam());
+  lock.take();
+
+  EXPECT_EQ(fcntl(progress, F_OFD_SETLK, &whole), 0) << strerror(errno);
+  lock.release();
+  close(progress);
+  EXPECT_EQ(update.finish(), -GetParam());
 }
 
 INSTANTIATE_TEST_SUITE_P(BySignal, Interruption, ::testing::Values(SIGINT, SIGTERM, SIGHUP));

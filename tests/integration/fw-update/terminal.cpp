@@ -68,6 +68,17 @@ TEST_F(OnATerminal, KeepsWithinItsWidth) {
   }
 }
 
+TEST_F(OnATerminal, BreaksSentencesBetweenWords) {
+  installModule("libpanel");
+  RunningTool download({"download", "--all"}, terminal(60));
+
+  EXPECT_EQ(download.finish(), 11);
+
+  EXPECT_THAT(download.out(), HasSubstr("panelempfw is not downloaded:\r\n"));
+  for (const std::string& line : drawings(download.out()))
+    EXPECT_LE(line.size(), 60U) << line;
+}
+
 TEST_F(OnATerminal, SaysInYellowThatItIsOverdue) {
   describeComponent("tunerfw", "stall_at_percent = 40");
   installImage("tunerfw", "2.0.0", 0);

@@ -20,6 +20,7 @@ namespace {
 
 using ::testing::AllOf;
 using ::testing::ElementsAre;
+using ::testing::ElementsAreArray;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::Not;
@@ -132,6 +133,61 @@ TEST_F(UpdateAll, FiftyModulesWithFailingAndHangingOnes) {
               ElementsAre("event /tmp/.ignore_resume", "lock 2 1210000", "unlock 2"));
   EXPECT_FALSE(exists(kList));
   EXPECT_TRUE(logind.waitForInhibitors(0));
+}
+
+// A run asks every module anew, and one may answer otherwise than it did for the plan.
+struct LaterAnswer {
+  const char* behaviour;
+  const char* outcome;
+  const char* message;
+
+  friend void PrintTo(const LaterAnswer& value, std::ostream* out) { *out << value.behaviour; }
+};
+
+class ChangedMind : public UpdateAll, public ::testing::WithParamInterface<LaterAnswer> {
+ protected:
+  // In the order in which the library keeps them.
+  static std::vector<std::string> installThree() {
+    for (const char* name : {"one", "two", "three"})
+      install(name, "", "20");
+    std::vector<std::string> libraries;
+    const Json::Value list = document({"list"});
+    for (const Json::Value& module : list["modules"])
+      libraries.push_back(module["library"].asString());
+    return libraries;
+  }
+
+  static void behave(const std::string& library, const std::string& behaviour) {
+    writeFile(kState + library.substr(3), behaviour);
+  }
+
+  static std::vector<std::string> modulesThatEnded(const std::vector<Json::Value>& events) {
+    std::vector<std::string> libraries;
+    for (const Json::Value& event : events)
+      if (event["event"] == "module-end")
+        libraries.push_back(event["module"].asString());
+    return libraries;
+  }
+};
+INSTANTIATE_TEST_SUITE_P(Answers, ChangedMind,
+                         ::testing::Values(LaterAnswer{"needed-later", "updated", "was updated"},
+                                           LaterAnswer{"needed-once", "module-failed",
+                                                       "could not compare its version"}));
+
+TEST_P(ChangedMind, LeavesTheOthersTheirOwnNames) {
+  const std::vector<std::string> libraries = installThree();
+  behave(libraries[0], GetParam().behaviour);
+  behave(libraries[1], "fail");
+
+  const std::vector<Json::Value> events = lines(run({"update-all", "--progress", "ndjson"}).out);
+
+  const Json::Value& result = events.back();
+  EXPECT_EQ(result["modules"].size(), 3u);
+  EXPECT_EQ(moduleNamed(result, libraries[0])["outcome"].asString(), GetParam().outcome);
+  EXPECT_THAT(moduleNamed(result, libraries[0])["message"].asString(), HasSubstr(GetParam().message));
+  EXPECT_EQ(moduleNamed(result, libraries[1])["outcome"].asString(), "module-failed");
+  EXPECT_EQ(moduleNamed(result, libraries[2])["outcome"].asString(), "updated");
+  EXPECT_THAT(modulesThatEnded(events), ElementsAreArray(libraries));
 }
 
 // The library lets one update of a process at a time into a module.

@@ -1,7 +1,12 @@
 // The fw-platform-check command: it finds the platform of ordinary Linux whole, and
 // each broken promise of one that is not.
+#include <sched.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <csignal>
 #include <filesystem>
 #include <ostream>
 #include <string>
@@ -54,6 +59,50 @@ TEST_F(PlatformCheck, LeavesNoPackageBehind) {
 
   EXPECT_TRUE(fs::is_empty("/opt/usr/apps/appbinarymanager/emps"));
   EXPECT_EQ(std::distance(fs::directory_iterator("/opt/usr/apps/appbinarymanager"), {}), 1);
+}
+
+// What the command leaves becomes this process's child.
+class InterruptedPlatformCheck : public PlatformCheck, public ::testing::WithParamInterface<int> {
+ protected:
+  void SetUp() override {
+    PlatformCheck::SetUp();
+    prctl(PR_SET_CHILD_SUBREAPER, 1);
+  }
+
+  static void expectNothingRuns() {
+    EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
+    EXPECT_EQ(errno, ECHILD);
+  }
+};
+INSTANTIATE_TEST_SUITE_P(BySignal, InterruptedPlatformCheck, ::testing::Values(SIGINT, SIGTERM, SIGHUP));
+
+TEST_P(InterruptedPlatformCheck, LetsTheRunningCheckTidyUp) {
+  RunningProgram program({{PLATFORM_CHECK_PROGRAM, "--only", "mount"}, "/", 0, {"FW_UPDATE_LOG=none"}});
+  while (fs::is_empty("/opt/usr/apps/appbinarymanager/emps"))
+    sched_yield();
+
+  program.kill(GetParam());
+
+  EXPECT_EQ(program.wait().signal, GetParam());
+  expectNothingRuns();
+  EXPECT_TRUE(fs::is_empty("/opt/usr/apps/appbinarymanager/emps"));
+  EXPECT_EQ(readFile("/proc/self/mountinfo").find("platformcheck"), std::string::npos);
+}
+
+TEST_P(InterruptedPlatformCheck, EndsACheckThatHangsWithTheSecondSignal) {
+  RunningProgram program(
+      {{PLATFORM_CHECK_PROGRAM, "--only", "mount", "--timeout", "3600", "--library", FAULTY_PLATFORM},
+       "/",
+       0,
+       {"FW_FAULT=mount-hangs", "FW_UPDATE_LOG=none"}});
+  while (!exists("/tmp/hangs"))
+    sched_yield();
+
+  program.kill(GetParam());
+  program.kill(GetParam() == SIGHUP ? SIGINT : SIGHUP);
+
+  EXPECT_NE(program.wait().signal, 0);
+  expectNothingRuns();
 }
 
 TEST_F(PlatformCheck, FindsAMissingVerifier) {

@@ -2,11 +2,13 @@
 
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
+#include <thread>
 
 namespace fs = std::filesystem;
 
@@ -68,6 +70,16 @@ std::vector<std::string> LoopDevicesOf(const std::string& name) {
     if (std::getline(file, backing) && fs::path(backing).filename() == name + ".img") {
       devices.push_back(entry.path().filename());
     }
+  }
+  return devices;
+}
+
+std::vector<std::string> LoopDevicesLeftOf(const std::string& name) {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+  std::vector<std::string> devices = LoopDevicesOf(name);
+  while (!devices.empty() && std::chrono::steady_clock::now() < end) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    devices = LoopDevicesOf(name);
   }
   return devices;
 }

@@ -35,4 +35,8 @@ std::vector<MountEntry> MountsOn(const std::string& path);
 // The loop devices of the machine whose image has this name.
 std::vector<std::string> LoopDevicesOf(const std::string& name);
 
+// Those of them that stay. A device is let go of when nobody looks at it any more, and
+// whoever searches for a free one looks at all; that is waited for, for some seconds.
+std::vector<std::string> LoopDevicesLeftOf(const std::string& name);
+
 #endif

@@ -37,7 +37,7 @@ class PrivilegedOperations : public DeviceTest {
     const std::string before = readFile("/proc/self/mounts");
     const Answer answer = Mount(text);
     EXPECT_EQ(readFile("/proc/self/mounts"), before) << text;
-    EXPECT_THAT(LoopDevicesOf(name_), IsEmpty()) << text;
+    EXPECT_THAT(LoopDevicesLeftOf(name_), IsEmpty()) << text;
     return answer;
   }
 
@@ -63,7 +63,7 @@ TEST_F(PrivilegedOperations, MountAnImageReadOnlyAndUnmountIt) {
 
   EXPECT_THAT(MountsOn(directory), IsEmpty());
   EXPECT_TRUE(fs::is_empty(directory));
-  EXPECT_THAT(LoopDevicesOf(name_), IsEmpty()) << "loop devices detach themselves";
+  EXPECT_THAT(LoopDevicesLeftOf(name_), IsEmpty()) << "loop devices detach themselves";
 }
 
 TEST_F(PrivilegedOperations, MountAnImageWithOwnersAndNodesOfAllKinds) {
@@ -293,8 +293,8 @@ TEST_F(PrivilegedOperations, MountNothingButTheImageThatWasChecked) {
 
   EXPECT_GE(mounted, kEnough);
   EXPECT_GE(swapped, kEnough) << "the moment never came, so this showed nothing";
-  EXPECT_THAT(LoopDevicesOf(name_), IsEmpty());
-  EXPECT_THAT(LoopDevicesOf(other), IsEmpty());
+  EXPECT_THAT(LoopDevicesLeftOf(name_), IsEmpty());
+  EXPECT_THAT(LoopDevicesLeftOf(other), IsEmpty());
 }
 
 TEST_F(PrivilegedOperations, MakeNodesWhereTheKernelLetsThem) {
@@ -358,7 +358,7 @@ TEST_F(LoopNodes, AreMadeByTheLibraryUntilAnImageIsMounted) {
   EXPECT_EQ(countMountedLoopDevices(), 1);
   EXPECT_GE(countPresentLoopDevices(), 1);
   EXPECT_EQ(FWMountManager::getInstance()->UMount(directory), 0);
-  EXPECT_THAT(LoopDevicesOf(name_), IsEmpty());
+  EXPECT_THAT(LoopDevicesLeftOf(name_), IsEmpty());
 }
 
 // The first image takes a node; with all nodes in use again, the second one gets

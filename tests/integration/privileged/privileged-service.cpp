@@ -151,7 +151,7 @@ TEST_F(PrivilegedService, MountsAndUnmountsForRoot) {
   EXPECT_EQ(Umount(directory), kDone);
   EXPECT_THAT(service_->WaitForLine("unmounted " + name_), HasSubstr(ThisProcess()));
   EXPECT_THAT(MountsOn(directory), IsEmpty());
-  EXPECT_THAT(LoopDevicesOf(name_), IsEmpty());
+  EXPECT_THAT(LoopDevicesLeftOf(name_), IsEmpty());
 }
 
 TEST_F(PrivilegedService, TellsWhyAnOperationFailed) {
@@ -443,7 +443,7 @@ TEST_F(PrivilegedService, TakesAMountBackWhenTheAnswerReachesNobody) {
 
   EXPECT_THAT(service_->WaitForLine("unmounted " + name_), HasSubstr("because the caller has gone"));
   EXPECT_THAT(MountsOn(DirectoryPath(name_)), IsEmpty());
-  EXPECT_THAT(LoopDevicesOf(name_), IsEmpty());
+  EXPECT_THAT(LoopDevicesLeftOf(name_), IsEmpty());
 }
 
 TEST_F(PrivilegedService, TakesItsSocketFromTheServiceManager) {
@@ -511,7 +511,7 @@ TEST_F(PrivilegedService, ExplainsItsArguments) {
   for (const std::vector<std::string>& arguments :
        {std::vector<std::string>{"--grup"}, {"--group"}, {"stray"}}) {
     ServiceProcess service(ServiceStart{arguments, -1, {}});
-    EXPECT_FALSE(service.WaitForLine("usage: fw-privileged").empty());
+    EXPECT_FALSE(service.WaitForLine("Usage: fw-privileged").empty());
     EXPECT_EQ(service.WaitForEnd(), 2);
   }
 }

@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -68,10 +69,22 @@ ServiceProcess::ServiceProcess(const ServiceStart& start) {
 
 ServiceProcess::~ServiceProcess() {
   if (pid_ > 0) {
-    kill(pid_, SIGKILL);
-    waitpid(pid_, nullptr, 0);
+    Stop();
   }
   close(log_);
+}
+
+// Asks first: a process that is killed says nothing about what it has counted.
+void ServiceProcess::Stop() const {
+  const int process = static_cast<int>(syscall(SYS_pidfd_open, pid_, 0));
+  pollfd end = {process, POLLIN, 0};
+  kill(pid_, SIGTERM);
+  kill(pid_, SIGCONT);
+  if (process < 0 || poll(&end, 1, kPatienceMs) <= 0) {
+    kill(pid_, SIGKILL);
+  }
+  close(process);
+  waitpid(pid_, nullptr, 0);
 }
 
 std::string ServiceProcess::WaitForLine(const std::string& text) {

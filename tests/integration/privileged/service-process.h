@@ -39,6 +39,8 @@ class ServiceProcess {
   int WaitForEnd();
 
  private:
+  void Stop() const;
+
   pid_t pid_ = -1;
   int log_ = -1;
   std::string unread_;

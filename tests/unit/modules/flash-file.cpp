@@ -7,7 +7,6 @@
 
 #include "flash-file.h"
 
-
 namespace {
 
 using fwcomponent::decodeHeader;

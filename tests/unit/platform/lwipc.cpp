@@ -15,6 +15,8 @@
 
 #include "child-process.h"
 #include "device-environment.h"
+#include "limited-resource.h"
+#include "mounted-over.h"
 
 namespace {
 
@@ -146,6 +148,17 @@ TEST_F(LwipcEvent, EndsTheWaitWhenItsTimeIsOver) {
   EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(50));
 }
 
+TEST_F(LwipcEvent, IsWaitedForWithoutEndWhenTheTimeIsNegative) {
+  ChildProcess waiter([] { return LwipcEventWait(kEvent, -1) == 0 ? 0 : 1; });
+  while (stateOf(waiter.id()) == 'R') {
+    sched_yield();
+  }
+
+  EXPECT_EQ(LwipcEventDone(kEvent), 0);
+
+  EXPECT_EQ(waiter.wait(), 0);
+}
+
 TEST_F(LwipcEvent, WaitGoesOnAfterASignal) {
   struct sigaction nothing = {};
   nothing.sa_handler = [](int) {};
@@ -205,6 +218,23 @@ TEST_F(LwipcEvent, RefusesADirectoryThatOthersCanWriteTo) {
 
   EXPECT_EQ(LwipcEventDone(kEvent), -EPERM);
   EXPECT_EQ(LwipcEventWait(kEvent, kPatience), -EPERM);
+}
+
+TEST_F(LwipcEvent, SaysWhyItCannotBeDone) {
+  {
+    const MountedOver readOnly = MountedOver::memory("/run", "mode=0755", MS_RDONLY);
+    EXPECT_EQ(LwipcEventDone(kEvent), -EROFS);
+  }
+  fs::create_directory(kDirectory);
+  const MountedOver readOnly = MountedOver::memory(kDirectory, "mode=0755", MS_RDONLY);
+  EXPECT_EQ(LwipcEventDone(kEvent), -EROFS);
+}
+
+TEST_F(LwipcEvent, SaysThatThereAreNoMoreDescriptors) {
+  const auto noDescriptors = LimitedResource::noDescriptors();
+
+  EXPECT_EQ(LwipcEventWait(kEvent, 0), -EMFILE);
+  EXPECT_EQ(LwipcEventDone(kEvent), -EMFILE);
 }
 
 TEST_F(LwipcEvent, LetsEverybodyWaitWhateverTheUmask) {

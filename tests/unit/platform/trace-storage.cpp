@@ -25,7 +25,9 @@
 #include <thread>
 #include <vector>
 
+#include "limited-resource.h"
 #include "message.h"
+#include "thoroughness.h"
 #include "trace-store.h"
 #include "trace/trace-format.h"
 
@@ -37,6 +39,7 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
 using ::testing::StartsWith;
+using thoroughness::kEveryNth;
 
 constexpr std::uint16_t kVariable = 0x3FFF;
 
@@ -180,6 +183,43 @@ TEST_F(TraceStorageTest, KeepsTheRegisteredLocation) {
   EXPECT_EQ(location.arguments[0].size, kVariable);
   EXPECT_EQ(location.arguments[0].flag, 1);
   EXPECT_THAT(Texts(), ElementsAre("ok took 7"));
+}
+
+TEST_F(TraceStorageTest, KeepsMoreLocationsThanTheFileBeginsWith) {
+  constexpr int kCount = 300;
+  const std::string padding(1000, '.');
+
+  const int result = InChild([&] {
+    for (int i = 0; i < kCount; ++i) {
+      const std::string format = std::to_string(i) + padding + "%d";
+      Write(Register(format.c_str(), {{"int", 1, 4}}), Int(7));
+    }
+  });
+
+  EXPECT_EQ(result, 0);
+  const auto texts = Texts();
+  ASSERT_THAT(texts, SizeIs(kCount));
+  for (int i = 0; i < kCount; ++i) {
+    EXPECT_EQ(texts[static_cast<std::size_t>(i)], std::to_string(i) + padding + "7");
+  }
+}
+
+TEST_F(TraceStorageTest, KeepsRecordsWhenThereIsNoMoreRoomForTheirLocations) {
+  constexpr std::uint32_t kCount = 1200;
+  const std::string format(1000, '.');
+
+  const int result = InChild([&] {
+    for (std::uint32_t i = 0; i < kCount; ++i) {
+      EXPECT_TRUE(Write(Register(format.c_str(), {{"int", 1, 4}}), Int(i)));
+    }
+  });
+
+  EXPECT_EQ(result, 0);
+  const auto trace = OnlyTrace().trace;
+  EXPECT_LT(trace.locations.size(), kCount);
+  EXPECT_GT(trace.locations.size() * format.size(), 15U * 64 * 1024) << "of sixteen times 64 KiB";
+  ASSERT_THAT(trace.records, SizeIs(1 + kCount)) << "the first is the thread's name";
+  EXPECT_EQ(trace.records.back().payload, Int(kCount - 1));
 }
 
 TEST_F(TraceStorageTest, LeavesOutWhatWasPreparedAndNotCommitted) {
@@ -416,8 +456,8 @@ TEST_F(TraceStorageTest, KeepsTheDirectoryBelowItsTotalSize) {
 }
 
 TEST_F(TraceStorageTest, SwitchesItselfOffWhereNoFileCanBeMade) {
-  for (const std::string& place :
-       {std::string("/proc/no-such"), directory_ + "/missing/deep", std::string("none")}) {
+  for (const std::string& place : {std::string("/proc/no-such"), std::string("/proc/self"),
+                                   directory_ + "/missing/deep", std::string("none")}) {
     setenv("FW_UPDATE_TRACE", place.c_str(), 1);
 
     const int result = InChild([] {
@@ -431,6 +471,87 @@ TEST_F(TraceStorageTest, SwitchesItselfOffWhereNoFileCanBeMade) {
 
     EXPECT_EQ(result, 0) << place;
   }
+}
+
+TEST_F(TraceStorageTest, SwitchesItselfOffWhereThereIsNoRoomForAFile) {
+  const int result = InChild([] {
+    const auto full = LimitedResource::fileSize(16 * 1024);
+    EXPECT_FALSE(Write(RegisterNumber(), Int(1)));
+    EXPECT_EQ(TraceStorage::enabled, 0);
+  });
+
+  EXPECT_EQ(result, 0);
+}
+
+TEST_F(TraceStorageTest, DropsTheRecordsOfAThreadThatThereIsNoRoomFor) {
+  setenv("FW_UPDATE_TRACE_THREAD_KIB", "64", 1);
+
+  const int result = InChild([] {
+    const auto full = LimitedResource::fileSize(2 * 64 * 1024);
+    const std::uint32_t location = RegisterNumber();
+    EXPECT_TRUE(Write(location, Int(1)));
+    std::thread([location] { EXPECT_FALSE(Write(location, Int(2))); }).join();
+    EXPECT_TRUE(Write(location, Int(3)));
+    EXPECT_EQ(TraceStorage::enabled, 1);
+  });
+
+  EXPECT_EQ(result, 0);
+  EXPECT_THAT(Texts(), ElementsAre("number 1", "number 3"));
+  EXPECT_EQ(OnlyTrace().trace.dropped, 1U);
+}
+
+TEST_F(TraceStorageTest, LeavesOutLocationsThatThereIsNoRoomFor) {
+  setenv("FW_UPDATE_TRACE_THREAD_KIB", "64", 1);
+  const std::string format(60000, '.');
+
+  const int result = InChild([&] {
+    const auto full = LimitedResource::fileSize(2 * 64 * 1024);
+    EXPECT_TRUE(Write(Register(format.c_str(), {{"int", 1, 4}}), Int(1)));
+    EXPECT_TRUE(Write(Register(format.c_str(), {{"int", 1, 4}}), Int(2)));
+  });
+
+  EXPECT_EQ(result, 0);
+  const auto trace = OnlyTrace().trace;
+  EXPECT_THAT(trace.locations, SizeIs(1));
+  EXPECT_THAT(trace.records, SizeIs(3)) << "the first is the thread's name";
+}
+
+TEST_F(TraceStorageTest, NamesItsFileWithOrdinaryCharactersOnly) {
+  const int result = InChild([] {
+    prctl(PR_SET_NAME, "a b/c.d\n");
+    Write(RegisterNumber(), Int(1));
+  });
+
+  EXPECT_EQ(result, 0);
+  EXPECT_THAT(fs::path(OnlyTrace().path).filename().string(), StartsWith("a_b_c_d_-"));
+}
+
+TEST_F(TraceStorageTest, RemovesEmptyFilesOnlyWhenNobodyCanBeMakingThem) {
+  setenv("FW_UPDATE_TRACE_TOTAL_MIB", "1", 1);
+  setenv("FW_UPDATE_TRACE_THREAD_KIB", "2048", 1);
+  int ends[2];
+  ASSERT_EQ(pipe(ends), 0);
+  const pid_t tooLarge = Start([&ends] {
+    Write(RegisterNumber(), Int(1));
+    EXPECT_EQ(write(ends[1], "x", 1), 1);
+    pause();
+  });
+  char byte = 0;
+  ASSERT_EQ(read(ends[0], &byte, 1), 1);
+  const std::string fresh = traces_ + "/fresh.fwtrace";
+  const std::string old = traces_ + "/old.fwtrace";
+  std::ofstream(fresh).flush();
+  std::ofstream(old).flush();
+  Age(old, 61);
+
+  InChild([] { Write(RegisterNumber(), Int(2)); });
+
+  EXPECT_TRUE(fs::exists(fresh));
+  EXPECT_FALSE(fs::exists(old));
+  kill(tooLarge, SIGKILL);
+  Wait(tooLarge);
+  close(ends[0]);
+  close(ends[1]);
 }
 
 TEST_F(TraceStorageTest, SaysOnceThatNoTraceIsKept) {
@@ -576,7 +697,7 @@ TEST_F(TraceStorageTest, LosesNothingCommittedWhenKilledAtAnyMoment) {
   ASSERT_NE(memory, MAP_FAILED);
   std::mt19937 random(20260131);
 
-  for (int round = 0; round < 100; ++round) {
+  for (int round = 0; round < 100; round += kEveryNth) {
     fs::remove_all(traces_);
     auto* const shared = new (memory) Shared();
     const pid_t pid = Start([shared] {

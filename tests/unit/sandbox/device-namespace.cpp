@@ -24,10 +24,9 @@ namespace {
 enum Answer { kTrue = 0, kFalse = 1, kThrew = 2 };
 
 // Runs act in a child process, which may enter a device of its own: the device that
-// this test program is in is then its host. Not with fork(): the thread sanitizer
-// makes that start a thread in the child, and only one thread can enter a device.
+// this test program is in is then its host.
 int inChild(const std::function<bool()>& act) {
-  const pid_t child = _Fork();
+  const pid_t child = fork();
   if (child == 0) {
     int answer = kThrew;
     try {

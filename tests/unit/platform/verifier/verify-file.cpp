@@ -19,6 +19,7 @@
 #include "device-environment.h"
 #include "public-keys.h"
 #include "signed-package.h"
+#include "thoroughness.h"
 
 namespace fs = std::filesystem;
 
@@ -144,7 +145,7 @@ TEST_F(Verifier, ReadsEachByteOnce) {
 TEST_F(Verifier, RefusesEveryFlippedByte) {
   const std::string package = smallPackage(installKey());
 
-  for (std::size_t at = 0; at < package.size(); ++at) {
+  for (std::size_t at = 0; at < package.size(); at += thoroughness::kEveryNth) {
     for (const unsigned int bit : {0U, 7U}) {
       std::string altered = package;
       altered[at] = static_cast<char>(static_cast<unsigned char>(altered[at]) ^ (1U << bit));
@@ -156,7 +157,7 @@ TEST_F(Verifier, RefusesEveryFlippedByte) {
 TEST_F(Verifier, RefusesAPackageCutAtAnyByte) {
   const std::string package = smallPackage(installKey());
 
-  for (std::size_t length = 0; length < package.size(); ++length) {
+  for (std::size_t length = 0; length < package.size(); length += thoroughness::kEveryNth) {
     EXPECT_FALSE(acceptsContent(package.substr(0, length))) << length;
     EXPECT_FALSE(acceptsContent(package.substr(package.size() - length))) << length;
   }
@@ -165,7 +166,7 @@ TEST_F(Verifier, RefusesAPackageCutAtAnyByte) {
 TEST_F(Verifier, RefusesUnsignedFilesOfEveryLength) {
   installKey();
 
-  for (std::size_t length = 0; length <= 700; ++length) {
+  for (std::size_t length = 0; length <= 700; length += thoroughness::kEveryNth) {
     EXPECT_FALSE(acceptsContent(std::string(length, '\0'))) << length;
     EXPECT_FALSE(acceptsContent(std::string(length, 'S'))) << length;
   }

@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
+#include <filesystem>
 #include <stdexcept>
 #include <system_error>
 
@@ -22,21 +23,26 @@ namespace {
 
 // A module that answers at once is taken for one that ran out of time, unless the
 // library's notifications wait for their waiter.
-constexpr const char* kDeliverNotifications = "LD_PRELOAD=" FAULT_INJECTION_LIBRARY;
+void deliverNotifications() {
+#ifdef FAULT_INJECTION_LIBRARY
+  setenv("LD_PRELOAD", FAULT_INJECTION_LIBRARY, 1);
+#endif
+}
 
 [[noreturn]] void execute(const std::vector<std::string>& arguments, const Launch& launch) {
-  putenv(const_cast<char*>(kDeliverNotifications));
+  deliverNotifications();
   for (const std::string& setting : launch.environment)
     putenv(const_cast<char*>(setting.c_str()));
   if (!launch.overridesFileModes) {
     prctl(PR_CAPBSET_DROP, CAP_DAC_OVERRIDE);
     prctl(PR_CAPBSET_DROP, CAP_DAC_READ_SEARCH);
   }
-  std::vector<char*> words{const_cast<char*>("fw-update")};
+  std::string name = std::filesystem::path(TESTED_TOOL).filename();  // as a shell would
+  std::vector<char*> words{name.data()};
   for (const std::string& argument : arguments)
     words.push_back(const_cast<char*>(argument.c_str()));
   words.push_back(nullptr);
-  execv(FW_UPDATE_TOOL, words.data());
+  execv(TESTED_TOOL, words.data());
   _exit(127);
 }
 

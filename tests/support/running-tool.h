@@ -1,8 +1,8 @@
-// One run of the fw-update command in a process of its own, through pipes or on a
-// terminal. Owns the process and kills it when it still runs at the end. For the
-// thread that runs the test.
-#ifndef TESTS_INTEGRATION_FW_UPDATE_RUNNING_TOOL_H
-#define TESTS_INTEGRATION_FW_UPDATE_RUNNING_TOOL_H
+// One run of the command that a test program is about, in a process of its own, through
+// pipes or on a terminal. The macro TESTED_TOOL is its path. Owns the process and kills it when it still runs
+// at the end. For the thread that runs the test.
+#ifndef TESTS_SUPPORT_RUNNING_TOOL_H
+#define TESTS_SUPPORT_RUNNING_TOOL_H
 
 #include <sys/types.h>
 

@@ -1,0 +1,126 @@
+#include "small-file.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "limited-resource.h"
+#include "unique-fd.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace fwplatform;
+using ::testing::ElementsAre;
+
+constexpr std::size_t kLimit = 8192;
+
+class SmallFile : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char name[] = "/tmp/small-file-XXXXXX";
+    place_ = mkdtemp(name);
+    directory_.reset(open(place_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  }
+  void TearDown() override { fs::remove_all(place_); }
+
+  int Read(std::string& content) const { return ReadSmallFileAt(directory_.get(), "file", kLimit, content); }
+  int Replace(const std::string& content, bool sync = false) const {
+    return ReplaceSmallFileAt(directory_.get(), "file", content, sync);
+  }
+  std::string Content() const {
+    std::string content;
+    EXPECT_EQ(Read(content), 0);
+    return content;
+  }
+  std::vector<std::string> Names() const {
+    std::vector<std::string> names;
+    for (const auto& entry : fs::directory_iterator(place_)) {
+      names.push_back(entry.path().filename());
+    }
+    return names;
+  }
+
+  std::string place_;
+  UniqueFd directory_;
+};
+
+TEST_F(SmallFile, HoldsWhatItWasReplacedWith) {
+  for (const bool sync : {false, true}) {
+    const std::string content(kLimit, sync ? 's' : 'n');
+
+    EXPECT_EQ(Replace(content, sync), 0);
+
+    EXPECT_EQ(Content(), content);
+    EXPECT_THAT(Names(), ElementsAre("file"));
+  }
+}
+
+TEST_F(SmallFile, TakesThePlaceOfOneThatWasLeftUnfinished) {
+  std::ofstream(place_ + "/file.new") << "of a process that was killed";
+
+  EXPECT_EQ(Replace("new"), 0);
+
+  EXPECT_EQ(Content(), "new");
+  EXPECT_THAT(Names(), ElementsAre("file"));
+}
+
+TEST_F(SmallFile, StaysAsItWasWhenThereIsNoRoomForTheNewOne) {
+  ASSERT_EQ(Replace("old"), 0);
+
+  int error = 0;
+  {
+    const auto full = LimitedResource::fileSize(4096);
+    error = Replace(std::string(kLimit, 'n'));
+  }
+
+  EXPECT_EQ(error, EFBIG);
+  EXPECT_EQ(Content(), "old");
+  EXPECT_THAT(Names(), ElementsAre("file"));
+}
+
+TEST_F(SmallFile, ReplacesNoDirectory) {
+  fs::create_directory(place_ + "/file");
+
+  EXPECT_EQ(Replace("new"), EISDIR);
+
+  EXPECT_THAT(Names(), ElementsAre("file"));
+}
+
+TEST_F(SmallFile, SaysWhyTheNewOneCannotBeMade) {
+  ASSERT_EQ(Replace("old"), 0);
+  fs::create_directory(place_ + "/file.new");
+
+  EXPECT_EQ(Replace("new"), EEXIST);
+
+  EXPECT_EQ(Content(), "old");
+}
+
+TEST_F(SmallFile, IsNotReadWhenItIsLargerThanTheLimit) {
+  ASSERT_EQ(Replace(std::string(kLimit + 1, 'x')), 0);
+  std::string content;
+
+  EXPECT_EQ(Read(content), EFBIG);
+}
+
+TEST_F(SmallFile, IsNotReadFromWhatIsNoFile) {
+  std::string content;
+  EXPECT_EQ(Read(content), ENOENT);
+
+  ASSERT_EQ(mkfifo((place_ + "/file").c_str(), 0600), 0);
+  EXPECT_EQ(Read(content), EINVAL);
+
+  fs::remove(place_ + "/file");
+  fs::create_symlink("elsewhere", place_ + "/file");
+  EXPECT_EQ(Read(content), ELOOP);
+}
+
+}  // namespace
