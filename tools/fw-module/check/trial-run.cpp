@@ -256,6 +256,8 @@ TrialResult runTrial(const Trial& trial, const Subject& subject, std::chrono::se
     hung = Clock::now() >= deadlineOf(account, limit);
   }
   const int status = child.wait();
+  if (signal == 0)  // a terminal sends it to the child too, whose end may be seen first
+    signal = signals.take();
   if (signal != 0) {
     endOrphans();
     throw Interrupted(signal);
