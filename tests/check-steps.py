@@ -97,6 +97,12 @@ class Step:
         print(f"check: {self.name}: not begun, the time is up", flush=True)
         return [summary.Case(self.name, "skipped", "not begun, the time is up")]
 
+    def unsteady(self, cases):
+        """The names of tests that failed first and passed when they were run once more."""
+        output = self.log().read_text(encoding="utf-8", errors="replace")
+        failed = set(re.findall(r"Test +#\d+: (.+?) \.*\*\*\*(?:Failed|Exception|Timeout)", output))
+        return sorted(case.name for case in cases if case.outcome == "passed" and case.name in failed)
+
     def duration(self):
         minutes, seconds = divmod(round(time.monotonic() - self.started), 60)
         return f"{minutes} min {seconds} s" if minutes else f"{seconds} s"
@@ -131,6 +137,8 @@ def run_all(steps, level, arguments, last_begin):
             step = running.pop(process)
             cases = step.end(os.waitstatus_to_exitcode(status))
             print(f"check: {step.name}: {summary.counts(cases)} in {step.duration()}", flush=True)
+            for name in step.unsteady(cases):
+                print(f"unsteady: {step.name}: {name}: passed only when it was run once more", flush=True)
             yield step, cases
     finally:
         for process, step in running.items():
