@@ -39,7 +39,7 @@ int run(const Options& options) {
   try {
     const Outcome outcome = options.command->run(options);
     return infoOf(std::cout.good() ? outcome : Outcome::Unexpected).exitCode;
-  } catch (const Interrupted& interrupted) {
+  } catch (const tool::Interrupted& interrupted) {
     std::signal(interrupted.signal(), SIG_DFL);
     return raise(interrupted.signal());
   } catch (const Failure& failure) {

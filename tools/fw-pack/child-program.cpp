@@ -99,7 +99,7 @@ bool runProgram(const std::vector<std::string>& arguments, const char* package, 
   line.show(arguments[0] + " is at work");
   try {
     passOn(ends[0], block);
-  } catch (const Interrupted&) {
+  } catch (const tool::Interrupted&) {
     ::kill(child, SIGTERM);
     ::close(ends[0]);
     waitFor(child);

@@ -29,7 +29,7 @@ void catchInterruptions() {
 
 void endIfInterrupted() {
   if (came != 0) {
-    throw Interrupted(came);
+    throw tool::Interrupted(came);
   }
 }
 

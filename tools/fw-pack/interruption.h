@@ -3,24 +3,14 @@
 #ifndef FW_PACK_INTERRUPTION_H
 #define FW_PACK_INTERRUPTION_H
 
-#include <exception>
+#include "interrupted.h"
 
 namespace fwpack {
-
-class Interrupted : public std::exception {
- public:
-  explicit Interrupted(int signal) : signal_(signal) {}
-  int signal() const { return signal_; }
-  const char* what() const noexcept override { return "interrupted"; }
-
- private:
-  int signal_;
-};
 
 // From now on the signals do not end the process, but interrupt what it waits for.
 void catchInterruptions();
 
-// Throws Interrupted when a signal has come.
+// Throws tool::Interrupted when a signal has come.
 void endIfInterrupted();
 
 }  // namespace fwpack

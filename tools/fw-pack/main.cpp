@@ -25,7 +25,7 @@ ExitCode perform(int argc, char** argv) {
     }
     const auto& options = std::get<fwpack::Options>(parsed);
     return options.command->run(options);
-  } catch (const fwpack::Interrupted& interrupted) {
+  } catch (const tool::Interrupted& interrupted) {
     std::signal(interrupted.signal(), SIG_DFL);
     std::raise(interrupted.signal());
     return ExitCode::Failed;

@@ -5,22 +5,11 @@
 #define FW_MODULE_CHECK_ENDING_SIGNALS_H
 
 #include <csignal>
-#include <exception>
 
 #include "file-descriptor.h"
+#include "interrupted.h"
 
 namespace fwmodule {
-
-// Carries the signal to where the process ends by it.
-class Interrupted : public std::exception {
- public:
-  explicit Interrupted(int signal) : signal_(signal) {}
-  int signal() const { return signal_; }
-  const char* what() const noexcept override { return "interrupted"; }
-
- private:
-  int signal_;
-};
 
 class EndingSignals {
  public:

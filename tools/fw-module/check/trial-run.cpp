@@ -260,7 +260,7 @@ TrialResult runTrial(const Trial& trial, const Subject& subject, std::chrono::se
     signal = signals.take();
   if (signal != 0) {
     endOrphans();
-    throw Interrupted(signal);
+    throw tool::Interrupted(signal);
   }
   requireTrial(account, hung);
   judgeEnd(account, child, status, hung, limit);

@@ -34,7 +34,7 @@ struct TrialResult {
 
 // A call that lasts longer than the limit counts as hung; the child is killed then. Nothing
 // that the module started is left. Throws Failure when there can be no trial here, and
-// Interrupted when a signal came that is to end the command.
+// tool::Interrupted when a signal came that is to end the command.
 TrialResult runTrial(const Trial& trial, const Subject& subject, std::chrono::seconds limit);
 
 }  // namespace fwmodule
