@@ -258,6 +258,17 @@ TEST_F(TheUpdateLockOfModules, GoesToOneWaiterAfterTheOther) {
   }
 }
 
+// How many of them gave it back.
+int recoverEightTimesAtOnce() {
+  std::list<RunningTool> recoveries;
+  for (int i = 0; i < 8; ++i)
+    recoveries.emplace_back(std::vector<std::string>{"lock", "recover"}, Launch{});
+  int given = 0;
+  for (RunningTool& recovery : recoveries)
+    given += recovery.finish() == 0 ? 1 : 0;
+  return given;
+}
+
 // With others waiting, /proc decides.
 TEST_F(TheUpdateLock, IsGivenBackOnceByManyRecoveriesAtOnce) {
   leaveTaken();
@@ -265,14 +276,7 @@ TEST_F(TheUpdateLock, IsGivenBackOnceByManyRecoveriesAtOnce) {
   const ChildProcess second(takeForEver);
   waitForRoles({{first.id(), "waits"}, {second.id(), "waits"}});
 
-  std::list<RunningTool> recoveries;
-  for (int i = 0; i < 8; ++i)
-    recoveries.emplace_back(std::vector<std::string>{"lock", "recover"}, Launch{});
-
-  int given = 0;
-  for (RunningTool& recovery : recoveries)
-    given += recovery.finish() == 0 ? 1 : 0;
-  EXPECT_EQ(given, 1);
+  EXPECT_EQ(recoverEightTimesAtOnce(), 1);
   EXPECT_EQ(value(), 0);
   const auto found = roles();
   EXPECT_THAT(found, Contains(::testing::Pair(::testing::_, "may-hold")).Times(1)) << "the one that took it";
@@ -282,15 +286,8 @@ TEST_F(TheUpdateLock, IsGivenBackOnceByManyRecoveriesAtOnce) {
 // With nobody else there, the kernel's lease decides.
 TEST_F(TheUpdateLock, IsNeverGivenBackTwice) {
   leaveTaken();
-  std::list<RunningTool> recoveries;
-  for (int i = 0; i < 8; ++i)
-    recoveries.emplace_back(std::vector<std::string>{"lock", "recover"}, Launch{});
 
-  int given = 0;
-  for (RunningTool& recovery : recoveries)
-    given += recovery.finish() == 0 ? 1 : 0;
-
-  EXPECT_EQ(given, 1);
+  EXPECT_EQ(recoverEightTimesAtOnce(), 1);
   EXPECT_EQ(value(), 1);
 }
 
