@@ -11,6 +11,7 @@
 #include "errno-text.h"
 #include "failure.h"
 #include "small-file.h"
+#include "url.h"
 
 namespace fwdownload {
 namespace {
@@ -45,7 +46,14 @@ void SetUrl(Configuration& configuration, const std::string& value) {
   if (value.find_first_of("?#") != std::string::npos) {
     throw std::string("must not have a \"?\" or \"#\": the image's name is put behind it");
   }
-  configuration.url = value.back() == '/' ? value : value + "/";
+  const auto url = ParseUrl(value);
+  if (!url) {
+    throw std::string(
+        "is no valid address; in a user or password, write \"@\", \":\", \"/\" and the like as %40");
+  }
+  configuration.url = url->text.back() == '/' ? url->text : url->text + "/";
+  configuration.user = url->user;
+  configuration.password = url->password;
 }
 
 struct Key {
@@ -55,6 +63,7 @@ struct Key {
 
 constexpr long kLargestMebibytes = 1024L * 1024;
 constexpr long kLongestTimeout = 3600;
+constexpr long kLargestSpeed = 1024L * 1024;  // KiB a second
 
 constexpr Key kKeys[] = {
     {"url", SetUrl},
@@ -74,12 +83,25 @@ constexpr Key kKeys[] = {
      [](Configuration& c, const std::string& value) {
        c.stallTimeoutSeconds = Number(value, 1, kLongestTimeout);
      }},
+    {"min_speed_kib_s",
+     [](Configuration& c, const std::string& value) {
+       c.minimumSpeed = std::int64_t{Number(value, 0, kLargestSpeed)} * 1024;
+     }},
+    {"max_retries",
+     [](Configuration& c, const std::string& value) { c.maximumRetries = Number(value, 0, 20); }},
 };
 
 std::string Trimmed(const std::string& text) {
   constexpr const char* kBlanks = " \t\r";
   const std::size_t begin = text.find_first_not_of(kBlanks);
   return begin == std::string::npos ? "" : text.substr(begin, text.find_last_not_of(kBlanks) - begin + 1);
+}
+
+// What stands in the place of a key may be an address with a password.
+std::string ShownKey(const std::string& name) {
+  const bool isWord = std::all_of(name.begin(), name.end(),
+                                  [](char byte) { return (byte >= 'a' && byte <= 'z') || byte == '_'; });
+  return isWord ? ", \"" + name + "\"" : "";
 }
 
 void ApplyLine(Configuration& configuration, const std::string& line) {
@@ -92,7 +114,7 @@ void ApplyLine(Configuration& configuration, const std::string& line) {
   const auto* const key =
       std::find_if(std::begin(kKeys), std::end(kKeys), [&](const Key& entry) { return name == entry.name; });
   if (key == std::end(kKeys)) {
-    throw "has an unknown key, \"" + name + "\"";
+    throw "has an unknown key" + ShownKey(name);
   }
   if (value.empty()) {
     throw std::string("has no value");

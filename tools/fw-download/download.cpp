@@ -1,19 +1,13 @@
 #include "download.h"
 
-#include <curl/curl.h>
-
 #include <algorithm>
-#include <charconv>
-#include <cstddef>
 #include <cstdint>
-#include <memory>
-#include <optional>
-#include <string_view>
-#include <system_error>
 
 #include "failure.h"
 #include "partial-image.h"
+#include "response.h"
 #include "transfer.h"
+#include "url.h"
 
 namespace fwdownload {
 namespace {
@@ -22,54 +16,9 @@ namespace {
 constexpr std::int64_t kSpaceReserve = std::int64_t{1} * 1024 * 1024;
 constexpr int kPartialContent = 206;
 constexpr int kRangeNotSatisfiable = 416;
-// A date is a reliable mark of a file that had not changed for this long.
-constexpr long kSettledSeconds = 60;
 
 std::string Size(std::int64_t bytes) {
   return std::to_string(bytes) + " bytes";
-}
-
-// Takes the prefix and the number behind it off the front of a text; nothing when they
-// are not there. Only digits are a number.
-std::optional<std::int64_t> TakeNumber(std::string_view& text, std::string_view prefix) {
-  if (text.substr(0, prefix.size()) != prefix) {
-    return std::nullopt;
-  }
-  text.remove_prefix(prefix.size());
-  std::uint64_t number = 0;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-  if (error != std::errc() || number > INT64_MAX) {
-    return std::nullopt;
-  }
-  text.remove_prefix(static_cast<std::size_t>(end - text.data()));
-  return static_cast<std::int64_t>(number);
-}
-
-struct ContentRange {
-  std::int64_t first;
-  std::int64_t last;
-  std::int64_t total;
-};
-
-std::optional<ContentRange> ParseContentRange(std::string_view text) {
-  const auto first = TakeNumber(text, "bytes ");
-  const auto last = TakeNumber(text, "-");
-  const auto total = TakeNumber(text, "/");
-  if (!first || !last || !total || !text.empty()) {
-    return std::nullopt;
-  }
-  return ContentRange{*first, *last, *total};
-}
-
-// What an If-Range header may have; empty when the server gave nothing reliable.
-std::string ValidatorOf(const Response& response) {
-  if (!response.etag.empty()) {
-    return response.etag[0] == '"' ? response.etag : "";  // W/"..." is weak
-  }
-  const std::int64_t modified = curl_getdate(response.lastModified.c_str(), nullptr);
-  const std::int64_t now = curl_getdate(response.date.c_str(), nullptr);
-  const bool settled = modified >= 0 && now >= 0 && now - modified >= kSettledSeconds;
-  return settled ? response.lastModified : "";
 }
 
 // The server answered a request for the rest with the rest of another file.
@@ -145,37 +94,20 @@ class ImageReceiver : public Receiver {
   std::int64_t total_ = kUnknownLength;
 };
 
-struct FreeUrl {
-  void operator()(CURLU* url) const { curl_url_cleanup(url); }
-};
-
-std::string UrlPart(const std::string& url, CURLUPart part) {
-  const std::unique_ptr<CURLU, FreeUrl> parsed(curl_url());
-  char* text = nullptr;
-  if (!parsed || curl_url_set(parsed.get(), CURLUPART_URL, url.c_str(), 0) != CURLUE_OK ||
-      curl_url_get(parsed.get(), part, &text, 0) != CURLUE_OK) {
-    return "";
-  }
-  std::string result = text;
-  curl_free(text);
-  return result;
-}
-
 // From https to https, from http to either; and only to hosts that are known.
 void CheckRedirect(const std::string& from, const std::string& to, const Configuration& configuration) {
-  const std::string scheme = UrlPart(to, CURLUPART_SCHEME);
-  const bool secure = scheme == "https";
-  const bool wasSecure = UrlPart(from, CURLUPART_SCHEME) == "https";
-  if (!secure && (wasSecure || scheme != "http")) {
-    throw Failure(Reason::kRedirect,
-                  "The server redirects to " + to + ", which is not as secure as " + from + ".");
+  const Url target = ParseUrl(to).value_or(Url());
+  const bool secure = target.scheme == "https";
+  const bool wasSecure = ParseUrl(from).value_or(Url()).scheme == "https";
+  if (!secure && (wasSecure || target.scheme != "http")) {
+    throw Failure(Reason::kRedirect, "The server redirects to " + Shown(to) + ", which is not as secure as " +
+                                         Shown(from) + ".");
   }
-  const std::string host = UrlPart(to, CURLUPART_HOST);
   const auto& hosts = configuration.redirectHosts;
-  if (host != UrlPart(configuration.url, CURLUPART_HOST) &&
-      std::find(hosts.begin(), hosts.end(), host) == hosts.end()) {
-    throw Failure(Reason::kRedirect,
-                  "The server redirects to another host, " + (host.empty() ? to : host) + ".");
+  if (target.host != ParseUrl(configuration.url).value_or(Url()).host &&
+      std::find(hosts.begin(), hosts.end(), target.host) == hosts.end()) {
+    throw Failure(Reason::kRedirect, "The server redirects to another host, " +
+                                         (target.host.empty() ? Shown(to) : target.host) + ".");
   }
 }
 
@@ -188,7 +120,7 @@ void CheckCode(const std::string& url, int code) {
                         : code >= kClientError ? Reason::kNotFound
                                                : Reason::kProtocol;
   throw Failure(reason,
-                "The server does not give out " + url + ": it answered " + std::to_string(code) + ".");
+                "The server does not give out " + Shown(url) + ": it answered " + std::to_string(code) + ".");
 }
 
 // Requests the image from its first missing byte, or from its beginning, and follows
@@ -226,9 +158,10 @@ bool Continue(PartialImage& image, const Configuration& configuration, const std
   }
 }
 
-void Receive(PartialImage& image, const Configuration& configuration, const std::string& url,
-             const Progress& progress) {
-  if (image.size() == 0 || !Continue(image, configuration, url, progress)) {
+void ReceiveOnce(PartialImage& image, const Configuration& configuration, const std::string& url,
+                 const Progress& progress) {
+  const bool isPart = image.size() > 0 && image.origin().CanBeContinued();
+  if (!isPart || !Continue(image, configuration, url, progress)) {
     CheckCode(url, Fetch(image, configuration, url, 0, progress));
   }
   if (image.size() == 0) {
@@ -236,13 +169,28 @@ void Receive(PartialImage& image, const Configuration& configuration, const std:
   }
 }
 
+void Receive(PartialImage& image, const Configuration& configuration, const std::string& url,
+             const Listener& listener) {
+  for (long retries = 0;; ++retries) {
+    try {
+      ReceiveOnce(image, configuration, url, listener.progress);
+      return;
+    } catch (const Failure& failure) {
+      if (!InfoOf(failure.reason()).isTakenUpAgain || retries == configuration.maximumRetries) {
+        throw;
+      }
+      listener.notice(std::string(failure.what()) + " It is taken up again.");
+    }
+  }
+}
+
 }  // namespace
 
-void Download(const std::string& package, const Configuration& configuration, const Progress& progress) {
+void Download(const std::string& package, const Configuration& configuration, const Listener& listener) {
   const std::string url = configuration.url + package + ".img";
   PartialImage image(package, url);
   try {
-    Receive(image, configuration, url, progress);
+    Receive(image, configuration, url, listener);
     image.Publish();
   } catch (const Failure& failure) {
     if (!InfoOf(failure.reason()).keepsPart || !image.origin().CanBeContinued() || image.size() == 0) {

@@ -13,9 +13,16 @@ namespace fwdownload {
 
 // received and total in bytes of the image; total is negative when it is not known.
 using Progress = std::function<void(std::int64_t received, std::int64_t total)>;
+// A sentence for the log, about a download that goes on.
+using Notice = std::function<void(const std::string& sentence)>;
+
+struct Listener {
+  Progress progress;
+  Notice notice;
+};
 
 // Throws Failure; the image at its own name is then what it was before.
-void Download(const std::string& package, const Configuration& configuration, const Progress& progress);
+void Download(const std::string& package, const Configuration& configuration, const Listener& listener);
 
 }  // namespace fwdownload
 

@@ -1,6 +1,6 @@
 // Why a download ended without an image. One table says for each reason what a
-// program calls it, what people can do, and whether what is there already stays, to
-// be continued by the next request.
+// program calls it, what people can do, whether what is there already stays, to be
+// continued by the next request, and whether this one tries again itself.
 #ifndef FW_DOWNLOAD_FAILURE_H
 #define FW_DOWNLOAD_FAILURE_H
 
@@ -19,6 +19,7 @@ enum class Reason {
   kRedirect,
   kIncomplete,
   kStalled,
+  kTooSlow,
   kTooMuch,
   kProtocol,
   kTooBig,
@@ -31,31 +32,38 @@ struct ReasonInfo {
   Reason reason;
   const char* name;
   bool keepsPart;
+  bool isTakenUpAgain;  // at once, as often as the configuration allows
   const char* remedy;
 };
 
 inline constexpr ReasonInfo kReasons[] = {
-    {Reason::kConfiguration, "configuration", true, "Correct /etc/fw-update/download.conf."},
-    {Reason::kNotPermitted, "not-permitted", true, "Ask as root, or as the user that owns the packages."},
-    {Reason::kUnreachable, "unreachable", true,
+    {Reason::kConfiguration, "configuration", true, false, "Correct /etc/fw-update/download.conf."},
+    {Reason::kNotPermitted, "not-permitted", true, false,
+     "Ask as root, or as the user that owns the packages."},
+    {Reason::kUnreachable, "unreachable", true, false,
      "Check the network and the url in /etc/fw-update/download.conf."},
-    {Reason::kCertificate, "certificate", true,
+    {Reason::kCertificate, "certificate", true, false,
      "Check the device's clock, and ca_file in /etc/fw-update/download.conf."},
-    {Reason::kNotFound, "not-found", false, "Check that the server offers the package."},
-    {Reason::kServerError, "server-error", true, "Try again later."},
-    {Reason::kRedirect, "redirect", false,
+    {Reason::kNotFound, "not-found", false, false, "Check that the server offers the package."},
+    {Reason::kServerError, "server-error", true, false, "Try again later."},
+    {Reason::kRedirect, "redirect", false, false,
      "Check the server, or allow it with redirect_hosts in /etc/fw-update/download.conf."},
-    {Reason::kIncomplete, "incomplete", true,
+    {Reason::kIncomplete, "incomplete", true, false,
      "Try again: the download goes on where it stopped, if the server can."},
-    {Reason::kStalled, "stalled", true,
+    {Reason::kStalled, "stalled", true, true,
      "Try again: the download goes on where it stopped, if the server can."},
-    {Reason::kTooMuch, "too-much", false, "Have the server repaired; nothing of this answer was kept."},
-    {Reason::kProtocol, "protocol", false, "Have the server repaired; nothing of this answer was kept."},
-    {Reason::kTooBig, "too-big", false,
+    {Reason::kTooSlow, "too-slow", true, true,
+     "Try again: the download goes on where it stopped, if the server can; or lower min_speed_kib_s in "
+     "/etc/fw-update/download.conf."},
+    {Reason::kTooMuch, "too-much", false, false,
+     "Have the server repaired; nothing of this answer was kept."},
+    {Reason::kProtocol, "protocol", false, false,
+     "Have the server repaired; nothing of this answer was kept."},
+    {Reason::kTooBig, "too-big", false, false,
      "Raise max_size_mib in /etc/fw-update/download.conf, if this is right."},
-    {Reason::kNoSpace, "no-space", false, "Free space in /opt/usr/apps/appbinarymanager."},
-    {Reason::kFileSystem, "file-system", false, "Check /opt/usr/apps/appbinarymanager."},
-    {Reason::kInternal, "internal", true, "See the platform log."},
+    {Reason::kNoSpace, "no-space", false, false, "Free space in /opt/usr/apps/appbinarymanager."},
+    {Reason::kFileSystem, "file-system", false, false, "Check /opt/usr/apps/appbinarymanager."},
+    {Reason::kInternal, "internal", true, false, "See the platform log."},
 };
 
 constexpr const ReasonInfo& InfoOf(Reason reason) {

@@ -104,6 +104,7 @@ class Job {
 
  private:
   void Tell(std::int64_t received, std::int64_t total);
+  void Note(const std::string& sentence) const;
   void Write() const;
   int End(Reason reason, const std::string& sentence);
 
@@ -147,9 +148,12 @@ bool Job::Prepare() {
 
 void Job::Write() const {
   if (const int error = fwplatform::WriteDownloadStatus(directory_.get(), package_, status_); error != 0) {
-    __dlog_print(2, DLOG_WARN_PRIORITY, "FWUPDATE", "download of %s: its status cannot be written: %s",
-                 package_.c_str(), ErrnoText(error).c_str());
+    Note("its status cannot be written: " + ErrnoText(error));
   }
+}
+
+void Job::Note(const std::string& sentence) const {
+  __dlog_print(2, DLOG_WARN_PRIORITY, "FWUPDATE", "download of %s: %s", package_.c_str(), sentence.c_str());
 }
 
 void Job::Tell(std::int64_t received, std::int64_t total) {
@@ -181,7 +185,8 @@ int Job::End(Reason reason, const std::string& sentence) {
 int Job::Run() {
   try {
     fwdownload::Download(package_, configuration_,
-                         [this](std::int64_t received, std::int64_t total) { Tell(received, total); });
+                         {[this](std::int64_t received, std::int64_t total) { Tell(received, total); },
+                          [this](const std::string& sentence) { Note(sentence); }});
   } catch (const Failure& failure) {
     return End(failure.reason(), failure.what());
   } catch (const std::exception& error) {

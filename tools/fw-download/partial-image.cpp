@@ -1,14 +1,12 @@
 #include "partial-image.h"
 
 #include <fcntl.h>
-#include <json/json.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <memory>
 
 #include "errno-text.h"
 #include "failure.h"
@@ -20,7 +18,6 @@ namespace {
 
 using fwplatform::ErrnoText;
 
-constexpr std::size_t kLargestInfo = std::size_t{16} * 1024;
 // What a power cut can cost, and how often the disk is waited for.
 constexpr std::int64_t kSyncEvery = std::int64_t{4} * 1024 * 1024;
 
@@ -50,33 +47,10 @@ std::string BootId() {
   return id;
 }
 
-std::string InfoText(const Origin& origin, std::int64_t synced) {
-  Json::Value document;
-  document["url"] = origin.url;
-  document["validator"] = origin.validator;
-  document["total"] = static_cast<Json::Int64>(origin.total);
-  document["synced"] = static_cast<Json::Int64>(synced);
-  document["boot"] = BootId();
-  return Json::writeString(Json::StreamWriterBuilder(), document) + "\n";
-}
-
 // Until the system stops, what was written is in the file; afterwards only what was
 // put on the disk can be relied on.
-bool ParseInfo(const std::string& text, Origin& origin, std::int64_t& usable) {
-  const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
-  Json::Value document;
-  try {
-    if (!reader->parse(text.data(), text.data() + text.size(), &document, nullptr) || !document.isObject()) {
-      return false;
-    }
-    origin.url = document["url"].asString();
-    origin.validator = document["validator"].asString();
-    origin.total = document["total"].asInt64();
-    usable = document["boot"].asString() == BootId() ? origin.total : document["synced"].asInt64();
-    return usable >= 0;
-  } catch (const Json::Exception&) {  // nested too deeply, or a member of another type
-    return false;
-  }
+std::int64_t UsableOf(const PartNote& note) {
+  return note.boot == BootId() ? note.origin.total : note.synced;
 }
 
 }  // namespace
@@ -113,11 +87,12 @@ void PartialImage::Open() {
 void PartialImage::TakeUp(const std::string& url) {
   std::string text;
   std::int64_t usable = 0;
-  const bool known = fwplatform::ReadSmallFileAt(directory_.get(), info_, kLargestInfo, text) == 0 &&
-                     ParseInfo(text, origin_, usable);
-  if (!known || origin_.url != url || !origin_.CanBeContinued() || size_ > origin_.total) {
-    origin_ = {};
-    usable = 0;
+  if (fwplatform::ReadSmallFileAt(directory_.get(), info_, kLargestNote, text) == 0) {
+    const auto note = ParseNote(text);
+    if (note && note->origin.url == url && size_ <= note->origin.total) {
+      origin_ = note->origin;
+      usable = UsableOf(*note);
+    }
   }
   // At least one byte is asked for again: the server then says whether it still has
   // the same file.
@@ -141,9 +116,12 @@ void PartialImage::Begin(const Origin& origin) {
   if (!origin_.CanBeContinued()) {
     return;
   }
-  if (const int error =
-          fwplatform::ReplaceSmallFileAt(directory_.get(), info_, InfoText(origin_, synced_), true);
-      error != 0) {
+  WriteNote();
+}
+
+void PartialImage::WriteNote() {
+  const std::string text = NoteText({origin_, synced_, BootId()});
+  if (const int error = fwplatform::ReplaceSmallFileAt(directory_.get(), info_, text, true); error != 0) {
     Fail(info_, "written", error);
   }
 }
@@ -171,11 +149,7 @@ void PartialImage::Sync() {
     Fail(part_, "written", errno);
   }
   synced_ = size_;
-  if (const int error =
-          fwplatform::ReplaceSmallFileAt(directory_.get(), info_, InfoText(origin_, synced_), true);
-      error != 0) {
-    Fail(info_, "written", error);
-  }
+  WriteNote();
 }
 
 void PartialImage::Remove(const std::string& name) {

@@ -9,21 +9,12 @@
 #include <cstdint>
 #include <string>
 
+#include "part-note.h"
 #include "unique-fd.h"
 
 namespace fwdownload {
 
 inline constexpr char kPackagesDirectory[] = "/opt/usr/apps/appbinarymanager";
-
-// Which file on the server. Without a validator nothing can tell whether the file is
-// the same next time.
-struct Origin {
-  std::string url;
-  std::string validator;  // as an If-Range header has it: a strong ETag or a date
-  std::int64_t total = 0;
-
-  bool CanBeContinued() const { return !validator.empty() && total > 0; }
-};
 
 // Every operation throws Failure.
 class PartialImage {
@@ -50,6 +41,7 @@ class PartialImage {
   void TakeUp(const std::string& url);
   void Truncate(std::int64_t size);
   void Sync();
+  void WriteNote();
   void Remove(const std::string& name);
 
   std::string image_;  // names in the directory

@@ -1,16 +1,14 @@
 #include "transfer.h"
 
 #include <curl/curl.h>
-#include <strings.h>
 
-#include <algorithm>
-#include <charconv>
 #include <chrono>
 #include <exception>
-#include <iterator>
 #include <memory>
 
 #include "failure.h"
+#include "speed-watch.h"
+#include "url.h"
 
 namespace fwdownload {
 namespace {
@@ -35,28 +33,16 @@ std::string Size(std::int64_t bytes) {
   return std::to_string(bytes) + " bytes";
 }
 
-bool SameHeader(const std::string& name, const char* other) {
-  return strcasecmp(name.c_str(), other) == 0;
-}
-
-struct HeaderField {
-  const char* name;
-  std::string Response::*value;
-};
-
-constexpr HeaderField kHeaders[] = {
-    {"ETag", &Response::etag},
-    {"Last-Modified", &Response::lastModified},
-    {"Date", &Response::date},
-    {"Content-Range", &Response::contentRange},
-};
-
 // The state of one request while libcurl calls back. An exception must not pass
 // through libcurl: it is kept and thrown again afterwards.
 class Exchange {
  public:
   Exchange(const Request& request, const Configuration& configuration, Receiver& receiver)
-      : request_(request), configuration_(configuration), receiver_(receiver), curl_(curl_easy_init()) {
+      : request_(request),
+        configuration_(configuration),
+        receiver_(receiver),
+        curl_(curl_easy_init()),
+        speed_(std::chrono::seconds(configuration.stallTimeoutSeconds)) {
     if (!curl_) {
       throw Failure(Reason::kInternal, "libcurl cannot be started.");
     }
@@ -67,6 +53,7 @@ class Exchange {
 
  private:
   void SetUp();
+  void SetCredentials();
   void AddHeader(const std::string& line);
   void CheckResult(CURLcode result);
   void CheckLength() const;
@@ -84,7 +71,10 @@ class Exchange {
 
   static std::size_t OnHeader(char* bytes, std::size_t, std::size_t count, void* self);
   static std::size_t OnBytes(char* bytes, std::size_t, std::size_t count, void* self);
-  static int OnProgress(void* self, curl_off_t, curl_off_t, curl_off_t, curl_off_t);
+  static int OnProgress(void* self, curl_off_t, curl_off_t received, curl_off_t, curl_off_t);
+  bool IsConnected() const;
+  void CheckSpeed(std::int64_t received);
+  [[noreturn]] void FailStalled() const;
 
   const Request& request_;
   const Configuration& configuration_;
@@ -95,12 +85,16 @@ class Exchange {
   Response response_;
   bool begun_ = false;
   bool hungUp_ = false;
+  SpeedWatch speed_;
   std::int64_t received_ = 0;
   Clock::time_point lastByte_ = Clock::now();
   std::exception_ptr thrown_;
 };
 
 void Exchange::AddHeader(const std::string& line) {
+  if (!IsHeaderText(line)) {
+    throw Failure(Reason::kInternal, "A header to be sent has a control character in it.");
+  }
   curl_slist* const list = curl_slist_append(headers_.get(), line.c_str());
   if (list == nullptr) {
     throw Failure(Reason::kInternal, "There is no memory.");
@@ -122,6 +116,7 @@ void Exchange::SetUp() {
   curl_easy_setopt(curl, CURLOPT_IGNORE_CONTENT_LENGTH, IsFile() ? 0L : 1L);
   curl_easy_setopt(curl, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
   curl_easy_setopt(curl, CURLOPT_URL, request_.url.c_str());
+  SetCredentials();
   curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, "https,http,file");
   curl_easy_setopt(curl, CURLOPT_FOLLOWLOCATION, 0L);
   curl_easy_setopt(curl, CURLOPT_PROXY, "");
@@ -147,6 +142,15 @@ void Exchange::SetUp() {
   curl_easy_setopt(curl, CURLOPT_XFERINFODATA, this);
 }
 
+// A server that was redirected to does not get them.
+void Exchange::SetCredentials() {
+  const bool given = !configuration_.user.empty() || !configuration_.password.empty();
+  if (given && SameServer(request_.url, configuration_.url)) {
+    curl_easy_setopt(curl_.get(), CURLOPT_USERNAME, configuration_.user.c_str());
+    curl_easy_setopt(curl_.get(), CURLOPT_PASSWORD, configuration_.password.c_str());
+  }
+}
+
 template <typename Function>
 bool Exchange::Guarded(Function function) noexcept {
   try {
@@ -168,45 +172,45 @@ std::size_t Exchange::OnBytes(char* bytes, std::size_t, std::size_t count, void*
   return exchange.Guarded([&] { exchange.Receive(bytes, count); }) ? count : 0;
 }
 
-int Exchange::OnProgress(void* self, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
+// The time that connecting takes has a limit of its own.
+bool Exchange::IsConnected() const {
+  double seconds = 0;
+  curl_easy_getinfo(curl_.get(), CURLINFO_PRETRANSFER_TIME, &seconds);
+  return seconds > 0;
+}
+
+void Exchange::CheckSpeed(std::int64_t received) {
+  if (IsFile() || IsWhole() || !IsConnected()) {
+    return;
+  }
+  const auto brought = speed_.PeriodOver(received, Clock::now());
+  if (!brought || *brought >= configuration_.minimumSpeed * configuration_.stallTimeoutSeconds) {
+    return;
+  }
+  if (*brought == 0) {
+    FailStalled();
+  }
+  throw Failure(Reason::kTooSlow, "The server sent less than " + Size(configuration_.minimumSpeed) +
+                                      " a second for " + std::to_string(configuration_.stallTimeoutSeconds) +
+                                      " s.");
+}
+
+void Exchange::FailStalled() const {
+  throw Failure(Reason::kStalled,
+                "The server sent nothing for " + std::to_string(configuration_.stallTimeoutSeconds) + " s.");
+}
+
+int Exchange::OnProgress(void* self, curl_off_t, curl_off_t received, curl_off_t, curl_off_t) {
   auto& exchange = *static_cast<Exchange*>(self);
   exchange.hungUp_ = exchange.IsWhole() && Clock::now() - exchange.lastByte_ > kHangUpPatience;
-  return exchange.hungUp_ ? 1 : 0;
+  const bool fastEnough = exchange.Guarded([&] { exchange.CheckSpeed(received); });
+  return exchange.hungUp_ || !fastEnough ? 1 : 0;
 }
 
-std::int64_t ParseLength(const std::string& text) {
-  std::int64_t length = 0;
-  const char* const end = text.data() + text.size();
-  const auto parsed = std::from_chars(text.data(), end, length);
-  if (parsed.ec != std::errc() || parsed.ptr != end || length < 0) {
-    throw Failure(Reason::kProtocol, "The server announced a length that is no number.");
-  }
-  return length;
-}
-
+// For a file libcurl makes up headers.
 void Exchange::ReadHeader(const std::string& line) {
-  if (line.rfind("HTTP/", 0) == 0) {
-    response_ = {};  // what came before was an interim answer
-    return;
-  }
-  const std::size_t colon = line.find(':');
-  if (colon == std::string::npos) {
-    return;
-  }
-  const std::string name = line.substr(0, colon);
-  const std::size_t begin = line.find_first_not_of(" \t", colon + 1);
-  const std::size_t end = line.find_last_not_of(" \t\r\n");
-  const std::string value = begin > end ? "" : line.substr(begin, end - begin + 1);
-  for (const HeaderField& header : kHeaders) {
-    if (SameHeader(name, header.name)) {
-      response_.*header.value = value;
-    }
-  }
-  if (SameHeader(name, "Content-Length")) {
-    response_.length = ParseLength(value);
-    response_.hasEnd = true;
-  } else if (SameHeader(name, "Transfer-Encoding")) {
-    response_.hasEnd = true;  // libcurl understands it, or refuses it
+  if (!IsFile()) {
+    ReadHeaderLine(line, response_);
   }
 }
 
@@ -274,12 +278,10 @@ void Exchange::Fail(CURLcode result) {
   const std::string details =
       std::string(" (") + (errorText_[0] != '\0' ? errorText_ : curl_easy_strerror(result)) + ").";
   if (result == CURLE_OPERATION_TIMEDOUT) {
-    double connected = 0;
-    curl_easy_getinfo(curl_.get(), CURLINFO_PRETRANSFER_TIME, &connected);
-    throw connected > 0
-        ? Failure(Reason::kStalled,
-                  "The server sent nothing for " + std::to_string(configuration_.stallTimeoutSeconds) + " s.")
-        : Failure(Reason::kUnreachable, "The server cannot be reached" + details);
+    if (IsConnected()) {
+      FailStalled();
+    }
+    throw Failure(Reason::kUnreachable, "The server cannot be reached" + details);
   }
   for (const CurlFailure& failure : kCurlFailures) {
     if (failure.result == result) {

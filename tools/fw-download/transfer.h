@@ -8,21 +8,9 @@
 #include <string>
 
 #include "configuration.h"
+#include "response.h"
 
 namespace fwdownload {
-
-inline constexpr std::int64_t kUnknownLength = -1;
-
-// What the server says before it sends anything.
-struct Response {
-  int code = 0;                          // 200 for a file that was opened
-  std::int64_t length = kUnknownLength;  // of what follows
-  bool hasEnd = false;                   // what follows says itself where it ends
-  std::string etag;
-  std::string lastModified;
-  std::string date;
-  std::string contentRange;
-};
 
 struct Request {
   std::string url;

@@ -28,12 +28,17 @@ TEST(DownloadConfiguration, NeedsAUrlAlone) {
   EXPECT_EQ(configuration.url, "https://updates.example/tv/");
   EXPECT_EQ(configuration.maximumSize, 512LL * 1024 * 1024);
   EXPECT_EQ(configuration.maximumRedirects, 3);
+  EXPECT_EQ(configuration.connectTimeoutSeconds, 20);
+  EXPECT_EQ(configuration.stallTimeoutSeconds, 30);
+  EXPECT_EQ(configuration.minimumSpeed, 1024);
+  EXPECT_EQ(configuration.maximumRetries, 3);
 }
 
 TEST(DownloadConfiguration, TakesEveryKey) {
   const Configuration configuration = ParseConfiguration(
       "# a comment\n\n  url=http://h/\r\nca_file = /a b\nredirect_hosts = a.example  b.example\n"
-      "max_size_mib = 4096\nmax_redirects = 0\nconnect_timeout_s = 7\nstall_timeout_s = 8");
+      "max_size_mib = 4096\nmax_redirects = 0\nconnect_timeout_s = 7\nstall_timeout_s = 8\n"
+      "min_speed_kib_s = 9\nmax_retries = 10");
 
   EXPECT_EQ(configuration.url, "http://h/");
   EXPECT_EQ(configuration.caFile, "/a b");
@@ -42,6 +47,36 @@ TEST(DownloadConfiguration, TakesEveryKey) {
   EXPECT_EQ(configuration.maximumRedirects, 0);
   EXPECT_EQ(configuration.connectTimeoutSeconds, 7);
   EXPECT_EQ(configuration.stallTimeoutSeconds, 8);
+  EXPECT_EQ(configuration.minimumSpeed, 9 * 1024);
+  EXPECT_EQ(configuration.maximumRetries, 10);
+}
+
+TEST(DownloadConfiguration, TakesUserAndPasswordOutOfTheUrl) {
+  const Configuration configuration = ParseConfiguration("url = https://us%40er:pass@h:1/x\n");
+
+  EXPECT_EQ(configuration.url, "https://h:1/x/");
+  EXPECT_EQ(configuration.user, "us@er");
+  EXPECT_EQ(configuration.password, "pass");
+}
+
+// From the smallest to the largest, and one beyond each.
+TEST(DownloadConfiguration, KnowsTheBoundsOfItsNumbers) {
+  const struct {
+    const char* key;
+    long smallest;
+    long largest;
+  } bounds[] = {{"max_size_mib", 1, 1048576}, {"max_redirects", 0, 20},        {"connect_timeout_s", 1, 3600},
+                {"stall_timeout_s", 1, 3600}, {"min_speed_kib_s", 0, 1048576}, {"max_retries", 0, 20}};
+  for (const auto& bound : bounds) {
+    const auto take = [&](long number) {
+      return refusal("url = https://h\n" + std::string(bound.key) + " = " + std::to_string(number));
+    };
+
+    EXPECT_EQ(take(bound.smallest), "taken") << bound.key;
+    EXPECT_EQ(take(bound.largest), "taken") << bound.key;
+    EXPECT_THAT(take(bound.smallest - 1), HasSubstr("whole number from")) << bound.key;
+    EXPECT_THAT(take(bound.largest + 1), HasSubstr("whole number from")) << bound.key;
+  }
 }
 
 TEST(DownloadConfiguration, SaysWhichLineIsWrong) {
@@ -50,6 +85,8 @@ TEST(DownloadConfiguration, SaysWhichLineIsWrong) {
   EXPECT_THAT(refusal(""), HasSubstr("gives no url"));
   EXPECT_THAT(refusal(url + "nonsense"), HasSubstr("line 2 is not of the form"));
   EXPECT_THAT(refusal(url + "urls = x"), HasSubstr("line 2 has an unknown key, \"urls\""));
+  EXPECT_THAT(refusal(url + "https://u:p@h/?a=b"), HasSubstr("line 2 has an unknown key."));
+  EXPECT_THAT(refusal("url = https://u:p/w@h/"), HasSubstr("url is no valid address"));
   EXPECT_THAT(refusal("url =\n"), HasSubstr("line 1 has no value"));
   EXPECT_THAT(refusal("url = ftp://h\n"), HasSubstr("url must begin with https://"));
   EXPECT_THAT(refusal("url = file://host/x\n"), HasSubstr("url must begin with https://"));

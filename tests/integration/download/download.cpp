@@ -49,7 +49,7 @@ TEST_F(Download, OutlivesItsCaller) {
 
 TEST_F(Download, KeepsNothingOfItsCallerOpen) {
   OddServer server({{"", false}});
-  configure(server.url(), "stall_timeout_s = 2");
+  configure(server.url(), "stall_timeout_s = 2\nmax_retries = 0");
   int ends[2];
   ASSERT_EQ(pipe(ends), 0);  // without close-on-exec
 

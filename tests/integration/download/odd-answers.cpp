@@ -152,6 +152,11 @@ TEST_F(OddAnswers, ADifferentFileIsNeverStitchedOn) {
       range(other, 100000, 200000, kOtherTag),
       range(longer, 100000, 250000),
       range(image, 100001, 200000),
+      // as long as what was asked for
+      httpAnswer("206 Partial Content", {kTag, length(100000), "Content-Range: bytes 99999-199999/200000"},
+                 image.substr(99999, 100000)),
+      httpAnswer("206 Partial Content", {kTag, length(100000), "Content-Range: bytes 100000-199998/200000"},
+                 image.substr(99999, 100000)),
       httpAnswer("206 Partial Content", {kTag, length(100)}, image.substr(100000, 100)),
       httpAnswer("206 Partial Content", {kTag, length(50), "Content-Range: bytes 100000-199999/200000"},
                  "short"),
@@ -260,11 +265,106 @@ TEST_F(OddAnswers, DoesNotHangUpAfterTheEnd) {
 
 TEST_F(OddAnswers, Stalls) {
   OddServer server({{firstHalf(image), false}});
-  configure(server.url(), "stall_timeout_s = 1");
+  configure(server.url(), "stall_timeout_s = 1\nmax_retries = 0");
 
   expectFailure(download(), "stalled", "sent nothing for 1 s");
 
   EXPECT_EQ(readFile(kPart).size(), 100000U);
+}
+
+TEST_F(OddAnswers, ADripIsGivenUpAndTakenUpAgain) {
+  const std::string head = httpAnswer("200 OK", {length(image.size()), kTag}, "");
+  OddServer server({{head + image, true, head.size() + 100000}, {whole(image)}});
+  configure(server.url(), "stall_timeout_s = 1\nmin_speed_kib_s = 200");
+
+  const ProgramResult result = download();
+
+  EXPECT_EQ(result.exitCode, 0) << result.error;
+  ASSERT_THAT(server.requests(), SizeIs(2));
+  EXPECT_THAT(server.requests().back(), HasSubstr("Range: bytes=1000"));
+  EXPECT_TRUE(readFile(kImage) == image);
+}
+
+TEST_F(OddAnswers, ADripIsTakenUpAgainAsOftenAsTheConfigurationSays) {
+  const std::string head = httpAnswer("200 OK", {length(image.size())}, "");
+  const OddAnswer drip = {head + image, true, head.size()};
+  OddServer server({drip, drip, drip, {whole(image)}});
+  configure(server.url(), "stall_timeout_s = 1\nmin_speed_kib_s = 1\nmax_retries = 2");
+
+  expectFailure(download(), "too-slow", "sent less than 1024 bytes a second for 1 s.");
+
+  EXPECT_THAT(server.requests(), SizeIs(3));
+  EXPECT_THAT(files(), IsEmpty());
+  EXPECT_EQ(download().exitCode, 0);
+}
+
+TEST_F(OddAnswers, ADripOfHeadersIsGivenUp) {
+  OddServer server({{httpAnswer("200 OK", {"X-Long: " + image.substr(0, 1000)}, ""), true, 20}});
+  configure(server.url(), "stall_timeout_s = 1\nmax_retries = 0");
+
+  expectFailure(download(), "stalled", "sent nothing for 1 s");
+}
+
+TEST_F(OddAnswers, AStallIsTakenUpAgain) {
+  OddServer server({{firstHalf(image), false}, {range(image, 100000, 200000)}});
+  configure(server.url(), "stall_timeout_s = 1\nmax_retries = 1");
+
+  EXPECT_EQ(download().exitCode, 0);
+
+  EXPECT_TRUE(readFile(kImage) == image);
+  EXPECT_THAT(server.requests().back(), HasSubstr("Range: bytes=100000-\r\n"));
+}
+
+TEST_F(OddAnswers, TwoLengthsThatDiffer) {
+  OddServer server({{httpAnswer("200 OK", {length(100), length(image.size()), kTag}, image)},
+                    {httpAnswer("200 OK", {length(image.size()), length(image.size()), kTag}, image)}});
+  configure(server.url());
+
+  expectFailure(download(), "protocol", "announced two different lengths");
+
+  EXPECT_THAT(files(), IsEmpty());
+  EXPECT_EQ(download().exitCode, 0);
+}
+
+TEST_F(OddAnswers, ControlCharactersInAHeader) {
+  for (const char* header : {"ETag: \"one\rX-More: 1\"", "X-Other: \x1B[2J", "ETag: \"one\"\r"}) {
+    OddServer server({{httpAnswer("200 OK", {length(image.size()), header}, image)}});
+    configure(server.url());
+
+    expectFailure(download(), "protocol", "a header with a control character");
+
+    EXPECT_THAT(files(), IsEmpty()) << header;
+  }
+}
+
+// A note beside the part makes a header of the request.
+TEST_F(OddAnswers, ANoteWithALineBreakInItsMarkIsNotBelieved) {
+  OddServer server({{whole(image)}});
+  configure(server.url());
+  writeFile(kPart, image.substr(0, 1000));
+  writeFile(kInfo,
+            "{\"boot\": \"\", \"synced\": 1000, \"total\": 200000, \"validator\": "
+            "\"\\\"a\\\"\\r\\nX-Injected: 1\", \"url\": \"" +
+                server.url() + kWifi + ".img\"}");
+
+  EXPECT_EQ(download().exitCode, 0);
+
+  EXPECT_THAT(server.requests(), ElementsAre(Not(HasSubstr("X-Injected"))));
+  EXPECT_TRUE(readFile(kImage) == image);
+}
+
+// Hints and other answers that come before the real one say nothing about it.
+TEST_F(OddAnswers, AnInterimAnswerCountsForNothing) {
+  const std::string interim = "HTTP/1.1 103 Early Hints\r\nETag: \"hint\"\r\nContent-Length: 5\r\n\r\n";
+  OddServer server({{interim + httpAnswer("200 OK", {length(image.size())}, image.substr(0, 100))},
+                    {interim + httpAnswer("200 OK", {length(image.size())}, image)}});
+  configure(server.url());
+
+  expectFailure(download(), "incomplete", "stopped after 100 bytes of the 200000 bytes");
+
+  EXPECT_THAT(files(), IsEmpty());  // no mark, so it cannot be continued
+  EXPECT_EQ(download().exitCode, 0);
+  EXPECT_TRUE(readFile(kImage) == image);
 }
 
 TEST_F(OddAnswers, TooBigByItsOwnWord) {

@@ -2,12 +2,19 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <system_error>
 #include <utility>
+
+namespace {
+
+constexpr int kDripMs = 100;
+
+}  // namespace
 
 OddServer::OddServer(std::vector<OddAnswer> answers) : answers_(std::move(answers)) {
   listener_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -64,16 +71,26 @@ void OddServer::answer(int connection, const OddAnswer& answer) {
     const std::lock_guard lock(mutex_);
     requests_.push_back(request);
   }
-  for (std::size_t sent = 0; sent < answer.bytes.size();) {
-    const ssize_t count =
-        send(connection, answer.bytes.data() + sent, answer.bytes.size() - sent, MSG_NOSIGNAL);
+  const std::size_t atOnce = answer.dripsAfter > 0 ? answer.dripsAfter : answer.bytes.size();
+  bool connected = sendAll(connection, answer.bytes.substr(0, atOnce));
+  for (std::size_t at = atOnce; connected && at < answer.bytes.size(); ++at) {
+    pollfd gone = {connection, POLLIN, 0};
+    connected = poll(&gone, 1, kDripMs) == 0 && sendAll(connection, answer.bytes.substr(at, 1));
+  }
+  while (connected && !answer.hangsUp && read(connection, block, sizeof block) > 0) {
+  }
+}
+
+// False when the client has gone.
+bool OddServer::sendAll(int connection, const std::string& bytes) {
+  for (std::size_t sent = 0; sent < bytes.size();) {
+    const ssize_t count = send(connection, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
     if (count <= 0) {
-      return;
+      return false;
     }
     sent += static_cast<std::size_t>(count);
   }
-  while (!answer.hangsUp && read(connection, block, sizeof block) > 0) {
-  }
+  return true;
 }
 
 std::string httpAnswer(const std::string& status, const std::vector<std::string>& headers,

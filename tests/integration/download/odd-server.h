@@ -3,6 +3,7 @@
 #ifndef TESTS_INTEGRATION_DOWNLOAD_ODD_SERVER_H
 #define TESTS_INTEGRATION_DOWNLOAD_ODD_SERVER_H
 
+#include <cstddef>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -11,6 +12,9 @@
 struct OddAnswer {
   std::string bytes;
   bool hangsUp = true;  // false: stays connected until the client goes
+  // Above 0: what comes after the first so many bytes comes a byte at a time, every tenth
+  // of a second.
+  std::size_t dripsAfter = 0;
 };
 
 class OddServer {
@@ -27,6 +31,7 @@ class OddServer {
  private:
   void serve();
   void answer(int connection, const OddAnswer& answer);
+  static bool sendAll(int connection, const std::string& bytes);
 
   std::vector<OddAnswer> answers_;
   int listener_ = -1;

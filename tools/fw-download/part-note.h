@@ -1,0 +1,40 @@
+// The note beside a part of an image, NAME.img.part.info: of which file on the server
+// it is a part, and how much of it can be relied on. Plain values and stateless
+// functions.
+#ifndef FW_DOWNLOAD_PART_NOTE_H
+#define FW_DOWNLOAD_PART_NOTE_H
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "response.h"
+
+namespace fwdownload {
+
+inline constexpr std::size_t kLargestNote = std::size_t{16} * 1024;
+
+// Which file on the server. Without a validator nothing can tell whether the file is
+// the same next time.
+struct Origin {
+  std::string url;
+  std::string validator;  // as an If-Range header has it: a strong ETag or a date
+  std::int64_t total = 0;
+
+  bool CanBeContinued() const { return !validator.empty() && IsHeaderText(validator) && total > 0; }
+};
+
+struct PartNote {
+  Origin origin;
+  std::int64_t synced = 0;  // bytes that were put on the disk
+  std::string boot;         // the start of the system that it was written in
+};
+
+std::string NoteText(const PartNote& note);
+// Nothing for what is no note, or none that a part can be continued by.
+std::optional<PartNote> ParseNote(const std::string& text);
+
+}  // namespace fwdownload
+
+#endif

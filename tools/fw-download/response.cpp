@@ -1,0 +1,136 @@
+#include "response.h"
+
+#include <curl/curl.h>
+#include <strings.h>
+
+#include <algorithm>
+#include <charconv>
+#include <cstddef>
+#include <system_error>
+
+#include "failure.h"
+
+namespace fwdownload {
+namespace {
+
+// A date is a reliable mark of a file that had not changed for this long.
+constexpr long kSettledSeconds = 60;
+
+bool SameHeader(const std::string& name, const char* other) {
+  return strcasecmp(name.c_str(), other) == 0;
+}
+
+struct HeaderField {
+  const char* name;
+  std::string Response::*value;
+};
+
+constexpr HeaderField kHeaders[] = {
+    {"ETag", &Response::etag},
+    {"Last-Modified", &Response::lastModified},
+    {"Date", &Response::date},
+    {"Content-Range", &Response::contentRange},
+};
+
+std::int64_t ParseLength(const std::string& text) {
+  std::int64_t length = 0;
+  const char* const end = text.data() + text.size();
+  const auto parsed = std::from_chars(text.data(), end, length);
+  if (parsed.ec != std::errc() || parsed.ptr != end || length < 0) {
+    throw Failure(Reason::kProtocol, "The server announced a length that is no number.");
+  }
+  return length;
+}
+
+void TakeLength(const std::string& text, Response& response) {
+  const std::int64_t length = ParseLength(text);
+  if (response.length != kUnknownLength && response.length != length) {
+    throw Failure(Reason::kProtocol, "The server announced two different lengths.");
+  }
+  response.length = length;
+  response.hasEnd = true;
+}
+
+// Takes the prefix and the number behind it off the front of a text; nothing when they
+// are not there. Only digits are a number.
+std::optional<std::int64_t> TakeNumber(std::string_view& text, std::string_view prefix) {
+  if (text.substr(0, prefix.size()) != prefix) {
+    return std::nullopt;
+  }
+  text.remove_prefix(prefix.size());
+  std::uint64_t number = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+  if (error != std::errc() || number > INT64_MAX) {
+    return std::nullopt;
+  }
+  text.remove_prefix(static_cast<std::size_t>(end - text.data()));
+  return static_cast<std::int64_t>(number);
+}
+
+std::string WithoutEnd(const std::string& line) {
+  std::size_t size = line.size();
+  for (const char end : {'\n', '\r'}) {
+    size -= size > 0 && line[size - 1] == end ? 1U : 0U;
+  }
+  return line.substr(0, size);
+}
+
+}  // namespace
+
+bool IsHeaderText(std::string_view text) {
+  return std::none_of(text.begin(), text.end(), [](char byte) {
+    const auto value = static_cast<unsigned char>(byte);
+    return (value < ' ' && byte != '\t') || value == 0x7F;
+  });
+}
+
+void ReadHeaderLine(const std::string& line, Response& response) {
+  const std::string content = WithoutEnd(line);
+  if (!IsHeaderText(content)) {
+    throw Failure(Reason::kProtocol, "The server sent a header with a control character in it.");
+  }
+  if (content.rfind("HTTP/", 0) == 0) {
+    response = {};
+    return;
+  }
+  const std::size_t colon = content.find(':');
+  if (colon == std::string::npos) {
+    return;
+  }
+  const std::string name = content.substr(0, colon);
+  const std::size_t begin = content.find_first_not_of(" \t", colon + 1);
+  const std::size_t end = content.find_last_not_of(" \t");
+  const std::string value = begin == std::string::npos ? "" : content.substr(begin, end - begin + 1);
+  for (const HeaderField& header : kHeaders) {
+    if (SameHeader(name, header.name)) {
+      response.*header.value = value;
+    }
+  }
+  if (SameHeader(name, "Content-Length")) {
+    TakeLength(value, response);
+  } else if (SameHeader(name, "Transfer-Encoding")) {
+    response.hasEnd = true;  // libcurl understands it, or refuses it
+  }
+}
+
+std::optional<ContentRange> ParseContentRange(std::string_view text) {
+  const auto first = TakeNumber(text, "bytes ");
+  const auto last = TakeNumber(text, "-");
+  const auto total = TakeNumber(text, "/");
+  if (!first || !last || !total || !text.empty()) {
+    return std::nullopt;
+  }
+  return ContentRange{*first, *last, *total};
+}
+
+std::string ValidatorOf(const Response& response) {
+  if (!response.etag.empty()) {
+    return response.etag[0] == '"' ? response.etag : "";  // W/"..." is weak
+  }
+  const std::int64_t modified = curl_getdate(response.lastModified.c_str(), nullptr);
+  const std::int64_t now = curl_getdate(response.date.c_str(), nullptr);
+  const bool settled = modified >= 0 && now >= 0 && now - modified >= kSettledSeconds;
+  return settled ? response.lastModified : "";
+}
+
+}  // namespace fwdownload
