@@ -1,7 +1,6 @@
 #include "fw-update-symbol.h"
 
 #include <dlfcn.h>
-#include <fcntl.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 
@@ -21,6 +20,7 @@
 #include "module-file.h"
 #include "module-names.h"
 #include "record-lock.h"
+#include "regular-file.h"
 #include "text-buffer.h"
 #include "usb-package.h"
 
@@ -418,8 +418,8 @@ bool FWUpdateSymbol::loadInformation(const std::string& path) {
 
 unsigned int FWUpdateSymbol::getBinaryCRC32(const std::string& path) {
   constexpr std::size_t ChunkSize = 32768;
-  const FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  if (!file.isOpen()) {
+  const RegularFile file = openRegularFile(path);
+  if (!file.descriptor.isOpen()) {
     FW_LOG(diagnostics::Error, "Error: binary file is NULL\n");
     return 0;
   }
@@ -428,16 +428,20 @@ unsigned int FWUpdateSymbol::getBinaryCRC32(const std::string& path) {
   // of the speed.
   alignas(64) unsigned char chunk[ChunkSize];
   std::uint32_t crc = 0;
-  for (;;) {
-    const ssize_t size = read(file.get(), chunk, sizeof(chunk));
+  // A file that has grown since it was opened is left behind its old end: the bytes
+  // read by then give another checksum, and it may never stop growing.
+  for (off_t left = file.size; left >= 0;) {
+    const ssize_t size = read(file.descriptor.get(), chunk, sizeof(chunk));
     if (size < 0 && errno == EINTR) {
       continue;
     }
     if (size <= 0) {
-      return crc;
+      break;
     }
     crc = extendImageCrc(crc, chunk, static_cast<std::size_t>(size));
+    left -= size;
   }
+  return crc;
 }
 
 // ---- Update -----------------------------------------------------------------
@@ -447,6 +451,12 @@ namespace {
 FWInformation copyOf(const FWInformation& information) {
   const std::lock_guard<std::mutex> lock(recordMutex());
   return information;
+}
+
+// What is no regular file has the checksum 0, which "info.json" may state as well; a
+// module is not to wait for a FIFO or to read from a device.
+bool hasChecksum(FWUpdateSymbol& module, const std::string& binary, unsigned int crc) {
+  return module.getBinaryCRC32(binary) == crc && isRegularFile(binary);
 }
 
 // The kernel keeps the first 15 characters.
@@ -481,7 +491,7 @@ int FWUpdateSymbol::isNeedUpdate(CallerTypes caller, char* data) {
     return -1;
   }
   const FWInformation image = copyOf(information);
-  if (image.crc != getBinaryCRC32(binary)) {
+  if (!hasChecksum(*this, binary, image.crc)) {
     FW_LOG(diagnostics::Error, "Error: %s Firmware CRC32 different", firmwareName.c_str());
     return -1;
   }
@@ -553,7 +563,7 @@ int FWUpdateSymbol::updateFirmware(CallerTypes caller, char* data) {
     }
     return 0;
   }
-  if (image.crc != getBinaryCRC32(binary)) {
+  if (!hasChecksum(*this, binary, image.crc)) {
     // Lower-case "crc32" here, upper-case in isNeedUpdate; kept on purpose.
     FW_LOG(diagnostics::Error, "Error: %s Firmware crc32 different", firmwareName.c_str());
     return -1;

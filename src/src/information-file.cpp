@@ -1,12 +1,27 @@
 #include "information-file.h"
 
-#include <fstream>
+#include <memory>
+
+#include "regular-file.h"
+
+namespace {
+
+constexpr std::size_t LargestInformation = std::size_t{64} * 1024;
+
+bool parse(const std::string& text, Json::Value& root) {
+  const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
+  return reader->parse(text.data(), text.data() + text.size(), &root, nullptr);
+}
+
+}  // namespace
 
 bool parseInformation(const std::string& path, Json::Value& root) {
+  std::string text;
+  if (!readRegularFile(path, LargestInformation, text)) {
+    return false;
+  }
   try {
-    std::ifstream file(path, std::ios::binary);
-    std::string errors;
-    if (!Json::parseFromStream(Json::CharReaderBuilder(), file, &root, &errors) || !root.isObject()) {
+    if (!parse(text, root) || !root.isObject()) {
       return false;
     }
     const Json::Value version = root.get("version", "0000");

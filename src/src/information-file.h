@@ -6,8 +6,8 @@
 
 #include <string>
 
-// The file's root. False for anything that is no object whose "version" can be a
-// text; no exception of the parser leaves it.
+// The file's root. False for anything but a regular file of at most 64 KiB that holds
+// an object whose "version" can be a text; no exception of the parser leaves it.
 bool parseInformation(const std::string& path, Json::Value& root);
 
 #endif

@@ -1,29 +1,81 @@
 // The information file and the image checksum.
-#include <fcntl.h>
-#include <pthread.h>
-#include <sys/ioctl.h>
+#include <dlfcn.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
-#include <atomic>
-#include <csignal>
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
 #include <filesystem>
+#include <fstream>
+#include <functional>
 #include <iterator>
 #include <memory>
-#include <thread>
 
 #include "library-test.h"
 
 using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
+using ::testing::Not;
 using ::testing::StartsWith;
+
+namespace {
+
+// What the reads of the library meet.
+std::function<void()> afterRead;
+std::size_t shorterReads = SIZE_MAX;  // bytes that a read gives at most
+int interruptedReads = 0;
+bool failReads = false;
+
+bool isLibrary(const void* code) {
+  Dl_info info;
+  return dladdr(code, &info) != 0 && std::strstr(info.dli_fname, "libfw-update-control.so") != nullptr;
+}
+
+}  // namespace
+
+// Takes the place of the C library's for the library.
+extern "C" __attribute__((visibility("default"))) ssize_t read(int file, void* buffer, size_t size) {
+  using Read = ssize_t (*)(int, void*, size_t);
+  static const auto real = reinterpret_cast<Read>(dlsym(RTLD_NEXT, "read"));
+  if (!isLibrary(__builtin_return_address(0))) {
+    return real(file, buffer, size);
+  }
+  if (interruptedReads > 0) {
+    --interruptedReads;
+    errno = EINTR;
+    return -1;
+  }
+  if (failReads) {
+    errno = EIO;
+    return -1;
+  }
+  const ssize_t got = real(file, buffer, std::min(size, shorterReads));
+  if (afterRead) {
+    afterRead();
+  }
+  return got;
+}
 
 namespace {
 
 constexpr const char* Info = "/tmp/info.json";
 constexpr const char* LoadFailed =
     "6 fw-update-symbol.cpp loadInformation Error: json loadInformation fail.(/tmp/info.json)\n";
+
+void append(const char* path, const std::string& bytes) {
+  std::ofstream(path, std::ios::binary | std::ios::app) << bytes;
+}
+
+// An "info.json" of size bytes.
+std::string withSpaces(std::size_t size) {
+  const std::string end = "\"version\":\"1\"}";
+  return "{" + std::string(size - 1 - end.size(), ' ') + end;
+}
 
 class InformationFile : public LibraryTest {
  protected:
@@ -154,12 +206,59 @@ TEST_F(InformationFile, RefusesNestingThatTheParserWillNotFollow) {
   EXPECT_THAT(recording::messages(), ElementsAre(LoadFailed));
 }
 
-TEST_F(InformationFile, ReadsAHugeFile) {
-  const std::string filler(64U << 20, ' ');
-
-  EXPECT_TRUE(load("{" + filler + "\"version\":\"1\"}"));
+TEST_F(InformationFile, ReadsAFileOf64KiB) {
+  EXPECT_TRUE(load(withSpaces(65536)));
 
   EXPECT_THAT(recording::messages(), IsEmpty());
+}
+
+TEST_F(InformationFile, RefusesAFileOfMoreThan64KiB) {
+  EXPECT_FALSE(load(withSpaces(65537)));
+
+  EXPECT_THAT(recording::messages(), ElementsAre(LoadFailed));
+}
+
+TEST_F(InformationFile, RefusesAHugeFileWithoutReadingIt) {
+  FWUpdateSymbol& record = symbol();
+  writeFile(Info, "");
+  std::filesystem::resize_file(Info, std::uintmax_t{1} << 40);
+  int reads = 0;
+  afterRead = [&reads] { ++reads; };
+
+  EXPECT_FALSE(record.loadInformation(Info));
+
+  EXPECT_EQ(reads, 0);
+  EXPECT_THAT(recording::messages(), ElementsAre(LoadFailed));
+}
+
+TEST_F(InformationFile, RefusesAFileThatGrowsWhileItIsRead) {
+  FWUpdateSymbol& record = symbol();
+  writeFile(Info, "{}");
+  afterRead = [] { append(Info, " "); };
+
+  EXPECT_FALSE(record.loadInformation(Info));
+
+  EXPECT_THAT(recording::messages(), ElementsAre(LoadFailed));
+}
+
+TEST_F(InformationFile, RefusesAFileThatCannotBeReadToItsEnd) {
+  FWUpdateSymbol& record = symbol();
+  writeFile(Info, "{}  and more");
+  shorterReads = 2;
+  afterRead = [] { failReads = true; };
+
+  EXPECT_FALSE(record.loadInformation(Info));
+
+  EXPECT_THAT(recording::messages(), ElementsAre(LoadFailed));
+}
+
+TEST_F(InformationFile, GoesOnAfterShortAndInterruptedReads) {
+  FWUpdateSymbol& record = symbol();
+  writeFile(Info, "{\"version\":\"1\"}");
+  shorterReads = 3;
+  interruptedReads = 2;
+
+  EXPECT_TRUE(record.loadInformation(Info));
 }
 
 struct WrongNumber {
@@ -192,6 +291,103 @@ INSTANTIATE_TEST_SUITE_P(
                       WrongNumber{"{\"expected_time\":-5}", "LargestInt out of UInt range"},
                       WrongNumber{"{\"expected_time\":\"300\"}", "Value is not convertible to UInt."},
                       WrongNumber{"{\"expected_time\":[]}", "Value is not convertible to UInt."}));
+
+// ---- What stands in the file's place ------------------------------------------------
+
+namespace {
+
+struct Intruder {
+  const char* name;
+  void (*put)(const std::string& path);
+};
+
+void PrintTo(const Intruder& row, std::ostream* out) {
+  *out << row.name;
+}
+
+void putSocket(const std::string& path) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::strcpy(address.sun_path, path.c_str());
+  const int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  ASSERT_EQ(bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  close(listener);
+}
+
+constexpr Intruder Intruders[] = {
+    {"AFifo", [](const std::string& path) { ASSERT_EQ(mkfifo(path.c_str(), 0666), 0); }},
+    {"ALinkToAFifo",
+     [](const std::string& path) {
+       ASSERT_EQ(mkfifo("/tmp/fifo", 0666), 0);
+       std::filesystem::create_symlink("/tmp/fifo", path);
+     }},
+    {"ALinkToAnEndlessDevice",
+     [](const std::string& path) { std::filesystem::create_symlink("/dev/zero", path); }},
+    {"ALinkToAnEmptyDevice",
+     [](const std::string& path) { std::filesystem::create_symlink("/dev/null", path); }},
+    {"ADirectory", [](const std::string& path) { std::filesystem::create_directory(path); }},
+    {"ASocket", putSocket},
+};
+
+std::string nameOf(const ::testing::TestParamInfo<Intruder>& info) {
+  return info.param.name;
+}
+
+class InTheImagesPlace : public LibraryTest, public ::testing::WithParamInterface<Intruder> {
+ protected:
+  static constexpr const char* Image = "/lib/firmware/ext/abc/abc.bin";
+  static constexpr const char* Info = "/lib/firmware/ext/abc/info.json";
+  char noData[1] = "";
+};
+
+class InTheInformationsPlace : public InTheImagesPlace {};
+
+}  // namespace
+
+TEST_P(InTheInformationsPlace, IsRefusedAsMalformedAndNeverWaitedFor) {
+  FWUpdateSymbol module = bound();
+  writeFile(Image, "content");
+  GetParam().put(Info);
+
+  EXPECT_EQ(module.isNeedUpdate(CALLER_UPGRADE_APP, noData), -1);
+  EXPECT_EQ(module.updateFirmware(CALLER_UPGRADE_APP, noData), -1);
+
+  EXPECT_THAT(recording::texts(),
+              ElementsAre("libabc Firmware isNeedUpdateModules Try(abc)",
+                          "Error: json loadInformation fail.(" + std::string(Info) + ")\n",
+                          "Error: json information load fail", "abc Firmware Update Try",
+                          "Error: json loadInformation fail.(" + std::string(Info) + ")\n",
+                          "Error: json information load fail"));
+  EXPECT_THAT(recording::calls(), Not(Contains(StartsWith("libabc.checkVersion"))));
+}
+
+INSTANTIATE_TEST_SUITE_P(InformationFile, InTheInformationsPlace, ::testing::ValuesIn(Intruders), nameOf);
+
+TEST_P(InTheImagesPlace, IsAnImageThatCannotBeOpened) {
+  FWUpdateSymbol module = bound();
+  GetParam().put("/tmp/image");
+
+  EXPECT_EQ(module.getBinaryCRC32("/tmp/image"), 0U);
+
+  EXPECT_THAT(recording::texts(), ElementsAre("Error: binary file is NULL\n"));
+}
+
+TEST_P(InTheImagesPlace, IsNeverHandedToTheModule) {
+  FWUpdateSymbol module = bound();
+  writeFile(Info, "{\"crc\":0}");
+  GetParam().put(Image);
+
+  EXPECT_EQ(module.isNeedUpdate(CALLER_UPGRADE_APP, noData), -1);
+  EXPECT_EQ(module.updateFirmware(CALLER_UPGRADE_APP, noData), -1);
+
+  EXPECT_THAT(recording::texts(),
+              ElementsAre("libabc Firmware isNeedUpdateModules Try(abc)", "Error: binary file is NULL\n",
+                          "Error: abc Firmware CRC32 different", "abc Firmware Update Try",
+                          "Error: binary file is NULL\n", "Error: abc Firmware crc32 different"));
+  EXPECT_THAT(recording::calls(), Not(Contains(StartsWith("libabc.doUpdate"))));
+}
+
+INSTANTIATE_TEST_SUITE_P(ImageChecksum, InTheImagesPlace, ::testing::ValuesIn(Intruders), nameOf);
 
 // ---- Checksum -------------------------------------------------------------------
 
@@ -252,30 +448,26 @@ TEST_F(ImageChecksum, CoversTheWholeFileAtEveryChunkBoundary) {
   }
 }
 
-// A pipe gives its content in the pieces in which it was written.
 TEST_F(ImageChecksum, GoesOnAfterShortAndInterruptedReads) {
-  ASSERT_EQ(mkfifo("/tmp/image", 0600), 0);
-  struct sigaction action {};
-  static std::atomic<int> signals;
-  action.sa_handler = [](int) { ++signals; };
-  sigaction(SIGUSR1, &action, nullptr);
-  unsigned int result = 0;
-  std::thread reader([&] { result = FWUpdateSymbol("libabc").getBinaryCRC32("/tmp/image"); });
-  const int writer = open("/tmp/image", O_WRONLY);
+  shorterReads = 4;
+  interruptedReads = 20;
 
-  ASSERT_EQ(write(writer, "1234", 4), 4);
-  for (int unread = 4; unread != 0;) {
-    ASSERT_EQ(ioctl(writer, FIONREAD, &unread), 0);
-  }
-  while (signals < 20) {
-    pthread_kill(reader.native_handle(), SIGUSR1);
-    std::this_thread::yield();
-  }
-  ASSERT_EQ(write(writer, "56789", 5), 5);
-  close(writer);
-  reader.join();
+  EXPECT_EQ(checksum("123456789"), 0x6A50465CU);
+}
 
-  EXPECT_EQ(result, 0x6A50465CU);
+TEST_F(ImageChecksum, EndsForAnImageThatGrowsForEver) {
+  const std::string grown(1000, 'x');
+  int reads = 0;
+  afterRead = [&] {
+    if (++reads > 100) {
+      failReads = true;  // so that the test ends
+    }
+    append("/tmp/image", grown);
+  };
+
+  EXPECT_NE(checksum("123456789"), 0x6A50465CU) << "it is not the image that was opened";
+
+  EXPECT_LE(reads, 2);
 }
 
 TEST_F(ImageChecksum, IsZeroWithAMessageForAnImageThatCannotBeOpened) {

@@ -191,16 +191,6 @@ TEST_P(ChangedImage, IsRefused) {
 
 INSTANTIATE_TEST_SUITE_P(NeedUpdate, ChangedImage, ::testing::Values("", "conten", "contentx", "Content"));
 
-TEST_F(NeedUpdate, RefusesADirectoryInTheImagesPlace) {
-  FWUpdateSymbol symbol = bound();
-  std::filesystem::create_directories(Image);
-  writeInformation(Builtin, "abc", "{\"crc\":5}");
-
-  EXPECT_EQ(symbol.isNeedUpdate(CALLER_UPGRADE_APP, noData), -1);
-
-  EXPECT_THAT(recording::texts(), ElementsAre(Tried, "Error: abc Firmware CRC32 different"));
-}
-
 TEST_F(NeedUpdate, RefusesAnUnreadableImage) {
   FWUpdateSymbol symbol = bound();
   writeImage(Builtin, "abc");

@@ -1,4 +1,6 @@
 // What the command prints and answers: text, JSON, JUnit, help and usage errors.
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <filesystem>
 #include <sstream>
@@ -113,6 +115,22 @@ TEST_F(CheckOutput, SaysThatAFileCannotBeRead) {
   EXPECT_THAT(missing.error, HasSubstr("missing.so cannot be read: No such file or directory"));
   EXPECT_EQ(directory.exitCode, 4);
   EXPECT_THAT(directory.error, HasSubstr("it is a directory"));
+}
+
+TEST_F(CheckOutput, NeitherWaitsForAFifoNorReadsADevice) {
+  const std::string fifo = std::string(kWork) + "fifo.so";
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  const std::string file = copyOf("sound.so", "sound.so");
+
+  for (const std::string& path : {fifo, std::string("/dev/zero")}) {
+    const ProgramResult module = run({"check", path});
+    const ProgramResult image = run({"check", file, "--image", path, "--version", "1"});
+
+    EXPECT_EQ(module.exitCode, 4);
+    EXPECT_THAT(module.error, HasSubstr(path + " cannot be read: it is no regular file"));
+    EXPECT_EQ(image.exitCode, 4);
+    EXPECT_THAT(image.error, HasSubstr(path + " cannot be read: it is no regular file"));
+  }
 }
 
 TEST_F(CheckOutput, SaysThatThereCanBeNoDevice) {

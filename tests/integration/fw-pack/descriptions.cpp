@@ -1,4 +1,6 @@
 // info and image.
+#include <sys/stat.h>
+
 #include <filesystem>
 
 #include "firmware-image.h"
@@ -103,6 +105,36 @@ TEST_F(Descriptions, AreInspectedTogetherWithTheirImage) {
   EXPECT_TRUE(good["crcMatches"].asBool());
   EXPECT_FALSE(bad["crcMatches"].asBool());
   EXPECT_EQ(document({"inspect", "out/tunerfw/info.json"})["kind"].asString(), "info.json");
+}
+
+TEST_F(Descriptions, OfMoreThan64KiBAreNone) {
+  ASSERT_EQ(layOut("sbox").exitCode, 0);
+  const std::string valid = read("out/tunerfw/info.json");
+  write("out/tunerfw/info.json", valid + std::string(65536 - valid.size(), ' '));
+  EXPECT_TRUE(document({"inspect", "out/tunerfw"}).isMember("version"));
+
+  write("out/tunerfw/info.json", valid + std::string(65537 - valid.size(), ' '));
+
+  EXPECT_FALSE(document({"inspect", "out/tunerfw"}).isMember("version"));
+  EXPECT_EQ(document({"inspect", "out/tunerfw/info.json"})["kind"].asString(), "image");
+}
+
+TEST_F(Descriptions, AndImagesAreNotWaitedForBehindAFifo) {
+  ASSERT_EQ(layOut("sbox").exitCode, 0);
+  const std::string folder = std::string(kWork) + "out/tunerfw/";
+  fs::remove(folder + "info.json");
+  ASSERT_EQ(mkfifo((folder + "info.json").c_str(), 0644), 0);
+
+  const Json::Value withoutDescription = document({"inspect", "out/tunerfw"});
+  fs::remove(folder + "tunerfw.bin");
+  ASSERT_EQ(mkfifo((folder + "tunerfw.bin").c_str(), 0644), 0);
+  const auto fifo = run({"inspect", "out/tunerfw"});
+  const auto device = run({"inspect", "/dev/zero"});
+
+  EXPECT_FALSE(withoutDescription.isMember("version"));
+  EXPECT_EQ(fifo.exitCode, 1);
+  EXPECT_THAT(fifo.error, HasSubstr("tunerfw.bin is no regular file"));
+  EXPECT_EQ(device.exitCode, 1);
 }
 
 TEST_F(Descriptions, AFileOfBracketsIsAnImageLikeAnyOther) {

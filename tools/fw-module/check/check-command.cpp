@@ -21,9 +21,12 @@ namespace {
 
 std::string readFile(const std::string& path) {
   std::error_code unreadable;
-  std::ifstream file(path, std::ios::binary);
-  if (fs::is_directory(path, unreadable))
+  const fs::file_status status = fs::status(path, unreadable);
+  if (fs::is_directory(status))
     throw Failure(Outcome::NotPossible, path + " cannot be read: it is a directory");
+  if (fs::exists(status) && !fs::is_regular_file(status))
+    throw Failure(Outcome::NotPossible, path + " cannot be read: it is no regular file");
+  std::ifstream file(path, std::ios::binary);
   if (!file)
     throw Failure(Outcome::NotPossible, path + " cannot be read: " + std::strerror(errno));
   return {std::istreambuf_iterator<char>(file), {}};

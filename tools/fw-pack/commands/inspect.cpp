@@ -24,7 +24,7 @@ namespace fs = std::filesystem;
 using ImageCrc = boost::crc_optimal<32, 0x01B23CA3, 0, 0, false, false>;
 
 constexpr char squashfsMagic[] = "hsqs";
-constexpr std::size_t largestInformation = 65536;
+constexpr std::size_t largestInformation = 65536;  // that the library reads
 
 std::string hexCrc(std::uint32_t crc) {
   const unsigned char bytes[] = {static_cast<unsigned char>(crc >> 24U),
@@ -42,6 +42,10 @@ void addInformation(Facts& facts, const Information& information) {
   addCrc(facts, "statedCrc", "stated CRC", information.crc);
   facts.add("expectedTime", "expected time", information.expectedTime,
             std::to_string(information.expectedTime) + " s");
+}
+
+std::optional<Information> informationIn(const std::string& text) {
+  return text.size() <= largestInformation ? parseInformation(text) : std::nullopt;
 }
 
 void addMatch(Facts& facts, bool matches) {
@@ -129,7 +133,7 @@ bool contentOf(const std::string& package, const std::string& name, const Block&
 std::string textOf(const std::string& package, const std::string& name) {
   std::string text;
   contentOf(package, name, [&](const unsigned char* bytes, std::size_t size) {
-    text.append(reinterpret_cast<const char*>(bytes), std::min(size, largestInformation - text.size()));
+    text.append(reinterpret_cast<const char*>(bytes), std::min(size, largestInformation + 1 - text.size()));
   });
   return text;
 }
@@ -158,7 +162,7 @@ void inspectExtensionPackage(Facts& facts, const InputFile& file) {
   facts.add("size", "size", Json::UInt64(file.size()));
   addCrc(facts, "crc", "CRC", imageCrc(file));
   const std::string image = imageIn(package);
-  const auto information = parseInformation(textOf(package, "info.json"));
+  const auto information = informationIn(textOf(package, "info.json"));
   facts.add("informationValid", "info.json", information.has_value(),
             information ? "valid" : "MISSING or invalid");
   if (information) {
@@ -195,7 +199,7 @@ std::optional<Information> informationBeside(const fs::path& image) {
   if (!fs::is_regular_file(path, missing)) {
     return std::nullopt;
   }
-  return parseInformation(InputFile(path.string()).text(0, largestInformation));
+  return informationIn(InputFile(path.string()).text(0, largestInformation + 1));
 }
 
 void inspectImage(Facts& facts, const InputFile& file) {
@@ -225,8 +229,7 @@ std::string imageOfDirectory(const std::string& directory) {
 
 void inspectFile(Facts& facts, const Options& options) {
   const InputFile file(options.input);
-  const auto information =
-      file.size() <= largestInformation ? parseInformation(file.text(0, largestInformation)) : std::nullopt;
+  const auto information = informationIn(file.text(0, largestInformation + 1));
   if (information) {
     return inspectInformation(facts, file, *information);
   }
