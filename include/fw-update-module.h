@@ -35,8 +35,9 @@ FW_UPDATE_MODULE_EXPORT int getEMPID(char* out);
 /* Writes the version of the active firmware. 0 on success. */
 FW_UPDATE_MODULE_EXPORT int getActiveVersion(char* out);
 
-/* Compares version with the active firmware and sets *need above 0 when an
- * update is needed, else to 0. 0 when the comparison itself succeeded. */
+/* Compares version with the active firmware and sets *need to 1 when an update is
+ * needed, else to 0: only 1 starts an update. 0 when the comparison itself
+ * succeeded. */
 FW_UPDATE_MODULE_EXPORT int checkVersion(const char* version, int* need);
 
 /* Writes the image at path; value is its CRC-32. An EXT- module gets its own

@@ -161,7 +161,8 @@ inline constexpr CheckInfo kChecks[] = {
      "Answer 0 only when the new firmware is active, and let getActiveVersion tell the version that "
      "checkVersion was given."},
     {Check::ExpectedTime, "expected-time", Severity::Error, "The expected time is above 0",
-     "Write the seconds that an update takes and answer 0. A USB update gets this time and two seconds."},
+     "Write the seconds that an update takes and answer 0. USB packages are announced with this time; "
+     "nothing ends such an update."},
     {Check::ExpectedTimeLong, "expected-time-long", Severity::Warning, "The expected time is below an hour",
      "The value is seconds, not milliseconds; a hanging update is noticed only after it."},
     {Check::ProgressRange, "progress-range", Severity::Error, "Progress is 0 to 100",
