@@ -1,12 +1,18 @@
 #include "os-release.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstddef>
-#include <optional>
+
+#include "unique-fd.h"
 
 namespace fwplatform {
 namespace {
 
 constexpr std::string_view kBlanks = " \t\r";
+constexpr const char* kOsReleaseFiles[] = {"/etc/os-release", "/usr/lib/os-release"};
 
 std::string_view WithoutLeadingBlanks(std::string_view text) {
   const std::size_t first = text.find_first_not_of(kBlanks);
@@ -108,6 +114,42 @@ std::string FirstPresent(const OsRelease& release, std::string_view first, std::
   return "";
 }
 
+// 0 with the file's content in text, else a negative errno value.
+int ReadTextFile(const char* path, std::string& text) {
+  constexpr std::size_t kHighestSize = std::size_t{64} * 1024;
+  const UniqueFd file(open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY));
+  if (!file) {
+    return -errno;
+  }
+  text.clear();
+  char block[4096];
+  for (;;) {
+    const ssize_t count = read(file.get(), block, sizeof block);
+    if (count == 0) {
+      return 0;
+    }
+    if (count > 0) {
+      text.append(block, static_cast<std::size_t>(count));
+    } else if (errno != EINTR) {
+      return -errno;
+    }
+    if (text.size() > kHighestSize) {
+      return -EFBIG;
+    }
+  }
+}
+
+int ReadOsRelease(std::string& text) {
+  int status = -ENOENT;
+  for (const char* path : kOsReleaseFiles) {
+    status = ReadTextFile(path, text);
+    if (status == 0) {
+      return 0;
+    }
+  }
+  return status;
+}
+
 }  // namespace
 
 OsRelease ParseOsRelease(std::string_view text) {
@@ -133,6 +175,22 @@ std::string SoftwareVersionText(const OsRelease& release) {
     }
   }
   return model + (rest.empty() ? "-unknown" : rest);
+}
+
+int ReadSoftwareVersion(std::string& text) {
+  const int status = ReadOsRelease(text);
+  if (status == 0) {
+    text = SoftwareVersionText(ParseOsRelease(text));
+  }
+  return status;
+}
+
+std::optional<std::string> ReadSetModel() {
+  std::string version;
+  if (ReadSoftwareVersion(version) != 0) {
+    return std::nullopt;
+  }
+  return version.substr(0, version.rfind('-'));
 }
 
 }  // namespace fwplatform

@@ -3,6 +3,7 @@
 #define PLATFORM_LINUX_OS_RELEASE_H
 
 #include <map>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -22,6 +23,14 @@ OsRelease ParseOsRelease(std::string_view text);
 // A part that is missing or empty is left out; with neither VERSION nor BUILD the
 // text is "MODEL-unknown".
 std::string SoftwareVersionText(const OsRelease& release);
+
+// That of this system, from /etc/os-release or else /usr/lib/os-release. 0, or a
+// negative errno value.
+int ReadSoftwareVersion(std::string& text);
+
+// Its text before the last "-", which names the kind of set: "MODEL-VERSION" when
+// there is a build. Nothing when the system's description cannot be read.
+std::optional<std::string> ReadSetModel();
 
 }  // namespace fwplatform
 

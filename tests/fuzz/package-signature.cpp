@@ -1,4 +1,4 @@
-// Fuzz target: what the verifier does with a package. Its keys are those of
+// Fuzz target: what the verifier does with a package. Its keys and lists are those of
 // tests/fuzz/keys, and only the packages of the corpus's folder "good" were ever
 // signed with them: nothing else may pass.
 #include "package-signature.h"
@@ -12,7 +12,6 @@
 
 #include "fuzz-target.h"
 #include "input-file.h"
-#include "public-keys.h"
 
 namespace {
 
@@ -33,8 +32,11 @@ bool wasSigned(std::string_view input) {
   return std::find(packages.begin(), packages.end(), input) != packages.end();
 }
 
-fwpackage::Key findKey(const fwpackage::KeyId& id) {
-  return fwpackage::findPublicKey(KeyDirectory, id);
+fwpackage::Expectation wanted() {
+  fwpackage::Expectation expected;
+  expected.name = "tunerfw";
+  expected.model = "set-1";
+  return expected;
 }
 
 }  // namespace
@@ -44,7 +46,8 @@ void fuzz::prepare(const std::vector<std::string>&) {}
 bool fuzz::accepts(std::string_view input) {
   static auto& file = *new InputFile;
   file.fill(input);
-  const fwpackage::Verdict verdict = fwpackage::checkSignature(file.path(), findKey).verdict;
+  const fwpackage::Trust trust = fwpackage::trustIn(KeyDirectory);
+  const fwpackage::Verdict verdict = fwpackage::checkSignature(file.path(), trust, wanted()).verdict;
   require(*fwpackage::infoOf(verdict).sentence != '\0', "every verdict has a sentence");
   const bool valid = verdict == fwpackage::Verdict::Valid;
   require(valid == wasSigned(input), "what was signed passes, and nothing else");

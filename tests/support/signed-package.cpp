@@ -42,6 +42,14 @@ std::string encrypt(const std::string& key, const std::string& plaintext) {
   return output;
 }
 
+std::string withTrailer(const std::string& content, const fwpack::SigningKey& key, unsigned char format,
+                        const fwpackage::Statements& statements) {
+  fwpackage::PackageDigest digest(key.algorithm());
+  digest.add(bytesOf(content), content.size());
+  const fwpackage::TrailerBytes trailer = key.makeTrailer(digest, format, statements);
+  return content + std::string(trailer.begin(), trailer.end());
+}
+
 }  // namespace
 
 const fwpack::SigningKey& testSigningKey(const std::string& algorithm) {
@@ -64,16 +72,27 @@ std::string publicPem(const fwpack::SigningKey& key) {
   return {std::istreambuf_iterator<char>(written), std::istreambuf_iterator<char>()};
 }
 
-std::string signedFile(const std::string& content, const fwpack::SigningKey& key) {
-  fwpackage::PackageDigest digest(key.algorithm());
-  digest.add(bytesOf(content), content.size());
-  const fwpackage::TrailerBytes trailer = key.makeTrailer(digest);
-  return content + std::string(trailer.begin(), trailer.end());
+fwpackage::Statements statementsFor(const std::string& name) {
+  fwpackage::Statements statements;
+  statements.name = name;
+  statements.version = "2.0.0";
+  return statements;
+}
+
+std::string signedFile(const std::string& content, const fwpack::SigningKey& key,
+                       const fwpackage::Statements& statements) {
+  return withTrailer(content, key, fwpackage::newestFormat, statements);
+}
+
+std::string oldSignedFile(const std::string& content, const fwpack::SigningKey& key) {
+  return withTrailer(content, key, fwpackage::oldFormat, {});
 }
 
 std::string usbPackage(const std::string& key, const std::string& version, const std::string& image,
-                       const fwpack::SigningKey& signer) {
+                       const fwpack::SigningKey& signer, const std::string& name) {
   std::string plaintext = version;
   plaintext.resize(kVersionBlock);
-  return signedFile(std::string(kIv, 16) + encrypt(key, plaintext + image), signer);
+  fwpackage::Statements statements = statementsFor(name);
+  statements.version = version;
+  return signedFile(std::string(kIv, 16) + encrypt(key, plaintext + image), signer, statements);
 }

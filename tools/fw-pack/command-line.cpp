@@ -54,6 +54,22 @@ void addExpectedTime(CLI::App& app, Options& options) {
       ->type_name("SECONDS");
 }
 
+std::string checkModel(const std::string& model) {
+  const bool printable =
+      !model.empty() && std::all_of(model.begin(), model.end(), [](char c) { return c >= ' ' && c <= '~'; });
+  return printable ? "" : "a model is printable ASCII text";
+}
+
+// What the signature states beside name and version; an old package states nothing.
+void addStatements(CLI::App& app, Options& options) {
+  app.add_option("--model", options.model, "Only for sets of this model; default: for any")
+      ->type_name("TEXT")
+      ->check(checkModel);
+  app.add_option("--minimum-version", options.minimumVersion, "Once applied, older packages are refused")
+      ->type_name("TEXT")
+      ->check([](const std::string& version) { return checkVersion(version, longestPackageVersion); });
+}
+
 void addName(CLI::App& app, Options& options, const char* option, const char* what) {
   app.add_option(option, options.name, what)->required()->type_name("NAME")->check(checkName);
 }
@@ -65,6 +81,15 @@ void addPublicKeys(CLI::App& app, Options& options) {
       ->type_name("DIR")
       ->capture_default_str()
       ->excludes(file);
+}
+
+void addWanted(CLI::App& app, Options& options) {
+  app.add_option("--name", options.name, "The name it must be for; default: the file's")
+      ->type_name("NAME")
+      ->check(checkName);
+  app.add_option("--model", options.model, "The model it must be for; default: any")
+      ->type_name("TEXT")
+      ->check(checkModel);
 }
 
 void addJson(CLI::App& app, Options& options) {
@@ -109,6 +134,14 @@ void declareUsb(CLI::App& app, Options& options) {
   app.add_option("--signing-key", options.signingKeyFile, "The private key to sign with: PEM")
       ->required()
       ->type_name("FILE");
+  app.add_option("--name", options.name, "Firmware name; default: from the output's name")
+      ->type_name("NAME")
+      ->check(checkName);
+  addStatements(app, options);
+  app.add_option("--format", options.format, "The signature's; 1 is for old sets")
+      ->type_name("NUMBER")
+      ->check(CLI::Range(int{fwpackage::oldFormat}, int{fwpackage::newestFormat}))
+      ->capture_default_str();
   addOutput(app, options, "The package: firmware name and .bin")->required();
 }
 
@@ -126,6 +159,7 @@ void declareKeygen(CLI::App& app, Options& options) {
 void declareVerify(CLI::App& app, Options& options) {
   addInput(app, options, "PACKAGE", "The USB package");
   addPublicKeys(app, options);
+  addWanted(app, options);
   addJson(app, options);
 }
 
@@ -133,6 +167,7 @@ void declareInspect(CLI::App& app, Options& options) {
   addInput(app, options, "FILE", "An image, info.json, directory of both, or package");
   app.add_option("--key-file", options.keyFile, "Look into a USB package with this key")->type_name("FILE");
   addPublicKeys(app, options);
+  addWanted(app, options);
   addJson(app, options);
 }
 

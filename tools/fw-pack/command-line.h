@@ -24,6 +24,9 @@ struct Options {
   std::string version;
   std::uint32_t expectedTime = 0;
   std::string name;  // a firmware name, or a package identifier
+  std::string model;
+  std::string minimumVersion;
+  int format = fwpackage::newestFormat;
   std::string type;
   std::string keyFile;
   std::string signingKeyFile;

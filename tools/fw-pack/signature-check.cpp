@@ -1,6 +1,7 @@
 #include "signature-check.h"
 
-#include <filesystem>
+#include <algorithm>
+#include <iterator>
 
 #include "public-keys.h"
 
@@ -11,24 +12,55 @@ std::string keyIdText(const fwpackage::KeyId& id) {
   return fwpackage::toHex(id.data(), id.size());
 }
 
-fwpackage::KeySource keySource(const Options& options) {
-  if (options.publicKeyFile.empty()) {
-    return
-        [&options](const fwpackage::KeyId& id) { return fwpackage::findPublicKey(options.keyDirectory, id); };
+// A key that is named is trusted alone, and with everything.
+fwpackage::Trust trustInFile(const std::string& path) {
+  if (!fwpackage::readPublicKey(path)) {
+    throw Failure(ExitCode::Failed, path + " holds no public key in PEM");
   }
-  if (!fwpackage::readPublicKey(options.publicKeyFile)) {
-    throw Failure(ExitCode::Failed, options.publicKeyFile + " holds no public key in PEM");
-  }
-  return [&options](const fwpackage::KeyId& id) {
-    fwpackage::Key key = fwpackage::readPublicKey(options.publicKeyFile);
-    return key && fwpackage::keyIdOf(key.get()) == id ? std::move(key) : fwpackage::Key();
-  };
+  return {[path](const fwpackage::KeyId& id) {
+            fwpackage::Key key = fwpackage::readPublicKey(path);
+            return key && fwpackage::keyIdOf(key.get()) == id ? std::move(key) : fwpackage::Key();
+          },
+          [](const fwpackage::KeyId&) { return fwpackage::Listed::No; },
+          [](const fwpackage::KeyId&) { return fwpackage::Listed::Yes; }};
+}
+
+fwpackage::Expectation expectationOf(const Options& options) {
+  fwpackage::Expectation expected;
+  expected.name = options.name.empty() ? fwpackage::nameFromPath(options.input) : options.name;
+  expected.anyModel = options.model.empty();
+  expected.model = options.model;
+  return expected;
+}
+
+// The text that the reader asks for first: what it is for.
+std::string stated(const fwpackage::Statements& statements) {
+  return statements.name + " " + statements.version +
+         (statements.model.empty() ? "" : " on " + statements.model);
+}
+
+// What the trailer states is told only when it was signed.
+bool isSigned(const fwpackage::SignatureReport& report) {
+  constexpr fwpackage::Verdict verdicts[] = {fwpackage::Verdict::Valid, fwpackage::Verdict::OtherKind,
+                                             fwpackage::Verdict::OtherName, fwpackage::Verdict::OtherModel};
+  return report.trailer.format == fwpackage::newestFormat &&
+         std::find(std::begin(verdicts), std::end(verdicts), report.verdict) != std::end(verdicts);
+}
+
+void addStatements(Json::Value& value, const fwpackage::Statements& statements) {
+  value["for"] = statements.kind == fwpackage::Kind::UsbPackage ? "usb-package" : "extension-package";
+  value["name"] = statements.name;
+  value["model"] = statements.model;
+  value["version"] = statements.version;
+  value["minimumVersion"] = statements.minimumVersion;
 }
 
 }  // namespace
 
 fwpackage::SignatureReport checkSignature(const Options& options) {
-  return fwpackage::checkSignature(options.input, keySource(options));
+  const fwpackage::Trust trust = options.publicKeyFile.empty() ? fwpackage::trustIn(options.keyDirectory)
+                                                               : trustInFile(options.publicKeyFile);
+  return fwpackage::checkSignature(options.input, trust, expectationOf(options));
 }
 
 Json::Value toJson(const fwpackage::SignatureReport& report) {
@@ -40,15 +72,24 @@ Json::Value toJson(const fwpackage::SignatureReport& report) {
   if (report.trailer.algorithm != nullptr) {
     value["algorithm"] = report.trailer.algorithm->name;
     value["keyId"] = keyIdText(report.trailer.keyId);
+    value["format"] = report.trailer.format;
+  }
+  if (isSigned(report)) {
+    addStatements(value, report.trailer.statements);
   }
   return value;
 }
 
 std::string toText(const fwpackage::SignatureReport& report) {
   std::string text = fwpackage::infoOf(report.verdict).sentence;
+  if (isSigned(report)) {
+    const bool valid = report.verdict == fwpackage::Verdict::Valid;
+    text += (valid ? " for " : ": ") + stated(report.trailer.statements);
+  }
   if (report.trailer.algorithm != nullptr) {
-    text +=
-        " (" + std::string(report.trailer.algorithm->name) + ", key " + keyIdText(report.trailer.keyId) + ")";
+    const std::string old = report.trailer.format == fwpackage::oldFormat ? ", format 1" : "";
+    text += " (" + std::string(report.trailer.algorithm->name) + ", key " + keyIdText(report.trailer.keyId) +
+            old + ")";
   }
   return text;
 }

@@ -12,10 +12,10 @@ namespace fwpack {
 // Throws Failure when the public key that the options name cannot be used.
 fwpackage::SignatureReport checkSignature(const Options& options);
 
-// "verdict", "valid", and "algorithm" and "keyId" as far as the trailer says them.
+// "verdict", "valid", and what the trailer says as far as it says it.
 Json::Value toJson(const fwpackage::SignatureReport& report);
 
-// "the signature is valid (ed25519, key 0123456789abcdef)"
+// "the signature is valid for tunerfw 2.0.0 (ed25519, key 0123456789abcdef)"
 std::string toText(const fwpackage::SignatureReport& report);
 
 }  // namespace fwpack

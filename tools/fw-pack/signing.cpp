@@ -5,6 +5,7 @@
 #include <openssl/rsa.h>
 
 #include <algorithm>
+#include <stdexcept>
 #include <vector>
 
 #include "exit-code.h"
@@ -38,6 +39,31 @@ fwpackage::Key generate(const fwpackage::Algorithm& algorithm) {
   }
   return fwpackage::Key(
       EVP_PKEY_Q_keygen(nullptr, nullptr, algorithm.keyType, static_cast<std::size_t>(algorithm.keyBits)));
+}
+
+// The kinds of key that this format has.
+std::string algorithmsOf(unsigned char format) {
+  std::string names;
+  for (const fwpackage::Algorithm& algorithm : fwpackage::algorithms) {
+    if (hasFormat(algorithm, format)) {
+      names += (names.empty() ? "" : " or ") + std::string(algorithm.name);
+    }
+  }
+  return names;
+}
+
+std::vector<unsigned char> makePart(const fwpackage::Algorithm& algorithm, const fwpackage::KeyId& keyId,
+                                    unsigned char format, const fwpackage::Statements& statements) {
+  if (!hasFormat(algorithm, format)) {
+    throw Failure(ExitCode::Failed, std::string("a package of format ") + std::to_string(format) +
+                                        " cannot be signed with an " + algorithm.name +
+                                        " key; use a key of " + algorithmsOf(format));
+  }
+  try {
+    return fwpackage::makeSignedPart(format, algorithm, keyId, statements);
+  } catch (const std::invalid_argument& error) {
+    throw Failure(ExitCode::Failed, error.what());
+  }
 }
 
 // signature has room for the algorithm's size; returns what was written.
@@ -83,7 +109,8 @@ SigningKey::SigningKey(const secret::Secret& pem, const std::string& name)
     throw Failure(ExitCode::Failed, name + " holds no private key in PEM without a pass phrase");
   }
   if (algorithm_ == nullptr) {
-    throw Failure(ExitCode::Failed, name + " is no key to sign packages with: RSA of 4096 bits or Ed25519");
+    throw Failure(ExitCode::Failed,
+                  name + " is no key to sign packages with: Ed25519, or RSA of 3072 or 4096 bits");
   }
 }
 
@@ -96,15 +123,20 @@ fwpackage::KeyId SigningKey::keyId() const {
   return fwpackage::keyIdOf(key_.get());
 }
 
-fwpackage::TrailerBytes SigningKey::makeTrailer(fwpackage::PackageDigest& content) const {
-  const fwpackage::HeaderBytes header = fwpackage::makeHeader(*algorithm_, keyId());
+fwpackage::TrailerBytes SigningKey::makeTrailer(fwpackage::PackageDigest& content, unsigned char format,
+                                                const fwpackage::Statements& statements) const {
+  const std::vector<unsigned char> signedPart = makePart(*algorithm_, keyId(), format, statements);
   fwpackage::TrailerBytes trailer{};
-  std::copy(header.begin(), header.end(), trailer.begin());
-  content.add(header.data(), header.size());
+  std::copy(signedPart.begin(), signedPart.end(), trailer.begin());
+  content.add(signedPart.data(), signedPart.size());
   const std::size_t size =
-      sign(*algorithm_, key_.get(), content.finish(), trailer.data() + fwpackage::headerSize);
+      sign(*algorithm_, key_.get(), content.finish(), trailer.data() + signedPart.size());
   require(size == algorithm_->signatureSize, "the signature has an unexpected size");
   return trailer;
+}
+
+void SigningKey::requireRoom(unsigned char format, const fwpackage::Statements& statements) const {
+  makePart(*algorithm_, keyId(), format, statements);
 }
 
 void SigningKey::writePrivatePem(OutputFile& file) const {

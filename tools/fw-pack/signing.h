@@ -22,8 +22,12 @@ class SigningKey {
   const fwpackage::Algorithm& algorithm() const { return *algorithm_; }
   fwpackage::KeyId keyId() const;
 
-  // content: the digest of everything before the trailer, not finished.
-  fwpackage::TrailerBytes makeTrailer(fwpackage::PackageDigest& content) const;
+  // content: the digest of everything before the trailer, not finished. The statements
+  // are for the newest format alone.
+  fwpackage::TrailerBytes makeTrailer(fwpackage::PackageDigest& content, unsigned char format,
+                                      const fwpackage::Statements& statements) const;
+  // Fails with a sentence, as makeTrailer would.
+  void requireRoom(unsigned char format, const fwpackage::Statements& statements) const;
 
   void writePrivatePem(OutputFile& file) const;
   void writePublicPem(OutputFile& file) const;

@@ -9,7 +9,9 @@
 #include <array>
 #include <cerrno>
 #include <cstdint>
+#include <filesystem>
 #include <stdexcept>
+#include <utility>
 
 #include "public-keys.h"
 #include "unique-fd.h"
@@ -28,9 +30,16 @@ constexpr VerdictInfo verdicts[] = {
     {Verdict::UnknownFormat, "unknown-format", "the trailer has an unknown format version"},
     {Verdict::UnknownAlgorithm, "unknown-algorithm", "the trailer names an unknown algorithm"},
     {Verdict::MalformedTrailer, "malformed-trailer", "the trailer is damaged"},
+    {Verdict::UnusableList, "unusable-list", "a list of keys beside the public keys cannot be used"},
+    {Verdict::RevokedKey, "revoked-key", "the package's key is revoked"},
+    {Verdict::OldFormat, "old-format",
+     "the signature has format 1, which names no component, and the key may not sign that any more"},
     {Verdict::UnknownKey, "unknown-key", "no public key with the package's key identifier is known"},
     {Verdict::WrongKindOfKey, "wrong-kind-of-key", "the public key is not of the trailer's algorithm"},
     {Verdict::WrongSignature, "wrong-signature", "the signature does not match the content"},
+    {Verdict::OtherKind, "other-kind", "the signature is for another kind of package"},
+    {Verdict::OtherName, "other-name", "the package is for another component"},
+    {Verdict::OtherModel, "other-model", "the package is for another model"},
 };
 
 constexpr struct {
@@ -66,20 +75,6 @@ bool readFully(int file, unsigned char* buffer, std::size_t size, std::int64_t o
   return true;
 }
 
-bool digestContent(int file, std::int64_t size, PackageDigest& digest) {
-  std::vector<unsigned char> buffer(readSize);
-  for (std::int64_t offset = 0; offset < size;) {
-    const auto part =
-        static_cast<std::size_t>(std::min<std::int64_t>(size - offset, static_cast<std::int64_t>(readSize)));
-    if (!readFully(file, buffer.data(), part, offset)) {
-      return false;
-    }
-    digest.add(buffer.data(), part);
-    offset += static_cast<std::int64_t>(part);
-  }
-  return true;
-}
-
 bool matches(const Trailer& trailer, const std::vector<unsigned char>& digest, EVP_PKEY* key) {
   const std::size_t size = trailer.algorithm->signatureSize;
   if (trailer.algorithm->signsDigestAsMessage) {
@@ -94,35 +89,32 @@ bool matches(const Trailer& trailer, const std::vector<unsigned char>& digest, E
          EVP_PKEY_verify(context.get(), trailer.signature(), size, digest.data(), digest.size()) == 1;
 }
 
-Verdict checkOpened(int file, std::int64_t size, Trailer& trailer, const KeySource& keys) {
-  const std::int64_t content = size - static_cast<std::int64_t>(trailerSize);
-  if (content <= 0) {
-    return Verdict::TooShort;
+// Each list decides only when it can be used.
+std::optional<Verdict> judgeList(Listed listed, Listed refused, Verdict verdict) {
+  if (listed == Listed::Unusable) {
+    return Verdict::UnusableList;
   }
-  // The trailer first: most of what is no package is refused without reading it.
-  TrailerBytes bytes;
-  if (!readFully(file, bytes.data(), bytes.size(), content)) {
-    return Verdict::Unreadable;
-  }
-  trailer = parseTrailer(bytes);
-  for (const auto& row : trailerVerdicts) {
-    if (row.state == trailer.state) {
-      return row.verdict;
+  return listed == refused ? std::optional<Verdict>(verdict) : std::nullopt;
+}
+
+// False when the content cannot be read.
+bool addContent(int file, std::int64_t size, PackageCheck& check) {
+  std::vector<unsigned char> buffer(readSize);
+  for (std::int64_t offset = 0; offset < size;) {
+    const auto part =
+        static_cast<std::size_t>(std::min<std::int64_t>(size - offset, static_cast<std::int64_t>(readSize)));
+    if (!readFully(file, buffer.data(), part, offset)) {
+      return false;
     }
+    check.add(buffer.data(), part);
+    offset += static_cast<std::int64_t>(part);
   }
-  const Key key = keys(trailer.keyId);
-  if (!key) {
-    return Verdict::UnknownKey;
-  }
-  if (algorithmOf(key.get()) != trailer.algorithm) {
-    return Verdict::WrongKindOfKey;
-  }
-  PackageDigest digest(*trailer.algorithm);
-  if (!digestContent(file, content, digest)) {
-    return Verdict::Unreadable;
-  }
-  digest.add(bytes.data(), headerSize);
-  return matches(trailer, digest.finish(), key.get()) ? Verdict::Valid : Verdict::WrongSignature;
+  return true;
+}
+
+SignatureReport withVerdict(SignatureReport report, Verdict verdict) {
+  report.verdict = verdict;
+  return report;
 }
 
 }  // namespace
@@ -153,16 +145,118 @@ const VerdictInfo& infoOf(Verdict verdict) {
   throw std::logic_error("a verdict without a name");
 }
 
-SignatureReport checkSignature(const std::string& path, const KeySource& keys) {
+Trust trustIn(const std::string& directory) {
+  return {[directory](const KeyId& id) { return findPublicKey(directory, id); },
+          [directory](const KeyId& id) { return findInList(directory + "/" + revokedList, id); },
+          [directory](const KeyId& id) { return findInList(directory + "/" + oldFormatList, id); }};
+}
+
+PackageCheck::PackageCheck(const Trust& trust, Expectation expected)
+    : trust_(trust), expected_(std::move(expected)) {}
+
+bool PackageCheck::begin(const TrailerBytes& trailer) {
+  report_.trailer = parseTrailer(trailer);
+  report_.verdict = judgeTrailer();
+  if (report_.verdict != Verdict::Valid) {
+    return false;
+  }
+  digest_.emplace(*report_.trailer.algorithm);
+  return true;
+}
+
+void PackageCheck::add(const unsigned char* content, std::size_t size) {
+  if (digest_) {
+    digest_->add(content, size);
+  }
+}
+
+SignatureReport PackageCheck::finish() {
+  if (!digest_) {
+    return report_;
+  }
+  const Trailer& trailer = report_.trailer;
+  digest_->add(trailer.bytes.data(), trailer.signedSize());
+  report_.verdict =
+      matches(trailer, digest_->finish(), key_.get()) ? judgeStatements() : Verdict::WrongSignature;
+  digest_.reset();
+  return report_;
+}
+
+Verdict PackageCheck::judgeTrailer() {
+  const Trailer& trailer = report_.trailer;
+  for (const auto& row : trailerVerdicts) {
+    if (row.state == trailer.state) {
+      return row.verdict;
+    }
+  }
+  return judgeKey();
+}
+
+Verdict PackageCheck::judgeKey() {
+  const Trailer& trailer = report_.trailer;
+  if (const auto refused = judgeList(trust_.isRevoked(trailer.keyId), Listed::Yes, Verdict::RevokedKey)) {
+    return *refused;
+  }
+  if (trailer.format == oldFormat) {
+    if (const auto refused =
+            judgeList(trust_.maySignOldFormat(trailer.keyId), Listed::No, Verdict::OldFormat)) {
+      return *refused;
+    }
+  }
+  key_ = trust_.findKey(trailer.keyId);
+  if (!key_) {
+    return Verdict::UnknownKey;
+  }
+  return algorithmOf(key_.get()) == trailer.algorithm ? Verdict::Valid : Verdict::WrongKindOfKey;
+}
+
+// Only after the signature: before, anybody may have stated them.
+Verdict PackageCheck::judgeStatements() const {
+  if (report_.trailer.format == oldFormat) {
+    return expected_.kind == Kind::UsbPackage ? Verdict::Valid : Verdict::OtherKind;
+  }
+  const Statements& stated = report_.trailer.statements;
+  if (stated.kind != expected_.kind) {
+    return Verdict::OtherKind;
+  }
+  if (expected_.name && stated.name != *expected_.name) {
+    return Verdict::OtherName;
+  }
+  const bool fits = expected_.anyModel || stated.model.empty() || stated.model == expected_.model;
+  return fits ? Verdict::Valid : Verdict::OtherModel;
+}
+
+SignatureReport checkSignature(int file, const Trust& trust, const Expectation& expected) {
   SignatureReport report;
-  const fwplatform::UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   struct stat status = {};
-  if (!file || ::fstat(file.get(), &status) != 0) {
+  if (::fstat(file, &status) != 0) {
     return report;
   }
-  report.verdict = S_ISREG(status.st_mode) ? checkOpened(file.get(), status.st_size, report.trailer, keys)
-                                           : Verdict::NoFile;
-  return report;
+  if (!S_ISREG(status.st_mode)) {
+    return withVerdict(report, Verdict::NoFile);
+  }
+  const std::int64_t content = status.st_size - static_cast<std::int64_t>(trailerSize);
+  if (content <= 0) {
+    return withVerdict(report, Verdict::TooShort);
+  }
+  // The trailer first: most of what is no package is refused without reading it.
+  TrailerBytes bytes;
+  if (!readFully(file, bytes.data(), bytes.size(), content)) {
+    return report;
+  }
+  PackageCheck check(trust, expected);
+  const bool readable = !check.begin(bytes) || addContent(file, content, check);
+  report = check.finish();
+  return readable ? report : withVerdict(report, Verdict::Unreadable);
+}
+
+SignatureReport checkSignature(const std::string& path, const Trust& trust, const Expectation& expected) {
+  const fwplatform::UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  return file ? checkSignature(file.get(), trust, expected) : SignatureReport();
+}
+
+std::string nameFromPath(const std::string& path) {
+  return std::filesystem::path(path).stem().string();
 }
 
 }  // namespace fwpackage

@@ -1,13 +1,16 @@
-// Checks the signature of a USB package. A file is read once, in constant memory,
-// and what is no regular file is never waited for. Safe from any thread.
+// Checks whether a package is signed, and whether it is the package that is wanted.
+// A file is read once, in constant memory, and what is no regular file is never waited
+// for. Safe from any thread.
 #ifndef FW_PLATFORM_PACKAGE_SIGNATURE_H
 #define FW_PLATFORM_PACKAGE_SIGNATURE_H
 
 #include <cstddef>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "key-lists.h"
 #include "openssl-handles.h"
 #include "package-trailer.h"
 
@@ -33,9 +36,15 @@ enum class Verdict {
   UnknownFormat,
   UnknownAlgorithm,
   MalformedTrailer,
+  UnusableList,
+  RevokedKey,
+  OldFormat,
   UnknownKey,
   WrongKindOfKey,
   WrongSignature,
+  OtherKind,
+  OtherName,
+  OtherModel,
 };
 
 struct VerdictInfo {
@@ -51,11 +60,57 @@ struct SignatureReport {
   Trailer trailer;  // as far as it was read
 };
 
-// Gives the public key with this identifier, or null.
-using KeySource = std::function<Key(const KeyId& keyId)>;
+// What signatures are held against.
+struct Trust {
+  std::function<Key(const KeyId& keyId)> findKey;  // null when there is none
+  std::function<Listed(const KeyId& keyId)> isRevoked;
+  std::function<Listed(const KeyId& keyId)> maySignOldFormat;
+};
 
-// Throws std::runtime_error or std::bad_alloc when OpenSSL or memory fails.
-SignatureReport checkSignature(const std::string& path, const KeySource& keys);
+// The keys and lists of a directory. Each use reads them anew.
+Trust trustIn(const std::string& directory);
+
+// The package that is wanted. A package of the old format states none of it, so that
+// only its key decides.
+struct Expectation {
+  Kind kind = Kind::UsbPackage;
+  std::optional<std::string> name;   // when absent, every name will do
+  std::optional<std::string> model;  // the set's; when absent, only a package for any set will do
+  bool anyModel = false;             // then every package will do
+};
+
+// Judges a package whose bytes come from outside: first its trailer, then, when that
+// is worth it, its content, from the first byte on. The trust outlives it. Throws
+// std::runtime_error or std::bad_alloc when OpenSSL or memory fails.
+class PackageCheck {
+ public:
+  PackageCheck(const Trust& trust, Expectation expected);
+
+  // False when the trailer alone is reason to refuse.
+  bool begin(const TrailerBytes& trailer);
+  void add(const unsigned char* content, std::size_t size);
+  // To be asked once.
+  SignatureReport finish();
+
+ private:
+  Verdict judgeTrailer();
+  Verdict judgeKey();
+  Verdict judgeStatements() const;
+
+  const Trust& trust_;
+  const Expectation expected_;
+  SignatureReport report_;
+  Key key_;
+  std::optional<PackageDigest> digest_;
+};
+
+// file: a descriptor; where it stands is neither used nor changed. Both throw as the
+// check does.
+SignatureReport checkSignature(int file, const Trust& trust, const Expectation& expected);
+SignatureReport checkSignature(const std::string& path, const Trust& trust, const Expectation& expected);
+
+// The name that a package in this file has to have: that of the file, without ".bin".
+std::string nameFromPath(const std::string& path);
 
 }  // namespace fwpackage
 

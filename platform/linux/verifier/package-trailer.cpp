@@ -1,37 +1,128 @@
 #include "package-trailer.h"
 
 #include <algorithm>
+#include <optional>
+#include <stdexcept>
 
 namespace fwpackage {
 namespace {
 
 constexpr unsigned char magic[] = {'F', 'W', 'S', 'I', 'G', 'N', 'E', 'D'};
-constexpr unsigned char formatVersion = 1;
 
 constexpr std::size_t formatAt = 8;
 constexpr std::size_t algorithmAt = 9;
 constexpr std::size_t keyIdAt = 10;
 constexpr std::size_t sizeAt = 18;
+constexpr std::size_t kindAt = 20;
+constexpr std::size_t longestText = 255;  // its length is one byte
 
-const Algorithm* findAlgorithm(unsigned char number) {
+struct Text {
+  std::string Statements::*member;
+  const char* what;
+};
+
+// In the trailer's order.
+constexpr Text texts[] = {
+    {&Statements::name, "name"},
+    {&Statements::model, "model"},
+    {&Statements::version, "version"},
+    {&Statements::minimumVersion, "minimum version"},
+};
+
+const Algorithm* findAlgorithm(unsigned char number, unsigned char format) {
   for (const Algorithm& algorithm : algorithms) {
-    if (algorithm.number == number) {
+    if (algorithm.number == number && hasFormat(algorithm, format)) {
       return &algorithm;
     }
   }
   return nullptr;
 }
 
-// The one header that this algorithm and key have: a length or reserved byte that
-// differs is refused with it. Behind the signature stand zeros alone.
+std::size_t signedSizeOf(unsigned char format, const Algorithm& algorithm) {
+  return format == oldFormat ? headerSize : trailerSize - algorithm.signatureSize;
+}
+
+// It becomes a file's name.
+bool isName(const std::string& text) {
+  return !text.empty() && std::all_of(text.begin(), text.end(), [](char c) {
+    return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+  });
+}
+
+bool isPrintable(const std::string& text) {
+  return std::all_of(text.begin(), text.end(), [](char c) { return c >= ' ' && c <= '~'; });
+}
+
+void require(bool good, const std::string& sentence) {
+  if (!good) {
+    throw std::invalid_argument(sentence);
+  }
+}
+
+void requireStatable(const Statements& statements) {
+  require(statements.kind == Kind::UsbPackage || statements.kind == Kind::ExtensionPackage,
+          "there is no such kind of package");
+  require(isName(statements.name), "a package's name has ASCII letters and digits only");
+  for (const Text& text : texts) {
+    const std::string& value = statements.*text.member;
+    require(value.size() <= longestText && isPrintable(value),
+            std::string("a ") + text.what + " is printable ASCII text of at most 255 characters");
+  }
+}
+
+void appendStatements(std::vector<unsigned char>& bytes, const Statements& statements, std::size_t end) {
+  requireStatable(statements);
+  for (const Text& text : texts) {
+    const std::string& value = statements.*text.member;
+    bytes.push_back(static_cast<unsigned char>(value.size()));
+    bytes.insert(bytes.end(), value.begin(), value.end());
+  }
+  require(bytes.size() <= end,
+          "name, model, version and minimum version are too long: together they may have " +
+              std::to_string(end - headerSize - std::size(texts)) +
+              " characters with this kind of signing key");
+  bytes.resize(end, 0);
+}
+
+// Nothing when a text reaches beyond the end. The rest is compared by isWellFormed.
+std::optional<Statements> readStatements(const TrailerBytes& bytes, std::size_t end) {
+  Statements statements;
+  statements.kind = static_cast<Kind>(bytes[kindAt]);
+  std::size_t at = headerSize;
+  for (const Text& text : texts) {
+    if (at >= end || bytes[at] > end - at - 1) {
+      return std::nullopt;
+    }
+    const unsigned char* const first = bytes.data() + at + 1;
+    (statements.*text.member).assign(first, first + bytes[at]);
+    at += 1U + bytes[at];
+  }
+  return statements;
+}
+
+// What was read is written once more: a length, reserved byte or filling that differs
+// is refused with it. Behind a signature of format 1 stand zeros alone.
 bool isWellFormed(const Trailer& trailer) {
-  const HeaderBytes expected = makeHeader(*trailer.algorithm, trailer.keyId);
-  return std::equal(expected.begin(), expected.end(), trailer.bytes.begin()) &&
-         std::all_of(trailer.signature() + trailer.algorithm->signatureSize,
-                     trailer.bytes.data() + trailerSize, [](unsigned char byte) { return byte == 0; });
+  try {
+    const auto expected =
+        makeSignedPart(trailer.format, *trailer.algorithm, trailer.keyId, trailer.statements);
+    return std::equal(expected.begin(), expected.end(), trailer.bytes.begin()) &&
+           std::all_of(trailer.signature() + trailer.algorithm->signatureSize,
+                       trailer.bytes.data() + trailerSize, [](unsigned char byte) { return byte == 0; });
+  } catch (const std::invalid_argument&) {
+    return false;
+  }
 }
 
 }  // namespace
+
+bool hasFormat(const Algorithm& algorithm, unsigned char format) {
+  return format >= algorithm.firstFormat && format <= algorithm.lastFormat;
+}
+
+std::size_t Trailer::signedSize() const {
+  return signedSizeOf(format, *algorithm);
+}
 
 Trailer parseTrailer(const TrailerBytes& bytes) {
   Trailer trailer;
@@ -40,28 +131,48 @@ Trailer parseTrailer(const TrailerBytes& bytes) {
     return trailer;
   }
   trailer.state = Trailer::State::UnknownFormat;
-  if (bytes[formatAt] != formatVersion) {
+  trailer.format = bytes[formatAt];
+  if (trailer.format < oldFormat || trailer.format > newestFormat) {
     return trailer;
   }
   trailer.state = Trailer::State::UnknownAlgorithm;
-  trailer.algorithm = findAlgorithm(bytes[algorithmAt]);
+  trailer.algorithm = findAlgorithm(bytes[algorithmAt], trailer.format);
   if (trailer.algorithm == nullptr) {
     return trailer;
   }
   std::copy_n(bytes.begin() + keyIdAt, trailer.keyId.size(), trailer.keyId.begin());
-  trailer.state = isWellFormed(trailer) ? Trailer::State::Good : Trailer::State::Malformed;
+  trailer.state = Trailer::State::Malformed;
+  if (trailer.format != oldFormat) {
+    const auto statements = readStatements(bytes, trailer.signedSize());
+    if (!statements) {
+      return trailer;
+    }
+    trailer.statements = *statements;
+  }
+  if (isWellFormed(trailer)) {
+    trailer.state = Trailer::State::Good;
+  } else {
+    trailer.statements = {};
+  }
   return trailer;
 }
 
-HeaderBytes makeHeader(const Algorithm& algorithm, const KeyId& keyId) {
-  HeaderBytes header{};
-  std::copy(std::begin(magic), std::end(magic), header.begin());
-  header[formatAt] = formatVersion;
-  header[algorithmAt] = algorithm.number;
-  std::copy(keyId.begin(), keyId.end(), header.begin() + keyIdAt);
-  header[sizeAt] = static_cast<unsigned char>(algorithm.signatureSize & 0xFFU);
-  header[sizeAt + 1] = static_cast<unsigned char>(algorithm.signatureSize >> 8U);
-  return header;
+std::vector<unsigned char> makeSignedPart(unsigned char format, const Algorithm& algorithm,
+                                          const KeyId& keyId, const Statements& statements) {
+  require(hasFormat(algorithm, format), std::string("format ") + std::to_string(format) +
+                                            " of the trailer has no room for " + algorithm.name);
+  std::vector<unsigned char> bytes(headerSize);
+  std::copy(std::begin(magic), std::end(magic), bytes.begin());
+  bytes[formatAt] = format;
+  bytes[algorithmAt] = algorithm.number;
+  std::copy(keyId.begin(), keyId.end(), bytes.begin() + keyIdAt);
+  bytes[sizeAt] = static_cast<unsigned char>(algorithm.signatureSize & 0xFFU);
+  bytes[sizeAt + 1] = static_cast<unsigned char>(algorithm.signatureSize >> 8U);
+  if (format != oldFormat) {
+    bytes[kindAt] = static_cast<unsigned char>(statements.kind);
+    appendStatements(bytes, statements, signedSizeOf(format, algorithm));
+  }
+  return bytes;
 }
 
 std::string toHex(const unsigned char* bytes, std::size_t size) {

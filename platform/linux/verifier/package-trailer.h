@@ -1,4 +1,4 @@
-// The trailer that ends a signed USB package: 534 bytes, laid out as in
+// The trailer that ends a signed package: 534 bytes, laid out as in
 // docs/formats/usb-package.md. Plain values; any thread.
 #ifndef FW_PLATFORM_PACKAGE_TRAILER_H
 #define FW_PLATFORM_PACKAGE_TRAILER_H
@@ -6,6 +6,7 @@
 #include <array>
 #include <cstddef>
 #include <string>
+#include <vector>
 
 namespace fwpackage {
 
@@ -15,8 +16,11 @@ inline constexpr std::size_t signatureArea = 512;
 static_assert(headerSize + signatureArea == trailerSize);
 
 using TrailerBytes = std::array<unsigned char, trailerSize>;
-using HeaderBytes = std::array<unsigned char, headerSize>;
 using KeyId = std::array<unsigned char, 8>;
+
+// The first names nothing: a package of format 1 fits every component.
+inline constexpr unsigned char oldFormat = 1;
+inline constexpr unsigned char newestFormat = 2;
 
 // How a package can be signed. The signature is made of the digest, so that a
 // package of any size is read once and in little memory.
@@ -28,28 +32,52 @@ struct Algorithm {
   const char* keyType;  // OpenSSL's name
   int keyBits;
   bool signsDigestAsMessage;  // else with PKCS #1 v1.5, which names the digest
+  unsigned char firstFormat;
+  unsigned char lastFormat;
 };
 
+// A signature of 512 bytes leaves format 2 no room for what it states.
 inline constexpr Algorithm algorithms[] = {
-    {1, "rsa-4096", "SHA256", 512, "RSA", 4096, false},
-    {2, "ed25519", "SHA512", 64, "ED25519", 256, true},
+    {1, "rsa-4096", "SHA256", 512, "RSA", 4096, false, oldFormat, oldFormat},
+    {2, "ed25519", "SHA512", 64, "ED25519", 256, true, oldFormat, newestFormat},
+    {3, "rsa-3072", "SHA256", 384, "RSA", 3072, false, newestFormat, newestFormat},
+};
+
+bool hasFormat(const Algorithm& algorithm, unsigned char format);
+
+enum class Kind : unsigned char { UsbPackage = 1, ExtensionPackage = 2 };
+
+// What a trailer of format 2 states about the content before it.
+struct Statements {
+  Kind kind = Kind::UsbPackage;
+  std::string name;            // the firmware's name, or the package's identifier
+  std::string model;           // of the set; empty: for any
+  std::string version;         // the firmware's
+  std::string minimumVersion;  // from then on; empty: as before
 };
 
 struct Trailer {
   enum class State { Good, Missing, UnknownFormat, UnknownAlgorithm, Malformed };
 
   State state = State::Missing;
+  unsigned char format = 0;
   const Algorithm* algorithm = nullptr;  // null when it is not known
   KeyId keyId{};
+  Statements statements;  // of format 2, when the state is Good
   TrailerBytes bytes{};
 
-  const unsigned char* signature() const { return bytes.data() + headerSize; }
+  // How many of the bytes are signed, from the first on; of a known algorithm.
+  std::size_t signedSize() const;
+  const unsigned char* signature() const { return bytes.data() + signedSize(); }
 };
 
 // Checks everything but the signature itself.
 Trailer parseTrailer(const TrailerBytes& bytes);
 
-HeaderBytes makeHeader(const Algorithm& algorithm, const KeyId& keyId);
+// The bytes before the signature. The statements are for format 2 alone. Throws
+// std::invalid_argument, with a sentence, for what the format cannot hold.
+std::vector<unsigned char> makeSignedPart(unsigned char format, const Algorithm& algorithm,
+                                          const KeyId& keyId, const Statements& statements);
 
 std::string toHex(const unsigned char* bytes, std::size_t size);
 

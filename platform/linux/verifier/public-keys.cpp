@@ -1,22 +1,17 @@
 #include "public-keys.h"
 
 #include <dirent.h>
-#include <fcntl.h>
 #include <openssl/pem.h>
 #include <openssl/x509.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <memory>
 #include <stdexcept>
 
-#include "unique-fd.h"
+#include "key-file.h"
 
 namespace fwpackage {
 namespace {
-
-constexpr std::size_t largestPem = 16384;
 
 struct CloseDirectory {
   void operator()(DIR* directory) const { ::closedir(directory); }
@@ -37,23 +32,13 @@ bool isPemName(const std::string& name) {
   return name.size() > length && name.compare(name.size() - length, length, ending) == 0;
 }
 
-// Empty for what is no file of a key's size. Never waits for the other end of a FIFO.
-std::string readSmallFile(const std::string& path) {
-  const fwplatform::UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-  struct stat status = {};
-  if (!file || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
-    return "";
-  }
-  std::string content(largestPem, '\0');
-  const ssize_t length = ::read(file.get(), content.data(), content.size());
-  content.resize(length > 0 ? static_cast<std::size_t>(length) : 0);
-  return content.size() < largestPem ? content : "";
-}
-
 }  // namespace
 
 Key readPublicKey(const std::string& path) {
-  const std::string pem = readSmallFile(path);
+  std::string pem;
+  if (readKeyFile(path, pem) != 0) {
+    return nullptr;
+  }
   const Bio bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
   return Key(bio ? PEM_read_bio_PUBKEY(bio.get(), nullptr, noPassPhrase, nullptr) : nullptr);
 }

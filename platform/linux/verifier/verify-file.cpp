@@ -1,14 +1,28 @@
 // The platform's verification library, /usr/lib/libkZAQUser.so: says whether a USB
-// package carries a valid signature of a key that the platform knows.
+// package is what its name says, signed with a key that the platform knows.
 #include <openssl/err.h>
 
 #include <exception>
 
+#include "os-release.h"
 #include "package-signature.h"
 #include "public-keys.h"
 
-// Non-zero when filePath is signed, 0 when it must be refused; whatever goes wrong
-// refuses it. Safe from any thread. The other parameters belong to the interface.
+namespace {
+
+bool isWanted(const char* filePath) {
+  fwpackage::Expectation expected;
+  expected.name = fwpackage::nameFromPath(filePath);
+  expected.model = fwplatform::ReadSetModel();
+  const fwpackage::Trust trust = fwpackage::trustIn(fwpackage::keyDirectory);
+  return fwpackage::checkSignature(filePath, trust, expected).verdict == fwpackage::Verdict::Valid;
+}
+
+}  // namespace
+
+// Non-zero when filePath is signed for the component that its name says and for this
+// set, 0 when it must be refused; whatever goes wrong refuses it. Safe from any thread.
+// The other parameters belong to the interface.
 extern "C" __attribute__((visibility("default"))) int verifyFile(int /*reserved*/, const char* filePath,
                                                                  const char* /*caller*/) {
   if (filePath == nullptr) {
@@ -17,10 +31,7 @@ extern "C" __attribute__((visibility("default"))) int verifyFile(int /*reserved*
   bool valid = false;
   ERR_set_mark();  // the caller may use OpenSSL too and look at its error queue
   try {
-    const auto keys = [](const fwpackage::KeyId& id) {
-      return fwpackage::findPublicKey(fwpackage::keyDirectory, id);
-    };
-    valid = fwpackage::checkSignature(filePath, keys).verdict == fwpackage::Verdict::Valid;
+    valid = isWanted(filePath);
   } catch (const std::exception&) {
     valid = false;
   }

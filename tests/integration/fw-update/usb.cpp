@@ -37,7 +37,7 @@ class UsbTool : public ToolTest {
   }
   static std::string image(const std::string& firmware) { return std::string(200001, firmware[0]); }
   static std::string package(const std::string& firmware, const std::string& version = "2.0.0") {
-    return usbPackage(key(), version, image(firmware), testSigningKey("ed25519"));
+    return usbPackage(key(), version, image(firmware), testSigningKey("ed25519"), firmware);
   }
   static void putPackage(const std::string& firmware, const std::string& version = "2.0.0",
                          const std::string& directory = kDrive) {

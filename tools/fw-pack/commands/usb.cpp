@@ -36,6 +36,24 @@ secret::Secret withWarning(secret::Secret secret) {
   return secret;
 }
 
+// Whoever asks for an old package wants none of these; in silence they would be lost.
+void requireFormatForOptions(const Options& options) {
+  const bool states = !options.name.empty() || !options.model.empty() || !options.minimumVersion.empty();
+  if (options.format == fwpackage::oldFormat && states) {
+    throw Failure(ExitCode::Usage,
+                  "a package of format 1 states no name, model or minimum version; leave these options out");
+  }
+}
+
+fwpackage::Statements statementsOf(const Options& options) {
+  fwpackage::Statements statements;
+  statements.name = options.name.empty() ? fwpackage::nameFromPath(options.output) : options.name;
+  statements.model = options.model;
+  statements.version = options.version;
+  statements.minimumVersion = options.minimumVersion;
+  return statements;
+}
+
 // Everything but the trailer goes through here: into the file and the digest.
 void writeContent(const InputFile& image, const std::string& version, const secret::Secret& key,
                   const Block& output) {
@@ -52,9 +70,13 @@ void writeContent(const InputFile& image, const std::string& version, const secr
 }  // namespace
 
 ExitCode runUsb(const Options& options) {
+  requireFormatForOptions(options);
   const secret::Secret key = withWarning(secret::readPackageKey(options.keyFile));
   const secret::Secret pem = withWarning(secret::readSecretFile(options.signingKeyFile));
   const SigningKey signer(pem, options.signingKeyFile);
+  const auto format = static_cast<unsigned char>(options.format);
+  const fwpackage::Statements statements = statementsOf(options);
+  signer.requireRoom(format, statements);
   const InputFile image(options.input);
   requireUsableSize(image);
 
@@ -64,7 +86,7 @@ ExitCode runUsb(const Options& options) {
     package.write(bytes, size);
     digest.add(bytes, size);
   });
-  const fwpackage::TrailerBytes trailer = signer.makeTrailer(digest);
+  const fwpackage::TrailerBytes trailer = signer.makeTrailer(digest, format, statements);
   package.write(trailer.data(), trailer.size());
   package.commit();
 

@@ -19,6 +19,7 @@
 #include "device-environment.h"
 #include "public-keys.h"
 #include "signed-package.h"
+#include "temporary-mount.h"
 #include "thoroughness.h"
 
 namespace fs = std::filesystem;
@@ -27,6 +28,9 @@ namespace {
 
 constexpr char kPackage[] = "/opt/media/USBDriveA/tunerfw.bin";
 constexpr char kKey[] = "/usr/share/fw-update/keys/maker.pem";
+constexpr char kOldFormatList[] = "/usr/share/fw-update/keys/format-1";
+constexpr char kRevokedList[] = "/usr/share/fw-update/keys/revoked";
+constexpr char kContent[] = "IV and ciphertext";
 constexpr std::size_t kTrailer = 534;
 
 // A read of the byte at this offset fails.
@@ -74,6 +78,11 @@ class Verifier : public DeviceTest {
     writeFile(kKey, publicPem(key));
     return key;
   }
+  // Lets this key sign packages of the old format.
+  static void allowOldFormat(const fwpack::SigningKey& key) {
+    const fwpackage::KeyId id = key.keyId();
+    writeFile(kOldFormatList, fwpackage::toHex(id.data(), id.size()) + "\n");
+  }
   static std::string smallPackage(const fwpack::SigningKey& key) {
     return signedFile(std::string(16, 'I') + std::string(80, 'C'), key);
   }
@@ -82,6 +91,13 @@ class Verifier : public DeviceTest {
   void* library = nullptr;
   int (*verifyFile)(int, const char*, const char*) = nullptr;
 };
+
+// The set's description, for as long as what it returns lives.
+TemporaryMount setOfModel(const std::string& model) {
+  TemporaryMount etc = TemporaryMount::Memory("/etc");
+  DeviceTest::writeFile("/etc/os-release", "ID=" + model + "\nBUILD_ID=1\n");
+  return etc;
+}
 
 std::string fromHex(const std::string& hex) {
   std::string bytes;
@@ -96,8 +112,26 @@ std::size_t openDescriptors() {
       std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator()));
 }
 
+// The packages of these two were made with openssl alone, as docs/formats/usb-package.md
+// says.
 TEST_F(Verifier, AcceptsTheBytesThatTheFormatsDocumentDescribes) {
-  // Made with openssl alone, as docs/formats/usb-package.md says.
+  const TemporaryMount etc = setOfModel("set-7");
+  writeFile(kKey,
+            "-----BEGIN PUBLIC KEY-----\n"
+            "MCowBQYDK2VwAyEA8pl5LabkpZHndkwbmU2uVB/kDSwYdfccfYJzS3VmzeM=\n"
+            "-----END PUBLIC KEY-----\n");
+  const std::string package =
+      "This stands for IV and ciphertext." + fromHex("46575349474e45440202869c80197aee52d340000100") +
+      fromHex("0774756e65726677057365742d3706322e31302e3005322e392e31") + std::string(421, '\0') +
+      fromHex(
+          "aee5994846a0df34e6569b1ec2627a87fc0709412a8cc5c0410e38ac949edb6f"
+          "6490e406f95644b7869503da3e9f5d23df266d6f2685739ed81e7bca4c13be07");
+
+  EXPECT_TRUE(acceptsContent(package));
+}
+
+TEST_F(Verifier, AcceptsTheBytesOfTheOldFormatFromAKeyThatMaySignIt) {
+  writeFile(kOldFormatList, "58276ee477dd30ca\n");
   writeFile(kKey,
             "-----BEGIN PUBLIC KEY-----\n"
             "MCowBQYDK2VwAyEADVG3iTbbmwXERY+XXRDGPjZZrqxEpgWdFTA78TD4ZAU=\n"
@@ -117,7 +151,7 @@ TEST_F(Verifier, AcceptsAnEd25519Signature) {
 }
 
 TEST_F(Verifier, AcceptsAnRsaSignatureAndRefusesItsAlteredBytes) {
-  const std::string package = smallPackage(installKey("rsa-4096"));
+  const std::string package = smallPackage(installKey("rsa-3072"));
   ASSERT_TRUE(acceptsContent(package));
 
   for (std::size_t at = 0; at < package.size(); at += 7) {
@@ -125,6 +159,98 @@ TEST_F(Verifier, AcceptsAnRsaSignatureAndRefusesItsAlteredBytes) {
     altered[at] = static_cast<char>(altered[at] ^ 0x20);
     EXPECT_FALSE(acceptsContent(altered)) << at;
   }
+}
+
+TEST_F(Verifier, AcceptsAnOldRsaSignatureAndRefusesItsAlteredBytes) {
+  const fwpack::SigningKey& key = installKey("rsa-4096");
+  allowOldFormat(key);
+  const std::string package = oldSignedFile(kContent, key);
+  ASSERT_TRUE(acceptsContent(package));
+
+  for (std::size_t at = 0; at < package.size(); at += 7) {
+    std::string altered = package;
+    altered[at] = static_cast<char>(altered[at] ^ 0x20);
+    EXPECT_FALSE(acceptsContent(altered)) << at;
+  }
+}
+
+TEST_F(Verifier, RefusesAPackageUnderAnotherComponentsName) {
+  const std::string package = smallPackage(installKey());
+  ASSERT_TRUE(acceptsContent(package));
+
+  for (const char* name : {"wififw.bin", "tunerf.bin", "tunerfw2.bin", "Tunerfw.bin", "tunerfw.bin.bin"}) {
+    const std::string path = std::string("/opt/media/USBDriveA/") + name;
+    writeFile(path, package);
+    EXPECT_FALSE(accepts(path.c_str())) << name;
+  }
+}
+
+TEST_F(Verifier, RefusesAPackageForAnotherModel) {
+  fwpackage::Statements statements = statementsFor("tunerfw");
+  statements.model = "set-7";
+  const std::string package = signedFile(kContent, installKey(), statements);
+
+  {
+    const TemporaryMount etc = setOfModel("set-7");
+    EXPECT_TRUE(acceptsContent(package));
+  }
+  {
+    const TemporaryMount etc = setOfModel("set-70");
+    EXPECT_FALSE(acceptsContent(package));
+    EXPECT_TRUE(acceptsContent(smallPackage(installKey())));
+  }
+}
+
+TEST_F(Verifier, RefusesAPackageForOneModelWhenTheSetsIsUnknown) {
+  fwpackage::Statements statements = statementsFor("tunerfw");
+  statements.model = "set-7";
+  const TemporaryMount etc = TemporaryMount::Memory("/etc");
+  fs::remove("/usr/lib/os-release");
+
+  EXPECT_FALSE(acceptsContent(signedFile(kContent, installKey(), statements)));
+  EXPECT_TRUE(acceptsContent(smallPackage(installKey())));
+}
+
+TEST_F(Verifier, RefusesAnExtensionPackage) {
+  fwpackage::Statements statements = statementsFor("tunerfw");
+  statements.kind = fwpackage::Kind::ExtensionPackage;
+
+  EXPECT_FALSE(acceptsContent(signedFile(kContent, installKey(), statements)));
+}
+
+TEST_F(Verifier, RefusesTheOldFormatUnlessTheKeyMaySignIt) {
+  const fwpack::SigningKey& key = installKey();
+  const std::string package = oldSignedFile(kContent, key);
+
+  EXPECT_FALSE(acceptsContent(package));
+  writeFile(kOldFormatList, "0123456789abcdef\n");
+  EXPECT_FALSE(acceptsContent(package));
+  allowOldFormat(key);
+  EXPECT_TRUE(acceptsContent(package));
+}
+
+TEST_F(Verifier, RefusesARevokedKeyInEveryFormat) {
+  const fwpack::SigningKey& key = installKey();
+  allowOldFormat(key);
+  ASSERT_TRUE(acceptsContent(smallPackage(key)));
+
+  fs::rename(kOldFormatList, kRevokedList);
+  allowOldFormat(key);
+
+  EXPECT_FALSE(acceptsContent(smallPackage(key)));
+  EXPECT_FALSE(acceptsContent(oldSignedFile(kContent, key)));
+}
+
+TEST_F(Verifier, RefusesEverythingThatAnUnusableListDecidesAbout) {
+  const fwpack::SigningKey& key = installKey();
+  const std::string package = smallPackage(key);
+  writeFile(kRevokedList, "not an identifier\n");
+  EXPECT_FALSE(acceptsContent(package));
+
+  fs::remove(kRevokedList);
+  writeFile(kOldFormatList, "not an identifier\n");
+  EXPECT_TRUE(acceptsContent(package));
+  EXPECT_FALSE(acceptsContent(oldSignedFile(kContent, key)));
 }
 
 TEST_F(Verifier, AcceptsAPackageOfManyBlocks) {
@@ -212,8 +338,8 @@ TEST_F(Verifier, RefusesAKeyOfAnotherAlgorithmThanTheTrailers) {
   const std::string package = smallPackage(installKey());
   std::string relabelled = package;
   const std::size_t header = relabelled.size() - kTrailer;
-  relabelled.replace(header + 9, 1, "\x01");                       // RSA
-  relabelled.replace(header + 18, 2, std::string("\x00\x02", 2));  // 512 bytes
+  relabelled.replace(header + 9, 1, "\x03");       // RSA
+  relabelled.replace(header + 18, 2, "\x80\x01");  // 384 bytes
 
   EXPECT_FALSE(acceptsContent(relabelled));
 }
