@@ -126,8 +126,11 @@ int zaq_verify(const char* filePath) {
     }
     dlerror();
     verify = reinterpret_cast<VerifyFile>(dlsym(library.get(), "verifyFile"));
-    s_kzaq_verifier.store(verify);
     const std::string error = libraryError();
+    if (verify != nullptr) {
+      ContentCheck::bind(library.get());  // before another thread can see the entry point
+    }
+    s_kzaq_verifier.store(verify);
     if (!error.empty()) {
       FW_LOG(diagnostics::Error, "[zaq][%s] dlsym Error: %s\n", VerifierCaller, error.c_str());
       return 1;
@@ -144,6 +147,12 @@ int zaq_verify(const char* filePath) {
     FW_LOG(diagnostics::Error, "[zaq][%s] the file is NOT signed!! : %s\n", VerifierCaller, filePath);
   }
   return result;
+}
+
+// Refused is also what is another file, or has changed, since it was opened.
+bool isVerified(const OpenPackage& package, const std::string& path) {
+  const bool unchanged = package.isUnchanged();
+  return zaq_verify(path.c_str()) != 0 && unchanged && package.isUnchanged();
 }
 
 }  // namespace
@@ -659,12 +668,12 @@ int FWUpdateSymbol::getNeedUpdateList(const unsigned char* ckey, const char* ima
     return -1;
   }
   const std::string path = image_path + firmwareName + ".bin";
-  Stream file = openPackage(path);
-  if (!file) {
+  OpenPackage package(path);
+  if (!package.isOpen()) {
     FW_LOG(diagnostics::Error, "Error: %s open fail", path.c_str());
     return -1;
   }
-  if (zaq_verify(path.c_str()) == 0) {
+  if (!isVerified(package, path)) {
     FW_LOG(diagnostics::Error, "Error: %s is NOT signed", path.c_str());
     return -1;
   }
@@ -672,20 +681,25 @@ int FWUpdateSymbol::getNeedUpdateList(const unsigned char* ckey, const char* ima
 
   const std::int64_t size = packageSize(path);
   PackageIv iv;
-  if (!readPackageIv(file.get(), iv)) {
+  FILE* const file = package.read();
+  if (!readPackageIv(file, iv)) {
     FW_LOG(diagnostics::Error, "Error: iv is worng");
     return -1;
   }
   // The whole size is passed here, size - 16 when updating; only the version block
   // is used of the former. The buffer stays with cipher_buf_all, on purpose.
   int length = 0;
-  const unsigned char* const data = decryptPackage(file.get(), ckey, iv, size, size, length);
+  const unsigned char* const data = decryptPackage(file, ckey, iv, size, size, length);
   if (data == nullptr) {
     FW_LOG(diagnostics::Error, "Error: Decryption data is null");
     return -1;
   }
+  if (!package.isWhatWasVerified()) {
+    FW_LOG(diagnostics::Error, "Error: %s is NOT signed", path.c_str());
+    return -1;
+  }
   const VersionBlock version = versionBlock(data, length);
-  file.reset();
+  package.close();
 
   int need = -1;
   if (checkVersion(version.data(), &need) != 0) {
@@ -713,12 +727,12 @@ int FWUpdateSymbol::updateUSB(const unsigned char* ckey, const char* image_path)
     return -1;
   }
   const std::string path = image_path + firmwareName + ".bin";
-  Stream file = openPackage(path);
-  if (!file) {
+  OpenPackage package(path);
+  if (!package.isOpen()) {
     FW_LOG(diagnostics::Error, "Error: %s file open", path.c_str());
     return -1;
   }
-  if (zaq_verify(path.c_str()) == 0) {
+  if (!isVerified(package, path)) {
     FW_LOG(diagnostics::Error, "Error: %s file is NOT signed", path.c_str());
     return -1;
   }
@@ -726,21 +740,26 @@ int FWUpdateSymbol::updateUSB(const unsigned char* ckey, const char* image_path)
 
   const std::int64_t size = packageSize(path);
   PackageIv iv;
-  if (!readPackageIv(file.get(), iv)) {
+  FILE* const file = package.read();
+  if (!readPackageIv(file, iv)) {
     FW_LOG(diagnostics::Error, "Error: iv is worng");
     return -1;
   }
   // The buffer stays with cipher_buf_all and is not freed, on purpose.
   int length = 0;
   const unsigned char* const data =
-      decryptPackage(file.get(), ckey, iv, size, size - static_cast<int>(iv.size()), length);
+      decryptPackage(file, ckey, iv, size, size - static_cast<int>(iv.size()), length);
   if (data == nullptr || length < VersionBlockSize) {
     FW_LOG(diagnostics::Error, "Error: Decryption data is null");
     return -1;
   }
+  if (!package.isWhatWasVerified()) {
+    FW_LOG(diagnostics::Error, "Error: %s file is NOT signed", path.c_str());
+    return -1;
+  }
   const VersionBlock version = versionBlock(data, length);
   length -= VersionBlockSize;
-  file.reset();
+  package.close();
 
   int need = -1;
   if (checkVersion(version.data(), &need) != 0) {
@@ -757,6 +776,9 @@ int FWUpdateSymbol::updateUSB(const unsigned char* ckey, const char* image_path)
     FW_LOG(diagnostics::Error, "Error: %s Firmware doUpdate Fail %d (%d:%m)", firmwareName.c_str(), result,
            errno);
     return result;
+  }
+  if (!package.noteApplied()) {
+    FW_LOG(diagnostics::Error, "Error: %s minimum version is not kept", firmwareName.c_str());
   }
   FW_LOG(diagnostics::Error, "========== [ %s update succeeded ] ==========", firmwareName.c_str());
   return 0;

@@ -1,7 +1,7 @@
 #include "usb-package.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <climits>
@@ -13,19 +13,59 @@ namespace {
 
 constexpr std::int64_t SmallestPackage = 614;  // IV, version block, trailer
 
+bool isSame(const timespec& a, const timespec& b) {
+  return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
+}
+
+bool isSame(const struct stat& a, const struct stat& b) {
+  return a.st_dev == b.st_dev && a.st_ino == b.st_ino && a.st_size == b.st_size &&
+         isSame(a.st_mtim, b.st_mtim) && isSame(a.st_ctim, b.st_ctim);
+}
+
 }  // namespace
 
-Stream openPackage(const std::string& path) {
-  FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-  struct stat status = {};
-  if (!file.isOpen() || fstat(file.get(), &status) != 0 || S_ISFIFO(status.st_mode)) {
-    return nullptr;
+OpenPackage::OpenPackage(const std::string& path)
+    : path_(path), file_(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY)) {
+  if (!file_.isOpen() || fstat(file_.get(), &opened_) != 0 || S_ISFIFO(opened_.st_mode)) {
+    return;
   }
-  Stream stream(fdopen(file.get(), "rb"));
-  if (stream) {
-    file.release();
+  // A device has no size; its first bytes count as an IV all the same.
+  left_ = std::max<std::int64_t>(opened_.st_size, static_cast<std::int64_t>(sizeof(PackageIv)));
+  stream_.reset(fopencookie(this, "rb", {deliver, nullptr, nullptr, nullptr}));
+}
+
+bool OpenPackage::isUnchanged() const {
+  struct stat open = {};
+  struct stat there = {};
+  return fstat(file_.get(), &open) == 0 && stat(path_.c_str(), &there) == 0 && isSame(open, opened_) &&
+         isSame(there, opened_);
+}
+
+FILE* OpenPackage::read() {
+  check_.emplace(path_, file_.get());
+  return stream_.get();
+}
+
+bool OpenPackage::isWhatWasVerified() {
+  return check_->passes() && isUnchanged();
+}
+
+void OpenPackage::close() {
+  stream_.reset();
+  file_ = FileDescriptor(-1);
+}
+
+// The stream's read: what goes into its buffer, or straight into the reader's, is what
+// the verifier gets.
+ssize_t OpenPackage::deliver(void* package, char* buffer, size_t size) {
+  OpenPackage& self = *static_cast<OpenPackage*>(package);
+  const std::uint64_t wanted = std::min<std::uint64_t>(size, static_cast<std::uint64_t>(self.left_));
+  const ssize_t got = ::read(self.file_.get(), buffer, static_cast<std::size_t>(wanted));
+  if (got > 0) {
+    self.left_ -= got;
+    self.check_->add(reinterpret_cast<const unsigned char*>(buffer), static_cast<std::size_t>(got));
   }
-  return stream;
+  return got;
 }
 
 std::int64_t packageSize(const std::string& path) {

@@ -1,4 +1,5 @@
 // Encrypted packages on a USB drive: signature, listing, update.
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -8,6 +9,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
+#include <memory>
 #include <thread>
 #include <vector>
 
@@ -888,49 +891,6 @@ TEST_F(UsbUpdate, ReportsAFailedAllocation) {
   EXPECT_THAT(recording::calls(), ElementsAre(Verified, SetContext));
 }
 
-TEST_F(UsbPackage, IsHeldAgainstTheSizeThatItsPathHasThen) {
-  FWUpdateSymbol symbol = boundWithPackage("2.0", usb::noise(5000));
-  scripted::module("libabc").setContext = [](const char*, int, char*) {
-    writeFile("/opt/media/other", std::string(700, 'x'));
-    fs::rename("/opt/media/other", Package);  // the open package is the longer one
-    return 0;
-  };
-  collectImages();
-
-  EXPECT_EQ(list(symbol), 1);
-  writeFile(Package, usb::package("2.0", usb::noise(5000)));
-  EXPECT_EQ(update(symbol), 0);
-
-  EXPECT_THAT(recording::calls(), Contains(versionCall("2.0")).Times(2));
-  const std::string ciphertext = usb::package("2.0", usb::noise(5000)).substr(16, 150);
-  EXPECT_THAT(images, ElementsAre(usb::decrypt(ciphertext).substr(64)));
-}
-
-TEST_F(UsbPackage, ThatEndsEarlyGivesAVersionPaddedWithZeros) {
-  FWUpdateSymbol symbol = bound();
-  const std::string start = usb::package(std::string(64, 'v'), "").substr(0, 16 + 40);
-  scripted::setVerifierAnswer([](const std::string&) { return 1; });
-  scripted::module("libabc").setContext = [](const char*, int, char*) {
-    writeFile("/opt/media/other", std::string(700, 'x'));
-    fs::rename("/opt/media/other", Package);  // the open package is the shorter one
-    return 0;
-  };
-  std::string seen;
-  scripted::module("libabc").checkVersion = [&seen](const char* version, int* need) {
-    seen.assign(version, 64);
-    *need = 1;
-    return 0;
-  };
-  writeFile(Package, start);
-
-  EXPECT_EQ(list(symbol), 1);
-  writeFile(Package, start);
-  EXPECT_EQ(update(symbol), -1);
-
-  EXPECT_EQ(seen, std::string(32, 'v') + std::string(32, '\0'));
-  EXPECT_EQ(recording::messages().back(), said("updateUSB", NoData));
-}
-
 TEST_F(UsbPackage, ThatGoesAwayIsRefused) {
   FWUpdateSymbol symbol = boundWithPackage();
   scripted::module("libabc").setContext = [](const char*, int, char*) {
@@ -996,6 +956,354 @@ TEST_F(UsbPackage, IsNotReadFromAnEndlessDevice) {
   EXPECT_EQ(update(symbol), -1);
 
   EXPECT_THAT(recording::texts(), ElementsAre(Signed, NoData, Signed, NoData));
+}
+
+// ---- What was verified is what is used ----------------------------------------------
+
+namespace {
+
+// Changes that a package meets between its opening and the end of its reading.
+struct Change {
+  const char* name;
+  void (*make)();
+};
+
+void PrintTo(const Change& row, std::ostream* out) {
+  *out << row.name;
+}
+
+void flipByte() {
+  std::fstream file(Package, std::ios::binary | std::ios::in | std::ios::out);
+  file.seekg(100);
+  const int byte = file.get();
+  file.seekp(100);
+  file.put(static_cast<char>(byte ^ 1));
+}
+
+constexpr Change Changes[] = {
+    {"AByteIsWritten", flipByte},
+    {"ItGrows", [] { std::ofstream(Package, std::ios::binary | std::ios::app) << 'x'; }},
+    {"ItIsCut", [] { fs::resize_file(Package, fs::file_size(Package) - 1); }},
+    {"AnotherTakesItsPlace",
+     [] {
+       DeviceTest::writeFile("/opt/media/other", DeviceTest::readFile(Package));
+       fs::rename("/opt/media/other", Package);
+     }},
+    {"ItsTimeIsSetBack",
+     [] {
+       flipByte();
+       const timespec times[2] = {{1, 0}, {1, 0}};
+       utimensat(AT_FDCWD, Package.c_str(), times, 0);
+     }},
+};
+
+class ChangedPackage : public UsbPackage, public ::testing::WithParamInterface<Change> {
+ protected:
+  void SetUp() override {
+    UsbPackage::SetUp();
+    collectImages();
+    symbol = std::make_unique<FWUpdateSymbol>(bound());
+    layPackage();
+  }
+
+  // Files' times have the grain of the kernel's clock: waits until a change shows.
+  static void layPackage() {
+    writeFile(Package, usb::package("2.0", usb::noise(50000)));
+    const auto written = fs::last_write_time(Package);
+    do {
+      writeFile("/tmp/clock", "");
+    } while (fs::last_write_time("/tmp/clock") == written);
+  }
+
+  void expectRefusedAsNotSigned(const std::vector<std::string>& before) {
+    std::vector<std::string> listing = before;
+    listing.push_back("Error: " + Package + " is NOT signed");
+    EXPECT_EQ(list(*symbol), -1);
+    EXPECT_EQ(recording::texts(), listing);
+
+    recording::reset();
+    layPackage();
+    std::vector<std::string> updating = before;
+    updating.push_back("Error: " + Package + " file is NOT signed");
+    EXPECT_EQ(update(*symbol), -1);
+    EXPECT_EQ(recording::texts(), updating);
+
+    EXPECT_THAT(recording::calls(), Not(Contains(HasSubstr("checkVersion"))));
+    EXPECT_THAT(images, IsEmpty());
+    EXPECT_FALSE(symbol->getNeedUpdate());
+  }
+
+  std::unique_ptr<FWUpdateSymbol> symbol;
+};
+
+}  // namespace
+
+TEST_P(ChangedPackage, WhileItIsVerifiedIsRefused) {
+  scripted::setVerifierAnswer([](const std::string&) {
+    GetParam().make();
+    return 1;
+  });
+
+  expectRefusedAsNotSigned({Signed});
+}
+
+TEST_P(ChangedPackage, BeforeItIsReadIsRefused) {
+  scripted::module("libabc").setContext = [](const char*, int, char*) {
+    GetParam().make();
+    return 0;
+  };
+
+  expectRefusedAsNotSigned({Signed});
+}
+
+TEST_P(ChangedPackage, WhileItIsReadIsRefused) {
+  scripted::installVerifier(scripted::Verifier::WithContentCheck);
+  scripted::contentChecks().afterBytes = [] {
+    if (scripted::contentChecks().content.size() == usb::package("2.0", usb::noise(50000)).size()) {
+      GetParam().make();
+    }
+  };
+
+  expectRefusedAsNotSigned({Signed});
+}
+
+TEST_P(ChangedPackage, IsRefusedByAVerifierThatSaidNoToo) {
+  scripted::setVerifierAnswer([](const std::string&) {
+    GetParam().make();
+    return 0;
+  });
+
+  expectRefusedAsNotSigned({NotSigned});
+}
+
+INSTANTIATE_TEST_SUITE_P(UsbPackage, ChangedPackage, ::testing::ValuesIn(Changes),
+                         [](const auto& row) { return std::string(row.param.name); });
+
+TEST_F(UsbPackage, MayChangeBetweenTheSteps) {
+  FWUpdateSymbol symbol = boundWithPackage("2.0", "first");
+  ASSERT_EQ(list(symbol), 1);
+  writeFile(Package, usb::package("2.1", "second, longer"));
+  collectImages();
+
+  EXPECT_EQ(update(symbol), 0);
+
+  EXPECT_THAT(images, ElementsAre("second, longer"));
+}
+
+TEST_F(UsbPackage, MayBeReadByOthersMeanwhile) {
+  FWUpdateSymbol symbol = boundWithPackage();
+  scripted::module("libabc").setContext = [](const char*, int, char*) {
+    readFile(Package);  // sets the time of the last access
+    return 0;
+  };
+
+  EXPECT_EQ(list(symbol), 1);
+  EXPECT_EQ(update(symbol), 0);
+}
+
+TEST_F(UsbPackage, IsNotReadBeyondTheSizeThatItHad) {
+  scripted::installVerifier(scripted::Verifier::WithContentCheck);
+  FWUpdateSymbol symbol = boundWithPackage("2.0", usb::noise(50000));
+  const std::string whole = readFile(Package);
+  int additions = 0;
+  scripted::contentChecks().afterBytes = [&additions] {
+    if (++additions < 1000) {  // so that the test ends
+      std::ofstream(Package, std::ios::binary | std::ios::app) << usb::noise(20000);
+    }
+  };
+
+  EXPECT_EQ(update(symbol), -1);
+
+  EXPECT_EQ(scripted::contentChecks().content, whole);
+}
+
+// ---- Content check ------------------------------------------------------------------
+
+namespace {
+
+const std::string Began = "beginContentCheck(\"" + Package + "\", open)";
+const std::string Ended = "endContentCheck()";
+const std::string Released = "releaseContentCheck()";
+const std::string NotedApplied = "noteAppliedPackage()";
+
+class ContentChecked : public UsbPackage {
+ protected:
+  void SetUp() override {
+    UsbPackage::SetUp();
+    scripted::installVerifier(scripted::Verifier::WithContentCheck);
+  }
+  void TearDown() override {
+    EXPECT_EQ(scripted::contentChecks().unreleased, 0) << "released on every way out";
+    UsbPackage::TearDown();
+  }
+};
+
+}  // namespace
+
+TEST_F(ContentChecked, GetsEveryByteInTheFilesOrder) {
+  FWUpdateSymbol symbol = boundWithPackage("2.0", usb::noise(1000003));
+
+  EXPECT_EQ(list(symbol), 1);
+  EXPECT_EQ(scripted::contentChecks().content, readFile(Package));
+  EXPECT_EQ(update(symbol), 0);
+  EXPECT_EQ(scripted::contentChecks().content, readFile(Package));
+
+  EXPECT_LE(scripted::contentChecks().largestAddition, usb::ReadSize) << "in constant memory";
+}
+
+TEST_F(ContentChecked, GetsWholePackagesAroundWholeReads) {
+  FWUpdateSymbol symbol = bound();
+  for (const std::size_t reads : {1U, 2U}) {
+    for (int more = -600; more <= 600; more += 8) {
+      const auto size = static_cast<std::size_t>(static_cast<int>(reads * usb::ReadSize) + more);
+      writeFile(Package, usb::package("2.0", usb::noise(size)));
+
+      ASSERT_EQ(update(symbol), 0) << size;
+
+      ASSERT_EQ(scripted::contentChecks().content, readFile(Package)) << size;
+    }
+  }
+}
+
+TEST_F(ContentChecked, IsAskedBetweenTheReadingAndTheModule) {
+  FWUpdateSymbol symbol = boundWithPackage();
+
+  EXPECT_EQ(list(symbol), 1);
+  EXPECT_THAT(recording::calls(), ElementsAre(Verified, SetContext, Began, Ended, versionCall("2.0"),
+                                              "libabc.getExpectedTime()", Released));
+  recording::reset();
+
+  EXPECT_EQ(update(symbol), 0);
+  const std::vector<std::string> calls = recording::calls();
+  ASSERT_EQ(calls.size(), 8U);
+  EXPECT_THAT(std::vector<std::string>(calls.begin(), calls.begin() + 5),
+              ElementsAre(Verified, SetContext, Began, Ended, versionCall("2.0")));
+  EXPECT_THAT(calls[5], HasSubstr("doUpdate_decryption"));
+  EXPECT_EQ(calls[6], NotedApplied);
+  EXPECT_EQ(calls[7], Released);
+}
+
+TEST_F(ContentChecked, ChangesNoMessage) {
+  FWUpdateSymbol symbol = boundWithPackage();
+
+  EXPECT_EQ(list(symbol), 1);
+  EXPECT_EQ(update(symbol), 0);
+
+  EXPECT_THAT(recording::texts(), ElementsAre(Signed, Signed, Start, Succeeded));
+}
+
+TEST_F(ContentChecked, RefusesLikeTheVerification) {
+  FWUpdateSymbol symbol = boundWithPackage();
+  scripted::contentChecks().verdict = 0;
+
+  EXPECT_EQ(list(symbol), -1);
+  EXPECT_EQ(update(symbol), -1);
+
+  EXPECT_THAT(recording::calls(), ElementsAre(Verified, SetContext, Began, Ended, Released, Verified,
+                                              SetContext, Began, Ended, Released));
+  EXPECT_THAT(recording::messages(),
+              ElementsAre(said("zaq_verify", Signed),
+                          said("getNeedUpdateList", "Error: " + Package + " is NOT signed"),
+                          said("zaq_verify", Signed),
+                          said("updateUSB", "Error: " + Package + " file is NOT signed")));
+}
+
+TEST_F(ContentChecked, AcceptsWithAnyAnswerButZero) {
+  FWUpdateSymbol symbol = boundWithPackage();
+  for (const int verdict : {1, 2, -1}) {
+    scripted::contentChecks().verdict = verdict;
+
+    EXPECT_EQ(update(symbol), 0);
+  }
+}
+
+TEST_F(ContentChecked, RefusesWhenItCannotBegin) {
+  FWUpdateSymbol symbol = boundWithPackage();
+  scripted::contentChecks().begins = false;
+
+  EXPECT_EQ(list(symbol), -1);
+  EXPECT_EQ(update(symbol), -1);
+
+  EXPECT_THAT(recording::texts(), ElementsAre(Signed, "Error: " + Package + " is NOT signed", Signed,
+                                              "Error: " + Package + " file is NOT signed"));
+}
+
+TEST_F(ContentChecked, IsMadeByNobodyWhenAPartOfItIsMissing) {
+  scripted::installVerifier(scripted::Verifier::WithoutEndOfContentCheck);
+  FWUpdateSymbol symbol = boundWithPackage();
+
+  EXPECT_EQ(list(symbol), 1);
+  EXPECT_EQ(update(symbol), 0);
+
+  EXPECT_THAT(recording::calls(), Not(Contains(HasSubstr("ContentCheck"))));
+  EXPECT_THAT(recording::texts(), ElementsAre(Signed, Signed, Start, Succeeded)) << "nothing is said";
+}
+
+TEST_F(ContentChecked, IsMadeWithoutANoteOfWhatWasApplied) {
+  scripted::installVerifier(scripted::Verifier::WithoutNoteOfApplied);
+  FWUpdateSymbol symbol = boundWithPackage();
+
+  EXPECT_EQ(update(symbol), 0);
+
+  EXPECT_THAT(recording::calls(), Contains(Ended));
+  EXPECT_THAT(recording::texts(), ElementsAre(Signed, Start, Succeeded));
+}
+
+TEST_F(ContentChecked, IsNotMadeOfWhatTheVerifierRefuses) {
+  FWUpdateSymbol symbol = boundWithPackage();
+  scripted::setVerifierAnswer([](const std::string&) { return 0; });
+
+  EXPECT_EQ(list(symbol), -1);
+  EXPECT_EQ(update(symbol), -1);
+
+  EXPECT_THAT(recording::calls(), ElementsAre(Verified, Verified));
+}
+
+TEST_F(ContentChecked, IsReleasedOnEveryOtherWayOut) {
+  FWUpdateSymbol symbol = bound();
+  scripted::setVerifierAnswer([](const std::string&) { return 1; });
+  for (const std::string& bytes :
+       {std::string(15, 'x'), std::string(613, 'x'), usb::package("2.0", "").substr(0, 614)}) {
+    writeFile(Package, bytes);
+    EXPECT_EQ(update(symbol), -1) << bytes.size();
+  }
+  writeFile(Package, usb::package("2.0", "image"));
+  scripted::module("libabc").need = 0;
+  EXPECT_EQ(update(symbol), -1);
+  scripted::module("libabc").checkVersionResult = -1;
+  EXPECT_EQ(update(symbol), -1);
+  EXPECT_EQ(list(symbol), -1);
+
+  EXPECT_EQ(scripted::contentChecks().unreleased, 0);
+  EXPECT_THAT(recording::calls(), Not(Contains(NotedApplied)));
+}
+
+TEST_F(ContentChecked, TakesNoNoteOfAPackageThatTheModuleFailedToApply) {
+  FWUpdateSymbol symbol = boundWithPackage();
+  scripted::module("libabc").doUpdateDecryptionResult = 5;
+
+  EXPECT_EQ(update(symbol), 5);
+
+  EXPECT_THAT(recording::calls(), Not(Contains(NotedApplied)));
+}
+
+TEST_F(ContentChecked, TakesNoNoteOfAListing) {
+  FWUpdateSymbol symbol = boundWithPackage();
+
+  EXPECT_EQ(list(symbol), 1);
+
+  EXPECT_THAT(recording::calls(), Not(Contains(NotedApplied)));
+}
+
+TEST_F(ContentChecked, SaysThatANoteCouldNotBeTaken) {
+  FWUpdateSymbol symbol = boundWithPackage();
+  scripted::contentChecks().noteResult = -28;
+
+  EXPECT_EQ(update(symbol), 0) << "the firmware is new all the same";
+
+  EXPECT_THAT(recording::messages(), ElementsAre(said("zaq_verify", Signed), said("updateUSB", Start),
+                                                 said("updateUSB", "Error: abc minimum version is not kept"),
+                                                 said("updateUSB", Succeeded)));
 }
 
 // ---- All modules --------------------------------------------------------------------
