@@ -210,6 +210,7 @@ TEST_F(PendingList, StopsForAFlagThatAnotherThreadClears) {
   });
 
   EXPECT_EQ(writeList(), -1);
+  asked.store(true, std::memory_order_relaxed);  // also when the module was not
   task.join();
 
   EXPECT_EQ(readFile(List), line(order[0]));

@@ -257,19 +257,22 @@ TEST_F(GuardedUpdate, WaitsForAnUpdateInAnotherProcess) {
     };
     return update();
   });
+  close(ready[1]);  // so that a child that ends early ends the reading too
   char byte = 'x';
   ASSERT_EQ(read(ready[0], &byte, 1), 1);
   scripted::module("libabc").doUpdate = [&](const char*, unsigned long) {
     note("mine\n");
     return 0;
   };
-  faults::beforeSemWait = [&] {
+  const auto letOtherEnd = [&] {
     const char go = 'x';
     EXPECT_EQ(write(release[1], &go, 1), 1);
   };
+  faults::beforeSemWait = letOtherEnd;
 
   EXPECT_EQ(update(), 0);
 
+  letOtherEnd();  // also when nobody waited for the lock
   EXPECT_EQ(other.wait(), 0);
   EXPECT_EQ(readFile("/tmp/order"), "other starts\nother ends\nmine\n");
   EXPECT_EQ(lockValue(), 1);

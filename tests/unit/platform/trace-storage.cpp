@@ -95,6 +95,7 @@ class TraceStorageTest : public ::testing::Test {
   static pid_t Start(const std::function<void()>& body) {
     const pid_t pid = fork();
     if (pid == 0) {
+      prctl(PR_SET_PDEATHSIG, SIGKILL);
       body();
       _exit(::testing::Test::HasFailure() ? 1 : 0);
     }
@@ -108,6 +109,27 @@ class TraceStorageTest : public ::testing::Test {
   }
 
   static int InChild(const std::function<void()>& body) { return Wait(Start(body)); }
+
+  // A child that writes until it is killed: at the latest when the test is left, by an
+  // assertion too.
+  class Writer {
+   public:
+    explicit Writer(const std::function<void()>& body) : pid_(Start(body)) {}
+    ~Writer() { Kill(); }
+    Writer(const Writer&) = delete;
+    Writer& operator=(const Writer&) = delete;
+
+    void Kill() {
+      if (pid_ > 0) {
+        kill(pid_, SIGKILL);
+        Wait(pid_);
+        pid_ = -1;
+      }
+    }
+
+   private:
+    pid_t pid_;
+  };
 
   std::vector<tracetool::TraceFile> Traces() const {
     std::string problem;
@@ -419,11 +441,12 @@ TEST_F(TraceStorageTest, RemovesOldFilesOfDeadProcessesOnly) {
   ASSERT_EQ(pipe(ends), 0);
   InChild([] { Write(RegisterNumber(), Int(1)); });
   const std::string dead = OnlyTrace().path;
-  const pid_t pid = Start([&ends] {
+  Writer writer([&ends] {
     Write(RegisterNumber(), Int(2));
     EXPECT_EQ(write(ends[1], "x", 1), 1);
     pause();
   });
+  close(ends[1]);
   char byte = 0;
   ASSERT_EQ(read(ends[0], &byte, 1), 1);
   const std::string living = Traces()[1].path;
@@ -435,10 +458,8 @@ TEST_F(TraceStorageTest, RemovesOldFilesOfDeadProcessesOnly) {
   EXPECT_FALSE(fs::exists(dead));
   EXPECT_TRUE(fs::exists(living));
   EXPECT_THAT(Traces(), SizeIs(2));
-  kill(pid, SIGKILL);
-  Wait(pid);
+  writer.Kill();
   close(ends[0]);
-  close(ends[1]);
 }
 
 TEST_F(TraceStorageTest, KeepsTheDirectoryBelowItsTotalSize) {
@@ -700,7 +721,7 @@ TEST_F(TraceStorageTest, LosesNothingCommittedWhenKilledAtAnyMoment) {
   for (int round = 0; round < 100; round += kEveryNth) {
     fs::remove_all(traces_);
     auto* const shared = new (memory) Shared();
-    const pid_t pid = Start([shared] {
+    Writer writer([shared] {
       for (std::uint32_t& location : shared->locations) {
         location = RegisterNumber();
       }
@@ -717,8 +738,7 @@ TEST_F(TraceStorageTest, LosesNothingCommittedWhenKilledAtAnyMoment) {
     while (shared->committed[round % 4] < target) {
       std::this_thread::yield();
     }
-    kill(pid, SIGKILL);
-    Wait(pid);
+    writer.Kill();
 
     std::uint32_t committed[4];
     for (int i = 0; i < 4; ++i) {
@@ -734,13 +754,14 @@ TEST_F(TraceStorageTest, CanBeReadWhileItIsBeingWritten) {
   setenv("FW_UPDATE_TRACE_THREAD_KIB", "64", 1);
   int ends[2];
   ASSERT_EQ(pipe(ends), 0);
-  const pid_t pid = Start([&ends] {
+  Writer writer([&ends] {
     std::atomic<std::uint32_t> committed{0};
     const std::uint32_t location = RegisterNumber();
     Write(location, ProvingPayload(0));
     EXPECT_EQ(write(ends[1], "x", 1), 1);
     TraceForEver(location, committed);
   });
+  close(ends[1]);
   char byte = 0;
   ASSERT_EQ(read(ends[0], &byte, 1), 1);
 
@@ -754,10 +775,8 @@ TEST_F(TraceStorageTest, CanBeReadWhileItIsBeingWritten) {
     }
   }
 
-  kill(pid, SIGKILL);
-  Wait(pid);
+  writer.Kill();
   close(ends[0]);
-  close(ends[1]);
 }
 
 }  // namespace
