@@ -2,8 +2,10 @@
 
 #include <sys/mount.h>
 
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <random>
 #include <stdexcept>
 
 #include "firmware-image.h"
@@ -41,8 +43,17 @@ std::string usbPackage() {
 
 }  // namespace
 
+const std::string& packageName() {
+  static const std::string name = [] {
+    char text[32];
+    std::snprintf(text, sizeof text, "soakpack%08x", std::random_device()());
+    return std::string(text) + "n";
+  }();
+  return name;
+}
+
 std::string packageModule(int slot) {
-  return "libsoakpack" + std::to_string(slot);
+  return "lib" + packageName() + std::to_string(slot);
 }
 
 std::size_t usbPackageSize() {

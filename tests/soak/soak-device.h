@@ -12,6 +12,9 @@ inline constexpr int modules = 5;
 // Takes longer than its image says, and so runs out of time after two seconds.
 inline constexpr const char* slowModule = "libslow";
 inline constexpr const char* procedureModule = "libEXT-soak";
+// How the packages of this run begin, and of no other on this machine: loop devices are
+// the machine's.
+const std::string& packageName();
 // Each worker has one with an extension package of its own.
 std::string packageModule(int slot);
 

@@ -238,7 +238,7 @@ int leftLoopDevices() {
   for (const auto& entry : std::filesystem::directory_iterator("/sys/block")) {
     std::string image;
     std::getline(std::ifstream(entry.path() / "loop/backing_file"), image);
-    count += image.find("soakpack") != std::string::npos ? 1 : 0;
+    count += image.find(packageName()) != std::string::npos ? 1 : 0;
   }
   return count;
 }
