@@ -87,7 +87,7 @@ void Holds::Add(Hold hold) {
   holds_.push_back(std::move(hold));
   try {
     StartWatching();
-  } catch (const std::system_error&) {
+  } catch (...) {
     // A hold that nobody ends could last too long.
     holds_.pop_back();
     throw;

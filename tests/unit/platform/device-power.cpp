@@ -2,7 +2,11 @@
 // and against files in place of the kernel's wake locks.
 #include "device-power.h"
 
+#include <dirent.h>
+#include <dlfcn.h>
+#include <fcntl.h>
 #include <gmock/gmock.h>
+#include <pthread.h>
 #include <signal.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
@@ -13,9 +17,13 @@
 #include <chrono>
 #include <climits>
 #include <cstdarg>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <mutex>
+#include <new>
+#include <set>
 
 #include "child-process.h"
 #include "device-environment.h"
@@ -34,7 +42,22 @@ std::vector<std::string>& logLines() {
   return lines;
 }
 
+enum class Threads { Start, AreRefused, FindNoMemory };
+Threads threads = Threads::Start;
+
 }  // namespace
+
+// A thread that cannot be started, when a test says so.
+extern "C" __attribute__((visibility("default"))) int pthread_create(pthread_t* thread,
+                                                                     const pthread_attr_t* attributes,
+                                                                     void* (*start)(void*), void* argument) {
+  using Create = int(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
+  static auto* const real = reinterpret_cast<Create*>(dlsym(RTLD_NEXT, "pthread_create"));
+  if (threads == Threads::FindNoMemory) {
+    throw std::bad_alloc();
+  }
+  return threads == Threads::AreRefused ? EAGAIN : real(thread, attributes, start, argument);
+}
 
 int __dlog_print(int, int priority, const char* tag, const char* format, ...) {
   char text[256];
@@ -63,10 +86,37 @@ std::vector<std::string> logged() {
   return logLines();
 }
 
+std::set<int> numbersIn(const char* directory) {
+  std::set<int> numbers;
+  DIR* const listing = opendir(directory);
+  while (const dirent* const entry = readdir(listing)) {
+    if (entry->d_name[0] != '.') {
+      numbers.insert(std::atoi(entry->d_name));
+    }
+  }
+  numbers.erase(dirfd(listing));
+  closedir(listing);
+  return numbers;
+}
+
+// The signals, as bits, that a thread of this process does not take.
+std::uint64_t blockedSignals(int thread) {
+  std::ifstream status("/proc/self/task/" + std::to_string(thread) + "/status");
+  for (std::string word; status >> word;) {
+    if (word == "SigBlk:") {
+      std::uint64_t bits = 0;
+      status >> std::hex >> bits;
+      return bits;
+    }
+  }
+  return 0;
+}
+
 class DevicePower : public DeviceTest {
  protected:
   void SetUp() override {
     DeviceTest::SetUp();
+    threads = Threads::Start;
     setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/run/no-bus-here", 1);
     // Whatever the kernel of this machine has.
     ASSERT_EQ(mount("tmpfs", "/sys/power", "tmpfs", 0, ""), 0);
@@ -226,6 +276,55 @@ TEST_F(DevicePowerWithLogind, UnlockOfAnotherStateReleasesNothing) {
   EXPECT_EQ(device_power_unlock_state(1), -ENOENT);
 
   EXPECT_THAT(logind_->inhibitors(), SizeIs(1));
+}
+
+class NoThread : public DevicePowerWithLogind, public ::testing::WithParamInterface<Threads> {};
+INSTANTIATE_TEST_SUITE_P(Reasons, NoThread, ::testing::Values(Threads::AreRefused, Threads::FindNoMemory));
+
+TEST_P(NoThread, HoldsNothingThatItCouldNotGiveBackInTime) {
+  threads = GetParam();
+  const int refused = device_power_lock_state(2, kLong);
+  threads = Threads::Start;
+
+  EXPECT_EQ(refused, GetParam() == Threads::AreRefused ? -EAGAIN : -ENOMEM);
+  EXPECT_TRUE(logind_->waitForInhibitors(0));
+  EXPECT_EQ(device_power_unlock_state(2), -ENOENT);
+  EXPECT_EQ(device_power_lock_state(2, 1), 0);
+  EXPECT_TRUE(logind_->waitForInhibitors(0)) << "the next one has its thread";
+}
+
+TEST_F(DevicePowerWithLogind, LeavesTheProgramsSignalsToItsOwnThreads) {
+  const std::uint64_t before = blockedSignals(getpid());
+
+  ASSERT_EQ(device_power_lock_state(2, kLong), 0);
+
+  std::set<int> others = numbersIn("/proc/self/task");
+  others.erase(getpid());
+  EXPECT_THAT(others, SizeIs(1));
+  for (const int thread : others) {
+    for (const int signal : {SIGHUP, SIGINT, SIGTERM, SIGUSR1, SIGCHLD, SIGALRM, SIGPIPE, SIGRTMAX}) {
+      EXPECT_NE(blockedSignals(thread) & (std::uint64_t{1} << (signal - 1)), 0U) << strsignal(signal);
+    }
+  }
+  EXPECT_EQ(blockedSignals(getpid()), before);
+}
+
+TEST_F(DevicePowerWithLogind, EndsTheHoldAlthoughAProgramThatWasStartedMeanwhileGoesOn) {
+  const std::set<int> before = numbersIn("/proc/self/fd");
+  const int standardInput = dup(STDIN_FILENO);
+  close(STDIN_FILENO);
+  ASSERT_EQ(device_power_lock_state(2, kLong), 0);
+  const bool standardInputTaken = fcntl(STDIN_FILENO, F_GETFD) >= 0;
+  dup2(standardInput, STDIN_FILENO);
+  close(standardInput);
+
+  EXPECT_FALSE(standardInputTaken);
+  std::set<int> opened = numbersIn("/proc/self/fd");
+  for (const int descriptor : before) {
+    opened.erase(descriptor);
+  }
+  ASSERT_THAT(opened, SizeIs(1));
+  EXPECT_EQ(fcntl(*opened.begin(), F_GETFD), FD_CLOEXEC);
 }
 
 class AbsurdTime : public DevicePowerWithLogind, public ::testing::WithParamInterface<int> {};

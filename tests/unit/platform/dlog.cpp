@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -11,6 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <fstream>
 #include <functional>
 #include <map>
 #include <sstream>
@@ -103,19 +105,29 @@ TEST(PlatformLog, WritesOneLineOnStderr) {
   EXPECT_EQ(WithoutTime(text), "E FWUPDATE fw-update-symbol.cpp: loadSymbol(42) > Error : no such module\n");
 }
 
+constexpr long kDayMs = 86400L * 1000;
+
+// Of this moment, where the day begins five and a half hours earlier.
+long MillisecondOfDay() {
+  timespec now = {};
+  clock_gettime(CLOCK_REALTIME, &now);
+  return ((now.tv_sec % 86400 + 5 * 3600 + 1800) * 1000L + now.tv_nsec / 1000000) % kDayMs;
+}
+
 TEST(PlatformLog, ShowsTheTimeOfDay) {
+  const long before = MillisecondOfDay();
   const std::string text = StderrOf("stderr", [] {
     setenv("TZ", "XXX-5:30", 1);  // five and a half hours east
     LogAt(6, "now");
     return 0;
   });
 
-  const std::time_t after = std::time(nullptr);
+  const long after = MillisecondOfDay();
   int hours = -1, minutes = -1, seconds = -1, milliseconds = -1;
   ASSERT_EQ(sscanf(text.c_str(), "%2d:%2d:%2d.%3d ", &hours, &minutes, &seconds, &milliseconds), 4) << text;
-  const std::time_t expected = (after + 5 * 3600 + 1800) % 86400;
-  const std::time_t shown = hours * 3600 + minutes * 60 + seconds;
-  EXPECT_LE((expected - shown + 86400) % 86400, 60);
+  const long shown = ((hours * 60L + minutes) * 60 + seconds) * 1000 + milliseconds;
+  // Midnight may lie between the three.
+  EXPECT_LE((shown - before + kDayMs) % kDayMs, (after - before + kDayMs) % kDayMs) << text;
 }
 
 TEST(PlatformLog, ShowsEachPriorityAsItsLetter) {
@@ -255,6 +267,87 @@ TEST(PlatformLog, ReportsAStderrThatCannotBeWritten) {
   close(ends[1]);
 
   EXPECT_EQ(child.Wait(), 0) << "negative: the signal that ended it";
+}
+
+char StateOf(pid_t process) {
+  std::ifstream file("/proc/" + std::to_string(process) + "/stat");
+  std::string number, name;
+  char state = '?';
+  file >> number >> name >> state;
+  return state;
+}
+
+// A pipe that takes no more, which nobody waits for.
+class FullPipe {
+ public:
+  FullPipe() {
+    EXPECT_EQ(pipe2(ends_, O_CLOEXEC | O_NONBLOCK), 0);
+    const std::string block(4096, '.');
+    while (write(ends_[1], block.data(), block.size()) > 0) {
+    }
+  }
+  ~FullPipe() { close(ends_[0]); }
+  FullPipe(const FullPipe&) = delete;
+  FullPipe& operator=(const FullPipe&) = delete;
+
+  int writingEnd() const { return ends_[1]; }
+  // All that was written, when nobody has the other end any more.
+  std::string Content() {
+    close(ends_[1]);
+    fcntl(ends_[0], F_SETFL, 0);
+    return ReadAll(ends_[0]);
+  }
+
+ private:
+  int ends_[2] = {-1, -1};
+};
+
+TEST(PlatformLog, WaitsForAFullStderrThatIsReadAgain) {
+  FullPipe pipe;
+  const LoggingChild child("stderr", pipe.writingEnd(), [] { return LogAt(6, "late") == 4 ? 0 : 1; });
+  while (StateOf(child.id()) == 'R') {
+    sched_yield();
+  }
+
+  const std::string text = pipe.Content();
+
+  EXPECT_EQ(child.Wait(), 0);
+  EXPECT_EQ(WithoutTime(text.substr(text.find_first_not_of('.'))), "E FWUPDATE late\n");
+}
+
+TEST(PlatformLog, GivesUpAFullStderrThatNobodyReads) {
+  const FullPipe pipe;
+
+  const LoggingChild child("stderr", pipe.writingEnd(),
+                           [] { return LogAt(6, "for nobody") == -EAGAIN ? 0 : 1; });
+
+  EXPECT_EQ(child.Wait(), 0);
+}
+
+TEST(PlatformLog, KeepsASigpipeOfTheProgramsOwn) {
+  int ends[2];
+  ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+  close(ends[0]);
+
+  const LoggingChild child("stderr", ends[1], [] {
+    sigset_t sigpipe;
+    sigemptyset(&sigpipe);
+    sigaddset(&sigpipe, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &sigpipe, nullptr);
+    const auto isPending = [] {
+      sigset_t pending;
+      sigpending(&pending);
+      return sigismember(&pending, SIGPIPE) == 1;
+    };
+    const bool refused = LogAt(6, "for nobody") == -EPIPE;
+    const bool takenBack = !isPending();
+    raise(SIGPIPE);
+    LogAt(6, "for nobody");
+    return refused && takenBack && isPending() ? 0 : 1;
+  });
+  close(ends[1]);
+
+  EXPECT_EQ(child.Wait(), 0);
 }
 
 TEST(PlatformLog, DoesNotMixTheLinesOfSeveralThreads) {

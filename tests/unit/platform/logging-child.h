@@ -24,6 +24,8 @@ class LoggingChild {
     }
   }
 
+  pid_t id() const { return pid_; }
+
   // The exit code, or the negative number of the signal that ended it.
   int Wait() const {
     int status = -1;
