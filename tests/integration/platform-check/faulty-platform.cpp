@@ -1,5 +1,8 @@
-// A platform library that breaks one promise: the one that FW_FAULT names.
+// A platform library that breaks one promise: the one that FW_FAULT names. In the
+// verifier's place it is a faulty verifier too.
+#include <dlfcn.h>
 #include <fcntl.h>
+#include <sys/mount.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -7,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "app-binary-manager.h"
 #include "device-power.h"
@@ -14,6 +18,7 @@
 #include "lwipc.h"
 #include "privileged-service.h"
 #include "system-info.h"
+#include "trace-storage.h"
 
 namespace {
 
@@ -22,7 +27,23 @@ bool fault(const char* name) {
   return chosen != nullptr && std::strcmp(chosen, name) == 0;
 }
 
-bool held = false;  // on purpose no count
+bool held = false;      // on purpose no count
+pid_t signalledIn = 0;  // on purpose not for other processes
+
+// The function of the platform that this one is loaded before.
+template <typename Function>
+Function* real(const char* name) {
+  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+// Mounts as the other platform does, and takes a flag off.
+int mountWithout(unsigned long flag, const char* arguments, int capacity, int* result) {
+  const int status = real<decltype(PS_Mount)>("PS_Mount")(arguments, capacity, 0, result);
+  const char* const directory = std::strrchr(arguments, ' ') + 1;
+  mount(nullptr, directory, nullptr, MS_REMOUNT | MS_BIND | ((MS_RDONLY | MS_NODEV | MS_NOSUID) & ~flag),
+        nullptr);
+  return status;
+}
 
 }  // namespace
 
@@ -33,8 +54,12 @@ extern "C" int __dlog_print(int, int, const char* tag, const char* format, ...) 
     }
     return 0;
   }
+  if (fault("log-threads") && getpid() != gettid()) {
+    std::abort();
+  }
   const int before = errno;
-  static char text[300000];
+  errno = fault("log-no-error-text") ? 0 : before;
+  thread_local char text[300000];
   va_list arguments;
   va_start(arguments, format);
   const std::size_t size = fault("log-cuts") ? 1000 : sizeof(text);
@@ -49,13 +74,30 @@ extern "C" int __dlog_print(int, int, const char* tag, const char* format, ...) 
 
 extern "C" int system_info_get_value_string(int key, char** value) {
   if (key != SYSTEM_INFO_SOFTWARE_VERSION && !fault("system-any-key")) {
+    *value = fault("system-value-changed") ? nullptr : *value;
     return -ENOTSUP;
   }
-  *value = strdup(fault("system-no-dash") ? "television" : "television-1");
+  if (fault("system-unknown")) {
+    return -ENOENT;
+  }
+  *value = strdup(fault("system-dash-first") ? "-1"
+                  : fault("system-no-dash")  ? "television"
+                                             : "television-1");
   return 0;
 }
 
-extern "C" int PS_Mount(const char*, int, int, int* result) {
+extern "C" int PS_Mount(const char* arguments, int capacity, int, int* result) {
+  struct {
+    const char* fault;
+    unsigned long without;
+  } constexpr mounts[] = {
+      {"mount-writable", MS_RDONLY}, {"mount-with-devices", MS_NODEV}, {"mount-with-set-user-id", MS_NOSUID},
+      {"unmount-reads-on", 0},       {"unmount-says-yes", 0},          {"unmount-keeps-loop", 0}};
+  for (const auto& one : mounts) {
+    if (fault(one.fault)) {
+      return mountWithout(one.without, arguments, capacity, result);
+    }
+  }
   while (fault("mount-hangs")) {
     close(open("/tmp/hangs", O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
     pause();
@@ -64,20 +106,36 @@ extern "C" int PS_Mount(const char*, int, int, int* result) {
   return fault("mount-says-yes") ? 0 : -ENOSYS;
 }
 
-extern "C" int PS_Umount(const char*, int, int, int*) {
+extern "C" int PS_Umount(const char* directory, int length, int, int* result) {
+  if (fault("unmount-says-yes")) {
+    *result = 0;
+    return 0;
+  }
+  if (fault("unmount-reads-on")) {
+    *result = 0;
+    return umount2(directory, 0) == 0 ? 0 : -errno;
+  }
+  if (fault("unmount-keeps-loop")) {
+    open((std::string(directory, static_cast<std::size_t>(length)) + "/firmware.bin").c_str(), O_RDONLY);
+    return umount2(std::string(directory, static_cast<std::size_t>(length)).c_str(), MNT_DETACH);
+  }
   return -ENOSYS;
 }
 
-extern "C" int PS_Mknod(const char*, int, int, int*) {
-  return -ENOSYS;
+extern "C" int PS_Mknod(const char*, int, int, int* result) {
+  *result = 0;
+  return fault("node-says-yes") ? 0 : -ENOSYS;
 }
 
 extern "C" int device_power_lock_state(int, int) {
   held = true;
-  return 0;
+  return fault("power-odd-failure") ? 1 : 0;
 }
 
 extern "C" int device_power_unlock_state(int) {
+  if (fault("power-keeps")) {
+    return -EIO;
+  }
   if (!held && !fault("power-gives-more")) {
     return -ENOENT;
   }
@@ -86,14 +144,15 @@ extern "C" int device_power_unlock_state(int) {
 }
 
 extern "C" int LwipcEventDone(const char*) {
-  return 0;
+  signalledIn = fault("event-only-here") ? getpid() : 0;
+  return fault("event-cannot-be-done") ? -EIO : 0;
 }
 
 extern "C" int LwipcEventWait(const char*, int timeout) {
   if (fault("event-hangs") && timeout != 0) {
     pause();
   }
-  return fault("event-always-done") ? 0 : -ETIMEDOUT;
+  return fault("event-always-done") || signalledIn == getpid() ? 0 : -ETIMEDOUT;
 }
 
 bool appbinaryManager::ABM_DownloadAppBinary(void (*)(const std::string&, int, void*), void*,
@@ -103,4 +162,62 @@ bool appbinaryManager::ABM_DownloadAppBinary(void (*)(const std::string&, int, v
   }
   return !appId.empty() && (fault("download-any-name") || appId.find('/') == std::string::npos) &&
          appId.find(' ') == std::string::npos;
+}
+
+// ---- Traces that are kept nowhere ----------------------------------------------------
+
+namespace TraceStorage {
+
+std::uint8_t enabled = 1;
+
+namespace {
+
+pid_t loadedIn = getpid();
+unsigned char shared[4096];
+thread_local unsigned char own[4096];
+
+}  // namespace
+
+void Storage::SaveLocation(const CallLocation&) {
+  errno = fault("trace-errno") ? EIO : errno;
+}
+
+Thread* Storage::ThreadHandle() {
+  const bool grandchild = getpid() != loadedIn && getppid() != loadedIn;  // each check has a child
+  if (fault("trace-not-in-a-child") && grandchild) {
+    std::abort();
+  }
+  return nullptr;
+}
+
+unsigned char* Storage::PrepareCallBuffer(Thread*, unsigned int, unsigned char, std::uint32_t) {
+  return fault("trace-one-buffer") ? shared : own;
+}
+
+void Storage::Commit(Thread*) {}
+
+Manager& Manager::Instance() {
+  static Manager instance;
+  return instance;
+}
+
+std::uint32_t Manager::NewLocationId() {
+  static std::uint32_t last = 0;
+  ++last;
+  return fault("trace-number-0") ? last - 1 : fault("trace-numbers-twice") ? (last + 1) / 2 : last;
+}
+
+Storage& Manager::GetStorage() {
+  static Storage storage;
+  return storage;
+}
+
+}  // namespace TraceStorage
+
+// ---- A verifier ------------------------------------------------------------------------
+
+extern "C" __attribute__((visibility("default"))) int verifyFile(int, const char* path, const char*) {
+  const bool isThere = access(path, F_OK) == 0;
+  return (isThere && fault("verifier-takes-unsigned")) || (!isThere && fault("verifier-takes-missing")) ? 1
+                                                                                                        : 0;
 }

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <csignal>
 #include <filesystem>
+#include <optional>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -15,6 +16,7 @@
 #include "device-environment.h"
 #include "running-program.h"
 #include "system-bus.h"
+#include "temporary-mount.h"
 
 namespace {
 
@@ -112,6 +114,17 @@ TEST_F(PlatformCheck, FindsAMissingVerifier) {
   EXPECT_NE(result.output.find("every package is taken"), std::string::npos) << result.output;
 }
 
+// The file system is gone from the directory, and still open.
+TEST_F(PlatformCheck, FindsALoopDeviceThatIsLeft) {
+  const ProgramResult result = check({"--library", FAULTY_PLATFORM, "--only", "mount"}, "unmount-keeps-loop");
+
+  if (result.output.find("without a loop device that can be seen") != std::string::npos) {
+    GTEST_SKIP() << "only root mounts with loop devices";
+  }
+  EXPECT_NE(result.output.find("BROKEN       detaches the loop device"), std::string::npos) << result.output;
+  EXPECT_NE(result.output.find("the loop device still has the image"), std::string::npos) << result.output;
+}
+
 TEST_F(PlatformCheck, RefusesWrongArguments) {
   for (const std::vector<std::string>& arguments :
        std::vector<std::vector<std::string>>{{"--only", "colours"},
@@ -130,8 +143,9 @@ TEST_F(PlatformCheck, RefusesWrongArguments) {
 struct Fault {
   const char* name;
   const char* area;
-  const char* promise;   // that must be called broken
-  const char* sentence;  // why
+  const char* promise;        // that must be called broken
+  const char* sentence;       // why
+  bool withoutNodes = false;  // in /dev
 };
 
 void PrintTo(const Fault& fault, std::ostream* stream) {
@@ -142,6 +156,11 @@ class FaultyPlatform : public PlatformCheck, public ::testing::WithParamInterfac
 
 TEST_P(FaultyPlatform, IsFoundOut) {
   const Fault& fault = GetParam();
+  fs::copy_file(FAULTY_PLATFORM, "/usr/lib/libkZAQUser.so");
+  std::optional<TemporaryMount> devices;
+  if (fault.withoutNodes) {
+    devices.emplace(TemporaryMount::Memory("/dev"));
+  }
 
   const ProgramResult result =
       check({"--library", FAULTY_PLATFORM, "--only", fault.area, "--timeout", "2"}, fault.name);
@@ -156,19 +175,44 @@ constexpr Fault faults[] = {
     {"log-errno", "log", "leaves errno as it was", "errno was changed to 5"},
     {"log-length", "log", "returns the length of the message", "returned 21 for a message of 20 bytes"},
     {"log-null", "log", "takes a null tag and a null format", "Aborted"},
+    {"log-no-error-text", "log", "formats %m as the error text of errno", "for a message of 15 bytes"},
+    {"log-threads", "log", "takes calls from several threads at once", "Aborted"},
     {"log-cuts", "log", "takes messages of any length", "returned 999"},
     {"system-no-dash", "system", "gives a software version", "television"},
+    {"system-dash-first", "system", "gives a software version", "the version is \"-1\""},
+    {"system-unknown", "system", "gives a software version", "the call returned -2"},
+    {"system-value-changed", "system", "refuses another key", "the value was changed"},
     {"system-any-key", "system", "refuses another key", "key -1 is answered with 0"},
     {"mount-says-yes", "mount", "refuses an image that is not there", "said to be mounted"},
     {"mount-says-yes", "mount", "mounts a package read-only", "not in the directory"},
     {"", "mount", "mounts a package read-only", "PS_Mount returned -38"},
+    {"mount-writable", "mount", "mounts a package read-only", "not mounted with ro"},
+    {"mount-with-devices", "mount", "mounts a package read-only", "not mounted with nodev"},
+    {"mount-with-set-user-id", "mount", "mounts a package read-only", "not mounted with nosuid"},
+    {"unmount-reads-on", "mount", "unmounts a directory that is given without a NUL",
+     "PS_Umount returned -2"},
+    {"unmount-says-yes", "mount", "unmounts a directory that is given without a NUL", "it is still mounted"},
+    {"", "mount", "takes the library's text for a loop node", "the call returned -38", true},
+    {"node-says-yes", "mount", "takes the library's text for a loop node", "no /dev/loop0 afterwards", true},
+    {"power-odd-failure", "power", "gives back what it holds", "a failure is 1, not negative"},
+    {"power-keeps", "power", "gives back what it holds", "what was held was not given back"},
     {"power-gives-more", "power", "gives back what it holds", "more was given back than was held"},
     {"", "power", "counts every hold", "one after the other"},
     {"", "power", "ends a hold by itself", "over a second"},
     {"", "event", "keeps a done event done", "not done for the process"},
     {"", "event", "wakes a process that waits", "not woken"},
+    {"event-always-done", "event", "keeps a done event done", "an event that nobody signalled is done"},
+    {"event-cannot-be-done", "event", "keeps a done event done", "signalling returned -5"},
+    {"event-only-here", "event", "keeps a done event done", "it is not done for another process"},
     {"event-always-done", "event", "ends a wait after its time", "the wait ended with 0"},
     {"event-hangs", "event", "ends a wait after its time", "no answer within 2 s"},
+    {"trace-errno", "trace", "leaves errno as it was", "errno was changed to 5"},
+    {"trace-number-0", "trace", "numbers every place differently", "the number 0 was given"},
+    {"trace-numbers-twice", "trace", "numbers every place differently", "the number 1 was given"},
+    {"trace-one-buffer", "trace", "gives each thread a buffer of its own", "another thread wrote"},
+    {"trace-not-in-a-child", "trace", "goes on in a forked child", "broke off at its first message"},
+    {"verifier-takes-unsigned", "verifier", "refuses a file without a signature", "it was taken"},
+    {"verifier-takes-missing", "verifier", "refuses a file that is not there", "it was taken"},
     {"download-any-name", "download", "refuses a name that is no identifier",
      "\"../platformcheck\" was accepted"},
     {"download-throws", "download", "returns at once", "Aborted"},
