@@ -28,7 +28,7 @@ void fail(Report& report, Check check, const std::string& message) {
 Report cleanReport() {
   Report report;
   report.subject.library = "libdoor";
-  report.subject.path = "/work/libdoor.so";
+  report.subject.path = "/tmp/libdoor.so";
   report.subject.firmware = "doorfw";
   report.subject.activeVersion = "1.0";
   for (CheckResult& result : report.results)
@@ -116,7 +116,7 @@ TEST(CheckReport, IsOneJsonDocument) {
   EXPECT_EQ(document["ok"], false);
   EXPECT_EQ(document["outcome"], "errors-found");
   EXPECT_EQ(document["exitCode"], 1);
-  EXPECT_EQ(document["module"]["file"], "/work/libdoor.so");
+  EXPECT_EQ(document["module"]["file"], "/tmp/libdoor.so");
   EXPECT_EQ(document["module"]["library"], "libdoor");
   EXPECT_EQ(document["module"]["kind"], "ordinary");
   EXPECT_EQ(document["module"]["firmware"], "doorfw");
