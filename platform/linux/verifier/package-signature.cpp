@@ -226,23 +226,28 @@ Verdict PackageCheck::judgeStatements() const {
   return fits ? Verdict::Valid : Verdict::OtherModel;
 }
 
-SignatureReport checkSignature(int file, const Trust& trust, const Expectation& expected) {
-  SignatureReport report;
+Verdict readTrailer(int file, TrailerBytes& trailer, std::int64_t& content) {
   struct stat status = {};
   if (::fstat(file, &status) != 0) {
-    return report;
+    return Verdict::Unreadable;
   }
   if (!S_ISREG(status.st_mode)) {
-    return withVerdict(report, Verdict::NoFile);
+    return Verdict::NoFile;
   }
-  const std::int64_t content = status.st_size - static_cast<std::int64_t>(trailerSize);
+  content = status.st_size - static_cast<std::int64_t>(trailerSize);
   if (content <= 0) {
-    return withVerdict(report, Verdict::TooShort);
+    return Verdict::TooShort;
   }
+  return readFully(file, trailer.data(), trailer.size(), content) ? Verdict::Valid : Verdict::Unreadable;
+}
+
+SignatureReport checkSignature(int file, const Trust& trust, const Expectation& expected) {
+  SignatureReport report;
   // The trailer first: most of what is no package is refused without reading it.
   TrailerBytes bytes;
-  if (!readFully(file, bytes.data(), bytes.size(), content)) {
-    return report;
+  std::int64_t content = 0;
+  if (const Verdict verdict = readTrailer(file, bytes, content); verdict != Verdict::Valid) {
+    return withVerdict(report, verdict);
   }
   PackageCheck check(trust, expected);
   const bool readable = !check.begin(bytes) || addContent(file, content, check);

@@ -5,6 +5,7 @@
 #define FW_PLATFORM_PACKAGE_SIGNATURE_H
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
@@ -104,8 +105,12 @@ class PackageCheck {
   std::optional<PackageDigest> digest_;
 };
 
-// file: a descriptor; where it stands is neither used nor changed. Both throw as the
-// check does.
+// The last bytes of a file, and how many stand before them. Valid when there are both;
+// what they say is not looked at. file: a descriptor; where it stands is neither used nor
+// changed.
+Verdict readTrailer(int file, TrailerBytes& trailer, std::int64_t& content);
+
+// file: as above. Both throw as the check does.
 SignatureReport checkSignature(int file, const Trust& trust, const Expectation& expected);
 SignatureReport checkSignature(const std::string& path, const Trust& trust, const Expectation& expected);
 
