@@ -91,11 +91,11 @@ Package makePackage(const bench::Directory& directory) {
   return made;
 }
 
-Stream openBehindIv(const Package& package) {
-  Stream file = openPackage(package.package);
+FILE* readBehindIv(OpenPackage& package, const std::string& path) {
+  FILE* const file = package.isOpen() ? package.read() : nullptr;
   PackageIv skipped;
-  if (!file || !readPackageIv(file.get(), skipped)) {
-    throw std::runtime_error(package.package + " cannot be read");
+  if (file == nullptr || !readPackageIv(file, skipped)) {
+    throw std::runtime_error(path + " cannot be read");
   }
   return file;
 }
@@ -111,9 +111,9 @@ void decrypt(benchmark::State& state, const Package& package) {
     int length = 0;
     Buffer buffer;
     {
-      const Stream file = openBehindIv(package);
-      buffer.reset(
-          aes_256_cbc_all(file.get(), key().data(), iv().data(), 0, static_cast<int>(package.count), length));
+      OpenPackage file(package.package);
+      buffer.reset(aes_256_cbc_all(readBehindIv(file, package.package), key().data(), iv().data(), 0,
+                                   static_cast<int>(package.count), length));
     }
     state.PauseTiming();
     if (!buffer || static_cast<std::size_t>(length) != package.plaintext.size() ||
@@ -158,9 +158,10 @@ void decryptWithOpenssl(benchmark::State& state, const Package& package) {
 // ---- The parts, each as the library does it ---------------------------------------
 
 void readAlone(const Package& package) {
-  const Stream file = openBehindIv(package);
+  OpenPackage opened(package.package);
+  FILE* const file = readBehindIv(opened, package.package);
   Bytes input(ReadSize);
-  while (std::fread(input.data(), 1, ReadSize, file.get()) == ReadSize) {
+  while (std::fread(input.data(), 1, ReadSize, file) == ReadSize) {
     benchmark::DoNotOptimize(input.data());
   }
 }

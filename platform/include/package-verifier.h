@@ -21,7 +21,7 @@ int verifyFile(int reserved, const char* filePath, const char* caller);
    afterwards. So the bytes that were read are given to the verifier once more, in file
    order, and their signature is judged, not the file's. All four, or none, must be there.
    A check belongs to who began it, and is used by one thread at a time. */
-typedef struct PackageContentCheck PackageContentCheck;
+typedef struct PackageContentCheck PackageContentCheck; /* NOLINT(modernize-use-using): C */
 
 /* Begins to check the package that descriptor is open for; filePath is the path that it
    was opened by, as verifyFile got it. The descriptor stays its owner's, and so does its

@@ -47,8 +47,8 @@ void ContentCheck::bind(void* library) {
   }
 }
 
-void ContentCheck::Release::operator()(PackageContentCheck* check) const {
-  entryPoints().load()->release(check);
+void ContentCheck::Release::operator()(PackageContentCheck* done) const {
+  entryPoints().load()->release(done);
 }
 
 ContentCheck::ContentCheck(const std::string& path, int descriptor) {

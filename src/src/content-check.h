@@ -29,7 +29,7 @@ class ContentCheck {
 
  private:
   struct Release {
-    void operator()(PackageContentCheck* check) const;
+    void operator()(PackageContentCheck* done) const;
   };
   std::unique_ptr<PackageContentCheck, Release> check;
 };
