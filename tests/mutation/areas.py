@@ -1,0 +1,54 @@
+"""Which tests look at which sources first.
+
+An area is a folder, the programs whose tests are its own (shell patterns over the names of
+targets), and further tests by name, of commands and pages. A file belongs to the area with
+the longest folder that it lies in.
+"""
+import dataclasses
+import fnmatch
+
+
+@dataclasses.dataclass(frozen=True)
+class Area:
+    folder: str
+    programs: tuple
+    tests: tuple = ()  # shell patterns over their names
+    targets: tuple = ()  # what these need to be built
+
+
+AREAS = (
+    Area("src", ("test-fw-update-*", "test-diagnostic-log", "test-image-crc"), ("Exports.*", "Troubleshooting.*")),
+    Area("platform/linux", ("test-platform-*", "test-download", "test-privileged-*", "platform-check-test")),
+    Area("platform/linux/log", ("test-platform-log", "test-platform-files", "test-platform-journal")),
+    Area("platform/linux/power", ("test-platform-power",)),
+    Area("platform/linux/privileged", ("test-platform-privileged", "test-privileged-*", "replay-privileged-message")),
+    Area("platform/linux/trace", ("test-platform-trace-storage", "test-fw-trace", "replay-trace-reader")),
+    Area("platform/linux/verifier", ("test-verifier", "replay-package-signature", "fw-pack-test")),
+    Area("platform/conformance", ("platform-check-test",)),
+    Area("sandbox", ("sandbox-test", "fw-device-test")),
+    Area("modules", ("modules-test", "component-flash-test", "test-large-images")),
+    Area("tools/shared", ("test-tool-*", "test-fw-update", "test-fw-trace", "fw-pack-test")),
+    Area("tools/fw-device", ("fw-device-test", "test-fw-device*")),
+    Area("tools/fw-download", ("test-download", "test-fw-download*")),
+    Area("tools/fw-module", ("fw-module-test", "test-fw-module*")),
+    Area("tools/fw-pack", ("fw-pack-test", "test-fw-pack*", "test-verifier")),
+    Area("tools/fw-privileged", ("test-privileged-service",)),
+    Area("tools/fw-trace", ("test-fw-trace", "fw-trace-test", "replay-trace-reader"), ("FwTrace.*",),
+         ("fw-trace", "fw-update", "fw-device")),
+    Area("tools/fw-update", ("test-fw-update", "fw-update-tool-test")),
+)
+
+# No programs of the project, but what others are made from.
+LEFT_OUT = ("tools/fw-module/templates/*",)
+
+
+def area_of(file, areas=AREAS):
+    """The area of a file, or None."""
+    if any(fnmatch.fnmatchcase(file, pattern) for pattern in LEFT_OUT):
+        return None
+    fitting = [area for area in areas if file.startswith(area.folder + "/")]
+    return max(fitting, key=lambda area: len(area.folder), default=None)
+
+
+def matches(name, patterns):
+    return any(fnmatch.fnmatchcase(name, pattern) for pattern in patterns)
