@@ -29,6 +29,9 @@ int WriteNewFile(int directory, const std::string& name, const std::string& cont
   if (!file) {
     return errno;
   }
+  if (fchmod(file.get(), 0644) != 0) {  // whatever the umask is
+    return errno;
+  }
   if (const int error = WriteAll(file.get(), content); error != 0) {
     return error;
   }

@@ -6,8 +6,7 @@
 
 #include "signing.h"
 
-// A key of "ed25519", "rsa-3072" or "rsa-4096", the same in the whole process: RSA
-// keys take a second to make.
+// A key of "ed25519", "rsa-3072" or "rsa-4096", the same in the whole process.
 const fwpack::SigningKey& testSigningKey(const std::string& algorithm);
 
 // The PEM text of its public half.

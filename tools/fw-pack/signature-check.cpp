@@ -22,7 +22,8 @@ fwpackage::Trust trustInFile(const std::string& path) {
             return key && fwpackage::keyIdOf(key.get()) == id ? std::move(key) : fwpackage::Key();
           },
           [](const fwpackage::KeyId&) { return fwpackage::Listed::No; },
-          [](const fwpackage::KeyId&) { return fwpackage::Listed::Yes; }};
+          [](const fwpackage::KeyId&) { return fwpackage::Listed::Yes; },
+          [](const std::string&) { return fwpackage::MinimumVersion(); }};
 }
 
 fwpackage::Expectation expectationOf(const Options& options) {

@@ -1,17 +1,18 @@
 // The verification library's check of what was read of a package.
+#include <cerrno>
 #include <exception>
 #include <memory>
 
+#include "device-policy.h"
+#include "judged-safely.h"
 #include "package-verifier.h"
-#include "public-keys.h"
 #include "read-package.h"
-#include "wanted-package.h"
 
 #define ENTRY_POINT extern "C" __attribute__((visibility("default")))
 
 struct PackageContentCheck {
   PackageContentCheck(const char* filePath, int descriptor)
-      : package(descriptor, fwpackage::trustIn(fwpackage::keyDirectory), fwpackage::wantedAt(filePath)) {}
+      : package(descriptor, fwpackage::trustOfDevice(), fwpackage::wantedAt(filePath)) {}
 
   fwpackage::ReadPackage package;
   fwpackage::SignatureReport report;  // of the whole package, when it has ended
@@ -41,6 +42,17 @@ ENTRY_POINT int endContentCheck(PackageContentCheck* check) {
     return check->report.verdict == fwpackage::Verdict::Valid;
   });
   return valid && !check->failed ? 1 : 0;
+}
+
+ENTRY_POINT int noteAppliedPackage(const PackageContentCheck* check) {
+  if (check->failed) {
+    return -EINVAL;
+  }
+  try {
+    return -fwpackage::noteApplied(check->report);
+  } catch (const std::exception&) {
+    return -ENOMEM;
+  }
 }
 
 ENTRY_POINT void releaseContentCheck(PackageContentCheck* check) {

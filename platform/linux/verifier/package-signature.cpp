@@ -15,6 +15,7 @@
 
 #include "public-keys.h"
 #include "unique-fd.h"
+#include "version-order.h"
 
 namespace fwpackage {
 namespace {
@@ -40,6 +41,8 @@ constexpr VerdictInfo verdicts[] = {
     {Verdict::OtherKind, "other-kind", "the signature is for another kind of package"},
     {Verdict::OtherName, "other-name", "the package is for another component"},
     {Verdict::OtherModel, "other-model", "the package is for another model"},
+    {Verdict::UnusableMinimum, "unusable-minimum", "the set's minimum version cannot be read"},
+    {Verdict::TooOld, "too-old", "the package is older than the set's minimum version"},
 };
 
 constexpr struct {
@@ -148,7 +151,8 @@ const VerdictInfo& infoOf(Verdict verdict) {
 Trust trustIn(const std::string& directory) {
   return {[directory](const KeyId& id) { return findPublicKey(directory, id); },
           [directory](const KeyId& id) { return findInList(directory + "/" + revokedList, id); },
-          [directory](const KeyId& id) { return findInList(directory + "/" + oldFormatList, id); }};
+          [directory](const KeyId& id) { return findInList(directory + "/" + oldFormatList, id); },
+          [](const std::string&) { return MinimumVersion(); }};
 }
 
 PackageCheck::PackageCheck(const Trust& trust, Expectation expected)
@@ -213,7 +217,7 @@ Verdict PackageCheck::judgeKey() {
 // Only after the signature: before, anybody may have stated them.
 Verdict PackageCheck::judgeStatements() const {
   if (report_.trailer.format == oldFormat) {
-    return expected_.kind == Kind::UsbPackage ? Verdict::Valid : Verdict::OtherKind;
+    return expected_.kind == Kind::UsbPackage ? judgeMinimum() : Verdict::OtherKind;
   }
   const Statements& stated = report_.trailer.statements;
   if (stated.kind != expected_.kind) {
@@ -223,7 +227,24 @@ Verdict PackageCheck::judgeStatements() const {
     return Verdict::OtherName;
   }
   const bool fits = expected_.anyModel || stated.model.empty() || stated.model == expected_.model;
-  return fits ? Verdict::Valid : Verdict::OtherModel;
+  return fits ? judgeMinimum() : Verdict::OtherModel;
+}
+
+// A package of the old format states no version: a minimum refuses it.
+Verdict PackageCheck::judgeMinimum() const {
+  const Statements& stated = report_.trailer.statements;
+  const bool old = report_.trailer.format == oldFormat;
+  if (expected_.rollbackAllowed) {
+    return Verdict::Valid;
+  }
+  const MinimumVersion minimum = trust_.minimumVersion(old ? expected_.name.value_or("") : stated.name);
+  if (minimum.state == MinimumVersion::State::None) {
+    return Verdict::Valid;
+  }
+  if (minimum.state == MinimumVersion::State::Unusable) {
+    return Verdict::UnusableMinimum;
+  }
+  return old || isOlder(stated.version, minimum.version) ? Verdict::TooOld : Verdict::Valid;
 }
 
 Verdict readTrailer(int file, TrailerBytes& trailer, std::int64_t& content) {

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "key-lists.h"
+#include "minimum-versions.h"
 #include "openssl-handles.h"
 #include "package-trailer.h"
 
@@ -46,6 +47,8 @@ enum class Verdict {
   OtherKind,
   OtherName,
   OtherModel,
+  UnusableMinimum,
+  TooOld,
 };
 
 struct VerdictInfo {
@@ -66,9 +69,10 @@ struct Trust {
   std::function<Key(const KeyId& keyId)> findKey;  // null when there is none
   std::function<Listed(const KeyId& keyId)> isRevoked;
   std::function<Listed(const KeyId& keyId)> maySignOldFormat;
+  std::function<MinimumVersion(const std::string& name)> minimumVersion;
 };
 
-// The keys and lists of a directory. Each use reads them anew.
+// The keys and lists of a directory, without minimum versions. Each use reads them anew.
 Trust trustIn(const std::string& directory);
 
 // The package that is wanted. A package of the old format states none of it, so that
@@ -78,6 +82,7 @@ struct Expectation {
   std::optional<std::string> name;   // when absent, every name will do
   std::optional<std::string> model;  // the set's; when absent, only a package for any set will do
   bool anyModel = false;             // then every package will do
+  bool rollbackAllowed = false;      // then no minimum version is looked at
 };
 
 // Judges a package whose bytes come from outside: first its trailer, then, when that
@@ -97,6 +102,7 @@ class PackageCheck {
   Verdict judgeTrailer();
   Verdict judgeKey();
   Verdict judgeStatements() const;
+  Verdict judgeMinimum() const;
 
   const Trust& trust_;
   const Expectation expected_;

@@ -30,6 +30,7 @@ constexpr char kPackage[] = "/opt/media/USBDriveA/tunerfw.bin";
 constexpr char kKey[] = "/usr/share/fw-update/keys/maker.pem";
 constexpr char kOldFormatList[] = "/usr/share/fw-update/keys/format-1";
 constexpr char kRevokedList[] = "/usr/share/fw-update/keys/revoked";
+constexpr char kMinimumVersion[] = "/var/lib/fw-update/minimum-versions/tunerfw";
 constexpr char kContent[] = "IV and ciphertext";
 constexpr std::size_t kTrailer = 534;
 
@@ -251,6 +252,17 @@ TEST_F(Verifier, RefusesEverythingThatAnUnusableListDecidesAbout) {
   writeFile(kOldFormatList, "not an identifier\n");
   EXPECT_TRUE(acceptsContent(package));
   EXPECT_FALSE(acceptsContent(oldSignedFile(kContent, key)));
+}
+
+TEST_F(Verifier, RefusesAPackageBelowTheMinimumVersion) {
+  const std::string package = smallPackage(installKey());  // of version 2.0.0
+  writeFile(kMinimumVersion, "2.0.0\n");
+  EXPECT_TRUE(acceptsContent(package));
+
+  writeFile(kMinimumVersion, "2.0.1\n");
+  EXPECT_FALSE(acceptsContent(package));
+  writeFile(kMinimumVersion, "damaged");
+  EXPECT_FALSE(acceptsContent(package));
 }
 
 TEST_F(Verifier, AcceptsAPackageOfManyBlocks) {
