@@ -8,22 +8,23 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <systemd/sd-daemon.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
-#include <charconv>
+#include <chrono>
+#include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <optional>
 #include <string>
-#include <string_view>
-#include <system_error>
 #include <utility>
 
 #include "dlog.h"
 #include "errno-text.h"
+#include "own-rights.h"
 #include "privileged/privileged-protocol.h"
 #include "privileged/privileged-server.h"
 #include "unique-fd.h"
@@ -97,43 +98,17 @@ bool FindGroup(const std::optional<std::string>& name, std::optional<gid_t>& gro
   return !name || Fail("there is no group \"" + *name + "\"");
 }
 
-// 0 for what is no number.
-int NumberIn(std::string_view text) {
-  int number = 0;
-  const auto parsed = std::from_chars(text.data(), text.data() + text.size(), number);
-  return parsed.ec == std::errc() && parsed.ptr == text.data() + text.size() ? number : 0;
-}
-
-// The variables of the service manager are for this process alone.
+// How many sockets the service manager hands over to this process; negative when it
+// does so in a way that can't be understood.
 int HandedOverSockets() {
-  const char* pid = std::getenv("LISTEN_PID");
-  const char* count = std::getenv("LISTEN_FDS");
-  const bool forThisProcess = pid != nullptr && std::to_string(getpid()) == pid;
-  const int sockets = forThisProcess && count != nullptr ? NumberIn(count) : 0;
-  unsetenv("LISTEN_PID");
-  unsetenv("LISTEN_FDS");
-  unsetenv("LISTEN_FDNAMES");
-  return sockets;
-}
-
-int SocketOption(int socket, int name) {
-  int value = -1;
-  socklen_t size = sizeof value;
-  return getsockopt(socket, SOL_SOCKET, name, &value, &size) == 0 ? value : -1;
-}
-
-bool IsListener(int socket) {
-  return SocketOption(socket, SO_DOMAIN) == AF_UNIX && SocketOption(socket, SO_TYPE) == SOCK_SEQPACKET &&
-         SocketOption(socket, SO_ACCEPTCONN) == 1;
+  return sd_listen_fds(1);
 }
 
 bool TakeHandedOver(int count, UniqueFd& listener) {
-  constexpr int kFirstHandedOver = 3;
-  if (count != 1 || !IsListener(kFirstHandedOver)) {
+  if (count != 1 || sd_is_socket(SD_LISTEN_FDS_START, AF_UNIX, SOCK_SEQPACKET, 1) <= 0) {
     return Fail("the service manager must hand over one listening Unix sequenced-packet socket");
   }
-  listener.reset(kFirstHandedOver);
-  fcntl(listener.get(), F_SETFD, FD_CLOEXEC);
+  listener.reset(SD_LISTEN_FDS_START);
   return true;
 }
 
@@ -182,6 +157,16 @@ bool MakeListener(UniqueFd& listener) {
   return true;
 }
 
+// Tells the service manager that the service is alive, as often as it wants to hear it.
+fwplatform::Heartbeat HeartbeatForTheManager() {
+  std::uint64_t microseconds = 0;
+  if (sd_watchdog_enabled(1, &microseconds) <= 0) {
+    return {};
+  }
+  const std::chrono::milliseconds patience(microseconds / 1000);
+  return {std::max(patience / 2, std::chrono::milliseconds(1)), [] { sd_notify(0, "WATCHDOG=1"); }};
+}
+
 // Readable when the process is asked to end.
 UniqueFd StopSignals() {
   sigset_t signals;
@@ -199,7 +184,7 @@ int Serve(const Options& options) {
   }
   const int handedOver = HandedOverSockets();
   UniqueFd listener;
-  if (handedOver > 0 ? !TakeHandedOver(handedOver, listener) : !MakeListener(listener)) {
+  if (handedOver != 0 ? !TakeHandedOver(handedOver, listener) : !MakeListener(listener)) {
     return kExitFailure;
   }
   const UniqueFd stop = StopSignals();
@@ -207,9 +192,14 @@ int Serve(const Options& options) {
     Fail("waiting for signals: " + ErrnoText(errno));
     return kExitFailure;
   }
+  if (const int error = GiveUpOtherRights(); error != 0) {
+    Fail("giving up rights that it does not need: " + ErrnoText(error));
+    return kExitFailure;
+  }
+  sd_notify(0, "READY=1");
   __dlog_print(2, DLOG_INFO_PRIORITY, "FWUPDATE", "privileged: serving root%s",
                group ? (" and group " + std::to_string(*group)).c_str() : "");
-  fwplatform::PrivilegedServer server(std::move(listener), group);
+  fwplatform::PrivilegedServer server(std::move(listener), group, HeartbeatForTheManager());
   const bool ended = server.Run(stop.get()) || Fail("waiting for requests: " + ErrnoText(errno));
   if (handedOver == 0) {
     unlink(kPrivilegedSocketPath);

@@ -1,90 +1,95 @@
 #include "privileged/loop-mount.h"
 
 #include <fcntl.h>
-#include <libmount.h>
 #include <linux/loop.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
 
 #include <cerrno>
-#include <memory>
+
+#include "privileged/detached-mount.h"
 
 namespace fwplatform {
 namespace {
 
-struct FreeContext {
-  void operator()(libmnt_context* context) const { mnt_free_context(context); }
+constexpr char kControl[] = "/dev/loop-control";
+// As many as a busy machine may take away from under this process, one after the other.
+constexpr int kMostAttempts = 100;
+constexpr int kMostNodes = 256;
+constexpr unsigned kLoopMajor = 7;
+
+struct LoopDevice {
+  UniqueFd fd;
+  std::string path;
 };
 
-using MountContext = std::unique_ptr<libmnt_context, FreeContext>;
-
-// The errno value for a libmount result that is not 0.
-int ErrorOf(libmnt_context* context, int status, int error) {
-  if (mnt_context_syscall_called(context) == 1) {
-    return mnt_context_get_syscall_errno(context);
-  }
-  if (status == -MNT_ERR_LOOPOVERLAP) {
-    return EBUSY;
-  }
-  // libmount's own numbers lie above every errno value; errno has the reason.
-  constexpr int kLowestLibmountError = 5000;
-  if (status > -kLowestLibmountError && status < 0) {
-    return -status;
-  }
-  return error == 0 ? EIO : error;
+// Gives the device this file for as long as it is open or mounted. Which file it is, is
+// not looked up again: the kernel takes the opened one.
+int Bind(int device, const UniqueFd& image) {
+  loop_config config = {};
+  config.fd = static_cast<unsigned>(image.get());
+  config.info.lo_flags = LO_FLAGS_READ_ONLY | LO_FLAGS_AUTOCLEAR;
+  return ioctl(device, LOOP_CONFIGURE, &config) == 0 ? 0 : errno;
 }
 
-MountContext NewContext(const LoopMountRequest& request) {
-  MountContext context(mnt_new_context());
-  if (!context) {
-    return context;
+// 0, or an errno value: EBUSY when another process has the device, ENOENT when there is
+// no such node.
+int TryDevice(int number, const UniqueFd& image, LoopDevice& device) {
+  const std::string path = "/dev/loop" + std::to_string(number);
+  UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW));
+  struct stat status = {};
+  if (!fd || fstat(fd.get(), &status) != 0) {
+    return errno == ELOOP || errno == ENXIO ? ENOENT : errno;
   }
-  const char* options = request.noExec ? "ro,loop,nodev,nosuid,noexec" : "ro,loop,nodev,nosuid";
-  const bool ready = mnt_context_set_source(context.get(), request.imagePath.c_str()) == 0 &&
-                     mnt_context_set_target(context.get(), ProcPath(request.directory).c_str()) == 0 &&
-                     mnt_context_set_options(context.get(), options) == 0 &&
-                     // No other file system: their drivers trust an image more.
-                     mnt_context_set_fstype(context.get(), "squashfs") == 0 &&
-                     mnt_context_set_optsmode(context.get(), MNT_OMODE_NOTAB) == 0 &&
-                     mnt_context_disable_helpers(context.get(), 1) == 0 &&
-                     mnt_context_disable_mtab(context.get(), 1) == 0 &&
-                     // The target stays the opened directory.
-                     mnt_context_disable_canonicalize(context.get(), 1) == 0;
-  if (!ready) {
-    context.reset();
+  if (!S_ISBLK(status.st_mode) || major(status.st_rdev) != kLoopMajor) {
+    return ENOENT;
   }
-  return context;
+  if (const int error = Bind(fd.get(), image); error != 0) {
+    return error;
+  }
+  device = {std::move(fd), path};
+  return 0;
 }
 
-// libmount opens the image by its path. That it got the file that was checked is
-// seen here, before the kernel reads a byte of it as a file system.
-int CheckBackingFile(const char* device, const OpenedPath& image) {
-  const UniqueFd loop(open(device, O_RDONLY | O_CLOEXEC));
-  loop_info64 info = {};
-  if (!loop || ioctl(loop.get(), LOOP_GET_STATUS64, &info) != 0) {
+// For a /dev where the node of the device that the kernel would take is missing.
+int TakeAnyNode(const UniqueFd& image, LoopDevice& device) {
+  int error = ENOENT;
+  for (int number = 0; number < kMostNodes; ++number) {
+    const int status = TryDevice(number, image, device);
+    if (status == 0) {
+      return 0;
+    }
+    if (status != ENOENT) {
+      error = status;
+    }
+  }
+  return error;
+}
+
+int TakeFreeDevice(const UniqueFd& image, LoopDevice& device) {
+  const UniqueFd control(open(kControl, O_RDWR | O_CLOEXEC));
+  if (!control) {
     return errno;
   }
-  const bool same = info.lo_device == image.status.st_dev && info.lo_inode == image.status.st_ino;
-  return same && (info.lo_flags & LO_FLAGS_READ_ONLY) != 0 ? 0 : EPERM;
+  int error = EBUSY;
+  for (int attempt = 0; attempt < kMostAttempts && error == EBUSY; ++attempt) {
+    const int number = ioctl(control.get(), LOOP_CTL_GET_FREE);
+    error = number < 0 ? errno : TryDevice(number, image, device);
+  }
+  return error == ENOENT ? TakeAnyNode(image, device) : error;
 }
 
 }  // namespace
 
-int MountLoop(const LoopMountRequest& request, std::string& device) {
-  const MountContext context = NewContext(request);
-  if (!context) {
-    return ENOMEM;
-  }
-  errno = 0;
-  if (const int status = mnt_context_prepare_mount(context.get()); status != 0) {
-    return ErrorOf(context.get(), status, errno);
-  }
-  const char* source = mnt_context_get_source(context.get());
-  device = source == nullptr ? "" : source;
-  if (const int error = CheckBackingFile(device.c_str(), request.image); error != 0) {
+int MountLoop(const UniqueFd& image, unsigned attributes, UniqueFd& tree, std::string& device) {
+  LoopDevice taken;
+  if (const int error = TakeFreeDevice(image, taken); error != 0) {
     return error;
   }
-  const int status = mnt_context_do_mount(context.get());
-  return status == 0 ? 0 : ErrorOf(context.get(), status, errno);
+  device = taken.path;
+  // No other file system: their drivers trust an image more.
+  return MountDetached({"squashfs", {{"source", taken.path}, {"ro", ""}}, attributes}, tree);
 }
 
 }  // namespace fwplatform

@@ -9,8 +9,8 @@
 #include <cerrno>
 #include <exception>
 
-#include "dlog.h"
 #include "errno-text.h"
+#include "privileged/detached-mount.h"
 #include "privileged/loop-mount.h"
 #include "privileged/safe-path.h"
 #include "privileged/squashfs-unpack.h"
@@ -40,10 +40,6 @@ Outcome Done(std::string text) {
   return {false, 0, std::move(text)};
 }
 
-void Log(int priority, const std::string& text) {
-  __dlog_print(2, priority, "FWUPDATE", "privileged: %s", text.c_str());
-}
-
 // True when the kernel's answer means that loop mounts are not to be had here, as
 // inside of a user namespace: no control node, no loop nodes, no right to mount.
 bool LoopMountsAreMissing(int error) {
@@ -55,24 +51,43 @@ bool LoopMountsAreMissing(int error) {
   return false;
 }
 
+unsigned AttributesOf(const MountRequest& request) {
+  return MOUNT_ATTR_RDONLY | MOUNT_ATTR_NODEV | MOUNT_ATTR_NOSUID | (request.noExec ? MOUNT_ATTR_NOEXEC : 0U);
+}
+
+Outcome AttachTo(const MountRequest& request, const OpenedPath& directory, const UniqueFd& tree,
+                 const std::string& done) {
+  const int error = Attach(tree, directory, kMountParent, request.directoryName);
+  if (error == ESTALE) {
+    return Refused(request.directoryName + " was moved away meanwhile");
+  }
+  return error == 0 ? Done(done) : Failed(error, "mounting on " + request.directoryName);
+}
+
 Outcome MountOpened(const MountRequest& request, const OpenedPath& image, const OpenedPath& directory) {
   const std::string what = request.imageName + " on " + request.directoryName;
+  UniqueFd content;
+  if (const int error = OpenForReading(image, content); error != 0) {
+    return Failed(error, "opening " + request.imageName);
+  }
+  UniqueFd tree;
   std::string device;
-  const int error = MountLoop(
-      {std::string(kPackageDirectory) + "/" + request.imageName, image, directory, request.noExec}, device);
+  const int error = MountLoop(content, AttributesOf(request), tree, device);
   if (error == 0) {
-    return Done("mounted " + what + " through " + device);
+    return AttachTo(request, directory, tree, "mounted " + what + " through " + device);
   }
   if (!IsInUserNamespace() || !LoopMountsAreMissing(error)) {
     return Failed(error, "mount of " + what);
   }
   std::string reason;
-  const int unpackError = UnpackOnTmpfs(image, directory, request.noExec, reason);
+  const int unpackError = UnpackOnTmpfs(content, AttributesOf(request), UnpackLimits(), tree, reason);
   if (unpackError != 0) {
     return Failed(unpackError, "unpacking of " + what + " (" + reason + ")");
   }
-  return Done("unpacked " + what + " onto a read-only tmpfs, because the kernel refuses loop mounts here (" +
-              ErrnoText(error) + ")");
+  return AttachTo(request, directory, tree,
+                  "unpacked " + what +
+                      " onto a read-only tmpfs, because the kernel refuses loop mounts here (" +
+                      ErrnoText(error) + ")");
 }
 
 Outcome CarryOut(const MountRequest& request) {
@@ -93,7 +108,11 @@ Outcome CarryOut(const MountRequest& request) {
     return Failed(ENOTDIR, request.directoryName);
   }
   // One mount for each directory: stacked ones would hide each other.
-  if (IsMountPoint(directory)) {
+  bool mounted = false;
+  if (const int error = SeeMountPoint(directory, mounted); error != 0) {
+    return Failed(error, "seeing whether " + request.directoryName + " is mounted");
+  }
+  if (mounted) {
     return Failed(EBUSY, request.directoryName + " is mounted already");
   }
   return MountOpened(request, image, directory);
@@ -153,25 +172,20 @@ Outcome ParseAndCarryOut(PrivilegedOperation operation, std::string_view text) {
 
 }  // namespace
 
-std::string Describe(const PrivilegedCaller& caller) {
-  return "pid " + std::to_string(caller.pid) + ", uid " + std::to_string(caller.uid) + ", gid " +
-         std::to_string(caller.gid);
-}
-
 PrivilegedAnswer RefusePrivilegedRequest(const PrivilegedCaller& caller, const std::string& what,
-                                         const std::string& reason) {
-  Log(DLOG_WARN_PRIORITY, "refused " + what + " of " + Describe(caller) + ": " + reason);
+                                         const std::string& reason, const RequestLogger& log) {
+  log(RequestEnd::kRefused, caller, "refused " + what + " of " + Describe(caller) + ": " + reason);
   return {-EPERM, 0};
 }
 
 PrivilegedAnswer AnswerPrivilegedRequest(PrivilegedOperation operation, std::string_view text,
-                                         const PrivilegedCaller& caller) {
+                                         const PrivilegedCaller& caller, const RequestLogger& log) {
   try {
     const Outcome outcome = ParseAndCarryOut(operation, text);
     if (outcome.refused) {
-      return RefusePrivilegedRequest(caller, NameOf(operation), outcome.text);
+      return RefusePrivilegedRequest(caller, NameOf(operation), outcome.text, log);
     }
-    Log(outcome.result == 0 ? DLOG_INFO_PRIORITY : DLOG_WARN_PRIORITY,
+    log(outcome.result == 0 ? RequestEnd::kDone : RequestEnd::kFailed, caller,
         outcome.text + " for " + Describe(caller));
     return {0, outcome.result};
   } catch (const std::exception&) {
@@ -180,14 +194,14 @@ PrivilegedAnswer AnswerPrivilegedRequest(PrivilegedOperation operation, std::str
 }
 
 void TakeBackPrivilegedRequest(PrivilegedOperation operation, std::string_view text,
-                               const PrivilegedCaller& caller) {
+                               const PrivilegedCaller& caller, const RequestLogger& log) {
   std::string refusal;
   const std::optional<PrivilegedRequest> request = ParsePrivilegedRequest(operation, text, refusal);
   if (!request || !std::holds_alternative<MountRequest>(*request)) {
     return;
   }
   const Outcome outcome = CarryOut(UmountRequest{std::get<MountRequest>(*request).directoryName});
-  Log(DLOG_WARN_PRIORITY, outcome.text + ", because the caller has gone: " + Describe(caller));
+  log(RequestEnd::kFailed, caller, outcome.text + ", because the caller has gone: " + Describe(caller));
 }
 
 }  // namespace fwplatform

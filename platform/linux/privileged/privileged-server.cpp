@@ -6,11 +6,9 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <exception>
+#include <iterator>
+#include <map>
 #include <utility>
-
-#include "dlog.h"
-#include "errno-text.h"
 
 namespace fwplatform {
 namespace {
@@ -20,6 +18,8 @@ constexpr std::chrono::milliseconds kPatience(2000);
 // Clients that have sent nothing yet: in all, and of one user.
 constexpr std::size_t kMostWaiting = 256;
 constexpr std::size_t kMostWaitingOfOneUser = 64;
+// Until a client is taken again when there was no descriptor for one.
+constexpr std::chrono::milliseconds kPause(100);
 
 std::optional<PrivilegedCaller> PeerOf(int socket) {
   ucred peer = {};
@@ -47,20 +47,25 @@ std::vector<gid_t> PeerGroups(int socket) {
   }
 }
 
-// Errors of single connections, after which the next one may be taken.
-bool ListenerGoesOn(int error) {
-  for (const int passing : {EAGAIN, EINTR, ECONNABORTED, EPROTO, EPERM, EMFILE, ENFILE, ENOMEM, ENOBUFS}) {
-    if (error == passing) {
-      return true;
-    }
-  }
-  return false;
-}
+// Errors after which the next connection may be taken; some of them only later.
+struct PassingError {
+  int error;
+  bool isShortage;
+};
+constexpr PassingError kPassingErrors[] = {
+    {EAGAIN, false}, {EINTR, false}, {ECONNABORTED, false}, {EPROTO, false}, {EPERM, false},
+    {EMFILE, true},  {ENFILE, true}, {ENOMEM, true},        {ENOBUFS, true},
+};
 
 }  // namespace
 
-PrivilegedServer::PrivilegedServer(UniqueFd listener, std::optional<gid_t> allowedGroup)
-    : listener_(std::move(listener)), allowedGroup_(allowedGroup) {
+PrivilegedServer::PrivilegedServer(UniqueFd listener, std::optional<gid_t> allowedGroup, Heartbeat heartbeat)
+    : listener_(std::move(listener)),
+      allowedGroup_(allowedGroup),
+      heartbeat_(std::move(heartbeat)),
+      logger_([this](RequestEnd end, const PrivilegedCaller& caller, const std::string& text) {
+        log_.Log(end, caller, text);
+      }) {
   fcntl(listener_.get(), F_SETFL, fcntl(listener_.get(), F_GETFL) | O_NONBLOCK);
 }
 
@@ -76,20 +81,44 @@ bool PrivilegedServer::IsAllowed(int socket, const PrivilegedCaller& caller) con
          std::find(groups.begin(), groups.end(), *allowedGroup_) != groups.end();
 }
 
-// The oldest has to go, of the same user if that one has many: whoever has just
+PrivilegedServer::Clients::iterator PrivilegedServer::OldestOf(uid_t uid) {
+  return std::find_if(clients_.begin(), clients_.end(),
+                      [uid](const Client& client) { return client.caller.uid == uid; });
+}
+
+// Of those who may not ask anyway, if there are any; and of these of the user who has
+// most, so that many clients of others do not push out one that is about to ask.
+PrivilegedServer::Clients::iterator PrivilegedServer::OldestOfTheGreediest() {
+  const bool anyStranger =
+      std::any_of(clients_.begin(), clients_.end(), [](const Client& client) { return !client.allowed; });
+  std::map<uid_t, int> counts;
+  for (const Client& client : clients_) {
+    if (client.allowed != anyStranger) {
+      ++counts[client.caller.uid];
+    }
+  }
+  const auto most = std::max_element(counts.begin(), counts.end(), [](const auto& one, const auto& other) {
+    return one.second < other.second;
+  });
+  return std::find_if(clients_.begin(), clients_.end(), [&](const Client& client) {
+    return client.allowed != anyStranger && client.caller.uid == most->first;
+  });
+}
+
+void PrivilegedServer::SendAway(Clients::iterator client) {
+  RefusePrivilegedRequest(client->caller, "a connection", "too many send nothing", logger_);
+  clients_.erase(client);
+}
+
+// Somebody else has to go, of the same user if that one has many: whoever has just
 // connected is about to send.
 void PrivilegedServer::MakeRoomFor(uid_t uid) {
-  const auto isOfUser = [uid](const Client& client) { return client.caller.uid == uid; };
-  const auto ofUser = std::count_if(clients_.begin(), clients_.end(), isOfUser);
-  auto oldest = clients_.end();
+  const auto ofUser = std::count_if(clients_.begin(), clients_.end(),
+                                    [uid](const Client& client) { return client.caller.uid == uid; });
   if (static_cast<std::size_t>(ofUser) >= kMostWaitingOfOneUser) {
-    oldest = std::find_if(clients_.begin(), clients_.end(), isOfUser);
+    SendAway(OldestOf(uid));
   } else if (clients_.size() >= kMostWaiting) {
-    oldest = clients_.begin();
-  }
-  if (oldest != clients_.end()) {
-    RefusePrivilegedRequest(oldest->caller, "a connection", "too many send nothing");
-    clients_.erase(oldest);
+    SendAway(OldestOfTheGreediest());
   }
 }
 
@@ -113,9 +142,25 @@ bool PrivilegedServer::AcceptClients() {
   for (std::size_t i = 0; i < kMostWaiting; ++i) {
     UniqueFd socket(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
     if (!socket) {
-      return ListenerGoesOn(errno);
+      return AfterFailedAccept(errno);
     }
     TakeClient(std::move(socket));
+    Beat();
+  }
+  return true;
+}
+
+// False when the listening socket itself has failed.
+bool PrivilegedServer::AfterFailedAccept(int error) {
+  const auto* const passing = std::find_if(std::begin(kPassingErrors), std::end(kPassingErrors),
+                                           [error](const PassingError& one) { return one.error == error; });
+  if (passing == std::end(kPassingErrors)) {
+    return false;
+  }
+  if (passing->isShortage && !clients_.empty()) {
+    SendAway(OldestOfTheGreediest());
+  } else if (passing->isShortage) {
+    listensFrom_ = Clock::now() + kPause;
   }
   return true;
 }
@@ -125,17 +170,17 @@ void PrivilegedServer::Reply(Client& client, std::string_view bytes) {
   PrivilegedAnswer answer;
   if (!client.allowed) {
     answer = RefusePrivilegedRequest(client.caller, message ? NameOf(message->operation) : "a message",
-                                     "the caller is neither root nor in the group of the service");
+                                     "the caller is neither root nor in the group of the service", logger_);
   } else if (!message) {
-    answer = RefusePrivilegedRequest(client.caller, "a message", "it is no request");
+    answer = RefusePrivilegedRequest(client.caller, "a message", "it is no request", logger_);
   } else {
-    answer = AnswerPrivilegedRequest(message->operation, message->text, client.caller);
+    answer = AnswerPrivilegedRequest(message->operation, message->text, client.caller, logger_);
   }
   const std::string reply = EncodePrivilegedAnswer(answer);
   const bool delivered =
       send(client.socket.get(), reply.data(), reply.size(), MSG_NOSIGNAL | MSG_DONTWAIT) >= 0;
   if (!delivered && message && client.allowed && answer.status == 0 && answer.result == 0) {
-    TakeBackPrivilegedRequest(message->operation, message->text, client.caller);
+    TakeBackPrivilegedRequest(message->operation, message->text, client.caller, logger_);
   }
 }
 
@@ -147,13 +192,14 @@ void PrivilegedServer::ServeClient(Client& client) {
   if (length < 0 && (errno == EAGAIN || errno == EINTR)) {
     return;
   }
-  if (length >= 0) {
-    // A caller that has gone away meanwhile gets nothing done.
-    pollfd peer = {client.socket.get(), 0, 0};
-    const bool gone = poll(&peer, 1, 0) > 0 && (peer.revents & (POLLHUP | POLLERR)) != 0;
-    if (!gone) {
-      Reply(client, {bytes, static_cast<std::size_t>(length)});
-    }
+  // A caller that has gone away meanwhile gets nothing done.
+  pollfd peer = {client.socket.get(), 0, 0};
+  const bool gone = length < 0 || (poll(&peer, 1, 0) > 0 && (peer.revents & (POLLHUP | POLLERR)) != 0);
+  if (gone) {
+    log_.Log(RequestEnd::kGone, client.caller,
+             "nothing done, because the caller has gone: " + Describe(client.caller));
+  } else {
+    Reply(client, {bytes, static_cast<std::size_t>(length)});
   }
   client.socket.reset();
 }
@@ -162,7 +208,7 @@ void PrivilegedServer::DropLateClients() {
   const Clock::time_point now = Clock::now();
   for (Client& client : clients_) {
     if (client.socket && client.deadline <= now) {
-      RefusePrivilegedRequest(client.caller, "a connection", "no request came in time");
+      RefusePrivilegedRequest(client.caller, "a connection", "no request came in time", logger_);
       client.socket.reset();
     }
   }
@@ -171,38 +217,74 @@ void PrivilegedServer::DropLateClients() {
       clients_.end());
 }
 
-int PrivilegedServer::MsToNextDeadline() const {
-  if (clients_.empty()) {
+void PrivilegedServer::Beat() {
+  const Clock::time_point now = Clock::now();
+  if (heartbeat_.interval.count() > 0 && now >= nextBeat_) {
+    heartbeat_.beat();
+    nextBeat_ = now + heartbeat_.interval;
+  }
+}
+
+bool PrivilegedServer::ListensNow() const {
+  return listensFrom_ <= Clock::now();
+}
+
+int PrivilegedServer::MsToNextEvent() const {
+  std::optional<Clock::time_point> next = log_.NextDue();
+  const auto consider = [&next](Clock::time_point time) { next = next ? std::min(*next, time) : time; };
+  // The first one came first: all have the same patience.
+  if (!clients_.empty()) {
+    consider(clients_.front().deadline);
+  }
+  if (heartbeat_.interval.count() > 0) {
+    consider(nextBeat_);
+  }
+  if (!ListensNow()) {
+    consider(listensFrom_);
+  }
+  if (!next) {
     return -1;
   }
-  // The first one came first: all have the same patience.
-  const auto left =
-      std::chrono::duration_cast<std::chrono::milliseconds>(clients_.front().deadline - Clock::now());
+  const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(*next - Clock::now());
   return static_cast<int>(std::max<std::chrono::milliseconds::rep>(left.count(), 0)) + 1;
 }
 
-bool PrivilegedServer::Run(int stopFd) {
-  for (;;) {
-    std::vector<pollfd> watched = {{stopFd, POLLIN, 0}, {listener_.get(), POLLIN, 0}};
-    for (const Client& client : clients_) {
-      watched.push_back({client.socket.get(), POLLIN, 0});
-    }
-    if (poll(watched.data(), watched.size(), MsToNextDeadline()) < 0 && errno != EINTR) {
-      return false;
-    }
-    if (watched[0].revents != 0) {
-      return true;
-    }
-    for (std::size_t i = 2; i < watched.size(); ++i) {
-      if (watched[i].revents != 0) {
-        ServeClient(clients_[i - 2]);
-      }
-    }
-    DropLateClients();
-    if (watched[1].revents != 0 && !AcceptClients()) {
-      return false;
+// One round. False when the listening socket fails.
+bool PrivilegedServer::WaitForWork(int stopFd, bool& stop) {
+  // A descriptor below 0 is not looked at.
+  std::vector<pollfd> watched = {{stopFd, POLLIN, 0}, {ListensNow() ? listener_.get() : -1, POLLIN, 0}};
+  for (const Client& client : clients_) {
+    watched.push_back({client.socket.get(), POLLIN, 0});
+  }
+  if (poll(watched.data(), watched.size(), MsToNextEvent()) < 0) {
+    return errno == EINTR;
+  }
+  stop = watched[0].revents != 0;
+  if (stop) {
+    return true;
+  }
+  for (std::size_t i = 2; i < watched.size(); ++i) {
+    if (watched[i].revents != 0) {
+      ServeClient(clients_[i - 2]);
+      Beat();
     }
   }
+  DropLateClients();
+  return watched[1].revents == 0 || AcceptClients();
+}
+
+bool PrivilegedServer::Run(int stopFd) {
+  bool stop = false;
+  bool listening = true;
+  while (listening && !stop) {
+    Beat();
+    log_.TellWhatIsDue();
+    listening = WaitForWork(stopFd, stop);
+  }
+  const int error = errno;
+  log_.TellAll();
+  errno = error;
+  return listening;
 }
 
 }  // namespace fwplatform

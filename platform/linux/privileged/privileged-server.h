@@ -7,21 +7,30 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "privileged/privileged-log.h"
 #include "privileged/privileged-operations.h"
 #include "unique-fd.h"
 
 namespace fwplatform {
 
+// What tells a watchdog that the service is alive: at least once in each interval, and
+// not while a request hangs. An interval of 0: nobody watches.
+struct Heartbeat {
+  std::chrono::milliseconds interval{0};
+  std::function<void()> beat;
+};
+
 class PrivilegedServer {
  public:
   // Owns the listening socket; it is made non-blocking. allowedGroup: whose
   // members may ask, besides root.
-  PrivilegedServer(UniqueFd listener, std::optional<gid_t> allowedGroup);
+  PrivilegedServer(UniqueFd listener, std::optional<gid_t> allowedGroup, Heartbeat heartbeat = {});
 
   // Serves until stopFd becomes readable. False when the listening socket fails.
   bool Run(int stopFd);
@@ -35,19 +44,33 @@ class PrivilegedServer {
     bool allowed;
     Clock::time_point deadline;
   };
+  using Clients = std::vector<Client>;
 
+  bool WaitForWork(int stopFd, bool& stop);
   bool AcceptClients();
+  bool AfterFailedAccept(int error);
   void TakeClient(UniqueFd socket);
   void MakeRoomFor(uid_t uid);
+  Clients::iterator OldestOf(uid_t uid);
+  Clients::iterator OldestOfTheGreediest();
+  void SendAway(Clients::iterator client);
   bool IsAllowed(int socket, const PrivilegedCaller& caller) const;
   void ServeClient(Client& client);
   void Reply(Client& client, std::string_view bytes);
   void DropLateClients();
-  int MsToNextDeadline() const;
+  void Beat();
+  bool ListensNow() const;
+  int MsToNextEvent() const;
 
   UniqueFd listener_;
   std::optional<gid_t> allowedGroup_;
-  std::vector<Client> clients_;  // connected, with nothing sent yet
+  Heartbeat heartbeat_;
+  Clock::time_point nextBeat_ = Clock::now();
+  // Nobody is taken before: there was no descriptor or memory for it.
+  Clock::time_point listensFrom_ = Clock::now();
+  Clients clients_;  // connected, with nothing sent yet
+  LimitedRequestLog log_;
+  RequestLogger logger_;
 };
 
 }  // namespace fwplatform

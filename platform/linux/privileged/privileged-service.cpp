@@ -31,7 +31,8 @@ PrivilegedAnswer Ask(PrivilegedOperation operation, std::string_view text) {
     return answer;
   }
   if (MeansNoService(status) && geteuid() == 0) {
-    return fwplatform::AnswerPrivilegedRequest(operation, text, {getpid(), geteuid(), getegid()});
+    return fwplatform::AnswerPrivilegedRequest(operation, text, {getpid(), geteuid(), getegid()},
+                                               fwplatform::LogRequest);
   }
   __dlog_print(2, DLOG_WARN_PRIORITY, "FWUPDATE", "privileged: no %s: the service at %s %s: %s",
                NameOf(operation), fwplatform::kPrivilegedSocketPath,

@@ -60,12 +60,30 @@ std::string ProcPath(const OpenedPath& opened) {
   return ProcPath(opened.fd.get());
 }
 
-bool IsMountPoint(const OpenedPath& directory) {
+int OpenForReading(const OpenedPath& file, UniqueFd& content) {
+  content.reset(open(ProcPath(file).c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+  return content ? 0 : errno;
+}
+
+int SeeMountPoint(const OpenedPath& directory, bool& mounted) {
   struct statx status = {};
   if (statx(directory.fd.get(), "", AT_EMPTY_PATH, STATX_BASIC_STATS, &status) != 0) {
-    return false;
+    return errno;
   }
-  return (status.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0;
+  // An attribute that the kernel does not know is 0, whatever is mounted.
+  if ((status.stx_attributes_mask & STATX_ATTR_MOUNT_ROOT) == 0) {
+    return ENOSYS;
+  }
+  mounted = (status.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0;
+  return 0;
+}
+
+bool AreOnOneMount(int first, int second) {
+  struct statx one = {};
+  struct statx other = {};
+  return statx(first, "", AT_EMPTY_PATH, STATX_MNT_ID, &one) == 0 && (one.stx_mask & STATX_MNT_ID) != 0 &&
+         statx(second, "", AT_EMPTY_PATH, STATX_MNT_ID, &other) == 0 &&
+         (other.stx_mask & STATX_MNT_ID) != 0 && one.stx_mnt_id == other.stx_mnt_id;
 }
 
 }  // namespace fwplatform

@@ -1,5 +1,5 @@
 // Opens paths without following a symbolic link anywhere, as O_PATH descriptors:
-// opening has no effect on what is opened. Any thread.
+// opening has no effect on what is opened, and waits for nobody. Any thread.
 #ifndef PLATFORM_LINUX_SAFE_PATH_H
 #define PLATFORM_LINUX_SAFE_PATH_H
 
@@ -28,8 +28,16 @@ int OpenEntryAt(int directory, const std::string& name, OpenedPath& entry);
 std::string ProcPath(int fd);
 std::string ProcPath(const OpenedPath& opened);
 
-// True when something is mounted on the directory.
-bool IsMountPoint(const OpenedPath& directory);
+// Opens what is opened once more, to read it, without waiting for anybody: EAGAIN for a
+// file that somebody holds a lease on. 0 or an errno value.
+int OpenForReading(const OpenedPath& file, UniqueFd& content);
+
+// Whether something is mounted on the directory. 0 or an errno value: ENOSYS when the
+// kernel does not tell.
+int SeeMountPoint(const OpenedPath& directory, bool& mounted);
+
+// True when both are on the same mount, and the kernel says so.
+bool AreOnOneMount(int first, int second);
 
 }  // namespace fwplatform
 

@@ -15,12 +15,12 @@
 #include <cstdlib>
 #include <fstream>
 
+#include "privileged/detached-mount.h"
+
 namespace fwplatform {
 namespace {
 
 constexpr char kUnsquashfs[] = "/usr/bin/unsquashfs";
-// Less than a client waits for its answer.
-constexpr int kUnpackLimitMs = 25000;
 
 // Where the child finds what it works on.
 constexpr int kImageFd = 3;
@@ -31,16 +31,6 @@ constexpr int kExecFailed = 127;
 // unsquashfs's exit code when all files are there, but not all of their owners or
 // not the device nodes: as it must be in a user namespace.
 constexpr int kLeftSomethingOut = 2;
-
-// A tmpfs that is not attached anywhere: it is gone with its descriptor.
-UniqueFd NewTmpfs(unsigned attributes) {
-  const UniqueFd context(fsopen("tmpfs", FSOPEN_CLOEXEC));
-  if (!context || fsconfig(context.get(), FSCONFIG_SET_STRING, "mode", "0755", 0) != 0 ||
-      fsconfig(context.get(), FSCONFIG_CMD_CREATE, nullptr, nullptr, 0) != 0) {
-    return UniqueFd();
-  }
-  return UniqueFd(fsmount(context.get(), FSMOUNT_CLOEXEC, attributes));
-}
 
 // Runs in the child of a process that may have threads: system calls only.
 [[noreturn]] void RunUnsquashfs(int image, int tree, int messages) {
@@ -69,12 +59,12 @@ UniqueFd HighCopy(int fd) {
 }
 
 // The end of a child, as an exit code; -1 when it was killed or ran out of time.
-int WaitFor(pid_t child) {
+int WaitFor(pid_t child, int milliseconds) {
   const UniqueFd handle(static_cast<int>(syscall(SYS_pidfd_open, child, 0)));
   pollfd ended = {handle.get(), POLLIN, 0};
   int count = 0;
   do {
-    count = handle ? poll(&ended, 1, kUnpackLimitMs) : 0;
+    count = handle ? poll(&ended, 1, milliseconds) : 0;
   } while (count < 0 && errno == EINTR);
   if (count <= 0) {
     kill(child, SIGKILL);
@@ -102,12 +92,12 @@ std::string LastLine(int messages) {
 
 bool IsFull(int tree) {
   struct statfs status = {};
-  return fstatfs(tree, &status) == 0 && status.f_bfree == 0;
+  return fstatfs(tree, &status) == 0 && (status.f_bfree == 0 || status.f_ffree == 0);
 }
 
-int Unpack(const OpenedPath& image, int tree, std::string& reason) {
+int Unpack(const UniqueFd& image, int tree, const UnpackLimits& limits, std::string& reason) {
   const UniqueFd messages(memfd_create("unsquashfs", MFD_CLOEXEC));
-  const UniqueFd imageCopy = HighCopy(image.fd.get());
+  const UniqueFd imageCopy = HighCopy(image.get());
   const UniqueFd treeCopy = HighCopy(tree);
   const UniqueFd messagesCopy = HighCopy(messages.get());
   if (!messages || !imageCopy || !treeCopy || !messagesCopy) {
@@ -120,7 +110,7 @@ int Unpack(const OpenedPath& image, int tree, std::string& reason) {
   if (child < 0) {
     return errno;
   }
-  const int code = WaitFor(child);
+  const int code = WaitFor(child, limits.milliseconds);
   if (code == 0 || code == kLeftSomethingOut) {
     return 0;
   }
@@ -150,25 +140,28 @@ bool IsInUserNamespace() {
   return map && !(inside == 0 && outside == 0 && count == kEveryUser);
 }
 
-int UnpackOnTmpfs(const OpenedPath& image, const OpenedPath& directory, bool noExec, std::string& reason) {
+int UnpackOnTmpfs(const UniqueFd& image, unsigned attributes, const UnpackLimits& limits, UniqueFd& tree,
+                  std::string& reason) {
   reason = "making a tmpfs";
-  const unsigned attributes = MOUNT_ATTR_NODEV | MOUNT_ATTR_NOSUID | (noExec ? MOUNT_ATTR_NOEXEC : 0U);
-  const UniqueFd tree = NewTmpfs(attributes);
-  if (!tree) {
-    return errno;
-  }
-  reason = "running unsquashfs";
-  if (const int error = Unpack(image, tree.get(), reason); error != 0) {
+  UniqueFd unpacked;
+  const DetachedMountRequest request = {
+      "tmpfs",
+      {{"mode", "0755"}, {"size", limits.size}, {"nr_inodes", limits.files}},
+      attributes & ~static_cast<unsigned>(MOUNT_ATTR_RDONLY)};
+  if (const int error = MountDetached(request, unpacked); error != 0) {
     return error;
   }
-  reason = "mounting the tmpfs";
+  reason = "running unsquashfs";
+  if (const int error = Unpack(image, unpacked.get(), limits, reason); error != 0) {
+    return error;
+  }
+  reason = "making the tmpfs read-only";
   mount_attr readOnly = {};
   readOnly.attr_set = MOUNT_ATTR_RDONLY;
-  if (mount_setattr(tree.get(), "", AT_EMPTY_PATH, &readOnly, sizeof readOnly) != 0 ||
-      move_mount(tree.get(), "", directory.fd.get(), "", MOVE_MOUNT_F_EMPTY_PATH | MOVE_MOUNT_T_EMPTY_PATH) !=
-          0) {
+  if (mount_setattr(unpacked.get(), "", AT_EMPTY_PATH, &readOnly, sizeof readOnly) != 0) {
     return errno;
   }
+  tree = std::move(unpacked);
   return 0;
 }
 

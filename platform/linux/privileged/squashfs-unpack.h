@@ -5,17 +5,27 @@
 
 #include <string>
 
-#include "privileged/safe-path.h"
+#include "unique-fd.h"
 
 namespace fwplatform {
 
 // True unless this process is in the machine's first user namespace.
 bool IsInUserNamespace();
 
-// Unpacks a squashfs image onto a tmpfs of its own and mounts that read-only on
-// the directory, once it is whole. Unmounting it removes everything. 0, or an
+struct UnpackLimits {
+  // What the unpacked files may take of the memory: twice the size of the largest image
+  // that is downloaded unless a set says otherwise.
+  const char* size = "1g";
+  const char* files = "65536";
+  // Less than a client waits for its answer.
+  int milliseconds = 25000;
+};
+
+// Unpacks a squashfs image, opened for reading, onto a tmpfs of its own that is nowhere
+// yet, and makes that read-only. attributes: MOUNT_ATTR_...; 0 with the tmpfs, or an
 // errno value with the failed step in reason; nothing stays behind then.
-int UnpackOnTmpfs(const OpenedPath& image, const OpenedPath& directory, bool noExec, std::string& reason);
+int UnpackOnTmpfs(const UniqueFd& image, unsigned attributes, const UnpackLimits& limits, UniqueFd& tree,
+                  std::string& reason);
 
 }  // namespace fwplatform
 

@@ -2,12 +2,16 @@
 // that nobody keeps it from serving the others.
 #include "privileged-service.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <grp.h>
 #include <linux/capability.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -20,6 +24,7 @@
 #include <map>
 #include <memory>
 #include <random>
+#include <regex>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -46,7 +51,9 @@ using fwplatform::PrivilegedOperation;
 using fwplatform::UniqueFd;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
+using ::testing::Not;
 using ::testing::SizeIs;
+using ::testing::UnorderedElementsAreArray;
 
 constexpr uid_t kNobody = 65534;
 constexpr gid_t kDaemonGroup = 1;
@@ -134,6 +141,20 @@ class PrivilegedService : public DeviceTest {
   std::unique_ptr<ServiceProcess> service_;
   const std::string name_ = UniquePackageName();
 };
+
+// How often a line with these words is in the log, with those that are told in one.
+int CountIn(const std::string& log, const std::string& words) {
+  static const std::regex kMore("privileged: (\\d+) more like this of uid \\d+ within 5 seconds, the last: ");
+  int count = 0;
+  std::istringstream lines(log);
+  for (std::string line; std::getline(lines, line);) {
+    std::smatch more;
+    if (line.find(words) != std::string::npos) {
+      count += std::regex_search(line, more, kMore) ? std::stoi(more[1]) : 1;
+    }
+  }
+  return count;
+}
 
 TEST_F(PrivilegedService, MountsAndUnmountsForRoot) {
   Start();
@@ -299,6 +320,80 @@ TEST_F(PrivilegedService, MakesNodesWithTheCapabilitiesOfItsUnit) {
   EXPECT_TRUE(fs::is_block_file("/dev/loop200"));
 }
 
+// The numbers of what stands in the process's status as a mask of capabilities.
+std::vector<int> CapabilitiesIn(pid_t process, const std::string& field) {
+  std::ifstream status("/proc/" + std::to_string(process) + "/status");
+  std::vector<int> capabilities;
+  for (std::string line; std::getline(status, line);) {
+    if (line.rfind(field + ":", 0) == 0) {
+      const auto mask = std::stoull(line.substr(field.size() + 1), nullptr, 16);
+      for (int i = 0; i < 64; ++i) {
+        if ((mask >> static_cast<unsigned>(i) & 1U) != 0) {
+          capabilities.push_back(i);
+        }
+      }
+    }
+  }
+  return capabilities;
+}
+
+TEST_F(PrivilegedService, StartedByHandKeepsNoMoreThanItsUnitWouldLeaveIt) {
+  Start();
+
+  for (const char* const field : {"CapEff", "CapPrm", "CapBnd"}) {
+    EXPECT_THAT(CapabilitiesIn(service_->pid(), field), UnorderedElementsAreArray(CapabilitiesOfTheUnit()))
+        << field;
+  }
+  for (const char* const field : {"CapInh", "CapAmb"}) {
+    EXPECT_THAT(CapabilitiesIn(service_->pid(), field), IsEmpty()) << field;
+  }
+  EXPECT_THAT(readFile("/proc/" + std::to_string(service_->pid()) + "/status"),
+              HasSubstr("NoNewPrivs:\t1\n"));
+  ExpectServing();
+}
+
+// Every call of the kernel that mounts or unmounts and does not stand in the unit.
+std::vector<int> MountCallsThatTheUnitForbids() {
+  static const std::map<std::string, int> kCalls = {{"chroot", SYS_chroot},
+                                                    {"fsconfig", SYS_fsconfig},
+                                                    {"fsmount", SYS_fsmount},
+                                                    {"fsopen", SYS_fsopen},
+                                                    {"fspick", SYS_fspick},
+                                                    {"mount", SYS_mount},
+                                                    {"mount_setattr", SYS_mount_setattr},
+                                                    {"move_mount", SYS_move_mount},
+                                                    {"open_tree", SYS_open_tree},
+                                                    {"pivot_root", SYS_pivot_root},
+                                                    {"umount2", SYS_umount2}};
+  std::map<std::string, int> forbidden = kCalls;
+  std::ifstream unit(FW_PRIVILEGED_UNIT);
+  for (std::string line; std::getline(unit, line);) {
+    if (line.rfind("SystemCallFilter=@system-service", 0) == 0) {
+      std::istringstream names(line);
+      for (std::string name; names >> name;) {
+        forbidden.erase(name);
+      }
+    }
+  }
+  std::vector<int> numbers;
+  for (const auto& [name, number] : forbidden) {
+    numbers.push_back(number);
+  }
+  return numbers;
+}
+
+TEST_F(PrivilegedService, NeedsNoOtherMountCallsThanItsUnitLeavesIt) {
+  if (fwplatform::IsInUserNamespace()) {
+    GTEST_SKIP() << "images are unpacked there, without the unit";
+  }
+  ServiceStart start;
+  start.deniedCalls = MountCallsThatTheUnitForbids();
+  ASSERT_THAT(start.deniedCalls, SizeIs(6));
+  Start(start);
+
+  ExpectServing();
+}
+
 TEST_F(PrivilegedService, EndsWhenItsGroupDoesNotExist) {
   ServiceProcess service(ServiceStart{{"--group", "no-such-group"}, -1, {}});
 
@@ -383,6 +478,121 @@ TEST_F(PrivilegedService, LimitsHowManySilentClientsAUserHas) {
   ExpectServing();
 }
 
+// Strangers of many users: none of them may ask anything, and they do not push out who may.
+TEST_F(PrivilegedService, LimitsHowManySilentClientsAllUsersHave) {
+  if (fwplatform::IsInUserNamespace()) {
+    GTEST_SKIP() << "a user namespace has only one user";
+  }
+  Start();
+  const UniqueFd first = Connect();
+  constexpr uid_t kUsers = 5;
+  constexpr int kOfEach = 60;
+
+  std::vector<pid_t> strangers;
+  for (uid_t user = kNobody; user > kNobody - kUsers; --user) {
+    strangers.push_back(fork());
+    if (strangers.back() == 0) {
+      std::vector<UniqueFd> silent;
+      const bool changed = setresuid(user, user, user) == 0 && prctl(PR_SET_PDEATHSIG, SIGKILL) == 0;
+      for (int i = 0; changed && i < kOfEach; ++i) {
+        silent.push_back(Connect());
+      }
+      pause();
+      _exit(0);
+    }
+  }
+
+  EXPECT_THAT(service_->WaitForLine("too many send nothing"), Not(HasSubstr("uid 0,")));
+  Send(first, MountMessage(name_));
+  EXPECT_EQ(fwplatform::DecodePrivilegedAnswer(Receive(first))->result, ENOENT)
+      << "it is served all the same";
+  for (const pid_t stranger : strangers) {
+    ASSERT_GT(stranger, 0);
+    kill(stranger, SIGKILL);
+    waitpid(stranger, nullptr, 0);
+  }
+}
+
+TEST_F(PrivilegedService, GoesOnWithoutFreeDescriptors) {
+  ServiceStart start;
+  start.descriptors = 32;
+  Start(start);
+  std::vector<UniqueFd> silent;
+  for (int i = 0; i < 60; ++i) {
+    silent.push_back(Connect());
+  }
+
+  EXPECT_THAT(service_->WaitForLine("refused a connection"), HasSubstr("too many send nothing"));
+
+  silent.clear();
+  ExpectServing();
+}
+
+TEST_F(PrivilegedService, WaitsForADescriptorWhenItHasNoneAtAll) {
+  ServiceStart start;
+  // Its own streams, the socket, the signals: nothing is left for a client.
+  const UniqueFd listener = Listen();
+  start.listener = listener.get();
+  start.descriptors = 5;
+  Start(start);
+  const UniqueFd client = Connect();
+  Send(client, MountMessage(name_));
+  rlimit more = {64, 64};
+
+  pollfd answer = {client.get(), POLLIN, 0};
+  EXPECT_EQ(poll(&answer, 1, 300), 0) << "it can't be taken yet";
+  ASSERT_EQ(prlimit(service_->pid(), RLIMIT_NOFILE, &more, nullptr), 0);
+
+  EXPECT_EQ(fwplatform::DecodePrivilegedAnswer(Receive(client))->result, ENOENT);
+}
+
+TEST_F(PrivilegedService, TellsWhatItLeavesOutOfTheLogInOneLine) {
+  Start();
+  constexpr int kRefusals = 3000;
+  std::string log;
+  std::thread reader([&] { log = service_->ReadToTheEnd(); });
+
+  for (int i = 0; i < kRefusals; ++i) {
+    const UniqueFd client = Connect();
+    Send(client, "nonsense");
+    ASSERT_EQ(StatusOf(Receive(client)), -EPERM);
+  }
+  service_->Signal(SIGTERM);
+  reader.join();
+
+  EXPECT_EQ(CountIn(log, "it is no request"), kRefusals) << log;
+  EXPECT_LT(log.size(), 20000U);
+}
+
+TEST_F(PrivilegedService, CountsClientsThatCloseAtOnce) {
+  Start();
+  constexpr int kClients = 1000;
+  std::string log;
+  std::thread reader([&] { log = service_->ReadToTheEnd(); });
+
+  for (int i = 0; i < kClients; ++i) {
+    Connect();
+  }
+  EXPECT_EQ(Umount(DirectoryPath(name_)), FailedWith(ENOENT)) << "all before it have been taken";
+  service_->Signal(SIGTERM);
+  reader.join();
+
+  EXPECT_EQ(CountIn(log, "nothing done, because the caller has gone: pid"), kClients) << log;
+  EXPECT_LT(log.size(), 20000U);
+}
+
+TEST_F(PrivilegedService, TellsWhatItLeftOutWhileItGoesOn) {
+  Start();
+  for (int i = 0; i < 21; ++i) {
+    const UniqueFd client = Connect();
+    Send(client, "nonsense");
+    ASSERT_EQ(StatusOf(Receive(client)), -EPERM);
+  }
+
+  EXPECT_THAT(service_->WaitForLine("more like this"),
+              HasSubstr("1 more like this of uid 0 within 5 seconds, the last: refused a message of pid"));
+}
+
 TEST_F(PrivilegedService, ServesManyClientsAtOnce) {
   Start();
   constexpr std::size_t kClients = 40;
@@ -464,6 +674,107 @@ TEST_F(PrivilegedService, RefusesAnotherKindOfSocketFromTheServiceManager) {
   EXPECT_THAT(service.WaitForLine("fw-privileged"),
               HasSubstr("must hand over one listening Unix sequenced-packet"));
   EXPECT_EQ(service.WaitForEnd(), 1);
+}
+
+TEST_F(PrivilegedService, RefusesASocketOfTheServiceManagerThatDoesNotListen) {
+  const UniqueFd other(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+  const UniqueFd internet(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  ASSERT_EQ(listen(internet.get(), 1), 0);
+
+  for (const UniqueFd* const one : {&other, &internet}) {
+    ServiceProcess service(ServiceStart{{}, one->get(), {}});
+    EXPECT_THAT(service.WaitForLine("fw-privileged"),
+                HasSubstr("must hand over one listening Unix sequenced-packet"));
+    EXPECT_EQ(service.WaitForEnd(), 1);
+  }
+}
+
+TEST_F(PrivilegedService, RefusesTwoSocketsFromTheServiceManager) {
+  const UniqueFd listener = Listen();
+  ServiceStart start;
+  start.listener = listener.get();
+  start.handedOver = 2;
+  ServiceProcess service(start);
+
+  EXPECT_THAT(service.WaitForLine("fw-privileged"), HasSubstr("must hand over one listening"));
+  EXPECT_EQ(service.WaitForEnd(), 1);
+}
+
+TEST_F(PrivilegedService, EndsWhenItCannotUnderstandTheServiceManager) {
+  const UniqueFd listener = Listen();
+  ServiceStart start;
+  start.listener = listener.get();
+  start.environment = {{"LISTEN_FDS", "one"}};
+  ServiceProcess service(start);
+
+  EXPECT_THAT(service.WaitForLine("fw-privileged"), HasSubstr("must hand over one listening"));
+  EXPECT_EQ(service.WaitForEnd(), 1);
+}
+
+TEST_F(PrivilegedService, TakesNoSocketsThatAreMeantForAnotherProcess) {
+  ServiceStart start;
+  start.environment = {{"LISTEN_FDS", "1"}, {"LISTEN_PID", "1"}};
+  Start(start);
+
+  EXPECT_TRUE(exists(kPrivilegedSocketPath)) << "it made its own";
+  ExpectServing();
+}
+
+// The socket where a service manager would listen for what its services tell.
+class NotifySocket {
+ public:
+  NotifySocket() : socket_(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    std::strcpy(address.sun_path, kPath);
+    EXPECT_EQ(bind(socket_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  }
+  // "" when nothing comes within ten seconds.
+  std::string Next() const {
+    pollfd ready = {socket_.get(), POLLIN, 0};
+    char text[64];
+    const ssize_t length = poll(&ready, 1, 10000) > 0 ? recv(socket_.get(), text, sizeof text, 0) : 0;
+    return {text, length > 0 ? static_cast<std::size_t>(length) : 0};
+  }
+
+  static constexpr char kPath[] = "/run/notify.sock";
+
+ private:
+  UniqueFd socket_;
+};
+
+TEST_F(PrivilegedService, TellsTheServiceManagerThatItServesAndIsAlive) {
+  const NotifySocket manager;
+  ServiceStart start;
+  start.environment = {
+      {"NOTIFY_SOCKET", NotifySocket::kPath}, {"WATCHDOG_USEC", "100000"}, {"WATCHDOG_PID", "PID"}};
+  Start(start);
+
+  EXPECT_EQ(manager.Next(), "READY=1");
+  EXPECT_EQ(manager.Next(), "WATCHDOG=1");
+  EXPECT_EQ(manager.Next(), "WATCHDOG=1") << "without a request";
+  ExpectServing();
+}
+
+TEST_F(PrivilegedService, TellsNobodyThatItIsAliveWhenNobodyWatches) {
+  const NotifySocket manager;
+  ServiceStart start;
+  start.environment = {{"NOTIFY_SOCKET", NotifySocket::kPath}};
+  Start(start);
+  ExpectServing();
+  service_->Signal(SIGTERM);
+  EXPECT_EQ(service_->WaitForEnd(), 0);
+  const std::string end = "the end";
+  const UniqueFd other(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  sockaddr_un address = {};
+  address.sun_family = AF_UNIX;
+  std::strcpy(address.sun_path, NotifySocket::kPath);
+  ASSERT_GT(sendto(other.get(), end.data(), end.size(), 0, reinterpret_cast<const sockaddr*>(&address),
+                   sizeof address),
+            0);
+
+  EXPECT_EQ(manager.Next(), "READY=1");
+  EXPECT_EQ(manager.Next(), end);
 }
 
 TEST_F(PrivilegedService, RemovesItsSocketWhenItEnds) {

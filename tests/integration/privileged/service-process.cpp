@@ -1,15 +1,21 @@
 #include "service-process.h"
 
 #include <fcntl.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstddef>
 #include <cstdlib>
+#include <utility>
 
 namespace {
 
@@ -26,10 +32,34 @@ bool KeepOnly(const std::vector<int>& capabilities) {
   return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0;
 }
 
-void HandOver(int listener) {
+// False when the filter can't be set.
+bool Deny(const std::vector<int>& calls) {
+  std::vector<sock_filter> filter = {BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr))};
+  for (const int call : calls) {
+    filter.push_back(BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<unsigned>(call), 0, 1));
+    filter.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EPERM));
+  }
+  filter.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW));
+  const sock_fprog program = {static_cast<unsigned short>(filter.size()), filter.data()};
+  return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
+         prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
+}
+
+void LimitDescriptors(unsigned count) {
+  rlimit limit = {};
+  getrlimit(RLIMIT_NOFILE, &limit);
+  limit.rlim_cur = count;
+  setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+void HandOver(int listener, int count) {
   // A copy first: dup2 of a descriptor onto itself would leave it to be closed.
-  dup2(dup(listener), 3);
-  setenv("LISTEN_FDS", "1", 1);
+  const int copy = fcntl(listener, F_DUPFD, 3 + count);
+  for (int i = 0; i < count; ++i) {
+    dup2(copy, 3 + i);
+  }
+  close(copy);
+  setenv("LISTEN_FDS", std::to_string(count).c_str(), 1);
   setenv("LISTEN_PID", std::to_string(getpid()).c_str(), 1);
 }
 
@@ -38,9 +68,18 @@ void HandOver(int listener) {
   setenv("FW_UPDATE_LOG", "stderr", 1);
   dup2(log, STDERR_FILENO);
   if (start.listener >= 0) {
-    HandOver(start.listener);
+    HandOver(start.listener, start.handedOver);
+  }
+  for (const auto& [name, value] : start.environment) {
+    setenv(name.c_str(), value == "PID" ? std::to_string(getpid()).c_str() : value.c_str(), 1);
+  }
+  if (start.descriptors != 0) {
+    LimitDescriptors(start.descriptors);
   }
   if (start.capabilities && !KeepOnly(*start.capabilities)) {
+    _exit(126);
+  }
+  if (!start.deniedCalls.empty() && !Deny(start.deniedCalls)) {
     _exit(126);
   }
   std::vector<char*> words = {const_cast<char*>("fw-privileged")};
@@ -76,15 +115,20 @@ ServiceProcess::~ServiceProcess() {
 
 // Asks first: a process that is killed says nothing about what it has counted.
 void ServiceProcess::Stop() const {
+  Signal(SIGTERM);
+  Signal(SIGCONT);
+  if (!WaitUntilEnded()) {
+    Signal(SIGKILL);
+  }
+  waitpid(pid_, nullptr, 0);
+}
+
+bool ServiceProcess::WaitUntilEnded() const {
   const int process = static_cast<int>(syscall(SYS_pidfd_open, pid_, 0));
   pollfd end = {process, POLLIN, 0};
-  kill(pid_, SIGTERM);
-  kill(pid_, SIGCONT);
-  if (process < 0 || poll(&end, 1, kPatienceMs) <= 0) {
-    kill(pid_, SIGKILL);
-  }
+  const bool ended = process >= 0 && poll(&end, 1, kPatienceMs) > 0;
   close(process);
-  waitpid(pid_, nullptr, 0);
+  return ended;
 }
 
 std::string ServiceProcess::WaitForLine(const std::string& text) {
@@ -108,13 +152,26 @@ std::string ServiceProcess::WaitForLine(const std::string& text) {
   }
 }
 
+std::string ServiceProcess::ReadToTheEnd() {
+  std::string text = std::move(unread_);
+  unread_.clear();
+  char block[4096];
+  for (ssize_t count = 0; (count = read(log_, block, sizeof block)) > 0;) {
+    text.append(block, static_cast<std::size_t>(count));
+  }
+  return text;
+}
+
 bool ServiceProcess::IsRunning() const {
   siginfo_t info = {};
   return waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid == 0;
 }
 
 void ServiceProcess::Signal(int signal) const {
-  kill(pid_, signal);
+  // A process that has ended has no number any more, and -1 would be everybody.
+  if (pid_ > 0) {
+    kill(pid_, signal);
+  }
 }
 
 int ServiceProcess::WaitForEnd() {

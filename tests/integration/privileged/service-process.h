@@ -7,6 +7,7 @@
 
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 struct ServiceStart {
@@ -16,6 +17,14 @@ struct ServiceStart {
   // The only capabilities that it may have, and no new privileges; otherwise the
   // test's own.
   std::optional<std::vector<int>> capabilities;
+  // Further variables of its environment; the value "PID" stands for its process number.
+  std::vector<std::pair<std::string, std::string>> environment = {};
+  // How many descriptors it may have; 0: as many as the test.
+  unsigned descriptors = 0;
+  // How many sockets are handed over, all the same one.
+  int handedOver = 1;
+  // System calls that fail with EPERM for it.
+  std::vector<int> deniedCalls = {};
 };
 
 class ServiceProcess {
@@ -32,8 +41,13 @@ class ServiceProcess {
   std::string WaitForLine(const std::string& text);
   bool WaitUntilServing() { return !WaitForLine("privileged: serving root").empty(); }
 
+  // Everything that it says from now on until it ends.
+  std::string ReadToTheEnd();
+
   // Whether it still runs.
   bool IsRunning() const;
+  // False when it still runs after ten seconds.
+  bool WaitUntilEnded() const;
   void Signal(int signal) const;
   // The exit code, or the negative number of the signal that ended it.
   int WaitForEnd();

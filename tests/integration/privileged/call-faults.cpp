@@ -1,0 +1,99 @@
+#include "call-faults.h"
+
+#include <fcntl.h>
+#include <linux/loop.h>
+#include <sys/ioctl.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdarg>
+
+namespace faults {
+
+std::map<std::string, std::function<int()>> before;
+std::map<std::string, std::function<void()>> after;
+bool kernelKnowsNoMountRoots = false;
+bool kernelKnowsNoMountIds = false;
+
+namespace {
+
+template <typename... Arguments>
+int Call(const char* name, long number, Arguments... arguments) {
+  const auto first = before.find(name);
+  if (const int error = first == before.end() ? 0 : first->second(); error != 0) {
+    errno = error;
+    return -1;
+  }
+  const auto result = static_cast<int>(syscall(number, arguments...));
+  if (const auto second = after.find(name); second != after.end()) {
+    const int error = errno;
+    second->second();
+    errno = error;
+  }
+  return result;
+}
+
+const char* NameOf(unsigned long request) {
+  return request == LOOP_CONFIGURE      ? "LOOP_CONFIGURE"
+         : request == LOOP_CTL_GET_FREE ? "LOOP_CTL_GET_FREE"
+                                        : "ioctl";
+}
+
+}  // namespace
+}  // namespace faults
+
+#define FAULTY extern "C" __attribute__((visibility("default")))
+
+FAULTY int statx(int directory, const char* path, int flags, unsigned mask, struct statx* status) noexcept {
+  const int result = faults::Call("statx", SYS_statx, directory, path, flags, mask, status);
+  if (result == 0 && faults::kernelKnowsNoMountRoots) {
+    status->stx_attributes_mask &= ~static_cast<unsigned long long>(STATX_ATTR_MOUNT_ROOT);
+    status->stx_attributes &= ~static_cast<unsigned long long>(STATX_ATTR_MOUNT_ROOT);
+  }
+  if (result == 0 && faults::kernelKnowsNoMountIds) {
+    status->stx_mask &= ~static_cast<unsigned>(STATX_MNT_ID);
+    status->stx_mnt_id = 0;
+  }
+  return result;
+}
+
+FAULTY int mknodat(int directory, const char* path, mode_t mode, dev_t device) noexcept {
+  return faults::Call("mknodat", SYS_mknodat, directory, path, mode, static_cast<unsigned>(device));
+}
+
+FAULTY int fsopen(const char* name, unsigned flags) noexcept {
+  return faults::Call("fsopen", SYS_fsopen, name, flags);
+}
+
+FAULTY int fsconfig(int context, unsigned command, const char* key, const void* value, int number) noexcept {
+  return faults::Call(command == FSCONFIG_CMD_CREATE ? "fsconfig create" : "fsconfig", SYS_fsconfig, context,
+                      command, key, value, number);
+}
+
+FAULTY int fsmount(int context, unsigned flags, unsigned attributes) noexcept {
+  return faults::Call("fsmount", SYS_fsmount, context, flags, attributes);
+}
+
+FAULTY int mount_setattr(int directory, const char* path, unsigned flags, mount_attr* attributes,
+                         size_t size) noexcept {
+  return faults::Call("mount_setattr", SYS_mount_setattr, directory, path, flags, attributes, size);
+}
+
+FAULTY int move_mount(int from, const char* fromPath, int to, const char* toPath, unsigned flags) noexcept {
+  return faults::Call("move_mount", SYS_move_mount, from, fromPath, to, toPath, flags);
+}
+
+FAULTY int umount2(const char* path, int flags) noexcept {
+  return faults::Call("umount2", SYS_umount2, path, flags);
+}
+
+FAULTY int ioctl(int descriptor, unsigned long request, ...) noexcept {
+  va_list arguments;
+  va_start(arguments, request);
+  void* const argument = va_arg(arguments, void*);
+  va_end(arguments);
+  return faults::Call(faults::NameOf(request), SYS_ioctl, descriptor, request, argument);
+}

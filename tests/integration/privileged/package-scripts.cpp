@@ -1,0 +1,93 @@
+// The scripts of the Debian package, with Debian's own programs and, in place of systemctl,
+// one that notes what it is asked for.
+#include <gmock/gmock.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <optional>
+#include <string>
+
+#include "device-environment.h"
+#include "temporary-mount.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::Not;
+
+class PackageScripts : public DeviceTest {
+ protected:
+  void SetUp() override {
+    DeviceTest::SetUp();
+    fs::create_directories("/run/systemd/system");
+    // What it enables would be enabled on this machine.
+    WriteProgram("/tmp/programs/deb-systemd-helper", "exit 0");
+    WriteProgram("/tmp/programs/systemctl",
+                 "echo \"$*\" >>/tmp/calls\ncase \"$*\" in *is-enabled*) echo enabled;; esac");
+    writeFile("/tmp/calls", "");
+    // It may say that nothing is to be started here.
+    if (exists("/usr/sbin/policy-rc.d")) {
+      WriteProgram("/tmp/policy", "exit 0");
+      policy_.emplace(TemporaryMount::Bind("/tmp/policy", "/usr/sbin/policy-rc.d"));
+    }
+  }
+
+  static void WriteProgram(const std::string& path, const std::string& script) {
+    writeFile(path, "#!/bin/sh\n" + script + "\n");
+    fs::permissions(path, fs::perms::all);
+  }
+
+  // What systemctl was asked for, a line each; what the script says is in messages_.
+  std::string Run(const std::string& script, const std::string& arguments) {
+    const std::string command = "PATH=/tmp/programs:$PATH sh " FW_PLATFORM_SCRIPTS "/" + script + " " +
+                                arguments + " >/tmp/messages 2>&1";
+    EXPECT_EQ(std::system(command.c_str()), 0);
+    messages_ = readFile("/tmp/messages");
+    return readFile("/tmp/calls");
+  }
+
+  std::string messages_;
+
+ private:
+  std::optional<TemporaryMount> policy_;
+};
+
+TEST_F(PackageScripts, RestartTheServiceThatRunsWhenThePackageIsUpgraded) {
+  const std::string calls = Run("postinst", "configure 0.9.0-1");
+
+  const std::size_t reloaded = calls.find("--system daemon-reload\n");
+  const std::size_t restarted = calls.find("try-restart fw-privileged.service\n");
+  EXPECT_NE(reloaded, std::string::npos) << calls;
+  EXPECT_NE(restarted, std::string::npos) << calls;
+  EXPECT_LT(reloaded, restarted) << "with its new unit";
+  EXPECT_THAT(calls, HasSubstr("start fw-privileged.socket\n"));
+  EXPECT_THAT(messages_, IsEmpty());
+}
+
+TEST_F(PackageScripts, StartOnlyTheSocketWhenThePackageIsNew) {
+  const std::string calls = Run("postinst", "configure ''");
+
+  EXPECT_THAT(calls, HasSubstr("--system daemon-reload\n"));
+  EXPECT_THAT(calls, HasSubstr("start fw-privileged.socket\n"));
+  EXPECT_THAT(calls, Not(HasSubstr("fw-privileged.service")));
+  EXPECT_THAT(messages_, IsEmpty());
+}
+
+TEST_F(PackageScripts, AskForNothingWithoutTheServiceManager) {
+  fs::remove("/run/systemd/system");
+
+  EXPECT_THAT(Run("postinst", "configure 0.9.0-1"), IsEmpty());
+  EXPECT_THAT(Run("prerm", "remove"), IsEmpty());
+}
+
+TEST_F(PackageScripts, StopTheServiceBeforeItIsRemovedAlone) {
+  EXPECT_THAT(Run("prerm", "upgrade 1.1.0-1"), IsEmpty());
+
+  EXPECT_THAT(Run("prerm", "remove"), HasSubstr("stop fw-privileged.socket fw-privileged.service"));
+}
+
+}  // namespace

@@ -1,0 +1,428 @@
+// The privileged operations when something changes, or fails, right between two of their
+// steps: what an attacker hits by luck alone is made to happen here.
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <linux/loop.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "call-faults.h"
+#include "device-environment.h"
+#include "package-images.h"
+#include "privileged-calls.h"
+#include "privileged/privileged-operations.h"
+#include "privileged/safe-path.h"
+#include "privileged/squashfs-unpack.h"
+#include "temporary-mount.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using fwplatform::OpenedPath;
+using fwplatform::PrivilegedAnswer;
+using fwplatform::PrivilegedCaller;
+using fwplatform::PrivilegedOperation;
+using fwplatform::RequestEnd;
+using fwplatform::UniqueFd;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::SizeIs;
+
+const Answer kRefusedInside = {-EPERM, 0};
+
+class PrivilegedFaults : public DeviceTest {
+ protected:
+  void SetUp() override {
+    DeviceTest::SetUp();
+    MakeImage(name_, "the firmware");
+    directory_ = MakeDirectory(name_);
+  }
+
+  void TearDown() override {
+    faults::before.clear();
+    faults::after.clear();
+    faults::kernelKnowsNoMountRoots = false;
+    faults::kernelKnowsNoMountIds = false;
+  }
+
+  Answer Ask(PrivilegedOperation operation, const std::string& text) {
+    const PrivilegedAnswer answer = fwplatform::AnswerPrivilegedRequest(
+        operation, text, {1, 2, 3}, [this](RequestEnd end, const PrivilegedCaller&, const std::string& line) {
+          end_ = end;
+          line_ = line;
+        });
+    return {answer.status, answer.result};
+  }
+
+  Answer AskForMount() { return Ask(PrivilegedOperation::kMount, MountText(name_) + '\0'); }
+
+  Answer MountInVain() {
+    const std::string before = readFile("/proc/self/mounts");
+    const int descriptors = CountDescriptors();
+    const Answer answer = AskForMount();
+    EXPECT_EQ(readFile("/proc/self/mounts"), before);
+    EXPECT_EQ(CountDescriptors(), descriptors);
+    EXPECT_THAT(LoopDevicesLeftOf(name_), IsEmpty());
+    return answer;
+  }
+
+  static int CountDescriptors() {
+    return static_cast<int>(std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator()));
+  }
+
+  const std::string name_ = UniquePackageName();
+  std::string directory_;
+  RequestEnd end_ = RequestEnd::kGone;
+  std::string line_;
+};
+
+TEST_F(PrivilegedFaults, AMountOnADirectoryThatIsMovedAwayIsTakenBack) {
+  const std::string elsewhere = kPackages + "/elsewhere";
+  faults::before["move_mount"] = [&] {
+    fs::rename(directory_, elsewhere);
+    return 0;
+  };
+
+  EXPECT_EQ(MountInVain(), kRefusedInside);
+
+  EXPECT_THAT(line_,
+              HasSubstr("refused mount of pid 1, uid 2, gid 3: " + name_ + " was moved away meanwhile"));
+  EXPECT_TRUE(fs::is_empty(elsewhere));
+}
+
+TEST_F(PrivilegedFaults, AMountIsTakenBackWhenAnotherDirectoryHasItsName) {
+  faults::before["move_mount"] = [&] {
+    fs::rename(directory_, kPackages + "/elsewhere");
+    fs::create_directory(directory_);
+    return 0;
+  };
+
+  EXPECT_EQ(MountInVain(), kRefusedInside);
+}
+
+TEST_F(PrivilegedFaults, AMountIsTakenBackWhenItsParentIsReplaced) {
+  faults::before["move_mount"] = [&] {
+    fs::rename(kEmps, kPackages + "/other-emps");
+    fs::create_directories(directory_);
+    return 0;
+  };
+
+  EXPECT_EQ(MountInVain(), kRefusedInside);
+}
+
+TEST_F(PrivilegedFaults, AMountIsTakenBackWhenTheKernelDoesNotTellWhereItIs) {
+  faults::kernelKnowsNoMountIds = true;
+
+  EXPECT_EQ(MountInVain(), kRefusedInside);
+}
+
+TEST_F(PrivilegedFaults, AMountIsTakenBackWhenItsPlaceCannotBeLookedAt) {
+  faults::after["move_mount"] = [] { faults::before["statx"] = [] { return ENOMEM; }; };
+
+  EXPECT_EQ(MountInVain(), kRefusedInside);
+}
+
+// On such a kernel a directory that is mounted on looks like any other.
+TEST_F(PrivilegedFaults, NothingIsMountedWhereTheKernelDoesNotTellWhatIsMounted) {
+  faults::kernelKnowsNoMountRoots = true;
+
+  EXPECT_EQ(MountInVain(), FailedWith(ENOSYS));
+
+  EXPECT_THAT(line_, HasSubstr("seeing whether " + name_ + " is mounted: Function not implemented"));
+}
+
+TEST_F(PrivilegedFaults, NothingIsMountedWhenTheDirectoryCannotBeLookedAt) {
+  faults::before["statx"] = [] { return EIO; };
+
+  EXPECT_EQ(MountInVain(), FailedWith(EIO));
+}
+
+TEST_F(PrivilegedFaults, AFailureOfAnyStepIsTheResultAndLeavesNothing) {
+  const bool inside = fwplatform::IsInUserNamespace();
+  std::vector<std::string> steps = {"fsopen", "fsconfig", "fsconfig create", "fsmount", "move_mount"};
+  steps.emplace_back(inside ? "mount_setattr" : "LOOP_CTL_GET_FREE");
+  for (const std::string& step : steps) {
+    faults::before = {{step, [] { return EIO; }}};
+
+    EXPECT_EQ(MountInVain(), FailedWith(EIO)) << step;
+    EXPECT_EQ(end_, RequestEnd::kFailed) << step;
+    EXPECT_THAT(line_, HasSubstr("Input/output error")) << step;
+  }
+}
+
+TEST_F(PrivilegedFaults, TheImageThatWasCheckedIsMountedWhateverHasItsNameByThen) {
+  const std::string other = UniquePackageName();
+  const std::string replacement = MakeImage(other, "not checked");
+  faults::before["statx"] = [&] {
+    fs::rename(replacement, ImagePath(name_));
+    faults::before.clear();
+    return 0;
+  };
+
+  ASSERT_EQ(AskForMount(), kDone);
+
+  EXPECT_EQ(end_, RequestEnd::kDone);
+  EXPECT_EQ(readFile(directory_ + "/content"), "the firmware");
+  EXPECT_EQ(Ask(PrivilegedOperation::kUmount, directory_), kDone);
+}
+
+TEST_F(PrivilegedFaults, TheResultOfUnmountingIsTheKernels) {
+  ASSERT_EQ(AskForMount(), kDone);
+  faults::before["umount2"] = [] { return EIO; };
+
+  EXPECT_EQ(Ask(PrivilegedOperation::kUmount, directory_), FailedWith(EIO));
+
+  faults::before.clear();
+  EXPECT_EQ(Ask(PrivilegedOperation::kUmount, directory_), kDone);
+}
+
+// With real loop devices alone.
+class LoopDeviceFaults : public PrivilegedFaults {
+ protected:
+  void SetUp() override {
+    PrivilegedFaults::SetUp();
+    if (fwplatform::IsInUserNamespace()) {
+      GTEST_SKIP() << "there are no loop devices in a user namespace";
+    }
+  }
+};
+
+TEST_F(LoopDeviceFaults, ADeviceThatAnotherProcessTookIsNoReasonToFail) {
+  int attempts = 0;
+  faults::before["LOOP_CONFIGURE"] = [&] { return ++attempts < 50 ? EBUSY : 0; };
+
+  EXPECT_EQ(AskForMount(), kDone);
+
+  EXPECT_EQ(attempts, 50);
+  EXPECT_EQ(Ask(PrivilegedOperation::kUmount, directory_), kDone);
+}
+
+TEST_F(LoopDeviceFaults, AMachineThatTakesEveryDeviceIsNotWaitedForWithoutEnd) {
+  int attempts = 0;
+  faults::before["LOOP_CONFIGURE"] = [&] {
+    ++attempts;
+    return EBUSY;
+  };
+
+  EXPECT_EQ(MountInVain(), FailedWith(EBUSY));
+
+  EXPECT_EQ(attempts, 100);
+}
+
+TEST_F(LoopDeviceFaults, AnotherErrorOfTheDeviceIsTheResult) {
+  int attempts = 0;
+  faults::before["LOOP_CONFIGURE"] = [&] {
+    ++attempts;
+    return EIO;
+  };
+
+  EXPECT_EQ(MountInVain(), FailedWith(EIO));
+
+  EXPECT_EQ(attempts, 1);
+}
+
+TEST_F(LoopDeviceFaults, TheDeviceIsReadOnlyAndDetachesItself) {
+  loop_info64 info = {};
+  faults::after["LOOP_CONFIGURE"] = [&] {
+    const UniqueFd device(open(("/dev/" + LoopDevicesOf(name_).at(0)).c_str(), O_RDONLY | O_CLOEXEC));
+    faults::after.clear();
+    ASSERT_EQ(ioctl(device.get(), LOOP_GET_STATUS64, &info), 0);
+  };
+
+  ASSERT_EQ(AskForMount(), kDone);
+
+  EXPECT_EQ(info.lo_flags, static_cast<unsigned>(LO_FLAGS_READ_ONLY | LO_FLAGS_AUTOCLEAR));
+  EXPECT_EQ(Ask(PrivilegedOperation::kUmount, directory_), kDone);
+}
+
+// A /dev that holds no node but these.
+class LoopNodeFaults : public LoopDeviceFaults {
+ protected:
+  void SetUp() override {
+    LoopDeviceFaults::SetUp();
+    if (IsSkipped()) {
+      return;
+    }
+    dev_.emplace(TemporaryMount::Memory("/dev"));
+    ASSERT_EQ(mknod("/dev/loop-control", S_IFCHR | 0600, makedev(10, 237)), 0);
+  }
+
+  void MakeNodes(int first, int last) {
+    for (int number = first; number <= last; ++number) {
+      const std::string path = "/dev/loop" + std::to_string(number);
+      ASSERT_EQ(mknod(path.c_str(), S_IFBLK | 0660, makedev(7, static_cast<unsigned>(number))), 0);
+    }
+  }
+
+  // The node that the kernel would take is one that is not there.
+  static int FreeDevice() {
+    const UniqueFd control(open("/dev/loop-control", O_RDWR | O_CLOEXEC));
+    return ioctl(control.get(), LOOP_CTL_GET_FREE);
+  }
+
+ private:
+  std::optional<TemporaryMount> dev_;
+};
+
+TEST_F(LoopNodeFaults, AnyFreeNodeDoesWhereTheKernelsIsMissing) {
+  MakeNodes(FreeDevice() + 1, 7);
+
+  ASSERT_EQ(AskForMount(), kDone);
+
+  EXPECT_EQ(readFile(directory_ + "/content"), "the firmware");
+  EXPECT_EQ(Ask(PrivilegedOperation::kUmount, directory_), kDone);
+}
+
+TEST_F(LoopNodeFaults, WithoutAnyNodeTheResultSaysSo) {
+  EXPECT_EQ(MountInVain(), FailedWith(ENOENT));
+}
+
+TEST_F(LoopNodeFaults, WhenAllNodesAreTakenTheResultSaysSo) {
+  MakeNodes(FreeDevice() + 1, 7);
+  faults::before["LOOP_CONFIGURE"] = [] { return EBUSY; };
+
+  EXPECT_EQ(MountInVain(), FailedWith(EBUSY));
+}
+
+TEST_F(LoopNodeFaults, WhatIsNoLoopDeviceIsNotTaken) {
+  const std::string node = "/dev/loop" + std::to_string(FreeDevice());
+  // The name of a node, but another block device, a file, and a link.
+  ASSERT_EQ(mknod(node.c_str(), S_IFBLK | 0660, makedev(1, 0)), 0);
+  EXPECT_EQ(MountInVain(), FailedWith(ENOENT));
+  fs::remove(node);
+  writeFile(node, "a file");
+  EXPECT_EQ(MountInVain(), FailedWith(ENOENT));
+  fs::remove(node);
+  ASSERT_EQ(mknod(node.c_str(), S_IFCHR | 0660, makedev(7, 0)), 0);
+  EXPECT_EQ(MountInVain(), FailedWith(ENOENT)) << "a character device";
+  fs::remove(node);
+  fs::create_symlink("/dev/loop-control", node);
+  EXPECT_EQ(MountInVain(), FailedWith(ENOENT));
+}
+
+TEST_F(LoopNodeFaults, WithoutTheControlNodeNothingIsMounted) {
+  fs::remove("/dev/loop-control");
+
+  EXPECT_EQ(MountInVain(), FailedWith(ENOENT));
+}
+
+// Somebody puts something else in the place of the node that was just made.
+TEST_F(LoopNodeFaults, ANodeThatWasReplacedKeepsItsMode) {
+  constexpr mode_t kMode = 0600;
+  struct Case {
+    mode_t type;
+    dev_t device;
+  };
+  for (const Case& one : {Case{S_IFBLK, makedev(7, 9)}, Case{S_IFCHR, makedev(7, 8)}, Case{S_IFIFO, 0}}) {
+    faults::after["mknodat"] = [&one] {
+      faults::after.clear();
+      fs::remove("/dev/loop8");
+      ASSERT_EQ(mknod("/dev/loop8", one.type | kMode, one.device), 0);
+    };
+
+    EXPECT_EQ(Ask(PrivilegedOperation::kMknod, std::string("-m 0660 -Z * /dev/loop8  b 7 8") + '\0'),
+              FailedWith(EEXIST));
+
+    struct stat status = {};
+    ASSERT_EQ(stat("/dev/loop8", &status), 0);
+    EXPECT_EQ(status.st_mode & 0777U, kMode);
+    fs::remove("/dev/loop8");
+  }
+}
+
+TEST_F(LoopNodeFaults, ANodeThatIsGoneAgainIsAFailure) {
+  faults::after["mknodat"] = [] { fs::remove("/dev/loop8"); };
+
+  EXPECT_EQ(Ask(PrivilegedOperation::kMknod, std::string("-m 0660 -Z * /dev/loop8  b 7 8") + '\0'),
+            FailedWith(ENOENT));
+  EXPECT_THAT(line_, HasSubstr("setting the mode of /dev/loop8"));
+}
+
+class SafePath : public DeviceTest {};
+
+TEST_F(SafePath, OpensWithoutAnEffectOnWhatIsOpened) {
+  OpenedPath opened;
+
+  ASSERT_EQ(fwplatform::OpenEntry("/opt/usr", "apps", opened), 0);
+
+  EXPECT_NE(fcntl(opened.fd.get(), F_GETFL) & O_PATH, 0);
+  EXPECT_NE(fcntl(opened.fd.get(), F_GETFD) & FD_CLOEXEC, 0);
+  EXPECT_TRUE(S_ISDIR(opened.status.st_mode));
+}
+
+TEST_F(SafePath, OpensTheRootAndWhatIsBelow) {
+  UniqueFd directory;
+  EXPECT_EQ(fwplatform::OpenDirectory("/", directory), 0);
+  EXPECT_EQ(fs::read_symlink(fwplatform::ProcPath(directory.get())), "/");
+  EXPECT_EQ(fwplatform::OpenDirectory(kEmps, directory), 0);
+  EXPECT_EQ(fs::read_symlink(fwplatform::ProcPath(directory.get())), kEmps);
+}
+
+TEST_F(SafePath, OpensNothingThroughALinkOrAFile) {
+  fs::create_directory_symlink("/opt/usr", "/tmp/link");
+  writeFile("/tmp/file", "x");
+  UniqueFd directory;
+  OpenedPath entry;
+
+  EXPECT_EQ(fwplatform::OpenDirectory("/tmp/link/apps", directory), ELOOP);
+  EXPECT_EQ(fwplatform::OpenDirectory("/tmp/link", directory), ELOOP);
+  EXPECT_EQ(fwplatform::OpenEntry("/tmp", "link", entry), ELOOP);
+  EXPECT_EQ(fwplatform::OpenEntry("/tmp/link", "apps", entry), ELOOP);
+  EXPECT_EQ(fwplatform::OpenDirectory("/tmp/file/x", directory), ENOTDIR);
+  EXPECT_EQ(fwplatform::OpenDirectory("/tmp/missing", directory), ENOENT);
+  EXPECT_FALSE(directory);
+  EXPECT_FALSE(entry.fd);
+}
+
+TEST_F(SafePath, ReadsWhatItHasOpened) {
+  writeFile("/tmp/file", "content");
+  OpenedPath file;
+  ASSERT_EQ(fwplatform::OpenEntry("/tmp", "file", file), 0);
+  fs::rename("/tmp/file", "/tmp/renamed");
+  UniqueFd content;
+
+  ASSERT_EQ(fwplatform::OpenForReading(file, content), 0);
+
+  char bytes[8] = {};
+  EXPECT_EQ(read(content.get(), bytes, sizeof bytes), 7);
+  EXPECT_STREQ(bytes, "content");
+  EXPECT_EQ(write(content.get(), bytes, 1), -1);
+  EXPECT_NE(fcntl(content.get(), F_GETFD) & FD_CLOEXEC, 0);
+}
+
+TEST_F(SafePath, SaysWhyAFileCannotBeRead) {
+  writeFile("/tmp/file", "content");
+  fs::permissions("/tmp/file", fs::perms::none);
+  const WithoutFileOverride bound;
+  OpenedPath file;
+  ASSERT_EQ(fwplatform::OpenEntry("/tmp", "file", file), 0);
+  UniqueFd content;
+
+  EXPECT_EQ(fwplatform::OpenForReading(file, content), EACCES);
+}
+
+TEST_F(SafePath, TellsMountsApart) {
+  fs::create_directories("/tmp/a/b");
+  const UniqueFd a(open("/tmp/a", O_PATH | O_CLOEXEC));
+  const UniqueFd b(open("/tmp/a/b", O_PATH | O_CLOEXEC));
+  EXPECT_TRUE(fwplatform::AreOnOneMount(a.get(), b.get()));
+  const TemporaryMount mount = TemporaryMount::Memory("/tmp/a/b");
+  const UniqueFd mounted(open("/tmp/a/b", O_PATH | O_CLOEXEC));
+
+  EXPECT_FALSE(fwplatform::AreOnOneMount(a.get(), mounted.get()));
+  EXPECT_FALSE(fwplatform::AreOnOneMount(mounted.get(), a.get()));
+  EXPECT_FALSE(fwplatform::AreOnOneMount(a.get(), -1));
+  EXPECT_FALSE(fwplatform::AreOnOneMount(-1, a.get()));
+  EXPECT_FALSE(fwplatform::AreOnOneMount(-1, -1));
+}
+
+}  // namespace

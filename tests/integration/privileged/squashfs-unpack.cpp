@@ -1,0 +1,219 @@
+// The stand-in for loop mounts: limits of what an image can make it do. In place of the
+// unpacker stand programs that tell what they find, or hang.
+#include "privileged/squashfs-unpack.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <signal.h>
+#include <sys/mount.h>
+#include <sys/statfs.h>
+#include <sys/statvfs.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <random>
+#include <string>
+
+#include "device-environment.h"
+#include "package-images.h"
+#include "temporary-mount.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using fwplatform::UniqueFd;
+using fwplatform::UnpackLimits;
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+class SquashfsUnpack : public DeviceTest {
+ protected:
+  void SetUp() override {
+    DeviceTest::SetUp();
+    MakeImage(name_, "the content");
+  }
+
+  int Unpack(const UnpackLimits& limits = {}, unsigned attributes = MOUNT_ATTR_RDONLY) {
+    const UniqueFd image(open(ImagePath(name_).c_str(), O_RDONLY | O_CLOEXEC));
+    return fwplatform::UnpackOnTmpfs(image, attributes, limits, tree_, reason_);
+  }
+
+  // Lets a shell script be what unpacks. It gets the tree as its working directory.
+  TemporaryMount UnpackWith(const std::string& script) {
+    writeFile("/tmp/unpacker", "#!/bin/sh\ncd /proc/self/fd/4\n" + script);
+    fs::permissions("/tmp/unpacker", fs::perms::all);
+    return TemporaryMount::Bind("/tmp/unpacker", "/usr/bin/unsquashfs");
+  }
+
+  std::string Unpacked(const std::string& name) const {
+    return readFile("/proc/self/fd/" + std::to_string(tree_.get()) + "/" + name);
+  }
+
+  static std::string Noise(std::size_t size) {
+    std::mt19937 random(1);
+    std::string noise(size, '\0');
+    for (char& byte : noise) {
+      byte = static_cast<char>(random());
+    }
+    return noise;
+  }
+
+  const std::string name_ = UniquePackageName();
+  UniqueFd tree_;
+  std::string reason_;
+};
+
+TEST_F(SquashfsUnpack, GivesAReadOnlyTreeThatIsMountedNowhere) {
+  const std::string mounts = readFile("/proc/self/mounts");
+
+  ASSERT_EQ(Unpack({}, MOUNT_ATTR_RDONLY | MOUNT_ATTR_NODEV | MOUNT_ATTR_NOSUID), 0) << reason_;
+
+  EXPECT_EQ(Unpacked("content"), "the content");
+  EXPECT_EQ(openat(tree_.get(), "new", O_CREAT | O_WRONLY | O_CLOEXEC, 0600), -1);
+  EXPECT_EQ(errno, EROFS);
+  struct statfs status = {};
+  ASSERT_EQ(fstatfs(tree_.get(), &status), 0);
+  constexpr auto kFlags = ST_RDONLY | ST_NODEV | ST_NOSUID;
+  EXPECT_EQ(static_cast<unsigned>(status.f_flags) & (kFlags | ST_NOEXEC), static_cast<unsigned>(kFlags));
+  EXPECT_EQ(readFile("/proc/self/mounts"), mounts);
+  EXPECT_NE(fcntl(tree_.get(), F_GETFD) & FD_CLOEXEC, 0);
+}
+
+TEST_F(SquashfsUnpack, KeepsTheWholeDeviceFromFillingUp) {
+  fs::remove(ImagePath(name_));
+  MakeImage(name_, Noise(3U << 20U));
+  UnpackLimits limits;
+  limits.size = "2m";
+
+  EXPECT_EQ(Unpack(limits), ENOSPC);
+
+  EXPECT_EQ(reason_, "the image is too big");
+  EXPECT_FALSE(tree_);
+  limits.size = "4m";
+  EXPECT_EQ(Unpack(limits), 0) << reason_;
+}
+
+TEST_F(SquashfsUnpack, LimitsTheNumberOfFilesToo) {
+  fs::remove(ImagePath(name_));
+  MakeImage(name_, "x", "-p '/one d 755 0 0' -p '/two d 755 0 0' -p '/three d 755 0 0'");
+  UnpackLimits limits;
+  limits.files = "4";
+
+  EXPECT_EQ(Unpack(limits), ENOSPC);
+
+  EXPECT_EQ(reason_, "the image is too big");
+}
+
+TEST_F(SquashfsUnpack, HasALimitUnlessItIsTold) {
+  ASSERT_EQ(Unpack(), 0) << reason_;
+
+  struct statfs status = {};
+  ASSERT_EQ(fstatfs(tree_.get(), &status), 0);
+  EXPECT_EQ(status.f_blocks * static_cast<unsigned long long>(status.f_bsize), 1ULL << 30U);
+  EXPECT_EQ(status.f_files, 65536U);
+}
+
+TEST_F(SquashfsUnpack, EndsAnUnpackerThatHangs) {
+  const TemporaryMount unpacker = UnpackWith("trap '' TERM; sleep 30; exit 0");
+  UnpackLimits limits;
+  limits.milliseconds = 100;
+
+  EXPECT_EQ(Unpack(limits), ETIMEDOUT);
+
+  EXPECT_EQ(reason_, "unsquashfs took too long or was ended");
+  EXPECT_FALSE(tree_);
+}
+
+TEST_F(SquashfsUnpack, GivesTheUnpackerTimeUnlessItIsTold) {
+  EXPECT_EQ(UnpackLimits().milliseconds, 25000);
+}
+
+TEST_F(SquashfsUnpack, GivesTheUnpackerNoRightsOutsideOfItsOwnNamespace) {
+  const TemporaryMount unpacker = UnpackWith("readlink /proc/self/ns/user >namespace");
+
+  ASSERT_EQ(Unpack(), 0) << reason_;
+
+  EXPECT_THAT(Unpacked("namespace"), HasSubstr("user:["));
+  EXPECT_THAT(Unpacked("namespace"), Not(HasSubstr(fs::read_symlink("/proc/self/ns/user").string())));
+}
+
+TEST_F(SquashfsUnpack, GivesTheUnpackerNoOtherDescriptorsAndNoEnvironment) {
+  const int left = fcntl(open("/dev/null", O_RDONLY | O_CLOEXEC), F_DUPFD, 100);
+  ASSERT_GE(left, 100);
+  // A shell without variables of its own invention, and without its script's descriptor.
+  const TemporaryMount unpacker = UnpackWith(
+      "ls /proc/self/fd >descriptors\nreadlink /proc/self/fd/* >links\n"
+      "cat /proc/self/environ >environment");
+
+  ASSERT_EQ(Unpack(), 0) << reason_;
+
+  EXPECT_THAT(Unpacked("descriptors"), HasSubstr("\n3\n4\n"));
+  EXPECT_THAT(Unpacked("descriptors"), Not(HasSubstr(std::to_string(left))));
+  EXPECT_THAT(Unpacked("links"), HasSubstr(name_ + ".img"));
+  EXPECT_THAT(Unpacked("links"), HasSubstr("memfd:unsquashfs"));
+  EXPECT_THAT(Unpacked("environment"), HasSubstr("LC_ALL=C"));
+  EXPECT_THAT(Unpacked("environment"), Not(HasSubstr("HOME=")));
+  close(left);
+}
+
+TEST_F(SquashfsUnpack, TakesFilesWithoutTheirOwnersAsWhole) {
+  const TemporaryMount unpacker = UnpackWith("echo all >content; exit 2");
+
+  ASSERT_EQ(Unpack(), 0) << reason_;
+
+  EXPECT_EQ(Unpacked("content"), "all\n");
+}
+
+TEST_F(SquashfsUnpack, GivesTheLastLineOfTheUnpackerForItsFailure) {
+  const TemporaryMount unpacker = UnpackWith("echo first; echo 'the reason' >&2; echo; exit 1");
+
+  EXPECT_EQ(Unpack(), EINVAL);
+
+  EXPECT_EQ(reason_, "the reason");
+  EXPECT_FALSE(tree_);
+}
+
+TEST_F(SquashfsUnpack, GivesTheOnlyLineToo) {
+  const TemporaryMount unpacker = UnpackWith("printf 'alone'; exit 1");
+
+  EXPECT_EQ(Unpack(), EINVAL);
+
+  EXPECT_EQ(reason_, "alone");
+}
+
+TEST_F(SquashfsUnpack, GivesTheEndOfALongStory) {
+  const TemporaryMount unpacker =
+      UnpackWith("i=0; while [ $i -lt 500 ]; do echo line $i; i=$((i+1)); done; echo the end; exit 1");
+
+  EXPECT_EQ(Unpack(), EINVAL);
+
+  EXPECT_EQ(reason_, "the end");
+}
+
+TEST_F(SquashfsUnpack, SaysWhenItsUnpackerCrashes) {
+  const TemporaryMount unpacker = UnpackWith("kill -SEGV $$");
+
+  EXPECT_EQ(Unpack(), ETIMEDOUT);
+
+  EXPECT_EQ(reason_, "unsquashfs took too long or was ended");
+}
+
+TEST_F(SquashfsUnpack, SaysWhenThereIsNoUnpacker) {
+  writeFile("/tmp/no-program", "x");
+  const TemporaryMount unpacker = TemporaryMount::Bind("/tmp/no-program", "/usr/bin/unsquashfs");
+
+  EXPECT_EQ(Unpack(), ENOSYS);
+
+  EXPECT_EQ(reason_, "/usr/bin/unsquashfs can't be run");
+}
+
+TEST_F(SquashfsUnpack, LeavesNoProcessBehind) {
+  ASSERT_EQ(Unpack(), 0) << reason_;
+
+  EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
+  EXPECT_EQ(errno, ECHILD);
+}
+
+}  // namespace
