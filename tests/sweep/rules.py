@@ -247,21 +247,6 @@ def new_files(look, before, allowed):
                   if not any(fnmatch.fnmatchcase(path, pattern) for pattern in allowed))
 
 
-# ---- What is known ---------------------------------------------------------------
-
-# Where the library keeps an old behaviour on purpose: scenario, call, subject, errors.
-# These points are swept and counted like the others, by themselves.
-KNOWN = (
-    # A read error ends a package early, and what was read of it is written.
-    ("usb", "read", "/opt/media/USBDriveA/*", ("EIO",)),
-)
-
-
-def is_known(scenario, call, subject, error):
-    return any(scenario == known[0] and call == known[1] and fnmatch.fnmatchcase(subject, known[2])
-               and error in known[3] for known in KNOWN)
-
-
 # ---- One point -------------------------------------------------------------------
 
 class Judge:
