@@ -27,6 +27,8 @@ ALLOWED = ["address", "array-bounds", "conversion", "empty-body", "format-overfl
            "unused-variable"]
 PRAGMAS = "".join(f'#pragma GCC diagnostic ignored "-W{name}"\n' for name in ALLOWED) + "#line 1\n"
 FAILED = re.compile(r"^\s*\d+ - (.+) \([^()]+\)$", re.MULTILINE)
+NO_TEST = "the run of the tests itself"
+SLOW = 3  # seconds
 NO_SOURCES = ("build", ".git", "device")
 BUILD_TIME = 1800  # seconds
 TEST_RUN_TIME = 3600
@@ -128,18 +130,28 @@ class Workshop:
         return [(number, test["name"], pathlib.Path(test["command"][0]).name)
                 for number, test in enumerate(listed, 1) if test.get("command")]
 
-    def failures(self, numbers, stop):
-        """The names of those tests that fail, run by their numbers."""
+    def slow_tests(self):
+        """The names of tests that are known to take their time."""
+        known = self.build_directory / "Testing" / "Temporary" / "CTestCostData.txt"
+        rows = known.read_text(encoding="utf-8").split("---")[0].splitlines() if known.exists() else []
+        return {name for name, _, seconds in (row.rsplit(" ", 2) for row in rows) if float(seconds) > SLOW}
+
+    def failures(self, numbers):
+        """The names of some of these tests that fail; the others are not run then."""
         chosen = "0,0,0," + ",".join(map(str, sorted(numbers)))
         command = ["ctest", "--preset", PRESET, "-I", chosen, "--parallel", str(self.jobs), "--timeout",
-                   str(self.limit), "--repeat", "until-pass:2", *(["--stop-on-failure"] if stop else [])]
-        if self.run(command, "test", TEST_RUN_TIME, confined=True) == 0:
-            return []
-        listed = self.log("test").partition("The following tests FAILED:")[2]
-        return FAILED.findall(listed) or ["the run of the tests itself"]
+                   str(self.limit), "--repeat", "until-pass:2", "--stop-on-failure"]
+        for _ in range(2):  # a test program that does not even name its tests may do so the next time
+            if self.run(command, "test", TEST_RUN_TIME, confined=True) == 0:
+                return []
+            failed = FAILED.findall(self.log("test").partition("The following tests FAILED:")[2])
+            if failed:
+                return failed
+        return [NO_TEST]
 
-    def write(self, name, text):
-        (self.copy / name).write_text(text, encoding="utf-8")
+    def put(self, mutant):
+        text = (self.root / mutant.file).read_text(encoding="utf-8")
+        (self.copy / mutant.file).write_text(PRAGMAS + mutant.apply(text), encoding="utf-8")
 
     def restore(self, name):
         shutil.copy(self.root / name, self.copy / name)  # with the time of now: it is built again
