@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <pthread.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
@@ -99,8 +100,20 @@ std::set<int> numbersIn(const char* directory) {
   return numbers;
 }
 
-// The signals, as bits, that a thread of this process does not take.
+char stateOf(int thread) {
+  std::ifstream file("/proc/self/task/" + std::to_string(thread) + "/stat");
+  std::string number, name;
+  char state = '?';
+  file >> number >> name >> state;
+  return state;
+}
+
+// The signals, as bits, that a thread of this process does not take when it waits: one
+// that begins takes none for a moment.
 std::uint64_t blockedSignals(int thread) {
+  while (thread != getpid() && stateOf(thread) == 'R') {
+    sched_yield();
+  }
   std::ifstream status("/proc/self/task/" + std::to_string(thread) + "/status");
   for (std::string word; status >> word;) {
     if (word == "SigBlk:") {
@@ -257,6 +270,21 @@ TEST_F(DevicePowerWithLogind, TwoHoldsOfOneProcessNeedTwoUnlocks) {
   EXPECT_EQ(device_power_unlock_state(2), -ENOENT);
 }
 
+TEST_F(DevicePowerWithLogind, NeedsOneThreadHoweverMuchIsHeldAndNoneForNothing) {
+  ASSERT_EQ(device_power_lock_state(2, kLong), 0);
+  ASSERT_EQ(device_power_lock_state(2, kLong), 0);
+  EXPECT_THAT(numbersIn("/proc/self/task"), SizeIs(2));
+
+  device_power_unlock_state(2);
+  device_power_unlock_state(2);
+
+  const auto patience = Clock::now() + std::chrono::seconds(20);
+  while (numbersIn("/proc/self/task").size() > 1 && Clock::now() < patience) {
+    sched_yield();
+  }
+  EXPECT_THAT(numbersIn("/proc/self/task"), SizeIs(1));
+}
+
 TEST_F(DevicePowerWithLogind, UnlockGivesBackTheHoldThatWouldEndFirst) {
   ASSERT_EQ(device_power_lock_state(2, kLong), 0);
   ASSERT_EQ(device_power_lock_state(2, 2000), 0);
@@ -405,6 +433,27 @@ TEST_F(DevicePower, TakesTheKernelsWakeLockWithoutLogind) {
   EXPECT_EQ(before, "");
   EXPECT_EQ(readFile("/sys/power/wake_unlock"), locked.substr(0, locked.find(' ')));
   EXPECT_THAT(logged(), IsEmpty());
+}
+
+TEST_F(DevicePower, GivesEachWakeLockANameOfItsOwn) {
+  giveKernelWakeLocks();
+
+  ASSERT_EQ(device_power_lock_state(2, 105000), 0);
+  const std::string first = readFile("/sys/power/wake_lock");
+  ASSERT_EQ(device_power_lock_state(2, 105000), 0);
+
+  EXPECT_NE(readFile("/sys/power/wake_lock"), first);
+}
+
+TEST_F(DevicePower, TakesABusThatNobodyServesForNone) {
+  const int nobody = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address = {AF_UNIX, "/run/left-bus"};
+  ASSERT_EQ(bind(nobody, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/run/left-bus", 1);
+
+  EXPECT_EQ(device_power_lock_state(2, kLong), -ENOSYS);
+
+  close(nobody);
 }
 
 TEST_F(DevicePower, FailsAndSaysSoOnceWithoutLogindAndWithoutWakeLocks) {
