@@ -1,9 +1,7 @@
 // fw-module new: names, files and what is never overwritten.
 #include <filesystem>
 
-#include "counted-version.h"
 #include "fw-module-test.h"
-#include "module-name.h"
 
 namespace {
 
@@ -108,40 +106,6 @@ TEST_F(NewProject, SaysWhatIsWrongWithAName) {
     EXPECT_THAT(result.error, HasSubstr(one.sentence)) << one.name;
   }
   EXPECT_TRUE(fs::is_empty(kWork));
-}
-
-TEST(ModuleName, GivesIdentifierAndFirmwareThatBelongTogether) {
-  const struct {
-    const char* library;
-    bool extension;
-    const char* identifier;
-    const char* firmware;
-  } names[] = {
-      {"libdoor", false, "doorempfw", "doorfw"},
-      {"door", false, "doorempfw", "doorfw"},
-      {"libdoor-2_b", false, "door2bempfw", "door2bfw"},
-      {"libtemperature", false, "emptemperaturefw", "temperaturefw"},
-      {"libEXT-door", true, "doorempfw", "doorfw"},
-      {"EXT-door", true, "doorempfw", "doorfw"},
-  };
-  for (const auto& one : names) {
-    const fwmodule::ModuleName name = fwmodule::parseModuleName(one.library);
-
-    EXPECT_EQ(name.extension, one.extension) << one.library;
-    EXPECT_EQ(name.identifier, one.identifier) << one.library;
-    EXPECT_EQ(name.firmware, one.firmware) << one.library;
-    EXPECT_EQ(fwmodule::firmwareOf(name.identifier), one.firmware) << one.library;
-  }
-}
-
-TEST(CountedVersion, IsNewerInEveryForm) {
-  EXPECT_EQ(fwmodule::countedUp("0.0.0"), "0.0.1");
-  EXPECT_EQ(fwmodule::countedUp("1.9"), "1.10");
-  EXPECT_EQ(fwmodule::countedUp("99"), "100");
-  EXPECT_EQ(fwmodule::countedUp("V2.3b"), "V2.4b");
-  EXPECT_EQ(fwmodule::countedUp("unknown"), "1.0.0");
-  EXPECT_THAT(fwmodule::newerVersions("T2-9.5"), ElementsAre("T2-9.6", "T3-9.5"));
-  EXPECT_THAT(fwmodule::newerVersions("7"), ElementsAre("8"));
 }
 
 }  // namespace

@@ -11,7 +11,7 @@ using ::testing::ElementsAre;
 TEST(CountedVersion, AddsOneToTheLastNumber) {
   EXPECT_EQ(countedUp("1.2.3"), "1.2.4");
   EXPECT_EQ(countedUp("0"), "1");
-  EXPECT_EQ(countedUp("v7-beta"), "v8-beta");
+  EXPECT_EQ(countedUp("V2.3b"), "V2.4b");
 }
 
 TEST(CountedVersion, CarriesOver) {

@@ -19,37 +19,29 @@ std::string refusal(const std::string& name) {
   }
 }
 
-TEST(ModuleName, GivesPackageAndFirmwareTheirNames) {
-  const ModuleName name = parseModuleName("libdoor");
-
-  EXPECT_EQ(name.library, "libdoor");
-  EXPECT_FALSE(name.extension);
-  EXPECT_EQ(name.identifier, "doorempfw");
-  EXPECT_EQ(name.firmware, "doorfw");
-}
-
-TEST(ModuleName, NeedsNoLib) {
-  EXPECT_EQ(parseModuleName("door").firmware, "doorfw");
-}
-
-TEST(ModuleName, LeavesOutWhatIdentifiersCannotHold) {
-  EXPECT_EQ(parseModuleName("libfront_door-2").identifier, "frontdoor2empfw");
-}
-
-TEST(ModuleName, KnowsAModuleWithAProcedureOfItsOwn) {
-  const ModuleName name = parseModuleName("libEXT-door");
-
-  EXPECT_TRUE(name.extension);
-  EXPECT_EQ(name.firmware, "doorfw");
-}
-
 // Removing the first "emp" of the identifier has to give the firmware's name.
-TEST(ModuleName, PutsEmpFirstWhereTheComponentHasOneItself) {
-  const ModuleName name = parseModuleName("libtemperature");
+TEST(ModuleName, GivesIdentifierAndFirmwareThatBelongTogether) {
+  const struct {
+    const char* library;
+    bool extension;
+    const char* identifier;
+    const char* firmware;
+  } names[] = {
+      {"libdoor", false, "doorempfw", "doorfw"},
+      {"door", false, "doorempfw", "doorfw"},
+      {"libdoor-2_b", false, "door2bempfw", "door2bfw"},
+      {"libtemperature", false, "emptemperaturefw", "temperaturefw"},
+      {"libEXT-door", true, "doorempfw", "doorfw"},
+      {"EXT-door", true, "doorempfw", "doorfw"},
+  };
+  for (const auto& one : names) {
+    const ModuleName name = parseModuleName(one.library);
 
-  EXPECT_EQ(name.firmware, "temperaturefw");
-  EXPECT_EQ(name.identifier, "emptemperaturefw");
-  EXPECT_EQ(firmwareOf(name.identifier), name.firmware);
+    EXPECT_EQ(name.extension, one.extension) << one.library;
+    EXPECT_EQ(name.identifier, one.identifier) << one.library;
+    EXPECT_EQ(name.firmware, one.firmware) << one.library;
+    EXPECT_EQ(firmwareOf(name.identifier), one.firmware) << one.library;
+  }
 }
 
 TEST(ModuleName, RefusesWhatNoModuleCanBeCalled) {

@@ -5,6 +5,7 @@
 #include <sys/un.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <optional>
 #include <string>
@@ -14,6 +15,17 @@
 #include "dlog.h"
 #include "logging-child.h"
 #include "temporary-mount.h"
+
+namespace {
+
+// Whether this process has more rights than who started it, for the C library.
+bool hasMoreRights = false;
+
+}  // namespace
+
+extern "C" __attribute__((visibility("default"))) char* secure_getenv(const char* name) noexcept {
+  return hasMoreRights ? nullptr : std::getenv(name);
+}
 
 namespace {
 
@@ -78,8 +90,8 @@ TEST_F(PlatformLogToSyslog, GivesEachPriorityItsSyslogPriority) {
                           "<11>FWUPDATE text", "<10>FWUPDATE text", "<10>FWUPDATE text"));
 }
 
-TEST_F(PlatformLogToSyslog, IsTheSinkByNameAndForUnknownNames) {
-  for (const char* setting : {"syslog", "nonsense"}) {
+TEST_F(PlatformLogToSyslog, IsTheSinkByNameForUnknownNamesAndWithoutAJournal) {
+  for (const char* setting : {"syslog", "nonsense", "journal"}) {
     EXPECT_THAT(MessagesOf(setting, [] { return LogAt(6, "here") == 4 ? 0 : 1; }),
                 ElementsAre("<11>FWUPDATE here"));
   }
@@ -94,6 +106,24 @@ TEST_F(PlatformLogToSyslog, GetsNothingFromTheOtherSinks) {
                            }),
                 ElementsAre());
   }
+}
+
+TEST_F(PlatformLogToSyslog, IsTheSinkWhereTheJournalIsNoSocket) {
+  writeFile("/run/systemd/journal/socket", "");
+
+  EXPECT_THAT(MessagesOf(nullptr, [] { return LogAt(6, "here") == 4 ? 0 : 1; }),
+              ElementsAre("<11>FWUPDATE here"));
+}
+
+TEST_F(PlatformLogToSyslog, GetsWhatAProgramWithMoreRightsSaysWhateverTheEnvironment) {
+  EXPECT_THAT(MessagesOf("none",
+                         [] {
+                           hasMoreRights = true;
+                           setenv("FW_UPDATE_LOG_LEVEL", "error", 1);
+                           LogAt(4, "here");
+                           return 0;
+                         }),
+              ElementsAre("<14>FWUPDATE here"));
 }
 
 TEST_F(PlatformLogToSyslog, KeepsLineFeedsAtTheEndAndShowsOtherControlCharacters) {

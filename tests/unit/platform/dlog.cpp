@@ -303,8 +303,9 @@ class FullPipe {
 };
 
 TEST(PlatformLog, WaitsForAFullStderrThatIsReadAgain) {
+  const std::string message(200 * 1024, 'l');  // more than the pipe takes at once
   FullPipe pipe;
-  const LoggingChild child("stderr", pipe.writingEnd(), [] { return LogAt(6, "late") == 4 ? 0 : 1; });
+  const LoggingChild child("stderr", pipe.writingEnd(), [&] { return LogAt(6, message.c_str()) < 0; });
   while (StateOf(child.id()) == 'R') {
     sched_yield();
   }
@@ -312,7 +313,8 @@ TEST(PlatformLog, WaitsForAFullStderrThatIsReadAgain) {
   const std::string text = pipe.Content();
 
   EXPECT_EQ(child.Wait(), 0);
-  EXPECT_EQ(WithoutTime(text.substr(text.find_first_not_of('.'))), "E FWUPDATE late\n");
+  EXPECT_TRUE(WithoutTime(text.substr(text.find_first_not_of('.'))) == "E FWUPDATE " + message + "\n")
+      << text.size();
 }
 
 TEST(PlatformLog, GivesUpAFullStderrThatNobodyReads) {
@@ -348,6 +350,26 @@ TEST(PlatformLog, KeepsASigpipeOfTheProgramsOwn) {
   close(ends[1]);
 
   EXPECT_EQ(child.Wait(), 0);
+}
+
+TEST(PlatformLog, LeavesTheProgramsSignalsAsTheyWere) {
+  StderrOf("stderr", [] {
+    LogAt(6, "text");
+    sigset_t blocked;
+    pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
+    return sigismember(&blocked, SIGPIPE);
+  });
+}
+
+TEST(PlatformLog, WritesNothingOfWhatCannotBeFormatted) {
+  const std::string format = "%ls";  // no literal: for the library alone
+
+  const std::string text = StderrOf("stderr", [&] {
+    const wchar_t inNoPlainLocale[] = {0x4E2D, 0};
+    return __dlog_print(kLogId, 6, "FWUPDATE", format.c_str(), inNoPlainLocale) == -EILSEQ ? 0 : 1;
+  });
+
+  EXPECT_EQ(text, "");
 }
 
 TEST(PlatformLog, DoesNotMixTheLinesOfSeveralThreads) {

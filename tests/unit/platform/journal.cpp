@@ -13,6 +13,7 @@
 #include <map>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "device-environment.h"
@@ -120,6 +121,29 @@ TEST_F(JournalTest, GetsNoPlaceForAMessageThatNamesNone) {
   EXPECT_THAT(entries[0], Contains(Pair("MESSAGE", "plain 1")));
   EXPECT_THAT(entries[0], Contains(Pair("PRIORITY", "6")));
   EXPECT_THAT(entries[0], Not(Contains(Key("CODE_FILE"))));
+}
+
+TEST_F(JournalTest, GetsNoPlaceThatIsNotThere) {
+  const auto entries = EntriesOf(nullptr, nullptr, [] {
+    const char* volatile nothing = nullptr;
+    __dlog_print(2, 6, "FWUPDATE", "%s: %s(%d) > text", "file.cpp", nothing, 1);
+    __dlog_print(2, 6, "FWUPDATE", "%s: %s(%d) > text", nothing, "function", 1);
+  });
+
+  ASSERT_THAT(entries, SizeIs(2));
+  EXPECT_THAT(entries[0], Contains(Pair("MESSAGE", "file.cpp: (null)(1) > text")));
+  EXPECT_THAT(entries[0], Not(Contains(Key("CODE_FILE"))));
+  EXPECT_THAT(entries[1], Not(Contains(Key("CODE_FUNC"))));
+}
+
+TEST_F(JournalTest, SaysThatNobodyListens) {
+  close(std::exchange(socket_, -1));
+
+  EntriesOf(nullptr, nullptr, [] {
+    if (__dlog_print(2, 6, "FWUPDATE", "text") != -ECONNREFUSED) {
+      _exit(1);
+    }
+  });
 }
 
 TEST_F(JournalTest, GetsNothingWhenAnotherSinkIsAskedFor) {
