@@ -39,6 +39,7 @@ TEST(LogText, ShowsInvalidUtf8AsHex) {
       {"surrogate", "\xED\xA0\x80", "\\xED\\xA0\\x80"},
       {"above the last code point", "\xF4\x90\x80\x80", "\\xF4\\x90\\x80\\x80"},
       {"never a first byte", "\xF5\xFE\xFF", "\\xF5\\xFE\\xFF"},
+      {"third byte a first one", "\xE2\x82\xC3\xA4", "\\xE2\\x82\xC3\xA4"},
       {"third byte wrong", "\xF0\x9F\x41\x80", "\\xF0\\x9F\x41\\x80"},
   };
 

@@ -1,6 +1,7 @@
 // Events between real processes, at the real place.
 #include "lwipc.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sched.h>
 #include <signal.h>
@@ -93,6 +94,38 @@ TEST_F(LwipcEvent, WakesWaitersAlsoWhenAnotherEventWasDoneBefore) {
   EXPECT_EQ(waiter.result(), 0);
 }
 
+TEST_F(LwipcEvent, WakesWaitersForWhatIsMovedIntoItsPlace) {
+  writeFile("/run/prepared/%2Ftmp%2F.ignore_resume", "");
+  Waiter forDirectory;
+
+  fs::rename("/run/prepared", kDirectory);
+
+  EXPECT_EQ(forDirectory.result(), 0);
+  fs::rename(kFile, "/run/event");
+  Waiter forFile;
+
+  fs::rename("/run/event", kFile);
+
+  EXPECT_EQ(forFile.result(), 0);
+}
+
+TEST_F(LwipcEvent, WakesWaitersWhoseDirectoryWasMovedAwayOrRemoved) {
+  fs::create_directory(kDirectory);
+  Waiter moved;
+
+  fs::rename(kDirectory, "/run/away");
+  ASSERT_EQ(LwipcEventDone(kEvent), 0);
+
+  EXPECT_EQ(moved.result(), 0);
+  fs::remove(kFile);
+  Waiter removed;
+
+  fs::remove(kDirectory);
+  ASSERT_EQ(LwipcEventDone(kEvent), 0);
+
+  EXPECT_EQ(removed.result(), 0);
+}
+
 TEST_F(LwipcEvent, IsStillDoneForOneThatStartsToWaitLater) {
   ASSERT_EQ(LwipcEventDone(kEvent), 0);
 
@@ -182,7 +215,9 @@ TEST_F(LwipcEvent, RefusesNamesThatAreNoAbsolutePath) {
   EXPECT_EQ(LwipcEventDone(""), -EINVAL);
   EXPECT_EQ(LwipcEventDone("../x"), -EINVAL);
   EXPECT_EQ(LwipcEventWait(nullptr, 0), -EINVAL);
-  EXPECT_EQ(LwipcEventDone(("/" + std::string(NAME_MAX, 'x')).c_str()), -ENAMETOOLONG);
+  const std::string longest = "/" + std::string(NAME_MAX - 3, 'x');  // "/" becomes three
+  EXPECT_EQ(LwipcEventDone(longest.c_str()), 0);
+  EXPECT_EQ(LwipcEventDone((longest + "x").c_str()), -ENAMETOOLONG);
 }
 
 TEST_F(LwipcEvent, KeepsNamesWithDotsInsideItsDirectory) {
@@ -214,10 +249,43 @@ TEST_F(LwipcEvent, FollowsNoLinkInPlaceOfTheEvent) {
 
 TEST_F(LwipcEvent, RefusesADirectoryThatOthersCanWriteTo) {
   fs::create_directory(kDirectory);
-  ASSERT_EQ(chmod(kDirectory, 0777), 0);
+  for (const mode_t mode : {0777U, 0775U, 0757U}) {
+    ASSERT_EQ(chmod(kDirectory, mode), 0);
+
+    EXPECT_EQ(LwipcEventDone(kEvent), -EPERM) << mode;
+    EXPECT_EQ(LwipcEventWait(kEvent, kPatience), -EPERM) << mode;
+  }
+}
+
+TEST_F(LwipcEvent, RefusesADirectoryOfAnotherUser) {
+  fs::create_directory(kDirectory);
+  if (chown(kDirectory, 65534, 65534) != 0) {
+    GTEST_SKIP() << "there is no other user here";
+  }
 
   EXPECT_EQ(LwipcEventDone(kEvent), -EPERM);
   EXPECT_EQ(LwipcEventWait(kEvent, kPatience), -EPERM);
+}
+
+TEST_F(LwipcEvent, LeavesTheModeOfADirectoryThatWasThere) {
+  fs::create_directory(kDirectory);
+  ASSERT_EQ(chmod(kDirectory, 0700), 0);
+
+  EXPECT_EQ(LwipcEventDone(kEvent), 0);
+
+  EXPECT_EQ(fs::status(kDirectory).permissions(), static_cast<fs::perms>(0700));
+}
+
+TEST_F(LwipcEvent, IsNoPipeAndWaitsForNoReaderOfOne) {
+  fs::create_directory(kDirectory);
+  ASSERT_EQ(mkfifo(kFile, 0600), 0);
+
+  EXPECT_EQ(LwipcEventDone(kEvent), -ENXIO);
+  const int reader = open(kFile, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  EXPECT_EQ(LwipcEventDone(kEvent), -EINVAL);
+  EXPECT_EQ(LwipcEventWait(kEvent, kPatience), -EINVAL);
+
+  close(reader);
 }
 
 TEST_F(LwipcEvent, SaysWhyItCannotBeDone) {
