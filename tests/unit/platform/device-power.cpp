@@ -73,6 +73,7 @@ int __dlog_print(int, int priority, const char* tag, const char* format, ...) {
 
 namespace {
 
+using ::testing::AnyOf;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::MatchesRegex;
@@ -210,6 +211,7 @@ TEST_F(DevicePowerWithLogind, BlocksShutdownSleepAndIdleUntilUnlocked) {
   EXPECT_EQ(during[0].what, "shutdown:sleep:idle");
   EXPECT_EQ(during[0].mode, "block");
   EXPECT_EQ(during[0].who, "fw-update-control");
+  EXPECT_EQ(during[0].why, "firmware is being updated (power state 2)");
   EXPECT_EQ(device_power_unlock_state(2), 0);
   EXPECT_TRUE(logind_->waitForInhibitors(0));
   EXPECT_THAT(logged(), IsEmpty());
@@ -417,6 +419,20 @@ TEST_F(DevicePower, DoesNotWaitLongForABusThatNeverAnswers) {
   EXPECT_EQ(device_power_lock_state(2, kLong), -ETIMEDOUT);
 
   EXPECT_LT(Clock::now() - start, std::chrono::seconds(10));
+  EXPECT_THAT(logged(), SizeIs(1));
+  close(listener);
+}
+
+TEST_F(DevicePower, SaysThatTheBusHungUp) {
+  const int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address = {AF_UNIX, "/run/curt-bus"};
+  ASSERT_EQ(bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  ASSERT_EQ(listen(listener, 8), 0);
+  setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/run/curt-bus", 1);
+  const ChildProcess curt([&] { return close(accept(listener, nullptr, nullptr)); });
+
+  EXPECT_THAT(device_power_lock_state(2, kLong), AnyOf(-ECONNRESET, -ENOTCONN, -EPIPE));
+
   EXPECT_THAT(logged(), SizeIs(1));
   close(listener);
 }

@@ -317,6 +317,27 @@ TEST(PlatformLog, WaitsForAFullStderrThatIsReadAgain) {
       << text.size();
 }
 
+TEST(PlatformLog, GoesOnAfterASignal) {
+  FullPipe pipe;
+  fcntl(pipe.writingEnd(), F_SETFL, 0);
+  struct sigaction nothing = {};
+  nothing.sa_handler = [](int) {};
+  sigaction(SIGUSR1, &nothing, nullptr);
+  const LoggingChild child("stderr", pipe.writingEnd(), [] { return LogAt(6, "late") == 4 ? 0 : 1; });
+  while (StateOf(child.id()) == 'R') {
+    sched_yield();
+  }
+
+  kill(child.id(), SIGUSR1);
+  while (StateOf(child.id()) == 'R') {
+    sched_yield();
+  }
+  const std::string text = pipe.Content();
+
+  EXPECT_EQ(child.Wait(), 0);
+  EXPECT_EQ(WithoutTime(text.substr(text.find_first_not_of('.'))), "E FWUPDATE late\n");
+}
+
 TEST(PlatformLog, GivesUpAFullStderrThatNobodyReads) {
   const FullPipe pipe;
 

@@ -72,6 +72,20 @@ TEST_F(SystemInfoFiles, RefusesAFileThatIsFarTooLarge) {
   EXPECT_EQ(Version(), "error " + std::to_string(EFBIG));
 }
 
+TEST_F(SystemInfoFiles, FallsBackWhenTheFileInEtcIsFarTooLarge) {
+  writeFile(kFile, std::string(64 * 1024 + 1, '#'));
+  writeFile(kFallback, "ID=lib\nVERSION_ID=2\n");
+
+  EXPECT_EQ(Version(), "lib-2");
+}
+
+TEST_F(SystemInfoFiles, TakesAFileThatIsJustNotTooLarge) {
+  const std::string text = "ID=tv\nVERSION_ID=1\n";
+  writeFile(kFile, text + std::string(64 * 1024 - text.size(), '#'));
+
+  EXPECT_EQ(Version(), "tv-1");
+}
+
 TEST_F(SystemInfoFiles, ReadsTheFileAgainEachTime) {
   writeFile(kFile, "ID=tv\nVERSION_ID=1\n");
   ASSERT_EQ(Version(), "tv-1");
