@@ -1,0 +1,54 @@
+// Fuzz target: the note beside a part of an image, which says how a download goes on. A
+// header of the next request is made of it.
+#include <algorithm>
+#include <string>
+
+#include "fuzz-target.h"
+#include "part-note.h"
+
+namespace {
+
+using fwdownload::NoteText;
+using fwdownload::ParseNote;
+using fwdownload::PartNote;
+
+bool isOneLine(const std::string& text) {
+  return std::all_of(text.begin(), text.end(), [](char byte) {
+    const int value = static_cast<unsigned char>(byte);
+    return value == 9 || (value >= 32 && value != 127);
+  });
+}
+
+void holdAgainstTheRules(const PartNote& note) {
+  fuzz::require(!note.origin.validator.empty() && isOneLine(note.origin.validator),
+                "a mark is one line of text");
+  fuzz::require(note.synced >= 0 && note.synced <= note.origin.total && note.origin.total > 0,
+                "what is on the disk is a part of the whole");
+}
+
+void holdAgainstWriting(const PartNote& note) {
+  const auto again = ParseNote(NoteText(note));
+  fuzz::require(again.has_value(), "a note that was taken is taken when it is written anew");
+  fuzz::require(again->origin.url == note.origin.url && again->origin.validator == note.origin.validator &&
+                    again->origin.total == note.origin.total && again->synced == note.synced &&
+                    again->boot == note.boot,
+                "and says the same");
+}
+
+}  // namespace
+
+namespace fuzz {
+
+void prepare(const std::vector<std::string>&) {}
+
+bool accepts(std::string_view input) {
+  const auto note = ParseNote(std::string(input));
+  if (!note) {
+    return false;
+  }
+  holdAgainstTheRules(*note);
+  holdAgainstWriting(*note);
+  return true;
+}
+
+}  // namespace fuzz
