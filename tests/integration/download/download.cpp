@@ -76,6 +76,38 @@ TEST_F(Download, ASecondRequestIsServedByTheDownloadThatRuns) {
   EXPECT_EQ(server.log().size(), 1U);
 }
 
+TEST_F(Download, ASecondOneByHandLeavesTheFirstAlone) {
+  const std::string image = makeImage(1000000);
+  const WebServer server({serveFile(kWifi + ".img", image), 1024, ""});
+  configure(server.url());
+  RunningProgram first = start();
+  waitForPart(1);
+
+  const ProgramResult second = download();
+
+  EXPECT_EQ(second.exitCode, 1);
+  EXPECT_EQ(second.error, "fw-download: wifiempfw: Another process downloads it already.\n");
+  EXPECT_FALSE(exists(kImage));
+  EXPECT_EQ(first.wait().exitCode, 0);
+  EXPECT_TRUE(readFile(kImage) == image);
+  EXPECT_TRUE(server.waitForLog("200 -"));
+  EXPECT_EQ(server.log().size(), 1U);
+}
+
+TEST_F(Download, TakesNoProxyFromTheEnvironment) {
+  const std::string image = makeImage(1000);
+  OddServer proxy({{httpAnswer("200 OK", {"Content-Length: 5"}, "proxy")}});
+  OddServer server({{httpAnswer("200 OK", {"Content-Length: 1000"}, image)}});
+  configure(server.url());
+
+  const auto result = runProgram(
+      {{FW_DOWNLOAD_PROGRAM, kWifi}, "/", 0, {"http_proxy=" + proxy.url(), "ALL_PROXY=" + proxy.url()}});
+
+  EXPECT_EQ(result.exitCode, 0) << result.error;
+  EXPECT_THAT(proxy.requests(), IsEmpty());
+  EXPECT_TRUE(readFile(kImage) == image);
+}
+
 TEST_F(Download, RefusesIdentifiersThatAreNoNames) {
   configure("file:///tmp/served");
 
@@ -216,6 +248,33 @@ TEST_F(Https, RefusesACertificateForAnotherServer) {
 
   expectFailure(download(), "certificate", "The server's certificate is not trusted");
 
+  EXPECT_THAT(files(), IsEmpty());
+}
+
+// A server that speaks an old TLS alone, and a client whose library would allow it.
+TEST_F(Https, RefusesAnOldTls) {
+  makeCertificates("IP:127.0.0.1");
+  const std::string image = makeImage(1000);
+  writeFile("/tmp/served/" + kWifi + ".img", httpAnswer("200 OK", {"Content-Length: 1000"}, image));
+  writeFile("/tmp/openssl.cnf",
+            "openssl_conf = all\n[all]\nssl_conf = ssl\n[ssl]\nsystem_default = weak\n"
+            "[weak]\nMinProtocol = TLSv1\nCipherString = DEFAULT@SECLEVEL=0\n");
+  RunningProgram server({{"openssl", "s_server", "-accept", "127.0.0.1:0", "-cert", "/tmp/server.pem", "-key",
+                          "/tmp/server.key", "-tls1_1", "-cipher", "DEFAULT@SECLEVEL=0", "-HTTP"},
+                         "/tmp/served",
+                         0,
+                         {"OPENSSL_CONF=/tmp/openssl.cnf"}});
+  std::string line;
+  while (line.rfind("ACCEPT ", 0) != 0) {
+    ASSERT_TRUE(server.isRunning());
+    line = server.readLine();
+  }
+  configure("https://" + line.substr(7), "ca_file = /tmp/ca.pem");
+
+  const auto result = runProgram({{FW_DOWNLOAD_PROGRAM, kWifi}, "/", 0, {"OPENSSL_CONF=/tmp/openssl.cnf"}});
+
+  EXPECT_EQ(result.exitCode, 1);
+  EXPECT_THAT(result.error, HasSubstr("No secure connection to the server could be made"));
   EXPECT_THAT(files(), IsEmpty());
 }
 

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "file-calls.h"
 #include "limited-resource.h"
 #include "unique-fd.h"
 
@@ -64,6 +65,36 @@ TEST_F(SmallFile, HoldsWhatItWasReplacedWith) {
   }
 }
 
+TEST_F(SmallFile, IsOnTheDiskBeforeItHasItsNameAndTheNameAfterwards) {
+  const std::string place = fs::path(place_).filename();
+  filecalls::reset();
+
+  ASSERT_EQ(Replace("new", true), 0);
+
+  EXPECT_THAT(filecalls::made(),
+              ElementsAre("unlink file.new", "sync file.new", "rename file.new file", "sync " + place));
+}
+
+TEST_F(SmallFile, WaitsForNoDiskUnlessItIsAskedTo) {
+  filecalls::reset();
+
+  ASSERT_EQ(Replace("new", false), 0);
+
+  EXPECT_THAT(filecalls::made(), ElementsAre("unlink file.new", "rename file.new file"));
+}
+
+TEST_F(SmallFile, SaysThatTheDiskFailed) {
+  for (const char* call : {"sync file.new", "sync small-file-"}) {
+    filecalls::reset();
+    filecalls::fails = call;
+
+    EXPECT_EQ(Replace("new", true), EIO) << call;
+
+    EXPECT_EQ(filecalls::fails, "") << call;
+  }
+  EXPECT_THAT(Names(), ElementsAre("file"));
+}
+
 TEST_F(SmallFile, TakesThePlaceOfOneThatWasLeftUnfinished) {
   std::ofstream(place_ + "/file.new") << "of a process that was killed";
 
@@ -102,6 +133,15 @@ TEST_F(SmallFile, SaysWhyTheNewOneCannotBeMade) {
   EXPECT_EQ(Replace("new"), EEXIST);
 
   EXPECT_EQ(Content(), "old");
+}
+
+TEST_F(SmallFile, IsReadUpToTheLimit) {
+  ASSERT_EQ(Replace(std::string(kLimit, 'x')), 0);
+  std::string content = "old";
+
+  EXPECT_EQ(Read(content), 0);
+
+  EXPECT_EQ(content, std::string(kLimit, 'x'));
 }
 
 TEST_F(SmallFile, IsNotReadWhenItIsLargerThanTheLimit) {
