@@ -165,8 +165,8 @@ class Template:
                        self._path(FIRMWARE))
         elif place == "package":
             package = package_of(firmware)
-            self._pack("emp", *common, *seconds, "--id", package, "--output",
-                       self._path(PACKAGES, f"{package}.img"))
+            self._pack("emp", *common, *seconds, "--id", package, "--signing-key",
+                       self._path("maker/signing.key"), "--output", self._path(PACKAGES, f"{package}.img"))
         else:
             os.makedirs(self._path(DRIVE), exist_ok=True)
             self._pack("usb", *common, "--key-file", self.directory + KEY_FILE, "--signing-key",

@@ -108,10 +108,12 @@ void installImages(const std::string& device) {
   }
 }
 
-void installPackages(const std::string& device) {
+void installPackages(const std::string& device, const std::string& signingKey) {
   for (const auto& package : kExamplePackages) {
-    sandbox::writePackage(device + package.directory, package.empName, package.firmwareName, package.version,
+    const std::string directory = device + package.directory;
+    sandbox::writePackage(directory, package.empName, package.firmwareName, package.version,
                           package.mebibytes << 20U, package.expectedTimeSeconds);
+    signPackage(directory + "/" + package.empName + ".img", package.empName, package.version, signingKey);
   }
 }
 
@@ -155,8 +157,8 @@ void report(const std::string& device, const DeviceSystem& system, const std::ve
   }
   std::cout << "verifier "
             << (security.verifier.empty() ? "none: packages are not checked" : security.verifier) << "\n"
-            << "keys     " << security.signingKey << "  (to sign USB packages with)\n"
-            << "keys     " << security.packageKey << "  (to encrypt them with)\n";
+            << "keys     " << security.signingKey << "  (to sign packages with)\n"
+            << "keys     " << security.packageKey << "  (to encrypt USB packages with)\n";
   std::cout << "next     fw-device run " << device << " -- fw-update list" << std::endl;
 }
 
@@ -167,12 +169,13 @@ ExitCode initialise(const CommandLine& line) {
   if (line.fresh) {
     forgetState(line.directory);
   }
-  installImages(line.directory);
-  installPackages(line.directory);
-  configureDownloads(line.directory);
   const auto programs = programDirectory(system);
+  const auto security = installPackageSecurity(line.directory, programs);
+  installImages(line.directory);
+  installPackages(line.directory, security.signingKey);
+  configureDownloads(line.directory);
   const auto modules = installModules(line.directory, programs);
-  report(line.directory, system, modules, installPackageSecurity(line.directory, programs));
+  report(line.directory, system, modules, security);
   return ExitCode::Done;
 }
 

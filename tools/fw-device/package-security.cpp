@@ -78,4 +78,14 @@ PackageSecurity installPackageSecurity(const std::string& device, const std::str
   return security;
 }
 
+void signPackage(const std::string& path, const std::string& name, const std::string& version,
+                 const std::string& signingKey) {
+  const fwpack::SigningKey key(secret::readSecretFile(signingKey), signingKey);
+  const fwpack::InputFile content(path);
+  fwpack::OutputFile package(path, fwpack::publicMode);
+  content.readAll([&](const unsigned char* bytes, std::size_t size) { package.write(bytes, size); });
+  fwpack::appendSignature(package, key, {fwpackage::Kind::ExtensionPackage, name, "", version, ""});
+  package.commit();
+}
+
 }  // namespace fwdevice

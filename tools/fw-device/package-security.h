@@ -21,6 +21,11 @@ struct PackageSecurity {
 // returned are the host's. Throws std::exception.
 PackageSecurity installPackageSecurity(const std::string& device, const std::string& programs);
 
+// Signs the extension package of this name and version, which lies at path, in its place.
+// Throws std::exception.
+void signPackage(const std::string& path, const std::string& name, const std::string& version,
+                 const std::string& signingKey);
+
 }  // namespace fwdevice
 
 #endif

@@ -70,6 +70,11 @@ void addStatements(CLI::App& app, Options& options) {
       ->check([](const std::string& version) { return checkVersion(version, longestPackageVersion); });
 }
 
+CLI::Option* addSigningKey(CLI::App& app, Options& options) {
+  return app.add_option("--signing-key", options.signingKeyFile, "The private key to sign with: PEM")
+      ->type_name("FILE");
+}
+
 void addName(CLI::App& app, Options& options, const char* option, const char* what) {
   app.add_option(option, options.name, what)->required()->type_name("NAME")->check(checkName);
 }
@@ -122,6 +127,9 @@ void declareEmp(CLI::App& app, Options& options) {
   addName(app, options, "--id", "Package identifier, such as tunerempfw");
   addVersion(app, options, longestVersion);
   addExpectedTime(app, options);
+  auto* const key = addSigningKey(app, options);
+  app.add_flag("--unsigned", options.isUnsigned, "Do not sign it; sets refuse it unless told")->excludes(key);
+  addStatements(app, options);
   addOutput(app, options, "Default: identifier and .img, in this directory");
 }
 
@@ -131,9 +139,7 @@ void declareUsb(CLI::App& app, Options& options) {
   app.add_option("--key-file", options.keyFile, "The key to encrypt with: 32 raw bytes")
       ->required()
       ->type_name("FILE");
-  app.add_option("--signing-key", options.signingKeyFile, "The private key to sign with: PEM")
-      ->required()
-      ->type_name("FILE");
+  addSigningKey(app, options)->required();
   app.add_option("--name", options.name, "Firmware name; default: from the output's name")
       ->type_name("NAME")
       ->check(checkName);
@@ -157,7 +163,7 @@ void declareKeygen(CLI::App& app, Options& options) {
 }
 
 void declareVerify(CLI::App& app, Options& options) {
-  addInput(app, options, "PACKAGE", "The USB package");
+  addInput(app, options, "PACKAGE", "The USB package or extension package");
   addPublicKeys(app, options);
   addWanted(app, options);
   addJson(app, options);
@@ -180,15 +186,15 @@ constexpr Command commands[] = {
      declareImage, runImage},
     {"emp", "Make an extension package image, reproducibly",
      "fw-pack emp tuner.bin --id tunerempfw --version 2.0.0 \\\n"
-     "           --expected-time 30",
+     "           --expected-time 30 --signing-key maker.key",
      declareEmp, runEmp},
     {"usb", "Make an encrypted, signed USB package",
      "fw-pack usb tuner.bin --version 2.0.0 --key-file package.key \\\n"
      "           --signing-key maker.key -o tunerfw.bin",
      declareUsb, runUsb},
     {"keygen", "Make a key", "fw-pack keygen ed25519 maker.key", declareKeygen, runKeygen},
-    {"verify", "Check the signature of a USB package",
-     "fw-pack verify tunerfw.bin --public-key maker.key.pem", declareVerify, runVerify},
+    {"verify", "Check the signature of a package", "fw-pack verify tunerfw.bin --public-key maker.key.pem",
+     declareVerify, runVerify},
     {"inspect", "Show what a file is", "fw-pack inspect tunerfw.bin --key-file package.key --json",
      declareInspect, runInspect},
 };
@@ -236,6 +242,13 @@ std::variant<Options, ExitCode> parseCommandLine(int argc, char** argv) {
 
 void warn(const std::string& sentence) {
   std::cerr << "fw-pack: warning: " << sentence << std::endl;
+}
+
+secret::Secret withWarning(secret::Secret secret) {
+  if (!secret.warning.empty()) {
+    warn(secret.warning);
+  }
+  return secret;
 }
 
 }  // namespace fwpack

@@ -8,6 +8,7 @@
 
 #include "exit-code.h"
 #include "public-keys.h"
+#include "secret-file.h"
 
 namespace CLI {
 class App;
@@ -30,6 +31,7 @@ struct Options {
   std::string type;
   std::string keyFile;
   std::string signingKeyFile;
+  bool isUnsigned = false;
   std::string publicKeyFile;
   std::string keyDirectory = fwpackage::keyDirectory;
   bool json = false;
@@ -48,6 +50,8 @@ std::variant<Options, ExitCode> parseCommandLine(int argc, char** argv);
 
 // On standard error.
 void warn(const std::string& sentence);
+// The same secret, after what there is to warn of.
+secret::Secret withWarning(secret::Secret secret);
 
 }  // namespace fwpack
 

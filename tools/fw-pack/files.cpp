@@ -146,6 +146,13 @@ void OutputFile::write(const std::string& text) {
   write(reinterpret_cast<const unsigned char*>(text.data()), text.size());
 }
 
+void OutputFile::append(const unsigned char* bytes, std::size_t size) {
+  if (::lseek(descriptor_, 0, SEEK_END) < 0) {
+    failWithErrno(path_ + " cannot be written");
+  }
+  write(bytes, size);
+}
+
 void OutputFile::commit() {
   endIfInterrupted();
   requireReplaceable(path_, existing_);
@@ -155,6 +162,11 @@ void OutputFile::commit() {
     failWithErrno(path_ + " cannot be written");
   }
   ::close(std::exchange(descriptor_, -1));
+}
+
+bool isSquashfs(const InputFile& file) {
+  constexpr char magic[] = "hsqs";
+  return file.text(0, sizeof magic - 1) == magic;
 }
 
 std::uint32_t imageCrc(const InputFile& image) {

@@ -50,6 +50,8 @@ class OutputFile {
   const std::string& unfinished() const { return unfinished_; }
   void write(const unsigned char* bytes, std::size_t size);
   void write(const std::string& text);
+  // Behind what is there by now, whoever wrote it.
+  void append(const unsigned char* bytes, std::size_t size);
   void commit();
 
  private:
@@ -62,6 +64,9 @@ class OutputFile {
 
 inline constexpr mode_t publicMode = 0644;
 inline constexpr mode_t secretMode = 0600;
+
+// An extension package is one; a USB package begins with random bytes.
+bool isSquashfs(const InputFile& file);
 
 // CRC-32 as "info.json" states it.
 std::uint32_t imageCrc(const InputFile& image);

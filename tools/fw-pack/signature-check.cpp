@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <iterator>
 
+#include "files.h"
 #include "public-keys.h"
 
 namespace fwpack {
@@ -28,6 +29,8 @@ fwpackage::Trust trustInFile(const std::string& path) {
 
 fwpackage::Expectation expectationOf(const Options& options) {
   fwpackage::Expectation expected;
+  expected.kind =
+      isSquashfs(InputFile(options.input)) ? fwpackage::Kind::ExtensionPackage : fwpackage::Kind::UsbPackage;
   expected.name = options.name.empty() ? fwpackage::nameFromPath(options.input) : options.name;
   expected.anyModel = options.model.empty();
   expected.model = options.model;

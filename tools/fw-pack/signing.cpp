@@ -123,6 +123,11 @@ fwpackage::KeyId SigningKey::keyId() const {
   return fwpackage::keyIdOf(key_.get());
 }
 
+std::string SigningKey::text() const {
+  const fwpackage::KeyId id = keyId();
+  return std::string(algorithm_->name) + " key " + fwpackage::toHex(id.data(), id.size());
+}
+
 fwpackage::TrailerBytes SigningKey::makeTrailer(fwpackage::PackageDigest& content, unsigned char format,
                                                 const fwpackage::Statements& statements) const {
   const std::vector<unsigned char> signedPart = makePart(*algorithm_, keyId(), format, statements);
@@ -150,6 +155,15 @@ void SigningKey::writePublicPem(OutputFile& file) const {
   PemBuffer pem;
   require(PEM_write_bio_PUBKEY(pem.get(), key_.get()) == 1, "the public key cannot be written");
   pem.writeTo(file);
+}
+
+void appendSignature(OutputFile& package, const SigningKey& key, const fwpackage::Statements& statements) {
+  fwpackage::PackageDigest digest(key.algorithm());
+  InputFile(package.unfinished()).readAll([&](const unsigned char* bytes, std::size_t size) {
+    digest.add(bytes, size);
+  });
+  const fwpackage::TrailerBytes trailer = key.makeTrailer(digest, fwpackage::newestFormat, statements);
+  package.append(trailer.data(), trailer.size());
 }
 
 }  // namespace fwpack

@@ -21,6 +21,8 @@ class SigningKey {
 
   const fwpackage::Algorithm& algorithm() const { return *algorithm_; }
   fwpackage::KeyId keyId() const;
+  // "ed25519 key 0123456789abcdef"
+  std::string text() const;
 
   // content: the digest of everything before the trailer, not finished. The statements
   // are for the newest format alone.
@@ -36,6 +38,10 @@ class SigningKey {
   fwpackage::Key key_;
   const fwpackage::Algorithm* algorithm_;
 };
+
+// Puts the trailer that signs it, in the newest format, behind a package whose content is
+// all there.
+void appendSignature(OutputFile& package, const SigningKey& key, const fwpackage::Statements& statements);
 
 }  // namespace fwpack
 

@@ -65,8 +65,9 @@ TEST_P(LongCommand, LeavesNoUnfinishedPackageWhenItIsInterrupted) {
 TEST_P(LongCommand, EndsTheProgramThatItStartedWhenItIsInterrupted) {
   ASSERT_EQ(std::system("head -c 33554432 /dev/urandom >image.bin"), 0);
   const std::vector<std::string> before = filesInWork();
-  RunningTool pack({"emp", "image.bin", "--id", "tunerempfw", "--version", "2.0.0", "--expected-time", "30"},
-                   {});
+  RunningTool pack(
+      {"emp", "image.bin", "--id", "tunerempfw", "--version", "2.0.0", "--expected-time", "30", "--unsigned"},
+      {});
   waitForOutput("tunerempfw.img");
 
   pack.kill(GetParam());

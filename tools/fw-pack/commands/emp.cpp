@@ -2,11 +2,13 @@
 #include <sys/stat.h>
 
 #include <iostream>
+#include <optional>
 
 #include "../child-program.h"
 #include "../commands.h"
 #include "../files.h"
 #include "../information.h"
+#include "../signing.h"
 
 namespace fwpack {
 namespace {
@@ -35,10 +37,34 @@ void makeSquashfs(const std::string& content, const std::string& target) {
   }
 }
 
+// What nobody signed is made for those alone who say so: sets refuse it.
+std::optional<SigningKey> signerOf(const Options& options) {
+  if (options.isUnsigned) {
+    if (!options.model.empty() || !options.minimumVersion.empty()) {
+      throw Failure(ExitCode::Usage, "model and minimum version are part of a signature; leave them out");
+    }
+    return std::nullopt;
+  }
+  if (options.signingKeyFile.empty()) {
+    throw Failure(ExitCode::Usage,
+                  "sign the package with --signing-key FILE, or say that it is to be --unsigned");
+  }
+  return SigningKey(withWarning(secret::readSecretFile(options.signingKeyFile)), options.signingKeyFile);
+}
+
+fwpackage::Statements statementsOf(const Options& options) {
+  return {fwpackage::Kind::ExtensionPackage, options.name, options.model, options.version,
+          options.minimumVersion};
+}
+
 }  // namespace
 
 ExitCode runEmp(const Options& options) {
   const std::string firmwareName = firmwareNameOf(options.name);
+  const std::optional<SigningKey> signer = signerOf(options);
+  if (signer) {
+    signer->requireRoom(fwpackage::newestFormat, statementsOf(options));
+  }
   const InputFile image(options.input);
   const std::string output = options.output.empty() ? options.name + ".img" : options.output;
   const TemporaryDirectory content;
@@ -50,8 +76,11 @@ ExitCode runEmp(const Options& options) {
 
   OutputFile package(output, publicMode);
   makeSquashfs(content.path(), package.unfinished());
+  if (signer) {
+    appendSignature(package, *signer, statementsOf(options));
+  }
   package.commit();
-  std::cout << output << std::endl;
+  std::cout << output << (signer ? ", signed with " + signer->text() : ", not signed") << std::endl;
   return ExitCode::Done;
 }
 

@@ -23,7 +23,6 @@ namespace fs = std::filesystem;
 
 using ImageCrc = boost::crc_optimal<32, 0x01B23CA3, 0, 0, false, false>;
 
-constexpr char squashfsMagic[] = "hsqs";
 constexpr std::size_t largestInformation = 65536;  // that the library reads
 
 std::string hexCrc(std::uint32_t crc) {
@@ -155,11 +154,13 @@ std::string imageIn(const std::string& package) {
   return "";
 }
 
-void inspectExtensionPackage(Facts& facts, const InputFile& file) {
+void inspectExtensionPackage(Facts& facts, const InputFile& file, const Options& options) {
   // An absolute path is no option, whatever the file is called.
   const std::string package = fs::absolute(file.path()).string();
   facts.add("kind", "kind", "emp-image", "extension package image (squashfs)");
   facts.add("size", "size", Json::UInt64(file.size()));
+  const fwpackage::SignatureReport signature = checkSignature(options);
+  facts.add("signature", "signature", toJson(signature), toText(signature));
   addCrc(facts, "crc", "CRC", imageCrc(file));
   const std::string image = imageIn(package);
   const auto information = informationIn(textOf(package, "info.json"));
@@ -213,10 +214,6 @@ void inspectImage(Facts& facts, const InputFile& file) {
   }
 }
 
-bool isSquashfs(const InputFile& file) {
-  return file.text(0, sizeof squashfsMagic - 1) == squashfsMagic;
-}
-
 // A firmware directory stands for its image.
 std::string imageOfDirectory(const std::string& directory) {
   for (const auto& entry : fs::directory_iterator(directory)) {
@@ -234,7 +231,7 @@ void inspectFile(Facts& facts, const Options& options) {
     return inspectInformation(facts, file, *information);
   }
   if (isSquashfs(file)) {
-    return inspectExtensionPackage(facts, file);
+    return inspectExtensionPackage(facts, file, options);
   }
   const fwpackage::SignatureReport signature = checkSignature(options);
   // With a key it is looked into as a package, even when the trailer is gone.

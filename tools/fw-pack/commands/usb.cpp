@@ -29,13 +29,6 @@ void requireUsableSize(const InputFile& image) {
   }
 }
 
-secret::Secret withWarning(secret::Secret secret) {
-  if (!secret.warning.empty()) {
-    warn(secret.warning);
-  }
-  return secret;
-}
-
 // Whoever asks for an old package wants none of these; in silence they would be lost.
 void requireFormatForOptions(const Options& options) {
   const bool states = !options.name.empty() || !options.model.empty() || !options.minimumVersion.empty();
@@ -90,9 +83,7 @@ ExitCode runUsb(const Options& options) {
   package.write(trailer.data(), trailer.size());
   package.commit();
 
-  const fwpackage::KeyId keyId = signer.keyId();
-  std::cout << options.output << ", signed with " << signer.algorithm().name << " key "
-            << fwpackage::toHex(keyId.data(), keyId.size()) << std::endl;
+  std::cout << options.output << ", signed with " << signer.text() << std::endl;
   return ExitCode::Done;
 }
 
