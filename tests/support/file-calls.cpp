@@ -6,11 +6,13 @@
 
 #include <cerrno>
 #include <filesystem>
+#include <utility>
 
 namespace filecalls {
 
 std::optional<uid_t> user;
 std::string fails;
+std::function<void(const std::string&)> before;
 
 std::vector<std::string>& made() {
   static std::vector<std::string> calls;
@@ -21,6 +23,7 @@ void reset() {
   made().clear();
   user.reset();
   fails.clear();
+  before = nullptr;
 }
 
 namespace {
@@ -34,6 +37,10 @@ std::string nameOf(int file) {
 // False when it is to fail.
 bool noteDown(const std::string& call) {
   made().push_back(call);
+  if (const auto next = std::exchange(before, nullptr)) {
+    next(call);
+    before = next;
+  }
   if (fails.empty() || call.rfind(fails, 0) != 0) {
     return true;
   }

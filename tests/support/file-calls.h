@@ -6,6 +6,7 @@
 
 #include <sys/types.h>
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -21,6 +22,9 @@ extern std::optional<uid_t> user;
 
 // The next call that begins with this text fails with EIO.
 extern std::string fails;
+
+// Runs before each call that is written down, but not for its own.
+extern std::function<void(const std::string& call)> before;
 
 void reset();
 

@@ -32,6 +32,13 @@ long Number(const std::string& value, long smallest, long largest) {
   return number;
 }
 
+bool Truth(const std::string& value) {
+  if (value != "true" && value != "false") {
+    throw std::string("must be true or false");
+  }
+  return value == "true";
+}
+
 std::vector<std::string> Words(const std::string& value) {
   std::istringstream stream(value);
   return {std::istream_iterator<std::string>(stream), std::istream_iterator<std::string>()};
@@ -69,6 +76,8 @@ constexpr Key kKeys[] = {
     {"url", SetUrl},
     {"ca_file", [](Configuration& c, const std::string& value) { c.caFile = value; }},
     {"redirect_hosts", [](Configuration& c, const std::string& value) { c.redirectHosts = Words(value); }},
+    {"allow_unsigned", [](Configuration& c, const std::string& value) { c.allowUnsigned = Truth(value); }},
+    {"allow_insecure", [](Configuration& c, const std::string& value) { c.allowInsecure = Truth(value); }},
     {"max_size_mib",
      [](Configuration& c, const std::string& value) {
        c.maximumSize = std::int64_t{Number(value, 1, kLargestMebibytes)} * 1024 * 1024;

@@ -21,6 +21,8 @@ struct Configuration {
   long maximumRedirects = 3;
   long connectTimeoutSeconds = 20;
   long stallTimeoutSeconds = 30;
+  bool allowUnsigned = false;        // packages without a signature
+  bool allowInsecure = false;        // connections that anybody on the way can change
   std::int64_t minimumSpeed = 1024;  // bytes a second, over the time above
   long maximumRetries = 3;           // of a download that stalled or was too slow
 };

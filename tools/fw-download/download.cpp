@@ -4,6 +4,7 @@
 #include <cstdint>
 
 #include "failure.h"
+#include "package-check.h"
 #include "partial-image.h"
 #include "response.h"
 #include "transfer.h"
@@ -184,14 +185,36 @@ void Receive(PartialImage& image, const Configuration& configuration, const std:
   }
 }
 
+// Where anybody on the way can change what comes.
+void CheckProtected(const std::string& url, const Configuration& configuration, const Notice& notice) {
+  if (url.rfind("http://", 0) != 0) {
+    return;
+  }
+  if (!configuration.allowInsecure) {
+    throw Failure(Reason::kInsecure, "The connection to " + Shown(url) + " is not protected.");
+  }
+  notice("The connection is not protected; allow_insecure = true allows it.");
+}
+
+void Accept(PartialImage& image, const std::string& package, const Configuration& configuration,
+            const Notice& notice) {
+  const fwpackage::SignatureReport report = CheckPackage(image.Finish(), package, configuration);
+  if (report.verdict != fwpackage::Verdict::Valid) {
+    notice("The package is not signed; allow_unsigned = true allows it.");
+  }
+  RaiseMinimumVersion(report);
+  image.Publish();
+}
+
 }  // namespace
 
 void Download(const std::string& package, const Configuration& configuration, const Listener& listener) {
   const std::string url = configuration.url + package + ".img";
+  CheckProtected(url, configuration, listener.notice);
   PartialImage image(package, url);
   try {
     Receive(image, configuration, url, listener);
-    image.Publish();
+    Accept(image, package, configuration, listener.notice);
   } catch (const Failure& failure) {
     if (!InfoOf(failure.reason()).keepsPart || !image.origin().CanBeContinued() || image.size() == 0) {
       image.Discard();

@@ -25,6 +25,11 @@ enum class Reason {
   kTooBig,
   kNoSpace,
   kFileSystem,
+  kInsecure,
+  kUnsigned,
+  kNotTrusted,
+  kTooOld,
+  kUnusableLists,
   kInternal,
 };
 
@@ -63,6 +68,16 @@ inline constexpr ReasonInfo kReasons[] = {
      "Raise max_size_mib in /etc/fw-update/download.conf, if this is right."},
     {Reason::kNoSpace, "no-space", false, false, "Free space in /opt/usr/apps/appbinarymanager."},
     {Reason::kFileSystem, "file-system", false, false, "Check /opt/usr/apps/appbinarymanager."},
+    {Reason::kInsecure, "insecure", true, false,
+     "Use an https:// url, or set allow_insecure = true in /etc/fw-update/download.conf."},
+    {Reason::kUnsigned, "unsigned", false, false,
+     "Have the package signed, or set allow_unsigned = true in /etc/fw-update/download.conf."},
+    {Reason::kNotTrusted, "not-trusted", false, false,
+     "Offer a package that is signed for this set, by a key in /usr/share/fw-update/keys."},
+    {Reason::kTooOld, "too-old", false, false,
+     "Offer a newer package: this set takes no older ones any more."},
+    {Reason::kUnusableLists, "unusable-lists", false, false,
+     "Repair the lists in /usr/share/fw-update/keys, or what is in /var/lib/fw-update/minimum-versions."},
     {Reason::kInternal, "internal", true, false, "See the platform log."},
 };
 

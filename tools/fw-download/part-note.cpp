@@ -2,9 +2,15 @@
 
 #include <json/json.h>
 
+#include <algorithm>
 #include <memory>
 
 namespace fwdownload {
+
+bool IsMark(std::string_view validator) {
+  return !validator.empty() && std::all_of(validator.begin(), validator.end(),
+                                           [](char byte) { return byte >= ' ' && byte <= '~'; });
+}
 
 std::string NoteText(const PartNote& note) {
   Json::Value document;

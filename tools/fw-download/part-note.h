@@ -8,12 +8,15 @@
 #include <cstdint>
 #include <optional>
 #include <string>
-
-#include "response.h"
+#include <string_view>
 
 namespace fwdownload {
 
 inline constexpr std::size_t kLargestNote = std::size_t{16} * 1024;
+
+// Whether it can stand in a header, and comes out of a note as it was put in: printable
+// ASCII.
+bool IsMark(std::string_view validator);
 
 // Which file on the server. Without a validator nothing can tell whether the file is
 // the same next time.
@@ -22,7 +25,7 @@ struct Origin {
   std::string validator;  // as an If-Range header has it: a strong ETag or a date
   std::int64_t total = 0;
 
-  bool CanBeContinued() const { return !validator.empty() && IsHeaderText(validator) && total > 0; }
+  bool CanBeContinued() const { return IsMark(validator) && total > 0; }
 };
 
 struct PartNote {

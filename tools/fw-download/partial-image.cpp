@@ -164,13 +164,38 @@ void PartialImage::Discard() {
   size_ = synced_ = 0;
 }
 
-void PartialImage::Publish() {
-  if (fsync(file_.get()) != 0) {
+int PartialImage::Finish() {
+  if (fsync(file_.get()) != 0 || fstat(file_.get(), &finished_) != 0) {
     Fail(part_, "written", errno);
   }
+  return file_.get();
+}
+
+bool PartialImage::IsStillFinished(const std::string& name) const {
+  struct stat now = {};
+  return fstatat(directory_.get(), name.c_str(), &now, AT_SYMLINK_NOFOLLOW) == 0 &&
+         now.st_dev == finished_.st_dev && now.st_ino == finished_.st_ino && now.st_nlink == 1 &&
+         now.st_size == finished_.st_size && now.st_mtim.tv_sec == finished_.st_mtim.tv_sec &&
+         now.st_mtim.tv_nsec == finished_.st_mtim.tv_nsec;
+}
+
+void PartialImage::Publish() {
+  const auto requireFinished = [this](const std::string& name) {
+    if (!IsStillFinished(name)) {
+      throw Failure(Reason::kFileSystem, std::string(kPackagesDirectory) + "/" + name +
+                                             " was changed by another process; it is not used.");
+    }
+  };
+  requireFinished(part_);
   Remove(info_);
   if (renameat(directory_.get(), part_.c_str(), directory_.get(), image_.c_str()) != 0) {
     Fail(image_, "replaced", errno);
+  }
+  try {
+    requireFinished(image_);  // what had the name of the part a moment before
+  } catch (const Failure&) {
+    Remove(image_);
+    throw;
   }
   const fwplatform::UniqueFd directory(openat(directory_.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!directory || fsync(directory.get()) != 0) {

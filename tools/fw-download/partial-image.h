@@ -5,6 +5,8 @@
 #ifndef FW_DOWNLOAD_PARTIAL_IMAGE_H
 #define FW_DOWNLOAD_PARTIAL_IMAGE_H
 
+#include <sys/stat.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -30,7 +32,10 @@ class PartialImage {
   void Append(const char* bytes, std::size_t count);
   // Throws away everything.
   void Discard();
-  // Puts everything on the disk and gives it the image's name.
+  // Puts everything on the disk and gives what can be read there: a descriptor, of this
+  // object. From now on the file must stay as it is.
+  int Finish();
+  // Gives what was finished, and nothing else, the image's name.
   void Publish();
 
   // Bytes that may be written to this file system.
@@ -43,6 +48,7 @@ class PartialImage {
   void Sync();
   void WriteNote();
   void Remove(const std::string& name);
+  bool IsStillFinished(const std::string& name) const;
 
   std::string image_;  // names in the directory
   std::string part_;
@@ -51,7 +57,8 @@ class PartialImage {
   fwplatform::UniqueFd file_;
   Origin origin_;
   std::int64_t size_ = 0;
-  std::int64_t synced_ = 0;  // what a power cut leaves
+  std::int64_t synced_ = 0;    // what a power cut leaves
+  struct stat finished_ = {};  // how the file was then
 };
 
 }  // namespace fwdownload

@@ -23,6 +23,10 @@ constexpr int kPatienceMs = 10000;
 }  // namespace
 
 void DownloadTest::configure(const std::string& url, const std::string& lines) {
+  configureStrictly(url, "allow_unsigned = true\nallow_insecure = true\n" + lines);
+}
+
+void DownloadTest::configureStrictly(const std::string& url, const std::string& lines) {
   writeFile("/etc/fw-update/download.conf", "url = " + url + "\n" + lines + "\n");
 }
 

@@ -25,8 +25,11 @@ inline const std::string kInfo = kPart + ".info";
 
 class DownloadTest : public DeviceTest {
  protected:
-  // url and further lines of the configuration file.
+  // url and further lines of the configuration file, which takes unsigned packages, and
+  // those that come over http.
   static void configure(const std::string& url, const std::string& lines = "");
+  // The same, but it takes neither.
+  static void configureStrictly(const std::string& url, const std::string& lines = "");
   // Bytes that compress badly and differ with the seed.
   static std::string makeImage(std::size_t size, unsigned int seed = 1);
   // A file of a web server's directory, old enough for a reliable entity tag.

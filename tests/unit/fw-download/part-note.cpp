@@ -25,8 +25,9 @@ TEST(PartNote, IsReadAsItWasWritten) {
 }
 
 // A header of the next request would be made of it.
-TEST(PartNote, IsRefusedWhenItsMarkIsNoHeaderText) {
-  for (const char* validator : {"\"a\"\r\nX-More: 1", "\"a\n\"", "\x1B", ""}) {
+TEST(PartNote, IsRefusedWhenItsMarkIsNotPrintable) {
+  for (const char* validator :
+       {"\"a\"\r\nX-More: 1", "\"a\n\"", "\x1B", "\x7F", "\"\xE9\"", "\"\xC3\xA9\"", ""}) {
     PartNote note = sample();
     note.origin.validator = validator;
 

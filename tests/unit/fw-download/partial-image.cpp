@@ -2,8 +2,12 @@
 
 #include <gmock/gmock.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <chrono>
 #include <filesystem>
+#include <fstream>
+#include <functional>
 
 #include "device-environment.h"
 #include "failure.h"
@@ -180,6 +184,7 @@ TEST_F(PartOfAnImage, IsOnTheDiskBeforeItIsTheImage) {
   image.Append("abc", 3);
   filecalls::reset();
 
+  image.Finish();
   image.Publish();
 
   EXPECT_THAT(filecalls::made(),
@@ -202,6 +207,7 @@ TEST_F(PartOfAnImage, SaysWhichStepFailed) {
     image.Append("abc", 3);
     filecalls::fails = failure.call;
     try {
+      image.Finish();
       image.Publish();
       ADD_FAILURE() << failure.call;
     } catch (const fwdownload::Failure& thrown) {
@@ -209,6 +215,74 @@ TEST_F(PartOfAnImage, SaysWhichStepFailed) {
       EXPECT_THAT(thrown.what(), HasSubstr(failure.sentence));
     }
   }
+}
+
+std::string publish(PartialImage& image) {
+  try {
+    image.Publish();
+  } catch (const fwdownload::Failure& failure) {
+    return failure.what();
+  }
+  return "published";
+}
+
+TEST_F(PartOfAnImage, ThatChangedSinceItWasFinishedIsNotPublished) {
+  const std::function<void()> changes[] = {
+      [] { std::ofstream(kPart, std::ios::app) << "more"; },
+      [] { fs::last_write_time(kPart, fs::file_time_type::clock::now() + std::chrono::hours(1)); },
+      [] {
+        fs::remove(kPart);
+        writeFile(kPart, "abc");
+      },
+      [] { fs::create_hard_link(kPart, kDirectory + "other"); },
+      [] {
+        fs::rename(kPart, kDirectory + "elsewhere");
+        fs::create_symlink("elsewhere", kPart);
+      },
+      [] { fs::remove(kPart); }};
+  for (const auto& change : changes) {
+    PartialImage image("wifiempfw", kUrl);
+    image.Begin({kUrl, "\"tag\"", 3});
+    image.Append("abc", 3);
+    image.Finish();
+
+    change();
+
+    EXPECT_THAT(publish(image), HasSubstr(".img.part was changed by another process"));
+    EXPECT_FALSE(exists(kDirectory + "wifiempfw.img"));
+    image.Discard();
+    fs::remove(kDirectory + "other");
+  }
+}
+
+// Another file takes the part's name right before the image gets its own.
+TEST_F(PartOfAnImage, ThatIsExchangedAtTheLastMomentDoesNotStay) {
+  PartialImage image("wifiempfw", kUrl);
+  image.Begin({kUrl, "\"tag\"", 3});
+  image.Append("abc", 3);
+  image.Finish();
+  filecalls::before = [](const std::string& call) {
+    if (call.rfind("rename wifiempfw.img.part ", 0) == 0) {
+      fs::remove(kPart);
+      writeFile(kPart, "xyz");
+    }
+  };
+
+  EXPECT_THAT(publish(image), HasSubstr(".img was changed by another process"));
+
+  EXPECT_FALSE(exists(kDirectory + "wifiempfw.img"));
+}
+
+TEST_F(PartOfAnImage, IsReadWhereItWasWritten) {
+  PartialImage image("wifiempfw", kUrl);
+  image.Begin({kUrl, "\"tag\"", 3});
+  image.Append("abc", 3);
+
+  const int file = image.Finish();
+
+  char bytes[4] = {};
+  EXPECT_EQ(pread(file, bytes, sizeof bytes, 0), 3);
+  EXPECT_STREQ(bytes, "abc");
 }
 
 TEST_F(PartOfAnImage, LeavesNothingWhenItIsDiscarded) {

@@ -1,0 +1,135 @@
+// The command line of fw-download, and what it answers the platform library.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+
+#include "download-test.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
+class DownloadProgram : public DownloadTest {
+ protected:
+  static ProgramResult run(std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), FW_DOWNLOAD_PROGRAM);
+    return runProgram({arguments, "/", 0, {}});
+  }
+  // Its own words on standard output, as if that were the descriptor to answer on.
+  static ProgramResult answer(const std::string& package) {
+    return runProgram(
+        {{"sh", "-c", "exec " FW_DOWNLOAD_PROGRAM " --answer-on=3 \"$0\" 3>&1 >/dev/null", package},
+         "/",
+         0,
+         {}});
+  }
+};
+
+TEST_F(DownloadProgram, ExplainsItself) {
+  const auto result = run({"--help"});
+
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_THAT(result.output, StartsWith("usage: fw-download PACKAGE\n"));
+}
+
+TEST_F(DownloadProgram, RefusesAWrongCommandLine) {
+  configure("file:///tmp/served");
+  for (const std::vector<std::string>& words : {std::vector<std::string>{},
+                                                {"a", "b"},
+                                                {"--unknown", "a"},
+                                                {"--answer-on=x", "a"},
+                                                {"--answer-on=2", "a"},
+                                                {"--answer-on=-1", "a"},
+                                                {"--answer-on=3x", "a"},
+                                                {"--answer-on="}}) {
+    const auto result = run(words);
+
+    EXPECT_EQ(result.exitCode, 2) << ::testing::PrintToString(words);
+    EXPECT_THAT(result.error, HasSubstr("usage: fw-download PACKAGE\n"));
+  }
+}
+
+TEST_F(DownloadProgram, RefusesAnIdentifierThatIsNoName) {
+  configure("file:///tmp/served");
+
+  const auto result = run({"../wifiempfw"});
+
+  EXPECT_EQ(result.exitCode, 1);
+  EXPECT_THAT(result.error, HasSubstr("The package identifier must be 1 to 127 letters and digits."));
+}
+
+TEST_F(DownloadProgram, AnswersThatItDownloadsAndGoesOnAlone) {
+  configure("file://" + serveFile(kWifi + ".img", makeImage(1000)));
+
+  const auto result = answer(kWifi);
+
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_EQ(result.output, "accepted\n");
+  waitForEnd();
+  EXPECT_EQ(readFile(kImage).size(), 1000U);
+}
+
+TEST_F(DownloadProgram, AnswersWhyItDoesNot) {
+  const auto result = answer(kWifi);
+
+  EXPECT_EQ(result.exitCode, 1);
+  EXPECT_THAT(result.output, StartsWith("/etc/fw-update/download.conf cannot be read"));
+}
+
+TEST_F(DownloadProgram, AnswersThatItIsDownloadedAlready) {
+  const WebServer server({serveFile(kWifi + ".img", makeImage(500000)), 512, ""});
+  configure(server.url());
+  RunningProgram first = start();
+  waitForPart(1);
+
+  EXPECT_EQ(answer(kWifi).output, "accepted\n");
+
+  EXPECT_EQ(first.wait().exitCode, 0);
+}
+
+// Who asked must not be waited for, and may have gone.
+TEST_F(DownloadProgram, GoesOnWhenNobodyReadsItsAnswer) {
+  configure("file://" + serveFile(kWifi + ".img", makeImage(1000)));
+
+  const auto result = runProgram(
+      {{"bash", "-c", "exec 3> >(exec true); wait $!; exec " FW_DOWNLOAD_PROGRAM " --answer-on=3 wifiempfw"},
+       "/",
+       0,
+       {}});
+
+  EXPECT_EQ(result.exitCode, 0);
+  waitForEnd();
+  EXPECT_EQ(readFile(kImage).size(), 1000U);
+}
+
+TEST_F(DownloadProgram, MakesFilesThatEverybodyMayReadAndNobodyElseWrite) {
+  configure("file://" + serveFile(kWifi + ".img", makeImage(1000)));
+
+  const auto result =
+      runProgram({{"sh", "-c", "umask 0; exec " FW_DOWNLOAD_PROGRAM " wifiempfw"}, "/", 0, {}});
+
+  EXPECT_EQ(result.exitCode, 0);
+  for (const std::string& file : {kImage, std::string("/run/fw-download/wifiempfw.json"),
+                                  std::string("/run/fw-download/wifiempfw.lock")}) {
+    struct stat status = {};
+    ASSERT_EQ(stat(file.c_str(), &status), 0) << file;
+    EXPECT_EQ(status.st_mode & 0777U, 0644U) << file;
+  }
+}
+
+TEST_F(DownloadProgram, SaysThatTheDirectoryOfPackagesCannotBeWritten) {
+  configure("file://" + serveFile(kWifi + ".img", makeImage(1000)));
+  fs::create_directories("/run");
+  writeFile("/run/fw-download", "in the way");
+
+  const auto result = run({kWifi});
+
+  EXPECT_EQ(result.exitCode, 1);
+  EXPECT_THAT(result.error, HasSubstr("/run/fw-download cannot be used: "));
+}
+
+}  // namespace

@@ -1,0 +1,149 @@
+#include "download-status.h"
+
+#include <gmock/gmock.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+
+#include "device-environment.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace fwplatform;
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+const std::string kFile = "/run/fw-download/wifiempfw.json";
+
+class DownloadStatusFile : public DeviceTest {
+ protected:
+  void SetUp() override {
+    DeviceTest::SetUp();
+    ASSERT_EQ(OpenDownloadStatusDirectory(directory_), 0);
+  }
+  void write(const DownloadStatus& status) const {
+    ASSERT_EQ(WriteDownloadStatus(directory_.get(), "wifiempfw", status), 0);
+  }
+
+  UniqueFd directory_;
+};
+
+TEST(DownloadPercent, IsOfWhatIsKnown) {
+  DownloadStatus status;
+  const auto percent = [&](std::int64_t received, std::int64_t total) {
+    status.received = received;
+    status.total = total;
+    return status.Percent();
+  };
+
+  EXPECT_EQ(percent(0, 200), 0U);
+  EXPECT_EQ(percent(199, 200), 99U);
+  EXPECT_EQ(percent(200, 200), 100U);
+  EXPECT_EQ(percent(500, 200), 100U);
+  EXPECT_EQ(percent(-1, 200), 0U);
+  EXPECT_FALSE(percent(5, 0));
+  EXPECT_FALSE(percent(5, kUnknownSize));
+}
+
+TEST_F(DownloadStatusFile, IsReadAsItWasWritten) {
+  for (const auto state : {DownloadState::kRunning, DownloadState::kDone, DownloadState::kFailed}) {
+    write({state, 5, 10, "a-reason", "A sentence.", "A remedy."});
+
+    const auto status = ReadDownloadStatus("wifiempfw");
+
+    ASSERT_TRUE(status);
+    EXPECT_EQ(status->state, state);
+    EXPECT_EQ(status->received, 5);
+    EXPECT_EQ(status->total, 10);
+    const bool failed = state == DownloadState::kFailed;
+    EXPECT_EQ(status->reason, failed ? "a-reason" : "");
+    EXPECT_EQ(status->message, failed ? "A sentence." : "");
+    EXPECT_EQ(status->remedy, failed ? "A remedy." : "");
+  }
+}
+
+TEST_F(DownloadStatusFile, HasNoTotalBeforeThatIsKnown) {
+  write({});
+
+  EXPECT_THAT(readFile(kFile), Not(HasSubstr("total")));
+  EXPECT_THAT(readFile(kFile), Not(HasSubstr("percent")));
+  EXPECT_EQ(ReadDownloadStatus("wifiempfw")->total, kUnknownSize);
+}
+
+TEST_F(DownloadStatusFile, CannotBeReadWhenItIsNone) {
+  for (const char* text : {"", "{", "[]", "{\"state\": \"sleeping\"}", "{\"state\": 5}", "{}",
+                           "{\"state\": \"done\", \"received\": \"many\"}"}) {
+    writeFile(kFile, text);
+
+    EXPECT_FALSE(ReadDownloadStatus("wifiempfw")) << text;
+  }
+  EXPECT_FALSE(ReadDownloadStatus("another"));
+}
+
+TEST_F(DownloadStatusFile, IsNotReadThroughALinkInThePlaceOfItsDirectory) {
+  write({});
+  fs::rename("/run/fw-download", "/run/elsewhere");
+  fs::create_directory_symlink("/run/elsewhere", "/run/fw-download");
+
+  EXPECT_FALSE(ReadDownloadStatus("wifiempfw"));
+  UniqueFd directory;
+  EXPECT_NE(OpenDownloadStatusDirectory(directory), 0);
+}
+
+TEST_F(DownloadStatusFile, IsLockedByOneDownload) {
+  UniqueFd first, second, other;
+
+  EXPECT_EQ(LockDownload(directory_.get(), "wifiempfw", first), 0);
+
+  EXPECT_EQ(LockDownload(directory_.get(), "wifiempfw", second), EAGAIN);
+  EXPECT_EQ(LockDownload(directory_.get(), "tunerempfw", other), 0);
+  EXPECT_TRUE(IsDownloadRunning("wifiempfw"));
+  first.reset();
+  EXPECT_FALSE(IsDownloadRunning("wifiempfw"));
+  EXPECT_EQ(LockDownload(directory_.get(), "wifiempfw", second), 0);
+}
+
+TEST_F(DownloadStatusFile, IsNotLockedWhereNobodyEverDownloaded) {
+  EXPECT_FALSE(IsDownloadRunning("wifiempfw"));
+  fs::remove_all("/run/fw-download");
+  EXPECT_FALSE(IsDownloadRunning("wifiempfw"));
+}
+
+// The process that answers ends; what goes on is its child.
+TEST_F(DownloadStatusFile, StaysLockedInAChildWhenItsParentHasGone) {
+  int ends[2];
+  ASSERT_EQ(pipe(ends), 0);
+  const pid_t parent = fork();
+  if (parent == 0) {
+    UniqueFd lock;
+    const bool locked = LockDownload(directory_.get(), "wifiempfw", lock) == 0;
+    if (fork() == 0) {
+      char byte;
+      close(ends[1]);
+      _exit(read(ends[0], &byte, 1) == 0 ? 0 : 1);  // until the test lets it go
+    }
+    _exit(locked ? 0 : 1);
+  }
+  close(ends[0]);
+  int status = -1;
+  waitpid(parent, &status, 0);
+
+  EXPECT_EQ(status, 0);
+  EXPECT_TRUE(IsDownloadRunning("wifiempfw"));
+  close(ends[1]);
+}
+
+TEST_F(DownloadStatusFile, IsNotLockedThroughALink) {
+  writeFile("/tmp/precious", "precious");
+  fs::create_symlink("/tmp/precious", "/run/fw-download/wifiempfw.lock");
+  UniqueFd lock;
+
+  EXPECT_EQ(LockDownload(directory_.get(), "wifiempfw", lock), ELOOP);
+  EXPECT_FALSE(IsDownloadRunning("wifiempfw"));
+}
+
+}  // namespace
