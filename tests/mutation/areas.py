@@ -27,7 +27,7 @@ AREAS = (
     Area("platform/conformance", ("platform-check-test",)),
     Area("sandbox", ("sandbox-test", "fw-device-test")),
     Area("modules", ("modules-test", "component-flash-test", "test-large-images")),
-    Area("tools/shared", ("test-tool-*", "test-fw-update", "test-fw-trace", "fw-pack-test")),
+    Area("tools/shared", ("test-tool-*", "test-fw-update")),
     Area("tools/fw-device", ("fw-device-test", "test-fw-device*")),
     Area("tools/fw-download", ("test-download", "test-fw-download*")),
     Area("tools/fw-module", ("fw-module-test", "test-fw-module*")),

@@ -1,0 +1,152 @@
+#include "terminal.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <pty.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <string>
+
+#include "live-line.h"
+#include "unique-fd.h"
+
+namespace {
+
+using fwplatform::UniqueFd;
+using tool::Colour;
+
+class Terminal : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    int controlling = -1;
+    int shown = -1;
+    ASSERT_EQ(openpty(&controlling, &shown, nullptr, nullptr, nullptr), 0);
+    controlling_.reset(controlling);
+    shown_.reset(shown);
+    setenv("TERM", "xterm", 1);
+    unsetenv("NO_COLOR");
+  }
+
+  void SetWidth(unsigned short columns) const {
+    winsize size{};
+    size.ws_col = columns;
+    ASSERT_EQ(ioctl(shown_.get(), TIOCSWINSZ, &size), 0);
+  }
+  // So many bytes of what was written to the terminal; fewer when no more come.
+  std::string Screen(std::size_t size) const {
+    std::string screen(size, '\0');
+    std::size_t done = 0;
+    pollfd more{controlling_.get(), POLLIN, 0};
+    while (done < size && poll(&more, 1, 5000) == 1) {
+      const ssize_t got = read(controlling_.get(), screen.data() + done, size - done);
+      if (got <= 0)
+        break;
+      done += static_cast<std::size_t>(got);
+    }
+    return screen.substr(0, done);
+  }
+
+  UniqueFd controlling_, shown_;
+};
+
+// Standard error goes elsewhere as long as it lives.
+class StandardErrorOn {
+ public:
+  explicit StandardErrorOn(int descriptor) : before_(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3)) {
+    dup2(descriptor, STDERR_FILENO);
+  }
+  ~StandardErrorOn() { dup2(before_.get(), STDERR_FILENO); }
+  StandardErrorOn(const StandardErrorOn&) = delete;
+  StandardErrorOn& operator=(const StandardErrorOn&) = delete;
+
+ private:
+  UniqueFd before_;
+};
+
+TEST_F(Terminal, IsToldFromAFile) {
+  const UniqueFd file(open("/dev/null", O_WRONLY | O_CLOEXEC));
+
+  EXPECT_TRUE(tool::isTerminal(shown_.get()));
+  EXPECT_FALSE(tool::isTerminal(file.get()));
+}
+
+TEST_F(Terminal, IsNoneWhenItKnowsNoCursor) {
+  setenv("TERM", "dumb", 1);
+  EXPECT_FALSE(tool::isTerminal(shown_.get()));
+
+  unsetenv("TERM");
+  EXPECT_TRUE(tool::isTerminal(shown_.get()));
+}
+
+TEST_F(Terminal, TellsItsWidth) {
+  SetWidth(100);
+  EXPECT_EQ(tool::terminalWidth(shown_.get()), 100U);
+  SetWidth(1);
+  EXPECT_EQ(tool::terminalWidth(shown_.get()), 1U);
+}
+
+TEST_F(Terminal, IsEightyWideWhenItDoesNotTell) {
+  SetWidth(0);
+
+  EXPECT_EQ(tool::terminalWidth(shown_.get()), 80U);
+}
+
+TEST_F(Terminal, HasNoWidthWhenItIsAFile) {
+  const UniqueFd file(open("/dev/null", O_WRONLY | O_CLOEXEC));
+
+  EXPECT_EQ(tool::terminalWidth(file.get()), std::string::npos);
+}
+
+TEST_F(Terminal, ShowsColours) {
+  EXPECT_EQ(tool::coloured("a", Colour::Green, shown_.get()), "\x1b[32ma\x1b[0m");
+  EXPECT_EQ(tool::coloured("a", Colour::Yellow, shown_.get()), "\x1b[33ma\x1b[0m");
+  EXPECT_EQ(tool::coloured("a", Colour::Red, shown_.get()), "\x1b[31ma\x1b[0m");
+  EXPECT_EQ(tool::coloured("a", Colour::Bold, shown_.get()), "\x1b[1ma\x1b[0m");
+}
+
+TEST_F(Terminal, ShowsNoColoursWhenNobodyWantsThem) {
+  setenv("NO_COLOR", "1", 1);
+  EXPECT_EQ(tool::coloured("a", Colour::Red, shown_.get()), "a");
+
+  setenv("NO_COLOR", "", 1);
+  EXPECT_EQ(tool::coloured("a", Colour::Red, shown_.get()), "\x1b[31ma\x1b[0m");
+}
+
+TEST_F(Terminal, GivesAFileNoColours) {
+  const UniqueFd file(open("/dev/null", O_WRONLY | O_CLOEXEC));
+
+  EXPECT_EQ(tool::coloured("a", Colour::Red, file.get()), "a");
+}
+
+TEST_F(Terminal, ShowsALineThatGoesWithItsOwner) {
+  SetWidth(10);
+  const std::string cleared = "\r\x1b[K";
+  const std::string cut = "012345678";  // the last column would begin another line
+  {
+    const StandardErrorOn terminal(shown_.get());
+    tool::LiveLine line;
+    line.show("0123456789");
+  }
+
+  EXPECT_EQ(Screen(cleared.size() * 2 + cut.size()), cleared + cut + cleared);
+}
+
+TEST_F(Terminal, ShowsNoLineInAFile) {
+  int ends[2];
+  ASSERT_EQ(pipe2(ends, O_CLOEXEC | O_NONBLOCK), 0);
+  const UniqueFd reading(ends[0]);
+  const UniqueFd writing(ends[1]);
+  {
+    const StandardErrorOn file(writing.get());
+    tool::LiveLine line;
+    line.show("text");
+  }
+
+  char byte = 0;
+  EXPECT_EQ(read(reading.get(), &byte, 1), -1);
+}
+
+}  // namespace
