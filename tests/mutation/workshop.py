@@ -28,7 +28,8 @@ ALLOWED = ["address", "array-bounds", "conversion", "empty-body", "format-overfl
 PRAGMAS = "".join(f'#pragma GCC diagnostic ignored "-W{name}"\n' for name in ALLOWED) + "#line 1\n"
 FAILED = re.compile(r"^\s*\d+ - (.+) \([^()]+\)$", re.MULTILINE)
 NO_TEST = "the run of the tests itself"
-SLOW = 3  # seconds
+QUICK = 2  # seconds
+LIMIT_OF_QUICK = 30
 NO_SOURCES = ("build", ".git", "device")
 BUILD_TIME = 1800  # seconds
 TEST_RUN_TIME = 3600
@@ -130,17 +131,17 @@ class Workshop:
         return [(number, test["name"], pathlib.Path(test["command"][0]).name)
                 for number, test in enumerate(listed, 1) if test.get("command")]
 
-    def slow_tests(self):
-        """The names of tests that are known to take their time."""
+    def quick_tests(self):
+        """The names of tests that are known to take little time."""
         known = self.build_directory / "Testing" / "Temporary" / "CTestCostData.txt"
         rows = known.read_text(encoding="utf-8").split("---")[0].splitlines() if known.exists() else []
-        return {name for name, _, seconds in (row.rsplit(" ", 2) for row in rows) if float(seconds) > SLOW}
+        return {name for name, _, seconds in (row.rsplit(" ", 2) for row in rows) if float(seconds) <= QUICK}
 
-    def failures(self, numbers):
+    def failures(self, numbers, limit=None):
         """The names of some of these tests that fail; the others are not run then."""
         chosen = "0,0,0," + ",".join(map(str, sorted(numbers)))
         command = ["ctest", "--preset", PRESET, "-I", chosen, "--parallel", str(self.jobs), "--timeout",
-                   str(self.limit), "--repeat", "until-pass:2", "--stop-on-failure"]
+                   str(limit or self.limit), "--repeat", "until-pass:2", "--stop-on-failure"]
         for _ in range(2):  # a test program that does not even name its tests may do so the next time
             if self.run(command, "test", TEST_RUN_TIME, confined=True) == 0:
                 return []

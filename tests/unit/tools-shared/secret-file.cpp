@@ -4,8 +4,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -17,9 +19,22 @@
 
 namespace {
 
-std::string* wipedBytes = nullptr;  // what was there, when a test wants to know
+std::string* wipedBytes = nullptr;                      // what was there, when a test wants to know
+ssize_t (*oddRead)(int, void*, std::size_t) = nullptr;  // in the place of reading, when a test wants that
+int reads = 0;
+
+ssize_t readReally(int descriptor, void* bytes, std::size_t size) {
+  return syscall(SYS_read, descriptor, bytes, size);
+}
 
 }  // namespace
+
+extern "C" ssize_t read(int descriptor, void* bytes, std::size_t size) {
+  if (oddRead == nullptr)
+    return readReally(descriptor, bytes, size);
+  ++reads;
+  return oddRead(descriptor, bytes, size);
+}
 
 // In the place of the C library's explicit_bzero, for the code under test.
 extern "C" void wipe(void* bytes, std::size_t size) noexcept __asm__("explicit_bzero");
@@ -45,6 +60,8 @@ class SecretFile : public ::testing::Test {
   }
   void TearDown() override {
     wipedBytes = nullptr;
+    oddRead = nullptr;
+    reads = 0;
     fs::remove_all(place_);
   }
 
@@ -93,6 +110,41 @@ TEST_F(SecretFile, IsRefusedWhenItIsNoRegularFile) {
   EXPECT_EQ(Failure([&] { readSecretFile(path_); }),
             "the key file " + path_.string() + " is no regular file");
   EXPECT_THAT(Failure([&] { readSecretFile(place_); }), HasSubstr("is no regular file"));
+}
+
+TEST_F(SecretFile, IsReadOnAfterASignalAndAShortRead) {
+  Write("secret");
+  oddRead = [](int descriptor, void* bytes, std::size_t) -> ssize_t {
+    errno = EINTR;
+    return reads == 1 ? -1 : readReally(descriptor, bytes, 1);
+  };
+
+  const auto content = readSecretFile(path_);
+
+  EXPECT_EQ(std::string(content.data(), content.data() + content.size()), "secret");
+}
+
+TEST_F(SecretFile, IsRefusedWhenItShrinksMeanwhile) {
+  Write("secret");
+  oddRead = [](int, void*, std::size_t) -> ssize_t {
+    errno = reads == 1 ? EINTR : ELOOP;
+    return reads == 1 ? 0 : -1;
+  };
+
+  EXPECT_EQ(Failure([&] { readSecretFile(path_); }),
+            "the key file " + path_.string() + " cannot be read: Input/output error");
+}
+
+TEST_F(SecretFile, IsRefusedWhenItCannotBeRead) {
+  Write("secret");
+  oddRead = [](int, void* bytes, std::size_t size) -> ssize_t {
+    std::memset(bytes, 0, size);
+    errno = ELOOP;
+    return reads == 1 ? -1 : static_cast<ssize_t>(size);
+  };
+
+  EXPECT_THAT(Failure([&] { readSecretFile(path_); }),
+              HasSubstr("cannot be read: Too many levels of symbolic links"));
 }
 
 TEST_F(SecretFile, IsWarnedOfWhenOthersMayUseIt) {
