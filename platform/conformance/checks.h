@@ -41,6 +41,14 @@ Finding downloadRefusesBadName();
 Finding verifierRefusesUnsigned();
 Finding verifierRefusesMissing();
 
+Finding secureVerifierJudgesContent();
+Finding secureSetHasKey();
+Finding secureKeysSignNewFormatAlone();
+Finding secureOnlyRootWrites();
+Finding securePackageKeyIsSecret();
+Finding secureDownloadsAreSigned();
+Finding secureDrivesAreReadOnly();
+
 inline constexpr Check checks[] = {
     {"log", "leaves errno as it was", logKeepsErrno},
     {"log", "returns the length of the message", logReturnsLength},
@@ -69,6 +77,19 @@ inline constexpr Check checks[] = {
     {"download", "refuses a name that is no identifier", downloadRefusesBadName},
     {"verifier", "refuses a file without a signature", verifierRefusesUnsigned},
     {"verifier", "refuses a file that is not there", verifierRefusesMissing},
+};
+
+// What a set must have set up so that nothing unsigned is used; not of the library, but
+// of the set.
+inline constexpr Check securityChecks[] = {
+    {"secure", "refuses a package without a signature", verifierRefusesUnsigned},
+    {"secure", "judges the bytes that are used, not only the file", secureVerifierJudgesContent},
+    {"secure", "knows the key of a maker", secureSetHasKey},
+    {"secure", "takes no package that fits every component", secureKeysSignNewFormatAlone},
+    {"secure", "lets only root write what updates rely on", secureOnlyRootWrites},
+    {"secure", "keeps the packages' key to root", securePackageKeyIsSecret},
+    {"secure", "downloads only what is signed, over safe connections", secureDownloadsAreSigned},
+    {"secure", "mounts drives read-only, without programs and devices", secureDrivesAreReadOnly},
 };
 
 }  // namespace conformance

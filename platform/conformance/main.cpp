@@ -25,9 +25,10 @@ constexpr const char* verdicts[] = {"kept", "BROKEN", "not checked"};
 
 constexpr const char* help =
     "Checks that a platform library keeps what the update library relies on.\n"
-    "Usage: fw-platform-check [--library FILE] [--only AREA] [--timeout S]\n"
+    "Usage: fw-platform-check [--secure] [--library FILE] [--only AREA] [--timeout S]\n"
     "  --library FILE  The platform library to check; default: the installed one\n"
     "  --only AREA     log, system, mount, power, event, trace, download or verifier\n"
+    "  --secure        Check instead, as root, that this set uses nothing unsigned\n"
     "  --timeout S     Give up a check after so many seconds; default: 20\n"
     "  --version       Show the version\n"
     "  --help          Show this\n\n"
@@ -40,6 +41,7 @@ struct Arguments {
   std::string library;
   std::string area;
   int seconds = 20;  // for each check
+  bool secure = false;
 };
 
 bool isArea(const std::string& name) {
@@ -71,10 +73,13 @@ int secondsFrom(const std::string& text) {
 }
 
 Arguments parse(int argc, char** argv) {
-  constexpr option options[] = {
-      {"library", required_argument, nullptr, 'l'}, {"only", required_argument, nullptr, 'o'},
-      {"timeout", required_argument, nullptr, 't'}, {"version", no_argument, nullptr, 'v'},
-      {"help", no_argument, nullptr, 'h'},          {nullptr, 0, nullptr, 0}};
+  constexpr option options[] = {{"library", required_argument, nullptr, 'l'},
+                                {"only", required_argument, nullptr, 'o'},
+                                {"timeout", required_argument, nullptr, 't'},
+                                {"version", no_argument, nullptr, 'v'},
+                                {"secure", no_argument, nullptr, 's'},
+                                {"help", no_argument, nullptr, 'h'},
+                                {nullptr, 0, nullptr, 0}};
   Arguments arguments;
   opterr = 0;
   for (int found = 0; (found = getopt_long(argc, argv, "h", options, nullptr)) != -1;) {
@@ -88,6 +93,9 @@ Arguments parse(int argc, char** argv) {
       case 't':
         arguments.seconds = secondsFrom(optarg);
         break;
+      case 's':
+        arguments.secure = true;
+        break;
       case 'v':
         show("fw-platform-check " FW_PLATFORM_CHECK_VERSION "\n");
       case 'h':
@@ -98,6 +106,9 @@ Arguments parse(int argc, char** argv) {
   }
   if (optind < argc) {
     usageError(std::string("what is ") + argv[optind] + "?");
+  }
+  if (arguments.secure && !(arguments.area.empty() && arguments.library.empty())) {
+    usageError("--secure looks at the set, not at an area of a library");
   }
   if (!arguments.area.empty() && !isArea(arguments.area)) {
     usageError("there is no area " + arguments.area);
@@ -138,9 +149,10 @@ void endIfInterrupted() {
   }
 }
 
-int checkAll(const Arguments& arguments) {
+template <std::size_t Size>
+int checkAll(const Check (&checks)[Size], const Arguments& arguments) {
   int counts[3] = {};
-  for (const Check& check : conformance::checks) {
+  for (const Check& check : checks) {
     if (arguments.area.empty() || arguments.area == check.area) {
       const Finding finding = conformance::runApart(check, arguments.seconds);
       endIfInterrupted();
@@ -160,7 +172,8 @@ int main(int argc, char** argv) {
   unsetenv("LD_PRELOAD");  // not for what the library starts
   conformance::catchInterruptions();
   try {
-    return checkAll(arguments);
+    return arguments.secure ? checkAll(conformance::securityChecks, arguments)
+                            : checkAll(conformance::checks, arguments);
   } catch (const std::exception& error) {
     std::fprintf(stderr, "fw-platform-check: %s\n", error.what());
     return exitBroken;

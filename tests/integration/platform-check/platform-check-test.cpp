@@ -1,7 +1,9 @@
 // The fw-platform-check command: it finds the platform of ordinary Linux whole, and
 // each broken promise of one that is not.
 #include <sched.h>
+#include <sys/mount.h>
 #include <sys/prctl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -15,6 +17,7 @@
 
 #include "device-environment.h"
 #include "running-program.h"
+#include "signed-package.h"
 #include "system-bus.h"
 #include "temporary-mount.h"
 
@@ -133,11 +136,192 @@ TEST_F(PlatformCheck, RefusesWrongArguments) {
                                              {"there"},
                                              {"--only"},
                                              {"--timeout", "soon"},
-                                             {"--timeout", "0"}}) {
+                                             {"--timeout", "0"},
+                                             {"--secure", "--only", "log"},
+                                             {"--secure", "--library", "/nowhere.so"}}) {
     const ProgramResult result = check(arguments);
     EXPECT_EQ(result.exitCode, 2) << arguments[0];
     EXPECT_NE(result.error.find("--help"), std::string::npos) << arguments[0];
   }
+}
+
+// ---- A set that uses nothing unsigned ------------------------------------------------
+
+// As root alone: in a user namespace, the host's directories belong to nobody.
+class SecureSet : public PlatformCheck {
+ protected:
+  void SetUp() override {
+    struct stat top = {};
+    if (stat("/", &top) != 0 || top.st_uid != 0) {
+      GTEST_SKIP() << "the directories that lead to the set's are not root's here";
+    }
+    PlatformCheck::SetUp();
+    installVerifier();
+    writeFile(kKey, publicPem(testSigningKey("ed25519")));
+    writeFile(kPackageKey, std::string(32, 'k'));
+    chmod(kPackageKey, 0600);
+    writeFile(kConfiguration, "url = https://packages.example/\nallow_unsigned = false  # never\n");
+    writeFile("/prd/usr/fwupdate/controls/libabc.so", "module");
+    fs::create_directories(kDrive);
+    drive.emplace(TemporaryMount::Memory(kDrive));
+    mountDrive(MS_RDONLY | MS_NOSUID | MS_NODEV | MS_NOEXEC);
+  }
+
+  static void mountDrive(unsigned long flags) {
+    ASSERT_EQ(mount(nullptr, kDrive, nullptr, MS_REMOUNT | MS_BIND | flags, nullptr), 0);
+  }
+
+  static void expectBroken(const std::string& promise, const std::string& sentence) {
+    const ProgramResult result = check({"--secure"});
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_NE(result.output.find("BROKEN       " + promise), std::string::npos) << result.output;
+    EXPECT_NE(result.output.find(sentence), std::string::npos) << result.output;
+    EXPECT_NE(result.output.find(" 1 broken"), std::string::npos) << result.output;
+  }
+
+  static std::string identifier() {
+    const fwpackage::KeyId id = testSigningKey("ed25519").keyId();
+    return fwpackage::toHex(id.data(), id.size());
+  }
+
+  static constexpr const char* kKey = "/usr/share/fw-update/keys/maker.pem";
+  static constexpr const char* kOldFormat = "/usr/share/fw-update/keys/format-1";
+  static constexpr const char* kRevoked = "/usr/share/fw-update/keys/revoked";
+  static constexpr const char* kPackageKey = "/usr/share/fw-update/package.key";
+  static constexpr const char* kConfiguration = "/etc/fw-update/download.conf";
+  static constexpr const char* kDrive = "/opt/media/USBDriveA";
+
+ private:
+  std::optional<TemporaryMount> drive;
+};
+
+TEST_F(SecureSet, IsFoundWhole) {
+  const ProgramResult result = check({"--secure"});
+
+  EXPECT_EQ(result.exitCode, 0) << result.output;
+  EXPECT_NE(result.output.find("8 kept, 0 broken, 0 not checked"), std::string::npos) << result.output;
+}
+
+TEST_F(SecureSet, HasAVerifier) {
+  fs::remove("/usr/lib/libkZAQUser.so");
+
+  const ProgramResult result = check({"--secure"});
+
+  EXPECT_EQ(result.exitCode, 1);
+  EXPECT_NE(result.output.find("BROKEN       refuses a package without a signature"), std::string::npos);
+  EXPECT_NE(result.output.find("install it"), std::string::npos) << result.output;
+}
+
+TEST_F(SecureSet, HasAVerifierThatRefuses) {
+  fs::remove("/usr/lib/libkZAQUser.so");
+  fs::copy_file(FAULTY_PLATFORM, "/usr/lib/libkZAQUser.so");
+
+  const ProgramResult result = check({"--secure"}, "verifier-takes-unsigned");
+
+  EXPECT_EQ(result.exitCode, 1);
+  EXPECT_NE(result.output.find("BROKEN       refuses a package without a signature"), std::string::npos);
+  EXPECT_NE(result.output.find("has no beginContentCheck"), std::string::npos) << result.output;
+}
+
+TEST_F(SecureSet, HasAKey) {
+  writeFile(kKey, "no key");
+  expectBroken("knows the key of a maker", "install the maker's key there");
+
+  fs::remove_all("/usr/share/fw-update/keys");
+  expectBroken("knows the key of a maker", "install the maker's key there");
+}
+
+TEST_F(SecureSet, HasNoKeyForTheOldFormatUnlessItIsRevoked) {
+  writeFile(kOldFormat, identifier() + "\n");
+  expectBroken("takes no package that fits every component", "sign them anew and take it out of");
+
+  writeFile(kRevoked, identifier() + "\n");
+  EXPECT_EQ(check({"--secure"}).exitCode, 0);
+
+  fs::remove(kRevoked);
+  writeFile(kOldFormat, "# none\n0123456789abcdef\n");
+  EXPECT_EQ(check({"--secure"}).exitCode, 0) << "nobody has this key";
+}
+
+TEST_F(SecureSet, HasListsThatCanBeUsed) {
+  writeFile(kOldFormat, "what\n");
+  expectBroken("takes no package that fits every component", "format-1 cannot be read or has a wrong line");
+
+  fs::remove(kOldFormat);
+  writeFile(kRevoked, "what\n");
+  expectBroken("takes no package that fits every component", "revoked cannot be read or has a wrong line");
+}
+
+TEST_F(SecureSet, IsWrittenByRootAlone) {
+  fs::create_directories("/var/lib/fw-update/minimum-versions");
+  writeFile("/var/lib/fw-update/minimum-versions/abc", "1");
+  writeFile("/opt/usr/share/sbox/abc/info.json", "{}");
+  for (const char* path :
+       {"/prd/usr/fwupdate/controls", "/prd/usr/fwupdate/controls/libabc.so", "/prd/usr/fwupdate",
+        "/opt/usr/share/sbox", "/opt/usr/share/sbox/abc", "/opt/usr/apps/appbinarymanager",
+        "/opt/usr/apps/appbinarymanager/emps", "/usr/share/fw-update/keys", kKey, "/usr/lib/libkZAQUser.so",
+        "/var/lib/fw-update/minimum-versions", "/var/lib/fw-update/minimum-versions/abc", kConfiguration}) {
+    struct stat before = {};
+    ASSERT_EQ(stat(path, &before), 0) << path;
+
+    chmod(path, before.st_mode | S_IWOTH);
+    expectBroken("lets only root write", std::string(path) + " can be written by everybody; chown root");
+    chmod(path, before.st_mode);
+
+    ASSERT_EQ(chown(path, 7, 0), 0);
+    expectBroken("lets only root write", std::string(path) + " belongs to user 7; chown root");
+    ASSERT_EQ(chown(path, 0, 7), 0);
+    chmod(path, before.st_mode | S_IWGRP);
+    expectBroken("lets only root write", std::string(path) + " can be written by group 7; chown root");
+    ASSERT_EQ(chown(path, 0, 0), 0);
+    EXPECT_EQ(check({"--secure"}).exitCode, 0) << "root's own group is root";
+    chmod(path, before.st_mode);
+  }
+}
+
+TEST_F(SecureSet, KeepsThePackagesKeyToRoot) {
+  for (const mode_t mode : {0640U, 0604U, 0610U}) {
+    chmod(kPackageKey, mode);
+    expectBroken("keeps the packages' key to root", "chmod 600 /usr/share/fw-update/package.key");
+  }
+
+  fs::remove(kPackageKey);
+  const ProgramResult result = check({"--secure"});
+  EXPECT_EQ(result.exitCode, 0) << result.output;
+  EXPECT_NE(result.output.find("there is no /usr/share/fw-update/package.key"), std::string::npos);
+}
+
+TEST_F(SecureSet, DownloadsOnlyWhatIsSignedOverSafeConnections) {
+  writeFile(kConfiguration, "url = https://packages.example/\nallow_unsigned=true\n");
+  expectBroken("downloads only what is signed", "has allow_unsigned; remove the line, and sign the packages");
+  writeFile(kConfiguration, "  allow_insecure = true # for now\n");
+  expectBroken("downloads only what is signed",
+               "has allow_insecure; remove the line, and serve them over https");
+
+  writeFile(kConfiguration, "# allow_insecure = true\n");
+  EXPECT_EQ(check({"--secure"}).exitCode, 0);
+  fs::remove(kConfiguration);
+  const ProgramResult result = check({"--secure"});
+  EXPECT_EQ(result.exitCode, 0) << result.output;
+  EXPECT_NE(result.output.find("nothing is downloaded"), std::string::npos);
+}
+
+TEST_F(SecureSet, MountsDrivesReadOnly) {
+  const struct {
+    unsigned long flags;
+    const char* missing;
+  } rows[] = {{MS_NOSUID | MS_NODEV | MS_NOEXEC, "not mounted with ro;"},
+              {MS_RDONLY | MS_NODEV | MS_NOEXEC, "not mounted with nosuid;"},
+              {MS_RDONLY | MS_NOSUID | MS_NOEXEC, "not mounted with nodev;"},
+              {MS_RDONLY | MS_NOSUID | MS_NODEV, "not mounted with noexec;"}};
+  for (const auto& row : rows) {
+    mountDrive(row.flags);
+    expectBroken("mounts drives read-only", row.missing);
+  }
+}
+
+TEST_F(PlatformCheck, SaysThatNoDriveWasSeen) {
+  EXPECT_NE(check({"--secure"}).output.find("no drive is mounted; plug one in"), std::string::npos);
 }
 
 struct Fault {
