@@ -56,6 +56,7 @@ void addPackageOptions(CLI::App& app, Options& options) {
   app.add_option("--key-file", options.keyFile, "The packages' key: a file of 32 bytes")
       ->required()
       ->type_name("FILE");
+  app.add_flag("--allow-rollback", options.allowRollback, "Packages below the minimum version too; for root");
 }
 
 std::string summaryOfGroup(const std::string& name) {

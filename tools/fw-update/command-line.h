@@ -21,6 +21,7 @@ struct Options {
   std::string data;
   std::string directory;  // of USB packages; empty: the drive
   std::string keyFile;
+  bool allowRollback = false;  // of USB packages
   bool json = false;
   bool ndjson = false;
   bool log = false;
@@ -43,7 +44,7 @@ enum Accepts : unsigned {
   AcceptsCaller = 2,     // --caller and --data
   AcceptsProgress = 4,   // --progress
   AcceptsDryRun = 8,     // --dry-run
-  AcceptsPackages = 16,  // DIR and --key-file
+  AcceptsPackages = 16,  // DIR, --key-file and --allow-rollback
   AcceptsModules = 32,   // NAME... or --all, and --wait
   AcceptsIgnoreHidden = 64,
   AcceptsIsolated = 128  // --isolated and --patience

@@ -37,6 +37,7 @@ void readTurn(PackageState& state, const LogMessages& turn) {
     state.seconds = need->arguments.size() > 1 ? std::stoi(need->arguments[1]) : 0;
     state.finding = {Outcome::Ok, "The package is newer.", ""};
   } else {
+    state.notSigned = findMessage(turn, text::notSigned) != nullptr;
     state.finding =
         strongestMeaning(turn, state.library)
             .value_or(Finding{
@@ -67,7 +68,7 @@ std::vector<PackageState> readEstimate(const Library& library, const LogMessages
   std::vector<PackageState> states;
   auto turn = turns.begin();
   for (const FWUpdateItem& item : library.items) {
-    PackageState state{item.file_name, item.fw_name, item.version, false, 0, {}};
+    PackageState state{item.file_name, item.fw_name, item.version, false, 0, false, {}};
     if (isExtension(state.library)) {
       state.finding = {Outcome::NothingToDo, "It runs its own procedure and takes no package.", ""};
     } else if (const auto problem = bindingProblem(library, state.library)) {
@@ -87,6 +88,7 @@ void readResults(std::vector<PackageState>& states, const LogMessages& messages)
                                    [&](const LogMessages& its) { return names(its, state.firmware); });
     if (!state.needed || turn == turns.end())
       continue;
+    state.notSigned = findMessage(*turn, text::notSignedAnyMore) != nullptr;
     state.finding =
         strongestMeaning(*turn, state.library)
             .value_or(Finding{Outcome::Unexpected,

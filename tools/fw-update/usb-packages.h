@@ -17,6 +17,8 @@ namespace tool {
 namespace text {
 inline constexpr const char* needPackage = "Need Update [%s] [%d]";
 inline constexpr const char* packageStart = "========== [ %s update start ] ==========";
+inline constexpr const char* notSigned = "Error: %s is NOT signed";
+inline constexpr const char* notSignedAnyMore = "Error: %s file is NOT signed";
 inline constexpr const char* noVerifier = "[zaq][%s] pHandle Error: %s\n";
 inline constexpr const char* noVerifierEntry = "[zaq][%s] dlsym Error: %s\n";
 }  // namespace text
@@ -26,8 +28,9 @@ struct PackageState {
   std::string firmware;
   std::string version;  // active when the library was opened
   bool needed = false;
-  int seconds = 0;  // when needed
-  Finding finding;  // why not, or how the update went
+  int seconds = 0;         // when needed
+  bool notSigned = false;  // says the verification library
+  Finding finding;         // why not, or how the update went
 };
 
 // The library's messages of one module each, in the order of its work.

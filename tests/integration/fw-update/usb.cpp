@@ -3,7 +3,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <filesystem>
+#include <memory>
 
 #include "signed-package.h"
 #include "tool-test.h"
@@ -168,6 +170,123 @@ TEST_F(UsbTool, RefusesAPackageWithOneFlippedByteAndAppliesTheOthers) {
   EXPECT_THAT(moduleOf(applied, "libtuner")["reason"].asString(), HasSubstr("no valid signature"));
   EXPECT_FALSE(exists(std::string(kFlash) + "tunerfw.flash"));
   EXPECT_TRUE(isActive("panelfw"));
+}
+
+// ---- why a package is refused ---------------------------------------------------
+
+std::string keyIdOfMaker() {
+  const fwpackage::KeyId id = testSigningKey("ed25519").keyId();
+  return fwpackage::toHex(id.data(), id.size());
+}
+
+TEST_F(UsbTool, SaysThatAPackageIsForAnotherComponent) {
+  installModule("libwifi");
+  writeFile(std::string(kDrive) + "wififw.bin", package("tunerfw"));
+
+  const Json::Value applied = apply();
+
+  EXPECT_EQ(applied["exitCode"].asInt(), 5);
+  EXPECT_EQ(moduleOf(applied, "libwifi")["reason"].asString(),
+            "The package /opt/media/USBDriveA/wififw.bin is refused: it is for another component, tunerfw.");
+  EXPECT_EQ(moduleOf(applied, "libwifi")["remedy"].asString(), "Give it its own name again, tunerfw.bin.");
+  EXPECT_FALSE(exists(std::string(kFlash) + "wififw.flash"));
+}
+
+TEST_F(UsbTool, SaysThatAPackageIsForAnotherModel) {
+  installModule("libtuner");
+  fwpackage::Statements statements = statementsFor("tunerfw");
+  statements.model = "another-set";
+  writeFile(std::string(kDrive) + "tunerfw.bin",
+            signedFile("IV and ciphertext", testSigningKey("ed25519"), statements));
+
+  const Json::Value found = estimate();
+
+  EXPECT_EQ(found["exitCode"].asInt(), 5);
+  EXPECT_THAT(found["message"].asString(), HasSubstr("is refused: it is for another model, another-set."));
+}
+
+TEST_F(UsbTool, SaysThatAPackageIsOlderThanTheMinimum) {
+  installModule("libtuner");
+  putPackage("tunerfw", "2.0.0");
+  writeFile("/var/lib/fw-update/minimum-versions/tunerfw", "2.0.1\n");
+
+  const Json::Value found = estimate();
+
+  EXPECT_EQ(found["exitCode"].asInt(), 5);
+  EXPECT_THAT(found["message"].asString(), HasSubstr("is refused: this set takes no version before 2.0.1."));
+  EXPECT_THAT(found["remedy"].asString(), HasSubstr("--allow-rollback"));
+}
+
+TEST_F(UsbTool, SaysWhichKeysAndListsRefuseAPackage) {
+  installModule("libtuner");
+  writeFile(std::string(kDrive) + "tunerfw.bin",
+            oldSignedFile("IV and ciphertext", testSigningKey("ed25519")));
+  EXPECT_THAT(estimate()["message"].asString(), HasSubstr("is refused: its signature has format 1"));
+
+  putPackage("tunerfw");
+  const std::string keys = "/usr/share/fw-update/keys/";
+  writeFile(keys + "revoked", keyIdOfMaker());
+  EXPECT_THAT(estimate()["message"].asString(), HasSubstr("is refused: its key is revoked."));
+  writeFile(keys + "revoked", "everybody");
+  EXPECT_THAT(estimate()["message"].asString(), HasSubstr("is refused: a list of keys cannot be read."));
+  fs::remove(keys + "revoked");
+  fs::remove(keys + "maker.pem");
+  EXPECT_THAT(estimate()["message"].asString(),
+              HasSubstr("has no valid signature: no public key with the package's key identifier is known."));
+}
+
+// Another maker's library has rules of its own.
+TEST_F(UsbTool, SaysNoMoreThanTheLibraryWhenItsVerifierIsAnother) {
+  installModule("libtuner");
+  fs::copy_file(OTHER_VERIFIER, "/usr/lib/libkZAQUser.so", fs::copy_options::overwrite_existing);
+  putPackage("tunerfw");
+
+  EXPECT_EQ(estimate()["message"].asString(),
+            "The package /opt/media/USBDriveA/tunerfw.bin has no valid signature.");
+}
+
+TEST_F(UsbTool, AppliesAnOlderPackageWhenRootAllowsIt) {
+  installModule("libtuner");
+  putPackage("tunerfw", "2.0.0");
+  writeFile("/var/lib/fw-update/minimum-versions/tunerfw", "3\n");
+  auto words = command("apply");
+  words.emplace_back("--allow-rollback");
+
+  const Json::Value applied = document(words);
+
+  EXPECT_EQ(applied["outcome"].asString(), "updated");
+  EXPECT_TRUE(isActive("tunerfw"));
+  EXPECT_EQ(readFile("/var/lib/fw-update/minimum-versions/tunerfw"), "3\n");
+  EXPECT_EQ(apply()["exitCode"].asInt(), 5);  // no other process is allowed it
+}
+
+TEST_F(UsbTool, AllowsRootAloneToApplyAnOlderPackage) {
+  const std::string asAnother = "unshare --user --map-user=7 " TESTED_TOOL
+                                " usb estimate --allow-rollback --key-file " +
+                                std::string(kKeyFile) + " 2>&1";
+  const std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(asAnother.c_str(), "r"), pclose);
+  char text[1000] = {};
+  const std::size_t length = fread(text, 1, sizeof text - 1, pipe.get());
+
+  EXPECT_THAT(std::string(text, length), HasSubstr("Only root may apply a package older than"));
+}
+
+TEST_F(UsbTool, SaysInTheLogThatOlderPackagesAreAllowed) {
+  installModule("libtuner");
+  auto words = command("estimate");
+  words.insert(words.end(), {"--allow-rollback", "--log"});
+
+  EXPECT_THAT(run(words).err, HasSubstr("root allows packages older than the minimum version"));
+}
+
+TEST_F(UsbTool, AllowsNoRollbackWithAnotherVerifier) {
+  installModule("libtuner");
+  fs::copy_file(OTHER_VERIFIER, "/usr/lib/libkZAQUser.so", fs::copy_options::overwrite_existing);
+  auto words = command("estimate");
+  words.emplace_back("--allow-rollback");
+
+  EXPECT_EQ(document(words)["exitCode"].asInt(), 2);
+  EXPECT_THAT(document(words)["message"].asString(), HasSubstr("knows no --allow-rollback"));
 }
 
 TEST_F(UsbTool, RefusesEverythingThatIsNoPackage) {

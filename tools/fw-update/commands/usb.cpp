@@ -13,6 +13,7 @@
 #include "../commands.h"
 #include "../interruption.h"
 #include "../library.h"
+#include "../package-refusal.h"
 #include "../progress-poller.h"
 #include "../progress-reporter.h"
 #include "../usb-packages.h"
@@ -57,6 +58,14 @@ std::string packageDirectory(const Options& options, Report& report) {
   return options.directory.back() == '/' ? options.directory : options.directory + "/";
 }
 
+// False when the report says why not.
+bool permitRollback(const Options& options, Report& report) {
+  const auto problem = options.allowRollback ? allowRollback() : std::nullopt;
+  if (problem)
+    report.finding = *problem;
+  return !problem;
+}
+
 struct Session {
   Library library;
   secret::Secret key{0};
@@ -67,6 +76,8 @@ struct Session {
 // Null when the report says why not.
 std::unique_ptr<Session> open(const Options& options, Report& report) {
   report.details["modules"] = Json::arrayValue;
+  if (!permitRollback(options, report))
+    return nullptr;
   try {
     auto session =
         std::make_unique<Session>(Session{Library{}, secret::readPackageKey(options.keyFile), "", {}});
@@ -88,6 +99,13 @@ std::unique_ptr<Session> open(const Options& options, Report& report) {
   return nullptr;
 }
 
+// The library says only that a package is refused.
+void explainRefusals(Session& session) {
+  for (PackageState& state : session.states)
+    if (state.notSigned)
+      state.finding = whyRefused(session.directory + state.firmware + ".bin").value_or(state.finding);
+}
+
 // The library's own sum; false when a module broke off.
 bool estimate(Session& session, const Options& options, Report& report) {
   const std::size_t mark = LibraryLog::instance().mark();
@@ -103,6 +121,7 @@ bool estimate(Session& session, const Options& options, Report& report) {
   }
   const LogMessages messages = LibraryLog::instance().since(mark);
   session.states = readEstimate(session.library, messages);
+  explainRefusals(session);
   report.details["totalSeconds"] = seconds;
   report.details["signaturesChecked"] = signaturesChecked(messages);
   if (!signaturesChecked(messages))
@@ -226,6 +245,7 @@ bool applyPackages(Session& session, const Options& options, Report& report) {
   } while (result.wait_for(redraw) != std::future_status::ready);
   report.moduleRuns = !progress.finish();
   readResults(session.states, LibraryLog::instance().since(mark));
+  explainRefusals(session);
   report.details["elapsedSeconds"] = rounded(std::chrono::duration<double>(Clock::now() - start).count());
   try {
     report.details["result"] = result.get();
