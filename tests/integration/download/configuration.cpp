@@ -51,6 +51,18 @@ TEST(DownloadConfiguration, TakesEveryKey) {
   EXPECT_EQ(configuration.maximumRetries, 10);
 }
 
+TEST(DownloadConfiguration, AllowsNothingUnlessItSaysSo) {
+  const std::string url = "url = https://h\n";
+  const Configuration silent = ParseConfiguration(url);
+  const Configuration no = ParseConfiguration(url + "allow_unsigned = false\nallow_insecure = false\n");
+  const Configuration first = ParseConfiguration(url + "allow_unsigned = true\n");
+  const Configuration second = ParseConfiguration(url + "allow_insecure = true\n");
+
+  EXPECT_FALSE(silent.allowUnsigned || silent.allowInsecure || no.allowUnsigned || no.allowInsecure);
+  EXPECT_TRUE(first.allowUnsigned && !first.allowInsecure);
+  EXPECT_TRUE(second.allowInsecure && !second.allowUnsigned);
+}
+
 TEST(DownloadConfiguration, TakesUserAndPasswordOutOfTheUrl) {
   const Configuration configuration = ParseConfiguration("url = https://us%40er:pass@h:1/x\n");
 
@@ -91,6 +103,9 @@ TEST(DownloadConfiguration, SaysWhichLineIsWrong) {
   EXPECT_THAT(refusal("url = ftp://h\n"), HasSubstr("url must begin with https://"));
   EXPECT_THAT(refusal("url = file://host/x\n"), HasSubstr("url must begin with https://"));
   EXPECT_THAT(refusal("url = https://h/?a\n"), HasSubstr("must not have a \"?\""));
+  EXPECT_THAT(refusal("url = https://h/#a\n"), HasSubstr("must not have a \"?\" or \"#\""));
+  EXPECT_THAT(refusal(url + "allow_unsigned = yes"), HasSubstr("allow_unsigned must be true or false"));
+  EXPECT_THAT(refusal(url + "allow_insecure = 1"), HasSubstr("allow_insecure must be true or false"));
   for (const char* number : {"0", "-1", "1x", "99999999999999999999", "1.5"}) {
     EXPECT_THAT(refusal(url + "max_size_mib = " + number), HasSubstr("whole number from 1 to 1048576"))
         << number;

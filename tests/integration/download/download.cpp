@@ -3,6 +3,7 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <memory>
 
 #include "app-binary-manager.h"
 #include "download-test.h"
@@ -251,31 +252,52 @@ TEST_F(Https, RefusesACertificateForAnotherServer) {
   EXPECT_THAT(files(), IsEmpty());
 }
 
-// A server that speaks an old TLS alone, and a client whose library would allow it.
-TEST_F(Https, RefusesAnOldTls) {
-  makeCertificates("IP:127.0.0.1");
-  const std::string image = makeImage(1000);
-  writeFile("/tmp/served/" + kWifi + ".img", httpAnswer("200 OK", {"Content-Length: 1000"}, image));
+class ServedByOpenssl : public Https {
+ protected:
+  // Gives out files that are whole answers, headers included.
+  void serve(const std::string& answer, const std::vector<std::string>& options = {},
+             const std::vector<std::string>& environment = {}) {
+    makeCertificates("IP:127.0.0.1");
+    writeFile("/tmp/served/" + kWifi + ".img", answer);
+    std::vector<std::string> command = {"openssl",     "s_server",        "-accept",
+                                        "127.0.0.1:0", "-cert",           "/tmp/server.pem",
+                                        "-key",        "/tmp/server.key", "-HTTP"};
+    command.insert(command.end(), options.begin(), options.end());
+    server_ = std::make_unique<RunningProgram>(ProgramStart{command, "/tmp/served", 0, environment});
+    std::string line;
+    while (line.rfind("ACCEPT ", 0) != 0) {
+      ASSERT_TRUE(server_->isRunning());
+      line = server_->readLine();
+    }
+    configure("https://" + line.substr(7), "ca_file = /tmp/ca.pem");
+  }
+
+ private:
+  std::unique_ptr<RunningProgram> server_;
+};
+
+// A client whose library would allow it.
+TEST_F(ServedByOpenssl, AnOldTlsIsRefused) {
   writeFile("/tmp/openssl.cnf",
             "openssl_conf = all\n[all]\nssl_conf = ssl\n[ssl]\nsystem_default = weak\n"
             "[weak]\nMinProtocol = TLSv1\nCipherString = DEFAULT@SECLEVEL=0\n");
-  RunningProgram server({{"openssl", "s_server", "-accept", "127.0.0.1:0", "-cert", "/tmp/server.pem", "-key",
-                          "/tmp/server.key", "-tls1_1", "-cipher", "DEFAULT@SECLEVEL=0", "-HTTP"},
-                         "/tmp/served",
-                         0,
-                         {"OPENSSL_CONF=/tmp/openssl.cnf"}});
-  std::string line;
-  while (line.rfind("ACCEPT ", 0) != 0) {
-    ASSERT_TRUE(server.isRunning());
-    line = server.readLine();
-  }
-  configure("https://" + line.substr(7), "ca_file = /tmp/ca.pem");
+  serve(httpAnswer("200 OK", {"Content-Length: 1000"}, makeImage(1000)),
+        {"-tls1_1", "-cipher", "DEFAULT@SECLEVEL=0"}, {"OPENSSL_CONF=/tmp/openssl.cnf"});
 
   const auto result = runProgram({{FW_DOWNLOAD_PROGRAM, kWifi}, "/", 0, {"OPENSSL_CONF=/tmp/openssl.cnf"}});
 
   EXPECT_EQ(result.exitCode, 1);
   EXPECT_THAT(result.error, HasSubstr("No secure connection to the server could be made"));
   EXPECT_THAT(files(), IsEmpty());
+}
+
+TEST_F(ServedByOpenssl, ARedirectToHttpIsRefused) {
+  OddServer open({{httpAnswer("200 OK", {"Content-Length: 5"}, "bytes")}});
+  serve(httpAnswer("302 Found", {"Location: " + open.url() + "x", "Content-Length: 0"}, ""));
+
+  expectFailure(download(), "redirect", "which is not as secure as https://127.0.0.1:");
+
+  EXPECT_THAT(open.requests(), IsEmpty());
 }
 
 }  // namespace

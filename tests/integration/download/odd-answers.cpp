@@ -94,6 +94,15 @@ TEST_F(OddAnswers, StopsHalfwayAndIsContinued) {
   EXPECT_THAT(files(), ElementsAre("wifiempfw.img"));
 }
 
+TEST_F(OddAnswers, StopsOneByteBeforeTheEnd) {
+  OddServer server({{httpAnswer("200 OK", {length(image.size())}, image.substr(1))}});
+  configure(server.url());
+
+  expectFailure(download(), "incomplete", "stopped after 199999 bytes of the 200000 bytes");
+
+  EXPECT_THAT(files(), IsEmpty());
+}
+
 TEST_F(OddAnswers, StopsHalfwayWithoutAMarkOfTheFile) {
   for (const char* mark : {"X-Mark: none", "ETag: W/\"weak\""}) {
     OddServer server({{httpAnswer("200 OK", {length(image.size()), mark}, image.substr(0, 100))}});
@@ -242,6 +251,7 @@ TEST_F(OddAnswers, ChunksAreAsGoodAsALength) {
   EXPECT_EQ(download().exitCode, 0);
 
   EXPECT_TRUE(readFile(kImage) == image);
+  EXPECT_EQ(fwplatform::ReadDownloadStatus(kWifi)->total, 200000);
 }
 
 TEST_F(OddAnswers, ChunksThatStopAreNoImage) {

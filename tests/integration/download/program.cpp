@@ -22,7 +22,7 @@ class DownloadProgram : public DownloadTest {
   // Its own words on standard output, as if that were the descriptor to answer on.
   static ProgramResult answer(const std::string& package) {
     return runProgram(
-        {{"sh", "-c", "exec " FW_DOWNLOAD_PROGRAM " --answer-on=3 \"$0\" 3>&1 >/dev/null", package},
+        {{"sh", "-c", "exec " FW_DOWNLOAD_PROGRAM " --answer-on=3 \"$0\" 3>&1 >/dev/null 2>&1", package},
          "/",
          0,
          {}});
@@ -71,6 +71,16 @@ TEST_F(DownloadProgram, AnswersThatItDownloadsAndGoesOnAlone) {
   EXPECT_EQ(result.output, "accepted\n");
   waitForEnd();
   EXPECT_EQ(readFile(kImage).size(), 1000U);
+}
+
+TEST_F(DownloadProgram, AnswersBeforeTheDownloadEnds) {
+  OddServer server({{"", false}});
+  configure(server.url(), "stall_timeout_s = 3\nmax_retries = 0");
+
+  EXPECT_EQ(answer(kWifi).output, "accepted\n");
+
+  EXPECT_TRUE(fwplatform::IsDownloadRunning(kWifi));
+  waitForEnd();
 }
 
 TEST_F(DownloadProgram, AnswersWhyItDoesNot) {

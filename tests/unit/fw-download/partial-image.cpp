@@ -229,6 +229,11 @@ std::string publish(PartialImage& image) {
 TEST_F(PartOfAnImage, ThatChangedSinceItWasFinishedIsNotPublished) {
   const std::function<void()> changes[] = {
       [] { std::ofstream(kPart, std::ios::app) << "more"; },
+      [] {
+        const auto time = fs::last_write_time(kPart);
+        std::ofstream(kPart, std::ios::app) << "more";
+        fs::last_write_time(kPart, time);
+      },
       [] { fs::last_write_time(kPart, fs::file_time_type::clock::now() + std::chrono::hours(1)); },
       [] {
         fs::remove(kPart);

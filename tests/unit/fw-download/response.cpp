@@ -129,6 +129,7 @@ TEST(DownloadValidator, IsAStrongTagOrADateOfAFileThatHasSettled) {
   EXPECT_EQ(ValidatorOf(read({settled})), "");
   EXPECT_EQ(ValidatorOf(read({date})), "");
   EXPECT_EQ(ValidatorOf(read({"Date: x", settled})), "");
+  EXPECT_EQ(ValidatorOf(read({date, "Last-Modified: x"})), "");
   EXPECT_EQ(ValidatorOf(read({date, "Last-Modified: Thu, 01 Jan 1970 00:00:00 GMT"})),
             "Thu, 01 Jan 1970 00:00:00 GMT");
 }
