@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <stdexcept>
 #include <string>
 
 #include "app-binary-manager.h"
@@ -36,6 +37,13 @@ Function* real(const char* name) {
   return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
+// Tells of a program other than the one that checks it.
+__attribute__((constructor)) void noteProgram() {
+  if (std::strcmp(program_invocation_short_name, "fw-platform-check") != 0) {
+    close(open("/tmp/loaded-elsewhere", O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
+  }
+}
+
 // Mounts as the other platform does, and takes a flag off.
 int mountWithout(unsigned long flag, const char* arguments, int capacity, int* result) {
   const int status = real<decltype(PS_Mount)>("PS_Mount")(arguments, capacity, 0, result);
@@ -49,13 +57,16 @@ int mountWithout(unsigned long flag, const char* arguments, int capacity, int* r
 
 extern "C" int __dlog_print(int, int, const char* tag, const char* format, ...) {
   if (format == nullptr || tag == nullptr) {
-    if (fault("log-null")) {
+    if (fault(format == nullptr ? "log-null-format" : "log-null-tag")) {
       std::abort();
     }
     return 0;
   }
   if (fault("log-threads") && getpid() != gettid()) {
     std::abort();
+  }
+  if (fault("log-exits")) {
+    _exit(0);
   }
   const int before = errno;
   errno = fault("log-no-error-text") ? 0 : before;
@@ -159,6 +170,9 @@ bool appbinaryManager::ABM_DownloadAppBinary(void (*)(const std::string&, int, v
                                              const std::string& appId) {
   if (fault("download-throws")) {
     throw 1;
+  }
+  if (fault("download-throws-exception")) {
+    throw std::runtime_error("odd");
   }
   return !appId.empty() && (fault("download-any-name") || appId.find('/') == std::string::npos) &&
          appId.find(' ') == std::string::npos;

@@ -64,6 +64,9 @@ TEST_F(PlatformCheck, LeavesNoPackageBehind) {
 
   EXPECT_TRUE(fs::is_empty("/opt/usr/apps/appbinarymanager/emps"));
   EXPECT_EQ(std::distance(fs::directory_iterator("/opt/usr/apps/appbinarymanager"), {}), 1);
+  for (const auto& entry : fs::directory_iterator("/tmp")) {
+    EXPECT_EQ(entry.path().filename().string().find("platformcheck"), std::string::npos) << entry;
+  }
 }
 
 // What the command leaves becomes this process's child.
@@ -92,6 +95,23 @@ TEST_P(InterruptedPlatformCheck, LetsTheRunningCheckTidyUp) {
   expectNothingRuns();
   EXPECT_TRUE(fs::is_empty("/opt/usr/apps/appbinarymanager/emps"));
   EXPECT_EQ(readFile("/proc/self/mountinfo").find("platformcheck"), std::string::npos);
+}
+
+TEST_P(InterruptedPlatformCheck, GoesOnWhereTheSignalIsIgnored) {
+  const std::string ignoring = "trap '' " + std::to_string(GetParam()) + "; exec \"$@\"";
+  RunningProgram program({{"sh", "-c", ignoring, "sh", PLATFORM_CHECK_PROGRAM, "--only", "mount"},
+                          "/",
+                          0,
+                          {"FW_UPDATE_LOG=none"}});
+  while (fs::is_empty("/opt/usr/apps/appbinarymanager/emps"))
+    sched_yield();
+
+  program.kill(GetParam());
+
+  const ProgramResult result = program.wait();
+  EXPECT_EQ(result.signal, 0);
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_NE(result.output.find(" 0 broken"), std::string::npos) << result.output;
 }
 
 TEST_P(InterruptedPlatformCheck, EndsACheckThatHangsWithTheSecondSignal) {
@@ -128,6 +148,13 @@ TEST_F(PlatformCheck, FindsALoopDeviceThatIsLeft) {
   EXPECT_NE(result.output.find("the loop device still has the image"), std::string::npos) << result.output;
 }
 
+// A package is packed by another program.
+TEST_F(PlatformCheck, LoadsTheLibraryIntoNoOtherProgram) {
+  check({"--library", FAULTY_PLATFORM, "--only", "mount"}, "mount-says-yes");
+
+  EXPECT_FALSE(exists("/tmp/loaded-elsewhere"));
+}
+
 TEST_F(PlatformCheck, RefusesWrongArguments) {
   for (const std::vector<std::string>& arguments :
        std::vector<std::vector<std::string>>{{"--only", "colours"},
@@ -136,7 +163,9 @@ TEST_F(PlatformCheck, RefusesWrongArguments) {
                                              {"there"},
                                              {"--only"},
                                              {"--timeout", "soon"},
+                                             {"--timeout", "2s"},
                                              {"--timeout", "0"},
+                                             {"--timeout", "3601"},
                                              {"--secure", "--only", "log"},
                                              {"--secure", "--library", "/nowhere.so"}}) {
     const ProgramResult result = check(arguments);
@@ -358,7 +387,9 @@ TEST_P(FaultyPlatform, IsFoundOut) {
 constexpr Fault faults[] = {
     {"log-errno", "log", "leaves errno as it was", "errno was changed to 5"},
     {"log-length", "log", "returns the length of the message", "returned 21 for a message of 20 bytes"},
-    {"log-null", "log", "takes a null tag and a null format", "Aborted"},
+    {"log-exits", "log", "leaves errno as it was", "the process ended without an answer"},
+    {"log-null-tag", "log", "takes a null tag and a null format", "Aborted"},
+    {"log-null-format", "log", "takes a null tag and a null format", "Aborted"},
     {"log-no-error-text", "log", "formats %m as the error text of errno", "for a message of 15 bytes"},
     {"log-threads", "log", "takes calls from several threads at once", "Aborted"},
     {"log-cuts", "log", "takes messages of any length", "returned 999"},
@@ -399,6 +430,7 @@ constexpr Fault faults[] = {
     {"verifier-takes-missing", "verifier", "refuses a file that is not there", "it was taken"},
     {"download-any-name", "download", "refuses a name that is no identifier",
      "\"../platformcheck\" was accepted"},
+    {"download-throws-exception", "download", "returns at once", "an exception was thrown: odd"},
     {"download-throws", "download", "returns at once", "Aborted"},
 };
 
