@@ -4,7 +4,6 @@
 #include <linux/loop.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
-#include <sys/sysmacros.h>
 
 #include <cerrno>
 
@@ -17,7 +16,6 @@ constexpr char kControl[] = "/dev/loop-control";
 // As many as a busy machine may take away from under this process, one after the other.
 constexpr int kMostAttempts = 100;
 constexpr int kMostNodes = 256;
-constexpr unsigned kLoopMajor = 7;
 
 struct LoopDevice {
   UniqueFd fd;
@@ -42,7 +40,7 @@ int TryDevice(int number, const UniqueFd& image, LoopDevice& device) {
   if (!fd || fstat(fd.get(), &status) != 0) {
     return errno == ELOOP || errno == ENXIO ? ENOENT : errno;
   }
-  if (!S_ISBLK(status.st_mode) || major(status.st_rdev) != kLoopMajor) {
+  if (!S_ISBLK(status.st_mode)) {
     return ENOENT;
   }
   if (const int error = Bind(fd.get(), image); error != 0) {

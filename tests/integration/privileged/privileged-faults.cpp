@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <filesystem>
 #include <optional>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -159,6 +160,36 @@ TEST_F(PrivilegedFaults, AFailureOfAnyStepIsTheResultAndLeavesNothing) {
   }
 }
 
+// A program that another thread of the process starts meanwhile gets none of it.
+TEST_F(PrivilegedFaults, NothingThatIsOpenedIsInherited) {
+  const auto inheritable = [] {
+    std::set<std::string> descriptors;
+    for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
+      const int number = std::stoi(entry.path().filename());
+      if ((fcntl(number, F_GETFD) & FD_CLOEXEC) == 0) {
+        descriptors.insert(entry.path().filename().string() + " " + fs::read_symlink(entry.path()).string());
+      }
+    }
+    return descriptors;
+  };
+  const std::set<std::string> atFirst = inheritable();
+  int looked = 0;
+  for (const char* const call :
+       {"statx", "LOOP_CONFIGURE", "fsconfig create", "fsmount", "move_mount", "umount2", "mknodat"}) {
+    faults::before[call] = [&, call] {
+      ++looked;
+      EXPECT_EQ(inheritable(), atFirst) << call;
+      return 0;
+    };
+  }
+
+  EXPECT_EQ(AskForMount(), kDone);
+  EXPECT_EQ(Ask(PrivilegedOperation::kUmount, directory_), kDone);
+  Ask(PrivilegedOperation::kMknod, std::string("-m 0660 -Z * /dev/loop0  b 7 0") + '\0');
+
+  EXPECT_GE(looked, 7);
+}
+
 TEST_F(PrivilegedFaults, TheImageThatWasCheckedIsMountedWhateverHasItsNameByThen) {
   const std::string other = UniquePackageName();
   const std::string replacement = MakeImage(other, "not checked");
@@ -295,18 +326,15 @@ TEST_F(LoopNodeFaults, WhenAllNodesAreTakenTheResultSaysSo) {
 
 TEST_F(LoopNodeFaults, WhatIsNoLoopDeviceIsNotTaken) {
   const std::string node = "/dev/loop" + std::to_string(FreeDevice());
-  // The name of a node, but another block device, a file, and a link.
-  ASSERT_EQ(mknod(node.c_str(), S_IFBLK | 0660, makedev(1, 0)), 0);
-  EXPECT_EQ(MountInVain(), FailedWith(ENOENT));
-  fs::remove(node);
   writeFile(node, "a file");
   EXPECT_EQ(MountInVain(), FailedWith(ENOENT));
   fs::remove(node);
-  ASSERT_EQ(mknod(node.c_str(), S_IFCHR | 0660, makedev(7, 0)), 0);
+  ASSERT_EQ(mknod(node.c_str(), S_IFCHR | 0660, makedev(1, 3)), 0);
   EXPECT_EQ(MountInVain(), FailedWith(ENOENT)) << "a character device";
   fs::remove(node);
-  fs::create_symlink("/dev/loop-control", node);
-  EXPECT_EQ(MountInVain(), FailedWith(ENOENT));
+  ASSERT_EQ(mknod("/dev/other", S_IFBLK | 0660, makedev(7, static_cast<unsigned>(FreeDevice()))), 0);
+  fs::create_symlink("/dev/other", node);
+  EXPECT_EQ(MountInVain(), FailedWith(ENOENT)) << "a link";
 }
 
 TEST_F(LoopNodeFaults, WithoutTheControlNodeNothingIsMounted) {
