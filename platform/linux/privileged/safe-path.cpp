@@ -7,9 +7,22 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstddef>
+#include <cstdint>
+#include <optional>
 #include <utility>
 
 namespace fwplatform {
+namespace {
+
+std::optional<std::uint64_t> MountOf(int fd) {
+  struct statx status = {};
+  // After a failure its mask is still empty, as it is from a kernel that does not tell.
+  statx(fd, "", AT_EMPTY_PATH, STATX_MNT_ID, &status);
+  return (status.stx_mask & STATX_MNT_ID) == 0 ? std::nullopt
+                                               : std::optional<std::uint64_t>(status.stx_mnt_id);
+}
+
+}  // namespace
 
 int OpenEntryAt(int directory, const std::string& name, OpenedPath& entry) {
   UniqueFd fd(openat(directory, name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
@@ -61,7 +74,7 @@ std::string ProcPath(const OpenedPath& opened) {
 }
 
 int OpenForReading(const OpenedPath& file, UniqueFd& content) {
-  content.reset(open(ProcPath(file).c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+  content.reset(open(ProcPath(file).c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
   return content ? 0 : errno;
 }
 
@@ -79,11 +92,8 @@ int SeeMountPoint(const OpenedPath& directory, bool& mounted) {
 }
 
 bool AreOnOneMount(int first, int second) {
-  struct statx one = {};
-  struct statx other = {};
-  return statx(first, "", AT_EMPTY_PATH, STATX_MNT_ID, &one) == 0 && (one.stx_mask & STATX_MNT_ID) != 0 &&
-         statx(second, "", AT_EMPTY_PATH, STATX_MNT_ID, &other) == 0 &&
-         (other.stx_mask & STATX_MNT_ID) != 0 && one.stx_mnt_id == other.stx_mnt_id;
+  const std::optional<std::uint64_t> mount = MountOf(first);
+  return mount && mount == MountOf(second);
 }
 
 }  // namespace fwplatform

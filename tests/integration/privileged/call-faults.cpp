@@ -4,6 +4,7 @@
 #include <linux/loop.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -84,6 +85,10 @@ FAULTY int mount_setattr(int directory, const char* path, unsigned flags, mount_
 
 FAULTY int move_mount(int from, const char* fromPath, int to, const char* toPath, unsigned flags) noexcept {
   return faults::Call("move_mount", SYS_move_mount, from, fromPath, to, toPath, flags);
+}
+
+FAULTY ssize_t send(int socket, const void* bytes, size_t size, int flags) {
+  return faults::Call("send", SYS_sendto, socket, bytes, size, flags, nullptr, 0);
 }
 
 FAULTY int umount2(const char* path, int flags) noexcept {

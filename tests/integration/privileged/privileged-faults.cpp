@@ -4,11 +4,14 @@
 #include <gmock/gmock.h>
 #include <linux/loop.h>
 #include <sys/ioctl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 #include <filesystem>
 #include <optional>
 #include <set>
@@ -20,6 +23,7 @@
 #include "device-environment.h"
 #include "package-images.h"
 #include "privileged-calls.h"
+#include "privileged/privileged-client.h"
 #include "privileged/privileged-operations.h"
 #include "privileged/safe-path.h"
 #include "privileged/squashfs-unpack.h"
@@ -373,6 +377,23 @@ TEST_F(LoopNodeFaults, ANodeThatIsGoneAgainIsAFailure) {
   EXPECT_EQ(Ask(PrivilegedOperation::kMknod, std::string("-m 0660 -Z * /dev/loop8  b 7 8") + '\0'),
             FailedWith(ENOENT));
   EXPECT_THAT(line_, HasSubstr("setting the mode of /dev/loop8"));
+}
+
+TEST_F(PrivilegedFaults, AServiceThatEndsBeforeTheRequestIsSentIsSaidToHaveEnded) {
+  const UniqueFd listener(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+  sockaddr_un address = {};
+  address.sun_family = AF_UNIX;
+  std::strcpy(address.sun_path, fwplatform::kPrivilegedSocketPath);
+  ASSERT_EQ(bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  ASSERT_EQ(listen(listener.get(), 1), 0);
+  faults::before["send"] = [&] {
+    close(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    return 0;
+  };
+  PrivilegedAnswer answer;
+
+  EXPECT_EQ(fwplatform::AskPrivilegedService(PrivilegedOperation::kUmount, directory_, 10000, answer),
+            -ECONNRESET);
 }
 
 class SafePath : public DeviceTest {};

@@ -19,6 +19,15 @@ std::string Bytes(const char (&literal)[size]) {
   return std::string(literal, size - 1);
 }
 
+TEST(PrivilegedProtocol, TakesAMessageWithoutAText) {
+  const auto message = fwplatform::DecodePrivilegedMessage("FWPS\x01\x03");
+
+  ASSERT_TRUE(message);
+  EXPECT_EQ(message->operation, fwplatform::PrivilegedOperation::kUmount);
+  EXPECT_TRUE(message->text.empty());
+  EXPECT_FALSE(fwplatform::DecodePrivilegedMessage("FWPS\x01"));
+}
+
 TEST(PrivilegedProtocol, WritesARequest) {
   EXPECT_EQ(EncodePrivilegedMessage(PrivilegedOperation::kMount, Bytes("-o x\0")),
             Bytes("FWPS\x01\x01-o x\0"));

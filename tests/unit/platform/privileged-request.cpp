@@ -189,6 +189,11 @@ TEST(MountText, TakesTheLongestTextAndNoLongerOne) {
   EXPECT_FALSE(TakesMount("-o ro,loop,nodev,nosuid " + kPackages + std::string(256, 'i') + " " + kDirectory));
 }
 
+TEST(UmountText, IsTooLongByOneByte) {
+  EXPECT_EQ(Refusal(PrivilegedOperation::kUmount, std::string(1025, 'a')), "the text is too long");
+  EXPECT_NE(Refusal(PrivilegedOperation::kUmount, std::string(1024, 'a')), "the text is too long");
+}
+
 TEST(MknodText, TakesEveryLoopNumberAsTheLibraryWritesIt) {
   for (unsigned number = 0; number <= 249; ++number) {
     char text[64];
