@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "device-namespace.h"
+#include "directory-tree.h"
 #include "mount-table.h"
 
 namespace sandbox {
@@ -63,11 +64,15 @@ void removeVerifierLibrary() {
 }  // namespace
 
 void createDeviceDirectories(const std::string& root) {
+  if (!root.empty()) {
+    fs::create_directories(root);
+  }
+  createDeviceDirectories(DirectoryTree(root.empty() ? "/" : root));
+}
+
+void createDeviceDirectories(const DirectoryTree& tree) {
   for (const auto& directory : kDeviceDirectories) {
-    const auto path = root + directory.path;
-    if (fs::create_directories(path)) {
-      changeMode(path, directory.mode);
-    }
+    tree.make(directory.path, directory.mode);
   }
 }
 

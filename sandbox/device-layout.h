@@ -10,6 +10,8 @@
 
 namespace sandbox {
 
+class DirectoryTree;
+
 enum class Place {
   Own,       // replaces what the host has at this path
   OverHost,  // the same, and the host always has the directory
@@ -49,8 +51,10 @@ inline constexpr DeviceDirectory kDeviceDirectories[] = {
 inline constexpr char kVerifierLibrary[] = "/usr/lib/libkZAQUser.so";
 
 // Creates each directory of the table below root, with its parents. Directories
-// that exist keep their mode. Throws std::system_error.
+// that exist keep their mode; a link that leads out of root is refused. Throws
+// std::system_error.
 void createDeviceDirectories(const std::string& root);
+void createDeviceDirectories(const DirectoryTree& tree);
 
 // Empties every directory of the entered device and creates the table's anew:
 // unmounts what is mounted below /opt, removes files, links, semaphores and the

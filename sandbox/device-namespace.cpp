@@ -11,13 +11,16 @@
 #include <cerrno>
 #include <filesystem>
 #include <iterator>
+#include <optional>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
 
 #include "device-layout.h"
 #include "device-root.h"
+#include "directory-tree.h"
 #include "file-descriptor.h"
+#include "host-mounts.h"
 #include "mount-table.h"
 
 namespace sandbox {
@@ -122,21 +125,10 @@ std::vector<HostPath> openVisiblePaths(const std::vector<std::string>& paths) {
   return opened;
 }
 
-FileDescriptor openDirectory(const std::string& path) {
-  FileDescriptor directory(open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-  if (!directory.valid()) {
-    fail("cannot open the device's directory " + path);
-  }
-  return directory;
-}
-
-void bind(const std::string& source, const std::string& target) {
-  if (mount(source.c_str(), target.c_str(), "none", MS_BIND | MS_REC, nullptr) != 0) {
-    fail("cannot put the device's own " + target + " in place");
-  }
-}
-
 void createMountPoint(const std::string& path, bool isDirectory) {
+  if (fs::exists(path)) {
+    return;
+  }
   if (isDirectory) {
     fs::create_directories(path);
     return;
@@ -157,16 +149,20 @@ void changeRoot(const std::string& root, const std::string& previous = "") {
   }
 }
 
-void bindDeviceDirectories(const std::string& device) {
+void putInPlace(const FileDescriptor& source, const std::string& path) {
+  showWritable(source.path(), path);
+}
+
+void bindDeviceDirectories(const DirectoryTree& device) {
   for (const auto& directory : kDeviceDirectories) {
     if (directory.place == Place::Own || directory.place == Place::OverHost) {
-      bind(device + directory.path, directory.path);
+      putInPlace(device.make(directory.path, directory.mode), directory.path);
     }
   }
   fs::remove(kVerifierLibrary);  // the host's, if it has one
-  if (fs::exists(device + kVerifierLibrary)) {
+  if (const auto verifier = device.open(kVerifierLibrary, O_PATH); verifier.valid()) {
     createMountPoint(kVerifierLibrary, false);
-    bind(device + kVerifierLibrary, kVerifierLibrary);
+    putInPlace(verifier, kVerifierLibrary);
   }
 }
 
@@ -176,18 +172,38 @@ bool coversDevice(const std::string& path) {
                      [&](const DeviceDirectory& directory) { return isWithin(directory.path, path); });
 }
 
-void showHostPath(const HostPath& host) {
-  struct stat wanted = {};
-  struct stat present = {};
-  if (coversDevice(host.path) || fstat(host.handle.get(), &wanted) != 0) {
-    return;
+// Whether the device has a directory of its own where the host has this path.
+bool isReplaced(const std::string& path) {
+  return std::any_of(
+      std::begin(kDeviceDirectories), std::end(kDeviceDirectories), [&](const DeviceDirectory& directory) {
+        return directory.place != Place::Writable &&
+               (isWithin(path, directory.path) || isWithin(path, fs::weakly_canonical(directory.path)));
+      });
+}
+
+bool isDirectory(const HostPath& host) {
+  struct stat status = {};
+  return fstat(host.handle.get(), &status) == 0 && S_ISDIR(status.st_mode);
+}
+
+// What the device's root shows already is left alone: below a layer, what programs write
+// there is to stay in memory.
+void showVisible(const std::vector<HostPath>& paths, bool ofAnotherSystem) {
+  for (const auto& host : paths) {
+    if (host.handle.valid() && !coversDevice(host.path) && (ofAnotherSystem || isReplaced(host.path))) {
+      createMountPoint(host.path, isDirectory(host));
+      showReadOnly(host.handle.path(), host.path);
+    }
   }
-  if (stat(host.path.c_str(), &present) == 0 && present.st_dev == wanted.st_dev &&
-      present.st_ino == wanted.st_ino) {
-    return;
+}
+
+void showToWrite(const std::vector<HostPath>& paths) {
+  for (const auto& host : paths) {
+    if (host.handle.valid() && !coversDevice(host.path)) {
+      createMountPoint(host.path, isDirectory(host));
+      showWritable(host.handle.path(), host.path);
+    }
   }
-  createMountPoint(host.path, S_ISDIR(wanted.st_mode));
-  bind(host.handle.path(), host.path);
 }
 
 void leaveHostRoot() {
@@ -203,20 +219,37 @@ void restoreWorkingDirectory(const std::string& directory) {
 }
 
 // To be called before anything is hidden.
-void prepareDirectory(const std::string& directory) {
-  if (!directory.empty()) {
-    openDirectory(directory);
-    createDeviceDirectories(fs::canonical(directory));
+std::optional<DirectoryTree> prepareDirectory(const std::string& directory) {
+  if (directory.empty()) {
+    return std::nullopt;
   }
+  DirectoryTree tree(directory);
+  requireOwnDevice(tree, directory);
+  createDeviceDirectories(tree);
+  return tree;
 }
 
-// Returns what holds the device's directories.
-FileDescriptor openState(FileDescriptor directory, const std::string& scratch) {
-  if (directory.valid()) {
-    return directory;
+// To be called in the new namespace, for the same reason. What was looked at before must
+// still be there.
+std::optional<DirectoryTree> openAgain(const std::optional<DirectoryTree>& prepared,
+                                       const std::string& directory) {
+  if (!prepared) {
+    return std::nullopt;
+  }
+  DirectoryTree tree(directory);
+  if (!tree.isSame(*prepared)) {
+    throw std::runtime_error("the device's directory " + directory + " was replaced meanwhile");
+  }
+  return tree;
+}
+
+// What holds the device's directories.
+DirectoryTree openState(std::optional<DirectoryTree> directory, const std::string& scratch) {
+  if (directory) {
+    return std::move(*directory);
   }
   createDeviceDirectories(scratch + "/device");
-  return openDirectory(scratch + "/device");
+  return DirectoryTree(scratch + "/device");
 }
 
 void requireDirectory(const std::string& root, const std::string& path) {
@@ -227,10 +260,10 @@ void requireDirectory(const std::string& root, const std::string& path) {
 
 // From here on the host is that system; what was opened before stays usable.
 void enterSystem(const std::string& root) {
-  bind(root, root);  // only a mount point can become the root directory
+  showWritable(root, root);  // only a mount point can become the root directory
   for (const std::string path : kKernelDirectories) {
     requireDirectory(root, path);
-    bind(path, root + path);
+    showWritable(path, root + path);
   }
   requireDirectory(root, kScratch);
   mountMemory(root + kScratch);
@@ -243,19 +276,36 @@ void keepMountsPrivate() {
   }
 }
 
+std::vector<std::string> writablePaths(const Device& device) {
+  auto paths = device.keepWritable;
+#ifdef SANDBOX_COUNTERS
+  paths.emplace_back(SANDBOX_COUNTERS);
+#endif
+  return paths;
+}
+
 }  // namespace
+
+void requireOwnDevice(const DirectoryTree& tree, const std::string& directory) {
+  const auto owner = tree.owner();
+  if (owner != geteuid() && owner != 0) {
+    throw std::runtime_error(directory + " belongs to another user (uid " + std::to_string(owner) +
+                             "), whose programs would run as you; make a device of your own");
+  }
+}
 
 void enterDevice(const Device& device) {
   requireOneThread();
   const Umask mask(022);
   std::error_code unknown;
   const auto workingDirectory = fs::current_path(unknown).string();
-  prepareDirectory(device.directory);
+  const auto prepared = prepareDirectory(device.directory);
 
   const bool ownUserNamespace = unshareNamespaces();
   keepMountsPrivate();
-  auto directory = device.directory.empty() ? FileDescriptor() : openDirectory(device.directory);
+  auto directory = openAgain(prepared, device.directory);
   const auto visible = openVisiblePaths(device.keepVisible);
+  const auto writable = openVisiblePaths(writablePaths(device));
   if (!device.root.empty()) {
     enterSystem(fs::canonical(device.root));
   }
@@ -268,8 +318,9 @@ void enterDevice(const Device& device) {
   const auto state = openState(std::move(directory), scratch);
   DeviceRoot(scratch + "/layers", root, ownUserNamespace).build();
   changeRoot(root);
-  bindDeviceDirectories(state.path());
-  std::for_each(visible.begin(), visible.end(), showHostPath);
+  bindDeviceDirectories(state);
+  showVisible(visible, !device.root.empty());
+  showToWrite(writable);
   leaveHostRoot();
   restoreWorkingDirectory(workingDirectory);
   entered() = true;

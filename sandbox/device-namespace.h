@@ -1,7 +1,8 @@
 // Puts a process into a device: a private mount and IPC namespace in which the
 // fixed paths are the device's own and everything else is the host's or that of
-// another root file system. It lasts as long as the process and its children; nothing stays behind on the
-// host. To be called early, by a process that has one thread.
+// another root file system, to read: what is written elsewhere stays in memory or is
+// refused, to root too. It lasts as long as the process and its children; nothing stays
+// behind on the host. To be called early, by a process that has one thread.
 #ifndef SANDBOX_DEVICE_NAMESPACE_H
 #define SANDBOX_DEVICE_NAMESPACE_H
 
@@ -14,7 +15,7 @@ struct Device {
   // Holds the device's state: its tree mirrors the device's. Empty: everything is
   // in memory, gone with the namespace.
   std::string directory;
-  // Host paths that stay the host's at their own place, such as a build tree below
+  // Host paths that are to be seen at their own place, such as a build tree below
   // /tmp. A path that contains a directory of the device is left as the device's;
   // one that does not exist is left out.
   std::vector<std::string> keepVisible;
@@ -22,7 +23,15 @@ struct Device {
   // host's place: what is not the device's own is then that system's, to read. Only
   // /proc, /sys and /dev are the host's. Empty: the host's root file system.
   std::string root = {};
+  // As keepVisible; but what is written there reaches the host.
+  std::vector<std::string> keepWritable = {};
 };
+
+class DirectoryTree;
+
+// A device's modules run as whoever enters it: it must be the caller's own, or root's.
+// Throws std::runtime_error.
+void requireOwnDevice(const DirectoryTree& tree, const std::string& directory);
 
 // Moves the calling process into the device. A process without the right to mount
 // also gets a user namespace, in which it is root and owns its own files. The

@@ -13,6 +13,7 @@
 
 #include "device-layout.h"
 #include "file-descriptor.h"
+#include "host-mounts.h"
 #include "mount-table.h"
 
 namespace sandbox {
@@ -23,9 +24,18 @@ namespace {
   throw std::system_error(errno, std::generic_category(), what);
 }
 
-void bindFromHost(const std::string& source, const std::string& target) {
-  if (mount(source.c_str(), target.c_str(), "none", MS_BIND | MS_REC, nullptr) != 0) {
-    fail("cannot show the host's " + source + " in the device");
+// Of the directory that every process writes to for itself: what changes the kernel. In
+// a user namespace nobody can, but for what is the namespace's own.
+constexpr const char* kKernelSettings[] = {"/proc/sys", "/proc/sysrq-trigger", "/proc/irq", "/proc/bus",
+                                           "/proc/fs"};
+constexpr char kProcesses[] = "/proc";
+
+void showProcesses(const std::string& root, bool ownUserNamespace) {
+  showWritable(kProcesses, root + kProcesses);
+  for (const std::string path : kKernelSettings) {
+    if (!ownUserNamespace && fs::exists(path)) {
+      showReadOnly(path, root + path);
+    }
   }
 }
 
@@ -68,7 +78,7 @@ void DeviceRoot::placeDirectory(const std::string& path) {
     return;
   }
   if (!changesWithin(path)) {
-    return bindFromHost(path, target);
+    return path == kProcesses ? showProcesses(root_, ownUserNamespace_) : showReadOnly(path, target);
   }
   // A layer over the host's directory would hide what is mounted below it, and the
   // kernel refuses it in a user namespace; kernels before 5.11 know no layers there.
@@ -90,7 +100,7 @@ void DeviceRoot::placeEntry(const std::string& path) {
     return fs::copy_symlink(path, target);
   }
   createEmptyFile(target);
-  bindFromHost(path, target);
+  showReadOnly(path, target);
 }
 
 // Shows each entry of the host's directory in a directory of the device's own.

@@ -5,7 +5,9 @@
 
 #include <unistd.h>
 
+#include <filesystem>
 #include <string>
+#include <system_error>
 #include <utility>
 
 namespace sandbox {
@@ -31,6 +33,12 @@ class FileDescriptor {
   int get() const { return fd_; }
   // A path that names what the descriptor refers to, even when it is hidden.
   std::string path() const { return "/proc/self/fd/" + std::to_string(fd_); }
+  // What it is called now, for messages.
+  std::string target() const {
+    std::error_code unknown;
+    const auto name = std::filesystem::read_symlink(path(), unknown);
+    return unknown ? path() : name.string();
+  }
 
  private:
   int fd_ = -1;

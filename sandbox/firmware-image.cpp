@@ -1,14 +1,19 @@
 #include "firmware-image.h"
 
+#include <fcntl.h>
 #include <json/json.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <boost/crc.hpp>
 #include <cerrno>
 #include <cstdint>
 #include <filesystem>
-#include <fstream>
 #include <random>
 #include <system_error>
+
+#include "file-descriptor.h"
+#include "replaced-file.h"
 
 namespace sandbox {
 namespace fs = std::filesystem;
@@ -18,16 +23,13 @@ namespace {
   throw std::system_error(errno, std::generic_category(), what);
 }
 
-// A reader sees the old file or the new one, never a part.
-void replaceFile(const std::string& path, const std::string& content) {
-  const auto unfinished = path + ".new";
-  std::ofstream file(unfinished, std::ios::binary | std::ios::trunc);
-  file.write(content.data(), static_cast<std::streamsize>(content.size()));
-  file.close();
-  if (!file) {
-    fail("cannot write " + unfinished);
+// The folder itself: a link in its place is refused, so that nothing else is written to.
+FileDescriptor openFolder(const std::string& folder) {
+  FileDescriptor opened(open(folder.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (!opened.valid()) {
+    fail("cannot open the folder " + folder);
   }
-  fs::rename(unfinished, path);
+  return opened;
 }
 
 }  // namespace
@@ -63,18 +65,24 @@ void writeFirmware(const std::string& directory, const std::string& firmwareName
   information["version"] = version;
   information["crc"] = imageCrc(content);
   information["expected_time"] = expectedTimeSeconds;
-  replaceFile(folder + "/" + firmwareName + ".bin", content);
-  replaceFile(folder + "/info.json", Json::writeString(Json::StreamWriterBuilder(), information) + "\n");
+  const auto opened = openFolder(folder);
+  replaceFile(opened, firmwareName + ".bin", content);
+  replaceFile(opened, "info.json", Json::writeString(Json::StreamWriterBuilder(), information) + "\n");
 }
 
 void corruptFirmware(const std::string& directory, const std::string& firmwareName) {
-  const auto path = directory + "/" + firmwareName + "/" + firmwareName + ".bin";
-  const auto middle = static_cast<std::streamoff>(fs::file_size(path) / 2);
-  std::fstream file(path, std::ios::binary | std::ios::in | std::ios::out);
-  const auto byte = file.seekg(middle).get();
-  file.seekp(middle).put(static_cast<char>(byte ^ 0xFF));
-  if (!file.flush()) {
-    fail("cannot change " + path);
+  const auto folder = openFolder(directory + "/" + firmwareName);
+  const auto name = firmwareName + ".bin";
+  const FileDescriptor image(openat(folder.get(), name.c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC));
+  struct stat status = {};
+  unsigned char byte = 0;
+  if (!image.valid() || fstat(image.get(), &status) != 0 ||
+      pread(image.get(), &byte, 1, status.st_size / 2) != 1) {
+    fail("cannot read " + folder.target() + "/" + name);
+  }
+  byte ^= 0xFF;
+  if (pwrite(image.get(), &byte, 1, status.st_size / 2) != 1) {
+    fail("cannot change " + folder.target() + "/" + name);
   }
 }
 

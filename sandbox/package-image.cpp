@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <spawn.h>
+#include <stdio.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -12,6 +13,7 @@
 #include <system_error>
 #include <vector>
 
+#include "file-descriptor.h"
 #include "firmware-image.h"
 
 namespace sandbox {
@@ -34,6 +36,7 @@ class TemporaryFolder {
   }
 
   const std::string& path() const { return path_; }
+  std::string name() const { return fs::path(path_).filename(); }
 
  private:
   std::string path_;
@@ -42,7 +45,8 @@ class TemporaryFolder {
 // No time, no owner, and files of mode 0644 whatever the umask: nothing of this
 // machine gets into the image. SOURCE_DATE_EPOCH would contradict the times given
 // here, so the environment is left out.
-int runMksquashfs(const std::string& folder, const std::string& image) {
+// The paths are below directory, which has its own name in no process but this.
+int runMksquashfs(int directory, const std::string& folder, const std::string& image) {
   const std::vector<std::string> words = {
       "mksquashfs",         folder,       image,       "-noappend",           "-quiet",
       "-no-progress",       "-no-xattrs", "-all-root", "-mkfs-time",          "0",
@@ -58,6 +62,9 @@ int runMksquashfs(const std::string& folder, const std::string& image) {
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+  if (directory != AT_FDCWD) {
+    posix_spawn_file_actions_addfchdir_np(&actions, directory);
+  }
   pid_t pid = 0;
   const int error = posix_spawnp(&pid, "mksquashfs", &actions, nullptr, arguments.data(), environment);
   posix_spawn_file_actions_destroy(&actions);
@@ -70,24 +77,34 @@ int runMksquashfs(const std::string& folder, const std::string& image) {
   return status;
 }
 
+void pack(int directory, const std::string& folder, const std::string& image) {
+  const auto unfinished = image + ".new";
+  unlinkat(directory, unfinished.c_str(), 0);
+  if (runMksquashfs(directory, folder, unfinished) != 0) {
+    unlinkat(directory, unfinished.c_str(), 0);
+    throw std::runtime_error("mksquashfs could not make " + image);
+  }
+  if (renameat(directory, unfinished.c_str(), directory, image.c_str()) != 0) {
+    throw std::system_error(errno, std::generic_category(), "cannot write " + image);
+  }
+}
+
 }  // namespace
 
 void packFolder(const std::string& folder, const std::string& image) {
-  const auto unfinished = image + ".new";
-  fs::remove(unfinished);
-  if (runMksquashfs(folder, unfinished) != 0) {
-    fs::remove(unfinished);
-    throw std::runtime_error("mksquashfs could not make " + image);
-  }
-  fs::rename(unfinished, image);
+  pack(AT_FDCWD, folder, image);
 }
 
 void writePackage(const std::string& directory, const std::string& empName, const std::string& firmwareName,
                   const std::string& version, std::size_t bytes, unsigned int expectedTimeSeconds) {
   fs::create_directories(directory);
-  const TemporaryFolder folder(directory);
+  const FileDescriptor opened(open(directory.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  if (!opened.valid()) {
+    throw std::system_error(errno, std::generic_category(), "cannot open " + directory);
+  }
+  const TemporaryFolder folder(opened.path());
   writeFirmware(folder.path(), firmwareName, version, bytes, expectedTimeSeconds);
-  packFolder(folder.path() + "/" + firmwareName, directory + "/" + empName + ".img");
+  pack(opened.get(), folder.name() + "/" + firmwareName, empName + ".img");
 }
 
 }  // namespace sandbox

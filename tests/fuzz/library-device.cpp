@@ -14,7 +14,7 @@ FWUpdateSymbol bind() {
 }  // namespace
 
 void enterLibraryDevice(const std::vector<std::string>& visible) {
-  sandbox::enterDevice({"", visible});
+  sandbox::enterDevice({"", {}, {}, visible});
   scripted::installModule(ModuleStem);
 }
 

@@ -107,7 +107,7 @@ def start(programs, work, place, text):
         device = os.path.join(work, "device")
         fw_device = os.path.join(programs, "fw-device")
         subprocess.run([fw_device, "init", device], check=True, stdout=subprocess.DEVNULL)
-        command = [fw_device, "run", "--keep", work, device, "--"] + command
+        command = [fw_device, "run", "--writable", work, device, "--"] + command
     environment = dict(os.environ, PATH=programs + ":" + os.environ["PATH"])
     directory = os.path.join(work, "here")
     os.mkdir(directory)

@@ -334,7 +334,7 @@ int judge(const Soak& soak, const Settings& settings, int descriptorsBefore, dou
 int soakUpdates(const Settings& settings) {
   setenv("FW_UPDATE_LOG", "none", 1);
   try {
-    sandbox::enterDevice({"", {TEST_BINARY_TREE, TEST_SOURCE_TREE}});
+    sandbox::enterDevice({"", {TEST_SOURCE_TREE}, {}, {TEST_BINARY_TREE}});
   } catch (const std::exception& refused) {
     std::fprintf(stderr, "skipped, no device: %s\n", refused.what());
     return skipped;

@@ -78,7 +78,7 @@ int main(int argc, char** argv) {
     return RUN_ALL_TESTS();  // lists only, so that a build host without namespaces can
   }
   try {
-    sandbox::enterDevice({"", {TEST_BINARY_TREE, TEST_SOURCE_TREE}});
+    sandbox::enterDevice({"", {TEST_SOURCE_TREE}, {}, {TEST_BINARY_TREE}});
   } catch (const std::exception& refused) {
     std::fprintf(stderr, "skipped, no device: %s\n", refused.what());
     return kSkipped;

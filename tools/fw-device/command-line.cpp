@@ -43,11 +43,17 @@ void addInit(CLI::App& app, CommandLine& line) {
                "Example: fw-device init /tmp/tv\n\n" + kExitCodes);
 }
 
-void addKeep(CLI::App& command, CommandLine& line) {
-  command.add_option("--keep", line.keepVisible, "Show this path of the host too (may be repeated)")
+void addPaths(CLI::App& command, const std::string& name, std::vector<std::string>& paths,
+              const std::string& summary) {
+  command.add_option(name, paths, summary)
       ->type_name("PATH")
       ->expected(1)
       ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+}
+
+void addKeep(CLI::App& command, CommandLine& line) {
+  addPaths(command, "--keep", line.keepVisible, "Show this path of the host too, to read");
+  addPaths(command, "--writable", line.keepWritable, "Show it, and let writes to it reach the host");
 }
 
 CLI::App* addRun(CLI::App& app, CommandLine& line) {

@@ -16,10 +16,11 @@ struct CommandLine {
   enum class Command { Init, Run, Shell };
   Command command = Command::Init;
   std::string directory;
-  bool fresh = false;                    // init
-  DeviceSystem system;                   // init: what to change of it
-  std::vector<std::string> keepVisible;  // run, shell
-  std::vector<std::string> program;      // run: the command and its arguments
+  bool fresh = false;                     // init
+  DeviceSystem system;                    // init: what to change of it
+  std::vector<std::string> keepVisible;   // run, shell
+  std::vector<std::string> keepWritable;  // run, shell
+  std::vector<std::string> program;       // run: the command and its arguments
 };
 
 // The command line; or, when help was asked for or usage is wrong, the exit code:

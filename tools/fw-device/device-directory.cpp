@@ -1,12 +1,15 @@
 #include "device-directory.h"
 
-#include <cerrno>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <system_error>
+#include <stdexcept>
+#include <utility>
 
 #include "device-layout.h"
+#include "device-namespace.h"
 #include "exit-code.h"
 
 namespace fwdevice {
@@ -15,16 +18,30 @@ namespace {
 
 constexpr char kMarker[] = "/.fw-device";
 
-bool isDevice(const std::string& directory) {
-  std::error_code unreadable;
-  return fs::is_regular_file(directory + kMarker, unreadable);
+bool isDevice(const sandbox::DirectoryTree& tree) {
+  const auto marker = tree.open(kMarker, O_PATH | O_NOFOLLOW);
+  struct stat status = {};
+  return marker.valid() && fstat(marker.get(), &status) == 0 && S_ISREG(status.st_mode);
 }
 
-void writeMarker(const std::string& directory, const DeviceSystem& system) {
-  std::ofstream marker(directory + kMarker);
-  marker << "This directory holds a device; see fw-device --help.\n" << systemText(system);
-  if (!marker.flush()) {
-    throw std::system_error(errno, std::generic_category(), "cannot write " + directory + kMarker);
+bool isDevice(const std::string& directory) {
+  std::error_code unreadable;
+  return fs::is_directory(directory, unreadable) && isDevice(sandbox::DirectoryTree(directory));
+}
+
+DeviceSystem systemOf(const sandbox::DirectoryTree& tree) {
+  return parseSystem(tree.read(kMarker));
+}
+
+void writeMarker(const sandbox::DirectoryTree& tree, const DeviceSystem& system) {
+  tree.write(kMarker, "This directory holds a device; see fw-device --help.\n" + systemText(system));
+}
+
+// What init writes there must not get into the hands of somebody else.
+void requireOwner(const sandbox::DirectoryTree& tree, const std::string& directory) {
+  if (tree.owner() != geteuid()) {
+    throw Failure(ExitCode::NoDevice, directory + " belongs to another user (uid " +
+                                          std::to_string(tree.owner()) + "); name a directory of your own");
   }
 }
 
@@ -39,15 +56,22 @@ void requireNewOrEmpty(const std::string& directory) {
 
 }  // namespace
 
-DeviceSystem makeDeviceDirectory(const std::string& directory, const DeviceSystem& wanted) {
-  if (!isDevice(directory)) {
+NewDevice makeDeviceDirectory(const std::string& directory, const DeviceSystem& wanted) {
+  if (fs::is_directory(directory)) {
+    requireOwner(sandbox::DirectoryTree(directory), directory);
+  }
+  const bool again = isDevice(directory);
+  if (!again) {
     requireNewOrEmpty(directory);
   }
-  const auto system = chooseSystem(wanted, deviceSystem(directory));
+  const auto present = again ? systemOf(sandbox::DirectoryTree(directory)) : DeviceSystem();
+  const auto system = chooseSystem(wanted, present);
   fs::create_directories(directory);
-  writeMarker(directory, system);
-  sandbox::createDeviceDirectories(directory);
-  return system;
+  sandbox::DirectoryTree tree(directory);
+  requireOwner(tree, directory);
+  writeMarker(tree, system);
+  sandbox::createDeviceDirectories(tree);
+  return {std::move(tree), system};
 }
 
 std::string requireDeviceDirectory(const std::string& directory) {
@@ -55,12 +79,16 @@ std::string requireDeviceDirectory(const std::string& directory) {
     throw Failure(ExitCode::NoDevice,
                   directory + " is no device; run fw-device init " + directory + " first");
   }
+  try {
+    sandbox::requireOwnDevice(sandbox::DirectoryTree(directory), directory);
+  } catch (const std::runtime_error& refused) {
+    throw Failure(ExitCode::NoDevice, refused.what());
+  }
   return fs::canonical(directory);
 }
 
 DeviceSystem deviceSystem(const std::string& directory) {
-  std::ifstream marker(directory + kMarker);
-  return parseSystem({std::istreambuf_iterator<char>(marker), std::istreambuf_iterator<char>()});
+  return systemOf(sandbox::DirectoryTree(directory));
 }
 
 }  // namespace fwdevice

@@ -6,16 +6,23 @@
 #include <string>
 
 #include "device-system.h"
+#include "directory-tree.h"
 
 namespace fwdevice {
 
-// Creates the directory when absent and makes it a device's, on the system that is
-// wanted, or else on the one that it had. Returns that system. Throws Failure when the
-// directory holds anything and is no device, or when the system does not do;
-// std::system_error when it cannot be written.
-DeviceSystem makeDeviceDirectory(const std::string& directory, const DeviceSystem& wanted);
+struct NewDevice {
+  sandbox::DirectoryTree tree;
+  DeviceSystem system;
+};
 
-// The absolute path. Throws Failure when the directory is no device.
+// Creates the directory when absent and makes it a device's, on the system that is
+// wanted, or else on the one that it had. Throws Failure when the directory holds
+// anything and is no device, when it is another user's, or when the system does not do;
+// std::system_error when it cannot be written.
+NewDevice makeDeviceDirectory(const std::string& directory, const DeviceSystem& wanted);
+
+// The absolute path. Throws Failure when the directory is no device, or one of a user
+// who is neither the caller nor root.
 std::string requireDeviceDirectory(const std::string& directory);
 
 // The system of a directory that is a device.

@@ -1,9 +1,10 @@
 #include "initialise.h"
 
+#include <fcntl.h>
+
 #include <algorithm>
 #include <cstddef>
 #include <filesystem>
-#include <fstream>
 #include <iomanip>
 #include <iostream>
 #include <string>
@@ -11,6 +12,7 @@
 
 #include "device-directory.h"
 #include "device-layout.h"
+#include "directory-tree.h"
 #include "firmware-image.h"
 #include "package-image.h"
 #include "package-security.h"
@@ -18,6 +20,7 @@
 
 namespace fwdevice {
 namespace fs = std::filesystem;
+using sandbox::DirectoryTree;
 namespace {
 
 constexpr char kControls[] = "/prd/usr/fwupdate/controls";
@@ -60,23 +63,25 @@ constexpr char kDownloadConfiguration[] = "/etc/fw-update/download.conf";
 // What a device forgets with --fresh.
 constexpr const char* kState[] = {"/var/lib/fw-components", "/tmp", "/dev/shm", "/run"};
 
-void forgetState(const std::string& device) {
+void forgetState(const DirectoryTree& device) {
   for (const char* directory : kState) {
-    for (const auto& entry : fs::directory_iterator(device + directory)) {
+    const auto opened = device.make(directory);
+    for (const auto& entry : fs::directory_iterator(opened.path())) {
       fs::remove_all(entry.path());
     }
   }
   sandbox::createDeviceDirectories(device);
 }
 
-std::vector<std::string> installModules(const fs::path& from, const std::string& device) {
+std::vector<std::string> installModules(const fs::path& from, const DirectoryTree& device) {
   std::vector<std::string> installed;
   if (!fs::is_directory(from)) {
     return installed;
   }
+  const auto controls = device.make(kControls);
   for (const auto& entry : fs::directory_iterator(from)) {
     if (entry.path().extension() == ".so") {
-      installLibrary(entry.path(), device + kControls);
+      installLibrary(entry.path(), controls);
       installed.push_back(entry.path().filename());
     }
   }
@@ -84,7 +89,7 @@ std::vector<std::string> installModules(const fs::path& from, const std::string&
   return installed;
 }
 
-std::vector<std::string> installModules(const std::string& device, const std::string& programs) {
+std::vector<std::string> installModules(const DirectoryTree& device, const std::string& programs) {
   std::string searched;
   for (const auto& directory : moduleDirectories(programs)) {
     auto installed = installModules(fs::path(directory), device);
@@ -97,9 +102,11 @@ std::vector<std::string> installModules(const std::string& device, const std::st
                 "no modules found (looked in " + searched + "); build them and run init again");
 }
 
-void installImages(const std::string& device) {
+void installImages(const DirectoryTree& device) {
   for (const auto& image : kExampleImages) {
-    const auto directory = device + image.directory;
+    const auto opened = device.make(image.directory);
+    const auto directory = opened.path();
+    device.make(std::string(image.directory) + "/" + image.firmwareName);  // says which link is in the way
     sandbox::writeFirmware(directory, image.firmwareName, image.version, image.mebibytes << 20U,
                            image.expectedTimeSeconds);
     if (image.corrupt) {
@@ -108,9 +115,10 @@ void installImages(const std::string& device) {
   }
 }
 
-void installPackages(const std::string& device, const std::string& signingKey) {
+void installPackages(const DirectoryTree& device, const std::string& signingKey) {
   for (const auto& package : kExamplePackages) {
-    const std::string directory = device + package.directory;
+    const auto opened = device.make(package.directory);
+    const auto directory = opened.path();
     sandbox::writePackage(directory, package.empName, package.firmwareName, package.version,
                           package.mebibytes << 20U, package.expectedTimeSeconds);
     signPackage(directory + "/" + package.empName + ".img", package.empName, package.version, signingKey);
@@ -118,17 +126,13 @@ void installPackages(const std::string& device, const std::string& signingKey) {
 }
 
 // The user's own stays.
-void configureDownloads(const std::string& device) {
-  const auto path = device + kDownloadConfiguration;
-  if (fs::exists(path)) {
+void configureDownloads(const DirectoryTree& device) {
+  if (device.open(kDownloadConfiguration, O_PATH | O_NOFOLLOW).valid()) {
     return;
   }
-  std::ofstream file(path);
-  file << "# Where fw-update download finds packages; https:// and http:// work too.\nurl = file://"
-       << kServer << "\n";
-  if (!file.flush()) {
-    throw Failure(ExitCode::Failed, "cannot write " + path);
-  }
+  device.write(kDownloadConfiguration,
+               std::string("# Where fw-update download finds packages; https:// and http:// work too.\n") +
+                   "url = file://" + kServer + "\n");
 }
 
 void reportSystem(const DeviceSystem& system) {
@@ -165,16 +169,16 @@ void report(const std::string& device, const DeviceSystem& system, const std::ve
 }  // namespace
 
 ExitCode initialise(const CommandLine& line) {
-  const auto system = makeDeviceDirectory(line.directory, line.system);
+  const auto [device, system] = makeDeviceDirectory(line.directory, line.system);
   if (line.fresh) {
-    forgetState(line.directory);
+    forgetState(device);
   }
   const auto programs = programDirectory(system);
-  const auto security = installPackageSecurity(line.directory, programs);
-  installImages(line.directory);
-  installPackages(line.directory, security.signingKey);
-  configureDownloads(line.directory);
-  const auto modules = installModules(line.directory, programs);
+  const auto security = installPackageSecurity(line.directory, device, programs);
+  installImages(device);
+  installPackages(device, security.signingKey);
+  configureDownloads(device);
+  const auto modules = installModules(device, programs);
   report(line.directory, system, modules, security);
   return ExitCode::Done;
 }

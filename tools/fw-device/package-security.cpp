@@ -1,5 +1,6 @@
 #include "package-security.h"
 
+#include <fcntl.h>
 #include <openssl/rand.h>
 
 #include <stdexcept>
@@ -12,20 +13,26 @@
 
 namespace fwdevice {
 namespace fs = std::filesystem;
+using sandbox::DirectoryTree;
 namespace {
 
-constexpr char kSigningKey[] = "/maker/signing.key";
+constexpr char kMaker[] = "/maker";
+constexpr char kSigningKey[] = "/signing.key";
 constexpr char kPublicKey[] = "/demonstration.pem";
-constexpr char kPackageKey[] = "/usr/share/fw-update/package.key";
+constexpr char kShared[] = "/usr/share/fw-update";
+constexpr char kPackageKey[] = "/package.key";
 
-std::string installVerifier(const std::string& device, const std::string& programs) {
+bool installVerifier(const DirectoryTree& tree, const std::string& programs) {
   const auto verifier = verifierPath(programs);
   if (!fs::exists(verifier)) {
-    return "";
+    return false;
   }
-  const fs::path target = device + sandbox::kVerifierLibrary;
-  installLibrary(verifier, target.parent_path());
-  return target;
+  installLibrary(verifier, tree.make(fs::path(sandbox::kVerifierLibrary).parent_path()));
+  return true;
+}
+
+bool isThere(const DirectoryTree& tree, const std::string& path) {
+  return tree.open(path, O_PATH | O_NOFOLLOW).valid();
 }
 
 void makeSigningKey(const std::string& path) {
@@ -48,34 +55,39 @@ void makePackageKey(const std::string& path) {
   file.commit();
 }
 
-void installPublicKey(const std::string& signingKey, const std::string& device) {
+void installPublicKey(const std::string& signingKey, const std::string& keys) {
   const fwpack::SigningKey key(secret::readSecretFile(signingKey), signingKey);
-  fwpack::OutputFile file(device + fwpackage::keyDirectory + kPublicKey, fwpack::publicMode);
+  fwpack::OutputFile file(keys + kPublicKey, fwpack::publicMode);
   key.writePublicPem(file);
   file.commit();
 }
 
 }  // namespace
 
-void installLibrary(const fs::path& library, const std::string& directory) {
-  const auto target = fs::path(directory) / library.filename();
+void installLibrary(const fs::path& library, const sandbox::FileDescriptor& directory) {
+  const auto target = fs::path(directory.path()) / library.filename();
   auto unfinished = target;
   unfinished += ".new";
-  fs::copy_file(library, unfinished, fs::copy_options::overwrite_existing);
+  fs::remove(unfinished);  // what an interrupted run left, or a link
+  fs::copy_file(library, unfinished);
   fs::rename(unfinished, target);
 }
 
-PackageSecurity installPackageSecurity(const std::string& device, const std::string& programs) {
-  PackageSecurity security{installVerifier(device, programs), device + kSigningKey, device + kPackageKey};
-  fs::create_directories(fs::path(security.signingKey).parent_path());
-  if (!fs::exists(security.signingKey)) {
-    makeSigningKey(security.signingKey);
+PackageSecurity installPackageSecurity(const std::string& device, const DirectoryTree& tree,
+                                       const std::string& programs) {
+  const bool verified = installVerifier(tree, programs);
+  const auto maker = tree.make(kMaker);
+  const auto signingKey = maker.path() + kSigningKey;
+  if (!isThere(tree, std::string(kMaker) + kSigningKey)) {
+    makeSigningKey(signingKey);
   }
-  if (!fs::exists(security.packageKey)) {
-    makePackageKey(security.packageKey);
+  const auto shared = tree.make(kShared);
+  if (!isThere(tree, std::string(kShared) + kPackageKey)) {
+    makePackageKey(shared.path() + kPackageKey);
   }
-  installPublicKey(security.signingKey, device);
-  return security;
+  installPublicKey(signingKey, tree.make(fwpackage::keyDirectory).path());
+  return {verified ? device + sandbox::kVerifierLibrary : "", device + kMaker + kSigningKey,
+          device + kShared + kPackageKey};
 }
 
 void signPackage(const std::string& path, const std::string& name, const std::string& version,

@@ -6,10 +6,13 @@
 #include <filesystem>
 #include <string>
 
+#include "directory-tree.h"
+#include "file-descriptor.h"
+
 namespace fwdevice {
 
 // Never overwrites a file in place: a running program may have the old one loaded.
-void installLibrary(const std::filesystem::path& library, const std::string& directory);
+void installLibrary(const std::filesystem::path& library, const sandbox::FileDescriptor& directory);
 
 struct PackageSecurity {
   std::string verifier;    // empty when this build has none
@@ -17,9 +20,10 @@ struct PackageSecurity {
   std::string packageKey;
 };
 
-// device is the device's directory, programs that of the build's programs; the paths
-// returned are the host's. Throws std::exception.
-PackageSecurity installPackageSecurity(const std::string& device, const std::string& programs);
+// device is the device's directory, tree the same opened, programs that of the build's
+// programs; the paths returned are the host's. Throws std::exception.
+PackageSecurity installPackageSecurity(const std::string& device, const sandbox::DirectoryTree& tree,
+                                       const std::string& programs);
 
 // Signs the extension package of this name and version, which lies at path, in its place.
 // Throws std::exception.

@@ -74,6 +74,14 @@ std::vector<std::string> visiblePaths(const CommandLine& line, const DeviceSyste
   return paths;
 }
 
+void requireExisting(const std::string& option, const std::vector<std::string>& paths) {
+  for (const auto& path : paths) {
+    if (!fs::exists(path)) {
+      throw Failure(ExitCode::Usage, option + " " + path + ": there is no such path");
+    }
+  }
+}
+
 void enter(const CommandLine& line, const std::string& program) {
   const auto directory = requireDeviceDirectory(line.directory);
   const auto system = deviceSystem(directory);
@@ -81,13 +89,10 @@ void enter(const CommandLine& line, const std::string& program) {
                     (system.root.empty() ? variable("PATH", "/usr/bin:/bin") : kDefaultPath);
   setenv("PATH", path.c_str(), 1);
   setenv("FW_DEVICE", directory.c_str(), 1);
-  for (const auto& kept : line.keepVisible) {
-    if (!fs::exists(kept)) {
-      throw Failure(ExitCode::Usage, "--keep " + kept + ": there is no such path");
-    }
-  }
+  requireExisting("--keep", line.keepVisible);
+  requireExisting("--writable", line.keepWritable);
   try {
-    sandbox::enterDevice({directory, visiblePaths(line, system, program), system.root});
+    sandbox::enterDevice({directory, visiblePaths(line, system, program), system.root, line.keepWritable});
   } catch (const std::exception& refused) {
     throw Failure(ExitCode::NotEntered, refused.what());
   }

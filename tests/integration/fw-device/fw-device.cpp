@@ -449,6 +449,228 @@ TEST_P(FwDevice, RunLeavesNothingOnTheHost) {
   EXPECT_TRUE(fs::exists(device + "/opt/media/x." + name));
 }
 
+// A throw-away host: a mount namespace in which the directories that an attack aims at
+// are a layer over the real ones, or in memory. Only that host can suffer.
+class FwDeviceOnAHost : public FwDevice {
+ protected:
+  // prepare and attack are shell scripts, attack one on the device; what check prints is
+  // the host's state afterwards. $home and $tv are what they are here.
+  ProgramResult attack(const std::string& prepare, const std::string& attack, const std::string& check,
+                       const std::string& options = "") const {
+    const bool root = GetParam() == 0 && geteuid() == 0;
+    const std::string script = "set -e; home=" + home + "; tv=" + device + "; cd $home/user;" + prepare +
+                               "\n" + tool + " run " + options + " $tv -- sh -c '" + attack +
+                               "' 2>/dev/null || true\n" + check;
+    std::vector<std::string> command = {"unshare", "--mount", "--propagation", "private"};
+    if (!root) {
+      command.insert(command.end(), {"--user", "--map-root-user"});
+    }
+    command.insert(command.end(), {"sh", "-c", script});
+    return runProgram({command, "/", GetParam(), {}});
+  }
+
+  // Lays a layer in memory over a directory of the host.
+  static std::string layerOver(const std::string& directory) {
+    return "mkdir -p $home/user/layers; mount -t tmpfs none $home/user/layers;"
+           "mkdir $home/user/layers/upper $home/user/layers/work;"
+           "mount -t overlay -o lowerdir=" +
+           directory + ",upperdir=$home/user/layers/upper,workdir=$home/user/layers/work overlay " +
+           directory + ";";
+  }
+};
+
+INSTANTIATE_TEST_SUITE_P(As, FwDeviceOnAHost, ::testing::ValuesIn(users()),
+                         [](const auto& user) { return user.param == 0 ? "ThisUser" : "Nobody"; });
+
+// Programs of the host may be changed on the device, but that is gone with the command.
+TEST_P(FwDeviceOnAHost, LosesNoProgramToACommandOnTheDevice) {
+  makeDevice();
+  const bool root = GetParam() == 0 && geteuid() == 0;
+  // An ordinary user cannot write to a layer over root's directories.
+  const std::string prepare = root ? layerOver("/usr") + "cp /bin/true /usr/bin/victim;"
+                                   : "mount -t tmpfs none /srv; cp /bin/true /srv;";
+  const std::string victim = root ? "/usr/bin/victim" : "/srv/true";
+
+  const auto result = attack(prepare, "rm -f " + victim + "; echo > " + victim,
+                             "cmp /bin/true " + victim + " && echo unchanged");
+
+  EXPECT_EQ(result.output, "unchanged\n") << result.error;
+}
+
+TEST_P(FwDeviceOnAHost, KeepsWhatIsShownOfItFromBeingChanged) {
+  makeDevice();
+  fs::create_directories(home + "/user/named/mounted");
+  fs::create_directories(home + "/user/beside");
+  writeFile(home + "/user/precious", "x");
+  writeFile(home + "/user/named/precious", "x");
+  makeExecutable(home + "/user/beside/program", "#!/bin/sh\nexec sh \"$@\"\n");
+  if (GetParam() != 0) {
+    ASSERT_EQ(runProgram({{"chown", "-R", "nobody", home + "/user", home + "/build"}, "/", 0, {}}).exitCode,
+              0);
+  }
+
+  const auto result =
+      attack("mount -t tmpfs none $home/user/named/mounted; echo x >$home/user/named/mounted/precious",
+             "cd " + home + "/user; rm -rf precious named/precious named/mounted/precious " + home +
+                 "/build/modules/libtuner.so; for place in . named named/mounted " + home +
+                 "/build/bin; do echo new >$place/new; chmod 700 $place; done; mv named moved",
+             "cd $home; find user/precious user/named build/modules/libtuner.so -type f; find . -name new -o "
+             "-name moved",
+             "--keep $home/user/named");
+
+  EXPECT_EQ(result.output,
+            "user/precious\nuser/named/precious\nuser/named/mounted/precious\nbuild/modules/libtuner.so\n")
+      << result.error;
+}
+
+TEST_P(FwDeviceOnAHost, KeepsItsOtherDirectoriesFromBeingChanged) {
+  makeDevice();
+
+  const auto result = attack("mount -t tmpfs none /srv; echo x >/srv/precious",
+                             "rm -f /srv/precious; touch /srv/new", "ls /srv");
+
+  EXPECT_EQ(result.output, "precious\n") << result.error;
+}
+
+// The setting is written as it is, so that the attack changes nothing when it succeeds.
+TEST_P(FwDeviceOnAHost, KeepsItsKernelsSettingsFromBeingChanged) {
+  makeDevice();
+
+  const auto result = attack("mkdir $tv/tmp/result; chmod 777 $tv/tmp/result",
+                             "cat /proc/sys/kernel/panic >/tmp/panic;"
+                             "cat /tmp/panic >/proc/sys/kernel/panic && echo written >/tmp/result/panic",
+                             "ls $tv/tmp/result");
+
+  EXPECT_EQ(result.output, "") << result.error;
+}
+
+TEST_P(FwDeviceOnAHost, KeepsADeviceThatIsTheHostOfAnotherFromBeingChanged) {
+  makeDevice();
+
+  const auto result =
+      attack("",
+             "mkdir /opt/outer && echo x >/opt/outer/precious && fw-device init /tmp/inner >/dev/null &&"
+             "fw-device run /tmp/inner -- rm -f /opt/outer/precious; ls /opt/outer >/tmp/left",
+             "cat $tv/tmp/left");
+
+  EXPECT_EQ(result.output, "precious\n") << result.error;
+}
+
+TEST_P(FwDeviceOnAHost, IsWrittenToWhereTheUserSaysSo) {
+  makeDevice();
+  fs::create_directories(home + "/user/named");
+  if (GetParam() != 0) {
+    ASSERT_EQ(chown((home + "/user/named").c_str(), GetParam(), GetParam()), 0);
+  }
+
+  const auto result = attack("", "echo result >" + home + "/user/named/result",
+                             "cat user/named/result $home/user/named/result", "--writable $home/user/named");
+
+  EXPECT_EQ(readFile(home + "/user/named/result"), "result\n") << result.error;
+}
+
+TEST_P(FwDevice, RunRefusesToShowAWritablePathThatIsNotThere) {
+  makeDevice();
+
+  const auto result = fwDevice({"run", "--writable", home + "/missing", device, "--", "true"});
+
+  EXPECT_EQ(result.exitCode, 2);
+  EXPECT_NE(result.error.find("--writable " + home + "/missing: there is no such path"), std::string::npos)
+      << result.error;
+}
+
+// Where init writes to, a link to something precious of the user's own.
+struct PlantedLink {
+  const char* place;
+  bool toDirectory;
+};
+
+constexpr PlantedLink kPlantedLinks[] = {
+    {"/tmp", true},
+    {"/dev/shm", true},
+    {"/run", true},
+    {"/var/lib/fw-components", true},
+    {"/prd/usr/fwupdate/controls", true},
+    {"/prd/usr/fwupdate/controls/libtuner.so.new", false},
+    {"/lib/firmware/ext", true},
+    {"/lib/firmware/ext/tunerfw", true},
+    {"/lib/firmware/ext/tunerfw/tunerfw.bin.new", false},
+    {"/lib/firmware/ext/tunerfw/info.json.new", false},
+    {"/opt/usr/apps/appbinarymanager", true},
+    {"/opt/usr/apps/appbinarymanager/wifiempfw.img.new", false},
+    {"/etc/fw-update", true},
+    {"/usr/lib", true},
+    {"/usr/lib/libkZAQUser.so.new", false},
+    {"/usr/share/fw-update/keys", true},
+    {"/maker", true},
+};
+
+TEST_P(FwDevice, InitWritesNothingWhereALinkLeadsOut) {
+  for (const auto& link : kPlantedLinks) {
+    fs::remove_all(device);
+    makeDevice();
+    const auto precious = home + "/user/precious";
+    fs::remove_all(precious);
+    const std::string plant = "mkdir " + precious + " && echo x >" + precious + "/file && rm -rf " + device +
+                              link.place + " && ln -s " + precious + (link.toDirectory ? " " : "/file ") +
+                              device + link.place;
+    ASSERT_EQ(runProgram({{"sh", "-c", plant}, "/", GetParam(), {}}).exitCode, 0) << link.place;
+
+    const auto result = fwDevice({"init", "--fresh", device});
+
+    EXPECT_EQ(result.exitCode, link.toDirectory ? 1 : 0) << link.place << result.error;
+    EXPECT_EQ(runProgram({{"find", precious, "-printf", "%P\n"}, "/", 0, {}}).output, "\nfile\n")
+        << link.place;
+    EXPECT_EQ(readFile(precious + "/file"), "x\n") << link.place;
+    if (link.toDirectory) {
+      EXPECT_NE(result.error.find(std::string("a link at ") + device + link.place + " leads out of " +
+                                  device + "; remove the link"),
+                std::string::npos)
+          << result.error;
+    }
+  }
+}
+
+TEST_P(FwDevice, InitTakesNoLinkForTheMarkOfADevice) {
+  const std::string plant = "mkdir " + device + " && echo x >" + home + "/user/precious && ln -s " + home +
+                            "/user/precious " + device + "/.fw-device";
+  ASSERT_EQ(runProgram({{"sh", "-c", plant}, "/", GetParam(), {}}).exitCode, 0);
+
+  const auto result = fwDevice({"init", device});
+
+  EXPECT_EQ(result.exitCode, 3) << result.error;
+  EXPECT_EQ(readFile(home + "/user/precious"), "x\n");
+}
+
+TEST_P(FwDevice, InitRefusesADirectoryOfAnotherUser) {
+  std::string directory = "/";
+  if (GetParam() == 0 && geteuid() == 0) {
+    directory = home + "/of-nobody";
+    fs::create_directory(directory);
+    ASSERT_EQ(chown(directory.c_str(), kNobody, kNobody), 0);
+  }
+
+  const auto result = fwDevice({"init", directory});
+
+  EXPECT_EQ(result.exitCode, 3);
+  EXPECT_NE(result.error.find(directory + " belongs to another user"), std::string::npos) << result.error;
+  EXPECT_FALSE(fs::exists(directory + "/.fw-device"));
+}
+
+TEST_P(FwDevice, RunRefusesADeviceOfAnotherOrdinaryUser) {
+  if (geteuid() != 0) {
+    GTEST_SKIP() << "an ordinary user has no device of another one's";
+  }
+  makeDevice();
+  const uid_t other = GetParam() == 0 ? kNobody : 1;
+  ASSERT_EQ(chown(device.c_str(), other, other), 0);
+
+  const auto result = onDevice("true");
+
+  EXPECT_EQ(result.exitCode, 3);
+  EXPECT_NE(result.error.find("whose programs would run as you"), std::string::npos) << result.error;
+}
+
 TEST_P(FwDevice, ADeviceWorksInsideADevice) {
   makeDevice();
 
@@ -579,13 +801,14 @@ TEST_P(FwDeviceRoot, ShowsTheCurrentDirectoryThatItDoesNotHave) {
 
 TEST_P(FwDeviceRoot, KeepsItsOwnDirectoryWhereTheHostHasOneToo) {
   makeDeviceOnRoot();
-  auto inUsrBin = start({"run", device, "--", "/bin/sh", "-c", "pwd; ls /usr/bin"});
+  writeFile(root + "/usr/bin/of-the-root", "");
+  auto inUsrBin = start({"run", device, "--", "/bin/sh", "-c", "pwd; ls -d of-the-root env"});
   inUsrBin.directory = "/usr/bin";
 
   const auto result = runProgram(inUsrBin);
 
-  EXPECT_EQ(result.output.substr(0, 9), "/usr/bin\n") << result.error;
-  EXPECT_EQ(result.output.find("\nenv\n"), std::string::npos) << result.output;
+  EXPECT_EQ(result.output, "/usr/bin\nof-the-root\n") << result.error;
+  EXPECT_NE(result.error.find("env"), std::string::npos) << result.error;
 }
 
 TEST_P(FwDeviceRoot, ShowsAProgramOfTheHostThatIsNamedByItsPath) {

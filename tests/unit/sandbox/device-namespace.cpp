@@ -80,6 +80,22 @@ TEST_F(DeviceNamespace, HidesWhatTheHostHasAtTheDevicesPlaces) {
   EXPECT_EQ(hidden, kTrue);
 }
 
+TEST_F(DeviceNamespace, HasEveryDirectoryWithItsModeFromTheBeginning) {
+  for (const auto& where : {std::string(), directory}) {
+    const int complete = inChild([&] {
+      sandbox::enterDevice({where, {}});
+      bool all = true;
+      for (const auto& place : sandbox::kDeviceDirectories) {
+        const auto status = fs::status(place.path);
+        all = all && fs::is_directory(status) && static_cast<mode_t>(status.permissions()) == place.mode;
+      }
+      return all;
+    });
+
+    EXPECT_EQ(complete, kTrue) << where;
+  }
+}
+
 TEST_F(DeviceNamespace, HidesTheHostsVerifierLibrary) {
   writeFile(sandbox::kVerifierLibrary, "of the host");
 
@@ -181,17 +197,140 @@ TEST_F(DeviceNamespace, SharesSemaphoresBetweenProcessesInOneDirectory) {
             kTrue);
 }
 
-TEST_F(DeviceNamespace, KeepsAVisibleDirectoryAtItsOwnPath) {
+// Whether what stands there can be neither changed nor removed nor added to.
+bool isProtected(const std::string& directory, const std::string& file) {
+  const auto path = directory + "/" + file;
+  const auto refused = [](int result) { return result != 0 && errno == EROFS; };
+  return refused(open(path.c_str(), O_WRONLY) < 0 ? -1 : 0) && refused(unlink(path.c_str())) &&
+         refused(chmod(path.c_str(), 0600)) && refused(mkdir((directory + "/new").c_str(), 0755));
+}
+
+TEST_F(DeviceNamespace, ShowsAVisibleDirectoryToRead) {
   writeFile("/tmp/build/of the host/program", "x");
 
   const int visible = inChild([] {
     sandbox::enterDevice({"", {"/tmp/build/of the host/", "/tmp/not-there"}});
-    writeFile("/tmp/build/of the host/result", "y");
-    return exists("/tmp/build/of the host/program") && !exists("/tmp/device") && !exists("/tmp/not-there");
+    return readFile("/tmp/build/of the host/program") == "x" &&
+           isProtected("/tmp/build/of the host", "program") && !exists("/tmp/device") &&
+           !exists("/tmp/not-there");
   });
 
   EXPECT_EQ(visible, kTrue);
-  EXPECT_TRUE(exists("/tmp/build/of the host/result"));
+  EXPECT_EQ(readFile("/tmp/build/of the host/program"), "x");
+}
+
+TEST_F(DeviceNamespace, ProtectsWhatIsMountedInAVisibleDirectoryToo) {
+  fs::create_directories("/tmp/build/mounted");
+  ASSERT_EQ(mount("tmpfs", "/tmp/build/mounted", "tmpfs", 0, nullptr), 0);
+  writeFile("/tmp/build/mounted/file", "x");
+
+  EXPECT_EQ(inChild([] {
+              sandbox::enterDevice({"", {"/tmp/build"}});
+              return isProtected("/tmp/build/mounted", "file");
+            }),
+            kTrue);
+
+  umount("/tmp/build/mounted");
+}
+
+TEST_F(DeviceNamespace, ProtectsADirectoryOfTheHostThatTheDeviceDoesNotChange) {
+  writeFile("/other/directory/file", "x");
+
+  EXPECT_EQ(inChild([] {
+              sandbox::enterDevice({});
+              return isProtected("/other/directory", "file");
+            }),
+            kTrue);
+
+  EXPECT_EQ(readFile("/other/directory/file"), "x");
+  fs::remove_all("/other");
+}
+
+TEST_F(DeviceNamespace, ProtectsAFileOfTheHostsRootDirectory) {
+  writeFile("/file-at-the-top", "x");
+
+  EXPECT_EQ(inChild([] {
+              sandbox::enterDevice({});
+              return open("/file-at-the-top", O_WRONLY) < 0 && errno == EROFS;
+            }),
+            kTrue);
+
+  fs::remove("/file-at-the-top");
+}
+
+// With what they have already, so that nothing changes where they are not protected.
+bool isModeProtected(const char* directory) {
+  struct stat status = {};
+  return stat(directory, &status) == 0 && chmod(directory, status.st_mode & 07777) != 0 && errno == EROFS;
+}
+
+TEST_F(DeviceNamespace, ProtectsTheKernelsSettingsAndDevices) {
+  EXPECT_EQ(inChild([] {
+              sandbox::enterDevice({});
+              // An ordinary user is refused sooner.
+              const auto refused = [](const char* path) {
+                return open(path, O_WRONLY) < 0 && (errno == EROFS || errno == EACCES);
+              };
+              return refused("/proc/sys/kernel/panic") &&
+                     (!exists("/proc/sysrq-trigger") || refused("/proc/sysrq-trigger")) &&
+                     isModeProtected("/dev") && isModeProtected("/sys");
+            }),
+            kTrue);
+}
+
+TEST_F(DeviceNamespace, ShowsWhatTheHostHasElsewhere) {
+  writeFile("/etc/of-the-host", "x");
+  writeFile("/usr/share/of-the-host", "y");
+
+  const int shown = inChild([] {
+    sandbox::enterDevice({});
+    return readFile("/etc/of-the-host") == "x" && readFile("/usr/share/of-the-host") == "y";
+  });
+
+  EXPECT_EQ(shown, kTrue);
+  fs::remove("/etc/of-the-host");
+  fs::remove("/usr/share/of-the-host");
+}
+
+TEST_F(DeviceNamespace, LeavesAProcessItsOwnFilesOfTheKernel) {
+  EXPECT_EQ(inChild([] {
+              sandbox::enterDevice({});
+              writeFile("/proc/self/comm", "renamed");
+              writeFile("/dev/null", "lost");
+              return readFile("/proc/self/comm") == "renamed\n";
+            }),
+            kTrue);
+}
+
+TEST_F(DeviceNamespace, LetsAProgramWriteBelowALayerInMemory) {
+  fs::create_directories("/opt/programs");
+  writeFile("/opt/programs/program", "x");
+
+  EXPECT_EQ(inChild([] {
+              unmountBelow("/opt");
+              sandbox::enterDevice({"", {"/opt/programs"}});
+              fs::remove("/opt/programs/program");
+              writeFile("/opt/programs/other", "x");
+              return !exists("/opt/programs/program");
+            }),
+            kTrue);
+
+  EXPECT_EQ(readFile("/opt/programs/program"), "x");
+  EXPECT_FALSE(exists("/opt/programs/other"));
+  fs::remove_all("/opt/programs");
+}
+
+TEST_F(DeviceNamespace, LetsAWritablePathReachTheHost) {
+  writeFile("/tmp/build/of the host/program", "x");
+
+  const int visible = inChild([] {
+    sandbox::enterDevice({"", {"/tmp/build"}, {}, {"/tmp/build/of the host/", "/tmp/not-there"}});
+    writeFile("/tmp/build/of the host/result", "y");
+    return exists("/tmp/build/of the host/program") && !exists("/tmp/not-there");
+  });
+
+  EXPECT_EQ(visible, kTrue);
+  EXPECT_EQ(readFile("/tmp/build/of the host/result"), "y");
 }
 
 TEST_F(DeviceNamespace, KeepsAVisibleFileAtItsOwnPath) {
@@ -219,18 +358,18 @@ TEST_F(DeviceNamespace, KeepsItsOwnPlaceWhenAVisiblePathContainsIt) {
   writeFile("/tmp/of-the-host", "x");
 
   EXPECT_EQ(inChild([] {
-              sandbox::enterDevice({"", {"/tmp", "/", "/usr"}});
+              sandbox::enterDevice({"", {"/tmp", "/", "/usr"}, {}, {"/tmp", "/", "/usr"}});
               return fs::is_empty("/tmp");
             }),
             kTrue);
 }
 
-TEST_F(DeviceNamespace, WritesToAVisibleDirectoryBelowALayerReachTheHost) {
+TEST_F(DeviceNamespace, WritesToAWritableDirectoryBelowALayerReachTheHost) {
   fs::create_directories("/opt/build");
 
   ASSERT_EQ(inChild([] {
               unmountBelow("/opt");
-              sandbox::enterDevice({"", {"/opt/build"}});
+              sandbox::enterDevice({"", {}, {}, {"/opt/build"}});
               writeFile("/opt/build/result", "x");
               writeFile("/opt/other", "x");
               return true;
@@ -242,12 +381,12 @@ TEST_F(DeviceNamespace, WritesToAVisibleDirectoryBelowALayerReachTheHost) {
   fs::remove_all("/opt/build");
 }
 
-TEST_F(DeviceNamespace, WritesToAVisibleFileBelowALayerReachTheHost) {
+TEST_F(DeviceNamespace, WritesToAWritableFileBelowALayerReachTheHost) {
   writeFile("/opt/result", "");
 
   ASSERT_EQ(inChild([] {
               unmountBelow("/opt");
-              sandbox::enterDevice({"", {"/opt/result"}});
+              sandbox::enterDevice({"", {}, {}, {"/opt/result"}});
               writeFile("/opt/result", "x");
               return true;
             }),
@@ -418,6 +557,45 @@ TEST_F(DeviceNamespace, RefusesADirectoryThatIsNotThere) {
               return false;
             }),
             kTrue);
+}
+
+TEST_F(DeviceNamespace, RefusesADirectoryFromWhichALinkLeadsOut) {
+  for (const std::string place : {"/tmp", "/prd", "/lib/firmware/ext"}) {
+    fs::remove_all("/opt/devices");
+    writeFile("/opt/precious/file", "x");
+    fs::create_directories("/opt/devices/one" + fs::path(place).parent_path().string());
+    fs::create_directory_symlink("/opt/precious", "/opt/devices/one" + place);
+
+    EXPECT_EQ(inChild([&] {
+                try {
+                  sandbox::enterDevice({"/opt/devices/one", {}});
+                } catch (const std::system_error& refused) {
+                  return std::string(refused.what())
+                             .find("a link at /opt/devices/one" + place +
+                                   " leads out of /opt/devices/one; remove the link") == 0;
+                }
+                return false;
+              }),
+              kTrue)
+        << place;
+    EXPECT_EQ(std::distance(fs::directory_iterator("/opt/precious"), fs::directory_iterator()), 1);
+  }
+  fs::remove_all("/opt/devices");
+  fs::remove_all("/opt/precious");
+}
+
+TEST_F(DeviceNamespace, RefusesAVerifierLibraryThatALinkOfTheDirectoryLeadsOutTo) {
+  writeFile("/opt/library", "of the host");
+  fs::create_directories(directory + "/usr/lib");
+  fs::create_symlink("/opt/library", directory + sandbox::kVerifierLibrary);
+
+  EXPECT_EQ(inChild([this] {
+              sandbox::enterDevice({directory, {}});
+              return true;
+            }),
+            kThrew);
+
+  fs::remove("/opt/library");
 }
 
 TEST_F(DeviceNamespace, RefusesAProcessWithSeveralThreads) {

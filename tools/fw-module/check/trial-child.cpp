@@ -45,9 +45,8 @@ void endWithParent(pid_t parent) {
 }
 
 void enterDevice(const Subject& subject) {
-  std::vector<std::string> visible = subject.keepVisible;
-  visible.push_back(std::filesystem::absolute(subject.path).parent_path());  // libraries that lie beside it
-  sandbox::enterDevice({"", visible});
+  const std::string besideIt = std::filesystem::absolute(subject.path).parent_path();  // its libraries
+  sandbox::enterDevice({"", {besideIt}, {}, subject.keepVisible});
 }
 
 std::string installModule(const Subject& subject) {
