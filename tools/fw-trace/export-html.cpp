@@ -1,5 +1,7 @@
 #include "export-html.h"
 
+#include <cstdio>
+#include <random>
 #include <string_view>
 
 #include "export-json.h"
@@ -20,6 +22,15 @@ std::string_view between(const char* begin, const char* end) {
   return {begin, static_cast<std::size_t>(end - begin)};
 }
 
+// What the page's own scripts have and no message can: nobody knew it when the messages
+// were written.
+std::string newNonce() {
+  std::random_device random;
+  char text[33];
+  std::snprintf(text, sizeof text, "%08x%08x%08x%08x", random(), random(), random(), random());
+  return text;
+}
+
 // JSON that no message can end the script with.
 std::string scriptSafe(const std::string& json) {
   std::string safe;
@@ -36,12 +47,19 @@ std::string scriptSafe(const std::string& json) {
 }  // namespace
 
 std::string exportHtml(const Timeline& timeline) {
+  const std::string nonce = newNonce();
+  // In the order of the page.
   const struct {
     std::string_view mark;
     std::string text;
   } parts[] = {
+      {"@NONCE@", nonce},  // the policy's for scripts
+      {"@NONCE@", nonce},  // and for styles
+      {"@NONCE@", nonce},  // the style
+      {"@NONCE@", nonce},  // D3
       {"@D3@", std::string(between(fwTraceD3, fwTraceD3End))},
       {"@DATA@", scriptSafe(tool::onOneLine(jsonOf(timeline)))},
+      {"@NONCE@", nonce},  // what draws
   };
   std::string_view page = between(fwTracePage, fwTracePageEnd);
   std::string document;

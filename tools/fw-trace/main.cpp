@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <exception>
 #include <iostream>
+#include <new>
+#include <string>
 #include <variant>
 
 #include "command-line.h"
@@ -16,14 +18,20 @@ namespace {
 
 using namespace tracetool;
 
+Report unexpected(const std::string& message) {
+  Report report;
+  report.outcome = Outcome::Unexpected;
+  report.message = message;
+  return report;
+}
+
 Report run(const Options& options) {
   try {
     return options.command->run(options);
+  } catch (const std::bad_alloc&) {
+    return unexpected("There is not enough memory for these traces; name fewer of them.");
   } catch (const std::exception& error) {
-    Report report;
-    report.outcome = Outcome::Unexpected;
-    report.message = std::string("Unexpected error: ") + error.what();
-    return report;
+    return unexpected(std::string("Unexpected error: ") + error.what());
   }
 }
 

@@ -1,5 +1,6 @@
 #include "message.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <string_view>
@@ -130,6 +131,17 @@ std::string errorText(std::string_view before, const std::vector<Value>& values,
   return "<error text not kept>";
 }
 
+using Locations = std::map<std::uint32_t, Location>;
+
+// What of it grows with the file's contents.
+std::size_t bytesOf(const Message& message) {
+  std::size_t bytes = message.text.size() + message.format.size() + message.function.size() +
+                      message.file.size() + message.values.size() * sizeof(Value);
+  for (const Value& value : message.values)
+    bytes += value.text.size();
+  return bytes;
+}
+
 }  // namespace
 
 std::vector<Value> decode(const Location& location, const std::string& payload, bool& whole) {
@@ -167,35 +179,57 @@ std::string render(const std::string& format, const std::vector<Value>& values) 
   return text.append(all.substr(at));
 }
 
+namespace {
+
+Message messageOf(const Record& record, const Locations& locations, bool& whole) {
+  Message message;
+  message.time = record.time;
+  message.threadId = record.threadId;
+  const auto location = locations.find(record.locationId);
+  if (location == locations.end()) {
+    message.text = "(a message of an unknown place) " + hexadecimal(record.payload);
+    return message;
+  }
+  message.values = decode(location->second, record.payload, whole);
+  const std::string& path = location->second.sourcePath;
+  message.file = path.substr(path.rfind('/') + 1);
+  message.function = location->second.function;
+  message.line = location->second.line;
+  message.format = location->second.format;
+  message.text = render(message.format, message.values);
+  return message;
+}
+
+}  // namespace
+
 std::vector<Message> messagesOf(Trace& trace) {
+  MessageRoom room;
+  return messagesOf(trace, room);
+}
+
+std::vector<Message> messagesOf(Trace& trace, MessageRoom& room) {
   std::vector<Message> messages;
   std::size_t damaged = 0;
+  std::size_t leftOut = 0;
   for (const Record& record : trace.records) {
     if (record.kind == fwplatform::trace::kThreadBegins || record.kind == fwplatform::trace::kThreadEnds)
       continue;
-    Message message;
-    message.time = record.time;
-    message.threadId = record.threadId;
-    const auto location = trace.locations.find(record.locationId);
-    if (location == trace.locations.end()) {
-      message.text = "(a message of an unknown place) " + hexadecimal(record.payload);
-      messages.push_back(std::move(message));
+    if (room.messages == 0 || room.bytes == 0) {
+      ++leftOut;
       continue;
     }
     bool whole = true;
-    message.values = decode(location->second, record.payload, whole);
+    messages.push_back(messageOf(record, trace.locations, whole));
     damaged += whole ? 0 : 1;
-    const std::string& path = location->second.sourcePath;
-    message.file = path.substr(path.rfind('/') + 1);
-    message.function = location->second.function;
-    message.line = location->second.line;
-    message.format = location->second.format;
-    message.text = render(message.format, message.values);
-    messages.push_back(std::move(message));
+    --room.messages;
+    room.bytes -= std::min(room.bytes, bytesOf(messages.back()));
   }
   if (damaged != 0)
     trace.skipped.push_back(std::to_string(damaged) +
                             " messages have arguments that do not fit their place.");
+  if (leftOut != 0)
+    trace.skipped.push_back(std::to_string(leftOut) +
+                            " messages are more than fit into memory and are left out; name fewer traces.");
   return messages;
 }
 

@@ -11,6 +11,13 @@
 
 namespace tracetool {
 
+// How much the messages of a command may take up together. A place's text comes back in
+// each of its messages, so that a small file could fill any memory.
+struct MessageRoom {
+  std::size_t messages = 1000000;
+  std::size_t bytes = std::size_t{256} << 20;
+};
+
 struct Value {
   enum class Kind { Number, Text, Null, Bytes };
   Kind kind = Kind::Bytes;
@@ -39,6 +46,8 @@ struct Message {
 
 // The messages of a trace, in time order. Adds to trace.skipped what makes none.
 std::vector<Message> messagesOf(Trace& trace);
+// The same, but no more than there is room for, which becomes less by them.
+std::vector<Message> messagesOf(Trace& trace, MessageRoom& room);
 
 // The last name that each thread had.
 std::map<std::uint32_t, std::string> threadNames(const Trace& trace);

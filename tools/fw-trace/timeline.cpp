@@ -326,15 +326,17 @@ std::optional<std::int64_t> Update::timeIn(Stage stage) const {
 
 Timeline timelineOf(std::vector<TraceFile>& files) {
   Timeline timeline;
+  MessageRoom room;
   for (TraceFile& file : files) {
-    const std::vector<Message> messages = messagesOf(file.trace);
     Walk walk(file, timeline.updates);
-    for (const Message& message : messages) {
+    std::optional<std::int64_t> last;
+    for (Message& message : messagesOf(file.trace, room)) {
       walk.take(message);
-      timeline.entries.push_back({&file, message});
+      last = message.time;
+      timeline.entries.push_back({&file, std::move(message)});
     }
-    if (!messages.empty())
-      walk.finish(messages.back().time);
+    if (last)
+      walk.finish(*last);
     for (const auto& [id, name] : threadNames(file.trace))
       timeline.threadNames[{&file, id}] = name;
   }

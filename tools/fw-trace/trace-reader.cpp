@@ -13,7 +13,11 @@ namespace {
 using namespace fwplatform::trace;
 
 constexpr std::size_t maximumNotes = 20;
-constexpr std::int64_t latestTime = INT64_MAX / 2;  // the year 2116
+// No place of the library has nearly as many. Each takes five bytes of a file and many
+// more of memory, here and in each message.
+constexpr std::uint32_t maximumArguments = 64;
+constexpr std::uint64_t maximumPlaces = std::uint64_t{16} * kUnit;  // in bytes; a process writes no more
+constexpr std::int64_t latestTime = INT64_MAX / 2;                  // the year 2116
 
 // A number or a structure at an offset; nothing where the bytes end.
 template <typename Value>
@@ -78,6 +82,8 @@ std::optional<Location> readLocation(std::string_view entry, const LocationHeade
   location.sourcePath = reader.text();
   location.function = reader.text();
   location.format = reader.text();
+  if (header.argumentCount > maximumArguments)
+    return std::nullopt;
   for (std::uint32_t i = 0; i < header.argumentCount && reader.isWhole(); ++i) {
     ArgumentType type;
     type.flag = reader.number<std::uint8_t>();
@@ -93,6 +99,11 @@ std::optional<Location> readLocation(std::string_view entry, const LocationHeade
 void readLocations(std::string_view data, std::uint64_t used, std::uint64_t fileOffset, Trace& trace) {
   if (used > data.size())
     note(trace, "A part of the list of places" + atByte(fileOffset) + " is missing.");
+  if (used > maximumPlaces - trace.placesRead) {
+    note(trace, "There are more places than a trace has; those" + atByte(fileOffset) + " are left out.");
+    return;
+  }
+  trace.placesRead += used;
   data = data.substr(0, static_cast<std::size_t>(std::min<std::uint64_t>(used, data.size())));
   while (!data.empty()) {
     const auto header = valueAt<LocationHeader>(data, 0);
@@ -145,6 +156,16 @@ std::optional<RecordFrame> frameAt(const Ring& ring, std::uint64_t position) {
   return frame;
 }
 
+void keepNewest(Trace& trace) {
+  if (trace.records.size() <= maximumRecords)
+    return;
+  const auto first = trace.records.end() - static_cast<std::ptrdiff_t>(maximumRecords);
+  std::nth_element(trace.records.begin(), first, trace.records.end(),
+                   [](const Record& a, const Record& b) { return a.time < b.time; });
+  trace.leftOut += trace.records.size() - maximumRecords;
+  trace.records.erase(trace.records.begin(), first);
+}
+
 void readRecord(const Ring& ring, std::uint64_t position, const RecordFrame& frame, std::int64_t timeOffset,
                 Trace& trace) {
   const std::uint64_t offset = position % ring.capacity;
@@ -166,6 +187,8 @@ void readRecord(const Ring& ring, std::uint64_t position, const RecordFrame& fra
   record.payload = ring.data.substr(static_cast<std::size_t>(offset) + sizeof *header,
                                     frame.size - sizeof *header - frame.slack);
   trace.records.push_back(std::move(record));
+  if (trace.records.size() >= 2 * maximumRecords)
+    keepNewest(trace);
 }
 
 // How far to go on where no record stands: to the next place where one may, or past
@@ -290,6 +313,10 @@ ReadResult readTrace(std::string_view bytes) {
   const auto timeOffset = static_cast<std::int64_t>(static_cast<std::uint64_t>(header->realTime) -
                                                     static_cast<std::uint64_t>(header->monotonicTime));
   readChunks(bytes, header->headerSize, timeOffset, trace);
+  keepNewest(trace);
+  if (trace.leftOut != 0)
+    note(trace, "The oldest " + std::to_string(trace.leftOut) + " records are left out; the newest " +
+                    std::to_string(maximumRecords) + " are taken.");
   std::stable_sort(trace.records.begin(), trace.records.end(),
                    [](const Record& a, const Record& b) { return a.time < b.time; });
   return result;

@@ -1,5 +1,6 @@
 // Reads a trace file from memory. Takes anything: what is cut off, damaged or of
-// another kind is left out and named. Pure; any thread.
+// another kind is left out and named. Takes no more memory than a small multiple of the
+// bytes, whatever they are. Pure; any thread.
 #ifndef FW_TRACE_TRACE_READER_H
 #define FW_TRACE_TRACE_READER_H
 
@@ -10,6 +11,9 @@
 #include <vector>
 
 namespace tracetool {
+
+// Of one trace; the newest are taken.
+inline constexpr std::size_t maximumRecords = 1000000;
 
 struct ArgumentType {
   std::string name;
@@ -45,6 +49,8 @@ struct Trace {
   std::map<std::uint32_t, Location> locations;
   std::vector<Record> records;       // in time order over all threads
   std::vector<std::string> skipped;  // what could not be read, a sentence each
+  std::uint64_t placesRead = 0;      // bytes of the file that locations were made of
+  std::uint64_t leftOut = 0;         // older records, beyond the maximum
 };
 
 struct ReadResult {

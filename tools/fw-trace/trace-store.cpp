@@ -20,7 +20,9 @@ namespace {
 using namespace fwplatform::trace;
 namespace fs = std::filesystem;
 
-constexpr std::uint64_t largestFile = std::uint64_t{1} << 30;
+// What the largest settings of a process with sixteen threads come to.
+constexpr std::uint64_t largestFile = std::uint64_t{256} << 20;
+constexpr std::uint64_t largestTotal = largestFile;  // of all files of a directory that are read at once
 
 // As many of the bytes as the file has.
 std::size_t readAt(int fd, char* to, std::size_t size, std::uint64_t offset) {
@@ -69,6 +71,39 @@ std::string copyOf(int fd, std::uint64_t size) {
   return bytes;
 }
 
+struct Found {
+  std::string path;
+  std::uint64_t bytes;
+  std::int64_t modified;
+};
+
+// The newest first: when there are too many, those count.
+std::vector<Found> tracesIn(const std::string& directory, std::string& problem) {
+  std::vector<Found> found;
+  std::error_code error;
+  for (fs::directory_iterator at(directory, error), end; !error && at != end; at.increment(error)) {
+    struct stat status = {};
+    if (at->path().extension() == kFileSuffix && stat(at->path().c_str(), &status) == 0)
+      found.push_back({at->path().string(), static_cast<std::uint64_t>(status.st_size),
+                       std::int64_t{status.st_mtim.tv_sec} * 1000000000 + status.st_mtim.tv_nsec});
+    else if (at->path().extension() == kFileSuffix)
+      found.push_back({at->path().string(), 0, 0});
+  }
+  problem = error ? error.message() : "";
+  std::sort(found.begin(), found.end(), [](const Found& a, const Found& b) {
+    return a.modified != b.modified ? a.modified > b.modified : a.path < b.path;
+  });
+  return found;
+}
+
+TraceFile leftOut(const Found& found) {
+  TraceFile file;
+  file.path = found.path;
+  file.bytes = found.bytes;
+  file.problem = "The newer traces of the directory take 256 MiB already; name this one to see it.";
+  return file;
+}
+
 }  // namespace
 
 TraceFile loadTrace(const std::string& path) {
@@ -86,7 +121,7 @@ TraceFile loadTrace(const std::string& path) {
   }
   file.bytes = static_cast<std::uint64_t>(status.st_size);
   if (file.bytes > largestFile) {
-    file.problem = "The file is too large for a trace.";
+    file.problem = "The file is too large for a trace: more than 256 MiB.";
     return file;
   }
   // An empty file is not asked: its process is about to take the lock.
@@ -99,11 +134,15 @@ TraceFile loadTrace(const std::string& path) {
 
 std::vector<TraceFile> loadTraces(const std::string& directory, std::string& problem) {
   std::vector<TraceFile> files;
-  std::error_code error;
-  for (fs::directory_iterator at(directory, error), end; !error && at != end; at.increment(error))
-    if (at->path().extension() == kFileSuffix)
-      files.push_back(loadTrace(at->path().string()));
-  problem = error ? error.message() : "";
+  std::uint64_t total = 0;
+  for (const Found& found : tracesIn(directory, problem)) {
+    total += found.bytes;
+    // One that is too large on its own says so itself.
+    const bool fits = total <= largestTotal || found.bytes > largestFile;
+    files.push_back(fits ? loadTrace(found.path) : leftOut(found));
+    if (!fits || !files.back().problem.empty())
+      total -= found.bytes;
+  }
   std::sort(files.begin(), files.end(), [](const TraceFile& a, const TraceFile& b) {
     return a.trace.start != b.trace.start ? a.trace.start < b.trace.start : a.path < b.path;
   });

@@ -12,6 +12,7 @@ import json
 import os
 import pty
 import re
+import resource
 import shutil
 import struct
 import subprocess
@@ -28,7 +29,10 @@ TRACES = os.path.join(DEVICE, "run/fw-trace")
 
 # Appended to the page: does what people do, and writes down what it sees.
 PAGE_TEST = """
-<script>
+<script>document.title = "written by a message";</script>
+<img src="data:image/gif;base64,R0lGODlhAQABAAAAACw=" onload="document.title = 'loaded'">
+<p id="coloured" style="color: rgb(1, 2, 3)"></p>
+<script nonce="@NONCE@">
 {
 const result = {};
 const slices = () => [...document.querySelectorAll("rect.update")];
@@ -51,6 +55,10 @@ result.tip = getComputedStyle(tip).visibility;
 result.tipText = tip.textContent;
 slices()[0].dispatchEvent(new MouseEvent("mouseout", at));
 result.tipAfter = getComputedStyle(tip).visibility;
+result.title = document.title;
+result.image = document.images[0].naturalWidth;
+result.colour = getComputedStyle(document.getElementById("coloured")).color;
+result.keys = [...document.querySelectorAll("#key span")].map(s => getComputedStyle(s).backgroundColor);
 const pre = document.createElement("pre");
 pre.id = "result";
 pre.textContent = JSON.stringify(result);
@@ -94,6 +102,26 @@ class Terminal:
             pass
         os.close(self.end)
         return self.process.wait()
+
+
+def sparse_trace(name, size, head):
+    """A file of that size, of which nearly nothing is on the disk: one list of places that
+    fills it, and in it one place with as many arguments as there is room for."""
+    path = os.path.join(WORK, name)
+    with open(path, "wb") as file:
+        file.write(struct.pack("<8sIIIIqqII16s192s", b"FWTRACE\n", 1, 0x01020304, 4096, 77, 10**18, 0, 1, 0,
+                               b"sparse", b"sparse --run"))
+        file.seek(4096)
+        file.write(struct.pack("<IIQQQI28x", 0x4B4E4843, 1, size - 4096, head, 0, 0))
+        file.write(struct.pack("<IIiI", head, 1, 42, 0xFFFFFFFF))
+        file.truncate(size)
+    return path
+
+
+def with_memory(mebibytes, *arguments):
+    """fw-trace with no more memory than that."""
+    return subprocess.run([FW_TRACE, *arguments], capture_output=True, text=True, preexec_fn=lambda:
+                          resource.setrlimit(resource.RLIMIT_AS, (mebibytes << 20, mebibytes << 20)))
 
 
 def on_terminal(columns, *arguments, **environment):
@@ -184,6 +212,42 @@ class Command(UpdatedDevice):
         self.assertEqual(subprocess.run([FW_TRACE, "list", "--directory", WORK + "/none"],
                                         capture_output=True).returncode, 4)
 
+    def test_takes_little_memory_for_a_sparse_file(self):
+        path = sparse_trace("sparse.fwtrace", 100 << 20, (100 << 20) - 4096 - 64)
+        for arguments in (["show", path], ["summary", path], ["list", path], ["export", "--format", "json", path]):
+            done = with_memory(300, *arguments)
+            self.assertIn(done.returncode, (0, 3), done.stderr)
+            self.assertNotIn("bad_alloc", done.stderr)
+        self.assertIn("There are more places than a trace has", with_memory(300, "show", path).stderr)
+
+    def test_leaves_out_a_place_with_too_many_arguments(self):
+        path = sparse_trace("arguments.fwtrace", 65536, 65536 - 4096 - 64)
+        self.assertIn("A damaged place", fw_trace("show", path).stderr)
+
+    def test_refuses_a_file_that_is_too_large_for_a_trace(self):
+        path = sparse_trace("large.fwtrace", (256 << 20) + 1, 64)
+        done = with_memory(300, "show", path)
+        self.assertEqual(done.returncode, 4)
+        self.assertIn("too large for a trace: more than 256 MiB", done.stderr)
+
+    def test_leaves_out_old_files_of_a_directory_that_is_too_large(self):
+        directory = os.path.join(WORK, "many")
+        os.makedirs(directory)
+        for number in range(4):
+            path = sparse_trace(f"many/{number}.fwtrace", 100 << 20, 64)
+            os.utime(path, (1000 + number, 1000 + number))
+        listed = json.loads(with_memory(600, "list", "--json", "--directory", directory).stdout)
+        states = {os.path.basename(trace["path"]): trace["state"] for trace in listed["traces"]}
+        self.assertEqual(states, {"0.fwtrace": "unreadable", "1.fwtrace": "unreadable",
+                                  "2.fwtrace": "dead", "3.fwtrace": "dead"})
+        self.assertIn("name this one to see it", listed["traces"][0]["problem"])
+
+    def test_says_when_there_is_not_enough_memory(self):
+        path = sparse_trace("memory.fwtrace", 200 << 20, 64)
+        done = with_memory(100, "show", path)
+        self.assertEqual(done.returncode, 1)
+        self.assertIn("There is not enough memory for these traces; name fewer of them.", done.stderr)
+
     def test_follows_processes_that_come_later(self):
         before = {trace["processId"] for trace in json.loads(fw_trace("list", "--json").stdout)["traces"]}
         with subprocess.Popen([FW_TRACE, "follow", "--json", "--directory", TRACES], text=True,
@@ -224,8 +288,10 @@ class Command(UpdatedDevice):
 class Page(UpdatedDevice):
     def test_draws_a_timeline_that_zooms_and_explains(self):
         path = os.path.join(os.path.abspath(WORK), "page.html")
+        page = export("html")
+        nonce = re.search(r"script-src 'nonce-([0-9a-f]{32})'", page).group(1)
         with open(path, "w") as file:
-            file.write(export("html").replace("</body>", PAGE_TEST + "</body>"))
+            file.write(page.replace("</body>", PAGE_TEST.replace("@NONCE@", nonce) + "</body>"))
         dom = in_browser(path)
         found = re.search(r'<pre id="result">(.*?)</pre>', dom, re.S)
         self.assertTrue(found, dom[-2000:])
@@ -239,6 +305,16 @@ class Page(UpdatedDevice):
         self.assertAlmostEqual(result["back"], result["before"], delta=1)
         self.assertEqual((result["tipBefore"], result["tip"], result["tipAfter"]), ("hidden", "visible", "hidden"))
         self.assertIn("libtuner: updated", result["tipText"])
+        self.assertEqual(len(result["keys"]), 11)
+        self.assertNotIn("rgba(0, 0, 0, 0)", result["keys"])
+        # Nothing that is not the page's own runs, loads or is styled.
+        self.assertEqual(result["title"], "Firmware updates")
+        self.assertEqual(result["image"], 0)
+        self.assertNotEqual(result["colour"], "rgb(1, 2, 3)")
+
+    def test_has_another_key_for_its_scripts_each_time(self):
+        keys = {re.search(r"'nonce-([0-9a-f]{32})'", export("html")).group(1) for _ in range(5)}
+        self.assertEqual(len(keys), 5)
 
 
 if __name__ == "__main__":

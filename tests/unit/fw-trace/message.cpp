@@ -54,6 +54,37 @@ TEST(TraceMessage, LetsNoFormatOfADamagedFileDoHarm) {
   EXPECT_EQ(textOf("at the end %", "", {}), "at the end %");
 }
 
+// A hundred messages of a place with a long format.
+tracetool::Trace longMessages() {
+  TraceBuilder builder;
+  const std::uint32_t place = builder.place("work", std::string(1000, '.') + "%s", "s");
+  for (int i = 0; i < 100; ++i)
+    builder.record(place, 1, i, {std::string(500, 'x')});
+  return tracetool::readTrace(builder.bytes()).trace;
+}
+
+TEST(TraceMessage, TakesNoMoreThanThereIsRoomFor) {
+  auto trace = longMessages();
+  tracetool::MessageRoom room{1000, 10 * 3600};  // format, text and argument of each
+
+  const auto messages = tracetool::messagesOf(trace, room);
+
+  EXPECT_GE(messages.size(), 10U);
+  EXPECT_LE(messages.size(), 12U);
+  EXPECT_EQ(room.bytes, 0U);
+  EXPECT_THAT(trace.skipped, ElementsAre(::testing::HasSubstr(std::to_string(100 - messages.size()) +
+                                                              " messages are more than fit into memory")));
+}
+
+TEST(TraceMessage, TakesNoMoreThanTheirNumber) {
+  auto trace = longMessages();
+  tracetool::MessageRoom room{7, std::size_t{1} << 30};
+
+  EXPECT_EQ(tracetool::messagesOf(trace, room).size(), 7U);
+  EXPECT_EQ(room.messages, 0U);
+  EXPECT_THAT(trace.skipped, ElementsAre(::testing::StartsWith("93 messages are more than fit")));
+}
+
 TEST(TraceMessage, KnowsTheLastNameOfEachThread) {
   TraceBuilder builder;
   builder.rawRecord(0, 5, 1, fwplatform::trace::kThreadBegins, "service");

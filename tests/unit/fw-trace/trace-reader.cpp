@@ -161,6 +161,50 @@ TEST(TraceReader, LeavesOutARecordWithATimeThatNoClockShows) {
   EXPECT_THAT(skipped, SizeIs(2));
 }
 
+TEST(TraceReader, TakesAsManyArgumentsAsAPlaceMayHave) {
+  TraceBuilder builder;
+  const std::uint32_t most = builder.place("work", "most", std::string(64, 'd'));
+  const std::uint32_t more = builder.place("work", "more", std::string(65, 'd'));
+  builder.record(most, 1, 1, std::vector<Argument>(64, 7)).record(more, 1, 2, std::vector<Argument>(65, 7));
+
+  std::vector<std::string> skipped;
+  const auto texts = textsOf(builder.bytes(), &skipped);
+
+  EXPECT_THAT(texts, ElementsAre("most", HasSubstr("unknown place")));
+  EXPECT_THAT(skipped, ElementsAre(HasSubstr("A damaged place")));
+}
+
+TEST(TraceReader, TakesAsManyPlacesAsAProcessWrites) {
+  TraceBuilder builder;
+  std::uint32_t last = 0;
+  for (int i = 0; i < 16; ++i)
+    last = builder.place("work", std::string(65000, '.'), "");
+  builder.record(last, 1, 1, {});
+  EXPECT_THAT(textsOf(builder.bytes()), ElementsAre(std::string(65000, '.')));
+  builder.place("work", std::string(65000, '.'), "");
+
+  std::vector<std::string> skipped;
+  const auto texts = textsOf(builder.bytes(), &skipped);
+
+  EXPECT_THAT(texts, ElementsAre(HasSubstr("unknown place")));
+  EXPECT_THAT(skipped, ElementsAre(HasSubstr("more places than a trace has")));
+}
+
+TEST(TraceReader, TakesTheNewestOfTooManyRecords) {
+  constexpr std::size_t extra = 10;
+  TraceBuilder builder;
+  const std::uint32_t place = builder.place("work", "at", "");
+  for (std::size_t i = 0; i < 2 * tracetool::maximumRecords + extra; ++i)
+    builder.record(place, 1, static_cast<std::int64_t>(i), {});
+
+  const auto trace = tracetool::readTrace(builder.bytes()).trace;
+
+  ASSERT_THAT(trace.records, SizeIs(tracetool::maximumRecords));
+  EXPECT_EQ(trace.records.front().time - trace.start,
+            static_cast<std::int64_t>(tracetool::maximumRecords + extra));
+  EXPECT_THAT(trace.skipped, ElementsAre(HasSubstr("The oldest 1000010 records are left out")));
+}
+
 TEST(TraceReader, NamesArgumentsThatDoNotFitTheirPlace) {
   TraceBuilder builder;
   const std::uint32_t place = builder.place("work", "%s and %d", "sd");
