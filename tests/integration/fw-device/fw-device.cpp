@@ -579,55 +579,87 @@ TEST_P(FwDevice, RunRefusesToShowAWritablePathThatIsNotThere) {
       << result.error;
 }
 
-// Where init writes to, a link to something precious of the user's own.
-struct PlantedLink {
-  const char* place;
-  bool toDirectory;
+// Where init writes to.
+constexpr const char* kWrittenDirectories[] = {
+    "/tmp",
+    "/dev/shm",
+    "/var/lib/fw-components",
+    "/prd/usr/fwupdate/controls",
+    "/lib/firmware/ext",
+    "/lib/firmware/ext/tunerfw",
+    "/opt/usr/apps/appbinarymanager",
+    "/etc/fw-update",
+    "/usr/lib",
+    "/usr/share/fw-update/keys",
+    "/maker",
 };
 
-constexpr PlantedLink kPlantedLinks[] = {
-    {"/tmp", true},
-    {"/dev/shm", true},
-    {"/run", true},
-    {"/var/lib/fw-components", true},
-    {"/prd/usr/fwupdate/controls", true},
-    {"/prd/usr/fwupdate/controls/libtuner.so.new", false},
-    {"/lib/firmware/ext", true},
-    {"/lib/firmware/ext/tunerfw", true},
-    {"/lib/firmware/ext/tunerfw/tunerfw.bin.new", false},
-    {"/lib/firmware/ext/tunerfw/info.json.new", false},
-    {"/opt/usr/apps/appbinarymanager", true},
-    {"/opt/usr/apps/appbinarymanager/wifiempfw.img.new", false},
-    {"/etc/fw-update", true},
-    {"/usr/lib", true},
-    {"/usr/lib/libkZAQUser.so.new", false},
-    {"/usr/share/fw-update/keys", true},
-    {"/maker", true},
+constexpr const char* kWrittenFiles[] = {
+    "/.fw-device.new",
+    "/prd/usr/fwupdate/controls/libtuner.so.new",
+    "/lib/firmware/ext/tunerfw/tunerfw.bin.new",
+    "/lib/firmware/ext/tunerfw/info.json.new",
+    "/opt/usr/apps/appbinarymanager/wifiempfw.img.new",
+    "/usr/lib/libkZAQUser.so.new",
 };
 
-TEST_P(FwDevice, InitWritesNothingWhereALinkLeadsOut) {
-  for (const auto& link : kPlantedLinks) {
-    fs::remove_all(device);
+// With something of the user's own that a link of the device leads to.
+class FwDeviceWithALink : public FwDevice {
+ protected:
+  void SetUp() override {
+    FwDevice::SetUp();
+    if (IsSkipped()) {
+      return;
+    }
     makeDevice();
-    const auto precious = home + "/user/precious";
-    fs::remove_all(precious);
-    const std::string plant = "mkdir " + precious + " && echo x >" + precious + "/file && rm -rf " + device +
-                              link.place + " && ln -s " + precious + (link.toDirectory ? " " : "/file ") +
-                              device + link.place;
-    ASSERT_EQ(runProgram({{"sh", "-c", plant}, "/", GetParam(), {}}).exitCode, 0) << link.place;
+    precious = home + "/user/precious";
+    asUser("mkdir " + precious + " && echo x >" + precious + "/file");
+  }
+
+  void asUser(const std::string& script) const {
+    const auto done = runProgram({{"sh", "-c", script}, "/", GetParam(), {}});
+    ASSERT_EQ(done.exitCode, 0) << script << done.error;
+  }
+
+  void expectPreciousUnchanged(const std::string& place) const {
+    EXPECT_EQ(runProgram({{"find", precious, "-printf", "%P\n"}, "/", 0, {}}).output, "\nfile\n") << place;
+    EXPECT_EQ(readFile(precious + "/file"), "x\n") << place;
+  }
+
+  std::string precious;
+};
+
+INSTANTIATE_TEST_SUITE_P(As, FwDeviceWithALink, ::testing::ValuesIn(users()),
+                         [](const auto& user) { return user.param == 0 ? "ThisUser" : "Nobody"; });
+
+TEST_P(FwDeviceWithALink, InitRefusesADirectoryThatLeadsOut) {
+  for (const std::string place : kWrittenDirectories) {
+    const auto link = device + place;
+    asUser("rm -rf " + link + " && mkdir -p $(dirname " + link + ") && ln -s " + precious + " " + link);
 
     const auto result = fwDevice({"init", "--fresh", device});
 
-    EXPECT_EQ(result.exitCode, link.toDirectory ? 1 : 0) << link.place << result.error;
-    EXPECT_EQ(runProgram({{"find", precious, "-printf", "%P\n"}, "/", 0, {}}).output, "\nfile\n")
-        << link.place;
-    EXPECT_EQ(readFile(precious + "/file"), "x\n") << link.place;
-    if (link.toDirectory) {
-      EXPECT_NE(result.error.find(std::string("a link at ") + device + link.place + " leads out of " +
-                                  device + "; remove the link"),
-                std::string::npos)
-          << result.error;
-    }
+    EXPECT_EQ(result.exitCode, 1) << place;
+    EXPECT_NE(
+        result.error.find("a link at " + device + place + " leads out of " + device + "; remove the link"),
+        std::string::npos)
+        << result.error;
+    expectPreciousUnchanged(place);
+    asUser("rm " + link);
+  }
+}
+
+TEST_P(FwDeviceWithALink, InitReplacesAFileThatLeadsOut) {
+  for (const std::string place : kWrittenFiles) {
+    asUser("ln -s " + precious + "/file " + device + place);
+  }
+
+  const auto result = fwDevice({"init", device});
+
+  EXPECT_EQ(result.exitCode, 0) << result.error;
+  expectPreciousUnchanged("files");
+  for (const std::string place : kWrittenFiles) {
+    EXPECT_FALSE(fs::exists(fs::symlink_status(device + place))) << place;
   }
 }
 
