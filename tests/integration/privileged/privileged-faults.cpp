@@ -210,6 +210,15 @@ TEST_F(PrivilegedFaults, TheImageThatWasCheckedIsMountedWhateverHasItsNameByThen
   EXPECT_EQ(Ask(PrivilegedOperation::kUmount, directory_), kDone);
 }
 
+// Beside its file system: nobody can make a writable one of it by changing that.
+TEST_F(PrivilegedFaults, TheMountItselfIsReadOnly) {
+  ASSERT_EQ(AskForMount(), kDone);
+
+  EXPECT_THAT(readFile("/proc/self/mountinfo"), HasSubstr(" " + directory_ + " ro,nosuid,nodev"));
+
+  EXPECT_EQ(Ask(PrivilegedOperation::kUmount, directory_), kDone);
+}
+
 TEST_F(PrivilegedFaults, TheResultOfUnmountingIsTheKernels) {
   ASSERT_EQ(AskForMount(), kDone);
   faults::before["umount2"] = [] { return EIO; };
@@ -369,6 +378,17 @@ TEST_F(LoopNodeFaults, ANodeThatWasReplacedKeepsItsMode) {
     EXPECT_EQ(status.st_mode & 0777U, kMode);
     fs::remove("/dev/loop8");
   }
+}
+
+TEST_F(LoopNodeFaults, ANodeIsForNobodyElseFromTheBeginning) {
+  struct stat status = {};
+  faults::after["mknodat"] = [&] { ASSERT_EQ(stat("/dev/loop8", &status), 0); };
+  const mode_t previous = umask(0);
+
+  EXPECT_EQ(Ask(PrivilegedOperation::kMknod, std::string("-m 0660 -Z * /dev/loop8  b 7 8") + '\0'), kDone);
+
+  umask(previous);
+  EXPECT_EQ(status.st_mode & 0777U, 0660U);
 }
 
 TEST_F(LoopNodeFaults, ANodeThatIsGoneAgainIsAFailure) {
