@@ -108,12 +108,17 @@ char stateOf(int thread) {
   return state;
 }
 
-// The signals, as bits, that a thread of this process does not take when it waits: one
-// that begins takes none for a moment.
-std::uint64_t blockedSignals(int thread) {
+// Until another thread of this process waits for something.
+void awaitSleep(int thread) {
   while (thread != getpid() && stateOf(thread) == 'R') {
     sched_yield();
   }
+}
+
+// The signals, as bits, that a thread of this process does not take when it waits: one
+// that begins takes none for a moment.
+std::uint64_t blockedSignals(int thread) {
+  awaitSleep(thread);
   std::ifstream status("/proc/self/task/" + std::to_string(thread) + "/status");
   for (std::string word; status >> word;) {
     if (word == "SigBlk:") {
@@ -274,7 +279,11 @@ TEST_F(DevicePowerWithLogind, TwoHoldsOfOneProcessNeedTwoUnlocks) {
 TEST_F(DevicePowerWithLogind, NeedsOneThreadHoweverMuchIsHeldAndNoneForNothing) {
   ASSERT_EQ(device_power_lock_state(2, kLong), 0);
   ASSERT_EQ(device_power_lock_state(2, kLong), 0);
-  EXPECT_THAT(numbersIn("/proc/self/task"), SizeIs(2));
+  const std::set<int> threadsWhileHeld = numbersIn("/proc/self/task");
+  EXPECT_THAT(threadsWhileHeld, SizeIs(2));
+  for (const int thread : threadsWhileHeld) {
+    awaitSleep(thread);
+  }
 
   device_power_unlock_state(2);
   device_power_unlock_state(2);
