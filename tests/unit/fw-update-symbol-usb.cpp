@@ -12,6 +12,7 @@
 #include <fstream>
 #include <memory>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "allocation-faults.h"
@@ -989,6 +990,13 @@ constexpr Change Changes[] = {
        DeviceTest::writeFile("/opt/media/other", DeviceTest::readFile(Package));
        fs::rename("/opt/media/other", Package);
      }},
+    {"AnotherDriveTakesItsPlace",  // the open file's own times stay
+     [] {
+       const std::string content = DeviceTest::readFile(Package);
+       fs::remove_all("/opt/media/old");
+       fs::rename(Drive, "/opt/media/old");
+       DeviceTest::writeFile(Package, content);
+     }},
     {"ItsTimeIsSetBack",
      [] {
        flipByte();
@@ -1045,6 +1053,8 @@ TEST_P(ChangedPackage, WhileItIsVerifiedIsRefused) {
   });
 
   expectRefusedAsNotSigned({Signed});
+
+  EXPECT_THAT(recording::calls(), Not(Contains(SetContext))) << "at once, before it is read";
 }
 
 TEST_P(ChangedPackage, BeforeItIsReadIsRefused) {
@@ -1078,6 +1088,30 @@ TEST_P(ChangedPackage, IsRefusedByAVerifierThatSaidNoToo) {
 
 INSTANTIATE_TEST_SUITE_P(UsbPackage, ChangedPackage, ::testing::ValuesIn(Changes),
                          [](const auto& row) { return std::string(row.param.name); });
+
+TEST_F(UsbPackage, IsAnotherFileAlsoWhenThatIsAsLargeAndAsOld) {
+  FWUpdateSymbol symbol = bound();
+  const std::string other = "/opt/media/other/abc.bin";
+  const std::string package = usb::package("2.0", "image");
+  const auto changed = [](const std::string& path) {
+    struct stat status = {};
+    stat(path.c_str(), &status);
+    return std::pair(status.st_ctim.tv_sec, status.st_ctim.tv_nsec);
+  };
+  do {  // until both are of one tick of the kernel's clock
+    writeFile(Package, package);
+    writeFile(other, package);
+  } while (changed(Package) != changed(other));
+  scripted::module("libabc").setContext = [](const char*, int, char*) {
+    fs::rename(Drive, "/opt/media/old");
+    fs::rename("/opt/media/other", "/opt/media/USBDriveA");
+    return 0;
+  };
+
+  EXPECT_EQ(update(symbol), -1);
+
+  EXPECT_EQ(recording::texts().back(), "Error: " + Package + " file is NOT signed");
+}
 
 TEST_F(UsbPackage, MayChangeBetweenTheSteps) {
   FWUpdateSymbol symbol = boundWithPackage("2.0", "first");
