@@ -234,10 +234,13 @@ TEST_F(PartOfAnImage, ThatChangedSinceItWasFinishedIsNotPublished) {
         std::ofstream(kPart, std::ios::app) << "more";
         fs::last_write_time(kPart, time);
       },
-      [] { fs::last_write_time(kPart, fs::file_time_type::clock::now() + std::chrono::hours(1)); },
+      [] { fs::last_write_time(kPart, fs::last_write_time(kPart) + std::chrono::seconds(1)); },
+      [] { fs::last_write_time(kPart, fs::last_write_time(kPart) + std::chrono::nanoseconds(1)); },
       [] {
+        const auto time = fs::last_write_time(kPart);
         fs::remove(kPart);
         writeFile(kPart, "abc");
+        fs::last_write_time(kPart, time);
       },
       [] { fs::create_hard_link(kPart, kDirectory + "other"); },
       [] {

@@ -43,6 +43,7 @@ TEST(DownloadUrl, IsShownWithoutWhatIsSecret) {
 TEST(DownloadUrl, IsOfTheSameServerByNamePortAndScheme) {
   EXPECT_TRUE(SameServer("https://h/a", "https://u:p@h:443/b"));
   EXPECT_FALSE(SameServer("https://h/a", "http://h/a"));
+  EXPECT_FALSE(SameServer("https://h:80/a", "http://h/a"));
   EXPECT_FALSE(SameServer("https://h/a", "https://h:444/a"));
   EXPECT_FALSE(SameServer("https://h/a", "https://g/a"));
   EXPECT_FALSE(SameServer("nonsense://", "nonsense://"));
