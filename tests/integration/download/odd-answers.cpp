@@ -162,6 +162,8 @@ TEST_F(OddAnswers, ADifferentFileIsNeverStitchedOn) {
       range(longer, 100000, 250000),
       range(image, 100001, 200000),
       // as long as what was asked for
+      httpAnswer("206 Partial Content", {kTag, length(100000), "Content-Range: bytes 100000-199999/300000"},
+                 image.substr(100000)),
       httpAnswer("206 Partial Content", {kTag, length(100000), "Content-Range: bytes 99999-199999/200000"},
                  image.substr(99999, 100000)),
       httpAnswer("206 Partial Content", {kTag, length(100000), "Content-Range: bytes 100000-199998/200000"},
