@@ -42,13 +42,6 @@ std::size_t signedSizeOf(unsigned char format, const Algorithm& algorithm) {
   return format == oldFormat ? headerSize : trailerSize - algorithm.signatureSize;
 }
 
-// It becomes a file's name.
-bool isName(const std::string& text) {
-  return !text.empty() && std::all_of(text.begin(), text.end(), [](char c) {
-    return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
-  });
-}
-
 bool isPrintable(const std::string& text) {
   return std::all_of(text.begin(), text.end(), [](char c) { return c >= ' ' && c <= '~'; });
 }
@@ -118,6 +111,12 @@ bool isWellFormed(const Trailer& trailer) {
 
 bool hasFormat(const Algorithm& algorithm, unsigned char format) {
   return format >= algorithm.firstFormat && format <= algorithm.lastFormat;
+}
+
+bool isName(const std::string& text) {
+  return !text.empty() && std::all_of(text.begin(), text.end(), [](char c) {
+    return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+  });
 }
 
 std::size_t Trailer::signedSize() const {

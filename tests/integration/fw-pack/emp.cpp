@@ -53,6 +53,22 @@ TEST_F(ExtensionPackage, HasOtherBytesForAnotherImage) {
   EXPECT_NE(read("one.img"), read("two.img"));
 }
 
+TEST_F(ExtensionPackage, IsNotMadeWhenMksquashfsFails) {
+  for (const std::string end : {"echo no space; exit 1", "echo no space; kill -9 $$"}) {
+    write("bin/mksquashfs", "#!/bin/sh\n" + end + "\n", 0755);
+    const ProgramResult made = runProgram(
+        {{"sh", "-c",
+          "PATH=/tmp/maker/bin:$PATH exec " FW_PACK_PROGRAM
+          " emp image.bin --id tunerempfw --version 1 --expected-time 1 --unsigned -o tunerempfw.img"},
+         kWork,
+         0,
+         {}});
+    EXPECT_EQ(made.exitCode, 1) << end;
+    EXPECT_THAT(made.error, testing::HasSubstr("mksquashfs failed: no space")) << end;
+    EXPECT_FALSE(exists(std::string(kWork) + "tunerempfw.img")) << end;
+  }
+}
+
 TEST_F(ExtensionPackage, NeedsAnIdentifierThatTheLibraryTakes) {
   EXPECT_EQ(make("x.img", "tunerfw").exitCode, 2);
   EXPECT_EQ(make("x.img", "emp").exitCode, 2);

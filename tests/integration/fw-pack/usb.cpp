@@ -137,6 +137,111 @@ TEST_F(MadeUsbPackage, IsVerifiedAgainstThePlatformsKeysByDefault) {
   EXPECT_EQ(run({"verify", "tunerfw.bin"}).exitCode, 0);
 }
 
+TEST_F(MadeUsbPackage, IsVerifiedAgainstTheOneKeyThatIsNamed) {
+  makePackage();
+  write("other.pem", publicPem(fwpack::SigningKey(testSigningKey("ed25519").algorithm())));
+
+  EXPECT_EQ(document({"verify", "tunerfw.bin", "--public-key", "other.pem"}, 3)["verdict"].asString(),
+            "unknown-key");
+  write("other.pem", "no key");
+  EXPECT_THAT(run({"verify", "tunerfw.bin", "--public-key", "other.pem"}).error,
+              HasSubstr("other.pem holds no public key in PEM"));
+}
+
+TEST_F(MadeUsbPackage, StatesWhatItIsFor) {
+  auto command = usbCommand();
+  command.insert(command.end(), {"--model", "set-7", "--minimum-version", "1.5.0"});
+  const auto made = run(command);
+  ASSERT_EQ(made.exitCode, 0) << made.error;
+
+  const Json::Value verified = document({"verify", "tunerfw.bin", "--public-key", "maker.pem"});
+  EXPECT_EQ(verified["format"].asInt(), 2);
+  EXPECT_EQ(verified["for"].asString(), "usb-package");
+  EXPECT_EQ(verified["name"].asString(), "tunerfw");
+  EXPECT_EQ(verified["model"].asString(), "set-7");
+  EXPECT_EQ(verified["version"].asString(), "2.0.0");
+  EXPECT_EQ(verified["minimumVersion"].asString(), "1.5.0");
+  EXPECT_THAT(verify().output, HasSubstr("the signature is valid for tunerfw 2.0.0 on set-7 (ed25519, key "));
+}
+
+TEST_F(MadeUsbPackage, IsForTheNameOfItsFileOrTheOneThatIsGiven) {
+  auto command = usbCommand("any.bin");
+  command.insert(command.end(), {"--name", "tunerfw"});
+  ASSERT_EQ(run(command).exitCode, 0);
+
+  EXPECT_EQ(verify("any.bin").exitCode, 3);
+  EXPECT_THAT(verify("any.bin").error, HasSubstr("the package is for another component: tunerfw 2.0.0 ("));
+  EXPECT_EQ(run({"verify", "any.bin", "--name", "tunerfw", "--public-key", "maker.pem"}).exitCode, 0);
+  fs::rename(std::string(kWork) + "any.bin", std::string(kWork) + "tunerfw.bin");
+  EXPECT_EQ(verify().exitCode, 0);
+
+  // A name that no module can have.
+  EXPECT_EQ(run(usbCommand("tuner-fw.bin")).exitCode, 2);
+  EXPECT_THAT(run(usbCommand("tuner-fw.bin")).error, HasSubstr("not tuner-fw; give it with --name"));
+  EXPECT_FALSE(exists(std::string(kWork) + "tuner-fw.bin"));
+}
+
+TEST_F(MadeUsbPackage, IsNotOlderThanItsOwnMinimum) {
+  auto command = usbCommand();
+  command.insert(command.end(), {"--minimum-version", "2.0.1"});
+  EXPECT_EQ(run(command).exitCode, 2);
+  EXPECT_FALSE(exists(std::string(kWork) + "tunerfw.bin"));
+
+  command.back() = "2.0.0";
+  EXPECT_EQ(run(command).exitCode, 0);
+}
+
+TEST_F(MadeUsbPackage, IsCheckedForAModelOnRequest) {
+  auto command = usbCommand();
+  command.insert(command.end(), {"--model", "set-7"});
+  ASSERT_EQ(run(command).exitCode, 0);
+
+  for (const auto& [model, exitCode] : {std::pair<const char*, int>{"set-7", 0}, {"set-8", 3}}) {
+    EXPECT_EQ(run({"verify", "tunerfw.bin", "--model", model, "--public-key", "maker.pem"}).exitCode,
+              exitCode)
+        << model;
+  }
+}
+
+TEST_F(MadeUsbPackage, OfTheOldFormatStatesNothing) {
+  auto command = usbCommand();
+  command.insert(command.end(), {"--format", "1"});
+  ASSERT_EQ(run(command).exitCode, 0);
+
+  const Json::Value verified = document({"verify", "tunerfw.bin", "--public-key", "maker.pem"});
+  EXPECT_EQ(verified["format"].asInt(), 1);
+  EXPECT_FALSE(verified.isMember("name"));
+  EXPECT_THAT(verify().output, HasSubstr(", format 1)"));
+  // A directory's keys may not sign it unless its list says so.
+  write("keys/maker.pem", read("maker.pem"));
+  EXPECT_EQ(document({"verify", "tunerfw.bin", "--keys", "keys"}, 3)["verdict"].asString(), "old-format");
+  write("keys/format-1", verified["keyId"].asString());
+  EXPECT_EQ(run({"verify", "tunerfw.bin", "--keys", "keys"}).exitCode, 0);
+
+  for (const char* option : {"--name", "--model", "--minimum-version"}) {
+    auto contradicting = command;
+    contradicting.insert(contradicting.end(), {option, "1"});
+    EXPECT_EQ(run(contradicting).exitCode, 2) << option;
+  }
+}
+
+TEST_F(MadeUsbPackage, IsSignedByKeysThatItsFormatHas) {
+  const std::string make = "openssl genrsa -primes 3 -out maker.key ";
+  ASSERT_EQ(runProgram({{"sh", "-c", make + "4096 2>/dev/null"}, kWork, 0, {}}).exitCode, 0);
+  EXPECT_THAT(run(usbCommand()).error,
+              HasSubstr("format 2 cannot be signed with an rsa-4096 key; use a key of ed25519 or rsa-3072"));
+
+  ASSERT_EQ(runProgram({{"sh", "-c", make + "3072 2>/dev/null"}, kWork, 0, {}}).exitCode, 0);
+  auto command = usbCommand();
+  command.insert(command.end(), {"--format", "1"});
+  EXPECT_THAT(run(command).error,
+              HasSubstr("format 1 cannot be signed with an rsa-3072 key; use a key of rsa-4096 or ed25519"));
+  auto tooLong = usbCommand();
+  tooLong.insert(tooLong.end(), {"--model", std::string(120, 'm')});
+  EXPECT_THAT(run(tooLong).error, HasSubstr("together they may have 124 characters"));
+  EXPECT_FALSE(exists(std::string(kWork) + "tunerfw.bin"));
+}
+
 TEST_F(MadeUsbPackage, IsRefusedWhenAltered) {
   const std::string package = makePackage();
   for (const std::size_t at : {std::size_t{0}, std::size_t{5000}, package.size() - kTrailer,

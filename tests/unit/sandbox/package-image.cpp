@@ -50,6 +50,40 @@ TEST_F(PackageImage, IsTheSameWhateverTheTimesAndModesOfTheFiles) {
   EXPECT_TRUE(readFile("/tmp/one.img") == readFile("/tmp/two.img"));
 }
 
+// In PATH before the real one; writes half of an image.
+class BrokenMksquashfs : public PackageImage {
+ protected:
+  void install(const std::string& end) {
+    writeFile("/tmp/bin/mksquashfs", "#!/bin/sh\necho half >\"$2\"\n" + end + "\n");
+    fs::permissions("/tmp/bin/mksquashfs", fs::perms(0755));
+    setenv("PATH", ("/tmp/bin:" + path_).c_str(), 1);
+  }
+  void TearDown() override { setenv("PATH", path_.c_str(), 1); }
+
+ private:
+  const std::string path_ = getenv("PATH");
+};
+
+TEST_F(BrokenMksquashfs, MakesNoImage) {
+  writeFile("/tmp/folder/tunerfw.bin", "firmware");
+  for (const char* end : {"exit 1", "kill -9 $$"}) {
+    install(end);
+    EXPECT_THROW(sandbox::packFolder("/tmp/folder", "/tmp/made.img"), std::runtime_error) << end;
+    EXPECT_FALSE(exists("/tmp/made.img")) << end;
+    EXPECT_FALSE(exists("/tmp/made.img.new")) << end;
+  }
+}
+
+TEST_F(BrokenMksquashfs, LeavesTheOldImage) {
+  writeFile("/tmp/folder/tunerfw.bin", "firmware");
+  writeFile("/tmp/made.img", "old");
+  install("exit 1");
+
+  EXPECT_THROW(sandbox::packFolder("/tmp/folder", "/tmp/made.img"), std::runtime_error);
+
+  EXPECT_EQ(readFile("/tmp/made.img"), "old");
+}
+
 TEST_F(PackageImage, LeavesNothingElseBehind) {
   write("/tmp/packages");
   write("/tmp/packages");

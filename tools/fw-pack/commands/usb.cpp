@@ -7,6 +7,7 @@
 #include "../commands.h"
 #include "../package-cipher.h"
 #include "../signing.h"
+#include "version-order.h"
 
 namespace fwpack {
 namespace {
@@ -35,6 +36,17 @@ void requireFormatForOptions(const Options& options) {
   if (options.format == fwpackage::oldFormat && states) {
     throw Failure(ExitCode::Usage,
                   "a package of format 1 states no name, model or minimum version; leave these options out");
+  }
+}
+
+void requireSense(const fwpackage::Statements& statements) {
+  if (!fwpackage::isName(statements.name)) {
+    throw Failure(ExitCode::Usage, "a firmware name has ASCII letters and digits only, not " +
+                                       statements.name + "; give it with --name");
+  }
+  if (fwpackage::isOlder(statements.version, statements.minimumVersion)) {
+    throw Failure(ExitCode::Usage, "version " + statements.version +
+                                       " is older than its own minimum version " + statements.minimumVersion);
   }
 }
 
@@ -69,6 +81,9 @@ ExitCode runUsb(const Options& options) {
   const SigningKey signer(pem, options.signingKeyFile);
   const auto format = static_cast<unsigned char>(options.format);
   const fwpackage::Statements statements = statementsOf(options);
+  if (format != fwpackage::oldFormat) {
+    requireSense(statements);
+  }
   signer.requireRoom(format, statements);
   const InputFile image(options.input);
   requireUsableSize(image);

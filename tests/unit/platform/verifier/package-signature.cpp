@@ -426,6 +426,14 @@ TEST_F(KeyDirectory, GivesTrustInItsKeysAndLists) {
   EXPECT_EQ(trust.minimumVersion("tunerfw").state, MinimumVersion::State::None);
 }
 
+TEST_F(KeyDirectory, GivesNoKeyFromAFileThatIsTooLarge) {
+  write("maker.pem", publicPem(maker()) + std::string(60000, '\n'));
+  EXPECT_TRUE(finds(maker()));
+
+  write("maker.pem", publicPem(maker()) + std::string(70000, '\n'));
+  EXPECT_FALSE(finds(maker()));
+}
+
 TEST_F(KeyDirectory, HoldsNoPrivateKeysAndAsksForNoPassPhrase) {
   fwpack::OutputFile file(path("secret.pem"), fwpack::secretMode);
   maker().writePrivatePem(file);

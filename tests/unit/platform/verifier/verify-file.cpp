@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <new>
 #include <stdexcept>
 #include <string>
 
@@ -37,6 +38,8 @@ constexpr std::size_t kTrailer = 534;
 // A read of the byte at this offset fails.
 std::atomic<std::int64_t> failingAt{INT64_MAX};
 std::atomic<std::int64_t> bytesRead{0};
+// One from this offset throws.
+std::atomic<std::int64_t> throwingAt{-1};
 
 }  // namespace
 
@@ -50,6 +53,9 @@ extern "C" __attribute__((visibility("default"))) ssize_t pread64(int file, void
     errno = EIO;
     return -1;
   }
+  if (offset == throwingAt) {
+    throw std::bad_alloc();
+  }
   const ssize_t got = real(file, buffer, size, offset);
   bytesRead += got > 0 ? got : 0;
   return got;
@@ -62,6 +68,7 @@ class Verifier : public DeviceTest {
   void SetUp() override {
     DeviceTest::SetUp();
     failingAt = INT64_MAX;
+    throwingAt = -1;
     library = dlopen(VERIFIER_LIBRARY, RTLD_LAZY);
     ASSERT_NE(library, nullptr) << dlerror();
     verifyFile = reinterpret_cast<int (*)(int, const char*, const char*)>(dlsym(library, "verifyFile"));
@@ -420,6 +427,36 @@ TEST_F(Verifier, RefusesAPackageThatCannotBeReadToTheEnd) {
   for (const std::int64_t offset : {0, 1, 65536, 200000, 299999, 300000}) {
     failingAt = offset;
     EXPECT_FALSE(accepts()) << offset;
+  }
+}
+
+// Whatever goes wrong inside: memory, OpenSSL.
+TEST_F(Verifier, RefusesAPackageWhenAnExceptionEndsTheCheck) {
+  const std::string package = smallPackage(installKey());
+  ASSERT_TRUE(acceptsContent(package));
+
+  for (const std::int64_t offset : {std::int64_t{0}, static_cast<std::int64_t>(package.size() - kTrailer)}) {
+    throwingAt = offset;
+    EXPECT_FALSE(accepts()) << offset;
+  }
+  throwingAt = -1;
+  EXPECT_TRUE(accepts());
+}
+
+TEST_F(Verifier, LeavesTheCallersErrorsAsTheyAre) {
+  const std::string package = smallPackage(installKey());
+  std::string altered = package;
+  altered[20] = '!';
+  writeFile("/usr/share/fw-update/keys/a.pem",
+            "-----BEGIN PUBLIC KEY-----\nAAAA\n-----END PUBLIC KEY-----\n");
+  for (const std::string& content : {package, altered}) {
+    ERR_clear_error();
+    ERR_raise(ERR_LIB_USER, 77);
+
+    acceptsContent(content);
+
+    EXPECT_EQ(ERR_GET_REASON(ERR_get_error()), 77);
+    EXPECT_EQ(ERR_get_error(), 0U);
   }
 }
 

@@ -1,0 +1,69 @@
+#include "child-program.h"
+
+#include <gmock/gmock.h>
+
+#include <cstdlib>
+#include <string>
+
+#include "exit-code.h"
+
+namespace {
+
+using fwpack::Failure;
+using ::testing::HasSubstr;
+using ::testing::ThrowsMessage;
+
+struct Ended {
+  bool well = false;
+  std::string output;
+};
+
+Ended runShell(const std::string& script) {
+  Ended ended;
+  ended.well =
+      fwpack::runProgram({"sh", "-c", script}, "dash", [&](const unsigned char* bytes, std::size_t size) {
+        ended.output.append(reinterpret_cast<const char*>(bytes), size);
+      });
+  return ended;
+}
+
+TEST(ChildProgram, EndsWellWithExitCode0Alone) {
+  EXPECT_TRUE(runShell("exit 0").well);
+  EXPECT_FALSE(runShell("exit 1").well);
+  EXPECT_FALSE(runShell("exit 127").well);
+  EXPECT_FALSE(runShell("kill -9 $$").well);
+}
+
+TEST(ChildProgram, GivesItsStandardOutputAlone) {
+  const Ended ended = runShell("echo one; echo two >&2; echo three");
+
+  EXPECT_EQ(ended.output, "one\nthree\n");
+}
+
+TEST(ChildProgram, GivesMoreThanAPipeHolds) {
+  EXPECT_EQ(runShell("head -c 300000 /dev/zero").output.size(), 300000U);
+}
+
+TEST(ChildProgram, HasNoInput) {
+  EXPECT_EQ(runShell("cat; echo end").output, "end\n");
+}
+
+TEST(ChildProgram, IsToldNoTime) {
+  setenv("SOURCE_DATE_EPOCH", "5", 1);
+  setenv("SOURCE_DATE", "6", 1);
+
+  EXPECT_EQ(runShell("echo ${SOURCE_DATE_EPOCH-none} ${SOURCE_DATE-none}").output, "none 6\n");
+}
+
+TEST(ChildProgram, ThatIsMissingIsNamedWithItsPackage) {
+  EXPECT_THAT(
+      [] {
+        fwpack::runProgram({"no-such-program"}, "its-package", [](const unsigned char*, std::size_t) {});
+      },
+      ThrowsMessage<Failure>(HasSubstr("no-such-program cannot be run: No such file or directory; "
+                                       "install its-package")));
+  EXPECT_THAT([] { fwpack::runProgram({"/"}, "its-package", [](const unsigned char*, std::size_t) {}); },
+              ThrowsMessage<Failure>(testing::Not(HasSubstr("install"))));
+}
+
+}  // namespace

@@ -1,0 +1,299 @@
+#include "files.h"
+
+#include <gmock/gmock.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <string>
+
+#include "exit-code.h"
+#include "interruption.h"
+#include "limited-resource.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+// Called whenever a file is put on the disk.
+std::function<void()> onSync;
+int syncs = 0;
+
+}  // namespace
+
+// Takes the place of the C library's, and does the same.
+extern "C" int fsync(int file) {
+  ++syncs;
+  if (onSync) {
+    onSync();
+  }
+  return static_cast<int>(syscall(SYS_fsync, file));
+}
+
+namespace {
+
+constexpr std::uint32_t kCheckCrc = 0x6A50465CU;  // of "123456789"
+
+using fwpack::Existing;
+using fwpack::Failure;
+using fwpack::InputFile;
+using fwpack::OutputFile;
+using ::testing::HasSubstr;
+using ::testing::ThrowsMessage;
+
+class Files : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    onSync = nullptr;
+    syncs = 0;
+  }
+  std::string path(const std::string& name) const { return directory_.path() + "/" + name; }
+  void put(const std::string& name, const std::string& content) const {
+    std::ofstream(path(name), std::ios::binary) << content;
+  }
+  std::string content(const std::string& name) const {
+    std::ifstream file(path(name), std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+  }
+  std::size_t count() const {
+    return static_cast<std::size_t>(
+        std::distance(fs::directory_iterator(directory_.path()), fs::directory_iterator()));
+  }
+
+ private:
+  const fwpack::TemporaryDirectory directory_;
+};
+
+template <typename Act>
+void expectFailure(const Act& act, const std::string& sentence) {
+  EXPECT_THAT(act, ThrowsMessage<Failure>(HasSubstr(sentence)));
+}
+
+std::string readPart(const InputFile& file, std::uint64_t offset, std::uint64_t size) {
+  std::string text;
+  file.read(offset, size, [&](const unsigned char* bytes, std::size_t count) {
+    text.append(reinterpret_cast<const char*>(bytes), count);
+  });
+  return text;
+}
+
+TEST_F(Files, AreReadInPartsAndAsAWhole) {
+  put("file", "0123456789");
+  const InputFile file(path("file"));
+
+  EXPECT_EQ(file.size(), 10U);
+  EXPECT_EQ(readPart(file, 0, 10), "0123456789");
+  EXPECT_EQ(readPart(file, 3, 4), "3456");
+  EXPECT_EQ(readPart(file, 5, 0), "");
+  EXPECT_EQ(file.text(8, 100), "89");
+  EXPECT_EQ(file.text(10, 100), "");
+  EXPECT_EQ(file.text(11, 100), "");
+}
+
+TEST_F(Files, OfManyBlocksAreReadToTheLastByte) {
+  std::string large;
+  for (int i = 0; large.size() < 200001; ++i) {
+    large += std::to_string(i);
+  }
+  put("file", large);
+  const InputFile file(path("file"));
+
+  EXPECT_EQ(readPart(file, 0, large.size()), large);
+  EXPECT_EQ(readPart(file, 65535, 65538), large.substr(65535, 65538));
+}
+
+TEST_F(Files, ThatBecomeShorterAreNoInput) {
+  put("file", std::string(100000, 'x'));
+  const InputFile file(path("file"));
+  fs::resize_file(path("file"), 70000);
+
+  expectFailure([&] { readPart(file, 0, 100000); }, "became shorter while it was read");
+}
+
+TEST_F(Files, ThatAreNoneAreNoInput) {
+  ASSERT_EQ(mkfifo(path("fifo").c_str(), 0600), 0);
+
+  expectFailure([&] { InputFile file(path("absent")); }, "cannot be read: No such file");
+  expectFailure([&] { InputFile file(path("fifo")); }, "is no regular file");
+  expectFailure([&] { InputFile file(path(".")); }, "is no regular file");
+}
+
+TEST_F(Files, ThatAreRefusedAreClosed) {
+  const auto open = [] {
+    return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
+  };
+  const auto before = open();
+
+  expectFailure([&] { InputFile file(path(".")); }, "is no regular file");
+  put("file", "x");
+  { const InputFile file(path("file")); }
+
+  EXPECT_EQ(open(), before);
+}
+
+TEST_F(Files, AppearWhenTheyAreCommitted) {
+  OutputFile file(path("file"), 0640);
+  file.write("some ");
+  file.write("text");
+  EXPECT_FALSE(fs::exists(path("file")));
+
+  file.commit();
+
+  EXPECT_EQ(content("file"), "some text");
+  EXPECT_EQ(static_cast<unsigned int>(fs::status(path("file")).permissions()), 0640U);
+  EXPECT_EQ(count(), 1U);
+}
+
+TEST_F(Files, AreOnTheDiskBeforeTheyAppear) {
+  bool there = true;
+  onSync = [&] { there = fs::exists(path("file")); };
+  OutputFile file(path("file"), 0644);
+  file.write("text");
+
+  file.commit();
+
+  EXPECT_GE(syncs, 1);
+  EXPECT_FALSE(there);
+}
+
+TEST_F(Files, ThatAreNotCommittedLeaveNothing) {
+  put("file", "old");
+  {
+    OutputFile file(path("file"), 0644);
+    file.write("new");
+  }
+
+  EXPECT_EQ(content("file"), "old");
+  EXPECT_EQ(count(), 1U);
+}
+
+TEST_F(Files, AreReplacedOrKept) {
+  put("file", "old");
+  expectFailure([&] { OutputFile file(path("file"), 0644, Existing::Keep); },
+                "is there already and is not overwritten");
+
+  OutputFile file(path("file"), 0644);
+  file.write("new");
+  file.commit();
+
+  EXPECT_EQ(content("file"), "new");
+}
+
+TEST_F(Files, ThatAppearMeanwhileAreKept) {
+  OutputFile file(path("file"), 0644, Existing::Keep);
+  put("file", "precious");
+
+  expectFailure([&] { file.commit(); }, "is there already and is not overwritten");
+
+  EXPECT_EQ(content("file"), "precious");
+}
+
+// After the last look at what stands there.
+TEST_F(Files, ThatAppearAtTheLastMomentAreKept) {
+  OutputFile file(path("file"), 0644, Existing::Keep);
+  onSync = [&] { put("file", "precious"); };
+
+  expectFailure([&] { file.commit(); }, "cannot be written: File exists");
+
+  EXPECT_EQ(content("file"), "precious");
+}
+
+TEST_F(Files, ReplaceNothingButFiles) {
+  fs::create_symlink("/nowhere", path("link"));
+  fs::create_directory(path("directory"));
+  expectFailure([&] { OutputFile file(path("link"), 0644); }, "is no regular file");
+  expectFailure([&] { OutputFile file(path("directory"), 0644); }, "is no regular file");
+
+  OutputFile file(path("file"), 0644);
+  ASSERT_EQ(mkfifo(path("file").c_str(), 0600), 0);
+  expectFailure([&] { file.commit(); }, "is no regular file");
+  EXPECT_TRUE(fs::is_fifo(path("file")));
+}
+
+TEST_F(Files, ThatCannotBeWrittenFail) {
+  expectFailure([&] { OutputFile file(path("absent/file"), 0644); }, "cannot be written: No such file");
+
+  OutputFile file(path("file"), 0644);
+  std::string sentence;
+  {
+    const auto full = LimitedResource::fileSize(10);
+    try {
+      file.write(std::string(20, 'x'));
+    } catch (const Failure& failure) {
+      sentence = failure.what();
+    }
+  }
+  EXPECT_THAT(sentence, HasSubstr("cannot be written: File too large"));
+}
+
+TEST_F(Files, AreCopied) {
+  put("from", std::string(100000, 'c'));
+
+  fwpack::copyFile(InputFile(path("from")), path("to"));
+
+  EXPECT_EQ(content("to"), std::string(100000, 'c'));
+  EXPECT_EQ(static_cast<unsigned int>(fs::status(path("to")).permissions()), 0644U);
+}
+
+TEST_F(Files, HaveTheChecksumOfTheDescription) {
+  put("check", "123456789");
+  put("empty", "");
+
+  EXPECT_EQ(fwpack::imageCrc(InputFile(path("check"))), kCheckCrc);
+  EXPECT_EQ(fwpack::imageCrc(InputFile(path("empty"))), 0U);
+}
+
+TEST(TemporaryDirectory, IsGoneWithWhatIsInIt) {
+  std::string path;
+  {
+    const fwpack::TemporaryDirectory directory;
+    path = directory.path();
+    std::ofstream(path + "/file") << "x";
+    EXPECT_TRUE(fs::is_directory(path));
+  }
+
+  EXPECT_FALSE(fs::exists(path));
+}
+
+// Last in the file: from then on the process is interrupted. Each test has its own.
+TEST_F(Files, AreNeitherReadNorCommittedAfterAnInterruption) {
+  put("file", "x");
+  const InputFile input(path("file"));
+  OutputFile output(path("new"), 0644);
+  fwpack::catchInterruptions();
+
+  std::raise(SIGTERM);
+
+  EXPECT_THROW(readPart(input, 0, 1), tool::Interrupted);
+  EXPECT_THROW(output.commit(), tool::Interrupted);
+  EXPECT_FALSE(fs::exists(path("new")));
+}
+
+TEST(Interruption, ThatIsIgnoredStaysIgnored) {
+  std::signal(SIGHUP, SIG_IGN);
+  fwpack::catchInterruptions();
+
+  std::raise(SIGHUP);
+
+  EXPECT_NO_THROW(fwpack::endIfInterrupted());
+}
+
+TEST(Interruption, TellsItsSignal) {
+  fwpack::catchInterruptions();
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+    std::raise(signal);
+    try {
+      fwpack::endIfInterrupted();
+      ADD_FAILURE() << signal;
+    } catch (const tool::Interrupted& interrupted) {
+      EXPECT_EQ(interrupted.signal(), signal);
+    }
+  }
+}
+
+}  // namespace
