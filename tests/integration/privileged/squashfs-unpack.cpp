@@ -116,7 +116,7 @@ TEST_F(SquashfsUnpack, HasALimitUnlessItIsTold) {
 }
 
 TEST_F(SquashfsUnpack, EndsAnUnpackerThatHangs) {
-  const TemporaryMount unpacker = UnpackWith("trap '' TERM; sleep 30; exit 0");
+  const TemporaryMount unpacker = UnpackWith("exec sleep 30");
   UnpackLimits limits;
   limits.milliseconds = 100;
 
@@ -145,7 +145,7 @@ TEST_F(SquashfsUnpack, GivesTheUnpackerNoOtherDescriptorsAndNoEnvironment) {
   // A shell without variables of its own invention, and without its script's descriptor.
   const TemporaryMount unpacker = UnpackWith(
       "ls /proc/self/fd >descriptors\nreadlink /proc/self/fd/* >links\n"
-      "cat /proc/self/environ >environment");
+      "cat /proc/self/environ >environment\nreadlink /proc/$$/fd/0 >input");
 
   ASSERT_EQ(Unpack(), 0) << reason_;
 
@@ -153,6 +153,7 @@ TEST_F(SquashfsUnpack, GivesTheUnpackerNoOtherDescriptorsAndNoEnvironment) {
   EXPECT_THAT(Unpacked("descriptors"), Not(HasSubstr(std::to_string(left))));
   EXPECT_THAT(Unpacked("links"), HasSubstr(name_ + ".img"));
   EXPECT_THAT(Unpacked("links"), HasSubstr("memfd:unsquashfs"));
+  EXPECT_THAT(Unpacked("input"), HasSubstr("memfd:unsquashfs")) << "nothing to read, and not the service's";
   EXPECT_THAT(Unpacked("environment"), HasSubstr("LC_ALL=C"));
   EXPECT_THAT(Unpacked("environment"), Not(HasSubstr("HOME=")));
   close(left);
