@@ -327,6 +327,13 @@ TEST_F(OddAnswers, AStallIsTakenUpAgain) {
   EXPECT_THAT(server.requests().back(), HasSubstr("Range: bytes=100000-\r\n"));
 }
 
+TEST_F(OddAnswers, StallsWhereEverySpeedIsGoodEnough) {
+  OddServer server({{firstHalf(image), false}});
+  configure(server.url(), "stall_timeout_s = 1\nmin_speed_kib_s = 0\nmax_retries = 0");
+
+  expectFailure(download(), "stalled", "sent nothing for 1 s");
+}
+
 TEST_F(OddAnswers, TwoLengthsThatDiffer) {
   OddServer server({{httpAnswer("200 OK", {length(100), length(image.size()), kTag}, image)},
                     {httpAnswer("200 OK", {length(image.size()), length(image.size()), kTag}, image)}});

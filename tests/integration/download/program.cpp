@@ -118,16 +118,20 @@ TEST_F(DownloadProgram, GoesOnWhenNobodyReadsItsAnswer) {
 
 TEST_F(DownloadProgram, MakesFilesThatEverybodyMayReadAndNobodyElseWrite) {
   configure("file://" + serveFile(kWifi + ".img", makeImage(1000)));
+  for (const std::string mask : {"0", "077"}) {
+    fs::remove_all("/run/fw-download");
+    fs::remove(kImage);
 
-  const auto result =
-      runProgram({{"sh", "-c", "umask 0; exec " FW_DOWNLOAD_PROGRAM " wifiempfw"}, "/", 0, {}});
+    const auto result =
+        runProgram({{"sh", "-c", "umask " + mask + "; exec " FW_DOWNLOAD_PROGRAM " wifiempfw"}, "/", 0, {}});
 
-  EXPECT_EQ(result.exitCode, 0);
-  for (const std::string& file : {kImage, std::string("/run/fw-download/wifiempfw.json"),
-                                  std::string("/run/fw-download/wifiempfw.lock")}) {
-    struct stat status = {};
-    ASSERT_EQ(stat(file.c_str(), &status), 0) << file;
-    EXPECT_EQ(status.st_mode & 0777U, 0644U) << file;
+    EXPECT_EQ(result.exitCode, 0);
+    for (const std::string& file : {kImage, std::string("/run/fw-download/wifiempfw.json"),
+                                    std::string("/run/fw-download/wifiempfw.lock")}) {
+      struct stat status = {};
+      ASSERT_EQ(stat(file.c_str(), &status), 0) << file;
+      EXPECT_EQ(status.st_mode & 0777U, 0644U) << file << " with " << mask;
+    }
   }
 }
 
