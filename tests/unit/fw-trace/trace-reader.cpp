@@ -106,6 +106,19 @@ TEST(TraceReader, LeavesOutADamagedRecordAndFindsTheNext) {
   EXPECT_THAT(skipped, ElementsAre(HasSubstr("32 bytes")));
 }
 
+TEST(TraceReader, LeavesOutARecordThatWasNotWrittenToItsEnd) {
+  const TraceBuilder builder = tenRecords();
+  std::string bytes = builder.bytes();
+  put(bytes, builder.ringOffset() + 16, 10 * recordSize - 8);  // head
+
+  std::vector<std::string> skipped;
+  const auto texts = textsOf(bytes, &skipped);
+
+  ASSERT_THAT(texts, SizeIs(9));
+  EXPECT_EQ(texts.back(), "number 8");
+  EXPECT_THAT(skipped, ElementsAre(HasSubstr("24 bytes")));
+}
+
 TEST(TraceReader, LeavesOutARingWhoseEndsMakeNoSense) {
   const TraceBuilder builder = tenRecords();
   for (const std::uint64_t head : {std::uint64_t{321}, std::uint64_t{1} << 60, ~std::uint64_t{0}}) {

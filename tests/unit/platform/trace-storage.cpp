@@ -29,6 +29,7 @@
 #include "message.h"
 #include "thoroughness.h"
 #include "trace-store.h"
+#include "trace/trace-directory.h"
 #include "trace/trace-format.h"
 
 namespace {
@@ -601,6 +602,93 @@ TEST_F(TraceStorageTest, FollowsNoLinkOfItsOwnName) {
   ASSERT_EQ(lstat(OnlyTrace().path.c_str(), &status), 0);
   EXPECT_TRUE(S_ISREG(status.st_mode));
   EXPECT_EQ(status.st_mode & 0007, 0U);
+}
+
+// An updating process must not hang because somebody wrote into its file.
+TEST_F(TraceStorageTest, GoesOnWhenItsOldestRecordHasADamagedSize) {
+  setenv("FW_UPDATE_TRACE_THREAD_KIB", "64", 1);
+  for (const std::uint32_t size : {0U, 7U, 64U * 1024, 0xFFFFFFF8U}) {
+    fs::remove_all(traces_);
+
+    const int result = InChild([this, size] {
+      alarm(20);
+      const std::uint32_t location = RegisterNumber();
+      for (std::uint32_t i = 0; i < 3000; ++i) {
+        Write(location, Int(i));
+      }
+      const int file = open(OnlyTrace().path.c_str(), O_RDWR);
+      for (off_t at = 64 * 1024 + 64; at < 128 * 1024; at += 8) {
+        ASSERT_EQ(pwrite(file, &size, sizeof size, at), static_cast<ssize_t>(sizeof size));
+      }
+      close(file);
+      for (std::uint32_t i = 0; i < 3000; ++i) {
+        EXPECT_TRUE(Write(location, Int(i)));
+      }
+    });
+
+    EXPECT_EQ(result, 0) << size;
+    EXPECT_EQ(OnlyTrace().trace.records.back().payload, Int(2999)) << size;
+  }
+}
+
+TEST_F(TraceStorageTest, LetsOneMessageTakeHalfOfARing) {
+  setenv("FW_UPDATE_TRACE_THREAD_KIB", "64", 1);
+  constexpr std::size_t kLargest = (64 * 1024 - 64) / 2 - 24;
+
+  const int result = InChild([] {
+    const std::uint32_t location = RegisterNumber();
+    EXPECT_TRUE(Write(location, std::string(kLargest, 'x')));
+    EXPECT_FALSE(Write(location, std::string(kLargest + 1, 'x')));
+  });
+
+  EXPECT_EQ(result, 0);
+  EXPECT_EQ(OnlyTrace().trace.records.back().payload.size(), kLargest);
+  EXPECT_EQ(OnlyTrace().trace.dropped, 1U);
+}
+
+int TraceDescriptors() {
+  int count = 0;
+  for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
+    std::error_code gone;
+    count += fs::read_symlink(entry.path(), gone).extension() == ".fwtrace" ? 1 : 0;
+  }
+  return count;
+}
+
+TEST_F(TraceStorageTest, LeavesAForkedChildNoDescriptorOfItsParents) {
+  const int result = InChild([] {
+    Write(RegisterNumber(), Int(1));
+    EXPECT_EQ(TraceDescriptors(), 1);
+    EXPECT_EQ(Wait(Start([] { EXPECT_EQ(TraceDescriptors(), 0); })), 0);
+  });
+
+  EXPECT_EQ(result, 0);
+}
+
+TEST_F(TraceStorageTest, MakesItsFileBesideALinkOfThatName) {
+  const fwplatform::UniqueFd directory = OpenTraceDirectory(traces_);
+  const std::string start = traces_ + "/service-" + std::to_string(getpid()) + "-";
+  fs::create_symlink(directory_ + "/elsewhere", start + "5.fwtrace");
+
+  const fwplatform::UniqueFd file = CreateTraceFile(directory.get(), "service", 5000000);
+
+  ASSERT_TRUE(file);
+  struct stat status = {};
+  EXPECT_EQ(fstat(file.get(), &status), 0);
+  EXPECT_EQ(status.st_mode & 0137U, 0U);
+  EXPECT_NE(fcntl(file.get(), F_GETFD) & FD_CLOEXEC, 0);
+  EXPECT_TRUE(fs::exists(start + "6.fwtrace"));
+  EXPECT_FALSE(fs::exists(directory_ + "/elsewhere"));
+}
+
+TEST_F(TraceStorageTest, ReadsRegularFilesAlone) {
+  const std::string fifo = directory_ + "/fifo.fwtrace";
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+
+  EXPECT_EQ(tracetool::loadTrace(fifo).problem, "This is no file.");
+  EXPECT_EQ(tracetool::loadTrace(directory_).problem, "This is no file.");
+  EXPECT_EQ(tracetool::loadTrace(directory_ + "/missing").problem,
+            "The file cannot be opened: No such file or directory.");
 }
 
 // ---- Bytes ----------------------------------------------------------------------

@@ -177,6 +177,17 @@ TEST_F(DeviceNamespace, KeepsMountsToItself) {
   EXPECT_EQ(sandbox::mountPoints(), before);
 }
 
+TEST_F(DeviceNamespace, HasNamespacesOfItsOwn) {
+  EXPECT_EQ(inChild([] {
+              const auto mounts = fs::read_symlink("/proc/self/ns/mnt");
+              const auto communication = fs::read_symlink("/proc/self/ns/ipc");
+              sandbox::enterDevice({});
+              return fs::read_symlink("/proc/self/ns/mnt") != mounts &&
+                     fs::read_symlink("/proc/self/ns/ipc") != communication;
+            }),
+            kTrue);
+}
+
 TEST_F(DeviceNamespace, SharesSemaphoresBetweenProcessesInOneDirectory) {
   const auto semaphoreValue = [](unsigned initial) {
     sem_t* semaphore = sem_open("/SEM_UPDATE_CONTROL", O_CREAT, 0600, initial);
