@@ -222,6 +222,7 @@ KEPT = (
     "/run/fw-lwipc",
     "/run/fw-lwipc/%2Ftmp%2F.ignore_resume",
     "/run/fw-update",
+    "/run/fw-update/recovery.lock",
     "/run/fw-update/update-all.lock",
     "/run/fw-privileged.sock",
 )

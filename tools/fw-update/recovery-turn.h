@@ -1,6 +1,6 @@
 // The right to give the update lock back from outside the library: one process of the
-// device at a time has it. The kernel takes it back however the process ends, and no
-// file is left of it. For one thread.
+// device at a time has it. The kernel takes it back however the process ends; an empty
+// file stays in the run directory. For one thread.
 #ifndef FW_UPDATE_TOOL_RECOVERY_TURN_H
 #define FW_UPDATE_TOOL_RECOVERY_TURN_H
 
@@ -16,7 +16,7 @@ class RecoveryTurn {
   explicit RecoveryTurn(std::chrono::milliseconds patience);
 
   bool isTaken() const { return taken; }
-  // Not when there is no directory for locks: then there is no lock either.
+  // Not when there is no place for locks: then there is no lock either.
   bool isRefused() const { return file && !taken; }
 
   // The turn goes on in a program that this process becomes, which gets the descriptor.

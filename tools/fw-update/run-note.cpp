@@ -13,27 +13,18 @@
 #include <memory>
 #include <utility>
 
+#include "run-directory.h"
 #include "update-lock.h"
 
 namespace tool {
 namespace {
 
-constexpr const char* noteDirectory = "/run/fw-update";
+using fwplatform::UniqueFd;
+
 constexpr const char* lockFile = "update-all.lock";
 constexpr const char* noteFile = "update-all.json";
 constexpr const char* unfinishedFile = "update-all.json.new";
 constexpr std::size_t greatestNote = std::size_t{1024} * 1024;
-
-int openDirectory() {
-  const int descriptor = open(noteDirectory, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-  struct stat status {};
-  if (descriptor >= 0 && fstat(descriptor, &status) == 0 &&
-      (status.st_uid == 0 || status.st_uid == geteuid()) && (status.st_mode & 022) == 0)
-    return descriptor;
-  if (descriptor >= 0)
-    close(descriptor);
-  return -1;
-}
 
 bool writeAll(int file, const std::string& text) {
   for (std::size_t at = 0; at < text.size();) {
@@ -100,25 +91,21 @@ Finding describe(const Json::Value& note) {
 
 }  // namespace
 
-RunNote::RunNote(std::vector<std::string> names) : libraries(std::move(names)) {
-  mkdir(noteDirectory, 0755);
-  directory = openDirectory();
-  if (directory < 0)
-    return;  // a run without a note is better than none
-  lock = openat(directory, lockFile, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644);
-  busy = lock >= 0 && flock(lock, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
-  if (!busy)
-    write(0);
+// A run without a note is better than none.
+RunNote::RunNote() : directory(makeRunDirectory()) {
+  if (directory)
+    lock = openOwnLockFile(directory, lockFile);
+  busy = lock && flock(lock.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
 }
 
 // An exception that ends the command is told by the command itself.
 RunNote::~RunNote() {
   if (std::uncaught_exceptions() > exceptionsBefore)
     finished();
-  if (lock >= 0)
-    close(lock);
-  if (directory >= 0)
-    close(directory);
+}
+
+void RunNote::runStarted(std::vector<std::string> names) {
+  moduleStarted(0, std::move(names));
 }
 
 void RunNote::moduleStarted(std::size_t number, std::vector<std::string> names) {
@@ -127,46 +114,42 @@ void RunNote::moduleStarted(std::size_t number, std::vector<std::string> names) 
 }
 
 void RunNote::finished() {
-  if (directory >= 0 && !busy)
-    unlinkat(directory, noteFile, 0);
+  if (directory && !busy)
+    unlinkat(directory.get(), noteFile, 0);
 }
 
 void RunNote::write(std::size_t number) const {
-  if (directory < 0)
+  if (!directory)
     return;
   Json::Value note;
   note["number"] = static_cast<Json::UInt>(number);
   note["modules"] = Json::arrayValue;
   for (const std::string& library : libraries)
     note["modules"].append(library);
-  const int file =
-      openat(directory, unfinishedFile, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
-  if (file < 0)
+  const UniqueFd file(
+      openat(directory.get(), unfinishedFile, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644));
+  if (!file)
     return;
-  const bool written = writeAll(file, Json::writeString(Json::StreamWriterBuilder(), note));
-  close(file);
   // One rename, so that there is a whole note at every moment.
-  if (!written || renameat(directory, unfinishedFile, directory, noteFile) != 0)
-    unlinkat(directory, unfinishedFile, 0);
+  if (!writeAll(file.get(), Json::writeString(Json::StreamWriterBuilder(), note)) ||
+      renameat(directory.get(), unfinishedFile, directory.get(), noteFile) != 0)
+    unlinkat(directory.get(), unfinishedFile, 0);
 }
 
 std::optional<Finding> takeInterruptedRun() {
-  const int directory = openDirectory();
-  if (directory < 0)
+  const UniqueFd directory = openRunDirectory();
+  if (!directory)
     return std::nullopt;
   std::optional<Finding> finding;
-  const int lock = openat(directory, lockFile, O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
-  const int file = openat(directory, noteFile, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-  if (file >= 0 && lock >= 0 && flock(lock, LOCK_EX | LOCK_NB) == 0) {
-    const Json::Value note = parseNote(readAll(file));
+  const UniqueFd lock(openat(directory.get(), lockFile, O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+  const UniqueFd file(openat(directory.get(), noteFile, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  if (file && lock && flock(lock.get(), LOCK_EX | LOCK_NB) == 0) {
+    const Json::Value note = parseNote(readAll(file.get()));
     if (note.isObject())
       finding = describe(note);
-    unlinkat(directory, noteFile, 0);
-    unlinkat(directory, unfinishedFile, 0);
+    unlinkat(directory.get(), noteFile, 0);
+    unlinkat(directory.get(), unfinishedFile, 0);
   }
-  for (const int descriptor : {file, lock, directory})
-    if (descriptor >= 0)
-      close(descriptor);
   return finding;
 }
 

@@ -11,19 +11,22 @@
 #include <vector>
 
 #include "outcomes.h"
+#include "unique-fd.h"
 
 namespace tool {
 
 class RunNote {
  public:
-  // names: of the run's modules, in their order.
-  explicit RunNote(std::vector<std::string> names);
+  // Keeps other runs away; nothing is noted yet.
+  RunNote();
   ~RunNote();
   RunNote(const RunNote&) = delete;
   RunNote& operator=(const RunNote&) = delete;
 
   // Another process has a run under way.
   bool otherRuns() const { return busy; }
+  // names: of the run's modules, in their order.
+  void runStarted(std::vector<std::string> names);
   // number: from 1; the ones before have ended. names: of the run's modules as they are now.
   void moduleStarted(std::size_t number, std::vector<std::string> names);
   // The run came to its end: there is nothing to tell.
@@ -34,8 +37,8 @@ class RunNote {
 
   std::vector<std::string> libraries;
   const int exceptionsBefore = std::uncaught_exceptions();
-  int directory = -1;
-  int lock = -1;
+  fwplatform::UniqueFd directory;
+  fwplatform::UniqueFd lock;
   bool busy = false;
 };
 

@@ -1,6 +1,7 @@
 // Updates that are cut short, and updates that wait for their turn.
 #include <fcntl.h>
 #include <semaphore.h>
+#include <sys/file.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -116,6 +117,74 @@ TEST_F(WaitingUpdate, OutlivesAReaderThatGoesAway) {
 
   EXPECT_NE(update.finish(), 0);  // its result could not be put out
   EXPECT_EQ(document({"info", "libtuner"})["version"].asString(), "2.0.0");
+}
+
+TEST_F(WaitingUpdate, LeavesASignalIgnoredThatWasIgnoredBefore) {
+  std::signal(SIGHUP, SIG_IGN);  // as nohup does; inherited
+  Lock lock;
+  lock.take();
+  RunningTool update({"update", "libtuner", "--progress", "ndjson"}, {});
+  std::signal(SIGHUP, SIG_DFL);
+  update.waitFor("\"event\":\"waiting\"");
+
+  update.kill(SIGHUP);
+  lock.release();
+
+  EXPECT_EQ(update.finish(), 0);
+}
+
+// It is overdue after a second, which it would tell.
+TEST_F(Interruption, IsNoneWhenTheReaderGoesAwayDuringTheUpdate) {
+  installImage("tunerfw", "2.0.0", 1);
+  describeComponent("tunerfw", "stall_at_percent = 40");
+  RunningTool update({"update", "libtuner", "--progress", "ndjson"}, {});
+  update.waitFor("\"percent\":4");
+
+  update.closeOutput();
+  update.finish();
+
+  EXPECT_EQ(Lock().value(), 1) << "given back by the library when the time was over";
+}
+
+// Holds what recoveries lock: the update cannot give the lock back as its last act.
+class OtherRecovery {
+ public:
+  OtherRecovery() : file_(open("/run/fw-update/recovery.lock", O_RDWR | O_CREAT | O_CLOEXEC, 0600)) {
+    flock(file_, LOCK_EX);
+  }
+  OtherRecovery(const OtherRecovery&) = delete;
+  OtherRecovery& operator=(const OtherRecovery&) = delete;
+  ~OtherRecovery() { close(file_); }
+
+ private:
+  const int file_;
+};
+
+TEST_F(Interruption, ReleasesTheUpdateLockBesideARecoveryThatDoesNotEnd) {
+  describeComponent("tunerfw", "stall_at_percent = 40");
+  RunningTool update({"update", "libtuner", "--progress", "ndjson"}, {});
+  update.waitFor("\"percent\":4");
+  writeFile("/run/fw-update/recovery.lock", "");
+  const OtherRecovery other;
+
+  update.kill(SIGINT);
+
+  EXPECT_EQ(update.finish(), -SIGINT);
+  EXPECT_EQ(Lock().value(), 1);
+}
+
+TEST_F(Interruption, DoesNotReleaseALockThatIsFreeAlready) {
+  describeComponent("tunerfw", "stall_at_percent = 40");
+  RunningTool update({"update", "libtuner", "--progress", "ndjson"}, {});
+  update.waitFor("\"percent\":4");
+  writeFile("/run/fw-update/recovery.lock", "");
+  const OtherRecovery other;
+  Lock().release();
+
+  update.kill(SIGINT);
+
+  EXPECT_EQ(update.finish(), -SIGINT);
+  EXPECT_EQ(Lock().value(), 1);
 }
 
 }  // namespace

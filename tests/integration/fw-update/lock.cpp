@@ -3,6 +3,7 @@
 #include <linux/capability.h>
 #include <sched.h>
 #include <semaphore.h>
+#include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
@@ -524,6 +525,117 @@ TEST_F(TheUpdateLock, IsShownToPeople) {
   EXPECT_EQ(refused.exitCode, 12);
   EXPECT_THAT(refused.out, HasSubstr(row));
   EXPECT_THAT(refused.err, HasSubstr("The update lock was not given back."));
+}
+
+// ---- Other recoveries ----------------------------------------------------------
+
+constexpr const char* kRecoveryLock = "/run/fw-update/recovery.lock";
+
+// Holds a file or directory as another recovery would.
+class Locked {
+ public:
+  explicit Locked(const char* path, int flags) : file_(open(path, flags | O_CLOEXEC, 0600)) {
+    if (flock(file_, LOCK_EX | LOCK_NB) != 0)
+      throw std::system_error(errno, std::generic_category(), path);
+  }
+  Locked(const Locked&) = delete;
+  Locked& operator=(const Locked&) = delete;
+  ~Locked() { close(file_); }
+
+ private:
+  const int file_;
+};
+
+Launch racing(const std::string& how) {
+  return {{"LD_PRELOAD=" LOCK_RACER, "LOCK_RACE=" + how}};
+}
+
+// Every user may open the directory of semaphores, and so lock it.
+TEST_F(TheUpdateLock, IsGivenBackAlthoughSomebodyLocksWhatEverybodyCanOpen) {
+  leaveTaken();
+  const Locked attack("/dev/shm", O_RDONLY | O_DIRECTORY);
+
+  const Json::Value recovered = document({"lock", "recover"}, racing("hurry"));
+
+  EXPECT_EQ(recovered["exitCode"].asInt(), 0) << recovered["message"].asString();
+  EXPECT_EQ(value(), 1);
+}
+
+TEST_F(TheUpdateLock, KeepsOtherUsersFromTheFileThatRecoveriesLock) {
+  leaveTaken();
+  writeFile(kRecoveryLock, "");
+  ASSERT_EQ(chmod(kRecoveryLock, 0666), 0);
+
+  recover();
+
+  struct stat status {};
+  ASSERT_EQ(stat(kRecoveryLock, &status), 0);
+  EXPECT_EQ(status.st_mode & 07777, 0600u);
+}
+
+TEST_F(TheUpdateLock, IsNotGivenBackBesideARecoveryThatDoesNotEnd) {
+  leaveTaken();
+  writeFile(kRecoveryLock, "");
+  const Locked other(kRecoveryLock, O_RDWR);
+
+  const Json::Value recovered = document({"lock", "recover"}, racing("hurry"));
+
+  EXPECT_EQ(recovered["outcome"].asString(), "already-running");
+  EXPECT_EQ(value(), 0);
+}
+
+// ---- Races ----------------------------------------------------------------------
+
+TEST_F(TheUpdateLock, IsNotGivenBackTwiceWhenItsHolderDoesSoBeforeTheKernelIsAsked) {
+  leaveTaken();
+
+  EXPECT_EQ(document({"lock", "recover"}, racing("post-before-lease"))["exitCode"].asInt(), 3);
+
+  EXPECT_EQ(value(), 1);
+}
+
+TEST_F(TheUpdateLock, IsNotGivenBackTwiceWhenItsHolderDoesSoBeforeItsUsersAreLookedFor) {
+  leaveTaken();
+
+  EXPECT_EQ(document({"lock", "recover"}, racing("post-before-watch"))["exitCode"].asInt(), 3);
+
+  EXPECT_EQ(value(), 1);
+}
+
+TEST_F(TheUpdateLock, IsNotGivenBackWhileProcessesComeAndOpenIt) {
+  leaveTaken();
+
+  EXPECT_EQ(document({"lock", "recover"}, racing("open-while-looking"))["exitCode"].asInt(), 12);
+
+  EXPECT_EQ(value(), 0);
+}
+
+TEST_F(TheUpdateLock, IsNotLookedForBehindALink) {
+  leaveTaken();
+  std::filesystem::rename(kLock, "/dev/shm/elsewhere");
+  std::filesystem::create_symlink("/dev/shm/elsewhere", kLock);
+
+  EXPECT_EQ(recover()["outcome"].asString(), "unexpected-error");
+
+  std::filesystem::rename("/dev/shm/elsewhere", kLock);
+  EXPECT_EQ(value(), 0);
+}
+
+TEST_F(TheUpdateLock, DoesNotCountAsHiddenWhoHasEnded) {
+  leaveTaken();
+  const ChildProcess waiter(takeForEver);
+  waitForRoles({{waiter.id(), "waits"}});
+  const pid_t ended = fork();
+  if (ended == 0)
+    _exit(0);
+  siginfo_t info{};
+  ASSERT_EQ(waitid(P_PID, static_cast<id_t>(ended), &info, WEXITED | WNOWAIT), 0);
+
+  const Json::Value found = documentOf({"lock", "status"}, giveUpTracing);
+
+  const Json::Value& hidden = found["hiddenProcesses"];
+  EXPECT_EQ(std::count(hidden.begin(), hidden.end(), Json::Value(ended)), 0);
+  waitpid(ended, nullptr, 0);
 }
 
 }  // namespace

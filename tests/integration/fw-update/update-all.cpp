@@ -1,7 +1,11 @@
 // Whole runs of the command with real packages, mounts and modules, and with a
 // stand-in for systemd-logind on a bus of the test's own.
+#include <fcntl.h>
 #include <semaphore.h>
+#include <sys/file.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <csignal>
 #include <cstdlib>
@@ -10,7 +14,9 @@
 #include <ostream>
 #include <sstream>
 #include <stdexcept>
+#include <system_error>
 
+#include "child-process.h"
 #include "firmware-image.h"
 #include "lwipc.h"
 #include "system-bus.h"
@@ -421,6 +427,101 @@ TEST_F(UpdateAll, IsolatedNamesTheModuleThatCrashedAndCleansUpAfterIt) {
   EXPECT_THAT(mounts(), Not(HasSubstr("oneemp")));
   EXPECT_TRUE(logind.waitForInhibitors(0));
   EXPECT_EQ(run({"list"}).err, "") << "it was told already";
+}
+
+// ---- What belongs to others ------------------------------------------------------
+
+// Something that somebody else has mounted where a module's package goes.
+class MountedByOthers {
+ public:
+  explicit MountedByOthers(const std::string& package) : directory_(kPackages + "emps/" + package) {
+    fs::create_directories(directory_);
+    if (mount("others", directory_.c_str(), "tmpfs", 0, nullptr) != 0)
+      throw std::system_error(errno, std::generic_category(), "mount");
+  }
+  MountedByOthers(const MountedByOthers&) = delete;
+  MountedByOthers& operator=(const MountedByOthers&) = delete;
+  ~MountedByOthers() {
+    while (umount(directory_.c_str()) == 0) {
+    }
+  }
+
+ private:
+  const std::string directory_;
+};
+
+TEST_F(UpdateAll, DryRunLeavesMountedWhatWasMounted) {
+  install("one");
+  const MountedByOthers package("oneemp");
+
+  EXPECT_EQ(document({"update-all", "--dry-run"})["exitCode"].asInt(), 0);
+
+  EXPECT_THAT(mounts(), HasSubstr("oneemp"));
+}
+
+TEST_F(UpdateAll, IsolatedLeavesMountedWhatWasMountedBefore) {
+  install("one", "crash", "30");
+  const MountedByOthers package("oneemp");
+
+  const Json::Value ended = document({"update-all", "--isolated"});
+
+  EXPECT_EQ(ended["exitCode"].asInt(), 13);
+  EXPECT_TRUE(ended["unmounted"].empty());
+  EXPECT_THAT(mounts(), HasSubstr("oneemp"));
+}
+
+TEST_F(UpdateAll, IsolatedLeavesMountedWhatAnotherUpdateMayUse) {
+  install("one", "crash", "30");
+  const ChildProcess other([] {
+    sem_open("/SEM_UPDATE_CONTROL", O_CREAT, 0600, 1);
+    pause();
+    return 0;
+  });
+  while (document({"lock", "status"})["processes"].empty()) {
+  }
+
+  const Json::Value ended = document({"update-all", "--isolated"});
+
+  EXPECT_EQ(ended["exitCode"].asInt(), 13);
+  EXPECT_TRUE(ended["unmounted"].empty());
+  EXPECT_THAT(mounts(), HasSubstr("oneemp"));
+}
+
+// ---- The note of a run -----------------------------------------------------------
+
+TEST_F(UpdateAll, BelievesNoNoteWhereOthersMayWrite) {
+  writeFile("/run/fw-update/update-all.lock", "");
+  writeFile("/run/fw-update/update-all.json", R"({"number": 1, "modules": ["libforged"]})");
+  fs::permissions("/run/fw-update", fs::perms::all);
+  EXPECT_FALSE(document({"list"}).isMember("interruptedRun"));
+  fs::permissions("/run/fw-update", fs::perms(0755));
+
+  EXPECT_THAT(document({"list"})["interruptedRun"]["message"].asString(), HasSubstr("libforged"));
+}
+
+TEST_F(UpdateAll, KeepsOtherUsersFromTheFileThatRunsLock) {
+  writeFile("/run/fw-update/update-all.lock", "");
+  fs::permissions("/run/fw-update/update-all.lock", fs::perms(0666));
+  install("one");
+
+  run({"update-all"});
+
+  EXPECT_EQ(fs::status("/run/fw-update/update-all.lock").permissions(), fs::perms(0600));
+}
+
+// Asking a module mounts its package anew.
+TEST_F(UpdateAll, AsksNoModuleBesideAnotherRun) {
+  install("one");
+  writeFile("/run/fw-update/update-all.lock", "");
+  const int lock = open("/run/fw-update/update-all.lock", O_RDWR | O_CLOEXEC);
+  ASSERT_EQ(flock(lock, LOCK_EX), 0);
+
+  RunningTool second({"update-all", "--log"}, {});
+
+  EXPECT_EQ(second.finish(), 1);
+  EXPECT_THAT(second.err(), AllOf(HasSubstr("Another update-all is running."), HasSubstr("SWModel"),
+                                  Not(HasSubstr("PsMntCmd"))));
+  close(lock);
 }
 
 }  // namespace

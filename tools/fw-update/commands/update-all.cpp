@@ -199,15 +199,12 @@ void tellResults(Report& report, const Library& library, const UpdatePlan& plan,
   report.finding = summary(findings, run, elapsed);
 }
 
-void performRun(Report& report, const Options& options, const Library& library, const UpdatePlan& plan) {
+void performRun(Report& report, const Options& options, const Library& library, const UpdatePlan& plan,
+                RunNote& note) {
   std::vector<std::string> names;
   for (const PlannedModule& module : plan.due())
     names.push_back(module.library);
-  RunNote note(names);
-  if (note.otherRuns()) {
-    report.finding = {Outcome::AlreadyRunning, "Another update-all is running.", "Wait until it has ended."};
-    return;
-  }
+  note.runStarted(names);
   const auto reporter = makeRunReporter(options);
   reporter->start(plan);
   const std::size_t mark = LibraryLog::instance().mark();
@@ -249,6 +246,12 @@ Report runUpdateAll(const Options& options) {
     report.finding = *library.problem;
     return report;
   }
+  // Before the plan: asking a module mounts its package anew, under the other run's feet.
+  RunNote note;
+  if (note.otherRuns()) {
+    report.finding = {Outcome::AlreadyRunning, "Another update-all is running.", "Wait until it has ended."};
+    return report;
+  }
   const UpdatePlan plan = makePlan(library, options.dryRun);
   report.details["modules"] = Json::arrayValue;
   for (const PlannedModule& module : plan.modules)
@@ -269,7 +272,7 @@ Report runUpdateAll(const Options& options) {
     report.finding = {Outcome::Ok, std::to_string(plan.due().size()) + " modules would be updated.", ""};
     return report;
   }
-  performRun(report, options, library, plan);
+  performRun(report, options, library, plan, note);
   return report;
 }
 
