@@ -1,6 +1,11 @@
 // How the command puts out what it does, through pipes.
-#include <algorithm>
+#include <fcntl.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <filesystem>
+
+#include "child-process.h"
 #include "tool-test.h"
 
 namespace {
@@ -100,6 +105,33 @@ TEST_F(Output, DoesNotWaitForAModuleThatNeverTellsItsProgress) {
 
   EXPECT_EQ(ended.exitCode, 0);
   EXPECT_THAT(ended.out, HasSubstr("libodd was updated."));
+}
+
+// On a disk that is full.
+int exitCodeWithOutputLost(const std::vector<std::string>& arguments) {
+  return runInChild([&] {
+    dup2(open("/dev/full", O_WRONLY), STDOUT_FILENO);
+    std::vector<char*> words{const_cast<char*>("fw-update")};
+    for (const std::string& argument : arguments)
+      words.push_back(const_cast<char*>(argument.c_str()));
+    words.push_back(nullptr);
+    return execv(TESTED_TOOL, words.data());
+  });
+}
+
+TEST_F(Output, IsAnErrorWhenItIsLost) {
+  EXPECT_EQ(run({"list"}).exitCode, 0);
+  EXPECT_EQ(exitCodeWithOutputLost({"list"}), 1);
+  EXPECT_EQ(exitCodeWithOutputLost({"list", "--json"}), 1);
+}
+
+TEST_F(Output, IsAnErrorWhenTheAnswerForACrashedModuleIsLost) {
+  std::filesystem::copy_file(FAULTY_MODULE, std::string(kControls) + "libfaulty.so");
+  setenv("FAULTY_MODULE", "load segv", 1);
+  const std::vector<std::string> update{"update", "libfaulty", "--isolated", "--json"};
+
+  EXPECT_EQ(run(update).exitCode, 13);
+  EXPECT_EQ(exitCodeWithOutputLost(update), 1);
 }
 
 }  // namespace

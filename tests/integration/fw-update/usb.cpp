@@ -1,8 +1,10 @@
 // usb estimate and usb apply: real packages, the real verifier, real modules.
 #include <fcntl.h>
+#include <openssl/evp.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <filesystem>
 #include <memory>
@@ -482,16 +484,115 @@ TEST_F(UsbToolMeanwhile, VanishedPackageIsRefused) {
   EXPECT_FALSE(isActive(second.substr(3) + "fw"));
 }
 
-TEST_F(UsbTool, NeverShowsTheKey) {
-  installModule("libtuner");
-  putPackage("tunerfw");
-  auto logged = command("apply");
-  logged.emplace_back("--log");
+// What gives a piece of the key away: four bytes of it, as they are or in hex, six in base64.
+std::vector<std::string> piecesOf(const std::string& key) {
+  std::vector<std::string> pieces;
+  for (std::size_t at = 0; at + 4 <= key.size(); ++at) {
+    const std::string bytes = key.substr(at, 4);
+    pieces.push_back(bytes);
+    for (const char* const digits : {"0123456789abcdef", "0123456789ABCDEF"}) {
+      std::string hex;
+      for (const char byte : bytes) {
+        hex += digits[static_cast<unsigned char>(byte) >> 4U];
+        hex += digits[static_cast<unsigned char>(byte) & 0x0FU];
+      }
+      pieces.push_back(hex);
+    }
+  }
+  for (std::size_t at = 0; at + 6 <= key.size(); ++at) {
+    unsigned char text[9];
+    EVP_EncodeBlock(text, reinterpret_cast<const unsigned char*>(key.data()) + at, 6);
+    pieces.emplace_back(reinterpret_cast<const char*>(text));
+  }
+  return pieces;
+}
 
-  const Ended ended = run(logged);
+void expectNoPieceOf(const std::string& key, const std::string& place, const std::string& text) {
+  for (const std::string& piece : piecesOf(key))
+    ASSERT_EQ(text.find(piece), std::string::npos) << place;
+}
 
-  EXPECT_EQ(ended.exitCode, 0);
-  EXPECT_THAT(ended.out + ended.err, Not(HasSubstr("KKKK")));
+// Every file below, without the zeros that traces mostly are.
+std::string contentBelow(const std::string& directory) {
+  std::string content;
+  for (const auto& entry : fs::recursive_directory_iterator(directory))
+    if (entry.is_regular_file())
+      content += DeviceTest::readFile(entry.path());
+  content.erase(std::remove(content.begin(), content.end(), '\0'), content.end());
+  return content;
+}
+
+class UsbKey : public UsbTool {
+ protected:
+  void SetUp() override {
+    UsbTool::SetUp();
+    secret = "q7\x9c\x01#Zp\xe4u\x13V@x\xb8m\x1f.Tj\xd3h6,\x8eG\xf5w~b\xa2-O";
+    ASSERT_EQ(secret.size(), 32u);
+    writeKey(secret);
+    installModule("libtuner");
+    writeFile(kDrive + std::string("tunerfw.bin"),
+              usbPackage(secret, "2.0.0", image("tunerfw"), testSigningKey("ed25519")));
+  }
+
+  std::string secret;
+};
+
+TEST_F(UsbKey, IsLookedForInEveryForm) {
+  const auto pieces = piecesOf(secret);
+
+  EXPECT_THAT(pieces,
+              ::testing::IsSupersetOf({secret.substr(0, 4), secret.substr(28, 4), std::string("71379c01"),
+                                       std::string("71379C01"), std::string("cTecASNa")}));
+}
+
+TEST_F(UsbKey, IsInNoOutput) {
+  for (const char* const form : {"--log", "--json", "--isolated"}) {
+    auto words = command("apply");
+    words.emplace_back(form);
+    fs::remove("/var/lib/fw-components/tunerfw.flash");
+    RunningTool tool(words, {{"FW_UPDATE_LOG=stderr", "FW_UPDATE_LOG_LEVEL=debug"}});
+
+    EXPECT_EQ(tool.finish(), 0) << form;
+    expectNoPieceOf(secret, form, tool.out() + tool.err());
+  }
+}
+
+TEST_F(UsbKey, IsInNoOutputWhenItDoesNotFit) {
+  writeKey(std::string(secret.rbegin(), secret.rend()));
+  auto words = command("apply");
+  words.emplace_back("--log");
+
+  RunningTool tool(words, {{"FW_UPDATE_LOG=stderr"}});
+
+  EXPECT_NE(tool.finish(), 0);
+  expectNoPieceOf(std::string(secret.rbegin(), secret.rend()), "output", tool.out() + tool.err());
+}
+
+TEST_F(UsbKey, IsInNoFile) {
+  EXPECT_EQ(run(command("apply")).exitCode, 0);
+
+  EXPECT_FALSE(contentBelow("/run/fw-trace").empty());
+  for (const char* const directory : {"/run", "/var/lib/fw-components", "/dev/shm"})
+    expectNoPieceOf(secret, directory, contentBelow(directory));
+}
+
+TEST_F(UsbKey, IsInNoCommandLineAndNoEnvironment) {
+  describeComponent("tunerfw", "stall_at_percent = 40");
+  auto words = command("apply");
+  for (const char* const word : {"--isolated", "--progress", "ndjson"})
+    words.emplace_back(word);
+  RunningTool tool(words, {{"FW_UPDATE_LOG=none"}});
+  tool.waitFor("\"percent\":4");
+  const std::string own = std::to_string(getpid());
+
+  for (const auto& process : fs::directory_iterator("/proc")) {
+    const std::string number = process.path().filename();
+    std::error_code error;
+    if (number == own || fs::read_symlink(process.path() / "exe", error) != fs::path(TESTED_TOOL))
+      continue;
+    for (const char* const file : {"cmdline", "environ"})
+      expectNoPieceOf(secret, file, readFile(process.path() / file));
+  }
 }
 
 TEST_F(UsbTool, NeedsItsOptions) {

@@ -3,8 +3,8 @@
 #include <gmock/gmock.h>
 
 #include <cerrno>
+#include <map>
 #include <ostream>
-#include <set>
 
 #include "messages.h"
 
@@ -332,12 +332,36 @@ TEST(TimeLimit, IsTwoSecondsMoreThanExpectedAndWraps) {
   EXPECT_FALSE(tool::timeLimit({}));
 }
 
-TEST(Outcomes, HaveEachTheirOwnNameAndCode) {
-  std::set<std::string> names;
+// Scripts go by both.
+TEST(Outcomes, HaveTheNamesAndCodesThatAreDocumented) {
+  const std::map<std::string, int> documented = {
+      {"ok", 0},
+      {"updated", 0},
+      {"unexpected-error", 1},
+      {"already-running", 1},
+      {"stopped", 1},
+      {"usage", 2},
+      {"nothing-to-do", 3},
+      {"no-such-module", 4},
+      {"refused-image", 5},
+      {"module-failed", 6},
+      {"timed-out", 7},
+      {"not-permitted", 8},
+      {"broken-module", 9},
+      {"no-controls-directory", 10},
+      {"download-failed", 11},
+      {"lock-in-use", 12},
+      {"module-crashed", 13},
+      {"module-hung", 14},
+  };
+
+  std::map<std::string, int> found;
   for (const auto& info : tool::outcomeTable) {
-    EXPECT_TRUE(names.insert(info.id).second) << info.id;
+    EXPECT_TRUE(found.emplace(info.id, info.exitCode).second) << info.id;
     EXPECT_EQ(&tool::infoOf(info.outcome), &info);
   }
+
+  EXPECT_EQ(found, documented);
 }
 
 }  // namespace

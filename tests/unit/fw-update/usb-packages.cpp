@@ -116,6 +116,21 @@ TEST(UsbResults, DoNotTakeOneFirmwareForAnotherThatEndsAlike) {
   EXPECT_EQ(states[1].finding.outcome, Outcome::RefusedImage);
 }
 
+TEST(UsbResults, LeaveAloneWhatNeededNoPackage) {
+  std::vector<PackageState> states = {neededPackage("tuner")};
+  states[0].needed = false;
+  states[0].finding = {Outcome::NothingToDo, "It has this version.", ""};
+  const LogMessages log = {
+      signedPackage("tunerfw"),
+      message("Error: iv is worng"),
+  };
+
+  tool::readResults(states, log);
+
+  EXPECT_EQ(states[0].finding.outcome, Outcome::NothingToDo);
+  EXPECT_EQ(states[0].finding.message, "It has this version.");
+}
+
 TEST(UsbProgress, BelongsToThePackageThatIsBeingWritten) {
   const std::vector<PackageState> states = {neededPackage("tuner"), neededPackage("panel")};
   LogMessages log = {signedPackage("panelfw")};
