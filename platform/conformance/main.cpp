@@ -5,13 +5,15 @@
 #include <cerrno>
 #include <charconv>
 #include <csignal>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <iomanip>
+#include <iostream>
 #include <string>
 
 #include "checks.h"
+#include "clean-output.h"
 #include "runner.h"
 
 namespace {
@@ -54,12 +56,12 @@ bool isArea(const std::string& name) {
 }
 
 [[noreturn]] void usageError(const std::string& sentence) {
-  std::fprintf(stderr, "fw-platform-check: %s\nTry: fw-platform-check --help\n", sentence.c_str());
+  std::cerr << "fw-platform-check: " << sentence << "\nTry: fw-platform-check --help" << std::endl;
   std::exit(exitUsage);
 }
 
 [[noreturn]] void show(const char* text) {
-  std::fputs(text, stdout);
+  std::cout << text << std::flush;
   std::exit(0);
 }
 
@@ -135,11 +137,12 @@ void takeLibrary(const std::string& library, char** argv) {
 }
 
 void report(const Check& check, const Finding& finding) {
-  std::printf("%-9s %-12s %s\n", check.area, verdicts[static_cast<int>(finding.verdict)], check.promise);
+  std::cout << std::left << std::setw(9) << check.area << ' ' << std::setw(12)
+            << verdicts[static_cast<int>(finding.verdict)] << ' ' << check.promise << '\n';
   if (!finding.sentence.empty()) {
-    std::printf("%23s%s\n", "", finding.sentence.c_str());
+    std::cout << std::string(23, ' ') << finding.sentence << '\n';
   }
-  std::fflush(stdout);
+  std::cout << std::flush;
 }
 
 void endIfInterrupted() {
@@ -160,13 +163,14 @@ int checkAll(const Check (&checks)[Size], const Arguments& arguments) {
       ++counts[static_cast<int>(finding.verdict)];
     }
   }
-  std::printf("%d kept, %d broken, %d not checked\n", counts[0], counts[1], counts[2]);
+  std::cout << counts[0] << " kept, " << counts[1] << " broken, " << counts[2] << " not checked" << std::endl;
   return counts[1] == 0 ? 0 : exitBroken;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
+  base::CleanStandardOutput();
   const Arguments arguments = parse(argc, argv);
   takeLibrary(arguments.library, argv);
   unsetenv("LD_PRELOAD");  // not for what the library starts
@@ -175,7 +179,7 @@ int main(int argc, char** argv) {
     return arguments.secure ? checkAll(conformance::securityChecks, arguments)
                             : checkAll(conformance::checks, arguments);
   } catch (const std::exception& error) {
-    std::fprintf(stderr, "fw-platform-check: %s\n", error.what());
+    std::cerr << "fw-platform-check: " << error.what() << std::endl;
     return exitBroken;
   }
 }

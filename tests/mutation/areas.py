@@ -17,6 +17,9 @@ class Area:
 
 
 AREAS = (
+    Area("base", ("test-base", "test-platform-log"), ("HostileTexts.*",),
+         ("fw-update", "fw-trace", "fw-module", "fw-pack", "fw-device", "fw-download", "fw-privileged",
+          "fw-platform-check", "hostile-module")),
     Area("src", ("test-fw-update-*", "test-diagnostic-log", "test-image-crc"), ("Exports.*", "Troubleshooting.*")),
     Area("platform/linux", ("test-platform-*", "test-download", "test-privileged-*", "platform-check-test")),
     Area("platform/linux/log", ("test-platform-log", "test-platform-files", "test-platform-journal")),

@@ -3,9 +3,11 @@
 #include <iostream>
 #include <variant>
 
+#include "clean-output.h"
 #include "command-line.h"
 #include "exit-code.h"
 #include "initialise.h"
+#include "printable-text.h"
 #include "run.h"
 
 namespace {
@@ -26,7 +28,7 @@ ExitCode carryOut(const CommandLine& line) {
 }
 
 ExitCode report(ExitCode code, const std::exception& error) {
-  std::cerr << "fw-device: " << error.what() << std::endl;
+  std::cerr << "fw-device: " << base::PrintableText(error.what()) << std::endl;
   return code;
 }
 
@@ -47,5 +49,6 @@ ExitCode perform(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  base::CleanStandardOutput();
   return static_cast<int>(perform(argc, argv));
 }

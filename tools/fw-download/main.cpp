@@ -11,13 +11,14 @@
 #include <cerrno>
 #include <charconv>
 #include <chrono>
-#include <cstdio>
 #include <cstring>
 #include <exception>
+#include <iostream>
 #include <optional>
 #include <string>
 #include <utility>
 
+#include "clean-output.h"
 #include "configuration.h"
 #include "dlog.h"
 #include "download-status.h"
@@ -71,9 +72,10 @@ Options ParseOptions(int argc, char** argv) {
       {},
   };
   Options options;
+  opterr = 0;  // getopt would write past the streams
   for (int found = 0; (found = getopt_long(argc, argv, "h", kLong, nullptr)) != -1;) {
     if (found == 'h') {
-      std::fputs(kUsage, stdout);
+      std::cout << kUsage;
       options.exitCode = 0;
       return options;
     }
@@ -87,9 +89,13 @@ Options ParseOptions(int argc, char** argv) {
     options.package = argv[optind];
   }
   if (options.exitCode) {
-    std::fputs(kUsage, stderr);
+    std::cerr << kUsage;
   }
   return options;
+}
+
+void Complain(const std::string& package, const std::string& sentence) {
+  std::cerr << "fw-download: " << package << ": " << sentence << std::endl;
 }
 
 // One download, from the moment on that it holds the package's lock.
@@ -178,7 +184,7 @@ int Job::End(Reason reason, const std::string& sentence) {
   Write();
   __dlog_print(2, DLOG_ERROR_PRIORITY, "FWUPDATE", "download of %s failed: %s", package_.c_str(),
                sentence.c_str());
-  std::fprintf(stderr, "fw-download: %s: %s\n", package_.c_str(), sentence.c_str());
+  Complain(package_, sentence);
   return kExitFailure;
 }
 
@@ -229,7 +235,7 @@ int Serve(const Options& options) {
     if (options.answer >= 0) {
       Answer(options.answer, refusal);
     }
-    std::fprintf(stderr, "fw-download: %s: %s\n", options.package.c_str(), refusal.c_str());
+    Complain(options.package, refusal);
     return kExitFailure;
   }
   if (options.answer >= 0 && !GoOnInBackground(options.answer)) {
@@ -241,6 +247,7 @@ int Serve(const Options& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  base::CleanStandardOutput();
   signal(SIGPIPE, SIG_IGN);
   umask(022);
   const Options options = ParseOptions(argc, argv);

@@ -6,11 +6,14 @@
 #include <csignal>
 #include <exception>
 #include <iostream>
+#include <string>
 #include <system_error>
 #include <variant>
 
+#include "clean-output.h"
 #include "command-line.h"
 #include "ending-signals.h"
+#include "printable-text.h"
 #include "terminal.h"
 #include "text-layout.h"
 
@@ -34,6 +37,11 @@ int putFailure(Outcome outcome, const std::string& sentence, const std::string& 
   return info.exitCode;
 }
 
+// On one line, whatever names are in it; a document escapes it itself.
+std::string shown(const std::exception& error, const Options& options) {
+  return options.json ? error.what() : base::PrintableText(error.what());
+}
+
 int run(const Options& options) {
   const std::string command = options.command->name;
   try {
@@ -43,17 +51,18 @@ int run(const Options& options) {
     std::signal(interrupted.signal(), SIG_DFL);
     return raise(interrupted.signal());
   } catch (const Failure& failure) {
-    return putFailure(failure.outcome(), failure.what(), command, options.json);
+    return putFailure(failure.outcome(), shown(failure, options), command, options.json);
   } catch (const std::system_error& error) {
-    return putFailure(Outcome::NotPossible, error.what(), command, options.json);
+    return putFailure(Outcome::NotPossible, shown(error, options), command, options.json);
   } catch (const std::exception& error) {
-    return putFailure(Outcome::Unexpected, error.what(), command, options.json);
+    return putFailure(Outcome::Unexpected, shown(error, options), command, options.json);
   }
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
+  base::CleanStandardOutput();
   const auto parsed = parseCommandLine(argc, argv);
   if (const auto* ended = std::get_if<Ended>(&parsed))
     return ended->usageError.empty() ? 0 : putFailure(Outcome::Usage, ended->usageError, "", ended->json);

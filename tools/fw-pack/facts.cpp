@@ -2,18 +2,9 @@
 
 #include <algorithm>
 
+#include "printable-text.h"
+
 namespace fwpack {
-namespace {
-
-// A file supplied it: control characters must not reach a terminal.
-std::string printable(std::string text) {
-  std::replace_if(
-      text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < ' ' || c == '\x7f'; },
-      '?');
-  return text;
-}
-
-}  // namespace
 
 void Facts::add(const char* member, const char* label, const Json::Value& value, const std::string& text) {
   facts_.push_back({member, label, value, text.empty() ? value.asString() : text});
@@ -35,7 +26,7 @@ std::string Facts::toText() const {
   std::string text;
   for (const Fact& fact : facts_) {
     const std::string label = fact.label;
-    text += label + std::string(width - label.size() + 2, ' ') + printable(fact.text) + "\n";
+    text += label + std::string(width - label.size() + 2, ' ') + base::PrintableText(fact.text) + "\n";
   }
   return text;
 }

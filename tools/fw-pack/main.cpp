@@ -4,16 +4,18 @@
 #include <iostream>
 #include <variant>
 
+#include "clean-output.h"
 #include "command-line.h"
 #include "exit-code.h"
 #include "interruption.h"
+#include "printable-text.h"
 
 namespace {
 
 using fwpack::ExitCode;
 
 ExitCode report(ExitCode code, const std::exception& error) {
-  std::cerr << "fw-pack: " << error.what() << std::endl;
+  std::cerr << "fw-pack: " << base::PrintableText(error.what()) << std::endl;
   return code;
 }
 
@@ -39,6 +41,7 @@ ExitCode perform(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  base::CleanStandardOutput();
   fwpack::catchInterruptions();
   return static_cast<int>(perform(argc, argv));
 }

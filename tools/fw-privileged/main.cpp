@@ -15,13 +15,14 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
-#include <cstdio>
 #include <cstring>
 #include <exception>
+#include <iostream>
 #include <optional>
 #include <string>
 #include <utility>
 
+#include "clean-output.h"
 #include "dlog.h"
 #include "errno-text.h"
 #include "own-rights.h"
@@ -55,6 +56,11 @@ struct Options {
   std::optional<int> exitCode;  // set when there is nothing to serve
 };
 
+bool Fail(const std::string& text) {
+  std::cerr << "fw-privileged: " << text << std::endl;
+  return false;
+}
+
 Options ParseOptions(int argc, char** argv) {
   constexpr option kLong[] = {
       {"group", required_argument, nullptr, 'g'},
@@ -62,30 +68,27 @@ Options ParseOptions(int argc, char** argv) {
       {},
   };
   Options options;
+  opterr = 0;  // getopt would write past the streams
   for (int found = 0; (found = getopt_long(argc, argv, "h", kLong, nullptr)) != -1;) {
     if (found == 'g') {
       options.group = optarg;
     } else if (found == 'h') {
-      std::fputs(kUsage, stdout);
+      std::cout << kUsage;
       options.exitCode = 0;
       return options;
     } else {
+      Fail(std::string("no such option, or no value for it: \"") + argv[optind - 1] + "\"");
       options.exitCode = kExitUsage;
     }
   }
   if (optind < argc) {
-    std::fprintf(stderr, "fw-privileged: unexpected argument \"%s\"\n", argv[optind]);
+    Fail(std::string("unexpected argument \"") + argv[optind] + "\"");
     options.exitCode = kExitUsage;
   }
   if (options.exitCode) {
-    std::fputs(kUsage, stderr);
+    std::cerr << kUsage;
   }
   return options;
-}
-
-bool Fail(const std::string& text) {
-  std::fprintf(stderr, "fw-privileged: %s\n", text.c_str());
-  return false;
 }
 
 // The group whose members may ask. False when the named one does not exist.
@@ -210,6 +213,7 @@ int Serve(const Options& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  base::CleanStandardOutput();
   const Options options = ParseOptions(argc, argv);
   if (options.exitCode) {
     return *options.exitCode;

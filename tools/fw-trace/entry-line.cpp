@@ -2,7 +2,7 @@
 
 #include <unistd.h>
 
-#include "log/log-text.h"
+#include "printable-text.h"
 #include "terminal.h"
 #include "time-text.h"
 
@@ -12,11 +12,6 @@ namespace {
 std::string withoutLineFeeds(const std::string& text) {
   const std::size_t last = text.find_last_not_of('\n');
   return last == std::string::npos ? "" : text.substr(0, last + 1);
-}
-
-// Texts of modules and of damaged files: safe to show, and valid UTF-8.
-std::string safe(const std::string& text) {
-  return fwplatform::PrintableText(text);
 }
 
 std::string inColour(const std::string& text) {
@@ -30,7 +25,7 @@ std::string inColour(const std::string& text) {
 Json::Value jsonOf(const Value& value) {
   if (value.kind == Value::Kind::Number)
     return static_cast<Json::Int>(value.number);
-  return value.kind == Value::Kind::Null ? Json::Value() : Json::Value(safe(value.text));
+  return value.kind == Value::Kind::Null ? Json::Value() : Json::Value(value.text);
 }
 
 }  // namespace
@@ -40,8 +35,9 @@ std::string lineOf(const Entry& entry) {
   const std::string thread =
       std::to_string(entry.file->trace.processId) + "/" + std::to_string(message.threadId);
   return timeOfDay(message.time) + "  " + thread +
-         std::string(thread.size() < 15 ? 15 - thread.size() : 0, ' ') + "  " + safe(message.function) + "(" +
-         std::to_string(message.line) + ")  " + inColour(safe(withoutLineFeeds(message.text))) + "\n";
+         std::string(thread.size() < 15 ? 15 - thread.size() : 0, ' ') + "  " +
+         base::PrintableText(message.function) + "(" + std::to_string(message.line) + ")  " +
+         inColour(base::PrintableText(withoutLineFeeds(message.text))) + "\n";
 }
 
 Json::Value jsonOf(const Entry& entry) {
@@ -52,11 +48,11 @@ Json::Value jsonOf(const Entry& entry) {
   value["nanoseconds"] = Json::Int64{message.time};
   value["processId"] = entry.file->trace.processId;
   value["threadId"] = message.threadId;
-  value["file"] = safe(message.file);
-  value["function"] = safe(message.function);
+  value["file"] = message.file;
+  value["function"] = message.function;
   value["line"] = message.line;
-  value["format"] = safe(message.format);
-  value["text"] = safe(message.text);
+  value["format"] = message.format;
+  value["text"] = message.text;
   value["arguments"] = Json::arrayValue;
   for (const Value& argument : message.values)
     value["arguments"].append(jsonOf(argument));

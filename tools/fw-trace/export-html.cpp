@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "export-json.h"
+#include "printable-text.h"
 #include "text-layout.h"
 
 extern "C" {
@@ -58,7 +59,7 @@ std::string exportHtml(const Timeline& timeline) {
       {"@NONCE@", nonce},  // the style
       {"@NONCE@", nonce},  // D3
       {"@D3@", std::string(between(fwTraceD3, fwTraceD3End))},
-      {"@DATA@", scriptSafe(tool::onOneLine(jsonOf(timeline)))},
+      {"@DATA@", scriptSafe(tool::onOneLine(tool::withTexts(jsonOf(timeline), base::PrintableText)))},
       {"@NONCE@", nonce},  // what draws
   };
   std::string_view page = between(fwTracePage, fwTracePageEnd);

@@ -3,13 +3,10 @@
 #include <set>
 
 #include "entry-line.h"
-#include "log/log-text.h"
 #include "text-layout.h"
 
 namespace tracetool {
 namespace {
-
-using fwplatform::PrintableText;
 
 void putSpan(Json::Value& value, const Span& span) {
   value["begin"] = Json::Int64{span.begin};
@@ -18,14 +15,14 @@ void putSpan(Json::Value& value, const Span& span) {
 
 Json::Value jsonOf(const Update& update) {
   Json::Value value;
-  value["module"] = PrintableText(update.module);
-  value["firmware"] = PrintableText(update.firmware);
+  value["module"] = update.module;
+  value["firmware"] = update.firmware;
   if (update.caller)
     value["caller"] = *update.caller;
   value["processId"] = update.file->trace.processId;
   value["threadId"] = update.threadId;
   value["result"] = nameOf(update.result);
-  value["reason"] = PrintableText(update.reason);
+  value["reason"] = update.reason;
   putSpan(value, update.span);
   value["stages"] = Json::arrayValue;
   for (const StageSpan& stage : update.stages) {
@@ -41,8 +38,8 @@ Json::Value jsonOf(const Update& update) {
 Json::Value jsonOf(const TraceFile& file) {
   Json::Value value;
   value["processId"] = file.trace.processId;
-  value["process"] = PrintableText(file.trace.processName);
-  value["commandLine"] = PrintableText(file.trace.commandLine);
+  value["process"] = file.trace.processName;
+  value["commandLine"] = file.trace.commandLine;
   value["start"] = Json::Int64{file.trace.start};
   value["alive"] = file.alive;
   return value;
@@ -64,7 +61,7 @@ Json::Value jsonOf(const Timeline& timeline) {
     Json::Value value;
     value["processId"] = thread.first->trace.processId;
     value["threadId"] = thread.second;
-    value["name"] = PrintableText(name);
+    value["name"] = name;
     document["threads"].append(value);
   }
   for (const Update& update : timeline.updates)

@@ -5,13 +5,10 @@
 #include <algorithm>
 #include <set>
 
-#include "log/log-text.h"
 #include "text-layout.h"
 
 namespace tracetool {
 namespace {
-
-using fwplatform::PrintableText;
 
 // The format counts in microseconds.
 double microseconds(std::int64_t nanoseconds) {
@@ -36,23 +33,23 @@ class EventWriter {
   void slice(const Update& update, const std::string& title, const char* category, std::uint32_t thread,
              const Span& span) {
     Json::Value event = place("X", *update.file, thread, span.begin);
-    event["name"] = PrintableText(title);
+    event["name"] = title;
     event["cat"] = category;
     event["dur"] = microseconds(span.length());
-    event["args"]["module"] = PrintableText(update.module);
-    event["args"]["firmware"] = PrintableText(update.firmware);
+    event["args"]["module"] = update.module;
+    event["args"]["firmware"] = update.firmware;
     event["args"]["result"] = nameOf(update.result);
     if (!update.reason.empty())
-      event["args"]["reason"] = PrintableText(update.reason);
+      event["args"]["reason"] = update.reason;
     document["traceEvents"].append(event);
   }
   void instant(const Entry& entry) {
     Json::Value event = place("i", *entry.file, entry.message.threadId, entry.message.time);
-    event["name"] = PrintableText(entry.message.text);
+    event["name"] = entry.message.text;
     event["cat"] = "message";
     event["s"] = "t";
-    event["args"]["function"] = PrintableText(entry.message.function);
-    event["args"]["file"] = PrintableText(entry.message.file);
+    event["args"]["function"] = entry.message.function;
+    event["args"]["file"] = entry.message.file;
     event["args"]["line"] = entry.message.line;
     document["traceEvents"].append(event);
   }
@@ -74,7 +71,7 @@ class EventWriter {
     event["pid"] = file.trace.processId;
     event["tid"] = thread;
     event["name"] = what;
-    event["args"]["name"] = PrintableText(text);
+    event["args"]["name"] = text;
     document["traceEvents"].append(event);
   }
 

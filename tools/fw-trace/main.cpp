@@ -2,13 +2,13 @@
 // report out and exits with the report's code.
 #include <unistd.h>
 
-#include <cstdio>
 #include <exception>
 #include <iostream>
 #include <new>
 #include <string>
 #include <variant>
 
+#include "clean-output.h"
 #include "command-line.h"
 #include "outcome.h"
 #include "terminal.h"
@@ -50,8 +50,7 @@ void putJson(const Report& report, const std::string& command) {
 void putText(const Report& report) {
   std::cout << report.body << std::flush;
   for (const Json::Value& line : report.details["skipped"])
-    std::cerr << tool::coloured("fw-trace: ", tool::Colour::Yellow, STDERR_FILENO)
-              << tool::printable(line.asString()) << '\n';
+    std::cerr << tool::coloured("fw-trace: ", tool::Colour::Yellow, STDERR_FILENO) << line.asString() << '\n';
   if (report.message.empty())
     return;
   const bool failed = report.outcome != Outcome::Ok;
@@ -81,9 +80,10 @@ int perform(int argc, char** argv) {
 
 int main(int argc, char** argv) {
   try {
+    base::CleanStandardOutput();
     return perform(argc, argv);
   } catch (const std::exception& error) {  // out of memory, as a rule
-    std::fprintf(stderr, "fw-trace: %s\n", error.what());
+    std::cerr << "fw-trace: " << error.what() << std::endl;
     return infoOf(Outcome::Unexpected).exitCode;
   }
 }

@@ -5,6 +5,7 @@
 #include <iostream>
 #include <optional>
 
+#include "clean-output.h"
 #include "report.h"
 #include "terminal.h"
 
@@ -25,13 +26,14 @@ std::string lineOf(const std::string& package, const DownloadStatus& status) {
 class LiveDownload : public DownloadReporter {
  public:
   void tick(const std::string& package, const DownloadStatus& status) override {
-    std::cout << '\r' << lineOf(package, status).substr(0, terminalWidth(STDOUT_FILENO) - 1) << "\x1b[K"
-              << std::flush;
+    std::cout << base::TerminalOrder(base::Order::LineStart)
+              << lineOf(package, status).substr(0, terminalWidth(STDOUT_FILENO) - 1)
+              << base::TerminalOrder(base::Order::EraseToEnd) << std::flush;
     drawn = true;
   }
   void finish() override {
     if (drawn)
-      std::cout << "\r\x1b[K" << std::flush;
+      std::cout << base::EmptyLine() << std::flush;
     drawn = false;
   }
 

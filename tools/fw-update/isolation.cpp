@@ -11,6 +11,7 @@
 #include "child-command.h"
 #include "child-end.h"
 #include "child-story.h"
+#include "clean-output.h"
 #include "fw-update-mount-manager.h"
 #include "left-mounts.h"
 #include "lock-recovery.h"
@@ -196,8 +197,7 @@ Report reportOf(Watch& watch, const Options& options, const CleanedUp& cleaned) 
 void warn(Watch& watch) {
   const Finding finding = watch.hungFor() ? explainHang(watch.told(), *watch.hungFor())
                                           : explainCrash(watch.told(), watch.status().value_or(0));
-  std::cerr << wrapped("fw-update: warning: " + printable(finding.message), terminalWidth(STDERR_FILENO))
-            << std::endl;
+  std::cerr << wrapped("fw-update: warning: " + finding.message, terminalWidth(STDERR_FILENO)) << std::endl;
 }
 
 // Whether the child ended as its own signal or this process's made it.
@@ -227,7 +227,7 @@ IsolatedEnd runIsolated(char** arguments, const Options& options) {
     return end;
   }
   if (hasLiveLine())
-    std::cout << "\r\x1b[K" << std::flush;
+    std::cout << base::EmptyLine() << std::flush;
   const CleanedUp cleaned = cleanUp(watch.told(), mountedBefore);
   if (result) {
     warn(watch);

@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <csignal>
-#include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <iostream>
@@ -12,6 +11,7 @@
 #include <system_error>
 #include <variant>
 
+#include "clean-output.h"
 #include "command-line.h"
 #include "isolation.h"
 #include "last-act.h"
@@ -65,8 +65,8 @@ void put(const Report& report, const Options& options, const LogMessages& log) {
 // An earlier run that was cut off is told before the command's own answer.
 void tell(const Finding& interrupted) {
   const std::size_t width = terminalWidth(STDERR_FILENO);
-  std::cerr << wrapped("fw-update: " + printable(interrupted.message), width) << '\n'
-            << wrapped(printable(interrupted.remedy), width) << std::endl;
+  std::cerr << wrapped("fw-update: " + interrupted.message, width) << '\n'
+            << wrapped(interrupted.remedy, width) << std::endl;
 }
 
 void addTo(Report& report, const Finding& interrupted) {
@@ -129,9 +129,10 @@ int perform(int argc, char** argv) {
 
 int main(int argc, char** argv) {
   try {
+    base::CleanStandardOutput();
     return perform(argc, argv);
   } catch (const std::exception& error) {  // before or after the command: out of memory, as a rule
-    std::fprintf(stderr, "fw-update: %s\n", error.what());
+    std::cerr << "fw-update: " << error.what() << std::endl;
     return infoOf(Outcome::Unexpected).exitCode;
   }
 }

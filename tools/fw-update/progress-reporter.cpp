@@ -6,7 +6,9 @@
 #include <cstring>
 #include <iostream>
 
+#include "clean-output.h"
 #include "milestones.h"
+#include "printable-text.h"
 #include "report.h"
 #include "terminal.h"
 
@@ -20,13 +22,14 @@ class LiveReporter : public ProgressReporter {
     if (progress.phase != Phase::Updating && progress.elapsed < noticeableWait)
       return;
     const std::string line = liveLine(progress, terminalWidth(STDOUT_FILENO) - 1);
-    std::cout << '\r' << (progress.overdue() ? coloured(line, Colour::Yellow, STDOUT_FILENO) : line)
-              << "\x1b[K" << std::flush;
+    std::cout << base::TerminalOrder(base::Order::LineStart)
+              << (progress.overdue() ? coloured(line, Colour::Yellow, STDOUT_FILENO) : line)
+              << base::TerminalOrder(base::Order::EraseToEnd) << std::flush;
     drawn = true;
   }
   void finish() override {
     if (drawn)
-      std::cout << "\r\x1b[K" << std::flush;
+      std::cout << base::EmptyLine() << std::flush;
   }
 
  private:
@@ -36,7 +39,8 @@ class LiveReporter : public ProgressReporter {
 class PlainReporter : public ProgressReporter {
  public:
   void start(const Options& options) override {
-    std::cout << options.module << ": update requested by " << options.caller->name << std::endl;
+    std::cout << base::PrintableText(options.module) << ": update requested by " << options.caller->name
+              << std::endl;
   }
   void tick(const UpdateProgress& progress) override {
     if (milestones.reached(progress))

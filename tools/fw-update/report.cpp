@@ -56,17 +56,17 @@ void printText(const Report& report) {
   std::cout << report.body << std::flush;
   if (isFailure(finding.outcome)) {
     const std::size_t width = terminalWidth(STDERR_FILENO);
-    const std::string text = wrapped(std::string(failurePrefix) + printable(finding.message), width);
+    const std::string text = wrapped(std::string(failurePrefix) + finding.message, width);
     std::cerr << coloured(std::string(failurePrefix), Colour::Red, STDERR_FILENO)
               << text.substr(failurePrefix.size()) << '\n';
     if (!finding.remedy.empty())
-      std::cerr << wrapped(printable(finding.remedy), width) << '\n';
+      std::cerr << wrapped(finding.remedy, width) << '\n';
     return;
   }
   if (finding.outcome == Outcome::Ok && !report.body.empty())
     return;
   const Colour colour = finding.outcome == Outcome::NothingToDo ? Colour::Bold : Colour::Green;
-  const std::string text = wrapped(printable(finding.message), terminalWidth(STDOUT_FILENO));
+  const std::string text = wrapped(finding.message, terminalWidth(STDOUT_FILENO));
   std::cout << coloured(text, colour, STDOUT_FILENO) << std::endl;
 }
 

@@ -5,6 +5,7 @@
 #include <cmath>
 #include <iostream>
 
+#include "clean-output.h"
 #include "milestones.h"
 #include "progress-reporter.h"
 #include "terminal.h"
@@ -28,7 +29,7 @@ class TextReporter : public RunReporter {
   void moduleEnded(std::size_t number, const PlannedModule&, const Finding& finding) override {
     clear();
     const bool updated = finding.outcome == Outcome::Updated;
-    const std::string text = std::to_string(number) + ": " + printable(finding.message);
+    const std::string text = std::to_string(number) + ": " + finding.message;
     const std::string lines = wrapped(text, terminalWidth(STDOUT_FILENO));
     std::cout << coloured(lines, updated ? Colour::Green : Colour::Red, STDOUT_FILENO) << std::endl;
   }
@@ -48,8 +49,9 @@ class LiveReporter : public TextReporter {
     if (progress.number == 0)
       return;
     const std::string line = liveLine(progress, terminalWidth(STDOUT_FILENO) - 1);
-    std::cout << '\r' << (progress.module.overdue() ? coloured(line, Colour::Yellow, STDOUT_FILENO) : line)
-              << "\x1b[K" << std::flush;
+    std::cout << base::TerminalOrder(base::Order::LineStart)
+              << (progress.module.overdue() ? coloured(line, Colour::Yellow, STDOUT_FILENO) : line)
+              << base::TerminalOrder(base::Order::EraseToEnd) << std::flush;
     drawn = true;
   }
   void finish() override { clear(); }
@@ -57,7 +59,7 @@ class LiveReporter : public TextReporter {
  protected:
   void clear() override {
     if (drawn)
-      std::cout << "\r\x1b[K" << std::flush;
+      std::cout << base::EmptyLine() << std::flush;
     drawn = false;
   }
 

@@ -4,7 +4,7 @@
 #include <cmath>
 #include <vector>
 
-#include "terminal.h"
+#include "printable-text.h"
 
 namespace tool {
 namespace {
@@ -76,14 +76,14 @@ std::string timeText(const UpdateProgress& progress) {
 }
 
 std::string plainLine(const UpdateProgress& progress) {
-  std::string line = progress.module + ": ";
+  std::string line = base::PrintableText(progress.module) + ": ";
   if (progress.phase == Phase::Updating && progress.percent)
     line += percentText(*progress.percent) + ", ";
-  return printable(line + timeText(progress));
+  return line + timeText(progress);
 }
 
 std::string liveLine(const UpdateProgress& progress, std::size_t width) {
-  const std::string name = progress.module + "  ";
+  const std::string name = base::PrintableText(progress.module) + "  ";
   const std::string time = timeText(progress);
   std::string percent;
   std::vector<std::string> candidates;
@@ -100,8 +100,8 @@ std::string liveLine(const UpdateProgress& progress, std::size_t width) {
   candidates.push_back(percent + shortTime(progress));
   for (const std::string& line : candidates)
     if (line.size() <= width)
-      return printable(line);
-  return printable(candidates.back().substr(0, width));
+      return line;
+  return candidates.back().substr(0, width);
 }
 
 }  // namespace tool

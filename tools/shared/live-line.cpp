@@ -4,6 +4,7 @@
 
 #include <iostream>
 
+#include "clean-output.h"
 #include "terminal.h"
 
 namespace tool {
@@ -16,7 +17,7 @@ LiveLine::~LiveLine() {
 
 void LiveLine::show(const std::string& text) {
   if (shown_)
-    std::cerr << "\r\x1b[K" << text.substr(0, terminalWidth(STDERR_FILENO) - 1) << std::flush;
+    std::cerr << base::EmptyLine() << text.substr(0, terminalWidth(STDERR_FILENO) - 1) << std::flush;
 }
 
 }  // namespace tool

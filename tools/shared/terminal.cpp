@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <string_view>
 
+#include "clean-output.h"
+
 namespace tool {
 namespace {
 
@@ -14,18 +16,18 @@ std::string_view environment(const char* name) {
   return value != nullptr ? value : "";
 }
 
-constexpr const char* codeOf(Colour colour) {
+base::Order orderFor(Colour colour) {
   switch (colour) {
     case Colour::Green:
-      return "\x1b[32m";
+      return base::Order::Green;
     case Colour::Yellow:
-      return "\x1b[33m";
+      return base::Order::Yellow;
     case Colour::Red:
-      return "\x1b[31m";
+      return base::Order::Red;
     case Colour::Bold:
       break;
   }
-  return "\x1b[1m";
+  return base::Order::Bold;
 }
 
 }  // namespace
@@ -44,14 +46,7 @@ std::size_t terminalWidth(int descriptor) {
 std::string coloured(const std::string& text, Colour colour, int descriptor) {
   if (!isTerminal(descriptor) || !environment("NO_COLOR").empty())
     return text;
-  return codeOf(colour) + text + "\x1b[0m";
-}
-
-std::string printable(std::string text) {
-  for (char& c : text)
-    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f)
-      c = '?';
-  return text;
+  return base::TerminalOrder(orderFor(colour)) + text + base::TerminalOrder(base::Order::Plain);
 }
 
 }  // namespace tool

@@ -16,12 +16,9 @@ std::size_t terminalWidth(int descriptor);
 
 enum class Colour { Green, Yellow, Red, Bold };
 
-// The text in colour when the descriptor is a terminal and NO_COLOR is not set.
+// The text in colour when the descriptor is a terminal and NO_COLOR is not set; for a
+// stream that knows the orders (clean-output.h).
 std::string coloured(const std::string& text, Colour colour, int descriptor);
-
-// Text that a module or a file supplied, fit for a terminal: control characters
-// become '?'.
-std::string printable(std::string text);
 
 }  // namespace tool
 

@@ -18,7 +18,7 @@
 #include <string_view>
 
 #include "log/journal.h"
-#include "log/log-text.h"
+#include "printable-text.h"
 
 namespace {
 
@@ -144,7 +144,7 @@ int WriteToStderr(std::string_view line) {
 }
 
 void Complain(const char* variable, const char* value, const char* known, const char* instead) {
-  WriteToStderr(std::string(variable) + ": unknown value \"" + fwplatform::PrintableText(value) +
+  WriteToStderr(std::string(variable) + ": unknown value \"" + base::PrintableText(value) +
                 "\" (known: " + known + "); " + instead + "\n");
 }
 
@@ -256,12 +256,12 @@ fwplatform::CodePlace PlaceOf(const char* format, va_list arguments) {
 int HandOver(Sink sink, const Level& level, const char* tag, const fwplatform::CodePlace& place,
              std::string_view message) {
   const std::string_view body = WithoutTrailingLineFeeds(message);
-  std::string text = fwplatform::PrintableText(tag == nullptr ? "(null)" : tag);
+  std::string text = base::PrintableText(tag == nullptr ? "(null)" : tag);
   if (sink == Sink::kJournal) {
-    return fwplatform::WriteToJournal(level.syslogPriority, text, place, fwplatform::PrintableText(body));
+    return fwplatform::WriteToJournal(level.syslogPriority, text, place, base::PrintableText(body));
   }
   text += ' ';
-  text += fwplatform::PrintableText(body);
+  text += base::PrintableText(body);
   if (sink == Sink::kStderr) {
     return WriteToStderr(TimeOfDay() + ' ' + level.letter + ' ' + text + '\n');
   }

@@ -84,7 +84,7 @@ TEST(Facts, BringNoControlCharactersToATerminal) {
   fwpack::Facts facts;
   facts.add("name", "name", "a\x1b[2Jb\x7f\n");
 
-  EXPECT_EQ(facts.toText(), "name  a?[2Jb??\n");
+  EXPECT_EQ(facts.toText(), "name  a\\x1B[2Jb\\x7F\\x0A\n");
 }
 
 }  // namespace

@@ -38,7 +38,7 @@ tool::Library libraryOf(const std::vector<std::string>& names) {
 }
 
 PackageState neededPackage(const std::string& name) {
-  return {"lib" + name, name + "fw", "1.0.0", true, 10, {Outcome::Ok, "", ""}};
+  return {"lib" + name, name + "fw", "1.0.0", true, 10, false, {Outcome::Ok, "", ""}};
 }
 
 TEST(UsbEstimate, ReadsNeedAndTimeOfEachModule) {

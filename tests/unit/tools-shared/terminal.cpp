@@ -10,11 +10,13 @@
 #include <cstdlib>
 #include <string>
 
+#include "clean-output.h"
 #include "live-line.h"
 #include "unique-fd.h"
 
 namespace {
 
+using base::Order;
 using fwplatform::UniqueFd;
 using tool::Colour;
 
@@ -100,11 +102,16 @@ TEST_F(Terminal, HasNoWidthWhenItIsAFile) {
   EXPECT_EQ(tool::terminalWidth(file.get()), std::string::npos);
 }
 
+// As a stream with the gate takes it.
+std::string InOrders(Order order, const std::string& text) {
+  return base::TerminalOrder(order) + text + base::TerminalOrder(Order::Plain);
+}
+
 TEST_F(Terminal, ShowsColours) {
-  EXPECT_EQ(tool::coloured("a", Colour::Green, shown_.get()), "\x1b[32ma\x1b[0m");
-  EXPECT_EQ(tool::coloured("a", Colour::Yellow, shown_.get()), "\x1b[33ma\x1b[0m");
-  EXPECT_EQ(tool::coloured("a", Colour::Red, shown_.get()), "\x1b[31ma\x1b[0m");
-  EXPECT_EQ(tool::coloured("a", Colour::Bold, shown_.get()), "\x1b[1ma\x1b[0m");
+  EXPECT_EQ(tool::coloured("a", Colour::Green, shown_.get()), InOrders(Order::Green, "a"));
+  EXPECT_EQ(tool::coloured("a", Colour::Yellow, shown_.get()), InOrders(Order::Yellow, "a"));
+  EXPECT_EQ(tool::coloured("a", Colour::Red, shown_.get()), InOrders(Order::Red, "a"));
+  EXPECT_EQ(tool::coloured("a", Colour::Bold, shown_.get()), InOrders(Order::Bold, "a"));
 }
 
 TEST_F(Terminal, ShowsNoColoursWhenNobodyWantsThem) {
@@ -112,7 +119,7 @@ TEST_F(Terminal, ShowsNoColoursWhenNobodyWantsThem) {
   EXPECT_EQ(tool::coloured("a", Colour::Red, shown_.get()), "a");
 
   setenv("NO_COLOR", "", 1);
-  EXPECT_EQ(tool::coloured("a", Colour::Red, shown_.get()), "\x1b[31ma\x1b[0m");
+  EXPECT_EQ(tool::coloured("a", Colour::Red, shown_.get()), InOrders(Order::Red, "a"));
 }
 
 TEST_F(Terminal, GivesAFileNoColours) {
@@ -122,6 +129,7 @@ TEST_F(Terminal, GivesAFileNoColours) {
 }
 
 TEST_F(Terminal, ShowsALineThatGoesWithItsOwner) {
+  base::CleanStandardOutput();
   SetWidth(10);
   const std::string cleared = "\r\x1b[K";
   const std::string cut = "012345678";  // the last column would begin another line

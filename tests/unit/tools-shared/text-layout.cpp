@@ -27,8 +27,13 @@ TEST(WrappedText, KeepsALongWordOnALineOfItsOwn) {
 }
 
 TEST(WrappedText, HasOneBlankBetweenWordsAndNoneAround) {
-  EXPECT_EQ(wrapped("  one \n two ", 80), "one two");
+  EXPECT_EQ(wrapped("  one   two ", 80), "one two");
   EXPECT_EQ(wrapped("", 80), "");
+}
+
+TEST(WrappedText, ShowsWhatMustNotReachATerminalAndMeasuresItSo) {
+  EXPECT_EQ(wrapped("one\ntwo", 80), "one\\x0Atwo");
+  EXPECT_EQ(wrapped("one \x9B\x9B two", 13), "one \\x9B\\x9B\ntwo");
 }
 
 TEST(Table, HasColumnsAsWideAsTheirWidestCell) {

@@ -45,8 +45,7 @@ std::string line(const CheckInfo& check, const CheckResult& result, std::size_t 
   std::string title = check.title;
   if (!result.reason.empty())
     title += ": " + result.reason;
-  return cell(check, result) + padded(check.id, widestId() + 2) +
-         tool::wrapped(tool::printable(title), width, indent) + "\n";
+  return cell(check, result) + padded(check.id, widestId() + 2) + tool::wrapped(title, width, indent) + "\n";
 }
 
 std::string paragraph(const Finding& finding, std::size_t width) {
@@ -57,8 +56,8 @@ std::string paragraph(const Finding& finding, std::size_t width) {
   return "\n" +
          tool::coloured(error ? "error" : "warning", error ? tool::Colour::Red : tool::Colour::Yellow,
                         STDOUT_FILENO) +
-         " " + check.id + "\n" + blanks + tool::wrapped(tool::printable(finding.message), width, indent) +
-         "\n" + blanks + tool::wrapped(std::string("What to do: ") + check.advice, width, indent) + "\n";
+         " " + check.id + "\n" + blanks + tool::wrapped(finding.message, width, indent) + "\n" + blanks +
+         tool::wrapped(std::string("What to do: ") + check.advice, width, indent) + "\n";
 }
 
 std::string heading(const Subject& subject, std::size_t width) {
@@ -68,7 +67,7 @@ std::string heading(const Subject& subject, std::size_t width) {
     text += " for the firmware " + subject.firmware;
   if (!subject.activeVersion.empty())
     text += ", version " + subject.activeVersion + " on a new device";
-  return tool::wrapped(tool::printable(text), width) + "\n";
+  return tool::wrapped(text, width) + "\n";
 }
 
 std::string number(std::size_t count, const char* what) {

@@ -20,7 +20,7 @@
 #include "ending-signals.h"
 #include "file-descriptor.h"
 #include "outcome.h"
-#include "terminal.h"
+#include "printable-text.h"
 #include "trial-child.h"
 
 namespace fwmodule {
@@ -190,7 +190,7 @@ const Call* callOf(const Account& account, const Record& record) {
 std::string printed(const Child& child) {
   std::string output = child.output();
   std::replace(output.begin(), output.end(), '\n', ' ');
-  return tool::printable(output.substr(0, output.find_last_not_of(' ') + 1));
+  return base::PrintableText(output.substr(0, output.find_last_not_of(' ') + 1));
 }
 
 // "doUpdate crashed (Aborted) with a good image. It printed: ..."

@@ -1,5 +1,5 @@
 // fw-pack inspect FILE
-#include <json/writer.h>
+#include <json/value.h>
 
 #include <algorithm>
 #include <boost/crc.hpp>
@@ -15,6 +15,7 @@
 #include "../information.h"
 #include "../package-cipher.h"
 #include "../signature-check.h"
+#include "text-layout.h"
 
 namespace fwpack {
 namespace {
@@ -252,7 +253,7 @@ ExitCode runInspect(const Options& options) {
   facts.add("file", "file", chosen.input);
   inspectFile(facts, chosen);
   if (options.json) {
-    std::cout << Json::writeString(Json::StreamWriterBuilder(), facts.toJson()) << std::endl;
+    std::cout << tool::indented(facts.toJson()) << std::flush;
   } else {
     std::cout << facts.toText() << std::flush;
   }

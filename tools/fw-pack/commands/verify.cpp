@@ -1,11 +1,12 @@
 // fw-pack verify PACKAGE
-#include <json/writer.h>
+#include <json/value.h>
 
 #include <iostream>
 
 #include "../commands.h"
 #include "../files.h"
 #include "../signature-check.h"
+#include "text-layout.h"
 
 namespace fwpack {
 
@@ -16,7 +17,7 @@ ExitCode runVerify(const Options& options) {
   if (options.json) {
     Json::Value document = toJson(report);
     document["file"] = options.input;
-    std::cout << Json::writeString(Json::StreamWriterBuilder(), document) << std::endl;
+    std::cout << tool::indented(document) << std::flush;
   } else if (valid) {
     std::cout << options.input << ": " << toText(report) << std::endl;
   } else {

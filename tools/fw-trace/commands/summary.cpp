@@ -9,7 +9,6 @@
 #include "../selection.h"
 #include "../time-text.h"
 #include "../timeline.h"
-#include "log/log-text.h"
 #include "terminal.h"
 #include "text-layout.h"
 
@@ -67,7 +66,7 @@ std::vector<std::string> row(const std::string& name, const Module& module) {
   std::string results;
   for (const auto& [result, count] : module.results())
     results += (results.empty() ? "" : ", ") + std::to_string(count) + " " + result;
-  return {name.empty() ? "(no name)" : fwplatform::PrintableText(name),
+  return {name.empty() ? "(no name)" : name,
           std::to_string(module.updates.size()),
           spanText(module.duration()),
           orDash(module.timeIn(Stage::WaitForLock)),
@@ -79,20 +78,20 @@ std::vector<std::string> row(const std::string& name, const Module& module) {
 Json::Value json(const Update& update) {
   Json::Value value;
   value["processId"] = update.file->trace.processId;
-  value["firmware"] = fwplatform::PrintableText(update.firmware);
+  value["firmware"] = update.firmware;
   if (update.caller)
     value["caller"] = *update.caller;
   value["begin"] = dayAndTime(update.span.begin);
   value["seconds"] = seconds(update.span.length());
   value["result"] = nameOf(update.result);
   if (!update.reason.empty())
-    value["reason"] = fwplatform::PrintableText(update.reason);
+    value["reason"] = update.reason;
   return value;
 }
 
 Json::Value json(const std::string& name, const Module& module) {
   Json::Value value;
-  value["module"] = fwplatform::PrintableText(name);
+  value["module"] = name;
   value["attempts"] = Json::UInt64{module.updates.size()};
   value["seconds"] = seconds(module.duration());
   value["waitForLockSeconds"] = orNull(module.timeIn(Stage::WaitForLock));

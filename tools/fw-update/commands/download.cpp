@@ -156,7 +156,7 @@ void conclude(Report& report, const std::vector<Package>& packages) {
   if (packages.size() == 1)
     return;
   for (const Package& package : packages)
-    report.body += wrapped(printable(package.finding.message), terminalWidth(STDOUT_FILENO)) + "\n";
+    report.body += wrapped(package.finding.message, terminalWidth(STDOUT_FILENO)) + "\n";
 }
 
 }  // namespace

@@ -54,8 +54,7 @@ Json::Value usersJson(const LockUsers& users) {
 std::string usersTable(const LockUsers& users) {
   std::vector<std::vector<std::string>> rows{{"PID", "USER", "LOCK", "COMMAND"}};
   for (const LockUser& user : users.users)
-    rows.push_back(
-        {std::to_string(user.process), user.user, infoOf(user.role).words, printable(user.command)});
+    rows.push_back({std::to_string(user.process), user.user, infoOf(user.role).words, user.command});
   return rows.size() > 1 ? table(rows, terminalWidth(STDOUT_FILENO)) : "";
 }
 
