@@ -1,6 +1,6 @@
 #include "information-file.h"
 
-#include <memory>
+#include <sstream>
 
 #include "regular-file.h"
 
@@ -9,8 +9,8 @@ namespace {
 constexpr std::size_t LargestInformation = std::size_t{64} * 1024;
 
 bool parse(const std::string& text, Json::Value& root) {
-  const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
-  return reader->parse(text.data(), text.data() + text.size(), &root, nullptr);
+  std::istringstream stream(text);
+  return Json::parseFromStream(Json::CharReaderBuilder(), stream, &root, nullptr);
 }
 
 }  // namespace

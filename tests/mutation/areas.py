@@ -26,7 +26,7 @@ AREAS = (
     Area("platform/linux/power", ("test-platform-power",)),
     Area("platform/linux/privileged", ("test-platform-privileged", "test-privileged-*", "replay-privileged-message")),
     Area("platform/linux/trace", ("test-platform-trace-storage", "test-fw-trace", "replay-trace-reader")),
-    Area("platform/linux/verifier", ("test-verifier", "replay-package-signature", "fw-pack-test")),
+    Area("platform/linux/verifier", ("test-verifier", "test-package-signature", "replay-package-signature", "fw-pack-test")),
     Area("platform/conformance", ("platform-check-test",)),
     Area("sandbox", ("sandbox-test", "fw-device-test")),
     Area("modules", ("modules-test", "component-flash-test", "test-large-images")),

@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <string>
+#include <vector>
 
 #include "device-environment.h"
 #include "package-verifier.h"
@@ -55,12 +56,26 @@ class ReadContent : public DeviceTest {
   }
 
   bool takesOpened(int descriptor, const std::string& read, std::size_t piece, const std::string& path) {
+    std::vector<std::string> pieces;
+    for (std::size_t at = 0; at < read.size(); at += piece) {
+      pieces.push_back(read.substr(at, piece));
+    }
+    return takesOpened(descriptor, pieces, path);
+  }
+
+  bool takesPieces(const std::string& file, const std::vector<std::string>& pieces) {
+    writeFile(kPackage, file);
+    const fwplatform::UniqueFd descriptor(open(kPackage, O_RDONLY | O_CLOEXEC));
+    return takesOpened(descriptor.get(), pieces, kPackage);
+  }
+
+  bool takesOpened(int descriptor, const std::vector<std::string>& pieces, const std::string& path) {
     PackageContentCheck* const check = begin(path.c_str(), descriptor);
     if (check == nullptr) {
       return false;
     }
-    for (std::size_t at = 0; at < read.size(); at += piece) {
-      add(check, reinterpret_cast<const unsigned char*>(read.data()) + at, std::min(piece, read.size() - at));
+    for (const std::string& piece : pieces) {
+      add(check, reinterpret_cast<const unsigned char*>(piece.data()), piece.size());
     }
     const bool taken = end(check) != 0;
     release(check);
@@ -95,6 +110,15 @@ TEST_F(ReadContent, IsTakenInPiecesOfAnySize) {
   for (const std::size_t piece : {1U, 7U, 16U, 533U, 534U, 535U, 2999U, 3000U, 3001U, 3534U, 9999U}) {
     EXPECT_TRUE(takes(whole, whole, piece)) << piece;
   }
+}
+
+TEST_F(ReadContent, IsRefusedWithAByteBetweenContentAndTrailerThatCameByItself) {
+  const std::string whole = package();
+  const std::string trailer = whole.substr(whole.size() - kTrailer);
+  const std::string content = whole.substr(0, whole.size() - kTrailer);
+
+  EXPECT_TRUE(takesPieces(whole, {content, trailer}));
+  EXPECT_FALSE(takesPieces(whole, {content, "x", trailer}));
 }
 
 TEST_F(ReadContent, IsTakenOfEveryAlgorithmAndFormat) {
