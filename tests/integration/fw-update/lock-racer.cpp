@@ -1,8 +1,13 @@
 // Preloaded into the command: does to the update lock what another process may do in
-// between, as LOCK_RACE says. "post-before-lease" gives it back just before the kernel is
-// asked who uses it; "post-before-watch" just before others' opens are watched;
-// "open-while-looking" opens it whenever its users are looked for. With the latter two the
-// kernel cannot tell who uses it. "hurry" lets five seconds pass at each look at the clock.
+// between, as LOCK_RACE says.
+// - post-before-lease: gives it back just before the kernel is asked who uses it
+// - post-before-watch: just before others' opens are watched
+// - open-while-looking: opens it whenever its users are looked for
+//   With these two the kernel cannot tell who uses it.
+// - end-while-looking: ends LOCK_RACE_PROCESS when its mappings are looked at, and lets
+//   nobody see them
+// - hurry: lets five seconds pass at each look at the clock
+
 // The calls are taken over under each of their names.
 #undef _FILE_OFFSET_BITS
 #undef _TIME_BITS
@@ -15,11 +20,14 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdarg>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <string>
 
 namespace {
 
@@ -43,6 +51,34 @@ void post() {
   munmap(lock, sizeof(sem_t));
 }
 
+// Its parent has not waited for it.
+void end(const char* process) {
+  kill(static_cast<pid_t>(std::strtol(process, nullptr, 10)), SIGKILL);
+  const std::string path = std::string("/proc/") + process + "/stat";
+  for (char state = '?'; state != 'Z';) {
+    char line[256] = "";
+    std::FILE* const file = std::fopen(path.c_str(), "r");
+    if (file == nullptr || std::fgets(line, sizeof line, file) == nullptr)
+      return;
+    std::fclose(file);
+    state = std::strrchr(line, ')')[2];
+  }
+}
+
+bool endsNow(const char* path) {
+  const char* const process = std::getenv("LOCK_RACE_PROCESS");
+  return races("end-while-looking") && process != nullptr &&
+         std::string("/proc/") + process + "/maps" == path;
+}
+
+int openFile(const char* path, int flags, mode_t mode) {
+  if (!endsNow(path))
+    return real<int(const char*, int, ...)>("open64")(path, flags, mode);
+  end(std::getenv("LOCK_RACE_PROCESS"));
+  errno = EACCES;
+  return -1;
+}
+
 int setLease(int file, std::uintptr_t argument) {
   if (races("post-before-watch") || races("open-while-looking")) {
     errno = EINVAL;
@@ -61,6 +97,8 @@ int control(int file, int command, std::uintptr_t argument) {
 
 }  // namespace
 
+// The names of the headers are reserved.
+// NOLINTBEGIN(readability-inconsistent-declaration-parameter-name)
 #define EXPORTED extern "C" __attribute__((visibility("default")))
 
 EXPORTED int fcntl(int file, int command, ...) {
@@ -79,6 +117,22 @@ EXPORTED int fcntl64(int file, int command, ...) {
   return result;
 }
 
+EXPORTED int open(const char* path, int flags, ...) {
+  va_list arguments;
+  va_start(arguments, flags);
+  const int result = openFile(path, flags, va_arg(arguments, mode_t));
+  va_end(arguments);
+  return result;
+}
+
+EXPORTED int open64(const char* path, int flags, ...) {
+  va_list arguments;
+  va_start(arguments, flags);
+  const int result = openFile(path, flags, va_arg(arguments, mode_t));
+  va_end(arguments);
+  return result;
+}
+
 EXPORTED int inotify_add_watch(int events, const char* path, std::uint32_t mask) noexcept {
   if (races("post-before-watch"))
     post();
@@ -93,8 +147,9 @@ EXPORTED int access(const char* path, int mode) noexcept {
 
 EXPORTED int clock_gettime(clockid_t clock, timespec* time) noexcept {
   const int result = real<int(clockid_t, timespec*)>("clock_gettime")(clock, time);
-  static int calls = 0;
+  static long calls = 0;
   if (races("hurry") && clock == CLOCK_MONOTONIC)
     time->tv_sec += 5 * ++calls;
   return result;
 }
+// NOLINTEND(readability-inconsistent-declaration-parameter-name)

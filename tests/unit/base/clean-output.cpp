@@ -98,6 +98,7 @@ TEST(CleanOutput, KeepsCharactersAndOrdersWholeInLongOutput) {
 TEST(CleanOutput, ComesWholeFromSeveralThreads) {
   const std::string shown = WrittenBy([] {
     std::vector<std::thread> threads;
+    threads.reserve(4);
     for (int i = 0; i < 4; ++i)
       threads.emplace_back([] {
         for (int line = 0; line < 5000; ++line)
