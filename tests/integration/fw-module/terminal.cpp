@@ -79,6 +79,12 @@ class InterruptedCheck : public FwModuleTest, public ::testing::WithParamInterfa
     prctl(PR_SET_CHILD_SUBREAPER, 1);
   }
 
+  // A module that hangs in a process of its own, which tells so in kWork: the host's paths
+  // are shown to read alone, unless they are kept.
+  static std::vector<std::string> checkOfAHangingModule() {
+    return {"check", copyOf("hang-with-a-process.so", "x.so"), "--keep", kWork};
+  }
+
   // Until the module's own process runs and hangs.
   static void waitForTheHang() {
     while (!exists(std::string(kWork) + "helper"))
@@ -92,7 +98,7 @@ class InterruptedCheck : public FwModuleTest, public ::testing::WithParamInterfa
 };
 
 TEST_P(InterruptedCheck, EndsTheHangingModuleAndWhatItStarted) {
-  RunningTool check({"check", copyOf("hang-with-a-process.so", "x.so")}, {});
+  RunningTool check(checkOfAHangingModule(), {});
   waitForTheHang();
 
   check.kill(GetParam());
@@ -104,7 +110,7 @@ TEST_P(InterruptedCheck, EndsTheHangingModuleAndWhatItStarted) {
 INSTANTIATE_TEST_SUITE_P(BySignal, InterruptedCheck, ::testing::Values(SIGINT, SIGTERM, SIGHUP));
 
 TEST_F(InterruptedCheck, LeavesAnEmptyLineOnATerminal) {
-  RunningTool check({"check", copyOf("hang-with-a-process.so", "x.so")}, {{"TERM=xterm"}, true, kColumns});
+  RunningTool check(checkOfAHangingModule(), {{"TERM=xterm"}, true, kColumns});
   waitForTheHang();
 
   check.type("\x03");
