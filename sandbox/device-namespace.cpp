@@ -330,4 +330,13 @@ bool insideDevice() {
   return entered();
 }
 
+std::string deviceIdentity() {
+  return fs::read_symlink("/proc/self/ns/mnt");
+}
+
+bool goOnInDevice(const std::string& identity) {
+  entered() = identity == deviceIdentity();
+  return entered();
+}
+
 }  // namespace sandbox

@@ -43,6 +43,11 @@ void enterDevice(const Device& device);
 // Whether enterDevice has succeeded in this process, or in its parent before fork.
 bool insideDevice();
 
+// For a program that starts another one in its place: names the device that this process
+// is in, and lets the next program go on in it. False when that is in another place by now.
+std::string deviceIdentity();
+bool goOnInDevice(const std::string& identity);
+
 }  // namespace sandbox
 
 #endif

@@ -6,11 +6,14 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
+#include <string>
 #include <system_error>
+#include <vector>
 
 #include "device-layout.h"
 #include "device-namespace.h"
@@ -29,6 +32,36 @@ void setCapabilities(const __user_cap_data_struct* capabilities) {
   auto header = callingThread();
   if (syscall(SYS_capset, &header, capabilities) != 0) {
     throw std::system_error(errno, std::generic_category(), "cannot change this thread's capabilities");
+  }
+}
+
+// Which calls enter a device is too new for some tools that tests run under: $FW_TEST_TOOL, a
+// command, is started once there is a device, and goes on with this program.
+constexpr char kTool[] = "FW_TEST_TOOL";
+constexpr char kOnDevice[] = "FW_TEST_ON_DEVICE";
+
+void startTool(const char* tool, char** argv) {
+  const std::string command = std::string("exec ") + tool + " \"$@\"";
+  std::vector<std::string> arguments = {"sh", "-c", command, "sh", fs::read_symlink("/proc/self/exe")};
+  for (char** argument = argv + 1; *argument != nullptr; ++argument) {
+    arguments.emplace_back(*argument);
+  }
+  std::vector<char*> pointers;
+  for (std::string& argument : arguments) {
+    pointers.push_back(argument.data());
+  }
+  pointers.push_back(nullptr);
+  setenv(kOnDevice, sandbox::deviceIdentity().c_str(), 1);
+  unsetenv(kTool);
+  execv("/bin/sh", pointers.data());
+  throw std::system_error(errno, std::generic_category(), "cannot start the tool");
+}
+
+void enterDevice(char** argv) {
+  const std::string tool = std::getenv(kTool) != nullptr ? std::getenv(kTool) : "";
+  sandbox::enterDevice({"", {TEST_SOURCE_TREE}, {}, {TEST_BINARY_TREE}});
+  if (!tool.empty()) {
+    startTool(tool.c_str(), argv);
   }
 }
 
@@ -73,12 +106,16 @@ WithoutFileOverride::~WithoutFileOverride() {
 }
 
 int main(int argc, char** argv) {
+  std::vector<char*> given(argv, argv + argc + 1);
   ::testing::InitGoogleMock(&argc, argv);
   if (::testing::GTEST_FLAG(list_tests)) {
     return RUN_ALL_TESTS();  // lists only, so that a build host without namespaces can
   }
   try {
-    sandbox::enterDevice({"", {TEST_SOURCE_TREE}, {}, {TEST_BINARY_TREE}});
+    const char* const device = std::getenv(kOnDevice);
+    if (device == nullptr || !sandbox::goOnInDevice(device)) {
+      enterDevice(given.data());
+    }
   } catch (const std::exception& refused) {
     std::fprintf(stderr, "skipped, no device: %s\n", refused.what());
     return kSkipped;
