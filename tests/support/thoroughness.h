@@ -7,8 +7,10 @@ namespace thoroughness {
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr int kEveryNth = 8;
+constexpr bool kUnderASanitizer = true;
 #else
 constexpr int kEveryNth = 1;
+constexpr bool kUnderASanitizer = false;
 #endif
 
 }  // namespace thoroughness

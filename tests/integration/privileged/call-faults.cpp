@@ -24,14 +24,16 @@ namespace {
 template <typename... Arguments>
 int Call(const char* name, long number, Arguments... arguments) {
   const auto first = before.find(name);
-  if (const int error = first == before.end() ? 0 : first->second(); error != 0) {
+  const auto fault = first == before.end() ? nullptr : first->second;
+  if (const int error = fault ? fault() : 0; error != 0) {
     errno = error;
     return -1;
   }
   const auto result = static_cast<int>(syscall(number, arguments...));
   if (const auto second = after.find(name); second != after.end()) {
     const int error = errno;
-    second->second();
+    const auto action = second->second;  // it may take itself out of the list
+    action();
     errno = error;
   }
   return result;
