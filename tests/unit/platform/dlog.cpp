@@ -111,7 +111,7 @@ constexpr long kDayMs = 86400L * 1000;
 long MillisecondOfDay() {
   timespec now = {};
   clock_gettime(CLOCK_REALTIME, &now);
-  return ((now.tv_sec % 86400 + 5 * 3600 + 1800) * 1000L + now.tv_nsec / 1000000) % kDayMs;
+  return ((static_cast<long>(now.tv_sec % 86400) + 5 * 3600 + 1800) * 1000L + now.tv_nsec / 1000000) % kDayMs;
 }
 
 TEST(PlatformLog, ShowsTheTimeOfDay) {
