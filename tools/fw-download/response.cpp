@@ -1,7 +1,7 @@
 #include "response.h"
 
-#include <curl/curl.h>
 #include <strings.h>
+#include <time.h>
 
 #include <algorithm>
 #include <charconv>
@@ -15,6 +15,23 @@ namespace {
 
 // A date is a reliable mark of a file that had not changed for this long.
 constexpr long kSettledSeconds = 60;
+
+// The forms of a date that a server may send, the usual one first.
+constexpr const char* kDateForms[] = {"%a, %d %b %Y %H:%M:%S GMT", "%A, %d-%b-%y %H:%M:%S GMT",
+                                      "%a %b %e %H:%M:%S %Y"};
+
+// Seconds since 1970. libcurl's own answer has 32 bits on a 32-bit system, where this program
+// takes it for 64.
+std::optional<std::int64_t> ParseDate(const std::string& text) {
+  for (const char* form : kDateForms) {
+    tm parts = {};
+    const char* const end = strptime(text.c_str(), form, &parts);
+    if (end != nullptr && *end == '\0') {
+      return timegm(&parts);
+    }
+  }
+  return std::nullopt;
+}
 
 bool SameHeader(const std::string& name, const char* other) {
   return strcasecmp(name.c_str(), other) == 0;
@@ -127,9 +144,9 @@ std::string ValidatorOf(const Response& response) {
   if (!response.etag.empty()) {
     return response.etag[0] == '"' ? response.etag : "";  // W/"..." is weak
   }
-  const std::int64_t modified = curl_getdate(response.lastModified.c_str(), nullptr);
-  const std::int64_t now = curl_getdate(response.date.c_str(), nullptr);
-  const bool settled = modified >= 0 && now >= 0 && now - modified >= kSettledSeconds;
+  const auto modified = ParseDate(response.lastModified);
+  const auto now = ParseDate(response.date);
+  const bool settled = modified && now && *now - *modified >= kSettledSeconds;
   return settled ? response.lastModified : "";
 }
 

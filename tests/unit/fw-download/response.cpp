@@ -132,6 +132,10 @@ TEST(DownloadValidator, IsAStrongTagOrADateOfAFileThatHasSettled) {
   EXPECT_EQ(ValidatorOf(read({date, "Last-Modified: x"})), "");
   EXPECT_EQ(ValidatorOf(read({date, "Last-Modified: Thu, 01 Jan 1970 00:00:00 GMT"})),
             "Thu, 01 Jan 1970 00:00:00 GMT");
+  EXPECT_EQ(ValidatorOf(read({date, "Last-Modified: Saturday, 21-Nov-26 06:59:00 GMT"})),
+            "Saturday, 21-Nov-26 06:59:00 GMT");
+  EXPECT_EQ(ValidatorOf(read({date, "Last-Modified: Sat Nov 21 06:59:00 2026"})), "Sat Nov 21 06:59:00 2026");
+  EXPECT_EQ(ValidatorOf(read({date, "Last-Modified: Sat, 21 Nov 2026 06:59:00 GMT+1"})), "");
 }
 
 }  // namespace
