@@ -117,6 +117,17 @@ EXPORTED int fcntl64(int file, int command, ...) {
   return result;
 }
 
+#if __SIZEOF_LONG__ == 4
+// What programs with 64-bit times call on a 32-bit system.
+EXPORTED int __fcntl_time64(int file, int command, ...) {  // NOLINT(bugprone-reserved-identifier)
+  va_list arguments;
+  va_start(arguments, command);
+  const int result = control(file, command, va_arg(arguments, std::uintptr_t));
+  va_end(arguments);
+  return result;
+}
+#endif
+
 EXPORTED int open(const char* path, int flags, ...) {
   va_list arguments;
   va_start(arguments, flags);
