@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 #include <cstdio>
 #include <filesystem>
 #include <memory>
@@ -593,6 +594,10 @@ TEST_F(UsbKey, IsInNoCommandLineAndNoEnvironment) {
     for (const char* const file : {"cmdline", "environ"})
       expectNoPieceOf(secret, file, readFile(process.path() / file));
   }
+
+  // The module would hang on after its tool.
+  tool.kill(SIGTERM);
+  EXPECT_EQ(tool.finish(), -SIGTERM);
 }
 
 TEST_F(UsbTool, NeedsItsOptions) {
