@@ -316,7 +316,13 @@ void enterDevice(const Device& device) {
   fs::create_directory(root);
   mountMemory(root);
   const auto state = openState(std::move(directory), scratch);
-  DeviceRoot(scratch + "/layers", root, ownUserNamespace).build();
+  DeviceRoot layers(scratch + "/layers", root, ownUserNamespace);
+  for (const auto* paths : {&visible, &writable}) {
+    for (const auto& host : *paths) {
+      layers.makeRoomFor(host.path);
+    }
+  }
+  layers.build();
   changeRoot(root);
   bindDeviceDirectories(state);
   showVisible(visible, !device.root.empty());

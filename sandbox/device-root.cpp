@@ -65,6 +65,12 @@ DeviceRoot::DeviceRoot(std::string scratch, std::string root, bool ownUserNamesp
   }
 }
 
+void DeviceRoot::makeRoomFor(const std::string& path) {
+  if (!fs::exists(path)) {
+    changed_.push_back(fs::path(path).parent_path());
+  }
+}
+
 void DeviceRoot::build() {
   // Always entry by entry: "/" cannot be a lower layer in a user namespace.
   mirror("");

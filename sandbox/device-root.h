@@ -15,6 +15,10 @@ class DeviceRoot {
   // directory to build in. ownUserNamespace: the caller is not the host's root.
   DeviceRoot(std::string scratch, std::string root, bool ownUserNamespace);
 
+  // path, absolute and normal: something of its own is going to be mounted there, so what
+  // is above it must be writable where it does not exist. Before build.
+  void makeRoomFor(const std::string& path);
+
   // Throws std::system_error.
   void build();
 
@@ -31,7 +35,7 @@ class DeviceRoot {
   std::string root_;
   bool ownUserNamespace_;
   std::vector<std::string> replaced_;  // host paths, links resolved, that a device directory covers
-  std::vector<std::string> changed_;   // replaced_, and those that must be writable
+  std::vector<std::string> changed_;   // replaced_, those that must be writable, and room made
   std::vector<std::string> hostMounts_;
 };
 

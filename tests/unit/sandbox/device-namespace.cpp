@@ -480,6 +480,26 @@ TEST_F(DeviceNamespace, ShowsPathsOfTheHostOnAnotherSystem) {
   fs::remove_all(system);
 }
 
+TEST_F(DeviceNamespace, ShowsPathsOfTheHostBelowADirectoryThatTheOtherSystemHasToo) {
+  const auto system = makeSystem();
+  writeFile(system + "/both/own", "of the other system");
+  writeFile("/both/host/file", "of the host");
+  writeFile("/both/written", "of the host");
+
+  EXPECT_EQ(inChild([&] {
+              sandbox::enterDevice({"", {"/both/host"}, system, {"/both/written"}});
+              writeFile("/both/written", "on the device");
+              return readFile("/both/host/file") == "of the host" &&
+                     readFile("/both/own") == "of the other system";
+            }),
+            kTrue);
+
+  EXPECT_EQ(readFile("/both/written"), "on the device");
+  EXPECT_FALSE(exists(system + "/both/host"));
+  fs::remove_all("/both");
+  fs::remove_all(system);
+}
+
 TEST_F(DeviceNamespace, RefusesASystemWithoutAPlaceForTheKernels) {
   const auto system = makeSystem();
   fs::remove(system + "/sys");
