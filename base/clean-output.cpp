@@ -22,7 +22,7 @@ constexpr std::array<const char*, 7> kSequences = {
 // Written but not flushed: more is passed on in pieces.
 constexpr std::size_t kLargestPiece = 65536;
 
-std::string NewMark() {
+std::string newMark() {
   std::uint64_t number = 0;
   // Before the kernel has random numbers a program's own orders have to wait, too.
   while (getrandom(&number, sizeof number, 0) != static_cast<ssize_t>(sizeof number)) {
@@ -33,24 +33,24 @@ std::string NewMark() {
 }
 
 // What orders begin with in this process. Never destroyed, as the gates.
-const std::string& Mark() {
-  static const std::string* const mark = new std::string(NewMark());
-  return *mark;
+const std::string& mark() {
+  static const std::string* const kMark = new std::string(newMark());
+  return *kMark;
 }
 
 // Every text in between as it may be shown, every order as the terminal knows it.
-std::string Translated(std::string_view text) {
+std::string translated(std::string_view text) {
   std::string out;
-  for (std::size_t at = 0; (at = text.find(Mark())) != std::string_view::npos;) {
-    out += PrintableLines(text.substr(0, at));
-    text.remove_prefix(at + Mark().size());
+  for (std::size_t at = 0; (at = text.find(mark())) != std::string_view::npos;) {
+    out += printableLines(text.substr(0, at));
+    text.remove_prefix(at + mark().size());
     const std::size_t order = text.empty() ? kSequences.size() : static_cast<unsigned char>(text[0]) - 'A';
     if (order < kSequences.size()) {
       out += kSequences[order];
       text.remove_prefix(1);
     }
   }
-  return out + PrintableLines(text);
+  return out + printableLines(text);
 }
 
 class Gate : public std::streambuf {
@@ -69,26 +69,26 @@ class Gate : public std::streambuf {
   std::streamsize xsputn(const char* bytes, std::streamsize size) override {
     const std::lock_guard<std::mutex> lock(mutex_);
     waiting_.append(bytes, static_cast<std::size_t>(size));
-    return waiting_.size() < kLargestPiece || PassOn(LengthToPass()) ? size : 0;
+    return waiting_.size() < kLargestPiece || passOn(lengthToPass()) ? size : 0;
   }
 
   int sync() override {
     const std::lock_guard<std::mutex> lock(mutex_);
-    return PassOn(waiting_.size()) && target_->pubsync() == 0 ? 0 : -1;
+    return passOn(waiting_.size()) && target_->pubsync() == 0 ? 0 : -1;
   }
 
  private:
   // Neither a character nor an order is torn.
-  std::size_t LengthToPass() const {
+  std::size_t lengthToPass() const {
     const std::size_t order = waiting_.rfind('\x1b');
-    if (order != std::string::npos && waiting_.size() - order <= Mark().size()) {
+    if (order != std::string::npos && waiting_.size() - order <= mark().size()) {
       return order;
     }
-    return waiting_.size() - UnfinishedLength(waiting_);
+    return waiting_.size() - unfinishedLength(waiting_);
   }
 
-  bool PassOn(std::size_t length) {
-    const std::string text = Translated(std::string_view(waiting_).substr(0, length));
+  bool passOn(std::size_t length) {
+    const std::string text = translated(std::string_view(waiting_).substr(0, length));
     waiting_.erase(0, length);
     const auto size = static_cast<std::streamsize>(text.size());
     return target_->sputn(text.data(), size) == size;
@@ -101,20 +101,20 @@ class Gate : public std::streambuf {
 
 }  // namespace
 
-void CleanStandardOutput() {
+void cleanStandardOutput() {
   // Never destroyed: the streams are flushed through them at the very end.
-  static Gate* const output = new Gate(std::cout);
-  static Gate* const errors = new Gate(std::cerr);
-  (void)output;
-  (void)errors;
+  static Gate* const kOutput = new Gate(std::cout);
+  static Gate* const kErrors = new Gate(std::cerr);
+  (void)kOutput;
+  (void)kErrors;
 }
 
-std::string TerminalOrder(Order order) {
-  return Mark() + static_cast<char>('A' + static_cast<int>(order));
+std::string terminalOrder(Order order) {
+  return mark() + static_cast<char>('A' + static_cast<int>(order));
 }
 
-std::string EmptyLine() {
-  return TerminalOrder(Order::LineStart) + TerminalOrder(Order::EraseToEnd);
+std::string emptyLine() {
+  return terminalOrder(Order::LineStart) + terminalOrder(Order::EraseToEnd);
 }
 
 }  // namespace base

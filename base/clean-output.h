@@ -10,16 +10,16 @@ namespace base {
 
 // Puts the gate before both streams, until the process ends. Call it first of all, once.
 // Both streams may be written to from any thread, as before.
-void CleanStandardOutput();
+void cleanStandardOutput();
 
 enum class Order { Green, Yellow, Red, Bold, Plain, LineStart, EraseToEnd };
 
 // For a stream with the gate, in one piece: what makes the terminal do it. Only this
 // process can write it: it holds a number that nobody else knows.
-std::string TerminalOrder(Order order);
+std::string terminalOrder(Order order);
 
 // The line that the cursor is in is empty, the cursor at its start.
-std::string EmptyLine();
+std::string emptyLine();
 
 }  // namespace base
 

@@ -34,12 +34,12 @@ constexpr Range kUnsafe[] = {
     {0x202A, 0x202E}, {0x2066, 0x2069},  // embeddings, overrides and isolates
 };
 
-std::uint8_t ByteAt(std::string_view text, std::size_t index) {
+std::uint8_t byteAt(std::string_view text, std::size_t index) {
   return static_cast<std::uint8_t>(text[index]);
 }
 
 // Null when no sequence begins with the byte.
-const SequenceForm* FormOf(std::uint8_t first) {
+const SequenceForm* formOf(std::uint8_t first) {
   for (const SequenceForm& form : kSequenceForms) {
     if (first >= form.firstLow && first <= form.firstHigh) {
       return &form;
@@ -49,13 +49,13 @@ const SequenceForm* FormOf(std::uint8_t first) {
 }
 
 // As far as the text goes.
-bool Follows(std::string_view text, const SequenceForm& form) {
+bool follows(std::string_view text, const SequenceForm& form) {
   const std::size_t length = std::min(text.size(), form.length);
-  if (length > 1 && (ByteAt(text, 1) < form.secondLow || ByteAt(text, 1) > form.secondHigh)) {
+  if (length > 1 && (byteAt(text, 1) < form.secondLow || byteAt(text, 1) > form.secondHigh)) {
     return false;
   }
   for (std::size_t i = 2; i < length; ++i) {
-    if ((ByteAt(text, i) & 0xC0) != 0x80) {
+    if ((byteAt(text, i) & 0xC0) != 0x80) {
       return false;
     }
   }
@@ -63,50 +63,50 @@ bool Follows(std::string_view text, const SequenceForm& form) {
 }
 
 // The number of bytes of the character at the start of a text; 0 when there is none.
-std::size_t CharacterLength(std::string_view text) {
-  const SequenceForm* const form = FormOf(ByteAt(text, 0));
-  return form != nullptr && text.size() >= form->length && Follows(text, *form) ? form->length : 0;
+std::size_t characterLength(std::string_view text) {
+  const SequenceForm* const form = formOf(byteAt(text, 0));
+  return form != nullptr && text.size() >= form->length && follows(text, *form) ? form->length : 0;
 }
 
-char32_t CodePointOf(std::string_view character) {
+char32_t codePointOf(std::string_view character) {
   constexpr std::uint8_t kFirstByteMasks[] = {0x7F, 0x1F, 0x0F, 0x07};
-  char32_t value = ByteAt(character, 0) & kFirstByteMasks[character.size() - 1];
+  char32_t value = byteAt(character, 0) & kFirstByteMasks[character.size() - 1];
   for (std::size_t i = 1; i < character.size(); ++i) {
-    value = value << 6U | (ByteAt(character, i) & 0x3FU);
+    value = value << 6U | (byteAt(character, i) & 0x3FU);
   }
   return value;
 }
 
-bool IsSafe(std::string_view character) {
-  const char32_t value = CodePointOf(character);
+bool isSafe(std::string_view character) {
+  const char32_t value = codePointOf(character);
   return std::none_of(std::begin(kUnsafe), std::end(kUnsafe),
                       [value](const Range& range) { return value >= range.first && value <= range.last; });
 }
 
-bool IsSafeInLines(std::string_view character) {
-  return character == "\n" || character == "\t" || IsSafe(character);
+bool isSafeInLines(std::string_view character) {
+  return character == "\n" || character == "\t" || isSafe(character);
 }
 
-void AppendEscaped(std::string& out, std::string_view bytes) {
+void appendEscaped(std::string& out, std::string_view bytes) {
   constexpr char kDigits[] = "0123456789ABCDEF";
   for (std::size_t i = 0; i < bytes.size(); ++i) {
     out += "\\x";
-    out += kDigits[ByteAt(bytes, i) >> 4U];
-    out += kDigits[ByteAt(bytes, i) & 0x0FU];
+    out += kDigits[byteAt(bytes, i) >> 4U];
+    out += kDigits[byteAt(bytes, i) & 0x0FU];
   }
 }
 
 template <typename Keeps>
-std::string Escaped(std::string_view text, Keeps keeps) {
+std::string escaped(std::string_view text, Keeps keeps) {
   std::string out;
   out.reserve(text.size());
   while (!text.empty()) {
-    const std::size_t length = CharacterLength(text);
+    const std::size_t length = characterLength(text);
     const std::string_view character = text.substr(0, std::max<std::size_t>(length, 1));
     if (length > 0 && keeps(character)) {
       out += character;
     } else {
-      AppendEscaped(out, character);
+      appendEscaped(out, character);
     }
     text.remove_prefix(character.size());
   }
@@ -115,24 +115,24 @@ std::string Escaped(std::string_view text, Keeps keeps) {
 
 }  // namespace
 
-std::string PrintableText(std::string_view text) {
-  return Escaped(text, IsSafe);
+std::string printableText(std::string_view text) {
+  return escaped(text, isSafe);
 }
 
-std::string PrintableLines(std::string_view text) {
-  return Escaped(text, IsSafeInLines);
+std::string printableLines(std::string_view text) {
+  return escaped(text, isSafeInLines);
 }
 
-std::string ValidText(std::string_view text) {
-  return Escaped(text, [](std::string_view) { return true; });
+std::string validText(std::string_view text) {
+  return escaped(text, [](std::string_view) { return true; });
 }
 
-std::size_t UnfinishedLength(std::string_view text) {
+std::size_t unfinishedLength(std::string_view text) {
   for (std::size_t length = 1; length < kLongestSequence && length <= text.size(); ++length) {
     const std::string_view end = text.substr(text.size() - length);
-    const SequenceForm* const form = FormOf(ByteAt(end, 0));
+    const SequenceForm* const form = formOf(byteAt(end, 0));
     if (form != nullptr) {
-      return form->length > length && Follows(end, *form) ? length : 0;
+      return form->length > length && follows(end, *form) ? length : 0;
     }
   }
   return 0;

@@ -15,18 +15,18 @@ namespace base {
 // U+200F, U+2028 to U+202E, U+2066 to U+2069). Other text, backslashes included, stays.
 
 // Of one line: line feeds and tabs are written as \xNN, too.
-std::string PrintableText(std::string_view text);
+std::string printableText(std::string_view text);
 
 // Of several lines: line feeds and tabs stay.
-std::string PrintableLines(std::string_view text);
+std::string printableLines(std::string_view text);
 
 // Every byte that is not part of valid UTF-8 as \xNN, and nothing else; for documents
 // that escape the rest themselves.
-std::string ValidText(std::string_view text);
+std::string validText(std::string_view text);
 
 // The number of bytes at the end that may be the beginning of a character whose other
 // bytes are to come.
-std::size_t UnfinishedLength(std::string_view text);
+std::size_t unfinishedLength(std::string_view text);
 
 }  // namespace base
 

@@ -26,21 +26,21 @@
 
 namespace {
 
-constexpr std::size_t ReadSize = 10240;  // as the library reads
-constexpr std::size_t IvSize = 16;
-constexpr std::size_t TrailerSize = 534;
-constexpr std::size_t BlockSize = 16;
+constexpr std::size_t kReadSize = 10240;  // as the library reads
+constexpr std::size_t kIvSize = 16;
+constexpr std::size_t kTrailerSize = 534;
+constexpr std::size_t kBlockSize = 16;
 
 using Bytes = std::vector<unsigned char>;
 
 const Bytes& key() {
-  static const Bytes bytes(32, 0x4B);
-  return bytes;
+  static const Bytes kBytes(32, 0x4B);
+  return kBytes;
 }
 
 const Bytes& iv() {
-  static const Bytes bytes(IvSize, 0x56);
-  return bytes;
+  static const Bytes kBytes(kIvSize, 0x56);
+  return kBytes;
 }
 
 struct FreeBytes {
@@ -61,7 +61,7 @@ Context newContext(int encrypt) {
 
 Bytes encrypted(const Bytes& plaintext) {
   const Context context = newContext(1);
-  Bytes ciphertext(plaintext.size() + BlockSize);
+  Bytes ciphertext(plaintext.size() + kBlockSize);
   int size = 0;
   int last = 0;
   EVP_CipherUpdate(context.get(), ciphertext.data(), &size, plaintext.data(),
@@ -85,9 +85,9 @@ Package makePackage(const bench::Directory& directory) {
   Bytes bytes = encrypted(made.plaintext);
   bench::writeFile(made.ciphertext, bytes);
   bytes.insert(bytes.begin(), iv().begin(), iv().end());
-  bytes.resize(bytes.size() + TrailerSize);
+  bytes.resize(bytes.size() + kTrailerSize);
   bench::writeFile(made.package, bytes);
-  made.count = bytes.size() - IvSize;
+  made.count = bytes.size() - kIvSize;
   return made;
 }
 
@@ -160,19 +160,19 @@ void decryptWithOpenssl(benchmark::State& state, const Package& package) {
 void readAlone(const Package& package) {
   OpenPackage opened(package.package);
   FILE* const file = readBehindIv(opened, package.package);
-  Bytes input(ReadSize);
-  while (std::fread(input.data(), 1, ReadSize, file) == ReadSize) {
+  Bytes input(kReadSize);
+  while (std::fread(input.data(), 1, kReadSize, file) == kReadSize) {
     benchmark::DoNotOptimize(input.data());
   }
 }
 
 void cipherAlone(const Package& package) {
   const Context context = newContext(0);
-  const Bytes input(ReadSize);
-  Bytes output(ReadSize + BlockSize);
+  const Bytes input(kReadSize);
+  Bytes output(kReadSize + kBlockSize);
   int produced = 0;
-  for (std::size_t left = package.count - TrailerSize; left > 0;) {
-    const std::size_t size = std::min(left, ReadSize);
+  for (std::size_t left = package.count - kTrailerSize; left > 0;) {
+    const std::size_t size = std::min(left, kReadSize);
     EVP_CipherUpdate(context.get(), output.data(), &produced, input.data(), static_cast<int>(size));
     left -= size;
   }
@@ -181,27 +181,27 @@ void cipherAlone(const Package& package) {
 // Memory that no page was touched of yet, in pages of either size.
 class FreshMemory {
  public:
-  FreshMemory(std::size_t bytes, bool largePages) : size(bytes) {
-    void* const memory = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  FreshMemory(std::size_t bytes, bool largePages) : size_(bytes) {
+    void* const memory = mmap(nullptr, size_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (memory == MAP_FAILED) {
       throw std::bad_alloc();
     }
-    begin = static_cast<unsigned char*>(memory);
-    madvise(begin, size, largePages ? MADV_HUGEPAGE : MADV_NOHUGEPAGE);
+    begin_ = static_cast<unsigned char*>(memory);
+    madvise(begin_, size_, largePages ? MADV_HUGEPAGE : MADV_NOHUGEPAGE);
   }
-  ~FreshMemory() { munmap(begin, size); }
+  ~FreshMemory() { munmap(begin_, size_); }
   FreshMemory(const FreshMemory&) = delete;
   FreshMemory& operator=(const FreshMemory&) = delete;
 
   void touchEachPage() {
-    for (std::size_t at = 0; at < size; at += 4096) {
-      begin[at] = 1;
+    for (std::size_t at = 0; at < size_; at += 4096) {
+      begin_[at] = 1;
     }
   }
 
  private:
-  unsigned char* begin = nullptr;
-  std::size_t size;
+  unsigned char* begin_ = nullptr;
+  std::size_t size_;
 };
 
 void read(benchmark::State& state, const Package& package) {

@@ -16,7 +16,7 @@
 
 namespace {
 
-constexpr std::size_t ChunkSize = 32768;  // as the library reads
+constexpr std::size_t kChunkSize = 32768;  // as the library reads
 
 struct Image {
   std::string path;
@@ -28,7 +28,7 @@ struct Image {
 template <typename Function>
 void readChunks(const std::string& path, const Function& function) {
   const FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  alignas(64) unsigned char chunk[ChunkSize];
+  alignas(64) unsigned char chunk[kChunkSize];
   for (ssize_t size = 0; (size = read(file.get(), chunk, sizeof(chunk))) > 0;) {
     function(chunk, static_cast<std::size_t>(size));
   }
@@ -74,13 +74,13 @@ void hashWithOpenssl(benchmark::State& state, const Image& image) {
 }
 
 void extendByChunk(benchmark::State& state, const imagecrc::Way& way) {
-  alignas(64) static const std::vector<unsigned char> chunk = bench::noise(ChunkSize);
+  alignas(64) static const std::vector<unsigned char> kChunk = bench::noise(kChunkSize);
   std::uint32_t crc = 0;
   for (auto _ : state) {
-    crc = way.extend(crc, chunk.data(), chunk.size());
+    crc = way.extend(crc, kChunk.data(), kChunk.size());
   }
   benchmark::DoNotOptimize(crc);
-  setBytes(state, chunk.size());
+  setBytes(state, kChunk.size());
 }
 
 template <typename Function>
@@ -95,7 +95,7 @@ void registerAll(const Image& image) {
   onWholeFile("ImageFile/Read", [&](benchmark::State& state) { readImage(state, image); });
   onWholeFile("ImageFile/Checksum", [&](benchmark::State& state) { checkWithLibrary(state, image); });
   onWholeFile("ImageFile/OpensslSha256", [&](benchmark::State& state) { hashWithOpenssl(state, image); });
-  for (const imagecrc::Way& way : imagecrc::Ways) {
+  for (const imagecrc::Way& way : imagecrc::kWays) {
     if (!way.isAvailable()) {
       continue;
     }

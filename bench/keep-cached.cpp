@@ -9,8 +9,9 @@
 int main(int argc, char** argv) {
   std::list<bench::CachedFile> files;
   bool locked = true;
-  for (int i = 1; i < argc; ++i)
+  for (int i = 1; i < argc; ++i) {
     locked = files.emplace_back(argv[i]).isLocked() && locked;
+  }
   std::puts(locked ? "the files are in the page cache and locked there" : "the files are in the page cache");
   std::fflush(stdout);
   while (std::getchar() != EOF) {

@@ -10,7 +10,7 @@ constexpr struct {
   const char* name;
   bench::Moment from;
   bench::Moment to;
-} Parts[] = {
+} kParts[] = {
     {"checks_ns", bench::Called, bench::LockAsked},
     {"lock_ns", bench::LockAsked, bench::LockHeld},
     {"thread_ns", bench::LockHeld, bench::ThreadRuns},
@@ -24,18 +24,21 @@ double nanosecondsOf(bench::Moment from, bench::Moment to) {
   return std::chrono::duration<double, std::nano>(moments[to] - moments[from]).count();
 }
 
-void Request(benchmark::State& state) {
-  std::array<double, std::size(Parts)> sums{};
+void request(benchmark::State& state) {
+  std::array<double, std::size(kParts)> sums{};
   for (auto _ : state) {
-    if (bench::requestUpdate() != 0)
+    if (bench::requestUpdate() != 0) {
       state.SkipWithError("the update failed");
-    for (std::size_t i = 0; i < sums.size(); ++i)
-      sums[i] += nanosecondsOf(Parts[i].from, Parts[i].to);
+    }
+    for (std::size_t i = 0; i < sums.size(); ++i) {
+      sums[i] += nanosecondsOf(kParts[i].from, kParts[i].to);
+    }
   }
-  for (std::size_t i = 0; i < sums.size(); ++i)
-    state.counters[Parts[i].name] = benchmark::Counter(sums[i], benchmark::Counter::kAvgIterations);
+  for (std::size_t i = 0; i < sums.size(); ++i) {
+    state.counters[kParts[i].name] = benchmark::Counter(sums[i], benchmark::Counter::kAvgIterations);
+  }
 }
-BENCHMARK(Request)->UseRealTime();
+BENCHMARK(request)->UseRealTime();
 
 }  // namespace
 

@@ -14,9 +14,9 @@
 namespace {
 namespace fs = std::filesystem;
 
-constexpr int Modules = 10;
-constexpr const char* Controls = "/prd/usr/fwupdate/controls";
-constexpr const char* GetInstance = "_ZN15FWUpdateContorl11getInstanceEv";
+constexpr int kModules = 10;
+constexpr const char* kControls = "/prd/usr/fwupdate/controls";
+constexpr const char* kGetInstance = "_ZN15FWUpdateContorl11getInstanceEv";
 
 struct Resident {
   long total = 0;
@@ -29,17 +29,19 @@ Resident resident() {
   Resident found;
   for (std::string word; file >> word;) {
     long kib = 0;
-    if (word == "Rss:" && file >> kib)
+    if (word == "Rss:" && file >> kib) {
       found.total = kib * 1024;
-    else if (word == "Private_Dirty:" && file >> kib)
+    } else if (word == "Private_Dirty:" && file >> kib) {
       found.own = kib * 1024;
+    }
   }
   return found;
 }
 
 void* required(void* found) {
-  if (found == nullptr)
+  if (found == nullptr) {
     throw std::runtime_error(dlerror());
+  }
   return found;
 }
 
@@ -51,13 +53,14 @@ void print(const char* name, const Resident& memory, const char* end) {
 
 int main() {
   sandbox::enterDevice({"", {BUILD_TREE}});
-  for (int i = 0; i < Modules; ++i)
-    fs::copy_file(EMPTY_MODULE, std::string(Controls) + "/libmodule" + std::to_string(i) + ".so");
+  for (int i = 0; i < kModules; ++i) {
+    fs::copy_file(EMPTY_MODULE, std::string(kControls) + "/libmodule" + std::to_string(i) + ".so");
+  }
 
   const Resident bare = resident();
   void* const library = required(dlopen(LIBRARY, RTLD_LAZY));
   const Resident loaded = resident();
-  reinterpret_cast<void* (*)()>(required(dlsym(library, GetInstance)))();
+  reinterpret_cast<void* (*)()>(required(dlsym(library, kGetInstance)))();
   const Resident facadeUp = resident();
 
   std::puts("{");

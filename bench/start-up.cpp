@@ -20,32 +20,36 @@
 namespace {
 namespace fs = std::filesystem;
 
-constexpr const char* Controls = "/prd/usr/fwupdate/controls";
-constexpr const char* EntryPoints[] = {"setContext",          "getEMPID",        "getActiveVersion",
-                                       "checkVersion",        "doUpdate",        "allUpdateDone",
-                                       "doUpdate_decryption", "getExpectedTime", "getUpdateProgress"};
+constexpr const char* kControls = "/prd/usr/fwupdate/controls";
+constexpr const char* kEntryPoints[] = {"setContext",          "getEMPID",        "getActiveVersion",
+                                        "checkVersion",        "doUpdate",        "allUpdateDone",
+                                        "doUpdate_decryption", "getExpectedTime", "getUpdateProgress"};
 
 // ---- In the measuring process -------------------------------------------------
 
 void scanAndBind() {
-  if (!FWUpdateSymbolManager::getInstance()->getIsReady(false))
+  if (!FWUpdateSymbolManager::getInstance()->getIsReady(false)) {
     throw std::runtime_error("the modules cannot be scanned");
+  }
 }
 
 std::vector<std::string> moduleFiles() {
   std::vector<std::string> files;
-  for (const fs::directory_entry& entry : fs::directory_iterator(Controls))
+  for (const fs::directory_entry& entry : fs::directory_iterator(kControls)) {
     files.push_back(entry.path());
+  }
   return files;
 }
 
 void bindBare(const std::vector<std::string>& files) {
   for (const std::string& file : files) {
     void* const library = dlopen(file.c_str(), RTLD_NOW);
-    if (library == nullptr)
+    if (library == nullptr) {
       throw std::runtime_error(dlerror());
-    for (const char* const name : EntryPoints)
+    }
+    for (const char* const name : kEntryPoints) {
       benchmark::DoNotOptimize(dlsym(library, name));
+    }
   }
 }
 
@@ -54,10 +58,11 @@ void bindBare(const std::vector<std::string>& files) {
   FWUpdateSymbolManager::getInstance()->getSWVersionString();
   const std::vector<std::string> files = moduleFiles();
   const auto start = std::chrono::steady_clock::now();
-  if (work == "library")
+  if (work == "library") {
     scanAndBind();
-  else
+  } else {
     bindBare(files);
+  }
   const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - start;
   std::printf("%.9f\n", seconds.count());
   std::fflush(stdout);
@@ -71,31 +76,36 @@ struct ClosePipe {
 };
 
 double secondsInOwnProcess(const std::string& work) {
-  static const std::string program = fs::read_symlink("/proc/self/exe");
+  static const std::string kProgram = fs::read_symlink("/proc/self/exe");
   const std::unique_ptr<FILE, ClosePipe> pipe(
-      popen(("exec '" + program + "' --measure " + work).c_str(), "r"));
+      popen(("exec '" + kProgram + "' --measure " + work).c_str(), "r"));
   double seconds = 0;
-  if (!pipe || std::fscanf(pipe.get(), "%lf", &seconds) != 1)
+  if (!pipe || std::fscanf(pipe.get(), "%lf", &seconds) != 1) {
     throw std::runtime_error("no time came from the process that measures");
+  }
   return seconds;
 }
 
 void placeModules(const std::string& module, std::int64_t count) {
   static std::string present;
   const std::string wanted = module + std::to_string(count);
-  if (wanted == present)
+  if (wanted == present) {
     return;
-  for (const std::string& file : moduleFiles())
+  }
+  for (const std::string& file : moduleFiles()) {
     fs::remove(file);
-  for (std::int64_t i = 0; i < count; ++i)
-    fs::copy_file(module, Controls + ("/libmodule" + std::to_string(i)) + ".so");
+  }
+  for (std::int64_t i = 0; i < count; ++i) {
+    fs::copy_file(module, kControls + ("/libmodule" + std::to_string(i)) + ".so");
+  }
   present = wanted;
 }
 
 void startUp(benchmark::State& state, const char* work, const char* module) {
   placeModules(module, state.range(0));
-  for (auto _ : state)
+  for (auto _ : state) {
     state.SetIterationTime(secondsInOwnProcess(work));
+  }
 }
 
 void withSizes(benchmark::internal::Benchmark* benchmark) {
@@ -111,8 +121,9 @@ BENCHMARK_CAPTURE(startUp, bareMinimal, "bare", MINIMAL_MODULE)->Apply(withSizes
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc == 3 && std::strcmp(argv[1], "--measure") == 0)
+  if (argc == 3 && std::strcmp(argv[1], "--measure") == 0) {
     measure(argv[2]);
+  }
   sandbox::enterDevice({"", {BUILD_TREE}});
   benchmark::Initialize(&argc, argv);
   benchmark::RunSpecifiedBenchmarks();

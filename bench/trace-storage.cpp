@@ -13,69 +13,72 @@
 
 namespace {
 
-constexpr const char* Text = "a text of 20 bytes..";
+constexpr const char* kText = "a text of 20 bytes..";
 // In memory, like /run: on a disk a thread waits now and then for its pages.
-constexpr const char* Place = "/dev/shm/fw-bench-trace";
+constexpr const char* kPlace = "/dev/shm/fw-bench-trace";
 
 diagnostics::CallSite site("/src/bench.cpp", "bench", 1, FW_LOG_PREFIX "%s returned %d");
 
 void traceRecord(int number) {
-  const std::array<diagnostics::TraceArgument, 2> traced{diagnostics::traceArgument(Text),
+  const std::array<diagnostics::TraceArgument, 2> traced{diagnostics::traceArgument(kText),
                                                          diagnostics::traceArgument(number)};
   diagnostics::writeTraceRecord(site, traced.data(), traced.size());
 }
 
-void TraceRecord(benchmark::State& state) {
+void traceRecord(benchmark::State& state) {
   int number = 0;
-  for (auto _ : state)
+  for (auto _ : state) {
     traceRecord(++number);
+  }
 }
-BENCHMARK(TraceRecord)->Threads(1)->Threads(2)->UseRealTime();
+BENCHMARK(traceRecord)->Threads(1)->Threads(2)->UseRealTime();
 
 // The part of it that asking for the time takes.
-void Clock(benchmark::State& state) {
+void clock(benchmark::State& state) {
   for (auto _ : state) {
     timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
     benchmark::DoNotOptimize(now);
   }
 }
-BENCHMARK(Clock)->UseRealTime();
+BENCHMARK(clock)->UseRealTime();
 
-void SwitchedOff(benchmark::State& state) {
+void switchedOff(benchmark::State& state) {
   TraceStorage::enabled = 0;
   int number = 0;
   for (auto _ : state) {
     benchmark::DoNotOptimize(++number);
-    if (TraceStorage::enabled != 0)
+    if (TraceStorage::enabled != 0) {
       traceRecord(number);
+    }
   }
   TraceStorage::enabled = 1;
 }
-BENCHMARK(SwitchedOff)->UseRealTime();
+BENCHMARK(switchedOff)->UseRealTime();
 
-void FormatAndWrite(benchmark::State& state) {
-  const std::string path = std::string(Place) + "/log-" + std::to_string(state.thread_index());
+void formatAndWrite(benchmark::State& state) {
+  const std::string path = std::string(kPlace) + "/log-" + std::to_string(state.thread_index());
   const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND, 0600);
   int number = 0;
   for (auto _ : state) {
     char line[256];
     const int length = std::snprintf(line, sizeof line, "%s: %s(%d) > %s returned %d\n", "bench.cpp", "bench",
-                                     1, Text, ++number);
-    if (write(fd, line, static_cast<std::size_t>(length)) != length)
+                                     1, kText, ++number);
+    if (write(fd, line, static_cast<std::size_t>(length)) != length) {
       state.SkipWithError("the line cannot be written");
+    }
   }
   close(fd);
 }
-BENCHMARK(FormatAndWrite)->Threads(1)->Threads(2)->UseRealTime();
+BENCHMARK(formatAndWrite)->Threads(1)->Threads(2)->UseRealTime();
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::filesystem::create_directory(Place);
-  setenv("FW_UPDATE_TRACE", Place, 1);
+  std::filesystem::create_directory(kPlace);
+  setenv("FW_UPDATE_TRACE", kPlace, 1);
   benchmark::Initialize(&argc, argv);
   benchmark::RunSpecifiedBenchmarks();
-  std::filesystem::remove_all(Place);
+  std::filesystem::remove_all(kPlace);
   return 0;
 }

@@ -35,17 +35,20 @@ struct Shared {
 Shared& makeShared() {
   void* const memory =
       mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-  if (memory == MAP_FAILED)
+  if (memory == MAP_FAILED) {
     throw std::runtime_error("no shared memory");
+  }
   return *new (memory) Shared;
 }
 
 void noteUpdate(Shared& shared) {
-  if (shared.updating++ != 0)
+  if (shared.updating++ != 0) {
     ++shared.overlaps;
+  }
   const int previous = shared.last.exchange(getpid());
-  if (previous != 0 && previous != getpid())
+  if (previous != 0 && previous != getpid()) {
     ++shared.handovers;
+  }
   --shared.updating;
 }
 
@@ -59,23 +62,28 @@ void noteLongest(Shared& shared, std::int64_t nanoseconds) {
   FWUpdateContorl::getInstance();  // brings the modules up
   bench::onDoUpdate = [&shared] { noteUpdate(shared); };
   ++shared.ready;
-  while (shared.ready <= processes)  // the starting process is the last to be ready
+  while (shared.ready <= processes) {  // the starting process is the last to be ready
     usleep(100);
+  }
   for (long i = 0; i < updates; ++i) {
     const auto start = Clock::now();
-    if (bench::requestUpdate() != 0)
+    if (bench::requestUpdate() != 0) {
       ++shared.failures;
+    }
     noteLongest(shared, std::chrono::nanoseconds(Clock::now() - start).count());
   }
   std::_Exit(0);
 }
 
 double seconds(Shared& shared, int processes, long updates) {
-  for (int i = 0; i < processes; ++i)
-    if (fork() == 0)
+  for (int i = 0; i < processes; ++i) {
+    if (fork() == 0) {
       update(shared, processes, updates / processes);
-  while (shared.ready < processes)
+    }
+  }
+  while (shared.ready < processes) {
     usleep(100);
+  }
   const auto start = Clock::now();
   ++shared.ready;
   while (wait(nullptr) > 0) {

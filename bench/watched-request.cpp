@@ -16,10 +16,10 @@
 
 namespace {
 
-constexpr const char* Module = "libempty";
-constexpr const char* Firmware = "benchfw";  // as the module says
-constexpr std::size_t ImageSize = 16;
-constexpr unsigned int ExpectedSeconds = 60;
+constexpr const char* kModule = "libempty";
+constexpr const char* kFirmware = "benchfw";  // as the module says
+constexpr std::size_t kImageSize = 16;
+constexpr unsigned int kExpectedSeconds = 60;
 
 std::array<std::chrono::steady_clock::time_point, bench::Moments> moments;
 
@@ -31,8 +31,9 @@ void note(bench::Moment moment) {
 }
 
 void awaitCaller() {
-  while (waiterMutex == nullptr)
+  while (waiterMutex == nullptr) {
     sched_yield();
+  }
   pthread_mutex_t* const mutex = waiterMutex.exchange(nullptr);
   pthread_mutex_lock(mutex);
   pthread_mutex_unlock(mutex);
@@ -59,14 +60,14 @@ std::function<void()> bench::onDoUpdate;
 
 void bench::enterDeviceWithEmptyModule() {
   sandbox::enterDevice({"", {BUILD_TREE}});
-  std::filesystem::copy_file(EMPTY_MODULE, std::string("/prd/usr/fwupdate/controls/") + Module + ".so");
-  sandbox::writeFirmware("/lib/firmware/ext", Firmware, "2.0.0", ImageSize, ExpectedSeconds);
+  std::filesystem::copy_file(EMPTY_MODULE, std::string("/prd/usr/fwupdate/controls/") + kModule + ".so");
+  sandbox::writeFirmware("/lib/firmware/ext", kFirmware, "2.0.0", kImageSize, kExpectedSeconds);
 }
 
 int bench::requestUpdate() {
   FWUpdateContorl* const control = FWUpdateContorl::getInstance();
   note(Called);
-  const int result = control->fw_update_from_upgrade_app(Module, "");
+  const int result = control->fw_update_from_upgrade_app(kModule, "");
   note(Returned);
   return result;
 }
@@ -80,27 +81,28 @@ const std::array<std::chrono::steady_clock::time_point, bench::Moments>& bench::
 // What the module's doUpdate answers.
 TAKES_PLACE int benchDoUpdate() {
   note(bench::ModuleCalled);
-  if (bench::onDoUpdate)
+  if (bench::onDoUpdate) {
     bench::onDoUpdate();
+  }
   awaitCaller();
   note(bench::ModuleAnswers);
   return 0;
 }
 
 TAKES_PLACE sem_t* sem_open(const char* name, int flags, ...) {
-  static auto* const open = real<sem_t*(const char*, int, ...)>("sem_open");
+  static auto* const kOpen = real<sem_t*(const char*, int, ...)>("sem_open");
   note(bench::LockAsked);
   va_list arguments;
   va_start(arguments, flags);
   const auto mode = va_arg(arguments, unsigned int);
   const auto value = va_arg(arguments, unsigned int);
   va_end(arguments);
-  return open(name, flags, mode, value);
+  return kOpen(name, flags, mode, value);
 }
 
 TAKES_PLACE int sem_wait(sem_t* semaphore) {
-  static auto* const wait = real<int(sem_t*)>("sem_wait");
-  const int result = wait(semaphore);
+  static auto* const kWait = real<int(sem_t*)>("sem_wait");
+  const int result = kWait(semaphore);
   note(bench::LockHeld);
   return result;
 }
@@ -108,10 +110,10 @@ TAKES_PLACE int sem_wait(sem_t* semaphore) {
 TAKES_PLACE int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*start)(void*),
                                void* argument) noexcept {
   using Function = int(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
-  static auto* const create = real<Function>("pthread_create");
+  static auto* const kCreate = real<Function>("pthread_create");
   note(bench::ThreadAsked);
   threadStart = {start, argument};
-  return create(thread, attributes, runThread, nullptr);
+  return kCreate(thread, attributes, runThread, nullptr);
 }
 
 // The 32-bit build waits with 64-bit times, under another name.
@@ -124,7 +126,7 @@ TAKES_PLACE int pthread_create(pthread_t* thread, const pthread_attr_t* attribut
 TAKES_PLACE int pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mutex,
                                        const timespec* deadline) {
   using Function = int(pthread_cond_t*, pthread_mutex_t*, const timespec*);
-  static auto* const wait = real<Function>(TIMED_WAIT_NAME);
+  static auto* const kWait = real<Function>(TIMED_WAIT_NAME);
   waiterMutex = mutex;
-  return wait(condition, mutex, deadline);
+  return kWait(condition, mutex, deadline);
 }

@@ -8,8 +8,8 @@ const char* semName = "/SEM_UPDATE_CONTROL";
 
 namespace {
 
-constexpr mode_t OwnerOnly = 0600;
-constexpr unsigned int Free = 1;
+constexpr mode_t kOwnerOnly = 0600;
+constexpr unsigned int kFree = 1;
 
 }  // namespace
 
@@ -19,17 +19,17 @@ FWUpdateCommon* FWUpdateCommon::getInstance() {
 }
 
 sem_t* FWUpdateCommon::create_semaphore() {
-  sem_t* const semaphore = sem_open(semName, O_CREAT, OwnerOnly, Free);
+  sem_t* const semaphore = sem_open(semName, O_CREAT, kOwnerOnly, kFree);
   if (semaphore == SEM_FAILED) {
-    FW_LOG(diagnostics::Error, "Parent\t: [sem_open] Failed\n");
+    FW_LOG(diagnostics::kError, "Parent\t: [sem_open] Failed\n");
   }
   return semaphore;
 }
 
 void FWUpdateCommon::destroy_semaphore() {
-  sem_t* const semaphore = sem_open(semName, O_CREAT, OwnerOnly, Free);
+  sem_t* const semaphore = sem_open(semName, O_CREAT, kOwnerOnly, kFree);
   if (semaphore == SEM_FAILED) {
-    FW_LOG(diagnostics::Error, "Parent\t: [sem_open] Failed\n");
+    FW_LOG(diagnostics::kError, "Parent\t: [sem_open] Failed\n");
   }
   // Only this handle is closed and nothing is unlinked, on purpose. A failed open
   // is closed too, which the C library answers with an error; the call goes through

@@ -14,7 +14,7 @@ FWUpdateContorl* FWUpdateContorl::getInstance() {
 FWUpdateContorl::FWUpdateContorl() {
   FWUpdateSymbolManager* const registry = FWUpdateSymbolManager::getInstance();
   if (!registry->getIsReady(false)) {
-    FW_LOG(diagnostics::Error, "Fw-Service symbol is not loaded");
+    FW_LOG(diagnostics::kError, "Fw-Service symbol is not loaded");
   }
   registry->getFwItems(itemList);
 }
@@ -26,13 +26,13 @@ std::list<FWUpdateItem> FWUpdateContorl::fw_getItemList() {
 }
 
 int FWUpdateContorl::fw_update_from_control(const char* name, CallerTypes caller, const char* data) {
-  char buffer[TextSize];
+  char buffer[kTextSize];
   copyBounded(buffer, data);
 
   const int result = FWUpdateSymbolManager::getInstance()->doUpdateFirmware(name, caller, buffer);
 
   // DATA carries the module's name, not the data; kept on purpose.
-  FW_LOG(diagnostics::Error, "fw_update from Caller Type [%d] STATE [%d] DATA [%s]", caller, result, name);
+  FW_LOG(diagnostics::kError, "fw_update from Caller Type [%d] STATE [%d] DATA [%s]", caller, result, name);
   return result;
 }
 
@@ -62,14 +62,14 @@ int FWUpdateContorl::fw_update_from_upgrade_epsolution(const char* name, const c
 
 int FWUpdateContorl::fw_getFWInformation(const char* name, char* version, char* fwName) {
   const int ret = FWUpdateSymbolManager::getInstance()->getFirmwareVersion(name, version, fwName);
-  FW_LOG(diagnostics::Debug, "fw_getFWInformation STATE [%d] DATA [%s]", ret, name);
+  FW_LOG(diagnostics::kDebug, "fw_getFWInformation STATE [%d] DATA [%s]", ret, name);
   return ret;
 }
 
 int FWUpdateContorl::fw_getVersion(const char* name, char* version) {
-  char fwName[TextSize] = {};
+  char fwName[kTextSize] = {};
   const int ret = FWUpdateSymbolManager::getInstance()->getFirmwareVersion(name, version, fwName);
-  FW_LOG(diagnostics::Debug, "fw_getVersion STATE [%d] DATA [%s]", ret, name);
+  FW_LOG(diagnostics::kDebug, "fw_getVersion STATE [%d] DATA [%s]", ret, name);
   return ret;
 }
 
@@ -77,7 +77,7 @@ std::list<FWUpdateItem> FWUpdateContorl::fw_getUpdateItemList(CallerTypes caller
   updateItemList.clear();
   FWUpdateSymbolManager::getInstance()->getUpdateFwItems(updateItemList, caller, data);
   for (const FWUpdateItem& item : updateItemList) {
-    FW_LOG(diagnostics::Error, "update list is fw_name[%s] version [%s] fiename[%s]", item.fw_name,
+    FW_LOG(diagnostics::kError, "update list is fw_name[%s] version [%s] fiename[%s]", item.fw_name,
            item.version, item.file_name);
   }
   return updateItemList;
@@ -85,6 +85,7 @@ std::list<FWUpdateItem> FWUpdateContorl::fw_getUpdateItemList(CallerTypes caller
 
 int FWUpdateContorl::fw_getUpdateProgress(const char* name, unsigned int* progress) {
   const int ret = FWUpdateSymbolManager::getInstance()->getFirmwareUpdateProgress(name, progress);
-  FW_LOG(diagnostics::Error, "fw_getUpdateProgress STATE [%d] DATA [%s] Progress [%d]", ret, name, *progress);
+  FW_LOG(diagnostics::kError, "fw_getUpdateProgress STATE [%d] DATA [%s] Progress [%d]", ret, name,
+         *progress);
   return ret;
 }

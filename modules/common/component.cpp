@@ -35,10 +35,12 @@ FileDescriptor openImage(const char* path, std::uint64_t& size) {
   // Non-blocking, so that a FIFO in the image's place cannot hold up the update.
   FileDescriptor file = openFile(path, O_RDONLY | O_NONBLOCK);
   struct stat status = {};
-  if (::fstat(file.get(), &status) != 0)
+  if (::fstat(file.get(), &status) != 0) {
     fail(errno, path);
-  if (!S_ISREG(status.st_mode))
+  }
+  if (!S_ISREG(status.st_mode)) {
     fail(S_ISDIR(status.st_mode) ? EISDIR : EINVAL, path);
+  }
   size = static_cast<std::uint64_t>(status.st_size);
   return file;
 }
@@ -47,16 +49,18 @@ FileDescriptor openImage(const char* path, std::uint64_t& size) {
 std::optional<std::string> usableVersion(const Component& component) try {
   return component.activeVersion();
 } catch (const std::system_error& error) {
-  if (error.code() == std::errc::bad_message)
+  if (error.code() == std::errc::bad_message) {
     return std::nullopt;
+  }
   throw;
 }
 
 }  // namespace
 
 void Component::setContext(const char* libName, int caller, const char* data) {
-  if (libName == nullptr)
+  if (libName == nullptr) {
     fail(EINVAL, "no library name");
+  }
   const std::lock_guard<std::mutex> lock(mutex_);
   keepText(libName_, libName);
   caller_ = caller;
@@ -69,8 +73,9 @@ std::string Component::activeVersion() const {
 }
 
 bool Component::isNewer(const char* version) {
-  if (version == nullptr || !isVersion(version) || std::strlen(version) >= sizeof checkedVersion_)
+  if (version == nullptr || !isVersion(version) || std::strlen(version) >= sizeof checkedVersion_) {
     fail(EINVAL, "no version");
+  }
   const std::optional<std::string> active = usableVersion(*this);
   const std::lock_guard<std::mutex> lock(mutex_);
   keepText(checkedVersion_, version);
@@ -79,8 +84,9 @@ bool Component::isNewer(const char* version) {
 
 void Component::updateFromFile(const char* path, unsigned long crc) {
   runRecorded([&](const std::string& version) {
-    if (path == nullptr)
+    if (path == nullptr) {
       fail(EINVAL, "no path");
+    }
     UpdateRun run(identity_.firmwareName);
     Image image;
     const FileDescriptor file = openImage(path, image.size);
@@ -94,8 +100,9 @@ void Component::updateFromFile(const char* path, unsigned long crc) {
 
 void Component::updateFromMemory(const unsigned char* data, int length) {
   runRecorded([&](const std::string& version) {
-    if (data == nullptr || length < 0)
+    if (data == nullptr || length < 0) {
       fail(EINVAL, "no data");
+    }
     UpdateRun run(identity_.firmwareName);
     auto left = static_cast<std::size_t>(length);
     const unsigned char* next = data;
@@ -114,11 +121,13 @@ void Component::updateFromMemory(const unsigned char* data, int length) {
 }
 
 int Component::expectedSeconds() const {
-  if (const auto stated = readHardwareDescription(identity_.firmwareName).expectedTime)
+  if (const auto stated = readHardwareDescription(identity_.firmwareName).expectedTime) {
     return static_cast<int>(*stated);
+  }
   const std::lock_guard<std::mutex> lock(mutex_);
-  if (lastImageSize_ == 0)
+  if (lastImageSize_ == 0) {
     return static_cast<int>(identity_.expectedSeconds);
+  }
   // Rounded up, and never 0.
   const std::uint64_t seconds = lastImageSize_ / 1024 / identity_.kibPerSecond + 1;
   return static_cast<int>(std::min<std::uint64_t>(seconds, INT_MAX));
@@ -129,8 +138,9 @@ unsigned int Component::progress() const {
 }
 
 void Component::allUpdateDone() const {
-  if (!appendToJournal(identity_.firmwareName, "all-done"))
+  if (!appendToJournal(identity_.firmwareName, "all-done")) {
     fail(EIO, "journal");
+  }
 }
 
 // The journal does not decide about an update: a full disk must not keep a
@@ -145,8 +155,9 @@ void Component::runRecorded(const std::function<void(const std::string& version)
   const std::string which = " version=" + (version.empty() ? "-" : version);
   appendToJournal(identity_.firmwareName, "start" + which + asked);
   try {
-    if (version.empty())
+    if (version.empty()) {
       fail(EINVAL, "no version was checked before the update");
+    }
     update(version);
   } catch (const std::exception& error) {
     const std::string result = " result=" + std::to_string(-currentErrorNumber());

@@ -21,8 +21,9 @@ bool isVersion(std::string_view text) {
   char previous = '.';
   for (const char character : text) {
     const bool digit = character >= '0' && character <= '9';
-    if (!digit && (character != '.' || previous == '.'))
+    if (!digit && (character != '.' || previous == '.')) {
       return false;
+    }
     previous = character;
   }
   return previous != '.';
@@ -32,10 +33,12 @@ int compareVersions(std::string_view left, std::string_view right) {
   while (!left.empty() || !right.empty()) {
     const std::string_view a = takeNumber(left);
     const std::string_view b = takeNumber(right);
-    if (a.size() != b.size())
+    if (a.size() != b.size()) {
       return a.size() < b.size() ? -1 : 1;
-    if (const int order = a.compare(b); order != 0)
+    }
+    if (const int order = a.compare(b); order != 0) {
       return order;
+    }
   }
   return 0;
 }

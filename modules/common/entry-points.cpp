@@ -12,8 +12,9 @@ using fwcomponent::thisComponent;
 // The caller's place for an answer.
 template <typename T>
 T& required(T* place) {
-  if (place == nullptr)
+  if (place == nullptr) {
     fwcomponent::fail(EINVAL, "no place for the answer");
+  }
   return *place;
 }
 

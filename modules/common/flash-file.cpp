@@ -37,18 +37,21 @@ std::string activePath(const std::string& firmwareName) {
 
 std::uint64_t regularFileSize(int descriptor, const std::string& path) {
   struct stat status = {};
-  if (::fstat(descriptor, &status) != 0)
+  if (::fstat(descriptor, &status) != 0) {
     fail(errno, path);
-  if (!S_ISREG(status.st_mode))
+  }
+  if (!S_ISREG(status.st_mode)) {
     fail(EBADMSG, path + " is no regular file");
+  }
   return static_cast<std::uint64_t>(status.st_size);
 }
 
 }  // namespace
 
 FlashHeaderBytes encodeHeader(const FlashHeader& header) {
-  if (header.version.size() >= kVersionCapacity)
+  if (header.version.size() >= kVersionCapacity) {
     fail(EINVAL, "the version is too long for the flash");
+  }
   FlashHeaderBytes bytes{};
   std::memcpy(bytes.data(), kMagic, sizeof kMagic);
   boost::endian::store_little_u32(&bytes[kFormatOffset], kFormat);
@@ -60,18 +63,22 @@ FlashHeaderBytes encodeHeader(const FlashHeader& header) {
 }
 
 FlashHeader decodeHeader(const FlashHeaderBytes& bytes) {
-  if (std::memcmp(bytes.data(), kMagic, sizeof kMagic) != 0)
+  if (std::memcmp(bytes.data(), kMagic, sizeof kMagic) != 0) {
     fail(EBADMSG, "the flash has no magic");
-  if (boost::endian::load_little_u32(&bytes[kHeaderCrcOffset]) != headerCrc(bytes))
+  }
+  if (boost::endian::load_little_u32(&bytes[kHeaderCrcOffset]) != headerCrc(bytes)) {
     fail(EBADMSG, "the CRC of the flash header is wrong");
-  if (boost::endian::load_little_u32(&bytes[kFormatOffset]) != kFormat)
+  }
+  if (boost::endian::load_little_u32(&bytes[kFormatOffset]) != kFormat) {
     fail(EBADMSG, "the format of the flash is unknown");
+  }
 
   FlashHeader header;
   const char* version = reinterpret_cast<const char*>(&bytes[kVersionOffset]);
   header.version.assign(version, ::strnlen(version, kVersionCapacity));
-  if (header.version.size() == kVersionCapacity || !isVersion(header.version))
+  if (header.version.size() == kVersionCapacity || !isVersion(header.version)) {
     fail(EBADMSG, "the version in the flash is none");
+  }
   header.crc = boost::endian::load_little_u32(&bytes[kCrcOffset]);
   header.size = boost::endian::load_little_u64(&bytes[kSizeOffset]);
   return header;
@@ -82,15 +89,18 @@ std::optional<FlashHeader> readActiveFlash(const std::string& firmwareName) try 
   const FileDescriptor file = openFile(path, O_RDONLY | O_NONBLOCK);
   const std::uint64_t fileSize = regularFileSize(file.get(), path);
   FlashHeaderBytes bytes;
-  if (readBlock(file.get(), bytes.data(), bytes.size()) != bytes.size())
+  if (readBlock(file.get(), bytes.data(), bytes.size()) != bytes.size()) {
     fail(EBADMSG, path + " is shorter than its header");
+  }
   FlashHeader header = decodeHeader(bytes);
-  if (fileSize - kFlashHeaderSize != header.size)
+  if (fileSize - kFlashHeaderSize != header.size) {
     fail(EBADMSG, path + " has not the size that its header states");
+  }
   return header;
 } catch (const std::system_error& error) {
-  if (error.code() == std::errc::no_such_file_or_directory)
+  if (error.code() == std::errc::no_such_file_or_directory) {
     return std::nullopt;
+  }
   throw;
 }
 
@@ -108,15 +118,17 @@ NewFlash::NewFlash(const std::string& firmwareName)
 }
 
 NewFlash::~NewFlash() {
-  if (!activated_)
+  if (!activated_) {
     ::unlink(newPath_.c_str());
+  }
 }
 
 void NewFlash::append(const unsigned char* data, std::size_t length) {
   writeAll(file_.get(), data, length);
   unsent_ += static_cast<off_t>(length);
-  if (unsent_ >= kSentAtOnce)
+  if (unsent_ >= kSentAtOnce) {
     startSending();
+  }
 }
 
 // Lets the medium take what was written while more is written, so that less is left
@@ -129,20 +141,25 @@ void NewFlash::startSending() {
 
 void NewFlash::finishWriting(const FlashHeader& header) {
   const FlashHeaderBytes bytes = encodeHeader(header);
-  if (::lseek(file_.get(), 0, SEEK_SET) < 0)
+  if (::lseek(file_.get(), 0, SEEK_SET) < 0) {
     fail(errno, newPath_);
+  }
   writeAll(file_.get(), bytes.data(), bytes.size());
-  if (::fsync(file_.get()) != 0)
+  if (::fsync(file_.get()) != 0) {
     fail(errno, newPath_);
+  }
   // Otherwise the page cache would answer for the medium.
-  if (const int error = ::posix_fadvise(file_.get(), 0, 0, POSIX_FADV_DONTNEED); error != 0)
+  if (const int error = ::posix_fadvise(file_.get(), 0, 0, POSIX_FADV_DONTNEED); error != 0) {
     fail(error, newPath_);
+  }
 
   FlashHeaderBytes stored;
-  if (::lseek(file_.get(), 0, SEEK_SET) < 0)
+  if (::lseek(file_.get(), 0, SEEK_SET) < 0) {
     fail(errno, newPath_);
-  if (readBlock(file_.get(), stored.data(), stored.size()) != stored.size() || stored != bytes)
+  }
+  if (readBlock(file_.get(), stored.data(), stored.size()) != stored.size() || stored != bytes) {
     fail(EIO, "the flash header reads back differently");
+  }
 }
 
 std::size_t NewFlash::readBack(unsigned char* buffer, std::size_t capacity) {
@@ -150,11 +167,13 @@ std::size_t NewFlash::readBack(unsigned char* buffer, std::size_t capacity) {
 }
 
 void NewFlash::activate() {
-  if (::rename(newPath_.c_str(), activePath_.c_str()) != 0)
+  if (::rename(newPath_.c_str(), activePath_.c_str()) != 0) {
     fail(errno, activePath_);
+  }
   activated_ = true;
-  if (::fsync(directory_.get()) != 0)
+  if (::fsync(directory_.get()) != 0) {
     fail(errno, kComponentsDirectory);
+  }
 }
 
 }  // namespace fwcomponent

@@ -35,27 +35,31 @@ std::string readText(const std::string& path) {
   const FileDescriptor file = openFile(path, O_RDONLY | O_NONBLOCK);
   std::string text(kGreatestFile + 1, '\0');
   text.resize(readBlock(file.get(), text.data(), text.size()));
-  if (text.size() > kGreatestFile)
+  if (text.size() > kGreatestFile) {
     fail(EINVAL, path + " is too long");
+  }
   return text;
 }
 
 unsigned int parseValue(const std::string& text, unsigned int greatest, const std::string& line) {
   unsigned int value = 0;
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-  if (error != std::errc() || end != text.data() + text.size() || value > greatest)
+  if (error != std::errc() || end != text.data() + text.size() || value > greatest) {
     fail(EINVAL, "component description: bad value in \"" + line + "\"");
+  }
   return value;
 }
 
 void parseLine(const std::string& line, HardwareDescription& description) {
-  if (line.empty() || line[0] == '#')
+  if (line.empty() || line[0] == '#') {
     return;
+  }
   const std::size_t equals = line.find('=');
   const std::string name = boost::trim_copy(line.substr(0, equals));
   for (const Key& key : kKeys) {
-    if (equals == std::string::npos || name != key.name)
+    if (equals == std::string::npos || name != key.name) {
       continue;
+    }
     description.*key.field = parseValue(boost::trim_copy(line.substr(equals + 1)), key.greatest, line);
     return;
   }
@@ -70,30 +74,35 @@ HardwareDescription readHardwareDescription(const std::string& firmwareName) {
   try {
     text = readText(kComponentsDirectory + firmwareName + ".component");
   } catch (const std::system_error& error) {
-    if (error.code() == std::errc::no_such_file_or_directory)
+    if (error.code() == std::errc::no_such_file_or_directory) {
       return description;
+    }
     throw;
   }
   std::istringstream lines(text);
-  for (std::string line; std::getline(lines, line);)
+  for (std::string line; std::getline(lines, line);) {
     parseLine(boost::trim_copy(line), description);
+  }
   return description;
 }
 
 void Hardware::takeBytes(std::size_t length) {
   const std::uint64_t bytesPerSecond = std::uint64_t{description_.writeKibPerSecond.value_or(0)} * 1024;
-  if (bytesPerSecond == 0)
+  if (bytesPerSecond == 0) {
     return;
+  }
   taken_ += length;
   const std::chrono::microseconds due(taken_ * 1000000 / bytesPerSecond);
   std::this_thread::sleep_until(start_ + due);
 }
 
 void Hardware::reachPercent(unsigned int percent) const {
-  if (percent >= description_.failAtPercent.value_or(UINT_MAX))
+  if (percent >= description_.failAtPercent.value_or(UINT_MAX)) {
     fail(EIO, "the component failed at " + std::to_string(percent) + " percent");
-  while (percent >= description_.stallAtPercent.value_or(UINT_MAX))
+  }
+  while (percent >= description_.stallAtPercent.value_or(UINT_MAX)) {
     ::pause();
+  }
 }
 
 }  // namespace fwcomponent

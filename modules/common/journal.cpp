@@ -17,8 +17,9 @@ std::string timeText() {
   struct tm parts {};
   char text[sizeof "2000-01-01T00:00:00Z"];
   if (::gmtime_r(&now, &parts) == nullptr ||
-      std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts) == 0)
+      std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts) == 0) {
     return "-";
+  }
   return text;
 }
 

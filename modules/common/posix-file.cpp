@@ -19,8 +19,9 @@ FileDescriptor& FileDescriptor::operator=(FileDescriptor&& other) noexcept {
 
 FileDescriptor::~FileDescriptor() {
   // What was written has been synced before, so close has nothing left to report.
-  if (descriptor_ >= 0)
+  if (descriptor_ >= 0) {
     ::close(descriptor_);
+  }
 }
 
 void fail(int error, const std::string& what) {
@@ -32,8 +33,9 @@ FileDescriptor openFile(const std::string& path, int flags, mode_t mode) {
   do {
     descriptor = ::open(path.c_str(), flags | O_CLOEXEC, mode);
   } while (descriptor < 0 && errno == EINTR);
-  if (descriptor < 0)
+  if (descriptor < 0) {
     fail(errno, path);
+  }
   return FileDescriptor(descriptor);
 }
 
@@ -41,12 +43,15 @@ std::size_t readBlock(int descriptor, void* buffer, std::size_t capacity) {
   std::size_t filled = 0;
   while (filled < capacity) {
     const ssize_t got = ::read(descriptor, static_cast<char*>(buffer) + filled, capacity - filled);
-    if (got < 0 && errno == EINTR)
+    if (got < 0 && errno == EINTR) {
       continue;
-    if (got < 0)
+    }
+    if (got < 0) {
       fail(errno, "read");
-    if (got == 0)
+    }
+    if (got == 0) {
       break;
+    }
     filled += static_cast<std::size_t>(got);
   }
   return filled;
@@ -56,10 +61,12 @@ void writeAll(int descriptor, const void* data, std::size_t length) {
   std::size_t written = 0;
   while (written < length) {
     const ssize_t put = ::write(descriptor, static_cast<const char*>(data) + written, length - written);
-    if (put < 0 && errno == EINTR)
+    if (put < 0 && errno == EINTR) {
       continue;
-    if (put < 0)
+    }
+    if (put < 0) {
       fail(errno, "write");
+    }
     written += static_cast<std::size_t>(put);
   }
 }

@@ -30,24 +30,28 @@ struct flock wholeFile(int type) {
 // stands in a writer's way.
 void lockForUpdate(int descriptor) {
   struct flock lock = wholeFile(F_WRLCK);
-  if (::fcntl(descriptor, F_OFD_SETLK, &lock) == 0)
+  if (::fcntl(descriptor, F_OFD_SETLK, &lock) == 0) {
     return;
-  if (errno == EAGAIN || errno == EACCES)
+  }
+  if (errno == EAGAIN || errno == EACCES) {
     fail(EBUSY, "another update of the component runs");
+  }
   fail(errno, "lock of the progress file");
 }
 
 bool updateRuns(int descriptor) {
   struct flock lock = wholeFile(F_RDLCK);
-  if (::fcntl(descriptor, F_OFD_GETLK, &lock) != 0)
+  if (::fcntl(descriptor, F_OFD_GETLK, &lock) != 0) {
     fail(errno, "lock of the progress file");
+  }
   return lock.l_type != F_UNLCK;
 }
 
 unsigned int parsePercent(const char* text, std::size_t length) {
   const char* const end = text + length;
-  while (text != end && *text == ' ')
+  while (text != end && *text == ' ') {
     ++text;
+  }
   unsigned int percent = 0;
   std::from_chars(text, end, percent);
   return percent <= kCompleted ? percent : 0;
@@ -60,8 +64,9 @@ void writePercent(int descriptor, unsigned int percent) {
   do {
     written = ::pwrite(descriptor, text, kTextLength, 0);
   } while (written < 0 && errno == EINTR);
-  if (written != static_cast<ssize_t>(kTextLength))
+  if (written != static_cast<ssize_t>(kTextLength)) {
     fail(written < 0 ? errno : ENOSPC, "progress file");
+  }
 }
 
 }  // namespace
@@ -73,8 +78,9 @@ ProgressWriter::ProgressWriter(const std::string& firmwareName)
 }
 
 void ProgressWriter::report(unsigned int percent) {
-  if (percent == percent_)
+  if (percent == percent_) {
     return;
+  }
   writePercent(file_.get(), percent);
   percent_ = percent;
 }
@@ -88,8 +94,9 @@ unsigned int readProgress(const std::string& firmwareName) try {
   const unsigned int percent = parsePercent(text, readBlock(file.get(), text, sizeof text));
   return running || percent == kCompleted ? percent : 0;
 } catch (const std::system_error& error) {
-  if (error.code() == std::errc::no_such_file_or_directory)
+  if (error.code() == std::errc::no_such_file_or_directory) {
     return 0;
+  }
   throw;
 }
 

@@ -23,13 +23,15 @@ UpdateRun::UpdateRun(const std::string& firmwareName)
 
 void UpdateRun::writeImage(const Image& image, const std::string& version,
                            std::optional<unsigned long> expectedCrc) {
-  if (image.size == 0)
+  if (image.size == 0) {
     fail(ENODATA, "the image is empty");
+  }
   total_ = 2 * image.size;
   NewFlash flash(firmwareName_);
   const std::uint32_t crc = writeContent(image, flash);
-  if (crc != expectedCrc.value_or(crc))
+  if (crc != expectedCrc.value_or(crc)) {
     fail(EBADMSG, "the image has not the expected CRC");
+  }
   flash.finishWriting({version, image.size, crc});
   verifyContent(flash, crc);
   flash.activate();
@@ -53,8 +55,9 @@ std::uint32_t UpdateRun::writeContent(const Image& image, NewFlash& flash) {
     crc = extendImageCrc(crc, buffer_.data(), length);
     advance(length);
   }
-  if (done_ != image.size)
+  if (done_ != image.size) {
     fail(EIO, "the image changed while it was read");
+  }
   return crc;
 }
 
@@ -64,8 +67,9 @@ void UpdateRun::verifyContent(NewFlash& flash, std::uint32_t writtenCrc) {
     crc = extendImageCrc(crc, buffer_.data(), length);
     advance(length);
   }
-  if (done_ != total_ || crc != writtenCrc)
+  if (done_ != total_ || crc != writtenCrc) {
     fail(EIO, "the flash reads back differently");
+  }
 }
 
 void UpdateRun::advance(std::size_t bytes) {

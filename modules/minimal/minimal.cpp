@@ -50,8 +50,9 @@ bool hasCrc(const std::string& image, unsigned long expected) {
 // False with errno. On the medium before it is reported as written.
 bool writeNewFlash(const std::string& content) {
   std::FILE* file = std::fopen(kNewFlash, "wbe");
-  if (file == nullptr)
+  if (file == nullptr) {
     return false;
+  }
   const bool written = std::fwrite(content.data(), 1, content.size(), file) == content.size() &&
                        std::fflush(file) == 0 && ::fsync(::fileno(file)) == 0;
   const int error = errno;
@@ -63,8 +64,9 @@ bool writeNewFlash(const std::string& content) {
 struct Directory {
   const int descriptor = ::open(kDirectory, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   ~Directory() {
-    if (descriptor >= 0)
+    if (descriptor >= 0) {
       ::close(descriptor);
+    }
   }
 };
 
@@ -72,11 +74,13 @@ int replaceFlash(const std::string& content) {
   // The lock ends with the descriptor. An update that ran out of time in another
   // process may still be writing.
   const Directory directory;
-  if (directory.descriptor < 0 || ::flock(directory.descriptor, LOCK_EX | LOCK_NB) != 0)
+  if (directory.descriptor < 0 || ::flock(directory.descriptor, LOCK_EX | LOCK_NB) != 0) {
     return failure(errno);
+  }
   // One rename, so that there is no moment without firmware.
-  if (writeNewFlash(content) && std::rename(kNewFlash, kFlash) == 0)
+  if (writeNewFlash(content) && std::rename(kNewFlash, kFlash) == 0) {
     return ::fsync(directory.descriptor) == 0 ? 0 : failure(errno);
+  }
   const int error = errno;
   std::remove(kNewFlash);
   return failure(error);
@@ -101,8 +105,9 @@ int getActiveVersion(char* out) try {
 }
 
 int checkVersion(const char* version, int* need) try {
-  if (!isVersion(version))
+  if (!isVersion(version)) {
     return failure(EINVAL);
+  }
   const std::string active = activeVersion();
   const std::lock_guard<std::mutex> lock(mutex);
   std::snprintf(checkedVersion, sizeof checkedVersion, "%s", version);
@@ -114,11 +119,13 @@ int checkVersion(const char* version, int* need) try {
 
 int doUpdate(const char* path, unsigned long value) try {
   std::ifstream file(path, std::ios::binary);
-  if (!file)
+  if (!file) {
     return failure(ENOENT);
+  }
   const std::string image{std::istreambuf_iterator<char>(file), {}};
-  if (image.empty() || !hasCrc(image, value))
+  if (image.empty() || !hasCrc(image, value)) {
     return failure(EBADMSG);
+  }
   std::unique_lock<std::mutex> lock(mutex);
   const std::string version = checkedVersion;
   lock.unlock();

@@ -22,20 +22,23 @@ struct Information {
 
 Information readInformation() {
   std::ifstream stream(kInformationPath, std::ios::binary);
-  if (!stream)
+  if (!stream) {
     fwcomponent::fail(ENOENT, kInformationPath);
+  }
   Json::Value root;
   std::string errors;
   if (!Json::parseFromStream(Json::CharReaderBuilder(), stream, &root, &errors) || !root.isObject() ||
-      !root["version"].isString() || !root["crc"].isUInt())
+      !root["version"].isString() || !root["crc"].isUInt()) {
     fwcomponent::fail(EBADMSG, kInformationPath);
+  }
   return {root["version"].asString(), root["crc"].asUInt()};
 }
 
 void runOwnProcedure(fwcomponent::Component& remote) {
   const Information information = readInformation();
-  if (remote.isNewer(information.version.c_str()))
+  if (remote.isNewer(information.version.c_str())) {
     remote.updateFromFile(kImagePath, information.crc);
+  }
 }
 
 }  // namespace

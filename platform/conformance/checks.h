@@ -49,7 +49,7 @@ Finding securePackageKeyIsSecret();
 Finding secureDownloadsAreSigned();
 Finding secureDrivesAreReadOnly();
 
-inline constexpr Check checks[] = {
+inline constexpr Check kChecks[] = {
     {"log", "leaves errno as it was", logKeepsErrno},
     {"log", "returns the length of the message", logReturnsLength},
     {"log", "formats %m as the error text of errno", logFormatsErrorText},
@@ -81,7 +81,7 @@ inline constexpr Check checks[] = {
 
 // What a set must have set up so that nothing unsigned is used; not of the library, but
 // of the set.
-inline constexpr Check securityChecks[] = {
+inline constexpr Check kSecurityChecks[] = {
     {"secure", "refuses a package without a signature", verifierRefusesUnsigned},
     {"secure", "judges the bytes that are used, not only the file", secureVerifierJudgesContent},
     {"secure", "knows the key of a maker", secureSetHasKey},

@@ -10,7 +10,7 @@
 namespace conformance {
 namespace {
 
-constexpr int patienceMs = 5000;
+constexpr int kPatienceMs = 5000;
 
 // One that nobody has signalled; events stay until the device starts anew.
 std::string freshEvent(const char* purpose) {
@@ -47,7 +47,7 @@ Finding eventWakesAnotherProcess() {
   const std::string event = freshEvent("wakes");
   const pid_t waiter = fork();
   if (waiter == 0) {
-    _exit(LwipcEventWait(event.c_str(), patienceMs) == 0 ? 0 : 1);
+    _exit(LwipcEventWait(event.c_str(), kPatienceMs) == 0 ? 0 : 1);
   }
   usleep(200000);  // so that it mostly waits already; done before is right as well
   LwipcEventDone(event.c_str());

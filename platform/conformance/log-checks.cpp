@@ -10,8 +10,8 @@
 namespace conformance {
 namespace {
 
-constexpr int logId = 2;
-constexpr const char* tag = "FWUPDATE";
+constexpr int kLogId = 2;
+constexpr const char* kTag = "FWUPDATE";
 
 // 0 is also right: messages may be switched off.
 Finding expectLength(int result, std::size_t length) {
@@ -26,44 +26,44 @@ Finding expectLength(int result, std::size_t length) {
 
 Finding logKeepsErrno() {
   errno = EXDEV;
-  __dlog_print(logId, DLOG_DEBUG_PRIORITY, tag, "platform check: %d", 1);
+  __dlog_print(kLogId, DLOG_DEBUG_PRIORITY, kTag, "platform check: %d", 1);
   return errno == EXDEV ? kept() : broken("errno was changed to " + std::to_string(errno));
 }
 
 Finding logReturnsLength() {
-  return expectLength(__dlog_print(logId, DLOG_DEBUG_PRIORITY, tag, "platform check: %s", "text"),
+  return expectLength(__dlog_print(kLogId, DLOG_DEBUG_PRIORITY, kTag, "platform check: %s", "text"),
                       std::strlen("platform check: text"));
 }
 
 Finding logFormatsErrorText() {
   const std::string expected = std::strerror(ENOTDIR);
   errno = ENOTDIR;
-  return expectLength(__dlog_print(logId, DLOG_DEBUG_PRIORITY, tag, "%m"), expected.size());
+  return expectLength(__dlog_print(kLogId, DLOG_DEBUG_PRIORITY, kTag, "%m"), expected.size());
 }
 
 Finding logTakesNulls() {
   const char* volatile nothing = nullptr;  // not for the compiler to see
-  __dlog_print(logId, DLOG_DEBUG_PRIORITY, nothing, "platform check");
+  __dlog_print(kLogId, DLOG_DEBUG_PRIORITY, nothing, "platform check");
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-security"
-  __dlog_print(logId, DLOG_DEBUG_PRIORITY, tag, nothing);
+  __dlog_print(kLogId, DLOG_DEBUG_PRIORITY, kTag, nothing);
 #pragma GCC diagnostic pop
   return kept();
 }
 
 Finding logTakesLongMessages() {
   const std::string text(200000, 'x');
-  return expectLength(__dlog_print(logId, DLOG_DEBUG_PRIORITY, tag, "%s", text.c_str()), text.size());
+  return expectLength(__dlog_print(kLogId, DLOG_DEBUG_PRIORITY, kTag, "%s", text.c_str()), text.size());
 }
 
 Finding logTakesThreads() {
-  constexpr int threadCount = 8;
+  constexpr int kThreadCount = 8;
   std::vector<std::thread> threads;
-  threads.reserve(threadCount);
-  for (int number = 0; number < threadCount; ++number) {
+  threads.reserve(kThreadCount);
+  for (int number = 0; number < kThreadCount; ++number) {
     threads.emplace_back([number] {
       for (int message = 0; message < 50; ++message) {
-        __dlog_print(logId, DLOG_DEBUG_PRIORITY, tag, "platform check: thread %d, message %d", number,
+        __dlog_print(kLogId, DLOG_DEBUG_PRIORITY, kTag, "platform check: thread %d, message %d", number,
                      message);
       }
     });

@@ -21,11 +21,11 @@ namespace {
 using conformance::Check;
 using conformance::Finding;
 
-constexpr int exitBroken = 1;
-constexpr int exitUsage = 2;
-constexpr const char* verdicts[] = {"kept", "BROKEN", "not checked"};
+constexpr int kExitBroken = 1;
+constexpr int kExitUsage = 2;
+constexpr const char* kVerdicts[] = {"kept", "BROKEN", "not checked"};
 
-constexpr const char* help =
+constexpr const char* kHelp =
     "Checks that a platform library keeps what the update library relies on.\n"
     "Usage: fw-platform-check [--secure] [--library FILE] [--only AREA] [--timeout S]\n"
     "  --library FILE  The platform library to check; default: the installed one\n"
@@ -47,7 +47,7 @@ struct Arguments {
 };
 
 bool isArea(const std::string& name) {
-  for (const Check& check : conformance::checks) {
+  for (const Check& check : conformance::kChecks) {
     if (name == check.area) {
       return true;
     }
@@ -57,7 +57,7 @@ bool isArea(const std::string& name) {
 
 [[noreturn]] void usageError(const std::string& sentence) {
   std::cerr << "fw-platform-check: " << sentence << "\nTry: fw-platform-check --help" << std::endl;
-  std::exit(exitUsage);
+  std::exit(kExitUsage);
 }
 
 [[noreturn]] void show(const char* text) {
@@ -75,16 +75,16 @@ int secondsFrom(const std::string& text) {
 }
 
 Arguments parse(int argc, char** argv) {
-  constexpr option options[] = {{"library", required_argument, nullptr, 'l'},
-                                {"only", required_argument, nullptr, 'o'},
-                                {"timeout", required_argument, nullptr, 't'},
-                                {"version", no_argument, nullptr, 'v'},
-                                {"secure", no_argument, nullptr, 's'},
-                                {"help", no_argument, nullptr, 'h'},
-                                {nullptr, 0, nullptr, 0}};
+  constexpr option kOptions[] = {{"library", required_argument, nullptr, 'l'},
+                                 {"only", required_argument, nullptr, 'o'},
+                                 {"timeout", required_argument, nullptr, 't'},
+                                 {"version", no_argument, nullptr, 'v'},
+                                 {"secure", no_argument, nullptr, 's'},
+                                 {"help", no_argument, nullptr, 'h'},
+                                 {nullptr, 0, nullptr, 0}};
   Arguments arguments;
   opterr = 0;
-  for (int found = 0; (found = getopt_long(argc, argv, "h", options, nullptr)) != -1;) {
+  for (int found = 0; (found = getopt_long(argc, argv, "h", kOptions, nullptr)) != -1;) {
     switch (found) {
       case 'l':
         arguments.library = optarg;
@@ -101,7 +101,7 @@ Arguments parse(int argc, char** argv) {
       case 'v':
         show("fw-platform-check " FW_PLATFORM_CHECK_VERSION "\n");
       case 'h':
-        show(help);
+        show(kHelp);
       default:
         usageError(std::string("there is no option ") + argv[optind - 1]);
     }
@@ -121,15 +121,15 @@ Arguments parse(int argc, char** argv) {
 // A library that is loaded first takes the installed one's place. So the program
 // starts itself once more.
 void takeLibrary(const std::string& library, char** argv) {
-  constexpr const char* taken = "FW_PLATFORM_CHECK_LIBRARY";
-  if (library.empty() || std::getenv(taken) != nullptr) {
+  constexpr const char* kTaken = "FW_PLATFORM_CHECK_LIBRARY";
+  if (library.empty() || std::getenv(kTaken) != nullptr) {
     return;
   }
   char* const path = realpath(library.c_str(), nullptr);
   if (path == nullptr) {
     usageError(library + ": " + std::strerror(errno));
   }
-  setenv(taken, path, 1);
+  setenv(kTaken, path, 1);
   setenv("LD_PRELOAD", path, 1);
   std::free(path);
   execv("/proc/self/exe", argv);
@@ -138,7 +138,7 @@ void takeLibrary(const std::string& library, char** argv) {
 
 void report(const Check& check, const Finding& finding) {
   std::cout << std::left << std::setw(9) << check.area << ' ' << std::setw(12)
-            << verdicts[static_cast<int>(finding.verdict)] << ' ' << check.promise << '\n';
+            << kVerdicts[static_cast<int>(finding.verdict)] << ' ' << check.promise << '\n';
   if (!finding.sentence.empty()) {
     std::cout << std::string(23, ' ') << finding.sentence << '\n';
   }
@@ -164,22 +164,22 @@ int checkAll(const Check (&checks)[Size], const Arguments& arguments) {
     }
   }
   std::cout << counts[0] << " kept, " << counts[1] << " broken, " << counts[2] << " not checked" << std::endl;
-  return counts[1] == 0 ? 0 : exitBroken;
+  return counts[1] == 0 ? 0 : kExitBroken;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  base::CleanStandardOutput();
+  base::cleanStandardOutput();
   const Arguments arguments = parse(argc, argv);
   takeLibrary(arguments.library, argv);
   unsetenv("LD_PRELOAD");  // not for what the library starts
   conformance::catchInterruptions();
   try {
-    return arguments.secure ? checkAll(conformance::securityChecks, arguments)
-                            : checkAll(conformance::checks, arguments);
+    return arguments.secure ? checkAll(conformance::kSecurityChecks, arguments)
+                            : checkAll(conformance::kChecks, arguments);
   } catch (const std::exception& error) {
     std::cerr << "fw-platform-check: " << error.what() << std::endl;
-    return exitBroken;
+    return kExitBroken;
   }
 }

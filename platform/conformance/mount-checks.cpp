@@ -19,8 +19,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr int capacity = 1024;
-const char* const packages = "/opt/usr/apps/appbinarymanager/";
+constexpr int kCapacity = 1024;
+const char* const kPackages = "/opt/usr/apps/appbinarymanager/";
 
 // A package image and the directory to mount it on, both removed in the end.
 class Package {
@@ -42,16 +42,16 @@ class Package {
     fs::remove(image(), ignored);
   }
 
-  std::string image() const { return packages + name_ + ".img"; }
-  std::string directory() const { return std::string(packages) + "emps/" + name_; }
+  std::string image() const { return kPackages + name_ + ".img"; }
+  std::string directory() const { return std::string(kPackages) + "emps/" + name_; }
 
   // As the library asks: an empty text when both results are 0.
   std::string mount() const {
     int result = 0;
     const std::string text = "-o ro,loop,nodev,nosuid " + image() + " " + directory();
     std::string buffer = text;
-    buffer.resize(capacity);
-    return failure("PS_Mount", PS_Mount(buffer.c_str(), capacity, 0, &result), result);
+    buffer.resize(kCapacity);
+    return failure("PS_Mount", PS_Mount(buffer.c_str(), kCapacity, 0, &result), result);
   }
 
   // Nothing follows the directory's last character but what must not be read as
@@ -162,9 +162,9 @@ Finding mountIsReadOnly() {
 
 Finding mountRefusesMissingImage() {
   int result = 0;
-  char text[capacity];
-  std::snprintf(text, sizeof(text), "-o ro,loop,nodev,nosuid %snone.img %semps/none", packages, packages);
-  const int status = PS_Mount(text, capacity, 0, &result);
+  char text[kCapacity];
+  std::snprintf(text, sizeof(text), "-o ro,loop,nodev,nosuid %snone.img %semps/none", kPackages, kPackages);
+  const int status = PS_Mount(text, kCapacity, 0, &result);
   return status != 0 || result != 0 ? kept() : broken("it is said to be mounted");
 }
 
@@ -179,10 +179,10 @@ Finding unmountDetachesLoopDevice() {
 // A node that is there already is no failure of the platform's.
 Finding nodeTakesText() {
   int result = 0;
-  char text[capacity] = "-m 0660 -Z * /dev/loop0  b 7 0";
+  char text[kCapacity] = "-m 0660 -Z * /dev/loop0  b 7 0";
   struct stat before = {};
   const bool wasThere = stat("/dev/loop0", &before) == 0;
-  const int status = PS_Mknod(text, capacity, 0, &result);
+  const int status = PS_Mknod(text, kCapacity, 0, &result);
   if (status != 0) {
     return wasThere ? notChecked("/dev/loop0 is there, and the call returned " + std::to_string(status))
                     : broken("the call returned " + std::to_string(status));

@@ -21,14 +21,14 @@ using Clock = std::chrono::steady_clock;
 volatile std::sig_atomic_t came = 0;
 volatile std::sig_atomic_t running = 0;  // the check's process
 
-constexpr char goesOn[] = "\nfw-platform-check: ends with this check; Ctrl-C once more ends it at once\n";
+constexpr char kGoesOn[] = "\nfw-platform-check: ends with this check; Ctrl-C once more ends it at once\n";
 
 void onSignal(int signal) {
   const int errorNumber = errno;
   if (came != 0 && running != 0) {
     kill(-running, SIGKILL);
   } else if (running != 0) {
-    [[maybe_unused]] const auto written = write(STDERR_FILENO, goesOn, sizeof(goesOn) - 1);
+    [[maybe_unused]] const auto written = write(STDERR_FILENO, kGoesOn, sizeof(kGoesOn) - 1);
   }
   came = signal;
   errno = errorNumber;

@@ -22,23 +22,23 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr const char* verifierPath = "/usr/lib/libkZAQUser.so";
-constexpr const char* packageKey = "/usr/share/fw-update/package.key";
-constexpr const char* downloadConfiguration = "/etc/fw-update/download.conf";
-constexpr const char* usbDrive = "/opt/media/USBDriveA";
+constexpr const char* kVerifierPath = "/usr/lib/libkZAQUser.so";
+constexpr const char* kPackageKey = "/usr/share/fw-update/package.key";
+constexpr const char* kDownloadConfiguration = "/etc/fw-update/download.conf";
+constexpr const char* kUsbDrive = "/opt/media/USBDriveA";
 
 // What updates rely on, with all that leads there and lies directly in it.
-constexpr const char* trustedPlaces[] = {
+constexpr const char* kTrustedPlaces[] = {
     "/prd/usr/fwupdate/controls",
     "/lib/firmware/ext",
     "/opt/usr/share/sbox",
     "/opt/usr/apps/appbinarymanager",
     "/opt/usr/apps/appbinarymanager/emps",
-    verifierPath,
-    fwpackage::keyDirectory,
-    fwpackage::minimumVersionDirectory,
-    packageKey,
-    downloadConfiguration,
+    kVerifierPath,
+    fwpackage::kEyDirectory,
+    fwpackage::kMinimumVersionDirectory,
+    kPackageKey,
+    kDownloadConfiguration,
 };
 
 // ---- Who can write -------------------------------------------------------------------
@@ -95,7 +95,7 @@ std::vector<Mount> usbMounts() {
     std::string source;
     std::string type;
     Mount mount;
-    if (words >> source >> mount.place >> type >> mount.options && mount.place.rfind(usbDrive, 0) == 0) {
+    if (words >> source >> mount.place >> type >> mount.options && mount.place.rfind(kUsbDrive, 0) == 0) {
       mounts.push_back(mount);
     }
   }
@@ -116,7 +116,7 @@ std::string trimmed(const std::string& text) {
 std::vector<fwpackage::KeyId> knownKeys() {
   std::vector<fwpackage::KeyId> keys;
   std::error_code ignored;
-  for (const auto& entry : fs::directory_iterator(fwpackage::keyDirectory, ignored)) {
+  for (const auto& entry : fs::directory_iterator(fwpackage::kEyDirectory, ignored)) {
     if (entry.path().extension() == ".pem") {
       if (const fwpackage::Key key = fwpackage::readPublicKey(entry.path())) {
         keys.push_back(fwpackage::keyIdOf(key.get()));
@@ -127,11 +127,11 @@ std::vector<fwpackage::KeyId> knownKeys() {
 }
 
 fwpackage::Listed listed(const char* list, const fwpackage::KeyId& key) {
-  return fwpackage::findInList(std::string(fwpackage::keyDirectory) + "/" + list, key);
+  return fwpackage::findInList(std::string(fwpackage::kEyDirectory) + "/" + list, key);
 }
 
 std::string unusable(const char* list) {
-  return std::string(fwpackage::keyDirectory) + "/" + list +
+  return std::string(fwpackage::kEyDirectory) + "/" + list +
          " cannot be read or has a wrong line, so that packages are refused; write one identifier of 16 "
          "hexadecimal digits a line";
 }
@@ -139,14 +139,14 @@ std::string unusable(const char* list) {
 }  // namespace
 
 Finding secureVerifierJudgesContent() {
-  void* const library = dlopen(verifierPath, RTLD_NOW);  // stays open as long as the process
+  void* const library = dlopen(kVerifierPath, RTLD_NOW);  // stays open as long as the process
   if (library == nullptr) {
-    return broken(std::string(verifierPath) + " cannot be used: every package is taken; install it");
+    return broken(std::string(kVerifierPath) + " cannot be used: every package is taken; install it");
   }
   for (const char* entry :
        {"beginContentCheck", "addCheckedContent", "endContentCheck", "releaseContentCheck"}) {
     if (dlsym(library, entry) == nullptr) {
-      return broken(std::string(verifierPath) + " has no " + entry +
+      return broken(std::string(kVerifierPath) + " has no " + entry +
                     ": a package can change after it was verified; install a verification library with the "
                     "content check");
     }
@@ -156,7 +156,7 @@ Finding secureVerifierJudgesContent() {
 
 Finding secureSetHasKey() {
   if (knownKeys().empty()) {
-    return broken(std::string(fwpackage::keyDirectory) +
+    return broken(std::string(fwpackage::kEyDirectory) +
                   " has no public key: no signed package can be used; install the maker's key there, as "
                   "NAME.pem");
   }
@@ -165,26 +165,26 @@ Finding secureSetHasKey() {
 
 Finding secureKeysSignNewFormatAlone() {
   for (const fwpackage::KeyId& key : knownKeys()) {
-    const fwpackage::Listed revoked = listed(fwpackage::revokedList, key);
-    const fwpackage::Listed mayUseOldFormat = listed(fwpackage::oldFormatList, key);
+    const fwpackage::Listed revoked = listed(fwpackage::kRevokedList, key);
+    const fwpackage::Listed mayUseOldFormat = listed(fwpackage::kOldFormatList, key);
     if (revoked == fwpackage::Listed::Unusable) {
-      return broken(unusable(fwpackage::revokedList));
+      return broken(unusable(fwpackage::kRevokedList));
     }
     if (mayUseOldFormat == fwpackage::Listed::Unusable) {
-      return broken(unusable(fwpackage::oldFormatList));
+      return broken(unusable(fwpackage::kOldFormatList));
     }
     if (revoked == fwpackage::Listed::No && mayUseOldFormat == fwpackage::Listed::Yes) {
       return broken("the key " + fwpackage::toHex(key.data(), key.size()) +
                     " may sign packages of format 1, which fit every component; sign them anew and take it "
                     "out of " +
-                    fwpackage::keyDirectory + "/" + fwpackage::oldFormatList);
+                    fwpackage::kEyDirectory + "/" + fwpackage::kOldFormatList);
     }
   }
   return kept();
 }
 
 Finding secureOnlyRootWrites() {
-  for (const char* place : trustedPlaces) {
+  for (const char* place : kTrustedPlaces) {
     for (const fs::path& path : pathsOf(place)) {
       if (const std::string sentence = othersWhoWrite(path); !sentence.empty()) {
         return broken(sentence);
@@ -196,21 +196,21 @@ Finding secureOnlyRootWrites() {
 
 Finding securePackageKeyIsSecret() {
   struct stat status = {};
-  if (stat(packageKey, &status) != 0) {
-    return errno == ENOENT ? notChecked("there is no " + std::string(packageKey))
-                           : notChecked(std::string(packageKey) + ": " + std::strerror(errno));
+  if (stat(kPackageKey, &status) != 0) {
+    return errno == ENOENT ? notChecked("there is no " + std::string(kPackageKey))
+                           : notChecked(std::string(kPackageKey) + ": " + std::strerror(errno));
   }
   if ((status.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
-    return broken(std::string(packageKey) + " can be read by others than root; chmod 600 " + packageKey);
+    return broken(std::string(kPackageKey) + " can be read by others than root; chmod 600 " + kPackageKey);
   }
   return kept();
 }
 
 Finding secureDownloadsAreSigned() {
-  std::ifstream file(downloadConfiguration);
+  std::ifstream file(kDownloadConfiguration);
   if (!file) {
-    return fs::exists(downloadConfiguration)
-               ? notChecked(std::string(downloadConfiguration) + " cannot be read")
+    return fs::exists(kDownloadConfiguration)
+               ? notChecked(std::string(kDownloadConfiguration) + " cannot be read")
                : notChecked("nothing is downloaded");
   }
   for (std::string line; std::getline(file, line);) {
@@ -219,7 +219,7 @@ Finding secureDownloadsAreSigned() {
     const std::string key = trimmed(text.substr(0, equals));
     const std::string value = equals == std::string::npos ? "" : trimmed(text.substr(equals + 1));
     if ((key == "allow_unsigned" || key == "allow_insecure") && value != "false") {
-      return broken(std::string(downloadConfiguration) + " has " + key + "; remove the line, and " +
+      return broken(std::string(kDownloadConfiguration) + " has " + key + "; remove the line, and " +
                     (key == "allow_unsigned" ? "sign the packages with fw-pack" : "serve them over https"));
     }
   }

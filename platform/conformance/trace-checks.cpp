@@ -14,8 +14,8 @@
 namespace conformance {
 namespace {
 
-constexpr unsigned recordSize = 64;
-constexpr unsigned char callKind = 1;
+constexpr unsigned kRecordSize = 64;
+constexpr unsigned char kCallKind = 1;
 
 TraceStorage::Storage& storage() {
   return TraceStorage::Manager::Instance().GetStorage();
@@ -31,9 +31,9 @@ std::uint32_t registeredPlace() {
 // Null, when the record is dropped, is right.
 unsigned char* writeRecord(std::uint32_t place, unsigned char filling) {
   TraceStorage::Thread* const thread = storage().ThreadHandle();
-  unsigned char* const buffer = storage().PrepareCallBuffer(thread, recordSize, callKind, place);
+  unsigned char* const buffer = storage().PrepareCallBuffer(thread, kRecordSize, kCallKind, place);
   if (buffer != nullptr) {
-    std::memset(buffer, filling, recordSize);
+    std::memset(buffer, filling, kRecordSize);
   }
   return buffer;
 }
@@ -91,7 +91,7 @@ Finding traceBuffersAreApart() {
   if (mine == nullptr) {
     return notChecked("the record was dropped");
   }
-  for (unsigned at = 0; at < recordSize; ++at) {
+  for (unsigned at = 0; at < kRecordSize; ++at) {
     if (mine[at] != 0x11) {
       return broken("another thread wrote into a buffer before its record was committed");
     }

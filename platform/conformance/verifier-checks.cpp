@@ -12,17 +12,17 @@ namespace {
 
 using VerifyFile = int (*)(int, const char*, const char*);
 
-constexpr const char* verifierPath = "/usr/lib/libkZAQUser.so";
+constexpr const char* kVerifierPath = "/usr/lib/libkZAQUser.so";
 
 VerifyFile verifyFile() {
-  void* const library = dlopen(verifierPath, RTLD_NOW);  // stays open as long as the process
+  void* const library = dlopen(kVerifierPath, RTLD_NOW);  // stays open as long as the process
   return library == nullptr ? nullptr : reinterpret_cast<VerifyFile>(dlsym(library, "verifyFile"));
 }
 
 Finding expectRefused(const std::string& path) {
   const VerifyFile verify = verifyFile();
   if (verify == nullptr) {
-    return broken(std::string(verifierPath) + " cannot be used: every package is taken, signed or not");
+    return broken(std::string(kVerifierPath) + " cannot be used: every package is taken, signed or not");
   }
   return verify(0, path.c_str(), "UserCaller") == 0 ? kept() : broken("it was taken");
 }

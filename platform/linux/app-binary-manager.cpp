@@ -21,7 +21,7 @@
 namespace {
 
 namespace fs = std::filesystem;
-using fwplatform::ErrnoText;
+using fwplatform::errnoText;
 using fwplatform::UniqueFd;
 
 // The helper answers before it downloads anything; this is for one that hangs.
@@ -32,9 +32,9 @@ constexpr char kAnswerArgument[] = "--answer-on=3";
 constexpr char kAccepted[] = "accepted\n";
 
 // The helper of this very build or installation, seen from this library.
-std::string FindHelper() {
+std::string findHelper() {
   Dl_info self = {};
-  if (dladdr(reinterpret_cast<const void*>(&FindHelper), &self) == 0) {
+  if (dladdr(reinterpret_cast<const void*>(&findHelper), &self) == 0) {
     return "";
   }
   const fs::path library = fs::canonical(self.dli_fname).parent_path();
@@ -66,7 +66,7 @@ class SpawnSettings {
 
 // The helper keeps nothing of its caller: no descriptors, no terminal, no signal
 // settings, no directory.
-void SeparateFromCaller(SpawnSettings& settings, int answer) {
+void separateFromCaller(SpawnSettings& settings, int answer) {
   for (const int standard : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
     posix_spawn_file_actions_addopen(&settings.actions, standard, "/dev/null", O_RDWR, 0);
   }
@@ -83,9 +83,9 @@ void SeparateFromCaller(SpawnSettings& settings, int answer) {
 }
 
 // Nothing of the caller's environment: it must not choose proxies or certificates.
-int Spawn(const std::string& helper, const std::string& package, int answer, pid_t& pid) {
+int spawn(const std::string& helper, const std::string& package, int answer, pid_t& pid) {
   SpawnSettings settings;
-  SeparateFromCaller(settings, answer);
+  separateFromCaller(settings, answer);
   char* const arguments[] = {const_cast<char*>("fw-download"), const_cast<char*>(kAnswerArgument),
                              const_cast<char*>(package.c_str()), nullptr};
   char* const environment[] = {const_cast<char*>("LC_ALL=C"), const_cast<char*>("PATH=/usr/bin:/bin"),
@@ -93,7 +93,7 @@ int Spawn(const std::string& helper, const std::string& package, int answer, pid
   return posix_spawn(&pid, helper.c_str(), &settings.actions, &settings.attributes, arguments, environment);
 }
 
-std::string ReadAnswer(int answer) {
+std::string readAnswer(int answer) {
   std::string text;
   char block[512];
   for (;;) {
@@ -111,44 +111,44 @@ std::string ReadAnswer(int answer) {
 }
 
 // The process that was started answers and ends; what downloads is its child.
-void Reap(pid_t pid) {
+void reap(pid_t pid) {
   while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
   }
 }
 
 // Empty when the download runs, otherwise why it does not.
-std::string StartDownload(const std::string& package) {
-  if (!fwplatform::IsPackageName(package)) {
+std::string startDownload(const std::string& package) {
+  if (!fwplatform::isPackageName(package)) {
     return "The package identifier must be 1 to 127 letters and digits.";
   }
-  const std::string helper = FindHelper();
+  const std::string helper = findHelper();
   if (helper.empty()) {
     return "The program fw-download is not installed.";
   }
   int ends[2];
   if (pipe2(ends, O_CLOEXEC) != 0) {
-    return ErrnoText(errno) + ".";
+    return errnoText(errno) + ".";
   }
   const UniqueFd answer(ends[0]);
   UniqueFd other(ends[1]);
   // Above the numbers that the helper's own descriptors take.
   UniqueFd handedOver(fcntl(other.get(), F_DUPFD_CLOEXEC, 10));
   pid_t pid = 0;
-  if (const int error = handedOver ? Spawn(helper, package, handedOver.get(), pid) : errno; error != 0) {
-    return helper + " cannot be run: " + ErrnoText(error) + ".";
+  if (const int error = handedOver ? spawn(helper, package, handedOver.get(), pid) : errno; error != 0) {
+    return helper + " cannot be run: " + errnoText(error) + ".";
   }
   other.reset();
   handedOver.reset();
-  const std::string text = ReadAnswer(answer.get());
+  const std::string text = readAnswer(answer.get());
   if (text.empty()) {
     kill(pid, SIGKILL);
   }
-  Reap(pid);
+  reap(pid);
   return text == kAccepted ? "" : text.empty() ? "fw-download gave no answer." : text;
 }
 
 // In the form of the library's own messages, so that whoever reads those sees it.
-void LogRefusal(const std::string& package, const std::string& reason) {
+void logRefusal(const std::string& package, const std::string& reason) {
   __dlog_print(2, DLOG_ERROR_PRIORITY, "FWUPDATE", "%s: %s(%d) > %s is not downloaded: %s",
                "app-binary-manager.cpp", "ABM_DownloadAppBinary", __LINE__, package.c_str(), reason.c_str());
 }
@@ -159,13 +159,13 @@ namespace appbinaryManager {
 
 bool ABM_DownloadAppBinary(void (*)(const std::string&, int, void*), void*, const std::string& appId) {
   try {
-    const std::string refusal = StartDownload(appId);
+    const std::string refusal = startDownload(appId);
     if (refusal.empty()) {
       return true;
     }
-    LogRefusal(appId, refusal);
+    logRefusal(appId, refusal);
   } catch (const std::exception& error) {
-    LogRefusal(appId, error.what());
+    logRefusal(appId, error.what());
   }
   return false;
 }

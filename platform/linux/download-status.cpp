@@ -22,12 +22,12 @@ struct StateName {
 };
 
 constexpr StateName kStateNames[] = {
-    {DownloadState::kRunning, "running"},
-    {DownloadState::kDone, "done"},
-    {DownloadState::kFailed, "failed"},
+    {DownloadState::Running, "running"},
+    {DownloadState::Done, "done"},
+    {DownloadState::Failed, "failed"},
 };
 
-const char* NameOf(DownloadState state) {
+const char* nameOf(DownloadState state) {
   for (const StateName& entry : kStateNames) {
     if (entry.state == state) {
       return entry.name;
@@ -36,33 +36,33 @@ const char* NameOf(DownloadState state) {
   return "";
 }
 
-std::string StatusFile(const std::string& name) {
+std::string statusFile(const std::string& name) {
   return name + ".json";
 }
 
-std::string LockFile(const std::string& name) {
+std::string lockFile(const std::string& name) {
   return name + ".lock";
 }
 
-struct flock WholeFile() {
+struct flock wholeFile() {
   struct flock whole = {};
   whole.l_type = F_WRLCK;
   whole.l_whence = SEEK_SET;
   return whole;
 }
 
-Json::Value ToJson(const std::string& name, const DownloadStatus& status) {
+Json::Value toJson(const std::string& name, const DownloadStatus& status) {
   Json::Value document;
   document["package"] = name;
-  document["state"] = NameOf(status.state);
+  document["state"] = nameOf(status.state);
   document["received"] = static_cast<Json::Int64>(status.received);
   if (status.total != kUnknownSize) {
     document["total"] = static_cast<Json::Int64>(status.total);
   }
-  if (const auto percent = status.Percent()) {
+  if (const auto percent = status.percent()) {
     document["percent"] = *percent;
   }
-  if (status.state == DownloadState::kFailed) {
+  if (status.state == DownloadState::Failed) {
     document["reason"] = status.reason;
     document["message"] = status.message;
     document["remedy"] = status.remedy;
@@ -70,7 +70,7 @@ Json::Value ToJson(const std::string& name, const DownloadStatus& status) {
   return document;
 }
 
-std::optional<DownloadStatus> FromJson(const Json::Value& document) {
+std::optional<DownloadStatus> fromJson(const Json::Value& document) {
   DownloadStatus status;
   const std::string state = document["state"].asString();
   const auto* const known = std::find_if(std::begin(kStateNames), std::end(kStateNames),
@@ -87,52 +87,52 @@ std::optional<DownloadStatus> FromJson(const Json::Value& document) {
   return status;
 }
 
-UniqueFd OpenForReading() {
+UniqueFd openForReading() {
   return UniqueFd(open(kDownloadStatusDirectory, O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
 }
 
 }  // namespace
 
-std::optional<unsigned int> DownloadStatus::Percent() const {
+std::optional<unsigned int> DownloadStatus::percent() const {
   if (total <= 0) {
     return std::nullopt;
   }
   return static_cast<unsigned int>(std::clamp<std::int64_t>(received, 0, total) * 100 / total);
 }
 
-int OpenDownloadStatusDirectory(UniqueFd& directory) {
+int openDownloadStatusDirectory(UniqueFd& directory) {
   if (mkdir(kDownloadStatusDirectory, 0755) != 0 && errno != EEXIST) {
     return errno;
   }
-  directory = OpenForReading();
+  directory = openForReading();
   return directory ? 0 : errno;
 }
 
-int LockDownload(int statusDirectory, const std::string& name, UniqueFd& lock) {
+int lockDownload(int statusDirectory, const std::string& name, UniqueFd& lock) {
   lock.reset(
-      openat(statusDirectory, LockFile(name).c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644));
+      openat(statusDirectory, lockFile(name).c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644));
   if (!lock) {
     return errno;
   }
   // Of the open file, not of the process: a child that is forked keeps it.
-  struct flock whole = WholeFile();
+  struct flock whole = wholeFile();
   if (fcntl(lock.get(), F_OFD_SETLK, &whole) != 0) {
     return errno == EACCES ? EAGAIN : errno;
   }
   return 0;
 }
 
-int WriteDownloadStatus(int statusDirectory, const std::string& name, const DownloadStatus& status) {
+int writeDownloadStatus(int statusDirectory, const std::string& name, const DownloadStatus& status) {
   Json::StreamWriterBuilder builder;
   builder["indentation"] = "";
-  const std::string text = Json::writeString(builder, ToJson(name, status)) + "\n";
-  return ReplaceSmallFileAt(statusDirectory, StatusFile(name), text, false);
+  const std::string text = Json::writeString(builder, toJson(name, status)) + "\n";
+  return replaceSmallFileAt(statusDirectory, statusFile(name), text, false);
 }
 
-std::optional<DownloadStatus> ReadDownloadStatus(const std::string& name) {
-  const UniqueFd directory = OpenForReading();
+std::optional<DownloadStatus> readDownloadStatus(const std::string& name) {
+  const UniqueFd directory = openForReading();
   std::string text;
-  if (!directory || ReadSmallFileAt(directory.get(), StatusFile(name), kLargestStatus, text) != 0) {
+  if (!directory || readSmallFileAt(directory.get(), statusFile(name), kLargestStatus, text) != 0) {
     return std::nullopt;
   }
   const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
@@ -141,17 +141,17 @@ std::optional<DownloadStatus> ReadDownloadStatus(const std::string& name) {
     if (!reader->parse(text.data(), text.data() + text.size(), &document, nullptr) || !document.isObject()) {
       return std::nullopt;
     }
-    return FromJson(document);
+    return fromJson(document);
   } catch (const Json::Exception&) {  // nested too deeply, or a member of another type
     return std::nullopt;
   }
 }
 
-bool IsDownloadRunning(const std::string& name) {
-  const UniqueFd directory = OpenForReading();
+bool isDownloadRunning(const std::string& name) {
+  const UniqueFd directory = openForReading();
   const UniqueFd lock(
-      directory ? openat(directory.get(), LockFile(name).c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC) : -1);
-  struct flock whole = WholeFile();
+      directory ? openat(directory.get(), lockFile(name).c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC) : -1);
+  struct flock whole = wholeFile();
   return lock && fcntl(lock.get(), F_OFD_GETLK, &whole) == 0 && whole.l_type != F_UNLCK;
 }
 

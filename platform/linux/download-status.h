@@ -15,36 +15,36 @@ namespace fwplatform {
 inline constexpr char kDownloadStatusDirectory[] = "/run/fw-download";
 inline constexpr std::int64_t kUnknownSize = -1;
 
-enum class DownloadState { kRunning, kDone, kFailed };
+enum class DownloadState { Running, Done, Failed };
 
 struct DownloadStatus {
-  DownloadState state = DownloadState::kRunning;
+  DownloadState state = DownloadState::Running;
   std::int64_t received = 0;          // bytes of the image that are there
   std::int64_t total = kUnknownSize;  // bytes of the whole image
   std::string reason;                 // of a failure: one word for programs
   std::string message;                // of a failure: one sentence for people
   std::string remedy;                 // of a failure: what to do about it; may be empty
 
-  std::optional<unsigned int> Percent() const;
+  std::optional<unsigned int> percent() const;
 };
 
 // The writer's side.
 
 // Gives the status directory, made when it is missing. 0 or an errno value.
-int OpenDownloadStatusDirectory(UniqueFd& directory);
+int openDownloadStatusDirectory(UniqueFd& directory);
 // Held as long as the descriptor is open, in this process or in one forked from it.
 // EAGAIN when another process holds it; otherwise 0 or an errno value.
-int LockDownload(int statusDirectory, const std::string& name, UniqueFd& lock);
+int lockDownload(int statusDirectory, const std::string& name, UniqueFd& lock);
 // Replaces the status at once. 0 or an errno value.
-int WriteDownloadStatus(int statusDirectory, const std::string& name, const DownloadStatus& status);
+int writeDownloadStatus(int statusDirectory, const std::string& name, const DownloadStatus& status);
 
 // The reader's side.
 
 // Empty when there is none, or none that can be read.
-std::optional<DownloadStatus> ReadDownloadStatus(const std::string& name);
+std::optional<DownloadStatus> readDownloadStatus(const std::string& name);
 // Whether a process is downloading the package. Ask first and read the status then:
 // a status that still says "running" afterwards belongs to a process that was killed.
-bool IsDownloadRunning(const std::string& name);
+bool isDownloadRunning(const std::string& name);
 
 }  // namespace fwplatform
 

@@ -7,7 +7,7 @@
 
 namespace fwplatform {
 
-inline std::string ErrnoText(int error) {
+inline std::string errnoText(int error) {
   return std::generic_category().message(error);
 }
 

@@ -26,7 +26,7 @@ constexpr char kEvents[] = "/run/fw-lwipc";
 
 // The file's name: "/" and "%" as %XX, so that different events stay different.
 // Every event begins with "/", so that "." and ".." cannot come about.
-int FileName(const char* event, std::string& name) {
+int fileName(const char* event, std::string& name) {
   if (event == nullptr || *event != '/') {
     return -EINVAL;
   }
@@ -46,11 +46,11 @@ int FileName(const char* event, std::string& name) {
 }
 
 // Only what root or this user made, and what nobody else can change, is trusted.
-bool IsTrusted(const struct stat& status) {
+bool isTrusted(const struct stat& status) {
   return (status.st_uid == 0 || status.st_uid == geteuid()) && (status.st_mode & (S_IWGRP | S_IWOTH)) == 0;
 }
 
-int OpenEvents(UniqueFd& directory) {
+int openEvents(UniqueFd& directory) {
   directory.reset(open(kEvents, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   if (!directory) {
     return -errno;
@@ -59,24 +59,24 @@ int OpenEvents(UniqueFd& directory) {
   if (fstat(directory.get(), &status) != 0) {
     return -errno;
   }
-  return IsTrusted(status) ? 0 : -EPERM;
+  return isTrusted(status) ? 0 : -EPERM;
 }
 
-int MakeEvents(UniqueFd& directory) {
+int makeEvents(UniqueFd& directory) {
   const bool made = mkdir(kEvents, 0755) == 0;
   if (!made && errno != EEXIST) {
     return -errno;
   }
-  const int status = OpenEvents(directory);
+  const int status = openEvents(directory);
   if (status == 0 && made) {
     fchmod(directory.get(), 0755);  // whatever the umask: everybody may wait
   }
   return status;
 }
 
-int Mark(const std::string& name) {
+int mark(const std::string& name) {
   UniqueFd directory;
-  if (const int status = MakeEvents(directory); status != 0) {
+  if (const int status = makeEvents(directory); status != 0) {
     return status;
   }
   const UniqueFd file(openat(directory.get(), name.c_str(),
@@ -92,9 +92,9 @@ int Mark(const std::string& name) {
 }
 
 // 0 done, -ENOENT not yet, or another reason.
-int Ask(const std::string& name) {
+int ask(const std::string& name) {
   UniqueFd directory;
-  if (const int status = OpenEvents(directory); status != 0) {
+  if (const int status = openEvents(directory); status != 0) {
     return status;
   }
   struct stat status = {};
@@ -110,7 +110,7 @@ class Deadline {
       : endless_(milliseconds < 0), end_(Clock::now() + std::chrono::milliseconds(milliseconds)) {}
 
   // As poll wants it; rounded up, so that the time is really over at 0.
-  int LeftMs() const {
+  int leftMs() const {
     if (endless_) {
       return -1;
     }
@@ -123,35 +123,35 @@ class Deadline {
   const Clock::time_point end_;
 };
 
-int Watch(const UniqueFd& watch, const char* directory) {
+int addWatch(const UniqueFd& watch, const char* directory) {
   constexpr unsigned int kChanges =
       IN_CREATE | IN_MOVED_TO | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR | IN_DONT_FOLLOW;
   return inotify_add_watch(watch.get(), directory, kChanges) < 0 ? -errno : 0;
 }
 
 // The watch comes before the question, so that no event falls between the two.
-int WatchAndAsk(UniqueFd& watch, const std::string& name) {
+int watchAndAsk(UniqueFd& watch, const std::string& name) {
   watch.reset(inotify_init1(IN_CLOEXEC));
   if (!watch) {
     return -errno;
   }
-  int status = Watch(watch, kEvents);
+  int status = addWatch(watch, kEvents);
   if (status == -ENOENT) {
     // Nothing was ever signalled: the directory itself is what to wait for.
-    status = Watch(watch, kParent);
+    status = addWatch(watch, kParent);
   }
-  return status != 0 ? status : Ask(name);
+  return status != 0 ? status : ask(name);
 }
 
-int WaitFor(const std::string& name, const Deadline& deadline) {
+int waitFor(const std::string& name, const Deadline& deadline) {
   UniqueFd watch;
   for (;;) {
-    const int status = WatchAndAsk(watch, name);
+    const int status = watchAndAsk(watch, name);
     if (status != -ENOENT) {
       return status;
     }
     pollfd change = {watch.get(), POLLIN, 0};
-    const int left = deadline.LeftMs();
+    const int left = deadline.leftMs();
     const int ready = poll(&change, 1, left);
     if (ready == 0) {
       return -ETIMEDOUT;
@@ -167,8 +167,8 @@ int WaitFor(const std::string& name, const Deadline& deadline) {
 int LwipcEventDone(const char* event) {
   try {
     std::string name;
-    const int status = FileName(event, name);
-    return status != 0 ? status : Mark(name);
+    const int status = fileName(event, name);
+    return status != 0 ? status : mark(name);
   } catch (const std::exception&) {
     return -ENOMEM;
   }
@@ -178,8 +178,8 @@ int LwipcEventWait(const char* event, int timeout_ms) {
   try {
     const Deadline deadline(timeout_ms);
     std::string name;
-    const int status = FileName(event, name);
-    return status != 0 ? status : WaitFor(name, deadline);
+    const int status = fileName(event, name);
+    return status != 0 ? status : waitFor(name, deadline);
   } catch (const std::exception&) {
     return -ENOMEM;
   }

@@ -14,12 +14,12 @@ namespace {
 constexpr std::string_view kBlanks = " \t\r";
 constexpr const char* kOsReleaseFiles[] = {"/etc/os-release", "/usr/lib/os-release"};
 
-std::string_view WithoutLeadingBlanks(std::string_view text) {
+std::string_view withoutLeadingBlanks(std::string_view text) {
   const std::size_t first = text.find_first_not_of(kBlanks);
   return first == std::string_view::npos ? std::string_view() : text.substr(first);
 }
 
-bool IsName(std::string_view name) {
+bool isName(std::string_view name) {
   constexpr std::string_view kNameCharacters =
       "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_";
   return !name.empty() && name.find_first_not_of(kNameCharacters) == std::string_view::npos;
@@ -31,9 +31,9 @@ class ShellWord {
  public:
   explicit ShellWord(std::string_view text) : rest_(text) {}
 
-  std::optional<std::string> Read() {
+  std::optional<std::string> read() {
     while (!rest_.empty() && kBlanks.find(rest_.front()) == std::string_view::npos) {
-      if (!TakePiece()) {
+      if (!takePiece()) {
         return std::nullopt;
       }
     }
@@ -41,19 +41,19 @@ class ShellWord {
   }
 
  private:
-  bool TakePiece() {
+  bool takePiece() {
     const char first = rest_.front();
     if (first == '\'' || first == '"') {
       rest_.remove_prefix(1);
-      return first == '\'' ? TakeSingleQuoted() : TakeDoubleQuoted();
+      return first == '\'' ? takeSingleQuoted() : takeDoubleQuoted();
     }
     if (first == '\\') {
       rest_.remove_prefix(1);
     }
-    return TakeCharacter();
+    return takeCharacter();
   }
 
-  bool TakeCharacter() {
+  bool takeCharacter() {
     if (rest_.empty()) {
       return false;
     }
@@ -62,7 +62,7 @@ class ShellWord {
     return true;
   }
 
-  bool TakeSingleQuoted() {
+  bool takeSingleQuoted() {
     const std::size_t end = rest_.find('\'');
     if (end == std::string_view::npos) {
       return false;
@@ -72,7 +72,7 @@ class ShellWord {
     return true;
   }
 
-  bool TakeDoubleQuoted() {
+  bool takeDoubleQuoted() {
     constexpr std::string_view kEscapable = "$\"\\`";
     while (!rest_.empty() && rest_.front() != '"') {
       const bool escape =
@@ -80,7 +80,7 @@ class ShellWord {
       if (escape) {
         rest_.remove_prefix(1);
       }
-      TakeCharacter();
+      takeCharacter();
     }
     if (rest_.empty()) {
       return false;
@@ -93,18 +93,18 @@ class ShellWord {
   std::string word_;
 };
 
-void ParseLine(std::string_view line, OsRelease& release) {
-  line = WithoutLeadingBlanks(line);
+void parseLine(std::string_view line, OsRelease& release) {
+  line = withoutLeadingBlanks(line);
   const std::size_t equals = line.find('=');
-  if (equals == std::string_view::npos || !IsName(line.substr(0, equals))) {
+  if (equals == std::string_view::npos || !isName(line.substr(0, equals))) {
     return;
   }
-  if (std::optional<std::string> value = ShellWord(line.substr(equals + 1)).Read()) {
+  if (std::optional<std::string> value = ShellWord(line.substr(equals + 1)).read()) {
     release.insert_or_assign(std::string(line.substr(0, equals)), std::move(*value));
   }
 }
 
-std::string FirstPresent(const OsRelease& release, std::string_view first, std::string_view second) {
+std::string firstPresent(const OsRelease& release, std::string_view first, std::string_view second) {
   for (const std::string_view name : {first, second}) {
     const auto found = release.find(name);
     if (found != release.end() && !found->second.empty()) {
@@ -115,7 +115,7 @@ std::string FirstPresent(const OsRelease& release, std::string_view first, std::
 }
 
 // 0 with the file's content in text, else a negative errno value.
-int ReadTextFile(const char* path, std::string& text) {
+int readTextFile(const char* path, std::string& text) {
   constexpr std::size_t kHighestSize = std::size_t{64} * 1024;
   const UniqueFd file(open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY));
   if (!file) {
@@ -139,10 +139,10 @@ int ReadTextFile(const char* path, std::string& text) {
   }
 }
 
-int ReadOsRelease(std::string& text) {
+int readOsRelease(std::string& text) {
   int status = -ENOENT;
   for (const char* path : kOsReleaseFiles) {
-    status = ReadTextFile(path, text);
+    status = readTextFile(path, text);
     if (status == 0) {
       return 0;
     }
@@ -152,24 +152,24 @@ int ReadOsRelease(std::string& text) {
 
 }  // namespace
 
-OsRelease ParseOsRelease(std::string_view text) {
+OsRelease parseOsRelease(std::string_view text) {
   OsRelease release;
   while (!text.empty()) {
     const std::size_t end = text.find('\n');
-    ParseLine(text.substr(0, end), release);
+    parseLine(text.substr(0, end), release);
     text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
   }
   return release;
 }
 
-std::string SoftwareVersionText(const OsRelease& release) {
-  std::string model = FirstPresent(release, "IMAGE_ID", "ID");
+std::string softwareVersionText(const OsRelease& release) {
+  std::string model = firstPresent(release, "IMAGE_ID", "ID");
   if (model.empty()) {
     model = "linux";
   }
   std::string rest;
-  for (const std::string& part : {FirstPresent(release, "IMAGE_VERSION", "VERSION_ID"),
-                                  FirstPresent(release, "BUILD_ID", "VERSION_CODENAME")}) {
+  for (const std::string& part : {firstPresent(release, "IMAGE_VERSION", "VERSION_ID"),
+                                  firstPresent(release, "BUILD_ID", "VERSION_CODENAME")}) {
     if (!part.empty()) {
       rest += '-' + part;
     }
@@ -177,17 +177,17 @@ std::string SoftwareVersionText(const OsRelease& release) {
   return model + (rest.empty() ? "-unknown" : rest);
 }
 
-int ReadSoftwareVersion(std::string& text) {
-  const int status = ReadOsRelease(text);
+int readSoftwareVersion(std::string& text) {
+  const int status = readOsRelease(text);
   if (status == 0) {
-    text = SoftwareVersionText(ParseOsRelease(text));
+    text = softwareVersionText(parseOsRelease(text));
   }
   return status;
 }
 
-std::optional<std::string> ReadSetModel() {
+std::optional<std::string> readSetModel() {
   std::string version;
-  if (ReadSoftwareVersion(version) != 0) {
+  if (readSoftwareVersion(version) != 0) {
     return std::nullopt;
   }
   return version.substr(0, version.rfind('-'));

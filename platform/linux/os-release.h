@@ -14,7 +14,7 @@ using OsRelease = std::map<std::string, std::string, std::less<>>;
 // The assignments of an os-release text, with the shell's quoting taken off. The
 // last assignment of a name counts. A line that is no assignment, or whose quotes
 // do not close on it, is left out.
-OsRelease ParseOsRelease(std::string_view text);
+OsRelease parseOsRelease(std::string_view text);
 
 // "MODEL-VERSION-BUILD", always with at least one "-":
 //   MODEL    IMAGE_ID, else ID, else "linux"
@@ -22,15 +22,15 @@ OsRelease ParseOsRelease(std::string_view text);
 //   BUILD    BUILD_ID, else VERSION_CODENAME
 // A part that is missing or empty is left out; with neither VERSION nor BUILD the
 // text is "MODEL-unknown".
-std::string SoftwareVersionText(const OsRelease& release);
+std::string softwareVersionText(const OsRelease& release);
 
 // That of this system, from /etc/os-release or else /usr/lib/os-release. 0, or a
 // negative errno value.
-int ReadSoftwareVersion(std::string& text);
+int readSoftwareVersion(std::string& text);
 
 // Its text before the last "-", which names the kind of set: "MODEL-VERSION" when
 // there is a build. Nothing when the system's description cannot be read.
-std::optional<std::string> ReadSetModel();
+std::optional<std::string> readSetModel();
 
 }  // namespace fwplatform
 

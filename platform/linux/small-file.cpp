@@ -11,7 +11,7 @@
 namespace fwplatform {
 namespace {
 
-int WriteAll(int file, const std::string& content) {
+int writeAll(int file, const std::string& content) {
   for (std::size_t done = 0; done < content.size();) {
     const ssize_t count = write(file, content.data() + done, content.size() - done);
     if (count < 0 && errno != EINTR) {
@@ -22,7 +22,7 @@ int WriteAll(int file, const std::string& content) {
   return 0;
 }
 
-int WriteNewFile(int directory, const std::string& name, const std::string& content, bool sync) {
+int writeNewFile(int directory, const std::string& name, const std::string& content, bool sync) {
   unlinkat(directory, name.c_str(), 0);  // of a process that was killed
   const UniqueFd file(
       openat(directory, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
@@ -32,20 +32,20 @@ int WriteNewFile(int directory, const std::string& name, const std::string& cont
   if (fchmod(file.get(), 0644) != 0) {  // whatever the umask is
     return errno;
   }
-  if (const int error = WriteAll(file.get(), content); error != 0) {
+  if (const int error = writeAll(file.get(), content); error != 0) {
     return error;
   }
   return sync && fsync(file.get()) != 0 ? errno : 0;
 }
 
-int SyncDirectory(int directory) {
+int syncDirectory(int directory) {
   const UniqueFd opened(openat(directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   return opened && fsync(opened.get()) == 0 ? 0 : errno;
 }
 
 }  // namespace
 
-int ReadSmallFileAt(int directory, const std::string& name, std::size_t limit, std::string& content) {
+int readSmallFileAt(int directory, const std::string& name, std::size_t limit, std::string& content) {
   const UniqueFd file(openat(directory, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   struct stat status = {};
   if (!file || fstat(file.get(), &status) != 0) {
@@ -71,9 +71,9 @@ int ReadSmallFileAt(int directory, const std::string& name, std::size_t limit, s
   }
 }
 
-int ReplaceSmallFileAt(int directory, const std::string& name, const std::string& content, bool sync) {
+int replaceSmallFileAt(int directory, const std::string& name, const std::string& content, bool sync) {
   const std::string unfinished = name + ".new";
-  int error = WriteNewFile(directory, unfinished, content, sync);
+  int error = writeNewFile(directory, unfinished, content, sync);
   if (error == 0 && renameat(directory, unfinished.c_str(), directory, name.c_str()) != 0) {
     error = errno;
   }
@@ -81,7 +81,7 @@ int ReplaceSmallFileAt(int directory, const std::string& name, const std::string
     unlinkat(directory, unfinished.c_str(), 0);
     return error;
   }
-  return sync ? SyncDirectory(directory) : 0;
+  return sync ? syncDirectory(directory) : 0;
 }
 
 }  // namespace fwplatform

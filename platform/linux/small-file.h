@@ -11,11 +11,11 @@ namespace fwplatform {
 // Each gives 0 or an errno value.
 
 // EFBIG when the file is larger than limit, EINVAL when it is no regular file.
-int ReadSmallFileAt(int directory, const std::string& name, std::size_t limit, std::string& content);
+int readSmallFileAt(int directory, const std::string& name, std::size_t limit, std::string& content);
 
 // A reader sees the old content or the new one, never a part. sync: also after a
 // power cut.
-int ReplaceSmallFileAt(int directory, const std::string& name, const std::string& content, bool sync);
+int replaceSmallFileAt(int directory, const std::string& name, const std::string& content, bool sync);
 
 }  // namespace fwplatform
 

@@ -9,9 +9,9 @@
 
 namespace {
 
-int GetSoftwareVersion(char** value) {
+int getSoftwareVersion(char** value) {
   std::string text;
-  const int status = fwplatform::ReadSoftwareVersion(text);
+  const int status = fwplatform::readSoftwareVersion(text);
   if (status != 0) {
     return status;
   }
@@ -33,7 +33,7 @@ int system_info_get_value_string(int key, char** value) {
     return -ENOTSUP;
   }
   try {
-    return GetSoftwareVersion(value);
+    return getSoftwareVersion(value);
   } catch (const std::exception&) {
     return -ENOMEM;
   }

@@ -53,22 +53,22 @@ void ContentCheck::Release::operator()(PackageContentCheck* done) const {
 
 ContentCheck::ContentCheck(const std::string& path, int descriptor) {
   if (const EntryPoints* const verifier = entryPoints().load()) {
-    check.reset(verifier->begin(path.c_str(), descriptor));
+    check_.reset(verifier->begin(path.c_str(), descriptor));
   }
 }
 
 void ContentCheck::add(const unsigned char* bytes, std::size_t size) {
-  if (check) {
-    entryPoints().load()->add(check.get(), bytes, size);
+  if (check_) {
+    entryPoints().load()->add(check_.get(), bytes, size);
   }
 }
 
 bool ContentCheck::passes() {
   const EntryPoints* const verifier = entryPoints().load();
-  return verifier == nullptr || (check && verifier->end(check.get()) != 0);
+  return verifier == nullptr || (check_ && verifier->end(check_.get()) != 0);
 }
 
 bool ContentCheck::noteApplied() const {
   const EntryPoints* const verifier = entryPoints().load();
-  return !check || verifier->noteApplied == nullptr || verifier->noteApplied(check.get()) == 0;
+  return !check_ || verifier->noteApplied == nullptr || verifier->noteApplied(check_.get()) == 0;
 }

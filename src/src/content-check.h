@@ -31,7 +31,7 @@ class ContentCheck {
   struct Release {
     void operator()(PackageContentCheck* done) const;
   };
-  std::unique_ptr<PackageContentCheck, Release> check;
+  std::unique_ptr<PackageContentCheck, Release> check_;
 };
 
 #endif

@@ -8,10 +8,10 @@
 namespace diagnostics {
 namespace {
 
-constexpr unsigned char RecordKind = 1;
-constexpr std::uint8_t ArgumentFlag = 1;
-constexpr std::uint16_t VariableSize = 0x3FFF;
-constexpr unsigned char NullText[] = {0xFF, 0x7F};
+constexpr unsigned char kRecordKind = 1;
+constexpr std::uint8_t kArgumentFlag = 1;
+constexpr std::uint16_t kVariableSize = 0x3FFF;
+constexpr unsigned char kNullText[] = {0xFF, 0x7F};
 
 struct FreeText {
   void operator()(char* text) const { std::free(text); }
@@ -36,15 +36,15 @@ std::size_t reservedSize(const TraceArgument& argument) {
     return sizeof(argument.number);
   }
   if (argument.text == nullptr) {
-    return sizeof(NullText);
+    return sizeof(kNullText);
   }
   return argument.length + varintSize(argument.length);
 }
 
 unsigned char* storeText(unsigned char* out, const TraceArgument& argument) {
   if (argument.text == nullptr) {
-    std::memcpy(out, NullText, sizeof(NullText));
-    return out + sizeof(NullText);
+    std::memcpy(out, kNullText, sizeof(kNullText));
+    return out + sizeof(kNullText);
   }
   // The length prefix is one or two bytes, whatever the length: a text of 16383
   // bytes or more is not representable, which is accepted. It still fills no more
@@ -79,8 +79,8 @@ std::uint32_t registerSite(CallSite& site, const TraceArgument* arguments, std::
                                       site.functionName, site.format(), {}};
   location.arguments.reserve(count);
   for (std::size_t i = 0; i < count; ++i) {
-    const std::uint16_t size = arguments[i].isText ? VariableSize : sizeof(arguments[i].number);
-    location.arguments.push_back({readableTypeName(*arguments[i].type), ArgumentFlag, size});
+    const std::uint16_t size = arguments[i].isText ? kVariableSize : sizeof(arguments[i].number);
+    location.arguments.push_back({readableTypeName(*arguments[i].type), kArgumentFlag, size});
   }
   manager.GetStorage().SaveLocation(location);
   site.locationId.store(location.id, std::memory_order_relaxed);
@@ -101,7 +101,7 @@ void writeTraceRecord(CallSite& site, const TraceArgument* arguments, std::size_
   for (std::size_t i = 0; i < count; ++i) {
     size += reservedSize(arguments[i]);
   }
-  unsigned char* out = storage.PrepareCallBuffer(thread, static_cast<unsigned int>(size), RecordKind, id);
+  unsigned char* out = storage.PrepareCallBuffer(thread, static_cast<unsigned int>(size), kRecordKind, id);
   if (out == nullptr) {
     return;
   }

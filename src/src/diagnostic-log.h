@@ -19,12 +19,12 @@
 
 namespace diagnostics {
 
-constexpr int LogId = 2;
-constexpr const char* Tag = "FWUPDATE";
+constexpr int kLogId = 2;
+constexpr const char* kTag = "FWUPDATE";
 
-constexpr int Debug = DLOG_DEBUG_PRIORITY;
-constexpr int Info = DLOG_INFO_PRIORITY;
-constexpr int Error = DLOG_ERROR_PRIORITY;
+constexpr int kDebug = DLOG_DEBUG_PRIORITY;
+constexpr int kInfo = DLOG_INFO_PRIORITY;
+constexpr int kError = DLOG_ERROR_PRIORITY;
 
 #define FW_LOG_PREFIX "%s: %s(%d) > "
 
@@ -86,9 +86,9 @@ void writeTraceRecord(CallSite& site, const TraceArgument* arguments, std::size_
 
 template <typename... Arguments>
 void write(CallSite& site, int priority, const char* /*format*/, Arguments... arguments) {
-  __dlog_print(LogId, priority, Tag, site.prefixedFormat, site.fileName, site.functionName, site.line,
+  __dlog_print(kLogId, priority, kTag, site.prefixedFormat, site.fileName, site.functionName, site.line,
                arguments...);
-  if (priority != Error || TraceStorage::enabled == 0) {
+  if (priority != kError || TraceStorage::enabled == 0) {
     return;
   }
   const std::array<TraceArgument, sizeof...(Arguments)> traced{traceArgument(arguments)...};

@@ -17,24 +17,24 @@ using Stream = std::unique_ptr<FILE, CloseStream>;
 // Move-only owner of a file descriptor.
 class FileDescriptor {
  public:
-  explicit FileDescriptor(int descriptor) : value(descriptor) {}
-  FileDescriptor(FileDescriptor&& other) noexcept : value(std::exchange(other.value, -1)) {}
+  explicit FileDescriptor(int descriptor) : value_(descriptor) {}
+  FileDescriptor(FileDescriptor&& other) noexcept : value_(std::exchange(other.value_, -1)) {}
   FileDescriptor& operator=(FileDescriptor&& other) noexcept {
-    std::swap(value, other.value);
+    std::swap(value_, other.value_);
     return *this;
   }
   ~FileDescriptor() {
-    if (value >= 0) {
-      ::close(value);
+    if (value_ >= 0) {
+      ::close(value_);
     }
   }
 
-  bool isOpen() const { return value >= 0; }
-  int get() const { return value; }
-  int release() { return std::exchange(value, -1); }
+  bool isOpen() const { return value_ >= 0; }
+  int get() const { return value_; }
+  int release() { return std::exchange(value_, -1); }
 
  private:
-  int value;
+  int value_;
 };
 
 #endif

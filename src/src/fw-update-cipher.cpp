@@ -12,8 +12,8 @@ unsigned char* cipher_buf_all = nullptr;
 
 namespace {
 
-constexpr std::size_t ReadSize = 10240;
-constexpr int TrailerSize = 534;
+constexpr std::size_t kReadSize = 10240;
+constexpr int kTrailerSize = 534;
 
 struct FreeBytes {
   void operator()(unsigned char* bytes) const { std::free(bytes); }
@@ -44,10 +44,10 @@ int bytesToFeed(std::int64_t n, std::int64_t total, std::int64_t limit) {
 // each small page takes longer than reading and decrypting what goes there. A system
 // that has none to give leaves the memory as it is.
 void askForLargePages(unsigned char* bytes, std::size_t size) {
-  constexpr std::uintptr_t LargePage = std::uintptr_t{2} * 1024 * 1024;
+  constexpr std::uintptr_t kLargePage = std::uintptr_t{2} * 1024 * 1024;
   const auto address = reinterpret_cast<std::uintptr_t>(bytes);
-  const std::uintptr_t begin = (address + LargePage - 1) / LargePage * LargePage;
-  const std::uintptr_t end = (address + size) / LargePage * LargePage;
+  const std::uintptr_t begin = (address + kLargePage - 1) / kLargePage * kLargePage;
+  const std::uintptr_t end = (address + size) / kLargePage * kLargePage;
   if (begin < end) {
     madvise(bytes + (begin - address), end - begin, MADV_HUGEPAGE);
   }
@@ -58,10 +58,10 @@ void askForLargePages(unsigned char* bytes, std::size_t size) {
 unsigned char* aes_256_cbc_all(FILE* fp, const unsigned char* key, const unsigned char* iv, int enc,
                                int count, int& outLen) {
   outLen = 0;
-  if (count < TrailerSize) {
+  if (count < kTrailerSize) {
     return nullptr;
   }
-  const std::unique_ptr<unsigned char, FreeBytes> input(static_cast<unsigned char*>(std::malloc(ReadSize)));
+  const std::unique_ptr<unsigned char, FreeBytes> input(static_cast<unsigned char*>(std::malloc(kReadSize)));
   if (!input) {
     return remember(nullptr);
   }
@@ -79,12 +79,12 @@ unsigned char* aes_256_cbc_all(FILE* fp, const unsigned char* key, const unsigne
   }
   askForLargePages(output, static_cast<std::size_t>(count));
 
-  const std::int64_t limit = count - TrailerSize;
+  const std::int64_t limit = count - kTrailerSize;
   std::int64_t total = 0;
   int written = 0;
-  std::size_t n = ReadSize;
-  while (n == ReadSize) {
-    n = std::fread(input.get(), 1, ReadSize, fp);
+  std::size_t n = kReadSize;
+  while (n == kReadSize) {
+    n = std::fread(input.get(), 1, kReadSize, fp);
     total += static_cast<std::int64_t>(n);
     int produced = 0;
     EVP_CipherUpdate(context.get(), output + written, &produced, input.get(),

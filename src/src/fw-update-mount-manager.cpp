@@ -16,11 +16,11 @@
 
 namespace {
 
-constexpr const char* MountOptions = "ro,loop,nodev,nosuid";
-constexpr int LoopNodeLimit = 250;  // one above the highest node that is ever created
-constexpr std::size_t ArgumentCapacity = 1024;
+constexpr const char* kMountOptions = "ro,loop,nodev,nosuid";
+constexpr int kLoopNodeLimit = 250;  // one above the highest node that is ever created
+constexpr std::size_t kArgumentCapacity = 1024;
 
-using ArgumentText = std::array<char, ArgumentCapacity>;
+using ArgumentText = std::array<char, kArgumentCapacity>;
 
 bool startsWith(const std::string& text, const char* prefix) {
   return text.rfind(prefix, 0) == 0;
@@ -71,11 +71,11 @@ FWMountManager::~FWMountManager() = default;  // not trivial: its end at process
 
 int FWMountManager::Mount(const std::string& src, const std::string& dest) {
   if (src.empty() || dest.empty()) {
-    FW_LOG(diagnostics::Error, "Source file or dest dir is empty.");
+    FW_LOG(diagnostics::kError, "Source file or dest dir is empty.");
     return -1;
   }
   if (!IsFile(src.c_str())) {
-    FW_LOG(diagnostics::Error, "srcFile[%s] is not exist.", src.c_str());
+    FW_LOG(diagnostics::kError, "srcFile[%s] is not exist.", src.c_str());
     return -1;
   }
   if (access(dest.c_str(), F_OK) != 0) {
@@ -84,35 +84,35 @@ int FWMountManager::Mount(const std::string& src, const std::string& dest) {
       const int error = errno;
       char buffer[256] = {};
       const char* const text = strerror_r(error, buffer, sizeof(buffer));
-      FW_LOG(diagnostics::Error, "Dest Path [%s] failed to create! return:[%d], errno:[%d, %s, %s]",
+      FW_LOG(diagnostics::kError, "Dest Path [%s] failed to create! return:[%d], errno:[%d, %s, %s]",
              dest.c_str(), result, error, text, buffer);
       return -1;
     }
   }
-  return loop_mount(src.c_str(), dest.c_str(), MountOptions) ? 0 : -1;
+  return loop_mount(src.c_str(), dest.c_str(), kMountOptions) ? 0 : -1;
 }
 
 int FWMountManager::UMount(const std::string& dir) {
   try {
     if (dir.empty()) {
-      FW_LOG(diagnostics::Error, "Input umount dir is empty.");
+      FW_LOG(diagnostics::kError, "Input umount dir is empty.");
       return -1;
     }
     if (!IsDir(dir.c_str())) {
-      FW_LOG(diagnostics::Error, "Umount dir[%s] is invalid.", dir.c_str());
+      FW_LOG(diagnostics::kError, "Umount dir[%s] is invalid.", dir.c_str());
       return -1;
     }
     // The length goes along here, not a buffer's capacity; deliberate.
     int result = 0;
     const int status = PS_Umount(dir.c_str(), static_cast<int>(dir.size()), 0, &result);
     if (status == 0 && result == 0) {
-      FW_LOG(diagnostics::Info, "Umount dir[%s] successfully.", dir.c_str());
+      FW_LOG(diagnostics::kInfo, "Umount dir[%s] successfully.", dir.c_str());
       return 0;
     }
-    FW_LOG(diagnostics::Error, "Error(iRet1=%d, iRet2=%d) while unmounitng [%s]", status, result,
+    FW_LOG(diagnostics::kError, "Error(iRet1=%d, iRet2=%d) while unmounitng [%s]", status, result,
            dir.c_str());
   } catch (const std::exception& error) {
-    FW_LOG(diagnostics::Error, "Failed to umount[%s], error[%s].", dir.c_str(), error.what());
+    FW_LOG(diagnostics::kError, "Failed to umount[%s], error[%s].", dir.c_str(), error.what());
   }
   return -1;
 }
@@ -120,36 +120,36 @@ int FWMountManager::UMount(const std::string& dir) {
 bool loop_mount(const char* src, const char* dest, const char* options) {
   ArgumentText arguments{};
   if (!formatMountArguments(arguments, options, src, dest)) {
-    FW_LOG(diagnostics::Info, "Fail PS_Mount: file:[%s], dest:[%s], retVal:[%d], result:[%d]", src, dest, -1,
+    FW_LOG(diagnostics::kInfo, "Fail PS_Mount: file:[%s], dest:[%s], retVal:[%d], result:[%d]", src, dest, -1,
            0);
     return false;
   }
-  FW_LOG(diagnostics::Info, "PsMntCmd:[%s]", arguments.data());
+  FW_LOG(diagnostics::kInfo, "PsMntCmd:[%s]", arguments.data());
   RequestResult mount = requestMount(arguments);
   if (mount.succeeded()) {
     return true;
   }
-  FW_LOG(diagnostics::Info, "Fail PS_Mount: file:[%s], dest:[%s], retVal:[%d], result:[%d]", src, dest,
+  FW_LOG(diagnostics::kInfo, "Fail PS_Mount: file:[%s], dest:[%s], retVal:[%d], result:[%d]", src, dest,
          mount.status, mount.result);
 
   const int present = countPresentLoopDevices();
   const int mounted = countMountedLoopDevices();
-  FW_LOG(diagnostics::Info, "loop count is %d, mount count is %d", present, mounted);
+  FW_LOG(diagnostics::kInfo, "loop count is %d, mount count is %d", present, mounted);
   // A free node means that the failure has another cause, which no node mends.
   if (present != mounted) {
     return false;
   }
-  for (int number = mounted; number < LoopNodeLimit; ++number) {
+  for (int number = mounted; number < kLoopNodeLimit; ++number) {
     const RequestResult node = requestNode(number);
     if (!node.succeeded()) {
-      FW_LOG(diagnostics::Error, "PS_Mknod error, retVal: [%d], result: [%d]", node.status, node.result);
+      FW_LOG(diagnostics::kError, "PS_Mknod error, retVal: [%d], result: [%d]", node.status, node.result);
       continue;
     }
     mount = requestMount(arguments);
     if (mount.succeeded()) {
       return true;
     }
-    FW_LOG(diagnostics::Error, "Fail PS_Mount: file:[%s], dest:[%s], retVal:[%d], result:[%d]", src, dest,
+    FW_LOG(diagnostics::kError, "Fail PS_Mount: file:[%s], dest:[%s], retVal:[%d], result:[%d]", src, dest,
            mount.status, mount.result);
   }
   return false;

@@ -33,13 +33,13 @@
 
 namespace {
 
-constexpr const char* PendingList = "/tmp/fwupdate-off-list.txt";
-constexpr const char* ResumeEvent = "/tmp/.ignore_resume";
+constexpr const char* kPendingList = "/tmp/fwupdate-off-list.txt";
+constexpr const char* kResumeEvent = "/tmp/.ignore_resume";
 
-constexpr unsigned int WaitMarginSeconds = 2;
-constexpr int PowerState = 2;
-constexpr unsigned int PowerMarginMs = 5000;
-constexpr int TimedOut = 1;
+constexpr unsigned int kWaitMarginSeconds = 2;
+constexpr int kPowerState = 2;
+constexpr unsigned int kPowerMarginMs = 5000;
+constexpr int kTimedOut = 1;
 
 // ---- Workers that outlive their request ---------------------------------------
 
@@ -105,8 +105,8 @@ struct UpdateRun {
 // The update lock, held; given back once, at the latest at the end of the scope.
 class HeldSemaphore {
  public:
-  explicit HeldSemaphore(sem_t* opened) : semaphore(opened) {
-    while (sem_wait(semaphore) != 0 && errno == EINTR) {
+  explicit HeldSemaphore(sem_t* opened) : semaphore_(opened) {
+    while (sem_wait(semaphore_) != 0 && errno == EINTR) {
     }
   }
   ~HeldSemaphore() { post(); }
@@ -114,14 +114,14 @@ class HeldSemaphore {
   HeldSemaphore& operator=(const HeldSemaphore&) = delete;
 
   void post() {
-    if (semaphore != nullptr) {
-      sem_post(semaphore);
-      semaphore = nullptr;
+    if (semaphore_ != nullptr) {
+      sem_post(semaphore_);
+      semaphore_ = nullptr;
     }
   }
 
  private:
-  sem_t* semaphore;
+  sem_t* semaphore_;
 };
 
 // One wait for a steady-clock deadline, carried out against the system clock: when
@@ -144,11 +144,11 @@ bool check_race_condition(const char* path) {
     if (errno == ENOENT) {
       return true;
     }
-    FW_LOG(diagnostics::Error, "lstat error\n");
+    FW_LOG(diagnostics::kError, "lstat error\n");
     return false;
   }
   if (S_ISLNK(status.st_mode)) {
-    FW_LOG(diagnostics::Error, "symbolic link is detected\n");
+    FW_LOG(diagnostics::kError, "symbolic link is detected\n");
     return false;
   }
   return true;
@@ -158,7 +158,7 @@ bool check_race_condition(const char* path) {
 // not wait for the reader of a FIFO.
 Stream openPendingList() {
   FileDescriptor file(
-      open(PendingList, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0644));
+      open(kPendingList, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0644));
   if (!file.isOpen()) {
     return nullptr;
   }
@@ -174,51 +174,51 @@ Stream openPendingList() {
 class WithoutPipeSignal {
  public:
   WithoutPipeSignal() {
-    sigemptyset(&pipeSignal);
-    sigaddset(&pipeSignal, SIGPIPE);
+    sigemptyset(&pipeSignal_);
+    sigaddset(&pipeSignal_, SIGPIPE);
     sigset_t pending;
     sigemptyset(&pending);
     sigpending(&pending);
-    wasPending = sigismember(&pending, SIGPIPE) == 1;
-    pthread_sigmask(SIG_BLOCK, &pipeSignal, &previous);
+    wasPending_ = sigismember(&pending, SIGPIPE) == 1;
+    pthread_sigmask(SIG_BLOCK, &pipeSignal_, &previous_);
   }
   ~WithoutPipeSignal() {
     const timespec noTime{};
-    if (!wasPending) {
-      sigtimedwait(&pipeSignal, nullptr, &noTime);
+    if (!wasPending_) {
+      sigtimedwait(&pipeSignal_, nullptr, &noTime);
     }
-    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+    pthread_sigmask(SIG_SETMASK, &previous_, nullptr);
   }
   WithoutPipeSignal(const WithoutPipeSignal&) = delete;
   WithoutPipeSignal& operator=(const WithoutPipeSignal&) = delete;
 
  private:
-  sigset_t pipeSignal{};
-  sigset_t previous{};
-  bool wasPending;
+  sigset_t pipeSignal_{};
+  sigset_t previous_{};
+  bool wasPending_;
 };
 
 // The list while it is written. What cannot be opened or written is lost silently, on
 // purpose.
 class PendingListFile {
  public:
-  PendingListFile() : stream(openPendingList()) {}
+  PendingListFile() : stream_(openPendingList()) {}
   ~PendingListFile() {
     const WithoutPipeSignal guard;  // closing writes what is buffered
-    stream.reset();
+    stream_.reset();
   }
   PendingListFile(const PendingListFile&) = delete;
   PendingListFile& operator=(const PendingListFile&) = delete;
 
   void add(const std::string& libName, const std::string& empName) {
-    if (stream) {
+    if (stream_) {
       const WithoutPipeSignal guard;
-      std::fprintf(stream.get(), "%s %s\n", libName.c_str(), empName.c_str());
+      std::fprintf(stream_.get(), "%s %s\n", libName.c_str(), empName.c_str());
     }
   }
 
  private:
-  Stream stream;
+  Stream stream_;
 };
 
 }  // namespace
@@ -246,14 +246,14 @@ std::string_view fileName(std::string_view path) {
 // read, perhaps only from some entry on.
 bool scanControlsDirectory(bool skipExtModules, std::vector<std::string>& names) {
   try {
-    const boost::filesystem::directory_iterator entries(ControlsDirectory);
+    const boost::filesystem::directory_iterator entries(kControlsDirectory);
     for (const boost::filesystem::directory_entry& entry : entries) {
       // Not stem() and extension(), which copy the path and take it apart anew.
       const std::string_view file = fileName(entry.path().native());
       const std::size_t dot = std::min(file.rfind('.'), file.size());
       const std::string stem(file.substr(0, dot));
       if (skipExtModules && isExtensionModule(stem)) {
-        FW_LOG_AS("onCreate", diagnostics::Error, "En/Decryption Service EXT skip [%s]", stem.c_str());
+        FW_LOG_AS("onCreate", diagnostics::kError, "En/Decryption Service EXT skip [%s]", stem.c_str());
         continue;
       }
       if (file.substr(dot) == ".so") {
@@ -261,7 +261,7 @@ bool scanControlsDirectory(bool skipExtModules, std::vector<std::string>& names)
       }
     }
   } catch (const boost::filesystem::filesystem_error& error) {
-    FW_LOG_AS("onCreate", diagnostics::Error, "File System Exception: %s ", error.what());
+    FW_LOG_AS("onCreate", diagnostics::kError, "File System Exception: %s ", error.what());
     return false;
   }
   return true;
@@ -288,7 +288,7 @@ bool FWUpdateSymbolManager::onCreate(bool skipExtModules) {
     module.loadSymbol(module.getLibName());
   }
   if (getSWVersionString() != 0) {
-    FW_LOG(diagnostics::Error, "Error: getSwVersion fail");
+    FW_LOG(diagnostics::kError, "Error: getSwVersion fail");
   }
   return true;
 }
@@ -311,27 +311,27 @@ int FWUpdateSymbolManager::getSWVersionString() {
   };
   char* value = nullptr;
   if (system_info_get_value_string(SYSTEM_INFO_SOFTWARE_VERSION, &value) != 0 || value == nullptr) {
-    FW_LOG(diagnostics::Error, "Unable to read SW version from system-info");
+    FW_LOG(diagnostics::kError, "Unable to read SW version from system-info");
     return -1;
   }
   const std::unique_ptr<char, FreeText> owner(value);
   const std::string version = value;
   const std::size_t dash = version.rfind('-');
   if (dash == std::string::npos) {
-    FW_LOG(diagnostics::Error, "getSWVersionString: Wrong string format - lack of dash: %s", value);
+    FW_LOG(diagnostics::kError, "getSWVersionString: Wrong string format - lack of dash: %s", value);
     return -1;
   }
   swModel = version.substr(0, dash);
-  FW_LOG(diagnostics::Info, "SWModel : %s", swModel.c_str());
+  FW_LOG(diagnostics::kInfo, "SWModel : %s", swModel.c_str());
   return 0;
 }
 
 namespace {
 
 FWUpdateItem itemOf(FWUpdateSymbol& module) {
-  char name[TextSize] = {};
-  char version[TextSize] = {};
-  char fwName[TextSize] = {};
+  char name[kTextSize] = {};
+  char version[kTextSize] = {};
+  char fwName[kTextSize] = {};
   module.getActiveVersion(version);
   copyFixed(name, module.getLibName());
   copyFixed(fwName, module.getFirmwareName());
@@ -399,8 +399,8 @@ int FWUpdateSymbolManager::doUpdateFirmware(const std::string& name, CallerTypes
     } catch (const std::system_error&) {
       throw;  // a runtime_error too, but no time-out
     } catch (const std::runtime_error& error) {
-      FW_LOG(diagnostics::Error, "Error : %s", error.what());
-      result = TimedOut;
+      FW_LOG(diagnostics::kError, "Error : %s", error.what());
+      result = kTimedOut;
     }
   }
   return result;
@@ -409,7 +409,7 @@ int FWUpdateSymbolManager::doUpdateFirmware(const std::string& name, CallerTypes
 int FWUpdateSymbolManager::update_timeout_wrapper(FWUpdateSymbol& module, unsigned int timeout,
                                                   CallerTypes caller, char* data) {
   // The value is in seconds; the label "ms" is kept on purpose.
-  FW_LOG(diagnostics::Error, "%s update time %d ms", module.getFirmwareName().c_str(), timeout);
+  FW_LOG(diagnostics::kError, "%s update time %d ms", module.getFirmwareName().c_str(), timeout);
   sem_t* const opened = FWUpdateCommon::getInstance()->create_semaphore();
   if (opened == nullptr) {
     return -1;
@@ -422,12 +422,12 @@ int FWUpdateSymbolManager::update_timeout_wrapper(FWUpdateSymbol& module, unsign
     try {
       result = update_module(module, run->caller, run->dataText());
     } catch (const std::exception& error) {
-      FW_LOG_AS("update_timeout_wrapper", diagnostics::Error, "Error : %s", error.what());
+      FW_LOG_AS("update_timeout_wrapper", diagnostics::kError, "Error : %s", error.what());
     } catch (...) {
       if (std::current_exception() == nullptr) {
         throw;  // no exception: the module ended its thread; the caller's time runs out
       }
-      FW_LOG_AS("update_timeout_wrapper", diagnostics::Error, "Error : %s", "unknown exception");
+      FW_LOG_AS("update_timeout_wrapper", diagnostics::kError, "Error : %s", "unknown exception");
     }
     // Without the mutex, on purpose: a notification that comes before the caller
     // waits is lost, and the caller then takes the time-out.
@@ -437,7 +437,7 @@ int FWUpdateSymbolManager::update_timeout_wrapper(FWUpdateSymbol& module, unsign
 
   std::unique_lock<std::mutex> lock(run->mutex);
   // 32-bit: 4294967294 and 4294967295 give 0 and 1 second.
-  const std::chrono::seconds limit(timeout + WaitMarginSeconds);
+  const std::chrono::seconds limit(timeout + kWaitMarginSeconds);
   const auto deadline = std::chrono::steady_clock::now() + limit;
   // One wait without a predicate, on purpose: any wake-up counts as the end.
   if (waitOnce(run->finished, lock, deadline) == std::cv_status::no_timeout) {
@@ -446,7 +446,7 @@ int FWUpdateSymbolManager::update_timeout_wrapper(FWUpdateSymbol& module, unsign
   }
   semaphore.post();
   const std::string message = module.getFirmwareName() + " update timeout";
-  FW_LOG(diagnostics::Error, "%s", message.c_str());
+  FW_LOG(diagnostics::kError, "%s", message.c_str());
   throw std::runtime_error(message);
 }
 
@@ -457,8 +457,8 @@ int FWUpdateSymbolManager::update_module(FWUpdateSymbol& module, CallerTypes cal
 // ---- Update-all run -----------------------------------------------------------
 
 int FWUpdateSymbolManager::doUpdateFirmwareAll(CallerTypes /*caller*/) {
-  FW_LOG(diagnostics::Error, "Try doUpdateFirmwareAll");
-  LwipcEventDone(ResumeEvent);
+  FW_LOG(diagnostics::kError, "Try doUpdateFirmwareAll");
+  LwipcEventDone(kResumeEvent);
 
   unsigned int count = 0;
   unsigned int totalMs = 0;
@@ -467,17 +467,17 @@ int FWUpdateSymbolManager::doUpdateFirmwareAll(CallerTypes /*caller*/) {
       totalMs += module.getExpectedUpdateTime() * 1000U;
       ++count;
     }
-    FW_LOG(diagnostics::Error, "%s Firmware Expected Time Check Done", module.getLibName().c_str());
+    FW_LOG(diagnostics::kError, "%s Firmware Expected Time Check Done", module.getLibName().c_str());
   }
   if (count == 0) {
-    FW_LOG(diagnostics::Error, "There is no update item");
+    FW_LOG(diagnostics::kError, "There is no update item");
     return 0;
   }
 
-  FW_LOG(diagnostics::Error, "about total update time is %d ms, Lock the power during about that time.",
+  FW_LOG(diagnostics::kError, "about total update time is %d ms, Lock the power during about that time.",
          static_cast<int>(totalMs));
-  device_power_lock_state(PowerState, static_cast<int>(count * PowerMarginMs + totalMs));
-  FW_LOG(diagnostics::Error, "device_power_lock_state done");
+  device_power_lock_state(kPowerState, static_cast<int>(count * kPowerMarginMs + totalMs));
+  FW_LOG(diagnostics::kError, "device_power_lock_state done");
 
   for (FWUpdateSymbol& module : symbolList) {
     if (!module.getNeedUpdate()) {
@@ -486,26 +486,26 @@ int FWUpdateSymbolManager::doUpdateFirmwareAll(CallerTypes /*caller*/) {
     try {
       update_timeout_wrapper(module, module.getExpectedUpdateTime(), CALLER_QUERY, emptyData());
     } catch (const std::runtime_error& error) {
-      FW_LOG(diagnostics::Error, "Error : %s", error.what());
+      FW_LOG(diagnostics::kError, "Error : %s", error.what());
     }
   }
   for (FWUpdateSymbol& module : symbolList) {
     module.allUpdateDone();
   }
 
-  FW_LOG(diagnostics::Error, "device_power_unlock_state");
-  device_power_unlock_state(PowerState);
-  FW_LOG(diagnostics::Error, "device_power_unlock_state done");
-  std::remove(PendingList);
+  FW_LOG(diagnostics::kError, "device_power_unlock_state");
+  device_power_unlock_state(kPowerState);
+  FW_LOG(diagnostics::kError, "device_power_unlock_state done");
+  std::remove(kPendingList);
   return 0;
 }
 
 int FWUpdateSymbolManager::allDoUpdateDone() {
-  FW_LOG(diagnostics::Error, "Try allDoUpdateDone");
+  FW_LOG(diagnostics::kError, "Try allDoUpdateDone");
   for (FWUpdateSymbol& module : symbolList) {
     module.allUpdateDone();
   }
-  FW_LOG(diagnostics::Error, "allDoUpdateDone Done");
+  FW_LOG(diagnostics::kError, "allDoUpdateDone Done");
   return 0;
 }
 
@@ -519,8 +519,8 @@ int FWUpdateSymbolManager::downloadEMPAll() {
 // ---- Pending list -------------------------------------------------------------
 
 int FWUpdateSymbolManager::writeFirmwareUpdateList(bool& running) {
-  if (!check_race_condition(PendingList)) {
-    FW_LOG(diagnostics::Error, "fail check_race_condition\n");
+  if (!check_race_condition(kPendingList)) {
+    FW_LOG(diagnostics::kError, "fail check_race_condition\n");
     return -1;
   }
   PendingListFile list;
@@ -528,14 +528,14 @@ int FWUpdateSymbolManager::writeFirmwareUpdateList(bool& running) {
   for (FWUpdateSymbol& module : symbolList) {
     // Another thread may clear the caller's flag at any time.
     if (!__atomic_load_n(&running, __ATOMIC_RELAXED)) {
-      FW_LOG(diagnostics::Error, "Task is not running, writeFirmwareUpdateList stop");
+      FW_LOG(diagnostics::kError, "Task is not running, writeFirmwareUpdateList stop");
       return -1;
     }
     if (module.isNeedUpdate(CALLER_QUERY, emptyData()) != 1) {
       continue;
     }
     list.add(module.getLibName(), module.getEMPName());
-    FW_LOG(diagnostics::Error, "Need Update [%s][%s]", module.getLibName().c_str(),
+    FW_LOG(diagnostics::kError, "Need Update [%s][%s]", module.getLibName().c_str(),
            module.getEMPName().c_str());
     ++count;
   }
@@ -552,7 +552,7 @@ int FWUpdateSymbolManager::getFirmwareUpdateTime(const unsigned char* ckey, cons
     if (module.getNeedUpdateList(ckey, image_path) != 1) {
       continue;
     }
-    FW_LOG(diagnostics::Error, "Need Update [%s] [%d]", module.getFirmwareName().c_str(),
+    FW_LOG(diagnostics::kError, "Need Update [%s] [%d]", module.getFirmwareName().c_str(),
            module.getExpectedUpdateTime());
     total += module.getExpectedUpdateTime();
     result = 0;
@@ -569,7 +569,7 @@ int FWUpdateSymbolManager::doUpdateUSB(const unsigned char* ckey, const char* im
     }
     result = module.updateUSB(ckey, image_path);
     if (result == -1) {
-      FW_LOG(diagnostics::Error, "update fail [%s]", module.getFirmwareName().c_str());
+      FW_LOG(diagnostics::kError, "update fail [%s]", module.getFirmwareName().c_str());
     }
   }
   return result;

@@ -26,15 +26,15 @@
 
 namespace {
 
-constexpr const char* PackageImageDirectory = "/opt/usr/apps/appbinarymanager/";
-constexpr const char* PackageMountDirectory = "/opt/usr/apps/appbinarymanager/emps/";
-constexpr const char* BuiltinDirectory = "/lib/firmware/ext/";
-constexpr const char* SboxDirectory = "/opt/usr/share/sbox/";
-constexpr const char* UsbDrive = "/opt/media/USBDriveA";
-constexpr int LastUsbDrive = 10;
+constexpr const char* kPackageImageDirectory = "/opt/usr/apps/appbinarymanager/";
+constexpr const char* kPackageMountDirectory = "/opt/usr/apps/appbinarymanager/emps/";
+constexpr const char* kBuiltinDirectory = "/lib/firmware/ext/";
+constexpr const char* kSboxDirectory = "/opt/usr/share/sbox/";
+constexpr const char* kUsbDrive = "/opt/media/USBDriveA";
+constexpr int kLastUsbDrive = 10;
 
-constexpr const char* FactoryAutomation = "FACTORY_AUTOMATION";
-constexpr unsigned int ProcessUpdateSeconds = 1800;
+constexpr const char* kFactoryAutomation = "FACTORY_AUTOMATION";
+constexpr unsigned int kProcessUpdateSeconds = 1800;
 
 // ---- Binding ----------------------------------------------------------------
 
@@ -84,18 +84,18 @@ bool isAsciiLetterOrDigit(char c) {
 constexpr struct {
   CallerTypes caller;
   UPDATE_TYPE type;
-} UpdateTypes[] = {
+} kUpdateTypes[] = {
     {CALLER_FACTORY, UPDATE_TYPE_USB},         {CALLER_DEBUG, UPDATE_TYPE_EMP},
     {CALLER_QUERY, UPDATE_TYPE_EMP},           {CALLER_USB_PACKAGE, UPDATE_TYPE_EMP},
     {CALLER_UPGRADE_APP, UPDATE_TYPE_BUILTIN}, {CALLER_LSM, UPDATE_TYPE_SBOX},
     {CALLER_RESERVED6, UPDATE_TYPE_BUILTIN},   {CALLER_UPGRADE_EPSOLUTION, UPDATE_TYPE_BUILTIN},
 };
 
-UPDATE_TYPE CallerToUpdateType(CallerTypes caller, char* data) {
+UPDATE_TYPE callerToUpdateType(CallerTypes caller, char* data) {
   if (caller == CALLER_DEBUG && data != nullptr && std::strcmp(data, "USB") == 0) {
     return UPDATE_TYPE_USB;
   }
-  for (const auto& row : UpdateTypes) {
+  for (const auto& row : kUpdateTypes) {
     if (row.caller == caller) {
       return row.type;
     }
@@ -107,8 +107,8 @@ UPDATE_TYPE CallerToUpdateType(CallerTypes caller, char* data) {
 
 using VerifyFile = int (*)(int reserved, const char* filePath, const char* caller);
 
-constexpr const char* VerifierLibrary = "/usr/lib/libkZAQUser.so";
-constexpr const char* VerifierCaller = "UserCaller";
+constexpr const char* kVerifierLibrary = "/usr/lib/libkZAQUser.so";
+constexpr const char* kVerifierCaller = "UserCaller";
 
 // Non-zero when the file may be used. A missing verifier lets every file pass, on
 // purpose: only its explicit 0 rejects one.
@@ -119,9 +119,9 @@ int zaq_verify(const char* filePath) {
   VerifyFile verify = s_kzaq_verifier.load();
   if (verify == nullptr) {
     // RTLD_NODELETE keeps the entry point valid after the handle is closed.
-    library.reset(dlopen(VerifierLibrary, RTLD_LAZY | RTLD_NODELETE));
+    library.reset(dlopen(kVerifierLibrary, RTLD_LAZY | RTLD_NODELETE));
     if (!library) {
-      FW_LOG(diagnostics::Error, "[zaq][%s] pHandle Error: %s\n", VerifierCaller, libraryError().c_str());
+      FW_LOG(diagnostics::kError, "[zaq][%s] pHandle Error: %s\n", kVerifierCaller, libraryError().c_str());
       return 1;
     }
     dlerror();
@@ -132,7 +132,7 @@ int zaq_verify(const char* filePath) {
     }
     s_kzaq_verifier.store(verify);
     if (!error.empty()) {
-      FW_LOG(diagnostics::Error, "[zaq][%s] dlsym Error: %s\n", VerifierCaller, error.c_str());
+      FW_LOG(diagnostics::kError, "[zaq][%s] dlsym Error: %s\n", kVerifierCaller, error.c_str());
       return 1;
     }
     if (verify == nullptr) {
@@ -140,11 +140,12 @@ int zaq_verify(const char* filePath) {
     }
   }
 
-  const int result = verify(0, filePath, VerifierCaller);
+  const int result = verify(0, filePath, kVerifierCaller);
   if (result != 0) {
-    FW_LOG(diagnostics::Error, "[zaq][%s] the file is signed successfully : %s\n", VerifierCaller, filePath);
+    FW_LOG(diagnostics::kError, "[zaq][%s] the file is signed successfully : %s\n", kVerifierCaller,
+           filePath);
   } else {
-    FW_LOG(diagnostics::Error, "[zaq][%s] the file is NOT signed!! : %s\n", VerifierCaller, filePath);
+    FW_LOG(diagnostics::kError, "[zaq][%s] the file is NOT signed!! : %s\n", kVerifierCaller, filePath);
   }
   return result;
 }
@@ -173,7 +174,7 @@ int FWUpdateSymbol::loadSymbol(const std::string& name) {
   if (name.empty()) {
     return -1;
   }
-  const std::string path = ControlsDirectory + name + ".so";
+  const std::string path = kControlsDirectory + name + ".so";
   const std::string resolved = resolveModuleFile(path);
   if (resolved.empty()) {
     return -1;
@@ -182,18 +183,18 @@ int FWUpdateSymbol::loadSymbol(const std::string& name) {
   const std::shared_ptr<void> library = openLibrary(resolved.c_str());
   if (!library) {
     // "dlsym" in the report of a failed dlopen is kept on purpose.
-    FW_LOG(diagnostics::Error, "Error: dlsym libfile: %s error: %s\n", path.c_str(), libraryError().c_str());
+    FW_LOG(diagnostics::kError, "Error: dlsym libfile: %s error: %s\n", path.c_str(), libraryError().c_str());
     return -1;
   }
 
-  static constexpr EntryPoint required[] = {
+  static constexpr EntryPoint kRequired[] = {
       {"setContext", storeIn<&FWUpdateSymbol::setContextEntry>},
       {"getEMPID", storeIn<&FWUpdateSymbol::getEMPIDEntry>},
       {"getActiveVersion", storeIn<&FWUpdateSymbol::getActiveVersionEntry>},
       {"checkVersion", storeIn<&FWUpdateSymbol::checkVersionEntry>},
       {"doUpdate", storeIn<&FWUpdateSymbol::doUpdateEntry>},
   };
-  static constexpr EntryPoint optional[] = {
+  static constexpr EntryPoint kOptional[] = {
       {"allUpdateDone", storeIn<&FWUpdateSymbol::allUpdateDoneEntry>},
       {"doUpdate_decryption", storeIn<&FWUpdateSymbol::doUpdateDecryptionEntry>},
       {"getExpectedTime", storeIn<&FWUpdateSymbol::getExpectedTimeEntry>},
@@ -202,27 +203,27 @@ int FWUpdateSymbol::loadSymbol(const std::string& name) {
 
   // Bound anew: nothing may point into the library that the old handle held.
   empBound = false;
-  for (const EntryPoint& entry : required) {
+  for (const EntryPoint& entry : kRequired) {
     entry.store(*this, nullptr);
   }
-  for (const EntryPoint& entry : optional) {
+  for (const EntryPoint& entry : kOptional) {
     entry.store(*this, nullptr);
   }
   handle = library;
 
-  for (const EntryPoint& entry : required) {
+  for (const EntryPoint& entry : kRequired) {
     entry.store(*this, dlsym(handle.get(), entry.name));
     const std::string error = libraryError();
     if (!error.empty()) {
-      FW_LOG(diagnostics::Error, "Error: dlsym error: %s\n", error.c_str());
+      FW_LOG(diagnostics::kError, "Error: dlsym error: %s\n", error.c_str());
       return -1;
     }
   }
-  for (const EntryPoint& entry : optional) {
+  for (const EntryPoint& entry : kOptional) {
     entry.store(*this, dlsym(handle.get(), entry.name));
     const std::string error = libraryError();
     if (!error.empty()) {
-      FW_LOG(diagnostics::Debug, "Error: dlsym error: %s\n", error.c_str());
+      FW_LOG(diagnostics::kDebug, "Error: dlsym error: %s\n", error.c_str());
       entry.store(*this, nullptr);
     }
   }
@@ -234,7 +235,7 @@ int FWUpdateSymbol::loadSymbol(const std::string& name) {
   if (isExtensionModule(libName)) {
     symbolType = 1;
     empBound = false;
-    FW_LOG(diagnostics::Error, "Not Update Symbol [%s]", libName.c_str());
+    FW_LOG(diagnostics::kError, "Not Update Symbol [%s]", libName.c_str());
     return 0;
   }
 
@@ -246,27 +247,27 @@ int FWUpdateSymbol::loadSymbol(const std::string& name) {
   firmwareName = empId;
   const std::size_t emp = firmwareName.find("emp");
   if (emp == std::string::npos) {
-    FW_LOG(diagnostics::Error, "Error: EMPID is Wrong (%s)", firmwareName.c_str());
+    FW_LOG(diagnostics::kError, "Error: EMPID is Wrong (%s)", firmwareName.c_str());
     return -1;
   }
   firmwareName.erase(emp, 3);
-  empImagePath = PackageImageDirectory + empName + ".img";
+  empImagePath = kPackageImageDirectory + empName + ".img";
   empBound = true;
   symbolType = 0;
   return 0;
 }
 
 int FWUpdateSymbol::getEMPID(std::string& empId) {
-  char text[TextSize] = {};
+  char text[kTextSize] = {};
   getEMPIDEntry(text);
   terminate(text);
   empId = text;
   if (empId.empty()) {
-    FW_LOG(diagnostics::Error, "Error: EMPID is empty.(%s)", libName.c_str());
+    FW_LOG(diagnostics::kError, "Error: EMPID is empty.(%s)", libName.c_str());
     return -1;
   }
   if (!std::all_of(empId.begin(), empId.end(), isAsciiLetterOrDigit)) {
-    FW_LOG(diagnostics::Error, "Error: use EMPID only English and numbers. %s", empId.c_str());
+    FW_LOG(diagnostics::kError, "Error: use EMPID only English and numbers. %s", empId.c_str());
     return -1;
   }
   return 0;
@@ -339,46 +340,46 @@ std::string FWUpdateSymbol::getInformationPath(UPDATE_TYPE type) {
   if (type == UPDATE_TYPE_USB) {
     std::string drive;
     if (!getUsbMountPath(drive)) {
-      FW_LOG(diagnostics::Error, "Error: Usb mount path Not found.");
+      FW_LOG(diagnostics::kError, "Error: Usb mount path Not found.");
       return "";
     }
     return drive + firmwareName + "/info.json";
   }
   if (type == UPDATE_TYPE_BUILTIN) {
-    return BuiltinDirectory + firmwareName + "/info.json";
+    return kBuiltinDirectory + firmwareName + "/info.json";
   }
   if (type == UPDATE_TYPE_SBOX) {
-    return SboxDirectory + firmwareName + "/info.json";
+    return kSboxDirectory + firmwareName + "/info.json";
   }
-  return PackageMountDirectory + empName + "/info.json";
+  return kPackageMountDirectory + empName + "/info.json";
 }
 
 std::string FWUpdateSymbol::getBinaryPath(UPDATE_TYPE type) {
   if (type == UPDATE_TYPE_USB) {
     std::string drive;
     if (!getUsbMountPath(drive)) {
-      FW_LOG(diagnostics::Error, "Error: Usb mount path Not found.");
+      FW_LOG(diagnostics::kError, "Error: Usb mount path Not found.");
       return "";
     }
     return drive + firmwareName + "/" + firmwareName + ".bin";
   }
   if (type == UPDATE_TYPE_BUILTIN) {
-    return BuiltinDirectory + firmwareName + "/" + firmwareName + ".bin";
+    return kBuiltinDirectory + firmwareName + "/" + firmwareName + ".bin";
   }
   if (type == UPDATE_TYPE_SBOX) {
-    return SboxDirectory + firmwareName + "/" + firmwareName + ".bin";
+    return kSboxDirectory + firmwareName + "/" + firmwareName + ".bin";
   }
   // The directory bears the full identifier, the image the short name; deliberate.
-  return PackageMountDirectory + empName + "/" + firmwareName + ".bin";
+  return kPackageMountDirectory + empName + "/" + firmwareName + ".bin";
 }
 
 bool FWUpdateSymbol::getUsbMountPath(std::string& out) {
-  std::string drive = std::string(UsbDrive) + "/";
+  std::string drive = std::string(kUsbDrive) + "/";
   for (int number = 1; !file_exists(drive); ++number) {
-    if (number > LastUsbDrive) {
+    if (number > kLastUsbDrive) {
       return false;
     }
-    drive = UsbDrive + std::to_string(number) + "/";
+    drive = kUsbDrive + std::to_string(number) + "/";
   }
   out = drive;
   return true;
@@ -398,7 +399,7 @@ bool FWUpdateSymbol::getIMGExists() {
 bool FWUpdateSymbol::loadInformation(const std::string& path) {
   Json::Value root;
   if (!parseInformation(path, root)) {
-    FW_LOG(diagnostics::Error, "Error: json loadInformation fail.(%s)\n", path.c_str());
+    FW_LOG(diagnostics::kError, "Error: json loadInformation fail.(%s)\n", path.c_str());
     return false;
   }
 
@@ -416,7 +417,7 @@ bool FWUpdateSymbol::loadInformation(const std::string& path) {
     read.expectedTime = root.get("expected_time", 300).asUInt();
   } catch (const std::exception& error) {
     // One wording for both numbers, kept on purpose.
-    FW_LOG(diagnostics::Error, "Error: json crc read fail error:%s (%s)\n", error.what(), path.c_str());
+    FW_LOG(diagnostics::kError, "Error: json crc read fail error:%s (%s)\n", error.what(), path.c_str());
     complete = false;
   }
 
@@ -426,16 +427,16 @@ bool FWUpdateSymbol::loadInformation(const std::string& path) {
 }
 
 unsigned int FWUpdateSymbol::getBinaryCRC32(const std::string& path) {
-  constexpr std::size_t ChunkSize = 32768;
+  constexpr std::size_t kChunkSize = 32768;
   const RegularFile file = openRegularFile(path);
   if (!file.descriptor.isOpen()) {
-    FW_LOG(diagnostics::Error, "Error: binary file is NULL\n");
+    FW_LOG(diagnostics::kError, "Error: binary file is NULL\n");
     return 0;
   }
 
   // On a cache line, because the kernel copies to other addresses at down to a third
   // of the speed.
-  alignas(64) unsigned char chunk[ChunkSize];
+  alignas(64) unsigned char chunk[kChunkSize];
   std::uint32_t crc = 0;
   // A file that has grown since it was opened is left behind its old end: the bytes
   // read by then give another checksum, and it may never stop growing.
@@ -476,9 +477,9 @@ void nameThread(const std::string& name) {
 }  // namespace
 
 int FWUpdateSymbol::isNeedUpdate(CallerTypes caller, char* data) {
-  FW_LOG(diagnostics::Error, "%s Firmware isNeedUpdateModules Try(%s)", libName.c_str(),
+  FW_LOG(diagnostics::kError, "%s Firmware isNeedUpdateModules Try(%s)", libName.c_str(),
          firmwareName.c_str());
-  const UPDATE_TYPE type = CallerToUpdateType(caller, data);
+  const UPDATE_TYPE type = callerToUpdateType(caller, data);
   if (type == UPDATE_TYPE_EMP && !mountEMPImage()) {
     return -1;
   }
@@ -487,35 +488,35 @@ int FWUpdateSymbol::isNeedUpdate(CallerTypes caller, char* data) {
 
   const std::string binary = getBinaryPath(type);
   if (!file_exists(binary)) {
-    FW_LOG(diagnostics::Error, "Error: Firmware binary file no exist (%s)", binary.c_str());
+    FW_LOG(diagnostics::kError, "Error: Firmware binary file no exist (%s)", binary.c_str());
     return -1;
   }
   const std::string info = getInformationPath(type);
   if (!file_exists(info)) {
-    FW_LOG(diagnostics::Error, "Error: Firmware json file no exist (%s)", info.c_str());
+    FW_LOG(diagnostics::kError, "Error: Firmware json file no exist (%s)", info.c_str());
     return -1;
   }
   if (!loadInformation(info)) {
-    FW_LOG(diagnostics::Error, "Error: json information load fail");
+    FW_LOG(diagnostics::kError, "Error: json information load fail");
     return -1;
   }
   const FWInformation image = copyOf(information);
   if (!hasChecksum(*this, binary, image.crc)) {
-    FW_LOG(diagnostics::Error, "Error: %s Firmware CRC32 different", firmwareName.c_str());
+    FW_LOG(diagnostics::kError, "Error: %s Firmware CRC32 different", firmwareName.c_str());
     return -1;
   }
   if (checkVersion(image.version.c_str(), &need) != 0) {
-    FW_LOG(diagnostics::Error, "Error: %s Firmware CheckVersion Fail", firmwareName.c_str());
+    FW_LOG(diagnostics::kError, "Error: %s Firmware CheckVersion Fail", firmwareName.c_str());
     return -1;
   }
 
   if (need <= 0) {
-    char activeVersion[TextSize] = {};
+    char activeVersion[kTextSize] = {};
     getActiveVersion(activeVersion);
     // The package image's path, not the firmware name, is printed on purpose.
-    FW_LOG(diagnostics::Error, "Error: %s not need update, version is %s", empImagePath.c_str(),
+    FW_LOG(diagnostics::kError, "Error: %s not need update, version is %s", empImagePath.c_str(),
            activeVersion);
-    if (data != nullptr && std::strcmp(data, FactoryAutomation) == 0) {
+    if (data != nullptr && std::strcmp(data, kFactoryAutomation) == 0) {
       need = 0;
     }
   }
@@ -532,8 +533,8 @@ int FWUpdateSymbol::updateFirmware(CallerTypes caller, char* data) {
   if (!empBound) {
     return -1;
   }
-  FW_LOG(diagnostics::Error, "%s Firmware Update Try", firmwareName.c_str());
-  const UPDATE_TYPE type = CallerToUpdateType(caller, data);
+  FW_LOG(diagnostics::kError, "%s Firmware Update Try", firmwareName.c_str());
+  const UPDATE_TYPE type = callerToUpdateType(caller, data);
   if (type == UPDATE_TYPE_EMP && !mountEMPImage()) {
     return -1;
   }
@@ -541,17 +542,17 @@ int FWUpdateSymbol::updateFirmware(CallerTypes caller, char* data) {
   // isNeedUpdate; both orders are deliberate.
   const std::string info = getInformationPath(type);
   if (!file_exists(info)) {
-    FW_LOG(diagnostics::Error, "Error: Firmware json file no exist (%s)", info.c_str());
+    FW_LOG(diagnostics::kError, "Error: Firmware json file no exist (%s)", info.c_str());
     return -1;
   }
   if (!loadInformation(info)) {
-    FW_LOG(diagnostics::Error, "Error: json information load fail");
+    FW_LOG(diagnostics::kError, "Error: json information load fail");
     return -1;
   }
   const FWInformation image = copyOf(information);
   const std::string binary = getBinaryPath(type);
   if (!file_exists(binary)) {
-    FW_LOG(diagnostics::Error, "Error: Firmware binary file no exist (%s)", binary.c_str());
+    FW_LOG(diagnostics::kError, "Error: Firmware binary file no exist (%s)", binary.c_str());
     return -1;
   }
 
@@ -562,11 +563,11 @@ int FWUpdateSymbol::updateFirmware(CallerTypes caller, char* data) {
   }
   int need = -1;
   if (checkVersion(image.version.c_str(), &need) != 0) {
-    FW_LOG(diagnostics::Error, "Error: %s Firmware CheckVersion Fail", firmwareName.c_str());
+    FW_LOG(diagnostics::kError, "Error: %s Firmware CheckVersion Fail", firmwareName.c_str());
     return -1;
   }
   if (need <= 0) {
-    FW_LOG(diagnostics::Error, "Error: %s Firmware not need update", firmwareName.c_str());
+    FW_LOG(diagnostics::kError, "Error: %s Firmware not need update", firmwareName.c_str());
     if (type == UPDATE_TYPE_EMP) {
       unmountEMPImage();
     }
@@ -574,20 +575,20 @@ int FWUpdateSymbol::updateFirmware(CallerTypes caller, char* data) {
   }
   if (!hasChecksum(*this, binary, image.crc)) {
     // Lower-case "crc32" here, upper-case in isNeedUpdate; kept on purpose.
-    FW_LOG(diagnostics::Error, "Error: %s Firmware crc32 different", firmwareName.c_str());
+    FW_LOG(diagnostics::kError, "Error: %s Firmware crc32 different", firmwareName.c_str());
     return -1;
   }
 
-  FW_LOG(diagnostics::Error, "========== [ %s update start ] ==========", firmwareName.c_str());
+  FW_LOG(diagnostics::kError, "========== [ %s update start ] ==========", firmwareName.c_str());
   const int result = doUpdate(binary.c_str(), image.crc, image.expectedTime);
   if (result != 0) {
     // Nothing may come between the module and this line that changes errno. The
     // package stays mounted after a failure, on purpose.
-    FW_LOG(diagnostics::Error, "Error: %s Firmware doUpdate Fail %d (%d:%m)", firmwareName.c_str(), result,
+    FW_LOG(diagnostics::kError, "Error: %s Firmware doUpdate Fail %d (%d:%m)", firmwareName.c_str(), result,
            errno);
     return result;
   }
-  FW_LOG(diagnostics::Error, "========== [ %s update succeeded ] ==========", firmwareName.c_str());
+  FW_LOG(diagnostics::kError, "========== [ %s update succeeded ] ==========", firmwareName.c_str());
   if (type == UPDATE_TYPE_EMP) {
     std::remove(empImagePath.c_str());
     unmountEMPImage();
@@ -600,14 +601,14 @@ int FWUpdateSymbol::runProcess(CallerTypes caller, char* data) {
   // update of different modules do not exclude each other.
   static std::mutex processMutex;
 
-  FW_LOG(diagnostics::Error, "%s Firmware runProcess Try", firmwareName.c_str());
+  FW_LOG(diagnostics::kError, "%s Firmware runProcess Try", firmwareName.c_str());
   nameThread(firmwareName);
   const std::lock_guard<std::mutex> lock(processMutex);
   if (setContext(caller, data) != 0) {
     return -1;
   }
-  if (doUpdate(libName.c_str(), 0, ProcessUpdateSeconds) != 0) {
-    FW_LOG(diagnostics::Error, "Error: %s runProcess Fail (%d:%m)", libName.c_str(), errno);
+  if (doUpdate(libName.c_str(), 0, kProcessUpdateSeconds) != 0) {
+    FW_LOG(diagnostics::kError, "Error: %s runProcess Fail (%d:%m)", libName.c_str(), errno);
     return -1;
   }
   return 0;
@@ -620,36 +621,36 @@ bool FWUpdateSymbol::downloadEMP() {
     return false;
   }
   if (!appbinaryManager::ABM_DownloadAppBinary(nullptr, nullptr, empName)) {
-    FW_LOG(diagnostics::Error, "Error: EMP ABM_DownloadAppBinary fail.(%s)", empName.c_str());
+    FW_LOG(diagnostics::kError, "Error: EMP ABM_DownloadAppBinary fail.(%s)", empName.c_str());
     return false;
   }
-  FW_LOG(diagnostics::Info, "Request (%s) emp download", empName.c_str());
+  FW_LOG(diagnostics::kInfo, "Request (%s) emp download", empName.c_str());
   return true;
 }
 
 bool FWUpdateSymbol::mountEMPImage() {
   if (!getIMGExists()) {
-    FW_LOG(diagnostics::Error, "Error: file no exist (%s)", empImagePath.c_str());
+    FW_LOG(diagnostics::kError, "Error: file no exist (%s)", empImagePath.c_str());
     return false;
   }
-  const std::string directory = PackageMountDirectory + empName;
+  const std::string directory = kPackageMountDirectory + empName;
   // Removes a stale mount; with nothing mounted this fails and says so, harmlessly.
   FWMountManager::getInstance()->UMount(directory);
   if (FWMountManager::getInstance()->Mount(empImagePath, directory) != 0) {
-    FW_LOG(diagnostics::Error, "Error: Firmware EMP Mount Fail.(%s)", empName.c_str());
+    FW_LOG(diagnostics::kError, "Error: Firmware EMP Mount Fail.(%s)", empName.c_str());
     return false;
   }
   return true;
 }
 
 bool FWUpdateSymbol::unmountEMPImage() {
-  const std::string directory = PackageMountDirectory + empName;
+  const std::string directory = kPackageMountDirectory + empName;
   if (FWMountManager::getInstance()->UMount(directory) != 0) {
-    FW_LOG(diagnostics::Error, "Error: Firmware EMP UMount Fail.(%s)", empName.c_str());
+    FW_LOG(diagnostics::kError, "Error: Firmware EMP UMount Fail.(%s)", empName.c_str());
     return false;
   }
   // A success at error priority, so that it always reaches the log; on purpose.
-  FW_LOG(diagnostics::Error, "EMP UMount Success %s", empImagePath.c_str());
+  FW_LOG(diagnostics::kError, "EMP UMount Success %s", empImagePath.c_str());
   return true;
 }
 
@@ -660,21 +661,21 @@ int FWUpdateSymbol::getNeedUpdateList(const unsigned char* ckey, const char* ima
     return -1;
   }
   if (ckey == nullptr) {
-    FW_LOG(diagnostics::Error, "Error: ckey  is nullptr");
+    FW_LOG(diagnostics::kError, "Error: ckey  is nullptr");
     return -1;
   }
   if (image_path == nullptr) {
-    FW_LOG(diagnostics::Error, "Error: image_path is nullptr");
+    FW_LOG(diagnostics::kError, "Error: image_path is nullptr");
     return -1;
   }
   const std::string path = image_path + firmwareName + ".bin";
   OpenPackage package(path);
   if (!package.isOpen()) {
-    FW_LOG(diagnostics::Error, "Error: %s open fail", path.c_str());
+    FW_LOG(diagnostics::kError, "Error: %s open fail", path.c_str());
     return -1;
   }
   if (!isVerified(package, path)) {
-    FW_LOG(diagnostics::Error, "Error: %s is NOT signed", path.c_str());
+    FW_LOG(diagnostics::kError, "Error: %s is NOT signed", path.c_str());
     return -1;
   }
   setContext(CALLER_USB_PACKAGE, emptyData());
@@ -683,7 +684,7 @@ int FWUpdateSymbol::getNeedUpdateList(const unsigned char* ckey, const char* ima
   PackageIv iv;
   FILE* const file = package.read();
   if (!readPackageIv(file, iv)) {
-    FW_LOG(diagnostics::Error, "Error: iv is worng");
+    FW_LOG(diagnostics::kError, "Error: iv is worng");
     return -1;
   }
   // The whole size is passed here, size - 16 when updating; only the version block
@@ -691,11 +692,11 @@ int FWUpdateSymbol::getNeedUpdateList(const unsigned char* ckey, const char* ima
   int length = 0;
   const unsigned char* const data = decryptPackage(file, ckey, iv, size, size, length);
   if (data == nullptr) {
-    FW_LOG(diagnostics::Error, "Error: Decryption data is null");
+    FW_LOG(diagnostics::kError, "Error: Decryption data is null");
     return -1;
   }
   if (!package.isWhatWasVerified()) {
-    FW_LOG(diagnostics::Error, "Error: %s is NOT signed", path.c_str());
+    FW_LOG(diagnostics::kError, "Error: %s is NOT signed", path.c_str());
     return -1;
   }
   const VersionBlock version = versionBlock(data, length);
@@ -703,12 +704,12 @@ int FWUpdateSymbol::getNeedUpdateList(const unsigned char* ckey, const char* ima
 
   int need = -1;
   if (checkVersion(version.data(), &need) != 0) {
-    FW_LOG(diagnostics::Error, "Error: %s Firmware CheckVersion Fail", firmwareName.c_str());
+    FW_LOG(diagnostics::kError, "Error: %s Firmware CheckVersion Fail", firmwareName.c_str());
     return -1;
   }
   int seconds = 0;
   if (getExpectedTime(&seconds) != 0) {
-    FW_LOG(diagnostics::Error, "Error: %s getExpectedTime Fail", firmwareName.c_str());
+    FW_LOG(diagnostics::kError, "Error: %s getExpectedTime Fail", firmwareName.c_str());
     return 0;
   }
   const std::lock_guard<std::mutex> lock(recordMutex());
@@ -719,21 +720,21 @@ int FWUpdateSymbol::getNeedUpdateList(const unsigned char* ckey, const char* ima
 
 int FWUpdateSymbol::updateUSB(const unsigned char* ckey, const char* image_path) {
   if (ckey == nullptr) {
-    FW_LOG(diagnostics::Error, "Error: ckey  is nullptr");
+    FW_LOG(diagnostics::kError, "Error: ckey  is nullptr");
     return -1;
   }
   if (image_path == nullptr) {
-    FW_LOG(diagnostics::Error, "Error: image_path is nullptr");
+    FW_LOG(diagnostics::kError, "Error: image_path is nullptr");
     return -1;
   }
   const std::string path = image_path + firmwareName + ".bin";
   OpenPackage package(path);
   if (!package.isOpen()) {
-    FW_LOG(diagnostics::Error, "Error: %s file open", path.c_str());
+    FW_LOG(diagnostics::kError, "Error: %s file open", path.c_str());
     return -1;
   }
   if (!isVerified(package, path)) {
-    FW_LOG(diagnostics::Error, "Error: %s file is NOT signed", path.c_str());
+    FW_LOG(diagnostics::kError, "Error: %s file is NOT signed", path.c_str());
     return -1;
   }
   setContext(CALLER_USB_PACKAGE, emptyData());
@@ -742,44 +743,44 @@ int FWUpdateSymbol::updateUSB(const unsigned char* ckey, const char* image_path)
   PackageIv iv;
   FILE* const file = package.read();
   if (!readPackageIv(file, iv)) {
-    FW_LOG(diagnostics::Error, "Error: iv is worng");
+    FW_LOG(diagnostics::kError, "Error: iv is worng");
     return -1;
   }
   // The buffer stays with cipher_buf_all and is not freed, on purpose.
   int length = 0;
   const unsigned char* const data =
       decryptPackage(file, ckey, iv, size, size - static_cast<int>(iv.size()), length);
-  if (data == nullptr || length < VersionBlockSize) {
-    FW_LOG(diagnostics::Error, "Error: Decryption data is null");
+  if (data == nullptr || length < kVersionBlockSize) {
+    FW_LOG(diagnostics::kError, "Error: Decryption data is null");
     return -1;
   }
   if (!package.isWhatWasVerified()) {
-    FW_LOG(diagnostics::Error, "Error: %s file is NOT signed", path.c_str());
+    FW_LOG(diagnostics::kError, "Error: %s file is NOT signed", path.c_str());
     return -1;
   }
   const VersionBlock version = versionBlock(data, length);
-  length -= VersionBlockSize;
+  length -= kVersionBlockSize;
   package.close();
 
   int need = -1;
   if (checkVersion(version.data(), &need) != 0) {
-    FW_LOG(diagnostics::Error, "Error: %s Firmware CheckVersion Fail", firmwareName.c_str());
+    FW_LOG(diagnostics::kError, "Error: %s Firmware CheckVersion Fail", firmwareName.c_str());
     return -1;
   }
   if (need <= 0) {
-    FW_LOG(diagnostics::Error, "Error: %s Firmware not need update", firmwareName.c_str());
+    FW_LOG(diagnostics::kError, "Error: %s Firmware not need update", firmwareName.c_str());
     return -1;
   }
-  FW_LOG(diagnostics::Error, "========== [ %s update start ] ==========", firmwareName.c_str());
-  const int result = doUpdate_decryption(data + VersionBlockSize, length);
+  FW_LOG(diagnostics::kError, "========== [ %s update start ] ==========", firmwareName.c_str());
+  const int result = doUpdate_decryption(data + kVersionBlockSize, length);
   if (result != 0) {
-    FW_LOG(diagnostics::Error, "Error: %s Firmware doUpdate Fail %d (%d:%m)", firmwareName.c_str(), result,
+    FW_LOG(diagnostics::kError, "Error: %s Firmware doUpdate Fail %d (%d:%m)", firmwareName.c_str(), result,
            errno);
     return result;
   }
   if (!package.noteApplied()) {
-    FW_LOG(diagnostics::Error, "Error: %s minimum version is not kept", firmwareName.c_str());
+    FW_LOG(diagnostics::kError, "Error: %s minimum version is not kept", firmwareName.c_str());
   }
-  FW_LOG(diagnostics::Error, "========== [ %s update succeeded ] ==========", firmwareName.c_str());
+  FW_LOG(diagnostics::kError, "========== [ %s update succeeded ] ==========", firmwareName.c_str());
   return 0;
 }

@@ -6,7 +6,7 @@
 #include "image-crc/ways.h"
 
 const imagecrc::Way& imagecrc::fastestWay() {
-  return *std::find_if(std::begin(Ways), std::end(Ways), [](const Way& way) { return way.isAvailable(); });
+  return *std::find_if(std::begin(kWays), std::end(kWays), [](const Way& way) { return way.isAvailable(); });
 }
 
 std::uint32_t extendImageCrc(std::uint32_t crc, const void* bytes, std::size_t size) {

@@ -6,7 +6,7 @@
 
 namespace {
 
-constexpr std::size_t LargestInformation = std::size_t{64} * 1024;
+constexpr std::size_t kLargestInformation = std::size_t{64} * 1024;
 
 bool parse(const std::string& text, Json::Value& root) {
   std::istringstream stream(text);
@@ -17,7 +17,7 @@ bool parse(const std::string& text, Json::Value& root) {
 
 bool parseInformation(const std::string& path, Json::Value& root) {
   std::string text;
-  if (!readRegularFile(path, LargestInformation, text)) {
+  if (!readRegularFile(path, kLargestInformation, text)) {
     return false;
   }
   try {

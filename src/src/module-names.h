@@ -6,7 +6,7 @@
 #include <cctype>
 #include <string>
 
-constexpr const char* ControlsDirectory = "/prd/usr/fwupdate/controls/";
+constexpr const char* kControlsDirectory = "/prd/usr/fwupdate/controls/";
 
 // Whether a library name contains "EXT-" in any case, deliberately: such a module
 // has no package and runs its own procedure.

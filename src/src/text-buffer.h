@@ -7,11 +7,11 @@
 #include <cstring>
 #include <string>
 
-constexpr std::size_t TextSize = 128;
+constexpr std::size_t kTextSize = 128;
 
 // Fills the whole field: at most 127 characters of text, zeros behind them. text
 // itself needs a terminator only when it is shorter than that.
-inline void copyBounded(char (&field)[TextSize], const char* text) {
+inline void copyBounded(char (&field)[kTextSize], const char* text) {
   std::memset(field, 0, sizeof(field));
   std::memcpy(field, text, strnlen(text, sizeof(field) - 1));
 }
@@ -19,23 +19,23 @@ inline void copyBounded(char (&field)[TextSize], const char* text) {
 // A copy of exactly 127 bytes, padded with zeros: a text of 127 characters or
 // more arrives without a terminator.
 inline void copyFixed(char* out, const std::string& text) {
-  constexpr std::size_t CopySize = TextSize - 1;
-  const std::size_t length = std::min(text.size(), CopySize);
+  constexpr std::size_t kCopySize = kTextSize - 1;
+  const std::size_t length = std::min(text.size(), kCopySize);
   std::memcpy(out, text.data(), length);
-  std::memset(out + length, 0, CopySize - length);
+  std::memset(out + length, 0, kCopySize - length);
 }
 
 // The data of a request that has none. It stays for good, because a module may keep
 // the pointer that it was given.
 inline char* emptyData() {
-  static char text[TextSize];
+  static char text[kTextSize];
   return text;
 }
 
 // Cuts a text that a module wrote without a terminator.
 inline void terminate(char* text) {
-  if (std::memchr(text, '\0', TextSize) == nullptr) {
-    text[TextSize - 1] = '\0';
+  if (std::memchr(text, '\0', kTextSize) == nullptr) {
+    text[kTextSize - 1] = '\0';
   }
 }
 

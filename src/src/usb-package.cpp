@@ -11,7 +11,7 @@
 
 namespace {
 
-constexpr std::int64_t SmallestPackage = 614;  // IV, version block, trailer
+constexpr std::int64_t kSmallestPackage = 614;  // IV, version block, trailer
 
 bool isSame(const timespec& a, const timespec& b) {
   return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
@@ -79,7 +79,7 @@ bool readPackageIv(FILE* file, PackageIv& iv) {
 
 const unsigned char* decryptPackage(FILE* file, const unsigned char* key, const PackageIv& iv,
                                     std::int64_t size, std::int64_t count, int& length) {
-  if (size < SmallestPackage || size > INT_MAX) {
+  if (size < kSmallestPackage || size > INT_MAX) {
     return nullptr;
   }
   return aes_256_cbc_all(file, key, iv.data(), 0, static_cast<int>(count), length);
@@ -87,6 +87,6 @@ const unsigned char* decryptPackage(FILE* file, const unsigned char* key, const 
 
 VersionBlock versionBlock(const unsigned char* plaintext, int length) {
   VersionBlock block{};
-  std::memcpy(block.data(), plaintext, static_cast<std::size_t>(std::clamp(length, 0, VersionBlockSize)));
+  std::memcpy(block.data(), plaintext, static_cast<std::size_t>(std::clamp(length, 0, kVersionBlockSize)));
   return block;
 }

@@ -15,11 +15,11 @@
 #include "content-check.h"
 #include "file-handles.h"
 
-constexpr int VersionBlockSize = 64;
+constexpr int kVersionBlockSize = 64;
 
 using PackageIv = std::array<unsigned char, 16>;
 // Terminated whatever the package holds.
-using VersionBlock = std::array<char, VersionBlockSize + 1>;
+using VersionBlock = std::array<char, kVersionBlockSize + 1>;
 
 // A package that is open for reading. What it delivers is also given to the verifier,
 // which then judges these bytes instead of the file, and the file at the path is watched:

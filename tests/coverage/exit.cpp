@@ -17,10 +17,10 @@ namespace {
 
 std::array<std::atomic<const CoverageCounters*>, 8> libraries{};
 
-constexpr CoverageCounters OfTheProgram{__gcov_dump, __gcov_reset};
+constexpr CoverageCounters kOfTheProgram{__gcov_dump, __gcov_reset};
 
 void ofEach(void (*const CoverageCounters::*function)()) {
-  (OfTheProgram.*function)();
+  (kOfTheProgram.*function)();
   for (const auto& library : libraries) {
     if (const CoverageCounters* const counters = library.load(); counters != nullptr) {
       (counters->*function)();

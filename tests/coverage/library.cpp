@@ -10,9 +10,9 @@ namespace {
 
 // Programs of others do not know it; they write the counters when they end by exit.
 [[gnu::constructor]] void addCounters() {
-  static constexpr CoverageCounters counters{__gcov_dump, __gcov_reset};
+  static constexpr CoverageCounters kCounters{__gcov_dump, __gcov_reset};
   if (void* const add = dlsym(RTLD_DEFAULT, "fw_coverage_add"); add != nullptr) {
-    reinterpret_cast<decltype(&fw_coverage_add)>(add)(&counters);
+    reinterpret_cast<decltype(&fw_coverage_add)>(add)(&kCounters);
   }
 }
 

@@ -11,10 +11,10 @@
 namespace {
 
 using fwdownload::ContentRange;
-using fwdownload::ParseContentRange;
-using fwdownload::ReadHeaderLine;
+using fwdownload::parseContentRange;
+using fwdownload::readHeaderLine;
 using fwdownload::Response;
-using fwdownload::ValidatorOf;
+using fwdownload::validatorOf;
 
 // Each with its end, as it came.
 std::vector<std::string> linesOf(std::string_view input) {
@@ -41,11 +41,11 @@ bool isText(std::string line) {
 
 void holdAgainstText(const Response& response) {
   for (const std::string& value :
-       {response.etag, response.lastModified, response.date, response.contentRange, ValidatorOf(response)}) {
+       {response.etag, response.lastModified, response.date, response.contentRange, validatorOf(response)}) {
     fuzz::require(isText(value + "\n"), "what is kept of a header is text");
     fuzz::require(value.empty() || (value.front() != ' ' && value.back() != ' '), "without blanks around it");
   }
-  fuzz::require(response.etag.rfind("W/", 0) != 0 || ValidatorOf(response).empty(),
+  fuzz::require(response.etag.rfind("W/", 0) != 0 || validatorOf(response).empty(),
                 "a weak tag marks nothing");
   fuzz::require(response.length >= fwdownload::kUnknownLength, "a length is not negative");
   fuzz::require(response.length == fwdownload::kUnknownLength || response.hasEnd,
@@ -74,15 +74,15 @@ bool accepts(std::string_view input) {
   try {
     for (const std::string& line : linesOf(input)) {
       allText = allText && isText(line);
-      ReadHeaderLine(line, response);
+      readHeaderLine(line, response);
     }
   } catch (const fwdownload::Failure& failure) {
-    require(failure.reason() == fwdownload::Reason::kProtocol, "a server is to blame for its headers");
+    require(failure.reason() == fwdownload::Reason::Protocol, "a server is to blame for its headers");
     return false;
   }
   require(allText, "a header with a control character is refused");
   holdAgainstText(response);
-  if (const auto range = ParseContentRange(response.contentRange)) {
+  if (const auto range = parseContentRange(response.contentRange)) {
     holdAgainstWriting(response.contentRange, *range);
   }
   return response.hasEnd;

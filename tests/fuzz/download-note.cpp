@@ -8,8 +8,8 @@
 
 namespace {
 
-using fwdownload::NoteText;
-using fwdownload::ParseNote;
+using fwdownload::noteText;
+using fwdownload::parseNote;
 using fwdownload::PartNote;
 
 bool isPrintable(const std::string& text) {
@@ -24,7 +24,7 @@ void holdAgainstTheRules(const PartNote& note) {
 }
 
 void holdAgainstWriting(const PartNote& note) {
-  const auto again = ParseNote(NoteText(note));
+  const auto again = parseNote(noteText(note));
   fuzz::require(again.has_value(), "a note that was taken is taken when it is written anew");
   // Bytes that are no UTF-8 are replaced: such an address is compared and never matches.
   fuzz::require(again->origin.validator == note.origin.validator &&
@@ -41,7 +41,7 @@ namespace fuzz {
 void prepare(const std::vector<std::string>&) {}
 
 bool accepts(std::string_view input) {
-  const auto note = ParseNote(std::string(input));
+  const auto note = parseNote(std::string(input));
   if (!note) {
     return false;
   }

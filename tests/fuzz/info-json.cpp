@@ -11,8 +11,8 @@
 
 namespace {
 
-constexpr const char* InformationPath = "/lib/firmware/ext/abc/info.json";
-constexpr const char* ImagePath = "/lib/firmware/ext/abc/abc.bin";
+constexpr const char* kInformationPath = "/lib/firmware/ext/abc/info.json";
+constexpr const char* kImagePath = "/lib/firmware/ext/abc/abc.bin";
 
 // What the library took from the file, as far as it can be seen from outside.
 struct Decision {
@@ -25,12 +25,12 @@ struct Decision {
 Decision decide() {
   Decision decision;
   FWUpdateSymbol& module = fuzz::boundModule();
-  scripted::module(fuzz::ModuleStem).checkVersion = [&](const char* version, int* need) {
+  scripted::module(fuzz::kModuleStem).checkVersion = [&](const char* version, int* need) {
     decision.version = version;
     *need = 1;
     return 0;
   };
-  decision.loaded = module.loadInformation(InformationPath);
+  decision.loaded = module.loadInformation(kInformationPath);
   const std::vector<std::string> problems = recording::texts();
   fuzz::require(problems.size() == (decision.loaded ? 0 : 1), "a refused file, and no other, is logged once");
   char noData[] = "";
@@ -57,11 +57,11 @@ void requireAgreement(const Decision& decision, const fwpack::Information& state
 
 void fuzz::prepare(const std::vector<std::string>& visible) {
   enterLibraryDevice(visible);
-  const InputFile emptyImage(ImagePath);
+  const InputFile emptyImage(kImagePath);
 }
 
 bool fuzz::accepts(std::string_view input) {
-  static auto& file = *new InputFile(InformationPath);
+  static auto& file = *new InputFile(kInformationPath);
   file.fill(input);
   const Decision decision = decide();
   if (const auto stated = fwpack::parseInformation(std::string(input))) {

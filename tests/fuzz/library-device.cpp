@@ -6,8 +6,8 @@ namespace fuzz {
 namespace {
 
 FWUpdateSymbol bind() {
-  FWUpdateSymbol symbol(ModuleStem);
-  symbol.loadSymbol(ModuleStem);
+  FWUpdateSymbol symbol(kModuleStem);
+  symbol.loadSymbol(kModuleStem);
   return symbol;
 }
 
@@ -15,7 +15,7 @@ FWUpdateSymbol bind() {
 
 void enterLibraryDevice(const std::vector<std::string>& visible) {
   sandbox::enterDevice({"", {}, {}, visible});
-  scripted::installModule(ModuleStem);
+  scripted::installModule(kModuleStem);
 }
 
 FWUpdateSymbol& boundModule() {

@@ -12,7 +12,7 @@
 
 namespace fuzz {
 
-constexpr const char* ModuleStem = "libabc";  // its identifier is "abcemp"
+constexpr const char* kModuleStem = "libabc";  // its identifier is "abcemp"
 
 // Enters an empty device and installs the module.
 void enterLibraryDevice(const std::vector<std::string>& visible);

@@ -12,11 +12,11 @@
 
 namespace {
 
-constexpr std::size_t BufferSize = 128;
+constexpr std::size_t kBufferSize = 128;
 
 // What a module's buffer holds as a text: 127 characters when it has no terminator.
 std::string textIn(std::string_view buffer) {
-  return std::string(buffer.substr(0, std::min(buffer.find('\0'), BufferSize - 1)));
+  return std::string(buffer.substr(0, std::min(buffer.find('\0'), kBufferSize - 1)));
 }
 
 bool isLettersAndDigits(const std::string& text) {
@@ -26,25 +26,25 @@ bool isLettersAndDigits(const std::string& text) {
 
 void requirePlatformAgrees(const std::string& identifier) {
   using fwplatform::PrivilegedOperation;
-  fuzz::require(fwplatform::IsPackageName(identifier), "it can be downloaded");
+  fuzz::require(fwplatform::isPackageName(identifier), "it can be downloaded");
   const std::string directory = "/opt/usr/apps/appbinarymanager/emps/" + identifier;
   const std::string mount =
       "-o ro,loop,nodev,nosuid /opt/usr/apps/appbinarymanager/" + identifier + ".img " + directory;
   std::string refusal;
-  fuzz::require(fwplatform::ParsePrivilegedRequest(PrivilegedOperation::kMount,
+  fuzz::require(fwplatform::parsePrivilegedRequest(PrivilegedOperation::Mount,
                                                    {mount.c_str(), mount.size() + 1}, refusal)
                     .has_value(),
                 "it can be mounted");
   fuzz::require(
-      fwplatform::ParsePrivilegedRequest(PrivilegedOperation::kUmount, directory, refusal).has_value(),
+      fwplatform::parsePrivilegedRequest(PrivilegedOperation::Umount, directory, refusal).has_value(),
       "it can be unmounted");
 }
 
 bool bindsWithIdentifier(std::string_view buffer) {
   fuzz::boundModule();
-  scripted::module(fuzz::ModuleStem).writeEMPID = [&](char* out) { buffer.copy(out, buffer.size()); };
-  FWUpdateSymbol module(fuzz::ModuleStem);
-  const bool bound = module.loadSymbol(fuzz::ModuleStem) == 0;
+  scripted::module(fuzz::kModuleStem).writeEMPID = [&](char* out) { buffer.copy(out, buffer.size()); };
+  FWUpdateSymbol module(fuzz::kModuleStem);
+  const bool bound = module.loadSymbol(fuzz::kModuleStem) == 0;
 
   const std::string identifier = textIn(buffer);
   const std::size_t emp = identifier.find("emp");
@@ -61,11 +61,11 @@ bool bindsWithIdentifier(std::string_view buffer) {
 
 void requireVersionIsRead(std::string_view buffer) {
   FWUpdateSymbol& module = fuzz::boundModule();
-  scripted::module(fuzz::ModuleStem).writeActiveVersion = [&](char* out) {
+  scripted::module(fuzz::kModuleStem).writeActiveVersion = [&](char* out) {
     buffer.copy(out, buffer.size());
     return 0;
   };
-  char version[BufferSize] = {};
+  char version[kBufferSize] = {};
   module.getActiveVersion(version);
   fuzz::require(textIn(buffer) == version, "a version ends within its buffer");
 }
@@ -78,7 +78,7 @@ void fuzz::prepare(const std::vector<std::string>& visible) {
 
 // The bytes of the one buffer, then those of the other.
 bool fuzz::accepts(std::string_view input) {
-  const std::string_view rest = input.substr(std::min(input.size(), BufferSize));
-  requireVersionIsRead(rest.substr(0, BufferSize));
-  return bindsWithIdentifier(input.substr(0, BufferSize));
+  const std::string_view rest = input.substr(std::min(input.size(), kBufferSize));
+  requireVersionIsRead(rest.substr(0, kBufferSize));
+  return bindsWithIdentifier(input.substr(0, kBufferSize));
 }

@@ -14,7 +14,7 @@
 
 namespace {
 
-constexpr const char* InputPath = "/tmp/mounts";
+constexpr const char* kInputPath = "/tmp/mounts";
 
 int linesThatBeginWith(std::string_view text, std::string_view beginning) {
   int count = 0;
@@ -38,16 +38,16 @@ void requireMountPointsAreRead(std::string_view input) {
 
 void fuzz::prepare(const std::vector<std::string>& visible) {
   enterLibraryDevice(visible);
-  const InputFile input(InputPath);
+  const InputFile input(kInputPath);
   // They stay as long as the process and its device.
   static auto& tables = *new std::vector<MountedOver>;
   for (const char* const table : {"/proc/mounts", "/proc/self/mountinfo"}) {
-    tables.push_back(MountedOver::file(table, InputPath));
+    tables.push_back(MountedOver::file(table, kInputPath));
   }
 }
 
 bool fuzz::accepts(std::string_view input) {
-  static auto& file = *new InputFile(InputPath);
+  static auto& file = *new InputFile(kInputPath);
   file.fill(input);
   const int mounted = countMountedLoopDevices();
   require(mounted == linesThatBeginWith(input, "/dev/loop"), "each line of a loop device is counted");

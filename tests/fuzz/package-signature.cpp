@@ -15,12 +15,12 @@
 
 namespace {
 
-constexpr const char* KeyDirectory = FUZZ_SOURCE_TREE "/tests/fuzz/keys";
-constexpr const char* SignedPackages = FUZZ_SOURCE_TREE "/tests/fuzz/corpus/package-signature/good";
+constexpr const char* kKeyDirectory = FUZZ_SOURCE_TREE "/tests/fuzz/keys";
+constexpr const char* kSignedPackages = FUZZ_SOURCE_TREE "/tests/fuzz/corpus/package-signature/good";
 
 std::vector<std::string> readSignedPackages() {
   std::vector<std::string> packages;
-  for (const auto& entry : std::filesystem::directory_iterator(SignedPackages)) {
+  for (const auto& entry : std::filesystem::directory_iterator(kSignedPackages)) {
     std::ifstream stream(entry.path(), std::ios::binary);
     packages.emplace_back(std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>());
   }
@@ -46,7 +46,7 @@ void fuzz::prepare(const std::vector<std::string>&) {}
 bool fuzz::accepts(std::string_view input) {
   static auto& file = *new InputFile;
   file.fill(input);
-  const fwpackage::Trust trust = fwpackage::trustIn(KeyDirectory);
+  const fwpackage::Trust trust = fwpackage::trustIn(kKeyDirectory);
   const fwpackage::Verdict verdict = fwpackage::checkSignature(file.path(), trust, wanted()).verdict;
   require(*fwpackage::infoOf(verdict).sentence != '\0', "every verdict has a sentence");
   const bool valid = verdict == fwpackage::Verdict::Valid;

@@ -23,10 +23,10 @@ using fwplatform::UmountRequest;
 #define PACKAGES "/opt/usr/apps/appbinarymanager/"
 #define OPTION "(?:ro|loop|nodev|nosuid|noexec)"
 
-constexpr const char* MountPattern =
+constexpr const char* kMountPattern =
     "-o (" OPTION "(?:," OPTION "){3,4}) " PACKAGES "(" NAME ") " PACKAGES "emps/(" NAME ")";
-constexpr const char* NodePattern = "-m 0660 -Z \\* /dev/loop(\\d|[1-9]\\d|1\\d\\d|2[0-4]\\d)  b 7 \\1";
-constexpr const char* UnmountPattern = PACKAGES "emps/(" NAME ")";
+constexpr const char* kNodePattern = "-m 0660 -Z \\* /dev/loop(\\d|[1-9]\\d|1\\d\\d|2[0-4]\\d)  b 7 \\1";
+constexpr const char* kUnmountPattern = PACKAGES "emps/(" NAME ")";
 
 bool hasEach(const std::string& options, std::initializer_list<const char*> names) {
   for (const char* const name : names) {
@@ -48,38 +48,38 @@ struct Expected {
 
   bool operator()(const MountRequest& request) const {
     std::smatch match;
-    return std::regex_match(text, match, std::regex(MountPattern)) && areMountOptions(match[1]) &&
+    return std::regex_match(text, match, std::regex(kMountPattern)) && areMountOptions(match[1]) &&
            match[2] == request.imageName && match[3] == request.directoryName &&
            request.noExec == hasEach(match[1], {"noexec"});
   }
   bool operator()(const MknodRequest& request) const {
     std::smatch match;
-    return std::regex_match(text, match, std::regex(NodePattern)) &&
+    return std::regex_match(text, match, std::regex(kNodePattern)) &&
            std::stoul(match[1]) == request.loopNumber;
   }
   bool operator()(const UmountRequest& request) const {
     std::smatch match;
-    return std::regex_match(text, match, std::regex(UnmountPattern)) && match[1] == request.directoryName;
+    return std::regex_match(text, match, std::regex(kUnmountPattern)) && match[1] == request.directoryName;
   }
 };
 
 // The text without the NUL that two of the operations end it with.
 bool isExpected(PrivilegedOperation operation, std::string text, const PrivilegedRequest& request) {
-  if (operation != PrivilegedOperation::kUmount) {
+  if (operation != PrivilegedOperation::Umount) {
     text.pop_back();
   }
   return std::visit(Expected{text}, request);
 }
 
 bool acceptsRequest(std::string_view input) {
-  const auto message = fwplatform::DecodePrivilegedMessage(input);
+  const auto message = fwplatform::decodePrivilegedMessage(input);
   if (!message) {
     return false;
   }
-  fuzz::require(fwplatform::EncodePrivilegedMessage(message->operation, message->text) == input,
+  fuzz::require(fwplatform::encodePrivilegedMessage(message->operation, message->text) == input,
                 "a message that is read is written the same");
   std::string refusal;
-  const auto request = fwplatform::ParsePrivilegedRequest(message->operation, message->text, refusal);
+  const auto request = fwplatform::parsePrivilegedRequest(message->operation, message->text, refusal);
   fuzz::require(request.has_value() == refusal.empty(), "what is refused, and nothing else, has a reason");
   if (request) {
     fuzz::require(isExpected(message->operation, std::string(message->text), *request),
@@ -89,9 +89,9 @@ bool acceptsRequest(std::string_view input) {
 }
 
 bool acceptsAnswer(std::string_view input) {
-  const auto answer = fwplatform::DecodePrivilegedAnswer(input);
+  const auto answer = fwplatform::decodePrivilegedAnswer(input);
   if (answer) {
-    fuzz::require(fwplatform::EncodePrivilegedAnswer(*answer) == input,
+    fuzz::require(fwplatform::encodePrivilegedAnswer(*answer) == input,
                   "an answer that is read is written the same");
   }
   return answer.has_value();

@@ -14,7 +14,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr int Skipped = 77;
+constexpr int kSkipped = 77;
 
 struct Counts {
   int files = 0;
@@ -48,7 +48,7 @@ int main(int argc, char** argv) {
     fuzz::prepare({FUZZ_BINARY_TREE, FUZZ_SOURCE_TREE});
   } catch (const std::exception& error) {
     std::printf("cannot run here: %s\n", error.what());
-    return Skipped;
+    return kSkipped;
   }
   Counts counts;
   for (int i = 1; i < argc; ++i) {

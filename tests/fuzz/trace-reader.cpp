@@ -41,8 +41,8 @@ auto tagsIn(const std::string& page) {
 }
 
 void requireNoOtherTags(const tracetool::Timeline& timeline) {
-  static const auto ownTags = tagsIn(tracetool::exportHtml({}));
-  fuzz::require(tagsIn(tracetool::exportHtml(timeline)) == ownTags, "no message adds to the page's tags");
+  static const auto kOwnTags = tagsIn(tracetool::exportHtml({}));
+  fuzz::require(tagsIn(tracetool::exportHtml(timeline)) == kOwnTags, "no message adds to the page's tags");
 }
 
 }  // namespace

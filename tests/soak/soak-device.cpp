@@ -17,20 +17,20 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr const char* controls = "/prd/usr/fwupdate/controls/";
-constexpr const char* firmware = "/lib/firmware/ext/";
-constexpr const char* packages = "/opt/usr/apps/appbinarymanager/";
-constexpr const char* packageStore = "/opt/usr/share/sbox/";
-constexpr std::size_t imageBytes = 20000;
+constexpr const char* kControls = "/prd/usr/fwupdate/controls/";
+constexpr const char* kFirmware = "/lib/firmware/ext/";
+constexpr const char* kPackages = "/opt/usr/apps/appbinarymanager/";
+constexpr const char* kPackageStore = "/opt/usr/share/sbox/";
+constexpr std::size_t kImageBytes = 20000;
 // Long enough that a machine under load does not run out of it by itself.
-constexpr unsigned int expectedSeconds = 8;
+constexpr unsigned int kExpectedSeconds = 8;
 
 void addModule(const std::string& library) {
-  fs::copy_file(SOAK_MODULE, controls + library + ".so");
+  fs::copy_file(SOAK_MODULE, kControls + library + ".so");
 }
 
 void addImage(const std::string& library, unsigned int seconds) {
-  sandbox::writeFirmware(firmware, library.substr(3), "2.0", imageBytes, seconds);
+  sandbox::writeFirmware(kFirmware, library.substr(3), "2.0", kImageBytes, seconds);
 }
 
 std::string empName(int slot) {
@@ -38,18 +38,18 @@ std::string empName(int slot) {
 }
 
 std::string usbPackage() {
-  return usb::package("2.0", usb::noise(imageBytes));
+  return usb::package("2.0", usb::noise(kImageBytes));
 }
 
 }  // namespace
 
 const std::string& packageName() {
-  static const std::string name = [] {
+  static const std::string kName = [] {
     char text[32];
     std::snprintf(text, sizeof text, "soakpack%08x", std::random_device()());
     return std::string(text) + "n";
   }();
-  return name;
+  return kName;
 }
 
 std::string packageModule(int slot) {
@@ -57,32 +57,32 @@ std::string packageModule(int slot) {
 }
 
 std::size_t usbPackageSize() {
-  static const std::size_t size = usbPackage().size();
-  return size;
+  static const std::size_t kSize = usbPackage().size();
+  return kSize;
 }
 
 void layOut(int slots) {
-  for (int i = 0; i < modules; ++i) {
+  for (int i = 0; i < kModules; ++i) {
     addModule("libsoak" + std::to_string(i));
-    addImage("libsoak" + std::to_string(i), expectedSeconds);
+    addImage("libsoak" + std::to_string(i), kExpectedSeconds);
   }
-  addModule(slowModule);
-  addImage(slowModule, 0);
-  addModule(procedureModule);
+  addModule(kSlowModule);
+  addImage(kSlowModule, 0);
+  addModule(kProcedureModule);
   for (int slot = 0; slot < slots; ++slot) {
     addModule(packageModule(slot));
-    sandbox::writePackage(packageStore, empName(slot), packageModule(slot).substr(3), "2.0", imageBytes,
-                          expectedSeconds);
+    sandbox::writePackage(kPackageStore, empName(slot), packageModule(slot).substr(3), "2.0", kImageBytes,
+                          kExpectedSeconds);
   }
-  fs::create_directories(usbDirectory);
-  std::ofstream(usbDirectory + std::string("soak0.bin"), std::ios::binary) << usbPackage();
+  fs::create_directories(kUsbDirectory);
+  std::ofstream(kUsbDirectory + std::string("soak0.bin"), std::ios::binary) << usbPackage();
 }
 
 void putPackageImage(int slot) {
   const std::string name = empName(slot) + ".img";
-  const std::string unfinished = packages + name + ".new";
-  fs::copy_file(packageStore + name, unfinished, fs::copy_options::overwrite_existing);
-  fs::rename(unfinished, packages + name);
+  const std::string unfinished = kPackages + name + ".new";
+  fs::copy_file(kPackageStore + name, unfinished, fs::copy_options::overwrite_existing);
+  fs::rename(unfinished, kPackages + name);
 }
 
 }  // namespace soak

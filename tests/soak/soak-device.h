@@ -8,10 +8,10 @@
 
 namespace soak {
 
-inline constexpr int modules = 5;
+inline constexpr int kModules = 5;
 // Takes longer than its image says, and so runs out of time after two seconds.
-inline constexpr const char* slowModule = "libslow";
-inline constexpr const char* procedureModule = "libEXT-soak";
+inline constexpr const char* kSlowModule = "libslow";
+inline constexpr const char* kProcedureModule = "libEXT-soak";
 // How the packages of this run begin, and of no other on this machine: loop devices are
 // the machine's.
 const std::string& packageName();
@@ -22,7 +22,7 @@ void layOut(int slots);
 // The library removes a package's image when its update succeeded.
 void putPackageImage(int slot);
 
-inline constexpr const char* usbDirectory = "/opt/media/USBDriveA/";
+inline constexpr const char* kUsbDirectory = "/opt/media/USBDriveA/";
 std::size_t usbPackageSize();
 
 }  // namespace soak

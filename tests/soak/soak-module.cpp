@@ -81,10 +81,12 @@ int doUpdate(const char*, unsigned long crc) {
   soak::journal("begin", getpid());
   take(isLate ? 5 : wanted.milliseconds);
   soak::journal("end", getpid());
-  if (isLate)
+  if (isLate) {
     take(wanted.milliseconds);
-  if (wanted.word == "throw")
+  }
+  if (wanted.word == "throw") {
     throw std::runtime_error("flash controller lost");
+  }
   if (wanted.word == "fail") {
     errno = EIO;
     return -EIO;

@@ -21,37 +21,39 @@
 namespace soak {
 namespace {
 
-constexpr int timedOut = 1;
+constexpr int kTimedOut = 1;
 
 // In a thousand requests.
 constexpr struct {
   Kind kind;
   int share;
-} shares[] = {{Kind::Update, 696}, {Kind::Fail, 110},   {Kind::Throw, 50},     {Kind::Current, 80},
-              {Kind::Late, 2},     {Kind::Package, 40}, {Kind::Procedure, 12}, {Kind::Usb, 10}};
+} kShares[] = {{Kind::Update, 696}, {Kind::Fail, 110},   {Kind::Throw, 50},     {Kind::Current, 80},
+               {Kind::Late, 2},     {Kind::Package, 40}, {Kind::Procedure, 12}, {Kind::Usb, 10}};
 
 std::size_t countEntries(const char* directory) {
   std::size_t count = 0;
-  for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator(directory))
+  for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator(directory)) {
     ++count;
+  }
   return count;
 }
 
 std::size_t residentKib() {
   std::ifstream status("/proc/self/status");
-  for (std::string word; status >> word;)
+  for (std::string word; status >> word;) {
     if (word == "VmRSS:") {
       std::size_t kib = 0;
       status >> kib;
       return kib;
     }
+  }
   return 0;
 }
 
 // What an allocation of this size takes from the heap.
 std::size_t chunk(std::size_t bytes) {
-  constexpr std::size_t alignment = 2 * sizeof(std::size_t);
-  return (bytes + sizeof(std::size_t) + alignment - 1) / alignment * alignment;
+  constexpr std::size_t kAlignment = 2 * sizeof(std::size_t);
+  return (bytes + sizeof(std::size_t) + kAlignment - 1) / kAlignment * kAlignment;
 }
 
 class Worker {
@@ -59,12 +61,14 @@ class Worker {
   Worker(int slot, unsigned int seed, int channel) : slot_(slot), random_(seed), channel_(channel) {}
 
   void run(Orders& orders) {
-    while (orders.left-- > 0)
+    while (orders.left-- > 0) {
       tell(request(chosenKind()));
+    }
     // So that no package is left mounted: only a success unmounts.
     Word last = request(Kind::Package, true);
-    while (countEntries("/proc/self/task") > 1)
+    while (countEntries("/proc/self/task") > 1) {
       std::this_thread::sleep_for(std::chrono::milliseconds(20));  // late modules come to their end
+    }
     last.use = use();
     last.last = true;
     tell(last);
@@ -75,10 +79,11 @@ class Worker {
 
   Kind chosenKind() {
     int point = upTo(999);
-    for (const auto& [kind, share] : shares) {
+    for (const auto& [kind, share] : kShares) {
       point -= share;
-      if (point < 0)
+      if (point < 0) {
         return kind;
+      }
     }
     return Kind::Update;
   }
@@ -88,17 +93,18 @@ class Worker {
     word.slot = slot_;
     word.process = getpid();
     word.kind = kind;
-    if (kind == Kind::Usb)
+    if (kind == Kind::Usb) {
       fromUsb(word);
-    else
+    } else {
       ordinary(word, succeed);
+    }
     word.use = use();
     return word;
   }
 
   void ordinary(Word& word, bool succeed) {
     FWUpdateContorl& control = *FWUpdateContorl::getInstance();
-    const std::string module = "libsoak" + std::to_string(upTo(modules - 1));
+    const std::string module = "libsoak" + std::to_string(upTo(kModules - 1));
     const std::string time = " " + std::to_string(4 + upTo(6));
     const auto ask = [&](const std::string& library, const std::string& data) {
       return control.fw_update_from_upgrade_app(library.c_str(), data.c_str());
@@ -120,8 +126,8 @@ class Worker {
         word.result = ask(module, "current");
         break;
       case Kind::Late:
-        word.result = ask(slowModule, "late 2600");
-        wanted = timedOut;
+        word.result = ask(kSlowModule, "late 2600");
+        wanted = kTimedOut;
         break;
       case Kind::Package: {
         const bool fails = !succeed && upTo(3) == 0;
@@ -132,12 +138,12 @@ class Worker {
         break;
       }
       case Kind::Procedure:
-        word.result = ask(procedureModule, "update" + time);
+        word.result = ask(kProcedureModule, "update" + time);
         break;
       case Kind::Usb:
         break;
     }
-    word.lateNotice = word.kind != Kind::Late && word.result == timedOut;
+    word.lateNotice = word.kind != Kind::Late && word.result == kTimedOut;
     word.expected = word.result == wanted || word.lateNotice;
   }
 
@@ -149,9 +155,9 @@ class Worker {
                                                   version);  // nothing is left of an older request
     FWUpdateSymbolManager& manager = *FWUpdateSymbolManager::getInstance();
     int seconds = 0;
-    const int found = manager.getFirmwareUpdateTime(usb::bytesOf(usb::key()), usbDirectory, seconds);
-    word.result = manager.doUpdateUSB(usb::bytesOf(usb::key()), usbDirectory);
-    kept_ += chunk(usbPackageSize()) + chunk(usbPackageSize() - usb::IvSize);
+    const int found = manager.getFirmwareUpdateTime(usb::bytesOf(usb::key()), kUsbDirectory, seconds);
+    word.result = manager.doUpdateUSB(usb::bytesOf(usb::key()), kUsbDirectory);
+    kept_ += chunk(usbPackageSize()) + chunk(usbPackageSize() - usb::kIvSize);
     word.expected = found == 0 && seconds == 1 && word.result == 0;
   }
 

@@ -17,9 +17,9 @@ std::atomic<int> cipherContextsFreed{0};
 
 bool canFailAllocations() {
   void* (*volatile allocate)(std::size_t) = std::malloc;  // or the compiler leaves it out
-  constexpr std::size_t Size = 1234;
-  failingMallocSize = Size;
-  void* const memory = allocate(Size);
+  constexpr std::size_t kSize = 1234;
+  failingMallocSize = kSize;
+  void* const memory = allocate(kSize);
   failingMallocSize = 0;
   std::free(memory);
   return memory == nullptr;
@@ -61,17 +61,17 @@ TAKES_PLACE UNCHECKED void* calloc(std::size_t count, std::size_t size) noexcept
 static std::atomic<EVP_CIPHER_CTX*> lastContext{nullptr};
 
 TAKES_PLACE EVP_CIPHER_CTX* EVP_CIPHER_CTX_new() {
-  static auto* const real = reinterpret_cast<EVP_CIPHER_CTX* (*)()>(dlsym(RTLD_NEXT, "EVP_CIPHER_CTX_new"));
+  static auto* const kReal = reinterpret_cast<EVP_CIPHER_CTX* (*)()>(dlsym(RTLD_NEXT, "EVP_CIPHER_CTX_new"));
   if (faults::failCipherContexts) {
     return nullptr;
   }
   ++faults::cipherContextsMade;
-  return lastContext = real();
+  return lastContext = kReal();
 }
 
 TAKES_PLACE void EVP_CIPHER_CTX_free(EVP_CIPHER_CTX* context) {
-  static auto* const real =
+  static auto* const kReal =
       reinterpret_cast<void (*)(EVP_CIPHER_CTX*)>(dlsym(RTLD_NEXT, "EVP_CIPHER_CTX_free"));
   ++faults::cipherContextsFreed;
-  real(context);
+  kReal(context);
 }

@@ -9,11 +9,11 @@
 #include <cstdlib>
 #include <stdexcept>
 
-ChildProcess::ChildProcess(const std::function<int()>& function) : pid(fork()) {
-  if (pid < 0) {
+ChildProcess::ChildProcess(const std::function<int()>& function) : pid_(fork()) {
+  if (pid_ < 0) {
     throw std::runtime_error("fork failed");
   }
-  if (pid == 0) {
+  if (pid_ == 0) {
     int result = 255;
     try {
       result = function();
@@ -26,7 +26,7 @@ ChildProcess::ChildProcess(const std::function<int()>& function) : pid(fork()) {
 }
 
 ChildProcess::~ChildProcess() {
-  if (pid > 0) {
+  if (pid_ > 0) {
     kill(SIGKILL);
     wait();
   }
@@ -34,14 +34,14 @@ ChildProcess::~ChildProcess() {
 
 int ChildProcess::wait() {
   int status = 0;
-  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+  while (waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
   }
-  pid = -1;
+  pid_ = -1;
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 void ChildProcess::kill(int signal) {
-  ::kill(pid, signal);
+  ::kill(pid_, signal);
 }
 
 int runInChild(const std::function<int()>& function) {

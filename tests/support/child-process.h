@@ -16,13 +16,13 @@ class ChildProcess {
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
 
-  pid_t id() const { return pid; }
+  pid_t id() const { return pid_; }
   // The exit code, or -1 when a signal ended the child.
   int wait();
   void kill(int signal);
 
  private:
-  pid_t pid;
+  pid_t pid_;
 };
 
 int runInChild(const std::function<int()>& function);

@@ -109,11 +109,11 @@ void reset() {
 #define TAKES_PLACE extern "C" __attribute__((visibility("default")))
 
 TAKES_PLACE int sem_wait(sem_t* semaphore) {
-  static auto* const real = faults::real<int(sem_t*)>("sem_wait");
+  static auto* const kReal = faults::real<int(sem_t*)>("sem_wait");
   if (faults::beforeSemWait) {
     faults::beforeSemWait();
   }
-  const int result = real(semaphore);
+  const int result = kReal(semaphore);
   const int error = errno;
   if (faults::afterSemWait) {
     faults::afterSemWait(result, error);
@@ -124,32 +124,32 @@ TAKES_PLACE int sem_wait(sem_t* semaphore) {
 
 TAKES_PLACE int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*start)(void*),
                                void* argument) noexcept {
-  static auto* const real =
+  static auto* const kReal =
       faults::real<int(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*)>("pthread_create");
-  return faults::failThreads ? EAGAIN : real(thread, attributes, start, argument);
+  return faults::failThreads ? EAGAIN : kReal(thread, attributes, start, argument);
 }
 
 // std::condition_variable::notify_one, which the C++ library defines.
 TAKES_PLACE void notifyOne(pthread_cond_t* condition) __asm__("_ZNSt18condition_variable10notify_oneEv");
 
 void notifyOne(pthread_cond_t* condition) {
-  static auto* const real = faults::real<void(pthread_cond_t*)>("_ZNSt18condition_variable10notify_oneEv");
+  static auto* const kReal = faults::real<void(pthread_cond_t*)>("_ZNSt18condition_variable10notify_oneEv");
   if (!faults::isLibrary(__builtin_return_address(0))) {
-    real(condition);
+    kReal(condition);
     return;
   }
   if (faults::holdWaitUntilNotified) {
-    real(condition);
+    kReal(condition);
     faults::notified = true;
     return;
   }
   pthread_mutex_t* const mutex = faults::awaitWaiter(condition);
   if (mutex == nullptr) {
-    real(condition);
+    kReal(condition);
     return;
   }
   pthread_mutex_lock(mutex);
-  real(condition);
+  kReal(condition);
   pthread_mutex_unlock(mutex);
 }
 
@@ -158,9 +158,9 @@ TAKES_PLACE std::chrono::system_clock::time_point systemNow() noexcept
     __asm__("_ZNSt6chrono3_V212system_clock3nowEv");
 
 std::chrono::system_clock::time_point systemNow() noexcept {
-  static auto* const real =
+  static auto* const kReal =
       faults::real<std::chrono::system_clock::time_point()>("_ZNSt6chrono3_V212system_clock3nowEv");
-  return real() + faults::systemClockAhead.load();
+  return kReal() + faults::systemClockAhead.load();
 }
 
 // The 32-bit build waits with 64-bit times, under another name.
@@ -172,10 +172,10 @@ std::chrono::system_clock::time_point systemNow() noexcept {
 
 TAKES_PLACE int pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mutex,
                                        const timespec* deadline) {
-  static auto* const real =
+  static auto* const kReal =
       faults::real<int(pthread_cond_t*, pthread_mutex_t*, const timespec*)>(TIMED_WAIT_NAME);
   if (!faults::isLibrary(__builtin_return_address(0))) {
-    return real(condition, mutex, deadline);
+    return kReal(condition, mutex, deadline);
   }
   timespec now;
   clock_gettime(CLOCK_REALTIME, &now);
@@ -186,7 +186,7 @@ TAKES_PLACE int pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_
     sched_yield();
   }
   const int result = faults::onTimedWait ? faults::onTimedWait(condition, mutex, deadline)
-                                         : real(condition, mutex, deadline);
+                                         : kReal(condition, mutex, deadline);
   faults::leave(condition);
   return result;
 }
@@ -199,8 +199,8 @@ TAKES_PLACE int pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_
 #endif
 
 TAKES_PLACE int lstat(const char* path, struct stat* status) noexcept {
-  static auto* const real = faults::real<int(const char*, struct stat*)>(LSTAT_NAME);
-  const int result = real(path, status);
+  static auto* const kReal = faults::real<int(const char*, struct stat*)>(LSTAT_NAME);
+  const int result = kReal(path, status);
   const int error = errno;
   if (faults::afterLstat) {
     faults::afterLstat(path);
@@ -221,13 +221,13 @@ std::map<void*, std::string>& openLibraries() {
 }  // namespace
 
 TAKES_PLACE void* dlopen(const char* path, int flags) noexcept {
-  static auto* const real = faults::real<void*(const char*, int)>("dlopen");
+  static auto* const kReal = faults::real<void*(const char*, int)>("dlopen");
   const std::string name = path == nullptr ? "" : path;
   {
     const std::lock_guard<std::mutex> lock(libraryMutex);
     faults::libraryCalls().push_back("dlopen(" + name + ")");
   }
-  void* const library = real(path, flags);
+  void* const library = kReal(path, flags);
   if (library != nullptr) {
     const std::lock_guard<std::mutex> lock(libraryMutex);
     openLibraries()[library] = name;
@@ -236,10 +236,10 @@ TAKES_PLACE void* dlopen(const char* path, int flags) noexcept {
 }
 
 TAKES_PLACE int dlclose(void* library) noexcept {
-  static auto* const real = faults::real<int(void*)>("dlclose");
+  static auto* const kReal = faults::real<int(void*)>("dlclose");
   {
     const std::lock_guard<std::mutex> lock(libraryMutex);
     faults::libraryCalls().push_back("dlclose(" + openLibraries()[library] + ")");
   }
-  return real(library);
+  return kReal(library);
 }

@@ -8,19 +8,19 @@
 class Gate {
  public:
   void open() {
-    const std::lock_guard<std::mutex> lock(mutex);
-    isOpen = true;
-    changed.notify_all();
+    const std::lock_guard<std::mutex> lock(mutex_);
+    isOpen_ = true;
+    changed_.notify_all();
   }
   void wait() {
-    std::unique_lock<std::mutex> lock(mutex);
-    changed.wait(lock, [this] { return isOpen; });
+    std::unique_lock<std::mutex> lock(mutex_);
+    changed_.wait(lock, [this] { return isOpen_; });
   }
 
  private:
-  std::mutex mutex;
-  std::condition_variable changed;
-  bool isOpen = false;
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  bool isOpen_ = false;
 };
 
 #endif

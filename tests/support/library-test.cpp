@@ -31,9 +31,9 @@ void writeImage(const std::string& directory, const std::string& name, const std
 
 void writePackage(const std::string& empName, const std::string& firmwareName, const std::string& version,
                   const std::string& content, unsigned int expectedTime) {
-  DeviceTest::writeFile(Packages + empName + ".img", "package image");
-  DeviceTest::writeFile(PackageMounts + empName + "/" + firmwareName + ".bin", content);
-  writeInformation(PackageMounts, empName, information(version, content, expectedTime));
+  DeviceTest::writeFile(kPackages + empName + ".img", "package image");
+  DeviceTest::writeFile(kPackageMounts + empName + "/" + firmwareName + ".bin", content);
+  writeInformation(kPackageMounts, empName, information(version, content, expectedTime));
 }
 
 void writeInformation(const std::string& directory, const std::string& name, const std::string& json) {
@@ -55,7 +55,7 @@ FWUpdateSymbol LibraryTest::bound(const std::string& stem) {
 }
 
 bool LibraryTest::isLoaded(const std::string& stem) {
-  void* const handle = dlopen((Controls + stem + ".so").c_str(), RTLD_NOW | RTLD_NOLOAD);
+  void* const handle = dlopen((kControls + stem + ".so").c_str(), RTLD_NOW | RTLD_NOLOAD);
   if (handle != nullptr) {
     dlclose(handle);
   }

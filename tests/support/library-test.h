@@ -15,11 +15,11 @@
 #include "recording-platform.h"
 #include "scripted-module.h"
 
-constexpr const char* Controls = "/prd/usr/fwupdate/controls/";
-constexpr const char* Builtin = "/lib/firmware/ext/";
-constexpr const char* Sbox = "/opt/usr/share/sbox/";
-constexpr const char* Packages = "/opt/usr/apps/appbinarymanager/";
-constexpr const char* PackageMounts = "/opt/usr/apps/appbinarymanager/emps/";
+constexpr const char* kControls = "/prd/usr/fwupdate/controls/";
+constexpr const char* kBuiltin = "/lib/firmware/ext/";
+constexpr const char* kSbox = "/opt/usr/share/sbox/";
+constexpr const char* kPackages = "/opt/usr/apps/appbinarymanager/";
+constexpr const char* kPackageMounts = "/opt/usr/apps/appbinarymanager/emps/";
 
 // The image checksum, bit by bit and by itself, to hold the library's against.
 unsigned int referenceCrc(const std::string& bytes);

@@ -47,7 +47,7 @@ std::string render(const char* format, va_list arguments) {
   return text;
 }
 
-constexpr char Prefix[] = "%s: %s(%d) > ";
+constexpr char kPrefix[] = "%s: %s(%d) > ";
 
 }  // namespace
 
@@ -145,7 +145,7 @@ int __dlog_print(int logId, int priority, const char* tag, const char* format, .
   va_end(arguments);
 
   recording::LogLine line{logId, priority, tag, format, "", "", 0, full};
-  if (std::strncmp(format, recording::Prefix, sizeof(recording::Prefix) - 1) == 0) {
+  if (std::strncmp(format, recording::kPrefix, sizeof(recording::kPrefix) - 1) == 0) {
     va_start(arguments, format);
     line.file = va_arg(arguments, const char*);
     line.function = va_arg(arguments, const char*);

@@ -31,16 +31,18 @@ void deliverNotifications() {
 
 [[noreturn]] void execute(const std::vector<std::string>& arguments, const Launch& launch) {
   deliverNotifications();
-  for (const std::string& setting : launch.environment)
+  for (const std::string& setting : launch.environment) {
     putenv(const_cast<char*>(setting.c_str()));
+  }
   if (!launch.overridesFileModes) {
     prctl(PR_CAPBSET_DROP, CAP_DAC_OVERRIDE);
     prctl(PR_CAPBSET_DROP, CAP_DAC_READ_SEARCH);
   }
   std::string name = std::filesystem::path(TESTED_TOOL).filename();  // as a shell would
   std::vector<char*> words{name.data()};
-  for (const std::string& argument : arguments)
+  for (const std::string& argument : arguments) {
     words.push_back(const_cast<char*>(argument.c_str()));
+  }
   words.push_back(nullptr);
   execv(TESTED_TOOL, words.data());
   _exit(127);
@@ -54,19 +56,23 @@ RunningTool::RunningTool(const std::vector<std::string>& arguments, const Launch
     size.ws_row = 24;
     size.ws_col = launch.terminalColumns;
     id_ = forkpty(&outEnd_, nullptr, nullptr, &size);
-    if (id_ < 0)
+    if (id_ < 0) {
       fail("forkpty");
-    if (id_ == 0)
+    }
+    if (id_ == 0) {
       execute(arguments, launch);
+    }
     return;
   }
   int out[2];
   int err[2];
-  if (pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0)
+  if (pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0) {
     fail("pipe2");
+  }
   id_ = fork();
-  if (id_ < 0)
+  if (id_ < 0) {
     fail("fork");
+  }
   if (id_ == 0) {
     dup2(out[1], STDOUT_FILENO);
     dup2(err[1], STDERR_FILENO);
@@ -83,9 +89,11 @@ RunningTool::~RunningTool() {
     ::kill(id_, SIGKILL);
     waitpid(id_, nullptr, 0);
   }
-  for (const int end : {outEnd_, errEnd_})
-    if (end >= 0)
+  for (const int end : {outEnd_, errEnd_}) {
+    if (end >= 0) {
       close(end);
+    }
+  }
 }
 
 // False when both ends are at their end.
@@ -95,12 +103,14 @@ bool RunningTool::readSome() {
     std::string& text;
   } sources[] = {{outEnd_, out_}, {errEnd_, err_}};
   pollfd polled[2] = {{outEnd_, POLLIN, 0}, {errEnd_, POLLIN, 0}};
-  if (outEnd_ < 0 && errEnd_ < 0)
+  if (outEnd_ < 0 && errEnd_ < 0) {
     return false;
+  }
   poll(polled, 2, -1);
   for (int i = 0; i < 2; ++i) {
-    if (polled[i].revents == 0)
+    if (polled[i].revents == 0) {
       continue;
+    }
     char buffer[4096];
     const ssize_t length = read(sources[i].end, buffer, sizeof buffer);
     if (length > 0) {
@@ -114,9 +124,11 @@ bool RunningTool::readSome() {
 }
 
 void RunningTool::waitFor(const std::string& text) {
-  while (out_.find(text) == std::string::npos)
-    if (!readSome())
+  while (out_.find(text) == std::string::npos) {
+    if (!readSome()) {
       throw std::runtime_error("\"" + text + "\" did not come; there was:\n" + out_ + err_);
+    }
+  }
 }
 
 void RunningTool::kill(int signal) {

@@ -23,14 +23,14 @@ int scripted_undefined();
 }
 
 [[maybe_unused]] static const char* stem() {
-  static const std::string name = [] {
+  static const std::string kName = [] {
     Dl_info info;
     dladdr(reinterpret_cast<const void*>(&stem), &info);
     const char* const slash = std::strrchr(info.dli_fname, '/');
     const std::string file = slash == nullptr ? info.dli_fname : slash + 1;
     return file.substr(0, file.rfind('.'));
   }();
-  return name.c_str();
+  return kName.c_str();
 }
 
 #ifndef WITHOUT_setContext

@@ -13,7 +13,7 @@
 namespace scripted {
 namespace {
 
-constexpr const char* File = "/usr/lib/libkZAQUser.so";
+constexpr const char* kFile = "/usr/lib/libkZAQUser.so";
 
 std::function<int(const std::string&)>& answer() {
   static auto& instance = *new std::function<int(const std::string&)>;
@@ -38,9 +38,9 @@ const char* nameOf(Verifier variant) {
 }
 
 bool isSigned(const std::string& path) {
-  constexpr int TrailerSize = 534;
+  constexpr int kTrailerSize = 534;
   std::ifstream file(path, std::ios::binary);
-  file.seekg(-TrailerSize, std::ios::end);
+  file.seekg(-kTrailerSize, std::ios::end);
   std::string mark(6, '\0');
   return file.read(mark.data(), static_cast<std::streamsize>(mark.size())) && mark == "SIGNED";
 }
@@ -48,8 +48,8 @@ bool isSigned(const std::string& path) {
 }  // namespace
 
 void installVerifier(Verifier variant) {
-  std::filesystem::remove(File);  // not written over: it may be loaded
-  std::filesystem::copy_file(std::string(SCRIPTED_MODULES_DIRECTORY) + "/" + nameOf(variant) + ".so", File);
+  std::filesystem::remove(kFile);  // not written over: it may be loaded
+  std::filesystem::copy_file(std::string(SCRIPTED_MODULES_DIRECTORY) + "/" + nameOf(variant) + ".so", kFile);
 }
 
 void setVerifierAnswer(std::function<int(const std::string&)> newAnswer) {

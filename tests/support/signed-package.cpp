@@ -80,7 +80,7 @@ fwpack::SigningKey makeKey(const fwpackage::Algorithm& algorithm) {
 
 const fwpack::SigningKey& testSigningKey(const std::string& algorithm) {
   static std::map<std::string, fwpack::SigningKey> keys;
-  for (const auto& known : fwpackage::algorithms) {
+  for (const auto& known : fwpackage::kAlgorithms) {
     if (algorithm == known.name) {
       const auto found = keys.find(algorithm);
       return found != keys.end() ? found->second : keys.emplace(algorithm, makeKey(known)).first->second;
@@ -92,7 +92,7 @@ const fwpack::SigningKey& testSigningKey(const std::string& algorithm) {
 std::string publicPem(const fwpack::SigningKey& key) {
   const fwpack::TemporaryDirectory directory;
   const std::string path = directory.path() + "/key.pem";
-  fwpack::OutputFile file(path, fwpack::publicMode);
+  fwpack::OutputFile file(path, fwpack::kPublicMode);
   key.writePublicPem(file);
   file.commit();
   std::ifstream written(path);
@@ -108,11 +108,11 @@ fwpackage::Statements statementsFor(const std::string& name) {
 
 std::string signedFile(const std::string& content, const fwpack::SigningKey& key,
                        const fwpackage::Statements& statements) {
-  return withTrailer(content, key, fwpackage::newestFormat, statements);
+  return withTrailer(content, key, fwpackage::kNewestFormat, statements);
 }
 
 std::string oldSignedFile(const std::string& content, const fwpack::SigningKey& key) {
-  return withTrailer(content, key, fwpackage::oldFormat, {});
+  return withTrailer(content, key, fwpackage::kOldFormat, {});
 }
 
 std::string usbPackage(const std::string& key, const std::string& version, const std::string& image,

@@ -12,11 +12,11 @@
 class TemporaryMount {
  public:
   // An empty directory in memory over a directory.
-  static TemporaryMount Memory(const std::string& target) {
+  static TemporaryMount memory(const std::string& target) {
     return TemporaryMount("tmpfs", target, "tmpfs", 0);
   }
   // A file or directory over another.
-  static TemporaryMount Bind(const std::string& source, const std::string& target) {
+  static TemporaryMount bind(const std::string& source, const std::string& target) {
     return TemporaryMount(source, target, nullptr, MS_BIND);
   }
 

@@ -9,7 +9,7 @@
 namespace usb {
 namespace {
 
-constexpr std::size_t BlockSize = 16;
+constexpr std::size_t kBlockSize = 16;
 
 struct FreeContext {
   void operator()(EVP_CIPHER_CTX* context) const { EVP_CIPHER_CTX_free(context); }
@@ -27,7 +27,7 @@ std::string crypt(const std::string& input, const std::string& withKey, const st
   require(EVP_CipherInit_ex(context.get(), EVP_aes_256_cbc(), nullptr, bytesOf(withKey), bytesOf(withIv),
                             encrypts ? 1 : 0));
   require(EVP_CIPHER_CTX_set_padding(context.get(), pads ? 1 : 0));
-  std::string output(input.size() + BlockSize, '\0');
+  std::string output(input.size() + kBlockSize, '\0');
   auto* const out = reinterpret_cast<unsigned char*>(output.data());
   int written = 0;
   int last = 0;
@@ -40,7 +40,7 @@ std::string crypt(const std::string& input, const std::string& withKey, const st
 // The length of a whole padding at the end, or 0.
 std::size_t paddingOf(const std::string& blocks) {
   const auto length = static_cast<std::size_t>(static_cast<unsigned char>(blocks.back()));
-  if (length == 0 || length > BlockSize) {
+  if (length == 0 || length > kBlockSize) {
     return 0;
   }
   const bool whole = std::all_of(blocks.end() - static_cast<std::ptrdiff_t>(length), blocks.end(),
@@ -55,13 +55,13 @@ const unsigned char* bytesOf(const std::string& text) {
 }
 
 const std::string& key() {
-  static const std::string value = noise(32, 1001);
-  return value;
+  static const std::string kValue = noise(32, 1001);
+  return kValue;
 }
 
 const std::string& iv() {
-  static const std::string value = noise(IvSize, 1002);
-  return value;
+  static const std::string kValue = noise(kIvSize, 1002);
+  return kValue;
 }
 
 std::string noise(std::size_t size, unsigned int seed) {
@@ -79,20 +79,20 @@ std::string encrypt(const std::string& plaintext) {
 }
 
 std::string package(const std::string& version, const std::string& image) {
-  std::string block = version.substr(0, VersionSize);
-  block.resize(VersionSize, '\0');
+  std::string block = version.substr(0, kVersionSize);
+  block.resize(kVersionSize, '\0');
   const std::string signature = "SIGNED";
-  return iv() + encrypt(block + image) + signature + noise(TrailerSize - signature.size(), 1003);
+  return iv() + encrypt(block + image) + signature + noise(kTrailerSize - signature.size(), 1003);
 }
 
 std::string decrypt(const std::string& ciphertext, const std::string& withKey, const std::string& withIv) {
-  const std::size_t whole = ciphertext.size() / BlockSize * BlockSize;
+  const std::size_t whole = ciphertext.size() / kBlockSize * kBlockSize;
   std::string out = crypt(ciphertext.substr(0, whole), withKey, withIv, false, false);
   if (whole != ciphertext.size() || whole == 0) {
     return out;
   }
   const std::size_t padding = paddingOf(out);
-  out.resize(out.size() - (padding == 0 ? BlockSize : padding));
+  out.resize(out.size() - (padding == 0 ? kBlockSize : padding));
   return out;
 }
 

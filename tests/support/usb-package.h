@@ -9,10 +9,10 @@
 
 namespace usb {
 
-constexpr std::size_t IvSize = 16;
-constexpr std::size_t VersionSize = 64;
-constexpr std::size_t TrailerSize = 534;
-constexpr std::size_t ReadSize = 10240;
+constexpr std::size_t kIvSize = 16;
+constexpr std::size_t kVersionSize = 64;
+constexpr std::size_t kTrailerSize = 534;
+constexpr std::size_t kReadSize = 10240;
 
 // The 32-byte key and the IV of the packages here.
 const std::string& key();

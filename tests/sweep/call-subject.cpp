@@ -96,20 +96,23 @@ std::string textAt(pid_t process, std::uint64_t address) {
                       static_cast<std::size_t>(std::min<std::uint64_t>(sizeof block, page - address % page))};
     const iovec remote{reinterpret_cast<void*>(static_cast<std::uintptr_t>(address)), local.iov_len};
     const ssize_t count = process_vm_readv(process, &local, 1, &remote, 1, 0);
-    if (count <= 0)
+    if (count <= 0) {
       break;
+    }
     const std::size_t length = ::strnlen(block, static_cast<std::size_t>(count));
     text.append(block, length);
-    if (length < static_cast<std::size_t>(count))
+    if (length < static_cast<std::size_t>(count)) {
       break;
+    }
     address += static_cast<std::uint64_t>(count);
   }
   return text;
 }
 
 std::string fileOf(pid_t process, std::uint64_t descriptor) {
-  if (descriptor == STDOUT_FILENO || descriptor == STDERR_FILENO)
+  if (descriptor == STDOUT_FILENO || descriptor == STDERR_FILENO) {
     return descriptor == STDOUT_FILENO ? "standard output" : "standard error";
+  }
   const std::string link =
       "/proc/" + std::to_string(process) + "/fd/" + std::to_string(static_cast<int>(descriptor));
   char target[PATH_MAX];
@@ -147,8 +150,9 @@ std::string fcntlCommand(std::uint64_t command) {
 
 std::string rawSubject(pid_t process, const SystemCall& call) {
   for (const SubjectOf& subject : kSubjects) {
-    if (call.name != subject.call)
+    if (call.name != subject.call) {
       continue;
+    }
     const std::uint64_t value = call.arguments[subject.argument];
     switch (subject.kind) {
       case Subject::Path:
@@ -172,8 +176,9 @@ void hideRandomName(std::string& text) {
   constexpr char kBeginning[] = "/dev/shm/sem.";
   constexpr char kLock[] = "/dev/shm/sem.SEM_UPDATE_CONTROL";
   const std::size_t begin = text.find(kBeginning);
-  if (begin == std::string::npos || text.compare(begin, sizeof kLock - 1, kLock) == 0)
+  if (begin == std::string::npos || text.compare(begin, sizeof kLock - 1, kLock) == 0) {
     return;
+  }
   const std::size_t name = begin + sizeof kBeginning - 1;
   text.replace(name, std::min<std::size_t>(6, text.size() - name), "#");
 }

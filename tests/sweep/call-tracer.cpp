@@ -36,9 +36,10 @@ CommandLine parse(int count, char** words) {
   const std::vector<std::string> given(words, words + count);
   const auto end = std::find(given.begin(), given.end(), "--");
   const auto options = end - given.begin();
-  if (end == given.end() || end + 1 == given.end() || (options != 2 && options != 7))
+  if (end == given.end() || end + 1 == given.end() || (options != 2 && options != 7)) {
     throw std::invalid_argument(
         "usage: call-tracer RECORD [THREAD CALL SUBJECT NUMBER kill|ERRNO] -- PROGRAM...");
+  }
   CommandLine line;
   line.record = words[1];
   line.program = words + options + 1;

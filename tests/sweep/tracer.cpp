@@ -42,9 +42,11 @@ constexpr long kBreakInstruction = 0xCC;
 // Where the program begins when it is loaded.
 unsigned long entryOf(pid_t process) {
   std::ifstream file("/proc/" + std::to_string(process) + "/auxv", std::ios::binary);
-  for (unsigned long pair[2]; file.read(reinterpret_cast<char*>(pair), sizeof pair);)
-    if (pair[0] == AT_ENTRY)
+  for (unsigned long pair[2]; file.read(reinterpret_cast<char*>(pair), sizeof pair);) {
+    if (pair[0] == AT_ENTRY) {
       return pair[1];
+    }
+  }
   throw std::runtime_error("the program's entry is not known");
 }
 
@@ -52,14 +54,16 @@ unsigned long entryOf(pid_t process) {
 
 Tracer::Tracer(const char* record, Target target)
     : target_(std::move(target)), record_(std::fopen(record, "we")) {
-  if (!record_)
+  if (!record_) {
     fail(record);
+  }
 }
 
 void Tracer::start(char** program) {
   leader_ = fork();
-  if (leader_ < 0)
+  if (leader_ < 0) {
     fail("fork");
+  }
   if (leader_ == 0) {
     ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
     raise(SIGSTOP);
@@ -68,11 +72,13 @@ void Tracer::start(char** program) {
     _exit(kNotTraced);
   }
   int status = 0;
-  if (waitpid(leader_, &status, 0) != leader_ || !WIFSTOPPED(status))
+  if (waitpid(leader_, &status, 0) != leader_ || !WIFSTOPPED(status)) {
     fail("the program does not stop");
+  }
   const long options = PTRACE_O_TRACESYSGOOD | PTRACE_O_TRACECLONE | PTRACE_O_TRACEEXEC | PTRACE_O_EXITKILL;
-  if (ptrace(PTRACE_SETOPTIONS, leader_, nullptr, options) != 0)
+  if (ptrace(PTRACE_SETOPTIONS, leader_, nullptr, options) != 0) {
     fail("ptrace");
+  }
   threads_[leader_].name = "0";
   goOn(leader_, 0);
 }
@@ -82,17 +88,20 @@ int Tracer::run(char** program) {
   for (;;) {
     int status = 0;
     const pid_t id = waitpid(-1, &status, __WALL);
-    if (id < 0 && errno == EINTR)
+    if (id < 0 && errno == EINTR) {
       continue;
-    if (id < 0)
+    }
+    if (id < 0) {
       fail("waitpid");
+    }
     if (WIFSTOPPED(status)) {
       handleStop(id, status);
       continue;
     }
     threads_.erase(id);
-    if (id == leader_)
+    if (id == leader_) {
       return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    }
   }
 }
 
@@ -110,8 +119,9 @@ void Tracer::handleStop(pid_t id, int status) {
     return;
   }
   if (signal != kCallStop) {
-    if (signal == SIGTRAP && reachedEntry(id))
+    if (signal == SIGTRAP && reachedEntry(id)) {
       return goOn(id, 0);
+    }
     goOn(id, thread == threads_.end() && signal == SIGSTOP ? 0 : signal);
     return;
   }
@@ -122,10 +132,11 @@ void Tracer::handleStop(pid_t id, int status) {
 void Tracer::handleCall(pid_t id) {
   __ptrace_syscall_info info = {};
   ptrace(PTRACE_GET_SYSCALL_INFO, id, sizeof info, &info);
-  if (info.op == PTRACE_SYSCALL_INFO_ENTRY)
+  if (info.op == PTRACE_SYSCALL_INFO_ENTRY) {
     enterCall(id, info.entry.nr, info.entry.args);
-  else if (info.op == PTRACE_SYSCALL_INFO_EXIT)
+  } else if (info.op == PTRACE_SYSCALL_INFO_EXIT) {
     leaveCall(id);
+  }
 }
 
 void Tracer::handleEvent(pid_t id, int event) {
@@ -134,8 +145,9 @@ void Tracer::handleEvent(pid_t id, int event) {
     return;
   }
   unsigned long started = 0;
-  if (event != PTRACE_EVENT_CLONE || ptrace(PTRACE_GETEVENTMSG, id, nullptr, &started) != 0)
+  if (event != PTRACE_EVENT_CLONE || ptrace(PTRACE_GETEVENTMSG, id, nullptr, &started) != 0) {
     return;
+  }
   Thread& starter = threads_[id];
   adopt(static_cast<pid_t>(started), starter.name + "." + std::to_string(++starter.started));
 }
@@ -148,8 +160,9 @@ void Tracer::breakAtEntry() {
 
 bool Tracer::reachedEntry(pid_t id) {
   if (running_ ||
-      static_cast<unsigned long>(ptrace(PTRACE_PEEKUSER, id, kInstructionPointer, nullptr)) != entry_ + 1)
+      static_cast<unsigned long>(ptrace(PTRACE_PEEKUSER, id, kInstructionPointer, nullptr)) != entry_ + 1) {
     return false;
+  }
   ptrace(PTRACE_POKETEXT, id, entry_, replaced_);
   ptrace(PTRACE_POKEUSER, id, kInstructionPointer, entry_);
   running_ = true;
@@ -166,8 +179,9 @@ void Tracer::adopt(pid_t id, const std::string& name) {
 }
 
 void Tracer::enterCall(pid_t id, std::uint64_t callNumber, const std::uint64_t* arguments) {
-  if (!running_ || released_)
+  if (!running_ || released_) {
     return;
+  }
   Thread& thread = threads_[id];
   const SystemCall call = systemCall(leader_, callNumber, arguments);
   const std::string subject = subjectOfCall(leader_, call);
@@ -176,8 +190,9 @@ void Tracer::enterCall(pid_t id, std::uint64_t callNumber, const std::uint64_t* 
                         thread.name == target_.thread;
   std::fprintf(record_.get(), "%s%s\t%s\t%s\t%lu\n", isTarget ? "!" : "", thread.name.c_str(),
                call.name.c_str(), subject.c_str(), number);
-  if (isTarget)
+  if (isTarget) {
     interrupt(id, thread);
+  }
 }
 
 void Tracer::interrupt(pid_t id, Thread& thread) {
@@ -198,14 +213,16 @@ void Tracer::interrupt(pid_t id, Thread& thread) {
 
 void Tracer::leaveCall(pid_t id) {
   Thread& thread = threads_[id];
-  if (!thread.fails)
+  if (!thread.fails) {
     return;
+  }
   thread.fails = false;
   released_ = true;
-  if (target_.call == "brk")
+  if (target_.call == "brk") {
     ptrace(PTRACE_POKEUSER, id, kFirstArgument, argument_);
-  else
+  } else {
     ptrace(PTRACE_POKEUSER, id, kResultRegister, static_cast<long>(-target_.action));
+  }
 }
 
 // A thread that is gone by now is not missed.

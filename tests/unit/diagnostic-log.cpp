@@ -25,18 +25,18 @@ std::string bytesOf(int value) {
 
 std::string payloadOf(const char* text) {
   recording::reset();
-  FW_LOG(diagnostics::Error, "text %s", text);
+  FW_LOG(diagnostics::kError, "text %s", text);
   return recording::traceRecords().at(0).payload;
 }
 
 void logOnce(int value) {
-  FW_LOG(diagnostics::Error, "value %d", value);
+  FW_LOG(diagnostics::kError, "value %d", value);
 }
 
 }  // namespace
 
 TEST_F(DiagnosticLog, WritesPrefixAndMessageWithTheFixedIdAndTag) {
-  FW_LOG(diagnostics::Error, "Error : %s", "it broke");
+  FW_LOG(diagnostics::kError, "Error : %s", "it broke");
   const int line = __LINE__ - 1;
 
   const recording::LogLine written = recording::logLines().at(0);
@@ -51,7 +51,7 @@ TEST_F(DiagnosticLog, WritesPrefixAndMessageWithTheFixedIdAndTag) {
 }
 
 TEST_F(DiagnosticLog, RegistersTheSiteWithPathFunctionLineAndArgumentDescription) {
-  FW_LOG(diagnostics::Error, "%s %d %d %d", "a", 1, 2U, CALLER_LSM);
+  FW_LOG(diagnostics::kError, "%s %d %d %d", "a", 1, 2U, CALLER_LSM);
   const int line = __LINE__ - 1;
 
   const recording::Location location = recording::traceLocations().at(0);
@@ -85,13 +85,13 @@ TEST_F(DiagnosticLog, RegistersEachSiteOnce) {
 }
 
 TEST_F(DiagnosticLog, EncodesArgumentsInOrderWithoutSeparators) {
-  FW_LOG(diagnostics::Error, "%d %s %d", -2, "ab", 0x01020304);
+  FW_LOG(diagnostics::kError, "%d %s %d", -2, "ab", 0x01020304);
 
   EXPECT_EQ(recording::traceRecords().at(0).payload, bytesOf(-2) + "\x02" + "ab" + bytesOf(0x01020304));
 }
 
 TEST_F(DiagnosticLog, WritesAnEmptyRecordForAMessageWithoutArguments) {
-  FW_LOG(diagnostics::Error, "lstat error\n");
+  FW_LOG(diagnostics::kError, "lstat error\n");
 
   EXPECT_EQ(recording::traceRecords().at(0).payload, "");
   EXPECT_EQ(recording::traceLocations().at(0).format, "lstat error\n");
@@ -115,7 +115,7 @@ TEST_F(DiagnosticLog, KeepsToTheReservedSizeForTextsThatAreNotRepresentable) {
   EXPECT_EQ(payload.back(), '\0');
 
   recording::reset();
-  FW_LOG(diagnostics::Error, "%s %d", std::string(20000, 'x').c_str(), 0x01020304);
+  FW_LOG(diagnostics::kError, "%s %d", std::string(20000, 'x').c_str(), 0x01020304);
   EXPECT_EQ(recording::traceRecords().at(0).payload.substr(20003), bytesOf(0x01020304));
 }
 
@@ -124,7 +124,7 @@ TEST_F(DiagnosticLog, WritesThePlatformLogFirst) {
   recording::onMessage(
       [&](const recording::LogLine&) { recordsAtMessage = recording::traceRecords().size(); });
 
-  FW_LOG(diagnostics::Error, "value %d", 5);
+  FW_LOG(diagnostics::kError, "value %d", 5);
 
   EXPECT_EQ(recordsAtMessage, 0U) << "before the trace's work could change errno";
   EXPECT_EQ(recording::traceRecords().size(), 1U);
@@ -133,15 +133,15 @@ TEST_F(DiagnosticLog, WritesThePlatformLogFirst) {
 TEST_F(DiagnosticLog, StoresANullTextAsItsMarkerAndLogsItReadably) {
   const char* const none = nullptr;
 
-  FW_LOG(diagnostics::Error, "text %s", none);
+  FW_LOG(diagnostics::kError, "text %s", none);
 
   EXPECT_EQ(recording::traceRecords().at(0).payload, "\xFF\x7F");
   EXPECT_THAT(recording::texts(), ElementsAre("text (null)"));
 }
 
 TEST_F(DiagnosticLog, WritesInfoAndDebugToThePlatformLogAlone) {
-  FW_LOG(diagnostics::Info, "SWModel : %s", "X-Y");
-  FW_LOG(diagnostics::Debug, "STATE [%d]", 0);
+  FW_LOG(diagnostics::kInfo, "SWModel : %s", "X-Y");
+  FW_LOG(diagnostics::kDebug, "STATE [%d]", 0);
 
   ASSERT_EQ(recording::logLines().size(), 2U);
   EXPECT_EQ(recording::logLines()[0].priority, 4);
@@ -153,7 +153,7 @@ TEST_F(DiagnosticLog, WritesInfoAndDebugToThePlatformLogAlone) {
 TEST_F(DiagnosticLog, DoesNoTraceWorkWhileTracingIsOff) {
   TraceStorage::enabled = 0;
 
-  FW_LOG(diagnostics::Error, "value %d", 5);
+  FW_LOG(diagnostics::kError, "value %d", 5);
 
   EXPECT_TRUE(recording::traceLocations().empty());
   EXPECT_TRUE(recording::traceRecords().empty());
@@ -163,7 +163,7 @@ TEST_F(DiagnosticLog, DoesNoTraceWorkWhileTracingIsOff) {
 TEST_F(DiagnosticLog, DropsTheRecordThatGetsNoBuffer) {
   recording::answers().dropTraceRecords = true;
 
-  FW_LOG(diagnostics::Error, "value %d", 5);
+  FW_LOG(diagnostics::kError, "value %d", 5);
 
   EXPECT_EQ(recording::traceLocations().size(), 1U);
   EXPECT_TRUE(recording::traceRecords().empty());
@@ -172,16 +172,16 @@ TEST_F(DiagnosticLog, DropsTheRecordThatGetsNoBuffer) {
 TEST_F(DiagnosticLog, RendersTheErrorOfTheTimeOfTheCall) {
   errno = ENOSPC;
 
-  FW_LOG_AS("updateFirmware", diagnostics::Error, "(%d)", errno);
+  FW_LOG_AS("updateFirmware", diagnostics::kError, "(%d)", errno);
 
   EXPECT_THAT(recording::messages(),
               ElementsAre("6 diagnostic-log.cpp updateFirmware (" + std::to_string(ENOSPC) + ")"));
 }
 
 TEST_F(DiagnosticLog, CommitsEveryRecordOfSeveralThreads) {
-  constexpr int Count = 200;
+  constexpr int kCount = 200;
   const auto work = [] {
-    for (int i = 0; i < Count; ++i) {
+    for (int i = 0; i < kCount; ++i) {
       logOnce(i);
     }
   };
@@ -190,6 +190,6 @@ TEST_F(DiagnosticLog, CommitsEveryRecordOfSeveralThreads) {
   work();
   other.join();
 
-  EXPECT_EQ(recording::traceRecords().size(), 2U * Count);
-  EXPECT_EQ(recording::logLines().size(), 2U * Count);
+  EXPECT_EQ(recording::traceRecords().size(), 2U * kCount);
+  EXPECT_EQ(recording::logLines().size(), 2U * kCount);
 }

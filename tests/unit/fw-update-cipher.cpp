@@ -57,7 +57,7 @@ class PackageReader : public LibraryTest {
   // What must come of a file with this content: never more than count - 534 bytes of
   // it are fed.
   static std::string expected(const std::string& content, int count) {
-    return usb::decrypt(content.substr(0, static_cast<std::size_t>(count) - usb::TrailerSize));
+    return usb::decrypt(content.substr(0, static_cast<std::size_t>(count) - usb::kTrailerSize));
   }
 
   Buffer buffer;
@@ -81,7 +81,7 @@ ssize_t readFailingFile(void* cookie, char* out, std::size_t size) {
   return static_cast<ssize_t>(n);
 }
 
-constexpr std::size_t LargePage = 2 << 20;
+constexpr std::size_t kLargePage = 2 << 20;
 
 bool kernelHasLargePages() {
   return std::filesystem::exists("/sys/kernel/mm/transparent_hugepage");
@@ -111,7 +111,7 @@ Mapping mappingOf(const unsigned char* address) {
   return {};
 }
 
-const std::string None = "none, length 0";
+const std::string kNone = "none, length 0";
 
 }  // namespace
 
@@ -131,7 +131,7 @@ TEST_F(PackageReader, GivesEachOfSeveralThreadsItsOwnPlaintext) {
   const std::string plaintexts[] = {usb::noise(30000, 1), usb::noise(100, 2)};
   std::atomic<int> wrong{0};
   const auto decryptOften = [&wrong](const std::string& plaintext, const std::string& path) {
-    writeFile(path, usb::encrypt(plaintext) + usb::noise(usb::TrailerSize));
+    writeFile(path, usb::encrypt(plaintext) + usb::noise(usb::kTrailerSize));
     const auto count = static_cast<int>(std::filesystem::file_size(path));
     for (int round = 0; round < 200; ++round) {
       const Stream file(std::fopen(path.c_str(), "rb"));
@@ -198,7 +198,7 @@ TEST_F(PackageReader, StopsAtTheCountInAFileThatHoldsMore) {
 TEST_F(PackageReader, DecryptsFilesAroundWholeReads) {
   for (const int reads : {1, 2, 3}) {
     for (const int beyond : {-16, -1, 0, 1, 15, 16, 17, 533, 534, 535, 550}) {
-      const int count = reads * static_cast<int>(usb::ReadSize) + beyond;
+      const int count = reads * static_cast<int>(usb::kReadSize) + beyond;
       const std::string content = usb::noise(static_cast<std::size_t>(count));
 
       EXPECT_EQ(decrypted(content, count), expected(content, count)) << count;
@@ -218,9 +218,9 @@ TEST_F(PackageReader, DecryptsALargePackage) {
 }
 
 TEST_F(PackageReader, ReadsOnceMoreAfterAWholeLastRead) {
-  const Stream file = open(usb::noise(2 * usb::ReadSize));
+  const Stream file = open(usb::noise(2 * usb::kReadSize));
 
-  decrypted(file.get(), 2 * static_cast<int>(usb::ReadSize));
+  decrypted(file.get(), 2 * static_cast<int>(usb::kReadSize));
 
   EXPECT_TRUE(std::feof(file.get())) << "only the extra, empty read finds the end";
 }
@@ -235,8 +235,8 @@ TEST_F(PackageReader, ReadsToTheEndOfAFileThatHoldsMoreThanCounted) {
 }
 
 TEST_F(PackageReader, EndsWithAReadErrorAsWithAShortRead) {
-  for (const std::size_t size : {std::size_t{0}, std::size_t{15}, std::size_t{160}, usb::ReadSize - 1,
-                                 usb::ReadSize, usb::ReadSize + 160}) {
+  for (const std::size_t size : {std::size_t{0}, std::size_t{15}, std::size_t{160}, usb::kReadSize - 1,
+                                 usb::kReadSize, usb::kReadSize + 160}) {
     FailingFile failing{usb::noise(size)};
     const Stream file(fopencookie(&failing, "rb", {readFailingFile, nullptr, nullptr, nullptr}));
 
@@ -266,7 +266,7 @@ TEST_F(PackageReader, DoesNotNoticeAWrongKey) {
 }
 
 TEST_F(PackageReader, EncryptsOnRequest) {
-  const std::string plaintext = usb::noise(usb::ReadSize + 100);
+  const std::string plaintext = usb::noise(usb::kReadSize + 100);
   const Stream file = open(plaintext + usb::noise(534));
   int length = 0;
 
@@ -299,21 +299,21 @@ TEST_F(PackageReader, AsksForLargePagesInsideALargeBuffer) {
   if (!kernelHasLargePages()) {
     GTEST_SKIP() << "the kernel has no large pages";
   }
-  constexpr std::size_t Size = 16 << 20;
+  constexpr std::size_t kSize = 16 << 20;
 
-  decrypted(usb::encrypt("short") + usb::noise(534), Size);
+  decrypted(usb::encrypt("short") + usb::noise(534), kSize);
 
-  const Mapping inside = mappingOf(buffer.get() + Size / 2);
+  const Mapping inside = mappingOf(buffer.get() + kSize / 2);
   EXPECT_TRUE(inside.largePages);
-  EXPECT_GE(inside.end - inside.begin, Size - 2 * LargePage) << "all but the ends";
+  EXPECT_GE(inside.end - inside.begin, kSize - 2 * kLargePage) << "all but the ends";
   EXPECT_GE(inside.begin, reinterpret_cast<std::uintptr_t>(buffer.get()));
-  EXPECT_LE(inside.end, reinterpret_cast<std::uintptr_t>(buffer.get()) + Size);
+  EXPECT_LE(inside.end, reinterpret_cast<std::uintptr_t>(buffer.get()) + kSize);
 }
 
 TEST_F(PackageReader, AsksForNoLargePagesInABufferThatHoldsNone) {
-  decrypted(usb::encrypt("short") + usb::noise(534), LargePage - 1);
+  decrypted(usb::encrypt("short") + usb::noise(534), kLargePage - 1);
 
-  EXPECT_FALSE(mappingOf(buffer.get() + LargePage / 2).largePages);
+  EXPECT_FALSE(mappingOf(buffer.get() + kLargePage / 2).largePages);
 }
 
 TEST_F(PackageReader, LeavesTheEarlierBufferToItsOwner) {
@@ -346,7 +346,7 @@ TEST_F(PackageReader, RefusesACountBelowTheTrailer) {
   const Stream file = open(usb::noise(1000));
 
   for (const int count : {533, 532, 16, 1, 0, -1, -534, INT_MIN}) {
-    EXPECT_EQ(decrypted(file.get(), count), None) << count;
+    EXPECT_EQ(decrypted(file.get(), count), kNone) << count;
     EXPECT_EQ(cipher_buf_all, kept.get()) << count;
   }
   EXPECT_EQ(std::ftell(file.get()), 0) << "nothing is read";
@@ -375,9 +375,9 @@ TEST_F(FailedAllocation, OfTheReadBufferGivesNothing) {
     GTEST_SKIP() << "valgrind allocates";
   }
   const Stream file = open(usb::noise(1000));
-  faults::failingMallocSize = usb::ReadSize;
+  faults::failingMallocSize = usb::kReadSize;
 
-  EXPECT_EQ(decrypted(file.get(), 1000), None);
+  EXPECT_EQ(decrypted(file.get(), 1000), kNone);
 
   EXPECT_EQ(cipher_buf_all, nullptr);
   EXPECT_EQ(faults::cipherContextsMade, 0) << "the read buffer comes first";
@@ -390,7 +390,7 @@ TEST_F(FailedAllocation, OfTheOutputBufferGivesNothingAndKeepsTheContext) {
   const Stream file = open(usb::noise(1234));
   faults::failingCallocSize = 1234;
 
-  EXPECT_EQ(decrypted(file.get(), 1234), None);
+  EXPECT_EQ(decrypted(file.get(), 1234), kNone);
 
   EXPECT_EQ(cipher_buf_all, nullptr);
   EXPECT_EQ(faults::cipherContextsMade, 1);
@@ -405,7 +405,7 @@ TEST_F(FailedAllocation, OfTheLargestOutputBufferGivesNothing) {
   const Stream file = open("");
   faults::failingCallocSize = INT_MAX;
 
-  EXPECT_EQ(decrypted(file.get(), INT_MAX), None);
+  EXPECT_EQ(decrypted(file.get(), INT_MAX), kNone);
 
   EXPECT_EQ(cipher_buf_all, nullptr);
 }
@@ -414,14 +414,14 @@ TEST_F(FailedAllocation, OfTheContextGivesNothing) {
   const Stream file = open(usb::noise(1000));
   faults::failCipherContexts = true;
 
-  EXPECT_EQ(decrypted(file.get(), 1000), None);
+  EXPECT_EQ(decrypted(file.get(), 1000), kNone);
 
   EXPECT_EQ(cipher_buf_all, nullptr);
 }
 
 TEST_F(FailedAllocation, IsForgottenByTheNextCall) {
   faults::failCipherContexts = true;
-  EXPECT_EQ(decrypted(usb::noise(1000), 1000), None);
+  EXPECT_EQ(decrypted(usb::noise(1000), 1000), kNone);
   faults::failCipherContexts = false;
   const std::string content = usb::encrypt("again") + usb::noise(534);
   faults::cipherContextsMade = 0;

@@ -25,8 +25,8 @@ class UpdateLock : public LibraryTest {
   }
 };
 
-constexpr const char* File = "/dev/shm/sem.SEM_UPDATE_CONTROL";
-constexpr const char* OpenFailed = "Parent\t: [sem_open] Failed\n";
+constexpr const char* kFile = "/dev/shm/sem.SEM_UPDATE_CONTROL";
+constexpr const char* kOpenFailed = "Parent\t: [sem_open] Failed\n";
 
 }  // namespace
 
@@ -40,7 +40,7 @@ TEST_F(UpdateLock, IsCreatedFreeForItsOwnerOnly) {
   ASSERT_NE(semaphore, nullptr);
   EXPECT_EQ(valueOf(semaphore), 1);
   struct stat status;
-  ASSERT_EQ(stat(File, &status), 0);
+  ASSERT_EQ(stat(kFile, &status), 0);
   EXPECT_EQ(status.st_mode & 0777U, 0600U);
   EXPECT_THAT(recording::messages(), IsEmpty());
   sem_close(semaphore);
@@ -74,7 +74,7 @@ TEST_F(UpdateLock, IsTheSameInASecondProcess) {
 TEST_F(UpdateLock, ExistsAfterItWasDestroyed) {
   lock().destroy_semaphore();
 
-  EXPECT_TRUE(exists(File));
+  EXPECT_TRUE(exists(kFile));
   EXPECT_FALSE(hasSemaphoreOpen()) << "its own handle is closed";
 }
 
@@ -97,7 +97,7 @@ TEST_F(UpdateLock, IsOpenedUnderTheNameOfTheMoment) {
 
   EXPECT_TRUE(exists("/dev/shm/sem.SEM_FIRST"));
   EXPECT_TRUE(exists("/dev/shm/sem.SEM_SECOND"));
-  EXPECT_FALSE(exists(File));
+  EXPECT_FALSE(exists(kFile));
   sem_close(semaphore);
 }
 
@@ -107,7 +107,7 @@ TEST_F(UpdateLock, KeepsItsValueWhenItIsDestroyed) {
 
   lock().destroy_semaphore();
 
-  EXPECT_TRUE(exists(File));
+  EXPECT_TRUE(exists(kFile));
   EXPECT_EQ(valueOf(semaphore), 0) << "and the earlier handle stays open";
   sem_close(semaphore);
 }
@@ -123,7 +123,7 @@ TEST_F(UpdateLock, ReportsAFailedOpen) {
   EXPECT_EQ(semaphore, nullptr);
   EXPECT_EQ(error, EROFS);
   EXPECT_THAT(recording::messages(),
-              ElementsAre(std::string("6 fw-update-common.cpp create_semaphore ") + OpenFailed,
-                          std::string("6 fw-update-common.cpp destroy_semaphore ") + OpenFailed));
-  EXPECT_THAT(recording::traceFormats(), ElementsAre(OpenFailed, OpenFailed));
+              ElementsAre(std::string("6 fw-update-common.cpp create_semaphore ") + kOpenFailed,
+                          std::string("6 fw-update-common.cpp destroy_semaphore ") + kOpenFailed));
+  EXPECT_THAT(recording::traceFormats(), ElementsAre(kOpenFailed, kOpenFailed));
 }

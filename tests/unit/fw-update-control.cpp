@@ -20,7 +20,7 @@ class Facade : public LibraryTest {
  protected:
   void SetUp() override {
     LibraryTest::SetUp();
-    std::filesystem::create_directories(Controls);
+    std::filesystem::create_directories(kControls);
   }
 
   static FWUpdateContorl& facade() { return *FWUpdateContorl::getInstance(); }
@@ -29,7 +29,7 @@ class Facade : public LibraryTest {
   static void oneModule() {
     scripted::installModule("libabc");
     std::filesystem::create_directories("/opt/media/USBDriveA");
-    for (const char* directory : {Builtin, Sbox, "/opt/media/USBDriveA/"}) {
+    for (const char* directory : {kBuiltin, kSbox, "/opt/media/USBDriveA/"}) {
       writeImage(directory, "abc", "2.0", "content", 30);
     }
     facade();
@@ -94,7 +94,7 @@ TEST_F(Facade, ListsNothingWithoutModules) {
 }
 
 TEST_F(Facade, IsConstructedWithoutAControlsDirectory) {
-  std::filesystem::remove(Controls);
+  std::filesystem::remove(kControls);
 
   EXPECT_THAT(facade().fw_getItemList(), IsEmpty());
 
@@ -105,7 +105,7 @@ TEST_F(Facade, IsConstructedWithoutAControlsDirectory) {
 TEST_F(Facade, ListsWhatTheRegistryHoldsAlsoWhenItsOwnScanFails) {
   scripted::installModule("libabc");
   FWUpdateSymbolManager::getInstance()->onCreate(false);
-  std::filesystem::remove_all(Controls);
+  std::filesystem::remove_all(kControls);
 
   const auto items = facade().fw_getItemList();
 
@@ -147,7 +147,7 @@ TEST_F(Facade, HandsOutIndependentLists) {
 }
 
 TEST_F(Facade, LetsTheExceptionOfAnUnboundModuleThroughAndTriesAgain) {
-  writeFile(std::string(Controls) + "libbad.so", "no library");
+  writeFile(std::string(kControls) + "libbad.so", "no library");
 
   EXPECT_THROW(FWUpdateContorl::getInstance(), std::bad_function_call);
   recording::reset();
@@ -285,7 +285,7 @@ TEST_F(Facade, RaisesBadFunctionCallForAModuleThatIsNotBound) {
   // Bound when the facade came up, no library any more at a new scan.
   oneModule();
   FWUpdateSymbolManager::getInstance()->onDestroy();
-  writeFile(std::string(Controls) + "libabc.so", "no library");
+  writeFile(std::string(kControls) + "libabc.so", "no library");
   FWUpdateSymbolManager::getInstance()->onCreate(false);
   char version[128] = {};
   char fwName[128] = {};
@@ -319,7 +319,7 @@ TEST_F(Facade, ListsTheUpdatesThatARequesterNeeds) {
 
 TEST_F(Facade, ReplacesTheUpdateListWithEachQuery) {
   oneModule();
-  std::filesystem::remove_all(std::string(Builtin) + "abc");
+  std::filesystem::remove_all(std::string(kBuiltin) + "abc");
   char data[] = "";
   EXPECT_EQ(facade().fw_getUpdateItemList(CALLER_LSM, data).size(), 1U);
   EXPECT_EQ(facade().fw_getUpdateItemList(CALLER_LSM, data).size(), 1U);

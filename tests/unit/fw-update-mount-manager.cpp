@@ -24,11 +24,11 @@ namespace fs = std::filesystem;
 
 namespace {
 
-const std::string Image = "/tmp/image";
-const std::string Directory = "/tmp/mounted";
-const std::string Arguments = "-o ro,loop,nodev,nosuid /tmp/image /tmp/mounted";
-const std::string MountCall = "PS_Mount(" + Arguments + "|1024|0|0)";
-const std::string MountTried = "log: PsMntCmd:[" + Arguments + "]";
+const std::string kImage = "/tmp/image";
+const std::string kDirectory = "/tmp/mounted";
+const std::string kArguments = "-o ro,loop,nodev,nosuid /tmp/image /tmp/mounted";
+const std::string kMountCall = "PS_Mount(" + kArguments + "|1024|0|0)";
+const std::string kMountTried = "log: PsMntCmd:[" + kArguments + "]";
 
 std::string said(int priority, const std::string& function, const std::string& text) {
   return std::to_string(priority) + " fw-update-mount-manager.cpp " + function + " " + text;
@@ -112,14 +112,14 @@ class LoopDevices : public LibraryTest {
 
 class LoopMount : public LoopDevices {
  protected:
-  static bool mountImage() { return loop_mount(Image.c_str(), Directory.c_str(), "ro,loop,nodev,nosuid"); }
+  static bool mountImage() { return loop_mount(kImage.c_str(), kDirectory.c_str(), "ro,loop,nodev,nosuid"); }
 };
 
 class MountManager : public LoopDevices {
  protected:
   void SetUp() override {
     LoopDevices::SetUp();
-    writeFile(Image, "image");
+    writeFile(kImage, "image");
   }
 
   static FWMountManager& manager() { return *FWMountManager::getInstance(); }
@@ -135,10 +135,10 @@ TEST_F(MountManager, IsOneForTheProcess) {
 }
 
 TEST_F(MountManager, TellsFilesAndDirectoriesApart) {
-  fs::create_directory(Directory);
+  fs::create_directory(kDirectory);
   ASSERT_EQ(mkfifo("/tmp/fifo", 0600), 0);
-  fs::create_symlink(Image, "/tmp/to-file");
-  fs::create_directory_symlink(Directory, "/tmp/to-directory");
+  fs::create_symlink(kImage, "/tmp/to-file");
+  fs::create_directory_symlink(kDirectory, "/tmp/to-directory");
   fs::create_symlink("/tmp/nowhere", "/tmp/dangling");
   const struct {
     const char* path;
@@ -227,8 +227,8 @@ TEST_F(LoopMount, NeedsNeitherDevicesNorMountTableWhenTheFirstTrySucceeds) {
 
   EXPECT_FALSE(devWatch.sawOpening());
   EXPECT_FALSE(mountsWatch.sawOpening());
-  EXPECT_THAT(recording::everything(), ElementsAre(MountTried, MountCall));
-  EXPECT_THAT(recording::messages(), ElementsAre(said(4, "loop_mount", "PsMntCmd:[" + Arguments + "]")));
+  EXPECT_THAT(recording::everything(), ElementsAre(kMountTried, kMountCall));
+  EXPECT_THAT(recording::messages(), ElementsAre(said(4, "loop_mount", "PsMntCmd:[" + kArguments + "]")));
   EXPECT_THAT(logFormats(), ElementsAre("%s: %s(%d) > PsMntCmd:[%s]"));
   EXPECT_THAT(recording::traceRecords(), IsEmpty());
 }
@@ -253,9 +253,9 @@ TEST_F(LoopMount, CreatesNoNodeWhileOneIsFree) {
   EXPECT_TRUE(devWatch.sawOpening());
   EXPECT_TRUE(mountsWatch.sawOpening());
   EXPECT_THAT(recording::everything(),
-              ElementsAre(MountTried, MountCall, "log: " + mountFailed(0, 32), "log: " + counted(8, 7)));
+              ElementsAre(kMountTried, kMountCall, "log: " + mountFailed(0, 32), "log: " + counted(8, 7)));
   EXPECT_THAT(recording::messages(),
-              ElementsAre(said(4, "loop_mount", "PsMntCmd:[" + Arguments + "]"),
+              ElementsAre(said(4, "loop_mount", "PsMntCmd:[" + kArguments + "]"),
                           said(4, "loop_mount", mountFailed(0, 32)), said(4, "loop_mount", counted(8, 7))));
   EXPECT_THAT(logFormats(),
               ElementsAre("%s: %s(%d) > PsMntCmd:[%s]",
@@ -270,7 +270,7 @@ TEST_F(LoopMount, CreatesNoNodeWhenMoreAreMountedThanPresent) {
 
   EXPECT_FALSE(mountImage());
 
-  EXPECT_THAT(recording::calls(), ElementsAre(MountCall));
+  EXPECT_THAT(recording::calls(), ElementsAre(kMountCall));
   EXPECT_THAT(recording::texts().back(), counted(7, 8));
 }
 
@@ -282,8 +282,8 @@ TEST_F(LoopMount, CreatesTheNextNodeAndTriesAgainWhenAllAreInUse) {
   EXPECT_TRUE(mountImage());
 
   EXPECT_THAT(recording::everything(),
-              ElementsAre(MountTried, MountCall, "log: " + mountFailed(-1, 0), "log: " + counted(8, 8),
-                          "PS_Mknod(-m 0660 -Z * /dev/loop8  b 7 8|1024|0|0)", MountCall));
+              ElementsAre(kMountTried, kMountCall, "log: " + mountFailed(-1, 0), "log: " + counted(8, 8),
+                          "PS_Mknod(-m 0660 -Z * /dev/loop8  b 7 8|1024|0|0)", kMountCall));
   EXPECT_THAT(recording::traceRecords(), IsEmpty());
 }
 
@@ -294,7 +294,7 @@ TEST_F(LoopMount, CreatesTheFirstNodeWhenThereIsNone) {
 
   EXPECT_TRUE(mountImage());
 
-  EXPECT_THAT(recording::calls(), ElementsAre(MountCall, makeNodeCall(0), MountCall));
+  EXPECT_THAT(recording::calls(), ElementsAre(kMountCall, makeNodeCall(0), kMountCall));
 }
 
 TEST_F(LoopMount, GoesOnWithTheNextNumberAfterAFailure) {
@@ -321,14 +321,14 @@ TEST_F(LoopMount, GoesOnWithTheNextNumberAfterAFailure) {
   EXPECT_TRUE(mountImage());
 
   EXPECT_THAT(recording::everything(),
-              ElementsAre(MountTried, MountCall, "log: " + mountFailed(-1, 0), "log: " + counted(8, 8),
+              ElementsAre(kMountTried, kMountCall, "log: " + mountFailed(-1, 0), "log: " + counted(8, 8),
                           makeNodeCall(8), "log: PS_Mknod error, retVal: [-3], result: [0]", makeNodeCall(9),
-                          "log: PS_Mknod error, retVal: [0], result: [17]", makeNodeCall(10), MountCall,
-                          "log: " + mountFailed(-2, 0), makeNodeCall(11), MountCall,
-                          "log: " + mountFailed(0, 5), makeNodeCall(12), MountCall));
+                          "log: PS_Mknod error, retVal: [0], result: [17]", makeNodeCall(10), kMountCall,
+                          "log: " + mountFailed(-2, 0), makeNodeCall(11), kMountCall,
+                          "log: " + mountFailed(0, 5), makeNodeCall(12), kMountCall));
   EXPECT_THAT(
       recording::messages(),
-      ElementsAre(said(4, "loop_mount", "PsMntCmd:[" + Arguments + "]"),
+      ElementsAre(said(4, "loop_mount", "PsMntCmd:[" + kArguments + "]"),
                   said(4, "loop_mount", mountFailed(-1, 0)), said(4, "loop_mount", counted(8, 8)),
                   said(6, "loop_mount", "PS_Mknod error, retVal: [-3], result: [0]"),
                   said(6, "loop_mount", "PS_Mknod error, retVal: [0], result: [17]"),
@@ -362,7 +362,7 @@ TEST_F(LoopMount, TriesNumber249AsTheLast) {
 
   EXPECT_FALSE(mountImage());
 
-  EXPECT_THAT(recording::calls(), ElementsAre(MountCall, makeNodeCall(249), MountCall));
+  EXPECT_THAT(recording::calls(), ElementsAre(kMountCall, makeNodeCall(249), kMountCall));
   EXPECT_THAT(recording::texts(), Contains(counted(249, 249)));
 }
 
@@ -374,7 +374,7 @@ TEST_P(NoLoopNumberLeft, CreatesNoNode) {
 
   EXPECT_FALSE(mountImage());
 
-  EXPECT_THAT(recording::everything(), ElementsAre(MountTried, MountCall, "log: " + mountFailed(-1, 0),
+  EXPECT_THAT(recording::everything(), ElementsAre(kMountTried, kMountCall, "log: " + mountFailed(-1, 0),
                                                    "log: " + counted(GetParam(), GetParam())));
 }
 
@@ -403,7 +403,7 @@ TEST_F(LoopMount, LetsTheErrorOfAnUnreadableDeviceDirectoryThrough) {
   EXPECT_THROW(mountImage(), boost::filesystem::filesystem_error);
 
   EXPECT_FALSE(mountsWatch.sawOpening()) << "the devices are counted first";
-  EXPECT_THAT(recording::texts(), ElementsAre("PsMntCmd:[" + Arguments + "]", mountFailed(-1, 0)));
+  EXPECT_THAT(recording::texts(), ElementsAre("PsMntCmd:[" + kArguments + "]", mountFailed(-1, 0)));
 }
 
 TEST_F(LoopMount, SendsARequestThatJustFits) {
@@ -428,45 +428,45 @@ TEST_F(LoopMount, NeverSendsARequestCutOff) {
 // ---- Mount --------------------------------------------------------------------------
 
 TEST_F(MountManager, MountsWithTheFixedOptions) {
-  fs::create_directory(Directory);
+  fs::create_directory(kDirectory);
 
-  EXPECT_EQ(manager().Mount(Image, Directory), 0);
+  EXPECT_EQ(manager().Mount(kImage, kDirectory), 0);
 
-  EXPECT_THAT(recording::everything(), ElementsAre(MountTried, MountCall));
+  EXPECT_THAT(recording::everything(), ElementsAre(kMountTried, kMountCall));
 }
 
 TEST_F(MountManager, FollowsALinkToTheImage) {
-  fs::create_symlink(Image, "/tmp/link");
-  fs::create_directory(Directory);
+  fs::create_symlink(kImage, "/tmp/link");
+  fs::create_directory(kDirectory);
 
-  EXPECT_EQ(manager().Mount("/tmp/link", Directory), 0);
+  EXPECT_EQ(manager().Mount("/tmp/link", kDirectory), 0);
 
   EXPECT_THAT(recording::calls(),
               ElementsAre("PS_Mount(-o ro,loop,nodev,nosuid /tmp/link /tmp/mounted|1024|0|0)"));
 }
 
 TEST_F(MountManager, AnswersMinusOneWhenTheMountFails) {
-  fs::create_directory(Directory);
+  fs::create_directory(kDirectory);
   devices(8, 7);
   recording::answers().mount = [](const std::string&, int&) { return -1; };
 
-  EXPECT_EQ(manager().Mount(Image, Directory), -1);
+  EXPECT_EQ(manager().Mount(kImage, kDirectory), -1);
 
-  EXPECT_THAT(recording::calls(), ElementsAre(MountCall));
+  EXPECT_THAT(recording::calls(), ElementsAre(kMountCall));
 }
 
 TEST_F(MountManager, LetsAFileSystemErrorThrough) {
-  fs::create_directory(Directory);
+  fs::create_directory(kDirectory);
   devices(8, 8);
   fs::permissions("/dev", fs::perms::none);
   recording::answers().mount = [](const std::string&, int&) { return -1; };
   const WithoutFileOverride asAnyone;
 
-  EXPECT_THROW(manager().Mount(Image, Directory), boost::filesystem::filesystem_error);
+  EXPECT_THROW(manager().Mount(kImage, kDirectory), boost::filesystem::filesystem_error);
 }
 
 TEST_F(MountManager, RefusesAnEmptySourceOrDestination) {
-  const std::pair<std::string, std::string> cases[] = {{"", Directory}, {Image, ""}, {"", ""}};
+  const std::pair<std::string, std::string> cases[] = {{"", kDirectory}, {kImage, ""}, {"", ""}};
 
   for (const auto& [source, destination] : cases) {
     recording::reset();
@@ -477,7 +477,7 @@ TEST_F(MountManager, RefusesAnEmptySourceOrDestination) {
     EXPECT_THAT(recording::traceFormats(), ElementsAre("Source file or dest dir is empty."));
     EXPECT_THAT(recording::calls(), IsEmpty());
   }
-  EXPECT_FALSE(exists(Directory)) << "the file system is not touched";
+  EXPECT_FALSE(exists(kDirectory)) << "the file system is not touched";
 }
 
 class NoSourceFile : public MountManager, public ::testing::WithParamInterface<const char*> {};
@@ -487,13 +487,13 @@ TEST_P(NoSourceFile, IsRefusedAndNoDirectoryIsMade) {
   fs::create_symlink("/tmp/nowhere", "/tmp/dangling");
   ASSERT_EQ(mkfifo("/tmp/fifo", 0600), 0);
 
-  EXPECT_EQ(manager().Mount(GetParam(), Directory), -1);
+  EXPECT_EQ(manager().Mount(GetParam(), kDirectory), -1);
 
   EXPECT_THAT(recording::messages(),
               ElementsAre(said(6, "Mount", "srcFile[" + std::string(GetParam()) + "] is not exist.")));
   EXPECT_THAT(recording::traceFormats(), ElementsAre("srcFile[%s] is not exist."));
   EXPECT_THAT(recording::calls(), IsEmpty());
-  EXPECT_FALSE(exists(Directory));
+  EXPECT_FALSE(exists(kDirectory));
 }
 
 INSTANTIATE_TEST_SUITE_P(MountManager, NoSourceFile,
@@ -502,27 +502,27 @@ INSTANTIATE_TEST_SUITE_P(MountManager, NoSourceFile,
 TEST_F(MountManager, CreatesAMissingDestination) {
   const mode_t previous = umask(0);
 
-  const int result = manager().Mount(Image, Directory);
+  const int result = manager().Mount(kImage, kDirectory);
   umask(previous);
 
   EXPECT_EQ(result, 0);
   struct stat status = {};
-  ASSERT_EQ(stat(Directory.c_str(), &status), 0);
+  ASSERT_EQ(stat(kDirectory.c_str(), &status), 0);
   EXPECT_EQ(status.st_mode, static_cast<mode_t>(S_IFDIR | 0775));
-  EXPECT_THAT(recording::everything(), ElementsAre(MountTried, MountCall));
+  EXPECT_THAT(recording::everything(), ElementsAre(kMountTried, kMountCall));
 }
 
 TEST_F(MountManager, LeavesAnExistingDestinationAsItIs) {
-  fs::create_directory(Directory);
-  fs::permissions(Directory, fs::perms::owner_all);
+  fs::create_directory(kDirectory);
+  fs::permissions(kDirectory, fs::perms::owner_all);
 
-  EXPECT_EQ(manager().Mount(Image, Directory), 0);
+  EXPECT_EQ(manager().Mount(kImage, kDirectory), 0);
 
-  EXPECT_EQ(fs::status(Directory).permissions(), fs::perms::owner_all);
+  EXPECT_EQ(fs::status(kDirectory).permissions(), fs::perms::owner_all);
 }
 
 TEST_F(MountManager, DoesNotCreateParentsOfTheDestination) {
-  EXPECT_EQ(manager().Mount(Image, "/tmp/missing/mounted"), -1);
+  EXPECT_EQ(manager().Mount(kImage, "/tmp/missing/mounted"), -1);
 
   EXPECT_THAT(recording::messages(),
               ElementsAre(said(6, "Mount",
@@ -539,9 +539,9 @@ TEST_F(MountManager, DoesNotCreateParentsOfTheDestination) {
 }
 
 TEST_F(MountManager, ReportsADestinationThatIsALinkToNowhere) {
-  fs::create_symlink("/tmp/nowhere", Directory);
+  fs::create_symlink("/tmp/nowhere", kDirectory);
 
-  EXPECT_EQ(manager().Mount(Image, Directory), -1);
+  EXPECT_EQ(manager().Mount(kImage, kDirectory), -1);
 
   EXPECT_THAT(
       recording::texts(),
@@ -550,11 +550,11 @@ TEST_F(MountManager, ReportsADestinationThatIsALinkToNowhere) {
 }
 
 TEST_F(MountManager, LeavesAFileInTheDestinationsPlaceToTheService) {
-  writeFile(Directory, "file");
+  writeFile(kDirectory, "file");
 
-  EXPECT_EQ(manager().Mount(Image, Directory), 0);
+  EXPECT_EQ(manager().Mount(kImage, kDirectory), 0);
 
-  EXPECT_THAT(recording::calls(), ElementsAre(MountCall));
+  EXPECT_THAT(recording::calls(), ElementsAre(kMountCall));
 }
 
 TEST_F(MountManager, DoesNotMountOverALongPathThatDoesNotFit) {
@@ -562,7 +562,7 @@ TEST_F(MountManager, DoesNotMountOverALongPathThatDoesNotFit) {
                              std::string(250, 'c') + "/" + std::string(250, 'd');
   fs::create_directories(parent);
 
-  EXPECT_EQ(manager().Mount(Image, parent), -1);
+  EXPECT_EQ(manager().Mount(kImage, parent), -1);
 
   EXPECT_THAT(recording::calls(), IsEmpty());
   EXPECT_THAT(recording::texts(), ElementsAre("Fail PS_Mount: file:[/tmp/image], dest:[" + parent +
@@ -572,9 +572,9 @@ TEST_F(MountManager, DoesNotMountOverALongPathThatDoesNotFit) {
 // ---- UMount -------------------------------------------------------------------------
 
 TEST_F(MountManager, UnmountsADirectory) {
-  fs::create_directory(Directory);
+  fs::create_directory(kDirectory);
 
-  EXPECT_EQ(manager().UMount(Directory), 0);
+  EXPECT_EQ(manager().UMount(kDirectory), 0);
 
   EXPECT_THAT(recording::everything(),
               ElementsAre("PS_Umount(/tmp/mounted|12|0|0)", "log: Umount dir[/tmp/mounted] successfully."));
@@ -609,7 +609,7 @@ INSTANTIATE_TEST_SUITE_P(MountManager, NoDirectory,
                          ::testing::Values("/tmp/image", "/tmp/missing", "/tmp/dangling"));
 
 TEST_F(MountManager, ReportsAnUnmountThatTheServiceRefuses) {
-  fs::create_directory(Directory);
+  fs::create_directory(kDirectory);
   const std::pair<int, int> answers[] = {{-1, 0}, {0, 22}, {3, -4}};
 
   for (const auto& [status, result] : answers) {
@@ -619,7 +619,7 @@ TEST_F(MountManager, ReportsAnUnmountThatTheServiceRefuses) {
       return status;
     };
 
-    EXPECT_EQ(manager().UMount(Directory), -1);
+    EXPECT_EQ(manager().UMount(kDirectory), -1);
 
     EXPECT_THAT(recording::messages(), ElementsAre(said(6, "UMount",
                                                         "Error(iRet1=" + std::to_string(status) +
@@ -630,12 +630,12 @@ TEST_F(MountManager, ReportsAnUnmountThatTheServiceRefuses) {
 }
 
 TEST_F(MountManager, ReportsAnExceptionWhileUnmounting) {
-  fs::create_directory(Directory);
+  fs::create_directory(kDirectory);
   recording::answers().unmount = [](const std::string&, int&) -> int {
     throw std::logic_error("service is gone");
   };
 
-  EXPECT_EQ(manager().UMount(Directory), -1);
+  EXPECT_EQ(manager().UMount(kDirectory), -1);
 
   EXPECT_THAT(recording::messages(),
               ElementsAre(said(6, "UMount", "Failed to umount[/tmp/mounted], error[service is gone].")));

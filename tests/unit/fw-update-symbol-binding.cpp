@@ -17,7 +17,7 @@ namespace {
 class ModuleBinding : public LibraryTest {};
 
 std::string dlsymError(const std::string& stem, const std::string& name) {
-  return "Error: dlsym error: " + std::string(Controls) + stem + ".so: undefined symbol: " + name + "\n";
+  return "Error: dlsym error: " + std::string(kControls) + stem + ".so: undefined symbol: " + name + "\n";
 }
 
 }  // namespace
@@ -115,7 +115,7 @@ TEST_F(ModuleBinding, RefusesAMissingLibrarySilentlyAndKeepsItsName) {
 }
 
 TEST_F(ModuleBinding, ReportsALibraryThatCannotBeOpened) {
-  writeFile(std::string(Controls) + "libtext.so", "no library");
+  writeFile(std::string(kControls) + "libtext.so", "no library");
   FWUpdateSymbol symbol("libtext");
 
   EXPECT_EQ(symbol.loadSymbol("libtext"), -1);
@@ -127,7 +127,7 @@ TEST_F(ModuleBinding, ReportsALibraryThatCannotBeOpened) {
 }
 
 TEST_F(ModuleBinding, ReportsADirectoryInTheLibrarysPlace) {
-  std::filesystem::create_directories(std::string(Controls) + "libdir.so");
+  std::filesystem::create_directories(std::string(kControls) + "libdir.so");
   FWUpdateSymbol symbol("libdir");
 
   EXPECT_EQ(symbol.loadSymbol("libdir"), -1);
@@ -139,7 +139,7 @@ TEST_F(ModuleBinding, ReportsADirectoryInTheLibrarysPlace) {
 
 TEST_F(ModuleBinding, OpensTheFileThatALinkLeadsTo) {
   scripted::installModule("libreal");
-  std::filesystem::create_symlink("libreal.so", std::string(Controls) + "liblink.so");
+  std::filesystem::create_symlink("libreal.so", std::string(kControls) + "liblink.so");
   FWUpdateSymbol symbol("liblink");
 
   EXPECT_EQ(symbol.loadSymbol("liblink"), 0);
@@ -151,8 +151,8 @@ TEST_F(ModuleBinding, OpensTheFileThatALinkLeadsTo) {
 }
 
 TEST_F(ModuleBinding, ReportsALinkThatLeadsToNoLibraryUnderItsOwnName) {
-  writeFile(std::string(Controls) + "libtext.so", "no library");
-  std::filesystem::create_symlink("libtext.so", std::string(Controls) + "liblink.so");
+  writeFile(std::string(kControls) + "libtext.so", "no library");
+  std::filesystem::create_symlink("libtext.so", std::string(kControls) + "liblink.so");
   FWUpdateSymbol symbol("liblink");
 
   EXPECT_EQ(symbol.loadSymbol("liblink"), -1);
@@ -500,7 +500,7 @@ TEST_F(ModuleBinding, LeavesNothingBoundIntoALibraryThatAFailedSecondBindingClos
   scripted::installModule("libother", "getActiveVersion");
   FWUpdateSymbol symbol("libabc");
   ASSERT_EQ(symbol.loadSymbol("libabc"), 0);
-  writeFile(std::string(Packages) + "abcemp.img", "");
+  writeFile(std::string(kPackages) + "abcemp.img", "");
   char version[128] = {};
   unsigned int progress = 0;
 

@@ -41,9 +41,9 @@ bool isLibrary(const void* code) {
 // Takes the place of the C library's for the library.
 extern "C" __attribute__((visibility("default"))) ssize_t read(int file, void* buffer, size_t size) {
   using Read = ssize_t (*)(int, void*, size_t);
-  static const auto real = reinterpret_cast<Read>(dlsym(RTLD_NEXT, "read"));
+  static const auto kReal = reinterpret_cast<Read>(dlsym(RTLD_NEXT, "read"));
   if (!isLibrary(__builtin_return_address(0))) {
-    return real(file, buffer, size);
+    return kReal(file, buffer, size);
   }
   if (interruptedReads > 0) {
     --interruptedReads;
@@ -54,7 +54,7 @@ extern "C" __attribute__((visibility("default"))) ssize_t read(int file, void* b
     errno = EIO;
     return -1;
   }
-  const ssize_t got = real(file, buffer, std::min(size, shorterReads));
+  const ssize_t got = kReal(file, buffer, std::min(size, shorterReads));
   if (afterRead) {
     afterRead();
   }
@@ -63,8 +63,8 @@ extern "C" __attribute__((visibility("default"))) ssize_t read(int file, void* b
 
 namespace {
 
-constexpr const char* Info = "/tmp/info.json";
-constexpr const char* LoadFailed =
+constexpr const char* kInfo = "/tmp/info.json";
+constexpr const char* kLoadFailed =
     "6 fw-update-symbol.cpp loadInformation Error: json loadInformation fail.(/tmp/info.json)\n";
 
 void append(const char* path, const std::string& bytes) {
@@ -80,19 +80,19 @@ std::string withSpaces(std::size_t size) {
 class InformationFile : public LibraryTest {
  protected:
   bool load(const std::string& json) {
-    writeFile(Info, json);
-    return symbol().loadInformation(Info);
+    writeFile(kInfo, json);
+    return symbol().loadInformation(kInfo);
   }
 
   FWUpdateSymbol& symbol() {
-    if (!module) {
-      module = std::make_unique<FWUpdateSymbol>(bound());
+    if (!module_) {
+      module_ = std::make_unique<FWUpdateSymbol>(bound());
     }
-    return *module;
+    return *module_;
   }
 
  private:
-  std::unique_ptr<FWUpdateSymbol> module;
+  std::unique_ptr<FWUpdateSymbol> module_;
 };
 
 class InformationInUse : public LibraryTest {
@@ -101,8 +101,8 @@ class InformationInUse : public LibraryTest {
   // asked about is kept.
   int decide(const std::string& json, const std::string& image) {
     FWUpdateSymbol symbol = bound();
-    writeFile(std::string(Builtin) + "abc/abc.bin", image);
-    writeInformation(Builtin, "abc", json);
+    writeFile(std::string(kBuiltin) + "abc/abc.bin", image);
+    writeInformation(kBuiltin, "abc", json);
     char data[] = "";
     const int result = symbol.isNeedUpdate(CALLER_UPGRADE_APP, data);
     expectedTime = symbol.getExpectedUpdateTime();
@@ -150,10 +150,10 @@ TEST_F(InformationInUse, TakesTheLargestNumbers) {
 
 TEST_F(InformationInUse, LeavesTheDecisionWhenItCannotBeReadAgain) {
   FWUpdateSymbol symbol = bound();
-  writeImage(Builtin, "abc", "1.0", "first image", 10);
+  writeImage(kBuiltin, "abc", "1.0", "first image", 10);
   char data[] = "";
   ASSERT_EQ(symbol.isNeedUpdate(CALLER_UPGRADE_APP, data), 1);
-  writeInformation(Builtin, "abc", "{\"version\":\"9.0\",\"crc\":5,\"expected_time\":-5}");
+  writeInformation(kBuiltin, "abc", "{\"version\":\"9.0\",\"crc\":5,\"expected_time\":-5}");
 
   EXPECT_EQ(symbol.isNeedUpdate(CALLER_UPGRADE_APP, data), -1);
 
@@ -165,7 +165,7 @@ class MalformedInformation : public InformationFile, public ::testing::WithParam
 TEST_P(MalformedInformation, IsRefusedWithOneMessage) {
   EXPECT_FALSE(load(GetParam()));
 
-  EXPECT_THAT(recording::messages(), ElementsAre(LoadFailed));
+  EXPECT_THAT(recording::messages(), ElementsAre(kLoadFailed));
   EXPECT_THAT(recording::traceFormats(), ElementsAre("Error: json loadInformation fail.(%s)\n"));
 }
 
@@ -176,34 +176,34 @@ INSTANTIATE_TEST_SUITE_P(InformationFile, MalformedInformation,
                                            "\xFF\xFE\x00\x01"));
 
 TEST_F(InformationFile, RefusesAMissingFile) {
-  EXPECT_FALSE(symbol().loadInformation(Info));
+  EXPECT_FALSE(symbol().loadInformation(kInfo));
 
-  EXPECT_THAT(recording::messages(), ElementsAre(LoadFailed));
+  EXPECT_THAT(recording::messages(), ElementsAre(kLoadFailed));
 }
 
 TEST_F(InformationFile, RefusesADirectory) {
-  std::filesystem::create_directories(Info);
+  std::filesystem::create_directories(kInfo);
 
-  EXPECT_FALSE(symbol().loadInformation(Info));
+  EXPECT_FALSE(symbol().loadInformation(kInfo));
 
-  EXPECT_THAT(recording::messages(), ElementsAre(LoadFailed));
+  EXPECT_THAT(recording::messages(), ElementsAre(kLoadFailed));
 }
 
 TEST_F(InformationFile, RefusesAFileItMayNotRead) {
-  writeFile(Info, "{}");
-  std::filesystem::permissions(Info, std::filesystem::perms::none);
+  writeFile(kInfo, "{}");
+  std::filesystem::permissions(kInfo, std::filesystem::perms::none);
   FWUpdateSymbol& record = symbol();
 
   const WithoutFileOverride asAnyone;
 
-  EXPECT_FALSE(record.loadInformation(Info));
-  EXPECT_THAT(recording::messages(), ElementsAre(LoadFailed));
+  EXPECT_FALSE(record.loadInformation(kInfo));
+  EXPECT_THAT(recording::messages(), ElementsAre(kLoadFailed));
 }
 
 TEST_F(InformationFile, RefusesNestingThatTheParserWillNotFollow) {
   EXPECT_FALSE(load("{\"a\":" + std::string(100000, '[')));
 
-  EXPECT_THAT(recording::messages(), ElementsAre(LoadFailed));
+  EXPECT_THAT(recording::messages(), ElementsAre(kLoadFailed));
 }
 
 TEST_F(InformationFile, ReadsAFileOf64KiB) {
@@ -215,50 +215,50 @@ TEST_F(InformationFile, ReadsAFileOf64KiB) {
 TEST_F(InformationFile, RefusesAFileOfMoreThan64KiB) {
   EXPECT_FALSE(load(withSpaces(65537)));
 
-  EXPECT_THAT(recording::messages(), ElementsAre(LoadFailed));
+  EXPECT_THAT(recording::messages(), ElementsAre(kLoadFailed));
 }
 
 TEST_F(InformationFile, RefusesAHugeFileWithoutReadingIt) {
   FWUpdateSymbol& record = symbol();
-  writeFile(Info, "");
-  std::filesystem::resize_file(Info, std::uintmax_t{1} << 40);
+  writeFile(kInfo, "");
+  std::filesystem::resize_file(kInfo, std::uintmax_t{1} << 40);
   int reads = 0;
   afterRead = [&reads] { ++reads; };
 
-  EXPECT_FALSE(record.loadInformation(Info));
+  EXPECT_FALSE(record.loadInformation(kInfo));
 
   EXPECT_EQ(reads, 0);
-  EXPECT_THAT(recording::messages(), ElementsAre(LoadFailed));
+  EXPECT_THAT(recording::messages(), ElementsAre(kLoadFailed));
 }
 
 TEST_F(InformationFile, RefusesAFileThatGrowsWhileItIsRead) {
   FWUpdateSymbol& record = symbol();
-  writeFile(Info, "{}");
-  afterRead = [] { append(Info, " "); };
+  writeFile(kInfo, "{}");
+  afterRead = [] { append(kInfo, " "); };
 
-  EXPECT_FALSE(record.loadInformation(Info));
+  EXPECT_FALSE(record.loadInformation(kInfo));
 
-  EXPECT_THAT(recording::messages(), ElementsAre(LoadFailed));
+  EXPECT_THAT(recording::messages(), ElementsAre(kLoadFailed));
 }
 
 TEST_F(InformationFile, RefusesAFileThatCannotBeReadToItsEnd) {
   FWUpdateSymbol& record = symbol();
-  writeFile(Info, "{}  and more");
+  writeFile(kInfo, "{}  and more");
   shorterReads = 2;
   afterRead = [] { failReads = true; };
 
-  EXPECT_FALSE(record.loadInformation(Info));
+  EXPECT_FALSE(record.loadInformation(kInfo));
 
-  EXPECT_THAT(recording::messages(), ElementsAre(LoadFailed));
+  EXPECT_THAT(recording::messages(), ElementsAre(kLoadFailed));
 }
 
 TEST_F(InformationFile, GoesOnAfterShortAndInterruptedReads) {
   FWUpdateSymbol& record = symbol();
-  writeFile(Info, "{\"version\":\"1\"}");
+  writeFile(kInfo, "{\"version\":\"1\"}");
   shorterReads = 3;
   interruptedReads = 2;
 
-  EXPECT_TRUE(record.loadInformation(Info));
+  EXPECT_TRUE(record.loadInformation(kInfo));
 }
 
 struct WrongNumber {
@@ -314,7 +314,7 @@ void putSocket(const std::string& path) {
   close(listener);
 }
 
-constexpr Intruder Intruders[] = {
+constexpr Intruder kIntruders[] = {
     {"AFifo", [](const std::string& path) { ASSERT_EQ(mkfifo(path.c_str(), 0666), 0); }},
     {"ALinkToAFifo",
      [](const std::string& path) {
@@ -335,8 +335,8 @@ std::string nameOf(const ::testing::TestParamInfo<Intruder>& info) {
 
 class InTheImagesPlace : public LibraryTest, public ::testing::WithParamInterface<Intruder> {
  protected:
-  static constexpr const char* Image = "/lib/firmware/ext/abc/abc.bin";
-  static constexpr const char* Info = "/lib/firmware/ext/abc/info.json";
+  static constexpr const char* kImage = "/lib/firmware/ext/abc/abc.bin";
+  static constexpr const char* kInfo = "/lib/firmware/ext/abc/info.json";
   char noData[1] = "";
 };
 
@@ -346,22 +346,22 @@ class InTheInformationsPlace : public InTheImagesPlace {};
 
 TEST_P(InTheInformationsPlace, IsRefusedAsMalformedAndNeverWaitedFor) {
   FWUpdateSymbol module = bound();
-  writeFile(Image, "content");
-  GetParam().put(Info);
+  writeFile(kImage, "content");
+  GetParam().put(kInfo);
 
   EXPECT_EQ(module.isNeedUpdate(CALLER_UPGRADE_APP, noData), -1);
   EXPECT_EQ(module.updateFirmware(CALLER_UPGRADE_APP, noData), -1);
 
   EXPECT_THAT(recording::texts(),
               ElementsAre("libabc Firmware isNeedUpdateModules Try(abc)",
-                          "Error: json loadInformation fail.(" + std::string(Info) + ")\n",
+                          "Error: json loadInformation fail.(" + std::string(kInfo) + ")\n",
                           "Error: json information load fail", "abc Firmware Update Try",
-                          "Error: json loadInformation fail.(" + std::string(Info) + ")\n",
+                          "Error: json loadInformation fail.(" + std::string(kInfo) + ")\n",
                           "Error: json information load fail"));
   EXPECT_THAT(recording::calls(), Not(Contains(StartsWith("libabc.checkVersion"))));
 }
 
-INSTANTIATE_TEST_SUITE_P(InformationFile, InTheInformationsPlace, ::testing::ValuesIn(Intruders), nameOf);
+INSTANTIATE_TEST_SUITE_P(InformationFile, InTheInformationsPlace, ::testing::ValuesIn(kIntruders), nameOf);
 
 TEST_P(InTheImagesPlace, IsAnImageThatCannotBeOpened) {
   FWUpdateSymbol module = bound();
@@ -374,8 +374,8 @@ TEST_P(InTheImagesPlace, IsAnImageThatCannotBeOpened) {
 
 TEST_P(InTheImagesPlace, IsNeverHandedToTheModule) {
   FWUpdateSymbol module = bound();
-  writeFile(Info, "{\"crc\":0}");
-  GetParam().put(Image);
+  writeFile(kInfo, "{\"crc\":0}");
+  GetParam().put(kImage);
 
   EXPECT_EQ(module.isNeedUpdate(CALLER_UPGRADE_APP, noData), -1);
   EXPECT_EQ(module.updateFirmware(CALLER_UPGRADE_APP, noData), -1);
@@ -387,7 +387,7 @@ TEST_P(InTheImagesPlace, IsNeverHandedToTheModule) {
   EXPECT_THAT(recording::calls(), Not(Contains(StartsWith("libabc.doUpdate"))));
 }
 
-INSTANTIATE_TEST_SUITE_P(ImageChecksum, InTheImagesPlace, ::testing::ValuesIn(Intruders), nameOf);
+INSTANTIATE_TEST_SUITE_P(ImageChecksum, InTheImagesPlace, ::testing::ValuesIn(kIntruders), nameOf);
 
 // ---- Checksum -------------------------------------------------------------------
 

@@ -29,10 +29,10 @@ class FileLocations : public LibraryTest {
   }
 };
 
-constexpr const char* FromUsb = "/opt/media/USBDriveA/tunerfw/tunerfw.bin";
-constexpr const char* FromPackage = "/opt/usr/apps/appbinarymanager/emps/tunerempfw/tunerfw.bin";
-constexpr const char* FromBuiltin = "/lib/firmware/ext/tunerfw/tunerfw.bin";
-constexpr const char* FromSbox = "/opt/usr/share/sbox/tunerfw/tunerfw.bin";
+constexpr const char* kFromUsb = "/opt/media/USBDriveA/tunerfw/tunerfw.bin";
+constexpr const char* kFromPackage = "/opt/usr/apps/appbinarymanager/emps/tunerempfw/tunerfw.bin";
+constexpr const char* kFromBuiltin = "/lib/firmware/ext/tunerfw/tunerfw.bin";
+constexpr const char* kFromSbox = "/opt/usr/share/sbox/tunerfw/tunerfw.bin";
 
 }  // namespace
 
@@ -40,10 +40,10 @@ TEST_F(FileLocations, FollowTheUpdateType) {
   FWUpdateSymbol symbol = tuner();
   std::filesystem::create_directories("/opt/media/USBDriveA");
 
-  EXPECT_EQ(symbol.getBinaryPath(UPDATE_TYPE_USB), FromUsb);
-  EXPECT_EQ(symbol.getBinaryPath(UPDATE_TYPE_EMP), FromPackage);
-  EXPECT_EQ(symbol.getBinaryPath(UPDATE_TYPE_BUILTIN), FromBuiltin);
-  EXPECT_EQ(symbol.getBinaryPath(UPDATE_TYPE_SBOX), FromSbox);
+  EXPECT_EQ(symbol.getBinaryPath(UPDATE_TYPE_USB), kFromUsb);
+  EXPECT_EQ(symbol.getBinaryPath(UPDATE_TYPE_EMP), kFromPackage);
+  EXPECT_EQ(symbol.getBinaryPath(UPDATE_TYPE_BUILTIN), kFromBuiltin);
+  EXPECT_EQ(symbol.getBinaryPath(UPDATE_TYPE_SBOX), kFromSbox);
   EXPECT_EQ(symbol.getInformationPath(UPDATE_TYPE_USB), "/opt/media/USBDriveA/tunerfw/info.json");
   EXPECT_EQ(symbol.getInformationPath(UPDATE_TYPE_EMP),
             "/opt/usr/apps/appbinarymanager/emps/tunerempfw/info.json");
@@ -55,8 +55,8 @@ TEST_F(FileLocations, FollowTheUpdateType) {
 TEST_F(FileLocations, TreatAnyOtherTypeAsThePackage) {
   FWUpdateSymbol symbol = tuner();
 
-  EXPECT_EQ(symbol.getBinaryPath(static_cast<UPDATE_TYPE>(4)), FromPackage);
-  EXPECT_EQ(symbol.getBinaryPath(static_cast<UPDATE_TYPE>(-1)), FromPackage);
+  EXPECT_EQ(symbol.getBinaryPath(static_cast<UPDATE_TYPE>(4)), kFromPackage);
+  EXPECT_EQ(symbol.getBinaryPath(static_cast<UPDATE_TYPE>(-1)), kFromPackage);
   EXPECT_EQ(symbol.getInformationPath(static_cast<UPDATE_TYPE>(9)),
             "/opt/usr/apps/appbinarymanager/emps/tunerempfw/info.json");
 }
@@ -158,7 +158,7 @@ TEST_F(FileLocations, ServeADebugRequestWithoutDataFromThePackage) {
   EXPECT_EQ(symbol.isNeedUpdate(CALLER_DEBUG, nullptr), -1);
 
   EXPECT_EQ(recording::texts().back(),
-            std::string("Error: Firmware binary file no exist (") + FromPackage + ")");
+            std::string("Error: Firmware binary file no exist (") + kFromPackage + ")");
 }
 
 struct CallerCase {
@@ -179,12 +179,13 @@ TEST_P(CallerLocation, DecidesWhereTheImageIsLookedFor) {
   EXPECT_EQ(lookedFor(GetParam().caller, GetParam().data), GetParam().path);
 }
 
-INSTANTIATE_TEST_SUITE_P(FileLocations, CallerLocation,
-                         ::testing::Values(CallerCase{0, "", FromUsb}, CallerCase{0, "anything", FromUsb},
-                                           CallerCase{1, "USB", FromUsb}, CallerCase{1, "usb", FromPackage},
-                                           CallerCase{1, "", FromPackage}, CallerCase{1, "USB ", FromPackage},
-                                           CallerCase{2, "USB", FromPackage}, CallerCase{3, "", FromPackage},
-                                           CallerCase{4, "USB", FromBuiltin}, CallerCase{5, "", FromSbox},
-                                           CallerCase{6, "", FromBuiltin}, CallerCase{7, "", FromBuiltin},
-                                           CallerCase{8, "", FromPackage}, CallerCase{1000, "", FromPackage},
-                                           CallerCase{-1, "", FromPackage}));
+INSTANTIATE_TEST_SUITE_P(
+    FileLocations, CallerLocation,
+    ::testing::Values(CallerCase{0, "", kFromUsb}, CallerCase{0, "anything", kFromUsb},
+                      CallerCase{1, "USB", kFromUsb}, CallerCase{1, "usb", kFromPackage},
+                      CallerCase{1, "", kFromPackage}, CallerCase{1, "USB ", kFromPackage},
+                      CallerCase{2, "USB", kFromPackage}, CallerCase{3, "", kFromPackage},
+                      CallerCase{4, "USB", kFromBuiltin}, CallerCase{5, "", kFromSbox},
+                      CallerCase{6, "", kFromBuiltin}, CallerCase{7, "", kFromBuiltin},
+                      CallerCase{8, "", kFromPackage}, CallerCase{1000, "", kFromPackage},
+                      CallerCase{-1, "", kFromPackage}));

@@ -21,9 +21,9 @@ namespace fs = std::filesystem;
 
 namespace {
 
-const std::string List = "/tmp/fwupdate-off-list.txt";
+const std::string kList = "/tmp/fwupdate-off-list.txt";
 // Wraps to a limit of no time at all: the fastest way to run out of it.
-constexpr unsigned int NoTime = 4294967294U;
+constexpr unsigned int kNoTime = 4294967294U;
 
 std::string said(const std::string& function, const std::string& text) {
   return "6 fw-update-symbol-manager.cpp " + function + " " + text;
@@ -34,7 +34,7 @@ class UpdateAll : public LibraryTest {
   void SetUp() override {
     LibraryTest::SetUp();
     faults::reset();
-    fs::create_directories(Controls);
+    fs::create_directories(kControls);
   }
 
   static FWUpdateSymbolManager& registry() { return *FWUpdateSymbolManager::getInstance(); }
@@ -52,7 +52,7 @@ class UpdateAll : public LibraryTest {
       scripted::installModule(row.stem);
     }
     std::vector<std::string> order;
-    for (const auto& entry : fs::directory_iterator(Controls)) {
+    for (const auto& entry : fs::directory_iterator(kControls)) {
       order.push_back(entry.path().stem());
     }
     for (std::size_t i = 0; i < rows.size(); ++i) {
@@ -114,7 +114,7 @@ std::vector<std::string> joined(std::initializer_list<std::vector<std::string>> 
 // ---- Nothing to update --------------------------------------------------------------
 
 TEST_F(UpdateAll, OnlySignalsTheEventForAnEmptyRegistry) {
-  writeFile(List, "kept");
+  writeFile(kList, "kept");
 
   EXPECT_EQ(registry().doUpdateFirmwareAll(CALLER_FACTORY), 0);
 
@@ -122,12 +122,12 @@ TEST_F(UpdateAll, OnlySignalsTheEventForAnEmptyRegistry) {
               ElementsAre("log: Try doUpdateFirmwareAll", "LwipcEventDone(/tmp/.ignore_resume)",
                           "log: There is no update item"));
   EXPECT_FALSE(exists("/tmp/.ignore_resume"));
-  EXPECT_EQ(readFile(List), "kept");
+  EXPECT_EQ(readFile(kList), "kept");
 }
 
 TEST_F(UpdateAll, LeavesPowerModulesAndListAloneWhenNoneNeedsAnUpdate) {
   const auto order = modules({{"liba", 30, 0}, {"libb", 60, 0}});
-  writeFile(List, "kept");
+  writeFile(kList, "kept");
 
   EXPECT_EQ(registry().doUpdateFirmwareAll(CALLER_QUERY), 0);
 
@@ -142,7 +142,7 @@ TEST_F(UpdateAll, LeavesPowerModulesAndListAloneWhenNoneNeedsAnUpdate) {
   EXPECT_THAT(recording::traceFormats(),
               ElementsAre("Try doUpdateFirmwareAll", "%s Firmware Expected Time Check Done",
                           "%s Firmware Expected Time Check Done", "There is no update item"));
-  EXPECT_EQ(readFile(List), "kept");
+  EXPECT_EQ(readFile(kList), "kept");
 }
 
 TEST_F(UpdateAll, PassesOverModulesThatWereNeverAsked) {
@@ -160,7 +160,7 @@ TEST_F(UpdateAll, PassesOverModulesThatWereNeverAsked) {
 
 TEST_F(UpdateAll, RunsInOnePassAfterAnother) {
   const auto order = modules({{"liba", 30, 1}, {"libb", 60, 0}, {"libc", 30, 1}});
-  writeFile(List, "pending\n");
+  writeFile(kList, "pending\n");
 
   EXPECT_EQ(registry().doUpdateFirmwareAll(CALLER_LSM), 0);
 
@@ -175,7 +175,7 @@ TEST_F(UpdateAll, RunsInOnePassAfterAnother) {
                                {order[0] + ".allUpdateDone()", order[1] + ".allUpdateDone()",
                                 order[2] + ".allUpdateDone()", "log: device_power_unlock_state",
                                 "device_power_unlock_state(2)", "log: device_power_unlock_state done"}})));
-  EXPECT_FALSE(exists(List));
+  EXPECT_FALSE(exists(kList));
 }
 
 TEST_F(UpdateAll, SaysEverythingAtErrorPriorityAndTracesIt) {
@@ -279,14 +279,14 @@ TEST_F(UpdateAll, IgnoresWhatThePlatformAndTheModulesAnswer) {
     scripted::module(stem).doUpdateResult = -5;
     scripted::module(stem).allUpdateDoneResult = -6;
   }
-  writeFile(List, "pending\n");
+  writeFile(kList, "pending\n");
 
   EXPECT_EQ(registry().doUpdateFirmwareAll(CALLER_QUERY), 0);
 
   EXPECT_THAT(recording::calls(), Contains(HasSubstr(".doUpdate(")).Times(2));
   EXPECT_THAT(recording::calls(), Contains(HasSubstr(".allUpdateDone()")).Times(2));
   EXPECT_EQ(recording::calls().back(), "device_power_unlock_state(2)");
-  EXPECT_FALSE(exists(List));
+  EXPECT_FALSE(exists(kList));
 }
 
 TEST_F(UpdateAll, EndsWellWithoutAPendingList) {
@@ -299,18 +299,18 @@ TEST_F(UpdateAll, EndsWellWithoutAPendingList) {
 
 TEST_F(UpdateAll, RemovesThePendingListAtTheVeryEnd) {
   modules({{"liba", 30, 1}});
-  writeFile(List, "pending\n");
+  writeFile(kList, "pending\n");
   bool listAtTheEnd = false;
   recording::onMessage([&](const recording::LogLine& line) {
     if (line.text == "device_power_unlock_state done") {
-      listAtTheEnd = exists(List);
+      listAtTheEnd = exists(kList);
     }
   });
 
   registry().doUpdateFirmwareAll(CALLER_QUERY);
 
   EXPECT_TRUE(listAtTheEnd);
-  EXPECT_FALSE(exists(List));
+  EXPECT_FALSE(exists(kList));
 }
 
 TEST_F(UpdateAll, ToleratesAModuleWithoutAllUpdateDone) {
@@ -335,7 +335,7 @@ TEST_F(UpdateAll, KeepsTheFlags) {
 // ---- Failures -----------------------------------------------------------------------
 
 TEST_F(UpdateAll, GoesOnAfterAModuleThatRanOutOfTime) {
-  const auto order = modules({{"liba", NoTime, 1}, {"libb", 30, 1}});
+  const auto order = modules({{"liba", kNoTime, 1}, {"libb", 30, 1}});
   Gate release;
   Gate done;
   scripted::module(order[0]).doUpdate = [&](const char*, unsigned long) {
@@ -351,7 +351,7 @@ TEST_F(UpdateAll, GoesOnAfterAModuleThatRanOutOfTime) {
       done.open();
     }
   });
-  writeFile(List, "pending\n");
+  writeFile(kList, "pending\n");
 
   EXPECT_EQ(registry().doUpdateFirmwareAll(CALLER_QUERY), 0);
   done.wait();
@@ -366,11 +366,11 @@ TEST_F(UpdateAll, GoesOnAfterAModuleThatRanOutOfTime) {
   // -2 s in 32 bits and 30 s, and 5 s for each.
   EXPECT_THAT(recording::texts(), Contains(total("28000")));
   EXPECT_THAT(recording::calls(), Contains("device_power_lock_state(2, 38000)"));
-  EXPECT_FALSE(exists(List));
+  EXPECT_FALSE(exists(kList));
 }
 
 TEST_F(UpdateAll, UnlocksThePowerWhileATimedOutModuleStillRuns) {
-  const auto order = modules({{"liba", NoTime, 1}});
+  const auto order = modules({{"liba", kNoTime, 1}});
   Gate release;
   Gate done;
   scripted::module("liba").doUpdate = [&](const char*, unsigned long) {
@@ -406,7 +406,7 @@ TEST_F(UpdateAll, GoesOnAfterAModuleThatThrew) {
 TEST_F(UpdateAll, GoesOnSilentlyWithoutTheUpdateLock) {
   const auto order = modules({{"liba", 30, 1}, {"libb", 30, 1}});
   const MountedOver shm = MountedOver::memory("/dev/shm", "mode=0755", MS_RDONLY);
-  writeFile(List, "pending\n");
+  writeFile(kList, "pending\n");
 
   EXPECT_EQ(registry().doUpdateFirmwareAll(CALLER_QUERY), 0);
 
@@ -416,7 +416,7 @@ TEST_F(UpdateAll, GoesOnSilentlyWithoutTheUpdateLock) {
               ElementsAre("LwipcEventDone(/tmp/.ignore_resume)", "device_power_lock_state(2, 70000)",
                           order[0] + ".allUpdateDone()", order[1] + ".allUpdateDone()",
                           "device_power_unlock_state(2)"));
-  EXPECT_FALSE(exists(List));
+  EXPECT_FALSE(exists(kList));
 }
 
 TEST_F(UpdateAll, TakesAThreadThatCannotBeStartedForARuntimeError) {
@@ -432,7 +432,7 @@ TEST_F(UpdateAll, TakesAThreadThatCannotBeStartedForARuntimeError) {
 
 TEST_F(UpdateAll, EndsAtOnceWithAnyOtherException) {
   modules({{"liba", 30, 1}, {"libb", 30, 1}});
-  writeFile(List, "pending\n");
+  writeFile(kList, "pending\n");
   recording::onMessage([](const recording::LogLine& line) {
     if (line.text.find(" update time ") != std::string::npos && line.function == "update_timeout_wrapper") {
       throw std::logic_error("the platform's log broke");
@@ -443,7 +443,7 @@ TEST_F(UpdateAll, EndsAtOnceWithAnyOtherException) {
 
   EXPECT_EQ(recording::calls().back(), "device_power_lock_state(2, 70000)") << "held until its time is over";
   EXPECT_THAT(recording::texts(), Not(Contains(HasSubstr("Error : "))));
-  EXPECT_EQ(readFile(List), "pending\n");
+  EXPECT_EQ(readFile(kList), "pending\n");
 }
 
 // ---- All updates done ---------------------------------------------------------------
@@ -451,7 +451,7 @@ TEST_F(UpdateAll, EndsAtOnceWithAnyOtherException) {
 TEST_F(UpdateAll, TellsEveryModuleThatTheUpdateIsOver) {
   const auto order = modules({{"liba", 30, 1}, {"libb", 30, 0}});
   scripted::module(order[0]).allUpdateDoneResult = -1;
-  writeFile(List, "kept");
+  writeFile(kList, "kept");
 
   EXPECT_EQ(registry().allDoUpdateDone(), 0);
 
@@ -461,7 +461,7 @@ TEST_F(UpdateAll, TellsEveryModuleThatTheUpdateIsOver) {
   EXPECT_THAT(recording::messages(), ElementsAre(said("allDoUpdateDone", "Try allDoUpdateDone"),
                                                  said("allDoUpdateDone", "allDoUpdateDone Done")));
   EXPECT_THAT(recording::traceFormats(), ElementsAre("Try allDoUpdateDone", "allDoUpdateDone Done"));
-  EXPECT_EQ(readFile(List), "kept");
+  EXPECT_EQ(readFile(kList), "kept");
 }
 
 TEST_F(UpdateAll, TellsNoneOfAnEmptyRegistry) {
@@ -495,7 +495,7 @@ TEST_F(UpdateAll, RequestsTheNextPackageAfterARefusal) {
 
 TEST_F(UpdateAll, RequestsNothingForModulesWithoutAPackage) {
   scripted::installModule("libEXT-abc");
-  writeFile(std::string(Controls) + "libbroken.so", "no library");
+  writeFile(std::string(kControls) + "libbroken.so", "no library");
   registry().onCreate(false);
   recording::reset();
 

@@ -23,7 +23,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-const std::string List = "/tmp/fwupdate-off-list.txt";
+const std::string kList = "/tmp/fwupdate-off-list.txt";
 
 std::string said(const std::string& function, const std::string& text) {
   return "6 fw-update-symbol-manager.cpp " + function + " " + text;
@@ -34,7 +34,7 @@ class PendingList : public LibraryTest {
   void SetUp() override {
     LibraryTest::SetUp();
     faults::reset();
-    fs::create_directories(Controls);
+    fs::create_directories(kControls);
   }
 
   static FWUpdateSymbolManager& registry() { return *FWUpdateSymbolManager::getInstance(); }
@@ -47,7 +47,7 @@ class PendingList : public LibraryTest {
       writePackage(empId(stem), empId(stem).substr(3));
     }
     std::vector<std::string> order;
-    for (const auto& entry : fs::directory_iterator(Controls)) {
+    for (const auto& entry : fs::directory_iterator(kControls)) {
       order.push_back(entry.path().stem());
     }
     registry().onCreate(false);
@@ -80,7 +80,7 @@ TEST_F(PendingList, IsEmptyWithoutModulesAndDoesNotAskWhetherToGoOn) {
 
   EXPECT_EQ(writeList(), 0);
 
-  EXPECT_EQ(readFile(List), "");
+  EXPECT_EQ(readFile(kList), "");
   EXPECT_THAT(recording::everything(), IsEmpty());
 }
 
@@ -89,7 +89,7 @@ TEST_F(PendingList, HoldsOneLineForEachModuleThatNeedsAnUpdate) {
 
   EXPECT_EQ(writeList(), 3);
 
-  EXPECT_EQ(readFile(List), line(order[0]) + line(order[1]) + line(order[2]));
+  EXPECT_EQ(readFile(kList), line(order[0]) + line(order[1]) + line(order[2]));
   EXPECT_TRUE(running);
 }
 
@@ -100,7 +100,7 @@ TEST_F(PendingList, HoldsOnlyTheSecondOfThreeModules) {
 
   EXPECT_EQ(writeList(), 1);
 
-  EXPECT_EQ(readFile(List), line(order[1]));
+  EXPECT_EQ(readFile(kList), line(order[1]));
   EXPECT_THAT(recording::messages(), Contains(said("writeFirmwareUpdateList", needed(order[1]))));
   EXPECT_THAT(recording::traceFormats(), Contains("Need Update [%s][%s]").Times(1));
 }
@@ -113,7 +113,7 @@ TEST_F(PendingList, CountsOnlyAnAnswerOfExactlyOne) {
 
   EXPECT_EQ(writeList(), 1);
 
-  EXPECT_EQ(readFile(List), line(order[3]));
+  EXPECT_EQ(readFile(kList), line(order[3]));
 }
 
 TEST_F(PendingList, AsksEachModuleAsAQueryWithoutData) {
@@ -141,30 +141,30 @@ TEST_F(PendingList, QuotesNothing) {
 
   EXPECT_EQ(writeList(), 1);
 
-  EXPECT_EQ(readFile(List), line(stem));
+  EXPECT_EQ(readFile(kList), line(stem));
 }
 
 TEST_F(PendingList, LeavesOutModulesThatCannotBeUpdated) {
-  writeFile(std::string(Controls) + "libbroken.so", "no library");
+  writeFile(std::string(kControls) + "libbroken.so", "no library");
   scripted::installModule("libEXT-abc");
   modules({"liba"});
   fs::remove("/opt/usr/apps/appbinarymanager/empliba.img");
 
   EXPECT_EQ(writeList(), 0);
 
-  EXPECT_EQ(readFile(List), "");
+  EXPECT_EQ(readFile(kList), "");
 }
 
 // ---- Stopping -----------------------------------------------------------------------
 
 TEST_F(PendingList, IsEmptiedWhenTheTaskIsNotRunning) {
   modules({"liba"});
-  writeFile(List, "what was there before\n");
+  writeFile(kList, "what was there before\n");
   running = false;
 
   EXPECT_EQ(writeList(), -1);
 
-  EXPECT_EQ(readFile(List), "");
+  EXPECT_EQ(readFile(kList), "");
   EXPECT_FALSE(running);
   EXPECT_THAT(recording::messages(), ElementsAre(said("writeFirmwareUpdateList",
                                                       "Task is not running, writeFirmwareUpdateList stop")));
@@ -182,7 +182,7 @@ TEST_F(PendingList, KeepsTheLinesWrittenBeforeTheTaskStopped) {
 
   EXPECT_EQ(writeList(), -1);
 
-  EXPECT_EQ(readFile(List), line(order[0]) + line(order[1])) << "it stops at the next module only";
+  EXPECT_EQ(readFile(kList), line(order[0]) + line(order[1])) << "it stops at the next module only";
   EXPECT_THAT(recording::calls(), Not(Contains(order[2] + ".checkVersion(\"2.0\", 0)")));
   EXPECT_EQ(recording::texts().back(), "Task is not running, writeFirmwareUpdateList stop");
 }
@@ -213,18 +213,18 @@ TEST_F(PendingList, StopsForAFlagThatAnotherThreadClears) {
   asked.store(true, std::memory_order_relaxed);  // also when the module was not
   task.join();
 
-  EXPECT_EQ(readFile(List), line(order[0]));
+  EXPECT_EQ(readFile(kList), line(order[0]));
 }
 
 // ---- What stands at the path --------------------------------------------------------
 
 TEST_F(PendingList, ReplacesAFile) {
   modules({"liba"});
-  writeFile(List, std::string(1000, 'x'));
+  writeFile(kList, std::string(1000, 'x'));
 
   EXPECT_EQ(writeList(), 1);
 
-  EXPECT_EQ(readFile(List), line("liba"));
+  EXPECT_EQ(readFile(kList), line("liba"));
 }
 
 TEST_F(PendingList, IsReadableByOthersAndWritableByItsOwner) {
@@ -233,7 +233,7 @@ TEST_F(PendingList, IsReadableByOthersAndWritableByItsOwner) {
   umask(previous);
 
   struct stat status = {};
-  ASSERT_EQ(stat(List.c_str(), &status), 0);
+  ASSERT_EQ(stat(kList.c_str(), &status), 0);
   EXPECT_EQ(status.st_mode, static_cast<mode_t>(S_IFREG | 0644));
 }
 
@@ -243,13 +243,13 @@ TEST_P(LinkAtTheListsPath, IsRefusedAndLeftAlone) {
   modules({"liba"});
   writeFile("/tmp/file", "content");
   fs::create_directory("/tmp/directory");
-  fs::create_symlink(GetParam(), List);
-  const int reached = access(List.c_str(), F_OK);
+  fs::create_symlink(GetParam(), kList);
+  const int reached = access(kList.c_str(), F_OK);
 
   EXPECT_EQ(writeList(), -1);
 
-  EXPECT_EQ(fs::read_symlink(List), GetParam());
-  EXPECT_EQ(access(List.c_str(), F_OK), reached) << "nothing is made behind a dangling link";
+  EXPECT_EQ(fs::read_symlink(kList), GetParam());
+  EXPECT_EQ(access(kList.c_str(), F_OK), reached) << "nothing is made behind a dangling link";
   EXPECT_EQ(readFile("/tmp/file"), "content");
   EXPECT_THAT(recording::messages(),
               ElementsAre(said("check_race_condition", "symbolic link is detected\n"),
@@ -268,15 +268,15 @@ TEST_F(PendingList, IsNotWrittenThroughALinkThatComesAfterTheCheck) {
   writeFile("/tmp/file", "content");
   faults::afterLstat = [](const char* path) {
     std::error_code alreadyThere;
-    if (path == List) {
-      fs::create_symlink("/tmp/file", List, alreadyThere);
+    if (path == kList) {
+      fs::create_symlink("/tmp/file", kList, alreadyThere);
     }
   };
 
   EXPECT_EQ(writeList(), 1) << "lost silently";
 
   EXPECT_EQ(readFile("/tmp/file"), "content");
-  EXPECT_EQ(fs::read_symlink(List), "/tmp/file");
+  EXPECT_EQ(fs::read_symlink(kList), "/tmp/file");
   EXPECT_THAT(recording::messages(), Contains(said("writeFirmwareUpdateList", needed("liba"))));
 }
 
@@ -296,11 +296,11 @@ TEST_F(PendingList, ReportsAPathWhoseStatusCannotBeRead) {
 
 TEST_F(PendingList, IsLostSilentlyWhereADirectoryStands) {
   const auto order = modules({"liba", "libb"});
-  writeFile(List + "/file", "content");
+  writeFile(kList + "/file", "content");
 
   EXPECT_EQ(writeList(), 2);
 
-  EXPECT_EQ(readFile(List + "/file"), "content");
+  EXPECT_EQ(readFile(kList + "/file"), "content");
   EXPECT_THAT(recording::messages(), Contains(said("writeFirmwareUpdateList", needed(order[0]))));
   EXPECT_EQ(recording::texts().back(), needed(order[1]));
 }
@@ -313,7 +313,7 @@ TEST_F(PendingList, IsLostSilentlyWhereItMayNotBeWritten) {
     EXPECT_EQ(writeList(), 1);
   }
 
-  EXPECT_FALSE(exists(List));
+  EXPECT_FALSE(exists(kList));
   EXPECT_EQ(recording::texts().back(), needed("liba"));
 }
 
@@ -324,24 +324,24 @@ TEST_F(PendingList, IsLostSilentlyOnAFullFileSystem) {
 
   EXPECT_EQ(writeList(), 1);
 
-  EXPECT_EQ(readFile(List), "");
+  EXPECT_EQ(readFile(kList), "");
   EXPECT_EQ(recording::texts().back(), needed("liba"));
 }
 
 TEST_F(PendingList, DoesNotWaitForTheReaderOfAFifo) {
   modules({"liba"});
-  ASSERT_EQ(mkfifo(List.c_str(), 0600), 0);
+  ASSERT_EQ(mkfifo(kList.c_str(), 0600), 0);
 
   EXPECT_EQ(writeList(), 1);
 
-  EXPECT_TRUE(fs::is_fifo(List));
+  EXPECT_TRUE(fs::is_fifo(kList));
   EXPECT_EQ(recording::texts().back(), needed("liba"));
 }
 
 TEST_F(PendingList, ReachesTheReaderOfAFifo) {
   modules({"liba"});
-  ASSERT_EQ(mkfifo(List.c_str(), 0600), 0);
-  const int reader = open(List.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  ASSERT_EQ(mkfifo(kList.c_str(), 0600), 0);
+  const int reader = open(kList.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
   ASSERT_GE(reader, 0);
 
   EXPECT_EQ(writeList(), 1);
@@ -354,8 +354,8 @@ TEST_F(PendingList, ReachesTheReaderOfAFifo) {
 
 TEST_F(PendingList, IsLostSilentlyWhenTheReaderOfAFifoLeaves) {
   modules({"liba"});
-  ASSERT_EQ(mkfifo(List.c_str(), 0600), 0);
-  const int reader = open(List.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  ASSERT_EQ(mkfifo(kList.c_str(), 0600), 0);
+  const int reader = open(kList.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
   ASSERT_GE(reader, 0);
   scripted::module("liba").checkVersion = [reader](const char*, int* need) {
     close(reader);

@@ -36,21 +36,21 @@ using ::testing::Not;
 namespace {
 
 // Wraps to a limit of no time at all: the fastest way to run out of it.
-constexpr unsigned int NoTime = 4294967294U;
+constexpr unsigned int kNoTime = 4294967294U;
 
 class GuardedUpdate : public LibraryTest {
  protected:
   void SetUp() override {
     LibraryTest::SetUp();
     faults::reset();
-    std::filesystem::create_directories(Controls);
+    std::filesystem::create_directories(kControls);
   }
 
   static FWUpdateSymbolManager& registry() { return *FWUpdateSymbolManager::getInstance(); }
 
   void oneModule(unsigned int expectedTime = 30) {
     scripted::installModule("libabc");
-    writeImage(Builtin, "abc", "2.0", "content", expectedTime);
+    writeImage(kBuiltin, "abc", "2.0", "content", expectedTime);
     registry().onCreate(false);
     recording::reset();
   }
@@ -326,7 +326,7 @@ TEST_F(GuardedUpdate, GivesTheLockBackWhenTheWorkerCannotBeStarted) {
 // ---- Time limit ---------------------------------------------------------------------
 
 TEST_F(GuardedUpdate, ReportsAModuleThatRunsOutOfTime) {
-  oneModule(NoTime);
+  oneModule(kNoTime);
   Gate release;
   Gate done;
   int valueAtTimeout = -1;
@@ -373,7 +373,7 @@ TEST_F(GuardedUpdate, WaitsTwoSecondsMoreThanExpected) {
 }
 
 TEST_F(GuardedUpdate, TakesAnUpdateThatFinishesBeforeTheWaitForATimeout) {
-  oneModule(NoTime);
+  oneModule(kNoTime);
   scripted::module("libabc").doUpdateResult = 0;
   // The real wait starts only after the worker has notified.
   faults::holdWaitUntilNotified = true;
@@ -428,7 +428,7 @@ TEST_F(GuardedUpdate, DoesNotTakeAJumpOfTheSystemClockForATimeout) {
 }
 
 TEST_F(GuardedUpdate, GoesOnWithTheNextModuleAfterATimeout) {
-  oneModule(NoTime);
+  oneModule(kNoTime);
   registry().onCreate(false);
   recording::reset();
   Gate release;
@@ -452,7 +452,7 @@ TEST_F(GuardedUpdate, GoesOnWithTheNextModuleAfterATimeout) {
 }
 
 TEST_F(GuardedUpdate, KeepsTheRecordsOfARunningWorkerWhenTheRegistryIsEmptied) {
-  oneModule(NoTime);
+  oneModule(kNoTime);
   Gate release;
   Gate done;
   scripted::module("libabc").doUpdate = [&](const char*, unsigned long) {
@@ -484,7 +484,7 @@ TEST_F(GuardedUpdate, KeepsTheRecordsOfARunningWorkerWhenTheRegistryGrows) {
   // Freed memory loses its content, unless it is small: hence a second module.
   mallopt(M_PERTURB, 0x5A);
   scripted::installModule("libdef");
-  oneModule(NoTime);
+  oneModule(kNoTime);
   Gate release;
   Gate done;
   scripted::module("libabc").doUpdate = [&](const char*, unsigned long) {
@@ -510,7 +510,7 @@ TEST_F(GuardedUpdate, KeepsTheRecordsOfARunningWorkerWhenTheRegistryGrows) {
 }
 
 TEST_F(GuardedUpdate, EndsTheProcessUnderARunningWorkerWithoutHarm) {
-  oneModule(NoTime);
+  oneModule(kNoTime);
 
   const int code = runInChild([this]() -> int {
     scripted::module("libabc").doUpdate = [](const char*, unsigned long) {
@@ -553,7 +553,7 @@ TEST_F(GuardedUpdate, LetsAnExceptionOnTheCallersThreadThrough) {
 }
 
 TEST_F(GuardedUpdate, RunsOutOfTimeWhenTheModuleEndsItsThread) {
-  oneModule(NoTime);
+  oneModule(kNoTime);
   scripted::module("libabc").doUpdate = [](const char*, unsigned long) -> int { pthread_exit(nullptr); };
 
   EXPECT_EQ(update(), 1);

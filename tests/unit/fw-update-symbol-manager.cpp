@@ -22,7 +22,7 @@ class ModuleRegistry : public LibraryTest {
  protected:
   void SetUp() override {
     LibraryTest::SetUp();
-    std::filesystem::create_directories(Controls);
+    std::filesystem::create_directories(kControls);
   }
 
   static FWUpdateSymbolManager& registry() { return *FWUpdateSymbolManager::getInstance(); }
@@ -38,7 +38,7 @@ class ModuleRegistry : public LibraryTest {
   }
 };
 
-constexpr const char* WithoutSlash = "/prd/usr/fwupdate/controls";
+constexpr const char* kWithoutSlash = "/prd/usr/fwupdate/controls";
 
 std::string said(const std::string& function, const std::string& text) {
   return "6 fw-update-symbol-manager.cpp " + function + " " + text;
@@ -72,9 +72,9 @@ TEST_F(ModuleRegistry, IsReadyWithAnEmptyControlsDirectory) {
 
 TEST_F(ModuleRegistry, TakesOnlyFilesThatEndInSo) {
   scripted::installModule("libabc");
-  writeFile(std::string(Controls) + "libabc.so.1", "");
-  writeFile(std::string(Controls) + "libdef.SO", "");
-  writeFile(std::string(Controls) + "readme.txt", "");
+  writeFile(std::string(kControls) + "libabc.so.1", "");
+  writeFile(std::string(kControls) + "libdef.SO", "");
+  writeFile(std::string(kControls) + "readme.txt", "");
 
   EXPECT_TRUE(registry().onCreate(false));
 
@@ -86,7 +86,7 @@ TEST_F(ModuleRegistry, FollowsTheOrderOfTheDirectory) {
     scripted::installModule(stem);
   }
   std::vector<std::string> order;
-  for (const auto& entry : std::filesystem::directory_iterator(Controls)) {
+  for (const auto& entry : std::filesystem::directory_iterator(kControls)) {
     order.push_back(entry.path().stem());
   }
 
@@ -112,8 +112,8 @@ TEST_F(ModuleRegistry, ScansFirstAndBindsAfterwards) {
 
 TEST_F(ModuleRegistry, OpensModulesUnderTheirRealPaths) {
   scripted::installModule("libabc");
-  std::filesystem::rename(Controls, "/prd/modules");
-  std::filesystem::create_directory_symlink("/prd/modules", WithoutSlash);
+  std::filesystem::rename(kControls, "/prd/modules");
+  std::filesystem::create_directory_symlink("/prd/modules", kWithoutSlash);
   std::filesystem::create_directory("/prd/elsewhere");
   std::filesystem::copy_file("/prd/modules/libabc.so", "/prd/elsewhere/libdef-1.so");
   std::filesystem::create_symlink("../elsewhere/libdef-1.so", "/prd/modules/libdef.so");
@@ -126,7 +126,7 @@ TEST_F(ModuleRegistry, OpensModulesUnderTheirRealPaths) {
 }
 
 TEST_F(ModuleRegistry, SaysNothingOfALinkThatLeadsNowhere) {
-  std::filesystem::create_symlink("nowhere.so", std::string(Controls) + "libabc.so");
+  std::filesystem::create_symlink("nowhere.so", std::string(kControls) + "libabc.so");
 
   EXPECT_TRUE(registry().onCreate(false));
 
@@ -139,8 +139,8 @@ TEST_F(ModuleRegistry, SaysNothingOfALinkThatLeadsNowhere) {
 TEST_F(ModuleRegistry, ForgetsTheRealPathAfterAScan) {
   scripted::installModule("libabc");
   EXPECT_TRUE(registry().onCreate(false));
-  std::filesystem::rename(Controls, "/prd/modules");
-  std::filesystem::create_directory_symlink("/prd/modules", WithoutSlash);
+  std::filesystem::rename(kControls, "/prd/modules");
+  std::filesystem::create_directory_symlink("/prd/modules", kWithoutSlash);
   faults::libraryCalls().clear();
   FWUpdateSymbol symbol("libabc");
 
@@ -150,7 +150,7 @@ TEST_F(ModuleRegistry, ForgetsTheRealPathAfterAScan) {
 }
 
 TEST_F(ModuleRegistry, KeepsADirectoryNamedLikeALibraryUnbound) {
-  std::filesystem::create_directories(std::string(Controls) + "libdir.so");
+  std::filesystem::create_directories(std::string(kControls) + "libdir.so");
 
   EXPECT_TRUE(registry().onCreate(false));
 
@@ -172,7 +172,7 @@ TEST_F(ModuleRegistry, LeavesExtensionModulesOutOnRequest) {
   for (const char* stem : {"libext-abc", "EXT-abc", "libnext-gen", "libabc"}) {
     scripted::installModule(stem);
   }
-  writeFile(std::string(Controls) + "EXT-readme.txt", "");
+  writeFile(std::string(kControls) + "EXT-readme.txt", "");
 
   EXPECT_TRUE(registry().onCreate(true));
 
@@ -197,7 +197,7 @@ TEST_F(ModuleRegistry, LoadsExtensionModulesOtherwise) {
 }
 
 TEST_F(ModuleRegistry, FailsWithoutAControlsDirectory) {
-  std::filesystem::remove(Controls);
+  std::filesystem::remove(kControls);
 
   EXPECT_FALSE(registry().getIsReady(false));
 
@@ -211,18 +211,18 @@ TEST_F(ModuleRegistry, FailsWithoutAControlsDirectory) {
 }
 
 TEST_F(ModuleRegistry, FailsWithAControlsDirectoryItMayNotRead) {
-  std::filesystem::permissions(Controls, std::filesystem::perms::none);
+  std::filesystem::permissions(kControls, std::filesystem::perms::none);
   {
     const WithoutFileOverride asAnyone;
     EXPECT_FALSE(registry().getIsReady(false));
   }
-  std::filesystem::permissions(Controls, std::filesystem::perms::all);
+  std::filesystem::permissions(kControls, std::filesystem::perms::all);
 
   EXPECT_THAT(recording::texts()[0], StartsWith("File System Exception: "));
 }
 
 TEST_F(ModuleRegistry, RetriesAFailedScanAndThenStaysReady) {
-  std::filesystem::remove(Controls);
+  std::filesystem::remove(kControls);
   EXPECT_FALSE(registry().getIsReady(false));
 
   scripted::installModule("libabc");
@@ -297,10 +297,10 @@ TEST_F(ModuleRegistry, ListsTheModulesBeforeTheOneThatIsNotBound) {
     scripted::installModule(stem);
   }
   std::vector<std::string> order;
-  for (const auto& entry : std::filesystem::directory_iterator(Controls)) {
+  for (const auto& entry : std::filesystem::directory_iterator(kControls)) {
     order.push_back(entry.path().stem());
   }
-  writeFile(std::string(Controls) + order[2] + ".so", "no library");
+  writeFile(std::string(kControls) + order[2] + ".so", "no library");
   registry().getIsReady(false);
   std::list<FWUpdateItem> items;
 
@@ -459,7 +459,7 @@ TEST_F(ModuleRegistry, ListsOnlyModulesThatAnswerExactlyOne) {
     scripted::installModule(stem);
     scripted::module(stem).empId = std::string("emp") + stem;
     scripted::module(stem).need = need;
-    writeImage(Builtin, stem);
+    writeImage(kBuiltin, stem);
   }
   registry().onCreate(false);
   std::list<FWUpdateItem> items;
@@ -474,7 +474,7 @@ TEST_F(ModuleRegistry, ListsOnlyModulesThatAnswerExactlyOne) {
 
 TEST_F(ModuleRegistry, DecidesEachModuleBeforeItsVersionIsRead) {
   scripted::installModule("libabc");
-  writeImage(Builtin, "abc");
+  writeImage(kBuiltin, "abc");
   registry().onCreate(false);
   recording::reset();
   std::list<FWUpdateItem> items;

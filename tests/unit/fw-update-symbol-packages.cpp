@@ -11,10 +11,10 @@ namespace fs = std::filesystem;
 
 namespace {
 
-const std::string Image = "/opt/usr/apps/appbinarymanager/empAB12.img";
-const std::string Directory = "/opt/usr/apps/appbinarymanager/emps/empAB12";
-const std::string MountCall = "PS_Mount(-o ro,loop,nodev,nosuid " + Image + " " + Directory + "|1024|0|0)";
-const std::string UmountCall = "PS_Umount(" + Directory + "|43|0|0)";
+const std::string kImage = "/opt/usr/apps/appbinarymanager/empAB12.img";
+const std::string kDirectory = "/opt/usr/apps/appbinarymanager/emps/empAB12";
+const std::string kMountCall = "PS_Mount(-o ro,loop,nodev,nosuid " + kImage + " " + kDirectory + "|1024|0|0)";
+const std::string kUmountCall = "PS_Umount(" + kDirectory + "|43|0|0)";
 
 std::string said(int priority, const std::string& function, const std::string& text) {
   return std::to_string(priority) + " fw-update-symbol.cpp " + function + " " + text;
@@ -25,7 +25,7 @@ class ExtensionPackage : public LibraryTest {
   void SetUp() override {
     LibraryTest::SetUp();
     scripted::module("libabc").empId = "empAB12";
-    fs::create_directories(PackageMounts);
+    fs::create_directories(kPackageMounts);
   }
 };
 
@@ -41,9 +41,9 @@ TEST_F(ExtensionPackage, NamesFilesAndFirmwareAfterTheIdentifier) {
 
   EXPECT_EQ(symbol.getEMPName(), "empAB12");
   EXPECT_EQ(symbol.getFirmwareName(), "AB12");
-  EXPECT_EQ(symbol.getBinaryPath(UPDATE_TYPE_EMP), Directory + "/AB12.bin");
+  EXPECT_EQ(symbol.getBinaryPath(UPDATE_TYPE_EMP), kDirectory + "/AB12.bin");
   EXPECT_FALSE(symbol.getIMGExists());
-  writeFile(Image, "");
+  writeFile(kImage, "");
   EXPECT_TRUE(symbol.getIMGExists());
 }
 
@@ -96,52 +96,52 @@ TEST_F(ExtensionPackage, IsNeverRequestedAfterAWrongIdentifier) {
 
 TEST_F(ExtensionPackage, IsMountedOnItsDirectoryAfterAnUnmount) {
   FWUpdateSymbol symbol = bound();
-  writeFile(Image, "image");
-  fs::create_directory(Directory);
+  writeFile(kImage, "image");
+  fs::create_directory(kDirectory);
 
   EXPECT_TRUE(symbol.mountEMPImage());
 
   EXPECT_THAT(
       recording::everything(),
-      ElementsAre(UmountCall, "log: Umount dir[" + Directory + "] successfully.",
-                  "log: PsMntCmd:[-o ro,loop,nodev,nosuid " + Image + " " + Directory + "]", MountCall));
+      ElementsAre(kUmountCall, "log: Umount dir[" + kDirectory + "] successfully.",
+                  "log: PsMntCmd:[-o ro,loop,nodev,nosuid " + kImage + " " + kDirectory + "]", kMountCall));
   EXPECT_THAT(recording::traceRecords(), IsEmpty());
 }
 
 TEST_F(ExtensionPackage, IsMountedWhenNothingWasMountedBefore) {
   FWUpdateSymbol symbol = bound();
-  writeFile(Image, "image");
+  writeFile(kImage, "image");
   recording::answers().unmount = refuse;
-  fs::create_directory(Directory);
+  fs::create_directory(kDirectory);
 
   EXPECT_TRUE(symbol.mountEMPImage());
 
-  EXPECT_THAT(recording::calls(), ElementsAre(UmountCall, MountCall));
-  EXPECT_EQ(recording::texts()[0], "Error(iRet1=0, iRet2=22) while unmounitng [" + Directory + "]");
+  EXPECT_THAT(recording::calls(), ElementsAre(kUmountCall, kMountCall));
+  EXPECT_EQ(recording::texts()[0], "Error(iRet1=0, iRet2=22) while unmounitng [" + kDirectory + "]");
 }
 
 TEST_F(ExtensionPackage, IsMountedOnADirectoryMadeForIt) {
   FWUpdateSymbol symbol = bound();
-  writeFile(Image, "image");
+  writeFile(kImage, "image");
 
   EXPECT_TRUE(symbol.mountEMPImage());
 
-  EXPECT_TRUE(fs::is_directory(Directory));
+  EXPECT_TRUE(fs::is_directory(kDirectory));
   EXPECT_THAT(
       recording::everything(),
-      ElementsAre("log: Umount dir[" + Directory + "] is invalid.",
-                  "log: PsMntCmd:[-o ro,loop,nodev,nosuid " + Image + " " + Directory + "]", MountCall));
+      ElementsAre("log: Umount dir[" + kDirectory + "] is invalid.",
+                  "log: PsMntCmd:[-o ro,loop,nodev,nosuid " + kImage + " " + kDirectory + "]", kMountCall));
 }
 
 TEST_F(ExtensionPackage, IsUnmountedFirstOnEveryMount) {
   FWUpdateSymbol symbol = bound();
-  writeFile(Image, "image");
-  fs::create_directory(Directory);
+  writeFile(kImage, "image");
+  fs::create_directory(kDirectory);
 
   EXPECT_TRUE(symbol.mountEMPImage());
   EXPECT_TRUE(symbol.mountEMPImage());
 
-  EXPECT_THAT(recording::calls(), ElementsAre(UmountCall, MountCall, UmountCall, MountCall));
+  EXPECT_THAT(recording::calls(), ElementsAre(kUmountCall, kMountCall, kUmountCall, kMountCall));
 }
 
 TEST_F(ExtensionPackage, CannotBeMountedBeforeItIsDownloaded) {
@@ -152,10 +152,10 @@ TEST_F(ExtensionPackage, CannotBeMountedBeforeItIsDownloaded) {
   EXPECT_FALSE(symbol.mountEMPImage());
 
   EXPECT_THAT(recording::messages(),
-              ElementsAre(said(6, "mountEMPImage", "Error: file no exist (" + Image + ")")));
+              ElementsAre(said(6, "mountEMPImage", "Error: file no exist (" + kImage + ")")));
   EXPECT_THAT(recording::traceFormats(), ElementsAre("Error: file no exist (%s)"));
   EXPECT_THAT(recording::calls(), IsEmpty());
-  EXPECT_FALSE(exists(Directory));
+  EXPECT_FALSE(exists(kDirectory));
 }
 
 TEST_F(ExtensionPackage, IsMissingForAModuleWithoutOne) {
@@ -169,13 +169,13 @@ TEST_F(ExtensionPackage, IsMissingForAModuleWithoutOne) {
 
 TEST_F(ExtensionPackage, ReportsAFailedMount) {
   FWUpdateSymbol symbol = bound();
-  fs::create_directories(Image);  // there, but no file
+  fs::create_directories(kImage);  // there, but no file
 
   EXPECT_FALSE(symbol.mountEMPImage());
 
   EXPECT_THAT(recording::messages(),
-              ElementsAre("6 fw-update-mount-manager.cpp UMount Umount dir[" + Directory + "] is invalid.",
-                          "6 fw-update-mount-manager.cpp Mount srcFile[" + Image + "] is not exist.",
+              ElementsAre("6 fw-update-mount-manager.cpp UMount Umount dir[" + kDirectory + "] is invalid.",
+                          "6 fw-update-mount-manager.cpp Mount srcFile[" + kImage + "] is not exist.",
                           said(6, "mountEMPImage", "Error: Firmware EMP Mount Fail.(empAB12)")));
   EXPECT_THAT(recording::traceFormats(),
               ElementsAre("Umount dir[%s] is invalid.", "srcFile[%s] is not exist.",
@@ -185,7 +185,7 @@ TEST_F(ExtensionPackage, ReportsAFailedMount) {
 
 TEST_F(ExtensionPackage, ReportsAMountThatTheServiceRefuses) {
   FWUpdateSymbol symbol = bound();
-  writeFile(Image, "image");
+  writeFile(kImage, "image");
   const MountedOver dev = MountedOver::memory("/dev", "mode=0755");
   writeFile("/dev/loop0", "");
   recording::answers().mount = refuse;
@@ -200,28 +200,28 @@ TEST_F(ExtensionPackage, ReportsAMountThatTheServiceRefuses) {
 
 TEST_F(ExtensionPackage, SaysAtErrorPriorityThatItWasUnmounted) {
   FWUpdateSymbol symbol = bound();
-  fs::create_directory(Directory);
+  fs::create_directory(kDirectory);
 
   EXPECT_TRUE(symbol.unmountEMPImage());
 
   EXPECT_THAT(recording::everything(),
-              ElementsAre(UmountCall, "log: Umount dir[" + Directory + "] successfully.",
-                          "log: EMP UMount Success " + Image));
-  EXPECT_EQ(recording::messages().back(), said(6, "unmountEMPImage", "EMP UMount Success " + Image));
+              ElementsAre(kUmountCall, "log: Umount dir[" + kDirectory + "] successfully.",
+                          "log: EMP UMount Success " + kImage));
+  EXPECT_EQ(recording::messages().back(), said(6, "unmountEMPImage", "EMP UMount Success " + kImage));
   EXPECT_THAT(recording::traceFormats(), ElementsAre("EMP UMount Success %s"));
 }
 
 TEST_F(ExtensionPackage, ReportsAnUnmountThatTheServiceRefuses) {
   FWUpdateSymbol symbol = bound();
-  fs::create_directory(Directory);
+  fs::create_directory(kDirectory);
   recording::answers().unmount = refuse;
 
   EXPECT_FALSE(symbol.unmountEMPImage());
 
-  EXPECT_THAT(recording::calls(), ElementsAre(UmountCall));
+  EXPECT_THAT(recording::calls(), ElementsAre(kUmountCall));
   EXPECT_THAT(recording::messages(),
               ElementsAre("6 fw-update-mount-manager.cpp UMount Error(iRet1=0, iRet2=22) while unmounitng [" +
-                              Directory + "]",
+                              kDirectory + "]",
                           said(6, "unmountEMPImage", "Error: Firmware EMP UMount Fail.(empAB12)")));
   EXPECT_THAT(recording::traceFormats(), ElementsAre("Error(iRet1=%d, iRet2=%d) while unmounitng [%s]",
                                                      "Error: Firmware EMP UMount Fail.(%s)"));
@@ -233,7 +233,7 @@ TEST_F(ExtensionPackage, CannotBeUnmountedWithoutItsDirectory) {
   EXPECT_FALSE(symbol.unmountEMPImage());
 
   EXPECT_THAT(recording::messages(),
-              ElementsAre("6 fw-update-mount-manager.cpp UMount Umount dir[" + Directory + "] is invalid.",
+              ElementsAre("6 fw-update-mount-manager.cpp UMount Umount dir[" + kDirectory + "] is invalid.",
                           said(6, "unmountEMPImage", "Error: Firmware EMP UMount Fail.(empAB12)")));
   EXPECT_THAT(recording::calls(), IsEmpty());
 }

@@ -27,7 +27,7 @@ class Update : public LibraryTest {
  protected:
   void SetUp() override {
     LibraryTest::SetUp();
-    std::filesystem::create_directories(PackageMounts);
+    std::filesystem::create_directories(kPackageMounts);
   }
 
   char noData[1] = {'\0'};
@@ -41,40 +41,40 @@ std::string said(const std::string& function, const std::string& text) {
   return "6 fw-update-symbol.cpp " + function + " " + text;
 }
 
-const std::string Tried = "libabc Firmware isNeedUpdateModules Try(abc)";
-const std::string SetContext = "libabc.setContext(\"libabc\", 4, \"\")";
-const std::string Image = "/lib/firmware/ext/abc/abc.bin";
-const std::string Info = "/lib/firmware/ext/abc/info.json";
-const std::string MountDirectory = "/opt/usr/apps/appbinarymanager/emps/abcemp";
-const std::string PackageImage = "/opt/usr/apps/appbinarymanager/abcemp.img";
-const std::string UmountCall = "PS_Umount(" + MountDirectory + "|42|0|0)";
-const std::string MountCall =
-    "PS_Mount(-o ro,loop,nodev,nosuid " + PackageImage + " " + MountDirectory + "|1024|0|0)";
+const std::string kTried = "libabc Firmware isNeedUpdateModules Try(abc)";
+const std::string kSetContext = "libabc.setContext(\"libabc\", 4, \"\")";
+const std::string kImage = "/lib/firmware/ext/abc/abc.bin";
+const std::string kInfo = "/lib/firmware/ext/abc/info.json";
+const std::string kMountDirectory = "/opt/usr/apps/appbinarymanager/emps/abcemp";
+const std::string kPackageImage = "/opt/usr/apps/appbinarymanager/abcemp.img";
+const std::string kUmountCall = "PS_Umount(" + kMountDirectory + "|42|0|0)";
+const std::string kMountCall =
+    "PS_Mount(-o ro,loop,nodev,nosuid " + kPackageImage + " " + kMountDirectory + "|1024|0|0)";
 
 // A thread for which a test can wait until it waits.
 class OtherThread {
  public:
   explicit OtherThread(std::function<void()> work)
-      : thread([this, task = std::move(work)] {
-          id = gettid();
+      : thread_([this, task = std::move(work)] {
+          id_ = gettid();
           task();
         }) {}
 
   // Until it has this name and sleeps in the kernel.
   void waitUntilBlocked(const std::string& name) const {
-    while (id == 0) {
+    while (id_ == 0) {
       std::this_thread::yield();
     }
-    const std::string status = "/proc/self/task/" + std::to_string(id) + "/stat";
+    const std::string status = "/proc/self/task/" + std::to_string(id_) + "/stat";
     while (DeviceTest::readFile(status).find(" (" + name + ") S ") == std::string::npos) {
       std::this_thread::yield();
     }
   }
-  void join() { thread.join(); }
+  void join() { thread_.join(); }
 
  private:
-  std::atomic<pid_t> id{0};
-  std::thread thread;
+  std::atomic<pid_t> id_{0};
+  std::thread thread_;
 };
 
 // Holds a module in its doUpdate.
@@ -82,19 +82,19 @@ class HeldUpdate {
  public:
   explicit HeldUpdate(const std::string& stem) {
     scripted::module(stem).doUpdate = [this, stem](const char*, unsigned long) {
-      entered.open();
-      released.wait();
+      entered_.open();
+      released_.wait();
       recording::noteCall(stem + " ends");
       return 0;
     };
   }
 
-  void waitUntilEntered() { entered.wait(); }
-  void leave() { released.open(); }
+  void waitUntilEntered() { entered_.wait(); }
+  void leave() { released_.open(); }
 
  private:
-  Gate entered;
-  Gate released;
+  Gate entered_;
+  Gate released_;
 };
 
 std::string doUpdateCall(const std::string& path, const std::string& content) {
@@ -107,21 +107,21 @@ std::string doUpdateCall(const std::string& path, const std::string& content) {
 
 TEST_F(NeedUpdate, AsksTheModuleOnceTheImageIsChecked) {
   FWUpdateSymbol symbol = bound();
-  writeImage(Builtin, "abc", "2.0", "content", 30);
+  writeImage(kBuiltin, "abc", "2.0", "content", 30);
 
   EXPECT_EQ(symbol.isNeedUpdate(CALLER_UPGRADE_APP, noData), 1);
 
   EXPECT_TRUE(symbol.getNeedUpdate());
   EXPECT_EQ(symbol.getExpectedUpdateTime(), 30U);
   EXPECT_THAT(recording::everything(),
-              ElementsAre("log: " + Tried, SetContext, "libabc.checkVersion(\"2.0\", 0)"));
-  EXPECT_THAT(recording::messages(), ElementsAre(said("isNeedUpdate", Tried)));
+              ElementsAre("log: " + kTried, kSetContext, "libabc.checkVersion(\"2.0\", 0)"));
+  EXPECT_THAT(recording::messages(), ElementsAre(said("isNeedUpdate", kTried)));
 }
 
 TEST_F(NeedUpdate, IgnoresAFailingSetContext) {
   FWUpdateSymbol symbol = bound();
   scripted::module("libabc").setContextResult = -1;
-  writeImage(Builtin, "abc");
+  writeImage(kBuiltin, "abc");
 
   EXPECT_EQ(symbol.isNeedUpdate(CALLER_UPGRADE_APP, noData), 1);
 }
@@ -132,39 +132,39 @@ TEST_F(NeedUpdate, MissesTheImageBeforeTheInformation) {
   EXPECT_EQ(symbol.isNeedUpdate(CALLER_UPGRADE_APP, noData), -1);
 
   EXPECT_THAT(recording::messages(),
-              ElementsAre(said("isNeedUpdate", Tried),
-                          said("isNeedUpdate", "Error: Firmware binary file no exist (" + Image + ")")));
+              ElementsAre(said("isNeedUpdate", kTried),
+                          said("isNeedUpdate", "Error: Firmware binary file no exist (" + kImage + ")")));
 }
 
 TEST_F(NeedUpdate, MissesTheInformationFile) {
   FWUpdateSymbol symbol = bound();
-  writeFile(Image, "content");
+  writeFile(kImage, "content");
 
   EXPECT_EQ(symbol.isNeedUpdate(CALLER_UPGRADE_APP, noData), -1);
 
   EXPECT_THAT(recording::messages(),
-              ElementsAre(said("isNeedUpdate", Tried),
-                          said("isNeedUpdate", "Error: Firmware json file no exist (" + Info + ")")));
+              ElementsAre(said("isNeedUpdate", kTried),
+                          said("isNeedUpdate", "Error: Firmware json file no exist (" + kInfo + ")")));
 }
 
 TEST_F(NeedUpdate, RefusesAnUnreadableInformationFile) {
   FWUpdateSymbol symbol = bound();
-  writeFile(Image, "content");
-  writeInformation(Builtin, "abc", "{");
+  writeFile(kImage, "content");
+  writeInformation(kBuiltin, "abc", "{");
 
   EXPECT_EQ(symbol.isNeedUpdate(CALLER_UPGRADE_APP, noData), -1);
 
   EXPECT_THAT(recording::messages(),
-              ElementsAre(said("isNeedUpdate", Tried),
-                          said("loadInformation", "Error: json loadInformation fail.(" + Info + ")\n"),
+              ElementsAre(said("isNeedUpdate", kTried),
+                          said("loadInformation", "Error: json loadInformation fail.(" + kInfo + ")\n"),
                           said("isNeedUpdate", "Error: json information load fail")));
 }
 
 TEST_F(NeedUpdate, RefusesAnImageWithAnotherChecksumAndKeepsTheDecision) {
   FWUpdateSymbol symbol = bound();
-  writeImage(Builtin, "abc", "2.0", "content", 30);
+  writeImage(kBuiltin, "abc", "2.0", "content", 30);
   ASSERT_EQ(symbol.isNeedUpdate(CALLER_UPGRADE_APP, noData), 1);
-  writeInformation(Builtin, "abc", "{\"crc\":1,\"expected_time\":99}");
+  writeInformation(kBuiltin, "abc", "{\"crc\":1,\"expected_time\":99}");
   recording::reset();
 
   EXPECT_EQ(symbol.isNeedUpdate(CALLER_UPGRADE_APP, noData), -1);
@@ -173,41 +173,41 @@ TEST_F(NeedUpdate, RefusesAnImageWithAnotherChecksumAndKeepsTheDecision) {
   EXPECT_EQ(symbol.getExpectedUpdateTime(), 30U);
   EXPECT_THAT(
       recording::messages(),
-      ElementsAre(said("isNeedUpdate", Tried), said("isNeedUpdate", "Error: abc Firmware CRC32 different")));
-  EXPECT_THAT(recording::calls(), ElementsAre(SetContext));
+      ElementsAre(said("isNeedUpdate", kTried), said("isNeedUpdate", "Error: abc Firmware CRC32 different")));
+  EXPECT_THAT(recording::calls(), ElementsAre(kSetContext));
 }
 
 class ChangedImage : public Update, public ::testing::WithParamInterface<const char*> {};
 
 TEST_P(ChangedImage, IsRefused) {
   FWUpdateSymbol symbol = bound();
-  writeImage(Builtin, "abc", "2.0", "content");
-  writeFile(Image, GetParam());
+  writeImage(kBuiltin, "abc", "2.0", "content");
+  writeFile(kImage, GetParam());
 
   EXPECT_EQ(symbol.isNeedUpdate(CALLER_UPGRADE_APP, noData), -1);
 
-  EXPECT_THAT(recording::texts(), ElementsAre(Tried, "Error: abc Firmware CRC32 different"));
+  EXPECT_THAT(recording::texts(), ElementsAre(kTried, "Error: abc Firmware CRC32 different"));
 }
 
 INSTANTIATE_TEST_SUITE_P(NeedUpdate, ChangedImage, ::testing::Values("", "conten", "contentx", "Content"));
 
 TEST_F(NeedUpdate, RefusesAnUnreadableImage) {
   FWUpdateSymbol symbol = bound();
-  writeImage(Builtin, "abc");
-  std::filesystem::permissions(Image, std::filesystem::perms::none);
+  writeImage(kBuiltin, "abc");
+  std::filesystem::permissions(kImage, std::filesystem::perms::none);
   const WithoutFileOverride asAnyone;
 
   EXPECT_EQ(symbol.isNeedUpdate(CALLER_UPGRADE_APP, noData), -1);
 
   EXPECT_THAT(recording::texts(),
-              ElementsAre(Tried, "Error: binary file is NULL\n", "Error: abc Firmware CRC32 different"));
+              ElementsAre(kTried, "Error: binary file is NULL\n", "Error: abc Firmware CRC32 different"));
 }
 
 TEST_F(NeedUpdate, TakesAnUnreadableImageForOneWhoseChecksumIsZero) {
   FWUpdateSymbol symbol = bound();
-  writeFile(Image, "content");
-  writeInformation(Builtin, "abc", "{\"crc\":0}");
-  std::filesystem::permissions(Image, std::filesystem::perms::none);
+  writeFile(kImage, "content");
+  writeInformation(kBuiltin, "abc", "{\"crc\":0}");
+  std::filesystem::permissions(kImage, std::filesystem::perms::none);
   const WithoutFileOverride asAnyone;
 
   EXPECT_EQ(symbol.isNeedUpdate(CALLER_UPGRADE_APP, noData), 1);
@@ -215,7 +215,7 @@ TEST_F(NeedUpdate, TakesAnUnreadableImageForOneWhoseChecksumIsZero) {
 
 TEST_F(NeedUpdate, ReportsAFailedComparisonAndKeepsTheDecision) {
   FWUpdateSymbol symbol = bound();
-  writeImage(Builtin, "abc");
+  writeImage(kBuiltin, "abc");
   scripted::module("libabc").checkVersionResult = 3;
 
   EXPECT_EQ(symbol.isNeedUpdate(CALLER_UPGRADE_APP, noData), -1);
@@ -223,13 +223,13 @@ TEST_F(NeedUpdate, ReportsAFailedComparisonAndKeepsTheDecision) {
   EXPECT_FALSE(symbol.getNeedUpdate());
   EXPECT_EQ(symbol.getExpectedUpdateTime(), 0U);
   EXPECT_THAT(recording::messages(),
-              ElementsAre(said("isNeedUpdate", Tried),
+              ElementsAre(said("isNeedUpdate", kTried),
                           said("isNeedUpdate", "Error: abc Firmware CheckVersion Fail")));
 }
 
 TEST_F(NeedUpdate, LogsTheActiveVersionWithThePackagePathWhenNoneIsNeeded) {
   FWUpdateSymbol symbol = bound();
-  writeImage(Builtin, "abc", "2.0", "content", 30);
+  writeImage(kBuiltin, "abc", "2.0", "content", 30);
   scripted::module("libabc").need = 0;
   scripted::module("libabc").activeVersion = "2.0";
 
@@ -239,27 +239,27 @@ TEST_F(NeedUpdate, LogsTheActiveVersionWithThePackagePathWhenNoneIsNeeded) {
   EXPECT_EQ(symbol.getExpectedUpdateTime(), 30U);
   EXPECT_THAT(
       recording::messages(),
-      ElementsAre(said("isNeedUpdate", Tried),
-                  said("isNeedUpdate", "Error: " + PackageImage + " not need update, version is 2.0")));
+      ElementsAre(said("isNeedUpdate", kTried),
+                  said("isNeedUpdate", "Error: " + kPackageImage + " not need update, version is 2.0")));
   EXPECT_THAT(recording::calls(),
-              ElementsAre(SetContext, "libabc.checkVersion(\"2.0\", 0)",
+              ElementsAre(kSetContext, "libabc.checkVersion(\"2.0\", 0)",
                           "libabc.setContext(\"libabc\", 2, \"\")", "libabc.getActiveVersion()"));
 }
 
 TEST_F(NeedUpdate, LogsAnEmptyVersionWhenTheModuleWritesNone) {
   FWUpdateSymbol symbol = bound();
-  writeImage(Builtin, "abc");
+  writeImage(kBuiltin, "abc");
   scripted::module("libabc").need = 0;
   scripted::module("libabc").writeActiveVersion = [](char*) { return -1; };
 
   EXPECT_EQ(symbol.isNeedUpdate(CALLER_UPGRADE_APP, noData), 0);
 
-  EXPECT_EQ(recording::texts().back(), "Error: " + PackageImage + " not need update, version is ");
+  EXPECT_EQ(recording::texts().back(), "Error: " + kPackageImage + " not need update, version is ");
 }
 
 TEST_F(NeedUpdate, PassesANegativeAnswerOnAndMarksTheModule) {
   FWUpdateSymbol symbol = bound();
-  writeImage(Builtin, "abc");
+  writeImage(kBuiltin, "abc");
   scripted::module("libabc").need = -2;
 
   EXPECT_EQ(symbol.isNeedUpdate(CALLER_UPGRADE_APP, noData), -2);
@@ -269,7 +269,7 @@ TEST_F(NeedUpdate, PassesANegativeAnswerOnAndMarksTheModule) {
 
 TEST_F(NeedUpdate, CountsANegativeAnswerAsNoneForFactoryAutomation) {
   FWUpdateSymbol symbol = bound();
-  writeImage(Builtin, "abc");
+  writeImage(kBuiltin, "abc");
   scripted::module("libabc").need = -2;
   char data[] = "FACTORY_AUTOMATION";
 
@@ -280,7 +280,7 @@ TEST_F(NeedUpdate, CountsANegativeAnswerAsNoneForFactoryAutomation) {
 
 TEST_F(NeedUpdate, TakesOnlyTheWholeTextForFactoryAutomation) {
   FWUpdateSymbol symbol = bound();
-  writeImage(Builtin, "abc");
+  writeImage(kBuiltin, "abc");
   scripted::module("libabc").need = -2;
   for (const char* text : {"FACTORY_AUTOMATION2", "FACTORY_AUTOMATIO", "factory_automation"}) {
     std::string data = text;
@@ -291,7 +291,7 @@ TEST_F(NeedUpdate, TakesOnlyTheWholeTextForFactoryAutomation) {
 
 TEST_F(NeedUpdate, PassesAnswersAboveOneOn) {
   FWUpdateSymbol symbol = bound();
-  writeImage(Builtin, "abc");
+  writeImage(kBuiltin, "abc");
   scripted::module("libabc").need = 5;
   char data[] = "FACTORY_AUTOMATION";
 
@@ -302,7 +302,7 @@ TEST_F(NeedUpdate, PassesAnswersAboveOneOn) {
 
 TEST_F(NeedUpdate, AcceptsNullData) {
   FWUpdateSymbol symbol = bound();
-  writeImage(Builtin, "abc");
+  writeImage(kBuiltin, "abc");
   scripted::module("libabc").need = -1;
 
   EXPECT_EQ(symbol.isNeedUpdate(CALLER_UPGRADE_APP, nullptr), -1);
@@ -313,14 +313,15 @@ TEST_F(NeedUpdate, AcceptsNullData) {
 
 TEST_F(NeedUpdate, MountsThePackageAndLeavesItMounted) {
   FWUpdateSymbol symbol = bound();
-  writeFile(PackageImage, "image");
-  writeImage(PackageMounts, "abcemp");
-  std::filesystem::rename(MountDirectory + "/abcemp.bin", MountDirectory + "/abc.bin");
+  writeFile(kPackageImage, "image");
+  writeImage(kPackageMounts, "abcemp");
+  std::filesystem::rename(kMountDirectory + "/abcemp.bin", kMountDirectory + "/abc.bin");
 
   EXPECT_EQ(symbol.isNeedUpdate(CALLER_QUERY, noData), 1);
 
-  EXPECT_THAT(recording::calls(), ElementsAre(UmountCall, MountCall, "libabc.setContext(\"libabc\", 2, \"\")",
-                                              "libabc.checkVersion(\"2.0\", 0)"));
+  EXPECT_THAT(recording::calls(),
+              ElementsAre(kUmountCall, kMountCall, "libabc.setContext(\"libabc\", 2, \"\")",
+                          "libabc.checkVersion(\"2.0\", 0)"));
 }
 
 TEST_F(NeedUpdate, FailsWithoutAskingWhenThePackageCannotBeMounted) {
@@ -329,8 +330,8 @@ TEST_F(NeedUpdate, FailsWithoutAskingWhenThePackageCannotBeMounted) {
   EXPECT_EQ(symbol.isNeedUpdate(CALLER_QUERY, noData), -1);
 
   EXPECT_THAT(recording::messages(),
-              ElementsAre(said("isNeedUpdate", Tried),
-                          said("mountEMPImage", "Error: file no exist (" + PackageImage + ")")));
+              ElementsAre(said("isNeedUpdate", kTried),
+                          said("mountEMPImage", "Error: file no exist (" + kPackageImage + ")")));
   EXPECT_THAT(recording::calls(), IsEmpty());
 }
 
@@ -349,7 +350,7 @@ TEST_F(NeedUpdate, NeedsAUsbDriveForAFactoryRequest) {
 
   EXPECT_EQ(symbol.isNeedUpdate(CALLER_FACTORY, noData), -1);
 
-  EXPECT_THAT(recording::texts(), ElementsAre(Tried, "Error: Usb mount path Not found.",
+  EXPECT_THAT(recording::texts(), ElementsAre(kTried, "Error: Usb mount path Not found.",
                                               "Error: Firmware binary file no exist ()"));
 }
 
@@ -357,13 +358,13 @@ TEST_F(NeedUpdate, NeedsAUsbDriveForAFactoryRequest) {
 
 TEST_F(UpdateFirmware, HandsTheModuleTheImageAndItsChecksum) {
   FWUpdateSymbol symbol = bound();
-  writeImage(Builtin, "abc", "2.0", "content");
+  writeImage(kBuiltin, "abc", "2.0", "content");
 
   EXPECT_EQ(symbol.updateFirmware(CALLER_UPGRADE_APP, noData), 0);
 
   EXPECT_THAT(recording::everything(),
-              ElementsAre("log: abc Firmware Update Try", SetContext, "libabc.checkVersion(\"2.0\", -1)",
-                          "log: ========== [ abc update start ] ==========", doUpdateCall(Image, "content"),
+              ElementsAre("log: abc Firmware Update Try", kSetContext, "libabc.checkVersion(\"2.0\", -1)",
+                          "log: ========== [ abc update start ] ==========", doUpdateCall(kImage, "content"),
                           "log: ========== [ abc update succeeded ] =========="));
   EXPECT_THAT(recording::messages(),
               ElementsAre(said("updateFirmware", "abc Firmware Update Try"),
@@ -388,45 +389,45 @@ TEST_F(UpdateFirmware, MissesTheInformationBeforeTheImage) {
   EXPECT_EQ(symbol.updateFirmware(CALLER_UPGRADE_APP, noData), -1);
 
   EXPECT_THAT(recording::texts(),
-              ElementsAre("abc Firmware Update Try", "Error: Firmware json file no exist (" + Info + ")"));
+              ElementsAre("abc Firmware Update Try", "Error: Firmware json file no exist (" + kInfo + ")"));
 }
 
 TEST_F(UpdateFirmware, LoadsTheInformationBeforeItMissesTheImage) {
   FWUpdateSymbol symbol = bound();
-  writeInformation(Builtin, "abc", "{");
+  writeInformation(kBuiltin, "abc", "{");
 
   EXPECT_EQ(symbol.updateFirmware(CALLER_UPGRADE_APP, noData), -1);
 
   EXPECT_THAT(recording::messages(),
               ElementsAre(said("updateFirmware", "abc Firmware Update Try"),
-                          said("loadInformation", "Error: json loadInformation fail.(" + Info + ")\n"),
+                          said("loadInformation", "Error: json loadInformation fail.(" + kInfo + ")\n"),
                           said("updateFirmware", "Error: json information load fail")));
 }
 
 TEST_F(UpdateFirmware, MissesTheImage) {
   FWUpdateSymbol symbol = bound();
-  writeInformation(Builtin, "abc", "{}");
+  writeInformation(kBuiltin, "abc", "{}");
 
   EXPECT_EQ(symbol.updateFirmware(CALLER_UPGRADE_APP, noData), -1);
 
   EXPECT_THAT(recording::messages(),
               ElementsAre(said("updateFirmware", "abc Firmware Update Try"),
-                          said("updateFirmware", "Error: Firmware binary file no exist (" + Image + ")")));
+                          said("updateFirmware", "Error: Firmware binary file no exist (" + kImage + ")")));
 }
 
 TEST_F(UpdateFirmware, StopsWhenTheModuleRefusesTheContext) {
   FWUpdateSymbol symbol = bound();
-  writeImage(Builtin, "abc");
+  writeImage(kBuiltin, "abc");
   scripted::module("libabc").setContextResult = 9;
 
   EXPECT_EQ(symbol.updateFirmware(CALLER_UPGRADE_APP, noData), -1);
 
-  EXPECT_THAT(recording::everything(), ElementsAre("log: abc Firmware Update Try", SetContext));
+  EXPECT_THAT(recording::everything(), ElementsAre("log: abc Firmware Update Try", kSetContext));
 }
 
 TEST_F(UpdateFirmware, ReportsAFailedComparison) {
   FWUpdateSymbol symbol = bound();
-  writeImage(Builtin, "abc");
+  writeImage(kBuiltin, "abc");
   scripted::module("libabc").checkVersionResult = -4;
 
   EXPECT_EQ(symbol.updateFirmware(CALLER_UPGRADE_APP, noData), -1);
@@ -439,7 +440,7 @@ TEST_F(UpdateFirmware, ReportsAFailedComparison) {
 TEST_F(UpdateFirmware, SucceedsWithoutUpdatingWhenNoneIsNeeded) {
   for (const int need : {0, -3}) {
     FWUpdateSymbol symbol = bound();
-    writeImage(Builtin, "abc");
+    writeImage(kBuiltin, "abc");
     scripted::module("libabc").need = need;
 
     EXPECT_EQ(symbol.updateFirmware(CALLER_UPGRADE_APP, noData), 0);
@@ -447,14 +448,14 @@ TEST_F(UpdateFirmware, SucceedsWithoutUpdatingWhenNoneIsNeeded) {
     EXPECT_THAT(recording::messages(),
                 ElementsAre(said("updateFirmware", "abc Firmware Update Try"),
                             said("updateFirmware", "Error: abc Firmware not need update")));
-    EXPECT_THAT(recording::calls(), ElementsAre(SetContext, "libabc.checkVersion(\"2.0\", -1)"));
+    EXPECT_THAT(recording::calls(), ElementsAre(kSetContext, "libabc.checkVersion(\"2.0\", -1)"));
   }
 }
 
 TEST_F(UpdateFirmware, DoesNotLookIntoTheImageWhenNoneIsNeeded) {
   FWUpdateSymbol symbol = bound();
-  writeImage(Builtin, "abc");
-  writeFile(Image, "something else");
+  writeImage(kBuiltin, "abc");
+  writeFile(kImage, "something else");
   scripted::module("libabc").need = 0;
 
   EXPECT_EQ(symbol.updateFirmware(CALLER_UPGRADE_APP, noData), 0);
@@ -465,8 +466,8 @@ TEST_F(UpdateFirmware, DoesNotLookIntoTheImageWhenNoneIsNeeded) {
 
 TEST_F(UpdateFirmware, RefusesAnImageThatChangedSinceTheDecision) {
   FWUpdateSymbol symbol = bound();
-  writeImage(Builtin, "abc");
-  writeFile(Image, "something else");
+  writeImage(kBuiltin, "abc");
+  writeFile(kImage, "something else");
 
   EXPECT_EQ(symbol.updateFirmware(CALLER_UPGRADE_APP, noData), -1);
 
@@ -477,7 +478,7 @@ TEST_F(UpdateFirmware, RefusesAnImageThatChangedSinceTheDecision) {
 
 TEST_F(UpdateFirmware, ReturnsTheModulesOwnFailureWithTheErrorOfThatMoment) {
   FWUpdateSymbol symbol = bound();
-  writeImage(Builtin, "abc", "2.0", "content");
+  writeImage(kBuiltin, "abc", "2.0", "content");
   scripted::module("libabc").doUpdateResult = 5;
   scripted::module("libabc").errorNumber = ENOSPC;
 
@@ -499,7 +500,7 @@ TEST_F(UpdateFirmware, ReturnsTheModulesOwnFailureWithTheErrorOfThatMoment) {
 TEST_F(UpdateFirmware, NamesTheThreadAfterTheFirmware) {
   scripted::module("libabc").empId = "emplongfirmwarename";
   FWUpdateSymbol symbol = bound();
-  writeImage(Builtin, "longfirmwarename");
+  writeImage(kBuiltin, "longfirmwarename");
   std::array<char, 32> name{};
 
   std::thread([&] {
@@ -512,37 +513,37 @@ TEST_F(UpdateFirmware, NamesTheThreadAfterTheFirmware) {
 
 TEST_F(UpdateFirmware, RemovesThePackageImageAndUnmountsAfterSuccess) {
   FWUpdateSymbol symbol = bound();
-  writeFile(PackageImage, "image");
-  writeImage(PackageMounts, "abcemp", "2.0", "content");
-  std::filesystem::rename(MountDirectory + "/abcemp.bin", MountDirectory + "/abc.bin");
+  writeFile(kPackageImage, "image");
+  writeImage(kPackageMounts, "abcemp", "2.0", "content");
+  std::filesystem::rename(kMountDirectory + "/abcemp.bin", kMountDirectory + "/abc.bin");
   bool imageThereAtUnmount = true;
   int unmounts = 0;
   recording::answers().unmount = [&](const std::string&, int&) {
-    imageThereAtUnmount = exists(PackageImage);
+    imageThereAtUnmount = exists(kPackageImage);
     ++unmounts;
     return 0;
   };
 
   EXPECT_EQ(symbol.updateFirmware(CALLER_QUERY, noData), 0);
 
-  EXPECT_FALSE(exists(PackageImage));
+  EXPECT_FALSE(exists(kPackageImage));
   EXPECT_FALSE(imageThereAtUnmount) << "the image goes first, then the mount";
   EXPECT_EQ(unmounts, 2);
   EXPECT_THAT(recording::calls(),
-              ElementsAre(UmountCall, MountCall, "libabc.setContext(\"libabc\", 2, \"\")",
+              ElementsAre(kUmountCall, kMountCall, "libabc.setContext(\"libabc\", 2, \"\")",
                           "libabc.checkVersion(\"2.0\", -1)",
-                          doUpdateCall(MountDirectory + "/abc.bin", "content"), UmountCall));
-  EXPECT_EQ(recording::messages().back(), said("unmountEMPImage", "EMP UMount Success " + PackageImage));
+                          doUpdateCall(kMountDirectory + "/abc.bin", "content"), kUmountCall));
+  EXPECT_EQ(recording::messages().back(), said("unmountEMPImage", "EMP UMount Success " + kPackageImage));
 }
 
 TEST_F(UpdateFirmware, KeepsThePackageImageAfterAnUpdateFromElsewhere) {
   FWUpdateSymbol symbol = bound();
-  writeFile(PackageImage, "image");
-  writeImage(Builtin, "abc");
+  writeFile(kPackageImage, "image");
+  writeImage(kBuiltin, "abc");
 
   EXPECT_EQ(symbol.updateFirmware(CALLER_UPGRADE_APP, noData), 0);
 
-  EXPECT_TRUE(exists(PackageImage));
+  EXPECT_TRUE(exists(kPackageImage));
 }
 
 TEST_F(UpdateFirmware, SucceedsAlsoWhenThePackageCannotBeUnmounted) {
@@ -555,41 +556,41 @@ TEST_F(UpdateFirmware, SucceedsAlsoWhenThePackageCannotBeUnmounted) {
   EXPECT_EQ(recording::messages().back(),
             said("unmountEMPImage", "Error: Firmware EMP UMount Fail.(abcemp)"));
   scripted::module("libabc").need = 0;
-  writeFile(PackageImage, "image");
+  writeFile(kPackageImage, "image");
   EXPECT_EQ(symbol.updateFirmware(CALLER_QUERY, noData), 0);
 }
 
 TEST_F(UpdateFirmware, UnmountsButKeepsThePackageImageWhenNoneIsNeeded) {
   FWUpdateSymbol symbol = bound();
-  writeFile(PackageImage, "image");
-  writeImage(PackageMounts, "abcemp");
-  std::filesystem::rename(MountDirectory + "/abcemp.bin", MountDirectory + "/abc.bin");
+  writeFile(kPackageImage, "image");
+  writeImage(kPackageMounts, "abcemp");
+  std::filesystem::rename(kMountDirectory + "/abcemp.bin", kMountDirectory + "/abc.bin");
   scripted::module("libabc").need = 0;
 
   EXPECT_EQ(symbol.updateFirmware(CALLER_QUERY, noData), 0);
 
-  EXPECT_TRUE(exists(PackageImage));
-  EXPECT_EQ(recording::calls().back(), UmountCall);
+  EXPECT_TRUE(exists(kPackageImage));
+  EXPECT_EQ(recording::calls().back(), kUmountCall);
 }
 
 TEST_F(UpdateFirmware, LeavesThePackageMountedAfterAFailure) {
-  writeFile(PackageImage, "image");
-  writeImage(PackageMounts, "abcemp");
-  std::filesystem::rename(MountDirectory + "/abcemp.bin", MountDirectory + "/abc.bin");
+  writeFile(kPackageImage, "image");
+  writeImage(kPackageMounts, "abcemp");
+  std::filesystem::rename(kMountDirectory + "/abcemp.bin", kMountDirectory + "/abc.bin");
   const auto fails = [this](const std::function<void(scripted::Module&)>& break_) {
     scripted::resetModules();
     FWUpdateSymbol symbol = bound();
     break_(scripted::module("libabc"));
     EXPECT_NE(symbol.updateFirmware(CALLER_QUERY, noData), 0);
     const auto calls = recording::calls();
-    EXPECT_EQ(std::count(calls.begin(), calls.end(), UmountCall), 1) << "only the one before the mount";
-    EXPECT_TRUE(exists(PackageImage));
+    EXPECT_EQ(std::count(calls.begin(), calls.end(), kUmountCall), 1) << "only the one before the mount";
+    EXPECT_TRUE(exists(kPackageImage));
   };
 
   fails([](scripted::Module& module) { module.setContextResult = 1; });
   fails([](scripted::Module& module) { module.checkVersionResult = 1; });
   fails([](scripted::Module& module) { module.doUpdateResult = 1; });
-  writeFile(MountDirectory + "/abc.bin", "something else");
+  writeFile(kMountDirectory + "/abc.bin", "something else");
   fails([](scripted::Module&) {});
 }
 
@@ -599,7 +600,7 @@ TEST_F(UpdateFirmware, FailsWhenThePackageIsMissing) {
   EXPECT_EQ(symbol.updateFirmware(CALLER_QUERY, noData), -1);
 
   EXPECT_THAT(recording::texts(),
-              ElementsAre("abc Firmware Update Try", "Error: file no exist (" + PackageImage + ")"));
+              ElementsAre("abc Firmware Update Try", "Error: file no exist (" + kPackageImage + ")"));
 }
 
 TEST_F(UpdateFirmware, AdmitsOneFileUpdateAtATimeButNotAgainstProcessUpdates) {
@@ -607,8 +608,8 @@ TEST_F(UpdateFirmware, AdmitsOneFileUpdateAtATimeButNotAgainstProcessUpdates) {
   FWUpdateSymbol first = bound("libabc");
   FWUpdateSymbol second = bound("libother");
   FWUpdateSymbol process = bound("libEXT-abc");
-  writeImage(Builtin, "abc", "2.0", "content");
-  writeImage(Builtin, "other", "2.0", "content");
+  writeImage(kBuiltin, "abc", "2.0", "content");
+  writeImage(kBuiltin, "other", "2.0", "content");
   HeldUpdate held("libabc");
 
   OtherThread one([&] { first.updateFirmware(CALLER_UPGRADE_APP, noData); });
@@ -622,7 +623,7 @@ TEST_F(UpdateFirmware, AdmitsOneFileUpdateAtATimeButNotAgainstProcessUpdates) {
 
   EXPECT_THAT(
       recording::calls(),
-      ElementsAre(SetContext, "libabc.checkVersion(\"2.0\", -1)", doUpdateCall(Image, "content"),
+      ElementsAre(kSetContext, "libabc.checkVersion(\"2.0\", -1)", doUpdateCall(kImage, "content"),
                   "libEXT-abc.setContext(\"libEXT-abc\", 4, \"\")", "libEXT-abc.doUpdate(\"libEXT-abc\", 0)",
                   "libabc ends", "libother.setContext(\"libother\", 4, \"\")",
                   "libother.checkVersion(\"2.0\", -1)", StartsWith("libother.doUpdate(")));
@@ -632,22 +633,22 @@ TEST_F(UpdateFirmware, AdmitsOneFileUpdateAtATimeButNotAgainstProcessUpdates) {
 TEST_F(UpdateFirmware, SharesTheInformationWithQueriesWithoutMixingIt) {
   FWUpdateSymbol symbol = bound();
   const std::string versions[] = {std::string(100, 'b'), std::string(200, 's')};
-  writeImage(Builtin, "abc", versions[0]);
-  writeImage(Sbox, "abc", versions[1]);
+  writeImage(kBuiltin, "abc", versions[0]);
+  writeImage(kSbox, "abc", versions[1]);
   std::atomic<int> mixed{0};
   scripted::module("libabc").checkVersion = [&](const char* version, int* need) {
     mixed += version != versions[0] && version != versions[1];
     *need = 0;
     return 0;
   };
-  constexpr int Rounds = 1000;
+  constexpr int kRounds = 1000;
 
   std::thread query([&] {
-    for (int i = 0; i < Rounds; ++i) {
+    for (int i = 0; i < kRounds; ++i) {
       symbol.isNeedUpdate(CALLER_LSM, noData);
     }
   });
-  for (int i = 0; i < Rounds; ++i) {
+  for (int i = 0; i < kRounds; ++i) {
     symbol.updateFirmware(CALLER_UPGRADE_APP, noData);
   }
   query.join();

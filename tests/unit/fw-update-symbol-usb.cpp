@@ -34,19 +34,19 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr const char* Drive = "/opt/media/USBDriveA/";
-const std::string Package = "/opt/media/USBDriveA/abc.bin";
-const std::string Verifier = "/usr/lib/libkZAQUser.so";
+constexpr const char* kDrive = "/opt/media/USBDriveA/";
+const std::string kPackage = "/opt/media/USBDriveA/abc.bin";
+const std::string kVerifier = "/usr/lib/libkZAQUser.so";
 
-const std::string Verified = "verifyFile(0, \"" + Package + "\", \"UserCaller\")";
-const std::string Signed = "[zaq][UserCaller] the file is signed successfully : " + Package + "\n";
-const std::string NotSigned = "[zaq][UserCaller] the file is NOT signed!! : " + Package + "\n";
-const std::string NoVerifier = "[zaq][UserCaller] pHandle Error: " + Verifier +
-                               ": cannot open shared object file: No such file or directory\n";
-const std::string SetContext = "libabc.setContext(\"libabc\", 3, \"\")";
-const std::string Start = "========== [ abc update start ] ==========";
-const std::string Succeeded = "========== [ abc update succeeded ] ==========";
-const std::string NoData = "Error: Decryption data is null";
+const std::string kVerified = "verifyFile(0, \"" + kPackage + "\", \"UserCaller\")";
+const std::string kSigned = "[zaq][UserCaller] the file is signed successfully : " + kPackage + "\n";
+const std::string kNotSigned = "[zaq][UserCaller] the file is NOT signed!! : " + kPackage + "\n";
+const std::string kNoVerifier = "[zaq][UserCaller] pHandle Error: " + kVerifier +
+                                ": cannot open shared object file: No such file or directory\n";
+const std::string kSetContext = "libabc.setContext(\"libabc\", 3, \"\")";
+const std::string kStart = "========== [ abc update start ] ==========";
+const std::string kSucceeded = "========== [ abc update succeeded ] ==========";
+const std::string kNoData = "Error: Decryption data is null";
 
 std::string said(const std::string& function, const std::string& text) {
   return "6 fw-update-symbol.cpp " + function + " " + text;
@@ -77,8 +77,8 @@ class UsbPackage : public LibraryTest {
     LibraryTest::SetUp();
     scripted::setVerifierAnswer(nullptr);
     scripted::installVerifier();
-    fs::create_directories(Drive);
-    fs::create_directories(Controls);
+    fs::create_directories(kDrive);
+    fs::create_directories(kControls);
   }
   void TearDown() override {
     faults::failingCallocSize = 0;
@@ -86,14 +86,14 @@ class UsbPackage : public LibraryTest {
   }
 
   static int list(FWUpdateSymbol& symbol) {
-    return symbol.getNeedUpdateList(usb::bytesOf(usb::key()), Drive);
+    return symbol.getNeedUpdateList(usb::bytesOf(usb::key()), kDrive);
   }
-  static int update(FWUpdateSymbol& symbol) { return symbol.updateUSB(usb::bytesOf(usb::key()), Drive); }
+  static int update(FWUpdateSymbol& symbol) { return symbol.updateUSB(usb::bytesOf(usb::key()), kDrive); }
 
   // A bound module, its package on the drive.
   FWUpdateSymbol boundWithPackage(const std::string& version = "2.0", const std::string& image = "image") {
     FWUpdateSymbol symbol = bound();
-    writeFile(Package, usb::package(version, image));
+    writeFile(kPackage, usb::package(version, image));
     return symbol;
   }
 
@@ -121,12 +121,12 @@ TEST_F(Signature, IsAskedOfTheVerifierWithPathAndCaller) {
 
   EXPECT_EQ(list(symbol), 1);
 
-  EXPECT_EQ(recording::calls()[0], Verified);
-  EXPECT_EQ(recording::messages()[0], said("zaq_verify", Signed));
+  EXPECT_EQ(recording::calls()[0], kVerified);
+  EXPECT_EQ(recording::messages()[0], said("zaq_verify", kSigned));
   EXPECT_EQ(recording::logLines()[0].format, "%s: %s(%d) > [zaq][%s] the file is signed successfully : %s\n");
   EXPECT_EQ(recording::traceFormats()[0], "[zaq][%s] the file is signed successfully : %s\n");
   EXPECT_EQ(recording::traceRecords()[0].payload,
-            "\x0AUserCaller" + std::string(1, static_cast<char>(Package.size())) + Package);
+            "\x0AUserCaller" + std::string(1, static_cast<char>(kPackage.size())) + kPackage);
 }
 
 TEST_F(Signature, IsAcceptedWithAnyAnswerButZero) {
@@ -137,29 +137,29 @@ TEST_F(Signature, IsAcceptedWithAnyAnswerButZero) {
 
     EXPECT_EQ(list(symbol), 1);
 
-    EXPECT_EQ(recording::texts()[0], Signed);
+    EXPECT_EQ(recording::texts()[0], kSigned);
   }
 }
 
 TEST_F(Signature, IsRejectedByContent) {
   FWUpdateSymbol symbol = bound();
   std::string package = usb::package("2.0", "image");
-  package[package.size() - usb::TrailerSize] = 'X';
-  writeFile(Package, package);
+  package[package.size() - usb::kTrailerSize] = 'X';
+  writeFile(kPackage, package);
 
   EXPECT_EQ(list(symbol), -1);
 
   EXPECT_THAT(recording::everything(),
-              ElementsAre(Verified, "log: " + NotSigned, "log: Error: " + Package + " is NOT signed"));
+              ElementsAre(kVerified, "log: " + kNotSigned, "log: Error: " + kPackage + " is NOT signed"));
   EXPECT_THAT(recording::messages(),
-              ElementsAre(said("zaq_verify", NotSigned),
-                          said("getNeedUpdateList", "Error: " + Package + " is NOT signed")));
+              ElementsAre(said("zaq_verify", kNotSigned),
+                          said("getNeedUpdateList", "Error: " + kPackage + " is NOT signed")));
   EXPECT_THAT(recording::traceFormats(),
               ElementsAre("[zaq][%s] the file is NOT signed!! : %s\n", "Error: %s is NOT signed"));
 }
 
 TEST_F(Signature, IsAcceptedWithoutAVerifierAndSaidEachTime) {
-  fs::remove(Verifier);
+  fs::remove(kVerifier);
   FWUpdateSymbol symbol = boundWithPackage();
   faults::reset();
 
@@ -167,14 +167,14 @@ TEST_F(Signature, IsAcceptedWithoutAVerifierAndSaidEachTime) {
   EXPECT_EQ(list(symbol), 1);
   EXPECT_EQ(update(symbol), 0);
 
-  EXPECT_THAT(faults::libraryCalls(), Each("dlopen(" + Verifier + ")")) << "nothing to close";
-  EXPECT_THAT(recording::messages(), Contains(said("zaq_verify", NoVerifier)).Times(3));
+  EXPECT_THAT(faults::libraryCalls(), Each("dlopen(" + kVerifier + ")")) << "nothing to close";
+  EXPECT_THAT(recording::messages(), Contains(said("zaq_verify", kNoVerifier)).Times(3));
   EXPECT_THAT(recording::traceFormats(), Contains("[zaq][%s] pHandle Error: %s\n").Times(3));
   EXPECT_THAT(recording::texts(), Not(Contains(HasSubstr("signed successfully"))));
 }
 
 TEST_F(Signature, IsCheckedOnceAVerifierIsThere) {
-  fs::remove(Verifier);
+  fs::remove(kVerifier);
   FWUpdateSymbol symbol = boundWithPackage();
   ASSERT_EQ(list(symbol), 1);
   scripted::installVerifier();
@@ -184,26 +184,26 @@ TEST_F(Signature, IsCheckedOnceAVerifierIsThere) {
 }
 
 TEST_F(Signature, IsAcceptedWithABrokenVerifier) {
-  writeFile(Verifier, "no library");
+  writeFile(kVerifier, "no library");
   FWUpdateSymbol symbol = boundWithPackage();
 
   EXPECT_EQ(list(symbol), 1);
 
   EXPECT_EQ(recording::messages()[0],
-            said("zaq_verify", "[zaq][UserCaller] pHandle Error: " + Verifier + ": file too short\n"));
+            said("zaq_verify", "[zaq][UserCaller] pHandle Error: " + kVerifier + ": file too short\n"));
 }
 
 TEST_F(Signature, IsAcceptedWithAVerifierThatHasNoEntryPoint) {
   scripted::installVerifier(scripted::Verifier::WithoutEntryPoint);
   FWUpdateSymbol symbol = boundWithPackage();
-  const std::string text = "[zaq][UserCaller] dlsym Error: " + Verifier + ": undefined symbol: verifyFile\n";
+  const std::string text = "[zaq][UserCaller] dlsym Error: " + kVerifier + ": undefined symbol: verifyFile\n";
   faults::reset();
 
   EXPECT_EQ(list(symbol), 1);
   EXPECT_EQ(list(symbol), 1);
 
-  EXPECT_THAT(faults::libraryCalls(), ElementsAre("dlopen(" + Verifier + ")", "dlclose(" + Verifier + ")",
-                                                  "dlopen(" + Verifier + ")", "dlclose(" + Verifier + ")"));
+  EXPECT_THAT(faults::libraryCalls(), ElementsAre("dlopen(" + kVerifier + ")", "dlclose(" + kVerifier + ")",
+                                                  "dlopen(" + kVerifier + ")", "dlclose(" + kVerifier + ")"));
 
   EXPECT_THAT(recording::messages(), Contains(said("zaq_verify", text)).Times(2));
   EXPECT_THAT(recording::traceFormats(), Contains("[zaq][%s] dlsym Error: %s\n").Times(2));
@@ -222,16 +222,16 @@ TEST_F(Signature, IsCheckedWithoutOpeningTheVerifierAgain) {
   FWUpdateSymbol symbol = boundWithPackage();
   faults::reset();
   ASSERT_EQ(list(symbol), 1);
-  EXPECT_THAT(faults::libraryCalls(), ElementsAre("dlopen(" + Verifier + ")", "dlclose(" + Verifier + ")"));
+  EXPECT_THAT(faults::libraryCalls(), ElementsAre("dlopen(" + kVerifier + ")", "dlclose(" + kVerifier + ")"));
   faults::reset();
-  fs::remove(Verifier);
+  fs::remove(kVerifier);
   scripted::setVerifierAnswer([](const std::string&) { return 0; });
   recording::reset();
 
   EXPECT_EQ(list(symbol), -1);
   EXPECT_EQ(update(symbol), -1);
 
-  EXPECT_THAT(recording::calls(), ElementsAre(Verified, Verified)) << "it is still in memory";
+  EXPECT_THAT(recording::calls(), ElementsAre(kVerified, kVerified)) << "it is still in memory";
   EXPECT_THAT(faults::libraryCalls(), IsEmpty());
 }
 
@@ -256,7 +256,7 @@ TEST_F(Signature, IsCheckedForSeveralThreadsAtOnce) {
 
   EXPECT_EQ(accepted, 2);
   const auto calls = recording::calls();
-  EXPECT_EQ(std::count(calls.begin(), calls.end(), Verified), 2);
+  EXPECT_EQ(std::count(calls.begin(), calls.end(), kVerified), 2);
 }
 
 // ---- Listing ------------------------------------------------------------------------
@@ -269,14 +269,14 @@ TEST_F(UsbListing, MarksAModuleWhosePackageIsNewer) {
 
   EXPECT_TRUE(symbol.getNeedUpdate());
   EXPECT_EQ(symbol.getExpectedUpdateTime(), 45U);
-  EXPECT_THAT(recording::everything(), ElementsAre(Verified, "log: " + Signed, SetContext, versionCall("2.0"),
-                                                   "libabc.getExpectedTime()"));
+  EXPECT_THAT(recording::everything(), ElementsAre(kVerified, "log: " + kSigned, kSetContext,
+                                                   versionCall("2.0"), "libabc.getExpectedTime()"));
 }
 
 TEST_F(UsbListing, IsRefusedSilentlyForAModuleWithoutPackage) {
   FWUpdateSymbol extension = bound("libEXT-abc");
   FWUpdateSymbol unbound("libabc");
-  writeFile(std::string(Drive) + ".bin", usb::package("2.0", "image"));
+  writeFile(std::string(kDrive) + ".bin", usb::package("2.0", "image"));
 
   EXPECT_EQ(list(extension), -1);
   EXPECT_EQ(list(unbound), -1);
@@ -289,7 +289,7 @@ TEST_F(UsbListing, RefusesAMissingKeyBeforeAMissingFolder) {
   FWUpdateSymbol symbol = boundWithPackage();
 
   EXPECT_EQ(symbol.getNeedUpdateList(nullptr, nullptr), -1);
-  EXPECT_EQ(symbol.getNeedUpdateList(nullptr, Drive), -1);
+  EXPECT_EQ(symbol.getNeedUpdateList(nullptr, kDrive), -1);
   EXPECT_EQ(symbol.getNeedUpdateList(usb::bytesOf(usb::key()), nullptr), -1);
 
   EXPECT_THAT(recording::messages(), ElementsAre(said("getNeedUpdateList", "Error: ckey  is nullptr"),
@@ -305,9 +305,9 @@ TEST_F(UsbListing, ReportsAMissingPackage) {
 
   EXPECT_EQ(list(symbol), -1);
 
-  EXPECT_THAT(recording::everything(), ElementsAre("log: Error: " + Package + " open fail"));
+  EXPECT_THAT(recording::everything(), ElementsAre("log: Error: " + kPackage + " open fail"));
   EXPECT_THAT(recording::messages(),
-              ElementsAre(said("getNeedUpdateList", "Error: " + Package + " open fail")));
+              ElementsAre(said("getNeedUpdateList", "Error: " + kPackage + " open fail")));
   EXPECT_THAT(recording::traceFormats(), ElementsAre("Error: %s open fail"));
 }
 
@@ -323,12 +323,12 @@ TEST_F(UsbListing, AddsNoSeparatorToTheFolder) {
 
 TEST_F(UsbListing, ReportsAnUnreadablePackage) {
   FWUpdateSymbol symbol = boundWithPackage();
-  fs::permissions(Package, fs::perms::none);
+  fs::permissions(kPackage, fs::perms::none);
   const WithoutFileOverride asAnyone;
 
   EXPECT_EQ(list(symbol), -1);
 
-  EXPECT_THAT(recording::texts(), ElementsAre("Error: " + Package + " open fail"));
+  EXPECT_THAT(recording::texts(), ElementsAre("Error: " + kPackage + " open fail"));
 }
 
 TEST_F(UsbListing, IgnoresAFailingSetContext) {
@@ -394,10 +394,10 @@ TEST_F(UsbListing, ReportsAFailedComparisonAndKeepsTheMark) {
   EXPECT_TRUE(symbol.getNeedUpdate());
   EXPECT_EQ(symbol.getExpectedUpdateTime(), 45U);
   EXPECT_THAT(recording::messages(),
-              ElementsAre(said("zaq_verify", Signed),
+              ElementsAre(said("zaq_verify", kSigned),
                           said("getNeedUpdateList", "Error: abc Firmware CheckVersion Fail")));
   EXPECT_EQ(recording::traceFormats().back(), "Error: %s Firmware CheckVersion Fail");
-  EXPECT_THAT(recording::calls(), ElementsAre(Verified, SetContext, versionCall("2.0")));
+  EXPECT_THAT(recording::calls(), ElementsAre(kVerified, kSetContext, versionCall("2.0")));
 }
 
 TEST_F(UsbListing, AnswersZeroWithoutAnExpectedTimeAndKeepsTheMark) {
@@ -415,7 +415,7 @@ TEST_F(UsbListing, AnswersZeroWithoutAnExpectedTimeAndKeepsTheMark) {
   EXPECT_EQ(symbol.getExpectedUpdateTime(), 45U);
   EXPECT_THAT(
       recording::messages(),
-      ElementsAre(said("zaq_verify", Signed), said("getNeedUpdateList", "Error: abc getExpectedTime Fail")));
+      ElementsAre(said("zaq_verify", kSigned), said("getNeedUpdateList", "Error: abc getExpectedTime Fail")));
   EXPECT_EQ(recording::traceFormats().back(), "Error: %s getExpectedTime Fail");
 }
 
@@ -424,7 +424,7 @@ TEST_F(UsbListing, AnswersZeroForAModuleThatGivesNoTime) {
   FWUpdateSymbol symbol("libdef");
   symbol.loadSymbol("libdef");
   recording::reset();
-  writeFile(Package, usb::package("2.0", "image"));
+  writeFile(kPackage, usb::package("2.0", "image"));
 
   EXPECT_EQ(list(symbol), 0);
 
@@ -454,7 +454,7 @@ TEST_F(UsbListing, HandsGarbageToTheModuleForAWrongKey) {
     return std::strcmp(version, "2.0") == 0 ? 0 : -1;
   };
 
-  EXPECT_EQ(symbol.getNeedUpdateList(usb::bytesOf(wrongKey), Drive), -1);
+  EXPECT_EQ(symbol.getNeedUpdateList(usb::bytesOf(wrongKey), kDrive), -1);
 
   EXPECT_EQ(seen, usb::decrypt(package.substr(16, package.size() - 534), wrongKey).substr(0, 64));
   EXPECT_EQ(recording::texts().back(), "Error: abc Firmware CheckVersion Fail");
@@ -481,10 +481,10 @@ TEST_F(UsbUpdate, HandsTheDecryptedImageToTheModule) {
 
   EXPECT_THAT(images, ElementsAre("the firmware image"));
   EXPECT_THAT(recording::everything(),
-              ElementsAre(Verified, "log: " + Signed, SetContext, versionCall("2.0"), "log: " + Start,
-                          "libabc.doUpdate_decryption(18)", "log: " + Succeeded));
-  EXPECT_THAT(recording::messages(), ElementsAre(said("zaq_verify", Signed), said("updateUSB", Start),
-                                                 said("updateUSB", Succeeded)));
+              ElementsAre(kVerified, "log: " + kSigned, kSetContext, versionCall("2.0"), "log: " + kStart,
+                          "libabc.doUpdate_decryption(18)", "log: " + kSucceeded));
+  EXPECT_THAT(recording::messages(), ElementsAre(said("zaq_verify", kSigned), said("updateUSB", kStart),
+                                                 said("updateUSB", kSucceeded)));
   EXPECT_THAT(recording::traceFormats(), ElementsAre("[zaq][%s] the file is signed successfully : %s\n",
                                                      "========== [ %s update start ] ==========",
                                                      "========== [ %s update succeeded ] =========="));
@@ -537,7 +537,7 @@ TEST_F(UsbUpdate, RefusesAMissingKeyBeforeAMissingFolder) {
   FWUpdateSymbol symbol = boundWithPackage();
 
   EXPECT_EQ(symbol.updateUSB(nullptr, nullptr), -1);
-  EXPECT_EQ(symbol.updateUSB(nullptr, Drive), -1);
+  EXPECT_EQ(symbol.updateUSB(nullptr, kDrive), -1);
   EXPECT_EQ(symbol.updateUSB(usb::bytesOf(usb::key()), nullptr), -1);
 
   EXPECT_THAT(recording::messages(), ElementsAre(said("updateUSB", "Error: ckey  is nullptr"),
@@ -553,8 +553,8 @@ TEST_F(UsbUpdate, ReportsAMissingPackage) {
 
   EXPECT_EQ(update(symbol), -1);
 
-  EXPECT_THAT(recording::everything(), ElementsAre("log: Error: " + Package + " file open"));
-  EXPECT_THAT(recording::messages(), ElementsAre(said("updateUSB", "Error: " + Package + " file open")));
+  EXPECT_THAT(recording::everything(), ElementsAre("log: Error: " + kPackage + " file open"));
+  EXPECT_THAT(recording::messages(), ElementsAre(said("updateUSB", "Error: " + kPackage + " file open")));
   EXPECT_THAT(recording::traceFormats(), ElementsAre("Error: %s file open"));
 }
 
@@ -564,11 +564,11 @@ TEST_F(UsbUpdate, ReportsAPackageThatIsNotSigned) {
 
   EXPECT_EQ(update(symbol), -1);
 
-  EXPECT_THAT(recording::everything(),
-              ElementsAre(Verified, "log: " + NotSigned, "log: Error: " + Package + " file is NOT signed"));
+  EXPECT_THAT(recording::everything(), ElementsAre(kVerified, "log: " + kNotSigned,
+                                                   "log: Error: " + kPackage + " file is NOT signed"));
   EXPECT_THAT(recording::messages(),
-              ElementsAre(said("zaq_verify", NotSigned),
-                          said("updateUSB", "Error: " + Package + " file is NOT signed")));
+              ElementsAre(said("zaq_verify", kNotSigned),
+                          said("updateUSB", "Error: " + kPackage + " file is NOT signed")));
   EXPECT_THAT(recording::traceFormats(),
               ElementsAre("[zaq][%s] the file is NOT signed!! : %s\n", "Error: %s file is NOT signed"));
 }
@@ -602,7 +602,7 @@ TEST_F(UsbUpdate, ReportsAFailedComparison) {
 
   EXPECT_EQ(recording::messages().back(), said("updateUSB", "Error: abc Firmware CheckVersion Fail"));
   EXPECT_EQ(recording::traceFormats().back(), "Error: %s Firmware CheckVersion Fail");
-  EXPECT_THAT(recording::calls(), ElementsAre(Verified, SetContext, versionCall("2.0")));
+  EXPECT_THAT(recording::calls(), ElementsAre(kVerified, kSetContext, versionCall("2.0")));
 }
 
 TEST_F(UsbUpdate, IsRefusedWhenTheModuleDoesNotNeedIt) {
@@ -615,7 +615,7 @@ TEST_F(UsbUpdate, IsRefusedWhenTheModuleDoesNotNeedIt) {
 
     EXPECT_EQ(recording::messages().back(), said("updateUSB", "Error: abc Firmware not need update"));
     EXPECT_EQ(recording::traceFormats().back(), "Error: %s Firmware not need update");
-    EXPECT_THAT(recording::calls(), ElementsAre(Verified, SetContext, versionCall("2.0")));
+    EXPECT_THAT(recording::calls(), ElementsAre(kVerified, kSetContext, versionCall("2.0")));
   }
 }
 
@@ -635,7 +635,7 @@ TEST_F(UsbUpdate, ReturnsTheModulesOwnFailureWithTheErrorOfThatMoment) {
 
   EXPECT_THAT(
       recording::messages(),
-      ElementsAre(said("zaq_verify", Signed), said("updateUSB", Start),
+      ElementsAre(said("zaq_verify", kSigned), said("updateUSB", kStart),
                   said("updateUSB", "Error: abc Firmware doUpdate Fail 5 (28:No space left on device)")));
   EXPECT_EQ(recording::traceFormats().back(), "Error: %s Firmware doUpdate Fail %d (%d:%m)");
   const int values[] = {5, ENOSPC};
@@ -650,7 +650,7 @@ TEST_F(UsbUpdate, FailsForAModuleThatTakesNoDecryptedImage) {
   FWUpdateSymbol symbol("libdef");
   symbol.loadSymbol("libdef");
   recording::reset();
-  writeFile(Package, usb::package("2.0", "image"));
+  writeFile(kPackage, usb::package("2.0", "image"));
 
   EXPECT_EQ(update(symbol), -1);
 
@@ -659,7 +659,7 @@ TEST_F(UsbUpdate, FailsForAModuleThatTakesNoDecryptedImage) {
 
 TEST_F(UsbUpdate, FailsOnlyAtTheModuleForOneWithoutPackage) {
   FWUpdateSymbol symbol = bound("libEXT-abc");
-  writeFile(std::string(Drive) + ".bin", usb::package("2.0", "image"));
+  writeFile(std::string(kDrive) + ".bin", usb::package("2.0", "image"));
 
   EXPECT_EQ(update(symbol), -1);
 
@@ -670,7 +670,7 @@ TEST_F(UsbUpdate, FailsOnlyAtTheModuleForOneWithoutPackage) {
 TEST_F(UsbUpdate, ChecksAPackageThatChangedSinceTheListing) {
   FWUpdateSymbol symbol = boundWithPackage("2.0", "image");
   ASSERT_EQ(list(symbol), 1);
-  writeFile(Package, usb::package("3.0", "another image"));
+  writeFile(kPackage, usb::package("3.0", "another image"));
   collectImages();
   recording::reset();
 
@@ -692,7 +692,7 @@ class AnyBytes : public UsbPackage {
     UsbPackage::SetUp();
     scripted::setVerifierAnswer([](const std::string&) { return 1; });
     scripted::module("libabc").checkVersion = [this](const char* version, int* need) {
-      versions.emplace_back(version, usb::VersionSize);
+      versions.emplace_back(version, usb::kVersionSize);
       *need = 1;
       return 0;
     };
@@ -709,7 +709,7 @@ class AnyBytes : public UsbPackage {
       return;
     }
     EXPECT_EQ(list(symbol), 1);
-    EXPECT_THAT(recording::texts(), ElementsAre(Signed));
+    EXPECT_THAT(recording::texts(), ElementsAre(kSigned));
     EXPECT_THAT(versions, ElementsAre(plaintext(bytes, bytes.size() - 534).substr(0, 64)));
   }
 
@@ -726,7 +726,7 @@ class AnyBytes : public UsbPackage {
       return;
     }
     EXPECT_EQ(update(symbol), 0);
-    EXPECT_THAT(recording::texts(), ElementsAre(Signed, Start, Succeeded));
+    EXPECT_THAT(recording::texts(), ElementsAre(kSigned, kStart, kSucceeded));
     EXPECT_THAT(versions, ElementsAre(plain.substr(0, 64)));
     EXPECT_THAT(images, ElementsAre(plain.substr(64)));
   }
@@ -741,7 +741,7 @@ class AnyBytes : public UsbPackage {
 
  private:
   static std::string refusalOf(const std::string& bytes) {
-    return bytes.size() < 16 ? "Error: iv is worng" : NoData;
+    return bytes.size() < 16 ? "Error: iv is worng" : kNoData;
   }
   static std::string plaintext(const std::string& bytes, std::size_t fed) {
     return usb::decrypt(bytes.substr(16, fed), usb::key(), bytes.substr(0, 16));
@@ -755,7 +755,7 @@ TEST_F(AnyBytes, OfEveryLengthAreHandledWithinBounds) {
   for (std::size_t size = 0; size <= 700; ++size) {
     SCOPED_TRACE(size);
     const std::string bytes = usb::noise(size, static_cast<unsigned int>(size));
-    writeFile(Package, bytes);
+    writeFile(kPackage, bytes);
 
     expectListing(symbol, bytes);
     freeBuffer();
@@ -770,7 +770,7 @@ TEST_F(AnyBytes, OfAPackageCutAnywhereAreHandledWithinBounds) {
   for (std::size_t size = 0; size <= package.size(); ++size) {
     SCOPED_TRACE(size);
     const std::string bytes = package.substr(0, size);
-    writeFile(Package, bytes);
+    writeFile(kPackage, bytes);
 
     expectListing(symbol, bytes);
     freeBuffer();
@@ -785,7 +785,7 @@ TEST_F(AnyBytes, OfPackagesAroundWholeReadsAreHandled) {
                                  10790U, 20480U, 20496U, 20497U, 21030U, 30736U}) {
     SCOPED_TRACE(size);
     const std::string bytes = usb::noise(size);
-    writeFile(Package, bytes);
+    writeFile(kPackage, bytes);
 
     expectListing(symbol, bytes);
     freeBuffer();
@@ -797,51 +797,51 @@ TEST_F(AnyBytes, OfPackagesAroundWholeReadsAreHandled) {
 TEST_F(UsbListing, ReportsAPackageShorterThanItsIv) {
   FWUpdateSymbol symbol = bound();
   scripted::setVerifierAnswer([](const std::string&) { return 1; });
-  writeFile(Package, std::string(15, 'x'));
+  writeFile(kPackage, std::string(15, 'x'));
 
   EXPECT_EQ(list(symbol), -1);
 
   EXPECT_THAT(recording::everything(),
-              ElementsAre(Verified, "log: " + Signed, SetContext, "log: Error: iv is worng"));
+              ElementsAre(kVerified, "log: " + kSigned, kSetContext, "log: Error: iv is worng"));
   EXPECT_EQ(recording::traceFormats().back(), "Error: iv is worng");
 }
 
 TEST_F(UsbUpdate, ReportsAPackageShorterThanItsIv) {
   FWUpdateSymbol symbol = bound();
   scripted::setVerifierAnswer([](const std::string&) { return 1; });
-  writeFile(Package, "");
+  writeFile(kPackage, "");
 
   EXPECT_EQ(update(symbol), -1);
 
   EXPECT_THAT(recording::everything(),
-              ElementsAre(Verified, "log: " + Signed, SetContext, "log: Error: iv is worng"));
+              ElementsAre(kVerified, "log: " + kSigned, kSetContext, "log: Error: iv is worng"));
   EXPECT_EQ(recording::traceFormats().back(), "Error: iv is worng");
 }
 
 TEST_F(UsbListing, ReportsAPackageThatIsTooShortToHoldAVersion) {
   FWUpdateSymbol symbol = bound();
   scripted::setVerifierAnswer([](const std::string&) { return 1; });
-  writeFile(Package, std::string(613, 'x'));
+  writeFile(kPackage, std::string(613, 'x'));
 
   EXPECT_EQ(list(symbol), -1);
 
   EXPECT_THAT(recording::messages(),
-              ElementsAre(said("zaq_verify", Signed), said("getNeedUpdateList", NoData)));
-  EXPECT_EQ(recording::traceFormats().back(), NoData);
-  EXPECT_THAT(recording::calls(), ElementsAre(Verified, SetContext));
+              ElementsAre(said("zaq_verify", kSigned), said("getNeedUpdateList", kNoData)));
+  EXPECT_EQ(recording::traceFormats().back(), kNoData);
+  EXPECT_THAT(recording::calls(), ElementsAre(kVerified, kSetContext));
   EXPECT_EQ(cipher_buf_all, nullptr) << "nothing is decrypted";
 }
 
 TEST_F(UsbUpdate, ReportsAPackageThatIsTooShortToHoldAVersion) {
   FWUpdateSymbol symbol = bound();
   scripted::setVerifierAnswer([](const std::string&) { return 1; });
-  writeFile(Package, std::string(613, 'x'));
+  writeFile(kPackage, std::string(613, 'x'));
 
   EXPECT_EQ(update(symbol), -1);
 
-  EXPECT_THAT(recording::messages(), ElementsAre(said("zaq_verify", Signed), said("updateUSB", NoData)));
-  EXPECT_EQ(recording::traceFormats().back(), NoData);
-  EXPECT_THAT(recording::calls(), ElementsAre(Verified, SetContext));
+  EXPECT_THAT(recording::messages(), ElementsAre(said("zaq_verify", kSigned), said("updateUSB", kNoData)));
+  EXPECT_EQ(recording::traceFormats().back(), kNoData);
+  EXPECT_THAT(recording::calls(), ElementsAre(kVerified, kSetContext));
 }
 
 class OverTwoGibibytes : public UsbPackage, public ::testing::WithParamInterface<std::uint64_t> {};
@@ -849,12 +849,12 @@ class OverTwoGibibytes : public UsbPackage, public ::testing::WithParamInterface
 TEST_P(OverTwoGibibytes, IsRefusedInBothSteps) {
   FWUpdateSymbol symbol = boundWithPackage();
   scripted::setVerifierAnswer([](const std::string&) { return 1; });
-  fs::resize_file(Package, GetParam());
+  fs::resize_file(kPackage, GetParam());
 
   EXPECT_EQ(list(symbol), -1);
   EXPECT_EQ(update(symbol), -1);
 
-  EXPECT_THAT(recording::texts(), ElementsAre(Signed, NoData, Signed, NoData));
+  EXPECT_THAT(recording::texts(), ElementsAre(kSigned, kNoData, kSigned, kNoData));
   EXPECT_THAT(recording::calls(), Not(Contains(HasSubstr("checkVersion"))));
   EXPECT_EQ(cipher_buf_all, nullptr);
 }
@@ -868,14 +868,14 @@ TEST_F(UsbListing, ReportsAFailedAllocation) {
     GTEST_SKIP() << "valgrind allocates";
   }
   FWUpdateSymbol symbol = boundWithPackage("2.0", usb::noise(5000));
-  faults::failingCallocSize = static_cast<std::size_t>(fs::file_size(Package));
+  faults::failingCallocSize = static_cast<std::size_t>(fs::file_size(kPackage));
 
   EXPECT_EQ(list(symbol), -1);
 
-  EXPECT_EQ(recording::messages().back(), said("getNeedUpdateList", NoData));
+  EXPECT_EQ(recording::messages().back(), said("getNeedUpdateList", kNoData));
   EXPECT_EQ(cipher_buf_all, nullptr);
   EXPECT_FALSE(symbol.getNeedUpdate());
-  EXPECT_THAT(recording::calls(), ElementsAre(Verified, SetContext));
+  EXPECT_THAT(recording::calls(), ElementsAre(kVerified, kSetContext));
 }
 
 TEST_F(UsbUpdate, ReportsAFailedAllocation) {
@@ -883,25 +883,25 @@ TEST_F(UsbUpdate, ReportsAFailedAllocation) {
     GTEST_SKIP() << "valgrind allocates";
   }
   FWUpdateSymbol symbol = boundWithPackage("2.0", usb::noise(5000));
-  faults::failingCallocSize = static_cast<std::size_t>(fs::file_size(Package)) - 16;
+  faults::failingCallocSize = static_cast<std::size_t>(fs::file_size(kPackage)) - 16;
 
   EXPECT_EQ(update(symbol), -1);
 
-  EXPECT_EQ(recording::messages().back(), said("updateUSB", NoData));
+  EXPECT_EQ(recording::messages().back(), said("updateUSB", kNoData));
   EXPECT_EQ(cipher_buf_all, nullptr);
-  EXPECT_THAT(recording::calls(), ElementsAre(Verified, SetContext));
+  EXPECT_THAT(recording::calls(), ElementsAre(kVerified, kSetContext));
 }
 
 TEST_F(UsbPackage, ThatGoesAwayIsRefused) {
   FWUpdateSymbol symbol = boundWithPackage();
   scripted::module("libabc").setContext = [](const char*, int, char*) {
-    fs::remove(Package);
+    fs::remove(kPackage);
     return 0;
   };
 
   EXPECT_EQ(list(symbol), -1);
 
-  EXPECT_THAT(recording::texts(), ElementsAre(Signed, NoData));
+  EXPECT_THAT(recording::texts(), ElementsAre(kSigned, kNoData));
 }
 
 // ---- What stands in the package's place ---------------------------------------------
@@ -909,7 +909,7 @@ TEST_F(UsbPackage, ThatGoesAwayIsRefused) {
 TEST_F(UsbPackage, IsFollowedThroughALink) {
   FWUpdateSymbol symbol = bound();
   writeFile("/opt/media/real", usb::package("2.0", "image"));
-  fs::create_symlink("/opt/media/real", Package);
+  fs::create_symlink("/opt/media/real", kPackage);
 
   EXPECT_EQ(list(symbol), 1);
   EXPECT_EQ(update(symbol), 0);
@@ -917,46 +917,46 @@ TEST_F(UsbPackage, IsFollowedThroughALink) {
 
 TEST_F(UsbPackage, IsMissedBehindADanglingLink) {
   FWUpdateSymbol symbol = bound();
-  fs::create_symlink("/opt/media/nowhere", Package);
+  fs::create_symlink("/opt/media/nowhere", kPackage);
 
   EXPECT_EQ(list(symbol), -1);
   EXPECT_EQ(update(symbol), -1);
 
   EXPECT_THAT(recording::texts(),
-              ElementsAre("Error: " + Package + " open fail", "Error: " + Package + " file open"));
+              ElementsAre("Error: " + kPackage + " open fail", "Error: " + kPackage + " file open"));
 }
 
 TEST_F(UsbPackage, IsNoDirectory) {
   FWUpdateSymbol symbol = bound();
-  fs::create_directory(Package);
+  fs::create_directory(kPackage);
   scripted::setVerifierAnswer([](const std::string&) { return 1; });
 
   EXPECT_EQ(list(symbol), -1);
   EXPECT_EQ(update(symbol), -1);
 
-  EXPECT_THAT(recording::texts(), ElementsAre(Signed, "Error: iv is worng", Signed, "Error: iv is worng"));
+  EXPECT_THAT(recording::texts(), ElementsAre(kSigned, "Error: iv is worng", kSigned, "Error: iv is worng"));
 }
 
 TEST_F(UsbPackage, IsNotWaitedForBehindAFifo) {
   FWUpdateSymbol symbol = bound();
-  ASSERT_EQ(mkfifo(Package.c_str(), 0600), 0);
+  ASSERT_EQ(mkfifo(kPackage.c_str(), 0600), 0);
 
   EXPECT_EQ(list(symbol), -1);
   EXPECT_EQ(update(symbol), -1);
 
-  EXPECT_THAT(recording::everything(),
-              ElementsAre("log: Error: " + Package + " open fail", "log: Error: " + Package + " file open"));
+  EXPECT_THAT(recording::everything(), ElementsAre("log: Error: " + kPackage + " open fail",
+                                                   "log: Error: " + kPackage + " file open"));
 }
 
 TEST_F(UsbPackage, IsNotReadFromAnEndlessDevice) {
   FWUpdateSymbol symbol = bound();
-  fs::create_symlink("/dev/zero", Package);
+  fs::create_symlink("/dev/zero", kPackage);
   scripted::setVerifierAnswer([](const std::string&) { return 1; });
 
   EXPECT_EQ(list(symbol), -1);
   EXPECT_EQ(update(symbol), -1);
 
-  EXPECT_THAT(recording::texts(), ElementsAre(Signed, NoData, Signed, NoData));
+  EXPECT_THAT(recording::texts(), ElementsAre(kSigned, kNoData, kSigned, kNoData));
 }
 
 // ---- What was verified is what is used ----------------------------------------------
@@ -974,34 +974,34 @@ void PrintTo(const Change& row, std::ostream* out) {
 }
 
 void flipByte() {
-  std::fstream file(Package, std::ios::binary | std::ios::in | std::ios::out);
+  std::fstream file(kPackage, std::ios::binary | std::ios::in | std::ios::out);
   file.seekg(100);
   const int byte = file.get();
   file.seekp(100);
   file.put(static_cast<char>(byte ^ 1));
 }
 
-constexpr Change Changes[] = {
+constexpr Change kChanges[] = {
     {"AByteIsWritten", flipByte},
-    {"ItGrows", [] { std::ofstream(Package, std::ios::binary | std::ios::app) << 'x'; }},
-    {"ItIsCut", [] { fs::resize_file(Package, fs::file_size(Package) - 1); }},
+    {"ItGrows", [] { std::ofstream(kPackage, std::ios::binary | std::ios::app) << 'x'; }},
+    {"ItIsCut", [] { fs::resize_file(kPackage, fs::file_size(kPackage) - 1); }},
     {"AnotherTakesItsPlace",
      [] {
-       DeviceTest::writeFile("/opt/media/other", DeviceTest::readFile(Package));
-       fs::rename("/opt/media/other", Package);
+       DeviceTest::writeFile("/opt/media/other", DeviceTest::readFile(kPackage));
+       fs::rename("/opt/media/other", kPackage);
      }},
     {"AnotherDriveTakesItsPlace",  // the open file's own times stay
      [] {
-       const std::string content = DeviceTest::readFile(Package);
+       const std::string content = DeviceTest::readFile(kPackage);
        fs::remove_all("/opt/media/old");
-       fs::rename(Drive, "/opt/media/old");
-       DeviceTest::writeFile(Package, content);
+       fs::rename(kDrive, "/opt/media/old");
+       DeviceTest::writeFile(kPackage, content);
      }},
     {"ItsTimeIsSetBack",
      [] {
        flipByte();
        const timespec times[2] = {{1, 0}, {1, 0}};
-       utimensat(AT_FDCWD, Package.c_str(), times, 0);
+       utimensat(AT_FDCWD, kPackage.c_str(), times, 0);
      }},
 };
 
@@ -1016,8 +1016,8 @@ class ChangedPackage : public UsbPackage, public ::testing::WithParamInterface<C
 
   // Files' times have the grain of the kernel's clock: waits until a change shows.
   static void layPackage() {
-    writeFile(Package, usb::package("2.0", usb::noise(50000)));
-    const auto written = fs::last_write_time(Package);
+    writeFile(kPackage, usb::package("2.0", usb::noise(50000)));
+    const auto written = fs::last_write_time(kPackage);
     do {
       writeFile("/tmp/clock", "");
     } while (fs::last_write_time("/tmp/clock") == written);
@@ -1025,14 +1025,14 @@ class ChangedPackage : public UsbPackage, public ::testing::WithParamInterface<C
 
   void expectRefusedAsNotSigned(const std::vector<std::string>& before) {
     std::vector<std::string> listing = before;
-    listing.push_back("Error: " + Package + " is NOT signed");
+    listing.push_back("Error: " + kPackage + " is NOT signed");
     EXPECT_EQ(list(*symbol), -1);
     EXPECT_EQ(recording::texts(), listing);
 
     recording::reset();
     layPackage();
     std::vector<std::string> updating = before;
-    updating.push_back("Error: " + Package + " file is NOT signed");
+    updating.push_back("Error: " + kPackage + " file is NOT signed");
     EXPECT_EQ(update(*symbol), -1);
     EXPECT_EQ(recording::texts(), updating);
 
@@ -1052,9 +1052,9 @@ TEST_P(ChangedPackage, WhileItIsVerifiedIsRefused) {
     return 1;
   });
 
-  expectRefusedAsNotSigned({Signed});
+  expectRefusedAsNotSigned({kSigned});
 
-  EXPECT_THAT(recording::calls(), Not(Contains(SetContext))) << "at once, before it is read";
+  EXPECT_THAT(recording::calls(), Not(Contains(kSetContext))) << "at once, before it is read";
 }
 
 TEST_P(ChangedPackage, BeforeItIsReadIsRefused) {
@@ -1063,7 +1063,7 @@ TEST_P(ChangedPackage, BeforeItIsReadIsRefused) {
     return 0;
   };
 
-  expectRefusedAsNotSigned({Signed});
+  expectRefusedAsNotSigned({kSigned});
 }
 
 TEST_P(ChangedPackage, WhileItIsReadIsRefused) {
@@ -1074,7 +1074,7 @@ TEST_P(ChangedPackage, WhileItIsReadIsRefused) {
     }
   };
 
-  expectRefusedAsNotSigned({Signed});
+  expectRefusedAsNotSigned({kSigned});
 }
 
 TEST_P(ChangedPackage, IsRefusedByAVerifierThatSaidNoToo) {
@@ -1083,10 +1083,10 @@ TEST_P(ChangedPackage, IsRefusedByAVerifierThatSaidNoToo) {
     return 0;
   });
 
-  expectRefusedAsNotSigned({NotSigned});
+  expectRefusedAsNotSigned({kNotSigned});
 }
 
-INSTANTIATE_TEST_SUITE_P(UsbPackage, ChangedPackage, ::testing::ValuesIn(Changes),
+INSTANTIATE_TEST_SUITE_P(UsbPackage, ChangedPackage, ::testing::ValuesIn(kChanges),
                          [](const auto& row) { return std::string(row.param.name); });
 
 TEST_F(UsbPackage, IsAnotherFileAlsoWhenThatIsAsLargeAndAsOld) {
@@ -1099,24 +1099,24 @@ TEST_F(UsbPackage, IsAnotherFileAlsoWhenThatIsAsLargeAndAsOld) {
     return std::pair(status.st_ctim.tv_sec, status.st_ctim.tv_nsec);
   };
   do {  // until both are of one tick of the kernel's clock
-    writeFile(Package, package);
+    writeFile(kPackage, package);
     writeFile(other, package);
-  } while (changed(Package) != changed(other));
+  } while (changed(kPackage) != changed(other));
   scripted::module("libabc").setContext = [](const char*, int, char*) {
-    fs::rename(Drive, "/opt/media/old");
+    fs::rename(kDrive, "/opt/media/old");
     fs::rename("/opt/media/other", "/opt/media/USBDriveA");
     return 0;
   };
 
   EXPECT_EQ(update(symbol), -1);
 
-  EXPECT_EQ(recording::texts().back(), "Error: " + Package + " file is NOT signed");
+  EXPECT_EQ(recording::texts().back(), "Error: " + kPackage + " file is NOT signed");
 }
 
 TEST_F(UsbPackage, MayChangeBetweenTheSteps) {
   FWUpdateSymbol symbol = boundWithPackage("2.0", "first");
   ASSERT_EQ(list(symbol), 1);
-  writeFile(Package, usb::package("2.1", "second, longer"));
+  writeFile(kPackage, usb::package("2.1", "second, longer"));
   collectImages();
 
   EXPECT_EQ(update(symbol), 0);
@@ -1127,7 +1127,7 @@ TEST_F(UsbPackage, MayChangeBetweenTheSteps) {
 TEST_F(UsbPackage, MayBeReadByOthersMeanwhile) {
   FWUpdateSymbol symbol = boundWithPackage();
   scripted::module("libabc").setContext = [](const char*, int, char*) {
-    readFile(Package);  // sets the time of the last access
+    readFile(kPackage);  // sets the time of the last access
     return 0;
   };
 
@@ -1138,11 +1138,11 @@ TEST_F(UsbPackage, MayBeReadByOthersMeanwhile) {
 TEST_F(UsbPackage, IsNotReadBeyondTheSizeThatItHad) {
   scripted::installVerifier(scripted::Verifier::WithContentCheck);
   FWUpdateSymbol symbol = boundWithPackage("2.0", usb::noise(50000));
-  const std::string whole = readFile(Package);
+  const std::string whole = readFile(kPackage);
   int additions = 0;
   scripted::contentChecks().afterBytes = [&additions] {
     if (++additions < 1000) {  // so that the test ends
-      std::ofstream(Package, std::ios::binary | std::ios::app) << usb::noise(20000);
+      std::ofstream(kPackage, std::ios::binary | std::ios::app) << usb::noise(20000);
     }
   };
 
@@ -1155,10 +1155,10 @@ TEST_F(UsbPackage, IsNotReadBeyondTheSizeThatItHad) {
 
 namespace {
 
-const std::string Began = "beginContentCheck(\"" + Package + "\", open)";
-const std::string Ended = "endContentCheck()";
-const std::string Released = "releaseContentCheck()";
-const std::string NotedApplied = "noteAppliedPackage()";
+const std::string kBegan = "beginContentCheck(\"" + kPackage + "\", open)";
+const std::string kEnded = "endContentCheck()";
+const std::string kReleased = "releaseContentCheck()";
+const std::string kNotedApplied = "noteAppliedPackage()";
 
 class ContentChecked : public UsbPackage {
  protected:
@@ -1178,23 +1178,23 @@ TEST_F(ContentChecked, GetsEveryByteInTheFilesOrder) {
   FWUpdateSymbol symbol = boundWithPackage("2.0", usb::noise(1000003));
 
   EXPECT_EQ(list(symbol), 1);
-  EXPECT_EQ(scripted::contentChecks().content, readFile(Package));
+  EXPECT_EQ(scripted::contentChecks().content, readFile(kPackage));
   EXPECT_EQ(update(symbol), 0);
-  EXPECT_EQ(scripted::contentChecks().content, readFile(Package));
+  EXPECT_EQ(scripted::contentChecks().content, readFile(kPackage));
 
-  EXPECT_LE(scripted::contentChecks().largestAddition, usb::ReadSize) << "in constant memory";
+  EXPECT_LE(scripted::contentChecks().largestAddition, usb::kReadSize) << "in constant memory";
 }
 
 TEST_F(ContentChecked, GetsWholePackagesAroundWholeReads) {
   FWUpdateSymbol symbol = bound();
   for (const std::size_t reads : {1U, 2U}) {
     for (int more = -600; more <= 600; more += 8) {
-      const auto size = static_cast<std::size_t>(static_cast<int>(reads * usb::ReadSize) + more);
-      writeFile(Package, usb::package("2.0", usb::noise(size)));
+      const auto size = static_cast<std::size_t>(static_cast<int>(reads * usb::kReadSize) + more);
+      writeFile(kPackage, usb::package("2.0", usb::noise(size)));
 
       ASSERT_EQ(update(symbol), 0) << size;
 
-      ASSERT_EQ(scripted::contentChecks().content, readFile(Package)) << size;
+      ASSERT_EQ(scripted::contentChecks().content, readFile(kPackage)) << size;
     }
   }
 }
@@ -1203,18 +1203,18 @@ TEST_F(ContentChecked, IsAskedBetweenTheReadingAndTheModule) {
   FWUpdateSymbol symbol = boundWithPackage();
 
   EXPECT_EQ(list(symbol), 1);
-  EXPECT_THAT(recording::calls(), ElementsAre(Verified, SetContext, Began, Ended, versionCall("2.0"),
-                                              "libabc.getExpectedTime()", Released));
+  EXPECT_THAT(recording::calls(), ElementsAre(kVerified, kSetContext, kBegan, kEnded, versionCall("2.0"),
+                                              "libabc.getExpectedTime()", kReleased));
   recording::reset();
 
   EXPECT_EQ(update(symbol), 0);
   const std::vector<std::string> calls = recording::calls();
   ASSERT_EQ(calls.size(), 8U);
   EXPECT_THAT(std::vector<std::string>(calls.begin(), calls.begin() + 5),
-              ElementsAre(Verified, SetContext, Began, Ended, versionCall("2.0")));
+              ElementsAre(kVerified, kSetContext, kBegan, kEnded, versionCall("2.0")));
   EXPECT_THAT(calls[5], HasSubstr("doUpdate_decryption"));
-  EXPECT_EQ(calls[6], NotedApplied);
-  EXPECT_EQ(calls[7], Released);
+  EXPECT_EQ(calls[6], kNotedApplied);
+  EXPECT_EQ(calls[7], kReleased);
 }
 
 TEST_F(ContentChecked, ChangesNoMessage) {
@@ -1223,7 +1223,7 @@ TEST_F(ContentChecked, ChangesNoMessage) {
   EXPECT_EQ(list(symbol), 1);
   EXPECT_EQ(update(symbol), 0);
 
-  EXPECT_THAT(recording::texts(), ElementsAre(Signed, Signed, Start, Succeeded));
+  EXPECT_THAT(recording::texts(), ElementsAre(kSigned, kSigned, kStart, kSucceeded));
 }
 
 TEST_F(ContentChecked, RefusesLikeTheVerification) {
@@ -1233,13 +1233,13 @@ TEST_F(ContentChecked, RefusesLikeTheVerification) {
   EXPECT_EQ(list(symbol), -1);
   EXPECT_EQ(update(symbol), -1);
 
-  EXPECT_THAT(recording::calls(), ElementsAre(Verified, SetContext, Began, Ended, Released, Verified,
-                                              SetContext, Began, Ended, Released));
+  EXPECT_THAT(recording::calls(), ElementsAre(kVerified, kSetContext, kBegan, kEnded, kReleased, kVerified,
+                                              kSetContext, kBegan, kEnded, kReleased));
   EXPECT_THAT(recording::messages(),
-              ElementsAre(said("zaq_verify", Signed),
-                          said("getNeedUpdateList", "Error: " + Package + " is NOT signed"),
-                          said("zaq_verify", Signed),
-                          said("updateUSB", "Error: " + Package + " file is NOT signed")));
+              ElementsAre(said("zaq_verify", kSigned),
+                          said("getNeedUpdateList", "Error: " + kPackage + " is NOT signed"),
+                          said("zaq_verify", kSigned),
+                          said("updateUSB", "Error: " + kPackage + " file is NOT signed")));
 }
 
 TEST_F(ContentChecked, AcceptsWithAnyAnswerButZero) {
@@ -1258,8 +1258,8 @@ TEST_F(ContentChecked, RefusesWhenItCannotBegin) {
   EXPECT_EQ(list(symbol), -1);
   EXPECT_EQ(update(symbol), -1);
 
-  EXPECT_THAT(recording::texts(), ElementsAre(Signed, "Error: " + Package + " is NOT signed", Signed,
-                                              "Error: " + Package + " file is NOT signed"));
+  EXPECT_THAT(recording::texts(), ElementsAre(kSigned, "Error: " + kPackage + " is NOT signed", kSigned,
+                                              "Error: " + kPackage + " file is NOT signed"));
 }
 
 TEST_F(ContentChecked, IsMadeByNobodyWhenAPartOfItIsMissing) {
@@ -1270,7 +1270,7 @@ TEST_F(ContentChecked, IsMadeByNobodyWhenAPartOfItIsMissing) {
   EXPECT_EQ(update(symbol), 0);
 
   EXPECT_THAT(recording::calls(), Not(Contains(HasSubstr("ContentCheck"))));
-  EXPECT_THAT(recording::texts(), ElementsAre(Signed, Signed, Start, Succeeded)) << "nothing is said";
+  EXPECT_THAT(recording::texts(), ElementsAre(kSigned, kSigned, kStart, kSucceeded)) << "nothing is said";
 }
 
 TEST_F(ContentChecked, IsMadeWithoutANoteOfWhatWasApplied) {
@@ -1279,8 +1279,8 @@ TEST_F(ContentChecked, IsMadeWithoutANoteOfWhatWasApplied) {
 
   EXPECT_EQ(update(symbol), 0);
 
-  EXPECT_THAT(recording::calls(), Contains(Ended));
-  EXPECT_THAT(recording::texts(), ElementsAre(Signed, Start, Succeeded));
+  EXPECT_THAT(recording::calls(), Contains(kEnded));
+  EXPECT_THAT(recording::texts(), ElementsAre(kSigned, kStart, kSucceeded));
 }
 
 TEST_F(ContentChecked, IsNotMadeOfWhatTheVerifierRefuses) {
@@ -1290,7 +1290,7 @@ TEST_F(ContentChecked, IsNotMadeOfWhatTheVerifierRefuses) {
   EXPECT_EQ(list(symbol), -1);
   EXPECT_EQ(update(symbol), -1);
 
-  EXPECT_THAT(recording::calls(), ElementsAre(Verified, Verified));
+  EXPECT_THAT(recording::calls(), ElementsAre(kVerified, kVerified));
 }
 
 TEST_F(ContentChecked, IsReleasedOnEveryOtherWayOut) {
@@ -1298,10 +1298,10 @@ TEST_F(ContentChecked, IsReleasedOnEveryOtherWayOut) {
   scripted::setVerifierAnswer([](const std::string&) { return 1; });
   for (const std::string& bytes :
        {std::string(15, 'x'), std::string(613, 'x'), usb::package("2.0", "").substr(0, 614)}) {
-    writeFile(Package, bytes);
+    writeFile(kPackage, bytes);
     EXPECT_EQ(update(symbol), -1) << bytes.size();
   }
-  writeFile(Package, usb::package("2.0", "image"));
+  writeFile(kPackage, usb::package("2.0", "image"));
   scripted::module("libabc").need = 0;
   EXPECT_EQ(update(symbol), -1);
   scripted::module("libabc").checkVersionResult = -1;
@@ -1309,7 +1309,7 @@ TEST_F(ContentChecked, IsReleasedOnEveryOtherWayOut) {
   EXPECT_EQ(list(symbol), -1);
 
   EXPECT_EQ(scripted::contentChecks().unreleased, 0);
-  EXPECT_THAT(recording::calls(), Not(Contains(NotedApplied)));
+  EXPECT_THAT(recording::calls(), Not(Contains(kNotedApplied)));
 }
 
 TEST_F(ContentChecked, TakesNoNoteOfAPackageThatTheModuleFailedToApply) {
@@ -1318,7 +1318,7 @@ TEST_F(ContentChecked, TakesNoNoteOfAPackageThatTheModuleFailedToApply) {
 
   EXPECT_EQ(update(symbol), 5);
 
-  EXPECT_THAT(recording::calls(), Not(Contains(NotedApplied)));
+  EXPECT_THAT(recording::calls(), Not(Contains(kNotedApplied)));
 }
 
 TEST_F(ContentChecked, TakesNoNoteOfAListing) {
@@ -1326,7 +1326,7 @@ TEST_F(ContentChecked, TakesNoNoteOfAListing) {
 
   EXPECT_EQ(list(symbol), 1);
 
-  EXPECT_THAT(recording::calls(), Not(Contains(NotedApplied)));
+  EXPECT_THAT(recording::calls(), Not(Contains(kNotedApplied)));
 }
 
 TEST_F(ContentChecked, SaysThatANoteCouldNotBeTaken) {
@@ -1335,9 +1335,9 @@ TEST_F(ContentChecked, SaysThatANoteCouldNotBeTaken) {
 
   EXPECT_EQ(update(symbol), 0) << "the firmware is new all the same";
 
-  EXPECT_THAT(recording::messages(), ElementsAre(said("zaq_verify", Signed), said("updateUSB", Start),
+  EXPECT_THAT(recording::messages(), ElementsAre(said("zaq_verify", kSigned), said("updateUSB", kStart),
                                                  said("updateUSB", "Error: abc minimum version is not kept"),
-                                                 said("updateUSB", Succeeded)));
+                                                 said("updateUSB", kSucceeded)));
 }
 
 // ---- All modules --------------------------------------------------------------------
@@ -1356,7 +1356,7 @@ class UsbRun : public UsbPackage {
       writeFile(packageOf(stem), usb::package("2.0", "image of " + stem));
     }
     std::vector<std::string> order;
-    for (const auto& entry : fs::directory_iterator(Controls)) {
+    for (const auto& entry : fs::directory_iterator(kControls)) {
       order.push_back(entry.path().stem());
     }
     registry().onCreate(false);
@@ -1364,10 +1364,10 @@ class UsbRun : public UsbPackage {
     return order;
   }
 
-  static std::string packageOf(const std::string& stem) { return Drive + stem + ".bin"; }
+  static std::string packageOf(const std::string& stem) { return kDrive + stem + ".bin"; }
 
-  int list() { return registry().getFirmwareUpdateTime(usb::bytesOf(usb::key()), Drive, time); }
-  static int update() { return registry().doUpdateUSB(usb::bytesOf(usb::key()), Drive); }
+  int list() { return registry().getFirmwareUpdateTime(usb::bytesOf(usb::key()), kDrive, time); }
+  static int update() { return registry().doUpdateUSB(usb::bytesOf(usb::key()), kDrive); }
 
   static std::vector<std::string> updated() {
     std::vector<std::string> out;
@@ -1460,7 +1460,7 @@ TEST_F(UsbRun, FindsTheModulesAfterOneThatFails) {
 
 TEST_F(UsbRun, NeverListsOrUpdatesAModuleWithoutPackage) {
   scripted::installModule("libEXT-abc");
-  writeFile(std::string(Drive) + ".bin", usb::package("2.0", "image"));
+  writeFile(std::string(kDrive) + ".bin", usb::package("2.0", "image"));
   registry().onCreate(false);
   recording::reset();
 
@@ -1485,7 +1485,7 @@ TEST_F(UsbRun, MarksNoModuleWhosePackageIsNotSigned) {
 TEST_F(UsbRun, ListsNothingWithoutAKey) {
   modules({"liba", "libb"});
 
-  EXPECT_EQ(registry().getFirmwareUpdateTime(nullptr, Drive, time), -1);
+  EXPECT_EQ(registry().getFirmwareUpdateTime(nullptr, kDrive, time), -1);
 
   EXPECT_EQ(time, 0);
   EXPECT_THAT(recording::texts(), ElementsAre("Error: ckey  is nullptr", "Error: ckey  is nullptr"));
@@ -1587,7 +1587,7 @@ TEST_F(UsbRun, ReportsEveryMarkedModuleWithoutAKey) {
   ASSERT_EQ(list(), 0);
   recording::reset();
 
-  EXPECT_EQ(registry().doUpdateUSB(nullptr, Drive), -1);
+  EXPECT_EQ(registry().doUpdateUSB(nullptr, kDrive), -1);
 
   EXPECT_THAT(recording::texts(), ElementsAre("Error: ckey  is nullptr", "update fail [" + order[0] + "]",
                                               "Error: ckey  is nullptr", "update fail [" + order[1] + "]"));
@@ -1606,7 +1606,7 @@ TEST_F(UsbRun, UpdatesTheSameModulesAgainWithoutANewListing) {
 
 TEST_F(UsbRun, UpdatesAModuleThatWasMarkedOtherwise) {
   modules({"liba"});
-  writeImage(Builtin, "liba");
+  writeImage(kBuiltin, "liba");
   std::list<FWUpdateItem> items;
   char noData[] = "";
   registry().getUpdateFwItems(items, CALLER_UPGRADE_APP, noData);

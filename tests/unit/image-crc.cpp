@@ -24,7 +24,7 @@ void PrintTo(const Way& way, std::ostream* out) {
 
 namespace {
 
-constexpr std::uint32_t Starts[] = {0, 1, 0x80000000, 0xFFFFFFFF, 0x6A50465C, 0x01020304};
+constexpr std::uint32_t kStarts[] = {0, 1, 0x80000000, 0xFFFFFFFF, 0x6A50465C, 0x01020304};
 
 std::uint32_t boostCrc(std::uint32_t start, const unsigned char* bytes, std::size_t size) {
   boost::crc_optimal<32, 0x01B23CA3, 0, 0, false, false> sum(start);
@@ -52,7 +52,7 @@ class ImageCrcWay : public ::testing::TestWithParam<imagecrc::Way> {
   }
 };
 
-INSTANTIATE_TEST_SUITE_P(Each, ImageCrcWay, ::testing::ValuesIn(imagecrc::Ways));
+INSTANTIATE_TEST_SUITE_P(Each, ImageCrcWay, ::testing::ValuesIn(imagecrc::kWays));
 
 }  // namespace
 
@@ -76,7 +76,7 @@ TEST_P(ImageCrcWay, KeepsTheCrcWhenNothingFollows) {
 
 TEST_P(ImageCrcWay, AgreesWithBoostOnEveryLengthTo5000FromEveryStart) {
   const std::vector<unsigned char> bytes = noise(5000);
-  for (const std::uint32_t start : Starts) {
+  for (const std::uint32_t start : kStarts) {
     std::uint32_t expected = start;
     for (std::size_t size = 0; size <= bytes.size(); ++size) {
       ASSERT_EQ(extend(start, bytes.data(), size), expected) << size << " bytes from " << start;
@@ -141,7 +141,7 @@ TEST(ImageCrc, IsThatOfBoost) {
 }
 
 TEST(ImageCrc, IsComputedInTheFirstWayThatIsAvailable) {
-  const imagecrc::Way* way = std::begin(imagecrc::Ways);
+  const imagecrc::Way* way = std::begin(imagecrc::kWays);
   while (!way->isAvailable()) {
     ++way;
   }

@@ -28,7 +28,7 @@ ExitCode carryOut(const CommandLine& line) {
 }
 
 ExitCode report(ExitCode code, const std::exception& error) {
-  std::cerr << "fw-device: " << base::PrintableText(error.what()) << std::endl;
+  std::cerr << "fw-device: " << base::printableText(error.what()) << std::endl;
   return code;
 }
 
@@ -49,6 +49,6 @@ ExitCode perform(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  base::CleanStandardOutput();
+  base::cleanStandardOutput();
   return static_cast<int>(perform(argc, argv));
 }

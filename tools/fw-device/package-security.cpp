@@ -36,9 +36,9 @@ bool isThere(const DirectoryTree& tree, const std::string& path) {
 }
 
 void makeSigningKey(const std::string& path) {
-  for (const auto& algorithm : fwpackage::algorithms) {
+  for (const auto& algorithm : fwpackage::kAlgorithms) {
     if (algorithm.signsDigestAsMessage) {  // such a key is made in no time
-      fwpack::OutputFile file(path, fwpack::secretMode, fwpack::Existing::Keep);
+      fwpack::OutputFile file(path, fwpack::kSecretMode, fwpack::Existing::Keep);
       fwpack::SigningKey(algorithm).writePrivatePem(file);
       return file.commit();
     }
@@ -46,18 +46,18 @@ void makeSigningKey(const std::string& path) {
 }
 
 void makePackageKey(const std::string& path) {
-  secret::Secret key(secret::packageKeySize);
+  secret::Secret key(secret::kPackageKeySize);
   if (RAND_priv_bytes(key.data(), static_cast<int>(key.size())) != 1) {
     throw std::runtime_error("the system gives no random numbers");
   }
-  fwpack::OutputFile file(path, fwpack::secretMode, fwpack::Existing::Keep);
+  fwpack::OutputFile file(path, fwpack::kSecretMode, fwpack::Existing::Keep);
   file.write(key.data(), key.size());
   file.commit();
 }
 
 void installPublicKey(const std::string& signingKey, const std::string& keys) {
   const fwpack::SigningKey key(secret::readSecretFile(signingKey), signingKey);
-  fwpack::OutputFile file(keys + kPublicKey, fwpack::publicMode);
+  fwpack::OutputFile file(keys + kPublicKey, fwpack::kPublicMode);
   key.writePublicPem(file);
   file.commit();
 }
@@ -85,7 +85,7 @@ PackageSecurity installPackageSecurity(const std::string& device, const Director
   if (!isThere(tree, std::string(kShared) + kPackageKey)) {
     makePackageKey(shared.path() + kPackageKey);
   }
-  installPublicKey(signingKey, tree.make(fwpackage::keyDirectory).path());
+  installPublicKey(signingKey, tree.make(fwpackage::kEyDirectory).path());
   return {verified ? device + sandbox::kVerifierLibrary : "", device + kMaker + kSigningKey,
           device + kShared + kPackageKey};
 }
@@ -94,7 +94,7 @@ void signPackage(const std::string& path, const std::string& name, const std::st
                  const std::string& signingKey) {
   const fwpack::SigningKey key(secret::readSecretFile(signingKey), signingKey);
   const fwpack::InputFile content(path);
-  fwpack::OutputFile package(path, fwpack::publicMode);
+  fwpack::OutputFile package(path, fwpack::kPublicMode);
   content.readAll([&](const unsigned char* bytes, std::size_t size) { package.write(bytes, size); });
   fwpack::appendSignature(package, key, {fwpackage::Kind::ExtensionPackage, name, "", version, ""});
   package.commit();

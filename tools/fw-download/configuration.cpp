@@ -22,7 +22,7 @@ constexpr const char* kSchemes[] = {"https://", "http://", "file:///"};
 // Refuses a value by throwing std::string, the end of the sentence about its line.
 using Setter = void (*)(Configuration& configuration, const std::string& value);
 
-long Number(const std::string& value, long smallest, long largest) {
+long number(const std::string& value, long smallest, long largest) {
   long number = 0;
   const char* const end = value.data() + value.size();
   const auto parsed = std::from_chars(value.data(), end, number);
@@ -32,19 +32,19 @@ long Number(const std::string& value, long smallest, long largest) {
   return number;
 }
 
-bool Truth(const std::string& value) {
+bool truth(const std::string& value) {
   if (value != "true" && value != "false") {
     throw std::string("must be true or false");
   }
   return value == "true";
 }
 
-std::vector<std::string> Words(const std::string& value) {
+std::vector<std::string> words(const std::string& value) {
   std::istringstream stream(value);
   return {std::istream_iterator<std::string>(stream), std::istream_iterator<std::string>()};
 }
 
-void SetUrl(Configuration& configuration, const std::string& value) {
+void setUrl(Configuration& configuration, const std::string& value) {
   const bool known = std::any_of(std::begin(kSchemes), std::end(kSchemes),
                                  [&](const std::string& scheme) { return value.rfind(scheme, 0) == 0; });
   if (!known) {
@@ -53,7 +53,7 @@ void SetUrl(Configuration& configuration, const std::string& value) {
   if (value.find_first_of("?#") != std::string::npos) {
     throw std::string("must not have a \"?\" or \"#\": the image's name is put behind it");
   }
-  const auto url = ParseUrl(value);
+  const auto url = parseUrl(value);
   if (!url) {
     throw std::string(
         "is no valid address; in a user or password, write \"@\", \":\", \"/\" and the like as %40");
@@ -73,57 +73,57 @@ constexpr long kLongestTimeout = 3600;
 constexpr long kLargestSpeed = 1024L * 1024;  // KiB a second
 
 constexpr Key kKeys[] = {
-    {"url", SetUrl},
+    {"url", setUrl},
     {"ca_file", [](Configuration& c, const std::string& value) { c.caFile = value; }},
-    {"redirect_hosts", [](Configuration& c, const std::string& value) { c.redirectHosts = Words(value); }},
-    {"allow_unsigned", [](Configuration& c, const std::string& value) { c.allowUnsigned = Truth(value); }},
-    {"allow_insecure", [](Configuration& c, const std::string& value) { c.allowInsecure = Truth(value); }},
+    {"redirect_hosts", [](Configuration& c, const std::string& value) { c.redirectHosts = words(value); }},
+    {"allow_unsigned", [](Configuration& c, const std::string& value) { c.allowUnsigned = truth(value); }},
+    {"allow_insecure", [](Configuration& c, const std::string& value) { c.allowInsecure = truth(value); }},
     {"max_size_mib",
      [](Configuration& c, const std::string& value) {
-       c.maximumSize = std::int64_t{Number(value, 1, kLargestMebibytes)} * 1024 * 1024;
+       c.maximumSize = std::int64_t{number(value, 1, kLargestMebibytes)} * 1024 * 1024;
      }},
     {"max_redirects",
-     [](Configuration& c, const std::string& value) { c.maximumRedirects = Number(value, 0, 20); }},
+     [](Configuration& c, const std::string& value) { c.maximumRedirects = number(value, 0, 20); }},
     {"connect_timeout_s",
      [](Configuration& c, const std::string& value) {
-       c.connectTimeoutSeconds = Number(value, 1, kLongestTimeout);
+       c.connectTimeoutSeconds = number(value, 1, kLongestTimeout);
      }},
     {"stall_timeout_s",
      [](Configuration& c, const std::string& value) {
-       c.stallTimeoutSeconds = Number(value, 1, kLongestTimeout);
+       c.stallTimeoutSeconds = number(value, 1, kLongestTimeout);
      }},
     {"min_speed_kib_s",
      [](Configuration& c, const std::string& value) {
-       c.minimumSpeed = std::int64_t{Number(value, 0, kLargestSpeed)} * 1024;
+       c.minimumSpeed = std::int64_t{number(value, 0, kLargestSpeed)} * 1024;
      }},
     {"max_retries",
-     [](Configuration& c, const std::string& value) { c.maximumRetries = Number(value, 0, 20); }},
+     [](Configuration& c, const std::string& value) { c.maximumRetries = number(value, 0, 20); }},
 };
 
-std::string Trimmed(const std::string& text) {
+std::string trimmed(const std::string& text) {
   constexpr const char* kBlanks = " \t\r";
   const std::size_t begin = text.find_first_not_of(kBlanks);
   return begin == std::string::npos ? "" : text.substr(begin, text.find_last_not_of(kBlanks) - begin + 1);
 }
 
 // What stands in the place of a key may be an address with a password.
-std::string ShownKey(const std::string& name) {
+std::string shownKey(const std::string& name) {
   const bool isWord = std::all_of(name.begin(), name.end(),
                                   [](char byte) { return (byte >= 'a' && byte <= 'z') || byte == '_'; });
   return isWord ? ", \"" + name + "\"" : "";
 }
 
-void ApplyLine(Configuration& configuration, const std::string& line) {
+void applyLine(Configuration& configuration, const std::string& line) {
   const std::size_t equals = line.find('=');
   if (equals == std::string::npos) {
     throw std::string("is not of the form \"key = value\"");
   }
-  const std::string name = Trimmed(line.substr(0, equals));
-  const std::string value = Trimmed(line.substr(equals + 1));
+  const std::string name = trimmed(line.substr(0, equals));
+  const std::string value = trimmed(line.substr(equals + 1));
   const auto* const key =
       std::find_if(std::begin(kKeys), std::end(kKeys), [&](const Key& entry) { return name == entry.name; });
   if (key == std::end(kKeys)) {
-    throw "has an unknown key" + ShownKey(name);
+    throw "has an unknown key" + shownKey(name);
   }
   if (value.empty()) {
     throw std::string("has no value");
@@ -137,37 +137,37 @@ void ApplyLine(Configuration& configuration, const std::string& line) {
 
 }  // namespace
 
-Configuration ParseConfiguration(const std::string& text) {
+Configuration parseConfiguration(const std::string& text) {
   Configuration configuration;
   std::istringstream lines(text);
   int number = 0;
   for (std::string line; std::getline(lines, line);) {
     ++number;
-    const std::string content = Trimmed(line);
+    const std::string content = trimmed(line);
     if (content.empty() || content[0] == '#') {
       continue;
     }
     try {
-      ApplyLine(configuration, content);
+      applyLine(configuration, content);
     } catch (const std::string& refusal) {
-      throw Failure(Reason::kConfiguration, std::string(kConfigurationFile) + ": line " +
-                                                std::to_string(number) + " " + refusal + ".");
+      throw Failure(Reason::Configuration, std::string(kConfigurationFile) + ": line " +
+                                               std::to_string(number) + " " + refusal + ".");
     }
   }
   if (configuration.url.empty()) {
-    throw Failure(Reason::kConfiguration, std::string(kConfigurationFile) + " gives no url.");
+    throw Failure(Reason::Configuration, std::string(kConfigurationFile) + " gives no url.");
   }
   return configuration;
 }
 
-Configuration ReadConfiguration() {
+Configuration readConfiguration() {
   std::string text;
-  if (const int error = fwplatform::ReadSmallFileAt(AT_FDCWD, kConfigurationFile, kLargestFile, text);
+  if (const int error = fwplatform::readSmallFileAt(AT_FDCWD, kConfigurationFile, kLargestFile, text);
       error != 0) {
-    throw Failure(Reason::kConfiguration,
-                  std::string(kConfigurationFile) + " cannot be read: " + fwplatform::ErrnoText(error) + ".");
+    throw Failure(Reason::Configuration,
+                  std::string(kConfigurationFile) + " cannot be read: " + fwplatform::errnoText(error) + ".");
   }
-  return ParseConfiguration(text);
+  return parseConfiguration(text);
 }
 
 }  // namespace fwdownload

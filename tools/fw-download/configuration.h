@@ -28,8 +28,8 @@ struct Configuration {
 };
 
 // Both throw Failure.
-Configuration ReadConfiguration();
-Configuration ParseConfiguration(const std::string& text);
+Configuration readConfiguration();
+Configuration parseConfiguration(const std::string& text);
 
 }  // namespace fwdownload
 

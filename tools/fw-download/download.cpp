@@ -18,7 +18,7 @@ constexpr std::int64_t kSpaceReserve = std::int64_t{1} * 1024 * 1024;
 constexpr int kPartialContent = 206;
 constexpr int kRangeNotSatisfiable = 416;
 
-std::string Size(std::int64_t bytes) {
+std::string size(std::int64_t bytes) {
   return std::to_string(bytes) + " bytes";
 }
 
@@ -35,31 +35,31 @@ class ImageReceiver : public Receiver {
         first_(first),
         progress_(progress) {}
 
-  void Begin(const Response& response) override {
+  void begin(const Response& response) override {
     if (response.code == kPartialContent) {
-      CheckContinues(response);
+      checkContinues(response);
     } else {
-      image_.Begin({url_, ValidatorOf(response), response.length});
+      image_.begin({url_, validatorOf(response), response.length});
       total_ = response.length;
     }
-    CheckSize(total_);
-    CheckSpace(total_ - image_.size());
+    checkSize(total_);
+    checkSpace(total_ - image_.size());
     progress_(image_.size(), total_);
   }
 
-  void Take(const char* bytes, std::size_t count) override {
-    CheckSize(image_.size() + static_cast<std::int64_t>(count));
-    image_.Append(bytes, count);
+  void take(const char* bytes, std::size_t count) override {
+    checkSize(image_.size() + static_cast<std::int64_t>(count));
+    image_.append(bytes, count);
     progress_(image_.size(), total_);
   }
 
  private:
-  void CheckContinues(const Response& response) {
+  void checkContinues(const Response& response) {
     if (first_ == 0) {
-      throw Failure(Reason::kProtocol,
+      throw Failure(Reason::Protocol,
                     "The server sent a part of the package although all of it was asked for.");
     }
-    const auto range = ParseContentRange(response.contentRange);
+    const auto range = parseContentRange(response.contentRange);
     const std::int64_t total = image_.origin().total;
     const bool rightRange =
         range && range->first == first_ && range->last == total - 1 && range->total == total;
@@ -72,18 +72,18 @@ class ImageReceiver : public Receiver {
     total_ = total;
   }
 
-  void CheckSize(std::int64_t size) const {
-    if (size > configuration_.maximumSize) {
-      throw Failure(Reason::kTooBig, "The package is larger than the " + Size(configuration_.maximumSize) +
-                                         " that are allowed.");
+  void checkSize(std::int64_t total) const {
+    if (total > configuration_.maximumSize) {
+      throw Failure(Reason::TooBig, "The package is larger than the " + size(configuration_.maximumSize) +
+                                        " that are allowed.");
     }
   }
 
-  void CheckSpace(std::int64_t needed) const {
-    const std::int64_t free = image_.FreeSpace() - kSpaceReserve;
+  void checkSpace(std::int64_t needed) const {
+    const std::int64_t free = image_.freeSpace() - kSpaceReserve;
     if (needed > free) {
-      throw Failure(Reason::kNoSpace, "There is no room for the package: it needs " + Size(needed) +
-                                          ", and " + Size(std::max<std::int64_t>(free, 0)) + " are free.");
+      throw Failure(Reason::NoSpace, "There is no room for the package: it needs " + size(needed) + ", and " +
+                                         size(std::max<std::int64_t>(free, 0)) + " are free.");
     }
   }
 
@@ -96,50 +96,50 @@ class ImageReceiver : public Receiver {
 };
 
 // From https to https, from http to either; and only to hosts that are known.
-void CheckRedirect(const std::string& from, const std::string& to, const Configuration& configuration) {
-  const Url target = ParseUrl(to).value_or(Url());
+void checkRedirect(const std::string& from, const std::string& to, const Configuration& configuration) {
+  const Url target = parseUrl(to).value_or(Url());
   const bool secure = target.scheme == "https";
-  const bool wasSecure = ParseUrl(from).value_or(Url()).scheme == "https";
+  const bool wasSecure = parseUrl(from).value_or(Url()).scheme == "https";
   if (!secure && (wasSecure || target.scheme != "http")) {
-    throw Failure(Reason::kRedirect, "The server redirects to " + Shown(to) + ", which is not as secure as " +
-                                         Shown(from) + ".");
+    throw Failure(Reason::Redirect, "The server redirects to " + shown(to) + ", which is not as secure as " +
+                                        shown(from) + ".");
   }
   const auto& hosts = configuration.redirectHosts;
-  if (target.host != ParseUrl(configuration.url).value_or(Url()).host &&
+  if (target.host != parseUrl(configuration.url).value_or(Url()).host &&
       std::find(hosts.begin(), hosts.end(), target.host) == hosts.end()) {
-    throw Failure(Reason::kRedirect, "The server redirects to another host, " +
-                                         (target.host.empty() ? Shown(to) : target.host) + ".");
+    throw Failure(Reason::Redirect, "The server redirects to another host, " +
+                                        (target.host.empty() ? shown(to) : target.host) + ".");
   }
 }
 
-void CheckCode(const std::string& url, int code) {
+void checkCode(const std::string& url, int code) {
   constexpr int kOk = 200, kClientError = 400, kServerError = 500;
   if (code == kOk || code == kPartialContent) {
     return;
   }
-  const Reason reason = code >= kServerError   ? Reason::kServerError
-                        : code >= kClientError ? Reason::kNotFound
-                                               : Reason::kProtocol;
+  const Reason reason = code >= kServerError   ? Reason::ServerError
+                        : code >= kClientError ? Reason::NotFound
+                                               : Reason::Protocol;
   throw Failure(reason,
-                "The server does not give out " + Shown(url) + ": it answered " + std::to_string(code) + ".");
+                "The server does not give out " + shown(url) + ": it answered " + std::to_string(code) + ".");
 }
 
 // Requests the image from its first missing byte, or from its beginning, and follows
 // redirects. Returns the last answer's code.
-int Fetch(PartialImage& image, const Configuration& configuration, const std::string& url, std::int64_t first,
+int fetch(PartialImage& image, const Configuration& configuration, const std::string& url, std::int64_t first,
           const Progress& progress) {
   std::string address = url;
   for (long redirects = 0;; ++redirects) {
     ImageReceiver receiver(image, configuration, url, first, progress);
-    const Answer answer = Perform({address, first, image.origin().validator}, configuration, receiver);
+    const Answer answer = perform({address, first, image.origin().validator}, configuration, receiver);
     if (answer.redirectedTo.empty()) {
       return answer.code;
     }
     if (redirects == configuration.maximumRedirects) {
-      throw Failure(Reason::kRedirect, "The server redirects more than " +
-                                           std::to_string(configuration.maximumRedirects) + " times.");
+      throw Failure(Reason::Redirect, "The server redirects more than " +
+                                          std::to_string(configuration.maximumRedirects) + " times.");
     }
-    CheckRedirect(address, answer.redirectedTo, configuration);
+    checkRedirect(address, answer.redirectedTo, configuration);
     address = answer.redirectedTo;
   }
 }
@@ -148,36 +148,36 @@ int Fetch(PartialImage& image, const Configuration& configuration, const std::st
 bool Continue(PartialImage& image, const Configuration& configuration, const std::string& url,
               const Progress& progress) {
   try {
-    const int code = Fetch(image, configuration, url, image.size(), progress);
+    const int code = fetch(image, configuration, url, image.size(), progress);
     if (code == kRangeNotSatisfiable) {
       return false;
     }
-    CheckCode(url, code);
+    checkCode(url, code);
     return true;
   } catch (const OtherFile&) {
     return false;
   }
 }
 
-void ReceiveOnce(PartialImage& image, const Configuration& configuration, const std::string& url,
+void receiveOnce(PartialImage& image, const Configuration& configuration, const std::string& url,
                  const Progress& progress) {
-  const bool isPart = image.size() > 0 && image.origin().CanBeContinued();
+  const bool isPart = image.size() > 0 && image.origin().canBeContinued();
   if (!isPart || !Continue(image, configuration, url, progress)) {
-    CheckCode(url, Fetch(image, configuration, url, 0, progress));
+    checkCode(url, fetch(image, configuration, url, 0, progress));
   }
   if (image.size() == 0) {
-    throw Failure(Reason::kProtocol, "The server sent an empty package.");
+    throw Failure(Reason::Protocol, "The server sent an empty package.");
   }
 }
 
-void Receive(PartialImage& image, const Configuration& configuration, const std::string& url,
+void receive(PartialImage& image, const Configuration& configuration, const std::string& url,
              const Listener& listener) {
   for (long retries = 0;; ++retries) {
     try {
-      ReceiveOnce(image, configuration, url, listener.progress);
+      receiveOnce(image, configuration, url, listener.progress);
       return;
     } catch (const Failure& failure) {
-      if (!InfoOf(failure.reason()).isTakenUpAgain || retries == configuration.maximumRetries) {
+      if (!infoOf(failure.reason()).isTakenUpAgain || retries == configuration.maximumRetries) {
         throw;
       }
       listener.notice(std::string(failure.what()) + " It is taken up again.");
@@ -186,42 +186,42 @@ void Receive(PartialImage& image, const Configuration& configuration, const std:
 }
 
 // Where anybody on the way can change what comes.
-void CheckProtected(const std::string& url, const Configuration& configuration, const Notice& notice) {
+void checkProtected(const std::string& url, const Configuration& configuration, const Notice& notice) {
   if (url.rfind("http://", 0) != 0) {
     return;
   }
   if (!configuration.allowInsecure) {
-    throw Failure(Reason::kInsecure, "The connection to " + Shown(url) + " is not protected.");
+    throw Failure(Reason::Insecure, "The connection to " + shown(url) + " is not protected.");
   }
   notice("The connection is not protected; allow_insecure = true allows it.");
 }
 
-void Accept(PartialImage& image, const std::string& package, const Configuration& configuration,
+void accept(PartialImage& image, const std::string& package, const Configuration& configuration,
             const Notice& notice) {
-  const fwpackage::SignatureReport report = CheckPackage(image.Finish(), package, configuration);
+  const fwpackage::SignatureReport report = checkPackage(image.finish(), package, configuration);
   if (report.verdict != fwpackage::Verdict::Valid) {
     notice("The package is not signed; allow_unsigned = true allows it.");
   }
-  RaiseMinimumVersion(report);
-  image.Publish();
+  raiseMinimumVersion(report);
+  image.publish();
 }
 
 }  // namespace
 
-void Download(const std::string& package, const Configuration& configuration, const Listener& listener) {
+void download(const std::string& package, const Configuration& configuration, const Listener& listener) {
   const std::string url = configuration.url + package + ".img";
-  CheckProtected(url, configuration, listener.notice);
+  checkProtected(url, configuration, listener.notice);
   PartialImage image(package, url);
   try {
-    Receive(image, configuration, url, listener);
-    Accept(image, package, configuration, listener.notice);
+    receive(image, configuration, url, listener);
+    accept(image, package, configuration, listener.notice);
   } catch (const Failure& failure) {
-    if (!InfoOf(failure.reason()).keepsPart || !image.origin().CanBeContinued() || image.size() == 0) {
-      image.Discard();
+    if (!infoOf(failure.reason()).keepsPart || !image.origin().canBeContinued() || image.size() == 0) {
+      image.discard();
     }
     throw;
   } catch (...) {
-    image.Discard();
+    image.discard();
     throw;
   }
 }

@@ -22,7 +22,7 @@ struct Listener {
 };
 
 // Throws Failure; the image at its own name is then what it was before.
-void Download(const std::string& package, const Configuration& configuration, const Listener& listener);
+void download(const std::string& package, const Configuration& configuration, const Listener& listener);
 
 }  // namespace fwdownload
 

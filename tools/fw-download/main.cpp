@@ -35,7 +35,7 @@ using fwdownload::Failure;
 using fwdownload::Reason;
 using fwplatform::DownloadState;
 using fwplatform::DownloadStatus;
-using fwplatform::ErrnoText;
+using fwplatform::errnoText;
 using fwplatform::UniqueFd;
 
 constexpr int kExitFailure = 1;
@@ -59,13 +59,13 @@ struct Options {
   std::optional<int> exitCode;  // set when there is nothing to do
 };
 
-bool ParseDescriptor(const char* text, int& descriptor) {
+bool parseDescriptor(const char* text, int& descriptor) {
   const char* const end = text + std::strlen(text);
   const auto parsed = std::from_chars(text, end, descriptor);
   return parsed.ec == std::errc() && parsed.ptr == end && descriptor > STDERR_FILENO;
 }
 
-Options ParseOptions(int argc, char** argv) {
+Options parseOptions(int argc, char** argv) {
   constexpr option kLong[] = {
       {"answer-on", required_argument, nullptr, 'a'},
       {"help", no_argument, nullptr, 'h'},
@@ -79,7 +79,7 @@ Options ParseOptions(int argc, char** argv) {
       options.exitCode = 0;
       return options;
     }
-    if (found != 'a' || !ParseDescriptor(optarg, options.answer)) {
+    if (found != 'a' || !parseDescriptor(optarg, options.answer)) {
       options.exitCode = kExitUsage;
     }
   }
@@ -94,7 +94,7 @@ Options ParseOptions(int argc, char** argv) {
   return options;
 }
 
-void Complain(const std::string& package, const std::string& sentence) {
+void complain(const std::string& package, const std::string& sentence) {
   std::cerr << "fw-download: " << package << ": " << sentence << std::endl;
 }
 
@@ -104,15 +104,15 @@ class Job {
   explicit Job(std::string package) : package_(std::move(package)) {}
 
   // False when another process downloads the package already. Throws Failure.
-  bool Prepare();
+  bool prepare();
   // The exit code.
-  int Run();
+  int run();
 
  private:
-  void Tell(std::int64_t received, std::int64_t total);
-  void Note(const std::string& sentence) const;
-  void Write() const;
-  int End(Reason reason, const std::string& sentence);
+  void tell(std::int64_t received, std::int64_t total);
+  void note(const std::string& sentence) const;
+  void write() const;
+  int end(Reason reason, const std::string& sentence);
 
   std::string package_;
   fwdownload::Configuration configuration_;
@@ -123,109 +123,109 @@ class Job {
   std::chrono::steady_clock::time_point told_;
 };
 
-[[noreturn]] void FailFor(const std::string& path, int error) {
+[[noreturn]] void failFor(const std::string& path, int error) {
   const bool denied = error == EACCES || error == EPERM || error == EROFS;
-  throw Failure(denied ? Reason::kNotPermitted : Reason::kFileSystem,
-                path + " cannot be used: " + ErrnoText(error) + ".");
+  throw Failure(denied ? Reason::NotPermitted : Reason::FileSystem,
+                path + " cannot be used: " + errnoText(error) + ".");
 }
 
-bool Job::Prepare() {
-  if (!fwplatform::IsPackageName(package_)) {
-    throw Failure(Reason::kInternal, "The package identifier must be 1 to 127 letters and digits.");
+bool Job::prepare() {
+  if (!fwplatform::isPackageName(package_)) {
+    throw Failure(Reason::Internal, "The package identifier must be 1 to 127 letters and digits.");
   }
-  configuration_ = fwdownload::ReadConfiguration();
+  configuration_ = fwdownload::readConfiguration();
   if (access(fwdownload::kPackagesDirectory, W_OK | X_OK) != 0) {
-    FailFor(fwdownload::kPackagesDirectory, errno);
+    failFor(fwdownload::kPackagesDirectory, errno);
   }
-  if (const int error = fwplatform::OpenDownloadStatusDirectory(directory_); error != 0) {
-    FailFor(fwplatform::kDownloadStatusDirectory, error);
+  if (const int error = fwplatform::openDownloadStatusDirectory(directory_); error != 0) {
+    failFor(fwplatform::kDownloadStatusDirectory, error);
   }
-  if (const int error = fwplatform::LockDownload(directory_.get(), package_, lock_); error != 0) {
+  if (const int error = fwplatform::lockDownload(directory_.get(), package_, lock_); error != 0) {
     if (error == EAGAIN) {
       return false;
     }
-    FailFor(fwplatform::kDownloadStatusDirectory, error);
+    failFor(fwplatform::kDownloadStatusDirectory, error);
   }
-  if (const int error = fwplatform::WriteDownloadStatus(directory_.get(), package_, status_); error != 0) {
-    FailFor(fwplatform::kDownloadStatusDirectory, error);
+  if (const int error = fwplatform::writeDownloadStatus(directory_.get(), package_, status_); error != 0) {
+    failFor(fwplatform::kDownloadStatusDirectory, error);
   }
   return true;
 }
 
-void Job::Write() const {
-  if (const int error = fwplatform::WriteDownloadStatus(directory_.get(), package_, status_); error != 0) {
-    Note("its status cannot be written: " + ErrnoText(error));
+void Job::write() const {
+  if (const int error = fwplatform::writeDownloadStatus(directory_.get(), package_, status_); error != 0) {
+    note("its status cannot be written: " + errnoText(error));
   }
 }
 
-void Job::Note(const std::string& sentence) const {
+void Job::note(const std::string& sentence) const {
   __dlog_print(2, DLOG_WARN_PRIORITY, "FWUPDATE", "download of %s: %s", package_.c_str(), sentence.c_str());
 }
 
-void Job::Tell(std::int64_t received, std::int64_t total) {
+void Job::tell(std::int64_t received, std::int64_t total) {
   status_.received = received;
   status_.total = total;
-  const auto percent = status_.Percent();
+  const auto percent = status_.percent();
   const auto now = std::chrono::steady_clock::now();
   if (toldPercent_ && (percent == toldPercent_ || now - told_ < kStatusPause)) {
     return;
   }
   toldPercent_ = percent.value_or(0);
   told_ = now;
-  Write();
+  write();
 }
 
-int Job::End(Reason reason, const std::string& sentence) {
-  const auto& info = fwdownload::InfoOf(reason);
-  status_.state = DownloadState::kFailed;
+int Job::end(Reason reason, const std::string& sentence) {
+  const auto& info = fwdownload::infoOf(reason);
+  status_.state = DownloadState::Failed;
   status_.reason = info.name;
   status_.message = sentence;
   status_.remedy = info.remedy;
-  Write();
+  write();
   __dlog_print(2, DLOG_ERROR_PRIORITY, "FWUPDATE", "download of %s failed: %s", package_.c_str(),
                sentence.c_str());
-  Complain(package_, sentence);
+  complain(package_, sentence);
   return kExitFailure;
 }
 
-int Job::Run() {
+int Job::run() {
   try {
-    fwdownload::Download(package_, configuration_,
-                         {[this](std::int64_t received, std::int64_t total) { Tell(received, total); },
-                          [this](const std::string& sentence) { Note(sentence); }});
+    fwdownload::download(package_, configuration_,
+                         {[this](std::int64_t received, std::int64_t total) { tell(received, total); },
+                          [this](const std::string& sentence) { note(sentence); }});
   } catch (const Failure& failure) {
-    return End(failure.reason(), failure.what());
+    return end(failure.reason(), failure.what());
   } catch (const std::exception& error) {
-    return End(Reason::kInternal, std::string("The download broke off: ") + error.what() + ".");
+    return end(Reason::Internal, std::string("The download broke off: ") + error.what() + ".");
   }
-  status_.state = DownloadState::kDone;
+  status_.state = DownloadState::Done;
   status_.total = status_.received;
-  Write();
+  write();
   __dlog_print(2, DLOG_INFO_PRIORITY, "FWUPDATE", "download of %s done", package_.c_str());
   return 0;
 }
 
 // A caller that has gone does not end the download.
-void Answer(int descriptor, const std::string& text) {
+void reply(int descriptor, const std::string& text) {
   [[maybe_unused]] const ssize_t written = write(descriptor, text.data(), text.size());
 }
 
 // Leaves the caller's child behind: true in the process that goes on.
-bool GoOnInBackground(int answer) {
+bool goOnInBackground(int caller) {
   const pid_t child = fork();
   if (child == 0) {
-    close(answer);
+    close(caller);
     return true;
   }
-  Answer(answer, child > 0 ? kAccepted : "The download cannot be started: " + ErrnoText(errno) + ".");
+  reply(caller, child > 0 ? kAccepted : "The download cannot be started: " + errnoText(errno) + ".");
   return false;
 }
 
-int Serve(const Options& options) {
+int serve(const Options& options) {
   Job job(options.package);
   std::string refusal;
   try {
-    if (!job.Prepare()) {
+    if (!job.prepare()) {
       refusal = options.answer >= 0 ? kAccepted : "Another process downloads it already.";
     }
   } catch (const std::exception& error) {
@@ -233,23 +233,23 @@ int Serve(const Options& options) {
   }
   if (!refusal.empty()) {
     if (options.answer >= 0) {
-      Answer(options.answer, refusal);
+      reply(options.answer, refusal);
     }
-    Complain(options.package, refusal);
+    complain(options.package, refusal);
     return kExitFailure;
   }
-  if (options.answer >= 0 && !GoOnInBackground(options.answer)) {
+  if (options.answer >= 0 && !goOnInBackground(options.answer)) {
     return 0;
   }
-  return curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK ? job.Run() : kExitFailure;
+  return curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK ? job.run() : kExitFailure;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  base::CleanStandardOutput();
+  base::cleanStandardOutput();
   signal(SIGPIPE, SIG_IGN);
   umask(022);
-  const Options options = ParseOptions(argc, argv);
-  return options.exitCode ? *options.exitCode : Serve(options);
+  const Options options = parseOptions(argc, argv);
+  return options.exitCode ? *options.exitCode : serve(options);
 }

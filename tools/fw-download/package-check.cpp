@@ -20,50 +20,50 @@ struct Refusal {
 
 // All others are not trusted.
 constexpr Refusal kRefusals[] = {
-    {Verdict::NoTrailer, Reason::kUnsigned},
-    {Verdict::TooShort, Reason::kUnsigned},
-    {Verdict::TooOld, Reason::kTooOld},
-    {Verdict::UnusableList, Reason::kUnusableLists},
-    {Verdict::UnusableMinimum, Reason::kUnusableLists},
-    {Verdict::Unreadable, Reason::kFileSystem},
+    {Verdict::NoTrailer, Reason::Unsigned},
+    {Verdict::TooShort, Reason::Unsigned},
+    {Verdict::TooOld, Reason::TooOld},
+    {Verdict::UnusableList, Reason::UnusableLists},
+    {Verdict::UnusableMinimum, Reason::UnusableLists},
+    {Verdict::Unreadable, Reason::FileSystem},
 };
 
-Reason ReasonOf(Verdict verdict) {
+Reason reasonOf(Verdict verdict) {
   for (const Refusal& refusal : kRefusals) {
     if (refusal.verdict == verdict) {
       return refusal.reason;
     }
   }
-  return Reason::kNotTrusted;
+  return Reason::NotTrusted;
 }
 
 }  // namespace
 
-SignatureReport CheckPackage(int file, const std::string& package, const Configuration& configuration) {
+SignatureReport checkPackage(int file, const std::string& package, const Configuration& configuration) {
   const fwpackage::Trust trust = fwpackage::trustOfDevice();
   const SignatureReport report =
       fwpackage::checkSignature(file, trust, fwpackage::wantedOnDevice(Kind::ExtensionPackage, package));
   if (report.verdict == Verdict::Valid) {
     return report;
   }
-  const Reason reason = ReasonOf(report.verdict);
-  if (reason == Reason::kUnsigned && configuration.allowUnsigned) {
+  const Reason reason = reasonOf(report.verdict);
+  if (reason == Reason::Unsigned && configuration.allowUnsigned) {
     return report;
   }
   throw Failure(reason,
                 std::string("The package is refused: ") + fwpackage::infoOf(report.verdict).sentence + ".");
 }
 
-void RaiseMinimumVersion(const SignatureReport& report) {
+void raiseMinimumVersion(const SignatureReport& report) {
   if (report.verdict != Verdict::Valid) {
     return;
   }
   if (const int error = fwpackage::noteApplied(report); error != 0) {
     const bool denied = error == EACCES || error == EPERM || error == EROFS;
-    throw Failure(denied ? Reason::kNotPermitted : Reason::kFileSystem,
+    throw Failure(denied ? Reason::NotPermitted : Reason::FileSystem,
                   "The package's minimum version " + report.trailer.statements.minimumVersion +
-                      " cannot be noted in " + fwpackage::minimumVersionDirectory + ": " +
-                      fwplatform::ErrnoText(error) + ".");
+                      " cannot be noted in " + fwpackage::kMinimumVersionDirectory + ": " +
+                      fwplatform::errnoText(error) + ".");
   }
 }
 

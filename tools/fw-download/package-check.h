@@ -14,13 +14,13 @@ namespace fwdownload {
 // Reads the open file from its first byte to its last. Throws Failure when the package is
 // refused. verdict: Valid, or that of a package without a signature when the configuration
 // takes those.
-fwpackage::SignatureReport CheckPackage(int file, const std::string& package,
+fwpackage::SignatureReport checkPackage(int file, const std::string& package,
                                         const Configuration& configuration);
 
 // To be called before the package becomes the image, so that wherever this ends, what lies
 // there has been noted: from then on older packages are refused, as far as it says so.
 // Throws Failure.
-void RaiseMinimumVersion(const fwpackage::SignatureReport& report);
+void raiseMinimumVersion(const fwpackage::SignatureReport& report);
 
 }  // namespace fwdownload
 

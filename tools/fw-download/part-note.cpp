@@ -7,12 +7,12 @@
 
 namespace fwdownload {
 
-bool IsMark(std::string_view validator) {
+bool isMark(std::string_view validator) {
   return !validator.empty() && std::all_of(validator.begin(), validator.end(),
                                            [](char byte) { return byte >= ' ' && byte <= '~'; });
 }
 
-std::string NoteText(const PartNote& note) {
+std::string noteText(const PartNote& note) {
   Json::Value document;
   document["url"] = note.origin.url;
   document["validator"] = note.origin.validator;
@@ -22,7 +22,7 @@ std::string NoteText(const PartNote& note) {
   return Json::writeString(Json::StreamWriterBuilder(), document) + "\n";
 }
 
-std::optional<PartNote> ParseNote(const std::string& text) {
+std::optional<PartNote> parseNote(const std::string& text) {
   const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
   Json::Value document;
   PartNote note;
@@ -38,7 +38,7 @@ std::optional<PartNote> ParseNote(const std::string& text) {
   } catch (const Json::Exception&) {  // nested too deeply, or a member of another type
     return std::nullopt;
   }
-  const bool usable = note.origin.CanBeContinued() && note.synced >= 0 && note.synced <= note.origin.total;
+  const bool usable = note.origin.canBeContinued() && note.synced >= 0 && note.synced <= note.origin.total;
   return usable ? std::optional(note) : std::nullopt;
 }
 

@@ -16,7 +16,7 @@ inline constexpr std::size_t kLargestNote = std::size_t{16} * 1024;
 
 // Whether it can stand in a header, and comes out of a note as it was put in: printable
 // ASCII.
-bool IsMark(std::string_view validator);
+bool isMark(std::string_view validator);
 
 // Which file on the server. Without a validator nothing can tell whether the file is
 // the same next time.
@@ -25,7 +25,7 @@ struct Origin {
   std::string validator;  // as an If-Range header has it: a strong ETag or a date
   std::int64_t total = 0;
 
-  bool CanBeContinued() const { return IsMark(validator) && total > 0; }
+  bool canBeContinued() const { return isMark(validator) && total > 0; }
 };
 
 struct PartNote {
@@ -34,9 +34,9 @@ struct PartNote {
   std::string boot;         // the start of the system that it was written in
 };
 
-std::string NoteText(const PartNote& note);
+std::string noteText(const PartNote& note);
 // Nothing for what is no note, or none that a part can be continued by.
-std::optional<PartNote> ParseNote(const std::string& text);
+std::optional<PartNote> parseNote(const std::string& text);
 
 }  // namespace fwdownload
 

@@ -28,27 +28,27 @@ class PartialImage {
   const Origin& origin() const { return origin_; }
 
   // Throws away what is there and begins the file that origin tells of.
-  void Begin(const Origin& origin);
-  void Append(const char* bytes, std::size_t count);
+  void begin(const Origin& origin);
+  void append(const char* bytes, std::size_t count);
   // Throws away everything.
-  void Discard();
+  void discard();
   // Puts everything on the disk and gives what can be read there: a descriptor, of this
   // object. From now on the file must stay as it is.
-  int Finish();
+  int finish();
   // Gives what was finished, and nothing else, the image's name.
-  void Publish();
+  void publish();
 
   // Bytes that may be written to this file system.
-  std::int64_t FreeSpace() const;
+  std::int64_t freeSpace() const;
 
  private:
-  void Open();
-  void TakeUp(const std::string& url);
-  void Truncate(std::int64_t size);
-  void Sync();
-  void WriteNote();
-  void Remove(const std::string& name);
-  bool IsStillFinished(const std::string& name) const;
+  void open();
+  void takeUp(const std::string& url);
+  void truncate(std::int64_t size);
+  void sync();
+  void writeNote();
+  void remove(const std::string& name);
+  bool isStillFinished(const std::string& name) const;
 
   std::string image_;  // names in the directory
   std::string part_;

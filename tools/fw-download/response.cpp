@@ -22,7 +22,7 @@ constexpr const char* kDateForms[] = {"%a, %d %b %Y %H:%M:%S GMT", "%A, %d-%b-%y
 
 // Seconds since 1970. libcurl's own answer has 32 bits on a 32-bit system, where this program
 // takes it for 64.
-std::optional<std::int64_t> ParseDate(const std::string& text) {
+std::optional<std::int64_t> parseDate(const std::string& text) {
   for (const char* form : kDateForms) {
     tm parts = {};
     const char* const end = strptime(text.c_str(), form, &parts);
@@ -33,7 +33,7 @@ std::optional<std::int64_t> ParseDate(const std::string& text) {
   return std::nullopt;
 }
 
-bool SameHeader(const std::string& name, const char* other) {
+bool sameHeader(const std::string& name, const char* other) {
   return strcasecmp(name.c_str(), other) == 0;
 }
 
@@ -49,20 +49,20 @@ constexpr HeaderField kHeaders[] = {
     {"Content-Range", &Response::contentRange},
 };
 
-std::int64_t ParseLength(const std::string& text) {
+std::int64_t parseLength(const std::string& text) {
   std::int64_t length = 0;
   const char* const end = text.data() + text.size();
   const auto parsed = std::from_chars(text.data(), end, length);
   if (parsed.ec != std::errc() || parsed.ptr != end || length < 0) {
-    throw Failure(Reason::kProtocol, "The server announced a length that is no number.");
+    throw Failure(Reason::Protocol, "The server announced a length that is no number.");
   }
   return length;
 }
 
-void TakeLength(const std::string& text, Response& response) {
-  const std::int64_t length = ParseLength(text);
+void takeLength(const std::string& text, Response& response) {
+  const std::int64_t length = parseLength(text);
   if (response.length != kUnknownLength && response.length != length) {
-    throw Failure(Reason::kProtocol, "The server announced two different lengths.");
+    throw Failure(Reason::Protocol, "The server announced two different lengths.");
   }
   response.length = length;
   response.hasEnd = true;
@@ -70,7 +70,7 @@ void TakeLength(const std::string& text, Response& response) {
 
 // Takes the prefix and the number behind it off the front of a text; nothing when they
 // are not there. Only digits are a number.
-std::optional<std::int64_t> TakeNumber(std::string_view& text, std::string_view prefix) {
+std::optional<std::int64_t> takeNumber(std::string_view& text, std::string_view prefix) {
   if (text.substr(0, prefix.size()) != prefix) {
     return std::nullopt;
   }
@@ -84,7 +84,7 @@ std::optional<std::int64_t> TakeNumber(std::string_view& text, std::string_view 
   return static_cast<std::int64_t>(number);
 }
 
-std::string WithoutEnd(const std::string& line) {
+std::string withoutEnd(const std::string& line) {
   std::size_t size = line.size();
   for (const char end : {'\n', '\r'}) {
     size -= size > 0 && line[size - 1] == end ? 1U : 0U;
@@ -94,17 +94,17 @@ std::string WithoutEnd(const std::string& line) {
 
 }  // namespace
 
-bool IsHeaderText(std::string_view text) {
+bool isHeaderText(std::string_view text) {
   return std::none_of(text.begin(), text.end(), [](char byte) {
     const auto value = static_cast<unsigned char>(byte);
     return (value < ' ' && byte != '\t') || value == 0x7F;
   });
 }
 
-void ReadHeaderLine(const std::string& line, Response& response) {
-  const std::string content = WithoutEnd(line);
-  if (!IsHeaderText(content)) {
-    throw Failure(Reason::kProtocol, "The server sent a header with a control character in it.");
+void readHeaderLine(const std::string& line, Response& response) {
+  const std::string content = withoutEnd(line);
+  if (!isHeaderText(content)) {
+    throw Failure(Reason::Protocol, "The server sent a header with a control character in it.");
   }
   if (content.rfind("HTTP/", 0) == 0) {
     response = {};
@@ -119,33 +119,33 @@ void ReadHeaderLine(const std::string& line, Response& response) {
   const std::size_t end = content.find_last_not_of(" \t");
   const std::string value = begin == std::string::npos ? "" : content.substr(begin, end - begin + 1);
   for (const HeaderField& header : kHeaders) {
-    if (SameHeader(name, header.name)) {
+    if (sameHeader(name, header.name)) {
       response.*header.value = value;
     }
   }
-  if (SameHeader(name, "Content-Length")) {
-    TakeLength(value, response);
-  } else if (SameHeader(name, "Transfer-Encoding")) {
+  if (sameHeader(name, "Content-Length")) {
+    takeLength(value, response);
+  } else if (sameHeader(name, "Transfer-Encoding")) {
     response.hasEnd = true;  // libcurl understands it, or refuses it
   }
 }
 
-std::optional<ContentRange> ParseContentRange(std::string_view text) {
-  const auto first = TakeNumber(text, "bytes ");
-  const auto last = TakeNumber(text, "-");
-  const auto total = TakeNumber(text, "/");
+std::optional<ContentRange> parseContentRange(std::string_view text) {
+  const auto first = takeNumber(text, "bytes ");
+  const auto last = takeNumber(text, "-");
+  const auto total = takeNumber(text, "/");
   if (!first || !last || !total || !text.empty()) {
     return std::nullopt;
   }
   return ContentRange{*first, *last, *total};
 }
 
-std::string ValidatorOf(const Response& response) {
+std::string validatorOf(const Response& response) {
   if (!response.etag.empty()) {
     return response.etag[0] == '"' ? response.etag : "";  // W/"..." is weak
   }
-  const auto modified = ParseDate(response.lastModified);
-  const auto now = ParseDate(response.date);
+  const auto modified = parseDate(response.lastModified);
+  const auto now = parseDate(response.date);
   const bool settled = modified && now && *now - *modified >= kSettledSeconds;
   return settled ? response.lastModified : "";
 }

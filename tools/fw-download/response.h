@@ -24,7 +24,7 @@ struct Response {
 
 // Takes in one line, with its end. A status line begins anew: what came before it was
 // an interim answer. Throws Failure for what no server may send.
-void ReadHeaderLine(const std::string& line, Response& response);
+void readHeaderLine(const std::string& line, Response& response);
 
 struct ContentRange {
   std::int64_t first;
@@ -33,14 +33,14 @@ struct ContentRange {
 };
 
 // Of a Content-Range header; nothing when it does not say all three.
-std::optional<ContentRange> ParseContentRange(std::string_view text);
+std::optional<ContentRange> parseContentRange(std::string_view text);
 
 // What marks the file on the server, for an If-Range header; empty when the server gave
 // nothing reliable.
-std::string ValidatorOf(const Response& response);
+std::string validatorOf(const Response& response);
 
 // No line of a header may end before its end, nor have anything else that is no text.
-bool IsHeaderText(std::string_view text);
+bool isHeaderText(std::string_view text);
 
 }  // namespace fwdownload
 

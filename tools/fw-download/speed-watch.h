@@ -18,7 +18,7 @@ class SpeedWatch {
 
   // received counts from the transfer's beginning. What a period brought, once it is
   // over. Each period stands for itself: what came in an earlier one does not excuse it.
-  std::optional<std::int64_t> PeriodOver(std::int64_t received, Time now) {
+  std::optional<std::int64_t> periodOver(std::int64_t received, Time now) {
     if (!begin_) {
       begin_ = now;
     }

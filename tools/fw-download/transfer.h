@@ -24,8 +24,8 @@ class Receiver {
  public:
   virtual ~Receiver() = default;
   // Once, before any bytes, for an answer of 200 or 206.
-  virtual void Begin(const Response& response) = 0;
-  virtual void Take(const char* bytes, std::size_t count) = 0;
+  virtual void begin(const Response& response) = 0;
+  virtual void take(const char* bytes, std::size_t count) = 0;
 };
 
 struct Answer {
@@ -35,7 +35,7 @@ struct Answer {
 
 // Throws Failure: when there is no connection, or when what comes is not what the
 // server announced.
-Answer Perform(const Request& request, const Configuration& configuration, Receiver& receiver);
+Answer perform(const Request& request, const Configuration& configuration, Receiver& receiver);
 
 }  // namespace fwdownload
 

@@ -13,7 +13,7 @@ struct FreeUrl {
 using Handle = std::unique_ptr<CURLU, FreeUrl>;
 
 // Null for what is no address.
-Handle Parse(const std::string& text) {
+Handle parse(const std::string& text) {
   Handle url(curl_url());
   if (url && curl_url_set(url.get(), CURLUPART_URL, text.c_str(), 0) != CURLUE_OK) {
     url.reset();
@@ -22,7 +22,7 @@ Handle Parse(const std::string& text) {
 }
 
 // Empty when the address has no such part.
-std::string Part(const Handle& url, CURLUPart part, unsigned int flags = 0) {
+std::string part(const Handle& url, CURLUPart part, unsigned int flags = 0) {
   char* text = nullptr;
   if (curl_url_get(url.get(), part, &text, flags) != CURLUE_OK) {
     return "";
@@ -32,7 +32,7 @@ std::string Part(const Handle& url, CURLUPart part, unsigned int flags = 0) {
   return result;
 }
 
-void Remove(const Handle& url, std::initializer_list<CURLUPart> parts) {
+void remove(const Handle& url, std::initializer_list<CURLUPart> parts) {
   for (const CURLUPart part : parts) {
     curl_url_set(url.get(), part, nullptr, 0);
   }
@@ -40,35 +40,35 @@ void Remove(const Handle& url, std::initializer_list<CURLUPart> parts) {
 
 }  // namespace
 
-std::optional<Url> ParseUrl(const std::string& text) {
-  const Handle url = Parse(text);
+std::optional<Url> parseUrl(const std::string& text) {
+  const Handle url = parse(text);
   if (!url) {
     return std::nullopt;
   }
   Url result;
-  result.scheme = Part(url, CURLUPART_SCHEME);
-  result.host = Part(url, CURLUPART_HOST);
-  result.port = Part(url, CURLUPART_PORT, CURLU_DEFAULT_PORT);
-  result.user = Part(url, CURLUPART_USER, CURLU_URLDECODE);
-  result.password = Part(url, CURLUPART_PASSWORD, CURLU_URLDECODE);
-  Remove(url, {CURLUPART_USER, CURLUPART_PASSWORD, CURLUPART_OPTIONS});
-  result.text = Part(url, CURLUPART_URL);
+  result.scheme = part(url, CURLUPART_SCHEME);
+  result.host = part(url, CURLUPART_HOST);
+  result.port = part(url, CURLUPART_PORT, CURLU_DEFAULT_PORT);
+  result.user = part(url, CURLUPART_USER, CURLU_URLDECODE);
+  result.password = part(url, CURLUPART_PASSWORD, CURLU_URLDECODE);
+  remove(url, {CURLUPART_USER, CURLUPART_PASSWORD, CURLUPART_OPTIONS});
+  result.text = part(url, CURLUPART_URL);
   return result;
 }
 
-std::string Shown(const std::string& url) {
-  const Handle parsed = Parse(url);
+std::string shown(const std::string& url) {
+  const Handle parsed = parse(url);
   if (!parsed) {
     return "an address that is not valid";
   }
-  Remove(parsed,
+  remove(parsed,
          {CURLUPART_USER, CURLUPART_PASSWORD, CURLUPART_OPTIONS, CURLUPART_QUERY, CURLUPART_FRAGMENT});
-  return Part(parsed, CURLUPART_URL);
+  return part(parsed, CURLUPART_URL);
 }
 
-bool SameServer(const std::string& url, const std::string& other) {
-  const auto first = ParseUrl(url);
-  const auto second = ParseUrl(other);
+bool sameServer(const std::string& url, const std::string& other) {
+  const auto first = parseUrl(url);
+  const auto second = parseUrl(other);
   return first && second && first->scheme == second->scheme && first->host == second->host &&
          first->port == second->port;
 }

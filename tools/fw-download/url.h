@@ -18,15 +18,15 @@ struct Url {
 };
 
 // Nothing for what is no address.
-std::optional<Url> ParseUrl(const std::string& text);
+std::optional<Url> parseUrl(const std::string& text);
 
 // What people and logs may see: neither user nor password, and nothing from the "?" on,
 // where servers put their tokens.
-std::string Shown(const std::string& url);
+std::string shown(const std::string& url);
 
 // Whether both are served by the same server, so that credentials for the one may be
 // sent to the other.
-bool SameServer(const std::string& url, const std::string& other);
+bool sameServer(const std::string& url, const std::string& other);
 
 }  // namespace fwdownload
 

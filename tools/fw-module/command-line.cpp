@@ -70,19 +70,22 @@ void addCheck(CLI::App& app, Options& options) {
 }
 
 void checkOptions(const Options& options) {
-  if (options.command->run == runCheck && options.file.empty() && !options.list)
+  if (options.command->run == runCheck && options.file.empty() && !options.list) {
     throw CLI::ValidationError("which module? Name its library, such as build/libdoor.so");
-  if (!options.image.empty() && options.version.empty())
+  }
+  if (!options.image.empty() && options.version.empty()) {
     throw CLI::ValidationError("--image needs the image's --version");
+  }
 }
 
 void addCommand(CLI::App& app, const Command& command, Options& options) {
   CLI::App* const sub = app.add_subcommand(command.name, command.summary);
   sub->footer(std::string("Example: ") + command.example + "\n" + kExitCodes);
-  if (command.run == runNew)
+  if (command.run == runNew) {
     addNew(*sub, options);
-  else
+  } else {
     addCheck(*sub, options);
+  }
   addJson(*sub, options);
   sub->callback([&options, &command] {
     options.command = &command;
@@ -92,9 +95,11 @@ void addCommand(CLI::App& app, const Command& command, Options& options) {
 
 // For usage errors, when parsing never came to the option.
 bool asksForJson(int argc, const char* const* argv) {
-  for (int i = 1; i < argc; ++i)
-    if (std::strcmp(argv[i], "--json") == 0)
+  for (int i = 1; i < argc; ++i) {
+    if (std::strcmp(argv[i], "--json") == 0) {
       return true;
+    }
+  }
   return false;
 }
 
@@ -116,8 +121,9 @@ std::variant<Options, Ended> parseCommandLine(int argc, const char* const* argv)
   app.require_subcommand(1);
   app.footer(std::string("Each command explains itself: fw-module check --help\n") +
              "Example: fw-module new libdoor\n" + kExitCodes);
-  for (const Command& command : kCommands)
+  for (const Command& command : kCommands) {
     addCommand(app, command, options);
+  }
   try {
     app.parse(argc, argv);
   } catch (const CLI::Success& wanted) {

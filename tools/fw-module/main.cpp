@@ -39,7 +39,7 @@ int putFailure(Outcome outcome, const std::string& sentence, const std::string& 
 
 // On one line, whatever names are in it; a document escapes it itself.
 std::string shown(const std::exception& error, const Options& options) {
-  return options.json ? error.what() : base::PrintableText(error.what());
+  return options.json ? error.what() : base::printableText(error.what());
 }
 
 int run(const Options& options) {
@@ -62,9 +62,10 @@ int run(const Options& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  base::CleanStandardOutput();
+  base::cleanStandardOutput();
   const auto parsed = parseCommandLine(argc, argv);
-  if (const auto* ended = std::get_if<Ended>(&parsed))
+  if (const auto* ended = std::get_if<Ended>(&parsed)) {
     return ended->usageError.empty() ? 0 : putFailure(Outcome::Usage, ended->usageError, "", ended->json);
+  }
   return run(std::get<Options>(parsed));
 }

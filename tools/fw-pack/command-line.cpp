@@ -10,11 +10,11 @@
 namespace fwpack {
 namespace {
 
-constexpr char exitCodes[] = "Exit codes: 0 done, 1 failed, 2 usage, 3 refused (verify)";
+constexpr char kExitCodes[] = "Exit codes: 0 done, 1 failed, 2 usage, 3 refused (verify)";
 
 // What a module's 128-byte buffers hold; a USB package's version block holds less.
-constexpr std::size_t longestVersion = 127;
-constexpr std::size_t longestPackageVersion = 63;
+constexpr std::size_t kLongestVersion = 127;
+constexpr std::size_t kLongestPackageVersion = 63;
 
 std::string checkVersion(const std::string& version, std::size_t longest) {
   if (version.empty() || version.size() > longest) {
@@ -27,7 +27,7 @@ std::string checkVersion(const std::string& version, std::size_t longest) {
 
 std::string checkName(const std::string& name) {
   const bool good =
-      !name.empty() && name.size() <= longestVersion && std::all_of(name.begin(), name.end(), [](char c) {
+      !name.empty() && name.size() <= kLongestVersion && std::all_of(name.begin(), name.end(), [](char c) {
         return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
       });
   return good ? "" : "a firmware name and a package identifier have ASCII letters and digits only";
@@ -67,7 +67,7 @@ void addStatements(CLI::App& app, Options& options) {
       ->check(checkModel);
   app.add_option("--minimum-version", options.minimumVersion, "Once applied, older packages are refused")
       ->type_name("TEXT")
-      ->check([](const std::string& version) { return checkVersion(version, longestPackageVersion); });
+      ->check([](const std::string& version) { return checkVersion(version, kLongestPackageVersion); });
 }
 
 CLI::Option* addSigningKey(CLI::App& app, Options& options) {
@@ -103,7 +103,7 @@ void addJson(CLI::App& app, Options& options) {
 
 void declareInfo(CLI::App& app, Options& options) {
   addInput(app, options, "IMAGE", "The firmware image");
-  addVersion(app, options, longestVersion);
+  addVersion(app, options, kLongestVersion);
   addExpectedTime(app, options);
   addOutput(app, options, "Default: info.json beside the image");
 }
@@ -117,7 +117,7 @@ void declareImage(CLI::App& app, Options& options) {
         return isImageType(type) ? std::string() : "the types are " + imageTypes();
       });
   addName(app, options, "--name", "Firmware name, such as tunerfw");
-  addVersion(app, options, longestVersion);
+  addVersion(app, options, kLongestVersion);
   addExpectedTime(app, options);
   app.add_option("--into", options.output, "The directory to lay it out in")->required()->type_name("DIR");
 }
@@ -125,7 +125,7 @@ void declareImage(CLI::App& app, Options& options) {
 void declareEmp(CLI::App& app, Options& options) {
   addInput(app, options, "IMAGE", "The firmware image");
   addName(app, options, "--id", "Package identifier, such as tunerempfw");
-  addVersion(app, options, longestVersion);
+  addVersion(app, options, kLongestVersion);
   addExpectedTime(app, options);
   auto* const key = addSigningKey(app, options);
   app.add_flag("--unsigned", options.isUnsigned, "Do not sign it; sets refuse it unless told")->excludes(key);
@@ -135,7 +135,7 @@ void declareEmp(CLI::App& app, Options& options) {
 
 void declareUsb(CLI::App& app, Options& options) {
   addInput(app, options, "IMAGE", "The firmware image");
-  addVersion(app, options, longestPackageVersion);
+  addVersion(app, options, kLongestPackageVersion);
   app.add_option("--key-file", options.keyFile, "The key to encrypt with: 32 raw bytes")
       ->required()
       ->type_name("FILE");
@@ -146,7 +146,7 @@ void declareUsb(CLI::App& app, Options& options) {
   addStatements(app, options);
   app.add_option("--format", options.format, "The signature's; 1 is for old sets")
       ->type_name("NUMBER")
-      ->check(CLI::Range(int{fwpackage::oldFormat}, int{fwpackage::newestFormat}))
+      ->check(CLI::Range(int{fwpackage::kOldFormat}, int{fwpackage::kNewestFormat}))
       ->capture_default_str();
   addOutput(app, options, "The package: firmware name and .bin")->required();
 }
@@ -177,7 +177,7 @@ void declareInspect(CLI::App& app, Options& options) {
   addJson(app, options);
 }
 
-constexpr Command commands[] = {
+constexpr Command kCommands[] = {
     {"info", "Write the info.json of an image", "fw-pack info tuner.bin --version 2.0.0 --expected-time 30",
      declareInfo, runInfo},
     {"image", "Lay out an image with its info.json for updates",
@@ -201,7 +201,7 @@ constexpr Command commands[] = {
 
 void addCommand(CLI::App& app, Options& options, const Command& command) {
   CLI::App* const sub = app.add_subcommand(command.name, command.summary);
-  sub->footer(std::string("Example: ") + command.example + "\n" + exitCodes);
+  sub->footer(std::string("Example: ") + command.example + "\n" + kExitCodes);
   command.declare(*sub, options);
   sub->callback([&options, &command] { options.command = &command; });
 }
@@ -225,8 +225,8 @@ std::variant<Options, ExitCode> parseCommandLine(int argc, char** argv) {
   CLI::App app("Makes firmware packages and says what they are.", "fw-pack");
   app.set_version_flag("--version", "fw-pack " FW_PACK_VERSION);
   app.require_subcommand(1);
-  app.footer(std::string("Each command explains itself: fw-pack usb --help\n") + exitCodes);
-  for (const Command& command : commands) {
+  app.footer(std::string("Each command explains itself: fw-pack usb --help\n") + kExitCodes);
+  for (const Command& command : kCommands) {
     addCommand(app, options, command);
   }
   try {

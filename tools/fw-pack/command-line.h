@@ -27,13 +27,13 @@ struct Options {
   std::string name;  // a firmware name, or a package identifier
   std::string model;
   std::string minimumVersion;
-  int format = fwpackage::newestFormat;
+  int format = fwpackage::kNewestFormat;
   std::string type;
   std::string keyFile;
   std::string signingKeyFile;
   bool isUnsigned = false;
   std::string publicKeyFile;
-  std::string keyDirectory = fwpackage::keyDirectory;
+  std::string keyDirectory = fwpackage::kEyDirectory;
   bool json = false;
 };
 

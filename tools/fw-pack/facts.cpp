@@ -26,7 +26,7 @@ std::string Facts::toText() const {
   std::string text;
   for (const Fact& fact : facts_) {
     const std::string label = fact.label;
-    text += label + std::string(width - label.size() + 2, ' ') + base::PrintableText(fact.text) + "\n";
+    text += label + std::string(width - label.size() + 2, ' ') + base::printableText(fact.text) + "\n";
   }
   return text;
 }

@@ -22,8 +22,8 @@
 namespace fwpack {
 namespace {
 
-constexpr std::size_t blockSize = 65536;
-constexpr std::uint64_t longReading = std::uint64_t{64} << 20U;  // what takes a while
+constexpr std::size_t kBlockSize = 65536;
+constexpr std::uint64_t kLongReading = std::uint64_t{64} << 20U;  // what takes a while
 
 // How far a long reading is, on a terminal.
 class Progress {
@@ -31,7 +31,7 @@ class Progress {
   Progress(const std::string& path, std::uint64_t size) : path_(path), size_(size) {}
 
   void at(std::uint64_t done) {
-    const std::uint64_t percent = size_ < longReading ? 0 : done * 100 / size_;
+    const std::uint64_t percent = size_ < kLongReading ? 0 : done * 100 / size_;
     if (percent != percent_) {
       line_.show("reading " + path_ + ": " + std::to_string(percent) + " %");
     }
@@ -55,20 +55,6 @@ void requireReplaceable(const std::string& path, Existing existing) {
   }
   if (existing == Existing::Keep) {
     throw Failure(ExitCode::Failed, path + " is there already and is not overwritten");
-  }
-}
-
-// Puts the names in a directory on the disk. Where it may not be read, or the file system
-// knows no such thing, they come to the disk when they come.
-void syncDirectory(const std::string& path) {
-  const int directory = ::open(path.empty() ? "." : path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  const int error = directory >= 0 && ::fsync(directory) != 0 ? errno : 0;
-  if (directory >= 0) {
-    ::close(directory);
-  }
-  if (error != 0 && error != EINVAL) {
-    errno = error;
-    failWithErrno("what is new in " + path + " cannot be put on the disk");
   }
 }
 
@@ -96,7 +82,7 @@ InputFile::~InputFile() {
 }
 
 void InputFile::read(std::uint64_t offset, std::uint64_t size, const Block& block) const {
-  std::vector<unsigned char> buffer(blockSize);
+  std::vector<unsigned char> buffer(kBlockSize);
   Progress progress(path_, size);
   for (const std::uint64_t whole = size; size > 0; progress.at(whole - size)) {
     endIfInterrupted();
@@ -176,22 +162,11 @@ void OutputFile::commit() {
     failWithErrno(path_ + " cannot be written");
   }
   ::close(std::exchange(descriptor_, -1));
-  syncDirectory(std::filesystem::path(path_).parent_path());
-}
-
-void makeDirectories(const std::filesystem::path& path) {
-  if (path.empty() || std::filesystem::is_directory(path)) {
-    return;
-  }
-  makeDirectories(path.parent_path());
-  if (std::filesystem::create_directory(path)) {
-    syncDirectory(path.parent_path());
-  }
 }
 
 bool isSquashfs(const InputFile& file) {
-  constexpr char magic[] = "hsqs";
-  return file.text(0, sizeof magic - 1) == magic;
+  constexpr char kMagic[] = "hsqs";
+  return file.text(0, sizeof kMagic - 1) == kMagic;
 }
 
 std::uint32_t imageCrc(const InputFile& image) {
@@ -201,7 +176,7 @@ std::uint32_t imageCrc(const InputFile& image) {
 }
 
 void copyFile(const InputFile& from, const std::string& to) {
-  OutputFile output(to, publicMode);
+  OutputFile output(to, kPublicMode);
   from.readAll([&](const unsigned char* bytes, std::size_t size) { output.write(bytes, size); });
   output.commit();
 }

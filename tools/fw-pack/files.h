@@ -7,7 +7,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <filesystem>
 #include <functional>
 #include <string>
 
@@ -53,7 +52,6 @@ class OutputFile {
   void write(const std::string& text);
   // Behind what is there by now, whoever wrote it.
   void append(const unsigned char* bytes, std::size_t size);
-  // Content and name are on the disk afterwards.
   void commit();
 
  private:
@@ -64,8 +62,8 @@ class OutputFile {
   int descriptor_ = -1;
 };
 
-inline constexpr mode_t publicMode = 0644;
-inline constexpr mode_t secretMode = 0600;
+inline constexpr mode_t kPublicMode = 0644;
+inline constexpr mode_t kSecretMode = 0600;
 
 // An extension package is one; a USB package begins with random bytes.
 bool isSquashfs(const InputFile& file);
@@ -74,9 +72,6 @@ bool isSquashfs(const InputFile& file);
 std::uint32_t imageCrc(const InputFile& image);
 
 void copyFile(const InputFile& from, const std::string& to);
-
-// With its parents, as far as they are missing; on the disk afterwards.
-void makeDirectories(const std::filesystem::path& path);
 
 // A directory that is removed with everything in it.
 class TemporaryDirectory {

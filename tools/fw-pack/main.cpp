@@ -15,7 +15,7 @@ namespace {
 using fwpack::ExitCode;
 
 ExitCode report(ExitCode code, const std::exception& error) {
-  std::cerr << "fw-pack: " << base::PrintableText(error.what()) << std::endl;
+  std::cerr << "fw-pack: " << base::printableText(error.what()) << std::endl;
   return code;
 }
 
@@ -41,7 +41,7 @@ ExitCode perform(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  base::CleanStandardOutput();
+  base::cleanStandardOutput();
   fwpack::catchInterruptions();
   return static_cast<int>(perform(argc, argv));
 }

@@ -17,18 +17,18 @@
 
 namespace fwpack {
 
-inline constexpr std::size_t ivSize = 16;
-inline constexpr std::size_t cipherBlock = 16;
-inline constexpr std::size_t versionBlockSize = 64;
+inline constexpr std::size_t kIvSize = 16;
+inline constexpr std::size_t kCipherBlock = 16;
+inline constexpr std::size_t kVersionBlockSize = 64;
 // Also without padding in the last block, as a reader counts it.
-inline constexpr std::uint64_t smallestPackage = ivSize + versionBlockSize + fwpackage::trailerSize;
-inline constexpr std::uint64_t largestPackage = INT_MAX;  // the library counts in ints
+inline constexpr std::uint64_t kSmallestPackage = kIvSize + kVersionBlockSize + fwpackage::kTrailerSize;
+inline constexpr std::uint64_t kLargestPackage = INT_MAX;  // the library counts in ints
 
-using Iv = std::array<unsigned char, ivSize>;
+using Iv = std::array<unsigned char, kIvSize>;
 
 constexpr std::uint64_t packageSize(std::uint64_t imageSize) {
-  const std::uint64_t plaintext = versionBlockSize + imageSize;
-  return ivSize + (plaintext / cipherBlock + 1) * cipherBlock + fwpackage::trailerSize;
+  const std::uint64_t plaintext = kVersionBlockSize + imageSize;
+  return kIvSize + (plaintext / kCipherBlock + 1) * kCipherBlock + fwpackage::kTrailerSize;
 }
 
 // AES-256-CBC with the padding that OpenSSL applies by default.

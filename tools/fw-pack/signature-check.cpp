@@ -45,10 +45,10 @@ std::string stated(const fwpackage::Statements& statements) {
 
 // What the trailer states is told only when it was signed.
 bool isSigned(const fwpackage::SignatureReport& report) {
-  constexpr fwpackage::Verdict verdicts[] = {fwpackage::Verdict::Valid, fwpackage::Verdict::OtherKind,
-                                             fwpackage::Verdict::OtherName, fwpackage::Verdict::OtherModel};
-  return report.trailer.format == fwpackage::newestFormat &&
-         std::find(std::begin(verdicts), std::end(verdicts), report.verdict) != std::end(verdicts);
+  constexpr fwpackage::Verdict kVerdicts[] = {fwpackage::Verdict::Valid, fwpackage::Verdict::OtherKind,
+                                              fwpackage::Verdict::OtherName, fwpackage::Verdict::OtherModel};
+  return report.trailer.format == fwpackage::kNewestFormat &&
+         std::find(std::begin(kVerdicts), std::end(kVerdicts), report.verdict) != std::end(kVerdicts);
 }
 
 void addStatements(Json::Value& value, const fwpackage::Statements& statements) {
@@ -91,7 +91,7 @@ std::string toText(const fwpackage::SignatureReport& report) {
     text += (valid ? " for " : ": ") + stated(report.trailer.statements);
   }
   if (report.trailer.algorithm != nullptr) {
-    const std::string old = report.trailer.format == fwpackage::oldFormat ? ", format 1" : "";
+    const std::string old = report.trailer.format == fwpackage::kOldFormat ? ", format 1" : "";
     text += " (" + std::string(report.trailer.algorithm->name) + ", key " + keyIdText(report.trailer.keyId) +
             old + ")";
   }

@@ -44,7 +44,7 @@ fwpackage::Key generate(const fwpackage::Algorithm& algorithm) {
 // The kinds of key that this format has.
 std::string algorithmsOf(unsigned char format) {
   std::string names;
-  for (const fwpackage::Algorithm& algorithm : fwpackage::algorithms) {
+  for (const fwpackage::Algorithm& algorithm : fwpackage::kAlgorithms) {
     if (hasFormat(algorithm, format)) {
       names += (names.empty() ? "" : " or ") + std::string(algorithm.name);
     }
@@ -162,7 +162,7 @@ void appendSignature(OutputFile& package, const SigningKey& key, const fwpackage
   InputFile(package.unfinished()).readAll([&](const unsigned char* bytes, std::size_t size) {
     digest.add(bytes, size);
   });
-  const fwpackage::TrailerBytes trailer = key.makeTrailer(digest, fwpackage::newestFormat, statements);
+  const fwpackage::TrailerBytes trailer = key.makeTrailer(digest, fwpackage::kNewestFormat, statements);
   package.append(trailer.data(), trailer.size());
 }
 

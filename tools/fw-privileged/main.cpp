@@ -32,7 +32,7 @@
 
 namespace {
 
-using fwplatform::ErrnoText;
+using fwplatform::errnoText;
 using fwplatform::kPrivilegedSocketPath;
 using fwplatform::UniqueFd;
 
@@ -56,12 +56,12 @@ struct Options {
   std::optional<int> exitCode;  // set when there is nothing to serve
 };
 
-bool Fail(const std::string& text) {
+bool fail(const std::string& text) {
   std::cerr << "fw-privileged: " << text << std::endl;
   return false;
 }
 
-Options ParseOptions(int argc, char** argv) {
+Options parseOptions(int argc, char** argv) {
   constexpr option kLong[] = {
       {"group", required_argument, nullptr, 'g'},
       {"help", no_argument, nullptr, 'h'},
@@ -77,12 +77,12 @@ Options ParseOptions(int argc, char** argv) {
       options.exitCode = 0;
       return options;
     } else {
-      Fail(std::string("no such option, or no value for it: \"") + argv[optind - 1] + "\"");
+      fail(std::string("no such option, or no value for it: \"") + argv[optind - 1] + "\"");
       options.exitCode = kExitUsage;
     }
   }
   if (optind < argc) {
-    Fail(std::string("unexpected argument \"") + argv[optind] + "\"");
+    fail(std::string("unexpected argument \"") + argv[optind] + "\"");
     options.exitCode = kExitUsage;
   }
   if (options.exitCode) {
@@ -92,54 +92,54 @@ Options ParseOptions(int argc, char** argv) {
 }
 
 // The group whose members may ask. False when the named one does not exist.
-bool FindGroup(const std::optional<std::string>& name, std::optional<gid_t>& group) {
+bool findGroup(const std::optional<std::string>& name, std::optional<gid_t>& group) {
   const struct group* const entry = getgrnam(name ? name->c_str() : kDefaultGroup);
   if (entry != nullptr) {
     group = entry->gr_gid;
     return true;
   }
-  return !name || Fail("there is no group \"" + *name + "\"");
+  return !name || fail("there is no group \"" + *name + "\"");
 }
 
 // How many sockets the service manager hands over to this process; negative when it
 // does so in a way that can't be understood.
-int HandedOverSockets() {
+int handedOverSockets() {
   return sd_listen_fds(1);
 }
 
-bool TakeHandedOver(int count, UniqueFd& listener) {
+bool takeHandedOver(int count, UniqueFd& listener) {
   if (count != 1 || sd_is_socket(SD_LISTEN_FDS_START, AF_UNIX, SOCK_SEQPACKET, 1) <= 0) {
-    return Fail("the service manager must hand over one listening Unix sequenced-packet socket");
+    return fail("the service manager must hand over one listening Unix sequenced-packet socket");
   }
   listener.reset(SD_LISTEN_FDS_START);
   return true;
 }
 
-sockaddr_un SocketAddress() {
+sockaddr_un socketAddress() {
   sockaddr_un address = {};
   address.sun_family = AF_UNIX;
   std::memcpy(address.sun_path, kPrivilegedSocketPath, sizeof kPrivilegedSocketPath);
   return address;
 }
 
-UniqueFd NewSocket() {
+UniqueFd newSocket() {
   return UniqueFd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
 }
 
 // Removes a socket that a service which has ended left behind.
-bool ClearSocketPath() {
+bool clearSocketPath() {
   struct stat status = {};
   if (lstat(kPrivilegedSocketPath, &status) != 0) {
-    return errno == ENOENT || Fail(std::string(kPrivilegedSocketPath) + ": " + ErrnoText(errno));
+    return errno == ENOENT || fail(std::string(kPrivilegedSocketPath) + ": " + errnoText(errno));
   }
   if (!S_ISSOCK(status.st_mode)) {
-    return Fail(std::string(kPrivilegedSocketPath) + " is there already and is no socket");
+    return fail(std::string(kPrivilegedSocketPath) + " is there already and is no socket");
   }
-  const UniqueFd probe = NewSocket();
-  const sockaddr_un address = SocketAddress();
+  const UniqueFd probe = newSocket();
+  const sockaddr_un address = socketAddress();
   if (connect(probe.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 ||
       errno != ECONNREFUSED) {
-    return Fail(std::string("another service listens on ") + kPrivilegedSocketPath);
+    return fail(std::string("another service listens on ") + kPrivilegedSocketPath);
   }
   unlink(kPrivilegedSocketPath);
   return true;
@@ -147,21 +147,21 @@ bool ClearSocketPath() {
 
 // Everybody may connect: who may ask is decided by who the caller is, and a
 // refusal gets into the log.
-bool MakeListener(UniqueFd& listener) {
-  if (!ClearSocketPath()) {
+bool makeListener(UniqueFd& listener) {
+  if (!clearSocketPath()) {
     return false;
   }
-  listener = NewSocket();
-  const sockaddr_un address = SocketAddress();
+  listener = newSocket();
+  const sockaddr_un address = socketAddress();
   if (!listener || bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
       chmod(kPrivilegedSocketPath, 0666) != 0 || listen(listener.get(), SOMAXCONN) != 0) {
-    return Fail(std::string("listening on ") + kPrivilegedSocketPath + ": " + ErrnoText(errno));
+    return fail(std::string("listening on ") + kPrivilegedSocketPath + ": " + errnoText(errno));
   }
   return true;
 }
 
 // Tells the service manager that the service is alive, as often as it wants to hear it.
-fwplatform::Heartbeat HeartbeatForTheManager() {
+fwplatform::Heartbeat heartbeatForTheManager() {
   std::uint64_t microseconds = 0;
   if (sd_watchdog_enabled(1, &microseconds) <= 0) {
     return {};
@@ -171,7 +171,7 @@ fwplatform::Heartbeat HeartbeatForTheManager() {
 }
 
 // Readable when the process is asked to end.
-UniqueFd StopSignals() {
+UniqueFd stopSignals() {
   sigset_t signals;
   sigemptyset(&signals);
   sigaddset(&signals, SIGTERM);
@@ -180,30 +180,30 @@ UniqueFd StopSignals() {
   return UniqueFd(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
 }
 
-int Serve(const Options& options) {
+int serve(const Options& options) {
   std::optional<gid_t> group;
-  if (!FindGroup(options.group, group)) {
+  if (!findGroup(options.group, group)) {
     return kExitFailure;
   }
-  const int handedOver = HandedOverSockets();
+  const int handedOver = handedOverSockets();
   UniqueFd listener;
-  if (handedOver != 0 ? !TakeHandedOver(handedOver, listener) : !MakeListener(listener)) {
+  if (handedOver != 0 ? !takeHandedOver(handedOver, listener) : !makeListener(listener)) {
     return kExitFailure;
   }
-  const UniqueFd stop = StopSignals();
+  const UniqueFd stop = stopSignals();
   if (!stop) {  // it could not be asked to end
-    Fail("waiting for signals: " + ErrnoText(errno));
+    fail("waiting for signals: " + errnoText(errno));
     return kExitFailure;
   }
-  if (const int error = GiveUpOtherRights(); error != 0) {
-    Fail("giving up rights that it does not need: " + ErrnoText(error));
+  if (const int error = giveUpOtherRights(); error != 0) {
+    fail("giving up rights that it does not need: " + errnoText(error));
     return kExitFailure;
   }
   sd_notify(0, "READY=1");
   __dlog_print(2, DLOG_INFO_PRIORITY, "FWUPDATE", "privileged: serving root%s",
                group ? (" and group " + std::to_string(*group)).c_str() : "");
-  fwplatform::PrivilegedServer server(std::move(listener), group, HeartbeatForTheManager());
-  const bool ended = server.Run(stop.get()) || Fail("waiting for requests: " + ErrnoText(errno));
+  fwplatform::PrivilegedServer server(std::move(listener), group, heartbeatForTheManager());
+  const bool ended = server.run(stop.get()) || fail("waiting for requests: " + errnoText(errno));
   if (handedOver == 0) {
     unlink(kPrivilegedSocketPath);
   }
@@ -213,15 +213,15 @@ int Serve(const Options& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  base::CleanStandardOutput();
-  const Options options = ParseOptions(argc, argv);
+  base::cleanStandardOutput();
+  const Options options = parseOptions(argc, argv);
   if (options.exitCode) {
     return *options.exitCode;
   }
   try {
-    return Serve(options);
+    return serve(options);
   } catch (const std::exception& error) {
-    Fail(error.what());
+    fail(error.what());
     return kExitFailure;
   }
 }

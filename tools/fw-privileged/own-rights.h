@@ -5,6 +5,6 @@
 
 // Keeps the capabilities to mount, to make nodes and to read images of others, if it has
 // them, and can never get another. 0 or an errno value. For a process without threads.
-int GiveUpOtherRights();
+int giveUpOtherRights();
 
 #endif

@@ -14,7 +14,7 @@
 namespace tracetool {
 namespace {
 
-constexpr const char* exitCodes =
+constexpr const char* kExitCodes =
     "Exit codes:\n"
     "  0 answered   1 unexpected error   2 usage   3 nothing found   4 cannot be read\n";
 
@@ -53,27 +53,31 @@ void addCommonOptions(CLI::App& app, Options& options) {
 
 void addCommand(CLI::App& app, const Command& command, Options& options) {
   CLI::App* sub = app.add_subcommand(command.name, command.summary);
-  sub->footer(std::string("Example: ") + command.example + "\n" + exitCodes);
+  sub->footer(std::string("Example: ") + command.example + "\n" + kExitCodes);
   sub->add_option("TRACE", options.traces, "Files or process ids; without any, all of the directory")
       ->type_name("");
-  if ((command.takes & TakesFilters) != 0)
+  if ((command.takes & TakesFilters) != 0) {
     addFilters(*sub, options);
-  if ((command.takes & TakesFormat) != 0)
+  }
+  if ((command.takes & TakesFormat) != 0) {
     addFormat(*sub, options);
+  }
   addCommonOptions(*sub, options);
   sub->callback([&options, &command] { options.command = &command; });
 }
 
 // For usage errors, when parsing never came to the option.
 bool asksForJson(int argc, const char* const* argv) {
-  for (int i = 1; i < argc; ++i)
-    if (std::strcmp(argv[i], "--json") == 0)
+  for (int i = 1; i < argc; ++i) {
+    if (std::strcmp(argv[i], "--json") == 0) {
       return true;
+    }
+  }
   return false;
 }
 
 std::string defaultDirectory() {
-  const std::string directory = fwplatform::trace::SettingsFromEnvironment().directory;
+  const std::string directory = fwplatform::trace::settingsFromEnvironment().directory;
   return directory.empty() ? fwplatform::trace::kDefaultDirectory : directory;
 }
 
@@ -87,10 +91,11 @@ std::variant<Options, Ended> parseCommandLine(int argc, const char* const* argv)
   app.set_version_flag("--version", "fw-trace " FW_TRACE_VERSION);
   app.require_subcommand(1);
   app.footer("The traces are in " + options.directory +
-             " (FW_UPDATE_TRACE).\nEach command explains itself: fw-trace show --help\n" + exitCodes);
+             " (FW_UPDATE_TRACE).\nEach command explains itself: fw-trace show --help\n" + kExitCodes);
   addCommonOptions(app, options);
-  for (const Command& command : commands)
+  for (const Command& command : kCommands) {
     addCommand(app, command, options);
+  }
   try {
     app.parse(argc, argv);
   } catch (const CLI::Success& wanted) {

@@ -13,7 +13,7 @@ Report runFollow(const Options& options);
 Report runExport(const Options& options);
 Report runSummary(const Options& options);
 
-inline constexpr Command commands[] = {
+inline constexpr Command kCommands[] = {
     {"list", "List the traces: which process, when, alive or dead", TakesNothing, "fw-trace list", runList},
     {"show", "Show the messages in time order over all threads", TakesFilters,
      "fw-trace show --module libtuner --since 14:03", runShow},

@@ -15,16 +15,19 @@ std::string withoutLineFeeds(const std::string& text) {
 }
 
 std::string inColour(const std::string& text) {
-  if (text.rfind("Error", 0) == 0)
+  if (text.rfind("Error", 0) == 0) {
     return tool::coloured(text, tool::Colour::Red, STDOUT_FILENO);
-  if (text.rfind("=====", 0) == 0)
+  }
+  if (text.rfind("=====", 0) == 0) {
     return tool::coloured(text, tool::Colour::Bold, STDOUT_FILENO);
+  }
   return text;
 }
 
 Json::Value jsonOf(const Value& value) {
-  if (value.kind == Value::Kind::Number)
+  if (value.kind == Value::Kind::Number) {
     return static_cast<Json::Int>(value.number);
+  }
   return value.kind == Value::Kind::Null ? Json::Value() : Json::Value(value.text);
 }
 
@@ -36,8 +39,8 @@ std::string lineOf(const Entry& entry) {
       std::to_string(entry.file->trace.processId) + "/" + std::to_string(message.threadId);
   return timeOfDay(message.time) + "  " + thread +
          std::string(thread.size() < 15 ? 15 - thread.size() : 0, ' ') + "  " +
-         base::PrintableText(message.function) + "(" + std::to_string(message.line) + ")  " +
-         inColour(base::PrintableText(withoutLineFeeds(message.text))) + "\n";
+         base::printableText(message.function) + "(" + std::to_string(message.line) + ")  " +
+         inColour(base::printableText(withoutLineFeeds(message.text))) + "\n";
 }
 
 Json::Value jsonOf(const Entry& entry) {
@@ -54,8 +57,9 @@ Json::Value jsonOf(const Entry& entry) {
   value["format"] = message.format;
   value["text"] = message.text;
   value["arguments"] = Json::arrayValue;
-  for (const Value& argument : message.values)
+  for (const Value& argument : message.values) {
     value["arguments"].append(jsonOf(argument));
+  }
   return value;
 }
 

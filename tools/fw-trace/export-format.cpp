@@ -7,7 +7,7 @@
 namespace tracetool {
 namespace {
 
-constexpr ExportFormat formats[] = {
+constexpr ExportFormat kFormats[] = {
     {"json", exportJson},
     {"perfetto", exportPerfetto},
     {"html", exportHtml},
@@ -16,9 +16,11 @@ constexpr ExportFormat formats[] = {
 }  // namespace
 
 const ExportFormat* findFormat(std::string_view name) {
-  for (const ExportFormat& format : formats)
-    if (name == format.name)
+  for (const ExportFormat& format : kFormats) {
+    if (name == format.name) {
       return &format;
+    }
+  }
   return nullptr;
 }
 

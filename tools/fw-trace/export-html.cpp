@@ -37,10 +37,11 @@ std::string scriptSafe(const std::string& json) {
   std::string safe;
   safe.reserve(json.size());
   for (const char c : json) {
-    if (c == '<')
+    if (c == '<') {
       safe += "\\u003c";
-    else
+    } else {
       safe += c;
+    }
   }
   return safe;
 }
@@ -59,7 +60,7 @@ std::string exportHtml(const Timeline& timeline) {
       {"@NONCE@", nonce},  // the style
       {"@NONCE@", nonce},  // D3
       {"@D3@", std::string(between(fwTraceD3, fwTraceD3End))},
-      {"@DATA@", scriptSafe(tool::onOneLine(tool::withTexts(jsonOf(timeline), base::PrintableText)))},
+      {"@DATA@", scriptSafe(tool::onOneLine(tool::withTexts(jsonOf(timeline), base::printableText)))},
       {"@NONCE@", nonce},  // what draws
   };
   std::string_view page = between(fwTracePage, fwTracePageEnd);

@@ -17,8 +17,9 @@ Json::Value jsonOf(const Update& update) {
   Json::Value value;
   value["module"] = update.module;
   value["firmware"] = update.firmware;
-  if (update.caller)
+  if (update.caller) {
     value["caller"] = *update.caller;
+  }
   value["processId"] = update.file->trace.processId;
   value["threadId"] = update.threadId;
   value["result"] = nameOf(update.result);
@@ -49,12 +50,14 @@ Json::Value jsonOf(const TraceFile& file) {
 
 Json::Value jsonOf(const Timeline& timeline) {
   Json::Value document;
-  for (const char* list : {"processes", "threads", "updates", "messages"})
+  for (const char* list : {"processes", "threads", "updates", "messages"}) {
     document[list] = Json::arrayValue;
+  }
   std::set<const TraceFile*> files;
   for (const Entry& entry : timeline.entries) {
-    if (files.insert(entry.file).second)
+    if (files.insert(entry.file).second) {
       document["processes"].append(jsonOf(*entry.file));
+    }
     document["messages"].append(jsonOf(entry));
   }
   for (const auto& [thread, name] : timeline.threadNames) {
@@ -64,8 +67,9 @@ Json::Value jsonOf(const Timeline& timeline) {
     value["name"] = name;
     document["threads"].append(value);
   }
-  for (const Update& update : timeline.updates)
+  for (const Update& update : timeline.updates) {
     document["updates"].append(jsonOf(update));
+  }
   return document;
 }
 

@@ -18,10 +18,11 @@ double microseconds(std::int64_t nanoseconds) {
 class EventWriter {
  public:
   explicit EventWriter(const Timeline& timeline) {
-    for (const Entry& entry : timeline.entries)
-      origin = std::min(origin, entry.message.time);
-    document["displayTimeUnit"] = "ms";
-    document["traceEvents"] = Json::arrayValue;
+    for (const Entry& entry : timeline.entries) {
+      origin_ = std::min(origin_, entry.message.time);
+    }
+    document_["displayTimeUnit"] = "ms";
+    document_["traceEvents"] = Json::arrayValue;
   }
 
   void nameProcess(const TraceFile& file) {
@@ -39,9 +40,10 @@ class EventWriter {
     event["args"]["module"] = update.module;
     event["args"]["firmware"] = update.firmware;
     event["args"]["result"] = nameOf(update.result);
-    if (!update.reason.empty())
+    if (!update.reason.empty()) {
       event["args"]["reason"] = update.reason;
-    document["traceEvents"].append(event);
+    }
+    document_["traceEvents"].append(event);
   }
   void instant(const Entry& entry) {
     Json::Value event = place("i", *entry.file, entry.message.threadId, entry.message.time);
@@ -51,9 +53,9 @@ class EventWriter {
     event["args"]["function"] = entry.message.function;
     event["args"]["file"] = entry.message.file;
     event["args"]["line"] = entry.message.line;
-    document["traceEvents"].append(event);
+    document_["traceEvents"].append(event);
   }
-  std::string finish() const { return tool::indented(document); }
+  std::string finish() const { return tool::indented(document_); }
 
  private:
   Json::Value place(const char* phase, const TraceFile& file, std::uint32_t thread, std::int64_t time) const {
@@ -62,7 +64,7 @@ class EventWriter {
     event["pid"] = file.trace.processId;
     event["tid"] = thread;
     // From the first message on: a double would lose the microseconds of a date.
-    event["ts"] = microseconds(time - origin);
+    event["ts"] = microseconds(time - origin_);
     return event;
   }
   void name(const char* what, const TraceFile& file, std::uint32_t thread, const std::string& text) {
@@ -72,11 +74,11 @@ class EventWriter {
     event["tid"] = thread;
     event["name"] = what;
     event["args"]["name"] = text;
-    document["traceEvents"].append(event);
+    document_["traceEvents"].append(event);
   }
 
-  Json::Value document;
-  std::int64_t origin = INT64_MAX;
+  Json::Value document_;
+  std::int64_t origin_ = INT64_MAX;
 };
 
 }  // namespace
@@ -84,19 +86,24 @@ class EventWriter {
 std::string exportPerfetto(const Timeline& timeline) {
   EventWriter writer(timeline);
   std::set<const TraceFile*> files;
-  for (const Entry& entry : timeline.entries)
-    if (files.insert(entry.file).second)
+  for (const Entry& entry : timeline.entries) {
+    if (files.insert(entry.file).second) {
       writer.nameProcess(*entry.file);
-  for (const auto& [thread, name] : timeline.threadNames)
+    }
+  }
+  for (const auto& [thread, name] : timeline.threadNames) {
     writer.nameThread(*thread.first, thread.second, name);
+  }
   for (const Update& update : timeline.updates) {
     writer.slice(update, "update " + update.name(), "update", update.threadId, update.span);
-    for (const StageSpan& stage : update.stages)
+    for (const StageSpan& stage : update.stages) {
       writer.slice(update, std::string(nameOf(stage.stage)) + " (" + update.name() + ")", "stage",
                    stage.threadId, stage.span);
+    }
   }
-  for (const Entry& entry : timeline.entries)
+  for (const Entry& entry : timeline.entries) {
     writer.instant(entry);
+  }
   return writer.finish();
 }
 

@@ -16,37 +16,42 @@ bool isWord(char c) {
 bool holdsWord(const std::string& text, const std::string& word) {
   for (std::size_t at = text.find(word); at != std::string::npos; at = text.find(word, at + 1)) {
     const std::size_t end = at + word.size();
-    if ((at == 0 || !isWord(text[at - 1])) && (end == text.size() || !isWord(text[end])))
+    if ((at == 0 || !isWord(text[at - 1])) && (end == text.size() || !isWord(text[end]))) {
       return true;
+    }
   }
   return false;
 }
 
 }  // namespace
 
-Filter::Filter(const Options& options, const std::vector<Entry>& entries) : function(options.function) {
-  if (!options.module.empty())
-    names.insert(options.module);
+Filter::Filter(const Options& options, const std::vector<Entry>& entries) : function_(options.function) {
+  if (!options.module.empty()) {
+    names_.insert(options.module);
+  }
   for (const Entry& entry : entries) {
     const auto& values = entry.message.values;
-    if (names.empty() || entry.message.format != known::needTry || values.size() != 2)
+    if (names_.empty() || entry.message.format != known::kNeedTry || values.size() != 2) {
       continue;
-    if (names.count(values[0].text) + names.count(values[1].text) > 0 && !values[1].text.empty())
-      names.insert({values[0].text, values[1].text});
+    }
+    if (names_.count(values[0].text) + names_.count(values[1].text) > 0 && !values[1].text.empty()) {
+      names_.insert({values[0].text, values[1].text});
+    }
   }
   const std::int64_t day = entries.empty() ? 0 : entries.back().message.time;
-  since = parseTime(options.since, day).value_or(since);
-  until = parseTime(options.until, day).value_or(until);
+  since_ = parseTime(options.since, day).value_or(since_);
+  until_ = parseTime(options.until, day).value_or(until_);
 }
 
 bool Filter::namesModule(const Message& message) const {
-  return names.empty() || std::any_of(names.begin(), names.end(),
-                                      [&](const std::string& name) { return holdsWord(message.text, name); });
+  return names_.empty() || std::any_of(names_.begin(), names_.end(), [&](const std::string& name) {
+           return holdsWord(message.text, name);
+         });
 }
 
 bool Filter::accepts(const Message& message) const {
-  return message.time >= since && message.time <= until &&
-         (function.empty() || message.function == function) && namesModule(message);
+  return message.time >= since_ && message.time <= until_ &&
+         (function_.empty() || message.function == function_) && namesModule(message);
 }
 
 }  // namespace tracetool

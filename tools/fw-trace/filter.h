@@ -24,10 +24,10 @@ class Filter {
  private:
   bool namesModule(const Message& message) const;
 
-  std::set<std::string> names;  // of the module wanted; empty: any
-  std::string function;
-  std::int64_t since = std::numeric_limits<std::int64_t>::min();
-  std::int64_t until = std::numeric_limits<std::int64_t>::max();
+  std::set<std::string> names_;  // of the module wanted; empty: any
+  std::string function_;
+  std::int64_t since_ = std::numeric_limits<std::int64_t>::min();
+  std::int64_t until_ = std::numeric_limits<std::int64_t>::max();
 };
 
 }  // namespace tracetool

@@ -42,36 +42,42 @@ void putJson(const Report& report, const std::string& command) {
   document["ok"] = info.exitCode == 0;
   document["outcome"] = info.id;
   document["exitCode"] = info.exitCode;
-  if (!report.message.empty())
+  if (!report.message.empty()) {
     document["message"] = report.message;
+  }
   std::cout << tool::indented(document) << std::flush;
 }
 
 void putText(const Report& report) {
   std::cout << report.body << std::flush;
-  for (const Json::Value& line : report.details["skipped"])
+  for (const Json::Value& line : report.details["skipped"]) {
     std::cerr << tool::coloured("fw-trace: ", tool::Colour::Yellow, STDERR_FILENO) << line.asString() << '\n';
-  if (report.message.empty())
+  }
+  if (report.message.empty()) {
     return;
+  }
   const bool failed = report.outcome != Outcome::Ok;
   std::ostream& stream = failed ? std::cerr : std::cout;
-  if (failed)
+  if (failed) {
     stream << tool::coloured("fw-trace: ", tool::Colour::Red, STDERR_FILENO);
+  }
   stream << report.message << '\n';
 }
 
 int put(const Report& report, const std::string& command, bool json) {
-  if (json && !report.raw)
+  if (json && !report.raw) {
     putJson(report, command);
-  else
+  } else {
     putText(report);
+  }
   return std::cout.good() ? infoOf(report.outcome).exitCode : infoOf(Outcome::Unexpected).exitCode;
 }
 
 int perform(int argc, char** argv) {
   const auto parsed = parseCommandLine(argc, argv);
-  if (const auto* ended = std::get_if<Ended>(&parsed))
+  if (const auto* ended = std::get_if<Ended>(&parsed)) {
     return ended->usageError ? put(*ended->usageError, "", ended->json) : 0;
+  }
   const auto& options = std::get<Options>(parsed);
   return put(run(options), options.command->name, options.json);
 }
@@ -80,7 +86,7 @@ int perform(int argc, char** argv) {
 
 int main(int argc, char** argv) {
   try {
-    base::CleanStandardOutput();
+    base::cleanStandardOutput();
     return perform(argc, argv);
   } catch (const std::exception& error) {  // out of memory, as a rule
     std::cerr << "fw-trace: " << error.what() << std::endl;

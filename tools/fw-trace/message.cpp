@@ -10,13 +10,13 @@
 namespace tracetool {
 namespace {
 
-constexpr std::uint16_t variableSize = 0x3FFF;
-constexpr std::size_t maximumDirective = 16;
+constexpr std::uint16_t kVariableSize = 0x3FFF;
+constexpr std::size_t kMaximumDirective = 16;
 
 // Takes a text off the front of the payload: its length as a varint, then its bytes.
 Value takeText(std::string_view& payload, bool& whole) {
-  constexpr std::string_view nullText("\xFF\x7F", 2);
-  if (payload.substr(0, 2) == nullText) {
+  constexpr std::string_view kNullText("\xFF\x7F", 2);
+  if (payload.substr(0, 2) == kNullText) {
     payload.remove_prefix(2);
     return {Value::Kind::Null, 0, ""};
   }
@@ -76,17 +76,20 @@ std::string asText(const Value& value) {
 // Width and flags come from the file: they are held down to what a message needs.
 bool isModest(std::string_view directive) {
   std::size_t digits = 0;
-  for (const char c : directive)
+  for (const char c : directive) {
     digits = c >= '0' && c <= '9' ? digits + 1 : digits;
-  return directive.size() < maximumDirective && digits <= 3 &&
+  }
+  return directive.size() < kMaximumDirective && digits <= 3 &&
          directive.find_first_not_of("-+ #0123456789.hl") == std::string_view::npos;
 }
 
 std::string withoutLength(std::string_view directive) {
   std::string kept;
-  for (const char c : directive)
-    if (c != 'h' && c != 'l')
+  for (const char c : directive) {
+    if (c != 'h' && c != 'l') {
       kept += c;
+    }
+  }
   return kept;
 }
 
@@ -98,8 +101,9 @@ std::string printNumber(const std::string& directive, char conversion, std::uint
 }
 
 std::string printText(const std::string& directive, const std::string& value) {
-  if (directive.empty())
+  if (directive.empty()) {
     return value;
+  }
   const std::string format = "%" + directive + "s";
   std::string text(value.size() + 1100, '\0');
   const int length = std::snprintf(text.data(), text.size(), format.c_str(), value.c_str());
@@ -109,25 +113,29 @@ std::string printText(const std::string& directive, const std::string& value) {
 
 // One conversion without its '%'; directive is what stands before the letter.
 std::string print(std::string_view directive, char conversion, const Value& value) {
-  if (!isModest(directive))
+  if (!isModest(directive)) {
     return asText(value);
+  }
   const std::string plain = withoutLength(directive);
   const bool number = std::strchr("diuxXoc", conversion) != nullptr;
-  if (number && value.kind == Value::Kind::Number)
+  if (number && value.kind == Value::Kind::Number) {
     return printNumber(plain, conversion, value.number);
-  if (conversion == 's' && value.kind == Value::Kind::Text)
+  }
+  if (conversion == 's' && value.kind == Value::Kind::Text) {
     return printText(plain, value.text);
+  }
   return asText(value);
 }
 
 // The library writes the error number in front of its text; the text itself is in
 // no record.
 std::string errorText(std::string_view before, const std::vector<Value>& values, std::size_t used) {
-  constexpr std::string_view number = "%d:";
+  constexpr std::string_view kNumber = "%d:";
   const bool stands =
-      before.size() >= number.size() && before.substr(before.size() - number.size()) == number;
-  if (stands && used > 0 && used <= values.size() && values[used - 1].kind == Value::Kind::Number)
+      before.size() >= kNumber.size() && before.substr(before.size() - kNumber.size()) == kNumber;
+  if (stands && used > 0 && used <= values.size() && values[used - 1].kind == Value::Kind::Number) {
     return std::strerror(static_cast<int>(values[used - 1].number));
+  }
   return "<error text not kept>";
 }
 
@@ -137,8 +145,9 @@ using Locations = std::map<std::uint32_t, Location>;
 std::size_t bytesOf(const Message& message) {
   std::size_t bytes = message.text.size() + message.format.size() + message.function.size() +
                       message.file.size() + message.values.size() * sizeof(Value);
-  for (const Value& value : message.values)
+  for (const Value& value : message.values) {
     bytes += value.text.size();
+  }
   return bytes;
 }
 
@@ -148,9 +157,10 @@ std::vector<Value> decode(const Location& location, const std::string& payload, 
   std::string_view rest = payload;
   std::vector<Value> values;
   for (const ArgumentType& type : location.arguments) {
-    values.push_back(type.size == variableSize ? takeText(rest, whole) : takeFixed(rest, type.size, whole));
-    if (!whole)
+    values.push_back(type.size == kVariableSize ? takeText(rest, whole) : takeFixed(rest, type.size, whole));
+    if (!whole) {
       break;
+    }
   }
   whole = whole && rest.empty();
   return values;
@@ -164,16 +174,18 @@ std::string render(const std::string& format, const std::vector<Value>& values) 
   for (std::size_t percent = all.find('%'); percent != std::string_view::npos; percent = all.find('%', at)) {
     text += all.substr(at, percent - at);
     const std::size_t letter = all.find_first_not_of("-+ #0123456789.hl", percent + 1);
-    if (letter == std::string_view::npos)
+    if (letter == std::string_view::npos) {
       return text.append(all.substr(percent));
-    if (all[letter] == '%')
+    }
+    if (all[letter] == '%') {
       text += '%';
-    else if (all[letter] == 'm')
+    } else if (all[letter] == 'm') {
       text += errorText(all.substr(0, percent), values, used);
-    else if (used < values.size())
+    } else if (used < values.size()) {
       text += print(all.substr(percent + 1, letter - percent - 1), all[letter], values[used++]);
-    else
+    } else {
       text += "<missing>";
+    }
     at = letter + 1;
   }
   return text.append(all.substr(at));
@@ -212,8 +224,9 @@ std::vector<Message> messagesOf(Trace& trace, MessageRoom& room) {
   std::size_t damaged = 0;
   std::size_t leftOut = 0;
   for (const Record& record : trace.records) {
-    if (record.kind == fwplatform::trace::kThreadBegins || record.kind == fwplatform::trace::kThreadEnds)
+    if (record.kind == fwplatform::trace::ThreadBegins || record.kind == fwplatform::trace::ThreadEnds) {
       continue;
+    }
     if (room.messages == 0 || room.bytes == 0) {
       ++leftOut;
       continue;
@@ -224,20 +237,24 @@ std::vector<Message> messagesOf(Trace& trace, MessageRoom& room) {
     --room.messages;
     room.bytes -= std::min(room.bytes, bytesOf(messages.back()));
   }
-  if (damaged != 0)
+  if (damaged != 0) {
     trace.skipped.push_back(std::to_string(damaged) +
                             " messages have arguments that do not fit their place.");
-  if (leftOut != 0)
+  }
+  if (leftOut != 0) {
     trace.skipped.push_back(std::to_string(leftOut) +
                             " messages are more than fit into memory and are left out; name fewer traces.");
+  }
   return messages;
 }
 
 std::map<std::uint32_t, std::string> threadNames(const Trace& trace) {
   std::map<std::uint32_t, std::string> names;
-  for (const Record& record : trace.records)
-    if (record.kind == fwplatform::trace::kThreadBegins || record.kind == fwplatform::trace::kThreadEnds)
+  for (const Record& record : trace.records) {
+    if (record.kind == fwplatform::trace::ThreadBegins || record.kind == fwplatform::trace::ThreadEnds) {
       names[record.threadId] = record.payload;
+    }
+  }
   return names;
 }
 

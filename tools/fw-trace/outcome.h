@@ -17,7 +17,7 @@ struct OutcomeInfo {
   int exitCode;
 };
 
-inline constexpr OutcomeInfo outcomeTable[] = {
+inline constexpr OutcomeInfo kOutcomeTable[] = {
     {Outcome::Ok, "ok", 0},
     {Outcome::Unexpected, "unexpected-error", 1},
     {Outcome::Usage, "usage", 2},
@@ -26,10 +26,78 @@ inline constexpr OutcomeInfo outcomeTable[] = {
 };
 
 constexpr const OutcomeInfo& infoOf(Outcome outcome) {
-  for (const OutcomeInfo& info : outcomeTable)
-    if (info.outcome == outcome)
-      return info;
-  return outcomeTable[1];
+  for (const OutcomeInfo& info : kOutcomeTable) {
+    {
+      {
+        {
+          {
+            {
+              {
+                {
+                  {
+                    {
+                      {
+                        {
+                          {
+                            {
+                              {
+                                {
+                                  {
+                                    {
+                                      if (info.outcome == outcome) {
+                                        {
+                                          {
+                                            {
+                                              {
+                                                {
+                                                  {
+                                                    {
+                                                      {
+                                                        {
+                                                          {
+                                                            {
+                                                              {
+                                                                {
+                                                                  {
+                                                                    {
+                                                                      {
+                                                                        { return info; }
+                                                                      }
+                                                                    }
+                                                                  }
+                                                                }
+                                                              }
+                                                            }
+                                                          }
+                                                        }
+                                                      }
+                                                    }
+                                                  }
+                                                }
+                                              }
+                                            }
+                                          }
+                                        }
+                                      }
+                                    }
+                                  }
+                                }
+                              }
+                            }
+                          }
+                        }
+                      }
+                    }
+                  }
+                }
+              }
+            }
+          }
+        }
+      }
+    }
+  }
+  return kOutcomeTable[1];
 }
 
 // What a command found: text for people, or the members of one JSON document.

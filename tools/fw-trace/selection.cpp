@@ -18,8 +18,9 @@ Report failure(Outcome outcome, const std::string& message) {
 
 // A named trace: every file of the process, or the one file.
 std::vector<TraceFile> named(const std::string& name, const std::vector<TraceFile>& all) {
-  if (!isProcessId(name))
+  if (!isProcessId(name)) {
     return {loadTrace(name)};
+  }
   std::vector<TraceFile> files;
   std::copy_if(all.begin(), all.end(), std::back_inserter(files), [&name](const TraceFile& file) {
     return file.problem.empty() && std::to_string(file.trace.processId) == name;
@@ -33,10 +34,11 @@ Selection selectNamed(const Options& options) {
   const std::vector<TraceFile> all = loadTraces(options.directory, ignored);
   for (const std::string& name : options.traces) {
     auto files = named(name, all);
-    if (files.empty())
+    if (files.empty()) {
       selection.problem = failure(Outcome::NothingFound, "There is no trace of process " + name + ".");
-    else if (files.size() == 1 && !files.front().problem.empty())
+    } else if (files.size() == 1 && !files.front().problem.empty()) {
       selection.problem = failure(Outcome::Unreadable, name + ": " + files.front().problem);
+    }
     std::move(files.begin(), files.end(), std::back_inserter(selection.files));
   }
   return selection;
@@ -45,24 +47,28 @@ Selection selectNamed(const Options& options) {
 }  // namespace
 
 Selection selectTraces(const Options& options) {
-  if (!options.traces.empty())
+  if (!options.traces.empty()) {
     return selectNamed(options);
+  }
   Selection selection;
   std::string problem;
   selection.files = loadTraces(options.directory, problem);
-  if (!problem.empty())
+  if (!problem.empty()) {
     selection.problem = failure(Outcome::Unreadable, options.directory + " cannot be read: " + problem + ".");
-  else if (selection.files.empty())
+  } else if (selection.files.empty()) {
     selection.problem = failure(Outcome::NothingFound, "There are no traces in " + options.directory + ".");
+  }
   return selection;
 }
 
 std::vector<Entry> entriesOf(std::vector<TraceFile>& files) {
   std::vector<Entry> entries;
   MessageRoom room;
-  for (TraceFile& file : files)
-    for (Message& message : messagesOf(file.trace, room))
+  for (TraceFile& file : files) {
+    for (Message& message : messagesOf(file.trace, room)) {
       entries.push_back({&file, std::move(message)});
+    }
+  }
   std::stable_sort(entries.begin(), entries.end(),
                    [](const Entry& a, const Entry& b) { return a.message.time < b.message.time; });
   return entries;
@@ -71,13 +77,16 @@ std::vector<Entry> entriesOf(std::vector<TraceFile>& files) {
 std::vector<std::string> skippedOf(const std::vector<TraceFile>& files) {
   std::vector<std::string> lines;
   for (const TraceFile& file : files) {
-    if (!file.problem.empty())
+    if (!file.problem.empty()) {
       lines.push_back(file.path + ": " + file.problem);
-    for (const std::string& note : file.trace.skipped)
+    }
+    for (const std::string& note : file.trace.skipped) {
       lines.push_back(file.path + ": " + note);
-    if (file.trace.dropped != 0)
+    }
+    if (file.trace.dropped != 0) {
       lines.push_back(file.path + ": " + std::to_string(file.trace.dropped) +
                       " messages found no room and were not recorded.");
+    }
   }
   return lines;
 }

@@ -7,7 +7,7 @@
 namespace tracetool {
 namespace {
 
-constexpr std::int64_t second = 1000000000;
+constexpr std::int64_t kSecond = 1000000000;
 
 struct Moment {
   std::tm local;
@@ -15,10 +15,10 @@ struct Moment {
 };
 
 Moment momentOf(std::int64_t nanoseconds) {
-  std::int64_t fraction = nanoseconds % second;
-  std::int64_t seconds = nanoseconds / second;
+  std::int64_t fraction = nanoseconds % kSecond;
+  std::int64_t seconds = nanoseconds / kSecond;
   if (fraction < 0) {
-    fraction += second;
+    fraction += kSecond;
     --seconds;
   }
   const auto time = static_cast<std::time_t>(seconds);
@@ -29,9 +29,9 @@ Moment momentOf(std::int64_t nanoseconds) {
 }
 
 bool matches(const std::string& text, std::smatch& parts) {
-  static const std::regex shape(
+  static const std::regex kShape(
       R"((?:(\d{4})-(\d\d)-(\d\d)[T ])?([01]\d|2[0-3]):([0-5]\d)(?::([0-5]\d)(?:\.(\d{1,9}))?)?)");
-  return std::regex_match(text, parts, shape);
+  return std::regex_match(text, parts, kShape);
 }
 
 int number(const std::ssub_match& part) {
@@ -47,8 +47,9 @@ bool isTimeText(const std::string& text) {
 
 std::optional<std::int64_t> parseTime(const std::string& text, std::int64_t dayOf) {
   std::smatch parts;
-  if (!matches(text, parts))
+  if (!matches(text, parts)) {
     return std::nullopt;
+  }
   std::tm time = momentOf(dayOf).local;
   if (parts[1].matched) {
     time.tm_year = number(parts[1]) - 1900;
@@ -60,7 +61,7 @@ std::optional<std::int64_t> parseTime(const std::string& text, std::int64_t dayO
   time.tm_sec = number(parts[6]);
   time.tm_isdst = -1;
   const std::string fraction = (parts[7].str() + "000000000").substr(0, 9);
-  return static_cast<std::int64_t>(std::mktime(&time)) * second + std::stoll(fraction);
+  return static_cast<std::int64_t>(std::mktime(&time)) * kSecond + std::stoll(fraction);
 }
 
 std::string dayAndTime(std::int64_t nanoseconds) {
@@ -81,12 +82,13 @@ std::string timeOfDay(std::int64_t nanoseconds) {
 std::string spanText(std::int64_t nanoseconds) {
   char text[48];
   const auto span = static_cast<double>(nanoseconds);
-  if (nanoseconds >= second)
+  if (nanoseconds >= kSecond) {
     std::snprintf(text, sizeof text, "%.2f s", span / 1e9);
-  else if (nanoseconds >= 1000000)
+  } else if (nanoseconds >= 1000000) {
     std::snprintf(text, sizeof text, "%.1f ms", span / 1e6);
-  else
+  } else {
     std::snprintf(text, sizeof text, "%.0f us", span / 1e3);
+  }
   return text;
 }
 

@@ -25,7 +25,7 @@ bool endsWith(const std::string& text, const std::string& end) {
 // Goes through the messages of one process and keeps what is under way.
 class Walk {
  public:
-  Walk(const TraceFile& traced, std::vector<Update>& all) : file(traced), updates(all) {}
+  Walk(const TraceFile& traced, std::vector<Update>& all) : file_(traced), updates_(all) {}
 
   void take(const Message& message);
   void finish(std::int64_t last);
@@ -37,7 +37,7 @@ class Walk {
     std::size_t values;
     Handler handler;
   };
-  static const Step steps[];
+  static const Step kSteps[];
 
   void onNeedTry(const Message& message);
   void onUpdateTime(const Message& message);
@@ -60,61 +60,63 @@ class Walk {
   void close(Update& update, std::uint32_t thread, std::int64_t time);
   void leaveModule(const Message& message, Result result, const std::string& reason);
 
-  const TraceFile& file;
-  std::vector<Update>& updates;
-  std::map<std::uint32_t, Check> checks;         // by thread
-  std::map<std::uint32_t, std::size_t> current;  // by thread: asking or working
-  std::set<std::size_t> openUpdates;
+  const TraceFile& file_;
+  std::vector<Update>& updates_;
+  std::map<std::uint32_t, Check> checks_;         // by thread
+  std::map<std::uint32_t, std::size_t> current_;  // by thread: asking or working
+  std::set<std::size_t> openUpdates_;
 };
 
-const Walk::Step Walk::steps[] = {
-    {known::needTry, 2, &Walk::onNeedTry},
-    {known::updateTime, 2, &Walk::onUpdateTime},
-    {known::updateTry, 1, &Walk::onUpdateTry},
-    {known::updateStart, 1, &Walk::onUpdateStart},
-    {known::updateSucceeded, 1, &Walk::onSucceeded},
-    {known::doUpdateFail, 3, &Walk::onFailed},
-    {known::runProcessTry, 1, &Walk::onRunProcess},
-    {known::runProcessFail, 2, &Walk::onFailed},
-    {known::requestEnds, 3, &Walk::onRequestEnds},
-    {known::notNeeded, 2, &Walk::onNotNeeded},
-    {known::noLongerNeeded, 1, &Walk::onNoLongerNeeded},
-    {known::timedOutText, 1, &Walk::onMaybeTimedOut},
+const Walk::Step Walk::kSteps[] = {
+    {known::kNeedTry, 2, &Walk::onNeedTry},
+    {known::kUpdateTime, 2, &Walk::onUpdateTime},
+    {known::kUpdateTry, 1, &Walk::onUpdateTry},
+    {known::kUpdateStart, 1, &Walk::onUpdateStart},
+    {known::kUpdateSucceeded, 1, &Walk::onSucceeded},
+    {known::kDoUpdateFail, 3, &Walk::onFailed},
+    {known::kRunProcessTry, 1, &Walk::onRunProcess},
+    {known::kRunProcessFail, 2, &Walk::onFailed},
+    {known::kRequestEnds, 3, &Walk::onRequestEnds},
+    {known::kNotNeeded, 2, &Walk::onNotNeeded},
+    {known::kNoLongerNeeded, 1, &Walk::onNoLongerNeeded},
+    {known::kTimedOutText, 1, &Walk::onMaybeTimedOut},
 };
 
 void Walk::take(const Message& message) {
-  const auto* const step = std::find_if(std::begin(steps), std::end(steps), [&message](const Step& known) {
+  const auto* const step = std::find_if(std::begin(kSteps), std::end(kSteps), [&message](const Step& known) {
     return message.format == known.format && message.values.size() == known.values;
   });
-  if (step != std::end(steps))
+  if (step != std::end(kSteps)) {
     (this->*step->handler)(message);
-  else if (message.format.rfind("Error", 0) == 0)
+  } else if (message.format.rfind("Error", 0) == 0) {
     onError(message);
+  }
 }
 
 Update& Walk::begin(const Message& message, const std::string& firmware) {
   Update update;
-  update.file = &file;
+  update.file = &file_;
   update.firmware = firmware;
   update.threadId = message.threadId;
   update.span = {message.time, message.time};
-  const auto check = checks.find(message.threadId);
+  const auto check = checks_.find(message.threadId);
   // In an update of all the check was long ago and is no part of it.
-  if (check != checks.end() && check->second.firmware == firmware) {
+  if (check != checks_.end() && check->second.firmware == firmware) {
     update.module = check->second.module;
     update.span.begin = check->second.begin;
     update.stages.push_back({Stage::Check, message.threadId, {check->second.begin, message.time}});
-    checks.erase(check);
+    checks_.erase(check);
   }
-  updates.push_back(std::move(update));
-  current[message.threadId] = updates.size() - 1;
-  openUpdates.insert(updates.size() - 1);
-  return updates.back();
+  updates_.push_back(std::move(update));
+  current_[message.threadId] = updates_.size() - 1;
+  openUpdates_.insert(updates_.size() - 1);
+  return updates_.back();
 }
 
 Update* Walk::ofThread(std::uint32_t thread) {
-  const auto found = current.find(thread);
-  return found == current.end() || openUpdates.count(found->second) == 0 ? nullptr : &updates[found->second];
+  const auto found = current_.find(thread);
+  return found == current_.end() || openUpdates_.count(found->second) == 0 ? nullptr
+                                                                           : &updates_[found->second];
 }
 
 bool isOpen(const StageSpan& stage) {
@@ -123,11 +125,12 @@ bool isOpen(const StageSpan& stage) {
 
 // The request that this firmware's worker belongs to.
 Update* Walk::waitingFor(const std::string& firmware) {
-  for (const std::size_t index : openUpdates) {
-    Update& update = updates[index];
+  for (const std::size_t index : openUpdates_) {
+    Update& update = updates_[index];
     if (update.firmware == firmware && !update.stages.empty() && isOpen(update.stages.back()) &&
-        update.stages.back().stage == Stage::WaitForLock)
+        update.stages.back().stage == Stage::WaitForLock) {
       return &update;
+    }
   }
   return nullptr;
 }
@@ -138,64 +141,74 @@ void Walk::open(Update& update, Stage stage, const Message& message) {
 }
 
 void Walk::close(Update& update, std::uint32_t thread, std::int64_t time) {
-  for (StageSpan& stage : update.stages)
-    if (stage.threadId == thread && isOpen(stage))
+  for (StageSpan& stage : update.stages) {
+    if (stage.threadId == thread && isOpen(stage)) {
       stage.span.end = time;
+    }
+  }
 }
 
 void Walk::end(Update& update, std::int64_t time, Result result, const std::string& reason) {
   update.span.end = time;
-  if (update.result == Result::Running)
+  if (update.result == Result::Running) {
     update.result = result;
-  if (update.reason.empty() && update.result != Result::Updated)
+  }
+  if (update.reason.empty() && update.result != Result::Updated) {
     update.reason = reason;
-  const auto index = static_cast<std::size_t>(&update - updates.data());
-  openUpdates.erase(index);
+  }
+  const auto index = static_cast<std::size_t>(&update - updates_.data());
+  openUpdates_.erase(index);
 }
 
 void Walk::onNeedTry(const Message& message) {
-  checks[message.threadId] = {message.values[0].text, message.values[1].text, message.time, "", false};
+  checks_[message.threadId] = {message.values[0].text, message.values[1].text, message.time, "", false};
 }
 
 void Walk::onUpdateTime(const Message& message) {
   Update* const before = ofThread(message.threadId);
   // In an update of all nothing says that the module before is done.
-  if (before != nullptr)
+  if (before != nullptr) {
     end(*before, message.time, Result::Refused, "");
+  }
   open(begin(message, message.values[0].text), Stage::WaitForLock, message);
 }
 
 void Walk::onUpdateTry(const Message& message) {
   const std::string& firmware = message.values[0].text;
   Update* update = waitingFor(firmware);
-  if (update == nullptr)
+  if (update == nullptr) {
     update = &begin(message, firmware);
+  }
   close(*update, update->threadId, message.time);
-  current[message.threadId] = static_cast<std::size_t>(update - updates.data());
+  current_[message.threadId] = static_cast<std::size_t>(update - updates_.data());
   open(*update, Stage::Prepare, message);
 }
 
 void Walk::onUpdateStart(const Message& message) {
   Update* update = ofThread(message.threadId);
   // A package from a USB drive begins with this message.
-  if (update == nullptr)
+  if (update == nullptr) {
     update = &begin(message, message.values[0].text);
+  }
   close(*update, message.threadId, message.time);
   open(*update, Stage::InModule, message);
 }
 
 void Walk::leaveModule(const Message& message, Result result, const std::string& reason) {
-  const auto found = current.find(message.threadId);
-  if (found == current.end())
+  const auto found = current_.find(message.threadId);
+  if (found == current_.end()) {
     return;
-  Update& update = updates[found->second];
+  }
+  Update& update = updates_[found->second];
   // After a time-out the module's end still counts for the time spent in it.
   close(update, message.threadId, message.time);
   update.span.end = std::max(update.span.end, message.time);
-  if (update.result == Result::Running)
+  if (update.result == Result::Running) {
     update.result = result;
-  if (update.reason.empty())
+  }
+  if (update.reason.empty()) {
     update.reason = reason;
+  }
 }
 
 void Walk::onSucceeded(const Message& message) {
@@ -211,23 +224,25 @@ void Walk::onRunProcess(const Message& message) {
 }
 
 void Walk::onNotNeeded(const Message& message) {
-  const auto check = checks.find(message.threadId);
-  if (check != checks.end()) {
+  const auto check = checks_.find(message.threadId);
+  if (check != checks_.end()) {
     check->second.notNeeded = true;
     check->second.reason = message.text;
   }
 }
 
 void Walk::onNoLongerNeeded(const Message& message) {
-  if (ofThread(message.threadId) != nullptr)
+  if (ofThread(message.threadId) != nullptr) {
     leaveModule(message, Result::NotNeeded, message.text);
+  }
 }
 
 void Walk::onMaybeTimedOut(const Message& message) {
   Update* const update = ofThread(message.threadId);
-  if (update == nullptr || message.function != known::timedOutFunction ||
-      !endsWith(message.text, known::timedOutSuffix))
+  if (update == nullptr || message.function != known::kTimedOutFunction ||
+      !endsWith(message.text, known::kTimedOutSuffix)) {
     return;
+  }
   close(*update, message.threadId, message.time);
   update->result = update->result == Result::Running ? Result::TimedOut : update->result;
   update->reason = message.text;
@@ -236,14 +251,15 @@ void Walk::onMaybeTimedOut(const Message& message) {
 
 // The first reason counts for a request, the worker's as well as the check's.
 void Walk::onError(const Message& message) {
-  const auto check = checks.find(message.threadId);
+  const auto check = checks_.find(message.threadId);
   Update* const update = ofThread(message.threadId);
-  std::string* const reason = check != checks.end() ? &check->second.reason
-                              : update != nullptr   ? &update->reason
-                                                    : nullptr;
-  if (reason != nullptr && reason->empty())
+  std::string* const reason = check != checks_.end() ? &check->second.reason
+                              : update != nullptr    ? &update->reason
+                                                     : nullptr;
+  if (reason != nullptr && reason->empty()) {
     *reason = message.text;
-  if (update != nullptr && check == checks.end() && update->threadId != message.threadId &&
+  }
+  if (update != nullptr && check == checks_.end() && update->threadId != message.threadId &&
       update->result == Result::Running) {
     close(*update, message.threadId, message.time);
     update->result = Result::Refused;
@@ -257,8 +273,8 @@ void Walk::onRequestEnds(const Message& message) {
   std::string reason;
   if (update == nullptr) {
     // It never came to an update: the check refused, or there is no such module.
-    const auto check = checks.find(message.threadId);
-    const bool checked = check != checks.end() && check->second.module == message.values[2].text;
+    const auto check = checks_.find(message.threadId);
+    const bool checked = check != checks_.end() && check->second.module == message.values[2].text;
     result = checked && check->second.notNeeded ? Result::NotNeeded : Result::Refused;
     reason = checked ? check->second.reason : "";
     update = &begin(message, checked ? check->second.firmware : "");
@@ -267,60 +283,73 @@ void Walk::onRequestEnds(const Message& message) {
   update->caller = static_cast<int>(message.values[0].number);
   close(*update, message.threadId, message.time);
   end(*update, message.time, result, reason);
-  checks.erase(message.threadId);
+  checks_.erase(message.threadId);
 }
 
 // What no message ended: it runs, or its process is gone.
 void Walk::finish(std::int64_t last) {
-  for (const std::size_t index : openUpdates) {
-    Update& update = updates[index];
+  for (const std::size_t index : openUpdates_) {
+    Update& update = updates_[index];
     update.span.end = std::max(update.span.end, update.result == Result::Running ? last : update.span.end);
-    if (update.result == Result::Running)
-      update.result = file.alive ? Result::Running : Result::Interrupted;
+    if (update.result == Result::Running) {
+      update.result = file_.alive ? Result::Running : Result::Interrupted;
+    }
   }
-  for (Update& update : updates)
-    for (StageSpan& stage : update.stages)
-      if (update.file == &file && isOpen(stage))
+  for (Update& update : updates_) {
+    for (StageSpan& stage : update.stages) {
+      if (update.file == &file_ && isOpen(stage)) {
         stage.span.end = std::max(stage.span.begin, last);
+      }
+    }
+  }
 }
 
 // The library names of firmware, from the checks of the whole timeline.
 void nameModules(Timeline& timeline) {
   std::map<std::string, std::string> modules;
-  for (const Entry& entry : timeline.entries)
-    if (entry.message.format == known::needTry && entry.message.values.size() == 2)
+  for (const Entry& entry : timeline.entries) {
+    if (entry.message.format == known::kNeedTry && entry.message.values.size() == 2) {
       modules[entry.message.values[1].text] = entry.message.values[0].text;
-  for (Update& update : timeline.updates)
-    if (update.module.empty() && modules.count(update.firmware) > 0)
+    }
+  }
+  for (Update& update : timeline.updates) {
+    if (update.module.empty() && modules.count(update.firmware) > 0) {
       update.module = modules[update.firmware];
+    }
+  }
 }
 
 // A worker takes the firmware's name, which no record tells while it lives.
 void nameWorkers(Timeline& timeline) {
-  for (const Update& update : timeline.updates)
-    for (const StageSpan& stage : update.stages)
-      if (stage.threadId != update.threadId && !update.firmware.empty())
+  for (const Update& update : timeline.updates) {
+    for (const StageSpan& stage : update.stages) {
+      if (stage.threadId != update.threadId && !update.firmware.empty()) {
         timeline.threadNames[{update.file, stage.threadId}] = update.firmware;
+      }
+    }
+  }
 }
 
 }  // namespace
 
 const char* nameOf(Result result) {
-  constexpr const char* names[] = {"updated",   "not needed", "refused",    "module failed",
-                                   "timed out", "running",    "interrupted"};
-  return names[static_cast<std::size_t>(result)];
+  constexpr const char* kNames[] = {"updated",   "not needed", "refused",    "module failed",
+                                    "timed out", "running",    "interrupted"};
+  return kNames[static_cast<std::size_t>(result)];
 }
 
 const char* nameOf(Stage stage) {
-  constexpr const char* names[] = {"check", "wait for the lock", "prepare, CRC", "in the module"};
-  return names[static_cast<std::size_t>(stage)];
+  constexpr const char* kNames[] = {"check", "wait for the lock", "prepare, CRC", "in the module"};
+  return kNames[static_cast<std::size_t>(stage)];
 }
 
 std::optional<std::int64_t> Update::timeIn(Stage stage) const {
   std::optional<std::int64_t> total;
-  for (const StageSpan& part : stages)
-    if (part.stage == stage)
+  for (const StageSpan& part : stages) {
+    if (part.stage == stage) {
       total = total.value_or(0) + part.span.length();
+    }
+  }
   return total;
 }
 
@@ -335,10 +364,12 @@ Timeline timelineOf(std::vector<TraceFile>& files) {
       last = message.time;
       timeline.entries.push_back({&file, std::move(message)});
     }
-    if (last)
+    if (last) {
       walk.finish(*last);
-    for (const auto& [id, name] : threadNames(file.trace))
+    }
+    for (const auto& [id, name] : threadNames(file.trace)) {
       timeline.threadNames[{&file, id}] = name;
+    }
   }
   nameModules(timeline);
   nameWorkers(timeline);

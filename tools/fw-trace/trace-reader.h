@@ -13,7 +13,7 @@
 namespace tracetool {
 
 // Of one trace; the newest are taken.
-inline constexpr std::size_t maximumRecords = 1000000;
+inline constexpr std::size_t kMaximumRecords = 1000000;
 
 struct ArgumentType {
   std::string name;

@@ -21,18 +21,20 @@ using namespace fwplatform::trace;
 namespace fs = std::filesystem;
 
 // What the largest settings of a process with sixteen threads come to.
-constexpr std::uint64_t largestFile = std::uint64_t{256} << 20;
-constexpr std::uint64_t largestTotal = largestFile;  // of all files of a directory that are read at once
+constexpr std::uint64_t kLargestFile = std::uint64_t{256} << 20;
+constexpr std::uint64_t kLargestTotal = kLargestFile;  // of all files of a directory that are read at once
 
 // As many of the bytes as the file has.
 std::size_t readAt(int fd, char* to, std::size_t size, std::uint64_t offset) {
   std::size_t done = 0;
   while (done < size) {
     const ssize_t count = pread(fd, to + done, size - done, static_cast<off_t>(offset + done));
-    if (count < 0 && errno == EINTR)
+    if (count < 0 && errno == EINTR) {
       continue;
-    if (count <= 0)
+    }
+    if (count <= 0) {
       break;
+    }
     done += static_cast<std::size_t>(count);
   }
   return done;
@@ -40,8 +42,9 @@ std::size_t readAt(int fd, char* to, std::size_t size, std::uint64_t offset) {
 
 std::optional<ChunkHeader> chunkAt(int fd, std::uint64_t offset) {
   ChunkHeader chunk = {};
-  if (readAt(fd, reinterpret_cast<char*>(&chunk), sizeof chunk, offset) != sizeof chunk)
+  if (readAt(fd, reinterpret_cast<char*>(&chunk), sizeof chunk, offset) != sizeof chunk) {
     return std::nullopt;
+  }
   return chunk;
 }
 
@@ -49,8 +52,9 @@ std::optional<ChunkHeader> chunkAt(int fd, std::uint64_t offset) {
 // the copy and the beginning from after it.
 void settleRing(int fd, std::string& bytes, std::uint64_t offset, const ChunkHeader& before) {
   const auto after = chunkAt(fd, offset);
-  if (!after || offset + sizeof before > bytes.size())
+  if (!after || offset + sizeof before > bytes.size()) {
     return;
+  }
   ChunkHeader settled = before;
   settled.tail = std::min(after->tail, settled.head);
   std::memcpy(bytes.data() + offset, &settled, sizeof settled);
@@ -64,8 +68,9 @@ std::string copyOf(int fd, std::uint64_t size) {
     const bool sound = chunk && chunk->magic == kChunkMagic && chunk->size >= sizeof *chunk;
     const std::uint64_t step = std::min(sound ? chunk->size : kUnit - offset % kUnit, size - offset);
     readAt(fd, bytes.data() + offset, static_cast<std::size_t>(step), offset);
-    if (sound && chunk->kind == kRingChunk)
+    if (sound && chunk->kind == RingChunk) {
       settleRing(fd, bytes, offset, *chunk);
+    }
     offset += step;
   }
   return bytes;
@@ -83,11 +88,12 @@ std::vector<Found> tracesIn(const std::string& directory, std::string& problem) 
   std::error_code error;
   for (fs::directory_iterator at(directory, error), end; !error && at != end; at.increment(error)) {
     struct stat status = {};
-    if (at->path().extension() == kFileSuffix && stat(at->path().c_str(), &status) == 0)
+    if (at->path().extension() == kFileSuffix && stat(at->path().c_str(), &status) == 0) {
       found.push_back({at->path().string(), static_cast<std::uint64_t>(status.st_size),
                        std::int64_t{status.st_mtim.tv_sec} * 1000000000 + status.st_mtim.tv_nsec});
-    else if (at->path().extension() == kFileSuffix)
+    } else if (at->path().extension() == kFileSuffix) {
       found.push_back({at->path().string(), 0, 0});
+    }
   }
   problem = error ? error.message() : "";
   std::sort(found.begin(), found.end(), [](const Found& a, const Found& b) {
@@ -120,12 +126,12 @@ TraceFile loadTrace(const std::string& path) {
     return file;
   }
   file.bytes = static_cast<std::uint64_t>(status.st_size);
-  if (file.bytes > largestFile) {
+  if (file.bytes > kLargestFile) {
     file.problem = "The file is too large for a trace: more than 256 MiB.";
     return file;
   }
   // An empty file is not asked: its process is about to take the lock.
-  file.alive = file.bytes > 0 && IsOfLiveProcess(fd.get());
+  file.alive = file.bytes > 0 && isOfLiveProcess(fd.get());
   ReadResult read = readTrace(copyOf(fd.get(), file.bytes));
   file.problem = read.problem;
   file.trace = std::move(read.trace);
@@ -138,10 +144,11 @@ std::vector<TraceFile> loadTraces(const std::string& directory, std::string& pro
   for (const Found& found : tracesIn(directory, problem)) {
     total += found.bytes;
     // One that is too large on its own says so itself.
-    const bool fits = total <= largestTotal || found.bytes > largestFile;
+    const bool fits = total <= kLargestTotal || found.bytes > kLargestFile;
     files.push_back(fits ? loadTrace(found.path) : leftOut(found));
-    if (!fits || !files.back().problem.empty())
+    if (!fits || !files.back().problem.empty()) {
       total -= found.bytes;
+    }
   }
   std::sort(files.begin(), files.end(), [](const TraceFile& a, const TraceFile& b) {
     return a.trace.start != b.trace.start ? a.trace.start < b.trace.start : a.path < b.path;

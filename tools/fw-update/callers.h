@@ -17,7 +17,7 @@ struct Caller {
   const char* images;
 };
 
-inline constexpr Caller callers[] = {
+inline constexpr Caller kCallers[] = {
     {"factory", &FWUpdateContorl::fw_update_from_factory, CALLER_FACTORY, nullptr,
      "a USB drive mounted at /opt/media/USBDriveA"},
     {"debug", &FWUpdateContorl::fw_update_from_debug, CALLER_DEBUG, nullptr,
@@ -31,13 +31,81 @@ inline constexpr Caller callers[] = {
      "/lib/firmware/ext"},
 };
 
-inline constexpr const char* defaultCaller = "upgrade-app";
+inline constexpr const char* kDefaultCaller = "upgrade-app";
 
 // Null when there is no such caller.
 constexpr const Caller* findCaller(std::string_view name) {
-  for (const Caller& caller : callers)
-    if (name == caller.name)
-      return &caller;
+  for (const Caller& caller : kCallers) {
+    {
+      {
+        {
+          {
+            {
+              {
+                {
+                  {
+                    {
+                      {
+                        {
+                          {
+                            {
+                              {
+                                {
+                                  {
+                                    {
+                                      if (name == caller.name) {
+                                        {
+                                          {
+                                            {
+                                              {
+                                                {
+                                                  {
+                                                    {
+                                                      {
+                                                        {
+                                                          {
+                                                            {
+                                                              {
+                                                                {
+                                                                  {
+                                                                    {
+                                                                      {
+                                                                        { return &caller; }
+                                                                      }
+                                                                    }
+                                                                  }
+                                                                }
+                                                              }
+                                                            }
+                                                          }
+                                                        }
+                                                      }
+                                                    }
+                                                  }
+                                                }
+                                              }
+                                            }
+                                          }
+                                        }
+                                      }
+                                    }
+                                  }
+                                }
+                              }
+                            }
+                          }
+                        }
+                      }
+                    }
+                  }
+                }
+              }
+            }
+          }
+        }
+      }
+    }
+  }
   return nullptr;
 }
 

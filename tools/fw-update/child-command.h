@@ -35,19 +35,19 @@ class ChildCommand {
   // As waitpid gives it; empty while it runs.
   std::optional<int> status();
   void kill(int signal);
-  pid_t id() const { return process; }
+  pid_t id() const { return process_; }
 
  private:
   [[noreturn]] void become(char** arguments, int channelEnd) const;
   void readChannel(const Events& events);
   void readSignals(const Events& events);
 
-  pid_t process = -1;
-  std::optional<int> ended;
-  fwplatform::UniqueFd channel;
-  fwplatform::UniqueFd signals;
-  sigset_t maskBefore = {};
-  struct sigaction pipeBefore = {};
+  pid_t process_ = -1;
+  std::optional<int> ended_;
+  fwplatform::UniqueFd channel_;
+  fwplatform::UniqueFd signals_;
+  sigset_t maskBefore_ = {};
+  struct sigaction pipeBefore_ = {};
 };
 
 }  // namespace tool

@@ -12,10 +12,10 @@ namespace tool {
 namespace {
 
 // What a program's own mistakes end it with.
-constexpr int crashes[] = {SIGSEGV, SIGABRT, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS};
+constexpr int kCrashes[] = {SIGSEGV, SIGABRT, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS};
 
 bool isCrash(int signal) {
-  return std::find(std::begin(crashes), std::end(crashes), signal) != std::end(crashes);
+  return std::find(std::begin(kCrashes), std::end(kCrashes), signal) != std::end(kCrashes);
 }
 
 std::string moduleOf(const ChildStory& story) {
@@ -36,11 +36,13 @@ std::string alreadyUpdated(const ChildStory& story) {
 std::string remedyFor(const ChildStory& story) {
   const bool isBefore = story.step() == Step::Load || story.step() == Step::Version ||
                         story.step() == Step::Start || story.step() == Step::Check;
-  if (isBefore && !story.hasUpdated(story.module()))
+  if (isBefore && !story.hasUpdated(story.module())) {
     return "Nothing was written. Install a version of the module that fits this device, or remove the file; "
            "until then it may keep all modules from being used.";
-  if (story.module().empty())
+  }
+  if (story.module().empty()) {
     return "See the log (--log), and check the versions: fw-update list";
+  }
   return "Its firmware may be the old one or the new one. Check the version with: fw-update info " +
          story.module();
 }
@@ -59,14 +61,16 @@ std::string signalName(int signal) {
 
 Finding explainCrash(const ChildStory& story, int status) {
   const std::string end = " " + whenCrashed(story) + "." + alreadyUpdated(story);
-  if (!WIFSIGNALED(status))
+  if (!WIFSIGNALED(status)) {
     return {
         Outcome::ModuleCrashed,
         moduleOf(story) + " ended the program with exit code " + std::to_string(WEXITSTATUS(status)) + end,
         remedyFor(story)};
+  }
   const std::string signal = " (" + signalText(WTERMSIG(status)) + ")";
-  if (isCrash(WTERMSIG(status)))
+  if (isCrash(WTERMSIG(status))) {
     return {Outcome::ModuleCrashed, moduleOf(story) + " crashed" + signal + end, remedyFor(story)};
+  }
   const std::string module = story.module().empty() ? "" : " for " + story.module();
   return {
       Outcome::ModuleCrashed, "The process that worked" + module + " was killed" + signal + end,

@@ -12,7 +12,7 @@ namespace tool {
 namespace {
 
 // After the library should have given up.
-constexpr ChildStory::Seconds greatestMargin{10};
+constexpr ChildStory::Seconds kGreatestMargin{10};
 
 enum class Limit {
   Patience,  // the library waits for ever for this, and nothing takes long here
@@ -26,7 +26,7 @@ constexpr struct StepInfo {
   const char* id;
   const char* words;
   Limit limit;
-} steps[] = {
+} kSteps[] = {
     {Step::Start, "start", "while the modules were being loaded", Limit::Patience},
     {Step::Load, "load", "while it was being loaded", Limit::Patience},
     {Step::Version, "version", "when it was asked for its version", Limit::Patience},
@@ -40,13 +40,13 @@ constexpr struct StepInfo {
 };
 
 const StepInfo& infoOf(Step step) {
-  return *std::find_if(std::begin(steps), std::end(steps),
+  return *std::find_if(std::begin(kSteps), std::end(kSteps),
                        [step](const StepInfo& info) { return info.step == step; });
 }
 
-constexpr const char* updateEnded = "fw_update from Caller Type [%d] STATE [%d] DATA [%s]";
-constexpr const char* doUpdateFailed = "Error: %s Firmware doUpdate Fail %d (%d:%m)";
-constexpr const char* succeeded = "========== [ %s update succeeded ] ==========";
+constexpr const char* kUpdateEnded = "fw_update from Caller Type [%d] STATE [%d] DATA [%s]";
+constexpr const char* kDoUpdateFailed = "Error: %s Firmware doUpdate Fail %d (%d:%m)";
+constexpr const char* kSucceeded = "========== [ %s update succeeded ] ==========";
 
 // The messages that a step begins with; their first argument is the firmware name,
 // except where a step is over.
@@ -56,23 +56,25 @@ struct Beginning {
   Step step;
 };
 
-constexpr Beginning beginnings[] = {
-    {text::needTry, nullptr, Step::Check},
-    {text::updateTime, nullptr, Step::Wait},
-    {text::updateTry, nullptr, Step::Write},
-    {text::runProcessTry, nullptr, Step::Procedure},
-    {text::packageStart, "updateUSB", Step::Package},
-    {succeeded, nullptr, Step::Finish},
-    {doUpdateFailed, nullptr, Step::Finish},
-    {updateEnded, nullptr, Step::Finish},
-    {text::powerUnlock, nullptr, Step::Finish},
+constexpr Beginning kBeginnings[] = {
+    {text::kNeedTry, nullptr, Step::Check},
+    {text::kUpdateTime, nullptr, Step::Wait},
+    {text::kUpdateTry, nullptr, Step::Write},
+    {text::kRunProcessTry, nullptr, Step::Procedure},
+    {text::kPackageStart, "updateUSB", Step::Package},
+    {kSucceeded, nullptr, Step::Finish},
+    {kDoUpdateFailed, nullptr, Step::Finish},
+    {kUpdateEnded, nullptr, Step::Finish},
+    {text::kPowerUnlock, nullptr, Step::Finish},
 };
 
 const Beginning* beginningOf(const LogMessage& message) {
-  for (const Beginning& beginning : beginnings)
+  for (const Beginning& beginning : kBeginnings) {
     if (message.format == beginning.format &&
-        (beginning.function == nullptr || message.function == beginning.function))
+        (beginning.function == nullptr || message.function == beginning.function)) {
       return &beginning;
+    }
+  }
   return nullptr;
 }
 
@@ -95,32 +97,37 @@ void ChildStory::add(const Told& told) {
 }
 
 void ChildStory::hear(const StepTold& told) {
-  current = told;
-  if (!told.firmware.empty())
-    libraries[told.firmware] = told.module;
+  current_ = told;
+  if (!told.firmware.empty()) {
+    libraries_[told.firmware] = told.module;
+  }
 }
 
 void ChildStory::hear(const ResultTold& told) {
-  exitCode = told.exitCode;
-  current.step = Step::End;
+  exitCode_ = told.exitCode;
+  current_.step = Step::End;
 }
 
 void ChildStory::hear(const LogMessage& message) {
-  messages.push_back(message);
-  if (message.format == text::needTry)
-    libraries[argument(message, 1)] = argument(message, 0);
-  if (message.format == text::updateTime) {
-    lockUsed = true;
-    givesUp = givesUpOf(message);
+  messages_.push_back(message);
+  if (message.format == text::kNeedTry) {
+    libraries_[argument(message, 1)] = argument(message, 0);
   }
-  if (const auto library = libraryOfPackage(message); !library.empty())
-    current = {Step::Check, library, ""};
-  if (message.format == succeeded)
-    updated[libraries[argument(message, 0)]] = true;
-  if (isTimeOut(message))
+  if (message.format == text::kUpdateTime) {
+    lockUsed_ = true;
+    givesUp_ = givesUpOf(message);
+  }
+  if (const auto library = libraryOfPackage(message); !library.empty()) {
+    current_ = {Step::Check, library, ""};
+  }
+  if (message.format == kSucceeded) {
+    updated_[libraries_[argument(message, 0)]] = true;
+  }
+  if (isTimeOut(message)) {
     enter(Step::Finish, "");
-  else if (const Beginning* beginning = beginningOf(message))
+  } else if (const Beginning* beginning = beginningOf(message)) {
     enter(beginning->step, beginning->step == Step::Finish ? "" : argument(message, 0));
+  }
 }
 
 // Of a message about a package file; empty for others.
@@ -130,32 +137,37 @@ std::string ChildStory::libraryOfPackage(const LogMessage& message) const {
   for (const std::string& path : isAboutPackage ? message.arguments : std::vector<std::string>{}) {
     const auto slash = path.rfind('/');
     const auto end = path.rfind(".bin");
-    if (slash == std::string::npos || end == std::string::npos || end < slash)
+    if (slash == std::string::npos || end == std::string::npos || end < slash) {
       continue;
-    const auto library = libraries.find(path.substr(slash + 1, end - slash - 1));
-    if (library != libraries.end())
+    }
+    const auto library = libraries_.find(path.substr(slash + 1, end - slash - 1));
+    if (library != libraries_.end()) {
       return library->second;
+    }
   }
   return "";
 }
 
 // Keeps the module where the message tells none. needTry names the library first.
 void ChildStory::enter(Step step, const std::string& firmware) {
-  current.step = step;
-  const auto library = libraries.find(firmware);
-  if (step == Step::Check)
-    current.module = firmware;
-  else if (library != libraries.end())
-    current.module = library->second;
+  current_.step = step;
+  const auto library = libraries_.find(firmware);
+  if (step == Step::Check) {
+    current_.module = firmware;
+  } else if (library != libraries_.end()) {
+    current_.module = library->second;
+  }
 }
 
 std::optional<ChildStory::Seconds> ChildStory::allowedSilence(Seconds patience) const {
-  const Limit limit = infoOf(current.step).limit;
-  if (limit == Limit::None)
+  const Limit limit = infoOf(current_.step).limit;
+  if (limit == Limit::None) {
     return std::nullopt;
-  if (limit == Limit::Library && givesUp)
-    return Seconds(*givesUp) + std::min(patience, greatestMargin);
-  return limit == Limit::Margin ? std::min(patience, greatestMargin) : patience;
+  }
+  if (limit == Limit::Library && givesUp_) {
+    return Seconds(*givesUp_) + std::min(patience, kGreatestMargin);
+  }
+  return limit == Limit::Margin ? std::min(patience, kGreatestMargin) : patience;
 }
 
 const char* wordsOf(Step step) {

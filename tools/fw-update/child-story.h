@@ -17,21 +17,21 @@ class ChildStory {
   using Seconds = std::chrono::duration<double>;
 
   // module: the one that the command names; empty when it names none.
-  explicit ChildStory(const std::string& module) : current{Step::Start, module, ""} {}
+  explicit ChildStory(const std::string& module) : current_{Step::Start, module, ""} {}
 
   void add(const Told& told);
 
-  Step step() const { return current.step; }
+  Step step() const { return current_.step; }
   // The module whose turn it is; empty when it may be any.
-  const std::string& module() const { return current.module; }
-  bool isAskedForProgress() const { return askedForProgress; }
-  bool hasUpdated(const std::string& library) const { return updated.count(library) != 0; }
+  const std::string& module() const { return current_.module; }
+  bool isAskedForProgress() const { return askedForProgress_; }
+  bool hasUpdated(const std::string& library) const { return updated_.count(library) != 0; }
   // Since the last update of the library began to wait for the lock: the lock may be
   // this command's.
-  bool hasUsedLock() const { return lockUsed; }
+  bool hasUsedLock() const { return lockUsed_; }
   // Its result, as an exit code.
-  std::optional<int> result() const { return exitCode; }
-  const LogMessages& log() const { return messages; }
+  std::optional<int> result() const { return exitCode_; }
+  const LogMessages& log() const { return messages_; }
 
   // How long the next word may take; empty: for ever. patience: where the library sets
   // no limit of its own.
@@ -40,19 +40,19 @@ class ChildStory {
  private:
   void hear(const StepTold& told);
   void hear(const LogMessage& message);
-  void hear(const ProgressTold& told) { askedForProgress = told.asking; }
+  void hear(const ProgressTold& told) { askedForProgress_ = told.asking; }
   void hear(const ResultTold& told);
   void enter(Step step, const std::string& firmware);
   std::string libraryOfPackage(const LogMessage& message) const;
 
-  StepTold current;
-  std::map<std::string, std::string> libraries;  // by firmware name
-  std::map<std::string, bool> updated;
-  bool askedForProgress = false;
-  bool lockUsed = false;
-  std::optional<unsigned int> givesUp;  // seconds; of the update that is under way
-  std::optional<int> exitCode;
-  LogMessages messages;
+  StepTold current_;
+  std::map<std::string, std::string> libraries_;  // by firmware name
+  std::map<std::string, bool> updated_;
+  bool askedForProgress_ = false;
+  bool lockUsed_ = false;
+  std::optional<unsigned int> givesUp_;  // seconds; of the update that is under way
+  std::optional<int> exitCode_;
+  LogMessages messages_;
 };
 
 // "while it wrote the firmware"

@@ -12,23 +12,24 @@
 namespace tool {
 namespace {
 
-constexpr std::size_t maximumData = 127;
+constexpr std::size_t kMaximumData = 127;
 
-constexpr const char* exitCodes =
+constexpr const char* kExitCodes =
     "Exit codes:  0 updated or answered  1 unexpected error  2 usage  3 nothing to do\n"
     "  4 no such module  5 refused image  6 module failed  7 timed out  8 not allowed\n"
     "  9 bad module  10 no modules  11 no download  12 lock taken  13 crash  14 hang\n";
 
 std::string callerLines() {
   std::string lines = "Callers, and where their images come from:\n";
-  for (const Caller& caller : callers)
+  for (const Caller& caller : kCallers) {
     lines += "  " + (caller.name + std::string(20, ' ')).substr(0, 20) + caller.images + "\n";
+  }
   return lines;
 }
 
 std::string footer(const Command& command) {
   return (command.accepts(AcceptsCaller) ? callerLines() : std::string()) + "Example: " + command.example +
-         "\n" + exitCodes;
+         "\n" + kExitCodes;
 }
 
 void addOutputOptions(CLI::App& app, Options& options) {
@@ -45,7 +46,7 @@ void addCallerOptions(CLI::App& app, Options& options) {
       ->type_name("NAME");
   app.add_option("--data", options.data, "Request data for the module, at most 127 characters")
       ->check([](const std::string& data) {
-        return data.size() <= maximumData ? std::string() : std::string("more than 127 characters");
+        return data.size() <= kMaximumData ? std::string() : std::string("more than 127 characters");
       })
       ->type_name("TEXT");
 }
@@ -60,9 +61,11 @@ void addPackageOptions(CLI::App& app, Options& options) {
 }
 
 std::string summaryOfGroup(const std::string& name) {
-  for (const CommandGroup& group : commandGroups)
-    if (name == group.name)
+  for (const CommandGroup& group : kCommandGroups) {
+    if (name == group.name) {
       return group.summary;
+    }
+  }
   return "";
 }
 
@@ -70,8 +73,9 @@ std::string summaryOfGroup(const std::string& name) {
 CLI::App* addSubcommand(CLI::App& app, const Command& command) {
   const std::string name = command.name;
   const auto blank = name.find(' ');
-  if (blank == std::string::npos)
+  if (blank == std::string::npos) {
     return app.add_subcommand(name, command.summary);
+  }
   const std::string group = name.substr(0, blank);
   auto parents = app.get_subcommands([&](const CLI::App* sub) { return sub->get_name() == group; });
   if (parents.empty()) {
@@ -89,10 +93,12 @@ void addDownloadOptions(CLI::App& app, Options& options) {
 }
 
 void checkDownloadOptions(const Options& options) {
-  if (options.modules.empty() && !options.allModules)
+  if (options.modules.empty() && !options.allModules) {
     throw CLI::ValidationError("which module? Name it, or use --all");
-  if (options.ndjson && !options.wait)
+  }
+  if (options.ndjson && !options.wait) {
     throw CLI::ValidationError("--progress needs --wait");
+  }
 }
 
 void addIsolationOptions(CLI::App& app, Options& options) {
@@ -107,17 +113,21 @@ void addIsolationOptions(CLI::App& app, Options& options) {
 void addCommand(CLI::App& app, const Command& command, Options& options) {
   CLI::App* sub = addSubcommand(app, command);
   sub->footer(footer(command));
-  if (command.accepts(AcceptsModule))
+  if (command.accepts(AcceptsModule)) {
     sub->add_option("NAME", options.module, "Library name: the module's file without \".so\"")
         ->required()
         ->type_name("");
-  if (command.accepts(AcceptsModules))
+  }
+  if (command.accepts(AcceptsModules)) {
     addDownloadOptions(*sub, options);
-  if (command.accepts(AcceptsCaller))
+  }
+  if (command.accepts(AcceptsCaller)) {
     addCallerOptions(*sub, options);
-  if (command.accepts(AcceptsPackages))
+  }
+  if (command.accepts(AcceptsPackages)) {
     addPackageOptions(*sub, options);
-  if (command.accepts(AcceptsProgress))
+  }
+  if (command.accepts(AcceptsProgress)) {
     sub->add_option_function<std::string>(
            "--progress", [&options](const std::string&) { options.ndjson = true; },
            "Print one JSON object a line; the last is the result")
@@ -125,44 +135,55 @@ void addCommand(CLI::App& app, const Command& command, Options& options) {
           return form == "ndjson" ? std::string() : "the only form is ndjson, not " + form;
         })
         ->type_name("ndjson");
-  if (command.accepts(AcceptsDryRun))
+  }
+  if (command.accepts(AcceptsDryRun)) {
     sub->add_flag("--dry-run", options.dryRun, "Say what would run and for how long; change nothing");
-  if (command.accepts(AcceptsIsolated))
+  }
+  if (command.accepts(AcceptsIsolated)) {
     addIsolationOptions(*sub, options);
-  if (command.accepts(AcceptsIgnoreHidden))
+  }
+  if (command.accepts(AcceptsIgnoreHidden)) {
     sub->add_flag("--ignore-hidden", options.ignoreHidden,
                   "Processes that cannot be looked at do not use the lock");
+  }
   addOutputOptions(*sub, options);
   sub->callback([&options, &command, sub] {
     options.command = &command;
-    if (command.accepts(AcceptsModules))
+    if (command.accepts(AcceptsModules)) {
       checkDownloadOptions(options);
-    if (command.accepts(AcceptsCaller) && options.caller->fixedData != nullptr && sub->count("--data") > 0)
+    }
+    if (command.accepts(AcceptsCaller) && options.caller->fixedData != nullptr && sub->count("--data") > 0) {
       throw CLI::ValidationError("--data", std::string("caller ") + options.caller->name + " has fixed data");
+    }
   });
 }
 
 // For usage errors, when parsing never came to the option.
 bool asksForJson(int argc, const char* const* argv) {
-  for (int i = 1; i < argc; ++i)
-    if (std::strcmp(argv[i], "--json") == 0 || std::strstr(argv[i], "ndjson") != nullptr)
+  for (int i = 1; i < argc; ++i) {
+    if (std::strcmp(argv[i], "--json") == 0 || std::strstr(argv[i], "ndjson") != nullptr) {
       return true;
+    }
+  }
   return false;
 }
 
 // The first word that is no option, when it is no command either.
 std::string unknownCommand(const CLI::App& app, int argc, const char* const* argv) {
-  for (int i = 1; i < argc && app.get_subcommands().empty(); ++i)
-    if (argv[i][0] != '-')
+  for (int i = 1; i < argc && app.get_subcommands().empty(); ++i) {
+    if (argv[i][0] != '-') {
       return argv[i];
+    }
+  }
   return "";
 }
 
 // "usb apply", or as much of it as was recognised.
 std::string chosenCommand(const CLI::App& app) {
   const auto chosen = app.get_subcommands();
-  if (chosen.empty())
+  if (chosen.empty()) {
     return "";
+  }
   const std::string inner = chosenCommand(*chosen.front());
   return chosen.front()->get_name() + (inner.empty() ? "" : " " + inner);
 }
@@ -184,10 +205,11 @@ std::variant<Options, Ended> parseCommandLine(int argc, const char* const* argv)
   app.formatter(std::make_shared<ShortHelp>(22));
   app.set_version_flag("--version", "fw-update " FW_UPDATE_VERSION);
   app.require_subcommand(1);
-  app.footer(std::string("Each command explains itself: fw-update update --help\n") + exitCodes);
+  app.footer(std::string("Each command explains itself: fw-update update --help\n") + kExitCodes);
   addOutputOptions(app, options);
-  for (const Command& command : commands)
+  for (const Command& command : kCommands) {
     addCommand(app, command, options);
+  }
   try {
     app.parse(argc, argv);
   } catch (const CLI::Success& wanted) {

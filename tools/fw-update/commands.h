@@ -21,7 +21,7 @@ Report runDownload(const Options& options);
 Report runLockStatus(const Options& options);
 Report runLockRecover(const Options& options);
 
-inline constexpr Command commands[] = {
+inline constexpr Command kCommands[] = {
     {"list", "List the update modules of this device", AcceptsNothing, "fw-update list", runList},
     {"info", "Show one module: firmware name, active version, progress", AcceptsModule,
      "fw-update info libtuner", runInfo},
@@ -57,7 +57,7 @@ struct CommandGroup {
   const char* summary;
 };
 
-inline constexpr CommandGroup commandGroups[] = {
+inline constexpr CommandGroup kCommandGroups[] = {
     {"usb", "Encrypted packages on a USB drive: estimate, apply"},
     {"lock", "The lock for one update at a time: status, recover"},
 };

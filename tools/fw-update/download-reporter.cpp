@@ -16,9 +16,10 @@ using fwplatform::DownloadStatus;
 
 // "wifiempfw: 30 %, 1572864 of 5242880 bytes"
 std::string lineOf(const std::string& package, const DownloadStatus& status) {
-  const auto percent = status.Percent();
-  if (!percent)
+  const auto percent = status.percent();
+  if (!percent) {
     return package + ": " + std::to_string(status.received) + " bytes";
+  }
   return package + ": " + std::to_string(*percent) + " %, " + std::to_string(status.received) + " of " +
          std::to_string(status.total) + " bytes";
 }
@@ -26,46 +27,49 @@ std::string lineOf(const std::string& package, const DownloadStatus& status) {
 class LiveDownload : public DownloadReporter {
  public:
   void tick(const std::string& package, const DownloadStatus& status) override {
-    std::cout << base::TerminalOrder(base::Order::LineStart)
+    std::cout << base::terminalOrder(base::Order::LineStart)
               << lineOf(package, status).substr(0, terminalWidth(STDOUT_FILENO) - 1)
-              << base::TerminalOrder(base::Order::EraseToEnd) << std::flush;
-    drawn = true;
+              << base::terminalOrder(base::Order::EraseToEnd) << std::flush;
+    drawn_ = true;
   }
   void finish() override {
-    if (drawn)
-      std::cout << base::EmptyLine() << std::flush;
-    drawn = false;
+    if (drawn_) {
+      std::cout << base::emptyLine() << std::flush;
+    }
+    drawn_ = false;
   }
 
  private:
-  bool drawn = false;
+  bool drawn_ = false;
 };
 
 class PlainDownload : public DownloadReporter {
  public:
   void tick(const std::string& package, const DownloadStatus& status) override {
-    const auto percent = status.Percent();
-    if (!percent || lastTens == *percent / 10)
+    const auto percent = status.percent();
+    if (!percent || lastTens_ == *percent / 10) {
       return;
-    lastTens = *percent / 10;
+    }
+    lastTens_ = *percent / 10;
     std::cout << lineOf(package, status) << std::endl;
   }
-  void finish() override { lastTens.reset(); }
+  void finish() override { lastTens_.reset(); }
 
  private:
-  std::optional<unsigned int> lastTens;
+  std::optional<unsigned int> lastTens_;
 };
 
 class NdjsonDownload : public DownloadReporter {
  public:
   void start(const std::string& package) override { put("start", package, nullptr); }
   void tick(const std::string& package, const DownloadStatus& status) override {
-    if (lastReceived == status.received || (status.received == 0 && !status.Percent()))
+    if (lastReceived_ == status.received || (status.received == 0 && !status.percent())) {
       return;  // nothing new, or the server has not answered yet
-    lastReceived = status.received;
+    }
+    lastReceived_ = status.received;
     put("progress", package, &status);
   }
-  void finish() override { lastReceived.reset(); }
+  void finish() override { lastReceived_.reset(); }
 
  private:
   static void put(const char* name, const std::string& package, const DownloadStatus* status) {
@@ -74,26 +78,31 @@ class NdjsonDownload : public DownloadReporter {
     event["package"] = package;
     if (status != nullptr) {
       event["received"] = static_cast<Json::Int64>(status->received);
-      if (status->total >= 0)
+      if (status->total >= 0) {
         event["total"] = static_cast<Json::Int64>(status->total);
-      if (const auto percent = status->Percent())
+      }
+      if (const auto percent = status->percent()) {
         event["percent"] = *percent;
+      }
     }
     std::cout << onOneLine(event) << std::flush;
   }
 
-  std::optional<std::int64_t> lastReceived;
+  std::optional<std::int64_t> lastReceived_;
 };
 
 }  // namespace
 
 std::unique_ptr<DownloadReporter> makeDownloadReporter(const Options& options) {
-  if (options.ndjson)
+  if (options.ndjson) {
     return std::make_unique<NdjsonDownload>();
-  if (options.json)
+  }
+  if (options.json) {
     return std::make_unique<DownloadReporter>();
-  if (isTerminal(STDOUT_FILENO) && !options.log)
+  }
+  if (isTerminal(STDOUT_FILENO) && !options.log) {
     return std::make_unique<LiveDownload>();
+  }
   return std::make_unique<PlainDownload>();
 }
 

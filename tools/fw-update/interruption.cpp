@@ -31,48 +31,54 @@ void passOn(int signal) {
 void releaseUpdateLock() {
   sem_t* lock = sem_open(semName, 0);
   int value = 0;
-  if (lock != SEM_FAILED && sem_getvalue(lock, &value) == 0 && value == 0)
+  if (lock != SEM_FAILED && sem_getvalue(lock, &value) == 0 && value == 0) {
     sem_post(lock);
+  }
 }
 
 // Those of the module whose turn it is, in a run over several.
 LogMessages lastTurn(const LogMessages& messages) {
   std::size_t begin = 0;
-  for (std::size_t i = 0; i < messages.size(); ++i)
-    if (messages[i].format == text::updateTime)
+  for (std::size_t i = 0; i < messages.size(); ++i) {
+    if (messages[i].format == text::kUpdateTime) {
       begin = i;
+    }
+  }
   return LogMessages(messages.begin() + static_cast<std::ptrdiff_t>(begin), messages.end());
 }
 
 // The library has given the lock back although the module may still work.
 bool gaveLockBack(const LogMessages& turn) {
-  return findMessage(turn, text::timedOut) != nullptr || findMessage(turn, text::powerUnlock) != nullptr;
+  return findMessage(turn, text::kTimedOut) != nullptr || findMessage(turn, text::kPowerUnlock) != nullptr;
 }
 
 // The library logs the one message before it waits for the lock, the other one
 // when it has it.
 bool holdsLock(const LogMessages& turn) {
-  return findMessage(turn, text::updateTry) != nullptr && !gaveLockBack(turn);
+  return findMessage(turn, text::kUpdateTry) != nullptr && !gaveLockBack(turn);
 }
 
 bool waitsForLock(const LogMessages& turn) {
-  return findMessage(turn, text::updateTime) != nullptr && findMessage(turn, text::updateTry) == nullptr &&
+  return findMessage(turn, text::kUpdateTime) != nullptr && findMessage(turn, text::kUpdateTry) == nullptr &&
          !gaveLockBack(turn);
 }
 
 void leaveUpdate(std::size_t logMark, int signal) {
   const auto turn = [logMark] { return lastTurn(LibraryLog::instance().since(logMark)); };
-  if (isTerminal(STDOUT_FILENO))
+  if (isTerminal(STDOUT_FILENO)) {
     std::cout << std::endl;
-  if (waitsForLock(turn()))
+  }
+  if (waitsForLock(turn())) {
     std::cerr << "fw-update: Another update held the lock. If none runs, it was left behind; give it back:\n"
                  "fw-update lock recover"
               << std::endl;
-  else if (holdsLock(turn()))
+  } else if (holdsLock(turn())) {
     becomeLastAct(signal, [&turn] { return holdsLock(turn()); });
+  }
   // That it could not is no reason to leave the lock taken.
-  if (holdsLock(turn()))
+  if (holdsLock(turn())) {
     releaseUpdateLock();
+  }
 }
 
 // 0: there will be none.
@@ -87,41 +93,46 @@ unsigned char nextSignal(int readEnd) {
 
 InterruptionGuard::InterruptionGuard(std::size_t logMark, std::function<void()> onFirst) {
   int ends[2] = {-1, -1};
-  if (pipe2(ends, O_CLOEXEC) != 0)
+  if (pipe2(ends, O_CLOEXEC) != 0) {
     return;
-  readEnd = ends[0];
+  }
+  readEnd_ = ends[0];
   writeEnd = ends[1];
-  watcher = std::thread([this, logMark, onFirst = std::move(onFirst)] { watch(logMark, onFirst); });
-  for (std::size_t i = 0; i < watchedCount; ++i) {
+  watcher_ = std::thread([this, logMark, onFirst = std::move(onFirst)] { watch(logMark, onFirst); });
+  for (std::size_t i = 0; i < kWatchedCount; ++i) {
     struct sigaction action = {};
     // A reader that went away does not end an update.
-    action.sa_handler = watched[i] == SIGPIPE ? SIG_IGN : passOn;
+    action.sa_handler = kWatched[i] == SIGPIPE ? SIG_IGN : passOn;
     action.sa_flags = SA_RESTART;
-    sigaction(watched[i], nullptr, &before[i]);
-    if (before[i].sa_handler != SIG_IGN)  // nohup stays nohup
-      sigaction(watched[i], &action, nullptr);
+    sigaction(kWatched[i], nullptr, &before_[i]);
+    if (before_[i].sa_handler != SIG_IGN) {  // nohup stays nohup
+      sigaction(kWatched[i], &action, nullptr);
+    }
   }
 }
 
 InterruptionGuard::~InterruptionGuard() {
-  if (!watcher.joinable())
+  if (!watcher_.joinable()) {
     return;
-  for (std::size_t i = 0; i < watchedCount; ++i)
-    sigaction(watched[i], &before[i], nullptr);
+  }
+  for (std::size_t i = 0; i < kWatchedCount; ++i) {
+    sigaction(kWatched[i], &before_[i], nullptr);
+  }
   passOn(0);
-  watcher.join();
-  close(readEnd);
+  watcher_.join();
+  close(readEnd_);
   close(writeEnd);
 }
 
 void InterruptionGuard::watch(std::size_t logMark, const std::function<void()>& onFirst) const {
-  unsigned char signal = nextSignal(readEnd);
+  unsigned char signal = nextSignal(readEnd_);
   if (signal != 0 && onFirst) {
     onFirst();
-    signal = nextSignal(readEnd);
+    signal = nextSignal(readEnd_);
   }
-  if (signal == 0)
+  if (signal == 0) {
     return;
+  }
   leaveUpdate(logMark, signal);
   std::signal(signal, SIG_DFL);
   kill(getpid(), signal);

@@ -23,14 +23,14 @@ class InterruptionGuard {
   InterruptionGuard& operator=(const InterruptionGuard&) = delete;
 
  private:
-  static constexpr int watched[] = {SIGINT, SIGTERM, SIGHUP, SIGPIPE};
-  static constexpr std::size_t watchedCount = sizeof watched / sizeof watched[0];
+  static constexpr int kWatched[] = {SIGINT, SIGTERM, SIGHUP, SIGPIPE};
+  static constexpr std::size_t kWatchedCount = sizeof kWatched / sizeof kWatched[0];
 
   void watch(std::size_t logMark, const std::function<void()>& onFirst) const;
 
-  int readEnd = -1;
-  struct sigaction before[watchedCount] = {};
-  std::thread watcher;
+  int readEnd_ = -1;
+  struct sigaction before_[kWatchedCount] = {};
+  std::thread watcher_;
 };
 
 }  // namespace tool

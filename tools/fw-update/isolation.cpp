@@ -25,74 +25,77 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using Seconds = ChildStory::Seconds;
 
-constexpr std::chrono::milliseconds glance{100};
+constexpr std::chrono::milliseconds kGlance{100};
 // Longer, this process did not run either, and the silence is not the child's.
-constexpr std::chrono::milliseconds longestGlance{500};
+constexpr std::chrono::milliseconds kLongestGlance{500};
 // For a child that was killed, and that the kernel may hold back.
-constexpr std::chrono::seconds lastPatience{5};
+constexpr std::chrono::seconds kLastPatience{5};
 // The first signal is the child's to deal with; it ends an update, and lets an
 // update-all come to its end.
-constexpr int signalsThatKill = 3;
+constexpr int kSignalsThatKill = 3;
 
 class Watch {
  public:
   Watch(char** arguments, const Options& options)
-      : patience(options.patience), story(options.module), child(arguments) {}
+      : patience_(options.patience), story_(options.module), child_(arguments) {}
 
   // Until the child has ended, or does not even end when it is killed.
   void run() {
-    while (!child.status()) {
+    while (!child_.status()) {
       const auto before = Clock::now();
-      glanceAt(glance);
-      silence += std::min<Seconds>(Clock::now() - before, longestGlance);
-      const auto allowed = story.allowedSilence(patience);
-      if (!hung && allowed && silence > *allowed) {
-        hung = silence;
+      glanceAt(kGlance);
+      silence_ += std::min<Seconds>(Clock::now() - before, kLongestGlance);
+      const auto allowed = story_.allowedSilence(patience_);
+      if (!hung_ && allowed && silence_ > *allowed) {
+        hung_ = silence_;
         killIt();
       }
-      if (hung && silence > *hung + Seconds(lastPatience))
+      if (hung_ && silence_ > *hung_ + Seconds(kLastPatience)) {
         break;
+      }
     }
     glanceAt(std::chrono::milliseconds(0));
   }
 
-  const ChildStory& told() const { return story; }
-  std::optional<int> status() { return child.status(); }
-  std::optional<Seconds> hungFor() const { return hung; }
-  pid_t process() const { return child.id(); }
+  const ChildStory& told() const { return story_; }
+  std::optional<int> status() { return child_.status(); }
+  std::optional<Seconds> hungFor() const { return hung_; }
+  pid_t process() const { return child_.id(); }
   // The last signal that was to end the command; 0: none.
-  int signal() const { return lastSignal; }
+  int signal() const { return lastSignal_; }
 
  private:
   void glanceAt(std::chrono::milliseconds atMost) {
-    child.wait(atMost, {[this](const Told& one) { hear(one); },
-                        [this](int one, bool fromTerminal) { passOn(one, fromTerminal); }});
+    child_.wait(atMost, {[this](const Told& one) { hear(one); },
+                         [this](int one, bool fromTerminal) { passOn(one, fromTerminal); }});
   }
 
   // Being asked for its progress is no sign that the module gets on.
   void hear(const Told& one) {
-    story.add(one);
-    if (!std::holds_alternative<ProgressTold>(one) && !hung)
-      silence = Seconds(0);
+    story_.add(one);
+    if (!std::holds_alternative<ProgressTold>(one) && !hung_) {
+      silence_ = Seconds(0);
+    }
   }
 
   void passOn(int one, bool fromTerminal) {
-    lastSignal = one;
-    if (++signals >= signalsThatKill)
+    lastSignal_ = one;
+    if (++signals_ >= kSignalsThatKill) {
       killIt();
-    else if (!fromTerminal)
-      child.kill(one);
+    } else if (!fromTerminal) {
+      child_.kill(one);
+    }
   }
 
-  void killIt() { child.kill(SIGKILL); }
+  void killIt() { child_.kill(SIGKILL); }
 
-  const Seconds patience;
-  ChildStory story;
-  ChildCommand child;
-  Seconds silence{0};
-  std::optional<Seconds> hung;
-  int signals = 0;
-  int lastSignal = 0;
+  const Seconds patience_;
+  ChildStory story_;
+  ChildCommand child_;
+  Seconds silence_{0};
+  std::optional<Seconds> hung_;
+  int signals_ = 0;
+  int lastSignal_ = 0;
 };
 
 struct CleanedUp {
@@ -113,16 +116,18 @@ void unmount(const std::vector<std::string>& directories, CleanedUp& cleaned) {
 
 CleanedUp cleanUp(const ChildStory& story, const std::set<std::string>& mountedBefore) {
   CleanedUp cleaned;
-  if (story.hasUsedLock())
+  if (story.hasUsedLock()) {
     cleaned.lock = recoverUpdateLock(false);
+  }
   unmount(leftMounts(story.log(), mountedBefore), cleaned);
   return cleaned;
 }
 
 std::string listOf(const std::vector<std::string>& names) {
   std::string list;
-  for (const std::string& name : names)
+  for (const std::string& name : names) {
     list += (list.empty() ? "" : ", ") + name;
+  }
   return list;
 }
 
@@ -137,38 +142,47 @@ bool isLeftTaken(const CleanedUp& cleaned, const ChildStory& story) {
 }
 
 void tellCleanUp(Finding& finding, const CleanedUp& cleaned, const ChildStory& story) {
-  if (isGivenBack(cleaned))
+  if (isGivenBack(cleaned)) {
     finding.message += " It held the update lock, which was given back.";
+  }
   if (isLeftTaken(cleaned, story)) {
     finding.message += " It held the update lock. " + explainRecovery(*cleaned.lock).message;
     finding.remedy += " Give the lock back when no other update runs: fw-update lock recover";
   }
-  if (!cleaned.unmounted.empty())
+  if (!cleaned.unmounted.empty()) {
     finding.message += " Unmounted: " + listOf(cleaned.unmounted) + ".";
-  if (!cleaned.left.empty())
+  }
+  if (!cleaned.left.empty()) {
     finding.message += " Left mounted: " + listOf(cleaned.left) + ".";
+  }
 }
 
 void describe(Report& report, const CleanedUp& cleaned, const ChildStory& story) {
-  if (!story.module().empty())
+  if (!story.module().empty()) {
     report.details["module"] = story.module();
+  }
   report.details["step"] = idOf(story.step());
-  if (isGivenBack(cleaned))
+  if (isGivenBack(cleaned)) {
     report.details["lock"] = "given-back";
-  if (isLeftTaken(cleaned, story))
+  }
+  if (isLeftTaken(cleaned, story)) {
     report.details["lock"] = "left-taken";
-  for (const std::string& directory : cleaned.unmounted)
+  }
+  for (const std::string& directory : cleaned.unmounted) {
     report.details["unmounted"].append(directory);
-  for (const std::string& directory : cleaned.left)
+  }
+  for (const std::string& directory : cleaned.left) {
     report.details["leftMounted"].append(directory);
+  }
 }
 
 // The run that the child was at has left a note for the next command to tell: this one
 // tells it.
 void tellRun(Finding& finding) {
-  if (takeInterruptedRun())
+  if (takeInterruptedRun()) {
     finding.remedy +=
         " The run over all modules ended there; run it again for what is left: fw-update update-all";
+  }
 }
 
 Report reportOf(Watch& watch, const Options& options, const CleanedUp& cleaned) {
@@ -176,17 +190,20 @@ Report reportOf(Watch& watch, const Options& options, const CleanedUp& cleaned) 
   const auto status = watch.status();
   Report report;
   report.command = options.command->name;
-  if (watch.hungFor())
+  if (watch.hungFor()) {
     report.finding = explainHang(story, *watch.hungFor());
-  else
+  } else {
     report.finding = explainCrash(story, *status);
-  if (!status)
+  }
+  if (!status) {
     report.finding.message +=
         " The kernel does not end it: process " + std::to_string(watch.process()) + " is still there.";
-  else if (!watch.hungFor() && WIFSIGNALED(*status))
+  } else if (!watch.hungFor() && WIFSIGNALED(*status)) {
     report.details["signal"] = signalName(WTERMSIG(*status));
-  if (!watch.hungFor() && story.isAskedForProgress())
+  }
+  if (!watch.hungFor() && story.isAskedForProgress()) {
     report.details["askedForProgress"] = true;
+  }
   tellCleanUp(report.finding, cleaned, story);
   tellRun(report.finding);
   describe(report, cleaned, story);
@@ -226,8 +243,9 @@ IsolatedEnd runIsolated(char** arguments, const Options& options) {
     end.exitCode = *result;
     return end;
   }
-  if (hasLiveLine())
-    std::cout << base::EmptyLine() << std::flush;
+  if (hasLiveLine()) {
+    std::cout << base::emptyLine() << std::flush;
+  }
   const CleanedUp cleaned = cleanUp(watch.told(), mountedBefore);
   if (result) {
     warn(watch);

@@ -6,8 +6,8 @@
 namespace tool {
 namespace {
 
-constexpr const char* packages = "/opt/usr/apps/appbinarymanager/emps/";
-constexpr const char* mountCommand = "PsMntCmd:[%s]";
+constexpr const char* kPackages = "/opt/usr/apps/appbinarymanager/emps/";
+constexpr const char* kMountCommand = "PsMntCmd:[%s]";
 
 }  // namespace
 
@@ -18,8 +18,9 @@ std::set<std::string> mountedPackages() {
     std::istringstream words(line);
     std::string source, target;
     words >> source >> target;
-    if (target.rfind(packages, 0) == 0)
+    if (target.rfind(kPackages, 0) == 0) {
       directories.insert(target);
+    }
   }
   return directories;
 }
@@ -28,12 +29,14 @@ std::vector<std::string> leftMounts(const LogMessages& log, const std::set<std::
   const std::set<std::string> now = mountedPackages();
   std::set<std::string> left;
   for (const LogMessage& message : log) {
-    if (message.format != mountCommand || message.arguments.empty())
+    if (message.format != kMountCommand || message.arguments.empty()) {
       continue;
+    }
     const std::string& words = message.arguments[0];  // the directory is the last
     const std::string directory = words.substr(words.rfind(' ') + 1);
-    if (now.count(directory) != 0 && before.count(directory) == 0)
+    if (now.count(directory) != 0 && before.count(directory) == 0) {
       left.insert(directory);
+    }
   }
   return {left.begin(), left.end()};
 }

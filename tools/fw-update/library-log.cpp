@@ -18,13 +18,13 @@ namespace {
 
 using PlatformPrint = int (*)(int, int, const char*, const char*, ...);
 
-constexpr const char libraryTag[] = "FWUPDATE";
-constexpr const char prefix[] = "%s: %s(%d) > ";
-constexpr std::size_t prefixLength = sizeof prefix - 1;
+constexpr const char kLibraryTag[] = "FWUPDATE";
+constexpr const char kPrefix[] = "%s: %s(%d) > ";
+constexpr std::size_t kPrefixLength = sizeof kPrefix - 1;
 
 PlatformPrint platformPrint() {
-  static const auto print = reinterpret_cast<PlatformPrint>(dlsym(RTLD_NEXT, "__dlog_print"));
-  return print;
+  static const auto kPrint = reinterpret_cast<PlatformPrint>(dlsym(RTLD_NEXT, "__dlog_print"));
+  return kPrint;
 }
 
 std::string orNull(const char* text) {
@@ -48,14 +48,15 @@ std::string render(const char* format, va_list arguments, int errorNumber) {
 std::vector<std::string> argumentTexts(const char* format, va_list arguments, int errorNumber) {
   std::vector<std::string> texts;
   for (const char* at = std::strchr(format, '%'); at != nullptr; at = std::strchr(at + 2, '%')) {
-    if (at[1] == 's')
+    if (at[1] == 's') {
       texts.push_back(orNull(va_arg(arguments, const char*)));
-    else if (at[1] == 'd')
+    } else if (at[1] == 'd') {
       texts.push_back(std::to_string(va_arg(arguments, int)));
-    else if (at[1] == 'm')
+    } else if (at[1] == 'm') {
       texts.emplace_back(std::strerror(errorNumber));
-    else if (at[1] != '%')
+    } else if (at[1] != '%') {
       break;
+    }
   }
   return texts;
 }
@@ -70,7 +71,7 @@ std::string record(int priority, const char* format, va_list arguments, int erro
   message.file = orNull(va_arg(arguments, const char*));
   message.function = orNull(va_arg(arguments, const char*));
   message.line = va_arg(arguments, int);
-  message.format = format + prefixLength;
+  message.format = format + kPrefixLength;
   va_list walk;
   va_copy(walk, arguments);
   message.arguments = argumentTexts(message.format.c_str(), walk, errorNumber);
@@ -84,10 +85,11 @@ std::string record(int priority, const char* format, va_list arguments, int erro
 
 // What the platform is to write.
 std::string lineOf(int priority, const char* tag, const char* format, va_list arguments, int errorNumber) {
-  if (format == nullptr)
+  if (format == nullptr) {
     return orNull(format);
-  const bool ofLibrary =
-      tag != nullptr && std::strcmp(tag, libraryTag) == 0 && std::strncmp(format, prefix, prefixLength) == 0;
+  }
+  const bool ofLibrary = tag != nullptr && std::strcmp(tag, kLibraryTag) == 0 &&
+                         std::strncmp(format, kPrefix, kPrefixLength) == 0;
   return ofLibrary ? record(priority, format, arguments, errorNumber)
                    : render(format, arguments, errorNumber);
 }
@@ -95,32 +97,35 @@ std::string lineOf(int priority, const char* tag, const char* format, va_list ar
 }  // namespace
 
 LibraryLog& LibraryLog::instance() {
-  static auto* const log = new LibraryLog;
-  return *log;
+  static auto* const kLog = new LibraryLog;
+  return *kLog;
 }
 
 void LibraryLog::add(LogMessage message) {
-  const std::lock_guard lock(mutex);
+  const std::lock_guard lock(mutex_);
   watched::tell(message);
-  messages.push_back(std::move(message));
+  messages_.push_back(std::move(message));
 }
 
 std::size_t LibraryLog::mark() const {
-  const std::lock_guard lock(mutex);
-  return messages.size();
+  const std::lock_guard lock(mutex_);
+  return messages_.size();
 }
 
 LogMessages LibraryLog::since(std::size_t mark) const {
-  const std::lock_guard lock(mutex);
-  if (mark >= messages.size())
+  const std::lock_guard lock(mutex_);
+  if (mark >= messages_.size()) {
     return {};
-  return LogMessages(messages.begin() + static_cast<std::ptrdiff_t>(mark), messages.end());
+  }
+  return LogMessages(messages_.begin() + static_cast<std::ptrdiff_t>(mark), messages_.end());
 }
 
 const LogMessage* findMessage(const LogMessages& messages, const char* format) {
-  for (const LogMessage& message : messages)
-    if (message.format == format)
+  for (const LogMessage& message : messages) {
+    if (message.format == format) {
       return &message;
+    }
+  }
   return nullptr;
 }
 

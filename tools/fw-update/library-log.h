@@ -42,8 +42,8 @@ class LibraryLog {
  private:
   LibraryLog() = default;
 
-  mutable std::mutex mutex;
-  LogMessages messages;
+  mutable std::mutex mutex_;
+  LogMessages messages_;
 };
 
 // The first message with this format, or null.

@@ -18,29 +18,33 @@
 namespace tool {
 namespace {
 
-constexpr const char* controlsDirectory = "/prd/usr/fwupdate/controls";
+constexpr const char* kControlsDirectory = "/prd/usr/fwupdate/controls";
 
 // The facade takes no module when one of them is broken: which one, and why.
 Finding brokenModules() {
   std::optional<Finding> finding;
   std::string names;
   for (const ModuleFile& file : inspectModules()) {
-    if (!file.problem)
+    if (!file.problem) {
       continue;
-    if (!finding)
+    }
+    if (!finding) {
       finding = file.problem;
+    }
     names += (names.empty() ? "" : ", ") + file.name + ".so";
   }
-  if (!finding)
+  if (!finding) {
     return {Outcome::BrokenModule, "A module in /prd/usr/fwupdate/controls is broken.", "Try again."};
+  }
   finding->remedy += " Until then no module can be used. Broken: " + names + ".";
   return *finding;
 }
 
 Finding unknownModule(const Library& library, const std::string& name) {
   std::string known;
-  for (const FWUpdateItem& item : library.items)
+  for (const FWUpdateItem& item : library.items) {
     known += (known.empty() ? "" : ", ") + std::string(item.file_name);
+  }
   return {Outcome::NoSuchModule, "There is no module " + name + ".",
           known.empty() ? "No module is installed in /prd/usr/fwupdate/controls."
                         : "Installed are: " + known + "."};
@@ -49,17 +53,20 @@ Finding unknownModule(const Library& library, const std::string& name) {
 std::vector<std::string> moduleNames() {
   std::vector<std::string> names;
   std::error_code error;
-  for (auto entry = std::filesystem::directory_iterator(controlsDirectory, error);
-       !error && entry != std::filesystem::directory_iterator(); entry.increment(error))
-    if (entry->path().extension() == ".so")
+  for (auto entry = std::filesystem::directory_iterator(kControlsDirectory, error);
+       !error && entry != std::filesystem::directory_iterator(); entry.increment(error)) {
+    if (entry->path().extension() == ".so") {
       names.push_back(entry->path().stem().string());
+    }
+  }
   return names;
 }
 
 // Only a failed scan is a problem of the whole library.
 std::optional<Finding> scanProblem(const LogMessages& messages) {
-  if (findMessage(messages, "File System Exception: %s ") == nullptr)
+  if (findMessage(messages, "File System Exception: %s ") == nullptr) {
     return std::nullopt;
+  }
   return strongestMeaning(messages, "");
 }
 
@@ -69,11 +76,12 @@ std::optional<Finding> scanProblem(const LogMessages& messages) {
 class LoadedModules {
  public:
   LoadedModules() {
-    if (!watched::isWatched())
+    if (!watched::isWatched()) {
       return;
+    }
     for (const std::string& name : moduleNames()) {
       watched::tellStep(Step::Load, name);
-      handles.emplace_back(dlopen((controlsDirectory + ("/" + name + ".so")).c_str(), RTLD_NOW));
+      handles_.emplace_back(dlopen((kControlsDirectory + ("/" + name + ".so")).c_str(), RTLD_NOW));
       watched::tellStep(Step::Load, name, inspectModule(name).firmwareName);
     }
     watched::tellStep(Step::Start, "");
@@ -83,7 +91,7 @@ class LoadedModules {
   struct Close {
     void operator()(void* library) const { dlclose(library); }
   };
-  std::vector<std::unique_ptr<void, Close>> handles;
+  std::vector<std::unique_ptr<void, Close>> handles_;
 };
 
 }  // namespace
@@ -101,30 +109,36 @@ Library openLibrary() {
     library.bindingFailed = meaning && meaning->outcome == Outcome::BrokenModule;
   } catch (const std::exception&) {
     library.problem = scanProblem(log.since(mark));
-    if (!library.problem)
+    if (!library.problem) {
       library.problem = brokenModules();
+    }
   }
   return library;
 }
 
 const FWUpdateItem* findItem(const Library& library, const std::string& name) {
-  for (const FWUpdateItem& item : library.items)
-    if (name == item.file_name)
+  for (const FWUpdateItem& item : library.items) {
+    if (name == item.file_name) {
       return &item;
+    }
+  }
   return nullptr;
 }
 
 std::optional<Finding> moduleProblem(const Library& library, const std::string& name) {
-  if (library.problem)
+  if (library.problem) {
     return library.problem;
-  if (findItem(library, name) == nullptr)
+  }
+  if (findItem(library, name) == nullptr) {
     return unknownModule(library, name);
+  }
   return bindingProblem(library, name);
 }
 
 std::optional<Finding> bindingProblem(const Library& library, const std::string& name) {
-  if (!library.bindingFailed)
+  if (!library.bindingFailed) {
     return std::nullopt;
+  }
   return inspectModule(name).problem;
 }
 
@@ -136,10 +150,11 @@ ModuleFile inspectModule(const std::string& name) {
   watched::tellStep(Step::Load, name);
   if (module.loadSymbol(name) != 0) {
     file.problem = strongestMeaning(log.since(mark), name);
-    if (!file.problem)  // the library says nothing of a path that leads nowhere
+    if (!file.problem) {  // the library says nothing of a path that leads nowhere
       file.problem =
           Finding{Outcome::BrokenModule, name + ".so cannot be found: it is a link that leads nowhere.",
                   "Remove it, or install the file that it points to."};
+    }
     return file;
   }
   file.firmwareName = module.getFirmwareName();
@@ -158,14 +173,16 @@ ModuleFile inspectModule(const std::string& name) {
 
 std::vector<ModuleFile> inspectModules() {
   std::vector<ModuleFile> files;
-  for (const std::string& name : moduleNames())
+  for (const std::string& name : moduleNames()) {
     files.push_back(inspectModule(name));
+  }
   return files;
 }
 
 const char* kindOf(std::string name) {
-  for (char& c : name)
+  for (char& c : name) {
     c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+  }
   return name.find("EXT-") != std::string::npos ? "EXT" : "ordinary";
 }
 

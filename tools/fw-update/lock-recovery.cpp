@@ -13,10 +13,10 @@ using Clock = std::chrono::steady_clock;
 
 // For what passes by itself: a process on its way into the wait, one that is just
 // ending, a look at the lock's state.
-constexpr std::chrono::milliseconds patience{300};
+constexpr std::chrono::milliseconds kPatience{300};
 // For other recoveries, which take a little longer than their own patience.
-constexpr std::chrono::seconds turnPatience{20};
-constexpr std::chrono::milliseconds pause{20};
+constexpr std::chrono::seconds kTurnPatience{20};
+constexpr std::chrono::milliseconds kPause{20};
 
 Recovery because(RecoveryResult result, LockUsers users = {}) {
   Recovery recovery;
@@ -46,8 +46,9 @@ Recovery because(RecoveryResult result, LockUsers users = {}) {
 // file. So there was no such process, and with the value 0 at that moment nobody is
 // left who could give the lock back, and nobody can take it.
 Recovery tryOnce(UpdateLock& lock, bool ignoreHidden) {
-  if (lock.value() > 0)
+  if (lock.value() > 0) {
     return because(RecoveryResult::Free);
+  }
   bool isUsed = false;
   {
     const SoleUse use(lock);
@@ -59,17 +60,21 @@ Recovery tryOnce(UpdateLock& lock, bool ignoreHidden) {
   }
   const OpenWatch watch(lock);
   const LockUsers first = findLockUsers(lock);
-  if (lock.value() > 0)
+  if (lock.value() > 0) {
     return because(RecoveryResult::Free);
+  }
   LockUsers second = findLockUsers(lock);
-  if (second.has(LockRole::MayHold))
+  if (second.has(LockRole::MayHold)) {
     return because(RecoveryResult::MayBeHeld, std::move(second));
+  }
   const bool isUsedUnseen = isUsed && second.users.empty();
   const bool seesAll = (first.seesAll() && second.seesAll()) || ignoreHidden;
-  if (isUsedUnseen || !seesAll || !watch.works())
+  if (isUsedUnseen || !seesAll || !watch.works()) {
     return because(RecoveryResult::MayBeHidden, std::move(second));
-  if (!(first.users == second.users) || !watch.nobodyOpened())
+  }
+  if (!(first.users == second.users) || !watch.nobodyOpened()) {
     return because(RecoveryResult::MayBeHeld, std::move(second));
+  }
   lock.giveBack();
   return because(RecoveryResult::GivenBack, std::move(second));
 }
@@ -81,23 +86,25 @@ bool isFinal(RecoveryResult result) {
 // "312 (fw-update update libtuner); ..."
 std::string namesOf(const std::vector<LockUser>& users) {
   std::string names;
-  for (const LockUser& user : users)
-    if (user.role == LockRole::MayHold)
+  for (const LockUser& user : users) {
+    if (user.role == LockRole::MayHold) {
       names += (names.empty() ? "" : "; ") + std::to_string(user.process) + " (" + user.command + ")";
+    }
+  }
   return names.empty() ? "a process that came or ended just now" : names;
 }
 
-constexpr const char* whenHeld =
+constexpr const char* kWhenHeld =
     "If it runs an update, wait for it. If it does not, end it, and recover again. See: fw-update lock "
     "status";
-constexpr const char* whenHidden =
+constexpr const char* kWhenHidden =
     "Recover as root, outside of containers; or, when no hidden process uses the lock: fw-update lock "
     "recover --ignore-hidden";
 
 }  // namespace
 
 Recovery recoverUpdateLock(bool ignoreHidden) {
-  const RecoveryTurn turn(turnPatience);
+  const RecoveryTurn turn(kTurnPatience);
   Recovery recovery;
   if (turn.isRefused()) {
     recovery.result = RecoveryResult::OtherRecovery;
@@ -108,10 +115,10 @@ Recovery recoverUpdateLock(bool ignoreHidden) {
     recovery.error = lock.error();
     return recovery;
   }
-  const auto end = Clock::now() + patience;
+  const auto end = Clock::now() + kPatience;
   recovery = tryOnce(lock, ignoreHidden);
   while (!isFinal(recovery.result) && Clock::now() < end) {
-    std::this_thread::sleep_for(pause);
+    std::this_thread::sleep_for(kPause);
     recovery = tryOnce(lock, ignoreHidden);
   }
   return recovery;
@@ -126,12 +133,12 @@ Finding explainRecovery(const Recovery& recovery) {
     case RecoveryResult::MayBeHeld:
       return {Outcome::LockInUse,
               "The update lock was not given back. It may be held by " + namesOf(recovery.users.users) + ".",
-              whenHeld};
+              kWhenHeld};
     case RecoveryResult::MayBeHidden:
       return {Outcome::LockInUse,
               "The update lock was not given back. It may be held by a process that cannot be seen. " +
                   recovery.users.blindSpot(),
-              whenHidden};
+              kWhenHidden};
     case RecoveryResult::OtherRecovery:
       return {Outcome::AlreadyRunning, "Another recovery of the update lock is under way and does not end.",
               "Wait for it, or end it, and recover again."};
@@ -139,19 +146,22 @@ Finding explainRecovery(const Recovery& recovery) {
       break;
   }
   Finding finding = explainClosedLock(recovery.error);
-  if (finding.outcome == Outcome::Ok)
+  if (finding.outcome == Outcome::Ok) {
     finding.outcome = Outcome::NothingToDo;
+  }
   return finding;
 }
 
 Finding explainClosedLock(int error) {
   const std::string lock = "the update lock " + UpdateLock::path();
   const std::string reason = std::string(" (") + std::strerror(error) + ").";
-  if (error == ENOENT)
+  if (error == ENOENT) {
     return {Outcome::Ok, "There is no update lock: no update has run since the device started.", ""};
-  if (error == EACCES || error == EPERM)
+  }
+  if (error == EACCES || error == EPERM) {
     return {Outcome::NotPermitted, "This user may not use " + lock + reason,
             "Run the command as root, or as the user that owns the lock."};
+  }
   return {Outcome::Unexpected, "This command cannot open " + lock + reason,
           "Check that /dev/shm is mounted and writable, and that nothing else stands in the lock's place."};
 }

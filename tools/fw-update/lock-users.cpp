@@ -23,13 +23,13 @@ namespace {
 namespace fs = std::filesystem;
 
 // The first PID namespace has this number on every kernel; it sees all processes.
-constexpr const char* initialNamespace = "pid:[4026531836]";
-constexpr unsigned long kernelThread = 0x00200000;  // PF_KTHREAD of the kernel
+constexpr const char* kInitialNamespace = "pid:[4026531836]";
+constexpr unsigned long kErnelThread = 0x00200000;  // PF_KTHREAD of the kernel
 
-constexpr std::size_t greatestList = 5;
+constexpr std::size_t kGreatestList = 5;
 
 // futex of 64-bit programs, of 32-bit ones, and of 32-bit ones with 64-bit times.
-constexpr long futexCalls[] = {202, 240, 422};
+constexpr long kFutexCalls[] = {202, 240, 422};
 
 struct Range {
   std::uint64_t begin = 0;
@@ -71,10 +71,12 @@ Content contentOf(const std::string& path) {
   }
   char block[4096];
   ssize_t count = 0;
-  while ((count = read(file.get(), block, sizeof block)) > 0)
+  while ((count = read(file.get(), block, sizeof block)) > 0) {
     content.text.append(block, static_cast<std::size_t>(count));
-  if (count < 0)
+  }
+  if (count < 0) {
     content.error = errno;
+  }
   return content;
 }
 
@@ -86,11 +88,13 @@ std::vector<pid_t> numbersIn(const std::string& directory) {
   for (auto entry = fs::directory_iterator(directory, error); !error && entry != fs::directory_iterator();
        entry.increment(error)) {
     const std::string name = entry->path().filename();
-    if (std::all_of(name.begin(), name.end(), [](char c) { return c >= '0' && c <= '9'; }))
+    if (std::all_of(name.begin(), name.end(), [](char c) { return c >= '0' && c <= '9'; })) {
       numbers.push_back(static_cast<pid_t>(std::strtol(name.c_str(), nullptr, 10)));
+    }
   }
-  if (error)
+  if (error) {
     numbers.clear();
+  }
   std::sort(numbers.begin(), numbers.end());
   return numbers;
 }
@@ -105,8 +109,9 @@ std::vector<Mapping> mappingsIn(const std::string& maps) {
     std::string rights, offset;
     char mark = 0;
     if (words >> std::hex >> mapping.range.begin >> mark >> mapping.range.end >> rights >> offset >>
-        mapping.major >> mark >> mapping.minor >> std::dec >> mapping.inode)
+        mapping.major >> mark >> mapping.minor >> std::dec >> mapping.inode) {
       mappings.push_back(mapping);
+    }
   }
   return mappings;
 }
@@ -114,9 +119,11 @@ std::vector<Mapping> mappingsIn(const std::string& maps) {
 // Where a process has the lock mapped.
 std::vector<Range> rangesOf(const std::string& maps, const LockFile& lock) {
   std::vector<Range> ranges;
-  for (const Mapping& mapping : mappingsIn(maps))
-    if (mapping.isOfSameFile(lock.own))
+  for (const Mapping& mapping : mappingsIn(maps)) {
+    if (mapping.isOfSameFile(lock.own)) {
       ranges.push_back(mapping.range);
+    }
+  }
   return ranges;
 }
 
@@ -132,8 +139,9 @@ std::vector<Mount> mountsOf(const std::string& process) {
   std::istringstream lines(contentOf(process + "/mountinfo").text);
   for (std::string line; std::getline(lines, line);) {
     Mount mount;
-    if (std::istringstream(line) >> mount.number >> mount.parent >> mount.fileSystem)
+    if (std::istringstream(line) >> mount.number >> mount.parent >> mount.fileSystem) {
       mounts.push_back(mount);
+    }
   }
   return mounts;
 }
@@ -141,12 +149,16 @@ std::vector<Mount> mountsOf(const std::string& process) {
 std::string fileSystemOf(int descriptor) {
   std::istringstream words(contentOf("/proc/self/fdinfo/" + std::to_string(descriptor)).text);
   std::string number;
-  for (std::string word; words >> word;)
-    if (word == "mnt_id:")
+  for (std::string word; words >> word;) {
+    if (word == "mnt_id:") {
       words >> number;
-  for (const Mount& mount : mountsOf("/proc/self"))
-    if (mount.number == number)
+    }
+  }
+  for (const Mount& mount : mountsOf("/proc/self")) {
+    if (mount.number == number) {
       return mount.fileSystem;
+    }
+  }
   return "";
 }
 
@@ -162,8 +174,9 @@ std::optional<LockFile> lockFileOf(const UpdateLock& lock) {
   const auto address = reinterpret_cast<std::uintptr_t>(lock.mapping());
   for (const Mapping& mapping : mappingsIn(contentOf("/proc/self/maps").text)) {
     LockFile file{mapping, {}, fileSystemOf(lock.descriptor())};
-    if (mapping.range.begin == address && fstat(lock.descriptor(), &file.status) == 0)
+    if (mapping.range.begin == address && fstat(lock.descriptor(), &file.status) == 0) {
       return file;
+    }
   }
   return std::nullopt;
 }
@@ -178,17 +191,20 @@ struct ProcessState {
 std::optional<ProcessState> stateOf(const std::string& process) {
   const std::string line = contentOf(process + "/stat").text;
   const auto name = line.rfind(')');  // the name before it may hold anything
-  if (name == std::string::npos)
+  if (name == std::string::npos) {
     return std::nullopt;
+  }
   std::istringstream words(line.substr(name + 1));
   ProcessState state;
   std::string skipped;
   words >> state.letter;
-  for (int field = 4; field <= 8; ++field)
+  for (int field = 4; field <= 8; ++field) {
     words >> skipped;
+  }
   words >> state.flags;
-  for (int field = 10; field <= 21; ++field)
+  for (int field = 10; field <= 21; ++field) {
     words >> skipped;
+  }
   words >> state.started;
   return state;
 }
@@ -196,12 +212,14 @@ std::optional<ProcessState> stateOf(const std::string& process) {
 // A process whose first thread has ended shows its mappings with the others only.
 Content mapsOf(const std::string& process) {
   Content maps = contentOf(process + "/maps");
-  if (maps.error != 0 || !maps.text.empty())
+  if (maps.error != 0 || !maps.text.empty()) {
     return maps;
+  }
   for (const pid_t thread : numbersIn(process + "/task")) {
     Content more = contentOf(process + "/task/" + std::to_string(thread) + "/maps");
-    if (!more.text.empty())
+    if (!more.text.empty()) {
       return more;
+    }
   }
   return maps;
 }
@@ -215,8 +233,9 @@ bool hasOpen(const std::string& process, const LockFile& lock) {
     // By its name first: asking a file of a server that is gone would wait for it.
     if (fs::read_symlink(link, error).string().find(name) != std::string::npos &&
         stat(link.c_str(), &status) == 0 && status.st_dev == lock.status.st_dev &&
-        status.st_ino == lock.status.st_ino)
+        status.st_ino == lock.status.st_ino) {
       return true;
+    }
   }
   return false;
 }
@@ -229,8 +248,9 @@ bool isWaiting(const std::string& thread, const std::vector<Range>& lock) {
   std::uint64_t address = 0;
   std::uint64_t operation = 0;
   if (!(call >> number >> std::hex >> address >> operation) ||
-      std::find(std::begin(futexCalls), std::end(futexCalls), number) == std::end(futexCalls))
+      std::find(std::begin(kFutexCalls), std::end(kFutexCalls), number) == std::end(kFutexCalls)) {
     return false;
+  }
   const int command = static_cast<int>(operation) & FUTEX_CMD_MASK;
   return (command == FUTEX_WAIT || command == FUTEX_WAIT_BITSET) &&
          std::any_of(lock.begin(), lock.end(),
@@ -247,18 +267,21 @@ bool isThisProgram(const std::string& process) {
 // A thread that waits does not hold the lock, but another one of its process may;
 // except in this program, which requests one update at a time.
 LockRole roleOf(const std::string& process, std::size_t waiting, std::size_t threads) {
-  if (waiting > 0 && (waiting == threads || isThisProgram(process)))
+  if (waiting > 0 && (waiting == threads || isThisProgram(process))) {
     return LockRole::Waits;
+  }
   return LockRole::MayHold;
 }
 
 std::string commandOf(const std::string& process) {
   std::string command = contentOf(process + "/cmdline").text;
-  while (!command.empty() && command.back() == '\0')
+  while (!command.empty() && command.back() == '\0') {
     command.pop_back();
+  }
   std::replace(command.begin(), command.end(), '\0', ' ');
-  if (!command.empty())
+  if (!command.empty()) {
     return command;
+  }
   std::string name = contentOf(process + "/comm").text;
   name.erase(std::remove(name.begin(), name.end(), '\n'), name.end());
   return "[" + name + "]";
@@ -280,8 +303,9 @@ std::string userOf(const std::string& process) {
     std::string label;
     uid_t real = 0;
     uid_t effective = 0;
-    if (!(words >> label >> real >> effective) || label != "Uid:")
+    if (!(words >> label >> real >> effective) || label != "Uid:") {
       continue;
+    }
     return nameOf(effective);
   }
   return "?";
@@ -306,20 +330,23 @@ bool isGone(const std::string& process) {
 void look(LockUsers& found, pid_t number, const LockFile& lock) {
   const std::string process = "/proc/" + std::to_string(number);
   const auto state = stateOf(process);
-  if (!state || (state->flags & kernelThread) != 0)
+  if (!state || (state->flags & kErnelThread) != 0) {
     return;
+  }
   // First whether it is opening the lock, then whether it has mapped it: the other way
   // round, one that does both in between would not be seen.
   const bool opens = hasOpen(process, lock);
   const Content maps = mapsOf(process);
   if (maps.error != 0) {
-    if (!isGone(process) && mayReach(process, lock))
+    if (!isGone(process) && mayReach(process, lock)) {
       found.hidden.push_back(number);
+    }
     return;
   }
   const std::vector<Range> ranges = rangesOf(maps.text, lock);
-  if (ranges.empty() && !opens)
+  if (ranges.empty() && !opens) {
     return;
+  }
   LockUser user = describe(number, process, *state);
   user.role = LockRole::HasOpen;
   if (!ranges.empty()) {
@@ -345,18 +372,22 @@ bool LockUsers::has(LockRole role) const {
 }
 
 std::string LockUsers::blindSpot() const {
-  if (!allProcesses)
+  if (!allProcesses) {
     return "/proc does not show all processes here.";
+  }
   if (!hidden.empty()) {
     std::string numbers;
-    for (std::size_t i = 0; i < std::min(hidden.size(), greatestList); ++i)
+    for (std::size_t i = 0; i < std::min(hidden.size(), kGreatestList); ++i) {
       numbers += (i == 0 ? "" : ", ") + std::to_string(hidden[i]);
-    if (hidden.size() > greatestList)
-      numbers += " and " + std::to_string(hidden.size() - greatestList) + " more";
+    }
+    if (hidden.size() > kGreatestList) {
+      numbers += " and " + std::to_string(hidden.size() - kGreatestList) + " more";
+    }
     return (hidden.size() == 1 ? "Process " : "Processes ") + numbers + " cannot be looked at by this user.";
   }
-  if (!allNamespaces)
+  if (!allNamespaces) {
     return "Processes outside this PID namespace cannot be seen from here.";
+  }
   return "";
 }
 
@@ -367,11 +398,13 @@ LockUsers findLockUsers(const UpdateLock& lock) {
   const std::vector<pid_t> processes = numbersIn("/proc");
   // Not getpid: /proc may be that of another namespace.
   const std::string self = fs::read_symlink("/proc/self", error);
-  found.allNamespaces = fs::read_symlink("/proc/self/ns/pid", error) == initialNamespace;
+  found.allNamespaces = fs::read_symlink("/proc/self/ns/pid", error) == kInitialNamespace;
   found.allProcesses = file && !processes.empty() && access("/proc/1/stat", F_OK) == 0;
-  for (const pid_t number : processes)
-    if (file && std::to_string(number) != self)
+  for (const pid_t number : processes) {
+    if (file && std::to_string(number) != self) {
       look(found, number, *file);
+    }
+  }
   return found;
 }
 

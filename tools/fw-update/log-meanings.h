@@ -13,13 +13,13 @@ namespace tool {
 
 // The message formats that mark the way of an update.
 namespace text {
-inline constexpr const char* needTry = "%s Firmware isNeedUpdateModules Try(%s)";
-inline constexpr const char* updateTry = "%s Firmware Update Try";
-inline constexpr const char* runProcessTry = "%s Firmware runProcess Try";
-inline constexpr const char* updateTime = "%s update time %d ms";
-inline constexpr const char* updateAllTry = "Try doUpdateFirmwareAll";
-inline constexpr const char* powerUnlock = "device_power_unlock_state";
-inline constexpr const char* timedOut = "%s";  // of update_timeout_wrapper
+inline constexpr const char* kNeedTry = "%s Firmware isNeedUpdateModules Try(%s)";
+inline constexpr const char* kUpdateTry = "%s Firmware Update Try";
+inline constexpr const char* kRunProcessTry = "%s Firmware runProcess Try";
+inline constexpr const char* kUpdateTime = "%s update time %d ms";
+inline constexpr const char* kUpdateAllTry = "Try doUpdateFirmwareAll";
+inline constexpr const char* kPowerUnlock = "device_power_unlock_state";
+inline constexpr const char* kTimedOut = "%s";  // of update_timeout_wrapper
 }  // namespace text
 
 // The most telling of the messages, as an ending with its sentences. module is

@@ -33,14 +33,14 @@ Report unexpected(const Options& options, const std::string& message, const char
 }
 
 Report run(const Options& options) {
-  constexpr const char* noRoom = "Try again when the device has more memory free.";
+  constexpr const char* kNoRoom = "Try again when the device has more memory free.";
   try {
     return options.command->run(options);
   } catch (const std::bad_alloc&) {
-    return unexpected(options, "The device has no memory left for this command.", noRoom);
+    return unexpected(options, "The device has no memory left for this command.", kNoRoom);
   } catch (const std::system_error& error) {
     return unexpected(options, std::string("The command could not be carried out: ") + error.what() + ".",
-                      noRoom);
+                      kNoRoom);
   } catch (const std::exception& error) {
     return unexpected(options, std::string("Unexpected error: ") + error.what(), "See the log (--log).");
   }
@@ -75,8 +75,9 @@ void addTo(Report& report, const Finding& interrupted) {
 }
 
 int usage(const Ended& ended) {
-  if (!ended.usageError)
+  if (!ended.usageError) {
     return 0;
+  }
   Options output;
   output.json = ended.json;
   put(*ended.usageError, output, {});
@@ -86,17 +87,20 @@ int usage(const Ended& ended) {
 // In this process.
 int runHere(const Options& options) {
   const auto interrupted = takeInterruptedRun();
-  if (interrupted && !options.json && !options.ndjson)
+  if (interrupted && !options.json && !options.ndjson) {
     tell(*interrupted);
+  }
   Report report = run(options);
-  if (interrupted)
+  if (interrupted) {
     addTo(report, *interrupted);
+  }
   put(report, options, LibraryLog::instance().since(0));
   const int code = std::cout.good() ? infoOf(report.finding.outcome).exitCode : 1;
   watched::tell(ResultTold{code});
   // Nothing is torn down under a module that still runs.
-  if (report.moduleRuns)
+  if (report.moduleRuns) {
     std::_Exit(code);
+  }
   return code;
 }
 
@@ -107,8 +111,9 @@ int runThere(char** arguments, const Options& options) {
     std::signal(end.signal, SIG_DFL);
     kill(getpid(), end.signal);
   }
-  if (!end.report)
+  if (!end.report) {
     return end.exitCode;
+  }
   put(*end.report, options, end.log);
   return std::cout.good() ? infoOf(end.report->finding.outcome).exitCode : 1;
 }
@@ -116,11 +121,13 @@ int runThere(char** arguments, const Options& options) {
 int perform(int argc, char** argv) {
   playLastAct(argc, argv);
   const auto parsed = parseCommandLine(argc, argv);
-  if (const auto* ended = std::get_if<Ended>(&parsed))
+  if (const auto* ended = std::get_if<Ended>(&parsed)) {
     return usage(*ended);
+  }
   const auto& options = std::get<Options>(parsed);
-  if (options.log)
+  if (options.log) {
     setenv("FW_UPDATE_LOG", "stderr", 1);
+  }
   const bool isChild = watched::begin();
   return options.isolated && !isChild ? runThere(argv, options) : runHere(options);
 }
@@ -129,7 +136,7 @@ int perform(int argc, char** argv) {
 
 int main(int argc, char** argv) {
   try {
-    base::CleanStandardOutput();
+    base::cleanStandardOutput();
     return perform(argc, argv);
   } catch (const std::exception& error) {  // before or after the command: out of memory, as a rule
     std::cerr << "fw-update: " << error.what() << std::endl;

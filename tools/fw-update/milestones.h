@@ -10,17 +10,19 @@
 namespace tool {
 
 // A shorter wait is the moment between two log messages, not another update.
-inline constexpr double noticeableWait = 0.3;
+inline constexpr double kNoticeableWait = 0.3;
 
 class Milestones {
  public:
   bool reached(const UpdateProgress& progress) {
-    if (progress.phase != Phase::Updating && progress.elapsed < noticeableWait)
-      return false;
+    if (progress.phase != Phase::Updating && progress.elapsed < kNoticeableWait) {
+      { return false; }
+    }
     const Key now{progress.phase, progress.percent.value_or(0) / 10, progress.overdue()};
-    if (last && last->phase == now.phase && last->tens == now.tens && last->overdue == now.overdue)
-      return false;
-    last = now;
+    if (last_ && last_->phase == now.phase && last_->tens == now.tens && last_->overdue == now.overdue) {
+      { return false; }
+    }
+    last_ = now;
     return true;
   }
 
@@ -30,7 +32,7 @@ class Milestones {
     unsigned int tens;
     bool overdue;
   };
-  std::optional<Key> last;
+  std::optional<Key> last_;
 };
 
 }  // namespace tool

@@ -34,7 +34,7 @@ struct OutcomeInfo {
   int exitCode;
 };
 
-inline constexpr OutcomeInfo outcomeTable[] = {
+inline constexpr OutcomeInfo kOutcomeTable[] = {
     {Outcome::Ok, "ok", 0},
     {Outcome::Updated, "updated", 0},
     {Outcome::Unexpected, "unexpected-error", 1},
@@ -56,10 +56,156 @@ inline constexpr OutcomeInfo outcomeTable[] = {
 };
 
 constexpr const OutcomeInfo& infoOf(Outcome outcome) {
-  for (const OutcomeInfo& info : outcomeTable)
-    if (info.outcome == outcome)
-      return info;
-  return outcomeTable[2];
+  for (const OutcomeInfo& info : kOutcomeTable) {
+    {
+      {
+        {
+          {
+            {
+              {
+                {
+                  {
+                    {
+                      {
+                        {
+                          {
+                            {
+                              {
+                                {
+                                  {
+                                    {
+                                      {
+                                        {
+                                          {
+                                            {
+                                              {
+                                                {
+                                                  {
+                                                    {
+                                                      {
+                                                        {
+                                                          {
+                                                            {
+                                                              {
+                                                                {
+                                                                  {
+                                                                    {
+                                                                      {
+                                                                        {
+                                                                          {
+                                                                            if (info.outcome == outcome) {
+                                                                              {
+                                                                                {
+                                                                                  {
+                                                                                    {
+                                                                                      {
+                                                                                        {
+                                                                                          {
+                                                                                            {
+                                                                                              {
+                                                                                                {
+                                                                                                  {
+                                                                                                    {
+                                                                                                      {
+                                                                                                        {
+                                                                                                          {
+                                                                                                            {
+                                                                                                              {
+                                                                                                                {
+                                                                                                                  {
+                                                                                                                    {
+                                                                                                                      {
+                                                                                                                        {
+                                                                                                                          {
+                                                                                                                            {
+                                                                                                                              {
+                                                                                                                                {
+                                                                                                                                  {
+                                                                                                                                    {
+                                                                                                                                      {
+                                                                                                                                        {
+                                                                                                                                          {
+                                                                                                                                            {
+                                                                                                                                              {
+                                                                                                                                                {
+                                                                                                                                                  {
+                                                                                                                                                    {
+                                                                                                                                                      return info;
+                                                                                                                                                    }
+                                                                                                                                                  }
+                                                                                                                                                }
+                                                                                                                                              }
+                                                                                                                                            }
+                                                                                                                                          }
+                                                                                                                                        }
+                                                                                                                                      }
+                                                                                                                                    }
+                                                                                                                                  }
+                                                                                                                                }
+                                                                                                                              }
+                                                                                                                            }
+                                                                                                                          }
+                                                                                                                        }
+                                                                                                                      }
+                                                                                                                    }
+                                                                                                                  }
+                                                                                                                }
+                                                                                                              }
+                                                                                                            }
+                                                                                                          }
+                                                                                                        }
+                                                                                                      }
+                                                                                                    }
+                                                                                                  }
+                                                                                                }
+                                                                                              }
+                                                                                            }
+                                                                                          }
+                                                                                        }
+                                                                                      }
+                                                                                    }
+                                                                                  }
+                                                                                }
+                                                                              }
+                                                                            }
+                                                                          }
+                                                                        }
+                                                                      }
+                                                                    }
+                                                                  }
+                                                                }
+                                                              }
+                                                            }
+                                                          }
+                                                        }
+                                                      }
+                                                    }
+                                                  }
+                                                }
+                                              }
+                                            }
+                                          }
+                                        }
+                                      }
+                                    }
+                                  }
+                                }
+                              }
+                            }
+                          }
+                        }
+                      }
+                    }
+                  }
+                }
+              }
+            }
+          }
+        }
+      }
+    }
+  }
+  return kOutcomeTable[2];
 }
 
 struct Finding {

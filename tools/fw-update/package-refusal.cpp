@@ -16,10 +16,10 @@ namespace {
 using fwpackage::Statements;
 using fwpackage::Verdict;
 
-constexpr char verifierLibrary[] = "/usr/lib/libkZAQUser.so";
-constexpr int logId = 2;  // as the library logs
-constexpr char badSignature[] = "The package {package} has no valid signature: {sentence}.";
-constexpr char newPackage[] = "Make or download the package again.";
+constexpr char kVerifierLibrary[] = "/usr/lib/libkZAQUser.so";
+constexpr int kLogId = 2;  // as the library logs
+constexpr char kBadSignature[] = "The package {package} has no valid signature: {sentence}.";
+constexpr char kNewPackage[] = "Make or download the package again.";
 
 // {package}: its path; {sentence}: the verdict's; {name}, {model}, {version}: what the
 // package states; {minimum}: the set's minimum version.
@@ -29,8 +29,8 @@ struct Refusal {
   const char* remedy;
 };
 
-constexpr Refusal refusals[] = {
-    {Verdict::UnknownKey, badSignature, "Put the maker's public key into /usr/share/fw-update/keys."},
+constexpr Refusal kRefusals[] = {
+    {Verdict::UnknownKey, kBadSignature, "Put the maker's public key into /usr/share/fw-update/keys."},
     {Verdict::RevokedKey, "The package {package} is refused: its key is revoked.",
      "Get one that is signed with a newer key."},
     {Verdict::UnusableList, "The package {package} is refused: a list of keys cannot be read.",
@@ -53,22 +53,25 @@ constexpr Refusal refusals[] = {
 };
 
 const Refusal& refusalFor(Verdict verdict) {
-  static constexpr Refusal other{Verdict::WrongSignature, badSignature, newPackage};
-  for (const Refusal& refusal : refusals)
-    if (refusal.verdict == verdict)
+  static constexpr Refusal kOther{Verdict::WrongSignature, kBadSignature, kNewPackage};
+  for (const Refusal& refusal : kRefusals) {
+    if (refusal.verdict == verdict) {
       return refusal;
-  return other;
+    }
+  }
+  return kOther;
 }
 
 void replaceAll(std::string& text, const std::string& what, const std::string& with) {
-  for (auto at = text.find(what); at != std::string::npos; at = text.find(what, at + with.size()))
+  for (auto at = text.find(what); at != std::string::npos; at = text.find(what, at + with.size())) {
     text.replace(at, what.size(), with);
+  }
 }
 
 std::string filled(std::string text, const std::string& package, const fwpackage::SignatureReport& report) {
   const Statements& stated = report.trailer.statements;
   const std::string name = stated.name.empty() ? fwpackage::nameFromPath(package) : stated.name;
-  const auto minimum = fwpackage::readMinimumVersion(fwpackage::minimumVersionDirectory, name);
+  const auto minimum = fwpackage::readMinimumVersion(fwpackage::kMinimumVersionDirectory, name);
   replaceAll(text, "{name}", stated.name);
   replaceAll(text, "{model}", stated.model);
   replaceAll(text, "{minimum}", minimum.version);
@@ -79,7 +82,7 @@ std::string filled(std::string text, const std::string& package, const fwpackage
 
 // Stays loaded, as in the library, which asks it later: what it is told must last.
 void* verifier() {
-  return dlopen(verifierLibrary, RTLD_LAZY | RTLD_NODELETE);
+  return dlopen(kVerifierLibrary, RTLD_LAZY | RTLD_NODELETE);
 }
 
 // Null when the installed library is none of this project's rules.
@@ -93,13 +96,15 @@ auto rollbackEntry() {
 }  // namespace
 
 std::optional<Finding> whyRefused(const std::string& package) {
-  if (rollbackEntry() == nullptr)
+  if (rollbackEntry() == nullptr) {
     return std::nullopt;
+  }
   try {
     const auto report =
         fwpackage::checkSignature(package, fwpackage::trustOfDevice(), fwpackage::wantedAt(package));
-    if (report.verdict == Verdict::Valid)
+    if (report.verdict == Verdict::Valid) {
       return std::nullopt;
+    }
     const Refusal& refusal = refusalFor(report.verdict);
     return Finding{Outcome::RefusedImage, filled(refusal.message, package, report),
                    filled(refusal.remedy, package, report)};
@@ -109,16 +114,18 @@ std::optional<Finding> whyRefused(const std::string& package) {
 }
 
 std::optional<Finding> allowRollback() {
-  if (geteuid() != 0)
+  if (geteuid() != 0) {
     return Finding{Outcome::NotPermitted, "Only root may apply a package older than the minimum version.",
                    "Run the command as root, or leave --allow-rollback out."};
+  }
   const auto allow = rollbackEntry();
-  if (allow == nullptr)
+  if (allow == nullptr) {
     return Finding{Outcome::Usage, "The verification library of this set knows no --allow-rollback.",
                    "Leave it out."};
+  }
   allow(1);
   fwpackage::allowRollback(true);
-  __dlog_print(logId, DLOG_WARN_PRIORITY, "FWUPDATE", "%s",
+  __dlog_print(kLogId, DLOG_WARN_PRIORITY, "FWUPDATE", "%s",
                "root allows packages older than the minimum version");
   return std::nullopt;
 }

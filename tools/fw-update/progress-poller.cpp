@@ -11,8 +11,8 @@
 namespace tool {
 namespace {
 
-constexpr std::chrono::milliseconds interval{100};
-constexpr std::chrono::milliseconds patience{500};
+constexpr std::chrono::milliseconds kInterval{100};
+constexpr std::chrono::milliseconds kPatience{500};
 
 // Tells a watcher whose turn it is, should the module crash.
 struct Asking {
@@ -27,8 +27,9 @@ std::optional<unsigned int> ask(const std::string& module) {
   const Asking told;
   unsigned int percent = 0;
   try {
-    if (FWUpdateSymbolManager::getInstance()->getFirmwareUpdateProgress(module, &percent) == 0)
+    if (FWUpdateSymbolManager::getInstance()->getFirmwareUpdateProgress(module, &percent) == 0) {
       return percent;
+    }
   } catch (const std::exception&) {
     // A module that throws here reports no progress.
   }
@@ -38,11 +39,11 @@ std::optional<unsigned int> ask(const std::string& module) {
 }  // namespace
 
 // An update goes on without progress when the device has no room for the thread.
-ProgressPoller::ProgressPoller(const std::string& module) : state(std::make_shared<State>()) {
+ProgressPoller::ProgressPoller(const std::string& module) : state_(std::make_shared<State>()) {
   try {
-    std::thread([shared = state, module] { poll(shared, module); }).detach();
+    std::thread([shared = state_, module] { poll(shared, module); }).detach();
   } catch (const std::system_error&) {
-    state->ended = true;
+    state_->ended = true;
   }
 }
 
@@ -53,22 +54,22 @@ void ProgressPoller::poll(const std::shared_ptr<State>& state, const std::string
     const auto answer = ask(module);
     lock.lock();
     state->percent = answer;
-    state->changed.wait_for(lock, interval, [&] { return state->stopping; });
+    state->changed.wait_for(lock, kInterval, [&] { return state->stopping; });
   }
   state->ended = true;
   state->changed.notify_all();
 }
 
 std::optional<unsigned int> ProgressPoller::percent() const {
-  const std::lock_guard lock(state->mutex);
-  return state->percent;
+  const std::lock_guard lock(state_->mutex);
+  return state_->percent;
 }
 
 bool ProgressPoller::stop() {
-  std::unique_lock lock(state->mutex);
-  state->stopping = true;
-  state->changed.notify_all();
-  return state->changed.wait_for(lock, patience, [this] { return state->ended; });
+  std::unique_lock lock(state_->mutex);
+  state_->stopping = true;
+  state_->changed.notify_all();
+  return state_->changed.wait_for(lock, kPatience, [this] { return state_->ended; });
 }
 
 }  // namespace tool

@@ -35,7 +35,7 @@ class ProgressPoller {
   };
   static void poll(const std::shared_ptr<State>& state, const std::string& module);
 
-  std::shared_ptr<State> state;
+  std::shared_ptr<State> state_;
 };
 
 }  // namespace tool

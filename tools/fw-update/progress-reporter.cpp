@@ -19,36 +19,39 @@ namespace {
 class LiveReporter : public ProgressReporter {
  public:
   void tick(const UpdateProgress& progress) override {
-    if (progress.phase != Phase::Updating && progress.elapsed < noticeableWait)
+    if (progress.phase != Phase::Updating && progress.elapsed < kNoticeableWait) {
       return;
+    }
     const std::string line = liveLine(progress, terminalWidth(STDOUT_FILENO) - 1);
-    std::cout << base::TerminalOrder(base::Order::LineStart)
+    std::cout << base::terminalOrder(base::Order::LineStart)
               << (progress.overdue() ? coloured(line, Colour::Yellow, STDOUT_FILENO) : line)
-              << base::TerminalOrder(base::Order::EraseToEnd) << std::flush;
-    drawn = true;
+              << base::terminalOrder(base::Order::EraseToEnd) << std::flush;
+    drawn_ = true;
   }
   void finish() override {
-    if (drawn)
-      std::cout << base::EmptyLine() << std::flush;
+    if (drawn_) {
+      std::cout << base::emptyLine() << std::flush;
+    }
   }
 
  private:
-  bool drawn = false;
+  bool drawn_ = false;
 };
 
 class PlainReporter : public ProgressReporter {
  public:
   void start(const Options& options) override {
-    std::cout << base::PrintableText(options.module) << ": update requested by " << options.caller->name
+    std::cout << base::printableText(options.module) << ": update requested by " << options.caller->name
               << std::endl;
   }
   void tick(const UpdateProgress& progress) override {
-    if (milestones.reached(progress))
+    if (milestones_.reached(progress)) {
       std::cout << plainLine(progress) << std::endl;
+    }
   }
 
  private:
-  Milestones milestones;
+  Milestones milestones_;
 };
 
 class NdjsonReporter : public ProgressReporter {
@@ -61,44 +64,50 @@ class NdjsonReporter : public ProgressReporter {
     std::cout << onOneLine(event) << std::flush;
   }
   void tick(const UpdateProgress& progress) override {
-    if (progress.phase == Phase::Updating)
+    if (progress.phase == Phase::Updating) {
       updating(progress);
-    else if (progress.phase == Phase::Waiting && progress.elapsed >= noticeableWait)
-      putOnce(progress, "waiting", waitingTold);
+    } else if (progress.phase == Phase::Waiting && progress.elapsed >= kNoticeableWait) {
+      putOnce(progress, "waiting", waitingTold_);
+    }
   }
 
  private:
   void updating(const UpdateProgress& progress) {
-    if (!progressTold || progress.percent != lastPercent)
+    if (!progressTold_ || progress.percent != lastPercent_) {
       put(progress, "progress");
-    progressTold = true;
-    lastPercent = progress.percent;
-    if (progress.overdue())
-      putOnce(progress, "overdue", overdueTold);
+    }
+    progressTold_ = true;
+    lastPercent_ = progress.percent;
+    if (progress.overdue()) {
+      putOnce(progress, "overdue", overdueTold_);
+    }
   }
   static void putOnce(const UpdateProgress& progress, const char* name, bool& told) {
-    if (!told)
+    if (!told) {
       put(progress, name);
+    }
     told = true;
   }
   static void put(const UpdateProgress& progress, const char* name) {
     Json::Value event;
     event["event"] = name;
     event["elapsedSeconds"] = rounded(progress.elapsed);
-    if (progress.phase == Phase::Updating && progress.percent)
+    if (progress.phase == Phase::Updating && progress.percent) {
       event["percent"] = *progress.percent;
+    }
     if (progress.limit) {
       event["expectedSeconds"] = progress.limit->expected;
-      if (progress.limit->givesUp != 0)
+      if (progress.limit->givesUp != 0) {
         event["givesUpAtSeconds"] = progress.limit->givesUp;
+      }
     }
     std::cout << onOneLine(event) << std::flush;
   }
 
-  std::optional<unsigned int> lastPercent;
-  bool progressTold = false;
-  bool waitingTold = false;
-  bool overdueTold = false;
+  std::optional<unsigned int> lastPercent_;
+  bool progressTold_ = false;
+  bool waitingTold_ = false;
+  bool overdueTold_ = false;
 };
 
 }  // namespace
@@ -110,12 +119,15 @@ bool hasLiveLine() {
 }
 
 std::unique_ptr<ProgressReporter> makeProgressReporter(const Options& options) {
-  if (options.ndjson)
+  if (options.ndjson) {
     return std::make_unique<NdjsonReporter>();
-  if (options.json)
+  }
+  if (options.json) {
     return std::make_unique<ProgressReporter>();
-  if (hasLiveLine())
+  }
+  if (hasLiveLine()) {
     return std::make_unique<LiveReporter>();
+  }
   return std::make_unique<PlainReporter>();
 }
 

@@ -10,33 +10,36 @@
 namespace tool {
 namespace {
 
-constexpr const char* lockFile = "recovery.lock";
-constexpr const char* semaphores = "/dev/shm";
-constexpr std::chrono::milliseconds pause{20};
+constexpr const char* kLockFile = "recovery.lock";
+constexpr const char* kSemaphores = "/dev/shm";
+constexpr std::chrono::milliseconds kPause{20};
 
 // What everybody can open everybody can lock, and so keep recoveries away for ever. It
 // serves only those who may not use the file that root has.
 fwplatform::UniqueFd openTurn() {
-  if (const fwplatform::UniqueFd directory = makeRunDirectory())
-    if (fwplatform::UniqueFd file = openOwnLockFile(directory, lockFile))
+  if (const fwplatform::UniqueFd directory = makeRunDirectory()) {
+    if (fwplatform::UniqueFd file = openOwnLockFile(directory, kLockFile)) {
       return file;
-  return fwplatform::UniqueFd(open(semaphores, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    }
+  }
+  return fwplatform::UniqueFd(open(kSemaphores, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
 }
 
 }  // namespace
 
-RecoveryTurn::RecoveryTurn(std::chrono::milliseconds patience) : file(openTurn()) {
+RecoveryTurn::RecoveryTurn(std::chrono::milliseconds patience) : file_(openTurn()) {
   const auto end = std::chrono::steady_clock::now() + patience;
-  while (file && !taken && std::chrono::steady_clock::now() < end) {
-    taken = flock(file.get(), LOCK_EX | LOCK_NB) == 0;
-    if (!taken)
-      std::this_thread::sleep_for(pause);
+  while (file_ && !taken_ && std::chrono::steady_clock::now() < end) {
+    taken_ = flock(file_.get(), LOCK_EX | LOCK_NB) == 0;
+    if (!taken_) {
+      std::this_thread::sleep_for(kPause);
+    }
   }
 }
 
 int RecoveryTurn::keepForNextProgram() const {
-  fcntl(file.get(), F_SETFD, 0);
-  return file.get();
+  fcntl(file_.get(), F_SETFD, 0);
+  return file_.get();
 }
 
 }  // namespace tool

@@ -15,16 +15,16 @@ class RecoveryTurn {
   // Waits at most that long for another's turn to end.
   explicit RecoveryTurn(std::chrono::milliseconds patience);
 
-  bool isTaken() const { return taken; }
+  bool isTaken() const { return taken_; }
   // Not when there is no place for locks: then there is no lock either.
-  bool isRefused() const { return file && !taken; }
+  bool isRefused() const { return file_ && !taken_; }
 
   // The turn goes on in a program that this process becomes, which gets the descriptor.
   int keepForNextProgram() const;
 
  private:
-  fwplatform::UniqueFd file;
-  bool taken = false;
+  fwplatform::UniqueFd file_;
+  bool taken_ = false;
 };
 
 }  // namespace tool

@@ -10,7 +10,7 @@
 namespace tool {
 namespace {
 
-constexpr std::string_view failurePrefix = "fw-update: ";
+constexpr std::string_view kFailurePrefix = "fw-update: ";
 
 Json::Value toJson(const LogMessages& log) {
   Json::Value lines(Json::arrayValue);
@@ -40,8 +40,9 @@ Json::Value toJson(const Report& report) {
   document["outcome"] = info.id;
   document["exitCode"] = info.exitCode;
   document["message"] = report.finding.message;
-  if (!report.finding.remedy.empty())
+  if (!report.finding.remedy.empty()) {
     document["remedy"] = report.finding.remedy;
+  }
   return document;
 }
 
@@ -56,15 +57,17 @@ void printText(const Report& report) {
   std::cout << report.body << std::flush;
   if (isFailure(finding.outcome)) {
     const std::size_t width = terminalWidth(STDERR_FILENO);
-    const std::string text = wrapped(std::string(failurePrefix) + finding.message, width);
-    std::cerr << coloured(std::string(failurePrefix), Colour::Red, STDERR_FILENO)
-              << text.substr(failurePrefix.size()) << '\n';
-    if (!finding.remedy.empty())
+    const std::string text = wrapped(std::string(kFailurePrefix) + finding.message, width);
+    std::cerr << coloured(std::string(kFailurePrefix), Colour::Red, STDERR_FILENO)
+              << text.substr(kFailurePrefix.size()) << '\n';
+    if (!finding.remedy.empty()) {
       std::cerr << wrapped(finding.remedy, width) << '\n';
+    }
     return;
   }
-  if (finding.outcome == Outcome::Ok && !report.body.empty())
+  if (finding.outcome == Outcome::Ok && !report.body.empty()) {
     return;
+  }
   const Colour colour = finding.outcome == Outcome::NothingToDo ? Colour::Bold : Colour::Green;
   const std::string text = wrapped(finding.message, terminalWidth(STDOUT_FILENO));
   std::cout << coloured(text, colour, STDOUT_FILENO) << std::endl;

@@ -9,10 +9,10 @@ namespace {
 
 using fwplatform::UniqueFd;
 
-constexpr const char* path = "/run/fw-update";
-constexpr mode_t othersMayWrite = 022;
-constexpr mode_t othersMayUse = 077;
-constexpr mode_t ownOnly = 0600;
+constexpr const char* kPath = "/run/fw-update";
+constexpr mode_t kOthersMayWrite = 022;
+constexpr mode_t kOthersMayUse = 077;
+constexpr mode_t kOwnOnly = 0600;
 
 bool belongsToUs(const struct stat& status) {
   return status.st_uid == 0 || status.st_uid == geteuid();
@@ -21,25 +21,27 @@ bool belongsToUs(const struct stat& status) {
 }  // namespace
 
 UniqueFd openRunDirectory() {
-  UniqueFd directory(open(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  UniqueFd directory(open(kPath, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   struct stat status {};
   if (directory && (fstat(directory.get(), &status) != 0 || !belongsToUs(status) ||
-                    (status.st_mode & othersMayWrite) != 0))
+                    (status.st_mode & kOthersMayWrite) != 0)) {
     directory.reset();
+  }
   return directory;
 }
 
 UniqueFd makeRunDirectory() {
-  mkdir(path, 0755);
+  mkdir(kPath, 0755);
   return openRunDirectory();
 }
 
 UniqueFd openOwnLockFile(const UniqueFd& directory, const char* name) {
-  UniqueFd file(openat(directory.get(), name, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, ownOnly));
+  UniqueFd file(openat(directory.get(), name, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, kOwnOnly));
   struct stat status {};
   if (file && (fstat(file.get(), &status) != 0 || !belongsToUs(status) ||
-               ((status.st_mode & othersMayUse) != 0 && fchmod(file.get(), ownOnly) != 0)))
+               ((status.st_mode & kOthersMayUse) != 0 && fchmod(file.get(), kOwnOnly) != 0))) {
     file.reset();
+  }
   return file;
 }
 

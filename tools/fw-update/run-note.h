@@ -24,7 +24,7 @@ class RunNote {
   RunNote& operator=(const RunNote&) = delete;
 
   // Another process has a run under way.
-  bool otherRuns() const { return busy; }
+  bool otherRuns() const { return busy_; }
   // names: of the run's modules, in their order.
   void runStarted(std::vector<std::string> names);
   // number: from 1; the ones before have ended. names: of the run's modules as they are now.
@@ -35,11 +35,11 @@ class RunNote {
  private:
   void write(std::size_t number) const;
 
-  std::vector<std::string> libraries;
-  const int exceptionsBefore = std::uncaught_exceptions();
-  fwplatform::UniqueFd directory;
-  fwplatform::UniqueFd lock;
-  bool busy = false;
+  std::vector<std::string> libraries_;
+  const int exceptionsBefore_ = std::uncaught_exceptions();
+  fwplatform::UniqueFd directory_;
+  fwplatform::UniqueFd lock_;
+  bool busy_ = false;
 };
 
 // What a run that was cut off left behind, told once: the note is taken away.

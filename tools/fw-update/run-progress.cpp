@@ -10,8 +10,8 @@
 namespace tool {
 namespace {
 
-constexpr const char* started = "========== [ %s update start ] ==========";
-constexpr const char* succeeded = "========== [ %s update succeeded ] ==========";
+constexpr const char* kStarted = "========== [ %s update start ] ==========";
+constexpr const char* kSucceeded = "========== [ %s update succeeded ] ==========";
 
 std::string wholeSeconds(double seconds) {
   return std::to_string(static_cast<long long>(std::ceil(seconds))) + " s";
@@ -29,10 +29,12 @@ std::string total(const RunProgress& progress) {
 // Seconds of the expected time that are behind.
 double secondsDone(const PlannedModule& module, const UpdateProgress& progress) {
   const double expected = module.expectedSeconds;
-  if (progress.phase != Phase::Updating)
+  if (progress.phase != Phase::Updating) {
     return 0;
-  if (progress.percent)
+  }
+  if (progress.percent) {
     return expected * std::min(*progress.percent, 100U) / 100;
+  }
   return std::min(progress.elapsed, expected);
 }
 
@@ -47,11 +49,14 @@ bool has(const Turn& turn, const char* format) {
 // The last module before whose update was given up. The library lets only one
 // update of a process into a module, also when it has given that one up.
 std::optional<std::size_t> blockerOf(const Run& run, std::size_t index) {
-  if (!timedOut(*run[index].turn) || has(*run[index].turn, started))
+  if (!timedOut(*run[index].turn) || has(*run[index].turn, kStarted)) {
     return std::nullopt;
-  while (index-- > 0)
-    if (run[index].turn && timedOut(*run[index].turn) && has(*run[index].turn, started))
+  }
+  while (index-- > 0) {
+    if (run[index].turn && timedOut(*run[index].turn) && has(*run[index].turn, kStarted)) {
       return index;
+    }
+  }
   return std::nullopt;
 }
 
@@ -59,24 +64,29 @@ std::optional<std::size_t> blockerOf(const Run& run, std::size_t index) {
 std::vector<Turn> turnsOf(const LogMessages& messages) {
   std::vector<Turn> turns;
   std::map<long, std::size_t> turnOfWorker;
-  const LogMessage* begin = findMessage(messages, text::updateAllTry);
-  if (begin == nullptr)
+  const LogMessage* begin = findMessage(messages, text::kUpdateAllTry);
+  if (begin == nullptr) {
     return turns;
+  }
   for (const LogMessage& message : messages) {
     if (message.thread != begin->thread) {
       // A worker's first message comes in its own module's turn.
-      if (!turns.empty())
+      if (!turns.empty()) {
         turns[turnOfWorker.try_emplace(message.thread, turns.size() - 1).first->second].messages.push_back(
             message);
+      }
       continue;
     }
-    const bool next = message.format == text::updateTime;
-    if (!turns.empty() && !turns.back().end && (next || message.format == text::powerUnlock))
+    const bool next = message.format == text::kUpdateTime;
+    if (!turns.empty() && !turns.back().end && (next || message.format == text::kPowerUnlock)) {
       turns.back().end = message.time;
-    if (next)
+    }
+    if (next) {
       turns.push_back({message.arguments.empty() ? "" : message.arguments[0], {}, message.time, {}});
-    if (!turns.empty() && !turns.back().end)
+    }
+    if (!turns.empty() && !turns.back().end) {
       turns.back().messages.push_back(message);
+    }
   }
   return turns;
 }
@@ -86,15 +96,18 @@ LogMessages askedOf(const LogMessages& messages, const std::string& library) {
   LogMessages asked;
   bool itsOwn = false;
   for (const LogMessage& message : messages) {
-    if (message.format == text::updateAllTry)
+    if (message.format == text::kUpdateAllTry) {
       break;
-    if (message.format == text::needTry) {
-      itsOwn = !message.arguments.empty() && message.arguments[0] == library;
-      if (itsOwn)
-        asked.clear();  // the last time counts
     }
-    if (itsOwn)
+    if (message.format == text::kNeedTry) {
+      itsOwn = !message.arguments.empty() && message.arguments[0] == library;
+      if (itsOwn) {
+        asked.clear();  // the last time counts
+      }
+    }
+    if (itsOwn) {
       asked.push_back(message);
+    }
   }
   return asked;
 }
@@ -108,10 +121,12 @@ bool wasNeeded(const RunModule& module) {
 std::size_t moduleOf(const Turn& turn, const Run& all, std::size_t from) {
   std::size_t found = all.size();
   for (std::size_t i = from; i < all.size(); ++i) {
-    if (all[i].planned.firmware != turn.firmware)
+    if (all[i].planned.firmware != turn.firmware) {
       continue;
-    if (wasNeeded(all[i]))
+    }
+    if (wasNeeded(all[i])) {
       return i;
+    }
     found = std::min(found, i);
   }
   return found;
@@ -119,25 +134,29 @@ std::size_t moduleOf(const Turn& turn, const Run& all, std::size_t from) {
 
 // A module that was not to be updated, and is.
 void makeDue(PlannedModule& module, const Turn& turn) {
-  if (module.due)
+  if (module.due) {
     return;
+  }
   module.due = true;
   module.reason = {};
-  if (const auto limit = timeLimit(turn.messages))
+  if (const auto limit = timeLimit(turn.messages)) {
     module.expectedSeconds = limit->expected;
+  }
 }
 
 }  // namespace
 
 Run runOf(const std::vector<PlannedModule>& planned, const LogMessages& messages) {
   Run all;
-  for (const PlannedModule& module : planned)
+  for (const PlannedModule& module : planned) {
     all.push_back({module, askedOf(messages, module.library), std::nullopt});
+  }
   std::size_t from = 0;
   for (const Turn& turn : turnsOf(messages)) {
     const std::size_t index = moduleOf(turn, all, from);
-    if (index == all.size())
+    if (index == all.size()) {
       continue;
+    }
     all[index].turn = turn;
     makeDue(all[index].planned, turn);
     from = index + 1;
@@ -150,9 +169,11 @@ Run runOf(const std::vector<PlannedModule>& planned, const LogMessages& messages
 
 std::size_t begunOf(const Run& run) {
   std::size_t begun = 0;
-  for (std::size_t i = 0; i < run.size(); ++i)
-    if (run[i].turn)
+  for (std::size_t i = 0; i < run.size(); ++i) {
+    if (run[i].turn) {
       begun = i + 1;
+    }
+  }
   return begun;
 }
 
@@ -171,19 +192,22 @@ Finding resultOf(const Run& run, std::size_t index) {
                             "Run it again: fw-update update-all"};
   }
   const Turn& turn = *run[index].turn;
-  if (const auto blocker = blockerOf(run, index))
+  if (const auto blocker = blockerOf(run, index)) {
     return {Outcome::TimedOut,
             module + " could not begin in time: " + run[*blocker].planned.library + " still runs.",
             "Run it again: fw-update update-all"};
+  }
   const auto givenUp = std::find_if(turn.messages.begin(), turn.messages.end(), isTimeOut);
-  if (givenUp == turn.messages.end())
+  if (givenUp == turn.messages.end()) {
     // The library keeps the results of a run to itself; -1 is the likely one.
     return explainUpdate(-1, turn.messages, module);
+  }
   // What came before tells of an end that the library missed; what comes later does
   // not count, unless all went well.
   const Finding finding = explainUpdate(1, LogMessages(turn.messages.begin(), givenUp + 1), module);
-  if (finding.outcome == Outcome::TimedOut && has(turn, succeeded))
+  if (finding.outcome == Outcome::TimedOut && has(turn, kSucceeded)) {
     return {Outcome::Updated, module + " was updated, but only after the library had given it up.", ""};
+  }
   return finding;
 }
 
@@ -204,8 +228,9 @@ RunProgress runProgressOf(const Run& run, std::optional<unsigned int> percent,
     }
     ++progress.modulesLeft;
     progress.secondsLeft += expected;
-    if (!run[i].turn)
+    if (!run[i].turn) {
       continue;
+    }
     progress.module = progressOf(run[i].turn->messages, module.library, run[i].turn->start, now);
     progress.module.percent = percent;
     done += secondsDone(module, progress.module);
@@ -222,13 +247,15 @@ std::string plainLine(const RunProgress& progress) {
 }
 
 std::string liveLine(const RunProgress& progress, std::size_t width) {
-  constexpr std::size_t leastForModule = 30;
+  constexpr std::size_t kLeastForModule = 30;
   const std::string before = place(progress);
   const std::string after = "  " + total(progress);
-  if (width >= before.size() + after.size() + leastForModule)
+  if (width >= before.size() + after.size() + kLeastForModule) {
     return before + liveLine(progress.module, width - before.size() - after.size()) + after;
-  if (width > before.size())
+  }
+  if (width > before.size()) {
     return before + liveLine(progress.module, width - before.size());
+  }
   return "";
 }
 

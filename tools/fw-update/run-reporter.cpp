@@ -46,41 +46,44 @@ class TextReporter : public RunReporter {
 class LiveReporter : public TextReporter {
  public:
   void tick(const RunProgress& progress) override {
-    if (progress.number == 0)
+    if (progress.number == 0) {
       return;
+    }
     const std::string line = liveLine(progress, terminalWidth(STDOUT_FILENO) - 1);
-    std::cout << base::TerminalOrder(base::Order::LineStart)
+    std::cout << base::terminalOrder(base::Order::LineStart)
               << (progress.module.overdue() ? coloured(line, Colour::Yellow, STDOUT_FILENO) : line)
-              << base::TerminalOrder(base::Order::EraseToEnd) << std::flush;
-    drawn = true;
+              << base::terminalOrder(base::Order::EraseToEnd) << std::flush;
+    drawn_ = true;
   }
   void finish() override { clear(); }
 
  protected:
   void clear() override {
-    if (drawn)
-      std::cout << base::EmptyLine() << std::flush;
-    drawn = false;
+    if (drawn_) {
+      std::cout << base::emptyLine() << std::flush;
+    }
+    drawn_ = false;
   }
 
  private:
-  bool drawn = false;
+  bool drawn_ = false;
 };
 
 class PlainReporter : public TextReporter {
  public:
   void tick(const RunProgress& progress) override {
-    if (progress.number != number) {
-      number = progress.number;
-      milestones = Milestones();
+    if (progress.number != number_) {
+      number_ = progress.number;
+      milestones_ = Milestones();
     }
-    if (number > 0 && milestones.reached(progress.module))
+    if (number_ > 0 && milestones_.reached(progress.module)) {
       std::cout << plainLine(progress) << std::endl;
+    }
   }
 
  private:
-  std::size_t number = 0;
-  Milestones milestones;
+  std::size_t number_ = 0;
+  Milestones milestones_;
 };
 
 class NdjsonReporter : public RunReporter {
@@ -89,23 +92,25 @@ class NdjsonReporter : public RunReporter {
     Json::Value event;
     event["event"] = "start";
     event["modules"] = Json::arrayValue;
-    for (const PlannedModule& module : plan.modules)
+    for (const PlannedModule& module : plan.modules) {
       event["modules"].append(planJson(module));
+    }
     event["expectedSeconds"] = plan.expectedSeconds();
     event["powerHoldMs"] = plan.powerHoldMs();
     put(event);
   }
   void tick(const RunProgress& progress) override {
-    if (progress.number == 0)
+    if (progress.number == 0) {
       return;
-    if (progress.number != number) {
-      number = progress.number;
-      updating = false;
+    }
+    if (progress.number != number_) {
+      number_ = progress.number;
+      updating_ = false;
       put(moment(progress, "module-start"));
     }
-    if (progress.module.phase == Phase::Updating && (!updating || progress.module.percent != percent)) {
-      updating = true;
-      percent = progress.module.percent;
+    if (progress.module.phase == Phase::Updating && (!updating_ || progress.module.percent != percent_)) {
+      updating_ = true;
+      percent_ = progress.module.percent;
       put(moment(progress, "progress"));
     }
   }
@@ -128,8 +133,9 @@ class NdjsonReporter : public RunReporter {
     event["number"] = static_cast<Json::UInt64>(progress.number);
     event["count"] = static_cast<Json::UInt64>(progress.count);
     event["elapsedSeconds"] = rounded(progress.module.elapsed);
-    if (progress.module.percent)
+    if (progress.module.percent) {
       event["percent"] = *progress.module.percent;
+    }
     event["totalPercent"] = progress.totalPercent;
     event["secondsLeft"] = rounded(progress.secondsLeft);
     event["modulesLeft"] = static_cast<Json::UInt64>(progress.modulesLeft);
@@ -137,9 +143,9 @@ class NdjsonReporter : public RunReporter {
   }
   static void put(const Json::Value& event) { std::cout << onOneLine(event) << std::flush; }
 
-  std::size_t number = 0;
-  bool updating = false;
-  std::optional<unsigned int> percent;
+  std::size_t number_ = 0;
+  bool updating_ = false;
+  std::optional<unsigned int> percent_;
 };
 
 // The document comes at the end; only the Ctrl-C is answered at once.
@@ -153,25 +159,30 @@ class DocumentReporter : public RunReporter {
 }  // namespace
 
 std::unique_ptr<RunReporter> makeRunReporter(const Options& options) {
-  if (options.ndjson)
+  if (options.ndjson) {
     return std::make_unique<NdjsonReporter>();
-  if (options.json)
+  }
+  if (options.json) {
     return std::make_unique<DocumentReporter>();
-  if (hasLiveLine())
+  }
+  if (hasLiveLine()) {
     return std::make_unique<LiveReporter>();
+  }
   return std::make_unique<PlainReporter>();
 }
 
 std::string describePlan(const UpdatePlan& plan) {
   std::vector<std::vector<std::string>> rows{{"LIBRARY", "FIRMWARE", "VERSION", "EXPECTED", "UPDATE"}};
-  for (const PlannedModule& module : plan.modules)
+  for (const PlannedModule& module : plan.modules) {
     rows.push_back({module.library, module.firmware, module.version,
                     module.due ? std::to_string(module.expectedSeconds) + " s" : "-",
                     module.due ? "yes" : "no: " + module.reason.message});
+  }
   std::string text = plan.modules.empty() ? "" : table(rows, terminalWidth(STDOUT_FILENO));
-  if (const std::size_t count = plan.due().size(); count > 0)
+  if (const std::size_t count = plan.due().size(); count > 0) {
     text += std::to_string(count) + (count == 1 ? " module" : " modules") + ", about " +
             wholeSeconds(plan.expectedSeconds()) + "; power is held " + powerHoldText(plan) + ".\n";
+  }
   return text;
 }
 
@@ -187,8 +198,9 @@ Json::Value planJson(const PlannedModule& module) {
   }
   value["outcome"] = infoOf(module.reason.outcome).id;
   value["message"] = module.reason.message;
-  if (!module.reason.remedy.empty())
+  if (!module.reason.remedy.empty()) {
     value["remedy"] = module.reason.remedy;
+  }
   return value;
 }
 

@@ -19,8 +19,9 @@ Json::Value toJson(const LogMessage& message) {
   value["format"] = message.format;
   value["text"] = message.text;
   value["arguments"] = Json::arrayValue;
-  for (const std::string& argument : message.arguments)
+  for (const std::string& argument : message.arguments) {
     value["arguments"].append(argument);
+  }
   value["errno"] = message.errorNumber;
   value["thread"] = Json::Int64{message.thread};
   value["time"] = Json::Int64{message.time.time_since_epoch().count()};
@@ -35,8 +36,9 @@ LogMessage messageOf(const Json::Value& value) {
   message.line = value["line"].asInt();
   message.format = value["format"].asString();
   message.text = value["text"].asString();
-  for (const Json::Value& argument : value["arguments"])
+  for (const Json::Value& argument : value["arguments"]) {
     message.arguments.push_back(argument.asString());
+  }
   message.errorNumber = value["errno"].asInt();
   message.thread = static_cast<long>(value["thread"].asInt64());
   message.time =
@@ -58,15 +60,19 @@ struct ToJson {
 };
 
 std::optional<Told> toldBy(const Json::Value& value) {
-  if (value.isMember("log"))
+  if (value.isMember("log")) {
     return messageOf(value["log"]);
-  if (value.isMember("asking"))
+  }
+  if (value.isMember("asking")) {
     return ProgressTold{value["asking"].asBool()};
-  if (value.isMember("exitCode"))
+  }
+  if (value.isMember("exitCode")) {
     return ResultTold{value["exitCode"].asInt()};
+  }
   const int step = value["step"].asInt();
-  if (step < static_cast<int>(Step::Start) || step > static_cast<int>(Step::End))
+  if (step < static_cast<int>(Step::Start) || step > static_cast<int>(Step::End)) {
     return std::nullopt;
+  }
   return StepTold{static_cast<Step>(step), value["module"].asString(), value["firmware"].asString()};
 }
 
@@ -83,8 +89,9 @@ std::optional<Told> fromDatagram(std::string_view datagram) {
   Json::Value value;
   try {
     if (reader->parse(datagram.data(), datagram.data() + datagram.size(), &value, nullptr) &&
-        value.isObject())
+        value.isObject()) {
       return toldBy(value);
+    }
   } catch (const Json::Exception&) {
     // A member of another kind than expected.
   }

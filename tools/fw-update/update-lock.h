@@ -21,20 +21,20 @@ class UpdateLock {
   UpdateLock& operator=(const UpdateLock&) = delete;
 
   // 0 when it is open, else why not, as errno: ENOENT when there is no lock.
-  int error() const { return openError; }
+  int error() const { return openError_; }
 
   // What follows is only for an open lock.
   int value() const;
-  int descriptor() const { return opened.get(); }
-  const void* mapping() const { return semaphore; }
+  int descriptor() const { return opened_.get(); }
+  const void* mapping() const { return semaphore_; }
   void giveBack();
 
   static std::string path();
 
  private:
-  fwplatform::UniqueFd opened;
-  sem_t* semaphore = nullptr;
-  int openError = 0;
+  fwplatform::UniqueFd opened_;
+  sem_t* semaphore_ = nullptr;
+  int openError_ = 0;
 };
 
 // The kernel's word that nobody else has the lock's file open or mapped: it gives a
@@ -47,16 +47,16 @@ class SoleUse {
   SoleUse(const SoleUse&) = delete;
   SoleUse& operator=(const SoleUse&) = delete;
 
-  bool granted() const { return answer == Answer::Yes; }
-  bool refused() const { return answer == Answer::No; }
+  bool granted() const { return answer_ == Answer::Yes; }
+  bool refused() const { return answer_ == Answer::No; }
 
  private:
   enum class Answer { Yes, No, Unknown };  // unknown: the kernel cannot tell here
   Answer ask() const;
 
-  const int file;
-  struct sigaction before = {};
-  Answer answer = Answer::Unknown;
+  const int file_;
+  struct sigaction before_ = {};
+  Answer answer_ = Answer::Unknown;
 };
 
 // From its construction on, whether somebody opened the lock's file.
@@ -64,11 +64,11 @@ class OpenWatch {
  public:
   explicit OpenWatch(const UpdateLock& lock);
 
-  bool works() const { return static_cast<bool>(events); }
+  bool works() const { return static_cast<bool>(events_); }
   bool nobodyOpened() const;
 
  private:
-  fwplatform::UniqueFd events;
+  fwplatform::UniqueFd events_;
 };
 
 }  // namespace tool

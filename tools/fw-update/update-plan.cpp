@@ -16,8 +16,8 @@
 namespace tool {
 namespace {
 
-constexpr const char* packageMounts = "/opt/usr/apps/appbinarymanager/emps/";
-constexpr std::uint32_t powerMarginMs = 5000;
+constexpr const char* kPackageMounts = "/opt/usr/apps/appbinarymanager/emps/";
+constexpr std::uint32_t kPowerMarginMs = 5000;
 
 bool isMounted(const std::string& directory) {
   std::ifstream mounts("/proc/self/mounts");
@@ -25,8 +25,9 @@ bool isMounted(const std::string& directory) {
     std::istringstream words(line);
     std::string source, target;
     words >> source >> target;
-    if (target == directory)
+    if (target == directory) {
       return true;
+    }
   }
   return false;
 }
@@ -35,36 +36,41 @@ bool isMounted(const std::string& directory) {
 class MountTrace {
  public:
   MountTrace(FWUpdateSymbol& module, bool restore)
-      : record(module),
-        directory(packageMounts + module.getEMPName()),
-        active(restore && !module.getEMPName().empty()),
-        wasThere(std::filesystem::exists(directory)),
-        wasMounted(isMounted(directory)) {}
+      : record_(module),
+        directory_(kPackageMounts + module.getEMPName()),
+        active_(restore && !module.getEMPName().empty()),
+        wasThere_(std::filesystem::exists(directory_)),
+        wasMounted_(isMounted(directory_)) {}
   ~MountTrace() {
-    if (!active || wasMounted || !isMounted(directory))
+    if (!active_ || wasMounted_ || !isMounted(directory_)) {
       return;
-    record.unmountEMPImage();
-    if (!wasThere)
-      rmdir(directory.c_str());
+    }
+    record_.unmountEMPImage();
+    if (!wasThere_) {
+      rmdir(directory_.c_str());
+    }
   }
   MountTrace(const MountTrace&) = delete;
   MountTrace& operator=(const MountTrace&) = delete;
 
  private:
-  FWUpdateSymbol& record;
-  const std::string directory;
-  const bool active;
-  const bool wasThere;
-  const bool wasMounted;
+  FWUpdateSymbol& record_;
+  const std::string directory_;
+  const bool active_;
+  const bool wasThere_;
+  const bool wasMounted_;
 };
 
 Finding reasonOf(const Library& library, const std::string& module, const LogMessages& messages) {
-  if (const auto problem = bindingProblem(library, module))
+  if (const auto problem = bindingProblem(library, module)) {
     return *problem;
-  if (kindOf(module) == std::string("EXT"))
+  }
+  if (kindOf(module) == std::string("EXT")) {
     return {Outcome::NothingToDo, "It runs its own procedure, and only on request.", ""};
-  if (const auto finding = strongestMeaning(messages, module))
+  }
+  if (const auto finding = strongestMeaning(messages, module)) {
     return *finding;
+  }
   return {Outcome::ModuleFailed, module + " answered neither yes nor no.", ""};
 }
 
@@ -81,17 +87,19 @@ PlannedModule ask(const Library& library, const FWUpdateItem& item, bool leaveNo
     record.isNeedUpdate(CALLER_QUERY, noData);
   }
   planned.due = record.getNeedUpdate();
-  if (planned.due)
+  if (planned.due) {
     planned.expectedSeconds = record.getExpectedUpdateTime();
-  else
+  } else {
     planned.reason = reasonOf(library, planned.library, LibraryLog::instance().since(mark));
+  }
   return planned;
 }
 
 // The run would ask it too, and break off there.
 Finding brokeOff(const Library& library, const std::string& module, const std::exception& error) {
-  if (const auto problem = bindingProblem(library, module))
+  if (const auto problem = bindingProblem(library, module)) {
     return *problem;
+  }
   return {Outcome::ModuleFailed, module + " broke off with an error of its own: " + error.what() + ".",
           "Install a version of the module that fits this device, or remove it."};
 }
@@ -100,23 +108,27 @@ Finding brokeOff(const Library& library, const std::string& module, const std::e
 
 std::vector<PlannedModule> UpdatePlan::due() const {
   std::vector<PlannedModule> selected;
-  for (const PlannedModule& module : modules)
-    if (module.due)
+  for (const PlannedModule& module : modules) {
+    if (module.due) {
       selected.push_back(module);
+    }
+  }
   return selected;
 }
 
 double UpdatePlan::expectedSeconds() const {
   double total = 0;
-  for (const PlannedModule& module : due())
+  for (const PlannedModule& module : due()) {
     total += module.expectedSeconds;
+  }
   return total;
 }
 
 int UpdatePlan::powerHoldMs() const {
   std::uint32_t total = 0;
-  for (const PlannedModule& module : due())
-    total += module.expectedSeconds * std::uint32_t{1000} + powerMarginMs;
+  for (const PlannedModule& module : due()) {
+    total += module.expectedSeconds * std::uint32_t{1000} + kPowerMarginMs;
+  }
   return static_cast<int>(total);
 }
 
@@ -135,8 +147,9 @@ UpdatePlan makePlan(const Library& library, bool leaveNoTrace) {
 
 std::string powerHoldText(const UpdatePlan& plan) {
   const int milliseconds = plan.powerHoldMs();
-  if (milliseconds <= 0)
+  if (milliseconds <= 0) {
     return "until the run is over (the expected times are beyond counting)";
+  }
   return "for at most " + std::to_string((milliseconds + 999LL) / 1000) + " s";
 }
 

@@ -9,8 +9,8 @@
 namespace tool {
 namespace {
 
-constexpr std::size_t widestBar = 30;
-constexpr std::size_t narrowestBar = 8;
+constexpr std::size_t kWidestBar = 30;
+constexpr std::size_t kNarrowestBar = 8;
 
 std::string seconds(double value) {
   return std::to_string(static_cast<long long>(std::floor(value))) + " s";
@@ -42,15 +42,16 @@ UpdateProgress progressOf(const LogMessages& messages, const std::string& module
   progress.module = module;
   progress.limit = timeLimit(messages);
   auto since = start;
-  if (const LogMessage* waiting = findMessage(messages, text::updateTime)) {
+  if (const LogMessage* waiting = findMessage(messages, text::kUpdateTime)) {
     progress.phase = Phase::Waiting;
     since = waiting->time;
   }
-  for (const char* format : {text::updateTry, text::runProcessTry})
+  for (const char* format : {text::kUpdateTry, text::kRunProcessTry}) {
     if (const LogMessage* updating = findMessage(messages, format)) {
       progress.phase = Phase::Updating;
       since = updating->time;
     }
+  }
   progress.elapsed = std::max(0.0, std::chrono::duration<double>(now - since).count());
   return progress;
 }
@@ -64,26 +65,30 @@ std::string timeText(const UpdateProgress& progress) {
     case Phase::Updating:
       break;
   }
-  if (!progress.limit)
+  if (!progress.limit) {
     return seconds(progress.elapsed);
+  }
   const std::string expected = std::to_string(progress.limit->expected) + " s";
-  if (!progress.overdue())
+  if (!progress.overdue()) {
     return seconds(progress.elapsed) + " of about " + expected;
+  }
   const std::string over = seconds(secondsOver(progress)) + " over the expected " + expected;
-  if (progress.limit->givesUp == 0)
+  if (progress.limit->givesUp == 0) {
     return over;
+  }
   return over + "; gives up at " + std::to_string(progress.limit->givesUp) + " s";
 }
 
 std::string plainLine(const UpdateProgress& progress) {
-  std::string line = base::PrintableText(progress.module) + ": ";
-  if (progress.phase == Phase::Updating && progress.percent)
+  std::string line = base::printableText(progress.module) + ": ";
+  if (progress.phase == Phase::Updating && progress.percent) {
     line += percentText(*progress.percent) + ", ";
+  }
   return line + timeText(progress);
 }
 
 std::string liveLine(const UpdateProgress& progress, std::size_t width) {
-  const std::string name = base::PrintableText(progress.module) + "  ";
+  const std::string name = base::printableText(progress.module) + "  ";
   const std::string time = timeText(progress);
   std::string percent;
   std::vector<std::string> candidates;
@@ -91,16 +96,19 @@ std::string liveLine(const UpdateProgress& progress, std::size_t width) {
     percent = percentText(*progress.percent) + "  ";
     percent.insert(0, percent.size() < 7 ? 7 - percent.size() : 0, ' ');
     const std::size_t taken = name.size() + 4 + percent.size() + time.size();
-    if (width >= taken + narrowestBar)
-      candidates.push_back(name + bar(*progress.percent, std::min(widestBar, width - taken)) + "  " +
+    if (width >= taken + kNarrowestBar) {
+      candidates.push_back(name + bar(*progress.percent, std::min(kWidestBar, width - taken)) + "  " +
                            percent + time);
+    }
   }
   candidates.push_back(name + percent + time);
   candidates.push_back(percent + time);
   candidates.push_back(percent + shortTime(progress));
-  for (const std::string& line : candidates)
-    if (line.size() <= width)
+  for (const std::string& line : candidates) {
+    if (line.size() <= width) {
       return line;
+    }
+  }
   return candidates.back().substr(0, width);
 }
 

@@ -32,12 +32,12 @@ bool isExtension(const std::string& library) {
 
 // Of a module that the library asked about its package.
 void readTurn(PackageState& state, const LogMessages& turn) {
-  if (const LogMessage* need = findMessage(turn, text::needPackage)) {
+  if (const LogMessage* need = findMessage(turn, text::kNeedPackage)) {
     state.needed = true;
     state.seconds = need->arguments.size() > 1 ? std::stoi(need->arguments[1]) : 0;
     state.finding = {Outcome::Ok, "The package is newer.", ""};
   } else {
-    state.notSigned = findMessage(turn, text::notSigned) != nullptr;
+    state.notSigned = findMessage(turn, text::kNotSigned) != nullptr;
     state.finding =
         strongestMeaning(turn, state.library)
             .value_or(Finding{
@@ -55,10 +55,12 @@ bool isProblem(const Finding& finding) {
 std::vector<LogMessages> packageTurns(const LogMessages& messages) {
   std::vector<LogMessages> turns;
   for (const LogMessage& message : messages) {
-    if (beginsTurn(message))
+    if (beginsTurn(message)) {
       turns.emplace_back();
-    if (!turns.empty())
+    }
+    if (!turns.empty()) {
       turns.back().push_back(message);
+    }
   }
   return turns;
 }
@@ -86,9 +88,10 @@ void readResults(std::vector<PackageState>& states, const LogMessages& messages)
   for (PackageState& state : states) {
     const auto turn = std::find_if(turns.begin(), turns.end(),
                                    [&](const LogMessages& its) { return names(its, state.firmware); });
-    if (!state.needed || turn == turns.end())
+    if (!state.needed || turn == turns.end()) {
       continue;
-    state.notSigned = findMessage(*turn, text::notSignedAnyMore) != nullptr;
+    }
+    state.notSigned = findMessage(*turn, text::kNotSignedAnyMore) != nullptr;
     state.finding =
         strongestMeaning(*turn, state.library)
             .value_or(Finding{Outcome::Unexpected,
@@ -98,25 +101,30 @@ void readResults(std::vector<PackageState>& states, const LogMessages& messages)
 }
 
 bool signaturesChecked(const LogMessages& messages) {
-  return findMessage(messages, text::noVerifier) == nullptr &&
-         findMessage(messages, text::noVerifierEntry) == nullptr;
+  return findMessage(messages, text::kNoVerifier) == nullptr &&
+         findMessage(messages, text::kNoVerifierEntry) == nullptr;
 }
 
 std::optional<RunningPackage> runningPackage(const std::vector<PackageState>& states,
                                              const LogMessages& messages) {
-  if (messages.empty() || messages.back().format != text::packageStart)
+  if (messages.empty() || messages.back().format != text::kPackageStart) {
     return std::nullopt;
+  }
   const LogMessage& start = messages.back();
-  for (std::size_t i = 0; i < states.size(); ++i)
-    if (states[i].needed && !start.arguments.empty() && start.arguments[0] == states[i].firmware)
+  for (std::size_t i = 0; i < states.size(); ++i) {
+    if (states[i].needed && !start.arguments.empty() && start.arguments[0] == states[i].firmware) {
       return RunningPackage{i, start.time};
+    }
+  }
   return std::nullopt;
 }
 
 std::optional<Finding> firstProblem(const std::vector<PackageState>& states) {
-  for (const PackageState& state : states)
-    if (isProblem(state.finding))
+  for (const PackageState& state : states) {
+    if (isProblem(state.finding)) {
       return state.finding;
+    }
+  }
   return std::nullopt;
 }
 

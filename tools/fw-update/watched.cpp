@@ -21,13 +21,15 @@ bool isChannel(int descriptor) {
 }  // namespace
 
 bool begin() {
-  const char* const text = std::getenv(variable);
-  if (text == nullptr)
+  const char* const text = std::getenv(kVariable);
+  if (text == nullptr) {
     return false;
+  }
   const int descriptor = static_cast<int>(std::strtol(text, nullptr, 10));
-  unsetenv(variable);
-  if (!isChannel(descriptor))
+  unsetenv(kVariable);
+  if (!isChannel(descriptor)) {
     return false;
+  }
   fcntl(descriptor, F_SETFD, FD_CLOEXEC);  // not for what modules start
   channel = descriptor;
   return true;
@@ -39,8 +41,9 @@ bool isWatched() {
 
 // A watcher that is gone is not missed: the update goes on without it.
 void tell(const Told& told) {
-  if (!isWatched())
+  if (!isWatched()) {
     return;
+  }
   const int errorNumber = errno;
   const std::string datagram = toDatagram(told);
   while (send(channel, datagram.data(), datagram.size(), MSG_NOSIGNAL) < 0 && errno == EINTR) {

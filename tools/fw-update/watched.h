@@ -11,7 +11,7 @@ namespace tool::watched {
 
 // The name of the environment variable that tells a process the descriptor of the
 // socket to its watcher.
-inline constexpr const char* variable = "FW_UPDATE_WATCHED";
+inline constexpr const char* kVariable = "FW_UPDATE_WATCHED";
 
 // To be called once, before anything else: whether somebody watches.
 bool begin();
@@ -19,8 +19,25 @@ bool isWatched();
 
 void tell(const Told& told);
 inline void tellStep(Step step, const std::string& module, const std::string& firmware = "") {
-  if (isWatched())
-    tell(StepTold{step, module, firmware});
+  if (isWatched()) {
+    {
+      {
+        {
+          {
+            {
+              {
+                {
+                  {
+                    { tell(StepTold{step, module, firmware}); }
+                  }
+                }
+              }
+            }
+          }
+        }
+      }
+    }
+  }
 }
 
 }  // namespace tool::watched

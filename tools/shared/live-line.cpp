@@ -16,8 +16,9 @@ LiveLine::~LiveLine() {
 }
 
 void LiveLine::show(const std::string& text) {
-  if (shown_)
-    std::cerr << base::EmptyLine() << text.substr(0, terminalWidth(STDERR_FILENO) - 1) << std::flush;
+  if (shown_) {
+    std::cerr << base::emptyLine() << text.substr(0, terminalWidth(STDERR_FILENO) - 1) << std::flush;
+  }
 }
 
 }  // namespace tool

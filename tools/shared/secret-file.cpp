@@ -12,8 +12,8 @@
 namespace secret {
 namespace {
 
-constexpr std::int64_t largestSecret = 65536;
-constexpr mode_t othersMask = 077;
+constexpr std::int64_t kLargestSecret = 65536;
+constexpr mode_t kOthersMask = 077;
 
 class File {
  public:
@@ -38,7 +38,7 @@ class File {
 }
 
 std::string warningFor(const std::string& path, mode_t mode) {
-  if ((mode & othersMask) == 0) {
+  if ((mode & kOthersMask) == 0) {
     return "";
   }
   char octal[8];
@@ -64,7 +64,7 @@ Secret readSecretFile(const std::string& path) {
   if (!S_ISREG(status.st_mode)) {
     throw Error("the key file " + path + " is no regular file");
   }
-  if (status.st_size > largestSecret) {
+  if (status.st_size > kLargestSecret) {
     throw Error("the key file " + path + " is too long to be a key");
   }
   Secret content(static_cast<std::size_t>(status.st_size));
@@ -86,9 +86,9 @@ Secret readSecretFile(const std::string& path) {
 
 Secret readPackageKey(const std::string& path) {
   Secret key = readSecretFile(path);
-  if (key.size() != packageKeySize) {
+  if (key.size() != kPackageKeySize) {
     throw Error("the key file " + path + " holds " + std::to_string(key.size()) +
-                " bytes; a package key is " + std::to_string(packageKeySize) + " raw bytes");
+                " bytes; a package key is " + std::to_string(kPackageKeySize) + " raw bytes");
   }
   return key;
 }

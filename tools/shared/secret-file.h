@@ -10,7 +10,7 @@
 
 namespace secret {
 
-inline constexpr std::size_t packageKeySize = 32;  // AES-256
+inline constexpr std::size_t kPackageKeySize = 32;  // AES-256
 
 class Error : public std::runtime_error {
   using runtime_error::runtime_error;

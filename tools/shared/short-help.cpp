@@ -8,8 +8,9 @@ namespace tool {
 std::string ShortHelp::make_group(std::string /*group*/, bool positional,
                                   std::vector<const CLI::Option*> options) const {
   std::string lines;
-  for (const CLI::Option* option : options)
+  for (const CLI::Option* option : options) {
     lines += make_option(option, positional);
+  }
   return lines;
 }
 

@@ -38,15 +38,17 @@ bool isTerminal(int descriptor) {
 
 std::size_t terminalWidth(int descriptor) {
   winsize size{};
-  if (ioctl(descriptor, TIOCGWINSZ, &size) == 0 && size.ws_col > 0)
+  if (ioctl(descriptor, TIOCGWINSZ, &size) == 0 && size.ws_col > 0) {
     return size.ws_col;
+  }
   return isatty(descriptor) == 1 ? 80 : std::string::npos;
 }
 
 std::string coloured(const std::string& text, Colour colour, int descriptor) {
-  if (!isTerminal(descriptor) || !environment("NO_COLOR").empty())
+  if (!isTerminal(descriptor) || !environment("NO_COLOR").empty()) {
     return text;
-  return base::TerminalOrder(orderFor(colour)) + text + base::TerminalOrder(base::Order::Plain);
+  }
+  return base::terminalOrder(orderFor(colour)) + text + base::terminalOrder(base::Order::Plain);
 }
 
 }  // namespace tool

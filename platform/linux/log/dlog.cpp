@@ -22,7 +22,7 @@
 
 namespace {
 
-enum class Sink { kJournal, kSyslog, kStderr, kNone };
+enum class Sink { Journal, Syslog, Stderr, None };
 
 struct NamedSink {
   std::string_view name;
@@ -30,10 +30,10 @@ struct NamedSink {
 };
 
 constexpr NamedSink kSinks[] = {
-    {"journal", Sink::kJournal},
-    {"syslog", Sink::kSyslog},
-    {"stderr", Sink::kStderr},
-    {"none", Sink::kNone},
+    {"journal", Sink::Journal},
+    {"syslog", Sink::Syslog},
+    {"stderr", Sink::Stderr},
+    {"none", Sink::None},
 };
 
 struct Level {
@@ -62,7 +62,7 @@ constexpr NamedLevel kNamedLevels[] = {
     {"error", DLOG_ERROR_PRIORITY},
 };
 
-const Level& LevelOf(int priority) {
+const Level& levelOf(int priority) {
   const Level* level = kLevels;
   while (priority > level->highestPriority) {
     ++level;
@@ -114,7 +114,7 @@ class HoldBackSigpipe {
 
 // True when writing to stderr may be tried again. A stderr that somebody made
 // non-blocking gets a second to take more.
-bool MayRetryWrite(int error) {
+bool mayRetryWrite(int error) {
   if (error == EINTR) {
     return true;
   }
@@ -128,7 +128,7 @@ bool MayRetryWrite(int error) {
 
 // One write for the whole line. The lock matters for lines that are longer than
 // a pipe takes at once: the kernel may split those.
-int WriteToStderr(std::string_view line) {
+int writeToStderr(std::string_view line) {
   static std::mutex mutex;
   const std::lock_guard<std::mutex> lock(mutex);
   const HoldBackSigpipe holdBack;
@@ -136,39 +136,39 @@ int WriteToStderr(std::string_view line) {
     const ssize_t written = write(STDERR_FILENO, line.data(), line.size());
     if (written >= 0) {
       line.remove_prefix(static_cast<std::size_t>(written));
-    } else if (const int error = errno; !MayRetryWrite(error)) {
+    } else if (const int error = errno; !mayRetryWrite(error)) {
       return -error;
     }
   }
   return 0;
 }
 
-void Complain(const char* variable, const char* value, const char* known, const char* instead) {
-  WriteToStderr(std::string(variable) + ": unknown value \"" + base::PrintableText(value) +
+void complain(const char* variable, const char* value, const char* known, const char* instead) {
+  writeToStderr(std::string(variable) + ": unknown value \"" + base::printableText(value) +
                 "\" (known: " + known + "); " + instead + "\n");
 }
 
-Sink DefaultSink() {
-  return fwplatform::JournalIsThere() ? Sink::kJournal : Sink::kSyslog;
+Sink defaultSink() {
+  return fwplatform::journalIsThere() ? Sink::Journal : Sink::Syslog;
 }
 
-Sink ChooseSink() {
+Sink chooseSink() {
   const char* setting = secure_getenv("FW_UPDATE_LOG");
   if (setting == nullptr) {
-    return DefaultSink();
+    return defaultSink();
   }
   for (const NamedSink& known : kSinks) {
     if (known.name == setting) {
-      return known.sink == Sink::kJournal ? DefaultSink() : known.sink;
+      return known.sink == Sink::Journal ? defaultSink() : known.sink;
     }
   }
-  const Sink sink = DefaultSink();
-  Complain("FW_UPDATE_LOG", setting, "journal, syslog, stderr, none",
-           sink == Sink::kJournal ? "messages go to the journal" : "messages go to syslog");
+  const Sink sink = defaultSink();
+  complain("FW_UPDATE_LOG", setting, "journal, syslog, stderr, none",
+           sink == Sink::Journal ? "messages go to the journal" : "messages go to syslog");
   return sink;
 }
 
-int ChooseLowestPriority() {
+int chooseLowestPriority() {
   const char* setting = secure_getenv("FW_UPDATE_LOG_LEVEL");
   if (setting == nullptr) {
     return INT_MIN;
@@ -178,7 +178,7 @@ int ChooseLowestPriority() {
       return known.lowestPriority;
     }
   }
-  Complain("FW_UPDATE_LOG_LEVEL", setting, "debug, info, warning, error", "every message is written");
+  complain("FW_UPDATE_LOG_LEVEL", setting, "debug, info, warning, error", "every message is written");
   return INT_MIN;
 }
 
@@ -189,13 +189,13 @@ struct Choice {
 
 // Chosen once, so that the complaint comes once and a later change of the
 // environment is no race.
-const Choice& Chosen() {
-  static const Choice choice = {ChooseSink(), ChooseLowestPriority()};
-  return choice;
+const Choice& choice() {
+  static const Choice kChoice = {chooseSink(), chooseLowestPriority()};
+  return kChoice;
 }
 
 // The message, or a negative errno value in length. error is what %m shows.
-std::string FormatMessage(const char* format, va_list arguments, int error, int& length) {
+std::string formatMessage(const char* format, va_list arguments, int error, int& length) {
   char fixed[1024];
   va_list again;
   va_copy(again, arguments);
@@ -218,7 +218,7 @@ std::string FormatMessage(const char* format, va_list arguments, int error, int&
   return message;
 }
 
-std::string TimeOfDay() {
+std::string timeOfDay() {
   timespec now = {};
   clock_gettime(CLOCK_REALTIME, &now);
   const std::time_t seconds = now.tv_sec;
@@ -230,13 +230,13 @@ std::string TimeOfDay() {
   return text;
 }
 
-std::string_view WithoutTrailingLineFeeds(std::string_view text) {
+std::string_view withoutTrailingLineFeeds(std::string_view text) {
   const std::size_t last = text.find_last_not_of('\n');
   return last == std::string_view::npos ? std::string_view() : text.substr(0, last + 1);
 }
 
 // The library's messages begin with the place that they come from.
-fwplatform::CodePlace PlaceOf(const char* format, va_list arguments) {
+fwplatform::CodePlace placeOf(const char* format, va_list arguments) {
   constexpr std::string_view kPrefix = "%s: %s(%d) > ";
   fwplatform::CodePlace place;
   if (std::string_view(format).substr(0, kPrefix.size()) != kPrefix) {
@@ -253,36 +253,36 @@ fwplatform::CodePlace PlaceOf(const char* format, va_list arguments) {
   return place;
 }
 
-int HandOver(Sink sink, const Level& level, const char* tag, const fwplatform::CodePlace& place,
+int handOver(Sink sink, const Level& level, const char* tag, const fwplatform::CodePlace& place,
              std::string_view message) {
-  const std::string_view body = WithoutTrailingLineFeeds(message);
-  std::string text = base::PrintableText(tag == nullptr ? "(null)" : tag);
-  if (sink == Sink::kJournal) {
-    return fwplatform::WriteToJournal(level.syslogPriority, text, place, base::PrintableText(body));
+  const std::string_view body = withoutTrailingLineFeeds(message);
+  std::string text = base::printableText(tag == nullptr ? "(null)" : tag);
+  if (sink == Sink::Journal) {
+    return fwplatform::writeToJournal(level.syslogPriority, text, place, base::printableText(body));
   }
   text += ' ';
-  text += base::PrintableText(body);
-  if (sink == Sink::kStderr) {
-    return WriteToStderr(TimeOfDay() + ' ' + level.letter + ' ' + text + '\n');
+  text += base::printableText(body);
+  if (sink == Sink::Stderr) {
+    return writeToStderr(timeOfDay() + ' ' + level.letter + ' ' + text + '\n');
   }
   text += message.substr(body.size());
   syslog(LOG_USER | level.syslogPriority, "%s", text.c_str());
   return 0;
 }
 
-int Print(int error, int priority, const char* tag, const char* format, va_list arguments) {
-  const Choice& chosen = Chosen();
-  if (chosen.sink == Sink::kNone || priority < chosen.lowestPriority) {
+int print(int error, int priority, const char* tag, const char* format, va_list arguments) {
+  const Choice& chosen = choice();
+  if (chosen.sink == Sink::None || priority < chosen.lowestPriority) {
     return 0;
   }
   const fwplatform::CodePlace place =
-      chosen.sink == Sink::kJournal ? PlaceOf(format, arguments) : fwplatform::CodePlace();
+      chosen.sink == Sink::Journal ? placeOf(format, arguments) : fwplatform::CodePlace();
   int length = 0;
-  const std::string message = FormatMessage(format, arguments, error, length);
+  const std::string message = formatMessage(format, arguments, error, length);
   if (length < 0) {
     return length;
   }
-  const int status = HandOver(chosen.sink, LevelOf(priority), tag, place, message);
+  const int status = handOver(chosen.sink, levelOf(priority), tag, place, message);
   return status < 0 ? status : length;
 }
 
@@ -297,7 +297,7 @@ int __dlog_print(int, int priority, const char* tag, const char* format, ...) {
   va_start(arguments, format);
   int result = -ENOMEM;
   try {
-    result = Print(keepErrno.saved(), priority, tag, format, arguments);
+    result = print(keepErrno.saved(), priority, tag, format, arguments);
   } catch (const std::exception&) {
     // A log call has nobody to throw at; memory is all that can be missing here.
   }

@@ -14,28 +14,28 @@ namespace {
 
 constexpr char kSocket[] = "/run/systemd/journal/socket";
 
-void AddField(std::vector<std::string>& fields, const char* name, std::string_view value) {
+void addField(std::vector<std::string>& fields, const char* name, std::string_view value) {
   fields.emplace_back(name);
   fields.back().append("=").append(value);
 }
 
 }  // namespace
 
-bool JournalIsThere() {
+bool journalIsThere() {
   struct stat status = {};
   return stat(kSocket, &status) == 0 && S_ISSOCK(status.st_mode);
 }
 
-int WriteToJournal(int syslogPriority, std::string_view identifier, const CodePlace& place,
+int writeToJournal(int syslogPriority, std::string_view identifier, const CodePlace& place,
                    std::string_view message) {
   std::vector<std::string> fields;
-  AddField(fields, "MESSAGE", message);
-  AddField(fields, "PRIORITY", std::to_string(syslogPriority));
-  AddField(fields, "SYSLOG_IDENTIFIER", identifier);
+  addField(fields, "MESSAGE", message);
+  addField(fields, "PRIORITY", std::to_string(syslogPriority));
+  addField(fields, "SYSLOG_IDENTIFIER", identifier);
   if (place.line != 0) {
-    AddField(fields, "CODE_FILE", place.file);
-    AddField(fields, "CODE_FUNC", place.function);
-    AddField(fields, "CODE_LINE", std::to_string(place.line));
+    addField(fields, "CODE_FILE", place.file);
+    addField(fields, "CODE_FUNC", place.function);
+    addField(fields, "CODE_LINE", std::to_string(place.line));
   }
   std::vector<iovec> parts;
   parts.reserve(fields.size());

@@ -15,10 +15,10 @@ struct CodePlace {
 };
 
 // True when a journal listens on this machine.
-bool JournalIsThere();
+bool journalIsThere();
 
 // One entry, whole or not at all. Returns 0, or a negative errno value.
-int WriteToJournal(int syslogPriority, std::string_view identifier, const CodePlace& place,
+int writeToJournal(int syslogPriority, std::string_view identifier, const CodePlace& place,
                    std::string_view message);
 
 }  // namespace fwplatform

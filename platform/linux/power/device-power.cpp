@@ -26,7 +26,7 @@
 namespace {
 
 using Clock = std::chrono::steady_clock;
-using fwplatform::ErrnoText;
+using fwplatform::errnoText;
 using fwplatform::UniqueFd;
 using fwplatform::WakeLock;
 
@@ -38,7 +38,7 @@ struct Hold {
   WakeLock wakeLock;
 };
 
-bool EndsEarlier(const Hold& one, const Hold& other) {
+bool endsEarlier(const Hold& one, const Hold& other) {
   return one.end < other.end;
 }
 
@@ -63,18 +63,18 @@ class BlockSignals {
 class Holds {
  public:
   // Never destroyed: the thread may outlive the program's last static object.
-  static Holds& Instance() {
+  static Holds& instance() {
     static auto& instance = *new Holds;
     return instance;
   }
 
-  void Add(Hold hold);
+  void add(Hold hold);
   // Of several holds of one state, the one that would end first.
-  bool Remove(int state);
+  bool remove(int state);
 
  private:
-  void StartWatching();
-  void Watch();
+  void startWatching();
+  void watch();
 
   std::mutex mutex_;
   std::condition_variable changed_;
@@ -82,11 +82,11 @@ class Holds {
   bool watched_ = false;
 };
 
-void Holds::Add(Hold hold) {
+void Holds::add(Hold hold) {
   const std::lock_guard<std::mutex> lock(mutex_);
   holds_.push_back(std::move(hold));
   try {
-    StartWatching();
+    startWatching();
   } catch (...) {
     // A hold that nobody ends could last too long.
     holds_.pop_back();
@@ -95,20 +95,20 @@ void Holds::Add(Hold hold) {
   changed_.notify_one();
 }
 
-void Holds::StartWatching() {
+void Holds::startWatching() {
   if (watched_) {
     return;
   }
   const BlockSignals block;
-  std::thread([this] { Watch(); }).detach();
+  std::thread([this] { watch(); }).detach();
   watched_ = true;
 }
 
-bool Holds::Remove(int state) {
+bool Holds::remove(int state) {
   const std::lock_guard<std::mutex> lock(mutex_);
   const auto others =
       std::partition(holds_.begin(), holds_.end(), [state](const Hold& hold) { return hold.state == state; });
-  const auto found = std::min_element(holds_.begin(), others, EndsEarlier);
+  const auto found = std::min_element(holds_.begin(), others, endsEarlier);
   if (found == others) {
     return false;
   }
@@ -117,10 +117,10 @@ bool Holds::Remove(int state) {
   return true;
 }
 
-void Holds::Watch() {
+void Holds::watch() {
   std::unique_lock<std::mutex> lock(mutex_);
   while (!holds_.empty()) {
-    const auto first = std::min_element(holds_.begin(), holds_.end(), EndsEarlier);
+    const auto first = std::min_element(holds_.begin(), holds_.end(), endsEarlier);
     const Clock::time_point end = first->end;  // holds move in memory during the wait
     if (end > Clock::now()) {
       changed_.wait_until(lock, end);
@@ -133,35 +133,35 @@ void Holds::Watch() {
   watched_ = false;
 }
 
-std::string UniqueName() {
+std::string uniqueName() {
   static std::atomic<unsigned int> count{0};
   return "fw-update-control-" + std::to_string(getpid()) + "-" + std::to_string(++count);
 }
 
 // Whether logind is missing, rather than unwilling.
-bool IsMissing(int status) {
+bool isMissing(int status) {
   return status == -ENOENT || status == -ECONNREFUSED || status == -EHOSTUNREACH || status == -ENXIO;
 }
 
-int TakeHold(Hold& hold, int timeoutMs) {
+int takeHold(Hold& hold, int timeoutMs) {
   const std::string why = "firmware is being updated (power state " + std::to_string(hold.state) + ")";
-  const int logind = fwplatform::TakeLogindInhibitor(why, hold.inhibitor);
+  const int logind = fwplatform::takeLogindInhibitor(why, hold.inhibitor);
   if (logind == 0) {
     return 0;
   }
-  const int kernel = hold.wakeLock.Take(UniqueName(), timeoutMs);
+  const int kernel = hold.wakeLock.take(uniqueName(), timeoutMs);
   if (kernel == 0) {
     return 0;
   }
   __dlog_print(2, DLOG_WARN_PRIORITY, "FWUPDATE",
                "device power: state %d is not held (logind: %s; kernel wake lock: %s)", hold.state,
-               ErrnoText(-logind).c_str(), ErrnoText(-kernel).c_str());
-  return IsMissing(logind) ? -ENOSYS : logind;
+               errnoText(-logind).c_str(), errnoText(-kernel).c_str());
+  return isMissing(logind) ? -ENOSYS : logind;
 }
 
 // A sum of times that ran over an int arrives as 0 or less. Holding too long is
 // better than losing power in the middle, and the unlock call ends it.
-int UsableTime(int timeoutMs) {
+int usableTime(int timeoutMs) {
   if (timeoutMs > 0) {
     return timeoutMs;
   }
@@ -170,15 +170,15 @@ int UsableTime(int timeoutMs) {
   return INT_MAX;
 }
 
-int Lock(int state, int timeoutMs) {
-  const int usable = UsableTime(timeoutMs);
+int lock(int state, int timeoutMs) {
+  const int usable = usableTime(timeoutMs);
   Hold hold;
   hold.state = state;
   // From the request on: an answer that comes late makes the hold no longer.
   hold.end = Clock::now() + std::chrono::milliseconds(usable);
-  const int status = TakeHold(hold, usable);
+  const int status = takeHold(hold, usable);
   if (status == 0) {
-    Holds::Instance().Add(std::move(hold));
+    Holds::instance().add(std::move(hold));
   }
   return status;
 }
@@ -187,7 +187,7 @@ int Lock(int state, int timeoutMs) {
 
 int device_power_lock_state(int state, int timeout_ms) {
   try {
-    return Lock(state, timeout_ms);
+    return lock(state, timeout_ms);
   } catch (const std::system_error&) {
     return -EAGAIN;
   } catch (const std::exception&) {
@@ -197,7 +197,7 @@ int device_power_lock_state(int state, int timeout_ms) {
 
 int device_power_unlock_state(int state) {
   try {
-    return Holds::Instance().Remove(state) ? 0 : -ENOENT;
+    return Holds::instance().remove(state) ? 0 : -ENOENT;
   } catch (const std::exception&) {
     return -ENOMEM;
   }

@@ -24,7 +24,7 @@ struct Reply {
   UniqueFd inhibitor;
 };
 
-int TakeDescriptor(sd_bus_message* message, UniqueFd& inhibitor) {
+int takeDescriptor(sd_bus_message* message, UniqueFd& inhibitor) {
   if (sd_bus_message_is_method_error(message, nullptr) > 0) {
     return -sd_bus_message_get_errno(message);
   }
@@ -36,22 +36,22 @@ int TakeDescriptor(sd_bus_message* message, UniqueFd& inhibitor) {
   return inhibitor ? 0 : -errno;
 }
 
-int OnReply(sd_bus_message* message, void* data, sd_bus_error*) {
+int onReply(sd_bus_message* message, void* data, sd_bus_error*) {
   Reply& reply = *static_cast<Reply*>(data);
   reply.arrived = true;
-  reply.status = TakeDescriptor(message, reply.inhibitor);
+  reply.status = takeDescriptor(message, reply.inhibitor);
   return 1;
 }
 
-int Ask(sd_bus* bus, const std::string& why, Reply& reply) {
+int ask(sd_bus* bus, const std::string& why, Reply& reply) {
   return sd_bus_call_method_async(bus, nullptr, "org.freedesktop.login1", "/org/freedesktop/login1",
-                                  "org.freedesktop.login1.Manager", "Inhibit", OnReply, &reply, "ssss",
+                                  "org.freedesktop.login1.Manager", "Inhibit", onReply, &reply, "ssss",
                                   "shutdown:sleep:idle", "fw-update-control", why.c_str(), "block");
 }
 
 // Not the library's own waiting: that gives a bus which accepts and then says
 // nothing a minute and a half.
-int Drive(sd_bus* bus, const Reply& reply, Clock::time_point deadline) {
+int drive(sd_bus* bus, const Reply& reply, Clock::time_point deadline) {
   while (!reply.arrived) {
     const int processed = sd_bus_process(bus, nullptr);
     if (processed < 0 && processed != -EINTR) {
@@ -74,17 +74,17 @@ int Drive(sd_bus* bus, const Reply& reply, Clock::time_point deadline) {
 
 }  // namespace
 
-int TakeLogindInhibitor(const std::string& why, UniqueFd& inhibitor) {
+int takeLogindInhibitor(const std::string& why, UniqueFd& inhibitor) {
   const auto deadline = Clock::now() + std::chrono::milliseconds(kLogindPatienceMs);
   Reply reply;  // outlives the bus, which may still call back while it closes
   sd_bus* opened = nullptr;
   int status = sd_bus_open_system(&opened);
   const Bus bus(opened);
   if (status >= 0) {
-    status = Ask(bus.get(), why, reply);
+    status = ask(bus.get(), why, reply);
   }
   if (status >= 0) {
-    status = Drive(bus.get(), reply, deadline);
+    status = drive(bus.get(), reply, deadline);
   }
   if (status < 0) {
     return status;

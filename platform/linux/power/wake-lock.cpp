@@ -15,7 +15,7 @@ constexpr char kLockFile[] = "/sys/power/wake_lock";
 constexpr char kUnlockFile[] = "/sys/power/wake_unlock";
 constexpr char kNanosecondsPerMs[] = "000000";
 
-int WriteFile(const char* path, const std::string& text) {
+int writeFile(const char* path, const std::string& text) {
   const UniqueFd file(open(path, O_WRONLY | O_CLOEXEC));
   if (!file) {
     return -errno;
@@ -30,23 +30,23 @@ int WriteFile(const char* path, const std::string& text) {
 WakeLock::WakeLock(WakeLock&& other) noexcept : name_(std::exchange(other.name_, {})) {}
 
 WakeLock& WakeLock::operator=(WakeLock&& other) noexcept {
-  Release();
+  release();
   name_ = std::exchange(other.name_, {});
   return *this;
 }
 
-int WakeLock::Take(const std::string& name, int timeoutMs) {
-  Release();
-  const int status = WriteFile(kLockFile, name + " " + std::to_string(timeoutMs) + kNanosecondsPerMs);
+int WakeLock::take(const std::string& name, int timeoutMs) {
+  release();
+  const int status = writeFile(kLockFile, name + " " + std::to_string(timeoutMs) + kNanosecondsPerMs);
   if (status == 0) {
     name_ = name;
   }
   return status;
 }
 
-void WakeLock::Release() {
+void WakeLock::release() {
   if (!name_.empty()) {
-    WriteFile(kUnlockFile, name_);
+    writeFile(kUnlockFile, name_);
     name_.clear();
   }
 }

@@ -13,12 +13,12 @@ class WakeLock {
   WakeLock() = default;
   WakeLock(WakeLock&& other) noexcept;
   WakeLock& operator=(WakeLock&& other) noexcept;
-  ~WakeLock() { Release(); }
+  ~WakeLock() { release(); }
 
   // name: unique on the device, without blanks. 0, or a negative errno value:
   // -ENOENT when the kernel has no such locks.
-  int Take(const std::string& name, int timeoutMs);
-  void Release();
+  int take(const std::string& name, int timeoutMs);
+  void release();
 
  private:
   std::string name_;  // empty: nothing is held

@@ -7,27 +7,27 @@
 namespace fwplatform {
 namespace {
 
-bool Set(int context, const DetachedMountRequest::Option& option) {
+bool set(int context, const DetachedMountRequest::Option& option) {
   if (option.value.empty()) {
     return fsconfig(context, FSCONFIG_SET_FLAG, option.name, nullptr, 0) == 0;
   }
   return fsconfig(context, FSCONFIG_SET_STRING, option.name, option.value.c_str(), 0) == 0;
 }
 
-bool IsAt(const UniqueFd& tree, const std::string& parent, const std::string& name) {
+bool isAt(const UniqueFd& tree, const std::string& parent, const std::string& name) {
   OpenedPath found;
-  return OpenEntry(parent, name, found) == 0 && AreOnOneMount(found.fd.get(), tree.get());
+  return openEntry(parent, name, found) == 0 && areOnOneMount(found.fd.get(), tree.get());
 }
 
 }  // namespace
 
-int MountDetached(const DetachedMountRequest& request, UniqueFd& tree) {
+int mountDetached(const DetachedMountRequest& request, UniqueFd& tree) {
   const UniqueFd context(fsopen(request.fileSystem, FSOPEN_CLOEXEC));
   if (!context) {
     return errno;
   }
   for (const DetachedMountRequest::Option& option : request.options) {
-    if (!Set(context.get(), option)) {
+    if (!set(context.get(), option)) {
       return errno;
     }
   }
@@ -42,17 +42,17 @@ int MountDetached(const DetachedMountRequest& request, UniqueFd& tree) {
   return 0;
 }
 
-int Attach(const UniqueFd& tree, const OpenedPath& directory, const std::string& parent,
+int attach(const UniqueFd& tree, const OpenedPath& directory, const std::string& parent,
            const std::string& name) {
   if (move_mount(tree.get(), "", directory.fd.get(), "", MOVE_MOUNT_F_EMPTY_PATH | MOVE_MOUNT_T_EMPTY_PATH) !=
       0) {
     return errno;
   }
   // A directory that is mounted on can't be renamed, but it may have been until now.
-  if (IsAt(tree, parent, name)) {
+  if (isAt(tree, parent, name)) {
     return 0;
   }
-  umount2(ProcPath(tree.get()).c_str(), MNT_DETACH);
+  umount2(procPath(tree.get()).c_str(), MNT_DETACH);
   return ESTALE;
 }
 

@@ -24,7 +24,7 @@ struct LoopDevice {
 
 // Gives the device this file for as long as it is open or mounted. Which file it is, is
 // not looked up again: the kernel takes the opened one.
-int Bind(int device, const UniqueFd& image) {
+int bind(int device, const UniqueFd& image) {
   loop_config config = {};
   config.fd = static_cast<unsigned>(image.get());
   config.info.lo_flags = LO_FLAGS_READ_ONLY | LO_FLAGS_AUTOCLEAR;
@@ -33,7 +33,7 @@ int Bind(int device, const UniqueFd& image) {
 
 // 0, or an errno value: EBUSY when another process has the device, ENOENT when there is
 // no such node.
-int TryDevice(int number, const UniqueFd& image, LoopDevice& device) {
+int tryDevice(int number, const UniqueFd& image, LoopDevice& device) {
   const std::string path = "/dev/loop" + std::to_string(number);
   UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW));
   struct stat status = {};
@@ -43,7 +43,7 @@ int TryDevice(int number, const UniqueFd& image, LoopDevice& device) {
   if (!S_ISBLK(status.st_mode)) {
     return ENOENT;
   }
-  if (const int error = Bind(fd.get(), image); error != 0) {
+  if (const int error = bind(fd.get(), image); error != 0) {
     return error;
   }
   device = {std::move(fd), path};
@@ -51,10 +51,10 @@ int TryDevice(int number, const UniqueFd& image, LoopDevice& device) {
 }
 
 // For a /dev where the node of the device that the kernel would take is missing.
-int TakeAnyNode(const UniqueFd& image, LoopDevice& device) {
+int takeAnyNode(const UniqueFd& image, LoopDevice& device) {
   int error = ENOENT;
   for (int number = 0; number < kMostNodes; ++number) {
-    const int status = TryDevice(number, image, device);
+    const int status = tryDevice(number, image, device);
     if (status == 0) {
       return 0;
     }
@@ -65,7 +65,7 @@ int TakeAnyNode(const UniqueFd& image, LoopDevice& device) {
   return error;
 }
 
-int TakeFreeDevice(const UniqueFd& image, LoopDevice& device) {
+int takeFreeDevice(const UniqueFd& image, LoopDevice& device) {
   const UniqueFd control(open(kControl, O_RDWR | O_CLOEXEC));
   if (!control) {
     return errno;
@@ -73,21 +73,21 @@ int TakeFreeDevice(const UniqueFd& image, LoopDevice& device) {
   int error = EBUSY;
   for (int attempt = 0; attempt < kMostAttempts && error == EBUSY; ++attempt) {
     const int number = ioctl(control.get(), LOOP_CTL_GET_FREE);
-    error = number < 0 ? errno : TryDevice(number, image, device);
+    error = number < 0 ? errno : tryDevice(number, image, device);
   }
-  return error == ENOENT ? TakeAnyNode(image, device) : error;
+  return error == ENOENT ? takeAnyNode(image, device) : error;
 }
 
 }  // namespace
 
-int MountLoop(const UniqueFd& image, unsigned attributes, UniqueFd& tree, std::string& device) {
+int mountLoop(const UniqueFd& image, unsigned attributes, UniqueFd& tree, std::string& device) {
   LoopDevice taken;
-  if (const int error = TakeFreeDevice(image, taken); error != 0) {
+  if (const int error = takeFreeDevice(image, taken); error != 0) {
     return error;
   }
   device = taken.path;
   // No other file system: their drivers trust an image more.
-  return MountDetached({"squashfs", {{"source", taken.path}, {"ro", ""}}, attributes}, tree);
+  return mountDetached({"squashfs", {{"source", taken.path}, {"ro", ""}}, attributes}, tree);
 }
 
 }  // namespace fwplatform

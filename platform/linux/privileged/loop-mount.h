@@ -11,7 +11,7 @@ namespace fwplatform {
 
 // image: opened for reading; the mount shows this very file. attributes: MOUNT_ATTR_...
 // 0, with the mount, which is nowhere yet, and the loop device's path; or an errno value.
-int MountLoop(const UniqueFd& image, unsigned attributes, UniqueFd& tree, std::string& device);
+int mountLoop(const UniqueFd& image, unsigned attributes, UniqueFd& tree, std::string& device);
 
 }  // namespace fwplatform
 

@@ -9,15 +9,15 @@ namespace {
 constexpr std::size_t kLongestName = 127;
 
 // ASCII alone, whatever the locale says.
-bool IsLetterOrDigit(char c) {
+bool isLetterOrDigit(char c) {
   return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
 }
 
 }  // namespace
 
-bool IsPackageName(const std::string& name) {
+bool isPackageName(const std::string& name) {
   return !name.empty() && name.size() <= kLongestName &&
-         std::all_of(name.begin(), name.end(), IsLetterOrDigit);
+         std::all_of(name.begin(), name.end(), isLetterOrDigit);
 }
 
 }  // namespace fwplatform

@@ -7,7 +7,7 @@
 namespace fwplatform {
 
 // 1 to 127 letters and digits, which also makes it safe as part of a file name.
-bool IsPackageName(const std::string& name);
+bool isPackageName(const std::string& name);
 
 }  // namespace fwplatform
 

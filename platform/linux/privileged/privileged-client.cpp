@@ -18,7 +18,7 @@ namespace {
 class Deadline {
  public:
   explicit Deadline(int milliseconds) : end_(Clock::now() + std::chrono::milliseconds(milliseconds)) {}
-  int LeftMs() const {
+  int leftMs() const {
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end_ - Clock::now()).count();
     return left > 0 ? static_cast<int>(left) : 0;
   }
@@ -29,9 +29,9 @@ class Deadline {
 };
 
 // For connecting and sending, which block when the service takes no more clients.
-int LimitSending(int socket, const Deadline& deadline) {
+int limitSending(int socket, const Deadline& deadline) {
   // A limit of 0 would mean none.
-  const int left = deadline.LeftMs() + 1;
+  const int left = deadline.leftMs() + 1;
   timeval limit = {};
   limit.tv_sec = left / 1000;
   limit.tv_usec = suseconds_t{left % 1000} * 1000;
@@ -39,47 +39,47 @@ int LimitSending(int socket, const Deadline& deadline) {
 }
 
 // A send or connect that ran into its limit says EAGAIN.
-int SendingError() {
+int sendingError() {
   return errno == EAGAIN || errno == EINPROGRESS ? -ETIMEDOUT : -errno;
 }
 
-int Connect(int socket, const Deadline& deadline) {
+int connect(int socket, const Deadline& deadline) {
   sockaddr_un address = {};
   address.sun_family = AF_UNIX;
   static_assert(sizeof kPrivilegedSocketPath <= sizeof address.sun_path, "the path must fit");
   std::memcpy(address.sun_path, kPrivilegedSocketPath, sizeof kPrivilegedSocketPath);
   for (;;) {
-    if (const int status = LimitSending(socket, deadline); status != 0) {
+    if (const int status = limitSending(socket, deadline); status != 0) {
       return status;
     }
     if (connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
       return 0;
     }
     if (errno != EINTR) {
-      return SendingError();
+      return sendingError();
     }
   }
 }
 
-int Send(int socket, const std::string& message, const Deadline& deadline) {
+int send(int socket, const std::string& message, const Deadline& deadline) {
   for (;;) {
-    if (const int status = LimitSending(socket, deadline); status != 0) {
+    if (const int status = limitSending(socket, deadline); status != 0) {
       return status;
     }
     if (send(socket, message.data(), message.size(), MSG_NOSIGNAL) >= 0) {
       return 0;
     }
     if (errno != EINTR) {
-      return errno == EPIPE ? -ECONNRESET : SendingError();
+      return errno == EPIPE ? -ECONNRESET : sendingError();
     }
   }
 }
 
-int Receive(int socket, const Deadline& deadline, PrivilegedAnswer& answer) {
+int receive(int socket, const Deadline& deadline, PrivilegedAnswer& answer) {
   pollfd ready = {socket, POLLIN, 0};
   int count = 0;
   do {
-    count = poll(&ready, 1, deadline.LeftMs());
+    count = poll(&ready, 1, deadline.leftMs());
   } while (count < 0 && errno == EINTR);
   if (count <= 0) {
     return count == 0 ? -ETIMEDOUT : -errno;
@@ -90,7 +90,7 @@ int Receive(int socket, const Deadline& deadline, PrivilegedAnswer& answer) {
   if (length <= 0) {
     return length == 0 ? -ECONNRESET : -errno;
   }
-  const auto decoded = DecodePrivilegedAnswer({bytes, static_cast<std::size_t>(length)});
+  const auto decoded = decodePrivilegedAnswer({bytes, static_cast<std::size_t>(length)});
   if (!decoded) {
     return -EPROTO;
   }
@@ -100,21 +100,21 @@ int Receive(int socket, const Deadline& deadline, PrivilegedAnswer& answer) {
 
 }  // namespace
 
-int AskPrivilegedService(PrivilegedOperation operation, std::string_view text, int patienceMs,
+int askPrivilegedService(PrivilegedOperation operation, std::string_view text, int patienceMs,
                          PrivilegedAnswer& answer) {
   const Deadline deadline(patienceMs);
   const UniqueFd client(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
   if (!client) {
     return -errno;
   }
-  if (const int status = Connect(client.get(), deadline); status != 0) {
+  if (const int status = connect(client.get(), deadline); status != 0) {
     return status;
   }
-  if (const int status = Send(client.get(), EncodePrivilegedMessage(operation, text), deadline);
+  if (const int status = send(client.get(), encodePrivilegedMessage(operation, text), deadline);
       status != 0) {
     return status;
   }
-  return Receive(client.get(), deadline, answer);
+  return receive(client.get(), deadline, answer);
 }
 
 }  // namespace fwplatform

@@ -16,7 +16,7 @@ inline constexpr int kPrivilegedPatienceMs = 30000;
 //   -ETIMEDOUT              no answer in time; the service drops the request
 //   -ECONNRESET             the service ended before it answered
 //   -EPROTO                 the answer makes no sense
-int AskPrivilegedService(PrivilegedOperation operation, std::string_view text, int patienceMs,
+int askPrivilegedService(PrivilegedOperation operation, std::string_view text, int patienceMs,
                          PrivilegedAnswer& answer);
 
 }  // namespace fwplatform

@@ -16,29 +16,29 @@ struct EndForm {
 
 // What an update of all modules of a set does comes to some hundred requests.
 constexpr EndForm kEnds[] = {
-    {RequestEnd::kDone, DLOG_INFO_PRIORITY, 500},
-    {RequestEnd::kFailed, DLOG_WARN_PRIORITY, 500},
-    {RequestEnd::kRefused, DLOG_WARN_PRIORITY, 20},
-    {RequestEnd::kGone, DLOG_WARN_PRIORITY, 20},
+    {RequestEnd::Done, DLOG_INFO_PRIORITY, 500},
+    {RequestEnd::Failed, DLOG_WARN_PRIORITY, 500},
+    {RequestEnd::Refused, DLOG_WARN_PRIORITY, 20},
+    {RequestEnd::Gone, DLOG_WARN_PRIORITY, 20},
 };
 
-const EndForm& FormOf(RequestEnd end) {
+const EndForm& formOf(RequestEnd end) {
   return *std::find_if(std::begin(kEnds), std::end(kEnds) - 1,
                        [end](const EndForm& form) { return form.end == end; });
 }
 
 }  // namespace
 
-std::string Describe(const PrivilegedCaller& caller) {
+std::string describe(const PrivilegedCaller& caller) {
   return "pid " + std::to_string(caller.pid) + ", uid " + std::to_string(caller.uid) + ", gid " +
          std::to_string(caller.gid);
 }
 
-void LogRequest(RequestEnd end, const PrivilegedCaller&, const std::string& text) {
-  __dlog_print(2, FormOf(end).priority, "FWUPDATE", "privileged: %s", text.c_str());
+void logRequest(RequestEnd end, const PrivilegedCaller&, const std::string& text) {
+  __dlog_print(2, formOf(end).priority, "FWUPDATE", "privileged: %s", text.c_str());
 }
 
-LimitedRequestLog::Key LimitedRequestLog::KeyFor(RequestEnd end, uid_t user) const {
+LimitedRequestLog::Key LimitedRequestLog::keyFor(RequestEnd end, uid_t user) const {
   const Key own(end, user);
   if (spans_.count(own) != 0) {
     return own;
@@ -48,14 +48,14 @@ LimitedRequestLog::Key LimitedRequestLog::KeyFor(RequestEnd end, uid_t user) con
   return static_cast<std::size_t>(ofThisEnd) < kMostUsers ? own : Key(end, std::nullopt);
 }
 
-void LimitedRequestLog::Log(RequestEnd end, const PrivilegedCaller& caller, const std::string& text) {
-  TellWhatIsDue();
-  const auto [entry, isNew] = spans_.try_emplace(KeyFor(end, caller.uid));
+void LimitedRequestLog::log(RequestEnd end, const PrivilegedCaller& caller, const std::string& text) {
+  tellWhatIsDue();
+  const auto [entry, isNew] = spans_.try_emplace(keyFor(end, caller.uid));
   Span& span = entry->second;
   if (isNew) {
     span.end = now_() + kSpan;
   }
-  if (span.written < FormOf(end).mostLines) {
+  if (span.written < formOf(end).mostLines) {
     ++span.written;
     write_(end, caller, text);
     return;
@@ -65,7 +65,7 @@ void LimitedRequestLog::Log(RequestEnd end, const PrivilegedCaller& caller, cons
   span.last = text;
 }
 
-void LimitedRequestLog::Tell(const Key& key, const Span& span) {
+void LimitedRequestLog::tell(const Key& key, const Span& span) {
   if (span.leftOut == 0) {
     return;
   }
@@ -75,26 +75,26 @@ void LimitedRequestLog::Tell(const Key& key, const Span& span) {
              std::to_string(kSpan.count()) + " seconds, the last: " + span.last);
 }
 
-void LimitedRequestLog::TellWhatIsDue() {
+void LimitedRequestLog::tellWhatIsDue() {
   const Clock::time_point now = now_();
   for (auto entry = spans_.begin(); entry != spans_.end();) {
     if (entry->second.end > now) {
       ++entry;
       continue;
     }
-    Tell(entry->first, entry->second);
+    tell(entry->first, entry->second);
     entry = spans_.erase(entry);
   }
 }
 
-void LimitedRequestLog::TellAll() {
+void LimitedRequestLog::tellAll() {
   for (const auto& [key, span] : spans_) {
-    Tell(key, span);
+    tell(key, span);
   }
   spans_.clear();
 }
 
-std::optional<LimitedRequestLog::Clock::time_point> LimitedRequestLog::NextDue() const {
+std::optional<LimitedRequestLog::Clock::time_point> LimitedRequestLog::nextDue() const {
   std::optional<Clock::time_point> next;
   for (const auto& [key, span] : spans_) {
     if (span.leftOut != 0 && (!next || span.end < *next)) {

@@ -19,16 +19,16 @@ struct PrivilegedCaller {
   gid_t gid;
 };
 
-std::string Describe(const PrivilegedCaller& caller);
+std::string describe(const PrivilegedCaller& caller);
 
 // What became of a request, or of a connection without one.
-enum class RequestEnd { kDone, kFailed, kRefused, kGone };
+enum class RequestEnd { Done, Failed, Refused, Gone };
 
 // Writes the line of one request, without a line end.
 using RequestLogger = std::function<void(RequestEnd, const PrivilegedCaller&, const std::string& text)>;
 
 // At once, and every line.
-void LogRequest(RequestEnd end, const PrivilegedCaller& caller, const std::string& text);
+void logRequest(RequestEnd end, const PrivilegedCaller& caller, const std::string& text);
 
 // As many lines of each user and each end as a well-behaved caller ever causes. What is
 // beyond that is counted, and told in one line when the user's time span is over. One
@@ -42,16 +42,16 @@ class LimitedRequestLog {
   static constexpr std::size_t kMostUsers = 64;
 
   // write: where the lines go.
-  explicit LimitedRequestLog(RequestLogger write = LogRequest, TimeNow now = Clock::now)
+  explicit LimitedRequestLog(RequestLogger write = logRequest, TimeNow now = Clock::now)
       : write_(std::move(write)), now_(std::move(now)) {}
 
-  void Log(RequestEnd end, const PrivilegedCaller& caller, const std::string& text);
+  void log(RequestEnd end, const PrivilegedCaller& caller, const std::string& text);
   // Tells what was left out in the spans that are over.
-  void TellWhatIsDue();
+  void tellWhatIsDue();
   // Tells all that was left out, for the end.
-  void TellAll();
+  void tellAll();
   // When there is something to tell next; nothing when nothing was left out.
-  std::optional<Clock::time_point> NextDue() const;
+  std::optional<Clock::time_point> nextDue() const;
 
  private:
   struct Span {
@@ -63,8 +63,8 @@ class LimitedRequestLog {
   };
   using Key = std::pair<RequestEnd, std::optional<uid_t>>;  // no user: all further ones
 
-  Key KeyFor(RequestEnd end, uid_t user) const;
-  void Tell(const Key& key, const Span& span);
+  Key keyFor(RequestEnd end, uid_t user) const;
+  void tell(const Key& key, const Span& span);
 
   RequestLogger write_;
   TimeNow now_;

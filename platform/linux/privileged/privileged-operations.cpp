@@ -28,21 +28,21 @@ struct Outcome {
   std::string text;
 };
 
-Outcome Refused(std::string reason) {
+Outcome refused(std::string reason) {
   return {true, 0, std::move(reason)};
 }
 
-Outcome Failed(int error, const std::string& what) {
-  return {false, error, what + ": " + ErrnoText(error)};
+Outcome failed(int error, const std::string& what) {
+  return {false, error, what + ": " + errnoText(error)};
 }
 
-Outcome Done(std::string text) {
+Outcome done(std::string text) {
   return {false, 0, std::move(text)};
 }
 
 // True when the kernel's answer means that loop mounts are not to be had here, as
 // inside of a user namespace: no control node, no loop nodes, no right to mount.
-bool LoopMountsAreMissing(int error) {
+bool loopMountsAreMissing(int error) {
   for (const int missing : {EPERM, EACCES, ENOENT, ENXIO, ENODEV}) {
     if (error == missing) {
       return true;
@@ -51,157 +51,157 @@ bool LoopMountsAreMissing(int error) {
   return false;
 }
 
-unsigned AttributesOf(const MountRequest& request) {
+unsigned attributesOf(const MountRequest& request) {
   return MOUNT_ATTR_RDONLY | MOUNT_ATTR_NODEV | MOUNT_ATTR_NOSUID | (request.noExec ? MOUNT_ATTR_NOEXEC : 0U);
 }
 
-Outcome AttachTo(const MountRequest& request, const OpenedPath& directory, const UniqueFd& tree,
-                 const std::string& done) {
-  const int error = Attach(tree, directory, kMountParent, request.directoryName);
+Outcome attachTo(const MountRequest& request, const OpenedPath& directory, const UniqueFd& tree,
+                 const std::string& what) {
+  const int error = attach(tree, directory, kMountParent, request.directoryName);
   if (error == ESTALE) {
-    return Refused(request.directoryName + " was moved away meanwhile");
+    return refused(request.directoryName + " was moved away meanwhile");
   }
-  return error == 0 ? Done(done) : Failed(error, "mounting on " + request.directoryName);
+  return error == 0 ? done(what) : failed(error, "mounting on " + request.directoryName);
 }
 
-Outcome MountOpened(const MountRequest& request, const OpenedPath& image, const OpenedPath& directory) {
+Outcome mountOpened(const MountRequest& request, const OpenedPath& image, const OpenedPath& directory) {
   const std::string what = request.imageName + " on " + request.directoryName;
   UniqueFd content;
-  if (const int error = OpenForReading(image, content); error != 0) {
-    return Failed(error, "opening " + request.imageName);
+  if (const int error = openForReading(image, content); error != 0) {
+    return failed(error, "opening " + request.imageName);
   }
   UniqueFd tree;
   std::string device;
-  const int error = MountLoop(content, AttributesOf(request), tree, device);
+  const int error = mountLoop(content, attributesOf(request), tree, device);
   if (error == 0) {
-    return AttachTo(request, directory, tree, "mounted " + what + " through " + device);
+    return attachTo(request, directory, tree, "mounted " + what + " through " + device);
   }
-  if (!IsInUserNamespace() || !LoopMountsAreMissing(error)) {
-    return Failed(error, "mount of " + what);
+  if (!isInUserNamespace() || !loopMountsAreMissing(error)) {
+    return failed(error, "mount of " + what);
   }
   std::string reason;
-  const int unpackError = UnpackOnTmpfs(content, AttributesOf(request), UnpackLimits(), tree, reason);
+  const int unpackError = unpackOnTmpfs(content, attributesOf(request), UnpackLimits(), tree, reason);
   if (unpackError != 0) {
-    return Failed(unpackError, "unpacking of " + what + " (" + reason + ")");
+    return failed(unpackError, "unpacking of " + what + " (" + reason + ")");
   }
-  return AttachTo(request, directory, tree,
+  return attachTo(request, directory, tree,
                   "unpacked " + what +
                       " onto a read-only tmpfs, because the kernel refuses loop mounts here (" +
-                      ErrnoText(error) + ")");
+                      errnoText(error) + ")");
 }
 
-Outcome CarryOut(const MountRequest& request) {
+Outcome carryOut(const MountRequest& request) {
   OpenedPath image;
-  if (const int error = OpenEntry(kPackageDirectory, request.imageName, image); error != 0) {
-    return error == ELOOP ? Refused("a symbolic link is in the way to " + request.imageName)
-                          : Failed(error, "opening " + request.imageName);
+  if (const int error = openEntry(kPackageDirectory, request.imageName, image); error != 0) {
+    return error == ELOOP ? refused("a symbolic link is in the way to " + request.imageName)
+                          : failed(error, "opening " + request.imageName);
   }
   if (!S_ISREG(image.status.st_mode)) {
-    return Refused(request.imageName + " is not a regular file");
+    return refused(request.imageName + " is not a regular file");
   }
   OpenedPath directory;
-  if (const int error = OpenEntry(kMountParent, request.directoryName, directory); error != 0) {
-    return error == ELOOP ? Refused("a symbolic link is in the way to " + request.directoryName)
-                          : Failed(error, "opening " + request.directoryName);
+  if (const int error = openEntry(kMountParent, request.directoryName, directory); error != 0) {
+    return error == ELOOP ? refused("a symbolic link is in the way to " + request.directoryName)
+                          : failed(error, "opening " + request.directoryName);
   }
   if (!S_ISDIR(directory.status.st_mode)) {
-    return Failed(ENOTDIR, request.directoryName);
+    return failed(ENOTDIR, request.directoryName);
   }
   // One mount for each directory: stacked ones would hide each other.
   bool mounted = false;
-  if (const int error = SeeMountPoint(directory, mounted); error != 0) {
-    return Failed(error, "seeing whether " + request.directoryName + " is mounted");
+  if (const int error = seeMountPoint(directory, mounted); error != 0) {
+    return failed(error, "seeing whether " + request.directoryName + " is mounted");
   }
   if (mounted) {
-    return Failed(EBUSY, request.directoryName + " is mounted already");
+    return failed(EBUSY, request.directoryName + " is mounted already");
   }
-  return MountOpened(request, image, directory);
+  return mountOpened(request, image, directory);
 }
 
 // The mode is set on the node itself: the process's file mode mask is shared by
 // its threads, so it can't be changed here.
-int SetNodeMode(int devDirectory, const std::string& name, dev_t device) {
+int setNodeMode(int devDirectory, const std::string& name, dev_t device) {
   OpenedPath node;
-  if (const int error = OpenEntryAt(devDirectory, name, node); error != 0) {
+  if (const int error = openEntryAt(devDirectory, name, node); error != 0) {
     return error;
   }
   if (!S_ISBLK(node.status.st_mode) || node.status.st_rdev != device) {
     return EEXIST;
   }
-  return chmod(ProcPath(node).c_str(), 0660) == 0 ? 0 : errno;
+  return chmod(procPath(node).c_str(), 0660) == 0 ? 0 : errno;
 }
 
-Outcome CarryOut(const MknodRequest& request) {
+Outcome carryOut(const MknodRequest& request) {
   const std::string name = "loop" + std::to_string(request.loopNumber);
   UniqueFd devDirectory;
-  if (const int error = OpenDirectory("/dev", devDirectory); error != 0) {
-    return Failed(error, "opening /dev");
+  if (const int error = openDirectory("/dev", devDirectory); error != 0) {
+    return failed(error, "opening /dev");
   }
   const dev_t device = makedev(kLoopMajor, request.loopNumber);
   if (mknodat(devDirectory.get(), name.c_str(), S_IFBLK | 0660, device) != 0) {
-    return Failed(errno, "making /dev/" + name);
+    return failed(errno, "making /dev/" + name);
   }
-  if (const int error = SetNodeMode(devDirectory.get(), name, device); error != 0) {
-    return Failed(error, "setting the mode of /dev/" + name);
+  if (const int error = setNodeMode(devDirectory.get(), name, device); error != 0) {
+    return failed(error, "setting the mode of /dev/" + name);
   }
-  return Done("made /dev/" + name);
+  return done("made /dev/" + name);
 }
 
-Outcome CarryOut(const UmountRequest& request) {
+Outcome carryOut(const UmountRequest& request) {
   UniqueFd parent;
-  if (const int error = OpenDirectory(kMountParent, parent); error != 0) {
-    return error == ELOOP ? Refused("a symbolic link is in the way to " + request.directoryName)
-                          : Failed(error, "opening " + std::string(kMountParent));
+  if (const int error = openDirectory(kMountParent, parent); error != 0) {
+    return error == ELOOP ? refused("a symbolic link is in the way to " + request.directoryName)
+                          : failed(error, "opening " + std::string(kMountParent));
   }
   // By its parent, because an opened directory would keep its own mount busy.
-  const std::string path = ProcPath(parent.get()) + "/" + request.directoryName;
+  const std::string path = procPath(parent.get()) + "/" + request.directoryName;
   if (umount2(path.c_str(), UMOUNT_NOFOLLOW) != 0) {
-    return Failed(errno, "unmount of " + request.directoryName);
+    return failed(errno, "unmount of " + request.directoryName);
   }
-  return Done("unmounted " + request.directoryName);
+  return done("unmounted " + request.directoryName);
 }
 
-Outcome ParseAndCarryOut(PrivilegedOperation operation, std::string_view text) {
+Outcome parseAndCarryOut(PrivilegedOperation operation, std::string_view text) {
   std::string refusal;
-  const std::optional<PrivilegedRequest> request = ParsePrivilegedRequest(operation, text, refusal);
+  const std::optional<PrivilegedRequest> request = parsePrivilegedRequest(operation, text, refusal);
   if (!request) {
-    return Refused(refusal);
+    return refused(refusal);
   }
-  return std::visit([](const auto& one) { return CarryOut(one); }, *request);
+  return std::visit([](const auto& one) { return carryOut(one); }, *request);
 }
 
 }  // namespace
 
-PrivilegedAnswer RefusePrivilegedRequest(const PrivilegedCaller& caller, const std::string& what,
+PrivilegedAnswer refusePrivilegedRequest(const PrivilegedCaller& caller, const std::string& what,
                                          const std::string& reason, const RequestLogger& log) {
-  log(RequestEnd::kRefused, caller, "refused " + what + " of " + Describe(caller) + ": " + reason);
+  log(RequestEnd::Refused, caller, "refused " + what + " of " + describe(caller) + ": " + reason);
   return {-EPERM, 0};
 }
 
-PrivilegedAnswer AnswerPrivilegedRequest(PrivilegedOperation operation, std::string_view text,
+PrivilegedAnswer answerPrivilegedRequest(PrivilegedOperation operation, std::string_view text,
                                          const PrivilegedCaller& caller, const RequestLogger& log) {
   try {
-    const Outcome outcome = ParseAndCarryOut(operation, text);
+    const Outcome outcome = parseAndCarryOut(operation, text);
     if (outcome.refused) {
-      return RefusePrivilegedRequest(caller, NameOf(operation), outcome.text, log);
+      return refusePrivilegedRequest(caller, nameOf(operation), outcome.text, log);
     }
-    log(outcome.result == 0 ? RequestEnd::kDone : RequestEnd::kFailed, caller,
-        outcome.text + " for " + Describe(caller));
+    log(outcome.result == 0 ? RequestEnd::Done : RequestEnd::Failed, caller,
+        outcome.text + " for " + describe(caller));
     return {0, outcome.result};
   } catch (const std::exception&) {
     return {0, ENOMEM};
   }
 }
 
-void TakeBackPrivilegedRequest(PrivilegedOperation operation, std::string_view text,
+void takeBackPrivilegedRequest(PrivilegedOperation operation, std::string_view text,
                                const PrivilegedCaller& caller, const RequestLogger& log) {
   std::string refusal;
-  const std::optional<PrivilegedRequest> request = ParsePrivilegedRequest(operation, text, refusal);
+  const std::optional<PrivilegedRequest> request = parsePrivilegedRequest(operation, text, refusal);
   if (!request || !std::holds_alternative<MountRequest>(*request)) {
     return;
   }
-  const Outcome outcome = CarryOut(UmountRequest{std::get<MountRequest>(*request).directoryName});
-  log(RequestEnd::kFailed, caller, outcome.text + ", because the caller has gone: " + Describe(caller));
+  const Outcome outcome = carryOut(UmountRequest{std::get<MountRequest>(*request).directoryName});
+  log(RequestEnd::Failed, caller, outcome.text + ", because the caller has gone: " + describe(caller));
 }
 
 }  // namespace fwplatform

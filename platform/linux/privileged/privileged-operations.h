@@ -17,16 +17,16 @@ namespace fwplatform {
 // Parses a request, carries it out and logs what happened with who asked: at
 // warning priority when it was refused or failed, else at info. A refusal has the
 // status -EPERM.
-PrivilegedAnswer AnswerPrivilegedRequest(PrivilegedOperation operation, std::string_view text,
+PrivilegedAnswer answerPrivilegedRequest(PrivilegedOperation operation, std::string_view text,
                                          const PrivilegedCaller& caller, const RequestLogger& log);
 
 // Takes back what a request that succeeded did and whose caller has gone: a mount
 // is unmounted. Other operations stay done.
-void TakeBackPrivilegedRequest(PrivilegedOperation operation, std::string_view text,
+void takeBackPrivilegedRequest(PrivilegedOperation operation, std::string_view text,
                                const PrivilegedCaller& caller, const RequestLogger& log);
 
 // Logs a refusal with who asked and gives the answer for it.
-PrivilegedAnswer RefusePrivilegedRequest(const PrivilegedCaller& caller, const std::string& what,
+PrivilegedAnswer refusePrivilegedRequest(const PrivilegedCaller& caller, const std::string& what,
                                          const std::string& reason, const RequestLogger& log);
 
 }  // namespace fwplatform

@@ -30,13 +30,13 @@ struct PrivilegedAnswer {
   int result = 0;
 };
 
-std::string EncodePrivilegedMessage(PrivilegedOperation operation, std::string_view text);
+std::string encodePrivilegedMessage(PrivilegedOperation operation, std::string_view text);
 // Nothing when the bytes are no message. The operation may still be unknown and
 // the text of any content.
-std::optional<PrivilegedMessage> DecodePrivilegedMessage(std::string_view bytes);
+std::optional<PrivilegedMessage> decodePrivilegedMessage(std::string_view bytes);
 
-std::string EncodePrivilegedAnswer(const PrivilegedAnswer& answer);
-std::optional<PrivilegedAnswer> DecodePrivilegedAnswer(std::string_view bytes);
+std::string encodePrivilegedAnswer(const PrivilegedAnswer& answer);
+std::optional<PrivilegedAnswer> decodePrivilegedAnswer(std::string_view bytes);
 
 }  // namespace fwplatform
 

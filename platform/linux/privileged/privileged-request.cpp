@@ -20,7 +20,7 @@ constexpr MountOption kMountOptions[] = {
 constexpr std::string_view kNodePrefix = "-m 0660 -Z * /dev/loop";
 
 // Splits at every single separator, so that two in a row leave an empty word.
-std::vector<std::string_view> Split(std::string_view text, char separator) {
+std::vector<std::string_view> split(std::string_view text, char separator) {
   std::vector<std::string_view> words;
   for (;;) {
     const std::size_t end = text.find(separator);
@@ -32,7 +32,7 @@ std::vector<std::string_view> Split(std::string_view text, char separator) {
   }
 }
 
-bool HasOption(const std::vector<std::string_view>& options, std::string_view name) {
+bool hasOption(const std::vector<std::string_view>& options, std::string_view name) {
   for (const std::string_view option : options) {
     if (option == name) {
       return true;
@@ -41,7 +41,7 @@ bool HasOption(const std::vector<std::string_view>& options, std::string_view na
   return false;
 }
 
-bool IsKnownOption(std::string_view name) {
+bool isKnownOption(std::string_view name) {
   for (const MountOption& known : kMountOptions) {
     if (known.name == name) {
       return true;
@@ -51,17 +51,17 @@ bool IsKnownOption(std::string_view name) {
 }
 
 // What is wrong with a list of mount options, "" when nothing is.
-std::string OptionsRefusal(const std::vector<std::string_view>& options) {
+std::string optionsRefusal(const std::vector<std::string_view>& options) {
   for (std::size_t i = 0; i < options.size(); ++i) {
-    if (!IsKnownOption(options[i])) {
+    if (!isKnownOption(options[i])) {
       return "the mount option \"" + std::string(options[i]) + "\" is not allowed";
     }
-    if (HasOption({options.begin(), options.begin() + static_cast<std::ptrdiff_t>(i)}, options[i])) {
+    if (hasOption({options.begin(), options.begin() + static_cast<std::ptrdiff_t>(i)}, options[i])) {
       return "the mount option \"" + std::string(options[i]) + "\" is given twice";
     }
   }
   for (const MountOption& known : kMountOptions) {
-    if (known.required && !HasOption(options, known.name)) {
+    if (known.required && !hasOption(options, known.name)) {
       return "the mount option \"" + std::string(known.name) + "\" is missing";
     }
   }
@@ -69,7 +69,7 @@ std::string OptionsRefusal(const std::vector<std::string_view>& options) {
 }
 
 // No leading dot: that leaves out "." and ".." with the hidden names.
-bool IsPlainName(std::string_view name) {
+bool isPlainName(std::string_view name) {
   constexpr std::string_view kAllowed = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789._-";
   return !name.empty() && name.size() <= kLongestName && name.front() != '.' &&
          name.find_first_not_of(kAllowed) == std::string_view::npos;
@@ -77,10 +77,10 @@ bool IsPlainName(std::string_view name) {
 
 // The name of what lies directly in a directory; false, with the reason, for any
 // other path.
-bool NameIn(std::string_view directory, std::string_view path, std::string& name, std::string& refusal) {
+bool nameIn(std::string_view directory, std::string_view path, std::string& name, std::string& refusal) {
   const bool inside = path.size() > directory.size() && path.substr(0, directory.size()) == directory &&
                       path[directory.size()] == '/';
-  if (!inside || !IsPlainName(path.substr(directory.size() + 1))) {
+  if (!inside || !isPlainName(path.substr(directory.size() + 1))) {
     refusal = "\"" + std::string(path) + "\" is not a plain name directly in " + std::string(directory);
     return false;
   }
@@ -88,25 +88,25 @@ bool NameIn(std::string_view directory, std::string_view path, std::string& name
   return true;
 }
 
-std::optional<PrivilegedRequest> ParseMount(std::string_view text, std::string& refusal) {
-  const std::vector<std::string_view> words = Split(text, ' ');
+std::optional<PrivilegedRequest> parseMount(std::string_view text, std::string& refusal) {
+  const std::vector<std::string_view> words = split(text, ' ');
   if (words.size() != 4 || words[0] != "-o") {
     refusal = "the text is not of the form \"-o OPTIONS IMAGE DIRECTORY\"";
     return std::nullopt;
   }
-  const std::vector<std::string_view> options = Split(words[1], ',');
-  refusal = OptionsRefusal(options);
+  const std::vector<std::string_view> options = split(words[1], ',');
+  refusal = optionsRefusal(options);
   MountRequest request;
-  request.noExec = HasOption(options, "noexec");
-  if (!refusal.empty() || !NameIn(kPackageDirectory, words[2], request.imageName, refusal) ||
-      !NameIn(kMountParent, words[3], request.directoryName, refusal)) {
+  request.noExec = hasOption(options, "noexec");
+  if (!refusal.empty() || !nameIn(kPackageDirectory, words[2], request.imageName, refusal) ||
+      !nameIn(kMountParent, words[3], request.directoryName, refusal)) {
     return std::nullopt;
   }
   return request;
 }
 
 // A number from 0 to 249 as it is printed: digits only, no leading zero.
-std::optional<unsigned> ParseLoopNumber(std::string_view digits) {
+std::optional<unsigned> parseLoopNumber(std::string_view digits) {
   if (digits.empty() || digits.size() > 3 || (digits.size() > 1 && digits.front() == '0')) {
     return std::nullopt;
   }
@@ -120,14 +120,14 @@ std::optional<unsigned> ParseLoopNumber(std::string_view digits) {
   return number <= kHighestLoopNumber ? std::optional<unsigned>(number) : std::nullopt;
 }
 
-std::optional<PrivilegedRequest> ParseMknod(std::string_view text, std::string& refusal) {
+std::optional<PrivilegedRequest> parseMknod(std::string_view text, std::string& refusal) {
   refusal = "the text is not of the form \"-m 0660 -Z * /dev/loopN  b 7 N\"";
   if (text.substr(0, kNodePrefix.size()) != kNodePrefix) {
     return std::nullopt;
   }
   const std::string_view rest = text.substr(kNodePrefix.size());
   const std::string_view digits = rest.substr(0, rest.find(' '));
-  const std::optional<unsigned> number = ParseLoopNumber(digits);
+  const std::optional<unsigned> number = parseLoopNumber(digits);
   if (!number) {
     refusal = "only the nodes /dev/loop0 to /dev/loop249 are made";
     return std::nullopt;
@@ -140,9 +140,9 @@ std::optional<PrivilegedRequest> ParseMknod(std::string_view text, std::string& 
   return MknodRequest{*number};
 }
 
-std::optional<PrivilegedRequest> ParseUmount(std::string_view text, std::string& refusal) {
+std::optional<PrivilegedRequest> parseUmount(std::string_view text, std::string& refusal) {
   UmountRequest request;
-  if (!NameIn(kMountParent, text, request.directoryName, refusal)) {
+  if (!nameIn(kMountParent, text, request.directoryName, refusal)) {
     return std::nullopt;
   }
   return request;
@@ -156,12 +156,12 @@ struct OperationForm {
 };
 
 constexpr OperationForm kOperations[] = {
-    {PrivilegedOperation::kMount, "mount", true, ParseMount},
-    {PrivilegedOperation::kMknod, "mknod", true, ParseMknod},
-    {PrivilegedOperation::kUmount, "umount", false, ParseUmount},
+    {PrivilegedOperation::Mount, "mount", true, parseMount},
+    {PrivilegedOperation::Mknod, "mknod", true, parseMknod},
+    {PrivilegedOperation::Umount, "umount", false, parseUmount},
 };
 
-const OperationForm* FormOf(PrivilegedOperation operation) {
+const OperationForm* formOf(PrivilegedOperation operation) {
   for (const OperationForm& form : kOperations) {
     if (form.operation == operation) {
       return &form;
@@ -172,14 +172,14 @@ const OperationForm* FormOf(PrivilegedOperation operation) {
 
 }  // namespace
 
-const char* NameOf(PrivilegedOperation operation) {
-  const OperationForm* form = FormOf(operation);
+const char* nameOf(PrivilegedOperation operation) {
+  const OperationForm* form = formOf(operation);
   return form == nullptr ? "unknown operation" : form->name;
 }
 
-std::optional<PrivilegedRequest> ParsePrivilegedRequest(PrivilegedOperation operation, std::string_view text,
+std::optional<PrivilegedRequest> parsePrivilegedRequest(PrivilegedOperation operation, std::string_view text,
                                                         std::string& refusal) {
-  const OperationForm* form = FormOf(operation);
+  const OperationForm* form = formOf(operation);
   if (form == nullptr) {
     refusal = "unknown operation";
     return std::nullopt;

@@ -25,10 +25,10 @@ inline constexpr unsigned kHighestLoopNumber = 249;
 // Bytes of the longest text, with its NUL.
 inline constexpr std::size_t kPrivilegedTextCapacity = 1024;
 
-enum class PrivilegedOperation : std::uint8_t { kMount = 1, kMknod = 2, kUmount = 3 };
+enum class PrivilegedOperation : std::uint8_t { Mount = 1, Mknod = 2, Umount = 3 };
 
 // The operation's name for messages, "unknown operation" for any other value.
-const char* NameOf(PrivilegedOperation operation);
+const char* nameOf(PrivilegedOperation operation);
 
 // Names are single file names, never paths.
 struct MountRequest {
@@ -48,7 +48,7 @@ struct UmountRequest {
 using PrivilegedRequest = std::variant<MountRequest, MknodRequest, UmountRequest>;
 
 // The request that a text asks for, or nothing, with the reason in refusal.
-std::optional<PrivilegedRequest> ParsePrivilegedRequest(PrivilegedOperation operation, std::string_view text,
+std::optional<PrivilegedRequest> parsePrivilegedRequest(PrivilegedOperation operation, std::string_view text,
                                                         std::string& refusal);
 
 }  // namespace fwplatform

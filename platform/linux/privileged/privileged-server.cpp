@@ -21,7 +21,7 @@ constexpr std::size_t kMostWaitingOfOneUser = 64;
 // Until a client is taken again when there was no descriptor for one.
 constexpr std::chrono::milliseconds kPause(100);
 
-std::optional<PrivilegedCaller> PeerOf(int socket) {
+std::optional<PrivilegedCaller> peerOf(int socket) {
   ucred peer = {};
   socklen_t size = sizeof peer;
   if (getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) {
@@ -31,7 +31,7 @@ std::optional<PrivilegedCaller> PeerOf(int socket) {
 }
 
 // The groups that the peer had when it connected, besides its own.
-std::vector<gid_t> PeerGroups(int socket) {
+std::vector<gid_t> peerGroups(int socket) {
   std::vector<gid_t> groups(32);
   for (;;) {
     auto size = static_cast<socklen_t>(groups.size() * sizeof(gid_t));
@@ -64,31 +64,31 @@ PrivilegedServer::PrivilegedServer(UniqueFd listener, std::optional<gid_t> allow
       allowedGroup_(allowedGroup),
       heartbeat_(std::move(heartbeat)),
       logger_([this](RequestEnd end, const PrivilegedCaller& caller, const std::string& text) {
-        log_.Log(end, caller, text);
+        log_.log(end, caller, text);
       }) {
   fcntl(listener_.get(), F_SETFL, fcntl(listener_.get(), F_GETFL) | O_NONBLOCK);
 }
 
-bool PrivilegedServer::IsAllowed(int socket, const PrivilegedCaller& caller) const {
+bool PrivilegedServer::isAllowed(int socket, const PrivilegedCaller& caller) const {
   if (caller.uid == 0) {
     return true;
   }
   if (!allowedGroup_) {
     return false;
   }
-  const std::vector<gid_t> groups = PeerGroups(socket);
+  const std::vector<gid_t> groups = peerGroups(socket);
   return caller.gid == *allowedGroup_ ||
          std::find(groups.begin(), groups.end(), *allowedGroup_) != groups.end();
 }
 
-PrivilegedServer::Clients::iterator PrivilegedServer::OldestOf(uid_t uid) {
+PrivilegedServer::Clients::iterator PrivilegedServer::oldestOf(uid_t uid) {
   return std::find_if(clients_.begin(), clients_.end(),
                       [uid](const Client& client) { return client.caller.uid == uid; });
 }
 
 // Of those who may not ask anyway, if there are any; and of these of the user who has
 // most, so that many clients of others do not push out one that is about to ask.
-PrivilegedServer::Clients::iterator PrivilegedServer::OldestOfTheGreediest() {
+PrivilegedServer::Clients::iterator PrivilegedServer::oldestOfTheGreediest() {
   const bool anyStranger =
       std::any_of(clients_.begin(), clients_.end(), [](const Client& client) { return !client.allowed; });
   std::map<uid_t, int> counts;
@@ -105,87 +105,87 @@ PrivilegedServer::Clients::iterator PrivilegedServer::OldestOfTheGreediest() {
   });
 }
 
-void PrivilegedServer::SendAway(Clients::iterator client) {
-  RefusePrivilegedRequest(client->caller, "a connection", "too many send nothing", logger_);
+void PrivilegedServer::sendAway(Clients::iterator client) {
+  refusePrivilegedRequest(client->caller, "a connection", "too many send nothing", logger_);
   clients_.erase(client);
 }
 
 // Somebody else has to go, of the same user if that one has many: whoever has just
 // connected is about to send.
-void PrivilegedServer::MakeRoomFor(uid_t uid) {
+void PrivilegedServer::makeRoomFor(uid_t uid) {
   const auto ofUser = std::count_if(clients_.begin(), clients_.end(),
                                     [uid](const Client& client) { return client.caller.uid == uid; });
   if (static_cast<std::size_t>(ofUser) >= kMostWaitingOfOneUser) {
-    SendAway(OldestOf(uid));
+    sendAway(oldestOf(uid));
   } else if (clients_.size() >= kMostWaiting) {
-    SendAway(OldestOfTheGreediest());
+    sendAway(oldestOfTheGreediest());
   }
 }
 
-void PrivilegedServer::TakeClient(UniqueFd socket) {
-  const std::optional<PrivilegedCaller> caller = PeerOf(socket.get());
+void PrivilegedServer::takeClient(UniqueFd socket) {
+  const std::optional<PrivilegedCaller> caller = peerOf(socket.get());
   if (!caller) {
     return;
   }
-  const bool allowed = IsAllowed(socket.get(), *caller);
+  const bool allowed = isAllowed(socket.get(), *caller);
   Client client = {std::move(socket), *caller, allowed, Clock::now() + kPatience};
   // Most have sent their request by now; only the others have to wait.
-  ServeClient(client);
+  serveClient(client);
   if (!client.socket) {
     return;
   }
-  MakeRoomFor(caller->uid);
+  makeRoomFor(caller->uid);
   clients_.push_back(std::move(client));
 }
 
-bool PrivilegedServer::AcceptClients() {
+bool PrivilegedServer::acceptClients() {
   for (std::size_t i = 0; i < kMostWaiting; ++i) {
     UniqueFd socket(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
     if (!socket) {
-      return AfterFailedAccept(errno);
+      return afterFailedAccept(errno);
     }
-    TakeClient(std::move(socket));
-    Beat();
+    takeClient(std::move(socket));
+    beat();
   }
   return true;
 }
 
 // False when the listening socket itself has failed.
-bool PrivilegedServer::AfterFailedAccept(int error) {
+bool PrivilegedServer::afterFailedAccept(int error) {
   const auto* const passing = std::find_if(std::begin(kPassingErrors), std::end(kPassingErrors),
                                            [error](const PassingError& one) { return one.error == error; });
   if (passing == std::end(kPassingErrors)) {
     return false;
   }
   if (passing->isShortage && !clients_.empty()) {
-    SendAway(OldestOfTheGreediest());
+    sendAway(oldestOfTheGreediest());
   } else if (passing->isShortage) {
     listensFrom_ = Clock::now() + kPause;
   }
   return true;
 }
 
-void PrivilegedServer::Reply(Client& client, std::string_view bytes) {
-  const std::optional<PrivilegedMessage> message = DecodePrivilegedMessage(bytes);
+void PrivilegedServer::reply(Client& client, std::string_view bytes) {
+  const std::optional<PrivilegedMessage> message = decodePrivilegedMessage(bytes);
   PrivilegedAnswer answer;
   if (!client.allowed) {
-    answer = RefusePrivilegedRequest(client.caller, message ? NameOf(message->operation) : "a message",
+    answer = refusePrivilegedRequest(client.caller, message ? nameOf(message->operation) : "a message",
                                      "the caller is neither root nor in the group of the service", logger_);
   } else if (!message) {
-    answer = RefusePrivilegedRequest(client.caller, "a message", "it is no request", logger_);
+    answer = refusePrivilegedRequest(client.caller, "a message", "it is no request", logger_);
   } else {
-    answer = AnswerPrivilegedRequest(message->operation, message->text, client.caller, logger_);
+    answer = answerPrivilegedRequest(message->operation, message->text, client.caller, logger_);
   }
-  const std::string reply = EncodePrivilegedAnswer(answer);
+  const std::string reply = encodePrivilegedAnswer(answer);
   const bool delivered =
       send(client.socket.get(), reply.data(), reply.size(), MSG_NOSIGNAL | MSG_DONTWAIT) >= 0;
   if (!delivered && message && client.allowed && answer.status == 0 && answer.result == 0) {
-    TakeBackPrivilegedRequest(message->operation, message->text, client.caller, logger_);
+    takeBackPrivilegedRequest(message->operation, message->text, client.caller, logger_);
   }
 }
 
 // Reads the one request of a client and closes the connection.
-void PrivilegedServer::ServeClient(Client& client) {
+void PrivilegedServer::serveClient(Client& client) {
   // One byte more than a message may have, to see that it is not longer.
   char bytes[kPrivilegedMessageCapacity + 1];
   const ssize_t length = recv(client.socket.get(), bytes, sizeof bytes, MSG_DONTWAIT);
@@ -196,19 +196,19 @@ void PrivilegedServer::ServeClient(Client& client) {
   pollfd peer = {client.socket.get(), 0, 0};
   const bool gone = length < 0 || (poll(&peer, 1, 0) > 0 && (peer.revents & (POLLHUP | POLLERR)) != 0);
   if (gone) {
-    log_.Log(RequestEnd::kGone, client.caller,
-             "nothing done, because the caller has gone: " + Describe(client.caller));
+    log_.log(RequestEnd::Gone, client.caller,
+             "nothing done, because the caller has gone: " + describe(client.caller));
   } else {
-    Reply(client, {bytes, static_cast<std::size_t>(length)});
+    reply(client, {bytes, static_cast<std::size_t>(length)});
   }
   client.socket.reset();
 }
 
-void PrivilegedServer::DropLateClients() {
+void PrivilegedServer::dropLateClients() {
   const Clock::time_point now = Clock::now();
   for (Client& client : clients_) {
     if (client.socket && client.deadline <= now) {
-      RefusePrivilegedRequest(client.caller, "a connection", "no request came in time", logger_);
+      refusePrivilegedRequest(client.caller, "a connection", "no request came in time", logger_);
       client.socket.reset();
     }
   }
@@ -217,7 +217,7 @@ void PrivilegedServer::DropLateClients() {
       clients_.end());
 }
 
-void PrivilegedServer::Beat() {
+void PrivilegedServer::beat() {
   const Clock::time_point now = Clock::now();
   if (heartbeat_.interval.count() > 0 && now >= nextBeat_) {
     heartbeat_.beat();
@@ -225,12 +225,12 @@ void PrivilegedServer::Beat() {
   }
 }
 
-bool PrivilegedServer::ListensNow() const {
+bool PrivilegedServer::listensNow() const {
   return listensFrom_ <= Clock::now();
 }
 
-int PrivilegedServer::MsToNextEvent() const {
-  std::optional<Clock::time_point> next = log_.NextDue();
+int PrivilegedServer::msToNextEvent() const {
+  std::optional<Clock::time_point> next = log_.nextDue();
   const auto consider = [&next](Clock::time_point time) { next = next ? std::min(*next, time) : time; };
   // The first one came first: all have the same patience.
   if (!clients_.empty()) {
@@ -239,7 +239,7 @@ int PrivilegedServer::MsToNextEvent() const {
   if (heartbeat_.interval.count() > 0) {
     consider(nextBeat_);
   }
-  if (!ListensNow()) {
+  if (!listensNow()) {
     consider(listensFrom_);
   }
   if (!next) {
@@ -250,13 +250,13 @@ int PrivilegedServer::MsToNextEvent() const {
 }
 
 // One round. False when the listening socket fails.
-bool PrivilegedServer::WaitForWork(int stopFd, bool& stop) {
+bool PrivilegedServer::waitForWork(int stopFd, bool& stop) {
   // A descriptor below 0 is not looked at.
-  std::vector<pollfd> watched = {{stopFd, POLLIN, 0}, {ListensNow() ? listener_.get() : -1, POLLIN, 0}};
+  std::vector<pollfd> watched = {{stopFd, POLLIN, 0}, {listensNow() ? listener_.get() : -1, POLLIN, 0}};
   for (const Client& client : clients_) {
     watched.push_back({client.socket.get(), POLLIN, 0});
   }
-  if (poll(watched.data(), watched.size(), MsToNextEvent()) < 0) {
+  if (poll(watched.data(), watched.size(), msToNextEvent()) < 0) {
     return errno == EINTR;
   }
   stop = watched[0].revents != 0;
@@ -265,24 +265,24 @@ bool PrivilegedServer::WaitForWork(int stopFd, bool& stop) {
   }
   for (std::size_t i = 2; i < watched.size(); ++i) {
     if (watched[i].revents != 0) {
-      ServeClient(clients_[i - 2]);
-      Beat();
+      serveClient(clients_[i - 2]);
+      beat();
     }
   }
-  DropLateClients();
-  return watched[1].revents == 0 || AcceptClients();
+  dropLateClients();
+  return watched[1].revents == 0 || acceptClients();
 }
 
-bool PrivilegedServer::Run(int stopFd) {
+bool PrivilegedServer::run(int stopFd) {
   bool stop = false;
   bool listening = true;
   while (listening && !stop) {
-    Beat();
-    log_.TellWhatIsDue();
-    listening = WaitForWork(stopFd, stop);
+    beat();
+    log_.tellWhatIsDue();
+    listening = waitForWork(stopFd, stop);
   }
   const int error = errno;
-  log_.TellAll();
+  log_.tellAll();
   errno = error;
   return listening;
 }

@@ -33,7 +33,7 @@ class PrivilegedServer {
   PrivilegedServer(UniqueFd listener, std::optional<gid_t> allowedGroup, Heartbeat heartbeat = {});
 
   // Serves until stopFd becomes readable. False when the listening socket fails.
-  bool Run(int stopFd);
+  bool run(int stopFd);
 
  private:
   using Clock = std::chrono::steady_clock;
@@ -46,21 +46,21 @@ class PrivilegedServer {
   };
   using Clients = std::vector<Client>;
 
-  bool WaitForWork(int stopFd, bool& stop);
-  bool AcceptClients();
-  bool AfterFailedAccept(int error);
-  void TakeClient(UniqueFd socket);
-  void MakeRoomFor(uid_t uid);
-  Clients::iterator OldestOf(uid_t uid);
-  Clients::iterator OldestOfTheGreediest();
-  void SendAway(Clients::iterator client);
-  bool IsAllowed(int socket, const PrivilegedCaller& caller) const;
-  void ServeClient(Client& client);
-  void Reply(Client& client, std::string_view bytes);
-  void DropLateClients();
-  void Beat();
-  bool ListensNow() const;
-  int MsToNextEvent() const;
+  bool waitForWork(int stopFd, bool& stop);
+  bool acceptClients();
+  bool afterFailedAccept(int error);
+  void takeClient(UniqueFd socket);
+  void makeRoomFor(uid_t uid);
+  Clients::iterator oldestOf(uid_t uid);
+  Clients::iterator oldestOfTheGreediest();
+  void sendAway(Clients::iterator client);
+  bool isAllowed(int socket, const PrivilegedCaller& caller) const;
+  void serveClient(Client& client);
+  void reply(Client& client, std::string_view bytes);
+  void dropLateClients();
+  void beat();
+  bool listensNow() const;
+  int msToNextEvent() const;
 
   UniqueFd listener_;
   std::optional<gid_t> allowedGroup_;

@@ -19,32 +19,32 @@ namespace {
 using fwplatform::PrivilegedAnswer;
 using fwplatform::PrivilegedOperation;
 
-bool MeansNoService(int status) {
+bool meansNoService(int status) {
   return status == -ENOENT || status == -ECONNREFUSED;
 }
 
-PrivilegedAnswer Ask(PrivilegedOperation operation, std::string_view text) {
+PrivilegedAnswer ask(PrivilegedOperation operation, std::string_view text) {
   PrivilegedAnswer answer;
   const int status =
-      fwplatform::AskPrivilegedService(operation, text, fwplatform::kPrivilegedPatienceMs, answer);
+      fwplatform::askPrivilegedService(operation, text, fwplatform::kPrivilegedPatienceMs, answer);
   if (status == 0) {
     return answer;
   }
-  if (MeansNoService(status) && geteuid() == 0) {
-    return fwplatform::AnswerPrivilegedRequest(operation, text, {getpid(), geteuid(), getegid()},
-                                               fwplatform::LogRequest);
+  if (meansNoService(status) && geteuid() == 0) {
+    return fwplatform::answerPrivilegedRequest(operation, text, {getpid(), geteuid(), getegid()},
+                                               fwplatform::logRequest);
   }
   __dlog_print(2, DLOG_WARN_PRIORITY, "FWUPDATE", "privileged: no %s: the service at %s %s: %s",
-               NameOf(operation), fwplatform::kPrivilegedSocketPath,
-               MeansNoService(status) ? "is not running" : "gave no answer",
-               fwplatform::ErrnoText(-status).c_str());
+               nameOf(operation), fwplatform::kPrivilegedSocketPath,
+               meansNoService(status) ? "is not running" : "gave no answer",
+               fwplatform::errnoText(-status).c_str());
   return {status, 0};
 }
 
 // *result is written only when the request was carried out.
-int Request(PrivilegedOperation operation, std::string_view text, int* result) {
+int request(PrivilegedOperation operation, std::string_view text, int* result) {
   try {
-    const PrivilegedAnswer answer = Ask(operation, text);
+    const PrivilegedAnswer answer = ask(operation, text);
     if (answer.status == 0) {
       *result = answer.result;
     }
@@ -56,37 +56,37 @@ int Request(PrivilegedOperation operation, std::string_view text, int* result) {
 
 // The text with its terminator. One without a terminator in its buffer stays
 // without, for the service to refuse it; nothing is read past the buffer.
-std::string_view TerminatedText(const char* text, int capacity) {
+std::string_view terminatedText(const char* text, int capacity) {
   const std::size_t room = std::min(static_cast<std::size_t>(capacity), fwplatform::kPrivilegedTextCapacity);
   return {text, std::min(strnlen(text, room) + 1, room)};
 }
 
-bool IsUsable(const char* text, int size, const int* result) {
+bool isUsable(const char* text, int size, const int* result) {
   return text != nullptr && size > 0 && result != nullptr;
 }
 
 }  // namespace
 
 int PS_Mount(const char* arguments, int capacity, int, int* result) {
-  if (!IsUsable(arguments, capacity, result)) {
+  if (!isUsable(arguments, capacity, result)) {
     return -EINVAL;
   }
-  return Request(PrivilegedOperation::kMount, TerminatedText(arguments, capacity), result);
+  return request(PrivilegedOperation::Mount, terminatedText(arguments, capacity), result);
 }
 
 int PS_Mknod(const char* arguments, int capacity, int, int* result) {
-  if (!IsUsable(arguments, capacity, result)) {
+  if (!isUsable(arguments, capacity, result)) {
     return -EINVAL;
   }
-  return Request(PrivilegedOperation::kMknod, TerminatedText(arguments, capacity), result);
+  return request(PrivilegedOperation::Mknod, terminatedText(arguments, capacity), result);
 }
 
 int PS_Umount(const char* directory, int length, int, int* result) {
-  if (!IsUsable(directory, length, result)) {
+  if (!isUsable(directory, length, result)) {
     return -EINVAL;
   }
   if (static_cast<std::size_t>(length) > fwplatform::kPrivilegedTextCapacity) {
     return -ENAMETOOLONG;
   }
-  return Request(PrivilegedOperation::kUmount, {directory, static_cast<std::size_t>(length)}, result);
+  return request(PrivilegedOperation::Umount, {directory, static_cast<std::size_t>(length)}, result);
 }

@@ -14,7 +14,7 @@
 namespace fwplatform {
 namespace {
 
-std::optional<std::uint64_t> MountOf(int fd) {
+std::optional<std::uint64_t> mountOf(int fd) {
   struct statx status = {};
   // After a failure its mask is still empty, as it is from a kernel that does not tell.
   statx(fd, "", AT_EMPTY_PATH, STATX_MNT_ID, &status);
@@ -24,7 +24,7 @@ std::optional<std::uint64_t> MountOf(int fd) {
 
 }  // namespace
 
-int OpenEntryAt(int directory, const std::string& name, OpenedPath& entry) {
+int openEntryAt(int directory, const std::string& name, OpenedPath& entry) {
   UniqueFd fd(openat(directory, name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
   struct stat status = {};
   if (!fd || fstat(fd.get(), &status) != 0) {
@@ -39,7 +39,7 @@ int OpenEntryAt(int directory, const std::string& name, OpenedPath& entry) {
   return 0;
 }
 
-int OpenDirectory(const std::string& path, UniqueFd& directory) {
+int openDirectory(const std::string& path, UniqueFd& directory) {
   UniqueFd reached(open("/", O_PATH | O_DIRECTORY | O_CLOEXEC));
   if (!reached) {
     return errno;
@@ -47,7 +47,7 @@ int OpenDirectory(const std::string& path, UniqueFd& directory) {
   for (std::size_t start = 1; start < path.size();) {
     const std::size_t end = std::min(path.find('/', start), path.size());
     OpenedPath next;
-    if (const int error = OpenEntryAt(reached.get(), path.substr(start, end - start), next); error != 0) {
+    if (const int error = openEntryAt(reached.get(), path.substr(start, end - start), next); error != 0) {
       return error;
     }
     reached = std::move(next.fd);
@@ -57,28 +57,28 @@ int OpenDirectory(const std::string& path, UniqueFd& directory) {
   return 0;
 }
 
-int OpenEntry(const std::string& directory, const std::string& name, OpenedPath& entry) {
+int openEntry(const std::string& directory, const std::string& name, OpenedPath& entry) {
   UniqueFd opened;
-  if (const int error = OpenDirectory(directory, opened); error != 0) {
+  if (const int error = openDirectory(directory, opened); error != 0) {
     return error;
   }
-  return OpenEntryAt(opened.get(), name, entry);
+  return openEntryAt(opened.get(), name, entry);
 }
 
-std::string ProcPath(int fd) {
+std::string procPath(int fd) {
   return "/proc/self/fd/" + std::to_string(fd);
 }
 
-std::string ProcPath(const OpenedPath& opened) {
-  return ProcPath(opened.fd.get());
+std::string procPath(const OpenedPath& opened) {
+  return procPath(opened.fd.get());
 }
 
-int OpenForReading(const OpenedPath& file, UniqueFd& content) {
-  content.reset(open(ProcPath(file).c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+int openForReading(const OpenedPath& file, UniqueFd& content) {
+  content.reset(open(procPath(file).c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
   return content ? 0 : errno;
 }
 
-int SeeMountPoint(const OpenedPath& directory, bool& mounted) {
+int seeMountPoint(const OpenedPath& directory, bool& mounted) {
   struct statx status = {};
   if (statx(directory.fd.get(), "", AT_EMPTY_PATH, STATX_BASIC_STATS, &status) != 0) {
     return errno;
@@ -91,9 +91,9 @@ int SeeMountPoint(const OpenedPath& directory, bool& mounted) {
   return 0;
 }
 
-bool AreOnOneMount(int first, int second) {
-  const std::optional<std::uint64_t> mount = MountOf(first);
-  return mount && mount == MountOf(second);
+bool areOnOneMount(int first, int second) {
+  const std::optional<std::uint64_t> mount = mountOf(first);
+  return mount && mount == mountOf(second);
 }
 
 }  // namespace fwplatform

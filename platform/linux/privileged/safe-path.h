@@ -19,25 +19,25 @@ struct OpenedPath {
 // Each gives 0 or an errno value; ELOOP when a component is a symbolic link.
 
 // path: absolute, of plain components.
-int OpenDirectory(const std::string& path, UniqueFd& directory);
+int openDirectory(const std::string& path, UniqueFd& directory);
 // Whatever has this name in the directory, of any type but a symbolic link.
-int OpenEntry(const std::string& directory, const std::string& name, OpenedPath& entry);
-int OpenEntryAt(int directory, const std::string& name, OpenedPath& entry);
+int openEntry(const std::string& directory, const std::string& name, OpenedPath& entry);
+int openEntryAt(int directory, const std::string& name, OpenedPath& entry);
 
 // A path that always leads to what is opened, whatever its name is by now.
-std::string ProcPath(int fd);
-std::string ProcPath(const OpenedPath& opened);
+std::string procPath(int fd);
+std::string procPath(const OpenedPath& opened);
 
 // Opens what is opened once more, to read it, without waiting for anybody: EAGAIN for a
 // file that somebody holds a lease on. 0 or an errno value.
-int OpenForReading(const OpenedPath& file, UniqueFd& content);
+int openForReading(const OpenedPath& file, UniqueFd& content);
 
 // Whether something is mounted on the directory. 0 or an errno value: ENOSYS when the
 // kernel does not tell.
-int SeeMountPoint(const OpenedPath& directory, bool& mounted);
+int seeMountPoint(const OpenedPath& directory, bool& mounted);
 
 // True when both are on the same mount, and the kernel says so.
-bool AreOnOneMount(int first, int second);
+bool areOnOneMount(int first, int second);
 
 }  // namespace fwplatform
 

@@ -33,7 +33,7 @@ constexpr int kExecFailed = 127;
 constexpr int kLeftSomethingOut = 2;
 
 // Runs in the child of a process that may have threads: system calls only.
-[[noreturn]] void RunUnsquashfs(int image, int tree, int messages) {
+[[noreturn]] void runUnsquashfs(int image, int tree, int messages) {
   // In a user namespace of its own it has no rights over anything else, whatever
   // the image does to it, and doesn't try to give files to users that do not
   // exist here. Where that namespace is not to be had, it works without.
@@ -54,12 +54,12 @@ constexpr int kLeftSomethingOut = 2;
 }
 
 // A copy above the numbers that the child uses, so that no copy overwrites it.
-UniqueFd HighCopy(int fd) {
+UniqueFd highCopy(int fd) {
   return UniqueFd(fcntl(fd, F_DUPFD_CLOEXEC, 10));
 }
 
 // The end of a child, as an exit code; -1 when it was killed or ran out of time.
-int WaitFor(pid_t child, int milliseconds) {
+int waitFor(pid_t child, int milliseconds) {
   const UniqueFd handle(static_cast<int>(syscall(SYS_pidfd_open, child, 0)));
   pollfd ended = {handle.get(), POLLIN, 0};
   int count = 0;
@@ -79,7 +79,7 @@ int WaitFor(pid_t child, int milliseconds) {
 }
 
 // The last line that a child wrote: what went wrong.
-std::string LastLine(int messages) {
+std::string lastLine(int messages) {
   char text[512];
   const off_t size = lseek(messages, 0, SEEK_END);
   const off_t start = size > static_cast<off_t>(sizeof text) ? size - static_cast<off_t>(sizeof text) : 0;
@@ -90,31 +90,31 @@ std::string LastLine(int messages) {
   return previous == std::string::npos ? line : line.substr(previous + 1);
 }
 
-bool IsFull(int tree) {
+bool isFull(int tree) {
   struct statfs status = {};
   return fstatfs(tree, &status) == 0 && (status.f_bfree == 0 || status.f_ffree == 0);
 }
 
-int Unpack(const UniqueFd& image, int tree, const UnpackLimits& limits, std::string& reason) {
+int unpack(const UniqueFd& image, int tree, const UnpackLimits& limits, std::string& reason) {
   const UniqueFd messages(memfd_create("unsquashfs", MFD_CLOEXEC));
-  const UniqueFd imageCopy = HighCopy(image.get());
-  const UniqueFd treeCopy = HighCopy(tree);
-  const UniqueFd messagesCopy = HighCopy(messages.get());
+  const UniqueFd imageCopy = highCopy(image.get());
+  const UniqueFd treeCopy = highCopy(tree);
+  const UniqueFd messagesCopy = highCopy(messages.get());
   if (!messages || !imageCopy || !treeCopy || !messagesCopy) {
     return errno;
   }
   const pid_t child = fork();
   if (child == 0) {
-    RunUnsquashfs(imageCopy.get(), treeCopy.get(), messagesCopy.get());
+    runUnsquashfs(imageCopy.get(), treeCopy.get(), messagesCopy.get());
   }
   if (child < 0) {
     return errno;
   }
-  const int code = WaitFor(child, limits.milliseconds);
+  const int code = waitFor(child, limits.milliseconds);
   if (code == 0 || code == kLeftSomethingOut) {
     return 0;
   }
-  if (IsFull(tree)) {
+  if (isFull(tree)) {
     reason = "the image is too big";
     return ENOSPC;
   }
@@ -126,13 +126,13 @@ int Unpack(const UniqueFd& image, int tree, const UnpackLimits& limits, std::str
     reason = "unsquashfs took too long or was ended";
     return ETIMEDOUT;
   }
-  reason = LastLine(messages.get());
+  reason = lastLine(messages.get());
   return EINVAL;  // as the kernel says for an image that it can't read
 }
 
 }  // namespace
 
-bool IsInUserNamespace() {
+bool isInUserNamespace() {
   std::ifstream map("/proc/self/uid_map");
   unsigned long inside = 1, outside = 1, count = 0;
   map >> inside >> outside >> count;
@@ -140,7 +140,7 @@ bool IsInUserNamespace() {
   return map && !(inside == 0 && outside == 0 && count == kEveryUser);
 }
 
-int UnpackOnTmpfs(const UniqueFd& image, unsigned attributes, const UnpackLimits& limits, UniqueFd& tree,
+int unpackOnTmpfs(const UniqueFd& image, unsigned attributes, const UnpackLimits& limits, UniqueFd& tree,
                   std::string& reason) {
   reason = "making a tmpfs";
   UniqueFd unpacked;
@@ -148,11 +148,11 @@ int UnpackOnTmpfs(const UniqueFd& image, unsigned attributes, const UnpackLimits
       "tmpfs",
       {{"mode", "0755"}, {"size", limits.size}, {"nr_inodes", limits.files}},
       attributes & ~static_cast<unsigned>(MOUNT_ATTR_RDONLY)};
-  if (const int error = MountDetached(request, unpacked); error != 0) {
+  if (const int error = mountDetached(request, unpacked); error != 0) {
     return error;
   }
   reason = "running unsquashfs";
-  if (const int error = Unpack(image, unpacked.get(), limits, reason); error != 0) {
+  if (const int error = unpack(image, unpacked.get(), limits, reason); error != 0) {
     return error;
   }
   reason = "making the tmpfs read-only";

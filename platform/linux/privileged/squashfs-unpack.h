@@ -10,7 +10,7 @@
 namespace fwplatform {
 
 // True unless this process is in the machine's first user namespace.
-bool IsInUserNamespace();
+bool isInUserNamespace();
 
 struct UnpackLimits {
   // What the unpacked files may take of the memory: twice the size of the largest image
@@ -24,7 +24,7 @@ struct UnpackLimits {
 // Unpacks a squashfs image, opened for reading, onto a tmpfs of its own that is nowhere
 // yet, and makes that read-only. attributes: MOUNT_ATTR_...; 0 with the tmpfs, or an
 // errno value with the failed step in reason; nothing stays behind then.
-int UnpackOnTmpfs(const UniqueFd& image, unsigned attributes, const UnpackLimits& limits, UniqueFd& tree,
+int unpackOnTmpfs(const UniqueFd& image, unsigned attributes, const UnpackLimits& limits, UniqueFd& tree,
                   std::string& reason);
 
 }  // namespace fwplatform

@@ -36,7 +36,7 @@ struct OldFile {
   bool empty;
 };
 
-std::string FileNamePart(const std::string& processName) {
+std::string fileNamePart(const std::string& processName) {
   constexpr char kKept[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_-";
   std::string part = processName;
   for (char& c : part) {
@@ -47,12 +47,12 @@ std::string FileNamePart(const std::string& processName) {
   return part.empty() ? "_" : part;
 }
 
-bool IsTraceName(std::string_view name) {
+bool isTraceName(std::string_view name) {
   constexpr std::string_view kSuffix = kFileSuffix;
   return name.size() > kSuffix.size() && name.substr(name.size() - kSuffix.size()) == kSuffix;
 }
 
-std::vector<OldFile> TraceFilesIn(int directory) {
+std::vector<OldFile> traceFilesIn(int directory) {
   std::vector<OldFile> files;
   UniqueFd copy(openat(directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   const std::unique_ptr<DIR, CloseDirectory> entries(copy ? fdopendir(copy.get()) : nullptr);
@@ -62,7 +62,7 @@ std::vector<OldFile> TraceFilesIn(int directory) {
   copy.release();
   while (const dirent* entry = readdir(entries.get())) {
     struct stat status = {};
-    if (IsTraceName(entry->d_name) && fstatat(directory, entry->d_name, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+    if (isTraceName(entry->d_name) && fstatat(directory, entry->d_name, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
         S_ISREG(status.st_mode)) {
       files.push_back({entry->d_name, status.st_mtim.tv_sec,
                        static_cast<std::uint64_t>(status.st_blocks) * 512, status.st_size == 0});
@@ -71,25 +71,25 @@ std::vector<OldFile> TraceFilesIn(int directory) {
   return files;
 }
 
-bool MayBeRemoved(int directory, const OldFile& file, std::int64_t now) {
+bool mayBeRemoved(int directory, const OldFile& file, std::int64_t now) {
   if (file.empty) {
     return file.modified < now - kEmptySeconds;
   }
   const UniqueFd fd(openat(directory, file.name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-  return fd && !IsOfLiveProcess(fd.get());
+  return fd && !isOfLiveProcess(fd.get());
 }
 
 }  // namespace
 
-UniqueFd OpenTraceDirectory(const std::string& path) {
+UniqueFd openTraceDirectory(const std::string& path) {
   if (mkdir(path.c_str(), kDirectoryMode) != 0 && errno != EEXIST && errno != EROFS) {
     return UniqueFd();
   }
   return UniqueFd(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
 }
 
-UniqueFd CreateTraceFile(int directory, const std::string& processName, std::int64_t realTime) {
-  const std::string start = FileNamePart(processName) + '-' + std::to_string(getpid()) + '-';
+UniqueFd createTraceFile(int directory, const std::string& processName, std::int64_t realTime) {
+  const std::string start = fileNamePart(processName) + '-' + std::to_string(getpid()) + '-';
   UniqueFd file;
   for (int i = 0; i < kNameAttempts && !file; ++i) {
     const std::string name = start + std::to_string(realTime / kMillisecond + i) + kFileSuffix;
@@ -105,7 +105,7 @@ UniqueFd CreateTraceFile(int directory, const std::string& processName, std::int
   return file;
 }
 
-bool IsOfLiveProcess(int file) {
+bool isOfLiveProcess(int file) {
   // Shared, so that two that ask at once do not take each other for the process.
   if (flock(file, LOCK_SH | LOCK_NB) != 0) {
     return errno == EWOULDBLOCK;
@@ -114,8 +114,8 @@ bool IsOfLiveProcess(int file) {
   return false;
 }
 
-void CleanUp(int directory, std::int64_t now, std::int64_t maxAgeSeconds, std::uint64_t maxBytes) {
-  std::vector<OldFile> files = TraceFilesIn(directory);
+void cleanUp(int directory, std::int64_t now, std::int64_t maxAgeSeconds, std::uint64_t maxBytes) {
+  std::vector<OldFile> files = traceFilesIn(directory);
   std::sort(files.begin(), files.end(),
             [](const OldFile& a, const OldFile& b) { return a.modified < b.modified; });
   std::uint64_t total = 0;
@@ -124,7 +124,7 @@ void CleanUp(int directory, std::int64_t now, std::int64_t maxAgeSeconds, std::u
   }
   for (const OldFile& file : files) {
     const bool wanted = file.modified >= now - maxAgeSeconds && total <= maxBytes;
-    if (!wanted && MayBeRemoved(directory, file, now) && unlinkat(directory, file.name.c_str(), 0) == 0) {
+    if (!wanted && mayBeRemoved(directory, file, now) && unlinkat(directory, file.name.c_str(), 0) == 0) {
       total -= file.bytes;
     }
   }

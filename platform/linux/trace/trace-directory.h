@@ -13,19 +13,19 @@ namespace fwplatform::trace {
 
 // Opens the directory, and makes it when only its last part is missing. On failure
 // the descriptor is empty and errno says why.
-UniqueFd OpenTraceDirectory(const std::string& path);
+UniqueFd openTraceDirectory(const std::string& path);
 
 // A new, empty, locked file for this process, named after it and the time (in
 // nanoseconds since 1970). On failure the descriptor is empty and errno says why.
-UniqueFd CreateTraceFile(int directory, const std::string& processName, std::int64_t realTime);
+UniqueFd createTraceFile(int directory, const std::string& processName, std::int64_t realTime);
 
 // True while the process whose file this is (or a child that has not noticed yet)
 // lives. Takes the lock for a moment when nobody holds it.
-bool IsOfLiveProcess(int file);
+bool isOfLiveProcess(int file);
 
 // Removes the files of dead processes that are older than maxAgeSeconds, then the
 // oldest until all files together take no more than maxBytes.
-void CleanUp(int directory, std::int64_t now, std::int64_t maxAgeSeconds, std::uint64_t maxBytes);
+void cleanUp(int directory, std::int64_t now, std::int64_t maxAgeSeconds, std::uint64_t maxBytes);
 
 }  // namespace fwplatform::trace
 

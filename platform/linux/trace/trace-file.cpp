@@ -21,23 +21,23 @@ constexpr std::size_t kThreadNameSize = 16;  // the kernel's, terminator include
 constexpr std::int64_t kSecondsADay = std::int64_t{24} * 60 * 60;
 constexpr std::int64_t kNanoseconds = 1000000000;
 
-std::int64_t Now(clockid_t clock) {
+std::int64_t now(clockid_t clock) {
   timespec now = {};
   clock_gettime(clock, &now);
   return static_cast<std::int64_t>(now.tv_sec) * kNanoseconds + now.tv_nsec;
 }
 
-std::string ThreadName() {
+std::string threadName() {
   char name[kThreadNameSize] = {};
   prctl(PR_GET_NAME, name);
   return name;
 }
 
-std::uint32_t ThreadId() {
+std::uint32_t threadId() {
   return static_cast<std::uint32_t>(gettid());
 }
 
-std::string CommandLine() {
+std::string commandLine() {
   const UniqueFd file(open("/proc/self/cmdline", O_RDONLY | O_CLOEXEC));
   char text[sizeof(FileHeader::commandLine)];
   const ssize_t count = file ? read(file.get(), text, sizeof text) : 0;
@@ -50,34 +50,34 @@ std::string CommandLine() {
 }
 
 // A worker takes its name only when it is at work: the one at the end tells most.
-void WriteThreadName(TraceStorage::Thread& ring, RecordKind kind) {
-  const std::string name = ThreadName();
-  if (unsigned char* const payload = ring.Prepare(static_cast<std::uint32_t>(name.size()), kind, 0)) {
+void writeThreadName(TraceStorage::Thread& ring, RecordKind kind) {
+  const std::string name = threadName();
+  if (unsigned char* const payload = ring.prepare(static_cast<std::uint32_t>(name.size()), kind, 0)) {
     std::memcpy(payload, name.data(), name.size());
-    ring.Commit();
+    ring.commit();
   }
 }
 
-template <std::size_t size>
-void CopyText(char (&to)[size], const std::string& text) {
-  text.copy(to, size - 1);
+template <std::size_t Size>
+void copyText(char (&to)[Size], const std::string& text) {
+  text.copy(to, Size - 1);
 }
 
 // The bytes of a location entry.
 class EntryWriter {
  public:
   template <typename Number>
-  void Put(Number number) {
+  void put(Number number) {
     const auto* bytes = reinterpret_cast<const unsigned char*>(&number);
     entry_.insert(entry_.end(), bytes, bytes + sizeof number);
   }
-  void PutText(std::string_view text) {
+  void putText(std::string_view text) {
     text = text.substr(0, UINT16_MAX);
-    Put(static_cast<std::uint16_t>(text.size()));
+    put(static_cast<std::uint16_t>(text.size()));
     entry_.insert(entry_.end(), text.begin(), text.end());
   }
   // The size of the whole, which is not known before, is the first number.
-  const std::vector<unsigned char>& Finish() {
+  const std::vector<unsigned char>& finish() {
     entry_.resize((entry_.size() + 3) / 4 * 4);
     const auto size = static_cast<std::uint32_t>(entry_.size());
     std::memcpy(entry_.data(), &size, sizeof size);
@@ -88,7 +88,7 @@ class EntryWriter {
   std::vector<unsigned char> entry_;
 };
 
-std::string_view OrEmpty(const char* text) {
+std::string_view orEmpty(const char* text) {
   return text == nullptr ? std::string_view() : text;
 }
 
@@ -102,23 +102,23 @@ TraceFile::~TraceFile() {
   }
 }
 
-std::unique_ptr<TraceFile> TraceFile::Create(const Settings& settings, int& error) {
-  const std::string name = ThreadName();
-  const std::int64_t now = Now(CLOCK_REALTIME);
-  const UniqueFd directory = OpenTraceDirectory(settings.directory);
+std::unique_ptr<TraceFile> TraceFile::create(const Settings& settings, int& error) {
+  const std::string name = threadName();
+  const std::int64_t begun = now(CLOCK_REALTIME);
+  const UniqueFd directory = openTraceDirectory(settings.directory);
   if (!directory) {
     error = errno;
     return nullptr;
   }
-  CleanUp(directory.get(), now / kNanoseconds, settings.days * kSecondsADay,
+  cleanUp(directory.get(), begun / kNanoseconds, settings.days * kSecondsADay,
           std::uint64_t{settings.totalMib} * 1024 * 1024);
-  UniqueFd fd = CreateTraceFile(directory.get(), name, now);
+  UniqueFd fd = createTraceFile(directory.get(), name, begun);
   if (!fd) {
     error = errno;
     return nullptr;
   }
   std::unique_ptr<TraceFile> file(new TraceFile(settings, std::move(fd)));
-  error = file->Initialise(name, now);
+  error = file->initialise(name, begun);
   if (error != 0) {
     file.reset();
   }
@@ -127,7 +127,7 @@ std::unique_ptr<TraceFile> TraceFile::Create(const Settings& settings, int& erro
 
 // More file behind what there is, mapped. Its room on the disk is taken at once: a
 // write into a mapping of a full file system would end the process.
-unsigned char* TraceFile::Append(std::uint32_t size) {
+unsigned char* TraceFile::append(std::uint32_t size) {
   const auto start = static_cast<off_t>(fileSize_);
   const int error = posix_fallocate(fd_.get(), start, static_cast<off_t>(size));
   if (error != 0) {
@@ -144,8 +144,8 @@ unsigned char* TraceFile::Append(std::uint32_t size) {
   return bytes;
 }
 
-int TraceFile::Initialise(const std::string& processName, std::int64_t realTime) {
-  unsigned char* const start = Append(kUnit);
+int TraceFile::initialise(const std::string& processName, std::int64_t realTime) {
+  unsigned char* const start = append(kUnit);
   if (start == nullptr) {
     return errno;
   }
@@ -155,14 +155,14 @@ int TraceFile::Initialise(const std::string& processName, std::int64_t realTime)
   header_->headerSize = kFileHeaderSize;
   header_->processId = static_cast<std::uint32_t>(getpid());
   header_->parentId = static_cast<std::uint32_t>(getppid());
-  header_->monotonicTime = Now(CLOCK_MONOTONIC);
+  header_->monotonicTime = now(CLOCK_MONOTONIC);
   header_->realTime = realTime;
-  CopyText(header_->processName, processName);
-  CopyText(header_->commandLine, CommandLine());
+  copyText(header_->processName, processName);
+  copyText(header_->commandLine, commandLine());
 
   auto* const chunk = reinterpret_cast<ChunkHeader*>(start + kFileHeaderSize);
   locations_.push_back({chunk, kUnit - kFileHeaderSize});
-  chunk->kind = kLocationsChunk;
+  chunk->kind = LocationsChunk;
   chunk->size = locations_.back().size;
   chunk->magic = kChunkMagic;
   // Last: a file without it is one that was being made.
@@ -171,26 +171,26 @@ int TraceFile::Initialise(const std::string& processName, std::int64_t realTime)
   return 0;
 }
 
-bool TraceFile::AddLocations() {
+bool TraceFile::addLocations() {
   if (locations_.size() >= kMaxLocationChunks) {
     return false;
   }
-  auto* const chunk = reinterpret_cast<ChunkHeader*>(Append(kUnit));
+  auto* const chunk = reinterpret_cast<ChunkHeader*>(append(kUnit));
   if (chunk == nullptr) {
     return false;
   }
   locations_.push_back({chunk, kUnit});
-  chunk->kind = kLocationsChunk;
+  chunk->kind = LocationsChunk;
   chunk->size = kUnit;
   __atomic_store_n(&chunk->magic, kChunkMagic, __ATOMIC_RELEASE);
   return true;
 }
 
-bool TraceFile::StoreLocation(const unsigned char* entry, std::uint32_t size) {
+bool TraceFile::storeLocation(const unsigned char* entry, std::uint32_t size) {
   const auto room = [this] {
     return locations_.back().size - sizeof(ChunkHeader) - locations_.back().header->head;
   };
-  if (size > kUnit - sizeof(ChunkHeader) || (size > room() && !AddLocations())) {
+  if (size > kUnit - sizeof(ChunkHeader) || (size > room() && !addLocations())) {
     return false;
   }
   ChunkHeader* const chunk = locations_.back().header;
@@ -200,62 +200,62 @@ bool TraceFile::StoreLocation(const unsigned char* entry, std::uint32_t size) {
   return true;
 }
 
-void TraceFile::SaveLocation(const TraceStorage::CallLocation& location) {
+void TraceFile::saveLocation(const TraceStorage::CallLocation& location) {
   EntryWriter entry;
-  entry.Put(std::uint32_t{0});
-  entry.Put(location.id);
-  entry.Put(std::int32_t{location.line});
-  entry.Put(static_cast<std::uint32_t>(location.arguments.size()));
-  entry.PutText(OrEmpty(location.sourcePath));
-  entry.PutText(OrEmpty(location.functionName));
-  entry.PutText(OrEmpty(location.format));
+  entry.put(std::uint32_t{0});
+  entry.put(location.id);
+  entry.put(std::int32_t{location.line});
+  entry.put(static_cast<std::uint32_t>(location.arguments.size()));
+  entry.putText(orEmpty(location.sourcePath));
+  entry.putText(orEmpty(location.functionName));
+  entry.putText(orEmpty(location.format));
   for (const TraceStorage::ArgumentDescription& argument : location.arguments) {
-    entry.Put(argument.flag);
-    entry.Put(argument.size);
-    entry.PutText(argument.typeName);
+    entry.put(argument.flag);
+    entry.put(argument.size);
+    entry.putText(argument.typeName);
   }
-  const std::vector<unsigned char>& bytes = entry.Finish();
+  const std::vector<unsigned char>& bytes = entry.finish();
   // Without room for it the records of this place show their arguments alone.
-  StoreLocation(bytes.data(), static_cast<std::uint32_t>(bytes.size()));
+  storeLocation(bytes.data(), static_cast<std::uint32_t>(bytes.size()));
 }
 
-void TraceFile::CopyLocations(const TraceFile& parent) {
+void TraceFile::copyLocations(const TraceFile& parent) {
   for (const Chunk& chunk : parent.locations_) {
     const unsigned char* at = reinterpret_cast<const unsigned char*>(chunk.header) + sizeof(ChunkHeader);
     const unsigned char* const end = at + chunk.header->head;
     while (at < end) {
       std::uint32_t size = 0;
       std::memcpy(&size, at, sizeof size);
-      StoreLocation(at, size);
+      storeLocation(at, size);
       at += size;
     }
   }
 }
 
-TraceStorage::Thread* TraceFile::Lend() {
+TraceStorage::Thread* TraceFile::lend() {
   const auto free =
-      std::find_if(rings_.begin(), rings_.end(), [](const auto& ring) { return ring->IsFree(); });
+      std::find_if(rings_.begin(), rings_.end(), [](const auto& ring) { return ring->isFree(); });
   TraceStorage::Thread* ring = free == rings_.end() ? nullptr : free->get();
   if (ring == nullptr) {
     const std::uint32_t size = (settings_.threadKib * 1024 + kUnit - 1) / kUnit * kUnit;
     auto* const chunk =
-        rings_.size() < settings_.threads ? reinterpret_cast<ChunkHeader*>(Append(size)) : nullptr;
+        rings_.size() < settings_.threads ? reinterpret_cast<ChunkHeader*>(append(size)) : nullptr;
     if (chunk == nullptr) {
       return nullptr;
     }
     ring = rings_.emplace_back(std::make_unique<TraceStorage::Thread>(chunk, size, &header_->dropped)).get();
   }
-  ring->SetOwner(ThreadId());
-  WriteThreadName(*ring, kThreadBegins);
+  ring->setOwner(threadId());
+  writeThreadName(*ring, ThreadBegins);
   return ring;
 }
 
 void TraceFile::Return(TraceStorage::Thread* ring) {
-  WriteThreadName(*ring, kThreadEnds);
-  ring->SetOwner(0);
+  writeThreadName(*ring, ThreadEnds);
+  ring->setOwner(0);
 }
 
-void TraceFile::CountDropped() {
+void TraceFile::countDropped() {
   __atomic_fetch_add(&header_->dropped, 1, __ATOMIC_RELAXED);
 }
 

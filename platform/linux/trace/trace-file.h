@@ -20,26 +20,26 @@ namespace fwplatform::trace {
 class TraceFile {
  public:
   // Null when the file cannot be made; error then says why (an errno value).
-  static std::unique_ptr<TraceFile> Create(const Settings& settings, int& error);
+  static std::unique_ptr<TraceFile> create(const Settings& settings, int& error);
   ~TraceFile();
   TraceFile(const TraceFile&) = delete;
   TraceFile& operator=(const TraceFile&) = delete;
 
-  void SaveLocation(const TraceStorage::CallLocation& location);
+  void saveLocation(const TraceStorage::CallLocation& location);
   // In a forked child: its call sites stay registered, so their locations must be
   // in its own file too.
-  void CopyLocations(const TraceFile& parent);
+  void copyLocations(const TraceFile& parent);
 
   // A ring for the calling thread, or null when all are lent and no more may be
   // made. It goes back with Return when the thread ends.
-  TraceStorage::Thread* Lend();
+  TraceStorage::Thread* lend();
   void Return(TraceStorage::Thread* ring);
 
   // Counts a record that found no ring.
-  void CountDropped();
+  void countDropped();
 
   // In a forked child: gives the file up without touching the parent's lock.
-  void CloseDescriptor() { fd_.reset(); }
+  void closeDescriptor() { fd_.reset(); }
 
  private:
   struct Chunk {
@@ -49,10 +49,10 @@ class TraceFile {
 
   TraceFile(const Settings& settings, UniqueFd fd);
 
-  int Initialise(const std::string& processName, std::int64_t realTime);
-  unsigned char* Append(std::uint32_t size);
-  bool AddLocations();
-  bool StoreLocation(const unsigned char* entry, std::uint32_t size);
+  int initialise(const std::string& processName, std::int64_t realTime);
+  unsigned char* append(std::uint32_t size);
+  bool addLocations();
+  bool storeLocation(const unsigned char* entry, std::uint32_t size);
 
   const Settings settings_;
   UniqueFd fd_;

@@ -39,7 +39,7 @@ static_assert(sizeof(FileHeader) == 256);
 
 inline constexpr std::uint32_t kChunkMagic = 0x4B4E4843;  // "CHNK" on a little-endian machine
 
-enum ChunkKind : std::uint32_t { kLocationsChunk = 1, kRingChunk = 2 };
+enum ChunkKind : std::uint32_t { LocationsChunk = 1, RingChunk = 2 };
 
 struct alignas(8) ChunkHeader {
   std::uint32_t magic;
@@ -54,9 +54,9 @@ static_assert(offsetof(ChunkHeader, head) == 16);
 static_assert(offsetof(ChunkHeader, threadId) == 32);
 static_assert(sizeof(ChunkHeader) == 64);
 
-// Kinds of records. kCall is the library's; the others are the storage's own and
+// Kinds of records. Call is the library's; the others are the storage's own and
 // carry the thread's name.
-enum RecordKind : std::uint8_t { kPadding = 0, kCall = 1, kThreadBegins = 2, kThreadEnds = 3 };
+enum RecordKind : std::uint8_t { Padding = 0, Call = 1, ThreadBegins = 2, ThreadEnds = 3 };
 
 inline constexpr std::uint32_t kRecordAlignment = 8;
 
@@ -73,12 +73,12 @@ static_assert(sizeof(RecordHeader) == 24);
 inline constexpr std::uint32_t kPaddingHeaderSize = 8;
 
 // Ties a record to its place: old bytes never pass for a record of this round.
-constexpr std::uint32_t StampOf(std::uint64_t position) {
+constexpr std::uint32_t stampOf(std::uint64_t position) {
   return static_cast<std::uint32_t>(position / kRecordAlignment) & 0xFFFFFFU;
 }
 
-constexpr std::uint32_t KindAndStamp(std::uint8_t kind, std::uint64_t position) {
-  return StampOf(position) << 8 | kind;
+constexpr std::uint32_t kindAndStamp(std::uint8_t kind, std::uint64_t position) {
+  return stampOf(position) << 8 | kind;
 }
 
 // A registered location, in a locations chunk; the texts follow, each as 16 bits

@@ -9,13 +9,13 @@ Thread::Thread(ChunkHeader* chunk, std::uint32_t size, std::uint32_t* dropped)
       data_(reinterpret_cast<unsigned char*>(chunk) + sizeof(ChunkHeader)),
       dropped_(dropped),
       capacity_(size - static_cast<std::uint32_t>(sizeof(ChunkHeader))) {
-  chunk_->kind = kRingChunk;
+  chunk_->kind = RingChunk;
   chunk_->size = size;
   // Last: a chunk without it is one that was being made.
   __atomic_store_n(&chunk_->magic, kChunkMagic, __ATOMIC_RELEASE);
 }
 
-void Thread::SetOwner(std::uint32_t threadId) {
+void Thread::setOwner(std::uint32_t threadId) {
   threadId_ = threadId;
   pending_ = 0;
   __atomic_store_n(&chunk_->threadId, threadId, __ATOMIC_RELEASE);
@@ -23,7 +23,7 @@ void Thread::SetOwner(std::uint32_t threadId) {
 
 // Gives up the oldest records until bytes more fit. The new tail is out before
 // anything behind it is overwritten.
-void Thread::MakeRoom(std::uint32_t bytes) {
+void Thread::makeRoom(std::uint32_t bytes) {
   while (head_ + bytes - tail_ > capacity_) {
     std::uint32_t size = 0;
     std::memcpy(&size, data_ + tailOffset_, sizeof size);
@@ -45,16 +45,16 @@ void Thread::MakeRoom(std::uint32_t bytes) {
 }
 
 // Fills the ring up to its end, where no record fits any more, and publishes that.
-void Thread::PadToEnd() {
+void Thread::padToEnd() {
   const std::uint32_t size = capacity_ - headOffset_;
   if (head_ + size - tail_ > capacity_) {
-    MakeRoom(size);
+    makeRoom(size);
   }
-  const std::uint32_t header[] = {size, KindAndStamp(kPadding, head_)};
+  const std::uint32_t header[] = {size, kindAndStamp(Padding, head_)};
   static_assert(sizeof header == kPaddingHeaderSize);
   std::memcpy(data_ + headOffset_, header, sizeof header);
   pending_ = size;
-  Commit();
+  commit();
 }
 
 }  // namespace TraceStorage

@@ -24,18 +24,18 @@ class alignas(64) Thread {
   Thread& operator=(const Thread&) = delete;
 
   // Only while no thread writes: who does from now on, 0 for nobody.
-  void SetOwner(std::uint32_t threadId);
-  bool IsFree() const { return threadId_ == 0; }
+  void setOwner(std::uint32_t threadId);
+  bool isFree() const { return threadId_ == 0; }
 
   // The place for the payload, or null when it could never fit. A second call
   // without Commit takes the first back.
-  unsigned char* Prepare(std::uint32_t payloadSize, std::uint8_t kind, std::uint32_t locationId);
+  unsigned char* prepare(std::uint32_t payloadSize, std::uint8_t kind, std::uint32_t locationId);
   // Makes the prepared record part of the trace; nothing without one.
-  void Commit();
+  void commit();
 
  private:
-  void MakeRoom(std::uint32_t bytes);
-  void PadToEnd();
+  void makeRoom(std::uint32_t bytes);
+  void padToEnd();
 
   fwplatform::trace::ChunkHeader* const chunk_;
   unsigned char* const data_;
@@ -50,7 +50,7 @@ class alignas(64) Thread {
   std::uint32_t pending_ = 0;  // size of the prepared record
 };
 
-inline unsigned char* Thread::Prepare(std::uint32_t payloadSize, std::uint8_t kind,
+inline unsigned char* Thread::prepare(std::uint32_t payloadSize, std::uint8_t kind,
                                       std::uint32_t locationId) {
   using namespace fwplatform::trace;
   // Half the ring at most, so that one message never pushes all others out.
@@ -62,14 +62,14 @@ inline unsigned char* Thread::Prepare(std::uint32_t payloadSize, std::uint8_t ki
   const auto unpadded = static_cast<std::uint32_t>(sizeof(RecordHeader)) + payloadSize;
   const std::uint32_t size = (unpadded + kRecordAlignment - 1) & ~(kRecordAlignment - 1);
   if (size > capacity_ - headOffset_) {
-    PadToEnd();
+    padToEnd();
   }
   if (head_ + size - tail_ > capacity_) {
-    MakeRoom(size);
+    makeRoom(size);
   }
   timespec now = {};
   clock_gettime(CLOCK_MONOTONIC, &now);
-  const RecordHeader header = {size | (size - unpadded), KindAndStamp(kind, head_), locationId, threadId_,
+  const RecordHeader header = {size | (size - unpadded), kindAndStamp(kind, head_), locationId, threadId_,
                                static_cast<std::int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec};
   unsigned char* const record = data_ + headOffset_;
   std::memcpy(record, &header, sizeof header);
@@ -77,7 +77,7 @@ inline unsigned char* Thread::Prepare(std::uint32_t payloadSize, std::uint8_t ki
   return record + sizeof header;
 }
 
-inline void Thread::Commit() {
+inline void Thread::commit() {
   if (pending_ == 0) {
     return;
   }

@@ -21,13 +21,13 @@ constexpr NumberSetting kNumbers[] = {
     {"FW_UPDATE_TRACE_DAYS", &Settings::days, 1, 3650},
 };
 
-std::string_view Environment(const char* name) {
+std::string_view environment(const char* name) {
   const char* value = secure_getenv(name);
   return value == nullptr ? std::string_view() : value;
 }
 
-void ReadNumber(const NumberSetting& setting, Settings& settings) {
-  const std::string_view text = Environment(setting.variable);
+void readNumber(const NumberSetting& setting, Settings& settings) {
+  const std::string_view text = environment(setting.variable);
   std::uint32_t value = 0;
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
   if (error == std::errc() && end == text.data() + text.size() && value >= setting.lowest &&
@@ -38,13 +38,13 @@ void ReadNumber(const NumberSetting& setting, Settings& settings) {
 
 }  // namespace
 
-Settings SettingsFromEnvironment() {
+Settings settingsFromEnvironment() {
   Settings settings;
-  if (const std::string_view directory = Environment("FW_UPDATE_TRACE"); !directory.empty()) {
+  if (const std::string_view directory = environment("FW_UPDATE_TRACE"); !directory.empty()) {
     settings.directory = directory == "none" ? std::string_view() : directory;
   }
   for (const NumberSetting& setting : kNumbers) {
-    ReadNumber(setting, settings);
+    readNumber(setting, settings);
   }
   return settings;
 }

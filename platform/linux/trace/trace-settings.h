@@ -20,7 +20,7 @@ struct Settings {
 
 // From the environment; a value that is no number or out of range keeps its
 // default. A program with raised privileges ignores the environment.
-Settings SettingsFromEnvironment();
+Settings settingsFromEnvironment();
 
 }  // namespace fwplatform::trace
 

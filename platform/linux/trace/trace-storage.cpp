@@ -26,12 +26,12 @@ namespace {
 using fwplatform::trace::Settings;
 using fwplatform::trace::TraceFile;
 
-enum class State { kNotTried, kOpen, kUnusable };
+enum class State { NotTried, Open, Unusable };
 
 // Held around everything but the writing of records. Constant-initialised, and
 // never destroyed under a thread that still logs.
 std::mutex mutex;
-State state = State::kNotTried;
+State state = State::NotTried;
 TraceFile* file = nullptr;        // never destroyed: the last destructors log too
 TraceFile* parentFile = nullptr;  // in a forked child until it has one of its own
 pthread_key_t threadEndKey;
@@ -59,7 +59,7 @@ class KeepErrno {
   const int saved_;
 };
 
-void OnThreadEnd(void* ring) {
+void onThreadEnd(void* ring) {
   const std::lock_guard<std::mutex> lock(mutex);
   // Not in a forked child, whose rings are its parent's.
   if (file != nullptr && ring == thisThread.ring) {
@@ -69,72 +69,72 @@ void OnThreadEnd(void* ring) {
   thisThread = {};
 }
 
-void BeforeFork() {
+void beforeFork() {
   mutex.lock();
 }
 
-void AfterForkInParent() {
+void afterForkInParent() {
   mutex.unlock();
 }
 
 // The child shares the parent's mapping and must not write there. It gets a file
 // of its own when it has something to say.
-void AfterForkInChild() {
-  if (state == State::kOpen) {
-    file->CloseDescriptor();
+void afterForkInChild() {
+  if (state == State::Open) {
+    file->closeDescriptor();
     parentFile = file;
     file = nullptr;
-    state = State::kNotTried;
+    state = State::NotTried;
   }
   thisThread = {};
   mutex.unlock();
 }
 
-bool RegisterHandlers() {
-  static const bool done = pthread_key_create(&threadEndKey, OnThreadEnd) == 0 &&
-                           pthread_atfork(BeforeFork, AfterForkInParent, AfterForkInChild) == 0;
-  return done;
+bool registerHandlers() {
+  static const bool kDone = pthread_key_create(&threadEndKey, onThreadEnd) == 0 &&
+                            pthread_atfork(beforeFork, afterForkInParent, afterForkInChild) == 0;
+  return kDone;
 }
 
-void SayUnusable(const std::string& directory, int error) {
+void sayUnusable(const std::string& directory, int error) {
   __dlog_print(2, DLOG_WARN_PRIORITY, "FWUPDATE", "no trace is kept: %s: %s", directory.c_str(),
                std::strerror(error));
 }
 
 // With the mutex held. The text for the log goes to complaint, for later.
-void Open(std::string& directory, int& error) {
-  if (state != State::kNotTried) {
+void open(std::string& directory, int& error) {
+  if (state != State::NotTried) {
     return;
   }
-  state = State::kUnusable;
+  state = State::Unusable;
   error = ENOMEM;
-  const Settings settings = fwplatform::trace::SettingsFromEnvironment();
+  const Settings settings = fwplatform::trace::settingsFromEnvironment();
   directory = settings.directory;
   std::unique_ptr<TraceFile> opened;
-  if (!directory.empty() && RegisterHandlers()) {
-    opened = TraceFile::Create(settings, error);
+  if (!directory.empty() && registerHandlers()) {
+    opened = TraceFile::create(settings, error);
   }
   if (!opened) {
     __atomic_store_n(&enabled, std::uint8_t{0}, __ATOMIC_RELAXED);
     return;
   }
   if (parentFile != nullptr) {
-    opened->CopyLocations(*parentFile);
+    opened->copyLocations(*parentFile);
     delete std::exchange(parentFile, nullptr);
   }
   file = opened.release();
-  state = State::kOpen;
+  state = State::Open;
 }
 
 // Runs action with the process's file; not at all when there is none.
 template <typename Action>
-void WithFile(Action action) {
+void withFile(Action action) {
   const KeepErrno keepErrno;
   std::string directory;
   int error = 0;
   try {
     const std::lock_guard<std::mutex> lock(mutex);
-    Open(directory, error);
+    open(directory, error);
     if (file != nullptr) {
       action(*file);
       return;
@@ -143,17 +143,17 @@ void WithFile(Action action) {
     // Memory is all that can be missing; the message then has no trace.
   }
   if (error != 0 && !directory.empty()) {
-    SayUnusable(directory, error);
+    sayUnusable(directory, error);
   }
 }
 
-Thread* Attach() {
+Thread* attach() {
   const std::uint32_t returned = ringsReturned.load(std::memory_order_relaxed);
   if (thisThread.refused && thisThread.refusedAt == returned) {
     return nullptr;
   }
-  WithFile([](TraceFile& open) {
-    thisThread.ring = open.Lend();
+  withFile([](TraceFile& open) {
+    thisThread.ring = open.lend();
     // The key is what makes the ring come back when the thread ends.
     if (thisThread.ring != nullptr && pthread_setspecific(threadEndKey, thisThread.ring) != 0) {
       open.Return(thisThread.ring);
@@ -165,36 +165,36 @@ Thread* Attach() {
   return thisThread.ring;
 }
 
-void CountDropped() {
+void countDropped() {
   const std::lock_guard<std::mutex> lock(mutex);
   if (file != nullptr) {
-    file->CountDropped();
+    file->countDropped();
   }
 }
 
 }  // namespace
 
 void Storage::SaveLocation(const CallLocation& location) {
-  WithFile([&location](TraceFile& open) { open.SaveLocation(location); });
+  withFile([&location](TraceFile& open) { open.saveLocation(location); });
 }
 
 Thread* Storage::ThreadHandle() {
   Thread* const ring = thisThread.ring;
-  return __builtin_expect(ring != nullptr, 1) ? ring : Attach();
+  return __builtin_expect(ring != nullptr, 1) ? ring : attach();
 }
 
 unsigned char* Storage::PrepareCallBuffer(Thread* thread, unsigned int size, unsigned char kind,
                                           std::uint32_t locationId) {
   if (thread == nullptr) {
-    CountDropped();
+    countDropped();
     return nullptr;
   }
-  return thread->Prepare(size, kind, locationId);
+  return thread->prepare(size, kind, locationId);
 }
 
 void Storage::Commit(Thread* thread) {
   if (thread != nullptr) {
-    thread->Commit();
+    thread->commit();
   }
 }
 

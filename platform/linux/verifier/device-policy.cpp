@@ -15,9 +15,9 @@ std::atomic<bool> rollbackAllowed{false};
 }  // namespace
 
 Trust trustOfDevice() {
-  Trust trust = trustIn(keyDirectory);
+  Trust trust = trustIn(kEyDirectory);
   trust.minimumVersion = [](const std::string& name) {
-    return readMinimumVersion(minimumVersionDirectory, name);
+    return readMinimumVersion(kMinimumVersionDirectory, name);
   };
   return trust;
 }
@@ -26,7 +26,7 @@ Expectation wantedOnDevice(Kind kind, const std::string& name) {
   Expectation expected;
   expected.kind = kind;
   expected.name = name;
-  expected.model = fwplatform::ReadSetModel();
+  expected.model = fwplatform::readSetModel();
   expected.rollbackAllowed = rollbackAllowed;
   return expected;
 }
@@ -43,7 +43,7 @@ int noteApplied(const SignatureReport& report) {
   if (report.verdict != Verdict::Valid) {
     return EINVAL;
   }
-  return raiseMinimumVersion(minimumVersionDirectory, report.trailer.statements);
+  return raiseMinimumVersion(kMinimumVersionDirectory, report.trailer.statements);
 }
 
 }  // namespace fwpackage

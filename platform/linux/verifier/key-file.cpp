@@ -12,7 +12,7 @@
 namespace fwpackage {
 namespace {
 
-constexpr std::size_t largest = 65536;
+constexpr std::size_t kLargest = 65536;
 
 int readToEnd(int file, std::string& content) {
   content.clear();
@@ -26,7 +26,7 @@ int readToEnd(int file, std::string& content) {
       return count < 0 ? errno : 0;
     }
     content.append(block, static_cast<std::size_t>(count));
-    if (content.size() > largest) {
+    if (content.size() > kLargest) {
       return EFBIG;
     }
   }

@@ -11,16 +11,16 @@
 namespace fwpackage {
 namespace {
 
-constexpr std::string_view blanks = " \t\r";
+constexpr std::string_view kBlanks = " \t\r";
 
 // Without the comment and the blanks around.
 std::string identifierIn(std::string_view line) {
   line = line.substr(0, line.find('#'));
-  const std::size_t first = line.find_first_not_of(blanks);
+  const std::size_t first = line.find_first_not_of(kBlanks);
   if (first == std::string_view::npos) {
     return "";
   }
-  std::string text(line.substr(first, line.find_last_not_of(blanks) - first + 1));
+  std::string text(line.substr(first, line.find_last_not_of(kBlanks) - first + 1));
   std::transform(text.begin(), text.end(), text.begin(),
                  [](char c) { return c >= 'A' && c <= 'F' ? static_cast<char>(c - 'A' + 'a') : c; });
   return text;

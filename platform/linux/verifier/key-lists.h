@@ -10,8 +10,8 @@
 namespace fwpackage {
 
 // Keys whose packages are refused, and keys that may still sign packages of format 1.
-inline constexpr char revokedList[] = "revoked";
-inline constexpr char oldFormatList[] = "format-1";
+inline constexpr char kRevokedList[] = "revoked";
+inline constexpr char kOldFormatList[] = "format-1";
 
 // Unusable: it cannot be read, or a line is wrong. Who asks then refuses.
 enum class Listed { No, Yes, Unusable };

@@ -19,10 +19,10 @@ namespace {
 
 using fwplatform::UniqueFd;
 
-constexpr std::size_t longestVersion = 255;
+constexpr std::size_t kLongestVersion = 255;
 // Nobody but its owner may open it: who could lock it could stop everybody who raises.
-constexpr char lockName[] = ".lock";
-constexpr mode_t lockMode = 0600;
+constexpr char kLockName[] = ".lock";
+constexpr mode_t kLockMode = 0600;
 
 MinimumVersion unusable() {
   return {MinimumVersion::State::Unusable, ""};
@@ -41,7 +41,7 @@ MinimumVersion parse(const std::string& content) {
 
 MinimumVersion readAt(int directory, const std::string& name) {
   std::string content;
-  switch (fwplatform::ReadSmallFileAt(directory, name, longestVersion + 1, content)) {
+  switch (fwplatform::readSmallFileAt(directory, name, kLongestVersion + 1, content)) {
     case 0:
       return parse(content);
     case ENOENT:
@@ -86,12 +86,12 @@ int raiseAt(int directory, const Statements& statements) {
   if (isReached(noted, statements.minimumVersion)) {
     return 0;
   }
-  return fwplatform::ReplaceSmallFileAt(directory, statements.name, statements.minimumVersion + "\n", true);
+  return fwplatform::replaceSmallFileAt(directory, statements.name, statements.minimumVersion + "\n", true);
 }
 
 // Held until it is closed: two that raise one after the other never lower.
 UniqueFd lock(int directory) {
-  UniqueFd file(::openat(directory, lockName, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, lockMode));
+  UniqueFd file(::openat(directory, kLockName, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, kLockMode));
   while (file && ::flock(file.get(), LOCK_EX) != 0) {
     if (errno != EINTR) {
       file.reset();

@@ -10,7 +10,7 @@
 
 namespace fwpackage {
 
-inline constexpr char minimumVersionDirectory[] = "/var/lib/fw-update/minimum-versions";
+inline constexpr char kMinimumVersionDirectory[] = "/var/lib/fw-update/minimum-versions";
 
 struct MinimumVersion {
   // Unusable: it cannot be read, or is damaged. Who asks then refuses.

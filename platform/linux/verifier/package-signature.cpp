@@ -20,9 +20,9 @@
 namespace fwpackage {
 namespace {
 
-constexpr std::size_t readSize = 65536;
+constexpr std::size_t kReadSize = 65536;
 
-constexpr VerdictInfo verdicts[] = {
+constexpr VerdictInfo kVerdicts[] = {
     {Verdict::Valid, "valid", "the signature is valid"},
     {Verdict::Unreadable, "unreadable", "the file cannot be read"},
     {Verdict::NoFile, "no-file", "this is no regular file"},
@@ -48,7 +48,7 @@ constexpr VerdictInfo verdicts[] = {
 constexpr struct {
   Trailer::State state;
   Verdict verdict;
-} trailerVerdicts[] = {
+} kTrailerVerdicts[] = {
     {Trailer::State::Missing, Verdict::NoTrailer},
     {Trailer::State::UnknownFormat, Verdict::UnknownFormat},
     {Trailer::State::UnknownAlgorithm, Verdict::UnknownAlgorithm},
@@ -102,10 +102,10 @@ std::optional<Verdict> judgeList(Listed listed, Listed refused, Verdict verdict)
 
 // False when the content cannot be read.
 bool addContent(int file, std::int64_t size, PackageCheck& check) {
-  std::vector<unsigned char> buffer(readSize);
+  std::vector<unsigned char> buffer(kReadSize);
   for (std::int64_t offset = 0; offset < size;) {
     const auto part =
-        static_cast<std::size_t>(std::min<std::int64_t>(size - offset, static_cast<std::int64_t>(readSize)));
+        static_cast<std::size_t>(std::min<std::int64_t>(size - offset, static_cast<std::int64_t>(kReadSize)));
     if (!readFully(file, buffer.data(), part, offset)) {
       return false;
     }
@@ -140,7 +140,7 @@ std::vector<unsigned char> PackageDigest::finish() {
 }
 
 const VerdictInfo& infoOf(Verdict verdict) {
-  for (const VerdictInfo& info : verdicts) {
+  for (const VerdictInfo& info : kVerdicts) {
     if (info.verdict == verdict) {
       return info;
     }
@@ -150,8 +150,8 @@ const VerdictInfo& infoOf(Verdict verdict) {
 
 Trust trustIn(const std::string& directory) {
   return {[directory](const KeyId& id) { return findPublicKey(directory, id); },
-          [directory](const KeyId& id) { return findInList(directory + "/" + revokedList, id); },
-          [directory](const KeyId& id) { return findInList(directory + "/" + oldFormatList, id); },
+          [directory](const KeyId& id) { return findInList(directory + "/" + kRevokedList, id); },
+          [directory](const KeyId& id) { return findInList(directory + "/" + kOldFormatList, id); },
           [](const std::string&) { return MinimumVersion(); }};
 }
 
@@ -188,7 +188,7 @@ SignatureReport PackageCheck::finish() {
 
 Verdict PackageCheck::judgeTrailer() {
   const Trailer& trailer = report_.trailer;
-  for (const auto& row : trailerVerdicts) {
+  for (const auto& row : kTrailerVerdicts) {
     if (row.state == trailer.state) {
       return row.verdict;
     }
@@ -201,7 +201,7 @@ Verdict PackageCheck::judgeKey() {
   if (const auto refused = judgeList(trust_.isRevoked(trailer.keyId), Listed::Yes, Verdict::RevokedKey)) {
     return *refused;
   }
-  if (trailer.format == oldFormat) {
+  if (trailer.format == kOldFormat) {
     if (const auto refused =
             judgeList(trust_.maySignOldFormat(trailer.keyId), Listed::No, Verdict::OldFormat)) {
       return *refused;
@@ -216,7 +216,7 @@ Verdict PackageCheck::judgeKey() {
 
 // Only after the signature: before, anybody may have stated them.
 Verdict PackageCheck::judgeStatements() const {
-  if (report_.trailer.format == oldFormat) {
+  if (report_.trailer.format == kOldFormat) {
     return expected_.kind == Kind::UsbPackage ? judgeMinimum() : Verdict::OtherKind;
   }
   const Statements& stated = report_.trailer.statements;
@@ -233,7 +233,7 @@ Verdict PackageCheck::judgeStatements() const {
 // A package of the old format states no version: a minimum refuses it.
 Verdict PackageCheck::judgeMinimum() const {
   const Statements& stated = report_.trailer.statements;
-  const bool old = report_.trailer.format == oldFormat;
+  const bool old = report_.trailer.format == kOldFormat;
   if (expected_.rollbackAllowed) {
     return Verdict::Valid;
   }
@@ -255,7 +255,7 @@ Verdict readTrailer(int file, TrailerBytes& trailer, std::int64_t& content) {
   if (!S_ISREG(status.st_mode)) {
     return Verdict::NoFile;
   }
-  content = status.st_size - static_cast<std::int64_t>(trailerSize);
+  content = status.st_size - static_cast<std::int64_t>(kTrailerSize);
   if (content <= 0) {
     return Verdict::TooShort;
   }

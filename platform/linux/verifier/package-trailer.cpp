@@ -7,14 +7,14 @@
 namespace fwpackage {
 namespace {
 
-constexpr unsigned char magic[] = {'F', 'W', 'S', 'I', 'G', 'N', 'E', 'D'};
+constexpr unsigned char kMagic[] = {'F', 'W', 'S', 'I', 'G', 'N', 'E', 'D'};
 
-constexpr std::size_t formatAt = 8;
-constexpr std::size_t algorithmAt = 9;
-constexpr std::size_t keyIdAt = 10;
-constexpr std::size_t sizeAt = 18;
-constexpr std::size_t kindAt = 20;
-constexpr std::size_t longestText = 255;  // its length is one byte
+constexpr std::size_t kFormatAt = 8;
+constexpr std::size_t kAlgorithmAt = 9;
+constexpr std::size_t kEyIdAt = 10;
+constexpr std::size_t kSizeAt = 18;
+constexpr std::size_t kIndAt = 20;
+constexpr std::size_t kLongestText = 255;  // its length is one byte
 
 struct Text {
   std::string Statements::*member;
@@ -22,7 +22,7 @@ struct Text {
 };
 
 // In the trailer's order.
-constexpr Text texts[] = {
+constexpr Text kTexts[] = {
     {&Statements::name, "name"},
     {&Statements::model, "model"},
     {&Statements::version, "version"},
@@ -30,7 +30,7 @@ constexpr Text texts[] = {
 };
 
 const Algorithm* findAlgorithm(unsigned char number, unsigned char format) {
-  for (const Algorithm& algorithm : algorithms) {
+  for (const Algorithm& algorithm : kAlgorithms) {
     if (algorithm.number == number && hasFormat(algorithm, format)) {
       return &algorithm;
     }
@@ -39,7 +39,7 @@ const Algorithm* findAlgorithm(unsigned char number, unsigned char format) {
 }
 
 std::size_t signedSizeOf(unsigned char format, const Algorithm& algorithm) {
-  return format == oldFormat ? headerSize : trailerSize - algorithm.signatureSize;
+  return format == kOldFormat ? kHeaderSize : kTrailerSize - algorithm.signatureSize;
 }
 
 bool isPrintable(const std::string& text) {
@@ -56,23 +56,23 @@ void requireStatable(const Statements& statements) {
   require(statements.kind == Kind::UsbPackage || statements.kind == Kind::ExtensionPackage,
           "there is no such kind of package");
   require(isName(statements.name), "a package's name has ASCII letters and digits only");
-  for (const Text& text : texts) {
+  for (const Text& text : kTexts) {
     const std::string& value = statements.*text.member;
-    require(value.size() <= longestText && isPrintable(value),
+    require(value.size() <= kLongestText && isPrintable(value),
             std::string("a ") + text.what + " is printable ASCII text of at most 255 characters");
   }
 }
 
 void appendStatements(std::vector<unsigned char>& bytes, const Statements& statements, std::size_t end) {
   requireStatable(statements);
-  for (const Text& text : texts) {
+  for (const Text& text : kTexts) {
     const std::string& value = statements.*text.member;
     bytes.push_back(static_cast<unsigned char>(value.size()));
     bytes.insert(bytes.end(), value.begin(), value.end());
   }
   require(bytes.size() <= end,
           "name, model, version and minimum version are too long: together they may have " +
-              std::to_string(end - headerSize - std::size(texts)) +
+              std::to_string(end - kHeaderSize - std::size(kTexts)) +
               " characters with this kind of signing key");
   bytes.resize(end, 0);
 }
@@ -80,9 +80,9 @@ void appendStatements(std::vector<unsigned char>& bytes, const Statements& state
 // Nothing when a text reaches beyond the end. The rest is compared by isWellFormed.
 std::optional<Statements> readStatements(const TrailerBytes& bytes, std::size_t end) {
   Statements statements;
-  statements.kind = static_cast<Kind>(bytes[kindAt]);
-  std::size_t at = headerSize;
-  for (const Text& text : texts) {
+  statements.kind = static_cast<Kind>(bytes[kIndAt]);
+  std::size_t at = kHeaderSize;
+  for (const Text& text : kTexts) {
     if (at >= end || bytes[at] > end - at - 1) {
       return std::nullopt;
     }
@@ -101,7 +101,7 @@ bool isWellFormed(const Trailer& trailer) {
         makeSignedPart(trailer.format, *trailer.algorithm, trailer.keyId, trailer.statements);
     return std::equal(expected.begin(), expected.end(), trailer.bytes.begin()) &&
            std::all_of(trailer.signature() + trailer.algorithm->signatureSize,
-                       trailer.bytes.data() + trailerSize, [](unsigned char byte) { return byte == 0; });
+                       trailer.bytes.data() + kTrailerSize, [](unsigned char byte) { return byte == 0; });
   } catch (const std::invalid_argument&) {
     return false;
   }
@@ -126,22 +126,22 @@ std::size_t Trailer::signedSize() const {
 Trailer parseTrailer(const TrailerBytes& bytes) {
   Trailer trailer;
   trailer.bytes = bytes;
-  if (!std::equal(std::begin(magic), std::end(magic), bytes.begin())) {
+  if (!std::equal(std::begin(kMagic), std::end(kMagic), bytes.begin())) {
     return trailer;
   }
   trailer.state = Trailer::State::UnknownFormat;
-  trailer.format = bytes[formatAt];
-  if (trailer.format < oldFormat || trailer.format > newestFormat) {
+  trailer.format = bytes[kFormatAt];
+  if (trailer.format < kOldFormat || trailer.format > kNewestFormat) {
     return trailer;
   }
   trailer.state = Trailer::State::UnknownAlgorithm;
-  trailer.algorithm = findAlgorithm(bytes[algorithmAt], trailer.format);
+  trailer.algorithm = findAlgorithm(bytes[kAlgorithmAt], trailer.format);
   if (trailer.algorithm == nullptr) {
     return trailer;
   }
-  std::copy_n(bytes.begin() + keyIdAt, trailer.keyId.size(), trailer.keyId.begin());
+  std::copy_n(bytes.begin() + kEyIdAt, trailer.keyId.size(), trailer.keyId.begin());
   trailer.state = Trailer::State::Malformed;
-  if (trailer.format != oldFormat) {
+  if (trailer.format != kOldFormat) {
     const auto statements = readStatements(bytes, trailer.signedSize());
     if (!statements) {
       return trailer;
@@ -160,26 +160,26 @@ std::vector<unsigned char> makeSignedPart(unsigned char format, const Algorithm&
                                           const KeyId& keyId, const Statements& statements) {
   require(hasFormat(algorithm, format), std::string("format ") + std::to_string(format) +
                                             " of the trailer has no room for " + algorithm.name);
-  std::vector<unsigned char> bytes(headerSize);
-  std::copy(std::begin(magic), std::end(magic), bytes.begin());
-  bytes[formatAt] = format;
-  bytes[algorithmAt] = algorithm.number;
-  std::copy(keyId.begin(), keyId.end(), bytes.begin() + keyIdAt);
-  bytes[sizeAt] = static_cast<unsigned char>(algorithm.signatureSize & 0xFFU);
-  bytes[sizeAt + 1] = static_cast<unsigned char>(algorithm.signatureSize >> 8U);
-  if (format != oldFormat) {
-    bytes[kindAt] = static_cast<unsigned char>(statements.kind);
+  std::vector<unsigned char> bytes(kHeaderSize);
+  std::copy(std::begin(kMagic), std::end(kMagic), bytes.begin());
+  bytes[kFormatAt] = format;
+  bytes[kAlgorithmAt] = algorithm.number;
+  std::copy(keyId.begin(), keyId.end(), bytes.begin() + kEyIdAt);
+  bytes[kSizeAt] = static_cast<unsigned char>(algorithm.signatureSize & 0xFFU);
+  bytes[kSizeAt + 1] = static_cast<unsigned char>(algorithm.signatureSize >> 8U);
+  if (format != kOldFormat) {
+    bytes[kIndAt] = static_cast<unsigned char>(statements.kind);
     appendStatements(bytes, statements, signedSizeOf(format, algorithm));
   }
   return bytes;
 }
 
 std::string toHex(const unsigned char* bytes, std::size_t size) {
-  constexpr char digits[] = "0123456789abcdef";
+  constexpr char kDigits[] = "0123456789abcdef";
   std::string text;
   for (std::size_t i = 0; i < size; ++i) {
-    text += digits[bytes[i] >> 4U];
-    text += digits[bytes[i] & 0x0FU];
+    text += kDigits[bytes[i] >> 4U];
+    text += kDigits[bytes[i] & 0x0FU];
   }
   return text;
 }

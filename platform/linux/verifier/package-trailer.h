@@ -10,17 +10,17 @@
 
 namespace fwpackage {
 
-inline constexpr std::size_t trailerSize = 534;
-inline constexpr std::size_t headerSize = 22;
-inline constexpr std::size_t signatureArea = 512;
-static_assert(headerSize + signatureArea == trailerSize);
+inline constexpr std::size_t kTrailerSize = 534;
+inline constexpr std::size_t kHeaderSize = 22;
+inline constexpr std::size_t kSignatureArea = 512;
+static_assert(kHeaderSize + kSignatureArea == kTrailerSize);
 
-using TrailerBytes = std::array<unsigned char, trailerSize>;
+using TrailerBytes = std::array<unsigned char, kTrailerSize>;
 using KeyId = std::array<unsigned char, 8>;
 
 // The first names nothing: a package of format 1 fits every component.
-inline constexpr unsigned char oldFormat = 1;
-inline constexpr unsigned char newestFormat = 2;
+inline constexpr unsigned char kOldFormat = 1;
+inline constexpr unsigned char kNewestFormat = 2;
 
 // How a package can be signed. The signature is made of the digest, so that a
 // package of any size is read once and in little memory.
@@ -37,10 +37,10 @@ struct Algorithm {
 };
 
 // A signature of 512 bytes leaves format 2 no room for what it states.
-inline constexpr Algorithm algorithms[] = {
-    {1, "rsa-4096", "SHA256", 512, "RSA", 4096, false, oldFormat, oldFormat},
-    {2, "ed25519", "SHA512", 64, "ED25519", 256, true, oldFormat, newestFormat},
-    {3, "rsa-3072", "SHA256", 384, "RSA", 3072, false, newestFormat, newestFormat},
+inline constexpr Algorithm kAlgorithms[] = {
+    {1, "rsa-4096", "SHA256", 512, "RSA", 4096, false, kOldFormat, kOldFormat},
+    {2, "ed25519", "SHA512", 64, "ED25519", 256, true, kOldFormat, kNewestFormat},
+    {3, "rsa-3072", "SHA256", 384, "RSA", 3072, false, kNewestFormat, kNewestFormat},
 };
 
 bool hasFormat(const Algorithm& algorithm, unsigned char format);

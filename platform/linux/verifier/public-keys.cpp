@@ -27,9 +27,9 @@ int noPassPhrase(char*, int, int, void*) {
 }
 
 bool isPemName(const std::string& name) {
-  constexpr char ending[] = ".pem";
-  constexpr std::size_t length = sizeof ending - 1;
-  return name.size() > length && name.compare(name.size() - length, length, ending) == 0;
+  constexpr char kEnding[] = ".pem";
+  constexpr std::size_t kLength = sizeof kEnding - 1;
+  return name.size() > kLength && name.compare(name.size() - kLength, kLength, kEnding) == 0;
 }
 
 }  // namespace
@@ -72,7 +72,7 @@ KeyId keyIdOf(EVP_PKEY* key) {
 }
 
 const Algorithm* algorithmOf(EVP_PKEY* key) {
-  for (const Algorithm& algorithm : algorithms) {
+  for (const Algorithm& algorithm : kAlgorithms) {
     if (EVP_PKEY_is_a(key, algorithm.keyType) == 1 && EVP_PKEY_get_bits(key) == algorithm.keyBits) {
       return &algorithm;
     }

@@ -8,13 +8,13 @@
 namespace imagecrc {
 namespace {
 
-constexpr std::size_t VectorSize = 4 * LaneSize;
-constexpr unsigned int VectorBits = 4 * LaneBits;
+constexpr std::size_t kVectorSize = 4 * kLaneSize;
+constexpr unsigned int kVectorBits = 4 * kLaneBits;
 
 template <unsigned int Bits>
 WIDE_TARGET inline __m512i moveLanesBy() {
-  constexpr Move move = moveOf(Bits);
-  return _mm512_set4_epi64(move.high, move.low, move.high, move.low);
+  constexpr Move kMove = moveOf(Bits);
+  return _mm512_set4_epi64(kMove.high, kMove.low, kMove.high, kMove.low);
 }
 
 WIDE_TARGET inline __m512i loadLanes(const unsigned char* bytes) {
@@ -23,16 +23,16 @@ WIDE_TARGET inline __m512i loadLanes(const unsigned char* bytes) {
 }
 
 WIDE_TARGET inline __m512i foldLanes(__m512i lanes, __m512i move, __m512i met) {
-  constexpr int XorOfThree = 0x96;  // as a truth table
+  constexpr int kXorOfThree = 0x96;  // as a truth table
   const __m512i high = _mm512_clmulepi64_epi128(lanes, move, 0x11);
   const __m512i low = _mm512_clmulepi64_epi128(lanes, move, 0x00);
-  return _mm512_ternarylogic_epi64(high, low, met, XorOfThree);
+  return _mm512_ternarylogic_epi64(high, low, met, kXorOfThree);
 }
 
 WIDE_TARGET inline __m128i foldIntoOneLane(__m512i lanes) {
-  alignas(VectorSize) __m128i lane[4];
+  alignas(kVectorSize) __m128i lane[4];
   _mm512_store_si512(lane, lanes);
-  const __m128i next = moveBy<LaneBits>();
+  const __m128i next = moveBy<kLaneBits>();
   return fold(fold(fold(lane[0], next, lane[1]), next, lane[2]), next, lane[3]);
 }
 
@@ -45,24 +45,24 @@ bool hasWideFolding() {
 
 WIDE_TARGET
 std::uint32_t extendByWideFolding(std::uint32_t crc, const unsigned char* bytes, std::size_t size) {
-  constexpr std::size_t Step = 4 * VectorSize;
-  if (size < Step) {
+  constexpr std::size_t kStep = 4 * kVectorSize;
+  if (size < kStep) {
     return extendByFolding(crc, bytes, size);
   }
   __m512i lanes0 = _mm512_xor_si512(loadLanes(bytes), _mm512_zextsi128_si512(laneOfCrc(crc)));
-  __m512i lanes1 = loadLanes(bytes + VectorSize);
-  __m512i lanes2 = loadLanes(bytes + 2 * VectorSize);
-  __m512i lanes3 = loadLanes(bytes + 3 * VectorSize);
+  __m512i lanes1 = loadLanes(bytes + kVectorSize);
+  __m512i lanes2 = loadLanes(bytes + 2 * kVectorSize);
+  __m512i lanes3 = loadLanes(bytes + 3 * kVectorSize);
 
-  const __m512i step = moveLanesBy<4 * VectorBits>();
-  for (bytes += Step, size -= Step; size >= Step; bytes += Step, size -= Step) {
+  const __m512i step = moveLanesBy<4 * kVectorBits>();
+  for (bytes += kStep, size -= kStep; size >= kStep; bytes += kStep, size -= kStep) {
     lanes0 = foldLanes(lanes0, step, loadLanes(bytes));
-    lanes1 = foldLanes(lanes1, step, loadLanes(bytes + VectorSize));
-    lanes2 = foldLanes(lanes2, step, loadLanes(bytes + 2 * VectorSize));
-    lanes3 = foldLanes(lanes3, step, loadLanes(bytes + 3 * VectorSize));
+    lanes1 = foldLanes(lanes1, step, loadLanes(bytes + kVectorSize));
+    lanes2 = foldLanes(lanes2, step, loadLanes(bytes + 2 * kVectorSize));
+    lanes3 = foldLanes(lanes3, step, loadLanes(bytes + 3 * kVectorSize));
   }
 
-  const __m512i next = moveLanesBy<VectorBits>();
+  const __m512i next = moveLanesBy<kVectorBits>();
   const __m512i lanes = foldLanes(foldLanes(foldLanes(lanes0, next, lanes1), next, lanes2), next, lanes3);
   return finishLane(foldIntoOneLane(lanes), bytes, size);
 }

@@ -20,8 +20,8 @@
 
 namespace imagecrc {
 
-constexpr std::size_t LaneSize = 16;
-constexpr unsigned int LaneBits = 128;
+constexpr std::size_t kLaneSize = 16;
+constexpr unsigned int kLaneBits = 128;
 
 // The powers of x that move a lane by so many bits.
 struct Move {
@@ -35,8 +35,8 @@ constexpr Move moveOf(unsigned int bits) {
 
 template <unsigned int Bits>
 IMAGE_CRC_LANE_TARGET inline __m128i moveBy() {
-  constexpr Move move = moveOf(Bits);
-  return _mm_set_epi64x(move.high, move.low);
+  constexpr Move kMove = moveOf(Bits);
+  return _mm_set_epi64x(kMove.high, kMove.low);
 }
 
 // Between the order of bytes in memory and in a lane.
@@ -64,12 +64,12 @@ IMAGE_CRC_LANE_TARGET inline __m128i fold(__m128i lane, __m128i move, __m128i me
 // to the lane.
 IMAGE_CRC_LANE_TARGET inline std::uint32_t finishLane(__m128i lane, const unsigned char* bytes,
                                                       std::size_t size) {
-  for (; size >= LaneSize; bytes += LaneSize, size -= LaneSize) {
-    lane = fold(lane, moveBy<LaneBits>(), loadLane(bytes));
+  for (; size >= kLaneSize; bytes += kLaneSize, size -= kLaneSize) {
+    lane = fold(lane, moveBy<kLaneBits>(), loadLane(bytes));
   }
-  unsigned char congruent[LaneSize];
+  unsigned char congruent[kLaneSize];
   _mm_storeu_si128(reinterpret_cast<__m128i*>(congruent), reverseBytes(lane));
-  return extendBySlicing(extendBySlicing(0, congruent, LaneSize), bytes, size);
+  return extendBySlicing(extendBySlicing(0, congruent, kLaneSize), bytes, size);
 }
 
 }  // namespace imagecrc

@@ -8,13 +8,13 @@
 namespace imagecrc {
 
 // This polynomial, not the common 0x04C11DB7, is deliberate. x^32 is implied.
-constexpr std::uint32_t Polynomial = 0x01B23CA3;
+constexpr std::uint32_t kPolynomial = 0x01B23CA3;
 
 // value * x^exponent modulo the polynomial.
 constexpr std::uint32_t timesPowerOfX(std::uint32_t value, unsigned int exponent) {
   for (; exponent > 0; --exponent) {
     const bool overflows = (value & 0x80000000U) != 0;
-    value = (value << 1U) ^ (overflows ? Polynomial : 0U);
+    value = (value << 1U) ^ (overflows ? kPolynomial : 0U);
   }
   return value;
 }

@@ -32,7 +32,7 @@ constexpr bool everywhere() {
 }
 
 // Fastest first.
-inline constexpr Way Ways[] = {
+inline constexpr Way kWays[] = {
 #if defined(__x86_64__) || defined(__i386__)
     {"fold-512", hasWideFolding, extendByWideFolding},
     {"fold", hasFolding, extendByFolding},

@@ -8,22 +8,22 @@
 namespace {
 
 using fwdownload::Configuration;
-using fwdownload::ParseConfiguration;
+using fwdownload::parseConfiguration;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 
 std::string refusal(const std::string& text) {
   try {
-    ParseConfiguration(text);
+    parseConfiguration(text);
   } catch (const fwdownload::Failure& failure) {
-    EXPECT_EQ(failure.reason(), fwdownload::Reason::kConfiguration);
+    EXPECT_EQ(failure.reason(), fwdownload::Reason::Configuration);
     return failure.what();
   }
   return "taken";
 }
 
 TEST(DownloadConfiguration, NeedsAUrlAlone) {
-  const Configuration configuration = ParseConfiguration("url = https://updates.example/tv\n");
+  const Configuration configuration = parseConfiguration("url = https://updates.example/tv\n");
 
   EXPECT_EQ(configuration.url, "https://updates.example/tv/");
   EXPECT_EQ(configuration.maximumSize, 512LL * 1024 * 1024);
@@ -35,7 +35,7 @@ TEST(DownloadConfiguration, NeedsAUrlAlone) {
 }
 
 TEST(DownloadConfiguration, TakesEveryKey) {
-  const Configuration configuration = ParseConfiguration(
+  const Configuration configuration = parseConfiguration(
       "# a comment\n\n  url=http://h/\r\nca_file = /a b\nredirect_hosts = a.example  b.example\n"
       "max_size_mib = 4096\nmax_redirects = 0\nconnect_timeout_s = 7\nstall_timeout_s = 8\n"
       "min_speed_kib_s = 9\nmax_retries = 10");
@@ -53,10 +53,10 @@ TEST(DownloadConfiguration, TakesEveryKey) {
 
 TEST(DownloadConfiguration, AllowsNothingUnlessItSaysSo) {
   const std::string url = "url = https://h\n";
-  const Configuration silent = ParseConfiguration(url);
-  const Configuration no = ParseConfiguration(url + "allow_unsigned = false\nallow_insecure = false\n");
-  const Configuration first = ParseConfiguration(url + "allow_unsigned = true\n");
-  const Configuration second = ParseConfiguration(url + "allow_insecure = true\n");
+  const Configuration silent = parseConfiguration(url);
+  const Configuration no = parseConfiguration(url + "allow_unsigned = false\nallow_insecure = false\n");
+  const Configuration first = parseConfiguration(url + "allow_unsigned = true\n");
+  const Configuration second = parseConfiguration(url + "allow_insecure = true\n");
 
   EXPECT_FALSE(silent.allowUnsigned || silent.allowInsecure || no.allowUnsigned || no.allowInsecure);
   EXPECT_TRUE(first.allowUnsigned && !first.allowInsecure);
@@ -64,7 +64,7 @@ TEST(DownloadConfiguration, AllowsNothingUnlessItSaysSo) {
 }
 
 TEST(DownloadConfiguration, TakesUserAndPasswordOutOfTheUrl) {
-  const Configuration configuration = ParseConfiguration("url = https://us%40er:pass@h:1/x\n");
+  const Configuration configuration = parseConfiguration("url = https://us%40er:pass@h:1/x\n");
 
   EXPECT_EQ(configuration.url, "https://h:1/x/");
   EXPECT_EQ(configuration.user, "us@er");

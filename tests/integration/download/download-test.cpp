@@ -83,11 +83,11 @@ void DownloadTest::waitUntil(const std::function<bool()>& happened) {
 
 void DownloadTest::expectFailure(const ProgramResult& result, const std::string& reason,
                                  const std::string& sentence) {
-  const auto status = fwplatform::ReadDownloadStatus(kWifi);
+  const auto status = fwplatform::readDownloadStatus(kWifi);
   EXPECT_EQ(result.exitCode, 1);
   EXPECT_THAT(result.error, ::testing::HasSubstr(sentence));
   ASSERT_TRUE(status);
-  EXPECT_EQ(status->state, fwplatform::DownloadState::kFailed);
+  EXPECT_EQ(status->state, fwplatform::DownloadState::Failed);
   EXPECT_EQ(status->reason, reason);
   EXPECT_THAT(status->message, ::testing::HasSubstr(sentence));
 }

@@ -27,7 +27,7 @@ TEST_F(Download, RequestIsAcceptedAndTheImageComes) {
   waitForEnd();
   EXPECT_TRUE(readFile(kImage) == image);
   EXPECT_THAT(files(), ElementsAre(kWifi + ".img"));
-  EXPECT_EQ(fwplatform::ReadDownloadStatus(kWifi)->Percent(), 100U);
+  EXPECT_EQ(fwplatform::readDownloadStatus(kWifi)->percent(), 100U);
 }
 
 TEST_F(Download, OutlivesItsCaller) {
@@ -60,7 +60,7 @@ TEST_F(Download, KeepsNothingOfItsCallerOpen) {
   const ssize_t atEnd = read(ends[0], &byte, 1);
 
   EXPECT_EQ(atEnd, 0);
-  EXPECT_TRUE(fwplatform::IsDownloadRunning(kWifi));
+  EXPECT_TRUE(fwplatform::isDownloadRunning(kWifi));
   close(ends[0]);
   waitForEnd();
 }
@@ -152,7 +152,7 @@ TEST_F(Download, HasNoStatusWhenItsFileIsUnreadable) {
   for (const std::string& text : {std::string("{\"state\": "), std::string(2000, '[')}) {
     writeFile("/run/fw-download/" + kWifi + ".json", text);
 
-    EXPECT_FALSE(fwplatform::ReadDownloadStatus(kWifi).has_value()) << text.substr(0, 9);
+    EXPECT_FALSE(fwplatform::readDownloadStatus(kWifi).has_value()) << text.substr(0, 9);
   }
 }
 

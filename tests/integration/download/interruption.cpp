@@ -49,7 +49,7 @@ TEST_F(Interruption, TenKillsAtRandomPointsLeaveTheImageByteForByte) {
     const ProgramResult killed = program.wait();
     EXPECT_EQ(killed.signal, SIGKILL) << killed.error;
     EXPECT_FALSE(exists(kImage));
-    EXPECT_FALSE(fwplatform::IsDownloadRunning(kWifi));
+    EXPECT_FALSE(fwplatform::isDownloadRunning(kWifi));
     ranges.push_back("bytes=" + std::to_string(sizeOf(kPart)) + "-");
   }
   const ProgramResult last = download();
@@ -141,32 +141,32 @@ TEST_F(Interruption, AfterARestartOnlyWhatWasOnTheDiskIsUsed) {
 
 // All of it but the end is zeros, which take no room.
 TEST_F(Interruption, APartOfMoreThanFourGibibytesIsContinued) {
-  constexpr std::int64_t there = std::int64_t{1} << 32U;
-  constexpr timespec served[2] = {{1577836800, 0}, {1577836800, 0}};
+  constexpr std::int64_t kThere = std::int64_t{1} << 32U;
+  constexpr timespec kServed[2] = {{1577836800, 0}, {1577836800, 0}};
   const std::string directory = serveFile(kWifi + ".img", "");
   const std::string file = directory + "/" + kWifi + ".img";
-  fs::resize_file(file, there);
+  fs::resize_file(file, kThere);
   std::ofstream(file, std::ios::app) << "the end";
-  ASSERT_EQ(utimensat(AT_FDCWD, file.c_str(), served, 0), 0);
+  ASSERT_EQ(utimensat(AT_FDCWD, file.c_str(), kServed, 0), 0);
   const WebServer server({directory, 0, ""});
   configure(server.url(), "max_size_mib = 5000");
   Json::Value info;
   info["url"] = server.url() + kWifi + ".img";
   info["validator"] = "Wed, 01 Jan 2020 00:00:00 GMT";
-  info["total"] = Json::Int64(there + 7);
-  info["synced"] = Json::Int64(there);
+  info["total"] = Json::Int64(kThere + 7);
+  info["synced"] = Json::Int64(kThere);
   info["boot"] = "an earlier one";
   writeFile(kInfo, Json::writeString(Json::StreamWriterBuilder(), info));
   writeFile(kPart, "");
-  fs::resize_file(kPart, there);
+  fs::resize_file(kPart, kThere);
 
   const ProgramResult result = download();
 
   EXPECT_EQ(result.exitCode, 0) << result.error;
   EXPECT_TRUE(server.waitForLog("206 bytes=4294967296-"));
-  EXPECT_EQ(sizeOf(kImage), there + 7);
+  EXPECT_EQ(sizeOf(kImage), kThere + 7);
   std::ifstream image(kImage);
-  image.seekg(there);
+  image.seekg(kThere);
   std::string end;
   std::getline(image, end);
   EXPECT_EQ(end, "the end");

@@ -253,7 +253,7 @@ TEST_F(OddAnswers, ChunksAreAsGoodAsALength) {
   EXPECT_EQ(download().exitCode, 0);
 
   EXPECT_TRUE(readFile(kImage) == image);
-  EXPECT_EQ(fwplatform::ReadDownloadStatus(kWifi)->total, 200000);
+  EXPECT_EQ(fwplatform::readDownloadStatus(kWifi)->total, 200000);
 }
 
 TEST_F(OddAnswers, ChunksThatStopAreNoImage) {

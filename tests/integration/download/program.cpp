@@ -79,7 +79,7 @@ TEST_F(DownloadProgram, AnswersBeforeTheDownloadEnds) {
 
   EXPECT_EQ(answer(kWifi).output, "accepted\n");
 
-  EXPECT_TRUE(fwplatform::IsDownloadRunning(kWifi));
+  EXPECT_TRUE(fwplatform::isDownloadRunning(kWifi));
   waitForEnd();
 }
 

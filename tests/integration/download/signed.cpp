@@ -76,7 +76,7 @@ TEST_F(SignedDownload, IsNeededUnlessTheConfigurationSaysOtherwise) {
 
   expectRefusal("unsigned", "The package is refused: the file does not end with a signature trailer.");
 
-  EXPECT_EQ(fwplatform::ReadDownloadStatus(kWifi)->remedy,
+  EXPECT_EQ(fwplatform::readDownloadStatus(kWifi)->remedy,
             "Have the package signed, or set allow_unsigned = true in /etc/fw-update/download.conf.");
 }
 
@@ -134,7 +134,7 @@ TEST_F(SignedDownload, IsNotOfTheOldFormatEvenWhereThatIsAllowed) {
 
 TEST_F(SignedDownload, IsForTheModelThatItStates) {
   writeFile("/tmp/os-release", kSet);
-  const auto set = TemporaryMount::Bind("/tmp/os-release", "/etc/os-release");
+  const auto set = TemporaryMount::bind("/tmp/os-release", "/etc/os-release");
   auto stated = statements();
   stated.model = "tv-7";
   serve(signedImage(content, stated));
@@ -234,7 +234,7 @@ TEST_F(SignedDownload, OverHttpNeedsPermission) {
 
   EXPECT_THAT(server.requests(), IsEmpty());
   EXPECT_THAT(files(), IsEmpty());
-  EXPECT_THAT(fwplatform::ReadDownloadStatus(kWifi)->remedy, HasSubstr("allow_insecure = true"));
+  EXPECT_THAT(fwplatform::readDownloadStatus(kWifi)->remedy, HasSubstr("allow_insecure = true"));
 }
 
 TEST_F(SignedDownload, OverHttpIsToldInTheLogEachTime) {

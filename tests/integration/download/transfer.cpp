@@ -11,7 +11,7 @@ namespace {
 
 using fwdownload::Configuration;
 using fwdownload::Failure;
-using fwdownload::Perform;
+using fwdownload::perform;
 using fwdownload::Reason;
 using fwdownload::Request;
 using ::testing::HasSubstr;
@@ -19,8 +19,8 @@ using ::testing::IsEmpty;
 
 class IntoNothing : public fwdownload::Receiver {
  public:
-  void Begin(const fwdownload::Response&) override {}
-  void Take(const char*, std::size_t) override {}
+  void begin(const fwdownload::Response&) override {}
+  void take(const char*, std::size_t) override {}
 };
 
 class Transfer : public DownloadTest {
@@ -32,7 +32,7 @@ class Transfer : public DownloadTest {
     Configuration configuration;
     configuration.connectTimeoutSeconds = 5;
     try {
-      Perform(request, configuration, nothing);
+      perform(request, configuration, nothing);
     } catch (const Failure& failure) {
       EXPECT_EQ(failure.reason(), reason);
       return failure.what();
@@ -46,7 +46,7 @@ TEST_F(Transfer, SpeaksNoProtocolButThree) {
   for (const std::string scheme : {"gopher", "dict", "telnet", "ftp"}) {
     const std::string url = scheme + server.url().substr(4) + "x";
 
-    EXPECT_THAT(refusal({url, 0, ""}, Reason::kProtocol),
+    EXPECT_THAT(refusal({url, 0, ""}, Reason::Protocol),
                 HasSubstr("Protocol \"" + scheme + "\" not supported or disabled"));
   }
   EXPECT_THAT(server.requests(), IsEmpty());
@@ -55,7 +55,7 @@ TEST_F(Transfer, SpeaksNoProtocolButThree) {
 TEST_F(Transfer, SendsNoHeaderWithALineBreak) {
   OddServer server({{"anything"}});
 
-  EXPECT_EQ(refusal({server.url(), 5, "\"a\"\r\nX-More: 1"}, Reason::kInternal),
+  EXPECT_EQ(refusal({server.url(), 5, "\"a\"\r\nX-More: 1"}, Reason::Internal),
             "A header to be sent has a control character in it.");
 
   EXPECT_THAT(server.requests(), IsEmpty());

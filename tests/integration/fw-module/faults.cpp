@@ -116,11 +116,13 @@ std::string testName(const testing::TestParamInfo<Fault>& info) {
                                 ? std::string(info.param.module) + "-as-" + info.param.copiedTo
                                 : info.param.module;
   std::string name;
-  for (const char c : words)
-    if (std::isalnum(static_cast<unsigned char>(c)) != 0)
+  for (const char c : words) {
+    if (std::isalnum(static_cast<unsigned char>(c)) != 0) {
       name += c;
-    else
+    } else {
       name += '_';
+    }
+  }
   return name;
 }
 
@@ -143,11 +145,13 @@ TEST_P(EveryFault, IsFoundAndNothingElse) {
 TEST(Faults, CoverEveryCheck) {
   // A file that is no library is a test of its own.
   std::set<std::string> missing;
-  for (const fwmodule::CheckInfo& check : fwmodule::kChecks)
+  for (const fwmodule::CheckInfo& check : fwmodule::kChecks) {
     missing.insert(check.id);
+  }
 
-  for (const Fault& fault : kFaults)
+  for (const Fault& fault : kFaults) {
     missing.erase(fault.check);
+  }
 
   EXPECT_THAT(missing, ElementsAre("library"));
 }

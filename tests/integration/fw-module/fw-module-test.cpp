@@ -26,22 +26,28 @@ Json::Value FwModuleTest::document(std::vector<std::string> arguments) {
 }
 
 std::string FwModuleTest::copyOf(const std::string& module, const std::string& name) {
-  for (const std::string directory : {FAULTY_MODULES_DIRECTORY, FW_MODULES_DIRECTORY, FW_EXAMPLES_DIRECTORY})
-    if (fs::exists(directory + "/" + module))
+  for (const std::string directory :
+       {FAULTY_MODULES_DIRECTORY, FW_MODULES_DIRECTORY, FW_EXAMPLES_DIRECTORY}) {
+    if (fs::exists(directory + "/" + module)) {
       fs::copy_file(directory + "/" + module, kWork + name);
+    }
+  }
   return kWork + name;
 }
 
 std::set<std::string> findingsOf(const Json::Value& document) {
   std::set<std::string> checks;
-  for (const Json::Value& finding : document["findings"])
+  for (const Json::Value& finding : document["findings"]) {
     checks.insert(finding["check"].asString());
+  }
   return checks;
 }
 
 std::string resultOf(const Json::Value& document, const std::string& check) {
-  for (const Json::Value& one : document["checks"])
-    if (one["id"] == check)
+  for (const Json::Value& one : document["checks"]) {
+    if (one["id"] == check) {
       return one["result"].asString();
+    }
+  }
   return "no such check";
 }

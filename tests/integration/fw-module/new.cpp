@@ -15,8 +15,9 @@ class NewProject : public FwModuleTest {
  protected:
   static std::set<std::string> filesIn(const std::string& directory) {
     std::set<std::string> names;
-    for (const auto& entry : fs::directory_iterator(kWork + directory))
+    for (const auto& entry : fs::directory_iterator(kWork + directory)) {
       names.insert(entry.path().filename());
+    }
     return names;
   }
   static std::string read(const std::string& name) { return readFile(kWork + name); }
@@ -35,8 +36,9 @@ TEST_F(NewProject, IsWrittenInEitherLanguage) {
 TEST_F(NewProject, HasEveryNameFilledIn) {
   for (const char* const name : {"libdoor", "libEXT-door"}) {
     ASSERT_EQ(run({"new", name}).exitCode, 0);
-    for (const std::string& file : filesIn(name))
+    for (const std::string& file : filesIn(name)) {
       EXPECT_THAT(read(std::string(name) + "/" + file), Not(::testing::ContainsRegex("@[A-Z_]+@"))) << file;
+    }
   }
   EXPECT_THAT(read("libdoor/module.cpp"), HasSubstr("\"doorempfw\""));
   EXPECT_THAT(read("libdoor/component.cpp"), HasSubstr("/doorfw.firmware\""));

@@ -61,16 +61,18 @@ TEST_F(CheckOutput, SaysWhatWasNotCheckedAndWhy) {
   const Json::Value report = document({"check", copyOf("failing-update.so", "x.so")});
 
   EXPECT_EQ(resultOf(report, "image-corrupt"), "not-checked");
-  for (const Json::Value& check : report["checks"])
+  for (const Json::Value& check : report["checks"]) {
     EXPECT_EQ(check["result"] == "not-checked", check.isMember("reason")) << check;
+  }
 }
 
 TEST_F(CheckOutput, HasAJUnitCaseForEveryCheck) {
   const std::string report = junitOf("crash-in-update.so");
 
   EXPECT_THAT(report, HasSubstr("name=\"fw-module check crash-in-update\" tests=\"46\" failures=\"1\""));
-  for (const fwmodule::CheckInfo& check : fwmodule::kChecks)
+  for (const fwmodule::CheckInfo& check : fwmodule::kChecks) {
     EXPECT_THAT(report, HasSubstr("name=\"" + std::string(check.id) + "\">"));
+  }
   EXPECT_THAT(report, HasSubstr("<failure type=\"error\" message=\"doUpdate crashed (Segmentation fault) "
                                 "with a good image.\">Run it in a debugger"));
   EXPECT_THAT(report, HasSubstr("<skipped message=\"doUpdate crashed"));
@@ -206,8 +208,9 @@ TEST_F(FwModuleTest, ShowsHelpThatFitsAScreenAndGivesAnExample) {
     EXPECT_LE(std::count(result.output.begin(), result.output.end(), '\n'), kLines) << command;
     EXPECT_THAT(result.output, HasSubstr("Example: fw-module " + command));
     std::istringstream lines(result.output);
-    for (std::string line; std::getline(lines, line);)
+    for (std::string line; std::getline(lines, line);) {
       EXPECT_LE(line.size(), kColumns) << line;
+    }
   }
 }
 

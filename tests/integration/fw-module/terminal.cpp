@@ -33,12 +33,13 @@ class CheckOnATerminal : public FwModuleTest {
   static std::vector<std::string> plainLines(const std::string& transcript) {
     std::vector<std::string> lines(1);
     for (std::size_t i = 0; i < transcript.size(); ++i) {
-      if (transcript[i] == '\x1b')
+      if (transcript[i] == '\x1b') {
         i = transcript.find_first_of("mK", i);
-      else if (transcript[i] == '\r' || transcript[i] == '\n')
+      } else if (transcript[i] == '\r' || transcript[i] == '\n') {
         lines.emplace_back();
-      else
+      } else {
         lines.back() += transcript[i];
+      }
     }
     return lines;
   }
@@ -66,9 +67,11 @@ TEST_F(CheckOnATerminal, UsesNoColoursWhenToldSo) {
 }
 
 TEST_F(CheckOnATerminal, KeepsWithinItsWidth) {
-  for (const unsigned short columns : {kNarrow, kColumns})
-    for (const std::string& line : plainLines(shown(columns)))
+  for (const unsigned short columns : {kNarrow, kColumns}) {
+    for (const std::string& line : plainLines(shown(columns))) {
       EXPECT_LE(line.size(), columns) << line;
+    }
+  }
 }
 
 class InterruptedCheck : public FwModuleTest, public ::testing::WithParamInterface<int> {
@@ -87,8 +90,9 @@ class InterruptedCheck : public FwModuleTest, public ::testing::WithParamInterfa
 
   // Until the module's own process runs and hangs.
   static void waitForTheHang() {
-    while (!exists(std::string(kWork) + "helper"))
+    while (!exists(std::string(kWork) + "helper")) {
       sched_yield();
+    }
   }
 
   static void expectNothingLeft() {

@@ -112,7 +112,7 @@ TEST_F(ExtensionPackage, CarriesASignatureBehindItsImage) {
   ASSERT_EQ(made.exitCode, 0) << made.error;
   EXPECT_THAT(made.output, ::testing::MatchesRegex("tunerempfw.img, signed with ed25519 key [0-9a-f]{16}\n"));
   const std::string package = read("tunerempfw.img");
-  ASSERT_EQ(package.size(), squashfs.size() + fwpackage::trailerSize);
+  ASSERT_EQ(package.size(), squashfs.size() + fwpackage::kTrailerSize);
   EXPECT_TRUE(package.compare(0, squashfs.size(), squashfs) == 0);
   const Json::Value signature = document({"verify", "tunerempfw.img", "--public-key", "maker.pem", "--json"});
   EXPECT_TRUE(signature["valid"].asBool());

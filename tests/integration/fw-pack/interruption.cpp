@@ -33,12 +33,14 @@ class LongCommand : public PackTest, public ::testing::WithParamInterface<int> {
 
   // Until there is something in an output that has not its name yet.
   static void waitForOutput(const std::string& name) {
-    for (;; sched_yield())
+    for (;; sched_yield()) {
       for (const std::string& file : filesInWork()) {
         std::error_code gone;
-        if (file.find(name + ".") == 0 && fs::file_size(kWork + file, gone) > 0 && !gone)
+        if (file.find(name + ".") == 0 && fs::file_size(kWork + file, gone) > 0 && !gone) {
           return;
+        }
       }
+    }
   }
 
   static void expectNothingLeft(const std::vector<std::string>& filesBefore) {

@@ -21,8 +21,9 @@ void leave() {
 }
 
 void hang() {
-  while (true)
+  while (true) {
     pause();
+  }
 }
 
 // Another thread may be the one that stops first.
@@ -34,15 +35,17 @@ void stop() {
 constexpr struct {
   const char* name;
   void (*happen)();
-} faults[] = {{"segv", segv}, {"abort", std::abort}, {"exit", leave}, {"hang", hang}, {"stop", stop}};
+} kFaults[] = {{"segv", segv}, {"abort", std::abort}, {"exit", leave}, {"hang", hang}, {"stop", stop}};
 
 // The fault, if it is to happen here.
 void at(const char* place) {
   const char* const setting = std::getenv("FAULTY_MODULE");
   const std::string wanted = setting != nullptr ? setting : "";
-  for (const auto& fault : faults)
-    if (wanted == place + std::string(" ") + fault.name)
+  for (const auto& fault : kFaults) {
+    if (wanted == place + std::string(" ") + fault.name) {
       fault.happen();
+    }
+  }
 }
 
 bool updated = false;
@@ -50,8 +53,9 @@ bool updated = false;
 // An update that is over before anybody asks how far it is would never crash at that.
 void goOnUntilTheProgressCrashes() {
   const char* const setting = std::getenv("FAULTY_MODULE");
-  if (setting != nullptr && setting == std::string("getUpdateProgress segv"))
+  if (setting != nullptr && setting == std::string("getUpdateProgress segv")) {
     hang();
+  }
 }
 
 struct Lifetime {

@@ -72,28 +72,34 @@ int checkVersion(const char* version, int* need) {
   static int asked = 0;
   ++asked;
   const std::string behaviour = readWord(kState + firmwareName());
-  if (behaviour == "needed-once" && asked > 1)
+  if (behaviour == "needed-once" && asked > 1) {
     return -EIO;
+  }
   char active[128];
   getActiveVersion(active);
   std::snprintf(wantedVersion, sizeof(wantedVersion), "%s", version);
   *need = std::strcmp(wantedVersion, active) != 0 ? 1 : 0;
-  if (behaviour == "needed-later" && asked == 1)
+  if (behaviour == "needed-later" && asked == 1) {
     *need = 0;
+  }
   return 0;
 }
 
 int doUpdate(const char*, unsigned long) {
   note("update " + context);
   const std::string behaviour = readWord(kState + firmwareName());
-  if (behaviour == "throw")
+  if (behaviour == "throw") {
     throw std::runtime_error("flash controller lost");
-  if (behaviour == "crash")
+  }
+  if (behaviour == "crash") {
     std::raise(SIGSEGV);
-  while (behaviour == "hang")
+  }
+  while (behaviour == "hang") {
     pause();
-  if (behaviour == "late")
+  }
+  if (behaviour == "late") {
     std::this_thread::sleep_for(std::chrono::seconds(3));
+  }
   if (behaviour == "fail" || behaviour == "late") {
     errno = EIO;
     return -EIO;

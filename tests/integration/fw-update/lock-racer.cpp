@@ -58,8 +58,9 @@ void end(const char* process) {
   for (char state = '?'; state != 'Z';) {
     char line[256] = "";
     std::FILE* const file = std::fopen(path.c_str(), "r");
-    if (file == nullptr || std::fgets(line, sizeof line, file) == nullptr)
+    if (file == nullptr || std::fgets(line, sizeof line, file) == nullptr) {
       return;
+    }
     std::fclose(file);
     state = std::strrchr(line, ')')[2];
   }
@@ -72,8 +73,9 @@ bool endsNow(const char* path) {
 }
 
 int openFile(const char* path, int flags, mode_t mode) {
-  if (!endsNow(path))
+  if (!endsNow(path)) {
     return real<int(const char*, int, ...)>("open64")(path, flags, mode);
+  }
   end(std::getenv("LOCK_RACE_PROCESS"));
   errno = EACCES;
   return -1;
@@ -85,8 +87,9 @@ int setLease(int file, std::uintptr_t argument) {
     return -1;
   }
   static int asked = 0;  // the first time is a trial
-  if (argument == F_WRLCK && ++asked == 2 && races("post-before-lease"))
+  if (argument == F_WRLCK && ++asked == 2 && races("post-before-lease")) {
     post();
+  }
   return real<int(int, int, ...)>("fcntl")(file, F_SETLEASE, argument);
 }
 
@@ -145,22 +148,25 @@ EXPORTED int open64(const char* path, int flags, ...) {
 }
 
 EXPORTED int inotify_add_watch(int events, const char* path, std::uint32_t mask) noexcept {
-  if (races("post-before-watch"))
+  if (races("post-before-watch")) {
     post();
+  }
   return real<int(int, const char*, std::uint32_t)>("inotify_add_watch")(events, path, mask);
 }
 
 EXPORTED int access(const char* path, int mode) noexcept {
-  if (std::strcmp(path, "/proc/1/stat") == 0 && races("open-while-looking"))
+  if (std::strcmp(path, "/proc/1/stat") == 0 && races("open-while-looking")) {
     close(open(kLock, O_RDWR | O_CLOEXEC));
+  }
   return real<int(const char*, int)>("access")(path, mode);
 }
 
 EXPORTED int clock_gettime(clockid_t clock, timespec* time) noexcept {
   const int result = real<int(clockid_t, timespec*)>("clock_gettime")(clock, time);
   static long calls = 0;
-  if (races("hurry") && clock == CLOCK_MONOTONIC)
+  if (races("hurry") && clock == CLOCK_MONOTONIC) {
     time->tv_sec += 5 * ++calls;
+  }
   return result;
 }
 // NOLINTEND(readability-inconsistent-declaration-parameter-name)

@@ -46,8 +46,9 @@ sem_t* openLock() {
 // Waits for the lock as the library does, and never gives it back.
 int takeForEver() {
   sem_wait(openLock());
-  while (true)
+  while (true) {
     pause();
+  }
 }
 
 // This process, and programs that it becomes, may not look at others with more rights.
@@ -57,26 +58,30 @@ void giveUpTracing() {
   syscall(SYS_capget, &header, rights);
   for (const unsigned int right : {0U + CAP_SYS_PTRACE, 0U + CAP_SYS_ADMIN, 0U + CAP_PERFMON}) {
     __user_cap_data_struct& word = rights[right / 32];
-    for (__u32* set : {&word.effective, &word.permitted, &word.inheritable})
+    for (__u32* set : {&word.effective, &word.permitted, &word.inheritable}) {
       *set &= ~(1U << right % 32);
+    }
     prctl(PR_CAPBSET_DROP, right);
   }
-  if (syscall(SYS_capset, &header, rights) != 0)
+  if (syscall(SYS_capset, &header, rights) != 0) {
     throw std::system_error(errno, std::generic_category(), "capset");
+  }
 }
 
 // A /proc with this process alone, as it is shown to users who may not see others.
 void seeOnlyOneself() {
   const std::string self = std::to_string(getpid());
   if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-      mount("none", "/opt/media", "tmpfs", 0, nullptr) != 0)
+      mount("none", "/opt/media", "tmpfs", 0, nullptr) != 0) {
     throw std::system_error(errno, std::generic_category(), "mount namespace");
+  }
   DeviceTest::writeFile("/opt/media/1/stat", "");
   std::filesystem::create_directory("/opt/media/" + self);
   std::filesystem::create_directory_symlink(self, "/opt/media/self");
   if (mount(("/proc/" + self).c_str(), ("/opt/media/" + self).c_str(), nullptr, MS_BIND, nullptr) != 0 ||
-      mount("/opt/media", "/proc", nullptr, MS_BIND | MS_REC, nullptr) != 0)
+      mount("/opt/media", "/proc", nullptr, MS_BIND | MS_REC, nullptr) != 0) {
     throw std::system_error(errno, std::generic_category(), "own /proc");
+  }
 }
 
 // Runs the command after the change of its process.
@@ -86,8 +91,9 @@ Json::Value documentOf(const std::vector<std::string>& arguments, void (*change)
     dup2(out, STDOUT_FILENO);
     change();
     std::vector<char*> words{const_cast<char*>("fw-update"), const_cast<char*>("--json")};
-    for (const std::string& argument : arguments)
+    for (const std::string& argument : arguments) {
       words.push_back(const_cast<char*>(argument.c_str()));
+    }
     words.push_back(nullptr);
     return execv(TESTED_TOOL, words.data());
   });
@@ -101,8 +107,9 @@ Json::Value documentOf(const std::vector<std::string>& arguments, void (*change)
 class ProcWithoutProcesses {
  public:
   ProcWithoutProcesses() {
-    if (mount("none", "/proc", "tmpfs", 0, nullptr) != 0)
+    if (mount("none", "/proc", "tmpfs", 0, nullptr) != 0) {
       throw std::system_error(errno, std::generic_category(), "own /proc");
+    }
     std::filesystem::create_directory("/proc/self");
     std::filesystem::create_symlink(TESTED_TOOL, "/proc/self/exe");
     DeviceTest::writeFile("/proc/self/environ",
@@ -126,8 +133,9 @@ class TheUpdateLock : public ToolTest {
   static std::map<pid_t, std::string> roles() {
     const Json::Value whole = status();
     std::map<pid_t, std::string> found;
-    for (const Json::Value& process : whole["processes"])
+    for (const Json::Value& process : whole["processes"]) {
       found[process["pid"].asInt()] = process["role"].asString();
+    }
     return found;
   }
 
@@ -159,8 +167,9 @@ class TheUpdateLockOfModules : public TheUpdateLock {
     installModule("libtuner");
     installModule("libpanel");
     installModule("libwifi");
-    for (const char* firmware : {"tunerfw", "panelfw", "wififw"})
+    for (const char* firmware : {"tunerfw", "panelfw", "wififw"}) {
       installImage(firmware);
+    }
   }
 
   static std::unique_ptr<RunningTool> stalledUpdate() {
@@ -246,8 +255,9 @@ TEST_F(TheUpdateLockOfModules, GoesToOneWaiterAfterTheOther) {
 
   EXPECT_EQ(recover()["exitCode"].asInt(), 0);
 
-  for (RunningTool& waiter : waiters)
+  for (RunningTool& waiter : waiters) {
     EXPECT_EQ(waiter.finish(), 0) << waiter.err();
+  }
   EXPECT_EQ(value(), 1);
   std::istringstream journal(readFile(kJournal));
   std::string time, pid, component, event, rest, running;
@@ -262,11 +272,13 @@ TEST_F(TheUpdateLockOfModules, GoesToOneWaiterAfterTheOther) {
 // How many of them gave it back.
 int recoverEightTimesAtOnce() {
   std::list<RunningTool> recoveries;
-  for (int i = 0; i < 8; ++i)
+  for (int i = 0; i < 8; ++i) {
     recoveries.emplace_back(std::vector<std::string>{"lock", "recover"}, Launch{});
+  }
   int given = 0;
-  for (RunningTool& recovery : recoveries)
+  for (RunningTool& recovery : recoveries) {
     given += recovery.finish() == 0 ? 1 : 0;
+  }
   return given;
 }
 
@@ -327,13 +339,15 @@ TEST_F(TheUpdateLock, IsLeftToAForkOfTheHolder) {
     const ChildProcess holder([fork_id] {
       sem_wait(openLock());
       const pid_t id = fork();
-      if (id == 0)
+      if (id == 0) {
         pause();
+      }
       *fork_id = id;
       return takeForEver();
     });
-    while (*fork_id == 0)
+    while (*fork_id == 0) {
       sched_yield();
+    }
   }
 
   const Json::Value recovered = recover();
@@ -357,7 +371,7 @@ TEST_F(TheUpdateLock, IsTakenAndGivenBackByItsUsersWhileRecoveriesAreTried) {
       mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
   auto* const shared = new (memory) Shared;
   std::list<ChildProcess> users;
-  for (int i = 0; i < 4; ++i)
+  for (int i = 0; i < 4; ++i) {
     users.emplace_back([shared] {
       while (!shared->stop) {
         sem_t* const lock = openLock();
@@ -369,13 +383,16 @@ TEST_F(TheUpdateLock, IsTakenAndGivenBackByItsUsersWhileRecoveriesAreTried) {
       }
       return 0;
     });
+  }
 
-  for (int i = 0; i < 10; i += kEveryNth)
+  for (int i = 0; i < 10; i += kEveryNth) {
     EXPECT_NE(run({"lock", "recover"}).exitCode, 0) << "nothing was left taken";
+  }
 
   shared->stop = true;
-  for (ChildProcess& user : users)
+  for (ChildProcess& user : users) {
     EXPECT_EQ(user.wait(), 0);
+  }
   EXPECT_EQ(shared->overlaps, 0);
   EXPECT_EQ(value(), 1);
   munmap(memory, sizeof(Shared));
@@ -444,8 +461,9 @@ TEST_F(TheUpdateLock, IsNotGivenBackWithoutProc) {
 
 // There the kernel gives a lease although the file is mapped.
 TEST_F(TheUpdateLock, IsLeftToItsHolderOnAnOverlay) {
-  for (const char* directory : {"/tmp/lower", "/tmp/upper", "/tmp/work"})
+  for (const char* directory : {"/tmp/lower", "/tmp/upper", "/tmp/work"}) {
     ASSERT_EQ(mkdir(directory, 0755), 0);
+  }
   ASSERT_EQ(mount("overlay", "/dev/shm", "overlay", 0,
                   "lowerdir=/tmp/lower,upperdir=/tmp/upper,workdir=/tmp/work,userxattr"),
             0);
@@ -535,8 +553,9 @@ constexpr const char* kRecoveryLock = "/run/fw-update/recovery.lock";
 class Locked {
  public:
   explicit Locked(const char* path, int flags) : file_(open(path, flags | O_CLOEXEC, 0600)) {
-    if (flock(file_, LOCK_EX | LOCK_NB) != 0)
+    if (flock(file_, LOCK_EX | LOCK_NB) != 0) {
       throw std::system_error(errno, std::generic_category(), path);
+    }
   }
   Locked(const Locked&) = delete;
   Locked& operator=(const Locked&) = delete;

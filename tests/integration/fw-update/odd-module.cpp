@@ -29,8 +29,9 @@ int getEMPID(char* out) {
 }
 
 int getActiveVersion(char* out) {
-  if (is("throwing-version"))
+  if (is("throwing-version")) {
     throw std::runtime_error("no answer");
+  }
   std::strcpy(out, "1.0");
   return is("failing-version") ? -5 : 0;
 }
@@ -38,23 +39,26 @@ int getActiveVersion(char* out) {
 #ifndef WITHOUT_CHECK_VERSION
 int checkVersion(const char*, int* need) {
   updating = true;  // the second request of an update is the one to refuse
-  if (is("throwing-check"))
+  if (is("throwing-check")) {
     throw std::runtime_error("no answer");
+  }
   *need = is("needs-twice") ? 2 : 1;
   return is("failing-check") ? -5 : 0;
 }
 #endif
 
 int doUpdate(const char*, unsigned long) {
-  if (is("throwing-update"))
+  if (is("throwing-update")) {
     throw std::runtime_error("flash controller lost");
+  }
   return is("answers-one") ? 1 : 0;
 }
 
 #ifndef WITHOUT_PROGRESS
 int getUpdateProgress(unsigned int* progress) {
-  while (is("hanging-progress"))
+  while (is("hanging-progress")) {
     pause();
+  }
   *progress = 50;
   return is("failing-progress") ? -5 : 0;
 }

@@ -71,9 +71,11 @@ TEST_F(Output, AsNdjsonTellsOnceThatAnUpdateIsOverdue) {
   const Ended ended = run({"update", "libtuner", "--progress", "ndjson"});
 
   std::vector<Json::Value> overdue;
-  for (const Json::Value& event : lines(ended.out))
-    if (event["event"] == "overdue")
+  for (const Json::Value& event : lines(ended.out)) {
+    if (event["event"] == "overdue") {
       overdue.push_back(event);
+    }
+  }
   ASSERT_EQ(overdue.size(), 1u);
   EXPECT_EQ(overdue[0]["givesUpAtSeconds"].asInt(), 2);
   EXPECT_EQ(lines(ended.out).back()["exitCode"].asInt(), 7);
@@ -112,8 +114,9 @@ int exitCodeWithOutputLost(const std::vector<std::string>& arguments) {
   return runInChild([&] {
     dup2(open("/dev/full", O_WRONLY), STDOUT_FILENO);
     std::vector<char*> words{const_cast<char*>("fw-update")};
-    for (const std::string& argument : arguments)
+    for (const std::string& argument : arguments) {
       words.push_back(const_cast<char*>(argument.c_str()));
+    }
     words.push_back(nullptr);
     return execv(TESTED_TOOL, words.data());
   });

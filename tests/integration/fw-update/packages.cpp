@@ -24,9 +24,11 @@ class Packages : public ToolTest {
 
   static bool isMounted() {
     std::ifstream mounts("/proc/self/mounts");
-    for (std::string line; std::getline(mounts, line);)
-      if (line.find("/emps/wifiempfw") != std::string::npos)
+    for (std::string line; std::getline(mounts, line);) {
+      if (line.find("/emps/wifiempfw") != std::string::npos) {
         return true;
+      }
+    }
     return false;
   }
 };

@@ -12,9 +12,11 @@ using ::testing::HasSubstr;
 class Query : public ToolTest {};
 
 const Json::Value& moduleOf(const Json::Value& document, const std::string& name) {
-  for (const Json::Value& module : document["modules"])
-    if (module["library"] == name)
+  for (const Json::Value& module : document["modules"]) {
+    if (module["library"] == name) {
       return module;
+    }
+  }
   throw std::runtime_error(name + " is not there");
 }
 
@@ -51,8 +53,9 @@ TEST_F(Query, SaysThatTheControlsDirectoryIsMissing) {
   std::filesystem::remove_all(kControls);
 
   for (const std::vector<std::string>& arguments :
-       {std::vector<std::string>{"list"}, {"info", "x"}, {"pending"}, {"progress", "x"}})
+       {std::vector<std::string>{"list"}, {"info", "x"}, {"pending"}, {"progress", "x"}}) {
     EXPECT_EQ(document(arguments)["exitCode"].asInt(), 10) << arguments[0];
+  }
 }
 
 TEST_F(Query, TellsTheFreshVersionOfAModule) {
@@ -87,8 +90,9 @@ TEST_F(Query, KnowsNoUnknownModule) {
 }
 
 TEST_F(Query, SaysForEachModuleWhyItIsPendingOrNot) {
-  for (const char* module : {"libtuner", "libpanel", "libwifi", "libEXT-remote"})
+  for (const char* module : {"libtuner", "libpanel", "libwifi", "libEXT-remote"}) {
     installModule(module);
+  }
   installImage("tunerfw");
   installImage("panelfw");
   installImage("wififw");

@@ -31,8 +31,9 @@ class OnATerminal : public ToolTest {
     std::string text;
     for (std::size_t i = 0; i < transcript.size(); ++i) {
       if (transcript[i] == '\x1b') {
-        while (i + 1 < transcript.size() && !isalpha(static_cast<unsigned char>(transcript[i])))
+        while (i + 1 < transcript.size() && !isalpha(static_cast<unsigned char>(transcript[i]))) {
           ++i;
+        }
       } else if (transcript[i] == '\r' || transcript[i] == '\n') {
         lines.push_back(text);
         text.clear();
@@ -63,8 +64,9 @@ TEST_F(OnATerminal, KeepsWithinItsWidth) {
 
     EXPECT_EQ(update.finish(), 0);
 
-    for (const std::string& line : drawings(update.out()))
+    for (const std::string& line : drawings(update.out())) {
       EXPECT_LE(line.size(), columns) << line;
+    }
   }
 }
 
@@ -75,8 +77,9 @@ TEST_F(OnATerminal, BreaksSentencesBetweenWords) {
   EXPECT_EQ(download.finish(), 11);
 
   EXPECT_THAT(download.out(), HasSubstr("panelempfw is not downloaded:\r\n"));
-  for (const std::string& line : drawings(download.out()))
+  for (const std::string& line : drawings(download.out())) {
     EXPECT_LE(line.size(), 60U) << line;
+  }
 }
 
 TEST_F(OnATerminal, SaysInYellowThatItIsOverdue) {

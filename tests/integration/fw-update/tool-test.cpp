@@ -13,8 +13,9 @@ constexpr std::size_t kImageSize = 1024 * 1024;
 
 std::string makeImage() {
   std::string image(kImageSize, '\0');
-  for (std::size_t i = 0; i < image.size(); ++i)
+  for (std::size_t i = 0; i < image.size(); ++i) {
     image[i] = static_cast<char>(i * 7 + i / 251);
+  }
   return image;
 }
 
@@ -24,8 +25,9 @@ Json::Value parse(const std::string& text) {
   const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
   Json::Value value;
   std::string errors;
-  if (!reader->parse(text.data(), text.data() + text.size(), &value, &errors) || !value.isObject())
+  if (!reader->parse(text.data(), text.data() + text.size(), &value, &errors) || !value.isObject()) {
     ADD_FAILURE() << "no JSON object: " << errors << "\n" << text;
+  }
   return value;
 }
 
@@ -42,13 +44,13 @@ void ToolTest::installOddModule(const std::string& variant) {
 
 void ToolTest::installImage(const std::string& firmwareName, const std::string& version,
                             unsigned int expectedTime, const std::string& directory) {
-  static const std::string image = makeImage();
-  static const unsigned int crc = sandbox::imageCrc(image);
+  static const std::string kImage = makeImage();
+  static const unsigned int kCrc = sandbox::imageCrc(kImage);
   const std::string place = directory + firmwareName + "/";
-  writeFile(place + firmwareName + ".bin", image);
+  writeFile(place + firmwareName + ".bin", kImage);
   Json::Value information;
   information["version"] = version;
-  information["crc"] = crc;
+  information["crc"] = kCrc;
   information["expected_time"] = expectedTime;
   writeFile(place + "info.json", Json::writeString(Json::StreamWriterBuilder(), information));
 }
@@ -78,7 +80,8 @@ Json::Value ToolTest::document(std::vector<std::string> arguments, const Launch&
 std::vector<Json::Value> ToolTest::lines(const std::string& text) {
   std::vector<Json::Value> values;
   std::istringstream stream(text);
-  for (std::string line; std::getline(stream, line);)
+  for (std::string line; std::getline(stream, line);) {
     values.push_back(parse(line));
+  }
   return values;
 }

@@ -43,8 +43,9 @@ constexpr const char* kPlatformCalls = "/var/lib/fw-components/platform-calls";
 std::vector<std::string> linesOf(const std::string& text) {
   std::vector<std::string> lines;
   std::istringstream stream(text);
-  for (std::string line; std::getline(stream, line);)
+  for (std::string line; std::getline(stream, line);) {
     lines.push_back(line);
+  }
   return lines;
 }
 
@@ -59,8 +60,9 @@ class UpdateAll : public ToolTest {
   static void install(const std::string& name, const std::string& behaviour = "",
                       const std::string& expectedTime = "0") {
     fs::copy_file(FLEET_MODULE, kControls + ("lib" + name + ".so"));
-    if (!behaviour.empty())
+    if (!behaviour.empty()) {
       writeFile(kState + name, behaviour);
+    }
     const std::string content = "firmware of " + name;
     writeFile("/tmp/tree/" + name + ".bin", content);
     writeFile("/tmp/tree/info.json",
@@ -68,8 +70,9 @@ class UpdateAll : public ToolTest {
                   ", \"expected_time\": " + expectedTime + "}");
     const std::string command = "mksquashfs /tmp/tree " + kPackages + name +
                                 "emp.img -all-root -noappend -quiet -no-progress >/dev/null";
-    if (std::system(command.c_str()) != 0)
+    if (std::system(command.c_str()) != 0) {
       throw std::runtime_error("mksquashfs failed");
+    }
     fs::remove_all("/tmp/tree");
   }
 
@@ -81,9 +84,11 @@ class UpdateAll : public ToolTest {
 };
 
 const Json::Value& moduleNamed(const Json::Value& document, const std::string& library) {
-  for (const Json::Value& module : document["modules"])
-    if (module["library"] == library)
+  for (const Json::Value& module : document["modules"]) {
+    if (module["library"] == library) {
       return module;
+    }
+  }
   return Json::Value::nullSingleton();
 }
 
@@ -118,8 +123,9 @@ TEST_F(UpdateAll, FiftyModulesWithFailingAndHangingOnes) {
   const auto behaviourOf = [](int i) {
     return i % 10 == 3 ? "fail" : i == 7 || i == 21 ? "late" : i == 30 ? "throw" : "";
   };
-  for (int i = 0; i < kCount; ++i)
+  for (int i = 0; i < kCount; ++i) {
     install("m" + std::to_string(i), behaviourOf(i), i == 7 || i == 21 ? "0" : "20");
+  }
   const SystemBus bus;
   const LogindStandIn logind(bus);
 
@@ -154,12 +160,14 @@ class ChangedMind : public UpdateAll, public ::testing::WithParamInterface<Later
  protected:
   // In the order in which the library keeps them.
   static std::vector<std::string> installThree() {
-    for (const char* name : {"one", "two", "three"})
+    for (const char* name : {"one", "two", "three"}) {
       install(name, "", "20");
+    }
     std::vector<std::string> libraries;
     const Json::Value list = document({"list"});
-    for (const Json::Value& module : list["modules"])
+    for (const Json::Value& module : list["modules"]) {
       libraries.push_back(module["library"].asString());
+    }
     return libraries;
   }
 
@@ -169,9 +177,11 @@ class ChangedMind : public UpdateAll, public ::testing::WithParamInterface<Later
 
   static std::vector<std::string> modulesThatEnded(const std::vector<Json::Value>& events) {
     std::vector<std::string> libraries;
-    for (const Json::Value& event : events)
-      if (event["event"] == "module-end")
+    for (const Json::Value& event : events) {
+      if (event["event"] == "module-end") {
         libraries.push_back(event["module"].asString());
+      }
+    }
     return libraries;
   }
 };
@@ -436,8 +446,9 @@ class MountedByOthers {
  public:
   explicit MountedByOthers(const std::string& package) : directory_(kPackages + "emps/" + package) {
     fs::create_directories(directory_);
-    if (mount("others", directory_.c_str(), "tmpfs", 0, nullptr) != 0)
+    if (mount("others", directory_.c_str(), "tmpfs", 0, nullptr) != 0) {
       throw std::system_error(errno, std::generic_category(), "mount");
+    }
   }
   MountedByOthers(const MountedByOthers&) = delete;
   MountedByOthers& operator=(const MountedByOthers&) = delete;

@@ -54,9 +54,11 @@ class UsbTool : public ToolTest {
   static Json::Value estimate() { return document(command("estimate")); }
   static Json::Value apply() { return document(command("apply")); }
   static Json::Value moduleOf(const Json::Value& document, const std::string& library) {
-    for (const Json::Value& module : document["modules"])
-      if (module["library"] == library)
+    for (const Json::Value& module : document["modules"]) {
+      if (module["library"] == library) {
         return module;
+      }
+    }
     return Json::Value();
   }
   // Whether this very image is active.
@@ -67,8 +69,9 @@ class UsbTool : public ToolTest {
 };
 
 TEST_F(UsbTool, EstimatesEachModuleAndTheTotal) {
-  for (const char* module : {"libtuner", "libpanel", "libwifi", "libEXT-remote"})
+  for (const char* module : {"libtuner", "libpanel", "libwifi", "libEXT-remote"}) {
     installModule(module);
+  }
   describeComponent("tunerfw", "expected_time = 30");
   describeComponent("panelfw", "expected_time = 45");
   putPackage("tunerfw");
@@ -103,8 +106,9 @@ TEST_F(UsbTool, ShowsTheEstimateAsATableForPeople) {
 }
 
 TEST_F(UsbTool, AppliesThePackagesThatAreNeeded) {
-  for (const char* module : {"libtuner", "libpanel", "libwifi"})
+  for (const char* module : {"libtuner", "libpanel", "libwifi"}) {
     installModule(module);
+  }
   putPackage("tunerfw");
   putPackage("wififw", "1.2.3");
 
@@ -145,8 +149,9 @@ TEST_F(UsbTool, TellsTheProgressOfEachPackage) {
   std::vector<std::string> started;
   bool halfway = false;
   for (const Json::Value& event : events) {
-    if (event["event"] == "start")
+    if (event["event"] == "start") {
       started.push_back(event["module"].asString());
+    }
     halfway = halfway || (event["event"] == "progress" && event["percent"].asInt() > 0 &&
                           event["percent"].asInt() < 100);
     EXPECT_FALSE(event.isMember("givesUpAtSeconds"));  // no time limit holds here
@@ -383,8 +388,9 @@ TEST_F(UsbTool, WarnsThatSignaturesAreNotCheckedWithoutTheVerifier) {
 }
 
 TEST_F(UsbTool, GivesEachModuleItsOwnReasonWithoutTheVerifierToo) {
-  for (const char* module : {"libtuner", "libpanel", "libwifi"})
+  for (const char* module : {"libtuner", "libpanel", "libwifi"}) {
     installModule(module);
+  }
   fs::remove("/usr/lib/libkZAQUser.so");
   writeFile(std::string(kDrive) + "tunerfw.bin", "short");
   writeFile(std::string(kDrive) + "panelfw.bin", std::string(600, 'x'));
@@ -509,16 +515,19 @@ std::vector<std::string> piecesOf(const std::string& key) {
 }
 
 void expectNoPieceOf(const std::string& key, const std::string& place, const std::string& text) {
-  for (const std::string& piece : piecesOf(key))
+  for (const std::string& piece : piecesOf(key)) {
     ASSERT_EQ(text.find(piece), std::string::npos) << place;
+  }
 }
 
 // Every file below, without the zeros that traces mostly are.
 std::string contentBelow(const std::string& directory) {
   std::string content;
-  for (const auto& entry : fs::recursive_directory_iterator(directory))
-    if (entry.is_regular_file())
+  for (const auto& entry : fs::recursive_directory_iterator(directory)) {
+    if (entry.is_regular_file()) {
       content += DeviceTest::readFile(entry.path());
+    }
+  }
   content.erase(std::remove(content.begin(), content.end(), '\0'), content.end());
   return content;
 }
@@ -573,15 +582,17 @@ TEST_F(UsbKey, IsInNoFile) {
   EXPECT_EQ(run(command("apply")).exitCode, 0);
 
   EXPECT_FALSE(contentBelow("/run/fw-trace").empty());
-  for (const char* const directory : {"/run", "/var/lib/fw-components", "/dev/shm"})
+  for (const char* const directory : {"/run", "/var/lib/fw-components", "/dev/shm"}) {
     expectNoPieceOf(secret, directory, contentBelow(directory));
+  }
 }
 
 TEST_F(UsbKey, IsInNoCommandLineAndNoEnvironment) {
   describeComponent("tunerfw", "stall_at_percent = 40");
   auto words = command("apply");
-  for (const char* const word : {"--isolated", "--progress", "ndjson"})
+  for (const char* const word : {"--isolated", "--progress", "ndjson"}) {
     words.emplace_back(word);
+  }
   RunningTool tool(words, {{"FW_UPDATE_LOG=none"}});
   tool.waitFor("\"percent\":4");
   const std::string own = std::to_string(getpid());
@@ -589,10 +600,12 @@ TEST_F(UsbKey, IsInNoCommandLineAndNoEnvironment) {
   for (const auto& process : fs::directory_iterator("/proc")) {
     const std::string number = process.path().filename();
     std::error_code error;
-    if (number == own || fs::read_symlink(process.path() / "exe", error) != fs::path(TESTED_TOOL))
+    if (number == own || fs::read_symlink(process.path() / "exe", error) != fs::path(TESTED_TOOL)) {
       continue;
-    for (const char* const file : {"cmdline", "environ"})
+    }
+    for (const char* const file : {"cmdline", "environ"}) {
       expectNoPieceOf(secret, file, readFile(process.path() / file));
+    }
   }
 
   // The module would hang on after its tool.

@@ -42,33 +42,33 @@ std::uint64_t readToItsEnd(fwcomponent::NewFlash& flash, std::vector<unsigned ch
 }
 
 TEST_F(LargeFlash, HoldsMoreThanFourGibibytes) {
-  constexpr std::uint64_t zeros = 4 * kGibibyte;
+  constexpr std::uint64_t kZeros = 4 * kGibibyte;
   const std::vector<unsigned char> end(1000, 'x');
   std::vector<unsigned char> block(kBlock);
   fwcomponent::NewFlash flash("tunerfw");
 
-  for (std::uint64_t size = kBlock; size <= zeros; size += kBlock) {
+  for (std::uint64_t size = kBlock; size <= kZeros; size += kBlock) {
     flash.append(block.data(), block.size());
     makeHole(size);
   }
   flash.append(end.data(), end.size());
-  flash.finishWriting({"5.0.0", zeros + end.size(), 7});
+  flash.finishWriting({"5.0.0", kZeros + end.size(), 7});
   const std::uint64_t size = readToItsEnd(flash, block);
   flash.activate();
 
-  EXPECT_EQ(size, zeros + end.size());
+  EXPECT_EQ(size, kZeros + end.size());
   EXPECT_TRUE(std::equal(end.begin(), end.end(), block.begin()));
   const auto active = fwcomponent::readActiveFlash("tunerfw");
   ASSERT_TRUE(active);
   EXPECT_EQ(active->version, "5.0.0");
-  EXPECT_EQ(active->size, zeros + end.size());
+  EXPECT_EQ(active->size, kZeros + end.size());
 }
 
 // The hardware breaks at the first percent, long before the flash takes real room.
 TEST_F(LargeFlash, CountsThePercentOfMoreThanFourGibibytes) {
-  constexpr std::uint64_t size = 4 * kGibibyte + 1000;
+  constexpr std::uint64_t kSize = 4 * kGibibyte + 1000;
   writeFile("/var/lib/fw-components/tunerfw.component", "fail_at_percent = 1\n");
-  const SparseImage image = markedImage(size);
+  const SparseImage image = markedImage(kSize);
   image.write("/tmp/image");
   fwcomponent::Component component({"tunerempfw", "tunerfw", 10, 4096});
   component.setContext("libtuner", 4, "");
@@ -82,7 +82,7 @@ TEST_F(LargeFlash, CountsThePercentOfMoreThanFourGibibytes) {
     EXPECT_NE(std::string(error.what()).find("failed at 1 percent"), std::string::npos) << error.what();
   }
 
-  EXPECT_EQ(component.expectedSeconds(), static_cast<int>(size / 1024 / 4096 + 1));
+  EXPECT_EQ(component.expectedSeconds(), static_cast<int>(kSize / 1024 / 4096 + 1));
   EXPECT_EQ(component.activeVersion(), "0.0.0");
 }
 

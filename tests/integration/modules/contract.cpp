@@ -22,8 +22,9 @@ const char* const kEntryPoints[] = {"setContext",          "getEMPID",        "g
 std::string outputOf(const std::string& command) {
   std::string output;
   FILE* pipe = ::popen(command.c_str(), "r");
-  for (std::array<char, 4096> line; std::fgets(line.data(), line.size(), pipe) != nullptr;)
+  for (std::array<char, 4096> line; std::fgets(line.data(), line.size(), pipe) != nullptr;) {
     output += line.data();
+  }
   EXPECT_EQ(::pclose(pipe), 0) << command;
   return output;
 }
@@ -31,8 +32,9 @@ std::string outputOf(const std::string& command) {
 Names exportsOf(const std::string& path) {
   Names names;
   std::istringstream lines(outputOf("nm -D --defined-only '" + path + "'"));
-  for (std::string address, type, name; lines >> address >> type >> name;)
+  for (std::string address, type, name; lines >> address >> type >> name;) {
     names.insert(name);
+  }
   return names;
 }
 
@@ -123,9 +125,11 @@ TEST_F(ModuleTest, ReportsThePackageIdentifierOfEachComponent) {
 TEST_F(ModuleTest, ShipsFourModules) {
   Names libraries;
 
-  for (const auto& entry : std::filesystem::directory_iterator(modulePath("")))
-    if (entry.path().extension() == ".so")
+  for (const auto& entry : std::filesystem::directory_iterator(modulePath(""))) {
+    if (entry.path().extension() == ".so") {
       libraries.insert(entry.path().filename());
+    }
+  }
 
   EXPECT_EQ(libraries, (Names{"libtuner.so", "libpanel.so", "libwifi.so", "libEXT-remote.so"}));
 }

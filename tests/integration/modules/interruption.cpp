@@ -47,18 +47,21 @@ class TracedChild {
           return body();
         }) {
     int status = 0;
-    if (::waitpid(child_.id(), &status, 0) != child_.id() || !WIFSTOPPED(status))
+    if (::waitpid(child_.id(), &status, 0) != child_.id() || !WIFSTOPPED(status)) {
       throw std::runtime_error("the process did not wait to be traced");
-    if (::ptrace(PTRACE_SETOPTIONS, child_.id(), nullptr, PTRACE_O_TRACESYSGOOD) != 0)
+    }
+    if (::ptrace(PTRACE_SETOPTIONS, child_.id(), nullptr, PTRACE_O_TRACESYSGOOD) != 0) {
       throw std::runtime_error("the process cannot be traced");
+    }
   }
 
   // Nothing when the process has ended.
   std::optional<Stop> next() {
     int status = 0;
     ::ptrace(PTRACE_SYSCALL, child_.id(), nullptr, nullptr);
-    if (::waitpid(child_.id(), &status, 0) != child_.id())
+    if (::waitpid(child_.id(), &status, 0) != child_.id()) {
       throw std::runtime_error("the traced process is lost");
+    }
     if (!WIFSTOPPED(status)) {
       child_.forget();
       result_ = WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
@@ -72,9 +75,11 @@ class TracedChild {
 
   // False when the process has ended before.
   bool runInto(std::uint64_t call) {
-    while (const std::optional<Stop> stop = next())
-      if (stop->entry && stop->call == call)
+    while (const std::optional<Stop> stop = next()) {
+      if (stop->entry && stop->call == call) {
         return true;
+      }
+    }
     return false;
   }
 
@@ -100,8 +105,9 @@ void refuse(long call, int error) {
   };
   const sock_fprog filter{static_cast<unsigned short>(std::size(program)), program};
   if (::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
-      ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) != 0)
+      ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) != 0) {
     ::_exit(255);
+  }
 }
 
 class InterruptedUpdate : public ModuleTest {
@@ -157,8 +163,9 @@ TEST_F(InterruptedUpdate, LeavesWholeFirmwareAtEverySystemCall) {
     const int stops = oldActive + newActive;
     {
       TracedChild updating([&] { return update(); });
-      for (int stop = 0; stop < stops && !ended; ++stop)
+      for (int stop = 0; stop < stops && !ended; ++stop) {
         ended = !updating.next();
+      }
     }
 
     const bool isNew = panel_.activeVersion() == "2.0.0";
@@ -219,8 +226,9 @@ TEST_F(InterruptedUpdate, ReportsGrowingProgressThatReaches100WithTheSwitch) {
 
   while (updating.next()) {
     const unsigned int percent = panel_.progress();
-    if (percent != seen.back())
+    if (percent != seen.back()) {
       seen.push_back(percent);
+    }
     ASSERT_TRUE(percent < 100 || panel_.activeVersion() == "2.0.0");
   }
 

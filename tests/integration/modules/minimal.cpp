@@ -12,8 +12,9 @@ class MinimalModule : public ModuleTest {
 };
 
 TEST_F(MinimalModule, HasTheRequiredEntryPoints) {
-  for (const char* name : {"setContext", "getEMPID", "getActiveVersion", "checkVersion", "doUpdate"})
+  for (const char* name : {"setContext", "getEMPID", "getActiveVersion", "checkVersion", "doUpdate"}) {
     EXPECT_NE(minimal_.address(name), nullptr) << name;
+  }
   EXPECT_EQ(minimal_.empId(), "minimalempfw");
 }
 

@@ -22,8 +22,9 @@ std::string modulePath(const std::string& library) {
 }
 
 LoadedModule::LoadedModule(const std::string& path) : library_(::dlopen(path.c_str(), RTLD_NOW)) {
-  if (!library_)
+  if (!library_) {
     throw std::runtime_error(::dlerror());
+  }
 }
 
 void LoadedModule::Close::operator()(void* library) const {
@@ -82,22 +83,26 @@ int LoadedModule::updateFromMemory(const std::string& version, const std::string
 }
 
 Child::Child(const std::function<int()>& body) : id_(::fork()) {
-  if (id_ < 0)
+  if (id_ < 0) {
     throw std::system_error(errno, std::generic_category(), "fork");
-  if (id_ == 0)
+  }
+  if (id_ == 0) {
     ::_exit(body());
+  }
 }
 
 Child::~Child() {
-  if (id_ > 0)
+  if (id_ > 0) {
     kill();
+  }
 }
 
 int Child::wait() {
   int status = 0;
   const pid_t ended = ::waitpid(id_, &status, 0);
-  if (ended != id_)
+  if (ended != id_) {
     throw std::system_error(errno, std::generic_category(), "waitpid");
+  }
   id_ = 0;
   return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
 }
@@ -110,8 +115,9 @@ void Child::kill() {
 std::string ModuleTest::makeImage(std::size_t size, unsigned int seed) {
   std::minstd_rand random(seed);
   std::string image(size, '\0');
-  for (char& byte : image)
+  for (char& byte : image) {
     byte = static_cast<char>(random());
+  }
   return image;
 }
 
@@ -120,8 +126,9 @@ std::uint32_t ModuleTest::crcOf(const std::string& content) {
   std::uint32_t crc = 0;
   for (const char byte : content) {
     crc ^= static_cast<std::uint32_t>(static_cast<unsigned char>(byte)) << 24;
-    for (int bit = 0; bit < 8; ++bit)
+    for (int bit = 0; bit < 8; ++bit) {
       crc = (crc & 0x80000000u) != 0 ? (crc << 1) ^ 0x01B23CA3u : crc << 1;
+    }
   }
   return crc;
 }
@@ -173,8 +180,9 @@ void ModuleTest::waitForProgress(const LoadedModule& module, unsigned int percen
 std::vector<std::string> ModuleTest::journal() {
   std::ifstream file(std::string(kComponents) + "journal.log");
   std::vector<std::string> lines;
-  for (std::string line; std::getline(file, line);)
+  for (std::string line; std::getline(file, line);) {
     lines.push_back(line);
+  }
   return lines;
 }
 

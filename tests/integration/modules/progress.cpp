@@ -159,8 +159,9 @@ TEST_F(ModuleExclusion, IsNotInheritedByProgramsThatTheProcessStarts) {
   const std::string process = "/proc/" + std::to_string(updating.id());
   for (const auto& entry : std::filesystem::directory_iterator(process + "/fd")) {
     const std::string target = std::filesystem::read_symlink(entry.path());
-    if ((target + "/").rfind(kComponents, 0) != 0 && target != image)
+    if ((target + "/").rfind(kComponents, 0) != 0 && target != image) {
       continue;
+    }
     const std::string information = readFile(process + "/fdinfo/" + entry.path().filename().string());
     const std::size_t flags = information.find("flags:") + 6;
     EXPECT_NE(std::stoul(information.substr(flags), nullptr, 8) & O_CLOEXEC, 0u) << target;
@@ -185,17 +186,19 @@ TEST_F(ModuleExclusion, LeavesAWholeFlashWhenManyProcessesCompete) {
   const std::uint32_t crc = crcOf(newImage_);
   std::vector<std::unique_ptr<Child>> competitors;
 
-  for (int number = 0; number < kProcesses; ++number)
+  for (int number = 0; number < kProcesses; ++number) {
     competitors.push_back(std::make_unique<Child>([&, number] {
       int completed = 0;
       for (int round = 0; round < kRounds; ++round) {
         const int result = tuner_.update("2." + std::to_string(number), kImagePath, crc);
-        if (result != 0 && result != -EBUSY)
+        if (result != 0 && result != -EBUSY) {
           return 100;
+        }
         completed += result == 0;
       }
       return completed;
     }));
+  }
 
   int completed = 0;
   for (const auto& competitor : competitors) {

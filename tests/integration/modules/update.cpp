@@ -38,8 +38,9 @@ class ModuleUpdate : public ModuleTest {
 class SmallDisk {
  public:
   explicit SmallDisk(const char* options) {
-    if (::mount("tmpfs", kComponents, "tmpfs", 0, options) != 0)
+    if (::mount("tmpfs", kComponents, "tmpfs", 0, options) != 0) {
       throw std::system_error(errno, std::generic_category(), "mount");
+    }
   }
   ~SmallDisk() { ::umount2(kComponents, MNT_DETACH); }
 };
@@ -311,8 +312,9 @@ TEST_F(ModuleUpdate, LeavesOneJournalLineForEachEvent) {
   };
   const std::vector<std::string> lines = journal();
   ASSERT_EQ(lines.size(), std::size(expected));
-  for (std::size_t i = 0; i < lines.size(); ++i)
+  for (std::size_t i = 0; i < lines.size(); ++i) {
     EXPECT_TRUE(std::regex_match(lines[i], std::regex(prefix + expected[i]))) << lines[i];
+  }
 }
 
 TEST_F(ModuleUpdate, KeepsCallersFromWritingJournalLinesOfTheirOwn) {

@@ -101,10 +101,10 @@ extern "C" int PS_Mount(const char* arguments, int capacity, int, int* result) {
   struct {
     const char* fault;
     unsigned long without;
-  } constexpr mounts[] = {
+  } constexpr kMounts[] = {
       {"mount-writable", MS_RDONLY}, {"mount-with-devices", MS_NODEV}, {"mount-with-set-user-id", MS_NOSUID},
       {"unmount-reads-on", 0},       {"unmount-says-yes", 0},          {"unmount-keeps-loop", 0}};
-  for (const auto& one : mounts) {
+  for (const auto& one : kMounts) {
     if (fault(one.fault)) {
       return mountWithout(one.without, arguments, capacity, result);
     }

@@ -86,8 +86,9 @@ INSTANTIATE_TEST_SUITE_P(BySignal, InterruptedPlatformCheck, ::testing::Values(S
 
 TEST_P(InterruptedPlatformCheck, LetsTheRunningCheckTidyUp) {
   RunningProgram program({{PLATFORM_CHECK_PROGRAM, "--only", "mount"}, "/", 0, {"FW_UPDATE_LOG=none"}});
-  while (fs::is_empty("/opt/usr/apps/appbinarymanager/emps"))
+  while (fs::is_empty("/opt/usr/apps/appbinarymanager/emps")) {
     sched_yield();
+  }
 
   program.kill(GetParam());
 
@@ -103,8 +104,9 @@ TEST_P(InterruptedPlatformCheck, GoesOnWhereTheSignalIsIgnored) {
                           "/",
                           0,
                           {"FW_UPDATE_LOG=none"}});
-  while (fs::is_empty("/opt/usr/apps/appbinarymanager/emps"))
+  while (fs::is_empty("/opt/usr/apps/appbinarymanager/emps")) {
     sched_yield();
+  }
 
   program.kill(GetParam());
 
@@ -120,8 +122,9 @@ TEST_P(InterruptedPlatformCheck, EndsACheckThatHangsWithTheSecondSignal) {
        "/",
        0,
        {"FW_FAULT=mount-hangs", "FW_UPDATE_LOG=none"}});
-  while (!exists("/tmp/hangs"))
+  while (!exists("/tmp/hangs")) {
     sched_yield();
+  }
 
   program.kill(GetParam());
   program.kill(GetParam() == SIGHUP ? SIGINT : SIGHUP);
@@ -192,7 +195,7 @@ class SecureSet : public PlatformCheck {
     writeFile(kConfiguration, "url = https://packages.example/\nallow_unsigned = false  # never\n");
     writeFile("/prd/usr/fwupdate/controls/libabc.so", "module");
     fs::create_directories(kDrive);
-    drive.emplace(TemporaryMount::Memory(kDrive));
+    drive_.emplace(TemporaryMount::memory(kDrive));
     mountDrive(MS_RDONLY | MS_NOSUID | MS_NODEV | MS_NOEXEC);
   }
 
@@ -221,7 +224,7 @@ class SecureSet : public PlatformCheck {
   static constexpr const char* kDrive = "/opt/media/USBDriveA";
 
  private:
-  std::optional<TemporaryMount> drive;
+  std::optional<TemporaryMount> drive_;
 };
 
 TEST_F(SecureSet, IsFoundWhole) {
@@ -372,7 +375,7 @@ TEST_P(FaultyPlatform, IsFoundOut) {
   fs::copy_file(FAULTY_PLATFORM, "/usr/lib/libkZAQUser.so");
   std::optional<TemporaryMount> devices;
   if (fault.withoutNodes) {
-    devices.emplace(TemporaryMount::Memory("/dev"));
+    devices.emplace(TemporaryMount::memory("/dev"));
   }
 
   const ProgramResult result =
@@ -384,7 +387,7 @@ TEST_P(FaultyPlatform, IsFoundOut) {
   EXPECT_NE(result.output.find(fault.sentence), std::string::npos) << result.output;
 }
 
-constexpr Fault faults[] = {
+constexpr Fault kFaults[] = {
     {"log-errno", "log", "leaves errno as it was", "errno was changed to 5"},
     {"log-length", "log", "returns the length of the message", "returned 21 for a message of 20 bytes"},
     {"log-exits", "log", "leaves errno as it was", "the process ended without an answer"},
@@ -434,7 +437,7 @@ constexpr Fault faults[] = {
     {"download-throws", "download", "returns at once", "Aborted"},
 };
 
-INSTANTIATE_TEST_SUITE_P(Each, FaultyPlatform, ::testing::ValuesIn(faults), [](const auto& tested) {
+INSTANTIATE_TEST_SUITE_P(Each, FaultyPlatform, ::testing::ValuesIn(kFaults), [](const auto& tested) {
   std::string name = std::string(tested.param.name) + "_" + tested.param.promise;
   for (char& letter : name) {
     letter = std::isalnum(static_cast<unsigned char>(letter)) != 0 ? letter : '_';

@@ -22,7 +22,7 @@ bool kernelKnowsNoMountIds = false;
 namespace {
 
 template <typename... Arguments>
-int Call(const char* name, long number, Arguments... arguments) {
+int call(const char* name, long number, Arguments... arguments) {
   const auto first = before.find(name);
   const auto fault = first == before.end() ? nullptr : first->second;
   if (const int error = fault ? fault() : 0; error != 0) {
@@ -39,7 +39,7 @@ int Call(const char* name, long number, Arguments... arguments) {
   return result;
 }
 
-const char* NameOf(unsigned long request) {
+const char* nameOf(unsigned long request) {
   return request == LOOP_CONFIGURE      ? "LOOP_CONFIGURE"
          : request == LOOP_CTL_GET_FREE ? "LOOP_CTL_GET_FREE"
                                         : "ioctl";
@@ -51,7 +51,7 @@ const char* NameOf(unsigned long request) {
 #define FAULTY extern "C" __attribute__((visibility("default")))
 
 FAULTY int statx(int directory, const char* path, int flags, unsigned mask, struct statx* status) noexcept {
-  const int result = faults::Call("statx", SYS_statx, directory, path, flags, mask, status);
+  const int result = faults::call("statx", SYS_statx, directory, path, flags, mask, status);
   if (result == 0 && faults::kernelKnowsNoMountRoots) {
     status->stx_attributes_mask &= ~static_cast<unsigned long long>(STATX_ATTR_MOUNT_ROOT);
     status->stx_attributes &= ~static_cast<unsigned long long>(STATX_ATTR_MOUNT_ROOT);
@@ -64,37 +64,37 @@ FAULTY int statx(int directory, const char* path, int flags, unsigned mask, stru
 }
 
 FAULTY int mknodat(int directory, const char* path, mode_t mode, dev_t device) noexcept {
-  return faults::Call("mknodat", SYS_mknodat, directory, path, mode, static_cast<unsigned>(device));
+  return faults::call("mknodat", SYS_mknodat, directory, path, mode, static_cast<unsigned>(device));
 }
 
 FAULTY int fsopen(const char* name, unsigned flags) noexcept {
-  return faults::Call("fsopen", SYS_fsopen, name, flags);
+  return faults::call("fsopen", SYS_fsopen, name, flags);
 }
 
 FAULTY int fsconfig(int context, unsigned command, const char* key, const void* value, int number) noexcept {
-  return faults::Call(command == FSCONFIG_CMD_CREATE ? "fsconfig create" : "fsconfig", SYS_fsconfig, context,
+  return faults::call(command == FSCONFIG_CMD_CREATE ? "fsconfig create" : "fsconfig", SYS_fsconfig, context,
                       command, key, value, number);
 }
 
 FAULTY int fsmount(int context, unsigned flags, unsigned attributes) noexcept {
-  return faults::Call("fsmount", SYS_fsmount, context, flags, attributes);
+  return faults::call("fsmount", SYS_fsmount, context, flags, attributes);
 }
 
 FAULTY int mount_setattr(int directory, const char* path, unsigned flags, mount_attr* attributes,
                          size_t size) noexcept {
-  return faults::Call("mount_setattr", SYS_mount_setattr, directory, path, flags, attributes, size);
+  return faults::call("mount_setattr", SYS_mount_setattr, directory, path, flags, attributes, size);
 }
 
 FAULTY int move_mount(int from, const char* fromPath, int to, const char* toPath, unsigned flags) noexcept {
-  return faults::Call("move_mount", SYS_move_mount, from, fromPath, to, toPath, flags);
+  return faults::call("move_mount", SYS_move_mount, from, fromPath, to, toPath, flags);
 }
 
 FAULTY ssize_t send(int socket, const void* bytes, size_t size, int flags) {
-  return faults::Call("send", SYS_sendto, socket, bytes, size, flags, nullptr, 0);
+  return faults::call("send", SYS_sendto, socket, bytes, size, flags, nullptr, 0);
 }
 
 FAULTY int umount2(const char* path, int flags) noexcept {
-  return faults::Call("umount2", SYS_umount2, path, flags);
+  return faults::call("umount2", SYS_umount2, path, flags);
 }
 
 FAULTY int ioctl(int descriptor, unsigned long request, ...) noexcept {
@@ -102,5 +102,5 @@ FAULTY int ioctl(int descriptor, unsigned long request, ...) noexcept {
   va_start(arguments, request);
   void* const argument = va_arg(arguments, void*);
   va_end(arguments);
-  return faults::Call(faults::NameOf(request), SYS_ioctl, descriptor, request, argument);
+  return faults::call(faults::nameOf(request), SYS_ioctl, descriptor, request, argument);
 }

@@ -12,42 +12,42 @@
 
 namespace fs = std::filesystem;
 
-std::string UniquePackageName() {
+std::string uniquePackageName() {
   static int count = 0;
   return "p" + std::to_string(getpid()) + "n" + std::to_string(++count) + "empfw";
 }
 
-std::string ImagePath(const std::string& name) {
+std::string imagePath(const std::string& name) {
   return kPackages + "/" + name + ".img";
 }
 
-std::string DirectoryPath(const std::string& name) {
+std::string directoryPath(const std::string& name) {
   return kEmps + "/" + name;
 }
 
-std::string MakeImage(const std::string& name, const std::string& content, const std::string& options) {
+std::string makeImage(const std::string& name, const std::string& content, const std::string& options) {
   const fs::path tree = "/tmp/tree-" + name;
   fs::create_directories(tree);
   std::ofstream(tree / "content", std::ios::binary) << content;
-  const std::string command = "mksquashfs " + tree.string() + " " + ImagePath(name) +
+  const std::string command = "mksquashfs " + tree.string() + " " + imagePath(name) +
                               " -noappend -quiet -no-progress -all-root " + options + " >/dev/null";
   if (std::system(command.c_str()) != 0) {
     throw std::runtime_error("mksquashfs failed");
   }
   fs::remove_all(tree);
-  return ImagePath(name);
+  return imagePath(name);
 }
 
-std::string MakeDirectory(const std::string& name) {
-  fs::create_directories(DirectoryPath(name));
-  return DirectoryPath(name);
+std::string makeDirectory(const std::string& name) {
+  fs::create_directories(directoryPath(name));
+  return directoryPath(name);
 }
 
-std::string MountText(const std::string& name) {
-  return "-o ro,loop,nodev,nosuid " + ImagePath(name) + " " + DirectoryPath(name);
+std::string mountText(const std::string& name) {
+  return "-o ro,loop,nodev,nosuid " + imagePath(name) + " " + directoryPath(name);
 }
 
-std::vector<MountEntry> MountsOn(const std::string& path) {
+std::vector<MountEntry> mountsOn(const std::string& path) {
   std::vector<MountEntry> mounts;
   std::ifstream table("/proc/self/mounts");
   for (std::string line; std::getline(table, line);) {
@@ -62,7 +62,7 @@ std::vector<MountEntry> MountsOn(const std::string& path) {
   return mounts;
 }
 
-std::vector<std::string> LoopDevicesOf(const std::string& name) {
+std::vector<std::string> loopDevicesOf(const std::string& name) {
   std::vector<std::string> devices;
   for (const auto& entry : fs::directory_iterator("/sys/block")) {
     std::ifstream file(entry.path() / "loop/backing_file");
@@ -74,12 +74,12 @@ std::vector<std::string> LoopDevicesOf(const std::string& name) {
   return devices;
 }
 
-std::vector<std::string> LoopDevicesLeftOf(const std::string& name) {
+std::vector<std::string> loopDevicesLeftOf(const std::string& name) {
   const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-  std::vector<std::string> devices = LoopDevicesOf(name);
+  std::vector<std::string> devices = loopDevicesOf(name);
   while (!devices.empty() && std::chrono::steady_clock::now() < end) {
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    devices = LoopDevicesOf(name);
+    devices = loopDevicesOf(name);
   }
   return devices;
 }

@@ -10,19 +10,19 @@ inline const std::string kPackages = "/opt/usr/apps/appbinarymanager";
 inline const std::string kEmps = kPackages + "/emps";
 
 // A name that no other test process uses: loop devices are the whole machine's.
-std::string UniquePackageName();
+std::string uniquePackageName();
 
-std::string ImagePath(const std::string& name);
-std::string DirectoryPath(const std::string& name);
+std::string imagePath(const std::string& name);
+std::string directoryPath(const std::string& name);
 
 // Makes a real squashfs image that holds one file, "content", and gives its path.
 // options: further ones of mksquashfs.
-std::string MakeImage(const std::string& name, const std::string& content, const std::string& options = "");
+std::string makeImage(const std::string& name, const std::string& content, const std::string& options = "");
 // Makes the mount directory and gives its path.
-std::string MakeDirectory(const std::string& name);
+std::string makeDirectory(const std::string& name);
 
 // "-o ro,loop,nodev,nosuid IMAGE DIRECTORY"
-std::string MountText(const std::string& name);
+std::string mountText(const std::string& name);
 
 struct MountEntry {
   std::string source;
@@ -30,13 +30,13 @@ struct MountEntry {
   std::string options;
 };
 // What is mounted on a path, by this process's mount table.
-std::vector<MountEntry> MountsOn(const std::string& path);
+std::vector<MountEntry> mountsOn(const std::string& path);
 
 // The loop devices of the machine whose image has this name.
-std::vector<std::string> LoopDevicesOf(const std::string& name);
+std::vector<std::string> loopDevicesOf(const std::string& name);
 
 // Those of them that stay. A device is let go of when nobody looks at it any more, and
 // whoever searches for a free one looks at all; that is waited for, for some seconds.
-std::vector<std::string> LoopDevicesLeftOf(const std::string& name);
+std::vector<std::string> loopDevicesLeftOf(const std::string& name);
 
 #endif

@@ -25,18 +25,18 @@ class PackageScripts : public DeviceTest {
     DeviceTest::SetUp();
     fs::create_directories("/run/systemd/system");
     // What it enables would be enabled on this machine.
-    WriteProgram("/tmp/programs/deb-systemd-helper", "exit 0");
-    WriteProgram("/tmp/programs/systemctl",
+    writeProgram("/tmp/programs/deb-systemd-helper", "exit 0");
+    writeProgram("/tmp/programs/systemctl",
                  "echo \"$*\" >>/tmp/calls\ncase \"$*\" in *is-enabled*) echo enabled;; esac");
     writeFile("/tmp/calls", "");
     // It may say that nothing is to be started here.
     if (exists("/usr/sbin/policy-rc.d")) {
-      WriteProgram("/tmp/policy", "exit 0");
-      policy_.emplace(TemporaryMount::Bind("/tmp/policy", "/usr/sbin/policy-rc.d"));
+      writeProgram("/tmp/policy", "exit 0");
+      policy_.emplace(TemporaryMount::bind("/tmp/policy", "/usr/sbin/policy-rc.d"));
     }
   }
 
-  static void WriteProgram(const std::string& path, const std::string& script) {
+  static void writeProgram(const std::string& path, const std::string& script) {
     writeFile(path, "#!/bin/sh\n" + script + "\n");
     fs::permissions(path, fs::perms::all);
   }

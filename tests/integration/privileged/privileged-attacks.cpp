@@ -28,13 +28,13 @@
 namespace {
 
 namespace fs = std::filesystem;
-using fwplatform::AskPrivilegedService;
+using fwplatform::askPrivilegedService;
 using fwplatform::PrivilegedAnswer;
 using fwplatform::PrivilegedOperation;
 using ::testing::IsEmpty;
 
 // More make an attack surer: FW_UPDATE_ATTACK_REQUESTS=60000.
-int Requests() {
+int requests() {
   const char* const wanted = std::getenv("FW_UPDATE_ATTACK_REQUESTS");
   return wanted != nullptr ? std::atoi(wanted) : 1500 / thoroughness::kEveryNth;
 }
@@ -43,33 +43,33 @@ class PrivilegedAttack : public DeviceTest {
  protected:
   void SetUp() override {
     DeviceTest::SetUp();
-    image_ = MakeImage(name_, "allowed");
-    directory_ = MakeDirectory(name_);
+    image_ = makeImage(name_, "allowed");
+    directory_ = makeDirectory(name_);
     fs::create_directory(kOutside);
     service_ = std::make_unique<ServiceProcess>();
-    ASSERT_TRUE(service_->WaitUntilServing());
+    ASSERT_TRUE(service_->waitUntilServing());
     // The log is read meanwhile, so that the service never waits for its reader.
-    reader_ = std::thread([this] { service_->ReadToTheEnd(); });
+    reader_ = std::thread([this] { service_->readToTheEnd(); });
   }
 
   void TearDown() override {
     if (reader_.joinable()) {
-      service_->Signal(SIGKILL);
+      service_->signal(SIGKILL);
       reader_.join();
     }
   }
 
   // Asks for mounts, and for their end when there is one; counts the answers. Ends
   // early when the service does not answer.
-  void Attack() {
-    for (int i = 0; i < Requests() && !HasFatalFailure(); ++i) {
-      Answer answer = Ask(PrivilegedOperation::kMount, MountText(name_) + '\0');
+  void attack() {
+    for (int i = 0; i < requests() && !HasFatalFailure(); ++i) {
+      Answer answer = ask(PrivilegedOperation::Mount, mountText(name_) + '\0');
       ++answers_[{answer.status, answer.result}];
-      EXPECT_THAT(MountsOn(kOutside), IsEmpty());
+      EXPECT_THAT(mountsOn(kOutside), IsEmpty());
       ASSERT_FALSE(HasFailure()) << "at request " << i;
       if (answer == kDone) {
         ASSERT_EQ(readFile(directory_ + "/content"), "allowed");
-        ASSERT_EQ(Ask(PrivilegedOperation::kUmount, directory_), kDone);
+        ASSERT_EQ(ask(PrivilegedOperation::Umount, directory_), kDone);
       }
     }
     for (const auto& [answer, count] : answers_) {
@@ -77,31 +77,31 @@ class PrivilegedAttack : public DeviceTest {
     }
   }
 
-  Answer Ask(PrivilegedOperation operation, const std::string& text) {
+  Answer ask(PrivilegedOperation operation, const std::string& text) {
     PrivilegedAnswer answer;
-    const int status = AskPrivilegedService(operation, text, 10000, answer);
+    const int status = askPrivilegedService(operation, text, 10000, answer);
     EXPECT_EQ(status, 0) << "the service gave no answer";
     return status == 0 ? Answer{answer.status, answer.result} : Answer{status, kUntouched};
   }
 
-  void ExpectThatItEndsWhenItIsAsked() {
-    service_->Signal(SIGTERM);
-    ASSERT_TRUE(service_->WaitUntilEnded()) << "ten seconds later it still runs";
+  void expectThatItEndsWhenItIsAsked() {
+    service_->signal(SIGTERM);
+    ASSERT_TRUE(service_->waitUntilEnded()) << "ten seconds later it still runs";
     reader_.join();
-    EXPECT_EQ(service_->WaitForEnd(), 0);
+    EXPECT_EQ(service_->waitForEnd(), 0);
   }
 
-  int Done() const { return CountOf({0, 0}); }
-  int Refused() const { return CountOf({-EPERM, 0}); }
+  int done() const { return countOf({0, 0}); }
+  int refused() const { return countOf({-EPERM, 0}); }
 
   const std::string kOutside = kPackages + "/outside";
-  const std::string name_ = UniquePackageName();
+  const std::string name_ = uniquePackageName();
   std::string image_;
   std::string directory_;
   std::unique_ptr<ServiceProcess> service_;
 
  private:
-  int CountOf(const std::pair<int, int>& answer) const {
+  int countOf(const std::pair<int, int>& answer) const {
     const auto found = answers_.find(answer);
     return found == answers_.end() ? 0 : found->second;
   }
@@ -116,14 +116,14 @@ TEST_F(PrivilegedAttack, ByExchangingTheImageHangsNothingAndMountsNothingElse) {
   {
     const Swapper swapper({{image_, kPackages + "/pipe"}, {image_, kPackages + "/link"}, {image_, kOutside}});
 
-    Attack();
+    attack();
 
     EXPECT_GT(swapper.swaps(), 0);
   }
-  EXPECT_GT(Done(), 0);
-  EXPECT_GT(Refused(), 0) << "nothing else was ever there, so this showed nothing";
-  EXPECT_THAT(LoopDevicesLeftOf(name_), IsEmpty());
-  ExpectThatItEndsWhenItIsAsked();
+  EXPECT_GT(done(), 0);
+  EXPECT_GT(refused(), 0) << "nothing else was ever there, so this showed nothing";
+  EXPECT_THAT(loopDevicesLeftOf(name_), IsEmpty());
+  expectThatItEndsWhenItIsAsked();
 }
 
 TEST_F(PrivilegedAttack, ByRenamingTheDirectoryPutsNoMountElsewhere) {
@@ -131,14 +131,14 @@ TEST_F(PrivilegedAttack, ByRenamingTheDirectoryPutsNoMountElsewhere) {
   {
     const Swapper swapper({{directory_, kOutside}, {directory_, kPackages + "/link"}});
 
-    Attack();
+    attack();
 
     EXPECT_GT(swapper.swaps(), 0);
   }
-  EXPECT_GT(Done(), 0);
-  EXPECT_GT(Refused(), 0) << "nothing else was ever there, so this showed nothing";
-  EXPECT_THAT(LoopDevicesLeftOf(name_), IsEmpty());
-  ExpectThatItEndsWhenItIsAsked();
+  EXPECT_GT(done(), 0);
+  EXPECT_GT(refused(), 0) << "nothing else was ever there, so this showed nothing";
+  EXPECT_THAT(loopDevicesLeftOf(name_), IsEmpty());
+  expectThatItEndsWhenItIsAsked();
 }
 
 // Whoever opens a file on which somebody holds a lease waits until that one gives it up.
@@ -147,9 +147,9 @@ TEST_F(PrivilegedAttack, ByALeaseOnTheImageHangsNothing) {
   const fwplatform::UniqueFd holder(open(image_.c_str(), O_RDWR | O_CLOEXEC));
   ASSERT_EQ(fcntl(holder.get(), F_SETLEASE, F_WRLCK), 0);
 
-  EXPECT_EQ(Ask(PrivilegedOperation::kMount, MountText(name_) + '\0'), FailedWith(EAGAIN));
+  EXPECT_EQ(ask(PrivilegedOperation::Mount, mountText(name_) + '\0'), failedWith(EAGAIN));
 
-  ExpectThatItEndsWhenItIsAsked();
+  expectThatItEndsWhenItIsAsked();
 }
 
 }  // namespace

@@ -29,11 +29,11 @@ inline void PrintTo(const Answer& answer, std::ostream* out) {
 inline const Answer kDone = {0, 0};
 inline const Answer kRefused = {-EPERM, kUntouched};
 
-inline Answer FailedWith(int error) {
+inline Answer failedWith(int error) {
   return {0, error};
 }
 
-inline Answer Call(int (*operation)(const char*, int, int, int*), const std::string& text) {
+inline Answer call(int (*operation)(const char*, int, int, int*), const std::string& text) {
   char buffer[1024] = {};
   std::memcpy(buffer, text.data(), std::min(text.size(), sizeof buffer - 1));
   Answer answer = {kUntouched, kUntouched};
@@ -41,15 +41,15 @@ inline Answer Call(int (*operation)(const char*, int, int, int*), const std::str
   return answer;
 }
 
-inline Answer Mount(const std::string& text) {
-  return Call(PS_Mount, text);
+inline Answer askMount(const std::string& text) {
+  return call(PS_Mount, text);
 }
 
-inline Answer Mknod(const std::string& text) {
-  return Call(PS_Mknod, text);
+inline Answer askMknod(const std::string& text) {
+  return call(PS_Mknod, text);
 }
 
-inline Answer Umount(const std::string& path) {
+inline Answer askUmount(const std::string& path) {
   Answer answer = {kUntouched, kUntouched};
   answer.status = PS_Umount(path.data(), static_cast<int>(path.size()), 0, &answer.result);
   return answer;

@@ -48,8 +48,8 @@ class PrivilegedFaults : public DeviceTest {
  protected:
   void SetUp() override {
     DeviceTest::SetUp();
-    MakeImage(name_, "the firmware");
-    directory_ = MakeDirectory(name_);
+    makeImage(name_, "the firmware");
+    directory_ = makeDirectory(name_);
   }
 
   void TearDown() override {
@@ -59,8 +59,8 @@ class PrivilegedFaults : public DeviceTest {
     faults::kernelKnowsNoMountIds = false;
   }
 
-  Answer Ask(PrivilegedOperation operation, const std::string& text) {
-    const PrivilegedAnswer answer = fwplatform::AnswerPrivilegedRequest(
+  Answer ask(PrivilegedOperation operation, const std::string& text) {
+    const PrivilegedAnswer answer = fwplatform::answerPrivilegedRequest(
         operation, text, {1, 2, 3}, [this](RequestEnd end, const PrivilegedCaller&, const std::string& line) {
           end_ = end;
           line_ = line;
@@ -68,25 +68,25 @@ class PrivilegedFaults : public DeviceTest {
     return {answer.status, answer.result};
   }
 
-  Answer AskForMount() { return Ask(PrivilegedOperation::kMount, MountText(name_) + '\0'); }
+  Answer askForMount() { return ask(PrivilegedOperation::Mount, mountText(name_) + '\0'); }
 
-  Answer MountInVain() {
+  Answer mountInVain() {
     const std::string before = readFile("/proc/self/mounts");
-    const int descriptors = CountDescriptors();
-    const Answer answer = AskForMount();
+    const int descriptors = countDescriptors();
+    const Answer answer = askForMount();
     EXPECT_EQ(readFile("/proc/self/mounts"), before);
-    EXPECT_EQ(CountDescriptors(), descriptors);
-    EXPECT_THAT(LoopDevicesLeftOf(name_), IsEmpty());
+    EXPECT_EQ(countDescriptors(), descriptors);
+    EXPECT_THAT(loopDevicesLeftOf(name_), IsEmpty());
     return answer;
   }
 
-  static int CountDescriptors() {
+  static int countDescriptors() {
     return static_cast<int>(std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator()));
   }
 
-  const std::string name_ = UniquePackageName();
+  const std::string name_ = uniquePackageName();
   std::string directory_;
-  RequestEnd end_ = RequestEnd::kGone;
+  RequestEnd end_ = RequestEnd::Gone;
   std::string line_;
 };
 
@@ -97,7 +97,7 @@ TEST_F(PrivilegedFaults, AMountOnADirectoryThatIsMovedAwayIsTakenBack) {
     return 0;
   };
 
-  EXPECT_EQ(MountInVain(), kRefusedInside);
+  EXPECT_EQ(mountInVain(), kRefusedInside);
 
   EXPECT_THAT(line_,
               HasSubstr("refused mount of pid 1, uid 2, gid 3: " + name_ + " was moved away meanwhile"));
@@ -111,7 +111,7 @@ TEST_F(PrivilegedFaults, AMountIsTakenBackWhenAnotherDirectoryHasItsName) {
     return 0;
   };
 
-  EXPECT_EQ(MountInVain(), kRefusedInside);
+  EXPECT_EQ(mountInVain(), kRefusedInside);
 }
 
 TEST_F(PrivilegedFaults, AMountIsTakenBackWhenItsParentIsReplaced) {
@@ -121,26 +121,26 @@ TEST_F(PrivilegedFaults, AMountIsTakenBackWhenItsParentIsReplaced) {
     return 0;
   };
 
-  EXPECT_EQ(MountInVain(), kRefusedInside);
+  EXPECT_EQ(mountInVain(), kRefusedInside);
 }
 
 TEST_F(PrivilegedFaults, AMountIsTakenBackWhenTheKernelDoesNotTellWhereItIs) {
   faults::kernelKnowsNoMountIds = true;
 
-  EXPECT_EQ(MountInVain(), kRefusedInside);
+  EXPECT_EQ(mountInVain(), kRefusedInside);
 }
 
 TEST_F(PrivilegedFaults, AMountIsTakenBackWhenItsPlaceCannotBeLookedAt) {
   faults::after["move_mount"] = [] { faults::before["statx"] = [] { return ENOMEM; }; };
 
-  EXPECT_EQ(MountInVain(), kRefusedInside);
+  EXPECT_EQ(mountInVain(), kRefusedInside);
 }
 
 // On such a kernel a directory that is mounted on looks like any other.
 TEST_F(PrivilegedFaults, NothingIsMountedWhereTheKernelDoesNotTellWhatIsMounted) {
   faults::kernelKnowsNoMountRoots = true;
 
-  EXPECT_EQ(MountInVain(), FailedWith(ENOSYS));
+  EXPECT_EQ(mountInVain(), failedWith(ENOSYS));
 
   EXPECT_THAT(line_, HasSubstr("seeing whether " + name_ + " is mounted: Function not implemented"));
 }
@@ -148,18 +148,18 @@ TEST_F(PrivilegedFaults, NothingIsMountedWhereTheKernelDoesNotTellWhatIsMounted)
 TEST_F(PrivilegedFaults, NothingIsMountedWhenTheDirectoryCannotBeLookedAt) {
   faults::before["statx"] = [] { return EIO; };
 
-  EXPECT_EQ(MountInVain(), FailedWith(EIO));
+  EXPECT_EQ(mountInVain(), failedWith(EIO));
 }
 
 TEST_F(PrivilegedFaults, AFailureOfAnyStepIsTheResultAndLeavesNothing) {
-  const bool inside = fwplatform::IsInUserNamespace();
+  const bool inside = fwplatform::isInUserNamespace();
   std::vector<std::string> steps = {"fsopen", "fsconfig", "fsconfig create", "fsmount", "move_mount"};
   steps.emplace_back(inside ? "mount_setattr" : "LOOP_CTL_GET_FREE");
   for (const std::string& step : steps) {
     faults::before = {{step, [] { return EIO; }}};
 
-    EXPECT_EQ(MountInVain(), FailedWith(EIO)) << step;
-    EXPECT_EQ(end_, RequestEnd::kFailed) << step;
+    EXPECT_EQ(mountInVain(), failedWith(EIO)) << step;
+    EXPECT_EQ(end_, RequestEnd::Failed) << step;
     EXPECT_THAT(line_, HasSubstr("Input/output error")) << step;
   }
 }
@@ -187,46 +187,46 @@ TEST_F(PrivilegedFaults, NothingThatIsOpenedIsInherited) {
     };
   }
 
-  EXPECT_EQ(AskForMount(), kDone);
-  EXPECT_EQ(Ask(PrivilegedOperation::kUmount, directory_), kDone);
-  Ask(PrivilegedOperation::kMknod, std::string("-m 0660 -Z * /dev/loop0  b 7 0") + '\0');
+  EXPECT_EQ(askForMount(), kDone);
+  EXPECT_EQ(ask(PrivilegedOperation::Umount, directory_), kDone);
+  ask(PrivilegedOperation::Mknod, std::string("-m 0660 -Z * /dev/loop0  b 7 0") + '\0');
 
   EXPECT_GE(looked, 7);
 }
 
 TEST_F(PrivilegedFaults, TheImageThatWasCheckedIsMountedWhateverHasItsNameByThen) {
-  const std::string other = UniquePackageName();
-  const std::string replacement = MakeImage(other, "not checked");
+  const std::string other = uniquePackageName();
+  const std::string replacement = makeImage(other, "not checked");
   faults::before["statx"] = [&] {
-    fs::rename(replacement, ImagePath(name_));
+    fs::rename(replacement, imagePath(name_));
     faults::before.clear();
     return 0;
   };
 
-  ASSERT_EQ(AskForMount(), kDone);
+  ASSERT_EQ(askForMount(), kDone);
 
-  EXPECT_EQ(end_, RequestEnd::kDone);
+  EXPECT_EQ(end_, RequestEnd::Done);
   EXPECT_EQ(readFile(directory_ + "/content"), "the firmware");
-  EXPECT_EQ(Ask(PrivilegedOperation::kUmount, directory_), kDone);
+  EXPECT_EQ(ask(PrivilegedOperation::Umount, directory_), kDone);
 }
 
 // Beside its file system: nobody can make a writable one of it by changing that.
 TEST_F(PrivilegedFaults, TheMountItselfIsReadOnly) {
-  ASSERT_EQ(AskForMount(), kDone);
+  ASSERT_EQ(askForMount(), kDone);
 
   EXPECT_THAT(readFile("/proc/self/mountinfo"), HasSubstr(" " + directory_ + " ro,nosuid,nodev"));
 
-  EXPECT_EQ(Ask(PrivilegedOperation::kUmount, directory_), kDone);
+  EXPECT_EQ(ask(PrivilegedOperation::Umount, directory_), kDone);
 }
 
 TEST_F(PrivilegedFaults, TheResultOfUnmountingIsTheKernels) {
-  ASSERT_EQ(AskForMount(), kDone);
+  ASSERT_EQ(askForMount(), kDone);
   faults::before["umount2"] = [] { return EIO; };
 
-  EXPECT_EQ(Ask(PrivilegedOperation::kUmount, directory_), FailedWith(EIO));
+  EXPECT_EQ(ask(PrivilegedOperation::Umount, directory_), failedWith(EIO));
 
   faults::before.clear();
-  EXPECT_EQ(Ask(PrivilegedOperation::kUmount, directory_), kDone);
+  EXPECT_EQ(ask(PrivilegedOperation::Umount, directory_), kDone);
 }
 
 // With real loop devices alone.
@@ -234,7 +234,7 @@ class LoopDeviceFaults : public PrivilegedFaults {
  protected:
   void SetUp() override {
     PrivilegedFaults::SetUp();
-    if (fwplatform::IsInUserNamespace()) {
+    if (fwplatform::isInUserNamespace()) {
       GTEST_SKIP() << "there are no loop devices in a user namespace";
     }
   }
@@ -244,10 +244,10 @@ TEST_F(LoopDeviceFaults, ADeviceThatAnotherProcessTookIsNoReasonToFail) {
   int attempts = 0;
   faults::before["LOOP_CONFIGURE"] = [&] { return ++attempts < 50 ? EBUSY : 0; };
 
-  EXPECT_EQ(AskForMount(), kDone);
+  EXPECT_EQ(askForMount(), kDone);
 
   EXPECT_EQ(attempts, 50);
-  EXPECT_EQ(Ask(PrivilegedOperation::kUmount, directory_), kDone);
+  EXPECT_EQ(ask(PrivilegedOperation::Umount, directory_), kDone);
 }
 
 TEST_F(LoopDeviceFaults, AMachineThatTakesEveryDeviceIsNotWaitedForWithoutEnd) {
@@ -257,7 +257,7 @@ TEST_F(LoopDeviceFaults, AMachineThatTakesEveryDeviceIsNotWaitedForWithoutEnd) {
     return EBUSY;
   };
 
-  EXPECT_EQ(MountInVain(), FailedWith(EBUSY));
+  EXPECT_EQ(mountInVain(), failedWith(EBUSY));
 
   EXPECT_EQ(attempts, 100);
 }
@@ -269,7 +269,7 @@ TEST_F(LoopDeviceFaults, AnotherErrorOfTheDeviceIsTheResult) {
     return EIO;
   };
 
-  EXPECT_EQ(MountInVain(), FailedWith(EIO));
+  EXPECT_EQ(mountInVain(), failedWith(EIO));
 
   EXPECT_EQ(attempts, 1);
 }
@@ -277,15 +277,15 @@ TEST_F(LoopDeviceFaults, AnotherErrorOfTheDeviceIsTheResult) {
 TEST_F(LoopDeviceFaults, TheDeviceIsReadOnlyAndDetachesItself) {
   loop_info64 info = {};
   faults::after["LOOP_CONFIGURE"] = [&] {
-    const UniqueFd device(open(("/dev/" + LoopDevicesOf(name_).at(0)).c_str(), O_RDONLY | O_CLOEXEC));
+    const UniqueFd device(open(("/dev/" + loopDevicesOf(name_).at(0)).c_str(), O_RDONLY | O_CLOEXEC));
     faults::after.clear();
     ASSERT_EQ(ioctl(device.get(), LOOP_GET_STATUS64, &info), 0);
   };
 
-  ASSERT_EQ(AskForMount(), kDone);
+  ASSERT_EQ(askForMount(), kDone);
 
   EXPECT_EQ(info.lo_flags, static_cast<unsigned>(LO_FLAGS_READ_ONLY | LO_FLAGS_AUTOCLEAR));
-  EXPECT_EQ(Ask(PrivilegedOperation::kUmount, directory_), kDone);
+  EXPECT_EQ(ask(PrivilegedOperation::Umount, directory_), kDone);
 }
 
 // A /dev that holds no node but these.
@@ -296,11 +296,11 @@ class LoopNodeFaults : public LoopDeviceFaults {
     if (IsSkipped()) {
       return;
     }
-    dev_.emplace(TemporaryMount::Memory("/dev"));
+    dev_.emplace(TemporaryMount::memory("/dev"));
     ASSERT_EQ(mknod("/dev/loop-control", S_IFCHR | 0600, makedev(10, 237)), 0);
   }
 
-  void MakeNodes(int first, int last) {
+  void makeNodes(int first, int last) {
     for (int number = first; number <= last; ++number) {
       const std::string path = "/dev/loop" + std::to_string(number);
       ASSERT_EQ(mknod(path.c_str(), S_IFBLK | 0660, makedev(7, static_cast<unsigned>(number))), 0);
@@ -308,7 +308,7 @@ class LoopNodeFaults : public LoopDeviceFaults {
   }
 
   // The node that the kernel would take is one that is not there.
-  static int FreeDevice() {
+  static int freeDevice() {
     const UniqueFd control(open("/dev/loop-control", O_RDWR | O_CLOEXEC));
     return ioctl(control.get(), LOOP_CTL_GET_FREE);
   }
@@ -318,42 +318,42 @@ class LoopNodeFaults : public LoopDeviceFaults {
 };
 
 TEST_F(LoopNodeFaults, AnyFreeNodeDoesWhereTheKernelsIsMissing) {
-  MakeNodes(FreeDevice() + 1, 7);
+  makeNodes(freeDevice() + 1, 7);
 
-  ASSERT_EQ(AskForMount(), kDone);
+  ASSERT_EQ(askForMount(), kDone);
 
   EXPECT_EQ(readFile(directory_ + "/content"), "the firmware");
-  EXPECT_EQ(Ask(PrivilegedOperation::kUmount, directory_), kDone);
+  EXPECT_EQ(ask(PrivilegedOperation::Umount, directory_), kDone);
 }
 
 TEST_F(LoopNodeFaults, WithoutAnyNodeTheResultSaysSo) {
-  EXPECT_EQ(MountInVain(), FailedWith(ENOENT));
+  EXPECT_EQ(mountInVain(), failedWith(ENOENT));
 }
 
 TEST_F(LoopNodeFaults, WhenAllNodesAreTakenTheResultSaysSo) {
-  MakeNodes(FreeDevice() + 1, 7);
+  makeNodes(freeDevice() + 1, 7);
   faults::before["LOOP_CONFIGURE"] = [] { return EBUSY; };
 
-  EXPECT_EQ(MountInVain(), FailedWith(EBUSY));
+  EXPECT_EQ(mountInVain(), failedWith(EBUSY));
 }
 
 TEST_F(LoopNodeFaults, WhatIsNoLoopDeviceIsNotTaken) {
-  const std::string node = "/dev/loop" + std::to_string(FreeDevice());
+  const std::string node = "/dev/loop" + std::to_string(freeDevice());
   writeFile(node, "a file");
-  EXPECT_EQ(MountInVain(), FailedWith(ENOENT));
+  EXPECT_EQ(mountInVain(), failedWith(ENOENT));
   fs::remove(node);
   ASSERT_EQ(mknod(node.c_str(), S_IFCHR | 0660, makedev(1, 3)), 0);
-  EXPECT_EQ(MountInVain(), FailedWith(ENOENT)) << "a character device";
+  EXPECT_EQ(mountInVain(), failedWith(ENOENT)) << "a character device";
   fs::remove(node);
-  ASSERT_EQ(mknod("/dev/other", S_IFBLK | 0660, makedev(7, static_cast<unsigned>(FreeDevice()))), 0);
+  ASSERT_EQ(mknod("/dev/other", S_IFBLK | 0660, makedev(7, static_cast<unsigned>(freeDevice()))), 0);
   fs::create_symlink("/dev/other", node);
-  EXPECT_EQ(MountInVain(), FailedWith(ENOENT)) << "a link";
+  EXPECT_EQ(mountInVain(), failedWith(ENOENT)) << "a link";
 }
 
 TEST_F(LoopNodeFaults, WithoutTheControlNodeNothingIsMounted) {
   fs::remove("/dev/loop-control");
 
-  EXPECT_EQ(MountInVain(), FailedWith(ENOENT));
+  EXPECT_EQ(mountInVain(), failedWith(ENOENT));
 }
 
 // Somebody puts something else in the place of the node that was just made.
@@ -370,8 +370,8 @@ TEST_F(LoopNodeFaults, ANodeThatWasReplacedKeepsItsMode) {
       ASSERT_EQ(mknod("/dev/loop8", one.type | kMode, one.device), 0);
     };
 
-    EXPECT_EQ(Ask(PrivilegedOperation::kMknod, std::string("-m 0660 -Z * /dev/loop8  b 7 8") + '\0'),
-              FailedWith(EEXIST));
+    EXPECT_EQ(ask(PrivilegedOperation::Mknod, std::string("-m 0660 -Z * /dev/loop8  b 7 8") + '\0'),
+              failedWith(EEXIST));
 
     struct stat status = {};
     ASSERT_EQ(stat("/dev/loop8", &status), 0);
@@ -385,7 +385,7 @@ TEST_F(LoopNodeFaults, ANodeIsForNobodyElseFromTheBeginning) {
   faults::after["mknodat"] = [&] { ASSERT_EQ(stat("/dev/loop8", &status), 0); };
   const mode_t previous = umask(0);
 
-  EXPECT_EQ(Ask(PrivilegedOperation::kMknod, std::string("-m 0660 -Z * /dev/loop8  b 7 8") + '\0'), kDone);
+  EXPECT_EQ(ask(PrivilegedOperation::Mknod, std::string("-m 0660 -Z * /dev/loop8  b 7 8") + '\0'), kDone);
 
   umask(previous);
   EXPECT_EQ(status.st_mode & 0777U, 0660U);
@@ -394,8 +394,8 @@ TEST_F(LoopNodeFaults, ANodeIsForNobodyElseFromTheBeginning) {
 TEST_F(LoopNodeFaults, ANodeThatIsGoneAgainIsAFailure) {
   faults::after["mknodat"] = [] { fs::remove("/dev/loop8"); };
 
-  EXPECT_EQ(Ask(PrivilegedOperation::kMknod, std::string("-m 0660 -Z * /dev/loop8  b 7 8") + '\0'),
-            FailedWith(ENOENT));
+  EXPECT_EQ(ask(PrivilegedOperation::Mknod, std::string("-m 0660 -Z * /dev/loop8  b 7 8") + '\0'),
+            failedWith(ENOENT));
   EXPECT_THAT(line_, HasSubstr("setting the mode of /dev/loop8"));
 }
 
@@ -412,7 +412,7 @@ TEST_F(PrivilegedFaults, AServiceThatEndsBeforeTheRequestIsSentIsSaidToHaveEnded
   };
   PrivilegedAnswer answer;
 
-  EXPECT_EQ(fwplatform::AskPrivilegedService(PrivilegedOperation::kUmount, directory_, 10000, answer),
+  EXPECT_EQ(fwplatform::askPrivilegedService(PrivilegedOperation::Umount, directory_, 10000, answer),
             -ECONNRESET);
 }
 
@@ -421,7 +421,7 @@ class SafePath : public DeviceTest {};
 TEST_F(SafePath, OpensWithoutAnEffectOnWhatIsOpened) {
   OpenedPath opened;
 
-  ASSERT_EQ(fwplatform::OpenEntry("/opt/usr", "apps", opened), 0);
+  ASSERT_EQ(fwplatform::openEntry("/opt/usr", "apps", opened), 0);
 
   EXPECT_NE(fcntl(opened.fd.get(), F_GETFL) & O_PATH, 0);
   EXPECT_NE(fcntl(opened.fd.get(), F_GETFD) & FD_CLOEXEC, 0);
@@ -430,10 +430,10 @@ TEST_F(SafePath, OpensWithoutAnEffectOnWhatIsOpened) {
 
 TEST_F(SafePath, OpensTheRootAndWhatIsBelow) {
   UniqueFd directory;
-  EXPECT_EQ(fwplatform::OpenDirectory("/", directory), 0);
-  EXPECT_EQ(fs::read_symlink(fwplatform::ProcPath(directory.get())), "/");
-  EXPECT_EQ(fwplatform::OpenDirectory(kEmps, directory), 0);
-  EXPECT_EQ(fs::read_symlink(fwplatform::ProcPath(directory.get())), kEmps);
+  EXPECT_EQ(fwplatform::openDirectory("/", directory), 0);
+  EXPECT_EQ(fs::read_symlink(fwplatform::procPath(directory.get())), "/");
+  EXPECT_EQ(fwplatform::openDirectory(kEmps, directory), 0);
+  EXPECT_EQ(fs::read_symlink(fwplatform::procPath(directory.get())), kEmps);
 }
 
 TEST_F(SafePath, OpensNothingThroughALinkOrAFile) {
@@ -442,12 +442,12 @@ TEST_F(SafePath, OpensNothingThroughALinkOrAFile) {
   UniqueFd directory;
   OpenedPath entry;
 
-  EXPECT_EQ(fwplatform::OpenDirectory("/tmp/link/apps", directory), ELOOP);
-  EXPECT_EQ(fwplatform::OpenDirectory("/tmp/link", directory), ELOOP);
-  EXPECT_EQ(fwplatform::OpenEntry("/tmp", "link", entry), ELOOP);
-  EXPECT_EQ(fwplatform::OpenEntry("/tmp/link", "apps", entry), ELOOP);
-  EXPECT_EQ(fwplatform::OpenDirectory("/tmp/file/x", directory), ENOTDIR);
-  EXPECT_EQ(fwplatform::OpenDirectory("/tmp/missing", directory), ENOENT);
+  EXPECT_EQ(fwplatform::openDirectory("/tmp/link/apps", directory), ELOOP);
+  EXPECT_EQ(fwplatform::openDirectory("/tmp/link", directory), ELOOP);
+  EXPECT_EQ(fwplatform::openEntry("/tmp", "link", entry), ELOOP);
+  EXPECT_EQ(fwplatform::openEntry("/tmp/link", "apps", entry), ELOOP);
+  EXPECT_EQ(fwplatform::openDirectory("/tmp/file/x", directory), ENOTDIR);
+  EXPECT_EQ(fwplatform::openDirectory("/tmp/missing", directory), ENOENT);
   EXPECT_FALSE(directory);
   EXPECT_FALSE(entry.fd);
 }
@@ -455,11 +455,11 @@ TEST_F(SafePath, OpensNothingThroughALinkOrAFile) {
 TEST_F(SafePath, ReadsWhatItHasOpened) {
   writeFile("/tmp/file", "content");
   OpenedPath file;
-  ASSERT_EQ(fwplatform::OpenEntry("/tmp", "file", file), 0);
+  ASSERT_EQ(fwplatform::openEntry("/tmp", "file", file), 0);
   fs::rename("/tmp/file", "/tmp/renamed");
   UniqueFd content;
 
-  ASSERT_EQ(fwplatform::OpenForReading(file, content), 0);
+  ASSERT_EQ(fwplatform::openForReading(file, content), 0);
 
   char bytes[8] = {};
   EXPECT_EQ(read(content.get(), bytes, sizeof bytes), 7);
@@ -473,25 +473,25 @@ TEST_F(SafePath, SaysWhyAFileCannotBeRead) {
   fs::permissions("/tmp/file", fs::perms::none);
   const WithoutFileOverride bound;
   OpenedPath file;
-  ASSERT_EQ(fwplatform::OpenEntry("/tmp", "file", file), 0);
+  ASSERT_EQ(fwplatform::openEntry("/tmp", "file", file), 0);
   UniqueFd content;
 
-  EXPECT_EQ(fwplatform::OpenForReading(file, content), EACCES);
+  EXPECT_EQ(fwplatform::openForReading(file, content), EACCES);
 }
 
 TEST_F(SafePath, TellsMountsApart) {
   fs::create_directories("/tmp/a/b");
   const UniqueFd a(open("/tmp/a", O_PATH | O_CLOEXEC));
   const UniqueFd b(open("/tmp/a/b", O_PATH | O_CLOEXEC));
-  EXPECT_TRUE(fwplatform::AreOnOneMount(a.get(), b.get()));
-  const TemporaryMount mount = TemporaryMount::Memory("/tmp/a/b");
+  EXPECT_TRUE(fwplatform::areOnOneMount(a.get(), b.get()));
+  const TemporaryMount mount = TemporaryMount::memory("/tmp/a/b");
   const UniqueFd mounted(open("/tmp/a/b", O_PATH | O_CLOEXEC));
 
-  EXPECT_FALSE(fwplatform::AreOnOneMount(a.get(), mounted.get()));
-  EXPECT_FALSE(fwplatform::AreOnOneMount(mounted.get(), a.get()));
-  EXPECT_FALSE(fwplatform::AreOnOneMount(a.get(), -1));
-  EXPECT_FALSE(fwplatform::AreOnOneMount(-1, a.get()));
-  EXPECT_FALSE(fwplatform::AreOnOneMount(-1, -1));
+  EXPECT_FALSE(fwplatform::areOnOneMount(a.get(), mounted.get()));
+  EXPECT_FALSE(fwplatform::areOnOneMount(mounted.get(), a.get()));
+  EXPECT_FALSE(fwplatform::areOnOneMount(a.get(), -1));
+  EXPECT_FALSE(fwplatform::areOnOneMount(-1, a.get()));
+  EXPECT_FALSE(fwplatform::areOnOneMount(-1, -1));
 }
 
 }  // namespace

@@ -43,8 +43,8 @@
 namespace {
 
 namespace fs = std::filesystem;
-using fwplatform::AskPrivilegedService;
-using fwplatform::EncodePrivilegedMessage;
+using fwplatform::askPrivilegedService;
+using fwplatform::encodePrivilegedMessage;
 using fwplatform::kPrivilegedSocketPath;
 using fwplatform::PrivilegedAnswer;
 using fwplatform::PrivilegedOperation;
@@ -59,35 +59,35 @@ constexpr uid_t kNobody = 65534;
 constexpr gid_t kDaemonGroup = 1;
 constexpr gid_t kNoGroup = 65534;
 
-sockaddr_un ServiceAddress() {
+sockaddr_un serviceAddress() {
   sockaddr_un address = {};
   address.sun_family = AF_UNIX;
   std::strcpy(address.sun_path, kPrivilegedSocketPath);
   return address;
 }
 
-UniqueFd Listen(int backlog = 16) {
+UniqueFd listen(int backlog = 16) {
   UniqueFd listener(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-  const sockaddr_un address = ServiceAddress();
+  const sockaddr_un address = serviceAddress();
   EXPECT_EQ(bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-  EXPECT_EQ(listen(listener.get(), backlog), 0);
+  EXPECT_EQ(::listen(listener.get(), backlog), 0);
   return listener;
 }
 
-UniqueFd Connect() {
+UniqueFd connect() {
   UniqueFd client(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-  const sockaddr_un address = ServiceAddress();
+  const sockaddr_un address = serviceAddress();
   EXPECT_EQ(connect(client.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0)
       << std::strerror(errno);
   return client;
 }
 
-void Send(const UniqueFd& client, const std::string& bytes) {
+void send(const UniqueFd& client, const std::string& bytes) {
   EXPECT_EQ(send(client.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
 }
 
 // The bytes of the service's answer; "" when it closes the connection.
-std::string Receive(const UniqueFd& client) {
+std::string receive(const UniqueFd& client) {
   pollfd ready = {client.get(), POLLIN, 0};
   EXPECT_EQ(poll(&ready, 1, 10000), 1) << "no answer in ten seconds";
   char bytes[64];
@@ -95,18 +95,18 @@ std::string Receive(const UniqueFd& client) {
   return {bytes, length > 0 ? static_cast<std::size_t>(length) : 0};
 }
 
-int StatusOf(const std::string& bytes) {
-  const auto answer = fwplatform::DecodePrivilegedAnswer(bytes);
+int statusOf(const std::string& bytes) {
+  const auto answer = fwplatform::decodePrivilegedAnswer(bytes);
   EXPECT_TRUE(answer) << "no answer";
   return answer ? answer->status : -1;
 }
 
-std::string MountMessage(const std::string& name) {
-  return EncodePrivilegedMessage(PrivilegedOperation::kMount, MountText(name) + '\0');
+std::string mountMessage(const std::string& name) {
+  return encodePrivilegedMessage(PrivilegedOperation::Mount, mountText(name) + '\0');
 }
 
 // Runs a function as another user, in a child; its result must fit an exit code.
-int AsUser(uid_t user, gid_t group, const std::vector<gid_t>& groups, const std::function<int()>& function) {
+int asUser(uid_t user, gid_t group, const std::vector<gid_t>& groups, const std::function<int()>& function) {
   const pid_t child = fork();
   if (child == 0) {
     const bool changed = setgroups(groups.size(), groups.data()) == 0 &&
@@ -120,30 +120,30 @@ int AsUser(uid_t user, gid_t group, const std::vector<gid_t>& groups, const std:
 
 class PrivilegedService : public DeviceTest {
  protected:
-  void Start(const std::vector<std::string>& arguments = {}) { Start(ServiceStart{arguments, -1, {}}); }
-  void Start(const ServiceStart& start) {
+  void start(const std::vector<std::string>& arguments = {}) { start(ServiceStart{arguments, -1, {}}); }
+  void start(const ServiceStart& start) {
     service_ = std::make_unique<ServiceProcess>(start);
-    ASSERT_TRUE(service_->WaitUntilServing());
+    ASSERT_TRUE(service_->waitUntilServing());
   }
 
   // The service serves, seen from an ordinary request.
-  void ExpectServing() {
-    EXPECT_TRUE(service_->IsRunning());
-    MakeImage(name_, "served");
-    MakeDirectory(name_);
-    EXPECT_EQ(Mount(MountText(name_)), kDone);
-    EXPECT_EQ(Umount(DirectoryPath(name_)), kDone);
-    EXPECT_THAT(service_->WaitForLine("unmounted " + name_), HasSubstr(ThisProcess()));
+  void expectServing() {
+    EXPECT_TRUE(service_->isRunning());
+    makeImage(name_, "served");
+    makeDirectory(name_);
+    EXPECT_EQ(askMount(mountText(name_)), kDone);
+    EXPECT_EQ(askUmount(directoryPath(name_)), kDone);
+    EXPECT_THAT(service_->waitForLine("unmounted " + name_), HasSubstr(thisProcess()));
   }
 
-  static std::string ThisProcess() { return "for pid " + std::to_string(getpid()) + ", uid 0, gid 0"; }
+  static std::string thisProcess() { return "for pid " + std::to_string(getpid()) + ", uid 0, gid 0"; }
 
   std::unique_ptr<ServiceProcess> service_;
-  const std::string name_ = UniquePackageName();
+  const std::string name_ = uniquePackageName();
 };
 
 // How often a line with these words is in the log, with those that are told in one.
-int CountIn(const std::string& log, const std::string& words) {
+int countIn(const std::string& log, const std::string& words) {
   static const std::regex kMore("privileged: (\\d+) more like this of uid \\d+ within 5 seconds, the last: ");
   int count = 0;
   std::istringstream lines(log);
@@ -157,122 +157,122 @@ int CountIn(const std::string& log, const std::string& words) {
 }
 
 TEST_F(PrivilegedService, MountsAndUnmountsForRoot) {
-  Start();
-  MakeImage(name_, "the firmware");
-  const std::string directory = MakeDirectory(name_);
+  start();
+  makeImage(name_, "the firmware");
+  const std::string directory = makeDirectory(name_);
 
-  ASSERT_EQ(Mount(MountText(name_)), kDone);
+  ASSERT_EQ(askMount(mountText(name_)), kDone);
 
-  const std::string line = service_->WaitForLine(name_ + ".img on " + name_);
-  EXPECT_THAT(line, HasSubstr(fwplatform::IsInUserNamespace()
+  const std::string line = service_->waitForLine(name_ + ".img on " + name_);
+  EXPECT_THAT(line, HasSubstr(fwplatform::isInUserNamespace()
                                   ? "onto a read-only tmpfs, because the kernel refuses loop mounts here"
                                   : "through /dev/loop"));
-  EXPECT_THAT(line, HasSubstr(ThisProcess()));
+  EXPECT_THAT(line, HasSubstr(thisProcess()));
   EXPECT_EQ(readFile(directory + "/content"), "the firmware");
-  EXPECT_EQ(Umount(directory), kDone);
-  EXPECT_THAT(service_->WaitForLine("unmounted " + name_), HasSubstr(ThisProcess()));
-  EXPECT_THAT(MountsOn(directory), IsEmpty());
-  EXPECT_THAT(LoopDevicesLeftOf(name_), IsEmpty());
+  EXPECT_EQ(askUmount(directory), kDone);
+  EXPECT_THAT(service_->waitForLine("unmounted " + name_), HasSubstr(thisProcess()));
+  EXPECT_THAT(mountsOn(directory), IsEmpty());
+  EXPECT_THAT(loopDevicesLeftOf(name_), IsEmpty());
 }
 
 TEST_F(PrivilegedService, TellsWhyAnOperationFailed) {
-  Start();
-  MakeDirectory(name_);
+  start();
+  makeDirectory(name_);
 
-  EXPECT_EQ(Mount(MountText(name_)), FailedWith(ENOENT));
+  EXPECT_EQ(askMount(mountText(name_)), failedWith(ENOENT));
 
-  EXPECT_THAT(service_->WaitForLine("No such file"), HasSubstr(ThisProcess()));
+  EXPECT_THAT(service_->waitForLine("No such file"), HasSubstr(thisProcess()));
 }
 
 TEST_F(PrivilegedService, LogsEveryRefusalWithWhoAsked) {
-  Start();
+  start();
   struct Case {
     PrivilegedOperation operation;
     std::string text;
     std::string reason;
   };
-  const std::string elsewhere = "-o ro,loop,nodev,nosuid /etc/shadow " + DirectoryPath(name_);
+  const std::string elsewhere = "-o ro,loop,nodev,nosuid /etc/shadow " + directoryPath(name_);
   const Case cases[] = {
-      {PrivilegedOperation::kMount, elsewhere + '\0', "\"/etc/shadow\" is not a plain name directly in"},
-      {PrivilegedOperation::kMount, MountText("..") + '\0', "is not a plain name directly in"},
-      {PrivilegedOperation::kMount, "-o rw " + ImagePath(name_) + " " + DirectoryPath(name_) + '\0',
+      {PrivilegedOperation::Mount, elsewhere + '\0', "\"/etc/shadow\" is not a plain name directly in"},
+      {PrivilegedOperation::Mount, mountText("..") + '\0', "is not a plain name directly in"},
+      {PrivilegedOperation::Mount, "-o rw " + imagePath(name_) + " " + directoryPath(name_) + '\0',
        "the mount option \"rw\" is not allowed"},
-      {PrivilegedOperation::kMount, "unterminated", "the text is not terminated"},
-      {PrivilegedOperation::kMknod, std::string("-m 0660 -Z * /dev/mem  c 1 1\0", 29), "is not of the form"},
-      {PrivilegedOperation::kMknod, std::string("-m 0660 -Z * /dev/loop250  b 7 250\0", 35), "/dev/loop249"},
-      {PrivilegedOperation::kUmount, "/", "is not a plain name directly in"},
-      {PrivilegedOperation::kUmount, "/opt/\x1B[2J\n", "\"/opt/\\x1B[2J\\x0A\" is not"},
+      {PrivilegedOperation::Mount, "unterminated", "the text is not terminated"},
+      {PrivilegedOperation::Mknod, std::string("-m 0660 -Z * /dev/mem  c 1 1\0", 29), "is not of the form"},
+      {PrivilegedOperation::Mknod, std::string("-m 0660 -Z * /dev/loop250  b 7 250\0", 35), "/dev/loop249"},
+      {PrivilegedOperation::Umount, "/", "is not a plain name directly in"},
+      {PrivilegedOperation::Umount, "/opt/\x1B[2J\n", "\"/opt/\\x1B[2J\\x0A\" is not"},
       {static_cast<PrivilegedOperation>(9), "x", "unknown operation"},
   };
 
   for (const Case& one : cases) {
     PrivilegedAnswer answer;
-    ASSERT_EQ(AskPrivilegedService(one.operation, one.text, 10000, answer), 0);
+    ASSERT_EQ(askPrivilegedService(one.operation, one.text, 10000, answer), 0);
     EXPECT_EQ(answer.status, -EPERM) << one.text;
-    const std::string line = service_->WaitForLine("refused ");
+    const std::string line = service_->waitForLine("refused ");
     EXPECT_THAT(line, HasSubstr("of pid " + std::to_string(getpid()) + ", uid 0, gid 0: "));
     EXPECT_THAT(line, HasSubstr(one.reason));
   }
-  ExpectServing();
+  expectServing();
 }
 
 TEST_F(PrivilegedService, RefusesOtherUsers) {
-  if (fwplatform::IsInUserNamespace()) {
+  if (fwplatform::isInUserNamespace()) {
     GTEST_SKIP() << "a user namespace has only one user";
   }
-  Start();
-  MakeImage(name_, "x");
-  MakeDirectory(name_);
+  start();
+  makeImage(name_, "x");
+  makeDirectory(name_);
 
-  const int refused = AsUser(kNobody, kNoGroup, {kDaemonGroup}, [&] {
-    return Mount(MountText(name_)) == kRefused && Umount(DirectoryPath(name_)) == kRefused &&
-           Mknod("-m 0660 -Z * /dev/loop200  b 7 200") == kRefused;
+  const int refused = asUser(kNobody, kNoGroup, {kDaemonGroup}, [&] {
+    return askMount(mountText(name_)) == kRefused && askUmount(directoryPath(name_)) == kRefused &&
+           askMknod("-m 0660 -Z * /dev/loop200  b 7 200") == kRefused;
   });
 
   EXPECT_EQ(refused, 1);
-  EXPECT_THAT(service_->WaitForLine("refused mount of"),
+  EXPECT_THAT(service_->waitForLine("refused mount of"),
               HasSubstr("uid 65534, gid 65534: the caller is neither root nor in the group of the service"));
-  EXPECT_FALSE(service_->WaitForLine("refused umount of").empty());
-  EXPECT_FALSE(service_->WaitForLine("refused mknod of").empty());
-  EXPECT_THAT(MountsOn(DirectoryPath(name_)), IsEmpty());
+  EXPECT_FALSE(service_->waitForLine("refused umount of").empty());
+  EXPECT_FALSE(service_->waitForLine("refused mknod of").empty());
+  EXPECT_THAT(mountsOn(directoryPath(name_)), IsEmpty());
 }
 
 TEST_F(PrivilegedService, ServesTheMembersOfItsGroup) {
-  if (fwplatform::IsInUserNamespace()) {
+  if (fwplatform::isInUserNamespace()) {
     GTEST_SKIP() << "a user namespace has only one user";
   }
-  Start({"--group", "nogroup"});
-  MakeImage(name_, "for the group");
-  MakeDirectory(name_);
+  start({"--group", "nogroup"});
+  makeImage(name_, "for the group");
+  makeDirectory(name_);
   const auto mountAndUnmount = [&] {
-    return Mount(MountText(name_)) == kDone && Umount(DirectoryPath(name_)) == kDone;
+    return askMount(mountText(name_)) == kDone && askUmount(directoryPath(name_)) == kDone;
   };
 
-  EXPECT_EQ(AsUser(kNobody, kNoGroup, {}, mountAndUnmount), 1) << "by its own group";
-  EXPECT_EQ(AsUser(kNobody, kDaemonGroup, {kNoGroup}, mountAndUnmount), 1) << "by a further group";
-  EXPECT_EQ(AsUser(kNobody, kDaemonGroup, {2, 3}, mountAndUnmount), 0) << "by none";
+  EXPECT_EQ(asUser(kNobody, kNoGroup, {}, mountAndUnmount), 1) << "by its own group";
+  EXPECT_EQ(asUser(kNobody, kDaemonGroup, {kNoGroup}, mountAndUnmount), 1) << "by a further group";
+  EXPECT_EQ(asUser(kNobody, kDaemonGroup, {2, 3}, mountAndUnmount), 0) << "by none";
 
-  EXPECT_FALSE(service_->WaitForLine("uid 65534, gid 1: the caller is neither root").empty());
+  EXPECT_FALSE(service_->waitForLine("uid 65534, gid 1: the caller is neither root").empty());
 }
 
 TEST_F(PrivilegedService, FindsItsGroupAmongMany) {
-  if (fwplatform::IsInUserNamespace()) {
+  if (fwplatform::isInUserNamespace()) {
     GTEST_SKIP() << "a user namespace has only one user";
   }
-  Start({"--group", "nogroup"});
+  start({"--group", "nogroup"});
   std::vector<gid_t> many;
   for (gid_t group = 1000; group < 1200; ++group) {
     many.push_back(group);
   }
   many.push_back(kNoGroup);
 
-  EXPECT_EQ(
-      AsUser(kNobody, kDaemonGroup, many, [&] { return Umount(DirectoryPath(name_)) == FailedWith(ENOENT); }),
-      1);
+  EXPECT_EQ(asUser(kNobody, kDaemonGroup, many,
+                   [&] { return askUmount(directoryPath(name_)) == failedWith(ENOENT); }),
+            1);
 }
 
 // The numbers of the capabilities that the unit leaves to the service.
-std::vector<int> CapabilitiesOfTheUnit() {
+std::vector<int> capabilitiesOfTheUnit() {
   static const std::map<std::string, int> kNumbers = {{"CAP_DAC_READ_SEARCH", CAP_DAC_READ_SEARCH},
                                                       {"CAP_SYS_ADMIN", CAP_SYS_ADMIN},
                                                       {"CAP_MKNOD", CAP_MKNOD}};
@@ -291,37 +291,37 @@ std::vector<int> CapabilitiesOfTheUnit() {
 }
 
 TEST_F(PrivilegedService, NeedsNoOtherCapabilitiesThanItsUnitLeavesIt) {
-  if (fwplatform::IsInUserNamespace()) {
+  if (fwplatform::isInUserNamespace()) {
     GTEST_SKIP() << "a user namespace has only one user";
   }
-  const std::vector<int> capabilities = CapabilitiesOfTheUnit();
+  const std::vector<int> capabilities = capabilitiesOfTheUnit();
   ASSERT_THAT(capabilities, SizeIs(3));
-  Start(ServiceStart{{}, -1, capabilities});
-  MakeImage(name_, "of another user");
-  MakeDirectory(name_);
-  ASSERT_EQ(chown(ImagePath(name_).c_str(), kNobody, kNoGroup), 0);
-  ASSERT_EQ(chmod(ImagePath(name_).c_str(), 0600), 0);
+  start(ServiceStart{{}, -1, capabilities});
+  makeImage(name_, "of another user");
+  makeDirectory(name_);
+  ASSERT_EQ(chown(imagePath(name_).c_str(), kNobody, kNoGroup), 0);
+  ASSERT_EQ(chmod(imagePath(name_).c_str(), 0600), 0);
 
-  EXPECT_EQ(Mount(MountText(name_)), kDone);
+  EXPECT_EQ(askMount(mountText(name_)), kDone);
 
-  EXPECT_EQ(readFile(DirectoryPath(name_) + "/content"), "of another user");
-  EXPECT_EQ(Umount(DirectoryPath(name_)), kDone);
+  EXPECT_EQ(readFile(directoryPath(name_) + "/content"), "of another user");
+  EXPECT_EQ(askUmount(directoryPath(name_)), kDone);
 }
 
 TEST_F(PrivilegedService, MakesNodesWithTheCapabilitiesOfItsUnit) {
-  if (fwplatform::IsInUserNamespace()) {
+  if (fwplatform::isInUserNamespace()) {
     GTEST_SKIP() << "a user namespace has no device nodes";
   }
-  const TemporaryMount dev = TemporaryMount::Memory("/dev");
-  Start(ServiceStart{{}, -1, CapabilitiesOfTheUnit()});
+  const TemporaryMount dev = TemporaryMount::memory("/dev");
+  start(ServiceStart{{}, -1, capabilitiesOfTheUnit()});
 
-  EXPECT_EQ(Mknod("-m 0660 -Z * /dev/loop200  b 7 200"), kDone);
+  EXPECT_EQ(askMknod("-m 0660 -Z * /dev/loop200  b 7 200"), kDone);
 
   EXPECT_TRUE(fs::is_block_file("/dev/loop200"));
 }
 
 // The numbers of what stands in the process's status as a mask of capabilities.
-std::vector<int> CapabilitiesIn(pid_t process, const std::string& field) {
+std::vector<int> capabilitiesIn(pid_t process, const std::string& field) {
   std::ifstream status("/proc/" + std::to_string(process) + "/status");
   std::vector<int> capabilities;
   for (std::string line; std::getline(status, line);) {
@@ -338,22 +338,22 @@ std::vector<int> CapabilitiesIn(pid_t process, const std::string& field) {
 }
 
 TEST_F(PrivilegedService, StartedByHandKeepsNoMoreThanItsUnitWouldLeaveIt) {
-  Start();
+  start();
 
   for (const char* const field : {"CapEff", "CapPrm", "CapBnd"}) {
-    EXPECT_THAT(CapabilitiesIn(service_->pid(), field), UnorderedElementsAreArray(CapabilitiesOfTheUnit()))
+    EXPECT_THAT(capabilitiesIn(service_->pid(), field), UnorderedElementsAreArray(capabilitiesOfTheUnit()))
         << field;
   }
   for (const char* const field : {"CapInh", "CapAmb"}) {
-    EXPECT_THAT(CapabilitiesIn(service_->pid(), field), IsEmpty()) << field;
+    EXPECT_THAT(capabilitiesIn(service_->pid(), field), IsEmpty()) << field;
   }
   EXPECT_THAT(readFile("/proc/" + std::to_string(service_->pid()) + "/status"),
               HasSubstr("NoNewPrivs:\t1\n"));
-  ExpectServing();
+  expectServing();
 }
 
 // Every call of the kernel that mounts or unmounts and does not stand in the unit.
-std::vector<int> MountCallsThatTheUnitForbids() {
+std::vector<int> mountCallsThatTheUnitForbids() {
   static const std::map<std::string, int> kCalls = {{"chroot", SYS_chroot},
                                                     {"fsconfig", SYS_fsconfig},
                                                     {"fsmount", SYS_fsmount},
@@ -383,43 +383,43 @@ std::vector<int> MountCallsThatTheUnitForbids() {
 }
 
 TEST_F(PrivilegedService, NeedsNoOtherMountCallsThanItsUnitLeavesIt) {
-  if (fwplatform::IsInUserNamespace()) {
+  if (fwplatform::isInUserNamespace()) {
     GTEST_SKIP() << "images are unpacked there, without the unit";
   }
-  ServiceStart start;
-  start.deniedCalls = MountCallsThatTheUnitForbids();
-  ASSERT_THAT(start.deniedCalls, SizeIs(6));
-  Start(start);
+  ServiceStart how;
+  how.deniedCalls = mountCallsThatTheUnitForbids();
+  ASSERT_THAT(how.deniedCalls, SizeIs(6));
+  start(how);
 
-  ExpectServing();
+  expectServing();
 }
 
 TEST_F(PrivilegedService, EndsWhenItsGroupDoesNotExist) {
   ServiceProcess service(ServiceStart{{"--group", "no-such-group"}, -1, {}});
 
-  EXPECT_THAT(service.WaitForLine("fw-privileged"),
+  EXPECT_THAT(service.waitForLine("fw-privileged"),
               testing::StrEq("fw-privileged: there is no group \"no-such-group\""));
-  EXPECT_EQ(service.WaitForEnd(), 1);
+  EXPECT_EQ(service.waitForEnd(), 1);
 }
 
 TEST_F(PrivilegedService, RefusesWhatIsNoRequestAndStaysUp) {
-  Start();
-  const std::string good = MountMessage(name_);
+  start();
+  const std::string good = mountMessage(name_);
 
   for (const std::string& bytes : {std::string(), std::string("x"), good.substr(0, 5), "xx" + good,
                                    std::string(70000, 'x'), good.substr(0, 6) + std::string(1025, 'a')}) {
-    const UniqueFd client = Connect();
-    Send(client, bytes);
-    EXPECT_EQ(StatusOf(Receive(client)), -EPERM) << bytes.size() << " bytes";
-    EXPECT_THAT(service_->WaitForLine("refused "), HasSubstr("it is no request"));
+    const UniqueFd client = connect();
+    send(client, bytes);
+    EXPECT_EQ(statusOf(receive(client)), -EPERM) << bytes.size() << " bytes";
+    EXPECT_THAT(service_->waitForLine("refused "), HasSubstr("it is no request"));
   }
-  ExpectServing();
+  expectServing();
 }
 
 TEST_F(PrivilegedService, StaysUpThroughTenThousandRandomMessages) {
-  Start();
+  start();
   // The log is read meanwhile, so that the service never waits for its reader.
-  std::thread reader([this] { service_->WaitForLine("unmounted " + name_); });
+  std::thread reader([this] { service_->waitForLine("unmounted " + name_); });
   const unsigned seed = std::random_device()();
   SCOPED_TRACE("seed " + std::to_string(seed));
   std::mt19937 random(seed);
@@ -427,10 +427,10 @@ TEST_F(PrivilegedService, StaysUpThroughTenThousandRandomMessages) {
     return std::uniform_int_distribution<unsigned>(0, limit - 1)(random);
   };
   const std::string good[] = {
-      MountMessage(name_),
-      EncodePrivilegedMessage(PrivilegedOperation::kMknod,
+      mountMessage(name_),
+      encodePrivilegedMessage(PrivilegedOperation::Mknod,
                               std::string("-m 0660 -Z * /dev/loop250  b 7 250\0", 35)),
-      EncodePrivilegedMessage(PrivilegedOperation::kUmount, DirectoryPath(name_))};
+      encodePrivilegedMessage(PrivilegedOperation::Umount, directoryPath(name_))};
 
   for (int i = 0; i < 10000; ++i) {
     std::string bytes = good[below(3)];
@@ -441,185 +441,185 @@ TEST_F(PrivilegedService, StaysUpThroughTenThousandRandomMessages) {
     for (unsigned changes = below(4) + 1; changes > 0 && !bytes.empty(); --changes) {
       bytes[below(static_cast<unsigned>(bytes.size()))] = static_cast<char>(below(256));
     }
-    const UniqueFd client = Connect();
-    Send(client, bytes);
-    const auto answer = fwplatform::DecodePrivilegedAnswer(Receive(client));
+    const UniqueFd client = connect();
+    send(client, bytes);
+    const auto answer = fwplatform::decodePrivilegedAnswer(receive(client));
     // A change may have left a good request for an image that is not there.
     ASSERT_TRUE(answer && (answer->status == -EPERM || answer->result != 0)) << i;
   }
 
-  EXPECT_TRUE(service_->IsRunning());
-  MakeImage(name_, "served");
-  MakeDirectory(name_);
-  EXPECT_EQ(Mount(MountText(name_)), kDone);
-  EXPECT_EQ(Umount(DirectoryPath(name_)), kDone);
+  EXPECT_TRUE(service_->isRunning());
+  makeImage(name_, "served");
+  makeDirectory(name_);
+  EXPECT_EQ(askMount(mountText(name_)), kDone);
+  EXPECT_EQ(askUmount(directoryPath(name_)), kDone);
   reader.join();
 }
 
 TEST_F(PrivilegedService, DoesNotWaitForAClientThatSendsNothing) {
-  Start();
-  const UniqueFd silent = Connect();
+  start();
+  const UniqueFd silent = connect();
 
-  ExpectServing();
+  expectServing();
 
-  EXPECT_EQ(Receive(silent), "") << "it is sent away after a while";
-  EXPECT_THAT(service_->WaitForLine("refused a connection"), HasSubstr("no request came in time"));
+  EXPECT_EQ(receive(silent), "") << "it is sent away after a while";
+  EXPECT_THAT(service_->waitForLine("refused a connection"), HasSubstr("no request came in time"));
 }
 
 TEST_F(PrivilegedService, LimitsHowManySilentClientsAUserHas) {
-  Start();
+  start();
   std::vector<UniqueFd> silent;
   for (int i = 0; i < 65; ++i) {
-    silent.push_back(Connect());
+    silent.push_back(connect());
   }
 
-  EXPECT_THAT(service_->WaitForLine("refused a connection"), HasSubstr("too many send nothing"));
-  EXPECT_EQ(Receive(silent[0]), "") << "the oldest one";
-  ExpectServing();
+  EXPECT_THAT(service_->waitForLine("refused a connection"), HasSubstr("too many send nothing"));
+  EXPECT_EQ(receive(silent[0]), "") << "the oldest one";
+  expectServing();
 }
 
 // Silent clients of another user; whoever they are is asked when they connect.
-void ConnectAs(uid_t user, gid_t group, int count, std::vector<UniqueFd>& silent) {
+void connectAs(uid_t user, gid_t group, int count, std::vector<UniqueFd>& silent) {
   ASSERT_EQ(setgroups(0, nullptr), 0);
   ASSERT_EQ(setegid(group), 0);
   ASSERT_EQ(seteuid(user), 0);
   for (int i = 0; i < count; ++i) {
-    silent.push_back(Connect());
+    silent.push_back(connect());
   }
   ASSERT_EQ(seteuid(0), 0);
   ASSERT_EQ(setegid(0), 0);
 }
 
 TEST_F(PrivilegedService, LimitsHowManySilentClientsAllUsersHave) {
-  if (fwplatform::IsInUserNamespace()) {
+  if (fwplatform::isInUserNamespace()) {
     GTEST_SKIP() << "a user namespace has only one user";
   }
-  Start({"--group", "nogroup"});
+  start({"--group", "nogroup"});
   std::vector<UniqueFd> silent;
   // Two that may ask, and one user who has few, came first.
-  const UniqueFd first = Connect();
-  ConnectAs(kNobody, kNoGroup, 1, silent);
-  ConnectAs(kNobody - 1, kDaemonGroup, 4, silent);
+  const UniqueFd first = connect();
+  connectAs(kNobody, kNoGroup, 1, silent);
+  connectAs(kNobody - 1, kDaemonGroup, 4, silent);
   // The others are no more than a user can have, and too many together.
-  ConnectAs(kNobody, kDaemonGroup, 62, silent);
+  connectAs(kNobody, kDaemonGroup, 62, silent);
   for (const uid_t user : {kNobody - 2, kNobody - 3, kNobody - 4}) {
-    ConnectAs(user, kDaemonGroup, 60, silent);
+    connectAs(user, kDaemonGroup, 60, silent);
   }
-  ConnectAs(kNobody - 5, kDaemonGroup, 10, silent);
+  connectAs(kNobody - 5, kDaemonGroup, 10, silent);
 
   // 258 were waiting at most: two had to go.
   for (int i = 0; i < 2; ++i) {
-    EXPECT_THAT(service_->WaitForLine("too many send nothing"), HasSubstr("uid 65534, gid 1:"))
+    EXPECT_THAT(service_->waitForLine("too many send nothing"), HasSubstr("uid 65534, gid 1:"))
         << "the stranger who has most";
   }
-  Send(first, MountMessage(name_));
-  EXPECT_EQ(fwplatform::DecodePrivilegedAnswer(Receive(first))->result, ENOENT)
+  send(first, mountMessage(name_));
+  EXPECT_EQ(fwplatform::decodePrivilegedAnswer(receive(first))->result, ENOENT)
       << "it is served all the same";
 }
 
 TEST_F(PrivilegedService, GoesOnWithoutFreeDescriptors) {
-  ServiceStart start;
-  start.descriptors = 32;
-  Start(start);
+  ServiceStart how;
+  how.descriptors = 32;
+  start(how);
   std::vector<UniqueFd> silent;
   for (int i = 0; i < 60; ++i) {
-    silent.push_back(Connect());
+    silent.push_back(connect());
   }
 
-  EXPECT_THAT(service_->WaitForLine("refused a connection"), HasSubstr("too many send nothing"));
+  EXPECT_THAT(service_->waitForLine("refused a connection"), HasSubstr("too many send nothing"));
 
   silent.clear();
-  ExpectServing();
+  expectServing();
 }
 
 TEST_F(PrivilegedService, WaitsForADescriptorWhenItHasNoneAtAll) {
   if (thoroughness::kUnderASanitizer) {
     GTEST_SKIP() << "a sanitizer needs descriptors of its own";
   }
-  ServiceStart start;
+  ServiceStart how;
   // Its own streams, the socket, the signals: nothing is left for a client.
-  const UniqueFd listener = Listen();
-  start.listener = listener.get();
-  start.descriptors = 5;
-  Start(start);
-  const UniqueFd client = Connect();
-  Send(client, MountMessage(name_));
+  const UniqueFd listener = listen();
+  how.listener = listener.get();
+  how.descriptors = 5;
+  start(how);
+  const UniqueFd client = connect();
+  send(client, mountMessage(name_));
   rlimit more = {64, 64};
 
   pollfd answer = {client.get(), POLLIN, 0};
   EXPECT_EQ(poll(&answer, 1, 300), 0) << "it can't be taken yet";
   ASSERT_EQ(prlimit(service_->pid(), RLIMIT_NOFILE, &more, nullptr), 0);
 
-  EXPECT_EQ(fwplatform::DecodePrivilegedAnswer(Receive(client))->result, ENOENT);
+  EXPECT_EQ(fwplatform::decodePrivilegedAnswer(receive(client))->result, ENOENT);
 }
 
 TEST_F(PrivilegedService, TellsWhatItLeavesOutOfTheLogInOneLine) {
-  Start();
+  start();
   constexpr int kRefusals = 3000;
   std::string log;
-  std::thread reader([&] { log = service_->ReadToTheEnd(); });
+  std::thread reader([&] { log = service_->readToTheEnd(); });
 
   for (int i = 0; i < kRefusals; ++i) {
-    const UniqueFd client = Connect();
-    Send(client, "nonsense");
-    ASSERT_EQ(StatusOf(Receive(client)), -EPERM);
+    const UniqueFd client = connect();
+    send(client, "nonsense");
+    ASSERT_EQ(statusOf(receive(client)), -EPERM);
   }
-  service_->Signal(SIGTERM);
+  service_->signal(SIGTERM);
   reader.join();
 
-  EXPECT_EQ(CountIn(log, "it is no request"), kRefusals) << log;
+  EXPECT_EQ(countIn(log, "it is no request"), kRefusals) << log;
   EXPECT_LT(log.size(), 20000U);
 }
 
 TEST_F(PrivilegedService, CountsClientsThatCloseAtOnce) {
-  Start();
+  start();
   constexpr int kClients = 1000;
   std::string log;
-  std::thread reader([&] { log = service_->ReadToTheEnd(); });
+  std::thread reader([&] { log = service_->readToTheEnd(); });
 
   for (int i = 0; i < kClients; ++i) {
-    Connect();
+    connect();
   }
-  EXPECT_EQ(Umount(DirectoryPath(name_)), FailedWith(ENOENT)) << "all before it have been taken";
-  service_->Signal(SIGTERM);
+  EXPECT_EQ(askUmount(directoryPath(name_)), failedWith(ENOENT)) << "all before it have been taken";
+  service_->signal(SIGTERM);
   reader.join();
 
-  EXPECT_EQ(CountIn(log, "nothing done, because the caller has gone: pid"), kClients) << log;
+  EXPECT_EQ(countIn(log, "nothing done, because the caller has gone: pid"), kClients) << log;
   EXPECT_LT(log.size(), 20000U);
 }
 
 TEST_F(PrivilegedService, TellsWhatItLeftOutWhileItGoesOn) {
-  Start();
+  start();
   for (int i = 0; i < 21; ++i) {
-    const UniqueFd client = Connect();
-    Send(client, "nonsense");
-    ASSERT_EQ(StatusOf(Receive(client)), -EPERM);
+    const UniqueFd client = connect();
+    send(client, "nonsense");
+    ASSERT_EQ(statusOf(receive(client)), -EPERM);
   }
 
-  EXPECT_THAT(service_->WaitForLine("more like this"),
+  EXPECT_THAT(service_->waitForLine("more like this"),
               HasSubstr("1 more like this of uid 0 within 5 seconds, the last: refused a message of pid"));
 }
 
 TEST_F(PrivilegedService, ServesManyClientsAtOnce) {
-  Start();
+  start();
   constexpr std::size_t kClients = 40;
   struct Client {
-    std::string name = UniquePackageName();
+    std::string name = uniquePackageName();
     Answer mounted = {};
     std::string content;
     Answer unmounted = {};
   };
   std::vector<Client> clients(kClients);
   for (const Client& client : clients) {
-    MakeImage(client.name, client.name);
-    MakeDirectory(client.name);
+    makeImage(client.name, client.name);
+    makeDirectory(client.name);
   }
   std::vector<std::thread> threads;
   for (Client& client : clients) {
     threads.emplace_back([&client] {
-      client.mounted = Mount(MountText(client.name));
-      std::ifstream(DirectoryPath(client.name) + "/content") >> client.content;
-      client.unmounted = Umount(DirectoryPath(client.name));
+      client.mounted = askMount(mountText(client.name));
+      std::ifstream(directoryPath(client.name) + "/content") >> client.content;
+      client.unmounted = askUmount(directoryPath(client.name));
     });
   }
   for (std::thread& thread : threads) {
@@ -634,58 +634,58 @@ TEST_F(PrivilegedService, ServesManyClientsAtOnce) {
 }
 
 TEST_F(PrivilegedService, DoesNothingForACallerThatHasGone) {
-  Start();
-  MakeImage(name_, "x");
-  MakeDirectory(name_);
-  service_->Signal(SIGSTOP);
+  start();
+  makeImage(name_, "x");
+  makeDirectory(name_);
+  service_->signal(SIGSTOP);
   {
-    const UniqueFd client = Connect();
-    Send(client, MountMessage(name_));
+    const UniqueFd client = connect();
+    send(client, mountMessage(name_));
   }
-  service_->Signal(SIGCONT);
-  ASSERT_EQ(Umount(DirectoryPath(name_)), FailedWith(EINVAL));
+  service_->signal(SIGCONT);
+  ASSERT_EQ(askUmount(directoryPath(name_)), failedWith(EINVAL));
 
-  EXPECT_THAT(service_->WaitForLine(name_), HasSubstr("unmount of " + name_ + ": Invalid argument"))
+  EXPECT_THAT(service_->waitForLine(name_), HasSubstr("unmount of " + name_ + ": Invalid argument"))
       << "the first thing done";
 }
 
 TEST_F(PrivilegedService, TakesAMountBackWhenTheAnswerReachesNobody) {
-  Start();
-  MakeImage(name_, "x");
-  MakeDirectory(name_);
-  const UniqueFd client = Connect();
+  start();
+  makeImage(name_, "x");
+  makeDirectory(name_);
+  const UniqueFd client = connect();
   ASSERT_EQ(shutdown(client.get(), SHUT_RD), 0);
 
-  Send(client, MountMessage(name_));
+  send(client, mountMessage(name_));
 
-  EXPECT_THAT(service_->WaitForLine("unmounted " + name_), HasSubstr("because the caller has gone"));
-  EXPECT_THAT(MountsOn(DirectoryPath(name_)), IsEmpty());
-  EXPECT_THAT(LoopDevicesLeftOf(name_), IsEmpty());
+  EXPECT_THAT(service_->waitForLine("unmounted " + name_), HasSubstr("because the caller has gone"));
+  EXPECT_THAT(mountsOn(directoryPath(name_)), IsEmpty());
+  EXPECT_THAT(loopDevicesLeftOf(name_), IsEmpty());
 }
 
 // What is mounted there is not what the caller who has gone asked for.
 TEST_F(PrivilegedService, TakesNothingBackOfARequestThatFailed) {
-  Start();
-  MakeImage(name_, "x");
-  MakeDirectory(name_);
-  ASSERT_EQ(Mount(MountText(name_)), kDone);
-  const UniqueFd client = Connect();
+  start();
+  makeImage(name_, "x");
+  makeDirectory(name_);
+  ASSERT_EQ(askMount(mountText(name_)), kDone);
+  const UniqueFd client = connect();
   ASSERT_EQ(shutdown(client.get(), SHUT_RD), 0);
 
-  Send(client, MountMessage(name_));
+  send(client, mountMessage(name_));
 
-  EXPECT_THAT(service_->WaitForLine("is mounted already"), HasSubstr("Device or resource busy"));
-  EXPECT_EQ(Umount(DirectoryPath(name_)), kDone) << "it was still there";
+  EXPECT_THAT(service_->waitForLine("is mounted already"), HasSubstr("Device or resource busy"));
+  EXPECT_EQ(askUmount(directoryPath(name_)), kDone) << "it was still there";
 }
 
 TEST_F(PrivilegedService, TakesItsSocketFromTheServiceManager) {
-  const UniqueFd listener = Listen();
+  const UniqueFd listener = listen();
   service_ = std::make_unique<ServiceProcess>(ServiceStart{{}, listener.get(), {}});
 
-  ExpectServing();
+  expectServing();
 
-  service_->Signal(SIGTERM);
-  EXPECT_EQ(service_->WaitForEnd(), 0);
+  service_->signal(SIGTERM);
+  EXPECT_EQ(service_->waitForEnd(), 0);
   EXPECT_TRUE(exists(kPrivilegedSocketPath)) << "the socket is the service manager's";
 }
 
@@ -693,53 +693,53 @@ TEST_F(PrivilegedService, RefusesAnotherKindOfSocketFromTheServiceManager) {
   const UniqueFd other(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   ServiceProcess service(ServiceStart{{}, other.get(), {}});
 
-  EXPECT_THAT(service.WaitForLine("fw-privileged"),
+  EXPECT_THAT(service.waitForLine("fw-privileged"),
               HasSubstr("must hand over one listening Unix sequenced-packet"));
-  EXPECT_EQ(service.WaitForEnd(), 1);
+  EXPECT_EQ(service.waitForEnd(), 1);
 }
 
 TEST_F(PrivilegedService, RefusesASocketOfTheServiceManagerThatDoesNotListen) {
   const UniqueFd other(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
   const UniqueFd internet(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  ASSERT_EQ(listen(internet.get(), 1), 0);
+  ASSERT_EQ(::listen(internet.get(), 1), 0);
 
   for (const UniqueFd* const one : {&other, &internet}) {
     ServiceProcess service(ServiceStart{{}, one->get(), {}});
-    EXPECT_THAT(service.WaitForLine("fw-privileged"),
+    EXPECT_THAT(service.waitForLine("fw-privileged"),
                 HasSubstr("must hand over one listening Unix sequenced-packet"));
-    EXPECT_EQ(service.WaitForEnd(), 1);
+    EXPECT_EQ(service.waitForEnd(), 1);
   }
 }
 
 TEST_F(PrivilegedService, RefusesTwoSocketsFromTheServiceManager) {
-  const UniqueFd listener = Listen();
-  ServiceStart start;
-  start.listener = listener.get();
-  start.handedOver = 2;
-  ServiceProcess service(start);
+  const UniqueFd listener = listen();
+  ServiceStart how;
+  how.listener = listener.get();
+  how.handedOver = 2;
+  ServiceProcess service(how);
 
-  EXPECT_THAT(service.WaitForLine("fw-privileged"), HasSubstr("must hand over one listening"));
-  EXPECT_EQ(service.WaitForEnd(), 1);
+  EXPECT_THAT(service.waitForLine("fw-privileged"), HasSubstr("must hand over one listening"));
+  EXPECT_EQ(service.waitForEnd(), 1);
 }
 
 TEST_F(PrivilegedService, EndsWhenItCannotUnderstandTheServiceManager) {
-  const UniqueFd listener = Listen();
-  ServiceStart start;
-  start.listener = listener.get();
-  start.environment = {{"LISTEN_FDS", "one"}};
-  ServiceProcess service(start);
+  const UniqueFd listener = listen();
+  ServiceStart how;
+  how.listener = listener.get();
+  how.environment = {{"LISTEN_FDS", "one"}};
+  ServiceProcess service(how);
 
-  EXPECT_THAT(service.WaitForLine("fw-privileged"), HasSubstr("must hand over one listening"));
-  EXPECT_EQ(service.WaitForEnd(), 1);
+  EXPECT_THAT(service.waitForLine("fw-privileged"), HasSubstr("must hand over one listening"));
+  EXPECT_EQ(service.waitForEnd(), 1);
 }
 
 TEST_F(PrivilegedService, TakesNoSocketsThatAreMeantForAnotherProcess) {
-  ServiceStart start;
-  start.environment = {{"LISTEN_FDS", "1"}, {"LISTEN_PID", "1"}};
-  Start(start);
+  ServiceStart how;
+  how.environment = {{"LISTEN_FDS", "1"}, {"LISTEN_PID", "1"}};
+  start(how);
 
   EXPECT_TRUE(exists(kPrivilegedSocketPath)) << "it made its own";
-  ExpectServing();
+  expectServing();
 }
 
 // The socket where a service manager would listen for what its services tell.
@@ -752,7 +752,7 @@ class NotifySocket {
     EXPECT_EQ(bind(socket_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
   }
   // "" when nothing comes within ten seconds.
-  std::string Next() const {
+  std::string next() const {
     pollfd ready = {socket_.get(), POLLIN, 0};
     char text[64];
     const ssize_t length = poll(&ready, 1, 10000) > 0 ? recv(socket_.get(), text, sizeof text, 0) : 0;
@@ -767,25 +767,25 @@ class NotifySocket {
 
 TEST_F(PrivilegedService, TellsTheServiceManagerThatItServesAndIsAlive) {
   const NotifySocket manager;
-  ServiceStart start;
-  start.environment = {
+  ServiceStart how;
+  how.environment = {
       {"NOTIFY_SOCKET", NotifySocket::kPath}, {"WATCHDOG_USEC", "100000"}, {"WATCHDOG_PID", "PID"}};
-  Start(start);
+  start(how);
 
-  EXPECT_EQ(manager.Next(), "READY=1");
-  EXPECT_EQ(manager.Next(), "WATCHDOG=1");
-  EXPECT_EQ(manager.Next(), "WATCHDOG=1") << "without a request";
-  ExpectServing();
+  EXPECT_EQ(manager.next(), "READY=1");
+  EXPECT_EQ(manager.next(), "WATCHDOG=1");
+  EXPECT_EQ(manager.next(), "WATCHDOG=1") << "without a request";
+  expectServing();
 }
 
 TEST_F(PrivilegedService, TellsNobodyThatItIsAliveWhenNobodyWatches) {
   const NotifySocket manager;
-  ServiceStart start;
-  start.environment = {{"NOTIFY_SOCKET", NotifySocket::kPath}};
-  Start(start);
-  ExpectServing();
-  service_->Signal(SIGTERM);
-  EXPECT_EQ(service_->WaitForEnd(), 0);
+  ServiceStart how;
+  how.environment = {{"NOTIFY_SOCKET", NotifySocket::kPath}};
+  start(how);
+  expectServing();
+  service_->signal(SIGTERM);
+  EXPECT_EQ(service_->waitForEnd(), 0);
   const std::string end = "the end";
   const UniqueFd other(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   sockaddr_un address = {};
@@ -795,48 +795,48 @@ TEST_F(PrivilegedService, TellsNobodyThatItIsAliveWhenNobodyWatches) {
                    sizeof address),
             0);
 
-  EXPECT_EQ(manager.Next(), "READY=1");
-  EXPECT_EQ(manager.Next(), end);
+  EXPECT_EQ(manager.next(), "READY=1");
+  EXPECT_EQ(manager.next(), end);
 }
 
 TEST_F(PrivilegedService, RemovesItsSocketWhenItEnds) {
   for (const int signal : {SIGTERM, SIGINT}) {
-    Start();
+    start();
     ASSERT_TRUE(exists(kPrivilegedSocketPath));
 
-    service_->Signal(signal);
+    service_->signal(signal);
 
-    EXPECT_EQ(service_->WaitForEnd(), 0);
+    EXPECT_EQ(service_->waitForEnd(), 0);
     EXPECT_FALSE(exists(kPrivilegedSocketPath));
   }
 }
 
 TEST_F(PrivilegedService, TakesOverFromOneThatWasKilled) {
-  Start();
-  service_->Signal(SIGKILL);
-  ASSERT_EQ(service_->WaitForEnd(), -SIGKILL);
+  start();
+  service_->signal(SIGKILL);
+  ASSERT_EQ(service_->waitForEnd(), -SIGKILL);
   ASSERT_TRUE(exists(kPrivilegedSocketPath));
 
-  Start();
+  start();
 
-  ExpectServing();
+  expectServing();
 }
 
 TEST_F(PrivilegedService, LeavesTheSocketToOneThatRuns) {
-  Start();
+  start();
   ServiceProcess second;
 
-  EXPECT_THAT(second.WaitForLine("fw-privileged"), HasSubstr("another service listens on"));
-  EXPECT_EQ(second.WaitForEnd(), 1);
-  ExpectServing();
+  EXPECT_THAT(second.waitForLine("fw-privileged"), HasSubstr("another service listens on"));
+  EXPECT_EQ(second.waitForEnd(), 1);
+  expectServing();
 }
 
 TEST_F(PrivilegedService, LeavesAFileInItsPlaceAlone) {
   writeFile(kPrivilegedSocketPath, "a file");
   ServiceProcess service;
 
-  EXPECT_THAT(service.WaitForLine("fw-privileged"), HasSubstr("is there already and is no socket"));
-  EXPECT_EQ(service.WaitForEnd(), 1);
+  EXPECT_THAT(service.waitForLine("fw-privileged"), HasSubstr("is there already and is no socket"));
+  EXPECT_EQ(service.waitForEnd(), 1);
   EXPECT_EQ(readFile(kPrivilegedSocketPath), "a file");
 }
 
@@ -844,37 +844,37 @@ TEST_F(PrivilegedService, ExplainsItsArguments) {
   for (const std::vector<std::string>& arguments :
        {std::vector<std::string>{"--grup"}, {"--group"}, {"stray"}}) {
     ServiceProcess service(ServiceStart{arguments, -1, {}});
-    EXPECT_FALSE(service.WaitForLine("Usage: fw-privileged").empty());
-    EXPECT_EQ(service.WaitForEnd(), 2);
+    EXPECT_FALSE(service.waitForLine("Usage: fw-privileged").empty());
+    EXPECT_EQ(service.waitForEnd(), 2);
   }
 }
 
 // What a client meets when the service is not well. The test is the service.
 class PrivilegedClient : public DeviceTest {
  protected:
-  static int Ask(int patienceMs, PrivilegedAnswer& answer) {
-    return AskPrivilegedService(PrivilegedOperation::kUmount, DirectoryPath("x"), patienceMs, answer);
+  static int ask(int patienceMs, PrivilegedAnswer& answer) {
+    return askPrivilegedService(PrivilegedOperation::Umount, directoryPath("x"), patienceMs, answer);
   }
 
   // Asks a service that takes the request and then does as the function says.
-  static int AskOneThat(const std::function<void(int client)>& answers, PrivilegedAnswer& answer) {
-    const UniqueFd listener = Listen();
+  static int askOneThat(const std::function<void(int client)>& answers, PrivilegedAnswer& answer) {
+    const UniqueFd listener = listen();
     std::thread service([&] {
       const UniqueFd client(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
       char request[2048];
       EXPECT_GT(recv(client.get(), request, sizeof request, 0), 0);
       answers(client.get());
     });
-    const int status = Ask(10000, answer);
+    const int status = ask(10000, answer);
     service.join();
     fs::remove(kPrivilegedSocketPath);
     return status;
   }
 
-  static int AskOneThatSends(const std::string& bytes) {
+  static int askOneThatSends(const std::string& bytes) {
     PrivilegedAnswer answer = {kUntouched, kUntouched};
     const int status =
-        AskOneThat([&](int client) { send(client, bytes.data(), bytes.size(), MSG_NOSIGNAL); }, answer);
+        askOneThat([&](int client) { send(client, bytes.data(), bytes.size(), MSG_NOSIGNAL); }, answer);
     EXPECT_EQ(answer.status, kUntouched);
     EXPECT_EQ(answer.result, kUntouched);
     return status;
@@ -884,9 +884,9 @@ class PrivilegedClient : public DeviceTest {
 TEST_F(PrivilegedClient, PassesTheAnswerOn) {
   PrivilegedAnswer answer;
 
-  const int status = AskOneThat(
+  const int status = askOneThat(
       [](int client) {
-        const std::string bytes = fwplatform::EncodePrivilegedAnswer({-7, 42});
+        const std::string bytes = fwplatform::encodePrivilegedAnswer({-7, 42});
         send(client, bytes.data(), bytes.size(), MSG_NOSIGNAL);
       },
       answer);
@@ -897,60 +897,60 @@ TEST_F(PrivilegedClient, PassesTheAnswerOn) {
 }
 
 TEST_F(PrivilegedClient, SaysWhenTheAnswerIsNonsense) {
-  const std::string good = fwplatform::EncodePrivilegedAnswer({0, 0});
+  const std::string good = fwplatform::encodePrivilegedAnswer({0, 0});
 
-  EXPECT_EQ(AskOneThatSends("nonsense"), -EPROTO);
-  EXPECT_EQ(AskOneThatSends(good.substr(0, 13)), -EPROTO);
-  EXPECT_EQ(AskOneThatSends(good + "x"), -EPROTO);
-  EXPECT_EQ(AskOneThatSends(std::string(60000, 'x')), -EPROTO);
+  EXPECT_EQ(askOneThatSends("nonsense"), -EPROTO);
+  EXPECT_EQ(askOneThatSends(good.substr(0, 13)), -EPROTO);
+  EXPECT_EQ(askOneThatSends(good + "x"), -EPROTO);
+  EXPECT_EQ(askOneThatSends(std::string(60000, 'x')), -EPROTO);
 }
 
 TEST_F(PrivilegedClient, SaysWhenTheServiceEndsBeforeItAnswers) {
   PrivilegedAnswer answer;
 
-  EXPECT_EQ(AskOneThat([](int) {}, answer), -ECONNRESET);
+  EXPECT_EQ(askOneThat([](int) {}, answer), -ECONNRESET);
 }
 
 TEST_F(PrivilegedClient, StopsWaitingForASlowService) {
-  const UniqueFd listener = Listen();
+  const UniqueFd listener = listen();
   PrivilegedAnswer answer;
 
-  EXPECT_EQ(Ask(100, answer), -ETIMEDOUT);
+  EXPECT_EQ(ask(100, answer), -ETIMEDOUT);
 }
 
 TEST_F(PrivilegedClient, WaitsForNothingWhenItsTimeIsOverAlready) {
-  const UniqueFd listener = Listen();
+  const UniqueFd listener = listen();
   PrivilegedAnswer answer;
 
-  EXPECT_EQ(Ask(-1000, answer), -ETIMEDOUT);
+  EXPECT_EQ(ask(-1000, answer), -ETIMEDOUT);
 }
 
 TEST_F(PrivilegedClient, StopsWaitingForAServiceThatTakesNobody) {
-  const UniqueFd listener = Listen(0);
+  const UniqueFd listener = listen(0);
   PrivilegedAnswer answer;
   // With no room for more, the second of these has to wait already.
-  const UniqueFd first = Connect();
+  const UniqueFd first = connect();
 
-  EXPECT_EQ(Ask(100, answer), -ETIMEDOUT);
-  EXPECT_EQ(Ask(-100, answer), -ETIMEDOUT) << "without any time, either";
+  EXPECT_EQ(ask(100, answer), -ETIMEDOUT);
+  EXPECT_EQ(ask(-100, answer), -ETIMEDOUT) << "without any time, either";
 }
 
 TEST_F(PrivilegedClient, SaysWhenNoServiceIsThere) {
   PrivilegedAnswer answer;
-  EXPECT_EQ(Ask(10000, answer), -ENOENT);
-  { const UniqueFd listener = Listen(); }
-  EXPECT_EQ(Ask(10000, answer), -ECONNREFUSED);
+  EXPECT_EQ(ask(10000, answer), -ENOENT);
+  { const UniqueFd listener = listen(); }
+  EXPECT_EQ(ask(10000, answer), -ECONNREFUSED);
 }
 
 TEST_F(PrivilegedClient, DoesTheWorkItselfOnlyAsRoot) {
-  if (fwplatform::IsInUserNamespace()) {
+  if (fwplatform::isInUserNamespace()) {
     GTEST_SKIP() << "a user namespace has only one user";
   }
-  EXPECT_EQ(Umount(DirectoryPath("x")), FailedWith(ENOENT)) << "root needs no service";
+  EXPECT_EQ(askUmount(directoryPath("x")), failedWith(ENOENT)) << "root needs no service";
 
-  const int failed = AsUser(kNobody, kNoGroup, {}, [] {
+  const int failed = asUser(kNobody, kNoGroup, {}, [] {
     int result = kUntouched;
-    const std::string path = DirectoryPath("x");
+    const std::string path = directoryPath("x");
     return PS_Umount(path.data(), static_cast<int>(path.size()), 0, &result) == -ENOENT &&
            result == kUntouched;
   });

@@ -22,7 +22,7 @@ namespace {
 constexpr int kPatienceMs = 10000;
 
 // False when a capability that is to go can't be dropped.
-bool KeepOnly(const std::vector<int>& capabilities) {
+bool keepOnly(const std::vector<int>& capabilities) {
   for (int capability = 0; prctl(PR_CAPBSET_READ, capability) >= 0; ++capability) {
     const bool keep = std::count(capabilities.begin(), capabilities.end(), capability) != 0;
     if (!keep && prctl(PR_CAPBSET_DROP, capability) != 0) {
@@ -33,7 +33,7 @@ bool KeepOnly(const std::vector<int>& capabilities) {
 }
 
 // False when the filter can't be set.
-bool Deny(const std::vector<int>& calls) {
+bool deny(const std::vector<int>& calls) {
   std::vector<sock_filter> filter = {BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr))};
   for (const int call : calls) {
     filter.push_back(BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<unsigned>(call), 0, 1));
@@ -45,14 +45,14 @@ bool Deny(const std::vector<int>& calls) {
          prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
 }
 
-void LimitDescriptors(unsigned count) {
+void limitDescriptors(unsigned count) {
   rlimit limit = {};
   getrlimit(RLIMIT_NOFILE, &limit);
   limit.rlim_cur = count;
   setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-void HandOver(int listener, int count) {
+void handOver(int listener, int count) {
   // A copy first: dup2 of a descriptor onto itself would leave it to be closed.
   const int copy = fcntl(listener, F_DUPFD, 3 + count);
   for (int i = 0; i < count; ++i) {
@@ -63,23 +63,23 @@ void HandOver(int listener, int count) {
   setenv("LISTEN_PID", std::to_string(getpid()).c_str(), 1);
 }
 
-[[noreturn]] void RunService(const ServiceStart& start, int log) {
+[[noreturn]] void runService(const ServiceStart& start, int log) {
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   setenv("FW_UPDATE_LOG", "stderr", 1);
   dup2(log, STDERR_FILENO);
   if (start.listener >= 0) {
-    HandOver(start.listener, start.handedOver);
+    handOver(start.listener, start.handedOver);
   }
   for (const auto& [name, value] : start.environment) {
     setenv(name.c_str(), value == "PID" ? std::to_string(getpid()).c_str() : value.c_str(), 1);
   }
   if (start.descriptors != 0) {
-    LimitDescriptors(start.descriptors);
+    limitDescriptors(start.descriptors);
   }
-  if (start.capabilities && !KeepOnly(*start.capabilities)) {
+  if (start.capabilities && !keepOnly(*start.capabilities)) {
     _exit(126);
   }
-  if (!start.deniedCalls.empty() && !Deny(start.deniedCalls)) {
+  if (!start.deniedCalls.empty() && !deny(start.deniedCalls)) {
     _exit(126);
   }
   std::vector<char*> words = {const_cast<char*>("fw-privileged")};
@@ -100,7 +100,7 @@ ServiceProcess::ServiceProcess(const ServiceStart& start) {
   }
   pid_ = fork();
   if (pid_ == 0) {
-    RunService(start, ends[1]);
+    runService(start, ends[1]);
   }
   close(ends[1]);
   log_ = ends[0];
@@ -108,22 +108,22 @@ ServiceProcess::ServiceProcess(const ServiceStart& start) {
 
 ServiceProcess::~ServiceProcess() {
   if (pid_ > 0) {
-    Stop();
+    stop();
   }
   close(log_);
 }
 
 // Asks first: a process that is killed says nothing about what it has counted.
-void ServiceProcess::Stop() const {
-  Signal(SIGTERM);
-  Signal(SIGCONT);
-  if (!WaitUntilEnded()) {
-    Signal(SIGKILL);
+void ServiceProcess::stop() const {
+  signal(SIGTERM);
+  signal(SIGCONT);
+  if (!waitUntilEnded()) {
+    signal(SIGKILL);
   }
   waitpid(pid_, nullptr, 0);
 }
 
-bool ServiceProcess::WaitUntilEnded() const {
+bool ServiceProcess::waitUntilEnded() const {
   const int process = static_cast<int>(syscall(SYS_pidfd_open, pid_, 0));
   pollfd end = {process, POLLIN, 0};
   const bool ended = process >= 0 && poll(&end, 1, kPatienceMs) > 0;
@@ -131,7 +131,7 @@ bool ServiceProcess::WaitUntilEnded() const {
   return ended;
 }
 
-std::string ServiceProcess::WaitForLine(const std::string& text) {
+std::string ServiceProcess::waitForLine(const std::string& text) {
   for (;;) {
     const std::size_t end = unread_.find('\n');
     if (end != std::string::npos) {
@@ -152,7 +152,7 @@ std::string ServiceProcess::WaitForLine(const std::string& text) {
   }
 }
 
-std::string ServiceProcess::ReadToTheEnd() {
+std::string ServiceProcess::readToTheEnd() {
   std::string text = std::move(unread_);
   unread_.clear();
   char block[4096];
@@ -162,19 +162,19 @@ std::string ServiceProcess::ReadToTheEnd() {
   return text;
 }
 
-bool ServiceProcess::IsRunning() const {
+bool ServiceProcess::isRunning() const {
   siginfo_t info = {};
   return waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid == 0;
 }
 
-void ServiceProcess::Signal(int signal) const {
+void ServiceProcess::signal(int signal) const {
   // A process that has ended has no number any more, and -1 would be everybody.
   if (pid_ > 0) {
     kill(pid_, signal);
   }
 }
 
-int ServiceProcess::WaitForEnd() {
+int ServiceProcess::waitForEnd() {
   int status = 0;
   waitpid(pid_, &status, 0);
   pid_ = -1;

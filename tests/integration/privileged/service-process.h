@@ -38,22 +38,22 @@ class ServiceProcess {
 
   // Reads on until a line holds the text, and gives that line; "" when the
   // service ends, or says nothing of the kind for ten seconds.
-  std::string WaitForLine(const std::string& text);
-  bool WaitUntilServing() { return !WaitForLine("privileged: serving root").empty(); }
+  std::string waitForLine(const std::string& text);
+  bool waitUntilServing() { return !waitForLine("privileged: serving root").empty(); }
 
   // Everything that it says from now on until it ends.
-  std::string ReadToTheEnd();
+  std::string readToTheEnd();
 
   // Whether it still runs.
-  bool IsRunning() const;
+  bool isRunning() const;
   // False when it still runs after ten seconds.
-  bool WaitUntilEnded() const;
-  void Signal(int signal) const;
+  bool waitUntilEnded() const;
+  void signal(int signal) const;
   // The exit code, or the negative number of the signal that ended it.
-  int WaitForEnd();
+  int waitForEnd();
 
  private:
-  void Stop() const;
+  void stop() const;
 
   pid_t pid_ = -1;
   int log_ = -1;

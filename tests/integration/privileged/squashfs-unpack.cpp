@@ -32,26 +32,26 @@ class SquashfsUnpack : public DeviceTest {
  protected:
   void SetUp() override {
     DeviceTest::SetUp();
-    MakeImage(name_, "the content");
+    makeImage(name_, "the content");
   }
 
-  int Unpack(const UnpackLimits& limits = {}, unsigned attributes = MOUNT_ATTR_RDONLY) {
-    const UniqueFd image(open(ImagePath(name_).c_str(), O_RDONLY | O_CLOEXEC));
-    return fwplatform::UnpackOnTmpfs(image, attributes, limits, tree_, reason_);
+  int unpack(const UnpackLimits& limits = {}, unsigned attributes = MOUNT_ATTR_RDONLY) {
+    const UniqueFd image(open(imagePath(name_).c_str(), O_RDONLY | O_CLOEXEC));
+    return fwplatform::unpackOnTmpfs(image, attributes, limits, tree_, reason_);
   }
 
   // Lets a shell script be what unpacks. It gets the tree as its working directory.
-  TemporaryMount UnpackWith(const std::string& script) {
+  TemporaryMount unpackWith(const std::string& script) {
     writeFile("/tmp/unpacker", "#!/bin/sh\ncd /proc/self/fd/4\n" + script);
     fs::permissions("/tmp/unpacker", fs::perms::all);
-    return TemporaryMount::Bind("/tmp/unpacker", "/usr/bin/unsquashfs");
+    return TemporaryMount::bind("/tmp/unpacker", "/usr/bin/unsquashfs");
   }
 
-  std::string Unpacked(const std::string& name) const {
+  std::string unpacked(const std::string& name) const {
     return readFile("/proc/self/fd/" + std::to_string(tree_.get()) + "/" + name);
   }
 
-  static std::string Noise(std::size_t size) {
+  static std::string noise(std::size_t size) {
     std::mt19937 random(1);
     std::string noise(size, '\0');
     for (char& byte : noise) {
@@ -60,7 +60,7 @@ class SquashfsUnpack : public DeviceTest {
     return noise;
   }
 
-  const std::string name_ = UniquePackageName();
+  const std::string name_ = uniquePackageName();
   UniqueFd tree_;
   std::string reason_;
 };
@@ -68,9 +68,9 @@ class SquashfsUnpack : public DeviceTest {
 TEST_F(SquashfsUnpack, GivesAReadOnlyTreeThatIsMountedNowhere) {
   const std::string mounts = readFile("/proc/self/mounts");
 
-  ASSERT_EQ(Unpack({}, MOUNT_ATTR_RDONLY | MOUNT_ATTR_NODEV | MOUNT_ATTR_NOSUID), 0) << reason_;
+  ASSERT_EQ(unpack({}, MOUNT_ATTR_RDONLY | MOUNT_ATTR_NODEV | MOUNT_ATTR_NOSUID), 0) << reason_;
 
-  EXPECT_EQ(Unpacked("content"), "the content");
+  EXPECT_EQ(unpacked("content"), "the content");
   EXPECT_EQ(openat(tree_.get(), "new", O_CREAT | O_WRONLY | O_CLOEXEC, 0600), -1);
   EXPECT_EQ(errno, EROFS);
   struct statfs status = {};
@@ -82,32 +82,32 @@ TEST_F(SquashfsUnpack, GivesAReadOnlyTreeThatIsMountedNowhere) {
 }
 
 TEST_F(SquashfsUnpack, KeepsTheWholeDeviceFromFillingUp) {
-  fs::remove(ImagePath(name_));
-  MakeImage(name_, Noise(3U << 20U));
+  fs::remove(imagePath(name_));
+  makeImage(name_, noise(3U << 20U));
   UnpackLimits limits;
   limits.size = "2m";
 
-  EXPECT_EQ(Unpack(limits), ENOSPC);
+  EXPECT_EQ(unpack(limits), ENOSPC);
 
   EXPECT_EQ(reason_, "the image is too big");
   EXPECT_FALSE(tree_);
   limits.size = "4m";
-  EXPECT_EQ(Unpack(limits), 0) << reason_;
+  EXPECT_EQ(unpack(limits), 0) << reason_;
 }
 
 TEST_F(SquashfsUnpack, LimitsTheNumberOfFilesToo) {
-  fs::remove(ImagePath(name_));
-  MakeImage(name_, "x", "-p '/one d 755 0 0' -p '/two d 755 0 0' -p '/three d 755 0 0'");
+  fs::remove(imagePath(name_));
+  makeImage(name_, "x", "-p '/one d 755 0 0' -p '/two d 755 0 0' -p '/three d 755 0 0'");
   UnpackLimits limits;
   limits.files = "4";
 
-  EXPECT_EQ(Unpack(limits), ENOSPC);
+  EXPECT_EQ(unpack(limits), ENOSPC);
 
   EXPECT_EQ(reason_, "the image is too big");
 }
 
 TEST_F(SquashfsUnpack, HasALimitUnlessItIsTold) {
-  ASSERT_EQ(Unpack(), 0) << reason_;
+  ASSERT_EQ(unpack(), 0) << reason_;
 
   struct statfs status = {};
   ASSERT_EQ(fstatfs(tree_.get(), &status), 0);
@@ -116,11 +116,11 @@ TEST_F(SquashfsUnpack, HasALimitUnlessItIsTold) {
 }
 
 TEST_F(SquashfsUnpack, EndsAnUnpackerThatHangs) {
-  const TemporaryMount unpacker = UnpackWith("exec sleep 30");
+  const TemporaryMount unpacker = unpackWith("exec sleep 30");
   UnpackLimits limits;
   limits.milliseconds = 100;
 
-  EXPECT_EQ(Unpack(limits), ETIMEDOUT);
+  EXPECT_EQ(unpack(limits), ETIMEDOUT);
 
   EXPECT_EQ(reason_, "unsquashfs took too long or was ended");
   EXPECT_FALSE(tree_);
@@ -131,87 +131,87 @@ TEST_F(SquashfsUnpack, GivesTheUnpackerTimeUnlessItIsTold) {
 }
 
 TEST_F(SquashfsUnpack, GivesTheUnpackerNoRightsOutsideOfItsOwnNamespace) {
-  const TemporaryMount unpacker = UnpackWith("readlink /proc/self/ns/user >namespace");
+  const TemporaryMount unpacker = unpackWith("readlink /proc/self/ns/user >namespace");
 
-  ASSERT_EQ(Unpack(), 0) << reason_;
+  ASSERT_EQ(unpack(), 0) << reason_;
 
-  EXPECT_THAT(Unpacked("namespace"), HasSubstr("user:["));
-  EXPECT_THAT(Unpacked("namespace"), Not(HasSubstr(fs::read_symlink("/proc/self/ns/user").string())));
+  EXPECT_THAT(unpacked("namespace"), HasSubstr("user:["));
+  EXPECT_THAT(unpacked("namespace"), Not(HasSubstr(fs::read_symlink("/proc/self/ns/user").string())));
 }
 
 TEST_F(SquashfsUnpack, GivesTheUnpackerNoOtherDescriptorsAndNoEnvironment) {
   const int left = fcntl(open("/dev/null", O_RDONLY | O_CLOEXEC), F_DUPFD, 100);
   ASSERT_GE(left, 100);
   // A shell without variables of its own invention, and without its script's descriptor.
-  const TemporaryMount unpacker = UnpackWith(
+  const TemporaryMount unpacker = unpackWith(
       "ls /proc/self/fd >descriptors\nreadlink /proc/self/fd/* >links\n"
       "cat /proc/self/environ >environment\nreadlink /proc/$$/fd/0 >input");
 
-  ASSERT_EQ(Unpack(), 0) << reason_;
+  ASSERT_EQ(unpack(), 0) << reason_;
 
-  EXPECT_THAT(Unpacked("descriptors"), HasSubstr("\n3\n4\n"));
-  EXPECT_THAT(Unpacked("descriptors"), Not(HasSubstr(std::to_string(left))));
-  EXPECT_THAT(Unpacked("links"), HasSubstr(name_ + ".img"));
-  EXPECT_THAT(Unpacked("links"), HasSubstr("memfd:unsquashfs"));
-  EXPECT_THAT(Unpacked("input"), HasSubstr("memfd:unsquashfs")) << "nothing to read, and not the service's";
-  EXPECT_THAT(Unpacked("environment"), HasSubstr("LC_ALL=C"));
-  EXPECT_THAT(Unpacked("environment"), Not(HasSubstr("HOME=")));
+  EXPECT_THAT(unpacked("descriptors"), HasSubstr("\n3\n4\n"));
+  EXPECT_THAT(unpacked("descriptors"), Not(HasSubstr(std::to_string(left))));
+  EXPECT_THAT(unpacked("links"), HasSubstr(name_ + ".img"));
+  EXPECT_THAT(unpacked("links"), HasSubstr("memfd:unsquashfs"));
+  EXPECT_THAT(unpacked("input"), HasSubstr("memfd:unsquashfs")) << "nothing to read, and not the service's";
+  EXPECT_THAT(unpacked("environment"), HasSubstr("LC_ALL=C"));
+  EXPECT_THAT(unpacked("environment"), Not(HasSubstr("HOME=")));
   close(left);
 }
 
 TEST_F(SquashfsUnpack, TakesFilesWithoutTheirOwnersAsWhole) {
-  const TemporaryMount unpacker = UnpackWith("echo all >content; exit 2");
+  const TemporaryMount unpacker = unpackWith("echo all >content; exit 2");
 
-  ASSERT_EQ(Unpack(), 0) << reason_;
+  ASSERT_EQ(unpack(), 0) << reason_;
 
-  EXPECT_EQ(Unpacked("content"), "all\n");
+  EXPECT_EQ(unpacked("content"), "all\n");
 }
 
 TEST_F(SquashfsUnpack, GivesTheLastLineOfTheUnpackerForItsFailure) {
-  const TemporaryMount unpacker = UnpackWith("echo first; echo 'the reason' >&2; echo; exit 1");
+  const TemporaryMount unpacker = unpackWith("echo first; echo 'the reason' >&2; echo; exit 1");
 
-  EXPECT_EQ(Unpack(), EINVAL);
+  EXPECT_EQ(unpack(), EINVAL);
 
   EXPECT_EQ(reason_, "the reason");
   EXPECT_FALSE(tree_);
 }
 
 TEST_F(SquashfsUnpack, GivesTheOnlyLineToo) {
-  const TemporaryMount unpacker = UnpackWith("printf 'alone'; exit 1");
+  const TemporaryMount unpacker = unpackWith("printf 'alone'; exit 1");
 
-  EXPECT_EQ(Unpack(), EINVAL);
+  EXPECT_EQ(unpack(), EINVAL);
 
   EXPECT_EQ(reason_, "alone");
 }
 
 TEST_F(SquashfsUnpack, GivesTheEndOfALongStory) {
   const TemporaryMount unpacker =
-      UnpackWith("i=0; while [ $i -lt 500 ]; do echo line $i; i=$((i+1)); done; echo the end; exit 1");
+      unpackWith("i=0; while [ $i -lt 500 ]; do echo line $i; i=$((i+1)); done; echo the end; exit 1");
 
-  EXPECT_EQ(Unpack(), EINVAL);
+  EXPECT_EQ(unpack(), EINVAL);
 
   EXPECT_EQ(reason_, "the end");
 }
 
 TEST_F(SquashfsUnpack, SaysWhenItsUnpackerCrashes) {
-  const TemporaryMount unpacker = UnpackWith("kill -SEGV $$");
+  const TemporaryMount unpacker = unpackWith("kill -SEGV $$");
 
-  EXPECT_EQ(Unpack(), ETIMEDOUT);
+  EXPECT_EQ(unpack(), ETIMEDOUT);
 
   EXPECT_EQ(reason_, "unsquashfs took too long or was ended");
 }
 
 TEST_F(SquashfsUnpack, SaysWhenThereIsNoUnpacker) {
   writeFile("/tmp/no-program", "x");
-  const TemporaryMount unpacker = TemporaryMount::Bind("/tmp/no-program", "/usr/bin/unsquashfs");
+  const TemporaryMount unpacker = TemporaryMount::bind("/tmp/no-program", "/usr/bin/unsquashfs");
 
-  EXPECT_EQ(Unpack(), ENOSYS);
+  EXPECT_EQ(unpack(), ENOSYS);
 
   EXPECT_EQ(reason_, "/usr/bin/unsquashfs can't be run");
 }
 
 TEST_F(SquashfsUnpack, LeavesNoProcessBehind) {
-  ASSERT_EQ(Unpack(), 0) << reason_;
+  ASSERT_EQ(unpack(), 0) << reason_;
 
   EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
   EXPECT_EQ(errno, ECHILD);

@@ -22,7 +22,7 @@ class Swapper {
       : thread_([this, pairs = std::move(pairs)] {
           while (!stop_) {
             for (const Pair& pair : pairs) {
-              SwapAndBack(pair);
+              swapAndBack(pair);
             }
           }
         }) {}
@@ -36,24 +36,24 @@ class Swapper {
   int swaps() const { return swaps_; }
 
  private:
-  static bool Exchange(const Pair& pair) {
+  static bool exchange(const Pair& pair) {
     return renameat2(AT_FDCWD, pair.first.c_str(), AT_FDCWD, pair.second.c_str(), RENAME_EXCHANGE) == 0;
   }
 
   // What is mounted on can't be renamed for a while.
-  void SwapAndBack(const Pair& pair) {
-    if (!Exchange(pair)) {
+  void swapAndBack(const Pair& pair) {
+    if (!exchange(pair)) {
       return;
     }
     ++swaps_;
-    Linger(pair);
-    while (!Exchange(pair) && !stop_) {
+    linger(pair);
+    while (!exchange(pair) && !stop_) {
     }
-    Linger(pair);
+    linger(pair);
   }
 
   // Each has to be there long enough to be met, too.
-  void Linger(const Pair& pair) const {
+  void linger(const Pair& pair) const {
     for (int i = 0; i < 20 && !stop_; ++i) {
       access(pair.first.c_str(), F_OK);
     }

@@ -9,9 +9,9 @@
 
 namespace {
 
-constexpr char Prepare = 'p';
-constexpr char Write = 'w';
-constexpr char Map = 'm';
+constexpr char kPrepare = 'p';
+constexpr char kWrite = 'w';
+constexpr char kMap = 'm';
 
 void require(bool done) {
   if (!done) {
@@ -71,24 +71,24 @@ ChangingProcess::~ChangingProcess() {
 }
 
 void ChangingProcess::prepare() {
-  give({Prepare, 0});
+  give({kPrepare, 0});
 }
 
 void ChangingProcess::changeByWrite(off_t offset) {
-  give({Write, offset});
+  give({kWrite, offset});
 }
 
 void ChangingProcess::changeInMapping(off_t offset) {
-  give({Map, offset});
+  give({kMap, offset});
 }
 
 int ChangingProcess::obey(const std::string& path, int orders, int answers) {
   Held held;
   Order order{};
   while (::read(orders, &order, sizeof order) == static_cast<ssize_t>(sizeof order)) {
-    if (order.what == Prepare) {
+    if (order.what == kPrepare) {
       held.take(path);
-    } else if (order.what == Write) {
+    } else if (order.what == kWrite) {
       held.write(order.offset);
     } else {
       held.map(order.offset);

@@ -15,15 +15,15 @@
 
 class ContentTest : public LibraryTest {
  protected:
-  static constexpr const char* Drive = "/opt/media/USBDriveA/";
-  static constexpr const char* Package = "/opt/media/USBDriveA/abc.bin";
+  static constexpr const char* kDrive = "/opt/media/USBDriveA/";
+  static constexpr const char* kPackage = "/opt/media/USBDriveA/abc.bin";
 
   void SetUp() override {
     LibraryTest::SetUp();
-    std::filesystem::create_directories(Drive);
-    std::filesystem::create_directories(Controls);
+    std::filesystem::create_directories(kDrive);
+    std::filesystem::create_directories(kControls);
     const fwpack::SigningKey& key = testSigningKey("ed25519");
-    writeFile(std::string(fwpackage::keyDirectory) + "/maker.pem", publicPem(key));
+    writeFile(std::string(fwpackage::kEyDirectory) + "/maker.pem", publicPem(key));
     image = usb::noise(50000);
     package = usbPackage(usb::key(), "2.0", image, key, "abc");
     symbol = std::make_unique<FWUpdateSymbol>(bound());
@@ -44,8 +44,8 @@ class ContentTest : public LibraryTest {
     std::filesystem::copy_file(library, "/usr/lib/libkZAQUser.so");
   }
 
-  int list() { return symbol->getNeedUpdateList(usb::bytesOf(usb::key()), Drive); }
-  int update() { return symbol->updateUSB(usb::bytesOf(usb::key()), Drive); }
+  int list() { return symbol->getNeedUpdateList(usb::bytesOf(usb::key()), kDrive); }
+  int update() { return symbol->updateUSB(usb::bytesOf(usb::key()), kDrive); }
 
   // Whether the module got anything but what was signed.
   bool gotOtherBytes() const {

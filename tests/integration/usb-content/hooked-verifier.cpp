@@ -11,8 +11,8 @@ namespace {
 
 template <typename Function>
 Function* real(const char* name) {
-  static void* const library = dlopen(VERIFIER_LIBRARY, RTLD_NOW);
-  return reinterpret_cast<Function*>(dlsym(library, name));
+  static void* const kLibrary = dlopen(VERIFIER_LIBRARY, RTLD_NOW);
+  return reinterpret_cast<Function*>(dlsym(kLibrary, name));
 }
 
 class Reached {

@@ -11,7 +11,7 @@ using ::testing::IsEmpty;
 
 namespace {
 
-constexpr std::int64_t TrailerSize = 534;
+constexpr std::int64_t kTrailerSize = 534;
 
 class LyingDrive : public ContentTest {
  protected:
@@ -20,21 +20,22 @@ class LyingDrive : public ContentTest {
       GTEST_SKIP() << reason;
     }
     ContentTest::SetUp();
-    drive = std::make_unique<LyingFileSystem>(Drive, package);
+    drive = std::make_unique<LyingFileSystem>(kDrive, package);
     installVerifier(VERIFIER_LIBRARY);
   }
   void TearDown() override { drive.reset(); }
 
   std::vector<std::int64_t> offsets() const {
     const auto size = static_cast<std::int64_t>(package.size());
-    std::vector<std::int64_t> all = {0, 15, 16, 79, 80, size - TrailerSize - 1, size - TrailerSize, size - 1};
+    std::vector<std::int64_t> all = {0,       15, 16, 79, 80, size - kTrailerSize - 1, size - kTrailerSize,
+                                     size - 1};
     for (std::int64_t at = 100; at < size; at += 997 * thoroughness::kEveryNth) {
       all.push_back(at);
     }
     return all;
   }
   bool isTrailer(std::int64_t offset) const {
-    return offset >= static_cast<std::int64_t>(package.size()) - TrailerSize;
+    return offset >= static_cast<std::int64_t>(package.size()) - kTrailerSize;
   }
 
   std::unique_ptr<LyingFileSystem> drive;
@@ -54,12 +55,12 @@ TEST_F(LyingDrive, IsRefusedInBothStepsWhenTheSecondReadingDiffers) {
     drive->lieAbout(offset, 2);
     EXPECT_EQ(list(), -1) << offset;
     EXPECT_GE(drive->readings(), 2) << "it did lie";
-    EXPECT_THAT(recording::texts(), Contains("Error: " + std::string(Package) + " is NOT signed"));
+    EXPECT_THAT(recording::texts(), Contains("Error: " + std::string(kPackage) + " is NOT signed"));
 
     drive->lieAbout(offset, 2);
     EXPECT_EQ(update(), -1) << offset;
     EXPECT_GE(drive->readings(), 2) << "it did lie";
-    EXPECT_THAT(recording::texts(), Contains("Error: " + std::string(Package) + " file is NOT signed"));
+    EXPECT_THAT(recording::texts(), Contains("Error: " + std::string(kPackage) + " file is NOT signed"));
 
     EXPECT_THAT(versions, IsEmpty()) << offset;
     EXPECT_THAT(images, IsEmpty()) << offset;

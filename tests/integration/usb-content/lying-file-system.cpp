@@ -23,7 +23,7 @@ struct LyingFileSystem::Control {
 
 namespace {
 
-constexpr const char* File = "/abc.bin";
+constexpr const char* kFile = "/abc.bin";
 
 const std::string* content = nullptr;
 void* shared = nullptr;
@@ -45,7 +45,7 @@ struct LyingOperations {
         status->st_mode = S_IFDIR | 0755;
         return 0;
       }
-      if (std::strcmp(path, File) != 0) {
+      if (std::strcmp(path, kFile) != 0) {
         return -ENOENT;
       }
       status->st_mode = S_IFREG | 0644;

@@ -10,7 +10,7 @@
 
 namespace {
 
-constexpr int Repetitions = 20;
+constexpr int kRepetitions = 20;
 
 // Called at each point that the verifier and the module reach.
 std::function<void()>& reached() {
@@ -37,8 +37,8 @@ struct Way {
   void (ChangingProcess::*change)(off_t offset);
 };
 
-constexpr Way Ways[] = {{"ByWrite", &ChangingProcess::changeByWrite},
-                        {"InASharedMapping", &ChangingProcess::changeInMapping}};
+constexpr Way kWays[] = {{"ByWrite", &ChangingProcess::changeByWrite},
+                         {"InASharedMapping", &ChangingProcess::changeInMapping}};
 
 void PrintTo(const Way& way, std::ostream* out) {
   *out << way.name;
@@ -50,7 +50,7 @@ class ByteChangedBySomebody : public ContentTest, public ::testing::WithParamInt
 
   void SetUp() override {
     ContentTest::SetUp();
-    process = std::make_unique<ChangingProcess>(Package);
+    process_ = std::make_unique<ChangingProcess>(kPackage);
     installVerifier(HOOKED_VERIFIER);
     scripted::module("libabc").setContext = [](const char*, int, char*) {
       reachedPoint();
@@ -78,7 +78,7 @@ class ByteChangedBySomebody : public ContentTest, public ::testing::WithParamInt
     layPackage();
     reached() = [this, left = point, offset]() mutable {
       if (left-- == 0) {
-        (*process.*GetParam().change)(offset);
+        (*process_.*GetParam().change)(offset);
       }
     };
     const int result = (this->*step)();
@@ -92,15 +92,15 @@ class ByteChangedBySomebody : public ContentTest, public ::testing::WithParamInt
     EXPECT_GT(points, 10);
     int refused = 0;
     for (int point = 0; point < points; point += thoroughness::kEveryNth) {
-      for (int repetition = 0; repetition < Repetitions; ++repetition) {
-        const auto offset = static_cast<off_t>(package.size() - 1) * repetition / (Repetitions - 1);
+      for (int repetition = 0; repetition < kRepetitions; ++repetition) {
+        const auto offset = static_cast<off_t>(package.size() - 1) * repetition / (kRepetitions - 1);
 
         const int result = changedAt(step, point, offset);
 
         ASSERT_TRUE(result == -1 || result == expected) << result;
         ASSERT_FALSE(gotOtherBytes()) << "point " << point << ", byte " << offset;
         ASSERT_EQ(images.empty(), result != 0) << "the module gets what is not refused";
-        if (point < PointsBeforeReading) {
+        if (point < kPointsBeforeReading) {
           ASSERT_EQ(result, -1) << "point " << point << ", byte " << offset;
         }
         refused += result == -1 ? 1 : 0;
@@ -114,15 +114,15 @@ class ByteChangedBySomebody : public ContentTest, public ::testing::WithParamInt
   void sweepListing() { sweep(&ByteChangedBySomebody::listing, 1); }
   void sweepUpdate() { sweep(&ByteChangedBySomebody::updating, 0); }
 
-  static constexpr int PointsBeforeReading = 5;  // around verifyFile, setContext, around the beginning
+  static constexpr int kPointsBeforeReading = 5;  // around verifyFile, setContext, around the beginning
 
  private:
   void layPackage() {
-    writeFile(Package, package);
-    process->prepare();
+    writeFile(kPackage, package);
+    process_->prepare();
   }
 
-  std::unique_ptr<ChangingProcess> process;
+  std::unique_ptr<ChangingProcess> process_;
 };
 
 }  // namespace
@@ -136,18 +136,18 @@ TEST_P(ByteChangedBySomebody, NeverReachesTheModuleWhenItIsUpdated) {
 }
 
 TEST_P(ByteChangedBySomebody, IsSeenInTheFile) {
-  writeFile(Package, package);
-  ChangingProcess other(Package);
+  writeFile(kPackage, package);
+  ChangingProcess other(kPackage);
   other.prepare();
   struct stat before = {};
-  ASSERT_EQ(stat(Package, &before), 0);
+  ASSERT_EQ(stat(kPackage, &before), 0);
 
   (other.*GetParam().change)(100);
 
   std::string changed = package;
   changed[100] = static_cast<char>(changed[100] ^ 1);
-  EXPECT_EQ(readFile(Package), changed);
+  EXPECT_EQ(readFile(kPackage), changed);
 }
 
-INSTANTIATE_TEST_SUITE_P(UsbContent, ByteChangedBySomebody, ::testing::ValuesIn(Ways),
+INSTANTIATE_TEST_SUITE_P(UsbContent, ByteChangedBySomebody, ::testing::ValuesIn(kWays),
                          [](const auto& row) { return std::string(row.param.name); });

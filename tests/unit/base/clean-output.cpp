@@ -19,17 +19,17 @@
 namespace {
 
 using base::Order;
-using base::TerminalOrder;
+using base::terminalOrder;
 
 // What a process writes that has the gate and leaves by exit.
-std::string WrittenBy(const std::function<void()>& writes, const std::string& file = "") {
+std::string writtenBy(const std::function<void()>& writes, const std::string& file = "") {
   char path[] = "/tmp/clean-output-XXXXXX";
   const int output = file.empty() ? mkstemp(path) : open(file.c_str(), O_WRONLY);
   const pid_t child = fork();
   if (child == 0) {
     dup2(output, STDOUT_FILENO);
     dup2(output, STDERR_FILENO);
-    base::CleanStandardOutput();
+    base::cleanStandardOutput();
     writes();
     std::exit(0);
   }
@@ -42,7 +42,7 @@ std::string WrittenBy(const std::function<void()>& writes, const std::string& fi
 }
 
 TEST(CleanOutput, WritesWhatIsNotSafeToShowAsHexOnBothStreams) {
-  EXPECT_EQ(WrittenBy([] {
+  EXPECT_EQ(writtenBy([] {
               std::cout << "a\x1B[2J" << 'b' << '\x9B' << "\n" << std::flush;
               std::cerr << "c\xC2\x9B"
                         << "d\n";
@@ -52,17 +52,18 @@ TEST(CleanOutput, WritesWhatIsNotSafeToShowAsHexOnBothStreams) {
 }
 
 TEST(CleanOutput, LeavesTheProgramsOwnOrdersToTheTerminal) {
-  EXPECT_EQ(WrittenBy([] {
+  EXPECT_EQ(writtenBy([] {
               for (const Order order : {Order::Green, Order::Yellow, Order::Red, Order::Bold, Order::Plain,
-                                        Order::LineStart, Order::EraseToEnd})
-                std::cout << TerminalOrder(order) << '.';
-              std::cout << base::EmptyLine();
+                                        Order::LineStart, Order::EraseToEnd}) {
+                std::cout << terminalOrder(order) << '.';
+              }
+              std::cout << base::emptyLine();
             }),
             "\x1B[32m.\x1B[33m.\x1B[31m.\x1B[1m.\x1B[0m.\r.\x1B[K.\r\x1B[K");
 }
 
 TEST(CleanOutput, TakesNoOrderFromAnotherProcess) {
-  const std::string shown = WrittenBy([] {
+  const std::string shown = writtenBy([] {
     std::cout << "\x1B"
                  "0123456789abcdefC";
   });
@@ -71,8 +72,8 @@ TEST(CleanOutput, TakesNoOrderFromAnotherProcess) {
 }
 
 TEST(CleanOutput, ShowsAnOrderThatDoesNotExistAsNothing) {
-  EXPECT_EQ(WrittenBy([] {
-              std::string order = TerminalOrder(Order::Green);
+  EXPECT_EQ(writtenBy([] {
+              std::string order = terminalOrder(Order::Green);
               order.back() = 'z';
               std::cout << order;
             }),
@@ -86,32 +87,38 @@ TEST(CleanOutput, KeepsCharactersAndOrdersWholeInLongOutput) {
     text += "\xE2\x82\xAC";
   }
 
-  const std::string shown = WrittenBy([] {
-    for (int i = 0; i < 20000; ++i)
-      for (const char byte : "\xE2\x82\xAC" + TerminalOrder(Order::Red))
+  const std::string shown = writtenBy([] {
+    for (int i = 0; i < 20000; ++i) {
+      for (const char byte : "\xE2\x82\xAC" + terminalOrder(Order::Red)) {
         std::cout << byte;
+      }
+    }
   });
 
   EXPECT_TRUE(shown == wanted) << shown.size() << " bytes instead of " << wanted.size();
 }
 
 TEST(CleanOutput, ComesWholeFromSeveralThreads) {
-  const std::string shown = WrittenBy([] {
+  const std::string shown = writtenBy([] {
     std::vector<std::thread> threads;
     threads.reserve(4);
-    for (int i = 0; i < 4; ++i)
+    for (int i = 0; i < 4; ++i) {
       threads.emplace_back([] {
-        for (int line = 0; line < 5000; ++line)
+        for (int line = 0; line < 5000; ++line) {
           std::cout.write("0123456789\n", 11);
+        }
       });
-    for (std::thread& thread : threads)
+    }
+    for (std::thread& thread : threads) {
       thread.join();
+    }
   });
 
   std::istringstream lines(shown);
   int count = 0;
-  for (std::string line; std::getline(lines, line); ++count)
+  for (std::string line; std::getline(lines, line); ++count) {
     ASSERT_EQ(line, "0123456789");
+  }
   EXPECT_EQ(count, 20000);
 }
 
@@ -119,7 +126,7 @@ TEST(CleanOutput, TellsTheProgramThatADiskIsFull) {
   char path[] = "/tmp/clean-output-XXXXXX";
   const int answer = mkstemp(path);
 
-  WrittenBy(
+  writtenBy(
       [answer] {
         std::cout << "text" << std::flush;
         [[maybe_unused]] const auto written = write(answer, std::cout.good() ? "good" : "lost", 4);

@@ -4,9 +4,9 @@
 
 namespace {
 
-using fwdownload::NoteText;
+using fwdownload::noteText;
 using fwdownload::Origin;
-using fwdownload::ParseNote;
+using fwdownload::parseNote;
 using fwdownload::PartNote;
 
 PartNote sample() {
@@ -14,7 +14,7 @@ PartNote sample() {
 }
 
 TEST(PartNote, IsReadAsItWasWritten) {
-  const auto note = ParseNote(NoteText(sample()));
+  const auto note = parseNote(noteText(sample()));
 
   ASSERT_TRUE(note);
   EXPECT_EQ(note->origin.url, "https://h/x.img");
@@ -31,7 +31,7 @@ TEST(PartNote, IsRefusedWhenItsMarkIsNotPrintable) {
     PartNote note = sample();
     note.origin.validator = validator;
 
-    EXPECT_FALSE(ParseNote(NoteText(note))) << validator;
+    EXPECT_FALSE(parseNote(noteText(note))) << validator;
   }
 }
 
@@ -40,7 +40,7 @@ TEST(PartNote, IsRefusedWhenItsNumbersCannotBe) {
     PartNote note = sample();
     note.origin.total = total;
     note.synced = synced;
-    return ParseNote(NoteText(note)).has_value();
+    return parseNote(noteText(note)).has_value();
   };
 
   EXPECT_TRUE(parses(1, 0));
@@ -58,16 +58,16 @@ TEST(PartNote, IsRefusedWhenItIsNone) {
         std::string("{\"url\": \"\", \"validator\": \"x\", \"total\": \"5\", \"synced\": 0, \"boot\": \"\"}"),
         std::string(
             "{\"url\": \"\", \"validator\": \"x\", \"total\": 1e30, \"synced\": 0, \"boot\": \"\"}")}) {
-    EXPECT_FALSE(ParseNote(text)) << text.substr(0, 60);
+    EXPECT_FALSE(parseNote(text)) << text.substr(0, 60);
   }
 }
 
 TEST(PartNote, ContinuesOnlyAFileThatCanBeToldFromOthers) {
-  EXPECT_TRUE((Origin{"u", "\"a\"", 1}).CanBeContinued());
-  EXPECT_FALSE((Origin{"u", "", 1}).CanBeContinued());
-  EXPECT_FALSE((Origin{"u", "\"a\r\"", 1}).CanBeContinued());
-  EXPECT_FALSE((Origin{"u", "\"a\"", 0}).CanBeContinued());
-  EXPECT_FALSE((Origin{"u", "\"a\"", -1}).CanBeContinued());
+  EXPECT_TRUE((Origin{"u", "\"a\"", 1}).canBeContinued());
+  EXPECT_FALSE((Origin{"u", "", 1}).canBeContinued());
+  EXPECT_FALSE((Origin{"u", "\"a\r\"", 1}).canBeContinued());
+  EXPECT_FALSE((Origin{"u", "\"a\"", 0}).canBeContinued());
+  EXPECT_FALSE((Origin{"u", "\"a\"", -1}).canBeContinued());
 }
 
 }  // namespace

@@ -16,7 +16,7 @@
 namespace {
 
 namespace fs = std::filesystem;
-using fwdownload::NoteText;
+using fwdownload::noteText;
 using fwdownload::Origin;
 using fwdownload::PartialImage;
 using ::testing::ElementsAre;
@@ -43,7 +43,7 @@ class PartOfAnImage : public DeviceTest {
   void leave(std::size_t size, const Origin& origin = kOrigin, std::int64_t synced = 0,
              const std::string& boot = "") const {
     writeFile(kPart, std::string(size, 'p'));
-    writeFile(kNote, NoteText({origin, synced, boot.empty() ? boot_ : boot}));
+    writeFile(kNote, noteText({origin, synced, boot.empty() ? boot_ : boot}));
     filecalls::reset();
   }
   static std::vector<std::string> files() {
@@ -90,7 +90,7 @@ TEST_F(PartOfAnImage, IsNotTakenUpWhenItIsLongerThanTheWhole) {
   const PartialImage image("wifiempfw", kUrl);
 
   EXPECT_EQ(image.size(), 0);
-  EXPECT_FALSE(image.origin().CanBeContinued());
+  EXPECT_FALSE(image.origin().canBeContinued());
 }
 
 TEST_F(PartOfAnImage, IsNotTakenUpFromAnotherAddress) {
@@ -131,7 +131,7 @@ TEST_F(PartOfAnImage, NeverStandsBesideTheNoteOfAnother) {
   PartialImage image("wifiempfw", kUrl);
   filecalls::reset();
 
-  image.Begin({kUrl, "\"new\"", 100});
+  image.begin({kUrl, "\"new\"", 100});
 
   ASSERT_GE(filecalls::made().size(), 2U);
   EXPECT_EQ(filecalls::made()[0], "unlink wifiempfw.img.part.info");
@@ -144,7 +144,7 @@ TEST_F(PartOfAnImage, HasNoNoteWhenItCannotBeContinued) {
   leave(5000);
   PartialImage image("wifiempfw", kUrl);
 
-  image.Begin({kUrl, "", 100});
+  image.begin({kUrl, "", 100});
 
   EXPECT_THAT(files(), ElementsAre("wifiempfw.img.part"));
 }
@@ -153,16 +153,16 @@ TEST_F(PartOfAnImage, HasNoNoteWhenItCannotBeContinued) {
 TEST_F(PartOfAnImage, IsPutOnTheDiskNowAndThenBeforeTheNoteSaysSo) {
   const Origin large{kUrl, "\"tag\"", std::int64_t{3} * kSyncEvery};
   PartialImage image("wifiempfw", kUrl);
-  image.Begin(large);
+  image.begin(large);
   filecalls::reset();
 
-  image.Append(std::string(kSyncEvery - 1, 'x').c_str(), kSyncEvery - 1);
+  image.append(std::string(kSyncEvery - 1, 'x').c_str(), kSyncEvery - 1);
   EXPECT_THAT(filecalls::made(), IsEmpty());
-  image.Append("x", 1);
+  image.append("x", 1);
 
   ASSERT_FALSE(filecalls::made().empty());
   EXPECT_EQ(filecalls::made().front(), "sync wifiempfw.img.part");
-  const auto note = fwdownload::ParseNote(readFile(kNote));
+  const auto note = fwdownload::parseNote(readFile(kNote));
   ASSERT_TRUE(note);
   EXPECT_EQ(note->synced, static_cast<std::int64_t>(kSyncEvery));
   EXPECT_EQ(note->boot, boot_);
@@ -170,22 +170,22 @@ TEST_F(PartOfAnImage, IsPutOnTheDiskNowAndThenBeforeTheNoteSaysSo) {
 
 TEST_F(PartOfAnImage, IsNotPutOnTheDiskBetweenWhenItCannotBeContinued) {
   PartialImage image("wifiempfw", kUrl);
-  image.Begin({kUrl, "", 0});
+  image.begin({kUrl, "", 0});
   filecalls::reset();
 
-  image.Append(std::string(kSyncEvery, 'x').c_str(), kSyncEvery);
+  image.append(std::string(kSyncEvery, 'x').c_str(), kSyncEvery);
 
   EXPECT_THAT(filecalls::made(), IsEmpty());
 }
 
 TEST_F(PartOfAnImage, IsOnTheDiskBeforeItIsTheImage) {
   PartialImage image("wifiempfw", kUrl);
-  image.Begin({kUrl, "\"tag\"", 3});
-  image.Append("abc", 3);
+  image.begin({kUrl, "\"tag\"", 3});
+  image.append("abc", 3);
   filecalls::reset();
 
-  image.Finish();
-  image.Publish();
+  image.finish();
+  image.publish();
 
   EXPECT_THAT(filecalls::made(),
               ElementsAre("sync wifiempfw.img.part", "unlink wifiempfw.img.part.info",
@@ -203,15 +203,15 @@ TEST_F(PartOfAnImage, SaysWhichStepFailed) {
                   {"sync appbinarymanager", ".img cannot be put on the disk"}};
   for (const auto& failure : failures) {
     PartialImage image("wifiempfw", kUrl);
-    image.Begin({kUrl, "\"tag\"", 3});
-    image.Append("abc", 3);
+    image.begin({kUrl, "\"tag\"", 3});
+    image.append("abc", 3);
     filecalls::fails = failure.call;
     try {
-      image.Finish();
-      image.Publish();
+      image.finish();
+      image.publish();
       ADD_FAILURE() << failure.call;
     } catch (const fwdownload::Failure& thrown) {
-      EXPECT_EQ(thrown.reason(), fwdownload::Reason::kFileSystem);
+      EXPECT_EQ(thrown.reason(), fwdownload::Reason::FileSystem);
       EXPECT_THAT(thrown.what(), HasSubstr(failure.sentence));
     }
   }
@@ -219,7 +219,7 @@ TEST_F(PartOfAnImage, SaysWhichStepFailed) {
 
 std::string publish(PartialImage& image) {
   try {
-    image.Publish();
+    image.publish();
   } catch (const fwdownload::Failure& failure) {
     return failure.what();
   }
@@ -250,15 +250,15 @@ TEST_F(PartOfAnImage, ThatChangedSinceItWasFinishedIsNotPublished) {
       [] { fs::remove(kPart); }};
   for (const auto& change : changes) {
     PartialImage image("wifiempfw", kUrl);
-    image.Begin({kUrl, "\"tag\"", 3});
-    image.Append("abc", 3);
-    image.Finish();
+    image.begin({kUrl, "\"tag\"", 3});
+    image.append("abc", 3);
+    image.finish();
 
     change();
 
     EXPECT_THAT(publish(image), HasSubstr(".img.part was changed by another process"));
     EXPECT_FALSE(exists(kDirectory + "wifiempfw.img"));
-    image.Discard();
+    image.discard();
     fs::remove(kDirectory + "other");
   }
 }
@@ -266,9 +266,9 @@ TEST_F(PartOfAnImage, ThatChangedSinceItWasFinishedIsNotPublished) {
 // Another file takes the part's name right before the image gets its own.
 TEST_F(PartOfAnImage, ThatIsExchangedAtTheLastMomentDoesNotStay) {
   PartialImage image("wifiempfw", kUrl);
-  image.Begin({kUrl, "\"tag\"", 3});
-  image.Append("abc", 3);
-  image.Finish();
+  image.begin({kUrl, "\"tag\"", 3});
+  image.append("abc", 3);
+  image.finish();
   filecalls::before = [](const std::string& call) {
     if (call.rfind("rename wifiempfw.img.part ", 0) == 0) {
       fs::remove(kPart);
@@ -283,10 +283,10 @@ TEST_F(PartOfAnImage, ThatIsExchangedAtTheLastMomentDoesNotStay) {
 
 TEST_F(PartOfAnImage, IsReadWhereItWasWritten) {
   PartialImage image("wifiempfw", kUrl);
-  image.Begin({kUrl, "\"tag\"", 3});
-  image.Append("abc", 3);
+  image.begin({kUrl, "\"tag\"", 3});
+  image.append("abc", 3);
 
-  const int file = image.Finish();
+  const int file = image.finish();
 
   char bytes[4] = {};
   EXPECT_EQ(pread(file, bytes, sizeof bytes, 0), 3);
@@ -295,10 +295,10 @@ TEST_F(PartOfAnImage, IsReadWhereItWasWritten) {
 
 TEST_F(PartOfAnImage, LeavesNothingWhenItIsDiscarded) {
   PartialImage image("wifiempfw", kUrl);
-  image.Begin(kOrigin);
-  image.Append("abc", 3);
+  image.begin(kOrigin);
+  image.append("abc", 3);
 
-  image.Discard();
+  image.discard();
 
   EXPECT_THAT(files(), IsEmpty());
   EXPECT_EQ(image.size(), 0);
@@ -307,10 +307,10 @@ TEST_F(PartOfAnImage, LeavesNothingWhenItIsDiscarded) {
 // A note without its part would be worth nothing; a part without its note is emptied.
 TEST_F(PartOfAnImage, LosesItsNoteFirstWhenItIsDiscarded) {
   PartialImage image("wifiempfw", kUrl);
-  image.Begin(kOrigin);
+  image.begin(kOrigin);
   filecalls::reset();
 
-  image.Discard();
+  image.discard();
 
   EXPECT_THAT(filecalls::made(), ElementsAre("unlink wifiempfw.img.part.info", "unlink wifiempfw.img.part"));
 }

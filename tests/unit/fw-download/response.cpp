@@ -6,17 +6,17 @@
 
 namespace {
 
-using fwdownload::IsHeaderText;
+using fwdownload::isHeaderText;
 using fwdownload::kUnknownLength;
-using fwdownload::ParseContentRange;
-using fwdownload::ReadHeaderLine;
+using fwdownload::parseContentRange;
+using fwdownload::readHeaderLine;
 using fwdownload::Response;
-using fwdownload::ValidatorOf;
+using fwdownload::validatorOf;
 
 Response read(std::initializer_list<std::string> lines) {
   Response response;
   for (const std::string& line : lines) {
-    ReadHeaderLine(line + "\r\n", response);
+    readHeaderLine(line + "\r\n", response);
   }
   return response;
 }
@@ -25,7 +25,7 @@ std::string refusal(std::initializer_list<std::string> lines) {
   try {
     read(lines);
   } catch (const fwdownload::Failure& failure) {
-    EXPECT_EQ(failure.reason(), fwdownload::Reason::kProtocol);
+    EXPECT_EQ(failure.reason(), fwdownload::Reason::Protocol);
     return failure.what();
   }
   return "taken";
@@ -89,32 +89,32 @@ TEST(DownloadResponse, HasNoControlCharacters) {
 TEST(DownloadResponse, EndsItsLinesWithALineFeedAlone) {
   Response response;
 
-  ReadHeaderLine("ETag: \"a\"\n", response);
-  ReadHeaderLine("\n", response);
-  ReadHeaderLine("", response);
+  readHeaderLine("ETag: \"a\"\n", response);
+  readHeaderLine("\n", response);
+  readHeaderLine("", response);
 
   EXPECT_EQ(response.etag, "\"a\"");
 }
 
 TEST(HeaderText, IsOneLine) {
-  EXPECT_TRUE(IsHeaderText(""));
-  EXPECT_TRUE(IsHeaderText("Range: bytes=1-\t\xFF ~"));
+  EXPECT_TRUE(isHeaderText(""));
+  EXPECT_TRUE(isHeaderText("Range: bytes=1-\t\xFF ~"));
   for (const char byte : {'\r', '\n', '\0', '\x1F', '\x7F'}) {
-    EXPECT_FALSE(IsHeaderText(std::string("a") + byte)) << int{byte};
+    EXPECT_FALSE(isHeaderText(std::string("a") + byte)) << int{byte};
   }
 }
 
 TEST(ContentRangeHeader, HasThreeNumbers) {
-  const auto range = ParseContentRange("bytes 1-22/333");
+  const auto range = parseContentRange("bytes 1-22/333");
 
   ASSERT_TRUE(range);
   EXPECT_EQ(range->first, 1);
   EXPECT_EQ(range->last, 22);
   EXPECT_EQ(range->total, 333);
-  EXPECT_EQ(ParseContentRange("bytes 0-9223372036854775807/0")->last, INT64_MAX);
+  EXPECT_EQ(parseContentRange("bytes 0-9223372036854775807/0")->last, INT64_MAX);
   for (const char* text : {"", "1-22/333", "bytes 1-22/*", "bytes */333", "bytes 1-22", "bytes -1-22/333",
                            "bytes 1-22/333 ", "bytes 1--22/333", "bytes 1-9223372036854775808/333"}) {
-    EXPECT_FALSE(ParseContentRange(text)) << text;
+    EXPECT_FALSE(parseContentRange(text)) << text;
   }
 }
 
@@ -122,20 +122,20 @@ TEST(DownloadValidator, IsAStrongTagOrADateOfAFileThatHasSettled) {
   const std::string date = "Date: Sat, 21 Nov 2026 07:00:00 GMT";
   const std::string settled = "Last-Modified: Sat, 21 Nov 2026 06:59:00 GMT";
 
-  EXPECT_EQ(ValidatorOf(read({"ETag: \"a\"", date, settled})), "\"a\"");
-  EXPECT_EQ(ValidatorOf(read({"ETag: W/\"a\"", date, settled})), "");
-  EXPECT_EQ(ValidatorOf(read({date, settled})), "Sat, 21 Nov 2026 06:59:00 GMT");
-  EXPECT_EQ(ValidatorOf(read({date, "Last-Modified: Sat, 21 Nov 2026 06:59:01 GMT"})), "");
-  EXPECT_EQ(ValidatorOf(read({settled})), "");
-  EXPECT_EQ(ValidatorOf(read({date})), "");
-  EXPECT_EQ(ValidatorOf(read({"Date: x", settled})), "");
-  EXPECT_EQ(ValidatorOf(read({date, "Last-Modified: x"})), "");
-  EXPECT_EQ(ValidatorOf(read({date, "Last-Modified: Thu, 01 Jan 1970 00:00:00 GMT"})),
+  EXPECT_EQ(validatorOf(read({"ETag: \"a\"", date, settled})), "\"a\"");
+  EXPECT_EQ(validatorOf(read({"ETag: W/\"a\"", date, settled})), "");
+  EXPECT_EQ(validatorOf(read({date, settled})), "Sat, 21 Nov 2026 06:59:00 GMT");
+  EXPECT_EQ(validatorOf(read({date, "Last-Modified: Sat, 21 Nov 2026 06:59:01 GMT"})), "");
+  EXPECT_EQ(validatorOf(read({settled})), "");
+  EXPECT_EQ(validatorOf(read({date})), "");
+  EXPECT_EQ(validatorOf(read({"Date: x", settled})), "");
+  EXPECT_EQ(validatorOf(read({date, "Last-Modified: x"})), "");
+  EXPECT_EQ(validatorOf(read({date, "Last-Modified: Thu, 01 Jan 1970 00:00:00 GMT"})),
             "Thu, 01 Jan 1970 00:00:00 GMT");
-  EXPECT_EQ(ValidatorOf(read({date, "Last-Modified: Saturday, 21-Nov-26 06:59:00 GMT"})),
+  EXPECT_EQ(validatorOf(read({date, "Last-Modified: Saturday, 21-Nov-26 06:59:00 GMT"})),
             "Saturday, 21-Nov-26 06:59:00 GMT");
-  EXPECT_EQ(ValidatorOf(read({date, "Last-Modified: Sat Nov 21 06:59:00 2026"})), "Sat Nov 21 06:59:00 2026");
-  EXPECT_EQ(ValidatorOf(read({date, "Last-Modified: Sat, 21 Nov 2026 06:59:00 GMT+1"})), "");
+  EXPECT_EQ(validatorOf(read({date, "Last-Modified: Sat Nov 21 06:59:00 2026"})), "Sat Nov 21 06:59:00 2026");
+  EXPECT_EQ(validatorOf(read({date, "Last-Modified: Sat, 21 Nov 2026 06:59:00 GMT+1"})), "");
 }
 
 }  // namespace

@@ -28,16 +28,18 @@ TEST(Census, NamesWhatWasOpenedSince) {
 
 TEST(Census, DoesNotCountTheReadingOfTheListItself) {
   EXPECT_EQ(openedSince(takeCensus(), takeCensus()), "");
-  for (const auto& [descriptor, target] : takeCensus().descriptors)
+  for (const auto& [descriptor, target] : takeCensus().descriptors) {
     EXPECT_NE(target.find("/proc/"), 0U) << descriptor << ": " << target;
+  }
 }
 
 TEST(Census, CountsThreads) {
   const Census before = takeCensus();
   std::atomic<bool> end{false};
   std::thread thread([&] {
-    while (!end)
+    while (!end) {
       std::this_thread::yield();
+    }
   });
   const Census with = takeCensus();
   end = true;
@@ -53,8 +55,9 @@ TEST(Census, WaitsForThreadsThatAreOnTheirWayOut) {
     running = true;
     std::this_thread::sleep_for(std::chrono::milliseconds(30));  // is seen, mostly
   }).detach();
-  while (!running)
+  while (!running) {
     std::this_thread::yield();
+  }
 
   EXPECT_EQ(takeCensusAfter(before).threads, before.threads);
 }

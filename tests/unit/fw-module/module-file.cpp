@@ -106,8 +106,9 @@ class ElfFile {
 
 std::vector<std::string> namesIn(const ModuleFile& file) {
   std::vector<std::string> names;
-  for (const Export& symbol : file.exports)
+  for (const Export& symbol : file.exports) {
     names.push_back(symbol.name + (symbol.function ? "()" : ""));
+  }
   return names;
 }
 
@@ -167,8 +168,9 @@ TEST(ModuleFile, SaysOfEveryFileThatIsCutOffThatItIs) {
   const std::string whole =
       ElfFile().symbol({"first"}).symbol({"last"}).dynamic(DT_NEEDED, "libc.so.6").bytes();
 
-  for (std::size_t length = SELFMAG; length < whole.size(); ++length)
+  for (std::size_t length = SELFMAG; length < whole.size(); ++length) {
     ASSERT_EQ(readModuleFile(whole.substr(0, length)).problem, "The file is cut off or damaged.") << length;
+  }
   EXPECT_EQ(readModuleFile(whole).problem, "");
 }
 

@@ -60,8 +60,9 @@ TEST(ModuleName, TakesAHundredCharactersAndNoMore) {
 }
 
 TEST(ModuleName, AsksForExtInCapitalsAtTheBeginning) {
-  for (const char* name : {"libext-door", "libdoor-EXT-x", "libnext-door"})
+  for (const char* name : {"libext-door", "libdoor-EXT-x", "libnext-door"}) {
     EXPECT_THAT(refusal(name), HasSubstr("write it in capitals at the beginning")) << name;
+  }
 }
 
 TEST(ModuleName, FirmwareIsTheIdentifierWithoutItsFirstEmp) {

@@ -52,13 +52,15 @@ TEST_F(NewModuleProject, HasTheFilesOfItsLanguage) {
 }
 
 TEST_F(NewModuleProject, FillsEveryPlaceIn) {
-  for (const char* library : {"libdoor", "libEXT-door"})
+  for (const char* library : {"libdoor", "libEXT-door"}) {
     for (const char* language : {"c", "c++"}) {
-      for (const std::string& file : write(library, language))
+      for (const std::string& file : write(library, language)) {
         EXPECT_THAT(contentOf(directory_ / "project" / file), Not(::testing::ContainsRegex("@[A-Z_]+@")))
             << library << " " << language << " " << file;
+      }
       fs::remove_all(directory_ / "project");
     }
+  }
 }
 
 TEST_F(NewModuleProject, NamesTheModuleAndItsFirmware) {

@@ -31,8 +31,9 @@ Report cleanReport() {
   report.subject.path = "/tmp/libdoor.so";
   report.subject.firmware = "doorfw";
   report.subject.activeVersion = "1.0";
-  for (CheckResult& result : report.results)
+  for (CheckResult& result : report.results) {
     result.state = State::Passed;
+  }
   resultOf(report, Check::FullDisk) = {State::NotChecked, "it has no disk", {}};
   return report;
 }
@@ -44,9 +45,11 @@ Json::Value parsed(const std::string& text) {
 }
 
 std::string resultIn(const Json::Value& document, const char* id) {
-  for (const Json::Value& check : document["checks"])
-    if (check["id"] == id)
+  for (const Json::Value& check : document["checks"]) {
+    if (check["id"] == id) {
       return check["result"].asString() + " " + check["reason"].asString();
+    }
+  }
   return "none";
 }
 

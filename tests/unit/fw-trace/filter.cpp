@@ -21,10 +21,12 @@ TEST(Filter, TakesTheNameOfAModuleAsAWordOfItsOwn) {
   const Filter filter(options, {});
 
   for (const char* text :
-       {"libtuner", "libtuner failed", "no libtuner", "(libtuner)", "libtuner2 or libtuner"})
+       {"libtuner", "libtuner failed", "no libtuner", "(libtuner)", "libtuner2 or libtuner"}) {
     EXPECT_TRUE(filter.accepts(saying(text))) << text;
-  for (const char* text : {"", "libtuner2", "xlibtuner", "a-libtuner b", "libtuner_x", "libtune"})
+  }
+  for (const char* text : {"", "libtuner2", "xlibtuner", "a-libtuner b", "libtuner_x", "libtune"}) {
     EXPECT_FALSE(filter.accepts(saying(text))) << text;
+  }
 }
 
 TEST(Filter, TakesTheMomentsThatItsTimesName) {

@@ -58,8 +58,9 @@ TEST(TraceMessage, LetsNoFormatOfADamagedFileDoHarm) {
 tracetool::Trace longMessages() {
   TraceBuilder builder;
   const std::uint32_t place = builder.place("work", std::string(1000, '.') + "%s", "s");
-  for (int i = 0; i < 100; ++i)
+  for (int i = 0; i < 100; ++i) {
     builder.record(place, 1, i, {std::string(500, 'x')});
+  }
   return tracetool::readTrace(builder.bytes()).trace;
 }
 
@@ -87,8 +88,8 @@ TEST(TraceMessage, TakesNoMoreThanTheirNumber) {
 
 TEST(TraceMessage, KnowsTheLastNameOfEachThread) {
   TraceBuilder builder;
-  builder.rawRecord(0, 5, 1, fwplatform::trace::kThreadBegins, "service");
-  builder.rawRecord(0, 5, 2, fwplatform::trace::kThreadEnds, "tunerfw");
+  builder.rawRecord(0, 5, 1, fwplatform::trace::ThreadBegins, "service");
+  builder.rawRecord(0, 5, 2, fwplatform::trace::ThreadEnds, "tunerfw");
 
   const auto names = tracetool::threadNames(tracetool::readTrace(builder.bytes()).trace);
 

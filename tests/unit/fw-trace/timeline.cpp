@@ -19,9 +19,9 @@ using namespace tracetool;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
 
-constexpr std::uint32_t client = 77;
-constexpr std::uint32_t worker = 78;
-constexpr std::int64_t ms = 1000000;
+constexpr std::uint32_t kClient = 77;
+constexpr std::uint32_t kWorker = 78;
+constexpr std::int64_t kMs = 1000000;
 
 // A trace of the library's messages; times in milliseconds.
 class Story {
@@ -29,46 +29,47 @@ class Story {
   Story& say(std::uint32_t thread, std::int64_t time, const char* format,
              const std::vector<Argument>& arguments, const char* function = "work") {
     std::string types;
-    for (const Argument& argument : arguments)
+    for (const Argument& argument : arguments) {
       types += std::holds_alternative<std::int32_t>(argument) ? 'd' : 's';
-    const auto known = places.find(format);
+    }
+    const auto known = places_.find(format);
     const std::uint32_t place =
-        known != places.end() ? known->second : builder.place(function, format, types);
-    places[format] = place;
-    builder.record(place, thread, time * ms, arguments);
+        known != places_.end() ? known->second : builder_.place(function, format, types);
+    places_[format] = place;
+    builder_.record(place, thread, time * kMs, arguments);
     return *this;
   }
 
   // The way of a file update up to the module's turn.
   Story& untilModule() {
-    say(client, 0, known::needTry, {"libtuner", "tunerfw"});
-    say(client, 10, known::updateTime, {"tunerfw", 30});
-    say(worker, 25, known::updateTry, {"tunerfw"});
-    return say(worker, 45, known::updateStart, {"tunerfw"});
+    say(kClient, 0, known::kNeedTry, {"libtuner", "tunerfw"});
+    say(kClient, 10, known::kUpdateTime, {"tunerfw", 30});
+    say(kWorker, 25, known::kUpdateTry, {"tunerfw"});
+    return say(kWorker, 45, known::kUpdateStart, {"tunerfw"});
   }
 
   Story& requestEnds(std::int64_t time, int state) {
-    return say(client, time, known::requestEnds, {4, state, "libtuner"});
+    return say(kClient, time, known::kRequestEnds, {4, state, "libtuner"});
   }
 
   const Timeline& tell(bool alive = false) {
-    files.resize(1);
-    files[0].trace = readTrace(builder.bytes()).trace;
-    files[0].alive = alive;
-    timeline = timelineOf(files);
-    return timeline;
+    files_.resize(1);
+    files_[0].trace = readTrace(builder_.bytes()).trace;
+    files_[0].alive = alive;
+    timeline_ = timelineOf(files_);
+    return timeline_;
   }
 
  private:
-  TraceBuilder builder;
-  std::map<std::string, std::uint32_t> places;
-  std::vector<TraceFile> files;
-  Timeline timeline;
+  TraceBuilder builder_;
+  std::map<std::string, std::uint32_t> places_;
+  std::vector<TraceFile> files_;
+  Timeline timeline_;
 };
 
 TEST(Timeline, TakesAnUpdateApartIntoItsStages) {
   Story story;
-  story.untilModule().say(worker, 145, known::updateSucceeded, {"tunerfw"}).requestEnds(150, 0);
+  story.untilModule().say(kWorker, 145, known::kUpdateSucceeded, {"tunerfw"}).requestEnds(150, 0);
 
   const auto& updates = story.tell().updates;
 
@@ -78,43 +79,43 @@ TEST(Timeline, TakesAnUpdateApartIntoItsStages) {
   EXPECT_EQ(update.firmware, "tunerfw");
   EXPECT_EQ(update.caller, 4);
   EXPECT_EQ(update.result, Result::Updated);
-  EXPECT_EQ(update.span.length(), 150 * ms);
-  EXPECT_EQ(update.timeIn(Stage::Check), 10 * ms);
-  EXPECT_EQ(update.timeIn(Stage::WaitForLock), 15 * ms);
-  EXPECT_EQ(update.timeIn(Stage::Prepare), 20 * ms);
-  EXPECT_EQ(update.timeIn(Stage::InModule), 100 * ms);
+  EXPECT_EQ(update.span.length(), 150 * kMs);
+  EXPECT_EQ(update.timeIn(Stage::Check), 10 * kMs);
+  EXPECT_EQ(update.timeIn(Stage::WaitForLock), 15 * kMs);
+  EXPECT_EQ(update.timeIn(Stage::Prepare), 20 * kMs);
+  EXPECT_EQ(update.timeIn(Stage::InModule), 100 * kMs);
 }
 
 TEST(Timeline, TellsWhyAModuleFailed) {
   Story story;
-  story.untilModule().say(worker, 60, known::doUpdateFail, {"tunerfw", 5, 2}).requestEnds(61, 5);
+  story.untilModule().say(kWorker, 60, known::kDoUpdateFail, {"tunerfw", 5, 2}).requestEnds(61, 5);
 
   const auto& updates = story.tell().updates;
 
   ASSERT_THAT(updates, SizeIs(1));
   EXPECT_EQ(updates[0].result, Result::ModuleFailed);
   EXPECT_EQ(updates[0].reason, "Error: tunerfw Firmware doUpdate Fail 5 (2:No such file or directory)");
-  EXPECT_EQ(updates[0].timeIn(Stage::InModule), 15 * ms);
+  EXPECT_EQ(updates[0].timeIn(Stage::InModule), 15 * kMs);
 }
 
 TEST(Timeline, TellsATimedOutUpdateWhoseModuleRunsOn) {
   Story story;
   story.untilModule()
-      .say(client, 2000, known::timedOutText, {"tunerfw update timeout"}, known::timedOutFunction)
+      .say(kClient, 2000, known::kTimedOutText, {"tunerfw update timeout"}, known::kTimedOutFunction)
       .requestEnds(2001, 1)
-      .say(worker, 3045, known::updateSucceeded, {"tunerfw"});
+      .say(kWorker, 3045, known::kUpdateSucceeded, {"tunerfw"});
 
   const auto& updates = story.tell().updates;
 
   ASSERT_THAT(updates, SizeIs(1));
   EXPECT_EQ(updates[0].result, Result::TimedOut);
-  EXPECT_EQ(updates[0].timeIn(Stage::InModule), 3000 * ms);
+  EXPECT_EQ(updates[0].timeIn(Stage::InModule), 3000 * kMs);
 }
 
 TEST(Timeline, TellsARefusedImage) {
   Story story;
-  story.say(client, 0, known::needTry, {"libtuner", "tunerfw"})
-      .say(client, 5, "Error: %s Firmware CRC32 different", {"tunerfw"})
+  story.say(kClient, 0, known::kNeedTry, {"libtuner", "tunerfw"})
+      .say(kClient, 5, "Error: %s Firmware CRC32 different", {"tunerfw"})
       .requestEnds(6, -1);
 
   const auto& updates = story.tell().updates;
@@ -127,8 +128,8 @@ TEST(Timeline, TellsARefusedImage) {
 
 TEST(Timeline, TellsAnImageThatIsNotNeeded) {
   Story story;
-  story.say(client, 0, known::needTry, {"libtuner", "tunerfw"})
-      .say(client, 5, known::notNeeded, {"/opt/tunerempfw.img", "2.0.0"})
+  story.say(kClient, 0, known::kNeedTry, {"libtuner", "tunerfw"})
+      .say(kClient, 5, known::kNotNeeded, {"/opt/tunerempfw.img", "2.0.0"})
       .requestEnds(6, 0);
 
   EXPECT_EQ(story.tell().updates.at(0).result, Result::NotNeeded);
@@ -147,8 +148,8 @@ TEST(Timeline, TellsAnUnknownModule) {
 
 TEST(Timeline, TakesAMereQueryForNoUpdate) {
   Story story;
-  story.say(client, 0, known::needTry, {"libtuner", "tunerfw"})
-      .say(client, 5, known::needTry, {"libwifi", "wififw"});
+  story.say(kClient, 0, known::kNeedTry, {"libtuner", "tunerfw"})
+      .say(kClient, 5, known::kNeedTry, {"libwifi", "wififw"});
 
   EXPECT_THAT(story.tell().updates, IsEmpty());
 }
@@ -163,36 +164,37 @@ TEST(Timeline, TellsAnInterruptedUpdateFromARunningOne) {
 
 TEST(Timeline, TellsAProcedureOfAModulesOwn) {
   Story story;
-  story.say(client, 0, known::runProcessTry, {""}).requestEnds(40, 0);
+  story.say(kClient, 0, known::kRunProcessTry, {""}).requestEnds(40, 0);
 
   const auto& updates = story.tell().updates;
 
   ASSERT_THAT(updates, SizeIs(1));
   EXPECT_EQ(updates[0].module, "libtuner");
   EXPECT_EQ(updates[0].result, Result::Updated);
-  EXPECT_EQ(updates[0].timeIn(Stage::InModule), 40 * ms);
+  EXPECT_EQ(updates[0].timeIn(Stage::InModule), 40 * kMs);
 }
 
 TEST(Timeline, TellsAUsbPackageWithoutARequest) {
   Story story;
-  story.say(client, 0, known::updateStart, {"tunerfw"}).say(client, 70, known::updateSucceeded, {"tunerfw"});
+  story.say(kClient, 0, known::kUpdateStart, {"tunerfw"})
+      .say(kClient, 70, known::kUpdateSucceeded, {"tunerfw"});
 
   const auto& updates = story.tell().updates;
 
   ASSERT_THAT(updates, SizeIs(1));
   EXPECT_EQ(updates[0].name(), "tunerfw");
   EXPECT_EQ(updates[0].result, Result::Updated);
-  EXPECT_EQ(updates[0].timeIn(Stage::InModule), 70 * ms);
+  EXPECT_EQ(updates[0].timeIn(Stage::InModule), 70 * kMs);
 }
 
 TEST(Timeline, TellsTheModulesOfAnUpdateOfAllApart) {
   Story story;
   story.untilModule()
-      .say(worker, 50, known::updateSucceeded, {"tunerfw"})
-      .say(client, 60, known::updateTime, {"wififw", 30})
-      .say(worker + 1, 61, known::updateTry, {"wififw"})
-      .say(worker + 1, 65, known::updateStart, {"wififw"})
-      .say(worker + 1, 95, known::updateSucceeded, {"wififw"});
+      .say(kWorker, 50, known::kUpdateSucceeded, {"tunerfw"})
+      .say(kClient, 60, known::kUpdateTime, {"wififw", 30})
+      .say(kWorker + 1, 61, known::kUpdateTry, {"wififw"})
+      .say(kWorker + 1, 65, known::kUpdateStart, {"wififw"})
+      .say(kWorker + 1, 95, known::kUpdateSucceeded, {"wififw"});
 
   const auto& updates = story.tell().updates;
 
@@ -201,7 +203,7 @@ TEST(Timeline, TellsTheModulesOfAnUpdateOfAllApart) {
   EXPECT_EQ(updates[0].result, Result::Updated);
   EXPECT_EQ(updates[1].name(), "wififw");
   EXPECT_EQ(updates[1].result, Result::Updated);
-  EXPECT_EQ(updates[1].timeIn(Stage::InModule), 30 * ms);
+  EXPECT_EQ(updates[1].timeIn(Stage::InModule), 30 * kMs);
 }
 
 // ---- Exports --------------------------------------------------------------------
@@ -215,7 +217,7 @@ Json::Value parsed(const std::string& text) {
 }
 
 Story& wholeUpdate(Story& story) {
-  return story.untilModule().say(worker, 145, known::updateSucceeded, {"tunerfw"}).requestEnds(150, 0);
+  return story.untilModule().say(kWorker, 145, known::kUpdateSucceeded, {"tunerfw"}).requestEnds(150, 0);
 }
 
 // The Trace Event Format's rules for the events that are written.
@@ -254,17 +256,21 @@ TEST(PerfettoExport, NestsTheSlicesOfATrack) {
   const Json::Value document = parsed(exportPerfetto(wholeUpdate(story).tell()));
 
   std::map<int, std::vector<std::pair<double, double>>> tracks;
-  for (const Json::Value& event : document["traceEvents"])
-    if (event["ph"] == "X")
+  for (const Json::Value& event : document["traceEvents"]) {
+    if (event["ph"] == "X") {
       tracks[event["tid"].asInt()].emplace_back(event["ts"].asDouble(),
                                                 event["ts"].asDouble() + event["dur"].asDouble());
+    }
+  }
   ASSERT_THAT(tracks, SizeIs(2));
-  for (const auto& [thread, slices] : tracks)
-    for (const auto& a : slices)
+  for (const auto& [thread, slices] : tracks) {
+    for (const auto& a : slices) {
       for (const auto& b : slices) {
         const bool overlap = a.first < b.first && b.first < a.second && a.second < b.second;
         EXPECT_FALSE(overlap) << thread;
       }
+    }
+  }
 }
 
 TEST(JsonExport, HoldsUpdatesAndMessages) {
@@ -280,7 +286,7 @@ TEST(JsonExport, HoldsUpdatesAndMessages) {
 
 TEST(HtmlExport, LetsNoMessageLeaveItsPlaceInThePage) {
   Story story;
-  story.say(client, 0, "%s", {"</script><script>alert(1)</script>"});
+  story.say(kClient, 0, "%s", {"</script><script>alert(1)</script>"});
 
   const std::string page = exportHtml(story.tell());
 
@@ -292,8 +298,9 @@ TEST(HtmlExport, LoadsNothingFromElsewhere) {
   Story story;
   const std::string page = exportHtml(wholeUpdate(story).tell());
 
-  for (const char* reference : {" src=", " href=", "@import", "fetch(\"", "@D3@", "@DATA@"})
+  for (const char* reference : {" src=", " href=", "@import", "fetch(\"", "@D3@", "@DATA@"}) {
     EXPECT_EQ(page.find(reference), std::string::npos) << reference;
+  }
 }
 
 }  // namespace

@@ -16,15 +16,18 @@ std::string textOf(const std::string& text) {
 }
 
 std::string encode(const Argument& argument) {
-  if (const auto* number = std::get_if<std::int32_t>(&argument))
+  if (const auto* number = std::get_if<std::int32_t>(&argument)) {
     return bytesOf(*number);
+  }
   const auto* text = std::get_if<std::string>(&argument);
-  if (text == nullptr)
+  if (text == nullptr) {
     return "\xFF\x7F";
+  }
   std::string prefix;
   std::size_t length = text->size();
-  for (; length >= 0x80; length >>= 7)
+  for (; length >= 0x80; length >>= 7) {
     prefix += static_cast<char>((length & 0x7F) | 0x80);
+  }
   return prefix + static_cast<char>(length) + *text;
 }
 
@@ -55,7 +58,7 @@ TraceBuilder::TraceBuilder() : header() {
 
 std::uint32_t TraceBuilder::place(const std::string& function, const std::string& format,
                                   const std::string& types) {
-  LocationHeader entry = {0, ++lastPlace, 42, static_cast<std::uint32_t>(types.size())};
+  LocationHeader entry = {0, ++lastPlace_, 42, static_cast<std::uint32_t>(types.size())};
   std::string rest = textOf("/src/a/service.cpp") + textOf(function) + textOf(format);
   for (const char type : types) {
     rest += '\1';
@@ -64,26 +67,27 @@ std::uint32_t TraceBuilder::place(const std::string& function, const std::string
   }
   rest.resize((rest.size() + 3) / 4 * 4);
   entry.size = static_cast<std::uint32_t>(sizeof entry + rest.size());
-  places += bytesOf(entry) + rest;
-  return lastPlace;
+  places_ += bytesOf(entry) + rest;
+  return lastPlace_;
 }
 
 TraceBuilder& TraceBuilder::record(std::uint32_t place, std::uint32_t thread, std::int64_t time,
                                    const std::vector<Argument>& arguments) {
   std::string payload;
-  for (const Argument& argument : arguments)
+  for (const Argument& argument : arguments) {
     payload += encode(argument);
-  return rawRecord(place, thread, time, kCall, payload);
+  }
+  return rawRecord(place, thread, time, Call, payload);
 }
 
 TraceBuilder& TraceBuilder::rawRecord(std::uint32_t place, std::uint32_t thread, std::int64_t time,
                                       std::uint8_t kind, const std::string& payload) {
   const auto unpadded = static_cast<std::uint32_t>(sizeof(RecordHeader) + payload.size());
   const std::uint32_t size = (unpadded + 7) / 8 * 8;
-  const RecordHeader record = {size | (size - unpadded), KindAndStamp(kind, records.size()), place, thread,
+  const RecordHeader record = {size | (size - unpadded), kindAndStamp(kind, records_.size()), place, thread,
                                time};
-  records += bytesOf(record) + payload;
-  records.resize((records.size() + 7) / 8 * 8);
+  records_ += bytesOf(record) + payload;
+  records_.resize((records_.size() + 7) / 8 * 8);
   return *this;
 }
 
@@ -92,9 +96,9 @@ std::size_t TraceBuilder::placesOffset() const {
 }
 
 std::size_t TraceBuilder::ringOffset() const {
-  return sizeof header + chunk(kLocationsChunk, places).size();
+  return sizeof header + chunk(LocationsChunk, places_).size();
 }
 
 std::string TraceBuilder::bytes() const {
-  return bytesOf(header) + chunk(kLocationsChunk, places) + chunk(kRingChunk, records);
+  return bytesOf(header) + chunk(LocationsChunk, places_) + chunk(RingChunk, records_);
 }

@@ -33,9 +33,9 @@ class TraceBuilder {
   std::string bytes() const;
 
  private:
-  std::string places;
-  std::string records;
-  std::uint32_t lastPlace = 0;
+  std::string places_;
+  std::string records_;
+  std::uint32_t lastPlace_ = 0;
 };
 
 #endif

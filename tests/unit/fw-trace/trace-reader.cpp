@@ -15,15 +15,16 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
 
-constexpr std::size_t chunkHeader = sizeof(fwplatform::trace::ChunkHeader);
-constexpr std::size_t recordSize = 32;  // of a record with one number
+constexpr std::size_t kChunkHeader = sizeof(fwplatform::trace::ChunkHeader);
+constexpr std::size_t kRecordSize = 32;  // of a record with one number
 
 // Ten records that carry their number.
 TraceBuilder tenRecords() {
   TraceBuilder builder;
   const std::uint32_t place = builder.place("work", "number %d", "d");
-  for (int i = 0; i < 10; ++i)
+  for (int i = 0; i < 10; ++i) {
     builder.record(place, 77, i, {i});
+  }
   return builder;
 }
 
@@ -31,10 +32,12 @@ std::vector<std::string> textsOf(const std::string& bytes, std::vector<std::stri
   auto result = tracetool::readTrace(bytes);
   EXPECT_EQ(result.problem, "");
   std::vector<std::string> texts;
-  for (const auto& message : tracetool::messagesOf(result.trace))
+  for (const auto& message : tracetool::messagesOf(result.trace)) {
     texts.push_back(message.text);
-  if (skipped != nullptr)
+  }
+  if (skipped != nullptr) {
     *skipped = result.trace.skipped;
+  }
   return texts;
 }
 
@@ -79,13 +82,13 @@ TEST(TraceReader, RefusesWhatIsNoTraceAndSaysWhy) {
 
 TEST(TraceReader, ReadsAFileThatIsCutOffAnywhere) {
   const std::string whole = tenRecords().bytes();
-  const std::size_t ring = tenRecords().ringOffset() + chunkHeader;
+  const std::size_t ring = tenRecords().ringOffset() + kChunkHeader;
 
   for (std::size_t size = sizeof(fwplatform::trace::FileHeader); size < whole.size(); ++size) {
     std::vector<std::string> skipped;
     const auto texts = textsOf(whole.substr(0, size), &skipped);
 
-    ASSERT_EQ(texts.size(), size < ring ? 0 : (size - ring) / recordSize) << size;
+    ASSERT_EQ(texts.size(), size < ring ? 0 : (size - ring) / kRecordSize) << size;
     // Between two parts nothing tells that there was another one.
     if (size != sizeof(fwplatform::trace::FileHeader) && size != tenRecords().ringOffset()) {
       ASSERT_FALSE(skipped.empty()) << size;
@@ -96,7 +99,7 @@ TEST(TraceReader, ReadsAFileThatIsCutOffAnywhere) {
 TEST(TraceReader, LeavesOutADamagedRecordAndFindsTheNext) {
   const TraceBuilder builder = tenRecords();
   std::string bytes = builder.bytes();
-  bytes[builder.ringOffset() + chunkHeader + 4 * recordSize + 5] ^= 0x40;  // the stamp
+  bytes[builder.ringOffset() + kChunkHeader + 4 * kRecordSize + 5] ^= 0x40;  // the stamp
 
   std::vector<std::string> skipped;
   const auto texts = textsOf(bytes, &skipped);
@@ -109,7 +112,7 @@ TEST(TraceReader, LeavesOutADamagedRecordAndFindsTheNext) {
 TEST(TraceReader, LeavesOutARecordThatWasNotWrittenToItsEnd) {
   const TraceBuilder builder = tenRecords();
   std::string bytes = builder.bytes();
-  put(bytes, builder.ringOffset() + 16, 10 * recordSize - 8);  // head
+  put(bytes, builder.ringOffset() + 16, 10 * kRecordSize - 8);  // head
 
   std::vector<std::string> skipped;
   const auto texts = textsOf(bytes, &skipped);
@@ -151,7 +154,7 @@ TEST(TraceReader, ReadsThePlacesBeforeADamagedOne) {
   const std::uint32_t second = builder.place("work", "second", "");
   builder.record(first, 1, 1, {}).record(second, 1, 2, {});
   std::string bytes = builder.bytes();
-  const std::size_t firstPlace = builder.placesOffset() + chunkHeader;
+  const std::size_t firstPlace = builder.placesOffset() + kChunkHeader;
   std::uint32_t size = 0;
   std::memcpy(&size, bytes.data() + firstPlace, sizeof size);
   std::memset(bytes.data() + firstPlace + size, 0xFF, sizeof size);
@@ -190,8 +193,9 @@ TEST(TraceReader, TakesAsManyArgumentsAsAPlaceMayHave) {
 TEST(TraceReader, TakesAsManyPlacesAsAProcessWrites) {
   TraceBuilder builder;
   std::uint32_t last = 0;
-  for (int i = 0; i < 16; ++i)
+  for (int i = 0; i < 16; ++i) {
     last = builder.place("work", std::string(65000, '.'), "");
+  }
   builder.record(last, 1, 1, {});
   EXPECT_THAT(textsOf(builder.bytes()), ElementsAre(std::string(65000, '.')));
   builder.place("work", std::string(65000, '.'), "");
@@ -204,17 +208,18 @@ TEST(TraceReader, TakesAsManyPlacesAsAProcessWrites) {
 }
 
 TEST(TraceReader, TakesTheNewestOfTooManyRecords) {
-  constexpr std::size_t extra = 10;
+  constexpr std::size_t kExtra = 10;
   TraceBuilder builder;
   const std::uint32_t place = builder.place("work", "at", "");
-  for (std::size_t i = 0; i < 2 * tracetool::maximumRecords + extra; ++i)
+  for (std::size_t i = 0; i < 2 * tracetool::kMaximumRecords + kExtra; ++i) {
     builder.record(place, 1, static_cast<std::int64_t>(i), {});
+  }
 
   const auto trace = tracetool::readTrace(builder.bytes()).trace;
 
-  ASSERT_THAT(trace.records, SizeIs(tracetool::maximumRecords));
+  ASSERT_THAT(trace.records, SizeIs(tracetool::kMaximumRecords));
   EXPECT_EQ(trace.records.front().time - trace.start,
-            static_cast<std::int64_t>(tracetool::maximumRecords + extra));
+            static_cast<std::int64_t>(tracetool::kMaximumRecords + kExtra));
   EXPECT_THAT(trace.skipped, ElementsAre(HasSubstr("The oldest 1000010 records are left out")));
 }
 

@@ -30,8 +30,9 @@ namespace {
 class AChildCommand : public ::testing::Test {
  protected:
   void waitForItsEnd() {
-    while (!child.status())
+    while (!child.status()) {
       child.wait(std::chrono::milliseconds(100), {[](const tool::Told&) {}, [](int, bool) {}});
+    }
   }
 
   std::string name = "test-fw-update";

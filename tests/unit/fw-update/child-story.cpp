@@ -28,8 +28,8 @@ LogMessage message(const char* function, const char* format, std::vector<std::st
 ChildStory waiting() {
   ChildStory story("libtuner");
   story.add(tool::StepTold{Step::Load, "libtuner", "tunerfw"});
-  story.add(message("isNeedUpdate", tool::text::needTry, {"libtuner", "tunerfw"}));
-  story.add(message("update_timeout_wrapper", tool::text::updateTime, {"tunerfw", "10"}));
+  story.add(message("isNeedUpdate", tool::text::kNeedTry, {"libtuner", "tunerfw"}));
+  story.add(message("update_timeout_wrapper", tool::text::kUpdateTime, {"tunerfw", "10"}));
   return story;
 }
 
@@ -53,7 +53,7 @@ TEST(ChildStory, WaitsForTheLockForEver) {
 TEST(ChildStory, GivesAnUpdateTheLibrarysLimitAndAMargin) {
   ChildStory story = waiting();
 
-  story.add(message("updateFirmware", tool::text::updateTry, {"tunerfw"}));
+  story.add(message("updateFirmware", tool::text::kUpdateTry, {"tunerfw"}));
 
   EXPECT_EQ(story.step(), Step::Write);
   EXPECT_EQ(story.allowedSilence(kPatience), ChildStory::Seconds(10 + 2 + 10));
@@ -62,10 +62,10 @@ TEST(ChildStory, GivesAnUpdateTheLibrarysLimitAndAMargin) {
 
 TEST(ChildStory, SetsNoLimitToWhatTheLibrarySetsNone) {
   ChildStory procedure("libEXT-remote");
-  procedure.add(message("runProcess", tool::text::runProcessTry, {""}));
+  procedure.add(message("runProcess", tool::text::kRunProcessTry, {""}));
   ChildStory package("");
   package.add(tool::StepTold{Step::Load, "libtuner", "tunerfw"});
-  package.add(message("updateUSB", tool::text::packageStart, {"tunerfw"}));
+  package.add(message("updateUSB", tool::text::kPackageStart, {"tunerfw"}));
 
   EXPECT_FALSE(procedure.allowedSilence(kPatience));
   EXPECT_EQ(procedure.module(), "libEXT-remote");
@@ -86,7 +86,7 @@ TEST(ChildStory, FindsThePackagesModuleByTheFile) {
 
 TEST(ChildStory, EndsAnUpdateWithItsTimeOut) {
   ChildStory story = waiting();
-  story.add(message("updateFirmware", tool::text::updateTry, {"tunerfw"}));
+  story.add(message("updateFirmware", tool::text::kUpdateTry, {"tunerfw"}));
 
   story.add(message("update_timeout_wrapper", "%s", {"tunerfw update timeout"}));
 
@@ -98,15 +98,15 @@ TEST(ChildStory, EndsAnUpdateWithItsTimeOut) {
 TEST(ChildStory, StandsWhatAModuleWroteIntoIt) {
   ChildStory story("libtuner");
 
-  story.add(message("update_timeout_wrapper", tool::text::updateTime));
-  story.add(message("update_timeout_wrapper", tool::text::updateTime, {"tunerfw", "soon"}));
-  story.add(message("isNeedUpdate", tool::text::needTry));
+  story.add(message("update_timeout_wrapper", tool::text::kUpdateTime));
+  story.add(message("update_timeout_wrapper", tool::text::kUpdateTime, {"tunerfw", "soon"}));
+  story.add(message("isNeedUpdate", tool::text::kNeedTry));
 
   EXPECT_TRUE(story.hasUsedLock());
 }
 
 TEST(Datagrams, ComeBackAsTheyWere) {
-  LogMessage one = message("updateFirmware", tool::text::updateTry, {"tunerfw", "x\n\"y"});
+  LogMessage one = message("updateFirmware", tool::text::kUpdateTry, {"tunerfw", "x\n\"y"});
   one.priority = 6;
   one.errorNumber = 5;
   one.time = std::chrono::steady_clock::now();
@@ -126,8 +126,9 @@ TEST(Datagrams, ComeBackAsTheyWere) {
 
 TEST(Datagrams, AreNotMadeOfWhatIsNone) {
   for (const char* text : {"", "{", "[]", "7", "{\"step\":99}", "{\"step\":\"x\"}", "{\"log\":7}",
-                           "{\"exitCode\":{}}", "{\"log\":{\"priority\":[]}}"})
+                           "{\"exitCode\":{}}", "{\"log\":{\"priority\":[]}}"}) {
     EXPECT_FALSE(tool::fromDatagram(text)) << text;
+  }
 }
 
 TEST(ChildEnd, TellsACrashFromAKill) {

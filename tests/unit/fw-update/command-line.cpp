@@ -59,8 +59,9 @@ TEST(CommandLine, TakesOutputOptionsBeforeAndAfterTheCommand) {
 }
 
 TEST(CommandLine, KnowsEveryCaller) {
-  for (const tool::Caller& caller : tool::callers)
+  for (const tool::Caller& caller : tool::kCallers) {
     EXPECT_EQ(options({"update", "x", "--caller", caller.name}).caller, &caller);
+  }
 }
 
 TEST(CommandLine, SendsTheFixedDataOfFactoryAutomation) {
@@ -121,20 +122,23 @@ TEST_P(CommandHelp, FitsAScreenWithAnExampleAndTheExitCodes) {
   const std::string second = name.substr(std::min(blank + 1, name.size()));
   name.resize(blank);
   std::vector<const char*> words = {name.c_str(), second.c_str(), "--help"};
-  if (second.empty())
+  if (second.empty()) {
     words.erase(words.begin() + 1);
+  }
   const std::string help = output(words);
 
   EXPECT_LE(std::count(help.begin(), help.end(), '\n'), 24);
   std::istringstream lines(help);
-  for (std::string line; std::getline(lines, line);)
+  for (std::string line; std::getline(lines, line);) {
     EXPECT_LE(line.size(), 80u) << line;
+  }
   EXPECT_THAT(help, HasSubstr(std::string("Example: ") + GetParam().example));
-  for (const tool::OutcomeInfo& info : tool::outcomeTable)
+  for (const tool::OutcomeInfo& info : tool::kOutcomeTable) {
     EXPECT_THAT(help, HasSubstr(" " + std::to_string(info.exitCode) + " "));
+  }
 }
 
-INSTANTIATE_TEST_SUITE_P(Every, CommandHelp, ::testing::ValuesIn(tool::commands), [](const auto& test) {
+INSTANTIATE_TEST_SUITE_P(Every, CommandHelp, ::testing::ValuesIn(tool::kCommands), [](const auto& test) {
   std::string name = test.param.name;
   std::replace_if(
       name.begin(), name.end(), [](char c) { return c == ' ' || c == '-'; }, '_');

@@ -62,7 +62,7 @@ tool::LogMessage ofPackage(const std::string& format, std::vector<std::string> a
   return logged;
 }
 
-const Case packageCases[] = {
+const Case kPackageCases[] = {
     {"NoPackage",
      {ofPackage("Error: %s open fail", {"/nowhere/tunerfw.bin"})},
      Outcome::NothingToDo,
@@ -98,10 +98,10 @@ const Case packageCases[] = {
      "does not say how long"},
 };
 
-INSTANTIATE_TEST_SUITE_P(OfPackages, MeaningOfMessages, ::testing::ValuesIn(packageCases),
+INSTANTIATE_TEST_SUITE_P(OfPackages, MeaningOfMessages, ::testing::ValuesIn(kPackageCases),
                          [](const auto& tested) { return tested.param.name; });
 
-const Case cases[] = {
+const Case kCases[] = {
     {"Updated",
      {message("========== [ %s update succeeded ] ==========", {"tunerfw"})},
      Outcome::Updated,
@@ -242,7 +242,7 @@ const Case cases[] = {
      "cannot be read"},
 };
 
-INSTANTIATE_TEST_SUITE_P(EachText, MeaningOfMessages, ::testing::ValuesIn(cases),
+INSTANTIATE_TEST_SUITE_P(EachText, MeaningOfMessages, ::testing::ValuesIn(kCases),
                          [](const auto& test) { return std::string(test.param.name); });
 
 TEST(Meanings, IgnoreMissingOptionalEntryPoints) {
@@ -303,26 +303,26 @@ TEST_P(SilentResult, IsExplainedByHowFarTheUpdateCame) {
             GetParam().outcome);
 }
 
-const SilentCase silentCases[] = {
-    {"Procedure", 0, {message(tool::text::runProcessTry, {""})}, Outcome::Updated},
+const SilentCase kSilentCases[] = {
+    {"Procedure", 0, {message(tool::text::kRunProcessTry, {""})}, Outcome::Updated},
     {"RefusedRequest",
      -1,
-     {message(tool::text::needTry, {"", ""}), message(tool::text::updateTry, {""})},
+     {message(tool::text::kNeedTry, {"", ""}), message(tool::text::kUpdateTry, {""})},
      Outcome::ModuleFailed},
-    {"OddAnswer", 2, {message(tool::text::needTry, {"", ""})}, Outcome::ModuleFailed},
+    {"OddAnswer", 2, {message(tool::text::kNeedTry, {"", ""})}, Outcome::ModuleFailed},
     {"EarlyReturn",
      0,
-     {message(tool::text::needTry, {"", ""}), message(tool::text::updateTry, {""})},
+     {message(tool::text::kNeedTry, {"", ""}), message(tool::text::kUpdateTry, {""})},
      Outcome::Unexpected},
     {"NothingAtAll", -1, {}, Outcome::Unexpected},
 };
 
-INSTANTIATE_TEST_SUITE_P(Each, SilentResult, ::testing::ValuesIn(silentCases),
+INSTANTIATE_TEST_SUITE_P(Each, SilentResult, ::testing::ValuesIn(kSilentCases),
                          [](const auto& test) { return std::string(test.param.name); });
 
 TEST(TimeLimit, IsTwoSecondsMoreThanExpectedAndWraps) {
-  const auto usual = tool::timeLimit({message(tool::text::updateTime, {"tunerfw", "10"})});
-  const auto wrapped = tool::timeLimit({message(tool::text::updateTime, {"tunerfw", "-1"})});
+  const auto usual = tool::timeLimit({message(tool::text::kUpdateTime, {"tunerfw", "10"})});
+  const auto wrapped = tool::timeLimit({message(tool::text::kUpdateTime, {"tunerfw", "-1"})});
 
   ASSERT_TRUE(usual && wrapped);
   EXPECT_EQ(usual->expected, 10u);
@@ -356,7 +356,7 @@ TEST(Outcomes, HaveTheNamesAndCodesThatAreDocumented) {
   };
 
   std::map<std::string, int> found;
-  for (const auto& info : tool::outcomeTable) {
+  for (const auto& info : tool::kOutcomeTable) {
     EXPECT_TRUE(found.emplace(info.id, info.exitCode).second) << info.id;
     EXPECT_EQ(&tool::infoOf(info.outcome), &info);
   }

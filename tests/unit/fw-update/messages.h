@@ -15,8 +15,13 @@ inline tool::LogMessage message(const std::string& format, std::vector<std::stri
   message.format = format;
   message.arguments = std::move(arguments);
   message.errorNumber = errorNumber;
-  for (const std::string& argument : message.arguments)
-    message.text += argument + " ";
+  for (const std::string& argument : message.arguments) {
+    {
+      {
+        { message.text += argument + " "; }
+      }
+    }
+  }
   return message;
 }
 

@@ -32,8 +32,8 @@ tool::LogMessage at(std::chrono::steady_clock::time_point time, const char* form
 TEST(ProgressPhase, FollowsTheLibrarysMessages) {
   const auto start = std::chrono::steady_clock::now();
   const auto now = start + seconds(9);
-  const auto limit = at(start + seconds(2), tool::text::updateTime, {"tunerfw", "10"});
-  const auto begun = at(start + seconds(5), tool::text::updateTry, {"tunerfw"});
+  const auto limit = at(start + seconds(2), tool::text::kUpdateTime, {"tunerfw", "10"});
+  const auto begun = at(start + seconds(5), tool::text::kUpdateTry, {"tunerfw"});
 
   const auto checking = tool::progressOf({}, "libtuner", start, now);
   const auto waiting = tool::progressOf({limit}, "libtuner", start, now);
@@ -57,8 +57,8 @@ TEST(ProgressLine, GivesNoEndWhereTheLibraryNeverGivesUp) {
 TEST(ProgressPhase, OfAnOwnProcedureHasNoTimeLimit) {
   const auto start = std::chrono::steady_clock::now();
 
-  const auto progress = tool::progressOf({at(start, tool::text::runProcessTry, {""})}, "libEXT-remote", start,
-                                         start + seconds(3));
+  const auto progress = tool::progressOf({at(start, tool::text::kRunProcessTry, {""})}, "libEXT-remote",
+                                         start, start + seconds(3));
 
   EXPECT_EQ(progress.phase, Phase::Updating);
   EXPECT_EQ(tool::timeText(progress), "3 s");
@@ -101,9 +101,11 @@ TEST(LiveLine, DropsBarNameAndWordsAsItNarrows) {
 }
 
 TEST(LiveLine, FitsEveryWidth) {
-  for (const double elapsed : {0.0, 9.0, 11.0})
-    for (std::size_t width = 0; width < 120; ++width)
+  for (const double elapsed : {0.0, 9.0, 11.0}) {
+    for (std::size_t width = 0; width < 120; ++width) {
       EXPECT_LE(tool::liveLine(updating(55, elapsed), width).size(), width);
+    }
+  }
 }
 
 TEST(LiveLine, ShowsNoPercentThatTheModuleDoesNotReport) {

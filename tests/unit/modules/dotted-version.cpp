@@ -49,14 +49,16 @@ TEST(DottedVersion, FindsVersionsTheSame) {
 }
 
 TEST(DottedVersion, AcceptsNumbersWithDotsBetweenThem) {
-  for (const char* text : {"0", "0000", "1.2", "1.2.3.4.5.6.7.8", "00000000000000000000000001.5"})
+  for (const char* text : {"0", "0000", "1.2", "1.2.3.4.5.6.7.8", "00000000000000000000000001.5"}) {
     EXPECT_TRUE(isVersion(text)) << text;
+  }
 }
 
 TEST(DottedVersion, RefusesEverythingElse) {
   for (const char* text : {"", ".", "1.", ".1", "1..2", "a", "1.a", "v1.2", "1.2 ", " 1.2", "-1", "+1", "1,2",
-                           "1.2-rc1", "1.2\n", "0x10", "\xb2.1"})
+                           "1.2-rc1", "1.2\n", "0x10", "\xb2.1"}) {
     EXPECT_FALSE(isVersion(text)) << text;
+  }
 }
 
 }  // namespace

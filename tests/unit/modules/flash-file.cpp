@@ -40,8 +40,9 @@ int decodeError(const FlashHeaderBytes& bytes) {
 FlashHeaderBytes withCrc(FlashHeaderBytes bytes) {
   boost::crc_optimal<32, 0x01B23CA3, 0, 0, false, false> crc;
   crc.process_bytes(bytes.data(), bytes.size() - 4);
-  for (std::size_t i = 0; i < 4; ++i)
+  for (std::size_t i = 0; i < 4; ++i) {
     bytes[bytes.size() - 4 + i] = static_cast<unsigned char>(crc.checksum() >> (8 * i));
+  }
   return bytes;
 }
 

@@ -53,11 +53,11 @@ extern "C" __attribute__((visibility("default"))) int pthread_create(pthread_t* 
                                                                      const pthread_attr_t* attributes,
                                                                      void* (*start)(void*), void* argument) {
   using Create = int(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
-  static auto* const real = reinterpret_cast<Create*>(dlsym(RTLD_NEXT, "pthread_create"));
+  static auto* const kReal = reinterpret_cast<Create*>(dlsym(RTLD_NEXT, "pthread_create"));
   if (threads == Threads::FindNoMemory) {
     throw std::bad_alloc();
   }
-  return threads == Threads::AreRefused ? EAGAIN : real(thread, attributes, start, argument);
+  return threads == Threads::AreRefused ? EAGAIN : kReal(thread, attributes, start, argument);
 }
 
 int __dlog_print(int, int priority, const char* tag, const char* format, ...) {

@@ -35,7 +35,7 @@ class PlatformLogToSyslog : public DeviceTest {
  protected:
   void SetUp() override {
     DeviceTest::SetUp();
-    dev_.emplace(TemporaryMount::Memory("/dev"));
+    dev_.emplace(TemporaryMount::memory("/dev"));
     listener_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
@@ -47,20 +47,20 @@ class PlatformLogToSyslog : public DeviceTest {
 
   // What the daemon gets from a process that logs: "<priority>", then what
   // follows the program's name.
-  std::vector<std::string> MessagesOf(const char* setting, const std::function<int()>& body) const {
+  std::vector<std::string> messagesOf(const char* setting, const std::function<int()>& body) const {
     const LoggingChild child(setting, dup(STDERR_FILENO), body);
-    EXPECT_EQ(child.Wait(), 0);
+    EXPECT_EQ(child.wait(), 0);
     std::vector<std::string> messages;
     std::vector<char> packet(256 * 1024);
     ssize_t count;
     while ((count = recv(listener_, packet.data(), packet.size(), MSG_DONTWAIT)) > 0) {
-      messages.push_back(WithoutTimeAndProgram({packet.data(), static_cast<std::size_t>(count)}));
+      messages.push_back(withoutTimeAndProgram({packet.data(), static_cast<std::size_t>(count)}));
     }
     return messages;
   }
 
  private:
-  static std::string WithoutTimeAndProgram(const std::string& packet) {
+  static std::string withoutTimeAndProgram(const std::string& packet) {
     const std::string program = std::string(program_invocation_short_name) + ": ";
     const std::size_t name = packet.find(program);
     if (name == std::string::npos) {
@@ -73,14 +73,14 @@ class PlatformLogToSyslog : public DeviceTest {
   int listener_ = -1;
 };
 
-int LogAt(int priority, const char* text) {
+int logAt(int priority, const char* text) {
   return __dlog_print(2, priority, "FWUPDATE", "%s", text);
 }
 
 TEST_F(PlatformLogToSyslog, GivesEachPriorityItsSyslogPriority) {
-  const std::vector<std::string> messages = MessagesOf(nullptr, [] {
+  const std::vector<std::string> messages = messagesOf(nullptr, [] {
     for (const int priority : {0, 3, 4, 5, 6, 7, 9}) {
-      LogAt(priority, "text");
+      logAt(priority, "text");
     }
     return 0;
   });
@@ -92,16 +92,16 @@ TEST_F(PlatformLogToSyslog, GivesEachPriorityItsSyslogPriority) {
 
 TEST_F(PlatformLogToSyslog, IsTheSinkByNameForUnknownNamesAndWithoutAJournal) {
   for (const char* setting : {"syslog", "nonsense", "journal"}) {
-    EXPECT_THAT(MessagesOf(setting, [] { return LogAt(6, "here") == 4 ? 0 : 1; }),
+    EXPECT_THAT(messagesOf(setting, [] { return logAt(6, "here") == 4 ? 0 : 1; }),
                 ElementsAre("<11>FWUPDATE here"));
   }
 }
 
 TEST_F(PlatformLogToSyslog, GetsNothingFromTheOtherSinks) {
   for (const char* setting : {"stderr", "none"}) {
-    EXPECT_THAT(MessagesOf(setting,
+    EXPECT_THAT(messagesOf(setting,
                            [] {
-                             LogAt(6, "(this line belongs on stderr)");
+                             logAt(6, "(this line belongs on stderr)");
                              return 0;
                            }),
                 ElementsAre());
@@ -111,26 +111,26 @@ TEST_F(PlatformLogToSyslog, GetsNothingFromTheOtherSinks) {
 TEST_F(PlatformLogToSyslog, IsTheSinkWhereTheJournalIsNoSocket) {
   writeFile("/run/systemd/journal/socket", "");
 
-  EXPECT_THAT(MessagesOf(nullptr, [] { return LogAt(6, "here") == 4 ? 0 : 1; }),
+  EXPECT_THAT(messagesOf(nullptr, [] { return logAt(6, "here") == 4 ? 0 : 1; }),
               ElementsAre("<11>FWUPDATE here"));
 }
 
 TEST_F(PlatformLogToSyslog, GetsWhatAProgramWithMoreRightsSaysWhateverTheEnvironment) {
-  EXPECT_THAT(MessagesOf("none",
+  EXPECT_THAT(messagesOf("none",
                          [] {
                            hasMoreRights = true;
                            setenv("FW_UPDATE_LOG_LEVEL", "error", 1);
-                           LogAt(4, "here");
+                           logAt(4, "here");
                            return 0;
                          }),
               ElementsAre("<14>FWUPDATE here"));
 }
 
 TEST_F(PlatformLogToSyslog, KeepsLineFeedsAtTheEndAndShowsOtherControlCharacters) {
-  EXPECT_THAT(MessagesOf("syslog",
+  EXPECT_THAT(messagesOf("syslog",
                          [] {
-                           LogAt(6, "lstat error\n");
-                           LogAt(6, "a\nb\x1B[m %s\xFF");
+                           logAt(6, "lstat error\n");
+                           logAt(6, "a\nb\x1B[m %s\xFF");
                            return 0;
                          }),
               ElementsAre("<11>FWUPDATE lstat error\n", "<11>FWUPDATE a\\x0Ab\\x1B[m %s\\xFF"));
@@ -139,8 +139,8 @@ TEST_F(PlatformLogToSyslog, KeepsLineFeedsAtTheEndAndShowsOtherControlCharacters
 TEST_F(PlatformLogToSyslog, TakesLongMessages) {
   const std::string text(64 * 1024, 'z');
 
-  const std::vector<std::string> messages = MessagesOf("syslog", [&] {
-    LogAt(6, text.c_str());
+  const std::vector<std::string> messages = messagesOf("syslog", [&] {
+    logAt(6, text.c_str());
     return 0;
   });
 

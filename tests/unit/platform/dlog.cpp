@@ -30,7 +30,7 @@ using ::testing::MatchesRegex;
 
 constexpr int kLogId = 2;
 
-std::string ReadAll(int fd) {
+std::string readAll(int fd) {
   std::string text;
   char block[4096];
   ssize_t count;
@@ -41,19 +41,19 @@ std::string ReadAll(int fd) {
 }
 
 // What a child writes to a pipe as its stderr.
-std::string StderrOf(const char* setting, const std::function<int()>& body) {
+std::string stderrOf(const char* setting, const std::function<int()>& body) {
   int ends[2];
   EXPECT_EQ(pipe2(ends, O_CLOEXEC), 0);
   const LoggingChild child(setting, ends[1], body);
   close(ends[1]);
-  std::string text = ReadAll(ends[0]);
+  std::string text = readAll(ends[0]);
   close(ends[0]);
-  EXPECT_EQ(child.Wait(), 0);
+  EXPECT_EQ(child.wait(), 0);
   return text;
 }
 
 // What a child writes to its stderr, one entry for each write it makes.
-std::vector<std::string> WritesOf(const std::function<int()>& body) {
+std::vector<std::string> writesOf(const std::function<int()>& body) {
   int ends[2];
   EXPECT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), 0);
   const LoggingChild child("stderr", ends[1], body);
@@ -65,12 +65,12 @@ std::vector<std::string> WritesOf(const std::function<int()>& body) {
     writes.emplace_back(packet.data(), static_cast<std::size_t>(count));
   }
   close(ends[0]);
-  EXPECT_EQ(child.Wait(), 0);
+  EXPECT_EQ(child.wait(), 0);
   return writes;
 }
 
 // A line without its time, "" when the time does not look like one.
-std::string WithoutTime(const std::string& line) {
+std::string withoutTime(const std::string& line) {
   static const std::string kShape = "00:00:00.000 ";
   for (std::size_t i = 0; i < kShape.size(); ++i) {
     const bool fits = i < line.size() && (kShape[i] == '0' ? isdigit(static_cast<unsigned char>(line[i])) != 0
@@ -82,47 +82,47 @@ std::string WithoutTime(const std::string& line) {
   return line.substr(kShape.size());
 }
 
-std::vector<std::string> LinesOf(const std::string& text) {
+std::vector<std::string> linesOf(const std::string& text) {
   std::vector<std::string> lines;
   std::istringstream stream(text);
   for (std::string line; std::getline(stream, line);) {
-    lines.push_back(WithoutTime(line));
+    lines.push_back(withoutTime(line));
   }
   return lines;
 }
 
-int LogAt(int priority, const char* text) {
+int logAt(int priority, const char* text) {
   return __dlog_print(kLogId, priority, "FWUPDATE", "%s", text);
 }
 
 TEST(PlatformLog, WritesOneLineOnStderr) {
-  const std::string text = StderrOf("stderr", [] {
+  const std::string text = stderrOf("stderr", [] {
     __dlog_print(kLogId, DLOG_ERROR_PRIORITY, "FWUPDATE", "%s: %s(%d) > Error : %s", "fw-update-symbol.cpp",
                  "loadSymbol", 42, "no such module");
     return 0;
   });
 
-  EXPECT_EQ(WithoutTime(text), "E FWUPDATE fw-update-symbol.cpp: loadSymbol(42) > Error : no such module\n");
+  EXPECT_EQ(withoutTime(text), "E FWUPDATE fw-update-symbol.cpp: loadSymbol(42) > Error : no such module\n");
 }
 
 constexpr long kDayMs = 86400L * 1000;
 
 // Of this moment, where the day begins five and a half hours earlier.
-long MillisecondOfDay() {
+long millisecondOfDay() {
   timespec now = {};
   clock_gettime(CLOCK_REALTIME, &now);
   return ((static_cast<long>(now.tv_sec % 86400) + 5 * 3600 + 1800) * 1000L + now.tv_nsec / 1000000) % kDayMs;
 }
 
 TEST(PlatformLog, ShowsTheTimeOfDay) {
-  const long before = MillisecondOfDay();
-  const std::string text = StderrOf("stderr", [] {
+  const long before = millisecondOfDay();
+  const std::string text = stderrOf("stderr", [] {
     setenv("TZ", "XXX-5:30", 1);  // five and a half hours east
-    LogAt(6, "now");
+    logAt(6, "now");
     return 0;
   });
 
-  const long after = MillisecondOfDay();
+  const long after = millisecondOfDay();
   int hours = -1, minutes = -1, seconds = -1, milliseconds = -1;
   ASSERT_EQ(sscanf(text.c_str(), "%2d:%2d:%2d.%3d ", &hours, &minutes, &seconds, &milliseconds), 4) << text;
   const long shown = ((hours * 60L + minutes) * 60 + seconds) * 1000 + milliseconds;
@@ -131,37 +131,37 @@ TEST(PlatformLog, ShowsTheTimeOfDay) {
 }
 
 TEST(PlatformLog, ShowsEachPriorityAsItsLetter) {
-  const std::string text = StderrOf("stderr", [] {
+  const std::string text = stderrOf("stderr", [] {
     for (int priority = -1; priority <= 9; ++priority) {
       __dlog_print(kLogId, priority, "FWUPDATE", "%d", priority);
     }
     return 0;
   });
 
-  EXPECT_THAT(LinesOf(text), ElementsAre("D FWUPDATE -1", "D FWUPDATE 0", "D FWUPDATE 1", "D FWUPDATE 2",
+  EXPECT_THAT(linesOf(text), ElementsAre("D FWUPDATE -1", "D FWUPDATE 0", "D FWUPDATE 1", "D FWUPDATE 2",
                                          "D FWUPDATE 3", "I FWUPDATE 4", "W FWUPDATE 5", "E FWUPDATE 6",
                                          "E FWUPDATE 7", "E FWUPDATE 8", "E FWUPDATE 9"));
 }
 
 TEST(PlatformLog, WritesNothingWhenSwitchedOff) {
-  const std::string text = StderrOf("none", [] { return LogAt(6, "unseen"); });
+  const std::string text = stderrOf("none", [] { return logAt(6, "unseen"); });
 
   EXPECT_EQ(text, "");
 }
 
 TEST(PlatformLog, WritesNothingOnStderrByDefault) {
   for (const char* setting : {static_cast<const char*>(nullptr), "syslog"}) {
-    EXPECT_EQ(StderrOf(setting, [] { return LogAt(6, "for syslog") == 10 ? 0 : 1; }), "");
+    EXPECT_EQ(stderrOf(setting, [] { return logAt(6, "for syslog") == 10 ? 0 : 1; }), "");
   }
 }
 
 TEST(PlatformLog, ComplainsOnceAboutAnUnknownSink) {
-  const std::string text = StderrOf(
+  const std::string text = stderrOf(
       "std\x1B"
       "err",
       [] {
-        LogAt(6, "one");
-        LogAt(6, "two");
+        logAt(6, "one");
+        logAt(6, "two");
         return 0;
       });
 
@@ -171,48 +171,48 @@ TEST(PlatformLog, ComplainsOnceAboutAnUnknownSink) {
 }
 
 TEST(PlatformLog, MakesNoEmptyLinesOfTrailingLineFeeds) {
-  const std::string text = StderrOf("stderr", [] {
-    LogAt(6, "lstat error\n");
-    LogAt(6, "two\n\n\n");
-    LogAt(6, "\n");
-    LogAt(6, "");
+  const std::string text = stderrOf("stderr", [] {
+    logAt(6, "lstat error\n");
+    logAt(6, "two\n\n\n");
+    logAt(6, "\n");
+    logAt(6, "");
     return 0;
   });
 
-  EXPECT_THAT(LinesOf(text),
+  EXPECT_THAT(linesOf(text),
               ElementsAre("E FWUPDATE lstat error", "E FWUPDATE two", "E FWUPDATE ", "E FWUPDATE "));
 }
 
 TEST(PlatformLog, KeepsAMessageOnOneLineWhateverItHolds) {
-  const std::string text = StderrOf("stderr", [] {
+  const std::string text = stderrOf("stderr", [] {
     __dlog_print(kLogId, 6, "TAG\n", "a\nb %s%c\xFF", "\x1B[2J", '\0');
     return 0;
   });
 
-  EXPECT_THAT(LinesOf(text), ElementsAre("E TAG\\x0A a\\x0Ab \\x1B[2J\\x00\\xFF"));
+  EXPECT_THAT(linesOf(text), ElementsAre("E TAG\\x0A a\\x0Ab \\x1B[2J\\x00\\xFF"));
 }
 
 TEST(PlatformLog, MakesOneWriteForEachMessageHoweverLong) {
   const std::string longText(100 * 1024, 'x');
 
-  const std::vector<std::string> writes = WritesOf([&] {
-    LogAt(6, "short");
-    return LogAt(6, longText.c_str()) == 100 * 1024 ? 0 : 1;
+  const std::vector<std::string> writes = writesOf([&] {
+    logAt(6, "short");
+    return logAt(6, longText.c_str()) == 100 * 1024 ? 0 : 1;
   });
 
   ASSERT_EQ(writes.size(), 2u);
-  EXPECT_EQ(WithoutTime(writes[0]), "E FWUPDATE short\n");
-  EXPECT_TRUE(WithoutTime(writes[1]) == "E FWUPDATE " + longText + "\n") << writes[1].size();
+  EXPECT_EQ(withoutTime(writes[0]), "E FWUPDATE short\n");
+  EXPECT_TRUE(withoutTime(writes[1]) == "E FWUPDATE " + longText + "\n") << writes[1].size();
 }
 
 TEST(PlatformLog, KeepsWholeMessagesAroundTheFixedBuffersEnd) {
   for (const std::size_t length : {1022u, 1023u, 1024u, 1025u, 2048u}) {
     const std::string message(length, 'y');
 
-    const std::vector<std::string> writes = WritesOf([&] { return LogAt(6, message.c_str()) < 0; });
+    const std::vector<std::string> writes = writesOf([&] { return logAt(6, message.c_str()) < 0; });
 
     ASSERT_EQ(writes.size(), 1u);
-    EXPECT_EQ(WithoutTime(writes[0]), "E FWUPDATE " + message + "\n");
+    EXPECT_EQ(withoutTime(writes[0]), "E FWUPDATE " + message + "\n");
   }
 }
 
@@ -221,7 +221,7 @@ TEST(PlatformLog, ShowsErrnoOfTheCallAndKeepsIt) {
   // No literal: ISO C++ knows no %m, and the compiler would say so.
   const std::string format = "%s %m";
 
-  const std::vector<std::string> writes = WritesOf([&] {
+  const std::vector<std::string> writes = writesOf([&] {
     errno = ENOSPC;
     __dlog_print(kLogId, 6, "FWUPDATE", format.c_str(), "short:");
     const bool keptShort = errno == ENOSPC;
@@ -231,28 +231,28 @@ TEST(PlatformLog, ShowsErrnoOfTheCallAndKeepsIt) {
   });
 
   ASSERT_EQ(writes.size(), 2u);
-  EXPECT_EQ(WithoutTime(writes[0]), "E FWUPDATE short: No space left on device\n");
-  EXPECT_EQ(WithoutTime(writes[1]), "E FWUPDATE " + padding + " Invalid cross-device link\n");
+  EXPECT_EQ(withoutTime(writes[0]), "E FWUPDATE short: No space left on device\n");
+  EXPECT_EQ(withoutTime(writes[1]), "E FWUPDATE " + padding + " Invalid cross-device link\n");
 }
 
 TEST(PlatformLog, KeepsErrnoWithEverySink) {
   for (const char* setting : {"syslog", "none", "nonsense"}) {
-    StderrOf(setting, [] {
+    stderrOf(setting, [] {
       errno = EDOM;
-      LogAt(6, "message");
+      logAt(6, "message");
       return errno == EDOM ? 0 : 1;
     });
   }
 }
 
 TEST(PlatformLog, TakesANullTagAndANullFormat) {
-  const std::string text = StderrOf("stderr", [] {
+  const std::string text = stderrOf("stderr", [] {
     const char* volatile nothing = nullptr;
     __dlog_print(kLogId, 6, nullptr, "no tag");
     return __dlog_print(kLogId, 6, "FWUPDATE", nothing, 0) == -EINVAL ? 0 : 1;
   });
 
-  EXPECT_THAT(LinesOf(text), ElementsAre("E (null) no tag"));
+  EXPECT_THAT(linesOf(text), ElementsAre("E (null) no tag"));
 }
 
 TEST(PlatformLog, ReportsAStderrThatCannotBeWritten) {
@@ -262,14 +262,14 @@ TEST(PlatformLog, ReportsAStderrThatCannotBeWritten) {
 
   const LoggingChild child("stderr", ends[1], [] {
     signal(SIGPIPE, SIG_DFL);
-    return LogAt(6, "for nobody") == -EPIPE && LogAt(6, "again") == -EPIPE ? 0 : 1;
+    return logAt(6, "for nobody") == -EPIPE && logAt(6, "again") == -EPIPE ? 0 : 1;
   });
   close(ends[1]);
 
-  EXPECT_EQ(child.Wait(), 0) << "negative: the signal that ended it";
+  EXPECT_EQ(child.wait(), 0) << "negative: the signal that ended it";
 }
 
-char StateOf(pid_t process) {
+char stateOf(pid_t process) {
   std::ifstream file("/proc/" + std::to_string(process) + "/stat");
   std::string number, name;
   char state = '?';
@@ -292,10 +292,10 @@ class FullPipe {
 
   int writingEnd() const { return ends_[1]; }
   // All that was written, when nobody has the other end any more.
-  std::string Content() {
+  std::string content() {
     close(ends_[1]);
     fcntl(ends_[0], F_SETFL, 0);
-    return ReadAll(ends_[0]);
+    return readAll(ends_[0]);
   }
 
  private:
@@ -305,15 +305,15 @@ class FullPipe {
 TEST(PlatformLog, WaitsForAFullStderrThatIsReadAgain) {
   const std::string message(200 * 1024, 'l');  // more than the pipe takes at once
   FullPipe pipe;
-  const LoggingChild child("stderr", pipe.writingEnd(), [&] { return LogAt(6, message.c_str()) < 0; });
-  while (StateOf(child.id()) == 'R') {
+  const LoggingChild child("stderr", pipe.writingEnd(), [&] { return logAt(6, message.c_str()) < 0; });
+  while (stateOf(child.id()) == 'R') {
     sched_yield();
   }
 
-  const std::string text = pipe.Content();
+  const std::string text = pipe.content();
 
-  EXPECT_EQ(child.Wait(), 0);
-  EXPECT_TRUE(WithoutTime(text.substr(text.find_first_not_of('.'))) == "E FWUPDATE " + message + "\n")
+  EXPECT_EQ(child.wait(), 0);
+  EXPECT_TRUE(withoutTime(text.substr(text.find_first_not_of('.'))) == "E FWUPDATE " + message + "\n")
       << text.size();
 }
 
@@ -323,28 +323,28 @@ TEST(PlatformLog, GoesOnAfterASignal) {
   struct sigaction nothing = {};
   nothing.sa_handler = [](int) {};
   sigaction(SIGUSR1, &nothing, nullptr);
-  const LoggingChild child("stderr", pipe.writingEnd(), [] { return LogAt(6, "late") == 4 ? 0 : 1; });
-  while (StateOf(child.id()) == 'R') {
+  const LoggingChild child("stderr", pipe.writingEnd(), [] { return logAt(6, "late") == 4 ? 0 : 1; });
+  while (stateOf(child.id()) == 'R') {
     sched_yield();
   }
 
   kill(child.id(), SIGUSR1);
-  while (StateOf(child.id()) == 'R') {
+  while (stateOf(child.id()) == 'R') {
     sched_yield();
   }
-  const std::string text = pipe.Content();
+  const std::string text = pipe.content();
 
-  EXPECT_EQ(child.Wait(), 0);
-  EXPECT_EQ(WithoutTime(text.substr(text.find_first_not_of('.'))), "E FWUPDATE late\n");
+  EXPECT_EQ(child.wait(), 0);
+  EXPECT_EQ(withoutTime(text.substr(text.find_first_not_of('.'))), "E FWUPDATE late\n");
 }
 
 TEST(PlatformLog, GivesUpAFullStderrThatNobodyReads) {
   const FullPipe pipe;
 
   const LoggingChild child("stderr", pipe.writingEnd(),
-                           [] { return LogAt(6, "for nobody") == -EAGAIN ? 0 : 1; });
+                           [] { return logAt(6, "for nobody") == -EAGAIN ? 0 : 1; });
 
-  EXPECT_EQ(child.Wait(), 0);
+  EXPECT_EQ(child.wait(), 0);
 }
 
 TEST(PlatformLog, KeepsASigpipeOfTheProgramsOwn) {
@@ -362,20 +362,20 @@ TEST(PlatformLog, KeepsASigpipeOfTheProgramsOwn) {
       sigpending(&pending);
       return sigismember(&pending, SIGPIPE) == 1;
     };
-    const bool refused = LogAt(6, "for nobody") == -EPIPE;
+    const bool refused = logAt(6, "for nobody") == -EPIPE;
     const bool takenBack = !isPending();
     raise(SIGPIPE);
-    LogAt(6, "for nobody");
+    logAt(6, "for nobody");
     return refused && takenBack && isPending() ? 0 : 1;
   });
   close(ends[1]);
 
-  EXPECT_EQ(child.Wait(), 0);
+  EXPECT_EQ(child.wait(), 0);
 }
 
 TEST(PlatformLog, LeavesTheProgramsSignalsAsTheyWere) {
-  StderrOf("stderr", [] {
-    LogAt(6, "text");
+  stderrOf("stderr", [] {
+    logAt(6, "text");
     sigset_t blocked;
     pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
     return sigismember(&blocked, SIGPIPE);
@@ -385,7 +385,7 @@ TEST(PlatformLog, LeavesTheProgramsSignalsAsTheyWere) {
 TEST(PlatformLog, WritesNothingOfWhatCannotBeFormatted) {
   const std::string format = "%ls";  // no literal: for the library alone
 
-  const std::string text = StderrOf("stderr", [&] {
+  const std::string text = stderrOf("stderr", [&] {
     const wchar_t inNoPlainLocale[] = {0x4E2D, 0};
     return __dlog_print(kLogId, 6, "FWUPDATE", format.c_str(), inNoPlainLocale) == -EILSEQ ? 0 : 1;
   });
@@ -398,14 +398,14 @@ TEST(PlatformLog, DoesNotMixTheLinesOfSeveralThreads) {
   constexpr int kMessages = 50;
   constexpr int kLength = 20000;  // more than a pipe takes at once
 
-  const std::string text = StderrOf("stderr", [] {
+  const std::string text = stderrOf("stderr", [] {
     fcntl(STDERR_FILENO, F_SETPIPE_SZ, 4096);
     std::vector<std::thread> threads;
     for (int i = 0; i < kThreads; ++i) {
       threads.emplace_back([i] {
         const std::string message(kLength, static_cast<char>('a' + i));
         for (int n = 0; n < kMessages; ++n) {
-          LogAt(6, message.c_str());
+          logAt(6, message.c_str());
         }
       });
     }
@@ -416,7 +416,7 @@ TEST(PlatformLog, DoesNotMixTheLinesOfSeveralThreads) {
   });
 
   std::map<std::string, int> counted;
-  for (const std::string& line : LinesOf(text)) {
+  for (const std::string& line : linesOf(text)) {
     ++counted[line];
   }
   ASSERT_EQ(counted.size(), static_cast<std::size_t>(kThreads)) << "some line is a mixture";

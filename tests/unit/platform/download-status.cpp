@@ -23,10 +23,10 @@ class DownloadStatusFile : public DeviceTest {
  protected:
   void SetUp() override {
     DeviceTest::SetUp();
-    ASSERT_EQ(OpenDownloadStatusDirectory(directory_), 0);
+    ASSERT_EQ(openDownloadStatusDirectory(directory_), 0);
   }
   void write(const DownloadStatus& status) const {
-    ASSERT_EQ(WriteDownloadStatus(directory_.get(), "wifiempfw", status), 0);
+    ASSERT_EQ(writeDownloadStatus(directory_.get(), "wifiempfw", status), 0);
   }
 
   UniqueFd directory_;
@@ -37,7 +37,7 @@ TEST(DownloadPercent, IsOfWhatIsKnown) {
   const auto percent = [&](std::int64_t received, std::int64_t total) {
     status.received = received;
     status.total = total;
-    return status.Percent();
+    return status.percent();
   };
 
   EXPECT_EQ(percent(0, 200), 0U);
@@ -50,16 +50,16 @@ TEST(DownloadPercent, IsOfWhatIsKnown) {
 }
 
 TEST_F(DownloadStatusFile, IsReadAsItWasWritten) {
-  for (const auto state : {DownloadState::kRunning, DownloadState::kDone, DownloadState::kFailed}) {
+  for (const auto state : {DownloadState::Running, DownloadState::Done, DownloadState::Failed}) {
     write({state, 5, 10, "a-reason", "A sentence.", "A remedy."});
 
-    const auto status = ReadDownloadStatus("wifiempfw");
+    const auto status = readDownloadStatus("wifiempfw");
 
     ASSERT_TRUE(status);
     EXPECT_EQ(status->state, state);
     EXPECT_EQ(status->received, 5);
     EXPECT_EQ(status->total, 10);
-    const bool failed = state == DownloadState::kFailed;
+    const bool failed = state == DownloadState::Failed;
     EXPECT_EQ(status->reason, failed ? "a-reason" : "");
     EXPECT_EQ(status->message, failed ? "A sentence." : "");
     EXPECT_EQ(status->remedy, failed ? "A remedy." : "");
@@ -71,7 +71,7 @@ TEST_F(DownloadStatusFile, HasNoTotalBeforeThatIsKnown) {
 
   EXPECT_THAT(readFile(kFile), Not(HasSubstr("total")));
   EXPECT_THAT(readFile(kFile), Not(HasSubstr("percent")));
-  EXPECT_EQ(ReadDownloadStatus("wifiempfw")->total, kUnknownSize);
+  EXPECT_EQ(readDownloadStatus("wifiempfw")->total, kUnknownSize);
 }
 
 TEST_F(DownloadStatusFile, CannotBeReadWhenItIsNone) {
@@ -79,9 +79,9 @@ TEST_F(DownloadStatusFile, CannotBeReadWhenItIsNone) {
                            "{\"state\": \"done\", \"received\": \"many\"}"}) {
     writeFile(kFile, text);
 
-    EXPECT_FALSE(ReadDownloadStatus("wifiempfw")) << text;
+    EXPECT_FALSE(readDownloadStatus("wifiempfw")) << text;
   }
-  EXPECT_FALSE(ReadDownloadStatus("another"));
+  EXPECT_FALSE(readDownloadStatus("another"));
 }
 
 TEST_F(DownloadStatusFile, IsNotReadThroughALinkInThePlaceOfItsDirectory) {
@@ -89,28 +89,28 @@ TEST_F(DownloadStatusFile, IsNotReadThroughALinkInThePlaceOfItsDirectory) {
   fs::rename("/run/fw-download", "/run/elsewhere");
   fs::create_directory_symlink("/run/elsewhere", "/run/fw-download");
 
-  EXPECT_FALSE(ReadDownloadStatus("wifiempfw"));
+  EXPECT_FALSE(readDownloadStatus("wifiempfw"));
   UniqueFd directory;
-  EXPECT_NE(OpenDownloadStatusDirectory(directory), 0);
+  EXPECT_NE(openDownloadStatusDirectory(directory), 0);
 }
 
 TEST_F(DownloadStatusFile, IsLockedByOneDownload) {
   UniqueFd first, second, other;
 
-  EXPECT_EQ(LockDownload(directory_.get(), "wifiempfw", first), 0);
+  EXPECT_EQ(lockDownload(directory_.get(), "wifiempfw", first), 0);
 
-  EXPECT_EQ(LockDownload(directory_.get(), "wifiempfw", second), EAGAIN);
-  EXPECT_EQ(LockDownload(directory_.get(), "tunerempfw", other), 0);
-  EXPECT_TRUE(IsDownloadRunning("wifiempfw"));
+  EXPECT_EQ(lockDownload(directory_.get(), "wifiempfw", second), EAGAIN);
+  EXPECT_EQ(lockDownload(directory_.get(), "tunerempfw", other), 0);
+  EXPECT_TRUE(isDownloadRunning("wifiempfw"));
   first.reset();
-  EXPECT_FALSE(IsDownloadRunning("wifiempfw"));
-  EXPECT_EQ(LockDownload(directory_.get(), "wifiempfw", second), 0);
+  EXPECT_FALSE(isDownloadRunning("wifiempfw"));
+  EXPECT_EQ(lockDownload(directory_.get(), "wifiempfw", second), 0);
 }
 
 TEST_F(DownloadStatusFile, IsNotLockedWhereNobodyEverDownloaded) {
-  EXPECT_FALSE(IsDownloadRunning("wifiempfw"));
+  EXPECT_FALSE(isDownloadRunning("wifiempfw"));
   fs::remove_all("/run/fw-download");
-  EXPECT_FALSE(IsDownloadRunning("wifiempfw"));
+  EXPECT_FALSE(isDownloadRunning("wifiempfw"));
 }
 
 // The process that answers ends; what goes on is its child.
@@ -120,7 +120,7 @@ TEST_F(DownloadStatusFile, StaysLockedInAChildWhenItsParentHasGone) {
   const pid_t parent = fork();
   if (parent == 0) {
     UniqueFd lock;
-    const bool locked = LockDownload(directory_.get(), "wifiempfw", lock) == 0;
+    const bool locked = lockDownload(directory_.get(), "wifiempfw", lock) == 0;
     if (fork() == 0) {
       char byte;
       close(ends[1]);
@@ -133,7 +133,7 @@ TEST_F(DownloadStatusFile, StaysLockedInAChildWhenItsParentHasGone) {
   waitpid(parent, &status, 0);
 
   EXPECT_EQ(status, 0);
-  EXPECT_TRUE(IsDownloadRunning("wifiempfw"));
+  EXPECT_TRUE(isDownloadRunning("wifiempfw"));
   close(ends[1]);
 }
 
@@ -142,8 +142,8 @@ TEST_F(DownloadStatusFile, IsNotLockedThroughALink) {
   fs::create_symlink("/tmp/precious", "/run/fw-download/wifiempfw.lock");
   UniqueFd lock;
 
-  EXPECT_EQ(LockDownload(directory_.get(), "wifiempfw", lock), ELOOP);
-  EXPECT_FALSE(IsDownloadRunning("wifiempfw"));
+  EXPECT_EQ(lockDownload(directory_.get(), "wifiempfw", lock), ELOOP);
+  EXPECT_FALSE(isDownloadRunning("wifiempfw"));
 }
 
 }  // namespace

@@ -33,7 +33,7 @@ constexpr char kSocket[] = "/run/systemd/journal/socket";
 using Fields = std::map<std::string, std::string>;
 
 // Takes one entry of the journal's own protocol apart.
-Fields FieldsOf(const std::string& packet) {
+Fields fieldsOf(const std::string& packet) {
   Fields fields;
   for (std::size_t at = 0; at < packet.size();) {
     const std::size_t end = packet.find('\n', at);
@@ -69,7 +69,7 @@ class JournalTest : public DeviceTest {
   void TearDown() override { close(socket_); }
 
   // What a child of its own sends, since the sink is chosen once.
-  std::vector<Fields> EntriesOf(const char* setting, const char* level, const std::function<void()>& body) {
+  std::vector<Fields> entriesOf(const char* setting, const char* level, const std::function<void()>& body) {
     const pid_t pid = fork();
     if (pid == 0) {
       setting == nullptr ? unsetenv("FW_UPDATE_LOG") : setenv("FW_UPDATE_LOG", setting, 1);
@@ -86,7 +86,7 @@ class JournalTest : public DeviceTest {
       ended = waitpid(pid, &status, WNOHANG) == pid;
       ssize_t count;
       while ((count = recv(socket_, packet.data(), packet.size(), MSG_DONTWAIT)) > 0) {
-        entries.push_back(FieldsOf(packet.substr(0, static_cast<std::size_t>(count))));
+        entries.push_back(fieldsOf(packet.substr(0, static_cast<std::size_t>(count))));
       }
       std::this_thread::yield();
     }
@@ -99,7 +99,7 @@ class JournalTest : public DeviceTest {
 
 TEST_F(JournalTest, TakesMessagesWithTheirFields) {
   for (const char* setting : {static_cast<const char*>(nullptr), "journal"}) {
-    const auto entries = EntriesOf(setting, nullptr, [] {
+    const auto entries = entriesOf(setting, nullptr, [] {
       __dlog_print(2, 6, "FWUPDATE", "%s: %s(%d) > Error : %s\n", "fw-update-symbol.cpp", "loadSymbol", 42,
                    "no");
     });
@@ -115,7 +115,7 @@ TEST_F(JournalTest, TakesMessagesWithTheirFields) {
 }
 
 TEST_F(JournalTest, GetsNoPlaceForAMessageThatNamesNone) {
-  const auto entries = EntriesOf(nullptr, nullptr, [] { __dlog_print(2, 4, "MODULE", "plain %d", 1); });
+  const auto entries = entriesOf(nullptr, nullptr, [] { __dlog_print(2, 4, "MODULE", "plain %d", 1); });
 
   ASSERT_THAT(entries, SizeIs(1));
   EXPECT_THAT(entries[0], Contains(Pair("MESSAGE", "plain 1")));
@@ -124,7 +124,7 @@ TEST_F(JournalTest, GetsNoPlaceForAMessageThatNamesNone) {
 }
 
 TEST_F(JournalTest, GetsNoPlaceThatIsNotThere) {
-  const auto entries = EntriesOf(nullptr, nullptr, [] {
+  const auto entries = entriesOf(nullptr, nullptr, [] {
     const char* volatile nothing = nullptr;
     __dlog_print(2, 6, "FWUPDATE", "%s: %s(%d) > text", "file.cpp", nothing, 1);
     __dlog_print(2, 6, "FWUPDATE", "%s: %s(%d) > text", nothing, "function", 1);
@@ -139,7 +139,7 @@ TEST_F(JournalTest, GetsNoPlaceThatIsNotThere) {
 TEST_F(JournalTest, SaysThatNobodyListens) {
   close(std::exchange(socket_, -1));
 
-  EntriesOf(nullptr, nullptr, [] {
+  entriesOf(nullptr, nullptr, [] {
     if (__dlog_print(2, 6, "FWUPDATE", "text") != -ECONNREFUSED) {
       _exit(1);
     }
@@ -147,8 +147,8 @@ TEST_F(JournalTest, SaysThatNobodyListens) {
 }
 
 TEST_F(JournalTest, GetsNothingWhenAnotherSinkIsAskedFor) {
-  EXPECT_THAT(EntriesOf("none", nullptr, [] { __dlog_print(2, 6, "FWUPDATE", "x"); }), IsEmpty());
-  EXPECT_THAT(EntriesOf("syslog", nullptr, [] { __dlog_print(2, 6, "FWUPDATE", "x"); }), IsEmpty());
+  EXPECT_THAT(entriesOf("none", nullptr, [] { __dlog_print(2, 6, "FWUPDATE", "x"); }), IsEmpty());
+  EXPECT_THAT(entriesOf("syslog", nullptr, [] { __dlog_print(2, 6, "FWUPDATE", "x"); }), IsEmpty());
 }
 
 TEST_F(JournalTest, GetsOnlyMessagesOfTheLevelAndAbove) {
@@ -157,7 +157,7 @@ TEST_F(JournalTest, GetsOnlyMessagesOfTheLevelAndAbove) {
     std::size_t count;
   } const cases[] = {{nullptr, 5}, {"debug", 5}, {"info", 4}, {"warning", 3}, {"error", 2}, {"nonsense", 5}};
   for (const auto& one : cases) {
-    const auto entries = EntriesOf(nullptr, one.level, [] {
+    const auto entries = entriesOf(nullptr, one.level, [] {
       close(STDERR_FILENO);
       for (int priority = 3; priority <= 7; ++priority) {
         __dlog_print(2, priority, "FWUPDATE", "at %d", priority);
@@ -170,7 +170,7 @@ TEST_F(JournalTest, GetsOnlyMessagesOfTheLevelAndAbove) {
 
 TEST_F(JournalTest, GetsWholeMessagesFromSeveralThreads) {
   constexpr int kEach = 50;
-  const auto entries = EntriesOf(nullptr, nullptr, [] {
+  const auto entries = entriesOf(nullptr, nullptr, [] {
     std::vector<std::thread> threads;
     for (int i = 0; i < 4; ++i) {
       threads.emplace_back([i] {
@@ -192,7 +192,7 @@ TEST_F(JournalTest, GetsWholeMessagesFromSeveralThreads) {
 }
 
 TEST_F(JournalTest, ShowsErrnoOfTheCallAndKeepsIt) {
-  const auto entries = EntriesOf(nullptr, nullptr, [] {
+  const auto entries = entriesOf(nullptr, nullptr, [] {
     const char* volatile format = "%s: %m";  // no literal: strict C++ does not know it
     errno = ENOSPC;
     __dlog_print(2, 6, "FWUPDATE", format, "why");

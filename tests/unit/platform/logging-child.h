@@ -27,7 +27,7 @@ class LoggingChild {
   pid_t id() const { return pid_; }
 
   // The exit code, or the negative number of the signal that ended it.
-  int Wait() const {
+  int wait() const {
     int status = -1;
     waitpid(pid_, &status, 0);
     return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);

@@ -5,11 +5,11 @@
 namespace {
 
 using fwplatform::OsRelease;
-using fwplatform::ParseOsRelease;
-using fwplatform::SoftwareVersionText;
+using fwplatform::parseOsRelease;
+using fwplatform::softwareVersionText;
 
-std::string VersionOf(const char* osRelease) {
-  return SoftwareVersionText(ParseOsRelease(osRelease));
+std::string versionOf(const char* osRelease) {
+  return softwareVersionText(parseOsRelease(osRelease));
 }
 
 TEST(OsReleaseText, TakesShellQuotingOff) {
@@ -35,7 +35,7 @@ TEST(OsReleaseText, TakesShellQuotingOff) {
   };
 
   for (const Case& one : cases) {
-    const OsRelease release = ParseOsRelease(one.line);
+    const OsRelease release = parseOsRelease(one.line);
     ASSERT_EQ(release.count("X"), 1u) << one.line;
     EXPECT_EQ(release.find("X")->second, one.value) << one.line;
   }
@@ -44,12 +44,12 @@ TEST(OsReleaseText, TakesShellQuotingOff) {
 TEST(OsReleaseText, LeavesOutWhatIsNoAssignment) {
   for (const char* line :
        {"", "\n\n", "# X=comment", "X", "=value", "X Y=1", "X=\"open", "X='open", "X=trailing\\", "X-Y=1"}) {
-    EXPECT_TRUE(ParseOsRelease(line).empty()) << line;
+    EXPECT_TRUE(parseOsRelease(line).empty()) << line;
   }
 }
 
 TEST(OsReleaseText, KeepsTheEarlierValueWhenALaterLineIsBroken) {
-  EXPECT_EQ(ParseOsRelease("X=good\nX=\"bad\n").find("X")->second, "good");
+  EXPECT_EQ(parseOsRelease("X=good\nX=\"bad\n").find("X")->second, "good");
 }
 
 TEST(SoftwareVersion, JoinsModelVersionAndBuild) {
@@ -69,13 +69,13 @@ TEST(SoftwareVersion, JoinsModelVersionAndBuild) {
   };
 
   for (const Case& one : cases) {
-    EXPECT_EQ(VersionOf(one.osRelease), one.text) << one.osRelease;
+    EXPECT_EQ(versionOf(one.osRelease), one.text) << one.osRelease;
   }
 }
 
 TEST(SoftwareVersion, AlwaysHasADash) {
   for (const char* text : {"", "ID=a", "VERSION_ID=1", "BUILD_ID=2", "IMAGE_VERSION=3", "nonsense"}) {
-    EXPECT_NE(VersionOf(text).find('-'), std::string::npos) << text;
+    EXPECT_NE(versionOf(text).find('-'), std::string::npos) << text;
   }
 }
 

@@ -7,22 +7,22 @@
 
 namespace {
 
-using fwplatform::IsPackageName;
+using fwplatform::isPackageName;
 
 TEST(PackageName, IsOfLettersAndDigitsAlone) {
-  EXPECT_TRUE(IsPackageName("tunerempfw"));
-  EXPECT_TRUE(IsPackageName("AZaz09"));
-  EXPECT_TRUE(IsPackageName("x"));
+  EXPECT_TRUE(isPackageName("tunerempfw"));
+  EXPECT_TRUE(isPackageName("AZaz09"));
+  EXPECT_TRUE(isPackageName("x"));
   for (const char* const name :
        {"", ".", "..", "a.b", "a/b", "a b", "a-b", "a_b", "a\n", "@", "[", "`", "{", "/", ":", "\xC3\xA4"}) {
-    EXPECT_FALSE(IsPackageName(name)) << name;
+    EXPECT_FALSE(isPackageName(name)) << name;
   }
-  EXPECT_FALSE(IsPackageName(std::string("a\0b", 3)));
+  EXPECT_FALSE(isPackageName(std::string("a\0b", 3)));
 }
 
 TEST(PackageName, HasAtMost127Characters) {
-  EXPECT_TRUE(IsPackageName(std::string(127, 'a')));
-  EXPECT_FALSE(IsPackageName(std::string(128, 'a')));
+  EXPECT_TRUE(isPackageName(std::string(127, 'a')));
+  EXPECT_FALSE(isPackageName(std::string(128, 'a')));
 }
 
 }  // namespace

@@ -22,11 +22,11 @@ class RequestLog : public ::testing::Test {
  protected:
   static constexpr PrivilegedCaller kCaller = {12, 1000, 1001};
 
-  static PrivilegedCaller Of(uid_t uid) { return {7, uid, 8}; }
+  static PrivilegedCaller of(uid_t uid) { return {7, uid, 8}; }
 
-  void Log(RequestEnd end, const PrivilegedCaller& caller, int count) {
+  void log(RequestEnd end, const PrivilegedCaller& caller, int count) {
     for (int i = 1; i <= count; ++i) {
-      log_.Log(end, caller, "line " + std::to_string(i));
+      log_.log(end, caller, "line " + std::to_string(i));
     }
   }
 
@@ -41,7 +41,7 @@ class RequestLog : public ::testing::Test {
 };
 
 TEST_F(RequestLog, WritesTwentyRefusalsAndTellsTheRestInOneLineWhenTheSpanIsOver) {
-  Log(RequestEnd::kRefused, kCaller, 25);
+  log(RequestEnd::Refused, kCaller, 25);
   ASSERT_THAT(lines_, SizeIs(20));
   EXPECT_EQ(lines_.front(), "line 1");
   EXPECT_EQ(lines_.back(), "line 20");
@@ -49,33 +49,33 @@ TEST_F(RequestLog, WritesTwentyRefusalsAndTellsTheRestInOneLineWhenTheSpanIsOver
   ends_.clear();
 
   now_ += std::chrono::milliseconds(4999);
-  log_.TellWhatIsDue();
+  log_.tellWhatIsDue();
   EXPECT_THAT(lines_, IsEmpty());
   now_ += std::chrono::milliseconds(1);
-  log_.TellWhatIsDue();
+  log_.tellWhatIsDue();
 
   EXPECT_THAT(lines_, ElementsAre("5 more like this of uid 1000 within 5 seconds, the last: line 25"));
-  EXPECT_THAT(ends_, ElementsAre(RequestEnd::kRefused));
+  EXPECT_THAT(ends_, ElementsAre(RequestEnd::Refused));
 }
 
 TEST_F(RequestLog, TellsNothingWhenNothingWasLeftOut) {
-  Log(RequestEnd::kRefused, kCaller, 20);
+  log(RequestEnd::Refused, kCaller, 20);
   lines_.clear();
 
-  EXPECT_FALSE(log_.NextDue());
+  EXPECT_FALSE(log_.nextDue());
   now_ += LimitedRequestLog::kSpan;
-  log_.TellWhatIsDue();
-  log_.TellAll();
+  log_.tellWhatIsDue();
+  log_.tellAll();
 
   EXPECT_THAT(lines_, IsEmpty());
 }
 
 TEST_F(RequestLog, BeginsAnewAfterTheSpan) {
-  Log(RequestEnd::kRefused, kCaller, 25);
+  log(RequestEnd::Refused, kCaller, 25);
   lines_.clear();
   now_ += LimitedRequestLog::kSpan;
 
-  Log(RequestEnd::kRefused, kCaller, 21);
+  log(RequestEnd::Refused, kCaller, 21);
 
   ASSERT_THAT(lines_, SizeIs(21));
   EXPECT_THAT(lines_[0], EndsWith("the last: line 25")) << "what was left out comes first";
@@ -83,38 +83,38 @@ TEST_F(RequestLog, BeginsAnewAfterTheSpan) {
 }
 
 TEST_F(RequestLog, CountsEachUserAndEachEndByItself) {
-  Log(RequestEnd::kRefused, kCaller, 21);
+  log(RequestEnd::Refused, kCaller, 21);
   lines_.clear();
 
-  Log(RequestEnd::kRefused, Of(1001), 1);
-  Log(RequestEnd::kGone, kCaller, 21);
-  Log(RequestEnd::kDone, kCaller, 501);
-  Log(RequestEnd::kFailed, kCaller, 501);
+  log(RequestEnd::Refused, of(1001), 1);
+  log(RequestEnd::Gone, kCaller, 21);
+  log(RequestEnd::Done, kCaller, 501);
+  log(RequestEnd::Failed, kCaller, 501);
 
   EXPECT_THAT(lines_, SizeIs(1 + 20 + 500 + 500));
 }
 
 TEST_F(RequestLog, SaysWhenItHasSomethingToTell) {
-  Log(RequestEnd::kGone, Of(1), 20);
+  log(RequestEnd::Gone, of(1), 20);
   now_ += std::chrono::seconds(1);
   const auto second = now_ + LimitedRequestLog::kSpan;
-  Log(RequestEnd::kRefused, Of(2), 21);
-  EXPECT_EQ(log_.NextDue(), second);
+  log(RequestEnd::Refused, of(2), 21);
+  EXPECT_EQ(log_.nextDue(), second);
   now_ += std::chrono::seconds(1);
-  Log(RequestEnd::kRefused, Of(3), 21);
+  log(RequestEnd::Refused, of(3), 21);
 
-  EXPECT_EQ(log_.NextDue(), second) << "the first of them";
-  log_.Log(RequestEnd::kGone, Of(1), "one more");
-  EXPECT_EQ(log_.NextDue(), second - std::chrono::seconds(1)) << "begun before";
+  EXPECT_EQ(log_.nextDue(), second) << "the first of them";
+  log_.log(RequestEnd::Gone, of(1), "one more");
+  EXPECT_EQ(log_.nextDue(), second - std::chrono::seconds(1)) << "begun before";
 }
 
 TEST_F(RequestLog, TellsAllOfItAtTheEndAndOnce) {
-  Log(RequestEnd::kRefused, Of(1), 22);
-  Log(RequestEnd::kGone, Of(2), 23);
+  log(RequestEnd::Refused, of(1), 22);
+  log(RequestEnd::Gone, of(2), 23);
   lines_.clear();
 
-  log_.TellAll();
-  log_.TellAll();
+  log_.tellAll();
+  log_.tellAll();
 
   EXPECT_THAT(lines_, ElementsAre("2 more like this of uid 1 within 5 seconds, the last: line 22",
                                   "3 more like this of uid 2 within 5 seconds, the last: line 23"));
@@ -122,19 +122,19 @@ TEST_F(RequestLog, TellsAllOfItAtTheEndAndOnce) {
 
 TEST_F(RequestLog, LetsManyUsersShareOneLimit) {
   for (uid_t user = 0; user < LimitedRequestLog::kMostUsers; ++user) {
-    Log(RequestEnd::kRefused, Of(user), 1);
+    log(RequestEnd::Refused, of(user), 1);
   }
   lines_.clear();
 
   for (uid_t user = 1000; user < 2000; ++user) {
-    Log(RequestEnd::kRefused, Of(user), 1);
+    log(RequestEnd::Refused, of(user), 1);
   }
-  Log(RequestEnd::kRefused, Of(0), 1);
-  Log(RequestEnd::kGone, Of(3000), 1);
+  log(RequestEnd::Refused, of(0), 1);
+  log(RequestEnd::Gone, of(3000), 1);
 
   EXPECT_THAT(lines_, SizeIs(20 + 1 + 1)) << "users who were there before keep their own limit";
   lines_.clear();
-  log_.TellAll();
+  log_.tellAll();
   EXPECT_THAT(lines_, ElementsAre("980 more like this of further users within 5 seconds, the last: line 1"));
 }
 
@@ -151,9 +151,8 @@ extern "C" __attribute__((visibility("default"))) int __dlog_print(int, int prio
 namespace {
 
 TEST(RequestLogLines, AreWarningsUnlessAllWentWell) {
-  for (const RequestEnd end :
-       {RequestEnd::kDone, RequestEnd::kFailed, RequestEnd::kRefused, RequestEnd::kGone}) {
-    fwplatform::LogRequest(end, {}, "text");
+  for (const RequestEnd end : {RequestEnd::Done, RequestEnd::Failed, RequestEnd::Refused, RequestEnd::Gone}) {
+    fwplatform::logRequest(end, {}, "text");
   }
 
   EXPECT_THAT(written, ElementsAre("4 FWUPDATE", "5 FWUPDATE", "5 FWUPDATE", "5 FWUPDATE"));

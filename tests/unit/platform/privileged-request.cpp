@@ -9,7 +9,7 @@ namespace {
 
 using fwplatform::MknodRequest;
 using fwplatform::MountRequest;
-using fwplatform::ParsePrivilegedRequest;
+using fwplatform::parsePrivilegedRequest;
 using fwplatform::PrivilegedOperation;
 using fwplatform::PrivilegedRequest;
 using fwplatform::UmountRequest;
@@ -18,36 +18,36 @@ const std::string kPackages = "/opt/usr/apps/appbinarymanager/";
 const std::string kImage = kPackages + "tunerempfw.img";
 const std::string kDirectory = kPackages + "emps/tunerempfw";
 
-std::string Terminated(const std::string& text) {
+std::string terminated(const std::string& text) {
   return text + '\0';
 }
 
 // The reason for refusing a text, "" when it is taken.
-std::string Refusal(PrivilegedOperation operation, const std::string& text) {
+std::string refusal(PrivilegedOperation operation, const std::string& text) {
   std::string refusal;
-  const bool taken = ParsePrivilegedRequest(operation, text, refusal).has_value();
+  const bool taken = parsePrivilegedRequest(operation, text, refusal).has_value();
   EXPECT_EQ(taken, refusal.empty()) << text;
   return refusal;
 }
 
-bool TakesMount(const std::string& text) {
-  return Refusal(PrivilegedOperation::kMount, Terminated(text)).empty();
+bool takesMount(const std::string& text) {
+  return refusal(PrivilegedOperation::Mount, terminated(text)).empty();
 }
 
-bool TakesMknod(const std::string& text) {
-  return Refusal(PrivilegedOperation::kMknod, Terminated(text)).empty();
+bool takesMknod(const std::string& text) {
+  return refusal(PrivilegedOperation::Mknod, terminated(text)).empty();
 }
 
-bool TakesUmount(const std::string& text) {
-  return Refusal(PrivilegedOperation::kUmount, text).empty();
+bool takesUmount(const std::string& text) {
+  return refusal(PrivilegedOperation::Umount, text).empty();
 }
 
 TEST(MountText, IsTakenAsTheLibraryWritesIt) {
   std::string refusal;
 
   const auto request =
-      ParsePrivilegedRequest(PrivilegedOperation::kMount,
-                             Terminated("-o ro,loop,nodev,nosuid " + kImage + " " + kDirectory), refusal);
+      parsePrivilegedRequest(PrivilegedOperation::Mount,
+                             terminated("-o ro,loop,nodev,nosuid " + kImage + " " + kDirectory), refusal);
 
   ASSERT_TRUE(request && std::holds_alternative<MountRequest>(*request)) << refusal;
   EXPECT_EQ(std::get<MountRequest>(*request).imageName, "tunerempfw.img");
@@ -58,8 +58,8 @@ TEST(MountText, IsTakenAsTheLibraryWritesIt) {
 TEST(MountText, TakesItsOptionsInAnyOrderAndNoexecBesides) {
   std::string refusal;
 
-  const auto request = ParsePrivilegedRequest(
-      PrivilegedOperation::kMount, Terminated("-o nosuid,noexec,ro,nodev,loop " + kImage + " " + kDirectory),
+  const auto request = parsePrivilegedRequest(
+      PrivilegedOperation::Mount, terminated("-o nosuid,noexec,ro,nodev,loop " + kImage + " " + kDirectory),
       refusal);
 
   ASSERT_TRUE(request) << refusal;
@@ -87,13 +87,13 @@ TEST(MountText, RefusesOtherOptions) {
                               "defaults",
                               "remount",
                               "bind"}) {
-    EXPECT_FALSE(TakesMount(std::string("-o ") + options + " " + kImage + " " + kDirectory)) << options;
+    EXPECT_FALSE(takesMount(std::string("-o ") + options + " " + kImage + " " + kDirectory)) << options;
   }
 }
 
 TEST(MountText, RefusesOtherForms) {
   const std::string good = "-o ro,loop,nodev,nosuid " + kImage + " " + kDirectory;
-  ASSERT_TRUE(TakesMount(good));
+  ASSERT_TRUE(takesMount(good));
   const std::string forms[] = {
       "",
       " ",
@@ -118,7 +118,7 @@ TEST(MountText, RefusesOtherForms) {
   };
 
   for (const std::string& form : forms) {
-    EXPECT_FALSE(TakesMount(form)) << form;
+    EXPECT_FALSE(takesMount(form)) << form;
   }
 }
 
@@ -161,21 +161,21 @@ TEST(MountText, RefusesPathsOutside) {
   };
 
   for (const std::string& image : images) {
-    EXPECT_FALSE(TakesMount("-o ro,loop,nodev,nosuid " + image + " " + kDirectory)) << image;
+    EXPECT_FALSE(takesMount("-o ro,loop,nodev,nosuid " + image + " " + kDirectory)) << image;
   }
   for (const std::string& directory : directories) {
-    EXPECT_FALSE(TakesMount("-o ro,loop,nodev,nosuid " + kImage + " " + directory)) << directory;
-    EXPECT_FALSE(TakesUmount(directory)) << directory;
+    EXPECT_FALSE(takesMount("-o ro,loop,nodev,nosuid " + kImage + " " + directory)) << directory;
+    EXPECT_FALSE(takesUmount(directory)) << directory;
   }
 }
 
 TEST(MountText, MustBeTerminatedOnceAtItsEnd) {
   const std::string good = "-o ro,loop,nodev,nosuid " + kImage + " " + kDirectory;
 
-  EXPECT_EQ(Refusal(PrivilegedOperation::kMount, good), "the text is not terminated");
-  EXPECT_EQ(Refusal(PrivilegedOperation::kMount, ""), "the text is not terminated");
-  EXPECT_NE(Refusal(PrivilegedOperation::kMount, Terminated(Terminated(good))), "");
-  EXPECT_NE(Refusal(PrivilegedOperation::kMount, Terminated("-o ro,loop,nodev,nosuid") + Terminated(" x y")),
+  EXPECT_EQ(refusal(PrivilegedOperation::Mount, good), "the text is not terminated");
+  EXPECT_EQ(refusal(PrivilegedOperation::Mount, ""), "the text is not terminated");
+  EXPECT_NE(refusal(PrivilegedOperation::Mount, terminated(terminated(good))), "");
+  EXPECT_NE(refusal(PrivilegedOperation::Mount, terminated("-o ro,loop,nodev,nosuid") + terminated(" x y")),
             "");
 }
 
@@ -183,15 +183,15 @@ TEST(MountText, TakesTheLongestTextAndNoLongerOne) {
   const std::string frame = "-o ro,loop,nodev,nosuid " + kPackages + " " + kPackages + "emps/";
   const std::string tooLong(1024, 'a');
 
-  EXPECT_EQ(Refusal(PrivilegedOperation::kMount, Terminated(frame + tooLong)), "the text is too long");
-  EXPECT_TRUE(TakesMount("-o ro,loop,nodev,nosuid " + kPackages + std::string(255, 'i') + " " + kPackages +
+  EXPECT_EQ(refusal(PrivilegedOperation::Mount, terminated(frame + tooLong)), "the text is too long");
+  EXPECT_TRUE(takesMount("-o ro,loop,nodev,nosuid " + kPackages + std::string(255, 'i') + " " + kPackages +
                          "emps/" + std::string(255, 'd')));
-  EXPECT_FALSE(TakesMount("-o ro,loop,nodev,nosuid " + kPackages + std::string(256, 'i') + " " + kDirectory));
+  EXPECT_FALSE(takesMount("-o ro,loop,nodev,nosuid " + kPackages + std::string(256, 'i') + " " + kDirectory));
 }
 
 TEST(UmountText, IsTooLongByOneByte) {
-  EXPECT_EQ(Refusal(PrivilegedOperation::kUmount, std::string(1025, 'a')), "the text is too long");
-  EXPECT_NE(Refusal(PrivilegedOperation::kUmount, std::string(1024, 'a')), "the text is too long");
+  EXPECT_EQ(refusal(PrivilegedOperation::Umount, std::string(1025, 'a')), "the text is too long");
+  EXPECT_NE(refusal(PrivilegedOperation::Umount, std::string(1024, 'a')), "the text is too long");
 }
 
 TEST(MknodText, TakesEveryLoopNumberAsTheLibraryWritesIt) {
@@ -200,7 +200,7 @@ TEST(MknodText, TakesEveryLoopNumberAsTheLibraryWritesIt) {
     std::snprintf(text, sizeof text, "-m 0660 -Z * /dev/loop%u  b 7 %u", number, number);
     std::string refusal;
 
-    const auto request = ParsePrivilegedRequest(PrivilegedOperation::kMknod, Terminated(text), refusal);
+    const auto request = parsePrivilegedRequest(PrivilegedOperation::Mknod, terminated(text), refusal);
 
     ASSERT_TRUE(request && std::holds_alternative<MknodRequest>(*request)) << text << refusal;
     EXPECT_EQ(std::get<MknodRequest>(*request).loopNumber, number);
@@ -208,7 +208,7 @@ TEST(MknodText, TakesEveryLoopNumberAsTheLibraryWritesIt) {
 }
 
 TEST(MknodText, RefusesOtherNodesAndForms) {
-  ASSERT_TRUE(TakesMknod("-m 0660 -Z * /dev/loop8  b 7 8"));
+  ASSERT_TRUE(takesMknod("-m 0660 -Z * /dev/loop8  b 7 8"));
   for (const char* text : {
            "-m 0660 -Z * /dev/loop250  b 7 250",
            "-m 0660 -Z * /dev/loop8  b 7 9",
@@ -237,50 +237,50 @@ TEST(MknodText, RefusesOtherNodesAndForms) {
            "-m  0660 -Z * /dev/loop8  b 7 8",
            "",
        }) {
-    EXPECT_FALSE(TakesMknod(text)) << text;
+    EXPECT_FALSE(takesMknod(text)) << text;
   }
 }
 
 TEST(MknodText, MustBeTerminated) {
-  EXPECT_EQ(Refusal(PrivilegedOperation::kMknod, "-m 0660 -Z * /dev/loop8  b 7 8"),
+  EXPECT_EQ(refusal(PrivilegedOperation::Mknod, "-m 0660 -Z * /dev/loop8  b 7 8"),
             "the text is not terminated");
 }
 
 TEST(UmountText, IsADirectoryWithoutTerminator) {
   std::string refusal;
 
-  const auto request = ParsePrivilegedRequest(PrivilegedOperation::kUmount, kDirectory, refusal);
+  const auto request = parsePrivilegedRequest(PrivilegedOperation::Umount, kDirectory, refusal);
 
   ASSERT_TRUE(request && std::holds_alternative<UmountRequest>(*request)) << refusal;
   EXPECT_EQ(std::get<UmountRequest>(*request).directoryName, "tunerempfw");
-  EXPECT_FALSE(TakesUmount(Terminated(kDirectory)));
-  EXPECT_FALSE(TakesUmount(kPackages + std::string("emps/a\0b", 8)));
-  EXPECT_FALSE(TakesUmount("-l " + kDirectory));
+  EXPECT_FALSE(takesUmount(terminated(kDirectory)));
+  EXPECT_FALSE(takesUmount(kPackages + std::string("emps/a\0b", 8)));
+  EXPECT_FALSE(takesUmount("-l " + kDirectory));
 }
 
 TEST(PrivilegedText, OfAnUnknownOperationIsRefused) {
   for (const int number : {0, 4, 77, 255}) {
-    EXPECT_EQ(Refusal(static_cast<PrivilegedOperation>(number), Terminated(kDirectory)), "unknown operation");
+    EXPECT_EQ(refusal(static_cast<PrivilegedOperation>(number), terminated(kDirectory)), "unknown operation");
   }
 }
 
 // Every text one change away from a good one is refused, or is good for a reason
 // that can be named: another allowed name.
 TEST(PrivilegedText, OneChangedByteNeverReachesOutside) {
-  const std::string good = Terminated("-o ro,loop,nodev,nosuid " + kImage + " " + kDirectory);
+  const std::string good = terminated("-o ro,loop,nodev,nosuid " + kImage + " " + kDirectory);
   for (std::size_t i = 0; i < good.size(); ++i) {
     for (int byte = 0; byte < 256; ++byte) {
       std::string text = good;
       text[i] = static_cast<char>(byte);
       std::string refusal;
 
-      const auto request = ParsePrivilegedRequest(PrivilegedOperation::kMount, text, refusal);
+      const auto request = parsePrivilegedRequest(PrivilegedOperation::Mount, text, refusal);
 
       if (!request) {
         continue;
       }
       const auto& mount = std::get<MountRequest>(*request);
-      EXPECT_EQ(Terminated("-o ro,loop,nodev,nosuid " + kPackages + mount.imageName + " " + kPackages +
+      EXPECT_EQ(terminated("-o ro,loop,nodev,nosuid " + kPackages + mount.imageName + " " + kPackages +
                            "emps/" + mount.directoryName),
                 text);
       EXPECT_EQ((mount.imageName + mount.directoryName).find_first_of("/ \n\t"), std::string::npos);

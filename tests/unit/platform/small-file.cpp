@@ -33,16 +33,16 @@ class SmallFile : public ::testing::Test {
   }
   void TearDown() override { fs::remove_all(place_); }
 
-  int Read(std::string& content) const { return ReadSmallFileAt(directory_.get(), "file", kLimit, content); }
-  int Replace(const std::string& content, bool sync = false) const {
-    return ReplaceSmallFileAt(directory_.get(), "file", content, sync);
+  int read(std::string& content) const { return readSmallFileAt(directory_.get(), "file", kLimit, content); }
+  int replace(const std::string& content, bool sync = false) const {
+    return replaceSmallFileAt(directory_.get(), "file", content, sync);
   }
-  std::string Content() const {
+  std::string content() const {
     std::string content;
-    EXPECT_EQ(Read(content), 0);
+    EXPECT_EQ(read(content), 0);
     return content;
   }
-  std::vector<std::string> Names() const {
+  std::vector<std::string> names() const {
     std::vector<std::string> names;
     for (const auto& entry : fs::directory_iterator(place_)) {
       names.push_back(entry.path().filename());
@@ -56,12 +56,12 @@ class SmallFile : public ::testing::Test {
 
 TEST_F(SmallFile, HoldsWhatItWasReplacedWith) {
   for (const bool sync : {false, true}) {
-    const std::string content(kLimit, sync ? 's' : 'n');
+    const std::string text(kLimit, sync ? 's' : 'n');
 
-    EXPECT_EQ(Replace(content, sync), 0);
+    EXPECT_EQ(replace(text, sync), 0);
 
-    EXPECT_EQ(Content(), content);
-    EXPECT_THAT(Names(), ElementsAre("file"));
+    EXPECT_EQ(content(), text);
+    EXPECT_THAT(names(), ElementsAre("file"));
   }
 }
 
@@ -69,7 +69,7 @@ TEST_F(SmallFile, IsOnTheDiskBeforeItHasItsNameAndTheNameAfterwards) {
   const std::string place = fs::path(place_).filename();
   filecalls::reset();
 
-  ASSERT_EQ(Replace("new", true), 0);
+  ASSERT_EQ(replace("new", true), 0);
 
   EXPECT_THAT(filecalls::made(),
               ElementsAre("unlink file.new", "sync file.new", "rename file.new file", "sync " + place));
@@ -78,7 +78,7 @@ TEST_F(SmallFile, IsOnTheDiskBeforeItHasItsNameAndTheNameAfterwards) {
 TEST_F(SmallFile, WaitsForNoDiskUnlessItIsAskedTo) {
   filecalls::reset();
 
-  ASSERT_EQ(Replace("new", false), 0);
+  ASSERT_EQ(replace("new", false), 0);
 
   EXPECT_THAT(filecalls::made(), ElementsAre("unlink file.new", "rename file.new file"));
 }
@@ -88,79 +88,79 @@ TEST_F(SmallFile, SaysThatTheDiskFailed) {
     filecalls::reset();
     filecalls::fails = call;
 
-    EXPECT_EQ(Replace("new", true), EIO) << call;
+    EXPECT_EQ(replace("new", true), EIO) << call;
 
     EXPECT_EQ(filecalls::fails, "") << call;
   }
-  EXPECT_THAT(Names(), ElementsAre("file"));
+  EXPECT_THAT(names(), ElementsAre("file"));
 }
 
 TEST_F(SmallFile, TakesThePlaceOfOneThatWasLeftUnfinished) {
   std::ofstream(place_ + "/file.new") << "of a process that was killed";
 
-  EXPECT_EQ(Replace("new"), 0);
+  EXPECT_EQ(replace("new"), 0);
 
-  EXPECT_EQ(Content(), "new");
-  EXPECT_THAT(Names(), ElementsAre("file"));
+  EXPECT_EQ(content(), "new");
+  EXPECT_THAT(names(), ElementsAre("file"));
 }
 
 TEST_F(SmallFile, StaysAsItWasWhenThereIsNoRoomForTheNewOne) {
-  ASSERT_EQ(Replace("old"), 0);
+  ASSERT_EQ(replace("old"), 0);
 
   int error = 0;
   {
     const auto full = LimitedResource::fileSize(4096);
-    error = Replace(std::string(kLimit, 'n'));
+    error = replace(std::string(kLimit, 'n'));
   }
 
   EXPECT_EQ(error, EFBIG);
-  EXPECT_EQ(Content(), "old");
-  EXPECT_THAT(Names(), ElementsAre("file"));
+  EXPECT_EQ(content(), "old");
+  EXPECT_THAT(names(), ElementsAre("file"));
 }
 
 TEST_F(SmallFile, ReplacesNoDirectory) {
   fs::create_directory(place_ + "/file");
 
-  EXPECT_EQ(Replace("new"), EISDIR);
+  EXPECT_EQ(replace("new"), EISDIR);
 
-  EXPECT_THAT(Names(), ElementsAre("file"));
+  EXPECT_THAT(names(), ElementsAre("file"));
 }
 
 TEST_F(SmallFile, SaysWhyTheNewOneCannotBeMade) {
-  ASSERT_EQ(Replace("old"), 0);
+  ASSERT_EQ(replace("old"), 0);
   fs::create_directory(place_ + "/file.new");
 
-  EXPECT_EQ(Replace("new"), EEXIST);
+  EXPECT_EQ(replace("new"), EEXIST);
 
-  EXPECT_EQ(Content(), "old");
+  EXPECT_EQ(content(), "old");
 }
 
 TEST_F(SmallFile, IsReadUpToTheLimit) {
-  ASSERT_EQ(Replace(std::string(kLimit, 'x')), 0);
+  ASSERT_EQ(replace(std::string(kLimit, 'x')), 0);
   std::string content = "old";
 
-  EXPECT_EQ(Read(content), 0);
+  EXPECT_EQ(read(content), 0);
 
   EXPECT_EQ(content, std::string(kLimit, 'x'));
 }
 
 TEST_F(SmallFile, IsNotReadWhenItIsLargerThanTheLimit) {
-  ASSERT_EQ(Replace(std::string(kLimit + 1, 'x')), 0);
+  ASSERT_EQ(replace(std::string(kLimit + 1, 'x')), 0);
   std::string content;
 
-  EXPECT_EQ(Read(content), EFBIG);
+  EXPECT_EQ(read(content), EFBIG);
 }
 
 TEST_F(SmallFile, IsNotReadFromWhatIsNoFile) {
   std::string content;
-  EXPECT_EQ(Read(content), ENOENT);
+  EXPECT_EQ(read(content), ENOENT);
 
   ASSERT_EQ(mkfifo((place_ + "/file").c_str(), 0600), 0);
-  EXPECT_EQ(Read(content), EINVAL);
+  EXPECT_EQ(read(content), EINVAL);
 
   fs::remove(place_ + "/file");
   fs::create_symlink("elsewhere", place_ + "/file");
-  EXPECT_EQ(Read(content), ELOOP);
+  EXPECT_EQ(read(content), ELOOP);
 }
 
 }  // namespace

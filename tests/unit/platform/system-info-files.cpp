@@ -17,7 +17,7 @@ namespace {
 class SystemInfoFiles : public DeviceTest {
  protected:
   // The version, or "error N".
-  static std::string Version() {
+  static std::string version() {
     char* value = nullptr;
     const int status = system_info_get_value_string(SYSTEM_INFO_SOFTWARE_VERSION, &value);
     if (status != 0) {
@@ -31,7 +31,7 @@ class SystemInfoFiles : public DeviceTest {
 
   void SetUp() override {
     DeviceTest::SetUp();
-    etc_.emplace(TemporaryMount::Memory("/etc"));
+    etc_.emplace(TemporaryMount::memory("/etc"));
     std::filesystem::remove(kFallback);
   }
 
@@ -46,52 +46,52 @@ TEST_F(SystemInfoFiles, PrefersTheFileInEtc) {
   writeFile(kFile, "ID=etc\nVERSION_ID=1\n");
   writeFile(kFallback, "ID=lib\nVERSION_ID=2\n");
 
-  EXPECT_EQ(Version(), "etc-1");
+  EXPECT_EQ(version(), "etc-1");
 }
 
 TEST_F(SystemInfoFiles, FallsBackToTheFileInUsrLib) {
   writeFile(kFallback, "ID=lib\nVERSION_ID=2\nBUILD_ID=77\n");
 
-  EXPECT_EQ(Version(), "lib-2-77");
+  EXPECT_EQ(version(), "lib-2-77");
 }
 
 TEST_F(SystemInfoFiles, FallsBackWhenTheFileInEtcIsADirectory) {
   std::filesystem::create_directory(kFile);
   writeFile(kFallback, "ID=lib\nVERSION_ID=2\n");
 
-  EXPECT_EQ(Version(), "lib-2");
+  EXPECT_EQ(version(), "lib-2");
 }
 
 TEST_F(SystemInfoFiles, FailsWithoutAnyFile) {
-  EXPECT_EQ(Version(), "error " + std::to_string(ENOENT));
+  EXPECT_EQ(version(), "error " + std::to_string(ENOENT));
 }
 
 TEST_F(SystemInfoFiles, RefusesAFileThatIsFarTooLarge) {
   writeFile(kFallback, std::string(64 * 1024 + 1, '#'));
 
-  EXPECT_EQ(Version(), "error " + std::to_string(EFBIG));
+  EXPECT_EQ(version(), "error " + std::to_string(EFBIG));
 }
 
 TEST_F(SystemInfoFiles, FallsBackWhenTheFileInEtcIsFarTooLarge) {
   writeFile(kFile, std::string(64 * 1024 + 1, '#'));
   writeFile(kFallback, "ID=lib\nVERSION_ID=2\n");
 
-  EXPECT_EQ(Version(), "lib-2");
+  EXPECT_EQ(version(), "lib-2");
 }
 
 TEST_F(SystemInfoFiles, TakesAFileThatIsJustNotTooLarge) {
   const std::string text = "ID=tv\nVERSION_ID=1\n";
   writeFile(kFile, text + std::string(64 * 1024 - text.size(), '#'));
 
-  EXPECT_EQ(Version(), "tv-1");
+  EXPECT_EQ(version(), "tv-1");
 }
 
 TEST_F(SystemInfoFiles, ReadsTheFileAgainEachTime) {
   writeFile(kFile, "ID=tv\nVERSION_ID=1\n");
-  ASSERT_EQ(Version(), "tv-1");
+  ASSERT_EQ(version(), "tv-1");
   writeFile(kFile, "ID=tv\nVERSION_ID=2\n");
 
-  EXPECT_EQ(Version(), "tv-2");
+  EXPECT_EQ(version(), "tv-2");
 }
 
 }  // namespace

@@ -21,7 +21,7 @@ TEST(SystemInfo, GivesTheSoftwareVersionOfThisSystem) {
   ASSERT_EQ(system_info_get_value_string(SYSTEM_INFO_SOFTWARE_VERSION, &value), 0);
 
   ASSERT_NE(value, nullptr);
-  EXPECT_EQ(std::string(value), fwplatform::SoftwareVersionText(fwplatform::ParseOsRelease(osRelease)));
+  EXPECT_EQ(std::string(value), fwplatform::softwareVersionText(fwplatform::parseOsRelease(osRelease)));
   std::free(value);
 }
 

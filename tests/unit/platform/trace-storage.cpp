@@ -44,18 +44,18 @@ using thoroughness::kEveryNth;
 
 constexpr std::uint16_t kVariable = 0x3FFF;
 
-TraceStorage::Storage& TheStorage() {
+TraceStorage::Storage& theStorage() {
   return TraceStorage::Manager::Instance().GetStorage();
 }
 
 std::uint32_t Register(const char* format, std::vector<TraceStorage::ArgumentDescription> arguments) {
   const std::uint32_t id = TraceStorage::Manager::Instance().NewLocationId();
-  TheStorage().SaveLocation({"/src/a/sample.cpp", 42, id, "work", format, std::move(arguments)});
+  theStorage().SaveLocation({"/src/a/sample.cpp", 42, id, "work", format, std::move(arguments)});
   return id;
 }
 
-bool Write(std::uint32_t location, const std::string& payload) {
-  TraceStorage::Storage& storage = TheStorage();
+bool write(std::uint32_t location, const std::string& payload) {
+  TraceStorage::Storage& storage = theStorage();
   TraceStorage::Thread* const thread = storage.ThreadHandle();
   unsigned char* const buffer =
       storage.PrepareCallBuffer(thread, static_cast<unsigned int>(payload.size()), 1, location);
@@ -71,7 +71,7 @@ std::string Int(std::uint32_t value) {
   return std::string(reinterpret_cast<const char*>(&value), sizeof value);
 }
 
-std::uint32_t RegisterNumber() {
+std::uint32_t registerNumber() {
   return Register("number %d", {{"int", 1, 4}});
 }
 
@@ -93,7 +93,7 @@ class TraceStorageTest : public ::testing::Test {
     fs::remove_all(directory_);
   }
 
-  static pid_t Start(const std::function<void()>& body) {
+  static pid_t start(const std::function<void()>& body) {
     const pid_t pid = fork();
     if (pid == 0) {
       prctl(PR_SET_PDEATHSIG, SIGKILL);
@@ -103,27 +103,27 @@ class TraceStorageTest : public ::testing::Test {
     return pid;
   }
 
-  static int Wait(pid_t pid) {
+  static int wait(pid_t pid) {
     int status = -1;
     waitpid(pid, &status, 0);
     return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
   }
 
-  static int InChild(const std::function<void()>& body) { return Wait(Start(body)); }
+  static int inChild(const std::function<void()>& body) { return wait(start(body)); }
 
   // A child that writes until it is killed: at the latest when the test is left, by an
   // assertion too.
   class Writer {
    public:
-    explicit Writer(const std::function<void()>& body) : pid_(Start(body)) {}
-    ~Writer() { Kill(); }
+    explicit Writer(const std::function<void()>& body) : pid_(start(body)) {}
+    ~Writer() { kill(); }
     Writer(const Writer&) = delete;
     Writer& operator=(const Writer&) = delete;
 
-    void Kill() {
+    void kill() {
       if (pid_ > 0) {
-        kill(pid_, SIGKILL);
-        Wait(pid_);
+        ::kill(pid_, SIGKILL);
+        wait(pid_);
         pid_ = -1;
       }
     }
@@ -132,20 +132,20 @@ class TraceStorageTest : public ::testing::Test {
     pid_t pid_;
   };
 
-  std::vector<tracetool::TraceFile> Traces() const {
+  std::vector<tracetool::TraceFile> traces() const {
     std::string problem;
     return tracetool::loadTraces(traces_, problem);
   }
 
-  tracetool::TraceFile OnlyTrace() const {
-    auto traces = Traces();
-    EXPECT_THAT(traces, SizeIs(1));
-    return traces.empty() ? tracetool::TraceFile() : traces.front();
+  tracetool::TraceFile onlyTrace() const {
+    auto all = traces();
+    EXPECT_THAT(all, SizeIs(1));
+    return all.empty() ? tracetool::TraceFile() : all.front();
   }
 
   // The messages of the only trace.
-  std::vector<std::string> Texts() const {
-    auto file = OnlyTrace();
+  std::vector<std::string> texts() const {
+    auto file = onlyTrace();
     std::vector<std::string> texts;
     for (const auto& message : tracetool::messagesOf(file.trace)) {
       texts.push_back(message.text);
@@ -170,17 +170,17 @@ TEST_F(TraceStorageTest, KeepsPayloadsByteForByte) {
       "\xFF\x7F",
   };
 
-  const int result = InChild([&payloads] {
-    const std::uint32_t location = RegisterNumber();
+  const int result = inChild([&payloads] {
+    const std::uint32_t location = registerNumber();
     for (const std::string& payload : payloads) {
-      ASSERT_TRUE(Write(location, payload));
+      ASSERT_TRUE(write(location, payload));
     }
   });
 
   EXPECT_EQ(result, 0);
   std::vector<std::string> kept;
-  for (const auto& record : OnlyTrace().trace.records) {
-    if (record.kind == kCall) {
+  for (const auto& record : onlyTrace().trace.records) {
+    if (record.kind == Call) {
       kept.push_back(record.payload);
     }
   }
@@ -188,12 +188,12 @@ TEST_F(TraceStorageTest, KeepsPayloadsByteForByte) {
 }
 
 TEST_F(TraceStorageTest, KeepsTheRegisteredLocation) {
-  InChild([] {
-    Write(Register("%s took %d", {{"char const*", 1, kVariable}, {"int", 1, 4}}),
+  inChild([] {
+    write(Register("%s took %d", {{"char const*", 1, kVariable}, {"int", 1, 4}}),
           std::string("\x02ok") + Int(7));
   });
 
-  auto trace = OnlyTrace().trace;
+  auto trace = onlyTrace().trace;
   ASSERT_THAT(trace.locations, SizeIs(1));
   const tracetool::Location& location = trace.locations.begin()->second;
   EXPECT_EQ(location.id, 1U);
@@ -205,25 +205,25 @@ TEST_F(TraceStorageTest, KeepsTheRegisteredLocation) {
   EXPECT_EQ(location.arguments[0].name, "char const*");
   EXPECT_EQ(location.arguments[0].size, kVariable);
   EXPECT_EQ(location.arguments[0].flag, 1);
-  EXPECT_THAT(Texts(), ElementsAre("ok took 7"));
+  EXPECT_THAT(texts(), ElementsAre("ok took 7"));
 }
 
 TEST_F(TraceStorageTest, KeepsMoreLocationsThanTheFileBeginsWith) {
   constexpr int kCount = 300;
   const std::string padding(1000, '.');
 
-  const int result = InChild([&] {
+  const int result = inChild([&] {
     for (int i = 0; i < kCount; ++i) {
       const std::string format = std::to_string(i) + padding + "%d";
-      Write(Register(format.c_str(), {{"int", 1, 4}}), Int(7));
+      write(Register(format.c_str(), {{"int", 1, 4}}), Int(7));
     }
   });
 
   EXPECT_EQ(result, 0);
-  const auto texts = Texts();
-  ASSERT_THAT(texts, SizeIs(kCount));
+  const auto all = texts();
+  ASSERT_THAT(all, SizeIs(kCount));
   for (int i = 0; i < kCount; ++i) {
-    EXPECT_EQ(texts[static_cast<std::size_t>(i)], std::to_string(i) + padding + "7");
+    EXPECT_EQ(all[static_cast<std::size_t>(i)], std::to_string(i) + padding + "7");
   }
 }
 
@@ -231,14 +231,14 @@ TEST_F(TraceStorageTest, KeepsRecordsWhenThereIsNoMoreRoomForTheirLocations) {
   constexpr std::uint32_t kCount = 1200;
   const std::string format(1000, '.');
 
-  const int result = InChild([&] {
+  const int result = inChild([&] {
     for (std::uint32_t i = 0; i < kCount; ++i) {
-      EXPECT_TRUE(Write(Register(format.c_str(), {{"int", 1, 4}}), Int(i)));
+      EXPECT_TRUE(write(Register(format.c_str(), {{"int", 1, 4}}), Int(i)));
     }
   });
 
   EXPECT_EQ(result, 0);
-  const auto trace = OnlyTrace().trace;
+  const auto trace = onlyTrace().trace;
   EXPECT_LT(trace.locations.size(), kCount);
   EXPECT_GT(trace.locations.size() * format.size(), 15U * 64 * 1024) << "of sixteen times 64 KiB";
   ASSERT_THAT(trace.records, SizeIs(1 + kCount)) << "the first is the thread's name";
@@ -246,40 +246,40 @@ TEST_F(TraceStorageTest, KeepsRecordsWhenThereIsNoMoreRoomForTheirLocations) {
 }
 
 TEST_F(TraceStorageTest, LeavesOutWhatWasPreparedAndNotCommitted) {
-  InChild([] {
-    const std::uint32_t location = RegisterNumber();
-    Write(location, Int(1));
-    std::memcpy(TheStorage().PrepareCallBuffer(TheStorage().ThreadHandle(), 4, 1, location), "half", 4);
+  inChild([] {
+    const std::uint32_t location = registerNumber();
+    write(location, Int(1));
+    std::memcpy(theStorage().PrepareCallBuffer(theStorage().ThreadHandle(), 4, 1, location), "half", 4);
     raise(SIGKILL);
   });
 
-  EXPECT_THAT(Texts(), ElementsAre("number 1"));
+  EXPECT_THAT(texts(), ElementsAre("number 1"));
 }
 
 TEST_F(TraceStorageTest, TakesASecondPreparationForTheFirst) {
-  InChild([] {
-    const std::uint32_t location = RegisterNumber();
-    TheStorage().PrepareCallBuffer(TheStorage().ThreadHandle(), 100, 1, location);
-    Write(location, Int(2));
-    TheStorage().Commit(TheStorage().ThreadHandle());
+  inChild([] {
+    const std::uint32_t location = registerNumber();
+    theStorage().PrepareCallBuffer(theStorage().ThreadHandle(), 100, 1, location);
+    write(location, Int(2));
+    theStorage().Commit(theStorage().ThreadHandle());
   });
 
-  EXPECT_THAT(Texts(), ElementsAre("number 2"));
+  EXPECT_THAT(texts(), ElementsAre("number 2"));
 }
 
 TEST_F(TraceStorageTest, OverwritesTheOldestRecordsAndNoOthers) {
   setenv("FW_UPDATE_TRACE_THREAD_KIB", "64", 1);
   constexpr std::uint32_t kCount = 100000;
 
-  InChild([] {
-    const std::uint32_t location = RegisterNumber();
+  inChild([] {
+    const std::uint32_t location = registerNumber();
     for (std::uint32_t i = 0; i < kCount; ++i) {
       // Of different lengths, so that the end of the ring falls everywhere.
-      ASSERT_TRUE(Write(location, Int(i) + std::string(i % 57, 'z')));
+      ASSERT_TRUE(write(location, Int(i) + std::string(i % 57, 'z')));
     }
   });
 
-  const auto file = OnlyTrace();
+  const auto file = onlyTrace();
   EXPECT_TRUE(file.trace.overwritten);
   EXPECT_THAT(file.trace.skipped, IsEmpty());
   const auto& records = file.trace.records;
@@ -293,36 +293,36 @@ TEST_F(TraceStorageTest, OverwritesTheOldestRecordsAndNoOthers) {
 TEST_F(TraceStorageTest, DropsWhatCouldNeverFit) {
   setenv("FW_UPDATE_TRACE_THREAD_KIB", "64", 1);
 
-  const int result = InChild([] {
-    const std::uint32_t location = RegisterNumber();
-    EXPECT_FALSE(Write(location, std::string(64 * 1024, 'x')));
-    EXPECT_FALSE(Write(location, std::string()) &&
-                 TheStorage().PrepareCallBuffer(TheStorage().ThreadHandle(), 0xFFFFFFFF, 1, location) !=
+  const int result = inChild([] {
+    const std::uint32_t location = registerNumber();
+    EXPECT_FALSE(write(location, std::string(64 * 1024, 'x')));
+    EXPECT_FALSE(write(location, std::string()) &&
+                 theStorage().PrepareCallBuffer(theStorage().ThreadHandle(), 0xFFFFFFFF, 1, location) !=
                      nullptr);
   });
 
   EXPECT_EQ(result, 0);
-  EXPECT_EQ(OnlyTrace().trace.dropped, 2U);
+  EXPECT_EQ(onlyTrace().trace.dropped, 2U);
 }
 
 TEST_F(TraceStorageTest, GivesEveryThreadsRecordsItsNumberAndTime) {
-  InChild([] {
-    const std::uint32_t location = RegisterNumber();
-    Write(location, Int(1));
+  inChild([] {
+    const std::uint32_t location = registerNumber();
+    write(location, Int(1));
     std::thread([location] {
       prctl(PR_SET_NAME, "tunerfw");
-      Write(location, Int(2));
+      write(location, Int(2));
     }).join();
-    Write(location, Int(3));
+    write(location, Int(3));
   });
 
-  const auto file = OnlyTrace();
+  const auto file = onlyTrace();
   std::vector<std::uint32_t> threads;
   std::int64_t last = 0;
   for (const auto& record : file.trace.records) {
     EXPECT_GE(record.time, last);
     last = record.time;
-    if (record.kind == kCall) {
+    if (record.kind == Call) {
       threads.push_back(record.threadId);
     }
   }
@@ -336,27 +336,27 @@ TEST_F(TraceStorageTest, GivesEveryThreadsRecordsItsNumberAndTime) {
 TEST_F(TraceStorageTest, LendsTheRingOfAnEndedThreadAgain) {
   setenv("FW_UPDATE_TRACE_THREADS", "2", 1);
 
-  const int result = InChild([] {
-    const std::uint32_t location = RegisterNumber();
-    Write(location, Int(0));
+  const int result = inChild([] {
+    const std::uint32_t location = registerNumber();
+    write(location, Int(0));
     for (std::uint32_t i = 1; i <= 50; ++i) {
-      std::thread([location, i] { EXPECT_TRUE(Write(location, Int(i))); }).join();
+      std::thread([location, i] { EXPECT_TRUE(write(location, Int(i))); }).join();
     }
   });
 
   EXPECT_EQ(result, 0);
-  EXPECT_THAT(Texts(), SizeIs(51));
+  EXPECT_THAT(texts(), SizeIs(51));
 }
 
 TEST_F(TraceStorageTest, DropsTheRecordsOfAThreadWithoutARingUntilOneIsFree) {
   setenv("FW_UPDATE_TRACE_THREADS", "1", 1);
 
-  const int result = InChild([] {
-    const std::uint32_t location = RegisterNumber();
+  const int result = inChild([] {
+    const std::uint32_t location = registerNumber();
     std::atomic<bool> release{false};
     std::atomic<bool> holds{false};
     std::thread holder([&] {
-      Write(location, Int(1));
+      write(location, Int(1));
       holds = true;
       while (!release) {
         std::this_thread::yield();
@@ -365,27 +365,27 @@ TEST_F(TraceStorageTest, DropsTheRecordsOfAThreadWithoutARingUntilOneIsFree) {
     while (!holds) {
       std::this_thread::yield();
     }
-    EXPECT_FALSE(Write(location, Int(2)));
+    EXPECT_FALSE(write(location, Int(2)));
     release = true;
     holder.join();
-    EXPECT_TRUE(Write(location, Int(3)));
+    EXPECT_TRUE(write(location, Int(3)));
   });
 
   EXPECT_EQ(result, 0);
-  EXPECT_THAT(Texts(), ElementsAre("number 1", "number 3"));
-  EXPECT_EQ(OnlyTrace().trace.dropped, 1U);
+  EXPECT_THAT(texts(), ElementsAre("number 1", "number 3"));
+  EXPECT_EQ(onlyTrace().trace.dropped, 1U);
 }
 
 TEST_F(TraceStorageTest, GivesAForkedChildATraceOfItsOwnWithTheLocations) {
-  InChild([] {
-    const std::uint32_t location = RegisterNumber();
-    Write(location, Int(1));
-    Wait(Start([location] { Write(location, Int(2)); }));
-    Write(location, Int(3));
+  inChild([] {
+    const std::uint32_t location = registerNumber();
+    write(location, Int(1));
+    wait(start([location] { write(location, Int(2)); }));
+    write(location, Int(3));
   });
 
-  auto traces = Traces();
-  ASSERT_THAT(traces, SizeIs(2));
+  auto files = traces();
+  ASSERT_THAT(files, SizeIs(2));
   auto texts = [](tracetool::TraceFile& file) {
     std::vector<std::string> all;
     for (const auto& message : tracetool::messagesOf(file.trace)) {
@@ -393,35 +393,35 @@ TEST_F(TraceStorageTest, GivesAForkedChildATraceOfItsOwnWithTheLocations) {
     }
     return all;
   };
-  EXPECT_THAT(texts(traces[0]), ElementsAre("number 1", "number 3"));
-  EXPECT_THAT(texts(traces[1]), ElementsAre("number 2"));
-  EXPECT_EQ(traces[1].trace.parentId, traces[0].trace.processId);
+  EXPECT_THAT(texts(files[0]), ElementsAre("number 1", "number 3"));
+  EXPECT_THAT(texts(files[1]), ElementsAre("number 2"));
+  EXPECT_EQ(files[1].trace.parentId, files[0].trace.processId);
 }
 
 TEST_F(TraceStorageTest, MakesNoFileForAForkedChildWithoutMessages) {
-  InChild([] {
-    Write(RegisterNumber(), Int(1));
-    Wait(Start([] {}));
+  inChild([] {
+    write(registerNumber(), Int(1));
+    wait(start([] {}));
   });
 
-  EXPECT_THAT(Traces(), SizeIs(1));
+  EXPECT_THAT(traces(), SizeIs(1));
 }
 
 TEST_F(TraceStorageTest, ShowsWhetherTheProcessLives) {
   int ends[2];
   ASSERT_EQ(pipe(ends), 0);
-  const pid_t pid = Start([&ends] {
-    Write(RegisterNumber(), Int(1));
-    EXPECT_EQ(write(ends[1], "x", 1), 1);
+  const pid_t pid = start([&ends] {
+    write(registerNumber(), Int(1));
+    EXPECT_EQ(::write(ends[1], "x", 1), 1);
     pause();
   });
   char byte = 0;
   ASSERT_EQ(read(ends[0], &byte, 1), 1);
 
-  const bool before = OnlyTrace().alive;
+  const bool before = onlyTrace().alive;
   kill(pid, SIGKILL);
-  Wait(pid);
-  const bool after = OnlyTrace().alive;
+  wait(pid);
+  const bool after = onlyTrace().alive;
 
   EXPECT_TRUE(before);
   EXPECT_FALSE(after);
@@ -430,7 +430,7 @@ TEST_F(TraceStorageTest, ShowsWhetherTheProcessLives) {
 }
 
 // Makes the file look as old as it says.
-void Age(const std::string& path, std::time_t seconds) {
+void age(const std::string& path, std::time_t seconds) {
   const std::time_t then = std::time(nullptr) - seconds;
   const utimbuf times = {then, then};
   ASSERT_EQ(utime(path.c_str(), &times), 0);
@@ -440,26 +440,26 @@ TEST_F(TraceStorageTest, RemovesOldFilesOfDeadProcessesOnly) {
   constexpr std::time_t kEightDays = 8 * 24 * 3600;
   int ends[2];
   ASSERT_EQ(pipe(ends), 0);
-  InChild([] { Write(RegisterNumber(), Int(1)); });
-  const std::string dead = OnlyTrace().path;
+  inChild([] { write(registerNumber(), Int(1)); });
+  const std::string dead = onlyTrace().path;
   Writer writer([&ends] {
-    Write(RegisterNumber(), Int(2));
-    EXPECT_EQ(write(ends[1], "x", 1), 1);
+    write(registerNumber(), Int(2));
+    EXPECT_EQ(::write(ends[1], "x", 1), 1);
     pause();
   });
   close(ends[1]);
   char byte = 0;
   ASSERT_EQ(read(ends[0], &byte, 1), 1);
-  const std::string living = Traces()[1].path;
-  Age(dead, kEightDays);
-  Age(living, kEightDays);
+  const std::string living = traces()[1].path;
+  age(dead, kEightDays);
+  age(living, kEightDays);
 
-  InChild([] { Write(RegisterNumber(), Int(3)); });
+  inChild([] { write(registerNumber(), Int(3)); });
 
   EXPECT_FALSE(fs::exists(dead));
   EXPECT_TRUE(fs::exists(living));
-  EXPECT_THAT(Traces(), SizeIs(2));
-  writer.Kill();
+  EXPECT_THAT(traces(), SizeIs(2));
+  writer.kill();
   close(ends[0]);
 }
 
@@ -468,13 +468,13 @@ TEST_F(TraceStorageTest, KeepsTheDirectoryBelowItsTotalSize) {
   setenv("FW_UPDATE_TRACE_THREAD_KIB", "192", 1);
 
   for (std::uint32_t i = 0; i < 10; ++i) {
-    InChild([i] { Write(RegisterNumber(), Int(i)); });
+    inChild([i] { write(registerNumber(), Int(i)); });
   }
 
-  const auto traces = Traces();
+  const auto all = traces();
   // 64 + 192 KiB each: what was there before the last one came fits in 1 MiB.
-  EXPECT_EQ(traces.size(), 5U);
-  EXPECT_EQ(traces.back().trace.records.back().payload, Int(9));
+  EXPECT_EQ(all.size(), 5U);
+  EXPECT_EQ(all.back().trace.records.back().payload, Int(9));
 }
 
 TEST_F(TraceStorageTest, SwitchesItselfOffWhereNoFileCanBeMade) {
@@ -482,13 +482,13 @@ TEST_F(TraceStorageTest, SwitchesItselfOffWhereNoFileCanBeMade) {
                                    directory_ + "/missing/deep", std::string("none")}) {
     setenv("FW_UPDATE_TRACE", place.c_str(), 1);
 
-    const int result = InChild([] {
+    const int result = inChild([] {
       EXPECT_EQ(TraceStorage::enabled, 1);
       errno = EDOM;
-      EXPECT_FALSE(Write(RegisterNumber(), Int(1)));
+      EXPECT_FALSE(write(registerNumber(), Int(1)));
       EXPECT_EQ(errno, EDOM);
       EXPECT_EQ(TraceStorage::enabled, 0);
-      EXPECT_FALSE(Write(RegisterNumber(), Int(1)));
+      EXPECT_FALSE(write(registerNumber(), Int(1)));
     });
 
     EXPECT_EQ(result, 0) << place;
@@ -496,9 +496,9 @@ TEST_F(TraceStorageTest, SwitchesItselfOffWhereNoFileCanBeMade) {
 }
 
 TEST_F(TraceStorageTest, SwitchesItselfOffWhereThereIsNoRoomForAFile) {
-  const int result = InChild([] {
+  const int result = inChild([] {
     const auto full = LimitedResource::fileSize(16 * 1024);
-    EXPECT_FALSE(Write(RegisterNumber(), Int(1)));
+    EXPECT_FALSE(write(registerNumber(), Int(1)));
     EXPECT_EQ(TraceStorage::enabled, 0);
   });
 
@@ -508,44 +508,44 @@ TEST_F(TraceStorageTest, SwitchesItselfOffWhereThereIsNoRoomForAFile) {
 TEST_F(TraceStorageTest, DropsTheRecordsOfAThreadThatThereIsNoRoomFor) {
   setenv("FW_UPDATE_TRACE_THREAD_KIB", "64", 1);
 
-  const int result = InChild([] {
+  const int result = inChild([] {
     const auto full = LimitedResource::fileSize(2 * 64 * 1024);
-    const std::uint32_t location = RegisterNumber();
-    EXPECT_TRUE(Write(location, Int(1)));
-    std::thread([location] { EXPECT_FALSE(Write(location, Int(2))); }).join();
-    EXPECT_TRUE(Write(location, Int(3)));
+    const std::uint32_t location = registerNumber();
+    EXPECT_TRUE(write(location, Int(1)));
+    std::thread([location] { EXPECT_FALSE(write(location, Int(2))); }).join();
+    EXPECT_TRUE(write(location, Int(3)));
     EXPECT_EQ(TraceStorage::enabled, 1);
   });
 
   EXPECT_EQ(result, 0);
-  EXPECT_THAT(Texts(), ElementsAre("number 1", "number 3"));
-  EXPECT_EQ(OnlyTrace().trace.dropped, 1U);
+  EXPECT_THAT(texts(), ElementsAre("number 1", "number 3"));
+  EXPECT_EQ(onlyTrace().trace.dropped, 1U);
 }
 
 TEST_F(TraceStorageTest, LeavesOutLocationsThatThereIsNoRoomFor) {
   setenv("FW_UPDATE_TRACE_THREAD_KIB", "64", 1);
   const std::string format(60000, '.');
 
-  const int result = InChild([&] {
+  const int result = inChild([&] {
     const auto full = LimitedResource::fileSize(2 * 64 * 1024);
-    EXPECT_TRUE(Write(Register(format.c_str(), {{"int", 1, 4}}), Int(1)));
-    EXPECT_TRUE(Write(Register(format.c_str(), {{"int", 1, 4}}), Int(2)));
+    EXPECT_TRUE(write(Register(format.c_str(), {{"int", 1, 4}}), Int(1)));
+    EXPECT_TRUE(write(Register(format.c_str(), {{"int", 1, 4}}), Int(2)));
   });
 
   EXPECT_EQ(result, 0);
-  const auto trace = OnlyTrace().trace;
+  const auto trace = onlyTrace().trace;
   EXPECT_THAT(trace.locations, SizeIs(1));
   EXPECT_THAT(trace.records, SizeIs(3)) << "the first is the thread's name";
 }
 
 TEST_F(TraceStorageTest, NamesItsFileWithOrdinaryCharactersOnly) {
-  const int result = InChild([] {
+  const int result = inChild([] {
     prctl(PR_SET_NAME, "a b/c.d\n");
-    Write(RegisterNumber(), Int(1));
+    write(registerNumber(), Int(1));
   });
 
   EXPECT_EQ(result, 0);
-  EXPECT_THAT(fs::path(OnlyTrace().path).filename().string(), StartsWith("a_b_c_d_-"));
+  EXPECT_THAT(fs::path(onlyTrace().path).filename().string(), StartsWith("a_b_c_d_-"));
 }
 
 TEST_F(TraceStorageTest, RemovesEmptyFilesOnlyWhenNobodyCanBeMakingThem) {
@@ -553,9 +553,9 @@ TEST_F(TraceStorageTest, RemovesEmptyFilesOnlyWhenNobodyCanBeMakingThem) {
   setenv("FW_UPDATE_TRACE_THREAD_KIB", "2048", 1);
   int ends[2];
   ASSERT_EQ(pipe(ends), 0);
-  const pid_t tooLarge = Start([&ends] {
-    Write(RegisterNumber(), Int(1));
-    EXPECT_EQ(write(ends[1], "x", 1), 1);
+  const pid_t tooLarge = start([&ends] {
+    write(registerNumber(), Int(1));
+    EXPECT_EQ(::write(ends[1], "x", 1), 1);
     pause();
   });
   char byte = 0;
@@ -564,14 +564,14 @@ TEST_F(TraceStorageTest, RemovesEmptyFilesOnlyWhenNobodyCanBeMakingThem) {
   const std::string old = traces_ + "/old.fwtrace";
   std::ofstream(fresh).flush();
   std::ofstream(old).flush();
-  Age(old, 61);
+  age(old, 61);
 
-  InChild([] { Write(RegisterNumber(), Int(2)); });
+  inChild([] { write(registerNumber(), Int(2)); });
 
   EXPECT_TRUE(fs::exists(fresh));
   EXPECT_FALSE(fs::exists(old));
   kill(tooLarge, SIGKILL);
-  Wait(tooLarge);
+  wait(tooLarge);
   close(ends[0]);
   close(ends[1]);
 }
@@ -581,10 +581,10 @@ TEST_F(TraceStorageTest, SaysOnceThatNoTraceIsKept) {
   setenv("FW_UPDATE_LOG", "stderr", 1);
   const std::string log = directory_ + "/log";
 
-  InChild([&log] {
+  inChild([&log] {
     dup2(open(log.c_str(), O_WRONLY | O_CREAT, 0600), STDERR_FILENO);
-    Write(RegisterNumber(), Int(1));
-    std::thread([] { Write(RegisterNumber(), Int(2)); }).join();
+    write(registerNumber(), Int(1));
+    std::thread([] { write(registerNumber(), Int(2)); }).join();
   });
 
   std::ifstream stream(log);
@@ -596,10 +596,10 @@ TEST_F(TraceStorageTest, SaysOnceThatNoTraceIsKept) {
 }
 
 TEST_F(TraceStorageTest, FollowsNoLinkOfItsOwnName) {
-  InChild([] { Write(RegisterNumber(), Int(1)); });
+  inChild([] { write(registerNumber(), Int(1)); });
 
   struct stat status = {};
-  ASSERT_EQ(lstat(OnlyTrace().path.c_str(), &status), 0);
+  ASSERT_EQ(lstat(onlyTrace().path.c_str(), &status), 0);
   EXPECT_TRUE(S_ISREG(status.st_mode));
   EXPECT_EQ(status.st_mode & 0007, 0U);
 }
@@ -610,24 +610,24 @@ TEST_F(TraceStorageTest, GoesOnWhenItsOldestRecordHasADamagedSize) {
   for (const std::uint32_t size : {0U, 7U, 64U * 1024, 0xFFFFFFF8U}) {
     fs::remove_all(traces_);
 
-    const int result = InChild([this, size] {
+    const int result = inChild([this, size] {
       alarm(20);
-      const std::uint32_t location = RegisterNumber();
+      const std::uint32_t location = registerNumber();
       for (std::uint32_t i = 0; i < 3000; ++i) {
-        Write(location, Int(i));
+        write(location, Int(i));
       }
-      const int file = open(OnlyTrace().path.c_str(), O_RDWR);
+      const int file = open(onlyTrace().path.c_str(), O_RDWR);
       for (off_t at = 64 * 1024 + 64; at < 128 * 1024; at += 8) {
         ASSERT_EQ(pwrite(file, &size, sizeof size, at), static_cast<ssize_t>(sizeof size));
       }
       close(file);
       for (std::uint32_t i = 0; i < 3000; ++i) {
-        EXPECT_TRUE(Write(location, Int(i)));
+        EXPECT_TRUE(write(location, Int(i)));
       }
     });
 
     EXPECT_EQ(result, 0) << size;
-    EXPECT_EQ(OnlyTrace().trace.records.back().payload, Int(2999)) << size;
+    EXPECT_EQ(onlyTrace().trace.records.back().payload, Int(2999)) << size;
   }
 }
 
@@ -635,18 +635,18 @@ TEST_F(TraceStorageTest, LetsOneMessageTakeHalfOfARing) {
   setenv("FW_UPDATE_TRACE_THREAD_KIB", "64", 1);
   constexpr std::size_t kLargest = (64 * 1024 - 64) / 2 - 24;
 
-  const int result = InChild([] {
-    const std::uint32_t location = RegisterNumber();
-    EXPECT_TRUE(Write(location, std::string(kLargest, 'x')));
-    EXPECT_FALSE(Write(location, std::string(kLargest + 1, 'x')));
+  const int result = inChild([] {
+    const std::uint32_t location = registerNumber();
+    EXPECT_TRUE(write(location, std::string(kLargest, 'x')));
+    EXPECT_FALSE(write(location, std::string(kLargest + 1, 'x')));
   });
 
   EXPECT_EQ(result, 0);
-  EXPECT_EQ(OnlyTrace().trace.records.back().payload.size(), kLargest);
-  EXPECT_EQ(OnlyTrace().trace.dropped, 1U);
+  EXPECT_EQ(onlyTrace().trace.records.back().payload.size(), kLargest);
+  EXPECT_EQ(onlyTrace().trace.dropped, 1U);
 }
 
-int TraceDescriptors() {
+int traceDescriptors() {
   int count = 0;
   for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
     std::error_code gone;
@@ -656,21 +656,21 @@ int TraceDescriptors() {
 }
 
 TEST_F(TraceStorageTest, LeavesAForkedChildNoDescriptorOfItsParents) {
-  const int result = InChild([] {
-    Write(RegisterNumber(), Int(1));
-    EXPECT_EQ(TraceDescriptors(), 1);
-    EXPECT_EQ(Wait(Start([] { EXPECT_EQ(TraceDescriptors(), 0); })), 0);
+  const int result = inChild([] {
+    write(registerNumber(), Int(1));
+    EXPECT_EQ(traceDescriptors(), 1);
+    EXPECT_EQ(wait(start([] { EXPECT_EQ(traceDescriptors(), 0); })), 0);
   });
 
   EXPECT_EQ(result, 0);
 }
 
 TEST_F(TraceStorageTest, MakesItsFileBesideALinkOfThatName) {
-  const fwplatform::UniqueFd directory = OpenTraceDirectory(traces_);
+  const fwplatform::UniqueFd directory = openTraceDirectory(traces_);
   const std::string start = traces_ + "/service-" + std::to_string(getpid()) + "-";
   fs::create_symlink(directory_ + "/elsewhere", start + "5.fwtrace");
 
-  const fwplatform::UniqueFd file = CreateTraceFile(directory.get(), "service", 5000000);
+  const fwplatform::UniqueFd file = createTraceFile(directory.get(), "service", 5000000);
 
   ASSERT_TRUE(file);
   struct stat status = {};
@@ -694,7 +694,7 @@ TEST_F(TraceStorageTest, ReadsRegularFilesAlone) {
 // ---- Bytes ----------------------------------------------------------------------
 
 template <typename Number>
-Number NumberAt(const std::string& bytes, std::size_t offset) {
+Number numberAt(const std::string& bytes, std::size_t offset) {
   Number number = 0;
   std::memcpy(&number, bytes.data() + offset, sizeof number);
   return number;
@@ -703,80 +703,80 @@ Number NumberAt(const std::string& bytes, std::size_t offset) {
 // The offsets and numbers are those of docs/formats/trace.md.
 TEST_F(TraceStorageTest, WritesTheDocumentedBytes) {
   setenv("FW_UPDATE_TRACE_THREAD_KIB", "64", 1);
-  InChild([] {
+  inChild([] {
     prctl(PR_SET_NAME, "golden");
-    Write(Register("%s=%d", {{"char const*", 1, kVariable}, {"int", 1, 4}}), std::string("\x01k") + Int(9));
+    write(Register("%s=%d", {{"char const*", 1, kVariable}, {"int", 1, 4}}), std::string("\x01k") + Int(9));
   });
-  const auto file = OnlyTrace();
+  const auto file = onlyTrace();
   std::ifstream stream(file.path, std::ios::binary);
   const std::string bytes(std::istreambuf_iterator<char>(stream), {});
 
   ASSERT_EQ(bytes.size(), 128U * 1024);
   EXPECT_EQ(bytes.substr(0, 8), "FWTRACE\n");
-  EXPECT_EQ(NumberAt<std::uint32_t>(bytes, 8), 1U);
-  EXPECT_EQ(NumberAt<std::uint32_t>(bytes, 12), 0x01020304U);
-  EXPECT_EQ(NumberAt<std::uint32_t>(bytes, 16), 4096U);
-  EXPECT_EQ(NumberAt<std::uint32_t>(bytes, 20), file.trace.processId);
-  EXPECT_EQ(NumberAt<std::int64_t>(bytes, 24), file.trace.start);
-  EXPECT_EQ(NumberAt<std::uint32_t>(bytes, 40), static_cast<std::uint32_t>(getpid()));
-  EXPECT_EQ(NumberAt<std::uint32_t>(bytes, 44), 0U);
+  EXPECT_EQ(numberAt<std::uint32_t>(bytes, 8), 1U);
+  EXPECT_EQ(numberAt<std::uint32_t>(bytes, 12), 0x01020304U);
+  EXPECT_EQ(numberAt<std::uint32_t>(bytes, 16), 4096U);
+  EXPECT_EQ(numberAt<std::uint32_t>(bytes, 20), file.trace.processId);
+  EXPECT_EQ(numberAt<std::int64_t>(bytes, 24), file.trace.start);
+  EXPECT_EQ(numberAt<std::uint32_t>(bytes, 40), static_cast<std::uint32_t>(getpid()));
+  EXPECT_EQ(numberAt<std::uint32_t>(bytes, 44), 0U);
   EXPECT_EQ(bytes.substr(48, 7), std::string("golden\0", 7));
 
-  EXPECT_EQ(NumberAt<std::uint32_t>(bytes, 4096), 0x4B4E4843U);
-  EXPECT_EQ(NumberAt<std::uint32_t>(bytes, 4100), 1U);
-  EXPECT_EQ(NumberAt<std::uint64_t>(bytes, 4104), 60U * 1024);
+  EXPECT_EQ(numberAt<std::uint32_t>(bytes, 4096), 0x4B4E4843U);
+  EXPECT_EQ(numberAt<std::uint32_t>(bytes, 4100), 1U);
+  EXPECT_EQ(numberAt<std::uint64_t>(bytes, 4104), 60U * 1024);
   const std::string location = Int(80) + Int(1) + Int(42) + Int(2) +
                                std::string("\x11\0/src/a/sample.cpp\x04\0work\x05\0%s=%d", 32) +
                                std::string("\x01\xFF\x3F\x0B\0char const*\x01\x04\0\x03\0int", 24) +
                                std::string("\0\0\0\0\0\0\0\0", 8);
-  const auto used = static_cast<std::size_t>(NumberAt<std::uint64_t>(bytes, 4112));
-  EXPECT_EQ(used, NumberAt<std::uint32_t>(bytes, 4160));
+  const auto used = static_cast<std::size_t>(numberAt<std::uint64_t>(bytes, 4112));
+  EXPECT_EQ(used, numberAt<std::uint32_t>(bytes, 4160));
   EXPECT_EQ(bytes.substr(4164, used - 4), location.substr(4, used - 4));
 
   constexpr std::size_t kRing = 64 * 1024;
-  EXPECT_EQ(NumberAt<std::uint32_t>(bytes, kRing), 0x4B4E4843U);
-  EXPECT_EQ(NumberAt<std::uint32_t>(bytes, kRing + 4), 2U);
-  EXPECT_EQ(NumberAt<std::uint64_t>(bytes, kRing + 8), 64U * 1024);
-  EXPECT_EQ(NumberAt<std::uint64_t>(bytes, kRing + 16), 64U);  // head: two records of 32 bytes
-  EXPECT_EQ(NumberAt<std::uint64_t>(bytes, kRing + 24), 0U);   // tail
-  EXPECT_EQ(NumberAt<std::uint32_t>(bytes, kRing + 32), file.trace.processId);
+  EXPECT_EQ(numberAt<std::uint32_t>(bytes, kRing), 0x4B4E4843U);
+  EXPECT_EQ(numberAt<std::uint32_t>(bytes, kRing + 4), 2U);
+  EXPECT_EQ(numberAt<std::uint64_t>(bytes, kRing + 8), 64U * 1024);
+  EXPECT_EQ(numberAt<std::uint64_t>(bytes, kRing + 16), 64U);  // head: two records of 32 bytes
+  EXPECT_EQ(numberAt<std::uint64_t>(bytes, kRing + 24), 0U);   // tail
+  EXPECT_EQ(numberAt<std::uint32_t>(bytes, kRing + 32), file.trace.processId);
   constexpr std::size_t kFirst = kRing + 64;
-  EXPECT_EQ(NumberAt<std::uint32_t>(bytes, kFirst), 32U | 2U);
-  EXPECT_EQ(NumberAt<std::uint32_t>(bytes, kFirst + 4), 2U);  // kind: a thread begins
+  EXPECT_EQ(numberAt<std::uint32_t>(bytes, kFirst), 32U | 2U);
+  EXPECT_EQ(numberAt<std::uint32_t>(bytes, kFirst + 4), 2U);  // kind: a thread begins
   EXPECT_EQ(bytes.substr(kFirst + 24, 6), "golden");
   constexpr std::size_t kSecond = kFirst + 32;
-  EXPECT_EQ(NumberAt<std::uint32_t>(bytes, kSecond), 32U | 2U);
-  EXPECT_EQ(NumberAt<std::uint32_t>(bytes, kSecond + 4), 4U << 8 | 1U);  // position 32, kind 1
-  EXPECT_EQ(NumberAt<std::uint32_t>(bytes, kSecond + 8), 1U);
-  EXPECT_EQ(NumberAt<std::uint32_t>(bytes, kSecond + 12), file.trace.processId);
-  EXPECT_GT(NumberAt<std::int64_t>(bytes, kSecond + 16), NumberAt<std::int64_t>(bytes, 32) - 1);
+  EXPECT_EQ(numberAt<std::uint32_t>(bytes, kSecond), 32U | 2U);
+  EXPECT_EQ(numberAt<std::uint32_t>(bytes, kSecond + 4), 4U << 8 | 1U);  // position 32, kind 1
+  EXPECT_EQ(numberAt<std::uint32_t>(bytes, kSecond + 8), 1U);
+  EXPECT_EQ(numberAt<std::uint32_t>(bytes, kSecond + 12), file.trace.processId);
+  EXPECT_GT(numberAt<std::int64_t>(bytes, kSecond + 16), numberAt<std::int64_t>(bytes, 32) - 1);
   EXPECT_EQ(bytes.substr(kSecond + 24, 8), std::string("\x01k") + Int(9) + std::string(2, '\0'));
 }
 
 // ---- Sudden death ---------------------------------------------------------------
 
 // A record that proves itself: its number, and as many bytes that follow from it.
-std::string ProvingPayload(std::uint32_t number) {
+std::string provingPayload(std::uint32_t number) {
   const std::uint32_t mixed = number * 2654435761U;
   return Int(number) + std::string(mixed % 300, static_cast<char>(mixed >> 24));
 }
 
-void TraceForEver(std::uint32_t location, std::atomic<std::uint32_t>& committed) {
+void traceForEver(std::uint32_t location, std::atomic<std::uint32_t>& committed) {
   for (std::uint32_t i = 0;; ++i) {
-    Write(location, ProvingPayload(i));
+    write(location, provingPayload(i));
     committed.store(i + 1, std::memory_order_release);
   }
 }
 
 // Four threads, a ring small enough that they overwrite it again and again.
-void ExpectNothingLost(const tracetool::TraceFile& file, const std::uint32_t (&committed)[4],
+void expectNothingLost(const tracetool::TraceFile& file, const std::uint32_t (&committed)[4],
                        const std::uint32_t (&locations)[4]) {
   ASSERT_EQ(file.problem, "");
   EXPECT_THAT(file.trace.skipped, IsEmpty());
   for (int thread = 0; thread < 4; ++thread) {
     std::vector<std::string> payloads;
     for (const auto& record : file.trace.records) {
-      if (record.kind == kCall && record.locationId == locations[thread]) {
+      if (record.kind == Call && record.locationId == locations[thread]) {
         payloads.push_back(record.payload);
       }
     }
@@ -784,12 +784,12 @@ void ExpectNothingLost(const tracetool::TraceFile& file, const std::uint32_t (&c
     if (payloads.empty()) {
       continue;
     }
-    const std::uint32_t last = NumberAt<std::uint32_t>(payloads.back(), 0);
+    const std::uint32_t last = numberAt<std::uint32_t>(payloads.back(), 0);
     // What the thread had counted is there; one more may be, which it had not.
     EXPECT_GE(last + 1, committed[thread]);
     EXPECT_LE(last, committed[thread]);
     for (std::size_t i = 0; i < payloads.size(); ++i) {
-      ASSERT_EQ(payloads[i], ProvingPayload(static_cast<std::uint32_t>(last + 1 - payloads.size() + i)));
+      ASSERT_EQ(payloads[i], provingPayload(static_cast<std::uint32_t>(last + 1 - payloads.size() + i)));
     }
   }
 }
@@ -811,10 +811,10 @@ TEST_F(TraceStorageTest, LosesNothingCommittedWhenKilledAtAnyMoment) {
     auto* const shared = new (memory) Shared();
     Writer writer([shared] {
       for (std::uint32_t& location : shared->locations) {
-        location = RegisterNumber();
+        location = registerNumber();
       }
       for (int i = 0; i < 4; ++i) {
-        std::thread(TraceForEver, shared->locations[i], std::ref(shared->committed[i])).detach();
+        std::thread(traceForEver, shared->locations[i], std::ref(shared->committed[i])).detach();
       }
       shared->started = true;
       pause();
@@ -826,13 +826,13 @@ TEST_F(TraceStorageTest, LosesNothingCommittedWhenKilledAtAnyMoment) {
     while (shared->committed[round % 4] < target) {
       std::this_thread::yield();
     }
-    writer.Kill();
+    writer.kill();
 
     std::uint32_t committed[4];
     for (int i = 0; i < 4; ++i) {
       committed[i] = shared->committed[i];
     }
-    ExpectNothingLost(OnlyTrace(), committed, shared->locations);
+    expectNothingLost(onlyTrace(), committed, shared->locations);
     ASSERT_FALSE(HasFailure()) << "round " << round << ", target " << target;
   }
   munmap(memory, sizeof(Shared));
@@ -844,26 +844,26 @@ TEST_F(TraceStorageTest, CanBeReadWhileItIsBeingWritten) {
   ASSERT_EQ(pipe(ends), 0);
   Writer writer([&ends] {
     std::atomic<std::uint32_t> committed{0};
-    const std::uint32_t location = RegisterNumber();
-    Write(location, ProvingPayload(0));
-    EXPECT_EQ(write(ends[1], "x", 1), 1);
-    TraceForEver(location, committed);
+    const std::uint32_t location = registerNumber();
+    write(location, provingPayload(0));
+    EXPECT_EQ(::write(ends[1], "x", 1), 1);
+    traceForEver(location, committed);
   });
   close(ends[1]);
   char byte = 0;
   ASSERT_EQ(read(ends[0], &byte, 1), 1);
 
   for (int i = 0; i < 300 && !HasFailure(); ++i) {
-    const auto file = OnlyTrace();
+    const auto file = onlyTrace();
     EXPECT_THAT(file.trace.skipped, IsEmpty());
     for (const auto& record : file.trace.records) {
-      if (record.kind == kCall) {
-        ASSERT_EQ(record.payload, ProvingPayload(NumberAt<std::uint32_t>(record.payload, 0)));
+      if (record.kind == Call) {
+        ASSERT_EQ(record.payload, provingPayload(numberAt<std::uint32_t>(record.payload, 0)));
       }
     }
   }
 
-  writer.Kill();
+  writer.kill();
   close(ends[0]);
 }
 

@@ -34,16 +34,16 @@ class KernelWakeLock : public DeviceTest {
   }
 
  private:
-  TemporaryMount power_ = TemporaryMount::Memory("/sys/power");
+  TemporaryMount power_ = TemporaryMount::memory("/sys/power");
 };
 
 TEST_F(KernelWakeLock, IsGivenBackOnce) {
   {
     WakeLock lock;
-    ASSERT_EQ(lock.Take("one", 5), 0);
+    ASSERT_EQ(lock.take("one", 5), 0);
     EXPECT_EQ(readFile(kLocks), "one 5000000");
 
-    lock.Release();
+    lock.release();
     EXPECT_EQ(unlocked(), "one");
   }
 
@@ -52,9 +52,9 @@ TEST_F(KernelWakeLock, IsGivenBackOnce) {
 
 TEST_F(KernelWakeLock, GivesTheFirstBackBeforeItTakesAnother) {
   WakeLock lock;
-  lock.Take("one", 5);
+  lock.take("one", 5);
 
-  lock.Take("two", 5);
+  lock.take("two", 5);
 
   EXPECT_EQ(unlocked(), "one");
 }
@@ -62,24 +62,24 @@ TEST_F(KernelWakeLock, GivesTheFirstBackBeforeItTakesAnother) {
 TEST_F(KernelWakeLock, GivesBackWhatItHeldWhenAnotherIsMovedIn) {
   WakeLock lock;
   WakeLock other;
-  lock.Take("one", 5);
-  other.Take("two", 5);
+  lock.take("one", 5);
+  other.take("two", 5);
 
   lock = std::move(other);
 
   EXPECT_EQ(unlocked(), "one");
-  lock.Release();
+  lock.release();
   EXPECT_EQ(unlocked(), "two");
 }
 
 TEST_F(KernelWakeLock, GivesBackNothingThatTheKernelRefused) {
   std::filesystem::remove(kLocks);
   WakeLock lock;
-  EXPECT_EQ(lock.Take("one", 5), -ENOENT);
+  EXPECT_EQ(lock.take("one", 5), -ENOENT);
   std::filesystem::create_symlink("/dev/full", kLocks);
-  EXPECT_EQ(lock.Take("two", 5), -ENOSPC);
+  EXPECT_EQ(lock.take("two", 5), -ENOSPC);
 
-  lock.Release();
+  lock.release();
 
   EXPECT_EQ(unlocked(), "");
 }

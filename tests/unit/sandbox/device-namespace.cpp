@@ -20,17 +20,17 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// What an act in a child process came to: kTrue and kFalse are its answer.
-enum Answer { kTrue = 0, kFalse = 1, kThrew = 2 };
+// What an act in a child process came to: True and False are its answer.
+enum Answer { True = 0, False = 1, Threw = 2 };
 
 // Runs act in a child process, which may enter a device of its own: the device that
 // this test program is in is then its host.
 int inChild(const std::function<bool()>& act) {
   const pid_t child = fork();
   if (child == 0) {
-    int answer = kThrew;
+    int answer = Threw;
     try {
-      answer = act() ? kTrue : kFalse;
+      answer = act() ? True : False;
     } catch (const std::exception& error) {
       std::cerr << error.what() << std::endl;
     }
@@ -77,7 +77,7 @@ TEST_F(DeviceNamespace, HidesWhatTheHostHasAtTheDevicesPlaces) {
     return none;
   });
 
-  EXPECT_EQ(hidden, kTrue);
+  EXPECT_EQ(hidden, True);
 }
 
 TEST_F(DeviceNamespace, HasEveryDirectoryWithItsModeFromTheBeginning) {
@@ -92,7 +92,7 @@ TEST_F(DeviceNamespace, HasEveryDirectoryWithItsModeFromTheBeginning) {
       return all;
     });
 
-    EXPECT_EQ(complete, kTrue) << where;
+    EXPECT_EQ(complete, True) << where;
   }
 }
 
@@ -104,7 +104,7 @@ TEST_F(DeviceNamespace, HidesTheHostsVerifierLibrary) {
     return !exists(sandbox::kVerifierLibrary);
   });
 
-  EXPECT_EQ(hidden, kTrue);
+  EXPECT_EQ(hidden, True);
   EXPECT_EQ(readFile(sandbox::kVerifierLibrary), "of the host");
 }
 
@@ -117,7 +117,7 @@ TEST_F(DeviceNamespace, HidesTheHostsVerifierLibraryBelowALayerToo) {
     return !exists(sandbox::kVerifierLibrary);
   });
 
-  EXPECT_EQ(hidden, kTrue);
+  EXPECT_EQ(hidden, True);
   EXPECT_EQ(readFile(sandbox::kVerifierLibrary), "of the host");
 }
 
@@ -129,7 +129,7 @@ TEST_F(DeviceNamespace, ShowsTheVerifierLibraryOfTheDevicesDirectory) {
     return readFile(sandbox::kVerifierLibrary) == "of the device";
   });
 
-  EXPECT_EQ(shown, kTrue);
+  EXPECT_EQ(shown, True);
 }
 
 TEST_F(DeviceNamespace, KeepsEveryPlacesStateInTheDirectory) {
@@ -141,7 +141,7 @@ TEST_F(DeviceNamespace, KeepsEveryPlacesStateInTheDirectory) {
     return true;
   });
 
-  ASSERT_EQ(written, kTrue);
+  ASSERT_EQ(written, True);
   for (const auto& place : sandbox::kDeviceDirectories) {
     if (place.place != sandbox::Place::Writable) {
       EXPECT_EQ(readFile(directory + place.path + "/state"), place.path);
@@ -158,7 +158,7 @@ TEST_F(DeviceNamespace, InMemoryLeavesNothingBehind) {
               writeFile("/new-at-the-top", "x");
               return true;
             }),
-            kTrue);
+            True);
 
   EXPECT_FALSE(exists("/tmp/state"));
   EXPECT_FALSE(exists("/usr/lib/state"));
@@ -172,7 +172,7 @@ TEST_F(DeviceNamespace, KeepsMountsToItself) {
               sandbox::enterDevice({});
               return mount("tmpfs", "/opt/media", "tmpfs", 0, nullptr) == 0;
             }),
-            kTrue);
+            True);
 
   EXPECT_EQ(sandbox::mountPoints(), before);
 }
@@ -185,7 +185,7 @@ TEST_F(DeviceNamespace, HasNamespacesOfItsOwn) {
               return fs::read_symlink("/proc/self/ns/mnt") != mounts &&
                      fs::read_symlink("/proc/self/ns/ipc") != communication;
             }),
-            kTrue);
+            True);
 }
 
 TEST_F(DeviceNamespace, SharesSemaphoresBetweenProcessesInOneDirectory) {
@@ -200,12 +200,12 @@ TEST_F(DeviceNamespace, SharesSemaphoresBetweenProcessesInOneDirectory) {
               sandbox::enterDevice({directory, {}});
               return semaphoreValue(7) == 7;
             }),
-            kTrue);
+            True);
   EXPECT_EQ(inChild([&] {
               sandbox::enterDevice({directory, {}});
               return semaphoreValue(1) == 7;
             }),
-            kTrue);
+            True);
 }
 
 // Whether what stands there can be neither changed nor removed nor added to.
@@ -226,7 +226,7 @@ TEST_F(DeviceNamespace, ShowsAVisibleDirectoryToRead) {
            !exists("/tmp/not-there");
   });
 
-  EXPECT_EQ(visible, kTrue);
+  EXPECT_EQ(visible, True);
   EXPECT_EQ(readFile("/tmp/build/of the host/program"), "x");
 }
 
@@ -239,7 +239,7 @@ TEST_F(DeviceNamespace, ProtectsWhatIsMountedInAVisibleDirectoryToo) {
               sandbox::enterDevice({"", {"/tmp/build"}});
               return isProtected("/tmp/build/mounted", "file");
             }),
-            kTrue);
+            True);
 
   umount("/tmp/build/mounted");
 }
@@ -251,7 +251,7 @@ TEST_F(DeviceNamespace, ProtectsADirectoryOfTheHostThatTheDeviceDoesNotChange) {
               sandbox::enterDevice({});
               return isProtected("/other/directory", "file");
             }),
-            kTrue);
+            True);
 
   EXPECT_EQ(readFile("/other/directory/file"), "x");
   fs::remove_all("/other");
@@ -264,7 +264,7 @@ TEST_F(DeviceNamespace, ProtectsAFileOfTheHostsRootDirectory) {
               sandbox::enterDevice({});
               return open("/file-at-the-top", O_WRONLY) < 0 && errno == EROFS;
             }),
-            kTrue);
+            True);
 
   fs::remove("/file-at-the-top");
 }
@@ -286,7 +286,7 @@ TEST_F(DeviceNamespace, ProtectsTheKernelsSettingsAndDevices) {
                      (!exists("/proc/sysrq-trigger") || refused("/proc/sysrq-trigger")) &&
                      isModeProtected("/dev") && isModeProtected("/sys");
             }),
-            kTrue);
+            True);
 }
 
 TEST_F(DeviceNamespace, ShowsWhatTheHostHasElsewhere) {
@@ -298,7 +298,7 @@ TEST_F(DeviceNamespace, ShowsWhatTheHostHasElsewhere) {
     return readFile("/etc/of-the-host") == "x" && readFile("/usr/share/of-the-host") == "y";
   });
 
-  EXPECT_EQ(shown, kTrue);
+  EXPECT_EQ(shown, True);
   fs::remove("/etc/of-the-host");
   fs::remove("/usr/share/of-the-host");
 }
@@ -310,7 +310,7 @@ TEST_F(DeviceNamespace, LeavesAProcessItsOwnFilesOfTheKernel) {
               writeFile("/dev/null", "lost");
               return readFile("/proc/self/comm") == "renamed\n";
             }),
-            kTrue);
+            True);
 }
 
 TEST_F(DeviceNamespace, LetsAProgramWriteBelowALayerInMemory) {
@@ -324,7 +324,7 @@ TEST_F(DeviceNamespace, LetsAProgramWriteBelowALayerInMemory) {
               writeFile("/opt/programs/other", "x");
               return !exists("/opt/programs/program");
             }),
-            kTrue);
+            True);
 
   EXPECT_EQ(readFile("/opt/programs/program"), "x");
   EXPECT_FALSE(exists("/opt/programs/other"));
@@ -340,7 +340,7 @@ TEST_F(DeviceNamespace, LetsAWritablePathReachTheHost) {
     return exists("/tmp/build/of the host/program") && !exists("/tmp/not-there");
   });
 
-  EXPECT_EQ(visible, kTrue);
+  EXPECT_EQ(visible, True);
   EXPECT_EQ(readFile("/tmp/build/of the host/result"), "y");
 }
 
@@ -351,7 +351,7 @@ TEST_F(DeviceNamespace, KeepsAVisibleFileAtItsOwnPath) {
               sandbox::enterDevice({"", {"/run/program"}});
               return readFile("/run/program") == "x";
             }),
-            kTrue);
+            True);
 }
 
 TEST_F(DeviceNamespace, KeepsAVisiblePathThatALinkLeadsTo) {
@@ -362,7 +362,7 @@ TEST_F(DeviceNamespace, KeepsAVisiblePathThatALinkLeadsTo) {
               sandbox::enterDevice({"", {"/tmp/link"}});
               return exists("/tmp/real/program") && exists("/tmp/link/program");
             }),
-            kTrue);
+            True);
 }
 
 TEST_F(DeviceNamespace, KeepsItsOwnPlaceWhenAVisiblePathContainsIt) {
@@ -372,7 +372,7 @@ TEST_F(DeviceNamespace, KeepsItsOwnPlaceWhenAVisiblePathContainsIt) {
               sandbox::enterDevice({"", {"/tmp", "/", "/usr"}, {}, {"/tmp", "/", "/usr"}});
               return fs::is_empty("/tmp");
             }),
-            kTrue);
+            True);
 }
 
 TEST_F(DeviceNamespace, WritesToAWritableDirectoryBelowALayerReachTheHost) {
@@ -385,7 +385,7 @@ TEST_F(DeviceNamespace, WritesToAWritableDirectoryBelowALayerReachTheHost) {
               writeFile("/opt/other", "x");
               return true;
             }),
-            kTrue);
+            True);
 
   EXPECT_TRUE(exists("/opt/build/result"));
   EXPECT_FALSE(exists("/opt/other"));
@@ -401,7 +401,7 @@ TEST_F(DeviceNamespace, WritesToAWritableFileBelowALayerReachTheHost) {
               writeFile("/opt/result", "x");
               return true;
             }),
-            kTrue);
+            True);
 
   EXPECT_EQ(readFile("/opt/result"), "x");
   fs::remove("/opt/result");
@@ -417,7 +417,7 @@ TEST_F(DeviceNamespace, TakesTheHostsRootAway) {
               }
               return !exists("/.host");
             }),
-            kTrue);
+            True);
 }
 
 // The least that is a root file system.
@@ -441,7 +441,7 @@ TEST_F(DeviceNamespace, StandsOnAnotherSystemWhenToldSo) {
            exists("/dev/null");
   });
 
-  EXPECT_EQ(stands, kTrue);
+  EXPECT_EQ(stands, True);
   EXPECT_FALSE(exists(system + "/etc/written"));
   EXPECT_FALSE(exists(system + "/prd"));
   EXPECT_TRUE(exists(directory + "/prd/state"));
@@ -461,7 +461,7 @@ TEST_F(DeviceNamespace, TakesTheHostsRootAwayFromAnotherSystemToo) {
     return fs::is_empty("/tmp") && !exists("/.host");
   });
 
-  EXPECT_EQ(gone, kTrue);
+  EXPECT_EQ(gone, True);
   fs::remove_all(system);
 }
 
@@ -474,7 +474,7 @@ TEST_F(DeviceNamespace, ShowsPathsOfTheHostOnAnotherSystem) {
               sandbox::enterDevice({"", {"/opt/shown"}, system});
               return readFile("/opt/shown/file") == "of the host";
             }),
-            kTrue);
+            True);
 
   fs::remove_all("/opt/shown");
   fs::remove_all(system);
@@ -492,7 +492,7 @@ TEST_F(DeviceNamespace, ShowsPathsOfTheHostBelowADirectoryThatTheOtherSystemHasT
               return readFile("/both/host/file") == "of the host" &&
                      readFile("/both/own") == "of the other system";
             }),
-            kTrue);
+            True);
 
   EXPECT_EQ(readFile("/both/written"), "on the device");
   EXPECT_FALSE(exists(system + "/both/host"));
@@ -513,7 +513,7 @@ TEST_F(DeviceNamespace, RefusesASystemWithoutAPlaceForTheKernels) {
               }
               return false;
             }),
-            kTrue);
+            True);
 
   fs::remove_all(system);
 }
@@ -528,7 +528,7 @@ TEST_F(DeviceNamespace, ShowsWhatTheHostHasMountedInADirectoryThatItChanges) {
               writeFile("/opt/media/file", "x");
               return exists("/opt/mounted/file");
             }),
-            kTrue);
+            True);
 
   umount("/opt/mounted");
   fs::remove("/opt/mounted");
@@ -541,7 +541,7 @@ TEST_F(DeviceNamespace, KeepsTheWorkingDirectoryThatIsStillThere) {
     return fs::current_path() == "/etc";
   });
 
-  EXPECT_EQ(kept, kTrue);
+  EXPECT_EQ(kept, True);
 }
 
 TEST_F(DeviceNamespace, StartsAtTheRootWhenTheWorkingDirectoryIsHidden) {
@@ -551,7 +551,7 @@ TEST_F(DeviceNamespace, StartsAtTheRootWhenTheWorkingDirectoryIsHidden) {
     return fs::current_path() == "/";
   });
 
-  EXPECT_EQ(moved, kTrue);
+  EXPECT_EQ(moved, True);
 }
 
 TEST_F(DeviceNamespace, TakesADirectoryNamedFromTheWorkingDirectory) {
@@ -563,7 +563,7 @@ TEST_F(DeviceNamespace, TakesADirectoryNamedFromTheWorkingDirectory) {
               writeFile("/prd/state", "x");
               return true;
             }),
-            kTrue);
+            True);
 
   EXPECT_TRUE(exists("/opt/devices/one/prd/state"));
   fs::remove_all("/opt/devices");
@@ -575,7 +575,7 @@ TEST_F(DeviceNamespace, LeavesTheUmaskAsItWas) {
               sandbox::enterDevice({});
               return umask(0) == 0137;
             }),
-            kTrue);
+            True);
 }
 
 TEST_F(DeviceNamespace, RefusesADirectoryThatIsNotThere) {
@@ -587,7 +587,7 @@ TEST_F(DeviceNamespace, RefusesADirectoryThatIsNotThere) {
               }
               return false;
             }),
-            kTrue);
+            True);
 }
 
 TEST_F(DeviceNamespace, RefusesADirectoryFromWhichALinkLeadsOut) {
@@ -607,7 +607,7 @@ TEST_F(DeviceNamespace, RefusesADirectoryFromWhichALinkLeadsOut) {
                 }
                 return false;
               }),
-              kTrue)
+              True)
         << place;
     EXPECT_EQ(std::distance(fs::directory_iterator("/opt/precious"), fs::directory_iterator()), 1);
   }
@@ -624,7 +624,7 @@ TEST_F(DeviceNamespace, RefusesAVerifierLibraryThatALinkOfTheDirectoryLeadsOutTo
               sandbox::enterDevice({directory, {}});
               return true;
             }),
-            kThrew);
+            Threw);
 
   fs::remove("/opt/library");
 }
@@ -651,7 +651,7 @@ TEST_F(DeviceNamespace, RefusesAProcessWithSeveralThreads) {
               other.join();
               return refused;
             }),
-            kTrue);
+            True);
 }
 
 TEST_F(DeviceNamespace, KnowsWhetherItIsInside) {

@@ -30,8 +30,9 @@ ssize_t readReally(int descriptor, void* bytes, std::size_t size) {
 }  // namespace
 
 extern "C" ssize_t read(int descriptor, void* bytes, std::size_t size) {
-  if (oddRead == nullptr)
+  if (oddRead == nullptr) {
     return readReally(descriptor, bytes, size);
+  }
   ++reads;
   return oddRead(descriptor, bytes, size);
 }
@@ -39,8 +40,9 @@ extern "C" ssize_t read(int descriptor, void* bytes, std::size_t size) {
 // In the place of the C library's explicit_bzero, for the code under test.
 extern "C" void wipe(void* bytes, std::size_t size) noexcept __asm__("explicit_bzero");
 extern "C" void wipe(void* bytes, std::size_t size) noexcept {
-  if (wipedBytes != nullptr)
+  if (wipedBytes != nullptr) {
     wipedBytes->assign(static_cast<const char*>(bytes), size);
+  }
   std::memset(bytes, 0, size);
 }
 
@@ -65,12 +67,12 @@ class SecretFile : public ::testing::Test {
     fs::remove_all(place_);
   }
 
-  void Write(const std::string& bytes, mode_t mode = 0600) const {
+  void write(const std::string& bytes, mode_t mode = 0600) const {
     std::ofstream(path_, std::ios::binary) << bytes;
     ASSERT_EQ(chmod(path_.c_str(), mode), 0);
   }
   template <typename Call>
-  static std::string Failure(Call call) {
+  static std::string failure(Call call) {
     try {
       call();
     } catch (const secret::Error& error) {
@@ -84,7 +86,7 @@ class SecretFile : public ::testing::Test {
 
 TEST_F(SecretFile, IsReadWhole) {
   const std::string bytes(65536, 'k');
-  Write(bytes);
+  write(bytes);
 
   const auto content = readSecretFile(path_);
 
@@ -93,27 +95,27 @@ TEST_F(SecretFile, IsReadWhole) {
 }
 
 TEST_F(SecretFile, IsRefusedWhenItIsTooLong) {
-  Write(std::string(65537, 'k'));
+  write(std::string(65537, 'k'));
 
-  EXPECT_EQ(Failure([&] { readSecretFile(path_); }),
+  EXPECT_EQ(failure([&] { readSecretFile(path_); }),
             "the key file " + path_.string() + " is too long to be a key");
 }
 
 TEST_F(SecretFile, IsRefusedWhenItIsMissing) {
-  EXPECT_EQ(Failure([&] { readSecretFile(path_); }),
+  EXPECT_EQ(failure([&] { readSecretFile(path_); }),
             "the key file " + path_.string() + " cannot be read: No such file or directory");
 }
 
 TEST_F(SecretFile, IsRefusedWhenItIsNoRegularFile) {
   ASSERT_EQ(mkfifo(path_.c_str(), 0600), 0);
 
-  EXPECT_EQ(Failure([&] { readSecretFile(path_); }),
+  EXPECT_EQ(failure([&] { readSecretFile(path_); }),
             "the key file " + path_.string() + " is no regular file");
-  EXPECT_THAT(Failure([&] { readSecretFile(place_); }), HasSubstr("is no regular file"));
+  EXPECT_THAT(failure([&] { readSecretFile(place_); }), HasSubstr("is no regular file"));
 }
 
 TEST_F(SecretFile, IsReadOnAfterASignalAndAShortRead) {
-  Write("secret");
+  write("secret");
   oddRead = [](int descriptor, void* bytes, std::size_t) -> ssize_t {
     errno = EINTR;
     return reads == 1 ? -1 : readReally(descriptor, bytes, 1);
@@ -125,31 +127,31 @@ TEST_F(SecretFile, IsReadOnAfterASignalAndAShortRead) {
 }
 
 TEST_F(SecretFile, IsRefusedWhenItShrinksMeanwhile) {
-  Write("secret");
+  write("secret");
   oddRead = [](int, void*, std::size_t) -> ssize_t {
     errno = reads == 1 ? EINTR : ELOOP;
     return reads == 1 ? 0 : -1;
   };
 
-  EXPECT_EQ(Failure([&] { readSecretFile(path_); }),
+  EXPECT_EQ(failure([&] { readSecretFile(path_); }),
             "the key file " + path_.string() + " cannot be read: Input/output error");
 }
 
 TEST_F(SecretFile, IsRefusedWhenItCannotBeRead) {
-  Write("secret");
+  write("secret");
   oddRead = [](int, void* bytes, std::size_t size) -> ssize_t {
     std::memset(bytes, 0, size);
     errno = ELOOP;
     return reads == 1 ? -1 : static_cast<ssize_t>(size);
   };
 
-  EXPECT_THAT(Failure([&] { readSecretFile(path_); }),
+  EXPECT_THAT(failure([&] { readSecretFile(path_); }),
               HasSubstr("cannot be read: Too many levels of symbolic links"));
 }
 
 TEST_F(SecretFile, IsWarnedOfWhenOthersMayUseIt) {
   for (const mode_t mode : {0640U, 0604U, 0601U, 0777U}) {
-    Write("key", mode);
+    write("key", mode);
 
     const std::string warning = readSecretFile(path_).warning;
 
@@ -160,19 +162,20 @@ TEST_F(SecretFile, IsWarnedOfWhenOthersMayUseIt) {
 }
 
 TEST_F(SecretFile, LeavesNoDescriptorOpen) {
-  Write("key");
+  write("key");
   const fwplatform::UniqueFd kept(fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3));
   close(STDIN_FILENO);  // the file gets the lowest number
 
   readSecretFile(path_);
 
   EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), -1);
-  if (kept.get() >= 0)
+  if (kept.get() >= 0) {
     dup2(kept.get(), STDIN_FILENO);
+  }
 }
 
 TEST_F(SecretFile, IsWipedWhenItsOwnerGoes) {
-  Write("secret");
+  write("secret");
   std::string wiped;
   {
     const auto content = readSecretFile(path_);
@@ -183,7 +186,7 @@ TEST_F(SecretFile, IsWipedWhenItsOwnerGoes) {
 }
 
 TEST_F(SecretFile, IsWipedOnceWhenItIsHandedOn) {
-  Write("secret");
+  write("secret");
   auto first = readSecretFile(path_);
   const auto second = std::move(first);
 
@@ -191,14 +194,14 @@ TEST_F(SecretFile, IsWipedOnceWhenItIsHandedOn) {
 }
 
 TEST_F(SecretFile, OfAPackageKeyHasItsSize) {
-  Write(std::string(32, 'k'));
+  write(std::string(32, 'k'));
   EXPECT_EQ(readPackageKey(path_).size(), 32U);
 
-  Write(std::string(31, 'k'));
-  EXPECT_EQ(Failure([&] { readPackageKey(path_); }),
+  write(std::string(31, 'k'));
+  EXPECT_EQ(failure([&] { readPackageKey(path_); }),
             "the key file " + path_.string() + " holds 31 bytes; a package key is 32 raw bytes");
-  Write(std::string(33, 'k'));
-  EXPECT_THAT(Failure([&] { readPackageKey(path_); }), HasSubstr("holds 33 bytes"));
+  write(std::string(33, 'k'));
+  EXPECT_THAT(failure([&] { readPackageKey(path_); }), HasSubstr("holds 33 bytes"));
 }
 
 }  // namespace

@@ -32,20 +32,21 @@ class Terminal : public ::testing::Test {
     unsetenv("NO_COLOR");
   }
 
-  void SetWidth(unsigned short columns) const {
+  void setWidth(unsigned short columns) const {
     winsize size{};
     size.ws_col = columns;
     ASSERT_EQ(ioctl(shown_.get(), TIOCSWINSZ, &size), 0);
   }
   // So many bytes of what was written to the terminal; fewer when no more come.
-  std::string Screen(std::size_t size) const {
+  std::string screen(std::size_t size) const {
     std::string screen(size, '\0');
     std::size_t done = 0;
     pollfd more{controlling_.get(), POLLIN, 0};
     while (done < size && poll(&more, 1, 5000) == 1) {
       const ssize_t got = read(controlling_.get(), screen.data() + done, size - done);
-      if (got <= 0)
+      if (got <= 0) {
         break;
+      }
       done += static_cast<std::size_t>(got);
     }
     return screen.substr(0, done);
@@ -84,14 +85,14 @@ TEST_F(Terminal, IsNoneWhenItKnowsNoCursor) {
 }
 
 TEST_F(Terminal, TellsItsWidth) {
-  SetWidth(100);
+  setWidth(100);
   EXPECT_EQ(tool::terminalWidth(shown_.get()), 100U);
-  SetWidth(1);
+  setWidth(1);
   EXPECT_EQ(tool::terminalWidth(shown_.get()), 1U);
 }
 
 TEST_F(Terminal, IsEightyWideWhenItDoesNotTell) {
-  SetWidth(0);
+  setWidth(0);
 
   EXPECT_EQ(tool::terminalWidth(shown_.get()), 80U);
 }
@@ -103,15 +104,15 @@ TEST_F(Terminal, HasNoWidthWhenItIsAFile) {
 }
 
 // As a stream with the gate takes it.
-std::string InOrders(Order order, const std::string& text) {
-  return base::TerminalOrder(order) + text + base::TerminalOrder(Order::Plain);
+std::string inOrders(Order order, const std::string& text) {
+  return base::terminalOrder(order) + text + base::terminalOrder(Order::Plain);
 }
 
 TEST_F(Terminal, ShowsColours) {
-  EXPECT_EQ(tool::coloured("a", Colour::Green, shown_.get()), InOrders(Order::Green, "a"));
-  EXPECT_EQ(tool::coloured("a", Colour::Yellow, shown_.get()), InOrders(Order::Yellow, "a"));
-  EXPECT_EQ(tool::coloured("a", Colour::Red, shown_.get()), InOrders(Order::Red, "a"));
-  EXPECT_EQ(tool::coloured("a", Colour::Bold, shown_.get()), InOrders(Order::Bold, "a"));
+  EXPECT_EQ(tool::coloured("a", Colour::Green, shown_.get()), inOrders(Order::Green, "a"));
+  EXPECT_EQ(tool::coloured("a", Colour::Yellow, shown_.get()), inOrders(Order::Yellow, "a"));
+  EXPECT_EQ(tool::coloured("a", Colour::Red, shown_.get()), inOrders(Order::Red, "a"));
+  EXPECT_EQ(tool::coloured("a", Colour::Bold, shown_.get()), inOrders(Order::Bold, "a"));
 }
 
 TEST_F(Terminal, ShowsNoColoursWhenNobodyWantsThem) {
@@ -119,7 +120,7 @@ TEST_F(Terminal, ShowsNoColoursWhenNobodyWantsThem) {
   EXPECT_EQ(tool::coloured("a", Colour::Red, shown_.get()), "a");
 
   setenv("NO_COLOR", "", 1);
-  EXPECT_EQ(tool::coloured("a", Colour::Red, shown_.get()), InOrders(Order::Red, "a"));
+  EXPECT_EQ(tool::coloured("a", Colour::Red, shown_.get()), inOrders(Order::Red, "a"));
 }
 
 TEST_F(Terminal, GivesAFileNoColours) {
@@ -129,8 +130,8 @@ TEST_F(Terminal, GivesAFileNoColours) {
 }
 
 TEST_F(Terminal, ShowsALineThatGoesWithItsOwner) {
-  base::CleanStandardOutput();
-  SetWidth(10);
+  base::cleanStandardOutput();
+  setWidth(10);
   const std::string cleared = "\r\x1b[K";
   const std::string cut = "012345678";  // the last column would begin another line
   {
@@ -139,7 +140,7 @@ TEST_F(Terminal, ShowsALineThatGoesWithItsOwner) {
     line.show("0123456789");
   }
 
-  EXPECT_EQ(Screen(cleared.size() * 2 + cut.size()), cleared + cut + cleared);
+  EXPECT_EQ(screen(cleared.size() * 2 + cut.size()), cleared + cut + cleared);
 }
 
 TEST_F(Terminal, ShowsNoLineInAFile) {

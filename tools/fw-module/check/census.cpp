@@ -25,24 +25,28 @@ Census takeCensus() {
   for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
     std::error_code gone;  // the one that reads the directory is
     const std::string target = fs::read_symlink(entry.path(), gone);
-    if (!gone && target.find("/proc/") != 0)
+    if (!gone && target.find("/proc/") != 0) {
       census.descriptors.emplace(std::stoi(entry.path().filename()), target);
+    }
   }
   census.threads = countThreads();
   return census;
 }
 
 Census takeCensusAfter(const Census& before) {
-  for (int pause = 0; pause < kPauses && countThreads() > before.threads; ++pause)
+  for (int pause = 0; pause < kPauses && countThreads() > before.threads; ++pause) {
     std::this_thread::sleep_for(kPause);
+  }
   return takeCensus();
 }
 
 std::string openedSince(const Census& before, const Census& after) {
   std::string opened;
-  for (const auto& [descriptor, target] : after.descriptors)
-    if (before.descriptors.count(descriptor) == 0)
+  for (const auto& [descriptor, target] : after.descriptors) {
+    if (before.descriptors.count(descriptor) == 0) {
       opened += (opened.empty() ? "" : ", ") + target;
+    }
+  }
   return opened;
 }
 

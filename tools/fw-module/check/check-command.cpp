@@ -22,13 +22,16 @@ namespace {
 std::string readFile(const std::string& path) {
   std::error_code unreadable;
   const fs::file_status status = fs::status(path, unreadable);
-  if (fs::is_directory(status))
+  if (fs::is_directory(status)) {
     throw Failure(Outcome::NotPossible, path + " cannot be read: it is a directory");
-  if (fs::exists(status) && !fs::is_regular_file(status))
+  }
+  if (fs::exists(status) && !fs::is_regular_file(status)) {
     throw Failure(Outcome::NotPossible, path + " cannot be read: it is no regular file");
+  }
   std::ifstream file(path, std::ios::binary);
-  if (!file)
+  if (!file) {
     throw Failure(Outcome::NotPossible, path + " cannot be read: " + std::strerror(errno));
+  }
   return {std::istreambuf_iterator<char>(file), {}};
 }
 
@@ -40,11 +43,13 @@ Subject subjectOf(const Options& options) {
   subject.bytes = readFile(options.file);
   subject.version = options.version;
   subject.keepVisible = options.keepVisible;
-  if (options.image.empty())
+  if (options.image.empty()) {
     return subject;
+  }
   subject.image = readFile(options.image);
-  if (subject.image->empty() || subject.image->size() > INT_MAX)
+  if (subject.image->empty() || subject.image->size() > INT_MAX) {
     throw Failure(Outcome::NotPossible, options.image + " is no image: it is empty or larger than 2 GiB");
+  }
   return subject;
 }
 
@@ -56,8 +61,9 @@ Report inspectWithLiveLine(const Options& options) {
 
 void writeJunit(const Report& report, const std::string& path) {
   std::ofstream file(path, std::ios::binary | std::ios::trunc);
-  if (!(file << reportJunit(report)).flush())
+  if (!(file << reportJunit(report)).flush()) {
     throw Failure(Outcome::NotPossible, path + " cannot be written: " + std::strerror(errno));
+  }
 }
 
 }  // namespace
@@ -68,12 +74,15 @@ Outcome runCheck(const Options& options) {
     std::cout << (options.json ? listJson() : listText(width)) << std::flush;
     return Outcome::Ok;
   }
-  for (const std::string& kept : options.keepVisible)
-    if (!fs::exists(kept))
+  for (const std::string& kept : options.keepVisible) {
+    if (!fs::exists(kept)) {
       throw Failure(Outcome::NotPossible, "--keep " + kept + ": there is no such path");
+    }
+  }
   const Report report = inspectWithLiveLine(options);
-  if (!options.junit.empty())
+  if (!options.junit.empty()) {
     writeJunit(report, options.junit);
+  }
   std::cout << (options.json ? reportJson(report) : reportText(report, width)) << std::flush;
   return report.outcome();
 }

@@ -198,9 +198,93 @@ constexpr const CheckInfo& infoOf(Check check) {
 }
 
 constexpr bool checksAreInOrder() {
-  for (std::size_t i = 0; i < kCheckCount; ++i)
-    if (static_cast<std::size_t>(kChecks[i].check) != i)
-      return false;
+  for (std::size_t i = 0; i < kCheckCount; ++i) {
+    {
+      {
+        {
+          {
+            {
+              {
+                {
+                  {
+                    {
+                      {
+                        {
+                          {
+                            {
+                              {
+                                {
+                                  {
+                                    {
+                                      {
+                                        {
+                                          {
+                                            {
+                                              if (static_cast<std::size_t>(kChecks[i].check) != i) {
+                                                {
+                                                  {
+                                                    {
+                                                      {
+                                                        {
+                                                          {
+                                                            {
+                                                              {
+                                                                {
+                                                                  {
+                                                                    {
+                                                                      {
+                                                                        {
+                                                                          {
+                                                                            {
+                                                                              {
+                                                                                {
+                                                                                  {
+                                                                                    {
+                                                                                      {
+                                                                                        { return false; }
+                                                                                      }
+                                                                                    }
+                                                                                  }
+                                                                                }
+                                                                              }
+                                                                            }
+                                                                          }
+                                                                        }
+                                                                      }
+                                                                    }
+                                                                  }
+                                                                }
+                                                              }
+                                                            }
+                                                          }
+                                                        }
+                                                      }
+                                                    }
+                                                  }
+                                                }
+                                              }
+                                            }
+                                          }
+                                        }
+                                      }
+                                    }
+                                  }
+                                }
+                              }
+                            }
+                          }
+                        }
+                      }
+                    }
+                  }
+                }
+              }
+            }
+          }
+        }
+      }
+    }
+  }
   return true;
 }
 static_assert(checksAreInOrder(), "infoOf finds a check at its own place");

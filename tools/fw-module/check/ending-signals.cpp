@@ -20,9 +20,11 @@ bool isIgnored(int signal) {
 sigset_t endingSignals() {
   sigset_t signals;
   sigemptyset(&signals);
-  for (const int signal : kSignals)
-    if (!isIgnored(signal))
+  for (const int signal : kSignals) {
+    if (!isIgnored(signal)) {
       sigaddset(&signals, signal);
+    }
+  }
   return signals;
 }
 
@@ -31,8 +33,9 @@ sigset_t endingSignals() {
 EndingSignals::EndingSignals() {
   const sigset_t signals = endingSignals();
   descriptor_ = sandbox::FileDescriptor(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
-  if (!descriptor_.valid())
+  if (!descriptor_.valid()) {
     throw std::system_error(errno, std::generic_category(), "signalfd");
+  }
   sigprocmask(SIG_BLOCK, &signals, &before_);
 }
 

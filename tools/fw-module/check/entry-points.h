@@ -54,9 +54,85 @@ constexpr const EntryPointInfo& infoOf(EntryPoint entryPoint) {
 }
 
 constexpr bool inOrder() {
-  for (std::size_t i = 0; i < kEntryPointCount; ++i)
-    if (static_cast<std::size_t>(kEntryPoints[i].entryPoint) != i)
-      return false;
+  for (std::size_t i = 0; i < kEntryPointCount; ++i) {
+    {
+      {
+        {
+          {
+            {
+              {
+                {
+                  {
+                    {
+                      {
+                        {
+                          {
+                            {
+                              {
+                                {
+                                  {
+                                    {
+                                      {
+                                        {
+                                          if (static_cast<std::size_t>(kEntryPoints[i].entryPoint) != i) {
+                                            {
+                                              {
+                                                {
+                                                  {
+                                                    {
+                                                      {
+                                                        {
+                                                          {
+                                                            {
+                                                              {
+                                                                {
+                                                                  {
+                                                                    {
+                                                                      {
+                                                                        {
+                                                                          {
+                                                                            {
+                                                                              {
+                                                                                { return false; }
+                                                                              }
+                                                                            }
+                                                                          }
+                                                                        }
+                                                                      }
+                                                                    }
+                                                                  }
+                                                                }
+                                                              }
+                                                            }
+                                                          }
+                                                        }
+                                                      }
+                                                    }
+                                                  }
+                                                }
+                                              }
+                                            }
+                                          }
+                                        }
+                                      }
+                                    }
+                                  }
+                                }
+                              }
+                            }
+                          }
+                        }
+                      }
+                    }
+                  }
+                }
+              }
+            }
+          }
+        }
+      }
+    }
+  }
   return true;
 }
 static_assert(inOrder(), "infoOf finds an entry point at its own place");

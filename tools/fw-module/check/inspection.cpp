@@ -63,31 +63,37 @@ void Inspection::add(const Finding& finding) {
   const bool known = std::any_of(result.findings.begin(), result.findings.end(), [&](const Finding& other) {
     return other.entryPoint == finding.entryPoint;
   });
-  if (!known)
+  if (!known) {
     result.findings.push_back(finding);
+  }
 }
 
 void Inspection::pass(Check check) {
-  if (resultOf(check).state != State::Failed)
+  if (resultOf(check).state != State::Failed) {
     resultOf(check).state = State::Passed;
+  }
 }
 
 void Inspection::leaveOut(Check check, const std::string& reason) {
-  if (resultOf(check).state == State::NotChecked && resultOf(check).reason.empty())
+  if (resultOf(check).state == State::NotChecked && resultOf(check).reason.empty()) {
     resultOf(check).reason = reason;
+  }
 }
 
 void Inspection::leaveOut(const Trial& trial, const std::string& reason) {
-  for (const CheckInfo& info : kChecks)
-    if (contains(trial.decides, info.check))
+  for (const CheckInfo& info : kChecks) {
+    if (contains(trial.decides, info.check)) {
       leaveOut(info.check, reason);
+    }
+  }
 }
 
 void Inspection::judge(bool good, const Finding& finding) {
-  if (good)
+  if (good) {
     pass(finding.check);
-  else
+  } else {
     add(finding);
+  }
 }
 
 // ---- The file -----------------------------------------------------------------------------
@@ -111,9 +117,11 @@ bool isMangled(const std::string& symbol, const std::string& entryPoint) {
 }
 
 std::string mangledExport(const ModuleFile& file, const std::string& entryPoint) {
-  for (const Export& symbol : file.exports)
-    if (isMangled(symbol.name, entryPoint))
+  for (const Export& symbol : file.exports) {
+    if (isMangled(symbol.name, entryPoint)) {
       return symbol.name;
+    }
+  }
   return "";
 }
 
@@ -129,15 +137,16 @@ void Inspection::inspectEntryPoints(const ModuleFile& file) {
   for (const EntryPointInfo& entry : kEntryPoints) {
     const Export* const symbol = entry.exported ? findExport(file, entry.name) : nullptr;
     const std::string mangled = entry.exported ? mangledExport(file, entry.name) : "";
-    if (symbol != nullptr)
+    if (symbol != nullptr) {
       judge(symbol->function, {Check::EntryPointKind, entry.entryPoint,
                                std::string(entry.name) + " is exported, but as data."});
-    else if (!mangled.empty())
+    } else if (!mangled.empty()) {
       add({Check::EntryPoints, entry.entryPoint,
            std::string(entry.name) + " is exported as the C++ function " + mangled +
                ": it lacks extern \"C\", or has other parameters than in fw-update-module.h."});
-    else if (entry.required)
+    } else if (entry.required) {
       add({Check::EntryPoints, entry.entryPoint, std::string(entry.name) + " is not exported."});
+    }
   }
 }
 
@@ -153,13 +162,16 @@ void Inspection::inspectExports(const ModuleFile& file) {
   for (const Export& symbol : file.exports) {
     const bool linker = std::find(std::begin(kLinkerSymbols), std::end(kLinkerSymbols), symbol.name) !=
                         std::end(kLinkerSymbols);
-    if (linker || isEntryPoint(symbol.name))
+    if (linker || isEntryPoint(symbol.name)) {
       continue;
-    if (++count <= kNamed)
+    }
+    if (++count <= kNamed) {
       others += (others.empty() ? "" : ", ") + symbol.name;
+    }
   }
-  if (count > kNamed)
+  if (count > kNamed) {
     others += " and " + std::to_string(count - kNamed) + " more";
+  }
   judge(others.empty(), {Check::Exports, EntryPoint::Nowhere, "It also exports " + others + "."});
   const bool linked = std::any_of(file.needed.begin(), file.needed.end(), [](const std::string& library) {
     return library.find("libfw-update-control.so") == 0;
@@ -179,8 +191,9 @@ bool Inspection::inspectFile() {
   inspectEntryPoints(file);
   inspectExports(file);
   if (resultOf(Check::EntryPoints).state == State::Passed &&
-      resultOf(Check::EntryPointKind).state == State::Passed)
+      resultOf(Check::EntryPointKind).state == State::Passed) {
     return true;
+  }
   cutOff_ = "the update library does not use it without all entry points";
   return false;
 }
@@ -188,8 +201,9 @@ bool Inspection::inspectFile() {
 // ---- The trials ---------------------------------------------------------------------------
 
 std::optional<std::string> Inspection::obstacleTo(const Trial& trial) const {
-  if ((trial.calls & report_.subject.broken) != 0)
+  if ((trial.calls & report_.subject.broken) != 0) {
     return cutOff_;
+  }
   const char* const obstacle = trial.obstacle(report_.subject);
   return obstacle != nullptr ? std::optional<std::string>(obstacle) : std::nullopt;
 }
@@ -201,27 +215,34 @@ void Inspection::learn(const TrialResult& result) {
       subject.identifier = value;
       subject.firmware = firmwareOf(value);
     }
-    if (fact == Fact::ActiveVersion)
+    if (fact == Fact::ActiveVersion) {
       subject.activeVersion = value;
-    if (fact == Fact::NewerVersion)
+    }
+    if (fact == Fact::NewerVersion) {
       subject.newerVersion = value;
-    if (fact == Fact::Updates)
+    }
+    if (fact == Fact::Updates) {
       subject.updates = true;
+    }
   }
 }
 
 void Inspection::tryOut(const Trial& trial) {
   const TrialResult result = runTrial(trial, report_.subject, limit_);
   tried_ = true;
-  for (const Check check : result.passed)
+  for (const Check check : result.passed) {
     pass(check);
-  for (const Finding& finding : result.findings)
+  }
+  for (const Finding& finding : result.findings) {
     add(finding);
-  for (const auto& [check, reason] : result.notChecked)
+  }
+  for (const auto& [check, reason] : result.notChecked) {
     leaveOut(check, reason);
+  }
   learn(result);
-  if (result.cutOff.empty())
+  if (result.cutOff.empty()) {
     return;
+  }
   leaveOut(trial, result.cutOff);
   report_.subject.broken |= callsTo(result.broken);
   cutOff_ = result.cutOff;
@@ -229,19 +250,22 @@ void Inspection::tryOut(const Trial& trial) {
 
 void Inspection::finish() {
   for (const CheckInfo& info : kChecks) {
-    if (tried_ && contains(kEverywhere, info.check))
+    if (tried_ && contains(kEverywhere, info.check)) {
       pass(info.check);
+    }
     leaveOut(info.check, cutOff_.empty() ? "the trial did not come to it" : cutOff_);
-    if (resultOf(info.check).state != State::NotChecked)
+    if (resultOf(info.check).state != State::NotChecked) {
       resultOf(info.check).reason.clear();
+    }
   }
 }
 
 Report Inspection::run(const std::function<void(const std::string& what)>& progress) {
   const bool runnable = inspectFile();
   for (const Trial& trial : kTrials) {
-    if (!runnable)
+    if (!runnable) {
       break;
+    }
     if (const auto obstacle = obstacleTo(trial)) {
       leaveOut(trial, *obstacle);
       continue;

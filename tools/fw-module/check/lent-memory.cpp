@@ -40,27 +40,30 @@ Arena arena;  // constant-initialised
 }
 
 std::size_t pageSize() {
-  static const auto size = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
-  return size;
+  static const auto kSize = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+  return kSize;
 }
 
 void protect(const Slot& slot, int protection) {
-  if (mprotect(slot.begin, slot.pages * pageSize(), protection) != 0)
+  if (mprotect(slot.begin, slot.pages * pageSize(), protection) != 0) {
     fail("mprotect");
+  }
 }
 
 // A slot with enough pages; its memory stays for good.
 std::size_t takeSlot(const char* what, std::size_t size) {
   std::size_t number = arena.next++ % kSlots;
-  while (arena.slots[number].lent.exchange(true))
+  while (arena.slots[number].lent.exchange(true)) {
     number = arena.next++ % kSlots;
+  }
   Slot& slot = arena.slots[number];
   const std::size_t pages = size / pageSize() + 1;
   if (slot.begin == nullptr || slot.pages < pages) {
     void* const mapped =
         mmap(nullptr, (pages + 1) * pageSize(), PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (mapped == MAP_FAILED)
+    if (mapped == MAP_FAILED) {
       fail("mmap");
+    }
     slot.begin = static_cast<char*>(mapped);
     slot.pages = pages;
   }
@@ -75,20 +78,23 @@ char* endOf(const Slot& slot) {
 }
 
 const Slot* slotWith(const char* address) {
-  for (const Slot& slot : arena.slots)
+  for (const Slot& slot : arena.slots) {
     if (const char* const begin = slot.begin;
-        begin != nullptr && address >= begin && address < endOf(slot) + pageSize())
+        begin != nullptr && address >= begin && address < endOf(slot) + pageSize()) {
       return &slot;
+    }
+  }
   return nullptr;
 }
 
 void tellFault(const Slot& slot, const char* address) {
-  if (address >= endOf(slot))
+  if (address >= endOf(slot)) {
     arena.transcript->fault(Check::Overrun, {"went beyond the end of ", slot.what});
-  else if (slot.lent)
+  } else if (slot.lent) {
     arena.transcript->fault(Check::Overrun, {"wrote over ", slot.what});
-  else
+  } else {
     arena.transcript->fault(Check::TextKept, {"used, after its call, ", slot.what});
+  }
 }
 
 // The signal's own action follows when this returns.
@@ -111,8 +117,9 @@ LentMemory::LentMemory(const char* what, std::size_t size)
 LentMemory::LentMemory(const char* what, const std::string& content, Content kind)
     : LentMemory(what, content.size() + (kind == Content::Bytes ? 0 : 1)) {
   std::memcpy(data_, content.c_str(), content.size() + (kind == Content::Bytes ? 0 : 1));
-  if (kind != Content::WritableText)
+  if (kind != Content::WritableText) {
     protect(arena.slots[slot_], PROT_READ);
+  }
 }
 
 LentMemory::~LentMemory() {
@@ -132,9 +139,11 @@ void catchFaults(const Transcript& transcript) {
   struct sigaction action {};
   action.sa_sigaction = onFatalSignal;
   action.sa_flags = static_cast<int>(SA_SIGINFO | SA_ONSTACK | SA_RESETHAND);
-  for (const int number : kFatalSignals)
-    if (sigaction(number, &action, nullptr) != 0)
+  for (const int number : kFatalSignals) {
+    if (sigaction(number, &action, nullptr) != 0) {
       fail("sigaction");
+    }
+  }
 }
 
 FaultStack::FaultStack() : memory_(new char[kFaultStackSize]) {

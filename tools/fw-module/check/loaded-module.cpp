@@ -46,9 +46,11 @@ LoadedModule::LoadedModule(Transcript& transcript, const std::string& path, cons
     return;
   }
   transcript_.passed(Check::Loads);
-  for (const EntryPointInfo& entry : kEntryPoints)
-    if (entry.exported && !contains(broken, entry.entryPoint))
+  for (const EntryPointInfo& entry : kEntryPoints) {
+    if (entry.exported && !contains(broken, entry.entryPoint)) {
       addresses_[static_cast<std::size_t>(entry.entryPoint)] = dlsym(library_, entry.name);
+    }
+  }
 }
 
 void LoadedModule::unload() {
@@ -77,10 +79,11 @@ int LoadedModule::call(EntryPoint entryPoint, const char* situation, Body body) 
     thrown = "an exception that is no std::exception";
   }
   transcript_.leave(entryPoint);
-  if (result == kThrew && !thrown.empty())
+  if (result == kThrew && !thrown.empty()) {
     transcript_.finding(
         Check::Exception, entryPoint,
         sentence(entryPoint, "let an exception out, " + std::string(situation) + ": " + thrown));
+  }
   return result;
 }
 
@@ -88,13 +91,15 @@ template <typename Body>
 TextAnswer LoadedModule::textFrom(EntryPoint entryPoint, const char* what, const char* situation, Body body) {
   const LentMemory place(what, kTextSize);
   const int result = call(entryPoint, situation, [&] { return body(place.data()); });
-  if (!place.untouchedBefore())
+  if (!place.untouchedBefore()) {
     transcript_.finding(Check::Overrun, entryPoint,
                         sentence(entryPoint, std::string("wrote before the beginning of ") + what + "."));
+  }
   const TextAnswer answer = answerIn(place, result);
-  if (answer.written)
+  if (answer.written) {
     transcript_.judge(answer.ended, Check::TextEnd, entryPoint,
                       sentence(entryPoint, "wrote \"" + answer.text + "\" without a NUL behind it."));
+  }
   return answer;
 }
 
@@ -107,9 +112,10 @@ NumberAnswer<Number> LoadedModule::numberFrom(EntryPoint entryPoint, const char*
   std::memcpy(&preset, place.data(), sizeof preset);
   auto* const number = reinterpret_cast<Number*>(place.data());
   answer.result = call(entryPoint, situation, [&] { return body(number); });
-  if (!place.untouchedBefore())
+  if (!place.untouchedBefore()) {
     transcript_.finding(Check::Overrun, entryPoint,
                         sentence(entryPoint, std::string("wrote before the beginning of ") + what + "."));
+  }
   answer.written = *number != preset;
   answer.value = answer.written ? *number : 0;
   return answer;

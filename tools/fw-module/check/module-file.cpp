@@ -43,19 +43,22 @@ class Reader {
   template <typename Value>
   Value at(std::uint64_t offset) const {
     Value value = {};
-    if (offset > bytes_.size() || bytes_.size() - offset < sizeof value)
+    if (offset > bytes_.size() || bytes_.size() - offset < sizeof value) {
       throw Damaged();
+    }
     std::memcpy(&value, bytes_.data() + static_cast<std::size_t>(offset), sizeof value);
     return value;
   }
 
   std::string text(std::uint64_t offset) const {
-    if (offset >= bytes_.size())
+    if (offset >= bytes_.size()) {
       throw Damaged();
+    }
     const auto begin = static_cast<std::size_t>(offset);
     const std::size_t end = bytes_.find('\0', begin);
-    if (end == std::string::npos)
+    if (end == std::string::npos) {
       throw Damaged();
+    }
     return bytes_.substr(begin, end - begin);
   }
 
@@ -65,10 +68,12 @@ class Reader {
 
 std::string problemOf(const Reader& file) {
   const auto header = file.at<ElfW(Ehdr)>(0);
-  if (header.e_ident[EI_CLASS] != kClass || header.e_machine != kMachine)
+  if (header.e_ident[EI_CLASS] != kClass || header.e_machine != kMachine) {
     return std::string("It is built for another processor; this fw-module is for ") + kProcessor + ".";
-  if (header.e_type != ET_DYN)
+  }
+  if (header.e_type != ET_DYN) {
     return "It is an ELF file, but no shared library.";
+  }
   return "";
 }
 
@@ -76,8 +81,9 @@ std::optional<ElfW(Shdr)> findSection(const Reader& file, unsigned int type) {
   const auto header = file.at<ElfW(Ehdr)>(0);
   for (unsigned int i = 0; i < header.e_shnum; ++i) {
     const auto section = file.at<ElfW(Shdr)>(header.e_shoff + std::uint64_t{i} * header.e_shentsize);
-    if (section.sh_type == type)
+    if (section.sh_type == type) {
       return section;
+    }
   }
   return std::nullopt;
 }
@@ -98,14 +104,16 @@ bool isExported(const ElfW(Sym) & symbol) {
 std::vector<Export> readExports(const Reader& file) {
   std::vector<Export> exports;
   const auto section = findSection(file, SHT_DYNSYM);
-  if (!section)
+  if (!section) {
     return exports;
+  }
   const std::uint64_t texts = textsOf(file, *section);
   for (std::uint64_t at = 0; at + sizeof(ElfW(Sym)) <= section->sh_size; at += sizeof(ElfW(Sym))) {
     const auto symbol = file.at<ElfW(Sym)>(section->sh_offset + at);
     const unsigned int type = symbol.st_info & 0xfU;
-    if (isExported(symbol))
+    if (isExported(symbol)) {
       exports.push_back({file.text(texts + symbol.st_name), type == STT_FUNC || type == STT_GNU_IFUNC});
+    }
   }
   return exports;
 }
@@ -113,13 +121,15 @@ std::vector<Export> readExports(const Reader& file) {
 std::vector<std::string> readNeeded(const Reader& file) {
   std::vector<std::string> needed;
   const auto section = findSection(file, SHT_DYNAMIC);
-  if (!section)
+  if (!section) {
     return needed;
+  }
   const std::uint64_t texts = textsOf(file, *section);
   for (std::uint64_t at = 0; at + sizeof(ElfW(Dyn)) <= section->sh_size; at += sizeof(ElfW(Dyn))) {
     const auto entry = file.at<ElfW(Dyn)>(section->sh_offset + at);
-    if (entry.d_tag == DT_NEEDED)
+    if (entry.d_tag == DT_NEEDED) {
       needed.push_back(file.text(texts + entry.d_un.d_val));
+    }
   }
   return needed;
 }
@@ -135,8 +145,9 @@ ModuleFile readModuleFile(const std::string& bytes) {
   try {
     const Reader file(bytes);
     result.problem = problemOf(file);
-    if (!result.problem.empty())
+    if (!result.problem.empty()) {
       return result;
+    }
     result.exports = readExports(file);
     result.needed = readNeeded(file);
   } catch (const Damaged& damaged) {

@@ -12,16 +12,17 @@ using State = CheckResult::State;
 std::string escaped(const std::string& text) {
   std::string result;
   for (const char c : text) {
-    if (c == '&')
+    if (c == '&') {
       result += "&amp;";
-    else if (c == '<')
+    } else if (c == '<') {
       result += "&lt;";
-    else if (c == '>')
+    } else if (c == '>') {
       result += "&gt;";
-    else if (c == '"')
+    } else if (c == '"') {
       result += "&quot;";
-    else
+    } else {
       result += c >= ' ' && c <= '~' ? c : '?';
+    }
   }
   return result;
 }
@@ -32,8 +33,9 @@ std::string attribute(const char* name, const std::string& value) {
 
 std::string failure(const CheckInfo& check, const CheckResult& result) {
   std::string messages;
-  for (const Finding& finding : result.findings)
+  for (const Finding& finding : result.findings) {
     messages += (messages.empty() ? "" : " ") + finding.message;
+  }
   return "<failure" + attribute("type", resultName(check, result)) + attribute("message", messages) + ">" +
          escaped(check.advice) + "</failure>";
 }
@@ -41,10 +43,12 @@ std::string failure(const CheckInfo& check, const CheckResult& result) {
 std::string testCase(const Report& report, const CheckInfo& check) {
   const CheckResult& result = report.results[static_cast<std::size_t>(check.check)];
   std::string inner;
-  if (result.state == State::Failed)
+  if (result.state == State::Failed) {
     inner = failure(check, result);
-  if (result.state == State::NotChecked)
+  }
+  if (result.state == State::NotChecked) {
     inner = "<skipped" + attribute("message", result.reason) + "/>";
+  }
   return "  <testcase" + attribute("classname", "fw-module." + report.subject.library) +
          attribute("name", check.id) + ">" + inner + "</testcase>\n";
 }
@@ -59,8 +63,9 @@ std::string reportJunit(const Report& report) {
                      attribute("tests", std::to_string(kCheckCount)) +
                      attribute("failures", std::to_string(failures)) +
                      attribute("skipped", std::to_string(skipped)) + ">\n";
-  for (const CheckInfo& check : kChecks)
+  for (const CheckInfo& check : kChecks) {
     text += testCase(report, check);
+  }
   return text + "</testsuite>\n";
 }
 

@@ -16,8 +16,9 @@ constexpr std::size_t kResultWidth = 13;  // "not checked" and two blanks
 
 constexpr std::size_t widestId() {
   std::size_t widest = 0;
-  for (const CheckInfo& check : kChecks)
+  for (const CheckInfo& check : kChecks) {
     widest = std::max(widest, std::char_traits<char>::length(check.id));
+  }
   return widest;
 }
 
@@ -41,32 +42,35 @@ std::string cell(const CheckInfo& check, const CheckResult& result) {
 }
 
 std::string line(const CheckInfo& check, const CheckResult& result, std::size_t width) {
-  constexpr std::size_t indent = kResultWidth + widestId() + 2;
+  constexpr std::size_t kIndent = kResultWidth + widestId() + 2;
   std::string title = check.title;
-  if (!result.reason.empty())
+  if (!result.reason.empty()) {
     title += ": " + result.reason;
-  return cell(check, result) + padded(check.id, widestId() + 2) + tool::wrapped(title, width, indent) + "\n";
+  }
+  return cell(check, result) + padded(check.id, widestId() + 2) + tool::wrapped(title, width, kIndent) + "\n";
 }
 
 std::string paragraph(const Finding& finding, std::size_t width) {
-  constexpr std::size_t indent = 2;
+  constexpr std::size_t kIndent = 2;
   const CheckInfo& check = infoOf(finding.check);
   const bool error = check.severity == Severity::Error;
-  const std::string blanks(indent, ' ');
+  const std::string blanks(kIndent, ' ');
   return "\n" +
          tool::coloured(error ? "error" : "warning", error ? tool::Colour::Red : tool::Colour::Yellow,
                         STDOUT_FILENO) +
-         " " + check.id + "\n" + blanks + tool::wrapped(finding.message, width, indent) + "\n" + blanks +
-         tool::wrapped(std::string("What to do: ") + check.advice, width, indent) + "\n";
+         " " + check.id + "\n" + blanks + tool::wrapped(finding.message, width, kIndent) + "\n" + blanks +
+         tool::wrapped(std::string("What to do: ") + check.advice, width, kIndent) + "\n";
 }
 
 std::string heading(const Subject& subject, std::size_t width) {
   std::string text = subject.library + ": ";
   text += subject.extension ? "an EXT- module" : "a module";
-  if (!subject.extension && !subject.firmware.empty())
+  if (!subject.extension && !subject.firmware.empty()) {
     text += " for the firmware " + subject.firmware;
-  if (!subject.activeVersion.empty())
+  }
+  if (!subject.activeVersion.empty()) {
     text += ", version " + subject.activeVersion + " on a new device";
+  }
   return tool::wrapped(text, width) + "\n";
 }
 
@@ -95,16 +99,18 @@ std::string reportText(const Report& report, std::size_t width) {
   for (const CheckInfo& check : kChecks) {
     const CheckResult& result = report.results[static_cast<std::size_t>(check.check)];
     text += line(check, result, width);
-    for (const Finding& finding : result.findings)
+    for (const Finding& finding : result.findings) {
       findings += paragraph(finding, width);
+    }
   }
   return text + findings + summary(report, width);
 }
 
 std::string listText(std::size_t width) {
   std::vector<std::vector<std::string>> rows = {{"CHECK", "IF NOT", "WHAT MUST BE"}};
-  for (const CheckInfo& check : kChecks)
+  for (const CheckInfo& check : kChecks) {
     rows.push_back({check.id, check.severity == Severity::Error ? "error" : "warning", check.title});
+  }
   return tool::table(rows, width);
 }
 

@@ -53,16 +53,19 @@ std::size_t Report::count(CheckResult::State state) const {
 
 std::size_t Report::count(Severity severity) const {
   std::size_t number = 0;
-  for (const CheckInfo& check : kChecks)
+  for (const CheckInfo& check : kChecks) {
     if (check.severity == severity &&
-        results[static_cast<std::size_t>(check.check)].state == CheckResult::State::Failed)
+        results[static_cast<std::size_t>(check.check)].state == CheckResult::State::Failed) {
       ++number;
+    }
+  }
   return number;
 }
 
 Outcome Report::outcome() const {
-  if (count(Severity::Error) > 0)
+  if (count(Severity::Error) > 0) {
     return Outcome::ErrorsFound;
+  }
   return count(Severity::Warning) > 0 ? Outcome::WarningsFound : Outcome::Ok;
 }
 
@@ -91,11 +94,13 @@ std::string reportJson(const Report& report) {
     const CheckResult& result = report.results[static_cast<std::size_t>(check.check)];
     Json::Value described = describe(check);
     described["result"] = resultName(check, result);
-    if (!result.reason.empty())
+    if (!result.reason.empty()) {
       described["reason"] = result.reason;
+    }
     document["checks"].append(described);
-    for (const Finding& finding : result.findings)
+    for (const Finding& finding : result.findings) {
       document["findings"].append(describe(finding));
+    }
   }
   return tool::indented(document);
 }

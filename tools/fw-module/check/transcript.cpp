@@ -37,8 +37,9 @@ void append(char (&destination)[sizeof Record::text], const char* text) {
 }  // namespace
 
 void Transcript::enter(EntryPoint entryPoint, const char* situation) {
-  if (current.number == 0)
+  if (current.number == 0) {
     current.number = ++threads;
+  }
   current.inside = entryPoint;
   Record entry = record(RecordKind::Enter);
   entry.entryPoint = entryPoint;
@@ -68,10 +69,11 @@ void Transcript::finding(Check check, EntryPoint entryPoint, const std::string& 
 }
 
 void Transcript::judge(bool good, Check check, EntryPoint entryPoint, const std::string& sentence) {
-  if (good)
+  if (good) {
     passed(check);
-  else
+  } else {
     finding(check, entryPoint, sentence);
+  }
 }
 
 void Transcript::notChecked(Check check, const std::string& reason) {

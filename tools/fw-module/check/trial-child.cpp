@@ -40,8 +40,9 @@ void leaveNoCore() {
 // After the device has been entered, which would undo it.
 void endWithParent(pid_t parent) {
   prctl(PR_SET_PDEATHSIG, SIGKILL);
-  if (getppid() != parent)
+  if (getppid() != parent) {
     _exit(0);
+  }
 }
 
 void enterDevice(const Subject& subject) {
@@ -50,10 +51,11 @@ void enterDevice(const Subject& subject) {
 }
 
 std::string installModule(const Subject& subject) {
-  const std::string path = ControlsDirectory + subject.library + ".so";
+  const std::string path = kControlsDirectory + subject.library + ".so";
   std::ofstream file(path, std::ios::binary);
-  if (!file.write(subject.bytes.data(), static_cast<std::streamsize>(subject.bytes.size())).flush())
+  if (!file.write(subject.bytes.data(), static_cast<std::streamsize>(subject.bytes.size())).flush()) {
     throw std::runtime_error("cannot install the module on the device: " + path);
+  }
   file.close();
   chmod(path.c_str(), 0755);
   return path;
@@ -64,8 +66,9 @@ void perform(const Trial& trial, const Subject& subject, Transcript& transcript)
   const std::string path = installModule(subject);
   catchFaults(transcript);
   LoadedModule module(transcript, path, subject.library, subject.broken);
-  if (module.isLoaded())
+  if (module.isLoaded()) {
     trial.run({subject, transcript, module});
+  }
 }
 
 }  // namespace

@@ -87,22 +87,25 @@ class Child {
  public:
   Child(const Trial& trial, const Subject& subject) {
     int ends[2];
-    if (pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0)
+    if (pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0) {
       fail("pipe2");
+    }
     records_ = FileDescriptor(ends[0]);
     const FileDescriptor writeEnd(ends[1]);
     output_ = FileDescriptor(memfd_create("output", MFD_CLOEXEC));
     const pid_t parent = getpid();
     id_ = fork();
-    if (id_ < 0)
+    if (id_ < 0) {
       fail("fork");
+    }
     if (id_ == 0) {
       fcntl(writeEnd.get(), F_SETFL, 0);  // the child waits until its words are heard
       runChild(trial, subject, writeEnd.get(), output_.get(), parent);
     }
     process_ = FileDescriptor(static_cast<int>(syscall(SYS_pidfd_open, id_, 0)));
-    if (!process_.valid())
+    if (!process_.valid()) {
       fail("pidfd_open");
+    }
   }
   Child(const Child&) = delete;
   Child& operator=(const Child&) = delete;
@@ -114,8 +117,9 @@ class Child {
         {ended_ ? -1 : records_.get(), POLLIN, 0}, {process_.get(), POLLIN, 0}, {signals, POLLIN, 0}};
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(until - Clock::now()).count();
     if (poll(streams, std::size(streams), static_cast<int>(std::max<long long>(left, 0))) < 0 &&
-        errno != EINTR)
+        errno != EINTR) {
       fail("poll");
+    }
     readRecords(account);
     return streams[1].revents == 0;
   }
@@ -124,8 +128,9 @@ class Child {
 
   // Its status. Nothing that it started is left after it: orphans become this process's.
   int wait() {
-    if (id_ <= 0)
+    if (id_ <= 0) {
       return status_;
+    }
     kill();
     while (waitpid(id_, &status_, 0) < 0 && errno == EINTR) {
     }
@@ -144,8 +149,9 @@ class Child {
   void readRecords(Account& account) {
     Record record = {};
     ssize_t length = 0;
-    while ((length = read(records_.get(), &record, sizeof record)) == static_cast<ssize_t>(sizeof record))
+    while ((length = read(records_.get(), &record, sizeof record)) == static_cast<ssize_t>(sizeof record)) {
       take(record, account);
+    }
     ended_ = length == 0;
   }
 
@@ -163,8 +169,9 @@ int endOrphans() {
   for (;;) {
     std::ifstream list("/proc/self/task/" + std::to_string(getpid()) + "/children");
     const std::vector<pid_t> children{std::istream_iterator<pid_t>(list), {}};
-    if (children.empty())
+    if (children.empty()) {
       return ended;
+    }
     for (const pid_t child : children) {
       ::kill(child, SIGKILL);
       ended += waitpid(child, nullptr, 0) == child ? 1 : 0;
@@ -190,7 +197,7 @@ const Call* callOf(const Account& account, const Record& record) {
 std::string printed(const Child& child) {
   std::string output = child.output();
   std::replace(output.begin(), output.end(), '\n', ' ');
-  return base::PrintableText(output.substr(0, output.find_last_not_of(' ') + 1));
+  return base::printableText(output.substr(0, output.find_last_not_of(' ') + 1));
 }
 
 // "doUpdate crashed (Aborted) with a good image. It printed: ..."
@@ -212,10 +219,12 @@ std::string secondsText(std::chrono::seconds limit) {
 void judgeEnd(Account& account, const Child& child, int status, bool hung, std::chrono::seconds limit) {
   const std::string output = printed(child);
   const Call* const oldest = oldestCall(account);
-  if (hung)
+  if (hung) {
     return cutOff(account, Check::Hang, oldest, "did not return within " + secondsText(limit), output);
-  if (account.end && account.end->kind == RecordKind::Fault)
+  }
+  if (account.end && account.end->kind == RecordKind::Fault) {
     return cutOff(account, account.end->check, callOf(account, *account.end), account.end->text, "");
+  }
   if (WIFSIGNALED(status)) {
     const bool told = account.end && account.end->kind == RecordKind::Signal;
     const Call* const call = told ? callOf(account, *account.end) : oldest;
@@ -223,18 +232,22 @@ void judgeEnd(Account& account, const Child& child, int status, bool hung, std::
                   output);
   }
   const bool ending = oldest != nullptr && oldest->entryPoint == EntryPoint::ProcessEnd;
-  if (!account.end && !ending)
+  if (!account.end && !ending) {
     return cutOff(account, Check::Exit, oldest, "ended the process, or closed files that are not its own",
                   output);
-  if (!output.empty())
+  }
+  if (!output.empty()) {
     account.result.findings.push_back({Check::Prints, EntryPoint::Nowhere, "The module printed: " + output});
+  }
 }
 
 void requireTrial(const Account& account, bool hung) {
-  if (account.end && account.end->kind == RecordKind::Refused)
+  if (account.end && account.end->kind == RecordKind::Refused) {
     throw Failure(Outcome::NotPossible, account.end->text);
-  if (hung && account.running.empty())
+  }
+  if (hung && account.running.empty()) {
     throw Failure(Outcome::Unexpected, "the check itself did not go on");
+  }
 }
 
 Clock::time_point deadlineOf(const Account& account, std::chrono::seconds limit) {
@@ -256,17 +269,19 @@ TrialResult runTrial(const Trial& trial, const Subject& subject, std::chrono::se
     hung = Clock::now() >= deadlineOf(account, limit);
   }
   const int status = child.wait();
-  if (signal == 0)  // a terminal sends it to the child too, whose end may be seen first
+  if (signal == 0) {  // a terminal sends it to the child too, whose end may be seen first
     signal = signals.take();
+  }
   if (signal != 0) {
     endOrphans();
     throw tool::Interrupted(signal);
   }
   requireTrial(account, hung);
   judgeEnd(account, child, status, hung, limit);
-  if (const int left = endOrphans(); left > 0 && account.result.cutOff.empty())
+  if (const int left = endOrphans(); left > 0 && account.result.cutOff.empty()) {
     account.result.findings.push_back({Check::Processes, EntryPoint::Nowhere,
                                        "The module left processes behind: " + std::to_string(left) + "."});
+  }
   return account.result;
 }
 

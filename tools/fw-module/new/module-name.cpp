@@ -24,27 +24,33 @@ bool endsWith(const std::string& text, const std::string& end) {
 }
 
 void requireUsable(const std::string& library) {
-  if (endsWith(library, ".so"))
+  if (endsWith(library, ".so")) {
     throw BadName("leave out \".so\": " + library.substr(0, library.size() - 3));
-  if (library.empty() || std::isalpha(static_cast<unsigned char>(library[0])) == 0)
+  }
+  if (library.empty() || std::isalpha(static_cast<unsigned char>(library[0])) == 0) {
     throw BadName("a module's name begins with a letter, such as libdoor");
+  }
   const bool plain = std::all_of(library.begin(), library.end(),
                                  [](char c) { return isLetterOrDigit(c) || c == '-' || c == '_'; });
-  if (!plain)
+  if (!plain) {
     throw BadName("a module's name has only letters, digits, \"-\" and \"_\", such as libdoor");
-  if (library.size() > kLongest)
+  }
+  if (library.size() > kLongest) {
     throw BadName("a module's name has at most " + std::to_string(kLongest) + " characters");
+  }
 }
 
 // What follows "lib" and "EXT-".
 std::string componentOf(const std::string& library, bool extension) {
   const std::string name = startsWith(library, "lib") ? library.substr(3) : library;
-  if (!extension)
+  if (!extension) {
     return name;
-  if (!startsWith(name, kExtension))
+  }
+  if (!startsWith(name, kExtension)) {
     throw BadName(
         "\"EXT-\", in any case and place, makes a module run a procedure of its own; if that is meant, "
         "write it in capitals at the beginning, such as libEXT-door");
+  }
   return name.substr(sizeof kExtension - 1);
 }
 
@@ -64,8 +70,9 @@ ModuleName parseModuleName(const std::string& library) {
   component.erase(
       std::remove_if(component.begin(), component.end(), [](char c) { return !isLetterOrDigit(c); }),
       component.end());
-  if (component.empty())
+  if (component.empty()) {
     throw BadName("after \"lib\" and \"EXT-\" the name must go on with the component's, such as libdoor");
+  }
   name.firmware = component + "fw";
   name.identifier = identifierOf(component, name.firmware);
   return name;

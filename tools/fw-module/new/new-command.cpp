@@ -21,14 +21,16 @@ void putJson(const ModuleName& name, const std::string& directory, const std::ve
   document["library"] = name.library;
   document["kind"] = name.extension ? "EXT" : "ordinary";
   document["firmware"] = name.firmware;
-  for (const std::string& file : files)
+  for (const std::string& file : files) {
     document["files"].append(file);
+  }
   std::cout << tool::indented(document) << std::flush;
 }
 
 void putText(const std::string& directory, const std::vector<std::string>& files) {
-  for (const std::string& file : files)
+  for (const std::string& file : files) {
     std::cout << "written  " << directory << "/" << file << "\n";
+  }
   std::cout << "next     cmake -S " << directory << " -B " << directory << "/build\n"
             << "         cmake --build " << directory << "/build\n"
             << "         ctest --test-dir " << directory << "/build" << std::endl;
@@ -40,10 +42,11 @@ Outcome runNew(const Options& options) {
   const ModuleName name = parseModuleName(options.name);
   const std::string directory = options.directory.empty() ? options.name : options.directory;
   const auto files = writeProject(directory, name, *findLanguage(options.language));
-  if (options.json)
+  if (options.json) {
     putJson(name, directory, files);
-  else
+  } else {
     putText(directory, files);
+  }
   return Outcome::Ok;
 }
 

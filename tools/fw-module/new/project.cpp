@@ -28,35 +28,42 @@ class NewProject {
  public:
   explicit NewProject(const fs::path& directory)
       : directory_(directory), made_(fs::create_directories(directory)) {
-    if (!fs::is_empty(directory_))
+    if (!fs::is_empty(directory_)) {
       throw Failure(Outcome::NotPossible, directory_.string() +
                                               " is not empty, and nothing is overwritten; "
                                               "name another directory with --directory");
+    }
   }
   NewProject(const NewProject&) = delete;
   NewProject& operator=(const NewProject&) = delete;
   ~NewProject() {
     std::error_code ignored;
-    if (complete_)
+    if (complete_) {
       return;
-    for (const fs::path& file : files_)
+    }
+    for (const fs::path& file : files_) {
       fs::remove(file, ignored);
-    if (made_)
+    }
+    if (made_) {
       fs::remove(directory_, ignored);
+    }
   }
 
   void write(const std::string& name, const std::string& content, bool executable) {
     const fs::path path = directory_ / name;
     const std::unique_ptr<std::FILE, CloseFile> file(std::fopen(path.c_str(), "wxe"));
-    if (!file)
+    if (!file) {
       fail("cannot write " + path.string());
+    }
     files_.push_back(path);
     if (std::fwrite(content.data(), 1, content.size(), file.get()) != content.size() ||
-        std::fflush(file.get()) != 0)
+        std::fflush(file.get()) != 0) {
       fail("cannot write " + path.string());
-    if (executable)
+    }
+    if (executable) {
       fs::permissions(path, fs::perms::owner_exec | fs::perms::group_exec | fs::perms::others_exec,
                       fs::perm_options::add);
+    }
   }
 
   void keep() { complete_ = true; }
@@ -70,9 +77,12 @@ class NewProject {
 
 std::string filledIn(const std::string_view& text, const Values& values) {
   std::string filled(text);
-  for (const auto& [key, value] : values)
-    for (std::size_t at = filled.find(key); at != std::string::npos; at = filled.find(key, at + value.size()))
+  for (const auto& [key, value] : values) {
+    for (std::size_t at = filled.find(key); at != std::string::npos;
+         at = filled.find(key, at + value.size())) {
       filled.replace(at, key.size(), value);
+    }
+  }
   return filled;
 }
 

@@ -51,9 +51,11 @@ const Row kRows[] = {
 }  // namespace
 
 const Language* findLanguage(const std::string_view& option) {
-  for (const Language& language : kLanguages)
-    if (option == language.option)
+  for (const Language& language : kLanguages) {
+    if (option == language.option) {
       return &language;
+    }
+  }
   return nullptr;
 }
 
@@ -62,9 +64,10 @@ std::vector<Template> templatesOf(const Language& language, bool extension) {
   for (const Row& row : kRows) {
     const bool spoken = row.language == nullptr || std::string_view(row.language) == language.option;
     const bool wanted = row.kind == Kind::Any || (row.kind == Kind::Extension) == extension;
-    if (spoken && wanted)
+    if (spoken && wanted) {
       chosen.push_back(
           {row.path, row.executable, {row.begin, static_cast<std::size_t>(row.end - row.begin)}});
+    }
   }
   return chosen;
 }

@@ -63,18 +63,18 @@ ExitCode runEmp(const Options& options) {
   const std::string firmwareName = firmwareNameOf(options.name);
   const std::optional<SigningKey> signer = signerOf(options);
   if (signer) {
-    signer->requireRoom(fwpackage::newestFormat, statementsOf(options));
+    signer->requireRoom(fwpackage::kNewestFormat, statementsOf(options));
   }
   const InputFile image(options.input);
   const std::string output = options.output.empty() ? options.name + ".img" : options.output;
   const TemporaryDirectory content;
-  OutputFile information(content.path() + "/info.json", publicMode);
+  OutputFile information(content.path() + "/info.json", kPublicMode);
   information.write(toText(describe(image, options.version, options.expectedTime)));
   information.commit();
   copyFile(image, content.path() + "/" + firmwareName + ".bin");
   ::chmod(content.path().c_str(), 0755);  // the mode is part of the image
 
-  OutputFile package(output, publicMode);
+  OutputFile package(output, kPublicMode);
   makeSquashfs(content.path(), package.unfinished());
   if (signer) {
     appendSignature(package, *signer, statementsOf(options));

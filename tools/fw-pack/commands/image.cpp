@@ -18,7 +18,7 @@ struct ImageType {
 
 // An extension package is mounted on a directory of its own, so its content has
 // no further folder.
-constexpr ImageType types[] = {
+constexpr ImageType kTypes[] = {
     {"builtin", true, "/lib/firmware/ext"},
     {"sbox", true, "/opt/usr/share/sbox"},
     {"usb", true, "the top of a USB drive"},
@@ -26,7 +26,7 @@ constexpr ImageType types[] = {
 };
 
 const ImageType* findType(const std::string& name) {
-  for (const ImageType& type : types) {
+  for (const ImageType& type : kTypes) {
     if (name == type.name) {
       return &type;
     }
@@ -38,7 +38,7 @@ const ImageType* findType(const std::string& name) {
 
 std::string imageTypes() {
   std::string names;
-  for (const ImageType& type : types) {
+  for (const ImageType& type : kTypes) {
     names += (names.empty() ? "" : ", ") + std::string(type.name);
   }
   return names;
@@ -56,9 +56,9 @@ ExitCode runImage(const Options& options) {
   if (type.folderPerFirmware) {
     folder /= options.name;
   }
-  makeDirectories(folder);
+  std::filesystem::create_directories(folder);
   const std::string binary = (folder / (options.name + ".bin")).string();
-  OutputFile description((folder / "info.json").string(), publicMode);
+  OutputFile description((folder / "info.json").string(), kPublicMode);
   description.write(toText(information));
   copyFile(image, binary);
   description.commit();

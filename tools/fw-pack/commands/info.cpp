@@ -13,7 +13,7 @@ ExitCode runInfo(const Options& options) {
   const std::string output = options.output.empty()
                                  ? (std::filesystem::path(options.input).parent_path() / "info.json").string()
                                  : options.output;
-  OutputFile file(output, publicMode);
+  OutputFile file(output, kPublicMode);
   file.write(toText(describe(image, options.version, options.expectedTime)));
   file.commit();
   std::cout << output << std::endl;

@@ -24,7 +24,7 @@ namespace fs = std::filesystem;
 
 using ImageCrc = boost::crc_optimal<32, 0x01B23CA3, 0, 0, false, false>;
 
-constexpr std::size_t largestInformation = 65536;  // that the library reads
+constexpr std::size_t kLargestInformation = 65536;  // that the library reads
 
 std::string hexCrc(std::uint32_t crc) {
   const unsigned char bytes[] = {static_cast<unsigned char>(crc >> 24U),
@@ -45,7 +45,7 @@ void addInformation(Facts& facts, const Information& information) {
 }
 
 std::optional<Information> informationIn(const std::string& text) {
-  return text.size() <= largestInformation ? parseInformation(text) : std::nullopt;
+  return text.size() <= kLargestInformation ? parseInformation(text) : std::nullopt;
 }
 
 void addMatch(Facts& facts, bool matches) {
@@ -61,7 +61,7 @@ struct Plaintext {
   bool paddingFits = false;
 
   void add(const unsigned char* bytes, std::size_t size) {
-    const std::size_t head = std::min(size, versionBlockSize - versionBlock.size());
+    const std::size_t head = std::min(size, kVersionBlockSize - versionBlock.size());
     versionBlock.append(reinterpret_cast<const char*>(bytes), head);
     crc.process_bytes(bytes + head, size - head);
     imageSize += size - head;
@@ -70,7 +70,7 @@ struct Plaintext {
   // A wrong key gives random bytes: nearly always wrong padding, and no text.
   bool looksRight() const {
     const std::string text = version();
-    return paddingFits && versionBlock.size() == versionBlockSize && !text.empty() &&
+    return paddingFits && versionBlock.size() == kVersionBlockSize && !text.empty() &&
            std::all_of(text.begin(), text.end(), [](char c) { return c >= ' ' && c <= '~'; }) &&
            versionBlock.find_first_not_of('\0', text.size()) == std::string::npos;
   }
@@ -84,7 +84,7 @@ Plaintext decrypt(const InputFile& file, const secret::Secret& key) {
   Plaintext plaintext;
   const Block keep = [&](const unsigned char* bytes, std::size_t size) { plaintext.add(bytes, size); };
   PackageCipher cipher(key, iv, PackageCipher::Direction::Decrypt);
-  file.read(ivSize, file.size() - ivSize - fwpackage::trailerSize,
+  file.read(kIvSize, file.size() - kIvSize - fwpackage::kTrailerSize,
             [&](const unsigned char* bytes, std::size_t size) { cipher.add(bytes, size, keep); });
   plaintext.paddingFits = cipher.finish(keep);
   return plaintext;
@@ -107,8 +107,8 @@ void addContent(Facts& facts, const InputFile& file, const Options& options) {
 
 void inspectPackage(Facts& facts, const InputFile& file, const Options& options,
                     const fwpackage::SignatureReport& signature) {
-  const bool sizeFits = file.size() >= smallestPackage && file.size() <= largestPackage &&
-                        (file.size() - ivSize - fwpackage::trailerSize) % cipherBlock == 0;
+  const bool sizeFits = file.size() >= kSmallestPackage && file.size() <= kLargestPackage &&
+                        (file.size() - kIvSize - fwpackage::kTrailerSize) % kCipherBlock == 0;
   facts.add("kind", "kind", "usb-package", "USB package");
   facts.add("size", "size", Json::UInt64(file.size()));
   facts.add("sizeFits", "size check", sizeFits, sizeFits ? "as a package's" : "NOT a package's");
@@ -116,9 +116,9 @@ void inspectPackage(Facts& facts, const InputFile& file, const Options& options,
   if (!sizeFits) {
     return;
   }
-  const std::string iv = file.text(0, ivSize);
+  const std::string iv = file.text(0, kIvSize);
   facts.add("iv", "IV", fwpackage::toHex(reinterpret_cast<const unsigned char*>(iv.data()), iv.size()));
-  facts.add("ciphertextSize", "ciphertext", Json::UInt64(file.size() - ivSize - fwpackage::trailerSize));
+  facts.add("ciphertextSize", "ciphertext", Json::UInt64(file.size() - kIvSize - fwpackage::kTrailerSize));
   if (!options.keyFile.empty()) {
     addContent(facts, file, options);
   }
@@ -133,7 +133,7 @@ bool contentOf(const std::string& package, const std::string& name, const Block&
 std::string textOf(const std::string& package, const std::string& name) {
   std::string text;
   contentOf(package, name, [&](const unsigned char* bytes, std::size_t size) {
-    text.append(reinterpret_cast<const char*>(bytes), std::min(size, largestInformation + 1 - text.size()));
+    text.append(reinterpret_cast<const char*>(bytes), std::min(size, kLargestInformation + 1 - text.size()));
   });
   return text;
 }
@@ -201,7 +201,7 @@ std::optional<Information> informationBeside(const fs::path& image) {
   if (!fs::is_regular_file(path, missing)) {
     return std::nullopt;
   }
-  return informationIn(InputFile(path.string()).text(0, largestInformation + 1));
+  return informationIn(InputFile(path.string()).text(0, kLargestInformation + 1));
 }
 
 void inspectImage(Facts& facts, const InputFile& file) {
@@ -227,7 +227,7 @@ std::string imageOfDirectory(const std::string& directory) {
 
 void inspectFile(Facts& facts, const Options& options) {
   const InputFile file(options.input);
-  const auto information = informationIn(file.text(0, largestInformation + 1));
+  const auto information = informationIn(file.text(0, kLargestInformation + 1));
   if (information) {
     return inspectInformation(facts, file, *information);
   }

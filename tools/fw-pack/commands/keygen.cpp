@@ -9,10 +9,10 @@
 namespace fwpack {
 namespace {
 
-constexpr char packageKind[] = "package";
+constexpr char kPackageKind[] = "package";
 
 const fwpackage::Algorithm* findAlgorithm(const std::string& name) {
-  for (const fwpackage::Algorithm& algorithm : fwpackage::algorithms) {
+  for (const fwpackage::Algorithm& algorithm : fwpackage::kAlgorithms) {
     if (name == algorithm.name) {
       return &algorithm;
     }
@@ -21,11 +21,11 @@ const fwpackage::Algorithm* findAlgorithm(const std::string& name) {
 }
 
 void makePackageKey(const std::string& path) {
-  secret::Secret key(secret::packageKeySize);
+  secret::Secret key(secret::kPackageKeySize);
   if (RAND_priv_bytes(key.data(), static_cast<int>(key.size())) != 1) {
     throw Failure(ExitCode::Failed, "the system gives no random numbers");
   }
-  OutputFile file(path, secretMode, Existing::Keep);
+  OutputFile file(path, kSecretMode, Existing::Keep);
   file.write(key.data(), key.size());
   file.commit();
   std::cout << "secret   " << path << " (to encrypt packages with)" << std::endl;
@@ -33,8 +33,8 @@ void makePackageKey(const std::string& path) {
 
 void makeSigningKey(const fwpackage::Algorithm& algorithm, const std::string& secretPath,
                     const std::string& publicPath) {
-  OutputFile secretFile(secretPath, secretMode, Existing::Keep);
-  OutputFile publicFile(publicPath, publicMode, Existing::Keep);
+  OutputFile secretFile(secretPath, kSecretMode, Existing::Keep);
+  OutputFile publicFile(publicPath, kPublicMode, Existing::Keep);
   const SigningKey key(algorithm);
   key.writePrivatePem(secretFile);
   key.writePublicPem(publicFile);
@@ -42,22 +42,22 @@ void makeSigningKey(const fwpackage::Algorithm& algorithm, const std::string& se
   publicFile.commit();
   const fwpackage::KeyId id = key.keyId();
   std::cout << "secret   " << secretPath << " (to sign packages with)\n"
-            << "public   " << publicPath << " (for " << fwpackage::keyDirectory << " of the devices)\n"
+            << "public   " << publicPath << " (for " << fwpackage::kEyDirectory << " of the devices)\n"
             << "key id   " << fwpackage::toHex(id.data(), id.size()) << std::endl;
 }
 
 }  // namespace
 
 std::string keyKinds() {
-  std::string kinds = packageKind;
-  for (const fwpackage::Algorithm& algorithm : fwpackage::algorithms) {
+  std::string kinds = kPackageKind;
+  for (const fwpackage::Algorithm& algorithm : fwpackage::kAlgorithms) {
     kinds += std::string(", ") + algorithm.name;
   }
   return kinds;
 }
 
 bool isKeyKind(const std::string& name) {
-  return name == packageKind || findAlgorithm(name) != nullptr;
+  return name == kPackageKind || findAlgorithm(name) != nullptr;
 }
 
 ExitCode runKeygen(const Options& options) {

@@ -24,16 +24,16 @@ void requireUsableSize(const InputFile& image) {
   if (image.size() == 0) {
     throw Failure(ExitCode::Failed, image.path() + " is empty; modules refuse an empty image");
   }
-  if (packageSize(image.size()) > largestPackage) {
+  if (packageSize(image.size()) > kLargestPackage) {
     throw Failure(ExitCode::Failed, image.path() + " is too large: a package has at most " +
-                                        std::to_string(largestPackage) + " bytes");
+                                        std::to_string(kLargestPackage) + " bytes");
   }
 }
 
 // Whoever asks for an old package wants none of these; in silence they would be lost.
 void requireFormatForOptions(const Options& options) {
   const bool states = !options.name.empty() || !options.model.empty() || !options.minimumVersion.empty();
-  if (options.format == fwpackage::oldFormat && states) {
+  if (options.format == fwpackage::kOldFormat && states) {
     throw Failure(ExitCode::Usage,
                   "a package of format 1 states no name, model or minimum version; leave these options out");
   }
@@ -65,7 +65,7 @@ void writeContent(const InputFile& image, const std::string& version, const secr
   const Iv iv = newIv();
   output(iv.data(), iv.size());
   PackageCipher cipher(key, iv, PackageCipher::Direction::Encrypt);
-  std::array<unsigned char, versionBlockSize> versionBlock{};
+  std::array<unsigned char, kVersionBlockSize> versionBlock{};
   std::copy(version.begin(), version.end(), versionBlock.begin());
   cipher.add(versionBlock.data(), versionBlock.size(), output);
   image.readAll([&](const unsigned char* bytes, std::size_t size) { cipher.add(bytes, size, output); });
@@ -81,14 +81,14 @@ ExitCode runUsb(const Options& options) {
   const SigningKey signer(pem, options.signingKeyFile);
   const auto format = static_cast<unsigned char>(options.format);
   const fwpackage::Statements statements = statementsOf(options);
-  if (format != fwpackage::oldFormat) {
+  if (format != fwpackage::kOldFormat) {
     requireSense(statements);
   }
   signer.requireRoom(format, statements);
   const InputFile image(options.input);
   requireUsableSize(image);
 
-  OutputFile package(options.output, publicMode);
+  OutputFile package(options.output, kPublicMode);
   fwpackage::PackageDigest digest(signer.algorithm());
   writeContent(image, options.version, key, [&](const unsigned char* bytes, std::size_t size) {
     package.write(bytes, size);

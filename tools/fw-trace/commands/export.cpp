@@ -16,8 +16,9 @@ struct CloseFile {
 
 bool writeFile(const std::string& path, const std::string& text) {
   std::unique_ptr<std::FILE, CloseFile> file(std::fopen(path.c_str(), "we"));
-  if (!file || std::fwrite(text.data(), 1, text.size(), file.get()) != text.size())
+  if (!file || std::fwrite(text.data(), 1, text.size(), file.get()) != text.size()) {
     return false;
+  }
   return std::fclose(file.release()) == 0;
 }
 
@@ -26,10 +27,12 @@ bool writeFile(const std::string& path, const std::string& text) {
 Report runExport(const Options& options) {
   Selection selection = selectTraces(options);
   Report report = selection.problem;
-  for (const std::string& line : skippedOf(selection.files))
+  for (const std::string& line : skippedOf(selection.files)) {
     report.details["skipped"].append(line);
-  if (report.outcome != Outcome::Ok)
+  }
+  if (report.outcome != Outcome::Ok) {
     return report;
+  }
   const std::string document = findFormat(options.format)->write(timelineOf(selection.files));
   report.details["format"] = options.format;
   if (options.output.empty()) {

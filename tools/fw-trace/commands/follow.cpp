@@ -25,13 +25,14 @@ void onSignal(int) {
 }
 
 // Writing into a mapping wakes nobody up: it has to be looked at again and again.
-constexpr int lookAgainMs = 200;
+constexpr int kLookAgainMs = 200;
 
 void endOnInterrupt() {
   struct sigaction action = {};
   action.sa_handler = onSignal;  // without SA_RESTART: the wait ends at once
-  for (const int signal : {SIGINT, SIGTERM, SIGHUP})
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
     sigaction(signal, &action, nullptr);
+  }
 }
 
 // How far each thread of each trace was shown; its messages come in time order.
@@ -42,11 +43,13 @@ void showNew(const Options& options, Selection& selection, Shown& shown) {
   const Filter filter(options, entries);
   for (const Entry& entry : entries) {
     auto& last = shown.try_emplace({entry.file->path, entry.message.threadId}, INT64_MIN).first->second;
-    if (entry.message.time <= last)
+    if (entry.message.time <= last) {
       continue;
+    }
     last = entry.message.time;
-    if (filter.accepts(entry.message))
+    if (filter.accepts(entry.message)) {
       std::cout << (options.json ? tool::onOneLine(jsonOf(entry)) : lineOf(entry));
+    }
   }
   std::cout << std::flush;
 }
@@ -59,10 +62,11 @@ Report runFollow(const Options& options) {
   while (interrupted == 0 && std::cout.good()) {
     Selection selection = selectTraces(options);
     // An empty directory fills up; a named file that cannot be read does not.
-    if (selection.problem.outcome != Outcome::Ok && !options.traces.empty())
+    if (selection.problem.outcome != Outcome::Ok && !options.traces.empty()) {
       return selection.problem;
+    }
     showNew(options, selection, shown);
-    poll(nullptr, 0, lookAgainMs);
+    poll(nullptr, 0, kLookAgainMs);
   }
   Report report;
   report.raw = true;  // everything was put out as it came

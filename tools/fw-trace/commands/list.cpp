@@ -11,8 +11,9 @@ namespace tracetool {
 namespace {
 
 const char* stateOf(const TraceFile& file) {
-  if (!file.problem.empty())
+  if (!file.problem.empty()) {
     return "unreadable";
+  }
   return file.alive ? "alive" : "dead";
 }
 
@@ -37,8 +38,9 @@ Json::Value json(const TraceFile& file) {
 }
 
 std::vector<std::string> row(const TraceFile& file) {
-  if (!file.problem.empty())
+  if (!file.problem.empty()) {
     return {"-", stateOf(file), "-", "-", file.path + ": " + file.problem};
+  }
   return {std::to_string(file.trace.processId), stateOf(file), dayAndTime(file.trace.start),
           std::to_string(file.trace.records.size()), file.trace.commandLine};
 }
@@ -55,8 +57,9 @@ Report runList(const Options& options) {
     rows.push_back(row(file));
     report.details["traces"].append(json(file));
   }
-  if (!selection.files.empty())
+  if (!selection.files.empty()) {
     report.body = tool::table(rows, tool::terminalWidth(STDOUT_FILENO));
+  }
   return report;
 }
 

@@ -13,19 +13,22 @@ Report runShow(const Options& options) {
   const std::vector<Entry> entries = entriesOf(selection.files);
   const Filter filter(options, entries);
   for (const Entry& entry : entries) {
-    if (!filter.accepts(entry.message))
+    if (!filter.accepts(entry.message)) {
       continue;
-    if (options.json)
+    }
+    if (options.json) {
       report.details["messages"].append(jsonOf(entry));
-    else
+    } else {
       report.body += lineOf(entry);
+    }
   }
   if (report.outcome == Outcome::Ok && report.body.empty() && report.details["messages"].empty()) {
     report.outcome = Outcome::NothingFound;
     report.message = "No message fits.";
   }
-  for (const std::string& line : skippedOf(selection.files))
+  for (const std::string& line : skippedOf(selection.files)) {
     report.details["skipped"].append(line);
+  }
   return report;
 }
 

@@ -22,21 +22,25 @@ struct Module {
   // Nothing when no update came to the stage.
   std::optional<std::int64_t> timeIn(Stage stage) const {
     std::optional<std::int64_t> total;
-    for (const Update* update : updates)
-      if (const auto time = update->timeIn(stage))
+    for (const Update* update : updates) {
+      if (const auto time = update->timeIn(stage)) {
         total = total.value_or(0) + *time;
+      }
+    }
     return total;
   }
   std::int64_t duration() const {
     std::int64_t total = 0;
-    for (const Update* update : updates)
+    for (const Update* update : updates) {
       total += update->span.length();
+    }
     return total;
   }
   std::map<std::string, int> results() const {
     std::map<std::string, int> counts;
-    for (const Update* update : updates)
+    for (const Update* update : updates) {
       ++counts[nameOf(update->result)];
+    }
     return counts;
   }
 };
@@ -49,8 +53,9 @@ double seconds(std::int64_t nanoseconds) {
 std::optional<std::int64_t> crcTime(const Module& module) {
   const auto check = module.timeIn(Stage::Check);
   const auto prepare = module.timeIn(Stage::Prepare);
-  if (!check && !prepare)
+  if (!check && !prepare) {
     return std::nullopt;
+  }
   return check.value_or(0) + prepare.value_or(0);
 }
 
@@ -64,8 +69,9 @@ Json::Value orNull(std::optional<std::int64_t> time) {
 
 std::vector<std::string> row(const std::string& name, const Module& module) {
   std::string results;
-  for (const auto& [result, count] : module.results())
+  for (const auto& [result, count] : module.results()) {
     results += (results.empty() ? "" : ", ") + std::to_string(count) + " " + result;
+  }
   return {name.empty() ? "(no name)" : name,
           std::to_string(module.updates.size()),
           spanText(module.duration()),
@@ -79,13 +85,15 @@ Json::Value json(const Update& update) {
   Json::Value value;
   value["processId"] = update.file->trace.processId;
   value["firmware"] = update.firmware;
-  if (update.caller)
+  if (update.caller) {
     value["caller"] = *update.caller;
+  }
   value["begin"] = dayAndTime(update.span.begin);
   value["seconds"] = seconds(update.span.length());
   value["result"] = nameOf(update.result);
-  if (!update.reason.empty())
+  if (!update.reason.empty()) {
     value["reason"] = update.reason;
+  }
   return value;
 }
 
@@ -97,10 +105,12 @@ Json::Value json(const std::string& name, const Module& module) {
   value["waitForLockSeconds"] = orNull(module.timeIn(Stage::WaitForLock));
   value["crcSeconds"] = orNull(crcTime(module));
   value["inModuleSeconds"] = orNull(module.timeIn(Stage::InModule));
-  for (const auto& [result, count] : module.results())
+  for (const auto& [result, count] : module.results()) {
     value["results"][result] = count;
-  for (const Update* update : module.updates)
+  }
+  for (const Update* update : module.updates) {
     value["updates"].append(json(*update));
+  }
   return value;
 }
 
@@ -112,8 +122,9 @@ Report runSummary(const Options& options) {
   report.details["modules"] = Json::arrayValue;
   const Timeline timeline = timelineOf(selection.files);
   std::map<std::string, Module> modules;
-  for (const Update& update : timeline.updates)
+  for (const Update& update : timeline.updates) {
     modules[update.name()].updates.push_back(&update);
+  }
 
   std::vector<std::vector<std::string>> rows{
       {"MODULE", "ATTEMPTS", "TIME", "LOCK", "CHECK+CRC", "MODULE'S", "RESULTS"}};
@@ -121,12 +132,14 @@ Report runSummary(const Options& options) {
     rows.push_back(row(name, module));
     report.details["modules"].append(json(name, module));
   }
-  for (const std::string& line : skippedOf(selection.files))
+  for (const std::string& line : skippedOf(selection.files)) {
     report.details["skipped"].append(line);
-  if (!modules.empty())
+  }
+  if (!modules.empty()) {
     report.body = tool::table(rows, tool::terminalWidth(STDOUT_FILENO));
-  else if (report.outcome == Outcome::Ok)
+  } else if (report.outcome == Outcome::Ok) {
     report.message = "No module was updated.";
+  }
   return report;
 }
 

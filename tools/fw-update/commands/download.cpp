@@ -23,9 +23,9 @@ namespace {
 using fwplatform::DownloadState;
 using fwplatform::DownloadStatus;
 
-constexpr std::chrono::milliseconds redraw{100};
-constexpr const char* requested = "Request (%s) emp download";
-constexpr const char* refusedByPlatform = "%s is not downloaded: %s";
+constexpr std::chrono::milliseconds kRedraw{100};
+constexpr const char* kRequested = "Request (%s) emp download";
+constexpr const char* kRefusedByPlatform = "%s is not downloaded: %s";
 
 struct Package {
   std::string module;
@@ -34,29 +34,36 @@ struct Package {
 };
 
 std::vector<std::string> wantedModules(const Options& options, const Library& library) {
-  if (!options.allModules)
+  if (!options.allModules) {
     return options.modules;
+  }
   std::vector<std::string> names;
-  for (const FWUpdateItem& item : library.items)
-    if (kindOf(item.file_name) != std::string("EXT"))
+  for (const FWUpdateItem& item : library.items) {
+    if (kindOf(item.file_name) != std::string("EXT")) {
       names.emplace_back(item.file_name);
+    }
+  }
   return names;
 }
 
 // The platform says why, the library only that.
 Finding refusal(const LogMessages& messages, const std::string& package) {
-  for (const LogMessage& message : messages)
-    if (message.format == refusedByPlatform && message.arguments.size() > 1 &&
-        message.arguments[0] == package)
+  for (const LogMessage& message : messages) {
+    if (message.format == kRefusedByPlatform && message.arguments.size() > 1 &&
+        message.arguments[0] == package) {
       return {Outcome::DownloadFailed, package + " is not downloaded: " + message.arguments[1], ""};
+    }
+  }
   return {Outcome::DownloadFailed, "The platform refused to download " + package + ".",
           "See the log (--log)."};
 }
 
 bool wasRequested(const LogMessages& messages, const std::string& package) {
-  for (const LogMessage& message : messages)
-    if (message.format == requested && !message.arguments.empty() && message.arguments[0] == package)
+  for (const LogMessage& message : messages) {
+    if (message.format == kRequested && !message.arguments.empty() && message.arguments[0] == package) {
       return true;
+    }
+  }
   return false;
 }
 
@@ -65,12 +72,13 @@ Package request(const std::string& module) {
   FWUpdateSymbol symbol(module);
   symbol.loadSymbol(module);
   Package package{module, symbol.getEMPName(), {}};
-  if (symbol.downloadEMP())
+  if (symbol.downloadEMP()) {
     package.finding = {Outcome::Ok, "The download of " + package.name + " was requested.", ""};
-  else if (package.name.empty())
+  } else if (package.name.empty()) {
     package.finding = {Outcome::NothingToDo, module + " has no extension package.", ""};
-  else
+  } else {
     package.finding = refusal(LibraryLog::instance().since(mark), package.name);
+  }
   return package;
 }
 
@@ -95,14 +103,17 @@ std::vector<Package> requestAll(const std::vector<std::string>& modules) {
 // Empty while the download runs.
 std::optional<Finding> endOf(const std::string& package, const std::optional<DownloadStatus>& status,
                              bool running) {
-  if (status && status->state == DownloadState::kDone)
+  if (status && status->state == DownloadState::Done) {
     return Finding{Outcome::Ok, package + " was downloaded (" + std::to_string(status->received) + " bytes).",
                    ""};
-  if (status && status->state == DownloadState::kFailed)
+  }
+  if (status && status->state == DownloadState::Failed) {
     return Finding{Outcome::DownloadFailed, package + " was not downloaded: " + status->message,
                    status->remedy};
-  if (running)
+  }
+  if (running) {
     return std::nullopt;
+  }
   return Finding{Outcome::DownloadFailed, "The download of " + package + " was broken off.",
                  "Try again: it goes on where it stopped, if the server can."};
 }
@@ -110,15 +121,16 @@ std::optional<Finding> endOf(const std::string& package, const std::optional<Dow
 void waitForEnd(Package& package, DownloadReporter& reporter) {
   for (;;) {
     // In this order: a status read after the end is the last one.
-    const bool running = fwplatform::IsDownloadRunning(package.name);
-    const auto status = fwplatform::ReadDownloadStatus(package.name);
+    const bool running = fwplatform::isDownloadRunning(package.name);
+    const auto status = fwplatform::readDownloadStatus(package.name);
     if (const auto end = endOf(package.name, status, running)) {
       package.finding = *end;
       break;
     }
-    if (status)
+    if (status) {
       reporter.tick(package.name, *status);
-    std::this_thread::sleep_for(redraw);
+    }
+    std::this_thread::sleep_for(kRedraw);
   }
   reporter.finish();
 }
@@ -129,34 +141,40 @@ Json::Value toJson(const Package& package) {
   value["package"] = package.name;
   value["outcome"] = infoOf(package.finding.outcome).id;
   value["message"] = package.finding.message;
-  if (!package.finding.remedy.empty())
+  if (!package.finding.remedy.empty()) {
     value["remedy"] = package.finding.remedy;
-  const auto status = fwplatform::ReadDownloadStatus(package.name);
+  }
+  const auto status = fwplatform::readDownloadStatus(package.name);
   if (package.finding.outcome == Outcome::DownloadFailed && status &&
-      status->state == DownloadState::kFailed && package.finding.remedy == status->remedy)
+      status->state == DownloadState::Failed && package.finding.remedy == status->remedy) {
     value["reason"] = status->reason;
+  }
   return value;
 }
 
 // The first failure decides, else the first package.
 void conclude(Report& report, const std::vector<Package>& packages) {
   report.details["packages"] = Json::arrayValue;
-  for (const Package& package : packages)
+  for (const Package& package : packages) {
     report.details["packages"].append(toJson(package));
+  }
   if (packages.empty()) {
     report.finding = {Outcome::NothingToDo, "No module has an extension package.", ""};
     return;
   }
   report.finding = packages.front().finding;
-  for (const Package& package : packages)
+  for (const Package& package : packages) {
     if (package.finding.outcome == Outcome::DownloadFailed) {
       report.finding = package.finding;
       break;
     }
-  if (packages.size() == 1)
+  }
+  if (packages.size() == 1) {
     return;
-  for (const Package& package : packages)
+  }
+  for (const Package& package : packages) {
     report.body += wrapped(package.finding.message, terminalWidth(STDOUT_FILENO)) + "\n";
+  }
 }
 
 }  // namespace
@@ -170,25 +188,30 @@ Report runDownload(const Options& options) {
     report.finding = *library.problem;
     return report;
   }
-  for (const std::string& module : modules)
+  for (const std::string& module : modules) {
     if (const auto problem = moduleProblem(library, module)) {
       report.finding = *problem;
       return report;
     }
+  }
 
   std::vector<Package> packages;
-  if (options.allModules)
+  if (options.allModules) {
     packages = requestAll(modules);
-  else
-    for (const std::string& module : modules)
+  } else {
+    for (const std::string& module : modules) {
       packages.push_back(request(module));
+    }
+  }
   const auto reporter = makeDownloadReporter(options);
   for (Package& package : packages) {
     const bool accepted = package.finding.outcome == Outcome::Ok;
-    if (accepted)
+    if (accepted) {
       reporter->start(package.name);
-    if (accepted && options.wait)
+    }
+    if (accepted && options.wait) {
       waitForEnd(package, *reporter);
+    }
   }
   conclude(report, packages);
   return report;

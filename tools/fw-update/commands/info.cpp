@@ -18,12 +18,15 @@ std::string textOf(const std::array<char, 128>& buffer) {
 // The facade does not tell these; a record of its own asks the module.
 void addModuleAnswers(Report& report, const std::string& name) {
   FWUpdateSymbol module(name);
-  if (module.loadSymbol(name) != 0)
+  if (module.loadSymbol(name) != 0) {
     return;
-  if (int seconds = 0; module.getExpectedTime(&seconds) == 0)
+  }
+  if (int seconds = 0; module.getExpectedTime(&seconds) == 0) {
     report.details["expectedSeconds"] = seconds;
-  if (!module.getEMPName().empty())
+  }
+  if (!module.getEMPName().empty()) {
     report.details["package"] = module.getEMPName();
+  }
 }
 
 std::string shown(const Json::Value& details, const char* member, const char* unit, const char* otherwise) {
@@ -58,24 +61,28 @@ Report runInfo(const Options& options) {
   const int result =
       library.facade->fw_getFWInformation(options.module.c_str(), version.data(), firmware.data());
   unsigned int progress = 0;
-  if (library.facade->fw_getUpdateProgress(options.module.c_str(), &progress) == 0)
+  if (library.facade->fw_getUpdateProgress(options.module.c_str(), &progress) == 0) {
     report.details["progress"] = progress;
+  }
 
   report.details["library"] = options.module;
   report.details["kind"] = kindOf(options.module);
   report.details["result"] = result;
-  if (firmware[0] != '\0')
+  if (firmware[0] != '\0') {
     report.details["firmware"] = textOf(firmware);
-  if (result == 0)
+  }
+  if (result == 0) {
     report.details["version"] = textOf(version);
+  }
   addModuleAnswers(report, options.module);
   report.body = describe(report.details);
   report.finding = {Outcome::Ok, options.module + " answered.", ""};
-  if (result != 0)
+  if (result != 0) {
     report.finding = {
         Outcome::ModuleFailed,
         options.module + " could not tell its version: it answered " + std::to_string(result) + ".",
         "Check that the component is connected."};
+  }
   return report;
 }
 

@@ -32,8 +32,9 @@ std::vector<Row> readOneByOne(Report& report) {
   std::vector<Row> rows;
   for (const ModuleFile& file : inspectModules()) {
     rows.push_back({file.name, file.firmwareName, file.version, file.problem ? "broken" : kindOf(file.name)});
-    if (file.problem)
+    if (file.problem) {
       addBroken(report, file);
+    }
   }
   return rows;
 }
@@ -64,12 +65,14 @@ Report runList(const Options&) {
 
   const auto rows = library.problem ? readOneByOne(report) : readItems(report, library);
 
-  if (library.problem)
+  if (library.problem) {
     report.finding = *library.problem;
-  else if (rows.empty())
+  } else if (rows.empty()) {
     report.finding.message = "No module is installed in /prd/usr/fwupdate/controls.";
-  if (rows.empty())
+  }
+  if (rows.empty()) {
     return report;
+  }
   std::vector<Row> shown{{"LIBRARY", "FIRMWARE", "VERSION", "KIND"}};
   for (const Row& row : rows) {
     shown.push_back(row);

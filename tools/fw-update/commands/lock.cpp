@@ -18,14 +18,14 @@ constexpr struct {
   LockRole role;
   const char* id;  // in JSON
   const char* words;
-} roles[] = {
+} kRoles[] = {
     {LockRole::MayHold, "may-hold", "may hold it"},
     {LockRole::Waits, "waits", "waits for it"},
     {LockRole::HasOpen, "has-open", "has its file open"},
 };
 
 const auto& infoOf(LockRole role) {
-  return *std::find_if(std::begin(roles), std::end(roles),
+  return *std::find_if(std::begin(kRoles), std::end(kRoles),
                        [role](const auto& row) { return row.role == role; });
 }
 
@@ -53,56 +53,66 @@ Json::Value usersJson(const LockUsers& users) {
 
 std::string usersTable(const LockUsers& users) {
   std::vector<std::vector<std::string>> rows{{"PID", "USER", "LOCK", "COMMAND"}};
-  for (const LockUser& user : users.users)
+  for (const LockUser& user : users.users) {
     rows.push_back({std::to_string(user.process), user.user, infoOf(user.role).words, user.command});
+  }
   return rows.size() > 1 ? table(rows, terminalWidth(STDOUT_FILENO)) : "";
 }
 
 void describeUsers(Report& report, const LockUsers& users) {
   report.details["processes"] = usersJson(users);
-  if (!users.blindSpot().empty())
+  if (!users.blindSpot().empty()) {
     report.details["blindSpot"] = users.blindSpot();
-  for (const pid_t process : users.hidden)
+  }
+  for (const pid_t process : users.hidden) {
     report.details["hiddenProcesses"].append(process);
+  }
 }
 
 Finding takenFinding(const LockUsers& users) {
   const std::size_t waiting = countOf(users, LockRole::Waits);
   const std::string more =
       waiting == 0 ? "" : " " + countText(waiting, "process waits", "processes wait") + " for it.";
-  if (users.has(LockRole::MayHold))
+  if (users.has(LockRole::MayHold)) {
     return {Outcome::Ok,
             "The update lock is taken. " +
                 countText(countOf(users, LockRole::MayHold), "process", "processes") + " may hold it." + more,
             ""};
-  if (users.seesAll())
+  }
+  if (users.seesAll()) {
     return {Outcome::Ok, "The update lock is stuck: it is taken, and no process holds it." + more,
             "Give it back: fw-update lock recover"};
+  }
   return {Outcome::Ok, "The update lock is taken, by no process that can be seen." + more,
           "If it is stuck, give it back: fw-update lock recover"};
 }
 
 Finding findingOf(int value, const LockUsers& users) {
-  if (value == 0)
+  if (value == 0) {
     return takenFinding(users);
-  if (value == 1)
+  }
+  if (value == 1) {
     return {Outcome::Ok, "The update lock is free.", ""};
+  }
   return {Outcome::Ok,
           "The update lock is broken: " + std::to_string(value) + " updates could hold it at once.",
           "When no update runs, remove " + UpdateLock::path() + "; the next update makes it anew."};
 }
 
 const char* stateOf(int value, const LockUsers& users) {
-  if (value > 0)
+  if (value > 0) {
     return value == 1 ? "free" : "broken";
+  }
   return users.has(LockRole::MayHold) || !users.seesAll() ? "taken" : "stuck";
 }
 
 std::string statusText(const Finding& finding, const LockUsers& users) {
   std::string text = finding.message + "\n";
-  for (const std::string& more : {finding.remedy, users.blindSpot()})
-    if (!more.empty())
+  for (const std::string& more : {finding.remedy, users.blindSpot()}) {
+    if (!more.empty()) {
       text += more + "\n";
+    }
+  }
   return text + usersTable(users);
 }
 
@@ -115,8 +125,9 @@ Report runLockStatus(const Options& options) {
   const UpdateLock lock;
   if (lock.error() != 0) {
     report.finding = explainClosedLock(lock.error());
-    if (lock.error() == ENOENT)
+    if (lock.error() == ENOENT) {
       report.details["state"] = "absent";
+    }
     return report;
   }
   const LockUsers users = findLockUsers(lock);
@@ -136,8 +147,9 @@ Report runLockRecover(const Options& options) {
   const Recovery recovery = recoverUpdateLock(options.ignoreHidden);
   report.finding = explainRecovery(recovery);
   describeUsers(report, recovery.users);
-  if (report.finding.outcome == Outcome::LockInUse)
+  if (report.finding.outcome == Outcome::LockInUse) {
     report.body = usersTable(recovery.users);
+  }
   return report;
 }
 

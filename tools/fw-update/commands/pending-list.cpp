@@ -15,51 +15,59 @@
 namespace tool {
 namespace {
 
-constexpr const char* listPath = "/tmp/fwupdate-off-list.txt";
-constexpr const char* needUpdate = "Need Update [%s][%s]";
+constexpr const char* kListPath = "/tmp/fwupdate-off-list.txt";
+constexpr const char* kNeedUpdate = "Need Update [%s][%s]";
 
 using Rows = std::vector<std::vector<std::string>>;
 
 // What the library found, which is not always what the file holds.
 Rows found(const LogMessages& messages) {
   Rows rows;
-  for (const LogMessage& message : messages)
-    if (message.format == needUpdate && message.arguments.size() == 2)
+  for (const LogMessage& message : messages) {
+    if (message.format == kNeedUpdate && message.arguments.size() == 2) {
       rows.push_back({message.arguments[0], message.arguments[1]});
+    }
+  }
   return rows;
 }
 
 std::string expectedText(const Rows& rows) {
   std::string text;
-  for (const auto& row : rows)
+  for (const auto& row : rows) {
     text += row[0] + " " + row[1] + "\n";
+  }
   return text;
 }
 
 // The library loses a list that cannot be opened or written without a word.
 bool listHolds(const std::string& text) {
-  const int file = open(listPath, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-  if (file < 0)
+  const int file = open(kListPath, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+  if (file < 0) {
     return false;
+  }
   std::string content;
   char block[4096];
   ssize_t count = 0;
-  while (content.size() <= text.size() && (count = read(file, block, sizeof block)) > 0)
+  while (content.size() <= text.size() && (count = read(file, block, sizeof block)) > 0) {
     content.append(block, static_cast<std::size_t>(count));
+  }
   close(file);
   return count >= 0 && content == text;
 }
 
 Finding explain(int result, const LogMessages& messages, const Rows& rows) {
-  if (result < 0)
+  if (result < 0) {
     return strongestMeaning(messages, "")
         .value_or(Finding{Outcome::Unexpected, "The list was not written.", "See the log (--log)."});
-  if (!listHolds(expectedText(rows)))
-    return {Outcome::Unexpected, std::string("The list could not be written to ") + listPath + ".",
+  }
+  if (!listHolds(expectedText(rows))) {
+    return {Outcome::Unexpected, std::string("The list could not be written to ") + kListPath + ".",
             "Check that it is no directory, that this user may write it, and that /tmp has room."};
-  if (rows.empty())
-    return {Outcome::Ok, std::string("No module needs an update; ") + listPath + " is empty.", ""};
-  return {Outcome::Ok, std::to_string(rows.size()) + " modules are in " + listPath + ".", ""};
+  }
+  if (rows.empty()) {
+    return {Outcome::Ok, std::string("No module needs an update; ") + kListPath + " is empty.", ""};
+  }
+  return {Outcome::Ok, std::to_string(rows.size()) + " modules are in " + kListPath + ".", ""};
 }
 
 // The first Ctrl-C stops the list at the next module; a second ends the tool.
@@ -74,7 +82,7 @@ int writeList(std::size_t mark) {
 Report runPendingList(const Options&) {
   Report report;
   report.command = "pending-list";
-  report.details["path"] = listPath;
+  report.details["path"] = kListPath;
   report.details["modules"] = Json::arrayValue;
   const Library library = openLibrary();
   if (library.problem) {
@@ -96,8 +104,9 @@ Report runPendingList(const Options&) {
       report.details["modules"].append(module);
       shown.push_back(row);
     }
-    if (!rows.empty())
+    if (!rows.empty()) {
       report.body = table(shown, terminalWidth(STDOUT_FILENO));
+    }
   } catch (const std::exception& error) {
     report.finding = {Outcome::ModuleFailed,
                       std::string("A module broke off with an error of its own: ") + error.what() +

@@ -22,30 +22,37 @@ LogMessages messagesOf(const LogMessages& all, const std::string& module) {
   LogMessages turn;
   bool its = false;
   for (const LogMessage& message : all) {
-    if (message.format == text::needTry)
+    if (message.format == text::kNeedTry) {
       its = !message.arguments.empty() && message.arguments[0] == module;
-    if (its)
+    }
+    if (its) {
       turn.push_back(message);
+    }
   }
   return turn;
 }
 
 Finding reasonOf(const Library& library, const LogMessages& all, const std::string& module, bool pending) {
-  if (const auto problem = bindingProblem(library, module))
+  if (const auto problem = bindingProblem(library, module)) {
     return *problem;
-  if (pending)
+  }
+  if (pending) {
     return {Outcome::Ok, "A new image is ready.", "fw-update update " + module};
-  if (kindOf(module) == std::string("EXT"))
+  }
+  if (kindOf(module) == std::string("EXT")) {
     return {Outcome::NothingToDo, "It runs its own procedure and is never pending; update starts it.", ""};
+  }
   const LogMessages turn = messagesOf(all, module);
-  if (const auto finding = strongestMeaning(turn, module))
+  if (const auto finding = strongestMeaning(turn, module)) {
     return *finding;
+  }
   return {Outcome::ModuleFailed, module + " answered neither yes nor no.", ""};
 }
 
 const char* answerOf(const Finding& reason) {
-  if (reason.outcome == Outcome::Ok)
+  if (reason.outcome == Outcome::Ok) {
     return "yes";
+  }
   return reason.outcome == Outcome::NothingToDo ? "no" : "refused";
 }
 
@@ -57,8 +64,9 @@ Json::Value moduleJson(const FWUpdateItem& item, bool pending, const Finding& re
   module["pending"] = pending;
   module["outcome"] = pending ? "pending" : infoOf(reason.outcome).id;
   module["reason"] = reason.message;
-  if (!reason.remedy.empty())
+  if (!reason.remedy.empty()) {
     module["remedy"] = reason.remedy;
+  }
   return module;
 }
 
@@ -77,9 +85,11 @@ void describe(Report& report, const Library& library, const std::list<FWUpdateIt
 // The module whose turn it was when the query broke off.
 Finding brokeOff(const LogMessages& messages, const std::string& what) {
   std::string module = "A module";
-  for (const LogMessage& message : messages)
-    if (message.format == text::needTry && !message.arguments.empty())
+  for (const LogMessage& message : messages) {
+    if (message.format == text::kNeedTry && !message.arguments.empty()) {
       module = message.arguments[0];
+    }
+  }
   return {Outcome::ModuleFailed, module + " broke off with an error of its own: " + what + ".",
           "Install a version of the module that fits this device, or remove it."};
 }
@@ -108,8 +118,9 @@ Report runPending(const Options& options) {
                       std::to_string(pending.size()) + " of " + std::to_string(library.items.size()) +
                           " modules need an update.",
                       ""};
-    if (pending.empty())
+    if (pending.empty()) {
       report.finding = {Outcome::NothingToDo, "No module needs an update.", ""};
+    }
   } catch (const std::exception& error) {
     report.finding = brokeOff(log.since(mark), error.what());
   }

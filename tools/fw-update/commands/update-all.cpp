@@ -27,12 +27,12 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr std::chrono::milliseconds redraw{100};
+constexpr std::chrono::milliseconds kRedraw{100};
 
 // The ending of the whole run: the first of these that a module had.
-constexpr Outcome severity[] = {Outcome::ModuleFailed, Outcome::TimedOut,     Outcome::NotPermitted,
-                                Outcome::RefusedImage, Outcome::BrokenModule, Outcome::Unexpected,
-                                Outcome::NothingToDo};
+constexpr Outcome kSeverity[] = {Outcome::ModuleFailed, Outcome::TimedOut,     Outcome::NotPermitted,
+                                 Outcome::RefusedImage, Outcome::BrokenModule, Outcome::Unexpected,
+                                 Outcome::NothingToDo};
 
 std::string secondsText(double seconds) {
   char text[32];
@@ -44,67 +44,72 @@ std::string secondsText(double seconds) {
 class RunFollower {
  public:
   RunFollower(const std::vector<PlannedModule>& all, RunReporter& to, RunNote& into, std::size_t logMark)
-      : planned(all), reporter(to), note(into), mark(logMark) {}
+      : planned_(all), reporter_(to), note_(into), mark_(logMark) {}
 
   void tick(bool interrupted) {
     const Run run = currentRun();
     tellEnded(run);
-    if (begunOf(run) != begun)
+    if (begunOf(run) != begun_) {
       begin(run);
-    const RunProgress progress = runProgressOf(run, poller ? poller->percent() : std::nullopt, Clock::now());
-    if (interrupted && !interruptionTold) {
-      interruptionTold = true;
-      reporter.goesOn(progress);
+    }
+    const RunProgress progress =
+        runProgressOf(run, poller_ ? poller_->percent() : std::nullopt, Clock::now());
+    if (interrupted && !interruptionTold_) {
+      interruptionTold_ = true;
+      reporter_.goesOn(progress);
     }
     // Between the last module and the end there is nothing to draw.
-    if (begun > 0 && !hasEnded(run, begun - 1))
-      reporter.tick(progress);
+    if (begun_ > 0 && !hasEnded(run, begun_ - 1)) {
+      reporter_.tick(progress);
+    }
   }
 
   // True when a thread is still inside a module.
   bool finish() {
     tellEnded(currentRun());
     stopPolling();
-    reporter.finish();
-    return moduleRuns;
+    reporter_.finish();
+    return moduleRuns_;
   }
 
-  Run currentRun() const { return runOf(planned, LibraryLog::instance().since(mark)); }
+  Run currentRun() const { return runOf(planned_, LibraryLog::instance().since(mark_)); }
 
  private:
   void tellEnded(const Run& run) {
-    for (; told < run.size() && hasEnded(run, told); ++told) {
-      const Finding finding = resultOf(run, told);
-      moduleRuns = moduleRuns || finding.outcome == Outcome::TimedOut;
-      reporter.moduleEnded(told + 1, run[told].planned, finding);
+    for (; told_ < run.size() && hasEnded(run, told_); ++told_) {
+      const Finding finding = resultOf(run, told_);
+      moduleRuns_ = moduleRuns_ || finding.outcome == Outcome::TimedOut;
+      reporter_.moduleEnded(told_ + 1, run[told_].planned, finding);
     }
   }
 
   void begin(const Run& run) {
-    begun = begunOf(run);
+    begun_ = begunOf(run);
     std::vector<std::string> libraries;
-    for (const RunModule& module : run)
+    for (const RunModule& module : run) {
       libraries.push_back(module.planned.library);
-    note.moduleStarted(begun, libraries);
+    }
+    note_.moduleStarted(begun_, libraries);
     stopPolling();
-    poller = std::make_unique<ProgressPoller>(libraries[begun - 1]);
+    poller_ = std::make_unique<ProgressPoller>(libraries[begun_ - 1]);
   }
 
   void stopPolling() {
-    if (poller && !poller->stop())
-      moduleRuns = true;
-    poller.reset();
+    if (poller_ && !poller_->stop()) {
+      moduleRuns_ = true;
+    }
+    poller_.reset();
   }
 
-  const std::vector<PlannedModule> planned;
-  RunReporter& reporter;
-  RunNote& note;
-  const std::size_t mark;
-  std::unique_ptr<ProgressPoller> poller;
-  std::size_t begun = 0;
-  std::size_t told = 0;
-  bool interruptionTold = false;
-  bool moduleRuns = false;
+  const std::vector<PlannedModule> planned_;
+  RunReporter& reporter_;
+  RunNote& note_;
+  const std::size_t mark_;
+  std::unique_ptr<ProgressPoller> poller_;
+  std::size_t begun_ = 0;
+  std::size_t told_ = 0;
+  bool interruptionTold_ = false;
+  bool moduleRuns_ = false;
 };
 
 // Marks the registry's modules, and leaves the list for others to read. A list
@@ -112,8 +117,9 @@ class RunFollower {
 void markModules(Report& report) {
   FWUpdateSymbolManager& manager = *FWUpdateSymbolManager::getInstance();
   bool running = true;
-  if (manager.writeFirmwareUpdateList(running) >= 0)
+  if (manager.writeFirmwareUpdateList(running) >= 0) {
     return;
+  }
   report.details["warning"] = "The pending list /tmp/fwupdate-off-list.txt could not be written.";
   std::list<FWUpdateItem> items;
   char noData[] = "";
@@ -124,11 +130,13 @@ Json::Value endedJson(const RunModule& module, const Finding& finding) {
   Json::Value value = planJson(module.planned);
   value["outcome"] = infoOf(finding.outcome).id;
   value["message"] = finding.message;
-  if (!finding.remedy.empty())
+  if (!finding.remedy.empty()) {
     value["remedy"] = finding.remedy;
+  }
   const auto& turn = module.turn;
-  if (turn && turn->end)
+  if (turn && turn->end) {
     value["elapsedSeconds"] = rounded(std::chrono::duration<double>(*turn->end - turn->start).count());
+  }
   return value;
 }
 
@@ -149,18 +157,21 @@ Finding summary(const std::vector<Finding>& findings, const Run& run, double ela
     whole.outcome = Outcome::Updated;
     return whole;
   }
-  for (const Outcome outcome : severity) {
+  for (const Outcome outcome : kSeverity) {
     if (std::none_of(findings.begin(), findings.end(),
-                     [=](const Finding& f) { return f.outcome == outcome; }))
+                     [=](const Finding& f) { return f.outcome == outcome; })) {
       continue;
+    }
     whole.outcome = outcome;
     break;
   }
   whole.message += " Not updated:";
-  for (std::size_t i = 0; i < findings.size(); ++i)
-    if (!isUpdated(findings[i]))
+  for (std::size_t i = 0; i < findings.size(); ++i) {
+    if (!isUpdated(findings[i])) {
       whole.message += (whole.message.back() == ':' ? " " : ", ") + run[i].planned.library + " (" +
                        infoOf(findings[i].outcome).id + ")";
+    }
+  }
   whole.message += ".";
   whole.remedy = "The modules that are left can be tried again: fw-update update-all";
   return whole;
@@ -191,9 +202,11 @@ void tellResults(Report& report, const Library& library, const UpdatePlan& plan,
     report.details["modules"].append(value);
     findings.push_back(finding);
   }
-  for (const PlannedModule& module : plan.modules)
-    if (!isPartOf(run, module))
+  for (const PlannedModule& module : plan.modules) {
+    if (!isPartOf(run, module)) {
       report.details["modules"].append(planJson(module));
+    }
+  }
   report.details["elapsedSeconds"] = rounded(elapsed);
   report.body = table(rows, terminalWidth(STDOUT_FILENO));
   report.finding = summary(findings, run, elapsed);
@@ -202,8 +215,9 @@ void tellResults(Report& report, const Library& library, const UpdatePlan& plan,
 void performRun(Report& report, const Options& options, const Library& library, const UpdatePlan& plan,
                 RunNote& note) {
   std::vector<std::string> names;
-  for (const PlannedModule& module : plan.due())
+  for (const PlannedModule& module : plan.due()) {
     names.push_back(module.library);
+  }
   note.runStarted(names);
   const auto reporter = makeRunReporter(options);
   reporter->start(plan);
@@ -218,7 +232,7 @@ void performRun(Report& report, const Options& options, const Library& library, 
   RunFollower follower(plan.modules, *reporter, note, mark);
   do {
     follower.tick(interrupted);
-  } while (result.wait_for(redraw) != std::future_status::ready);
+  } while (result.wait_for(kRedraw) != std::future_status::ready);
   report.moduleRuns = follower.finish();
 
   const double elapsed = std::chrono::duration<double>(Clock::now() - start).count();
@@ -254,8 +268,9 @@ Report runUpdateAll(const Options& options) {
   }
   const UpdatePlan plan = makePlan(library, options.dryRun);
   report.details["modules"] = Json::arrayValue;
-  for (const PlannedModule& module : plan.modules)
+  for (const PlannedModule& module : plan.modules) {
     report.details["modules"].append(planJson(module));
+  }
   if (plan.problem) {
     report.finding = *plan.problem;
     return report;

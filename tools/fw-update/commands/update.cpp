@@ -17,7 +17,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr std::chrono::milliseconds redraw{100};
+constexpr std::chrono::milliseconds kRedraw{100};
 
 double secondsSince(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
@@ -33,9 +33,10 @@ std::string activeVersion(const Library& library, const std::string& name) {
 // module code runs on this thread: the library itself could not go on.
 Finding explainException(const std::exception& error, const LogMessages& messages,
                          const std::string& module) {
-  if (timeLimit(messages))
+  if (timeLimit(messages)) {
     return {Outcome::Unexpected, std::string("The update could not be started: ") + error.what() + ".",
             "Try again when the device has more memory free."};
+  }
   return {Outcome::ModuleFailed, module + " broke off with an error of its own: " + error.what() + ".",
           "Install a version of the module that fits this device."};
 }
@@ -51,8 +52,9 @@ std::string describeChange(const Json::Value& details) {
   const std::string after = shownVersion(details["versionAfter"]);
   char seconds[32];
   std::snprintf(seconds, sizeof seconds, "%.1f s.", details["elapsedSeconds"].asDouble());
-  if (before == after)
+  if (before == after) {
     return "Version " + after + " as before, in " + seconds;
+  }
   return "Version " + before + " -> " + after + " in " + seconds;
 }
 
@@ -75,7 +77,7 @@ void requestUpdate(Report& report, const Options& options, FWUpdateContorl& faca
     UpdateProgress progress = progressOf(messages, options.module, start, Clock::now());
     progress.percent = poller.percent();
     reporter->tick(progress);
-  } while (result.wait_for(redraw) != std::future_status::ready);
+  } while (result.wait_for(kRedraw) != std::future_status::ready);
   reporter->finish();
   report.moduleRuns = !poller.stop();
 
@@ -87,8 +89,9 @@ void requestUpdate(Report& report, const Options& options, FWUpdateContorl& faca
     report.finding = explainException(error, messages, options.module);
   }
   report.details["elapsedSeconds"] = rounded(secondsSince(start));
-  if (const auto limit = timeLimit(messages))
+  if (const auto limit = timeLimit(messages)) {
     report.details["expectedSeconds"] = limit->expected;
+  }
 }
 
 }  // namespace
@@ -107,8 +110,9 @@ Report runUpdate(const Options& options) {
   report.details["versionBefore"] = activeVersion(library, options.module);
   requestUpdate(report, options, *library.facade);
 
-  if (report.finding.outcome == Outcome::TimedOut)
+  if (report.finding.outcome == Outcome::TimedOut) {
     report.moduleRuns = true;  // and is not asked anything more
+  }
   if (report.finding.outcome == Outcome::Updated) {
     report.details["versionAfter"] = activeVersion(library, options.module);
     report.finding.message += " " + describeChange(report.details);

@@ -27,26 +27,28 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr std::chrono::milliseconds redraw{100};
-constexpr const char* uncheckedWarning =
+constexpr std::chrono::milliseconds kRedraw{100};
+constexpr const char* kUncheckedWarning =
     "signatures were NOT checked: /usr/lib/libkZAQUser.so cannot be used, and the library then takes every "
     "package";
 
 void warn(Report& report, const Options& options, const std::string& sentence) {
-  if (options.json || options.ndjson)
+  if (options.json || options.ndjson) {
     report.details["warnings"].append(sentence);
-  else
+  } else {
     std::cerr << "fw-update: warning: " << sentence << std::endl;
+  }
 }
 
 // With the "/" at the end that the library wants; empty when there is none.
 std::string packageDirectory(const Options& options, Report& report) {
   if (options.directory.empty()) {
     std::string drive;
-    if (!FWUpdateSymbol("").getUsbMountPath(drive))
+    if (!FWUpdateSymbol("").getUsbMountPath(drive)) {
       report.finding = {Outcome::RefusedImage, "No USB drive is mounted.",
                         "Plug in the drive and wait until it is mounted at /opt/media/USBDriveA, or name the "
                         "packages' directory."};
+    }
     return drive;
   }
   struct stat status = {};
@@ -61,8 +63,9 @@ std::string packageDirectory(const Options& options, Report& report) {
 // False when the report says why not.
 bool permitRollback(const Options& options, Report& report) {
   const auto problem = options.allowRollback ? allowRollback() : std::nullopt;
-  if (problem)
+  if (problem) {
     report.finding = *problem;
+  }
   return !problem;
 }
 
@@ -76,20 +79,24 @@ struct Session {
 // Null when the report says why not.
 std::unique_ptr<Session> open(const Options& options, Report& report) {
   report.details["modules"] = Json::arrayValue;
-  if (!permitRollback(options, report))
+  if (!permitRollback(options, report)) {
     return nullptr;
+  }
   try {
     auto session =
         std::make_unique<Session>(Session{Library{}, secret::readPackageKey(options.keyFile), "", {}});
-    if (!session->key.warning.empty())
+    if (!session->key.warning.empty()) {
       warn(report, options, session->key.warning);
+    }
     session->directory = packageDirectory(options, report);
-    if (session->directory.empty())
+    if (session->directory.empty()) {
       return nullptr;
+    }
     report.details["directory"] = session->directory;
     session->library = openLibrary();
-    if (!session->library.problem)
+    if (!session->library.problem) {
       return session;
+    }
     report.finding = *session->library.problem;
   } catch (const secret::Error& error) {
     report.finding = {
@@ -101,9 +108,11 @@ std::unique_ptr<Session> open(const Options& options, Report& report) {
 
 // The library says only that a package is refused.
 void explainRefusals(Session& session) {
-  for (PackageState& state : session.states)
-    if (state.notSigned)
+  for (PackageState& state : session.states) {
+    if (state.notSigned) {
       state.finding = whyRefused(session.directory + state.firmware + ".bin").value_or(state.finding);
+    }
+  }
 }
 
 // The library's own sum; false when a module broke off.
@@ -124,8 +133,9 @@ bool estimate(Session& session, const Options& options, Report& report) {
   explainRefusals(session);
   report.details["totalSeconds"] = seconds;
   report.details["signaturesChecked"] = signaturesChecked(messages);
-  if (!signaturesChecked(messages))
-    warn(report, options, uncheckedWarning);
+  if (!signaturesChecked(messages)) {
+    warn(report, options, kUncheckedWarning);
+  }
   return true;
 }
 
@@ -135,18 +145,21 @@ Json::Value moduleJson(const PackageState& state) {
   module["firmware"] = state.firmware;
   module["version"] = state.version;
   module["needsUpdate"] = state.needed;
-  if (state.needed)
+  if (state.needed) {
     module["expectedSeconds"] = state.seconds;
+  }
   module["outcome"] = infoOf(state.finding.outcome).id;
   module["reason"] = state.finding.message;
-  if (!state.finding.remedy.empty())
+  if (!state.finding.remedy.empty()) {
     module["remedy"] = state.finding.remedy;
+  }
   return module;
 }
 
 const char* answerOf(const PackageState& state) {
-  if (state.needed)
+  if (state.needed) {
     return "yes";
+  }
   return state.finding.outcome == Outcome::NothingToDo ? "no" : "refused";
 }
 
@@ -157,9 +170,10 @@ std::size_t countNeeded(const Session& session) {
 
 std::string estimateTable(const Session& session, int totalSeconds) {
   std::vector<std::vector<std::string>> rows{{"LIBRARY", "FIRMWARE", "VERSION", "UPDATE", "TIME", "REASON"}};
-  for (const PackageState& state : session.states)
+  for (const PackageState& state : session.states) {
     rows.push_back({state.library, state.firmware, state.version, answerOf(state),
                     state.needed ? std::to_string(state.seconds) + " s" : "", state.finding.message});
+  }
   rows.push_back(
       {"total", "", "", std::to_string(countNeeded(session)), std::to_string(totalSeconds) + " s", ""});
   return table(rows, terminalWidth(STDOUT_FILENO));
@@ -167,8 +181,9 @@ std::string estimateTable(const Session& session, int totalSeconds) {
 
 void describeModules(const Session& session, Report& report) {
   report.details["modules"] = Json::arrayValue;
-  for (const PackageState& state : session.states)
+  for (const PackageState& state : session.states) {
     report.details["modules"].append(moduleJson(state));
+  }
 }
 
 // When no module needs a package: the first refusal, or that there is nothing to do.
@@ -183,40 +198,43 @@ Finding whyNothing(const Session& session) {
 class PackageProgress {
  public:
   PackageProgress(const Options& chosen, const std::vector<PackageState>& all)
-      : options(chosen), states(all) {}
+      : options_(chosen), states_(all) {}
 
   void tick(const LogMessages& messages) {
-    const auto running = runningPackage(states, messages);
-    if (running && running->since != since)
+    const auto running = runningPackage(states_, messages);
+    if (running && running->since != since_) {
       start(*running);
-    if (!running || !poller)
+    }
+    if (!running || !poller_) {
       return;
+    }
     UpdateProgress progress;
-    progress.module = states[running->index].library;
+    progress.module = states_[running->index].library;
     progress.phase = Phase::Updating;
     progress.elapsed = std::chrono::duration<double>(Clock::now() - running->since).count();
-    progress.percent = poller->percent();
-    progress.limit = TimeLimit{static_cast<unsigned int>(states[running->index].seconds), 0};
-    reporter->tick(progress);
+    progress.percent = poller_->percent();
+    progress.limit = TimeLimit{static_cast<unsigned int>(states_[running->index].seconds), 0};
+    reporter_->tick(progress);
   }
 
   // False when a module does not answer.
   bool finish() {
-    if (reporter)
-      reporter->finish();
-    const bool answered = !poller || poller->stop();
-    poller.reset();
+    if (reporter_) {
+      reporter_->finish();
+    }
+    const bool answered = !poller_ || poller_->stop();
+    poller_.reset();
     return answered;
   }
 
  private:
   void start(const RunningPackage& running) {
     finish();
-    since = running.since;
-    const std::string& module = states[running.index].library;
-    reporter = makeProgressReporter(options);
-    poller = std::make_unique<ProgressPoller>(module);
-    if (options.ndjson) {
+    since_ = running.since;
+    const std::string& module = states_[running.index].library;
+    reporter_ = makeProgressReporter(options_);
+    poller_ = std::make_unique<ProgressPoller>(module);
+    if (options_.ndjson) {
       Json::Value event;
       event["event"] = "start";
       event["module"] = module;
@@ -224,11 +242,11 @@ class PackageProgress {
     }
   }
 
-  const Options& options;
-  const std::vector<PackageState>& states;
-  std::unique_ptr<ProgressReporter> reporter;
-  std::unique_ptr<ProgressPoller> poller;
-  Clock::time_point since;
+  const Options& options_;
+  const std::vector<PackageState>& states_;
+  std::unique_ptr<ProgressReporter> reporter_;
+  std::unique_ptr<ProgressPoller> poller_;
+  Clock::time_point since_;
 };
 
 // False when a module broke off; then the finding says so.
@@ -242,7 +260,7 @@ bool applyPackages(Session& session, const Options& options, Report& report) {
   PackageProgress progress(options, session.states);
   do {
     progress.tick(LibraryLog::instance().since(mark));
-  } while (result.wait_for(redraw) != std::future_status::ready);
+  } while (result.wait_for(kRedraw) != std::future_status::ready);
   report.moduleRuns = !progress.finish();
   readResults(session.states, LibraryLog::instance().since(mark));
   explainRefusals(session);
@@ -265,8 +283,9 @@ void describeResults(const Session& session, Report& report) {
     const std::string library = module["library"].asString();
     char version[128] = {};
     watched::tellStep(Step::Version, library);
-    if (!report.moduleRuns && session.library.facade->fw_getVersion(library.c_str(), version) == 0)
+    if (!report.moduleRuns && session.library.facade->fw_getVersion(library.c_str(), version) == 0) {
       module["versionAfter"] = version;
+    }
     rows.push_back({library, module["firmware"].asString(), module["version"].asString(), version,
                     module["reason"].asString()});
   }
@@ -274,8 +293,9 @@ void describeResults(const Session& session, Report& report) {
 }
 
 Finding summary(const Session& session, const Report& report) {
-  if (const auto problem = firstProblem(session.states))
+  if (const auto problem = firstProblem(session.states)) {
     return *problem;
+  }
   char text[80];
   std::snprintf(text, sizeof text, "%zu %s in %.1f s.", countNeeded(session),
                 countNeeded(session) == 1 ? "package was applied" : "packages were applied",
@@ -289,8 +309,9 @@ Report runUsbEstimate(const Options& options) {
   Report report;
   report.command = options.command->name;
   const auto session = open(options, report);
-  if (!session || !estimate(*session, options, report))
+  if (!session || !estimate(*session, options, report)) {
     return report;
+  }
   describeModules(*session, report);
   const int seconds = report.details["totalSeconds"].asInt();
   report.body = estimateTable(*session, seconds);
@@ -298,8 +319,9 @@ Report runUsbEstimate(const Options& options) {
                     std::to_string(countNeeded(*session)) + " modules need a package, in about " +
                         std::to_string(seconds) + " s.",
                     ""};
-  if (countNeeded(*session) == 0)
+  if (countNeeded(*session) == 0) {
     report.finding = whyNothing(*session);
+  }
   return report;
 }
 
@@ -307,8 +329,9 @@ Report runUsbApply(const Options& options) {
   Report report;
   report.command = options.command->name;
   const auto session = open(options, report);
-  if (!session || !estimate(*session, options, report))
+  if (!session || !estimate(*session, options, report)) {
     return report;
+  }
   if (countNeeded(*session) == 0) {
     describeModules(*session, report);
     report.body = estimateTable(*session, 0);
@@ -317,8 +340,9 @@ Report runUsbApply(const Options& options) {
   }
   const bool applied = applyPackages(*session, options, report);
   describeResults(*session, report);
-  if (applied)
+  if (applied) {
     report.finding = summary(*session, report);
+  }
   return report;
 }
 

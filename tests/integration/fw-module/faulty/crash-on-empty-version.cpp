@@ -5,7 +5,8 @@
 #include <cstdlib>
 
 int checkVersion(const char* version, int* need) {
-  if (version[0] == '\0')
+  if (version[0] == '\0') {
     std::abort();
+  }
   return sound::checkVersion(version, need);
 }

@@ -4,7 +4,8 @@
 
 int doUpdate(const char* path, unsigned long value) {
   std::string image;
-  if (sound::readFile(path, image) && image.empty())
+  if (sound::readFile(path, image) && image.empty()) {
     return sound::activate(image);
+  }
   return sound::update(path, value);
 }

@@ -4,7 +4,8 @@
 
 int checkVersion(const char* version, int* need) {
   const int result = sound::checkVersion(version, need);
-  if (result == 0 && sound::activeVersion() == version)
+  if (result == 0 && sound::activeVersion() == version) {
     *need = 1;
+  }
   return result;
 }

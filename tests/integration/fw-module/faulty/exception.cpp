@@ -5,7 +5,8 @@
 #include <stdexcept>
 
 int checkVersion(const char* version, int* need) {
-  if (!sound::isVersion(version))
+  if (!sound::isVersion(version)) {
     throw std::invalid_argument("no version");
+  }
   return sound::checkVersion(version, need);
 }

@@ -6,7 +6,8 @@
 
 int doUpdate(const char* path, unsigned long value) {
   const int result = sound::update(path, value);
-  if (result != 0)
+  if (result != 0) {
     std::exit(3);
+  }
   return result;
 }

@@ -4,7 +4,8 @@
 
 int checkVersion(const char* version, int* need) {
   const int result = sound::checkVersion(version, need);
-  if (result == 0 && std::strcmp(version, "0.0.0") == 0 && sound::activeVersion() == "0.0.0")
+  if (result == 0 && std::strcmp(version, "0.0.0") == 0 && sound::activeVersion() == "0.0.0") {
     *need = 1;
+  }
   return result;
 }

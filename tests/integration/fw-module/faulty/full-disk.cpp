@@ -4,10 +4,12 @@
 
 int doUpdate(const char* path, unsigned long value) {
   std::string image;
-  if (!sound::readFile(path, image))
+  if (!sound::readFile(path, image)) {
     return sound::failure(ENOENT);
-  if (image.empty() || sound::crcOf(image) != value)
+  }
+  if (image.empty() || sound::crcOf(image) != value) {
     return sound::failure(EBADMSG);
+  }
   std::ofstream flash(sound::kNewFlash, std::ios::binary | std::ios::trunc);
   flash << sound::versionToWrite() << '\n' << image;
   flash.close();

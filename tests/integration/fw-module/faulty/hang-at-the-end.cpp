@@ -5,8 +5,9 @@ namespace {
 
 struct Global {
   ~Global() {
-    for (;;)
+    for (;;) {
       pause();
+    }
   }
 } global;
 

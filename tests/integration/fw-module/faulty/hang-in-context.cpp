@@ -3,6 +3,7 @@
 #include "sound-module.h"
 
 int setContext(const char*, CallerTypes, char*) {
-  for (;;)
+  for (;;) {
     pause();
+  }
 }

@@ -3,6 +3,7 @@
 #include "sound-module.h"
 
 int doUpdate(const char*, unsigned long) {
-  for (;;)
+  for (;;) {
     pause();
+  }
 }

@@ -5,7 +5,8 @@
 int getEMPID(char* out) {
   const std::string identifier = "soundempfw" + std::string(118, 'x');
   volatile char* place = out;
-  for (std::size_t i = 0; i <= identifier.size(); ++i)
+  for (std::size_t i = 0; i <= identifier.size(); ++i) {
     place[i] = identifier.c_str()[i];
+  }
   return 0;
 }

@@ -4,7 +4,8 @@
 
 int doUpdate(const char* path, unsigned long value) {
   const int result = sound::update(path, value);
-  if (result == -EBADMSG)
+  if (result == -EBADMSG) {
     open(path, O_RDONLY | O_CLOEXEC);
+  }
   return result;
 }

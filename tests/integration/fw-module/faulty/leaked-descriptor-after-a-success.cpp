@@ -4,7 +4,8 @@
 
 int doUpdate(const char* path, unsigned long value) {
   const int result = sound::update(path, value);
-  if (result == 0)
+  if (result == 0) {
     open("/dev/null", O_RDONLY | O_CLOEXEC);
+  }
   return result;
 }

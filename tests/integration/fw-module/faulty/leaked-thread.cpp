@@ -6,8 +6,9 @@
 
 int doUpdate(const char* path, unsigned long value) {
   std::thread([] {
-    for (;;)
+    for (;;) {
       pause();
+    }
   }).detach();
   return sound::update(path, value);
 }

@@ -4,7 +4,8 @@
 
 int doUpdate(const char* path, unsigned long value) {
   const pid_t child = fork();
-  while (child == 0)
+  while (child == 0) {
     pause();
+  }
   return sound::update(path, value);
 }

@@ -4,7 +4,8 @@
 
 int getActiveVersion(char* out) {
   volatile char* place = out;
-  for (int i = 0; i < 200; ++i)
+  for (int i = 0; i < 200; ++i) {
     place[i] = i < 199 ? '1' : '\0';
+  }
   return 0;
 }

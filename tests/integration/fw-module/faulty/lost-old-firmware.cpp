@@ -4,10 +4,12 @@
 
 int doUpdate(const char* path, unsigned long value) {
   std::string image;
-  if (!sound::readFile(path, image))
+  if (!sound::readFile(path, image)) {
     return sound::failure(ENOENT);
-  if (image.empty())
+  }
+  if (image.empty()) {
     return sound::failure(ENODATA);
+  }
   const int result = sound::activate(image);
   return result == 0 && sound::crcOf(image) != value ? sound::failure(EBADMSG) : result;
 }

@@ -4,7 +4,8 @@
 
 int checkVersion(const char* version, int* need) {
   const int result = sound::checkVersion(version, need);
-  if (result == 0)
+  if (result == 0) {
     *need = 0;
+  }
   return result;
 }

@@ -3,8 +3,9 @@
 #include "sound-module.h"
 
 int checkVersion(const char* version, int* need) {
-  if (version[0] == '\0' || sound::isVersion(version))
+  if (version[0] == '\0' || sound::isVersion(version)) {
     return sound::checkVersion(version, need);
+  }
   *need = 1;
   return 0;
 }

@@ -11,8 +11,9 @@ int doUpdate(const char* path, unsigned long value) {
 
 int getUpdateProgress(unsigned int* progress) {
   static std::atomic<unsigned int> percent{0};
-  if (sound::running)
+  if (sound::running) {
     percent = 98 + sound::asked++;
+  }
   *progress = percent;
   return 0;
 }

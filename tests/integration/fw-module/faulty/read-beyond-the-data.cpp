@@ -3,8 +3,9 @@
 #include "sound-module.h"
 
 int doUpdate_decryption(const unsigned char* data, int length) {
-  if (length <= 0)
+  if (length <= 0) {
     return sound::failure(ENODATA);
+  }
   const volatile unsigned char* bytes = data;
   return bytes[length] == 0 ? 0 : sound::failure(EBADMSG);
 }

@@ -5,7 +5,8 @@
 int checkVersion(const char* version, int* need) {
   int answer = 0;
   const int result = sound::checkVersion(version, &answer);
-  if (answer != 0)
+  if (answer != 0) {
     *need = answer;
+  }
   return result;
 }

@@ -12,8 +12,9 @@ std::mutex updating;
 
 int doUpdate(const char* path, unsigned long value) {
   const std::lock_guard<std::mutex> lock(updating);
-  if (sound::isWatched())
+  if (sound::isWatched()) {
     std::this_thread::sleep_for(std::chrono::seconds(2));
+  }
   return sound::update(path, value);
 }
 

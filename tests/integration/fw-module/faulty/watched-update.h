@@ -23,8 +23,11 @@ inline bool isWatched() {
 inline void waitUntilAsked(unsigned int times) {
   asked = 0;
   running = true;
-  while (isWatched() && asked < times)
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  while (isWatched() && asked < times) {
+    {
+      { std::this_thread::sleep_for(std::chrono::milliseconds(1)); }
+    }
+  }
   running = false;
 }
 

@@ -7,7 +7,8 @@ int checkVersion(const char* version, int* need) {
   const int result = sound::checkVersion(version, &answer);
   const long long wide = answer;
   volatile char* place = reinterpret_cast<char*>(need);
-  for (std::size_t i = 0; i < sizeof wide; ++i)
+  for (std::size_t i = 0; i < sizeof wide; ++i) {
     place[i] = reinterpret_cast<const char*>(&wide)[i];
+  }
   return result;
 }

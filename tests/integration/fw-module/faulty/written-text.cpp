@@ -4,7 +4,8 @@
 
 int checkVersion(const char* version, int* need) {
   const std::string whole = version;
-  if (char* const dot = const_cast<char*>(std::strchr(version, '.')))
+  if (char* const dot = const_cast<char*>(std::strchr(version, '.'))) {
     *dot = '\0';
+  }
   return sound::checkVersion(whole.c_str(), need);
 }

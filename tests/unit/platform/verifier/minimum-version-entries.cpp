@@ -38,7 +38,7 @@ class AppliedPackage : public DeviceTest {
     DeviceTest::SetUp();
     library_ = dlopen(VERIFIER_LIBRARY, RTLD_LAZY);
     ASSERT_NE(library_, nullptr) << dlerror();
-    writeFile(std::string(fwpackage::keyDirectory) + "/maker.pem", publicPem(testSigningKey("ed25519")));
+    writeFile(std::string(fwpackage::kEyDirectory) + "/maker.pem", publicPem(testSigningKey("ed25519")));
     allowRollback(0);
   }
   void TearDown() override { dlclose(library_); }
@@ -127,7 +127,7 @@ TEST_F(AppliedPackage, SaysWhenItCannotBeNoted) {
   EXPECT_EQ(apply(package("2.0.0", "1.5.0")), -EBADMSG);
 
   fs::remove_all("/var/lib/fw-update/minimum-versions");
-  const TemporaryMount readOnly = TemporaryMount::Memory("/var/lib/fw-update");
+  const TemporaryMount readOnly = TemporaryMount::memory("/var/lib/fw-update");
   ASSERT_EQ(mount(nullptr, "/var/lib/fw-update", nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
   EXPECT_EQ(apply(package("2.0.0", "1.5.0")), -EROFS);
 }

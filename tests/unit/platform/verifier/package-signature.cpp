@@ -41,7 +41,7 @@ const fwpack::SigningKey& maker() {
 fwpackage::Key publicHalf(const fwpack::SigningKey& key) {
   const fwpack::TemporaryDirectory directory;
   const std::string path = directory.path() + "/key.pem";
-  fwpack::OutputFile file(path, fwpack::publicMode);
+  fwpack::OutputFile file(path, fwpack::kPublicMode);
   key.writePublicPem(file);
   file.commit();
   return fwpackage::readPublicKey(path);
@@ -435,7 +435,7 @@ TEST_F(KeyDirectory, GivesNoKeyFromAFileThatIsTooLarge) {
 }
 
 TEST_F(KeyDirectory, HoldsNoPrivateKeysAndAsksForNoPassPhrase) {
-  fwpack::OutputFile file(path("secret.pem"), fwpack::secretMode);
+  fwpack::OutputFile file(path("secret.pem"), fwpack::kSecretMode);
   maker().writePrivatePem(file);
   file.commit();
 

@@ -22,9 +22,9 @@ using ::testing::HasSubstr;
 using ::testing::ThrowsMessage;
 
 constexpr KeyId kKey = {0x10, 0x32, 0x54, 0x76, 0x98, 0xba, 0xdc, 0xfe};
-const Algorithm& kRsa4096 = fwpackage::algorithms[0];
-const Algorithm& kEd25519 = fwpackage::algorithms[1];
-const Algorithm& kRsa3072 = fwpackage::algorithms[2];
+const Algorithm& kRsa4096 = fwpackage::kAlgorithms[0];
+const Algorithm& kEd25519 = fwpackage::kAlgorithms[1];
+const Algorithm& kRsa3072 = fwpackage::kAlgorithms[2];
 
 Statements statements() {
   Statements stated;

@@ -48,7 +48,7 @@ std::atomic<std::int64_t> throwingAt{-1};
 extern "C" __attribute__((visibility("default"))) ssize_t pread64(int file, void* buffer, size_t size,
                                                                   off64_t offset) {
   using Read = ssize_t (*)(int, void*, size_t, off64_t);
-  static const auto real = reinterpret_cast<Read>(dlsym(RTLD_NEXT, "pread64"));
+  static const auto kReal = reinterpret_cast<Read>(dlsym(RTLD_NEXT, "pread64"));
   if (offset <= failingAt && failingAt - offset < static_cast<std::int64_t>(size)) {
     errno = EIO;
     return -1;
@@ -56,7 +56,7 @@ extern "C" __attribute__((visibility("default"))) ssize_t pread64(int file, void
   if (offset == throwingAt) {
     throw std::bad_alloc();
   }
-  const ssize_t got = real(file, buffer, size, offset);
+  const ssize_t got = kReal(file, buffer, size, offset);
   bytesRead += got > 0 ? got : 0;
   return got;
 }
@@ -69,14 +69,14 @@ class Verifier : public DeviceTest {
     DeviceTest::SetUp();
     failingAt = INT64_MAX;
     throwingAt = -1;
-    library = dlopen(VERIFIER_LIBRARY, RTLD_LAZY);
-    ASSERT_NE(library, nullptr) << dlerror();
-    verifyFile = reinterpret_cast<int (*)(int, const char*, const char*)>(dlsym(library, "verifyFile"));
-    ASSERT_NE(verifyFile, nullptr);
+    library_ = dlopen(VERIFIER_LIBRARY, RTLD_LAZY);
+    ASSERT_NE(library_, nullptr) << dlerror();
+    verifyFile_ = reinterpret_cast<int (*)(int, const char*, const char*)>(dlsym(library_, "verifyFile"));
+    ASSERT_NE(verifyFile_, nullptr);
   }
-  void TearDown() override { dlclose(library); }
+  void TearDown() override { dlclose(library_); }
 
-  bool accepts(const char* path = kPackage) const { return verifyFile(0, path, "UserCaller") != 0; }
+  bool accepts(const char* path = kPackage) const { return verifyFile_(0, path, "UserCaller") != 0; }
   bool acceptsContent(const std::string& content) const {
     writeFile(kPackage, content);
     return accepts();
@@ -96,13 +96,13 @@ class Verifier : public DeviceTest {
   }
 
  private:
-  void* library = nullptr;
-  int (*verifyFile)(int, const char*, const char*) = nullptr;
+  void* library_ = nullptr;
+  int (*verifyFile_)(int, const char*, const char*) = nullptr;
 };
 
 // The set's description, for as long as what it returns lives.
 TemporaryMount setOfModel(const std::string& model) {
-  TemporaryMount etc = TemporaryMount::Memory("/etc");
+  TemporaryMount etc = TemporaryMount::memory("/etc");
   DeviceTest::writeFile("/etc/os-release", "ID=" + model + "\nBUILD_ID=1\n");
   return etc;
 }
@@ -212,7 +212,7 @@ TEST_F(Verifier, RefusesAPackageForAnotherModel) {
 TEST_F(Verifier, RefusesAPackageForOneModelWhenTheSetsIsUnknown) {
   fwpackage::Statements statements = statementsFor("tunerfw");
   statements.model = "set-7";
-  const TemporaryMount etc = TemporaryMount::Memory("/etc");
+  const TemporaryMount etc = TemporaryMount::memory("/etc");
   fs::remove("/usr/lib/os-release");
 
   EXPECT_FALSE(acceptsContent(signedFile(kContent, installKey(), statements)));
@@ -333,7 +333,7 @@ TEST_F(Verifier, RefusesWhenThereIsNoKey) {
   const std::string package = smallPackage(testSigningKey("ed25519"));
 
   EXPECT_FALSE(acceptsContent(package));
-  fs::remove_all(fwpackage::keyDirectory);
+  fs::remove_all(fwpackage::kEyDirectory);
   EXPECT_FALSE(acceptsContent(package));
 }
 
@@ -364,7 +364,7 @@ TEST_F(Verifier, RefusesAKeyOfAnotherAlgorithmThanTheTrailers) {
 }
 
 TEST_F(Verifier, FindsItsKeyAmongOthersAndAmongJunk) {
-  const std::string keys = std::string(fwpackage::keyDirectory) + "/";
+  const std::string keys = std::string(fwpackage::kEyDirectory) + "/";
   writeFile(keys + "a.pem", publicPem(fwpack::SigningKey(testSigningKey("ed25519").algorithm())));
   writeFile(keys + "b.pem", "no key");
   writeFile(keys + "c.pem", std::string(1 << 20, 'k'));

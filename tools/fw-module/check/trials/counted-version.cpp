@@ -10,10 +10,12 @@ constexpr char kFirstVersion[] = "1.0.0";
 
 std::string increased(std::string number) {
   std::size_t digit = number.size();
-  while (digit > 0 && number[digit - 1] == '9')
+  while (digit > 0 && number[digit - 1] == '9') {
     number[--digit] = '0';
-  if (digit == 0)
+  }
+  if (digit == 0) {
     return "1" + number;
+  }
   ++number[digit - 1];
   return number;
 }

@@ -17,15 +17,17 @@ constexpr char kDirectory[] = "/var/lib/fw-components";
 
 std::uint64_t usedSpace() {
   struct statvfs status {};
-  if (statvfs(kDirectory, &status) != 0)
+  if (statvfs(kDirectory, &status) != 0) {
     throw std::system_error(errno, std::generic_category(), kDirectory);
+  }
   return std::uint64_t{status.f_blocks - status.f_bfree} * status.f_frsize;
 }
 
 void leaveNoSpace() {
   const std::string size = "size=" + std::to_string(usedSpace());
-  if (mount(nullptr, kDirectory, nullptr, MS_REMOUNT, size.c_str()) != 0)
+  if (mount(nullptr, kDirectory, nullptr, MS_REMOUNT, size.c_str()) != 0) {
     throw std::system_error(errno, std::generic_category(), "cannot limit the device's memory");
+  }
 }
 
 }  // namespace fwmodule

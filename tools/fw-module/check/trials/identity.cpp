@@ -23,27 +23,31 @@ bool isPrintable(const std::string& text) {
 std::string problemOf(const std::string& identifier) {
   const bool plain = std::all_of(identifier.begin(), identifier.end(),
                                  [](unsigned char c) { return c < 0x80 && std::isalnum(c) != 0; });
-  if (identifier.empty())
+  if (identifier.empty()) {
     return "no identifier";
-  if (!plain)
+  }
+  if (!plain) {
     return "\"" + identifier + "\", which is not only letters and digits";
-  if (identifier.find("emp") == std::string::npos)
+  }
+  if (identifier.find("emp") == std::string::npos) {
     return "\"" + identifier + "\", which has no \"emp\"";
+  }
   return firmwareOf(identifier).empty() ? "\"emp\", which leaves no name for the firmware" : "";
 }
 
 void tryContexts(const Stage& stage) {
-  constexpr CallerTypes callers[] = {CALLER_QUERY,       CALLER_FACTORY,           CALLER_DEBUG,
-                                     CALLER_USB_PACKAGE, CALLER_UPGRADE_APP,       CALLER_LSM,
-                                     CALLER_RESERVED6,   CALLER_UPGRADE_EPSOLUTION};
+  constexpr CallerTypes kCallers[] = {CALLER_QUERY,       CALLER_FACTORY,           CALLER_DEBUG,
+                                      CALLER_USB_PACKAGE, CALLER_UPGRADE_APP,       CALLER_LSM,
+                                      CALLER_RESERVED6,   CALLER_UPGRADE_EPSOLUTION};
   const std::string requests[] = {"", "USB", "FACTORY_AUTOMATION", std::string(kLongestText, 'x')};
-  for (const CallerTypes caller : callers)
+  for (const CallerTypes caller : kCallers) {
     for (const std::string& request : requests) {
       const int result = stage.module.setContext(caller, request, "with a caller and request data");
       stage.transcript.judge(result == 0, Check::Context, EntryPoint::SetContext,
                              answered(EntryPoint::SetContext, result) + " for caller " +
                                  std::to_string(caller) + " with the request data \"" + request + "\".");
     }
+  }
 }
 
 void tryIdentifier(const Stage& stage) {
@@ -60,8 +64,9 @@ void tryIdentifier(const Stage& stage) {
   const std::string problem = problemOf(identifier);
   transcript.judge(problem.empty(), Check::Identifier, EntryPoint::GetEmpId,
                    "getEMPID wrote " + problem + ".");
-  if (problem.empty())
+  if (problem.empty()) {
     transcript.fact(Fact::Identifier, identifier);
+  }
 }
 
 void tryActiveVersion(const Stage& stage) {
@@ -76,20 +81,22 @@ void tryActiveVersion(const Stage& stage) {
       version.written ? "\"" + version.text + "\", which is no printable text" : "nothing";
   transcript.judge(isPrintable(version.text), Check::ActiveVersion, EntryPoint::GetActiveVersion,
                    "getActiveVersion answered 0 and wrote " + wrote + ".");
-  if (isPrintable(version.text))
+  if (isPrintable(version.text)) {
     transcript.fact(Fact::ActiveVersion, version.text);
+  }
 }
 
 void tryExpectedTime(const Stage& stage) {
   Transcript& transcript = stage.transcript;
   if (!stage.module.has(EntryPoint::GetExpectedTime)) {
     transcript.notChecked(Check::ExpectedTimeLong, "it does not export getExpectedTime");
-    if (stage.module.has(EntryPoint::DoUpdateDecryption) && !stage.subject.extension)
+    if (stage.module.has(EntryPoint::DoUpdateDecryption) && !stage.subject.extension) {
       transcript.finding(Check::ExpectedTime, EntryPoint::GetExpectedTime,
                          "doUpdate_decryption is exported and getExpectedTime is not: no USB package is "
                          "ever applied.");
-    else
+    } else {
       transcript.notChecked(Check::ExpectedTime, "it does not export getExpectedTime");
+    }
     return;
   }
   const auto seconds = stage.module.getExpectedTime(kFirst);

@@ -28,8 +28,9 @@ void judgeAfterFailure(const Stage& stage, EntryPoint entryPoint, int result, co
 void judgeRepeatedFailures(const Stage& stage, const std::string& version, const Image& image,
                            const char* situation) {
   const Census before = takeCensus();
-  for (int i = 0; i < kFailures; ++i)
+  for (int i = 0; i < kFailures; ++i) {
     update(stage, version, image, situation);
+  }
   judgeLeftovers(stage, before, EntryPoint::DoUpdate, "after updates " + std::string(situation));
 }
 
@@ -38,8 +39,9 @@ void tryBadImage(const Stage& stage, Check check, const std::string& version, co
   const int result = update(stage, version, image, situation);
   stage.transcript.judge(result != 0, check, EntryPoint::DoUpdate,
                          "doUpdate answered 0 " + std::string(situation) + ".");
-  if (result == 0)
+  if (result == 0) {
     return;
+  }
   judgeAfterFailure(stage, EntryPoint::DoUpdate, result, situation);
   judgeRepeatedFailures(stage, version, image, situation);
 }
@@ -53,8 +55,9 @@ std::string corrupted(std::string bytes) {
 }  // namespace
 
 void tryMissingImage(const Stage& stage) {
-  if (!updateToNewer(stage))
+  if (!updateToNewer(stage)) {
     return;
+  }
   const std::string version = countedUp(stage.subject.newerVersion);
   Image image = placeGoodImage(stage.subject, version);
   image.path += ".missing";
@@ -62,16 +65,18 @@ void tryMissingImage(const Stage& stage) {
 }
 
 void tryEmptyImage(const Stage& stage) {
-  if (!updateToNewer(stage))
+  if (!updateToNewer(stage)) {
     return;
+  }
   const std::string version = countedUp(stage.subject.newerVersion);
   tryBadImage(stage, Check::ImageEmpty, version, placeImage(stage.subject, version, "", ""),
               "with an empty image");
 }
 
 void tryCorruptImage(const Stage& stage) {
-  if (!updateToNewer(stage))
+  if (!updateToNewer(stage)) {
     return;
+  }
   const std::string version = countedUp(stage.subject.newerVersion);
   const std::string good = imageBytes(stage.subject, version);
   tryBadImage(stage, Check::ImageCorrupt, version, placeImage(stage.subject, version, corrupted(good), good),
@@ -84,8 +89,9 @@ void tryFullDisk(const Stage& stage) {
   const std::string version = countedUp(stage.subject.newerVersion);
   const Image image = placeGoodImage(stage.subject, stage.subject.newerVersion);
   const std::uint64_t before = usedSpace();
-  if (!updateToNewer(stage))
+  if (!updateToNewer(stage)) {
     return;
+  }
   if (usedSpace() < before + image.size) {
     stage.transcript.notChecked(Check::FullDisk, "its firmware is not kept in files of the device");
     return;
@@ -98,8 +104,9 @@ void tryFullDisk(const Stage& stage) {
   const bool truth = result != 0 || (kept && (active == version || stage.subject.image));
   stage.transcript.judge(truth, Check::FullDisk, EntryPoint::DoUpdate,
                          "doUpdate answered 0 on a full disk, and the new firmware is not there.");
-  if (result != 0)
+  if (result != 0) {
     judgeAfterFailure(stage, EntryPoint::DoUpdate, result, "on a full disk");
+  }
 }
 
 void tryUsbPackage(const Stage& stage) {
@@ -116,8 +123,9 @@ void tryUsbPackage(const Stage& stage) {
   transcript.judge(result == 0 && active == version, Check::Decryption, EntryPoint::DoUpdateDecryption,
                    answered(EntryPoint::DoUpdateDecryption, result) + " for a good image of version " +
                        version + ", and \"" + active + "\" is active.");
-  if (result != 0)
+  if (result != 0) {
     return;
+  }
   const int empty = stage.module.doUpdateDecryption("", "with an empty image");
   transcript.judge(empty != 0, Check::ImageEmpty, EntryPoint::DoUpdateDecryption,
                    "doUpdate_decryption answered 0 with an empty image.");

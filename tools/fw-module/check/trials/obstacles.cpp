@@ -19,16 +19,19 @@ const char* knowsNoVersion(const Subject& subject) {
 }
 
 const char* takesNoVersion(const Subject& subject) {
-  if (const char* const extension = isExtension(subject))
+  if (const char* const extension = isExtension(subject)) {
     return extension;
-  if (subject.firmware.empty())
+  }
+  if (subject.firmware.empty()) {
     return "it has no firmware name";
+  }
   return subject.newerVersion.empty() ? "it needs no version, as far as found" : nullptr;
 }
 
 const char* takesNoImage(const Subject& subject) {
-  if (const char* const other = takesNoVersion(subject))
+  if (const char* const other = takesNoVersion(subject)) {
     return other;
+  }
   return subject.updates ? nullptr : "no image could be written";
 }
 

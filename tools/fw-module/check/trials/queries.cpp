@@ -54,9 +54,11 @@ std::vector<Query> queriesOf(const Stage& stage) {
        }},
   };
   std::vector<Query> present;
-  for (const Query& query : queries)
-    if (module.has(query.entryPoint))
+  for (const Query& query : queries) {
+    if (module.has(query.entryPoint)) {
       present.push_back(query);
+    }
+  }
   return present;
 }
 
@@ -65,8 +67,9 @@ void askRepeatedly(const Stage& stage, const Query& query, int times, const std:
                    const char* situation) {
   for (int i = 0; i < times; ++i) {
     const std::string answer = query.ask(situation);
-    if (answer == expected)
+    if (answer == expected) {
       continue;
+    }
     std::string text = infoOf(query.entryPoint).name;
     text.append(" first answered ").append(expected).append(", then ").append(answer);
     stage.transcript.finding(Check::SameAnswer, query.entryPoint, text + ", " + situation + ".");
@@ -81,8 +84,9 @@ void tryRepeatedCalls(const Stage& stage) {
   for (const Query& query : queriesOf(stage)) {
     const char* const situation = "when it was asked again and again";
     const std::string expected = query.ask(situation);
-    for (int i = 1; i < kFirstCalls; ++i)
+    for (int i = 1; i < kFirstCalls; ++i) {
       query.ask(situation);
+    }
     const Census before = takeCensus();
     askRepeatedly(stage, query, kCalls, expected, situation);
     judgeLeftovers(stage, before, query.entryPoint, "after " + std::to_string(kCalls) + " calls");
@@ -93,10 +97,11 @@ void tryConcurrentCalls(const Stage& stage) {
   const std::vector<Query> queries = queriesOf(stage);
   std::vector<std::string> expected;
   expected.reserve(queries.size());
-  for (const Query& query : queries)
+  for (const Query& query : queries) {
     expected.push_back(query.ask("when it was asked alone"));
+  }
   std::vector<std::thread> threads;
-  for (unsigned int number = 0; number < kThreads; ++number)
+  for (unsigned int number = 0; number < kThreads; ++number) {
     threads.emplace_back([&, number] {
       const FaultStack stack;
       for (std::size_t i = 0; i < queries.size(); ++i) {
@@ -104,8 +109,10 @@ void tryConcurrentCalls(const Stage& stage) {
         askRepeatedly(stage, queries[at], kCalls, expected[at], "when several threads asked at once");
       }
     });
-  for (std::thread& thread : threads)
+  }
+  for (std::thread& thread : threads) {
     thread.join();
+  }
 }
 
 }  // namespace fwmodule

@@ -20,8 +20,9 @@ constexpr unsigned int kExpectedSeconds = 30;
 
 void writeFile(const std::string& path, const std::string& content) {
   std::ofstream file(path, std::ios::binary | std::ios::trunc);
-  if (!file.write(content.data(), static_cast<std::streamsize>(content.size())).flush())
+  if (!file.write(content.data(), static_cast<std::streamsize>(content.size())).flush()) {
     throw std::runtime_error("cannot write " + path + " on the device");
+  }
 }
 
 }  // namespace
@@ -50,10 +51,12 @@ Image placeGoodImage(const Subject& subject, const std::string& version, std::si
 }
 
 int update(const Stage& stage, const std::string& version, const Image& image, const char* situation) {
-  if (const int result = stage.module.setContext(CALLER_UPGRADE_APP, "", "before an update"); result != 0)
+  if (const int result = stage.module.setContext(CALLER_UPGRADE_APP, "", "before an update"); result != 0) {
     return result;
-  if (const auto need = stage.module.checkVersion(version, "before an update"); need.result != 0)
+  }
+  if (const auto need = stage.module.checkVersion(version, "before an update"); need.result != 0) {
     return need.result;
+  }
   int result = kThrew;
   std::thread worker([&] {
     const FaultStack stack;

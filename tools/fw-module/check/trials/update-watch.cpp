@@ -52,8 +52,9 @@ WatchedUpdate UpdateWatch::run(const std::string& path, unsigned long crc, const
   addWatchers();
   const Clock::time_point start = Clock::now();
   std::vector<std::thread> threads;
-  for (Watcher& watcher : watchers_)
+  for (Watcher& watcher : watchers_) {
     threads.emplace_back([this, &watcher] { watch(watcher); });
+  }
   std::thread worker([&] {
     const FaultStack stack;
     update_.result = stage_.module.doUpdate(path, crc, situation);
@@ -61,17 +62,20 @@ WatchedUpdate UpdateWatch::run(const std::string& path, unsigned long crc, const
   });
   worker.join();
   const Clock::duration elapsed = Clock::now() - start;
-  for (std::thread& thread : threads)
+  for (std::thread& thread : threads) {
     thread.join();
-  for (const Watcher& watcher : watchers_)
+  }
+  for (const Watcher& watcher : watchers_) {
     note(watcher, elapsed);
+  }
   return std::move(update_);
 }
 
 void UpdateWatch::addWatchers() {
   const auto add = [this](EntryPoint entryPoint, std::function<void()> ask) {
-    if (stage_.module.has(entryPoint))
+    if (stage_.module.has(entryPoint)) {
       watchers_.push_back({entryPoint, std::move(ask)});
+    }
   };
   add(EntryPoint::GetUpdateProgress, [this] { askProgress(); });
   add(EntryPoint::GetActiveVersion, [this] { stage_.module.getActiveVersion(kSituation); });
@@ -94,8 +98,9 @@ void UpdateWatch::watch(Watcher& watcher) {
 
 void UpdateWatch::askProgress() {
   const auto progress = stage_.module.getUpdateProgress(kSituation);
-  if (progress.result == 0 && progress.written && !ended_)
+  if (progress.result == 0 && progress.written && !ended_) {
     update_.percentages.push_back(progress.value);
+  }
 }
 
 void UpdateWatch::note(const Watcher& watcher, Clock::duration elapsed) {
@@ -127,23 +132,27 @@ void judgeProgress(const Stage& stage, const WatchedUpdate& update) {
   transcript.judge(greatest <= kWhole, Check::ProgressRange, EntryPoint::GetUpdateProgress,
                    "getUpdateProgress wrote " + std::to_string(greatest) + " while doUpdate ran.");
   const auto fall = std::adjacent_find(percentages.begin(), percentages.end(), std::greater<>());
-  if (fall == percentages.end())
+  if (fall == percentages.end()) {
     transcript.passed(Check::ProgressFalls);
-  else
+  } else {
     transcript.finding(Check::ProgressFalls, EntryPoint::GetUpdateProgress,
                        "getUpdateProgress fell from " + std::to_string(*fall) + " to " +
                            std::to_string(*std::next(fall)) + " while doUpdate ran.");
+  }
 }
 
 void judgeWaits(const Stage& stage, const WatchedUpdate& update,
                 const std::function<WatchedUpdate()>& again) {
   EntryPointSet waited = update.waited;
-  for (int i = 0; i < kFurtherUpdates && waited != 0; ++i)
+  for (int i = 0; i < kFurtherUpdates && waited != 0; ++i) {
     waited &= again().waited;
-  for (const EntryPointInfo& entry : kEntryPoints)
-    if (contains(update.asked, entry.entryPoint))
+  }
+  for (const EntryPointInfo& entry : kEntryPoints) {
+    if (contains(update.asked, entry.entryPoint)) {
       stage.transcript.judge(!contains(waited, entry.entryPoint), Check::QueryWaits, entry.entryPoint,
                              std::string(entry.name) + " did not answer before doUpdate was over.");
+    }
+  }
 }
 
 }  // namespace fwmodule

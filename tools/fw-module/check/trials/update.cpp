@@ -13,8 +13,9 @@ WatchedUpdate watchedUpdate(const Stage& stage, const std::string& version) {
   const Image image = placeGoodImage(stage.subject, version, kWatchedImage);
   WatchedUpdate refused;
   refused.result = stage.module.setContext(CALLER_UPGRADE_APP, "", "before an update");
-  if (refused.result != 0)
+  if (refused.result != 0) {
     return refused;
+  }
   refused.result = stage.module.checkVersion(version, "before an update").result;
   return refused.result != 0 ? refused : watchUpdate(stage, image.path, image.crc, kGoodImage);
 }
@@ -53,8 +54,9 @@ void tryUpdate(const Stage& stage) {
   transcript.judge(
       active == version, Check::UpdateVersion, EntryPoint::GetActiveVersion,
       "doUpdate answered 0 for version " + version + ", and getActiveVersion wrote \"" + active + "\".");
-  if (active != version)
+  if (active != version) {
     return;
+  }
   transcript.fact(Fact::Updates, "yes");
   judgeNotNeeded(stage, Check::VersionEqual, version, active);
   judgeNotNeeded(stage, Check::VersionOlder, stage.subject.activeVersion, active);
@@ -64,7 +66,7 @@ void tryUpdate(const Stage& stage) {
 
 // Whatever comes of it: the module decides itself, and there may be no image.
 void tryOwnProcedure(const Stage& stage) {
-  constexpr int times = 3;
+  constexpr int kTimes = 3;
   const std::string& library = stage.subject.library;
   stage.module.setContext(CALLER_UPGRADE_APP, "", "before its own procedure");
   const WatchedUpdate first = watchUpdate(stage, library, 0, kOwnProcedure);
@@ -72,8 +74,9 @@ void tryOwnProcedure(const Stage& stage) {
   judgeProgress(stage, first);
   judgeWaits(stage, first, [&] { return watchUpdate(stage, library, 0, kOwnProcedure); });
   const Census before = takeCensus();
-  for (int i = 0; i < times; ++i)
+  for (int i = 0; i < kTimes; ++i) {
     stage.module.doUpdate(library, 0, "as its own procedure, again");
+  }
   judgeLeftovers(stage, before, EntryPoint::DoUpdate, "after its own procedure");
 }
 

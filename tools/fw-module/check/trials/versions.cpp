@@ -6,15 +6,17 @@ namespace fwmodule {
 namespace {
 
 std::string describe(const NumberAnswer<int>& need) {
-  if (need.result != 0)
+  if (need.result != 0) {
     return answered(EntryPoint::CheckVersion, need.result);
+  }
   return need.written ? "checkVersion wrote " + std::to_string(need.value) : "checkVersion wrote nothing";
 }
 
 // Tells about an answer that no version should get.
 void judgeAnswer(const Stage& stage, const std::string& version, const NumberAnswer<int>& need) {
-  if (need.result != 0)
+  if (need.result != 0) {
     return;
+  }
   const std::string sentence = describe(need) + " for version \"" + version + "\".";
   stage.transcript.judge(need.written, Check::Need, EntryPoint::CheckVersion, sentence);
   stage.transcript.judge(need.value == 0 || need.value == 1, Check::NeedValue, EntryPoint::CheckVersion,
@@ -76,8 +78,8 @@ void tryOddVersions(const Stage& stage) {
                            describe(need) + " for \"" + odd.version + "\".");
   }
   // Newer or not is the module's to say; it only must get through it.
-  constexpr std::size_t tooLong = 1000;
-  stage.module.checkVersion(std::string(tooLong, '9'), "given a version of 1000 characters");
+  constexpr std::size_t kTooLong = 1000;
+  stage.module.checkVersion(std::string(kTooLong, '9'), "given a version of 1000 characters");
 }
 
 }  // namespace fwmodule
