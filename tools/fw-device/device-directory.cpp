@@ -10,7 +10,7 @@
 
 #include "device-layout.h"
 #include "device-namespace.h"
-#include "exit-code.h"
+#include "outcome.h"
 
 namespace fwdevice {
 namespace fs = std::filesystem;
@@ -40,17 +40,17 @@ void writeMarker(const sandbox::DirectoryTree& tree, const DeviceSystem& system)
 // What init writes there must not get into the hands of somebody else.
 void requireOwner(const sandbox::DirectoryTree& tree, const std::string& directory) {
   if (tree.owner() != geteuid()) {
-    throw Failure(ExitCode::NoDevice, directory + " belongs to another user (uid " +
-                                          std::to_string(tree.owner()) + "); name a directory of your own");
+    throw Failure(Outcome::NoDevice, directory + " belongs to another user (uid " +
+                                         std::to_string(tree.owner()) + "); name a directory of your own");
   }
 }
 
 void requireNewOrEmpty(const std::string& directory) {
   if (fs::exists(directory) && !fs::is_directory(directory)) {
-    throw Failure(ExitCode::NoDevice, directory + " is no directory; name a new one");
+    throw Failure(Outcome::NoDevice, directory + " is no directory; name a new one");
   }
   if (fs::exists(directory) && !fs::is_empty(directory)) {
-    throw Failure(ExitCode::NoDevice, directory + " is not empty and no device; name a new directory");
+    throw Failure(Outcome::NoDevice, directory + " is not empty and no device; name a new directory");
   }
 }
 
@@ -76,13 +76,12 @@ NewDevice makeDeviceDirectory(const std::string& directory, const DeviceSystem& 
 
 std::string requireDeviceDirectory(const std::string& directory) {
   if (!isDevice(directory)) {
-    throw Failure(ExitCode::NoDevice,
-                  directory + " is no device; run fw-device init " + directory + " first");
+    throw Failure(Outcome::NoDevice, directory + " is no device; run fw-device init " + directory + " first");
   }
   try {
     sandbox::requireOwnDevice(sandbox::DirectoryTree(directory), directory);
   } catch (const std::runtime_error& refused) {
-    throw Failure(ExitCode::NoDevice, refused.what());
+    throw Failure(Outcome::NoDevice, refused.what());
   }
   return fs::canonical(directory);
 }

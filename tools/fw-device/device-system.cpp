@@ -9,7 +9,7 @@
 #include <optional>
 #include <sstream>
 
-#include "exit-code.h"
+#include "outcome.h"
 #include "tool-location.h"
 
 namespace fwdevice {
@@ -49,7 +49,7 @@ std::string existing(const std::string& option, const std::string& path) {
   std::error_code missing;
   const auto absolute = fs::canonical(path, missing).string();
   if (missing || !fs::is_directory(absolute)) {
-    throw Failure(ExitCode::Usage, option + " " + path + ": there is no such directory");
+    throw Failure(Outcome::Usage, option + " " + path + ": there is no such directory");
   }
   return absolute;
 }
@@ -59,9 +59,9 @@ void requireFittingPrograms(const DeviceSystem& system) {
   const auto ours = programKind(directory + kTool);
   const auto theirs = programKind(system.root + kShell);
   if (ours && theirs && !sameProcessor(*ours, *theirs)) {
-    throw Failure(ExitCode::Usage, "the programs in " + directory +
-                                       " are for another processor than those of " + system.root +
-                                       "; name a build for it with --build");
+    throw Failure(Outcome::Usage, "the programs in " + directory +
+                                      " are for another processor than those of " + system.root +
+                                      "; name a build for it with --build");
   }
 }
 

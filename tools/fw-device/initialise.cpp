@@ -6,7 +6,7 @@
 #include <cstddef>
 #include <filesystem>
 #include <iomanip>
-#include <iostream>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -14,6 +14,7 @@
 #include "device-layout.h"
 #include "directory-tree.h"
 #include "firmware-image.h"
+#include "outcome.h"
 #include "package-image.h"
 #include "package-security.h"
 #include "tool-location.h"
@@ -98,7 +99,7 @@ std::vector<std::string> installModules(const DirectoryTree& device, const std::
     }
     searched += (searched.empty() ? "" : ", ") + directory;
   }
-  throw Failure(ExitCode::Failed,
+  throw Failure(Outcome::Failed,
                 "no modules found (looked in " + searched + "); build them and run init again");
 }
 
@@ -135,52 +136,91 @@ void configureDownloads(const DirectoryTree& device) {
                    "url = file://" + kServer + "\n");
 }
 
-void reportSystem(const DeviceSystem& system) {
-  if (!system.root.empty()) {
-    std::cout << "root     " << system.root << "\n";
-  }
-  if (!system.build.empty()) {
-    std::cout << "build    " << system.build << "\n";
-  }
-}
+// What the device has now.
+struct Contents {
+  std::string device;
+  DeviceSystem system;
+  std::vector<std::string> modules;
+  PackageSecurity security;
+};
 
-void report(const std::string& device, const DeviceSystem& system, const std::vector<std::string>& modules,
-            const PackageSecurity& security) {
-  std::cout << "device   " << device << "\n";
-  reportSystem(system);
-  for (const auto& module : modules) {
-    std::cout << "module   " << module << "\n";
+std::string textOf(const Contents& contents) {
+  std::ostringstream text;
+  text << "device   " << contents.device << "\n";
+  if (!contents.system.root.empty()) {
+    text << "root     " << contents.system.root << "\n";
+  }
+  if (!contents.system.build.empty()) {
+    text << "build    " << contents.system.build << "\n";
+  }
+  for (const auto& module : contents.modules) {
+    text << "module   " << module << "\n";
   }
   for (const auto& image : kExampleImages) {
-    std::cout << "image    " << std::left << std::setw(9) << image.firmwareName << image.version << "  "
-              << image.directory << (image.corrupt ? "  (corrupt on purpose)" : "") << "\n";
+    text << "image    " << std::left << std::setw(9) << image.firmwareName << image.version << "  "
+         << image.directory << (image.corrupt ? "  (corrupt on purpose)" : "") << "\n";
   }
   for (const auto& package : kExamplePackages) {
-    std::cout << "package  " << std::left << std::setw(11) << package.empName << package.version << "  "
-              << package.directory << "\n";
+    text << "package  " << std::left << std::setw(11) << package.empName << package.version << "  "
+         << package.directory << "\n";
   }
-  std::cout << "verifier "
-            << (security.verifier.empty() ? "none: packages are not checked" : security.verifier) << "\n"
-            << "keys     " << security.signingKey << "  (to sign packages with)\n"
-            << "keys     " << security.packageKey << "  (to encrypt USB packages with)\n";
-  std::cout << "next     fw-device run " << device << " -- fw-update list" << std::endl;
+  const auto& security = contents.security;
+  text << "verifier " << (security.verifier.empty() ? "none: packages are not checked" : security.verifier)
+       << "\n"
+       << "keys     " << security.signingKey << "  (to sign packages with)\n"
+       << "keys     " << security.packageKey << "  (to encrypt USB packages with)\n"
+       << "next     fw-device run " << contents.device << " -- fw-update list\n";
+  return text.str();
+}
+
+template <typename Example>
+Json::Value describe(const Example& example, const char* name) {
+  Json::Value described;
+  described["name"] = name;
+  described["firmware"] = example.firmwareName;
+  described["version"] = example.version;
+  described["directory"] = example.directory;
+  return described;
+}
+
+Json::Value jsonOf(const Contents& contents) {
+  Json::Value json;
+  json["device"] = contents.device;
+  json["root"] = contents.system.root;
+  json["build"] = contents.system.build;
+  json["verifier"] = contents.security.verifier;
+  json["signingKey"] = contents.security.signingKey;
+  json["packageKey"] = contents.security.packageKey;
+  for (const auto& module : contents.modules) {
+    json["modules"].append(module);
+  }
+  for (const auto& image : kExampleImages) {
+    json["images"].append(describe(image, image.firmwareName));
+    json["images"][json["images"].size() - 1]["corrupt"] = image.corrupt;
+  }
+  for (const auto& package : kExamplePackages) {
+    json["packages"].append(describe(package, package.empName));
+  }
+  return json;
 }
 
 }  // namespace
 
-ExitCode initialise(const CommandLine& line) {
-  const auto [device, system] = makeDeviceDirectory(line.directory, line.system);
-  if (line.fresh) {
+frame::Report initialise(const Options& options) {
+  const auto [device, system] = makeDeviceDirectory(options.directory, {options.root, options.build});
+  if (options.fresh) {
     forgetState(device);
   }
   const auto programs = programDirectory(system);
-  const auto security = installPackageSecurity(line.directory, device, programs);
+  const auto security = installPackageSecurity(options.directory, device, programs);
   installImages(device);
   installPackages(device, security.signingKey);
   configureDownloads(device);
-  const auto modules = installModules(device, programs);
-  report(line.directory, system, modules, security);
-  return ExitCode::Done;
+  const Contents contents = {options.directory, system, installModules(device, programs), security};
+  frame::Report report(Outcome::Done);
+  report.body = textOf(contents);
+  report.details = jsonOf(contents);
+  return report;
 }
 
 }  // namespace fwdevice

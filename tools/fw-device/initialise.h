@@ -2,13 +2,13 @@
 #ifndef FW_DEVICE_INITIALISE_H
 #define FW_DEVICE_INITIALISE_H
 
-#include "command-line.h"
-#include "exit-code.h"
+#include "frame/report.h"
+#include "options.h"
 
 namespace fwdevice {
 
-// Prints what the device has. Throws Failure or std::system_error.
-ExitCode initialise(const CommandLine& line);
+// Tells what the device has. Throws Failure or std::system_error.
+frame::Report initialise(const Options& options);
 
 }  // namespace fwdevice
 

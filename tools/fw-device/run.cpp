@@ -14,6 +14,7 @@
 #include "device-directory.h"
 #include "device-namespace.h"
 #include "device-system.h"
+#include "outcome.h"
 
 namespace fwdevice {
 namespace fs = std::filesystem;
@@ -58,7 +59,7 @@ bool rootHas(const DeviceSystem& system, const std::string& path) {
 
 // The build with its libraries, what the root file system does not have of the current
 // directory and the program with what lies beside it, and what the user named.
-std::vector<std::string> visiblePaths(const CommandLine& line, const DeviceSystem& system,
+std::vector<std::string> visiblePaths(const Options& options, const DeviceSystem& system,
                                       const std::string& program) {
   const auto programs = programDirectory(system);
   std::vector<std::string> paths = {fs::path(programs).parent_path(), programs};
@@ -70,31 +71,32 @@ std::vector<std::string> visiblePaths(const CommandLine& line, const DeviceSyste
       paths.push_back(path);
     }
   }
-  paths.insert(paths.end(), line.keepVisible.begin(), line.keepVisible.end());
+  paths.insert(paths.end(), options.keepVisible.begin(), options.keepVisible.end());
   return paths;
 }
 
 void requireExisting(const std::string& option, const std::vector<std::string>& paths) {
   for (const auto& path : paths) {
     if (!fs::exists(path)) {
-      throw Failure(ExitCode::Usage, option + " " + path + ": there is no such path");
+      throw Failure(Outcome::Usage, option + " " + path + ": there is no such path");
     }
   }
 }
 
-void enter(const CommandLine& line, const std::string& program) {
-  const auto directory = requireDeviceDirectory(line.directory);
+void enter(const Options& options, const std::string& program) {
+  const auto directory = requireDeviceDirectory(options.directory);
   const auto system = deviceSystem(directory);
   const auto path = programDirectory(system) + ":" +
                     (system.root.empty() ? variable("PATH", "/usr/bin:/bin") : kDefaultPath);
   setenv("PATH", path.c_str(), 1);
   setenv("FW_DEVICE", directory.c_str(), 1);
-  requireExisting("--keep", line.keepVisible);
-  requireExisting("--writable", line.keepWritable);
+  requireExisting("--keep", options.keepVisible);
+  requireExisting("--writable", options.keepWritable);
   try {
-    sandbox::enterDevice({directory, visiblePaths(line, system, program), system.root, line.keepWritable});
+    sandbox::enterDevice(
+        {directory, visiblePaths(options, system, program), system.root, options.keepWritable});
   } catch (const std::exception& refused) {
-    throw Failure(ExitCode::NotEntered, refused.what());
+    throw Failure(Outcome::NotEntered, refused.what());
   }
   for (const char* name : kDirectoryVariables) {
     if (!fs::is_directory(variable(name, "/"))) {
@@ -115,22 +117,22 @@ void enter(const CommandLine& line, const std::string& program) {
   const int refusal = errno;
   const bool missing = refusal == EACCES && findProgram(program[0], F_OK).empty();
   const int error = missing ? ENOENT : refusal;
-  throw Failure(error == ENOENT ? ExitCode::NotFound : ExitCode::NotExecutable,
+  throw Failure(error == ENOENT ? Outcome::NotFound : Outcome::NotExecutable,
                 "cannot run " + program[0] + " on the device: " + std::strerror(error));
 }
 
 }  // namespace
 
-void run(const CommandLine& line) {
-  enter(line, line.program[0]);
-  become(line.program);
+frame::Report run(const Options& options) {
+  enter(options, options.program[0]);
+  become(options.program);
 }
 
-void shell(const CommandLine& line) {
-  const auto name = fs::path(requireDeviceDirectory(line.directory)).filename().string();
+frame::Report shell(const Options& options) {
+  const auto name = fs::path(requireDeviceDirectory(options.directory)).filename().string();
   const auto wanted = variable("SHELL", kDefaultShell);
-  const bool fromHost = deviceSystem(line.directory).root.empty();
-  enter(line, fromHost ? wanted : "");       // another root file system has its own shells
+  const bool fromHost = deviceSystem(options.directory).root.empty();
+  enter(options, fromHost ? wanted : "");    // another root file system has its own shells
   setenv("debian_chroot", name.c_str(), 1);  // Debian's start-up files put it into bash's prompt
   setenv("PS1", ("(" + name + ") # ").c_str(), 1);
   std::cerr << "On the device " << name << "; leave it with exit." << std::endl;

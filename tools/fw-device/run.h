@@ -2,13 +2,14 @@
 #ifndef FW_DEVICE_RUN_H
 #define FW_DEVICE_RUN_H
 
-#include "command-line.h"
+#include "frame/report.h"
+#include "options.h"
 
 namespace fwdevice {
 
 // Do not return. Throw Failure, when the program was not started.
-[[noreturn]] void run(const CommandLine& line);
-[[noreturn]] void shell(const CommandLine& line);
+[[noreturn]] frame::Report run(const Options& options);
+[[noreturn]] frame::Report shell(const Options& options);
 
 }  // namespace fwdevice
 
