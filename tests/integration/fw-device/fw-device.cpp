@@ -966,6 +966,66 @@ TEST_P(FwDevice, ExplainsUsageErrors) {
   }
 }
 
+Json::Value documentIn(const ProgramResult& result) {
+  Json::Value document;
+  std::istringstream(result.output) >> document;
+  return document;
+}
+
+TEST_P(FwDevice, TellsInJsonWhatTheDeviceHas) {
+  const auto result = fwDevice({"init", device, "--json"});
+  const Json::Value document = documentIn(result);
+
+  EXPECT_EQ(result.exitCode, 0) << result.error;
+  EXPECT_EQ(document["command"], "init");
+  EXPECT_EQ(document["ok"], true);
+  EXPECT_EQ(document["outcome"], "ok");
+  EXPECT_EQ(document["device"], device);
+  EXPECT_EQ(document["root"], "");
+  EXPECT_EQ(document["modules"][0], "libtuner.so");
+  EXPECT_EQ(document["images"].size(), 5U);
+  EXPECT_EQ(document["images"][1]["name"], "panelfw");
+  EXPECT_EQ(document["images"][1]["corrupt"], true);
+  EXPECT_EQ(document["packages"][0]["name"], "wifiempfw");
+  EXPECT_EQ(document["packages"][0]["firmware"], "wififw");
+  EXPECT_TRUE(fs::exists(document["signingKey"].asString()));
+  EXPECT_TRUE(fs::exists(document["packageKey"].asString()));
+}
+
+TEST_P(FwDevice, TellsInJsonWhatFailed) {
+  const struct {
+    std::vector<std::string> arguments;
+    int exitCode;
+    const char* outcome;
+    const char* command;
+  } failures[] = {
+      {{"run", home, "--json", "--", "ls"}, 3, "no-device", "run"},
+      {{"shell", home, "--json"}, 3, "no-device", "shell"},
+      {{"init", "--json"}, 2, "usage", "init"},
+      {{"frob", "--json"}, 2, "usage", ""},
+  };
+  for (const auto& failure : failures) {
+    const auto result = fwDevice(failure.arguments);
+    const Json::Value document = documentIn(result);
+
+    EXPECT_EQ(result.exitCode, failure.exitCode);
+    EXPECT_EQ(document["exitCode"], failure.exitCode) << result.output;
+    EXPECT_EQ(document["outcome"], failure.outcome);
+    EXPECT_EQ(document["command"], failure.command);
+    EXPECT_EQ(document["ok"], false);
+    EXPECT_NE(document["message"], "");
+    EXPECT_EQ(result.error, "");
+  }
+}
+
+TEST_P(FwDevice, LeavesOptionsOfTheCommandToIt) {
+  makeDevice();
+
+  const auto result = fwDevice({"run", device, "--", "echo", "--json"});
+
+  EXPECT_EQ(result.output, "--json\n");
+}
+
 TEST_P(FwDevice, HelpFitsAScreenAndGivesAnExample) {
   for (const std::string command : {"", "init", "run", "shell"}) {
     const auto result = fwDevice(command.empty() ? std::vector<std::string>{"--help"}
