@@ -58,6 +58,20 @@ void requireReplaceable(const std::string& path, Existing existing) {
   }
 }
 
+// Puts the names in a directory on the disk. Where it may not be read, or the file system
+// knows no such thing, they come to the disk when they come.
+void syncDirectory(const std::string& path) {
+  const int directory = ::open(path.empty() ? "." : path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  const int error = directory >= 0 && ::fsync(directory) != 0 ? errno : 0;
+  if (directory >= 0) {
+    ::close(directory);
+  }
+  if (error != 0 && error != EINVAL) {
+    errno = error;
+    failWithErrno("what is new in " + path + " cannot be put on the disk");
+  }
+}
+
 }  // namespace
 
 void failWithErrno(const std::string& sentence) {
@@ -162,6 +176,17 @@ void OutputFile::commit() {
     failWithErrno(path_ + " cannot be written");
   }
   ::close(std::exchange(descriptor_, -1));
+  syncDirectory(std::filesystem::path(path_).parent_path());
+}
+
+void makeDirectories(const std::filesystem::path& path) {
+  if (path.empty() || std::filesystem::is_directory(path)) {
+    return;
+  }
+  makeDirectories(path.parent_path());
+  if (std::filesystem::create_directory(path)) {
+    syncDirectory(path.parent_path());
+  }
 }
 
 bool isSquashfs(const InputFile& file) {

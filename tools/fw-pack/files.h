@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <filesystem>
 #include <functional>
 #include <string>
 
@@ -52,6 +53,7 @@ class OutputFile {
   void write(const std::string& text);
   // Behind what is there by now, whoever wrote it.
   void append(const unsigned char* bytes, std::size_t size);
+  // Content and name are on the disk afterwards.
   void commit();
 
  private:
@@ -72,6 +74,9 @@ bool isSquashfs(const InputFile& file);
 std::uint32_t imageCrc(const InputFile& image);
 
 void copyFile(const InputFile& from, const std::string& to);
+
+// With its parents, as far as they are missing; on the disk afterwards.
+void makeDirectories(const std::filesystem::path& path);
 
 // A directory that is removed with everything in it.
 class TemporaryDirectory {

@@ -56,7 +56,7 @@ ExitCode runImage(const Options& options) {
   if (type.folderPerFirmware) {
     folder /= options.name;
   }
-  std::filesystem::create_directories(folder);
+  makeDirectories(folder);
   const std::string binary = (folder / (options.name + ".bin")).string();
   OutputFile description((folder / "info.json").string(), kPublicMode);
   description.write(toText(information));
