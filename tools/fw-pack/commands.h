@@ -2,23 +2,46 @@
 #ifndef FW_PACK_COMMANDS_H
 #define FW_PACK_COMMANDS_H
 
-#include "command-line.h"
+#include <string>
+#include <vector>
+
+#include "exit-code.h"
+#include "frame/report.h"
+#include "information.h"
+#include "options.h"
+#include "secret-file.h"
+#include "signing.h"
 
 namespace fwpack {
 
-ExitCode runInfo(const Options& options);
-ExitCode runImage(const Options& options);
-ExitCode runEmp(const Options& options);
-ExitCode runUsb(const Options& options);
-ExitCode runKeygen(const Options& options);
-ExitCode runVerify(const Options& options);
-ExitCode runInspect(const Options& options);
+frame::Report runInfo(const Options& options);
+frame::Report runImage(const Options& options);
+frame::Report runEmp(const Options& options);
+frame::Report runUsb(const Options& options);
+frame::Report runKeygen(const Options& options);
+frame::Report runVerify(const Options& options);
+frame::Report runInspect(const Options& options);
 
-// The kinds that --type and keygen know, for help and checks: "a, b or c".
-std::string imageTypes();
-bool isImageType(const std::string& name);
-std::string keyKinds();
-bool isKeyKind(const std::string& name);
+// The words that --type and keygen's KIND take, and what is wrong with another.
+std::vector<std::string> imageTypes();
+std::string imageTypeProblem(const std::string& name);
+std::vector<std::string> keyKinds();
+std::string keyKindProblem(const std::string& name);
+
+// "a, b, c"
+std::string listOf(const std::vector<std::string>& words);
+
+// What was done, as text and as the members of a document.
+frame::Report answer(const std::string& body, const Json::Value& details);
+// "version", "crc" and "expectedTime".
+Json::Value detailsOf(const Information& information);
+// "algorithm" and "keyId".
+void addSigner(Json::Value& details, const SigningKey& key);
+
+// On standard error.
+void warn(const std::string& sentence);
+// The same secret, after what there is to warn of.
+secret::Secret withWarning(secret::Secret secret);
 
 }  // namespace fwpack
 

@@ -1,27 +1,27 @@
-// What fw-pack's exit code says, and the error that carries one to main.
+// How fw-pack ends, and the error that carries an ending to main.
 #ifndef FW_PACK_EXIT_CODE_H
 #define FW_PACK_EXIT_CODE_H
 
-#include <stdexcept>
 #include <string>
+
+#include "frame/outcome.h"
 
 namespace fwpack {
 
-enum class ExitCode {
-  Done = 0,
-  Failed = 1,
-  Usage = 2,
-  Refused = 3,  // verify: no valid signature
+enum class ExitCode { Done, Failed, Usage, Refused };
+
+inline constexpr frame::OutcomeInfo kExitCodes[] = {
+    {"ok", 0, "done", frame::Tone::Answer},
+    {"failed", 1, "failed", frame::Tone::Failure},
+    {"usage", 2, "usage", frame::Tone::Failure},
+    {"refused", 3, "refused (verify)", frame::Tone::Failure},  // no valid signature
 };
 
-class Failure : public std::runtime_error {
- public:
-  Failure(ExitCode code, const std::string& sentence) : std::runtime_error(sentence), code_(code) {}
-  ExitCode code() const { return code_; }
+constexpr const frame::OutcomeInfo& infoOf(ExitCode code) {
+  return kExitCodes[static_cast<std::size_t>(code)];
+}
 
- private:
-  ExitCode code_;
-};
+using frame::Failure;
 
 // Throws a Failure that ends with errno's text.
 [[noreturn]] void failWithErrno(const std::string& sentence);

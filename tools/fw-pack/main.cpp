@@ -1,47 +1,179 @@
 // fw-pack: makes firmware packages and says what they are.
-#include <csignal>
-#include <exception>
-#include <iostream>
-#include <variant>
+#include <algorithm>
+#include <string>
 
-#include "clean-output.h"
-#include "command-line.h"
+#include "commands.h"
 #include "exit-code.h"
+#include "frame/program.h"
 #include "interruption.h"
-#include "printable-text.h"
+#include "options.h"
 
 namespace {
 
 using fwpack::ExitCode;
+using fwpack::Options;
+using Option = frame::Option<Options>;
 
-ExitCode report(ExitCode code, const std::exception& error) {
-  std::cerr << "fw-pack: " << base::printableText(error.what()) << std::endl;
-  return code;
+// What a module's 128-byte buffers hold; a USB package's version block holds less.
+constexpr std::size_t kLongestVersion = 127;
+constexpr std::size_t kLongestPackageVersion = 63;
+
+bool isPrintable(const std::string& text) {
+  return !text.empty() && std::all_of(text.begin(), text.end(), [](char c) { return c >= ' ' && c <= '~'; });
 }
 
-ExitCode perform(int argc, char** argv) {
-  try {
-    const auto parsed = fwpack::parseCommandLine(argc, argv);
-    if (const auto* ended = std::get_if<ExitCode>(&parsed)) {
-      return *ended;
-    }
-    const auto& options = std::get<fwpack::Options>(parsed);
-    return options.command->run(options);
-  } catch (const tool::Interrupted& interrupted) {
-    std::signal(interrupted.signal(), SIG_DFL);
-    std::raise(interrupted.signal());
-    return ExitCode::Failed;
-  } catch (const fwpack::Failure& failure) {
-    return report(failure.code(), failure);
-  } catch (const std::exception& error) {
-    return report(ExitCode::Failed, error);
+template <std::size_t Longest>
+std::string versionProblem(const std::string& version) {
+  if (version.empty() || version.size() > Longest) {
+    return "a version has 1 to " + std::to_string(Longest) + " characters";
   }
+  return isPrintable(version) ? "" : "a version is printable ASCII text";
 }
+
+std::string nameProblem(const std::string& name) {
+  const bool good =
+      !name.empty() && name.size() <= kLongestVersion && std::all_of(name.begin(), name.end(), [](char c) {
+        return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+      });
+  return good ? "" : "a firmware name and a package identifier have ASCII letters and digits only";
+}
+
+std::string modelProblem(const std::string& model) {
+  return isPrintable(model) ? "" : "a model is printable ASCII text";
+}
+
+constexpr Option kImage[] = {
+    Option("IMAGE", &Options::input, "The firmware image").required(),
+};
+
+constexpr Option kVersion[] = {
+    Option("--version TEXT", &Options::version, "The firmware's version")
+        .required()
+        .checked(versionProblem<kLongestVersion>),
+    Option("--expected-time SECONDS", &Options::expectedTime, "How long the update takes").required(),
+};
+
+constexpr Option kInfo[] = {
+    {"-o,--output FILE", &Options::output, "Default: info.json beside the image"},
+};
+
+constexpr Option kType[] = {
+    Option("--type TYPE", &Options::type, "For which images: ")
+        .required()
+        .checked(fwpack::imageTypeProblem)
+        .of(fwpack::imageTypes),
+    Option("--name NAME", &Options::name, "Firmware name, such as tunerfw").required().checked(nameProblem),
+};
+
+constexpr Option kInto[] = {
+    Option("--into DIR", &Options::output, "The directory to lay it out in").required(),
+};
+
+constexpr Option kIdentifier[] = {
+    Option("--id NAME", &Options::name, "Package identifier, such as tunerempfw")
+        .required()
+        .checked(nameProblem),
+};
+
+constexpr Option kSigning[] = {
+    {"--signing-key FILE", &Options::signingKeyFile, "The private key to sign with: PEM"},
+    Option("--unsigned", &Options::isUnsigned, "Do not sign it; sets refuse it unless told")
+        .excluding("--signing-key"),
+};
+
+constexpr Option kExtensionPackage[] = {
+    {"-o,--output FILE", &Options::output, "Default: identifier and .img, in this directory"},
+};
+
+// What the signature states beside name and version; an old package states nothing.
+constexpr Option kStatements[] = {
+    Option("--model TEXT", &Options::model, "Only for sets of this model; default: for any")
+        .checked(modelProblem),
+    Option("--minimum-version TEXT", &Options::minimumVersion, "Once applied, older packages are refused")
+        .checked(versionProblem<kLongestPackageVersion>),
+};
+
+constexpr Option kEncrypted[] = {
+    Option("--version TEXT", &Options::version, "The firmware's version")
+        .required()
+        .checked(versionProblem<kLongestPackageVersion>),
+    Option("--key-file FILE", &Options::keyFile, "The key to encrypt with: 32 raw bytes").required(),
+    Option("--signing-key FILE", &Options::signingKeyFile, "The private key to sign with: PEM").required(),
+    Option("--name NAME", &Options::name, "Firmware name; default: from the output's name")
+        .checked(nameProblem),
+};
+
+constexpr Option kUsbPackage[] = {
+    Option("--format NUMBER", &Options::format, "The signature's; 1 is for old sets")
+        .within(fwpackage::kOldFormat, fwpackage::kNewestFormat)
+        .withDefault(),
+    Option("-o,--output FILE", &Options::output, "The package: firmware name and .bin").required(),
+};
+
+constexpr Option kKey[] = {
+    Option("KIND", &Options::type, "").required().checked(fwpack::keyKindProblem).of(fwpack::keyKinds),
+    Option("FILE", &Options::output, "The new secret key; never overwritten").required(),
+    {"--public FILE", &Options::publicKeyFile, "Its public key; default: FILE.pem"},
+};
+
+constexpr Option kPackage[] = {
+    Option("PACKAGE", &Options::input, "The USB package or extension package").required(),
+};
+
+constexpr Option kFile[] = {
+    Option("FILE", &Options::input, "An image, info.json, directory of both, or package").required(),
+    {"--key-file FILE", &Options::keyFile, "Look into a USB package with this key"},
+};
+
+constexpr Option kExpected[] = {
+    {"--public-key FILE", &Options::publicKeyFile, "Check against this PEM alone"},
+    Option("--keys DIR", &Options::keyDirectory, "Check against this directory's *.pem")
+        .withDefault()
+        .excluding("--public-key"),
+    Option("--name NAME", &Options::name, "The name it must be for; default: the file's")
+        .checked(nameProblem),
+    Option("--model TEXT", &Options::model, "The model it must be for; default: any").checked(modelProblem),
+};
+
+constexpr frame::Command<Options> kCommands[] = {
+    {{"info", "Write the info.json of an image", "fw-pack info tuner.bin --version 2.0.0 --expected-time 30"},
+     {kImage, kVersion, kInfo},
+     fwpack::runInfo},
+    {{"image", "Lay out an image with its info.json for updates",
+      "fw-pack image tuner.bin --type sbox --name tunerfw --version 2.0.0 \\\n"
+      "           --expected-time 30 --into sbox"},
+     {kImage, kType, kVersion, kInto},
+     fwpack::runImage},
+    {{"emp", "Make an extension package image, reproducibly",
+      "fw-pack emp tuner.bin --id tunerempfw --version 2.0.0 \\\n"
+      "           --expected-time 30 --signing-key maker.key"},
+     {kImage, kIdentifier, kVersion, kSigning, kStatements, kExtensionPackage},
+     fwpack::runEmp},
+    {{"usb", "Make an encrypted, signed USB package",
+      "fw-pack usb tuner.bin --version 2.0.0 --key-file package.key \\\n"
+      "           --signing-key maker.key -o tunerfw.bin"},
+     {kImage, kEncrypted, kStatements, kUsbPackage},
+     fwpack::runUsb},
+    {{"keygen", "Make a key", "fw-pack keygen ed25519 maker.key"}, {kKey}, fwpack::runKeygen},
+    {{"verify", "Check the signature of a package", "fw-pack verify tunerfw.bin --public-key maker.key.pem"},
+     {kPackage, kExpected},
+     fwpack::runVerify},
+    {{"inspect", "Show what a file is", "fw-pack inspect tunerfw.bin --key-file package.key --json"},
+     {kFile, kExpected},
+     fwpack::runInspect},
+};
+
+constexpr frame::Program<Options> kProgram = {
+    {"fw-pack", "Makes firmware packages and says what they are.",
+     "Each command explains itself: fw-pack usb --help", fwpack::kExitCodes, ExitCode::Usage,
+     ExitCode::Failed},
+    {},
+    kCommands,
+};
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  base::cleanStandardOutput();
   fwpack::catchInterruptions();
-  return static_cast<int>(perform(argc, argv));
+  return frame::perform(kProgram, argc, argv);
 }

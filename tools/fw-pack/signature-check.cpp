@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <iterator>
 
+#include "exit-code.h"
 #include "files.h"
 #include "public-keys.h"
 

@@ -4,7 +4,7 @@
 
 #include <json/value.h>
 
-#include "command-line.h"
+#include "options.h"
 #include "package-signature.h"
 
 namespace fwpack {

@@ -1,7 +1,6 @@
 // fw-pack emp IMAGE --id IDENTIFIER
 #include <sys/stat.h>
 
-#include <iostream>
 #include <optional>
 
 #include "../child-program.h"
@@ -59,7 +58,7 @@ fwpackage::Statements statementsOf(const Options& options) {
 
 }  // namespace
 
-ExitCode runEmp(const Options& options) {
+frame::Report runEmp(const Options& options) {
   const std::string firmwareName = firmwareNameOf(options.name);
   const std::optional<SigningKey> signer = signerOf(options);
   if (signer) {
@@ -69,7 +68,8 @@ ExitCode runEmp(const Options& options) {
   const std::string output = options.output.empty() ? options.name + ".img" : options.output;
   const TemporaryDirectory content;
   OutputFile information(content.path() + "/info.json", kPublicMode);
-  information.write(toText(describe(image, options.version, options.expectedTime)));
+  const Information described = describe(image, options.version, options.expectedTime);
+  information.write(toText(described));
   information.commit();
   copyFile(image, content.path() + "/" + firmwareName + ".bin");
   ::chmod(content.path().c_str(), 0755);  // the mode is part of the image
@@ -80,8 +80,13 @@ ExitCode runEmp(const Options& options) {
     appendSignature(package, *signer, statementsOf(options));
   }
   package.commit();
-  std::cout << output << (signer ? ", signed with " + signer->text() : ", not signed") << std::endl;
-  return ExitCode::Done;
+  Json::Value details = detailsOf(described);
+  details["output"] = output;
+  details["signed"] = signer.has_value();
+  if (signer) {
+    addSigner(details, *signer);
+  }
+  return answer(output + (signer ? ", signed with " + signer->text() : ", not signed") + "\n", details);
 }
 
 }  // namespace fwpack

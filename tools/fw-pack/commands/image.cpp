@@ -1,6 +1,5 @@
 // fw-pack image IMAGE --type TYPE
 #include <filesystem>
-#include <iostream>
 #include <iterator>
 
 #include "../commands.h"
@@ -36,19 +35,19 @@ const ImageType* findType(const std::string& name) {
 
 }  // namespace
 
-std::string imageTypes() {
-  std::string names;
+std::vector<std::string> imageTypes() {
+  std::vector<std::string> names;
   for (const ImageType& type : kTypes) {
-    names += (names.empty() ? "" : ", ") + std::string(type.name);
+    names.emplace_back(type.name);
   }
   return names;
 }
 
-bool isImageType(const std::string& name) {
-  return findType(name) != nullptr;
+std::string imageTypeProblem(const std::string& name) {
+  return findType(name) != nullptr ? "" : "the types are " + listOf(imageTypes());
 }
 
-ExitCode runImage(const Options& options) {
+frame::Report runImage(const Options& options) {
   const ImageType& type = *findType(options.type);
   const InputFile image(options.input);
   const Information information = describe(image, options.version, options.expectedTime);
@@ -62,10 +61,14 @@ ExitCode runImage(const Options& options) {
   description.write(toText(information));
   copyFile(image, binary);
   description.commit();
-  std::cout << binary << "\n"
-            << (folder / "info.json").string() << "\n"
-            << options.output << " is for " << type.place << std::endl;
-  return ExitCode::Done;
+  Json::Value details = detailsOf(information);
+  details["image"] = binary;
+  details["information"] = (folder / "info.json").string();
+  details["directory"] = options.output;
+  details["place"] = type.place;
+  return answer(binary + "\n" + details["information"].asString() + "\n" + options.output + " is for " +
+                    type.place + "\n",
+                details);
 }
 
 }  // namespace fwpack

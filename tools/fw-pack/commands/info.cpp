@@ -1,6 +1,5 @@
 // fw-pack info IMAGE
 #include <filesystem>
-#include <iostream>
 
 #include "../commands.h"
 #include "../files.h"
@@ -8,16 +7,18 @@
 
 namespace fwpack {
 
-ExitCode runInfo(const Options& options) {
+frame::Report runInfo(const Options& options) {
   const InputFile image(options.input);
   const std::string output = options.output.empty()
                                  ? (std::filesystem::path(options.input).parent_path() / "info.json").string()
                                  : options.output;
   OutputFile file(output, kPublicMode);
-  file.write(toText(describe(image, options.version, options.expectedTime)));
+  const Information information = describe(image, options.version, options.expectedTime);
+  file.write(toText(information));
   file.commit();
-  std::cout << output << std::endl;
-  return ExitCode::Done;
+  Json::Value details = detailsOf(information);
+  details["output"] = output;
+  return answer(output + "\n", details);
 }
 
 }  // namespace fwpack

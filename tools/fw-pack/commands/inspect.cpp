@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <boost/crc.hpp>
 #include <filesystem>
-#include <iostream>
 #include <optional>
 #include <sstream>
 
@@ -15,7 +14,6 @@
 #include "../information.h"
 #include "../package-cipher.h"
 #include "../signature-check.h"
-#include "text-layout.h"
 
 namespace fwpack {
 namespace {
@@ -91,10 +89,7 @@ Plaintext decrypt(const InputFile& file, const secret::Secret& key) {
 }
 
 void addContent(Facts& facts, const InputFile& file, const Options& options) {
-  const secret::Secret key = secret::readPackageKey(options.keyFile);
-  if (!key.warning.empty()) {
-    warn(key.warning);
-  }
+  const secret::Secret key = withWarning(secret::readPackageKey(options.keyFile));
   const Plaintext plaintext = decrypt(file, key);
   const bool fits = plaintext.looksRight();
   facts.add("keyFits", "key", fits, fits ? "fits" : "does not fit, or the package is damaged");
@@ -244,7 +239,7 @@ void inspectFile(Facts& facts, const Options& options) {
 
 }  // namespace
 
-ExitCode runInspect(const Options& options) {
+frame::Report runInspect(const Options& options) {
   Options chosen = options;
   if (fs::is_directory(options.input)) {
     chosen.input = imageOfDirectory(options.input);
@@ -252,12 +247,7 @@ ExitCode runInspect(const Options& options) {
   Facts facts;
   facts.add("file", "file", chosen.input);
   inspectFile(facts, chosen);
-  if (options.json) {
-    std::cout << tool::indented(facts.toJson()) << std::flush;
-  } else {
-    std::cout << facts.toText() << std::flush;
-  }
-  return ExitCode::Done;
+  return answer(facts.toText(), facts.toJson());
 }
 
 }  // namespace fwpack

@@ -1,8 +1,6 @@
 // fw-pack keygen KIND FILE
 #include <openssl/rand.h>
 
-#include <iostream>
-
 #include "../commands.h"
 #include "../signing.h"
 
@@ -20,7 +18,7 @@ const fwpackage::Algorithm* findAlgorithm(const std::string& name) {
   return nullptr;
 }
 
-void makePackageKey(const std::string& path) {
+frame::Report makePackageKey(const std::string& path) {
   secret::Secret key(secret::kPackageKeySize);
   if (RAND_priv_bytes(key.data(), static_cast<int>(key.size())) != 1) {
     throw Failure(ExitCode::Failed, "the system gives no random numbers");
@@ -28,11 +26,13 @@ void makePackageKey(const std::string& path) {
   OutputFile file(path, kSecretMode, Existing::Keep);
   file.write(key.data(), key.size());
   file.commit();
-  std::cout << "secret   " << path << " (to encrypt packages with)" << std::endl;
+  Json::Value details;
+  details["secretKey"] = path;
+  return answer("secret   " + path + " (to encrypt packages with)\n", details);
 }
 
-void makeSigningKey(const fwpackage::Algorithm& algorithm, const std::string& secretPath,
-                    const std::string& publicPath) {
+frame::Report makeSigningKey(const fwpackage::Algorithm& algorithm, const std::string& secretPath,
+                             const std::string& publicPath) {
   OutputFile secretFile(secretPath, kSecretMode, Existing::Keep);
   OutputFile publicFile(publicPath, kPublicMode, Existing::Keep);
   const SigningKey key(algorithm);
@@ -40,36 +40,38 @@ void makeSigningKey(const fwpackage::Algorithm& algorithm, const std::string& se
   key.writePublicPem(publicFile);
   secretFile.commit();
   publicFile.commit();
-  const fwpackage::KeyId id = key.keyId();
-  std::cout << "secret   " << secretPath << " (to sign packages with)\n"
-            << "public   " << publicPath << " (for " << fwpackage::kEyDirectory << " of the devices)\n"
-            << "key id   " << fwpackage::toHex(id.data(), id.size()) << std::endl;
+  Json::Value details;
+  details["secretKey"] = secretPath;
+  details["publicKey"] = publicPath;
+  addSigner(details, key);
+  return answer("secret   " + secretPath + " (to sign packages with)\n" +  //
+                    "public   " + publicPath + " (for " + fwpackage::kEyDirectory + " of the devices)\n" +
+                    "key id   " + details["keyId"].asString() + "\n",
+                details);
 }
 
 }  // namespace
 
-std::string keyKinds() {
-  std::string kinds = kPackageKind;
+std::vector<std::string> keyKinds() {
+  std::vector<std::string> kinds = {kPackageKind};
   for (const fwpackage::Algorithm& algorithm : fwpackage::kAlgorithms) {
-    kinds += std::string(", ") + algorithm.name;
+    kinds.emplace_back(algorithm.name);
   }
   return kinds;
 }
 
-bool isKeyKind(const std::string& name) {
-  return name == kPackageKind || findAlgorithm(name) != nullptr;
+std::string keyKindProblem(const std::string& name) {
+  const bool known = name == kPackageKind || findAlgorithm(name) != nullptr;
+  return known ? "" : "the kinds of key are " + listOf(keyKinds());
 }
 
-ExitCode runKeygen(const Options& options) {
+frame::Report runKeygen(const Options& options) {
   const fwpackage::Algorithm* const algorithm = findAlgorithm(options.type);
   if (algorithm == nullptr) {
-    makePackageKey(options.output);
-    return ExitCode::Done;
+    return makePackageKey(options.output);
   }
-  const std::string publicPath =
-      options.publicKeyFile.empty() ? options.output + ".pem" : options.publicKeyFile;
-  makeSigningKey(*algorithm, options.output, publicPath);
-  return ExitCode::Done;
+  return makeSigningKey(*algorithm, options.output,
+                        options.publicKeyFile.empty() ? options.output + ".pem" : options.publicKeyFile);
 }
 
 }  // namespace fwpack

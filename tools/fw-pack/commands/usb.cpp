@@ -2,7 +2,6 @@
 #include <openssl/rand.h>
 
 #include <algorithm>
-#include <iostream>
 
 #include "../commands.h"
 #include "../package-cipher.h"
@@ -74,7 +73,7 @@ void writeContent(const InputFile& image, const std::string& version, const secr
 
 }  // namespace
 
-ExitCode runUsb(const Options& options) {
+frame::Report runUsb(const Options& options) {
   requireFormatForOptions(options);
   const secret::Secret key = withWarning(secret::readPackageKey(options.keyFile));
   const secret::Secret pem = withWarning(secret::readSecretFile(options.signingKeyFile));
@@ -98,8 +97,12 @@ ExitCode runUsb(const Options& options) {
   package.write(trailer.data(), trailer.size());
   package.commit();
 
-  std::cout << options.output << ", signed with " << signer.text() << std::endl;
-  return ExitCode::Done;
+  Json::Value details;
+  details["output"] = options.output;
+  details["version"] = options.version;
+  details["format"] = options.format;
+  addSigner(details, signer);
+  return answer(options.output + ", signed with " + signer.text() + "\n", details);
 }
 
 }  // namespace fwpack

@@ -1,29 +1,22 @@
 // fw-pack verify PACKAGE
-#include <json/value.h>
-
-#include <iostream>
-
 #include "../commands.h"
 #include "../files.h"
 #include "../signature-check.h"
-#include "text-layout.h"
 
 namespace fwpack {
 
-ExitCode runVerify(const Options& options) {
+frame::Report runVerify(const Options& options) {
   const InputFile readable(options.input);
-  const fwpackage::SignatureReport report = checkSignature(options);
-  const bool valid = report.verdict == fwpackage::Verdict::Valid;
-  if (options.json) {
-    Json::Value document = toJson(report);
-    document["file"] = options.input;
-    std::cout << tool::indented(document) << std::flush;
-  } else if (valid) {
-    std::cout << options.input << ": " << toText(report) << std::endl;
-  } else {
-    std::cerr << "fw-pack: " << options.input << ": " << toText(report) << std::endl;
+  const fwpackage::SignatureReport signature = checkSignature(options);
+  const std::string text = options.input + ": " + toText(signature);
+  Json::Value details = toJson(signature);
+  details["file"] = options.input;
+  if (signature.verdict == fwpackage::Verdict::Valid) {
+    return answer(text + "\n", details);
   }
-  return valid ? ExitCode::Done : ExitCode::Refused;
+  frame::Report report(ExitCode::Refused, text);
+  report.details = details;
+  return report;
 }
 
 }  // namespace fwpack

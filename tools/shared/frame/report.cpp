@@ -48,7 +48,7 @@ Json::Value documentOf(const Report& report, const std::string& command) {
   document["ok"] = report.ending->exitCode == 0;
   document["outcome"] = report.ending->id;
   document["exitCode"] = report.ending->exitCode;
-  if (!report.message.empty()) {
+  if (!report.message.empty() && !document.isMember("message")) {  // else one for programs
     document["message"] = report.message;
   }
   if (!report.remedy.empty()) {

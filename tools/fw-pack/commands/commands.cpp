@@ -1,0 +1,48 @@
+// What the commands have in common.
+#include "../commands.h"
+
+#include <iostream>
+
+namespace fwpack {
+
+std::string listOf(const std::vector<std::string>& words) {
+  std::string list;
+  for (const std::string& word : words) {
+    list += (list.empty() ? "" : ", ") + word;
+  }
+  return list;
+}
+
+frame::Report answer(const std::string& body, const Json::Value& details) {
+  frame::Report report(ExitCode::Done);
+  report.body = body;
+  report.details = details;
+  return report;
+}
+
+Json::Value detailsOf(const Information& information) {
+  Json::Value details;
+  details["version"] = information.version;
+  details["crc"] = information.crc;
+  details["expectedTime"] = information.expectedTime;
+  return details;
+}
+
+void addSigner(Json::Value& details, const SigningKey& key) {
+  const fwpackage::KeyId id = key.keyId();
+  details["algorithm"] = key.algorithm().name;
+  details["keyId"] = fwpackage::toHex(id.data(), id.size());
+}
+
+void warn(const std::string& sentence) {
+  std::cerr << "fw-pack: warning: " << sentence << std::endl;
+}
+
+secret::Secret withWarning(secret::Secret secret) {
+  if (!secret.warning.empty()) {
+    warn(secret.warning);
+  }
+  return secret;
+}
+
+}  // namespace fwpack

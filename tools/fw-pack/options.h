@@ -1,0 +1,32 @@
+// What the command line of fw-pack says. Plain values.
+#ifndef FW_PACK_OPTIONS_H
+#define FW_PACK_OPTIONS_H
+
+#include <string>
+
+#include "package-trailer.h"
+#include "public-keys.h"
+
+namespace fwpack {
+
+struct Options {
+  bool json = false;
+  std::string input;
+  std::string output;
+  std::string version;
+  unsigned int expectedTime = 0;
+  std::string name;  // a firmware name, or a package identifier
+  std::string model;
+  std::string minimumVersion;
+  int format = fwpackage::kNewestFormat;
+  std::string type;
+  std::string keyFile;
+  std::string signingKeyFile;
+  bool isUnsigned = false;
+  std::string publicKeyFile;
+  std::string keyDirectory = fwpackage::kEyDirectory;
+};
+
+}  // namespace fwpack
+
+#endif
