@@ -17,7 +17,7 @@ PAGE = HERE.parent / "troubleshooting.md"
 
 LITERAL = r'"((?:[^"\\]|\\.)*)"'
 CALL = re.compile(
-    r"FW_LOG(?P<named>_AS)?\(\s*(?:" + LITERAL + r"\s*,\s*)?diagnostics::(?P<priority>\w+)\s*,\s*"
+    r"FW_LOG(?P<named>_AS)?\(\s*(?:" + LITERAL + r"\s*,\s*)?diagnostics::k(?P<priority>\w+)\s*,\s*"
     r"(?P<text>(?:" + LITERAL + r"\s*)+)[,)]")
 FUNCTION = re.compile(r"^[\w:<>&*,~ \[\]]*?\b([\w~]+)\(", re.M)
 
