@@ -88,6 +88,7 @@ class FW_UPDATE_EXPORT FWUpdateSymbol {
 
  private:
   using StatusCallback = std::function<void(const std::string&, int)>;
+  struct Binding;  // the steps of loadSymbol
 
   bool empBound;
   bool needUpdate;

@@ -69,11 +69,6 @@ void storeIn(FWUpdateSymbol& module, void* address) {
   storeEntry(module.*Slot, address);
 }
 
-struct EntryPoint {
-  const char* name;
-  void (*store)(FWUpdateSymbol& module, void* address);
-};
-
 bool isAsciiLetterOrDigit(char c) {
   return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
 }
@@ -170,6 +165,72 @@ FWUpdateSymbol::~FWUpdateSymbol() = default;
 
 // ---- Binding ----------------------------------------------------------------
 
+// The steps of loadSymbol, which log under its name.
+struct FWUpdateSymbol::Binding {
+  struct EntryPoint {
+    const char* name;
+    bool required;
+    void (*store)(FWUpdateSymbol& module, void* address);
+  };
+  // In the order in which they are looked up.
+  static constexpr EntryPoint kEntryPoints[] = {
+      {"setContext", true, storeIn<&FWUpdateSymbol::setContextEntry>},
+      {"getEMPID", true, storeIn<&FWUpdateSymbol::getEMPIDEntry>},
+      {"getActiveVersion", true, storeIn<&FWUpdateSymbol::getActiveVersionEntry>},
+      {"checkVersion", true, storeIn<&FWUpdateSymbol::checkVersionEntry>},
+      {"doUpdate", true, storeIn<&FWUpdateSymbol::doUpdateEntry>},
+      {"allUpdateDone", false, storeIn<&FWUpdateSymbol::allUpdateDoneEntry>},
+      {"doUpdate_decryption", false, storeIn<&FWUpdateSymbol::doUpdateDecryptionEntry>},
+      {"getExpectedTime", false, storeIn<&FWUpdateSymbol::getExpectedTimeEntry>},
+      {"getUpdateProgress", false, storeIn<&FWUpdateSymbol::getUpdateProgressEntry>},
+  };
+
+  // Takes the library. Nothing may point any more into the one that the record had.
+  static void replaceLibrary(FWUpdateSymbol& module, const std::shared_ptr<void>& library) {
+    module.empBound = false;
+    for (const EntryPoint& entry : kEntryPoints) {
+      entry.store(module, nullptr);
+    }
+    module.handle = library;
+  }
+
+  // False when a required one is missing; those after it stay empty.
+  static bool lookUpEntryPoints(FWUpdateSymbol& module) {
+    for (const EntryPoint& entry : kEntryPoints) {
+      entry.store(module, dlsym(module.handle.get(), entry.name));
+      const std::string error = libraryError();
+      if (error.empty()) {
+        continue;
+      }
+      if (entry.required) {
+        FW_LOG_AS("loadSymbol", diagnostics::kError, "Error: dlsym error: %s\n", error.c_str());
+        return false;
+      }
+      FW_LOG_AS("loadSymbol", diagnostics::kDebug, "Error: dlsym error: %s\n", error.c_str());
+      entry.store(module, nullptr);
+    }
+    return true;
+  }
+
+  // Names the firmware and the package after the module's identifier.
+  static bool takeIdentifier(FWUpdateSymbol& module) {
+    std::string empId;
+    if (module.getEMPID(empId) != 0) {
+      return false;
+    }
+    module.empName = empId;
+    module.firmwareName = empId;
+    const std::size_t emp = module.firmwareName.find("emp");
+    if (emp == std::string::npos) {
+      FW_LOG_AS("loadSymbol", diagnostics::kError, "Error: EMPID is Wrong (%s)", module.firmwareName.c_str());
+      return false;
+    }
+    module.firmwareName.erase(emp, 3);
+    module.empImagePath = kPackageImageDirectory + module.empName + ".img";
+    return true;
+  }
+};
+
 int FWUpdateSymbol::loadSymbol(const std::string& name) {
   if (name.empty()) {
     return -1;
@@ -186,72 +247,22 @@ int FWUpdateSymbol::loadSymbol(const std::string& name) {
     FW_LOG(diagnostics::kError, "Error: dlsym libfile: %s error: %s\n", path.c_str(), libraryError().c_str());
     return -1;
   }
-
-  static constexpr EntryPoint kRequired[] = {
-      {"setContext", storeIn<&FWUpdateSymbol::setContextEntry>},
-      {"getEMPID", storeIn<&FWUpdateSymbol::getEMPIDEntry>},
-      {"getActiveVersion", storeIn<&FWUpdateSymbol::getActiveVersionEntry>},
-      {"checkVersion", storeIn<&FWUpdateSymbol::checkVersionEntry>},
-      {"doUpdate", storeIn<&FWUpdateSymbol::doUpdateEntry>},
-  };
-  static constexpr EntryPoint kOptional[] = {
-      {"allUpdateDone", storeIn<&FWUpdateSymbol::allUpdateDoneEntry>},
-      {"doUpdate_decryption", storeIn<&FWUpdateSymbol::doUpdateDecryptionEntry>},
-      {"getExpectedTime", storeIn<&FWUpdateSymbol::getExpectedTimeEntry>},
-      {"getUpdateProgress", storeIn<&FWUpdateSymbol::getUpdateProgressEntry>},
-  };
-
-  // Bound anew: nothing may point into the library that the old handle held.
-  empBound = false;
-  for (const EntryPoint& entry : kRequired) {
-    entry.store(*this, nullptr);
+  Binding::replaceLibrary(*this, library);
+  if (!Binding::lookUpEntryPoints(*this)) {
+    return -1;
   }
-  for (const EntryPoint& entry : kOptional) {
-    entry.store(*this, nullptr);
-  }
-  handle = library;
-
-  for (const EntryPoint& entry : kRequired) {
-    entry.store(*this, dlsym(handle.get(), entry.name));
-    const std::string error = libraryError();
-    if (!error.empty()) {
-      FW_LOG(diagnostics::kError, "Error: dlsym error: %s\n", error.c_str());
-      return -1;
-    }
-  }
-  for (const EntryPoint& entry : kOptional) {
-    entry.store(*this, dlsym(handle.get(), entry.name));
-    const std::string error = libraryError();
-    if (!error.empty()) {
-      FW_LOG(diagnostics::kDebug, "Error: dlsym error: %s\n", error.c_str());
-      entry.store(*this, nullptr);
-    }
-  }
-
   setContext(CALLER_QUERY, emptyData());
 
-  // Counts in every spelling; "emp" below counts in lower case only. Both are
-  // deliberate.
+  // Counts in every spelling; the "emp" of an identifier counts in lower case only.
+  // Both are deliberate.
   if (isExtensionModule(libName)) {
     symbolType = 1;
-    empBound = false;
     FW_LOG(diagnostics::kError, "Not Update Symbol [%s]", libName.c_str());
     return 0;
   }
-
-  std::string empId;
-  if (getEMPID(empId) != 0) {
+  if (!Binding::takeIdentifier(*this)) {
     return -1;
   }
-  empName = empId;
-  firmwareName = empId;
-  const std::size_t emp = firmwareName.find("emp");
-  if (emp == std::string::npos) {
-    FW_LOG(diagnostics::kError, "Error: EMPID is Wrong (%s)", firmwareName.c_str());
-    return -1;
-  }
-  firmwareName.erase(emp, 3);
-  empImagePath = kPackageImageDirectory + empName + ".img";
   empBound = true;
   symbolType = 0;
   return 0;
