@@ -347,41 +347,43 @@ unsigned int FWUpdateSymbol::getExpectedUpdateTime() const {
 
 // ---- File locations ---------------------------------------------------------
 
+namespace {
+
+// Where the image and the "info.json" of a module lie, with a trailing "/". Empty
+// when that is on a USB drive and none is mounted.
+std::string folderOf(FWUpdateSymbol& module, UPDATE_TYPE type) {
+  std::string drive;
+  switch (type) {
+    case UPDATE_TYPE_USB:
+      return module.getUsbMountPath(drive) ? drive + module.getFirmwareName() + "/" : "";
+    case UPDATE_TYPE_BUILTIN:
+      return kBuiltinDirectory + module.getFirmwareName() + "/";
+    case UPDATE_TYPE_SBOX:
+      return kSboxDirectory + module.getFirmwareName() + "/";
+    default:
+      // The directory bears the full identifier, the image the short name; deliberate.
+      return kPackageMountDirectory + module.getEMPName() + "/";
+  }
+}
+
+}  // namespace
+
 std::string FWUpdateSymbol::getInformationPath(UPDATE_TYPE type) {
-  if (type == UPDATE_TYPE_USB) {
-    std::string drive;
-    if (!getUsbMountPath(drive)) {
-      FW_LOG(diagnostics::kError, "Error: Usb mount path Not found.");
-      return "";
-    }
-    return drive + firmwareName + "/info.json";
+  const std::string folder = folderOf(*this, type);
+  if (folder.empty()) {
+    FW_LOG(diagnostics::kError, "Error: Usb mount path Not found.");
+    return "";
   }
-  if (type == UPDATE_TYPE_BUILTIN) {
-    return kBuiltinDirectory + firmwareName + "/info.json";
-  }
-  if (type == UPDATE_TYPE_SBOX) {
-    return kSboxDirectory + firmwareName + "/info.json";
-  }
-  return kPackageMountDirectory + empName + "/info.json";
+  return folder + "info.json";
 }
 
 std::string FWUpdateSymbol::getBinaryPath(UPDATE_TYPE type) {
-  if (type == UPDATE_TYPE_USB) {
-    std::string drive;
-    if (!getUsbMountPath(drive)) {
-      FW_LOG(diagnostics::kError, "Error: Usb mount path Not found.");
-      return "";
-    }
-    return drive + firmwareName + "/" + firmwareName + ".bin";
+  const std::string folder = folderOf(*this, type);
+  if (folder.empty()) {
+    FW_LOG(diagnostics::kError, "Error: Usb mount path Not found.");
+    return "";
   }
-  if (type == UPDATE_TYPE_BUILTIN) {
-    return kBuiltinDirectory + firmwareName + "/" + firmwareName + ".bin";
-  }
-  if (type == UPDATE_TYPE_SBOX) {
-    return kSboxDirectory + firmwareName + "/" + firmwareName + ".bin";
-  }
-  // The directory bears the full identifier, the image the short name; deliberate.
-  return kPackageMountDirectory + empName + "/" + firmwareName + ".bin";
+  return folder + firmwareName + ".bin";
 }
 
 bool FWUpdateSymbol::getUsbMountPath(std::string& out) {
