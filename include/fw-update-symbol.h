@@ -89,6 +89,7 @@ class FW_UPDATE_EXPORT FWUpdateSymbol {
  private:
   using StatusCallback = std::function<void(const std::string&, int)>;
   struct Binding;  // the steps of loadSymbol
+  struct Update;   // the steps of updateFirmware
 
   bool empBound;
   bool needUpdate;

@@ -540,6 +540,93 @@ int FWUpdateSymbol::isNeedUpdate(CallerTypes caller, char* data) {
   return need;
 }
 
+// The steps of updateFirmware, which log under its name.
+struct FWUpdateSymbol::Update {
+  FWUpdateSymbol& module;
+  const CallerTypes caller;
+  char* const data;
+  const UPDATE_TYPE type;
+  std::string binary;
+  FWInformation image;
+
+  // The information file is looked at before the image here, after it in
+  // isNeedUpdate; both orders are deliberate.
+  bool findImage() {
+    if (type == UPDATE_TYPE_EMP && !module.mountEMPImage()) {
+      return false;
+    }
+    const std::string info = module.getInformationPath(type);
+    if (!module.file_exists(info)) {
+      FW_LOG_AS("updateFirmware", diagnostics::kError, "Error: Firmware json file no exist (%s)",
+                info.c_str());
+      return false;
+    }
+    if (!module.loadInformation(info)) {
+      FW_LOG_AS("updateFirmware", diagnostics::kError, "Error: json information load fail");
+      return false;
+    }
+    image = copyOf(module.information);
+    binary = module.getBinaryPath(type);
+    if (!module.file_exists(binary)) {
+      FW_LOG_AS("updateFirmware", diagnostics::kError, "Error: Firmware binary file no exist (%s)",
+                binary.c_str());
+      return false;
+    }
+    return true;
+  }
+
+  // Whether the module answers; need is what it says of the image's version.
+  bool askModule(int& need) const {
+    if (module.setContext(caller, data) != 0) {
+      return false;
+    }
+    if (module.checkVersion(image.version.c_str(), &need) != 0) {
+      FW_LOG_AS("updateFirmware", diagnostics::kError, "Error: %s Firmware CheckVersion Fail",
+                module.firmwareName.c_str());
+      return false;
+    }
+    return true;
+  }
+
+  int endWithoutNeed() const {
+    FW_LOG_AS("updateFirmware", diagnostics::kError, "Error: %s Firmware not need update",
+              module.firmwareName.c_str());
+    if (type == UPDATE_TYPE_EMP) {
+      module.unmountEMPImage();
+    }
+    return 0;
+  }
+
+  bool isImageWhole() const {
+    if (hasChecksum(module, binary, image.crc)) {
+      return true;
+    }
+    // Lower-case "crc32" here, upper-case in isNeedUpdate; kept on purpose.
+    FW_LOG_AS("updateFirmware", diagnostics::kError, "Error: %s Firmware crc32 different",
+              module.firmwareName.c_str());
+    return false;
+  }
+
+  int writeImage() const {
+    const char* const name = module.firmwareName.c_str();
+    FW_LOG_AS("updateFirmware", diagnostics::kError, "========== [ %s update start ] ==========", name);
+    const int result = module.doUpdate(binary.c_str(), image.crc, image.expectedTime);
+    if (result != 0) {
+      // Nothing may come between the module and this line that changes errno. The
+      // package stays mounted after a failure, on purpose.
+      FW_LOG_AS("updateFirmware", diagnostics::kError, "Error: %s Firmware doUpdate Fail %d (%d:%m)", name,
+                result, errno);
+      return result;
+    }
+    FW_LOG_AS("updateFirmware", diagnostics::kError, "========== [ %s update succeeded ] ==========", name);
+    if (type == UPDATE_TYPE_EMP) {
+      std::remove(module.empImagePath.c_str());
+      module.unmountEMPImage();
+    }
+    return 0;
+  }
+};
+
 int FWUpdateSymbol::updateFirmware(CallerTypes caller, char* data) {
   static std::mutex updateMutex;
 
@@ -547,66 +634,21 @@ int FWUpdateSymbol::updateFirmware(CallerTypes caller, char* data) {
     return -1;
   }
   FW_LOG(diagnostics::kError, "%s Firmware Update Try", firmwareName.c_str());
-  const UPDATE_TYPE type = callerToUpdateType(caller, data);
-  if (type == UPDATE_TYPE_EMP && !mountEMPImage()) {
-    return -1;
-  }
-  // The information file is checked before the image here, after it in
-  // isNeedUpdate; both orders are deliberate.
-  const std::string info = getInformationPath(type);
-  if (!file_exists(info)) {
-    FW_LOG(diagnostics::kError, "Error: Firmware json file no exist (%s)", info.c_str());
-    return -1;
-  }
-  if (!loadInformation(info)) {
-    FW_LOG(diagnostics::kError, "Error: json information load fail");
-    return -1;
-  }
-  const FWInformation image = copyOf(information);
-  const std::string binary = getBinaryPath(type);
-  if (!file_exists(binary)) {
-    FW_LOG(diagnostics::kError, "Error: Firmware binary file no exist (%s)", binary.c_str());
+  Update update{*this, caller, data, callerToUpdateType(caller, data), "", {}};
+  if (!update.findImage()) {
     return -1;
   }
 
   nameThread(firmwareName);
   const std::lock_guard<std::mutex> lock(updateMutex);
-  if (setContext(caller, data) != 0) {
-    return -1;
-  }
   int need = -1;
-  if (checkVersion(image.version.c_str(), &need) != 0) {
-    FW_LOG(diagnostics::kError, "Error: %s Firmware CheckVersion Fail", firmwareName.c_str());
+  if (!update.askModule(need)) {
     return -1;
   }
   if (need <= 0) {
-    FW_LOG(diagnostics::kError, "Error: %s Firmware not need update", firmwareName.c_str());
-    if (type == UPDATE_TYPE_EMP) {
-      unmountEMPImage();
-    }
-    return 0;
+    return update.endWithoutNeed();
   }
-  if (!hasChecksum(*this, binary, image.crc)) {
-    // Lower-case "crc32" here, upper-case in isNeedUpdate; kept on purpose.
-    FW_LOG(diagnostics::kError, "Error: %s Firmware crc32 different", firmwareName.c_str());
-    return -1;
-  }
-
-  FW_LOG(diagnostics::kError, "========== [ %s update start ] ==========", firmwareName.c_str());
-  const int result = doUpdate(binary.c_str(), image.crc, image.expectedTime);
-  if (result != 0) {
-    // Nothing may come between the module and this line that changes errno. The
-    // package stays mounted after a failure, on purpose.
-    FW_LOG(diagnostics::kError, "Error: %s Firmware doUpdate Fail %d (%d:%m)", firmwareName.c_str(), result,
-           errno);
-    return result;
-  }
-  FW_LOG(diagnostics::kError, "========== [ %s update succeeded ] ==========", firmwareName.c_str());
-  if (type == UPDATE_TYPE_EMP) {
-    std::remove(empImagePath.c_str());
-    unmountEMPImage();
-  }
-  return 0;
+  return update.isImageWhole() ? update.writeImage() : -1;
 }
 
 int FWUpdateSymbol::runProcess(CallerTypes caller, char* data) {
