@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 
 #include "app-binary-manager.h"
 #include "diagnostic-log.h"
@@ -711,54 +712,141 @@ bool FWUpdateSymbol::unmountEMPImage() {
 
 // ---- USB packages -----------------------------------------------------------
 
+namespace {
+
+// Why a package is not used, in the order in which it is found out.
+enum class PackageFault { NoKey, NoFolder, NotOpened, NotSigned, NoIv, NoData };
+
+enum class PackageUse { List, Apply };
+
+// A module's package on a USB drive, from its file to its plaintext. Listing and
+// applying it take the same steps; each has its own words for what fails.
+class UsbPackage {
+ public:
+  UsbPackage(FWUpdateSymbol& module, const unsigned char* key, const char* folder)
+      : module_(module),
+        key_(key),
+        hasFolder_(folder != nullptr),
+        path_(hasFolder_ ? folder + module.getFirmwareName() + ".bin" : "") {}
+
+  // To be called once.
+  std::optional<PackageFault> decrypt(PackageUse use) {
+    if (key_ == nullptr) {
+      return PackageFault::NoKey;
+    }
+    if (!hasFolder_) {
+      return PackageFault::NoFolder;
+    }
+    if (!file_.emplace(path_).isOpen()) {
+      return PackageFault::NotOpened;
+    }
+    if (!isVerified(*file_, path_)) {
+      return PackageFault::NotSigned;
+    }
+    module_.setContext(CALLER_USB_PACKAGE, emptyData());
+    return readPlaintext(use);
+  }
+
+  const char* path() const { return path_.c_str(); }
+  const char* version() const { return version_.data(); }
+  const unsigned char* image() const { return plaintext_ + kVersionBlockSize; }
+  int imageSize() const { return size_ - kVersionBlockSize; }
+  bool noteApplied() const { return file_->noteApplied(); }
+
+ private:
+  // The whole size counts for listing, size - 16 for applying; only the version block
+  // is used of the former. The buffer stays with cipher_buf_all and is not freed, on
+  // purpose.
+  std::optional<PackageFault> readPlaintext(PackageUse use) {
+    const std::int64_t size = packageSize(path_);
+    PackageIv iv;
+    FILE* const stream = file_->read();
+    if (!readPackageIv(stream, iv)) {
+      return PackageFault::NoIv;
+    }
+    const bool applies = use == PackageUse::Apply;
+    const std::int64_t count = applies ? size - static_cast<int>(iv.size()) : size;
+    plaintext_ = decryptPackage(stream, key_, iv, size, count, size_);
+    if (plaintext_ == nullptr || (applies && size_ < kVersionBlockSize)) {
+      return PackageFault::NoData;
+    }
+    if (!file_->isWhatWasVerified()) {
+      return PackageFault::NotSigned;
+    }
+    version_ = versionBlock(plaintext_, size_);
+    file_->close();
+    return std::nullopt;
+  }
+
+  FWUpdateSymbol& module_;
+  const unsigned char* const key_;
+  const bool hasFolder_;
+  const std::string path_;
+  std::optional<OpenPackage> file_;
+  const unsigned char* plaintext_ = nullptr;
+  int size_ = 0;  // of the plaintext
+  VersionBlock version_{};
+};
+
+void sayWhyNotListed(PackageFault fault, const char* path) {
+  switch (fault) {
+    case PackageFault::NoKey:
+      FW_LOG_AS("getNeedUpdateList", diagnostics::kError, "Error: ckey  is nullptr");
+      break;
+    case PackageFault::NoFolder:
+      FW_LOG_AS("getNeedUpdateList", diagnostics::kError, "Error: image_path is nullptr");
+      break;
+    case PackageFault::NotOpened:
+      FW_LOG_AS("getNeedUpdateList", diagnostics::kError, "Error: %s open fail", path);
+      break;
+    case PackageFault::NotSigned:
+      FW_LOG_AS("getNeedUpdateList", diagnostics::kError, "Error: %s is NOT signed", path);
+      break;
+    case PackageFault::NoIv:
+      FW_LOG_AS("getNeedUpdateList", diagnostics::kError, "Error: iv is worng");
+      break;
+    case PackageFault::NoData:
+      FW_LOG_AS("getNeedUpdateList", diagnostics::kError, "Error: Decryption data is null");
+      break;
+  }
+}
+
+void sayWhyNotApplied(PackageFault fault, const char* path) {
+  switch (fault) {
+    case PackageFault::NoKey:
+      FW_LOG_AS("updateUSB", diagnostics::kError, "Error: ckey  is nullptr");
+      break;
+    case PackageFault::NoFolder:
+      FW_LOG_AS("updateUSB", diagnostics::kError, "Error: image_path is nullptr");
+      break;
+    case PackageFault::NotOpened:
+      FW_LOG_AS("updateUSB", diagnostics::kError, "Error: %s file open", path);
+      break;
+    case PackageFault::NotSigned:
+      FW_LOG_AS("updateUSB", diagnostics::kError, "Error: %s file is NOT signed", path);
+      break;
+    case PackageFault::NoIv:
+      FW_LOG_AS("updateUSB", diagnostics::kError, "Error: iv is worng");
+      break;
+    case PackageFault::NoData:
+      FW_LOG_AS("updateUSB", diagnostics::kError, "Error: Decryption data is null");
+      break;
+  }
+}
+
+}  // namespace
+
 int FWUpdateSymbol::getNeedUpdateList(const unsigned char* ckey, const char* image_path) {
   if (!empBound) {
     return -1;
   }
-  if (ckey == nullptr) {
-    FW_LOG(diagnostics::kError, "Error: ckey  is nullptr");
+  UsbPackage package(*this, ckey, image_path);
+  if (const auto fault = package.decrypt(PackageUse::List)) {
+    sayWhyNotListed(*fault, package.path());
     return -1;
   }
-  if (image_path == nullptr) {
-    FW_LOG(diagnostics::kError, "Error: image_path is nullptr");
-    return -1;
-  }
-  const std::string path = image_path + firmwareName + ".bin";
-  OpenPackage package(path);
-  if (!package.isOpen()) {
-    FW_LOG(diagnostics::kError, "Error: %s open fail", path.c_str());
-    return -1;
-  }
-  if (!isVerified(package, path)) {
-    FW_LOG(diagnostics::kError, "Error: %s is NOT signed", path.c_str());
-    return -1;
-  }
-  setContext(CALLER_USB_PACKAGE, emptyData());
-
-  const std::int64_t size = packageSize(path);
-  PackageIv iv;
-  FILE* const file = package.read();
-  if (!readPackageIv(file, iv)) {
-    FW_LOG(diagnostics::kError, "Error: iv is worng");
-    return -1;
-  }
-  // The whole size is passed here, size - 16 when updating; only the version block
-  // is used of the former. The buffer stays with cipher_buf_all, on purpose.
-  int length = 0;
-  const unsigned char* const data = decryptPackage(file, ckey, iv, size, size, length);
-  if (data == nullptr) {
-    FW_LOG(diagnostics::kError, "Error: Decryption data is null");
-    return -1;
-  }
-  if (!package.isWhatWasVerified()) {
-    FW_LOG(diagnostics::kError, "Error: %s is NOT signed", path.c_str());
-    return -1;
-  }
-  const VersionBlock version = versionBlock(data, length);
-  package.close();
-
   int need = -1;
-  if (checkVersion(version.data(), &need) != 0) {
+  if (checkVersion(package.version(), &need) != 0) {
     FW_LOG(diagnostics::kError, "Error: %s Firmware CheckVersion Fail", firmwareName.c_str());
     return -1;
   }
@@ -774,51 +862,13 @@ int FWUpdateSymbol::getNeedUpdateList(const unsigned char* ckey, const char* ima
 }
 
 int FWUpdateSymbol::updateUSB(const unsigned char* ckey, const char* image_path) {
-  if (ckey == nullptr) {
-    FW_LOG(diagnostics::kError, "Error: ckey  is nullptr");
+  UsbPackage package(*this, ckey, image_path);
+  if (const auto fault = package.decrypt(PackageUse::Apply)) {
+    sayWhyNotApplied(*fault, package.path());
     return -1;
   }
-  if (image_path == nullptr) {
-    FW_LOG(diagnostics::kError, "Error: image_path is nullptr");
-    return -1;
-  }
-  const std::string path = image_path + firmwareName + ".bin";
-  OpenPackage package(path);
-  if (!package.isOpen()) {
-    FW_LOG(diagnostics::kError, "Error: %s file open", path.c_str());
-    return -1;
-  }
-  if (!isVerified(package, path)) {
-    FW_LOG(diagnostics::kError, "Error: %s file is NOT signed", path.c_str());
-    return -1;
-  }
-  setContext(CALLER_USB_PACKAGE, emptyData());
-
-  const std::int64_t size = packageSize(path);
-  PackageIv iv;
-  FILE* const file = package.read();
-  if (!readPackageIv(file, iv)) {
-    FW_LOG(diagnostics::kError, "Error: iv is worng");
-    return -1;
-  }
-  // The buffer stays with cipher_buf_all and is not freed, on purpose.
-  int length = 0;
-  const unsigned char* const data =
-      decryptPackage(file, ckey, iv, size, size - static_cast<int>(iv.size()), length);
-  if (data == nullptr || length < kVersionBlockSize) {
-    FW_LOG(diagnostics::kError, "Error: Decryption data is null");
-    return -1;
-  }
-  if (!package.isWhatWasVerified()) {
-    FW_LOG(diagnostics::kError, "Error: %s file is NOT signed", path.c_str());
-    return -1;
-  }
-  const VersionBlock version = versionBlock(data, length);
-  length -= kVersionBlockSize;
-  package.close();
-
   int need = -1;
-  if (checkVersion(version.data(), &need) != 0) {
+  if (checkVersion(package.version(), &need) != 0) {
     FW_LOG(diagnostics::kError, "Error: %s Firmware CheckVersion Fail", firmwareName.c_str());
     return -1;
   }
@@ -827,7 +877,7 @@ int FWUpdateSymbol::updateUSB(const unsigned char* ckey, const char* image_path)
     return -1;
   }
   FW_LOG(diagnostics::kError, "========== [ %s update start ] ==========", firmwareName.c_str());
-  const int result = doUpdate_decryption(data + kVersionBlockSize, length);
+  const int result = doUpdate_decryption(package.image(), package.imageSize());
   if (result != 0) {
     FW_LOG(diagnostics::kError, "Error: %s Firmware doUpdate Fail %d (%d:%m)", firmwareName.c_str(), result,
            errno);
