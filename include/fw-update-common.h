@@ -17,8 +17,10 @@ class FW_UPDATE_EXPORT FWUpdateCommon {
   static FWUpdateCommon* getInstance();
 
   // Opens the semaphore, creating it free (value 1, mode 0600) when absent.
-  // The caller owns the handle; it may be closed with sem_close or kept.
-  // Returns null on failure, with errno set.
+  // Do not close the handle: that this process has the semaphore mapped tells
+  // whoever gives back the lock of a dead process that a live one may hold it.
+  // Each call of a process gives the same handle. Returns null on failure, with
+  // errno set.
   sem_t* create_semaphore();
 
   // Opens the semaphore once more and closes that handle: it creates an absent

@@ -410,6 +410,8 @@ int FWUpdateSymbolManager::update_timeout_wrapper(FWUpdateSymbol& module, unsign
                                                   CallerTypes caller, char* data) {
   // The value is in seconds; the label "ms" is kept on purpose.
   FW_LOG(diagnostics::kError, "%s update time %d ms", module.getFirmwareName().c_str(), timeout);
+  // Not closed after use, on purpose: a process that has the semaphore mapped may hold the
+  // lock, and by that the lock of a dead process is told from that of a live one.
   sem_t* const opened = FWUpdateCommon::getInstance()->create_semaphore();
   if (opened == nullptr) {
     return -1;
