@@ -22,6 +22,7 @@
 
 #include "device-power.h"
 #include "diagnostic-log.h"
+#include "empty-data.h"
 #include "file-handles.h"
 #include "fw-update-common.h"
 #include "lwipc.h"
@@ -486,7 +487,8 @@ int FWUpdateSymbolManager::doUpdateFirmwareAll(CallerTypes /*caller*/) {
       continue;
     }
     try {
-      update_timeout_wrapper(module, module.getExpectedUpdateTime(), CALLER_QUERY, emptyData());
+      update_timeout_wrapper(module, module.getExpectedUpdateTime(), CALLER_QUERY,
+                             emptyDataOf(module.getLibName()));
     } catch (const std::runtime_error& error) {
       FW_LOG(diagnostics::kError, "Error : %s", error.what());
     }
@@ -533,7 +535,7 @@ int FWUpdateSymbolManager::writeFirmwareUpdateList(bool& running) {
       FW_LOG(diagnostics::kError, "Task is not running, writeFirmwareUpdateList stop");
       return -1;
     }
-    if (module.isNeedUpdate(CALLER_QUERY, emptyData()) != 1) {
+    if (module.isNeedUpdate(CALLER_QUERY, emptyDataOf(module.getLibName())) != 1) {
       continue;
     }
     list.add(module.getLibName(), module.getEMPName());

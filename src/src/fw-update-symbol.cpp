@@ -14,6 +14,7 @@
 
 #include "app-binary-manager.h"
 #include "diagnostic-log.h"
+#include "empty-data.h"
 #include "file-handles.h"
 #include "fw-update-mount-manager.h"
 #include "image-crc.h"
@@ -252,7 +253,7 @@ int FWUpdateSymbol::loadSymbol(const std::string& name) {
   if (!Binding::lookUpEntryPoints(*this)) {
     return -1;
   }
-  setContext(CALLER_QUERY, emptyData());
+  setContext(CALLER_QUERY, emptyDataOf(libName));
 
   // Counts in every spelling; the "emp" of an identifier counts in lower case only.
   // Both are deliberate.
@@ -290,7 +291,7 @@ int FWUpdateSymbol::setContext(CallerTypes caller, char* data) {
 }
 
 int FWUpdateSymbol::getActiveVersion(char* out) {
-  setContext(CALLER_QUERY, emptyData());
+  setContext(CALLER_QUERY, emptyDataOf(libName));
   const int result = getActiveVersionEntry(out);
   terminate(out);
   return result;
@@ -743,7 +744,7 @@ class UsbPackage {
     if (!isVerified(*file_, path_)) {
       return PackageFault::NotSigned;
     }
-    module_.setContext(CALLER_USB_PACKAGE, emptyData());
+    module_.setContext(CALLER_USB_PACKAGE, emptyDataOf(module_.getLibName()));
     return readPlaintext(use);
   }
 

@@ -25,13 +25,6 @@ inline void copyFixed(char* out, const std::string& text) {
   std::memset(out + length, 0, kCopySize - length);
 }
 
-// The data of a request that has none. It stays for good, because a module may keep
-// the pointer that it was given.
-inline char* emptyData() {
-  static char text[kTextSize];
-  return text;
-}
-
 // Cuts a text that a module wrote without a terminator.
 inline void terminate(char* text) {
   if (std::memchr(text, '\0', kTextSize) == nullptr) {

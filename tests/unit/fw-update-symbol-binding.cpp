@@ -428,6 +428,43 @@ TEST_F(ModuleBinding, GivesVersionQueriesDataThatTheModuleMayKeep) {
   EXPECT_STREQ(kept, "");
 }
 
+TEST_F(ModuleBinding, ShowsNoModuleWhatAnotherWroteIntoItsData) {
+  FWUpdateSymbol writer = bound("libwriter");
+  FWUpdateSymbol reader = bound("libreader");
+  scripted::module("libwriter").setContext = [](const char*, int, char* data) {
+    EXPECT_STREQ(data, "") << "not what it wrote itself either";
+    std::memset(data, 'x', 127);
+    return 0;
+  };
+  std::string seen = "nothing";
+  scripted::module("libreader").setContext = [&seen](const char*, int, const char* data) {
+    seen = data;
+    return 0;
+  };
+  char version[128] = {};
+
+  writer.getActiveVersion(version);
+  writer.getActiveVersion(version);
+  reader.getActiveVersion(version);
+
+  EXPECT_EQ(seen, "");
+}
+
+TEST_F(ModuleBinding, LeavesAModuleItsDataWhenARecordGoes) {
+  scripted::installModule("libabc");
+  std::vector<char*> kept;
+  scripted::module("libabc").setContext = [&kept](const char*, int, char* data) {
+    kept.push_back(data);
+    return 0;
+  };
+  const FWUpdateSymbol staying = bound("libabc");
+
+  { FWUpdateSymbol("libabc").loadSymbol("libabc"); }
+
+  ASSERT_EQ(kept.size(), 2U);
+  EXPECT_EQ(kept[0], kept[1]) << "of the module, not of a record";
+}
+
 TEST_F(ModuleBinding, ForwardsArgumentsAndResultsOfTheEntryPoints) {
   FWUpdateSymbol symbol = bound();
   scripted::Module& script = scripted::module("libabc");
