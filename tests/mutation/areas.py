@@ -6,6 +6,7 @@ the longest folder that it lies in.
 """
 import dataclasses
 import fnmatch
+import pathlib
 
 
 @dataclasses.dataclass(frozen=True)
@@ -16,16 +17,19 @@ class Area:
     targets: tuple = ()  # what these need to be built
 
 
+# What a device is made of.
+DEVICE = ("fw-device", "module-tuner", "module-panel", "module-wifi", "module-remote", "kZAQUser", "fw-privileged")
+
 AREAS = (
     Area("base", ("test-base", "test-platform-log"), ("HostileTexts.*",),
-         ("fw-update", "fw-trace", "fw-module", "fw-pack", "fw-device", "fw-download", "fw-privileged",
-          "fw-platform-check", "hostile-module")),
+         (*DEVICE, "fw-update", "fw-trace", "fw-module", "fw-pack", "fw-download", "fw-platform-check",
+          "hostile-module")),
     Area("src", ("test-fw-update-*", "test-diagnostic-log", "test-image-crc"), ("Exports.*", "Troubleshooting.*")),
     Area("platform/linux", ("test-platform-*", "test-download", "test-privileged-*", "platform-check-test")),
     Area("platform/linux/log", ("test-platform-log", "test-platform-files", "test-platform-journal")),
     Area("platform/linux/power", ("test-platform-power",)),
     Area("platform/linux/privileged", ("test-platform-privileged", "test-privileged-*", "replay-privileged-message")),
-    Area("platform/linux/trace", ("test-platform-trace-storage", "test-fw-trace", "replay-trace-reader")),
+    Area("platform/linux/trace", ("test-platform-trace-*", "test-fw-trace", "replay-trace-reader")),
     Area("platform/linux/verifier", ("test-verifier", "test-package-signature", "replay-package-signature", "fw-pack-test")),
     Area("platform/conformance", ("platform-check-test",)),
     Area("sandbox", ("sandbox-test", "fw-device-test")),
@@ -37,17 +41,32 @@ AREAS = (
     Area("tools/fw-pack", ("fw-pack-test", "test-fw-pack*", "test-verifier")),
     Area("tools/fw-privileged", ("test-privileged-service",)),
     Area("tools/fw-trace", ("test-fw-trace", "fw-trace-test", "replay-trace-reader"), ("FwTrace.*",),
-         ("fw-trace", "fw-update", "fw-device")),
+         (*DEVICE, "fw-trace", "fw-update")),
     Area("tools/fw-update", ("test-fw-update", "fw-update-tool-test")),
 )
 
-# No programs of the project, but what others are made from.
-LEFT_OUT = ("tools/fw-module/templates/*",)
+# No programs of the project, but what others are made from; and declarations alone.
+LEFT_OUT = ("tools/fw-module/templates/*", "platform/include/*")
+
+
+def wrong(tree, files, areas=AREAS):
+    """What the table does not know of a tree with these files, as sentences."""
+    for area in areas:
+        if not (tree / area.folder).is_dir():
+            yield f"areas.py names {area.folder}, which is not there"
+    tops = {area.folder.split("/")[0] for area in areas}
+    for folder in sorted({str(pathlib.PurePath(file).parent) for file in files
+                          if file.split("/")[0] in tops and not is_left_out(file) and not area_of(file, areas)}):
+        yield f"areas.py names no area for the sources in {folder}"
+
+
+def is_left_out(file):
+    return any(fnmatch.fnmatchcase(file, pattern) for pattern in LEFT_OUT)
 
 
 def area_of(file, areas=AREAS):
     """The area of a file, or None."""
-    if any(fnmatch.fnmatchcase(file, pattern) for pattern in LEFT_OUT):
+    if is_left_out(file):
         return None
     fitting = [area for area in areas if file.startswith(area.folder + "/")]
     return max(fitting, key=lambda area: len(area.folder), default=None)

@@ -26,7 +26,9 @@ ALLOWED = ["address", "array-bounds", "conversion", "empty-body", "format-overfl
            "unused-const-variable", "unused-function", "unused-parameter", "unused-result", "unused-value",
            "unused-variable"]
 PRAGMAS = "".join(f'#pragma GCC diagnostic ignored "-W{name}"\n' for name in ALLOWED) + "#line 1\n"
-FAILED = re.compile(r"^\s*\d+ - (.+) \([^()]+\)$", re.MULTILINE)
+NAMED = re.compile(r"^\s*\d+ - (.+) \([^()]+\)$", re.MULTILINE)
+FAILED = "The following tests FAILED:"
+NOT_RUN = "The following tests did not run:"  # what ctest says before the names
 NO_TEST = "the run of the tests itself"
 QUICK = 2  # seconds
 LIMIT_OF_QUICK = 30
@@ -134,19 +136,19 @@ class Workshop:
     def quick_tests(self):
         """The names of tests that are known to take little time."""
         known = self.build_directory / "Testing" / "Temporary" / "CTestCostData.txt"
-        rows = known.read_text(encoding="utf-8").split("---")[0].splitlines() if known.exists() else []
+        text = known.read_text(encoding="utf-8", errors="replace") if known.exists() else ""  # also of cut-off output
+        rows = text.split("---")[0].splitlines()
         return {name for name, _, seconds in (row.rsplit(" ", 2) for row in rows) if float(seconds) <= QUICK}
 
     def failures(self, numbers, limit=None):
-        """The names of some of these tests that fail; the others are not run then."""
+        """The names of some of these tests that fail, or are skipped; the others are not run then."""
         chosen = "0,0,0," + ",".join(map(str, sorted(numbers)))
         command = ["ctest", "--preset", PRESET, "-I", chosen, "--parallel", str(self.jobs), "--timeout",
                    str(limit or self.limit), "--repeat", "until-pass:2", "--stop-on-failure"]
         for _ in range(2):  # a test program that does not even name its tests may do so the next time
-            if self.run(command, "test", TEST_RUN_TIME, confined=True) == 0:
-                return []
-            failed = FAILED.findall(self.log("test").partition("The following tests FAILED:")[2])
-            if failed:
+            passed = self.run(command, "test", TEST_RUN_TIME, confined=True) == 0
+            failed = NAMED.findall(self.log("test").partition(NOT_RUN if passed else FAILED)[2])
+            if failed or passed:
                 return failed
         return [NO_TEST]
 
