@@ -4,18 +4,22 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/ucontext.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <utime.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -241,6 +245,7 @@ TEST_F(TraceStorageTest, KeepsRecordsWhenThereIsNoMoreRoomForTheirLocations) {
   const auto trace = onlyTrace().trace;
   EXPECT_LT(trace.locations.size(), kCount);
   EXPECT_GT(trace.locations.size() * format.size(), 15U * 64 * 1024) << "of sixteen times 64 KiB";
+  EXPECT_EQ(fs::file_size(onlyTrace().path), (16U * 64 + 256) * 1024) << "with the ring of the thread";
   ASSERT_THAT(trace.records, SizeIs(1 + kCount)) << "the first is the thread's name";
   EXPECT_EQ(trace.records.back().payload, Int(kCount - 1));
 }
@@ -689,6 +694,268 @@ TEST_F(TraceStorageTest, ReadsRegularFilesAlone) {
   EXPECT_EQ(tracetool::loadTrace(directory_).problem, "This is no file.");
   EXPECT_EQ(tracetool::loadTrace(directory_ + "/missing").problem,
             "The file cannot be opened: No such file or directory.");
+}
+
+// ---- What is cleaned away -------------------------------------------------------
+
+// Files of known ages and sizes, and the moment at which they are looked at.
+class CleanedTraces : public TraceStorageTest {
+ protected:
+  static constexpr std::int64_t kNow = 2000000000;
+  static constexpr std::int64_t kWeek = 7 * 24 * 3600;
+  static constexpr std::uint64_t kNoLimit = UINT64_MAX;
+
+  CleanedTraces() { fs::create_directory(traces_); }
+
+  static void age(const std::string& path, std::int64_t seconds) {
+    const timespec then = {static_cast<std::time_t>(kNow - seconds), 0};
+    const timespec times[] = {then, then};
+    ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW), 0) << path;
+  }
+
+  // Takes its room at once, as a trace does; an empty one takes none.
+  void put(const std::string& name, std::int64_t seconds, off_t size = 65536) const {
+    const fwplatform::UniqueFd file(
+        open((traces_ + "/" + name).c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+    ASSERT_TRUE(file);
+    if (size > 0) {
+      ASSERT_EQ(posix_fallocate(file.get(), 0, size), 0);
+    }
+    age(traces_ + "/" + name, seconds);
+  }
+
+  std::uint64_t room(const std::string& name) const {
+    struct stat status = {};
+    EXPECT_EQ(stat((traces_ + "/" + name).c_str(), &status), 0);
+    return static_cast<std::uint64_t>(status.st_blocks) * 512;
+  }
+
+  // What is left, in the order of the names.
+  std::vector<std::string> leftAfter(std::int64_t maxAge, std::uint64_t maxBytes) const {
+    cleanUp(openTraceDirectory(traces_).get(), kNow, maxAge, maxBytes);
+    std::vector<std::string> names;
+    for (const auto& entry : fs::directory_iterator(traces_)) {
+      names.push_back(entry.path().filename());
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+  }
+};
+
+TEST_F(CleanedTraces, AreThoseThatAreOlderThanTheyMayBecome) {
+  put("older.fwtrace", kWeek + 1);
+  put("old.fwtrace", kWeek);
+  put("new.fwtrace", 0);
+
+  EXPECT_THAT(leftAfter(kWeek, kNoLimit), ElementsAre("new.fwtrace", "old.fwtrace"));
+}
+
+// In whatever order the directory gives them.
+TEST_F(CleanedTraces, AreTheOldestUntilTheOthersFit) {
+  const std::vector<std::vector<std::int64_t>> orders = {
+      {1, 2, 3, 4}, {4, 3, 2, 1}, {2, 4, 1, 3}, {3, 1, 4, 2}};
+  for (const auto& ages : orders) {
+    fs::remove_all(traces_);
+    fs::create_directory(traces_);
+    for (const std::int64_t seconds : ages) {
+      put(std::to_string(seconds) + ".fwtrace", 100 * seconds);
+    }
+    const std::uint64_t each = room("1.fwtrace");
+
+    EXPECT_THAT(leftAfter(kWeek, 4 * each), SizeIs(4));
+    EXPECT_THAT(leftAfter(kWeek, 4 * each - 1), ElementsAre("1.fwtrace", "2.fwtrace", "3.fwtrace"));
+    EXPECT_THAT(leftAfter(kWeek, each), ElementsAre("1.fwtrace"));
+  }
+}
+
+TEST_F(CleanedTraces, AreNoFilesOfOtherNamesOrKinds) {
+  put("notes-of-somebody.txt", 2 * kWeek);
+  put(".fwtrace", 2 * kWeek);
+  put("trace.fwtrace.old", 2 * kWeek);
+  ASSERT_EQ(mkfifo((traces_ + "/pipe.fwtrace").c_str(), 0600), 0);
+  age(traces_ + "/pipe.fwtrace", 2 * kWeek);
+  fs::create_symlink("notes-of-somebody.txt", traces_ + "/link.fwtrace");
+  age(traces_ + "/link.fwtrace", 2 * kWeek);
+  put("trace.fwtrace", 2 * kWeek);
+
+  EXPECT_THAT(leftAfter(kWeek, 0), ElementsAre(".fwtrace", "link.fwtrace", "notes-of-somebody.txt",
+                                               "pipe.fwtrace", "trace.fwtrace.old"));
+}
+
+TEST_F(CleanedTraces, AreEmptyOnesWhenNobodyCanBeMakingThemAnyMore) {
+  put("made.fwtrace", 60, 0);
+  put("left.fwtrace", 61, 0);
+
+  EXPECT_THAT(leftAfter(10, kNoLimit), ElementsAre("made.fwtrace"));
+}
+
+TEST_F(CleanedTraces, AreCountedWhenTheyAreGoneAlone) {
+  put("3.fwtrace", 300);
+  put("2.fwtrace", 200);
+  put("1.fwtrace", 100);
+  const fwplatform::UniqueFd living(open((traces_ + "/3.fwtrace").c_str(), O_RDWR | O_CLOEXEC));
+  ASSERT_EQ(flock(living.get(), LOCK_EX | LOCK_NB), 0);
+
+  EXPECT_THAT(leftAfter(kWeek, 2 * room("1.fwtrace")), ElementsAre("1.fwtrace", "3.fwtrace"));
+}
+
+TEST_F(CleanedTraces, LeaveNoDescriptorOpen) {
+  put("old.fwtrace", 2 * kWeek);
+  put("new.fwtrace", 0);
+  const auto descriptors = [] {
+    return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
+  };
+  const auto before = descriptors();
+
+  leftAfter(kWeek, kNoLimit);
+
+  EXPECT_EQ(descriptors(), before);
+}
+
+TEST_F(TraceStorageTest, MakesNoFileWhenAHundredNamesAreTaken) {
+  const fwplatform::UniqueFd directory = openTraceDirectory(traces_);
+  const std::string start = traces_ + "/service-" + std::to_string(getpid()) + "-";
+  for (int i = 0; i < 100; ++i) {
+    std::ofstream(start + std::to_string(5 + i) + ".fwtrace").flush();
+  }
+
+  EXPECT_FALSE(createTraceFile(directory.get(), "service", 5000000));
+  EXPECT_EQ(errno, EEXIST);
+
+  fs::remove(start + "104.fwtrace");
+  EXPECT_TRUE(createTraceFile(directory.get(), "service", 5000000));
+  EXPECT_TRUE(fs::exists(start + "104.fwtrace"));
+}
+
+TEST_F(TraceStorageTest, LetsEverybodyListItsDirectoryAndItsGroupReadItsFile) {
+  inChild([] {
+    umask(0);
+    write(registerNumber(), Int(1));
+  });
+
+  struct stat status = {};
+  ASSERT_EQ(stat(traces_.c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 07777U, 0755U);
+  ASSERT_EQ(stat(onlyTrace().path.c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 07777U, 0640U);
+}
+
+std::int64_t realTime() {
+  timespec now = {};
+  clock_gettime(CLOCK_REALTIME, &now);
+  return static_cast<std::int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec;
+}
+
+TEST_F(TraceStorageTest, TellsWhoseTraceItIs) {
+  std::ifstream stream("/proc/self/cmdline", std::ios::binary);
+  std::string line(std::istreambuf_iterator<char>(stream), {});
+  line.pop_back();
+  std::replace(line.begin(), line.end(), '\0', ' ');
+  const std::int64_t before = realTime();
+
+  inChild([] {
+    prctl(PR_SET_NAME, "fifteen-letters");
+    write(registerNumber(), Int(1));
+  });
+
+  const auto trace = onlyTrace().trace;
+  EXPECT_EQ(trace.processName, "fifteen-letters");
+  EXPECT_EQ(trace.commandLine, line.substr(0, 191));
+  EXPECT_GE(trace.start, before);
+  EXPECT_LE(trace.start, realTime());
+  EXPECT_GE(trace.records.front().time, trace.start);
+  EXPECT_LE(trace.records.front().time, realTime());
+}
+
+TEST_F(TraceStorageTest, TakesNothingOfAPreparationThatFailed) {
+  inChild([] {
+    const std::uint32_t location = registerNumber();
+    write(location, Int(1));
+    EXPECT_EQ(theStorage().PrepareCallBuffer(theStorage().ThreadHandle(), 0xFFFFFFFF, 1, location), nullptr);
+    theStorage().Commit(theStorage().ThreadHandle());
+    write(location, Int(2));
+  });
+
+  EXPECT_THAT(texts(), ElementsAre("number 1", "number 2"));
+}
+
+// A ring of 65472 bytes has room for 2046 records of 32 bytes, the thread's name among them.
+TEST_F(TraceStorageTest, FillsARingToItsLastByte) {
+  setenv("FW_UPDATE_TRACE_THREAD_KIB", "64", 1);
+  for (const std::uint32_t more : {0U, 1U, 2045U, 2046U, 2047U, 5000U}) {
+    fs::remove_all(traces_);
+
+    inChild([more] {
+      prctl(PR_SET_NAME, "8letters");
+      const std::uint32_t location = registerNumber();
+      for (std::uint32_t i = 0; i < 2045 + more; ++i) {
+        write(location, Int(i) + Int(i));
+      }
+    });
+
+    const auto trace = onlyTrace().trace;
+    EXPECT_THAT(trace.records, SizeIs(2046)) << more;
+    EXPECT_EQ(trace.overwritten, more > 0) << more;
+    EXPECT_EQ(trace.records.back().payload, Int(2044 + more) + Int(2044 + more)) << more;
+  }
+}
+
+// ---- At each instruction --------------------------------------------------------
+
+// A reader of another process, and one that looks after the process was killed, may come
+// between any two instructions.
+const volatile ChunkHeader* steppedRing = nullptr;
+volatile std::uint64_t steps = 0;
+volatile std::uint64_t wrongSteps = 0;
+
+void onStep(int /*signal*/, siginfo_t* information, void* context) {
+  constexpr greg_t kTrapFlag = 0x100;
+  constexpr std::uint64_t kCapacity = 64 * 1024 - sizeof(ChunkHeader);
+  if (information->si_code == SI_TKILL) {  // raise() switches it on and off
+    static_cast<ucontext_t*>(context)->uc_mcontext.gregs[REG_EFL] ^= kTrapFlag;
+    return;
+  }
+  steps = steps + 1;
+  const std::uint64_t head = steppedRing->head;
+  const std::uint64_t tail = steppedRing->tail;
+  if (tail > head || head - tail > kCapacity) {
+    wrongSteps = wrongSteps + 1;
+  }
+}
+
+TEST_F(TraceStorageTest, KeepsTheEndsOfARingTrueAfterEachInstruction) {
+  setenv("FW_UPDATE_TRACE_THREAD_KIB", "64", 1);
+
+  const int result = inChild([this] {
+    const std::uint32_t location = registerNumber();
+    std::vector<std::string> payloads;
+    for (std::size_t i = 0; i < 150; ++i) {
+      payloads.emplace_back(900 + 40 * (i % 7), 'x');
+    }
+    const auto writeTurns = [&] {
+      for (const std::string& payload : payloads) {
+        write(location, payload);
+      }
+    };
+    writeTurns();
+    const fwplatform::UniqueFd file(open(onlyTrace().path.c_str(), O_RDONLY | O_CLOEXEC));
+    void* const ring = mmap(nullptr, 64 * 1024, PROT_READ, MAP_SHARED, file.get(), 64 * 1024);
+    ASSERT_NE(ring, MAP_FAILED);
+    steppedRing = static_cast<const ChunkHeader*>(ring);
+    struct sigaction action = {};
+    action.sa_sigaction = onStep;
+    action.sa_flags = SA_SIGINFO;
+    ASSERT_EQ(sigaction(SIGTRAP, &action, nullptr), 0);
+
+    raise(SIGTRAP);
+    writeTurns();
+    raise(SIGTRAP);
+
+    EXPECT_GT(steps, 10000U);
+    EXPECT_EQ(wrongSteps, 0U);
+  });
+
+  EXPECT_EQ(result, 0);
 }
 
 // ---- Bytes ----------------------------------------------------------------------
