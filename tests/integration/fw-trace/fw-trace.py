@@ -215,6 +215,9 @@ class Command(UpdatedDevice):
         self.assertEqual(fw_trace("show", "999999999").returncode, 3)
         self.assertEqual(fw_trace("show", "--since", "noon").returncode, 2)
         self.assertEqual(fw_trace("export").returncode, 2)
+        for arguments in (["--json", "nonsense"], ["show", "--since", "noon", "--json"]):
+            done = subprocess.run([FW_TRACE, *arguments], capture_output=True, text=True)
+            self.assertEqual((done.returncode, json.loads(done.stdout)["outcome"]), (2, "usage"), done.stdout)
         self.assertEqual(subprocess.run([FW_TRACE, "list", "--directory", WORK + "/none"],
                                         capture_output=True).returncode, 4)
 
@@ -282,7 +285,11 @@ class Command(UpdatedDevice):
             self.assertLessEqual(max(map(len, lines)), 78, lines)
 
     def test_colours_errors_on_a_terminal_alone(self):
-        self.assertIn("\x1b[31m", on_terminal(80, "show"))
+        looks = {}  # of each kind of message
+        for line in on_terminal(80, "show").replace("\r", "").splitlines():
+            look, text = re.search(r"\)  ((?:\x1b\[\d+m)?)(.*)", line).groups()
+            looks.setdefault(re.match("Error|=====|", text)[0], set()).add(look)
+        self.assertEqual(looks, {"Error": {"\x1b[31m"}, "=====": {"\x1b[1m"}, "": {""}})
         self.assertNotIn("\x1b", on_terminal(80, "show", NO_COLOR="1"))
         self.assertNotIn("\x1b", fw_trace("show").stdout)
 
