@@ -942,6 +942,14 @@ TEST_F(PrivilegedClient, SaysWhenNoServiceIsThere) {
   EXPECT_EQ(ask(10000, answer), -ECONNREFUSED);
 }
 
+TEST_F(PrivilegedClient, WaitsForNoAnswerToARequestThatCannotBeSent) {
+  const UniqueFd listener = listen();
+  PrivilegedAnswer answer;
+
+  EXPECT_EQ(askPrivilegedService(PrivilegedOperation::Umount, std::string(10 << 20, 'x'), 10000, answer),
+            -EMSGSIZE);
+}
+
 TEST_F(PrivilegedClient, DoesTheWorkItselfOnlyAsRoot) {
   if (fwplatform::isInUserNamespace()) {
     GTEST_SKIP() << "a user namespace has only one user";

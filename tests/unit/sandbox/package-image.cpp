@@ -1,5 +1,8 @@
 #include "package-image.h"
 
+#include <sys/xattr.h>
+#include <unistd.h>
+
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -46,6 +49,36 @@ TEST_F(PackageImage, IsTheSameWhateverTheTimesAndModesOfTheFiles) {
   setenv("SOURCE_DATE_EPOCH", "5", 1);
   sandbox::packFolder("/tmp/two", "/tmp/two.img");
   unsetenv("SOURCE_DATE_EPOCH");
+
+  EXPECT_TRUE(readFile("/tmp/one.img") == readFile("/tmp/two.img"));
+}
+
+// Attributes and owners are this machine's, and none of the set's.
+TEST_F(PackageImage, IsTheSameWhoeverOwnsTheFiles) {
+  for (const std::string folder : {"/tmp/one", "/tmp/two"}) {
+    writeFile(folder + "/tunerfw.bin", "firmware");
+  }
+  if (chown("/tmp/two/tunerfw.bin", 65534, 65534) != 0) {
+    GTEST_SKIP() << "a user namespace has only one user";
+  }
+
+  sandbox::packFolder("/tmp/one", "/tmp/one.img");
+  sandbox::packFolder("/tmp/two", "/tmp/two.img");
+
+  EXPECT_TRUE(readFile("/tmp/one.img") == readFile("/tmp/two.img"));
+}
+
+TEST_F(PackageImage, IsTheSameWhateverAttributesTheFilesHave) {
+  for (const std::string folder : {"/tmp/one", "/tmp/two"}) {
+    writeFile(folder + "/tunerfw.bin", "firmware");
+  }
+  if (setxattr("/tmp/two/tunerfw.bin", "user.note", "x", 1, 0) != 0 &&
+      setxattr("/tmp/two/tunerfw.bin", "trusted.note", "x", 1, 0) != 0) {
+    GTEST_SKIP() << "only root gives files in memory attributes on this kernel";
+  }
+
+  sandbox::packFolder("/tmp/one", "/tmp/one.img");
+  sandbox::packFolder("/tmp/two", "/tmp/two.img");
 
   EXPECT_TRUE(readFile("/tmp/one.img") == readFile("/tmp/two.img"));
 }

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <openssl/pem.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -441,6 +442,21 @@ TEST_F(KeyDirectory, HoldsNoPrivateKeysAndAsksForNoPassPhrase) {
 
   EXPECT_FALSE(fwpackage::readPublicKey(path("secret.pem")));
   EXPECT_FALSE(fwpackage::readPublicKey(path("absent.pem")));
+}
+
+// One that is encrypted, even with an empty pass phrase, is no public key.
+TEST_F(KeyDirectory, HoldsNoEncryptedKeys) {
+  const fwpackage::Bio bio(BIO_new(BIO_s_mem()));
+  unsigned char noPassPhrase[] = "";
+  ASSERT_EQ(
+      PEM_ASN1_write_bio(reinterpret_cast<i2d_of_void*>(i2d_PUBKEY), PEM_STRING_PUBLIC, bio.get(),
+                         publicHalf(maker()).get(), EVP_aes_128_cbc(), noPassPhrase, 0, nullptr, nullptr),
+      1);
+  char* text = nullptr;
+  const long size = BIO_get_mem_data(bio.get(), &text);
+  write("maker.pem", std::string(text, static_cast<std::size_t>(size)));
+
+  EXPECT_FALSE(finds(maker()));
 }
 
 TEST(PublicKey, HasTheAlgorithmOfItsTypeAndSize) {
