@@ -1,45 +1,40 @@
 // What the commands answer, to the letter, for traces of known bytes.
-#include "commands.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 
 #include <cstdlib>
-#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <string>
 
 #include "known-messages.h"
-#include "text-layout.h"
 #include "trace-builder.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-using namespace tracetool;
-using ::testing::ElementsAre;
+namespace known = tracetool::known;
 using ::testing::HasSubstr;
-using ::testing::IsEmpty;
+using ::testing::Not;
 
 constexpr std::int64_t kMillisecond = 1000000;
+
+struct Answer {
+  int exitCode = -1;
+  std::string output;
+  std::string error;
+};
 
 // A directory of traces. Their processes started on 2027-01-15 at 08:00 in UTC.
 class Commands : public ::testing::Test {
  protected:
   Commands() {
-    setenv("TZ", "UTC", 1);
-    tzset();
     char name[] = "/tmp/trace-commands-XXXXXX";
     directory_ = mkdtemp(name);
-    options.directory = directory_;
   }
-  ~Commands() override {
-    fs::remove_all(directory_);
-    unsetenv("TZ");
-    tzset();
-  }
+  ~Commands() override { fs::remove_all(directory_); }
 
   std::string path(const std::string& name) const { return directory_ + "/" + name; }
 
@@ -92,219 +87,199 @@ class Commands : public ::testing::Test {
   }
   static std::string expected(const std::string& name) { return textOf(std::string(EXPECTED) + "/" + name); }
 
-  Options options;
+  // What the program says to these words about this directory, or another one.
+  Answer answer(const std::string& words, const std::string& directory) const {
+    const std::string command = "TZ=UTC " FW_TRACE " " + words + " --directory " + directory + " >" +
+                                path("output") + " 2>" + path("error");
+    const int status = std::system(command.c_str());
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, textOf(path("output")), textOf(path("error"))};
+  }
+  Answer answer(const std::string& words) const { return answer(words, directory_); }
+
+  // That it has this output, and nothing else to say.
+  void expectOutput(const std::string& words, const std::string& output) const {
+    const Answer given = answer(words);
+    EXPECT_EQ(given.output, output);
+    EXPECT_EQ(given.error, "");
+    EXPECT_EQ(given.exitCode, 0);
+  }
+
+  // That it fails so.
+  void expectFailure(const std::string& words, int exitCode, const std::string& sentence) const {
+    const Answer given = answer(words);
+    EXPECT_EQ(given.output, "");
+    EXPECT_EQ(given.error, "fw-trace: " + sentence + "\n");
+    EXPECT_EQ(given.exitCode, exitCode);
+  }
 
  private:
   std::string directory_;
 };
 
+constexpr char kAbout[] = "08:00:00.002001  123456/123456789  work(42)  about libtuner\n";
+constexpr char kAboutPanel[] =
+    "08:00:02.000000  77/77            isNeedUpdate(42)  libpanel Firmware isNeedUpdateModules Try(panelfw)\n"
+    "08:00:02.005000  77/77            isNeedUpdate(42)  Error: panelfw Firmware CRC32 different\n"
+    "08:00:02.006000  77/77            fw_update(42)  fw_update from Caller Type [6] STATE [-1] DATA "
+    "[libpanel]\n";
+
 TEST_F(Commands, ShowTheMessagesOfAllTracesInTimeOrder) {
   putTwo();
 
-  const Report report = runShow(options);
+  const Answer given = answer("show");
 
-  EXPECT_EQ(report.outcome, Outcome::Ok);
-  EXPECT_EQ(report.body,
-            "08:00:00.001500  77/78            work(42)  number 7\n"
-            "08:00:00.002001  123456/123456789  work(42)  about libtuner\n"
-            "08:00:00.003000  77/77            stop(42)  Error: libtuner2\n");
-  EXPECT_EQ(report.message, "");
+  EXPECT_EQ(given.output, std::string("08:00:00.001500  77/78            work(42)  number 7\n") + kAbout +
+                              "08:00:00.003000  77/77            stop(42)  Error: libtuner2\n");
+  EXPECT_EQ(given.error,
+            "fw-trace: " + path("a.fwtrace") + ": 3 messages found no room and were not recorded.\n");
+  EXPECT_EQ(given.exitCode, 0);
 }
 
-TEST_F(Commands, ShowAMessageAsJson) {
-  putTwo();
-  options.json = true;
+TEST_F(Commands, ShowMessagesAsJson) {
+  putUpdates();
 
-  const Report report = runShow(options);
-
-  EXPECT_EQ(report.body, "");
-  ASSERT_EQ(report.details["messages"].size(), 3U);
-  const Json::Value& message = report.details["messages"][1];
-  EXPECT_EQ(
-      tool::onOneLine(message),
-      R"({"arguments":["libtuner"],"file":"service.cpp","format":"about %s","function":"work","line":42,)"
-      R"("nanoseconds":1800000000002001000,"processId":123456,"text":"about libtuner",)"
-      R"("threadId":123456789,"time":1800000000.002})"
-      "\n");
+  expectOutput("show --json", expected("show.json"));
 }
 
 TEST_F(Commands, ShowWhatFitsAllFilters) {
   putTwo();
-  options.function = "work";
-  EXPECT_THAT(runShow(options).body, ::testing::AllOf(HasSubstr("number 7"), HasSubstr("about"),
-                                                      ::testing::Not(HasSubstr("Error"))));
-  options.module = "libtuner";
-  EXPECT_EQ(runShow(options).body, "08:00:00.002001  123456/123456789  work(42)  about libtuner\n");
-  options.until = "08:00:00.002";
+  EXPECT_THAT(answer("show --function work").output,
+              ::testing::AllOf(HasSubstr("number 7"), HasSubstr("about"), Not(HasSubstr("Error"))));
+  EXPECT_EQ(answer("show --function work --module libtuner").output, kAbout);
 
-  const Report report = runShow(options);
+  const Answer nothing = answer("show --function work --module libtuner --until 08:00:00.002");
 
-  EXPECT_EQ(report.outcome, Outcome::NothingFound);
-  EXPECT_EQ(report.message, "No message fits.");
-  EXPECT_EQ(report.body, "");
+  EXPECT_EQ(nothing.output, "");
+  EXPECT_THAT(nothing.error, HasSubstr("fw-trace: No message fits.\n"));
+  EXPECT_EQ(nothing.exitCode, 3);
 }
 
-TEST_F(Commands, ShowWhatNamesTheModulesFirmware) {
+TEST_F(Commands, ShowWhatNamesTheModuleOrItsFirmware) {
   putUpdates();
-  for (const char* const name : {"libpanel", "panelfw"}) {
-    options.module = name;
 
-    EXPECT_EQ(runShow(options).body,
-              "08:00:02.000000  77/77            isNeedUpdate(42)  libpanel Firmware isNeedUpdateModules "
-              "Try(panelfw)\n"
-              "08:00:02.005000  77/77            isNeedUpdate(42)  Error: panelfw Firmware CRC32 different\n"
-              "08:00:02.006000  77/77            fw_update(42)  fw_update from Caller Type [6] STATE [-1] "
-              "DATA [libpanel]\n")
-        << name;
-  }
+  expectOutput("show --module libpanel", kAboutPanel);
+  expectOutput("show --module panelfw", kAboutPanel);
 }
 
 TEST_F(Commands, TakeTimesForThoseOfTheLastMessagesDay) {
   putUpdates();
-  options.since = "08:00:02.005";
-  options.until = "08:00:02.005";
 
-  EXPECT_EQ(runShow(options).body,
-            "08:00:02.005000  77/77            isNeedUpdate(42)  Error: panelfw Firmware CRC32 different\n");
+  expectOutput(
+      "show --since 08:00:02.005 --until 08:00:02.005",
+      "08:00:02.005000  77/77            isNeedUpdate(42)  Error: panelfw Firmware CRC32 different\n");
 }
 
-TEST_F(Commands, SayWhatIsMissingInATrace) {
-  putTwo();
+TEST_F(Commands, SayWhichTraceCannotBeRead) {
+  putUpdates();
   std::ofstream(path("c.fwtrace")) << "no trace";
 
-  const Report report = runShow(options);
+  const Answer given = answer("show --module panelfw");
 
-  ASSERT_EQ(report.details["skipped"].size(), 2U);
-  EXPECT_THAT(report.details["skipped"][0].asString(), HasSubstr(path("c.fwtrace") + ": "));
-  EXPECT_EQ(report.details["skipped"][1].asString(),
-            path("a.fwtrace") + ": 3 messages found no room and were not recorded.");
+  EXPECT_EQ(given.output, kAboutPanel);
+  EXPECT_EQ(given.error, "fw-trace: " + path("c.fwtrace") + ": The file is too short for a trace.\n");
+  EXPECT_EQ(given.exitCode, 0);
 }
 
 TEST_F(Commands, ListTheTracesByTheirStart) {
   putTwo();
   std::ofstream(path("c.fwtrace")) << "no trace";
 
-  const Report report = runList(options);
+  expectOutput("list",
+               "PROCESS  STATE       STARTED              RECORDS  COMMAND\n"
+               "-        unreadable  -                    -        " +
+                   path("c.fwtrace") +
+                   ": The file is too short for a trace.\n"
+                   "77       dead        2027-01-15 08:00:00  2        service --run\n"
+                   "123456   dead        2027-01-15 08:00:00  1        service --run\n");
+}
 
-  EXPECT_EQ(report.outcome, Outcome::Ok);
-  EXPECT_EQ(report.body,
-            "PROCESS  STATE       STARTED              RECORDS  COMMAND\n"
-            "-        unreadable  -                    -        " +
-                path("c.fwtrace") +
-                ": The file is too short for a trace.\n"
-                "77       dead        2027-01-15 08:00:00  2        service --run\n"
-                "123456   dead        2027-01-15 08:00:00  1        service --run\n");
-  EXPECT_EQ(
-      tool::onOneLine(report.details["traces"]),
-      R"([{"bytes":8,"path":")" + path("c.fwtrace") +
-          R"(","problem":"The file is too short for a trace.","state":"unreadable"},)"
-          R"({"bytes":592,"commandLine":"service --run","dropped":0,"overwritten":false,"parentId":1,"path":")" +
-          path("b.fwtrace") +
-          R"(","process":"service","processId":77,"records":2,"start":"2027-01-15 08:00:00","state":"dead"},)"
-          R"({"bytes":496,"commandLine":"service --run","dropped":3,"overwritten":false,"parentId":77,"path":")" +
-          path("a.fwtrace") +
-          R"(","process":"service","processId":123456,"records":1,"start":"2027-01-15 08:00:00",)"
-          R"("state":"dead"}])"
-          "\n");
+TEST_F(Commands, ListTheTracesAsJson) {
+  putTwo();
+  std::ofstream(path("c.fwtrace")) << "no trace";
+  std::string list = expected("list.json");
+  for (std::size_t at = 0; (at = list.find('@', at)) != std::string::npos;) {
+    list.replace(at, 1, path(""));
+  }
+
+  const Answer given = answer("list --json", path(""));
+
+  EXPECT_EQ(given.output, list);
 }
 
 TEST_F(Commands, TakeTheTracesThatAreNamed) {
   putTwo();
-  options.traces = {"77"};
-  EXPECT_THAT(runShow(options).body, ::testing::AllOf(HasSubstr("number 7"), HasSubstr("libtuner2")));
-  EXPECT_THAT(runShow(options).body, ::testing::Not(HasSubstr("about")));
-  options.traces = {path("a.fwtrace")};
-  EXPECT_EQ(runShow(options).body, "08:00:00.002001  123456/123456789  work(42)  about libtuner\n");
-  options.traces = {"123456", "77"};
-  EXPECT_EQ(runList(options).details["traces"].size(), 2U);
+
+  EXPECT_EQ(answer("show " + path("a.fwtrace")).output, kAbout);
+  EXPECT_EQ(answer("show 123456").output, kAbout);
+  EXPECT_THAT(answer("show 77").output,
+              ::testing::AllOf(HasSubstr("number 7"), HasSubstr("libtuner2"), Not(HasSubstr("about"))));
+  EXPECT_THAT(answer("list 123456 77").output, ::testing::AllOf(HasSubstr("\n77 "), HasSubstr("\n123456 ")));
 }
 
 TEST_F(Commands, SayWhichTraceIsNotThere) {
   putTwo();
-  options.traces = {"7"};
-  EXPECT_EQ(runShow(options).outcome, Outcome::NothingFound);
-  EXPECT_EQ(runShow(options).message, "There is no trace of process 7.");
-  options.traces = {path("d.fwtrace")};
-  EXPECT_EQ(runShow(options).outcome, Outcome::Unreadable);
-  EXPECT_EQ(runShow(options).message,
-            path("d.fwtrace") + ": The file cannot be opened: No such file or directory.");
+
+  expectFailure("show 7", 3, "There is no trace of process 7.");
+  const Answer given = answer("show " + path("d.fwtrace"));
+  EXPECT_THAT(given.error, HasSubstr("fw-trace: " + path("d.fwtrace") +
+                                     ": The file cannot be opened: No such file or directory.\n"));
+  EXPECT_EQ(given.exitCode, 4);
 }
 
 TEST_F(Commands, SayWhenADirectoryHasNoTraces) {
   std::ofstream(path("notes.txt")) << "x";
-  EXPECT_EQ(runShow(options).outcome, Outcome::NothingFound);
-  EXPECT_EQ(runShow(options).message, "There are no traces in " + options.directory + ".");
-  EXPECT_EQ(runList(options).body, "");
-  options.directory += "/missing";
-  EXPECT_EQ(runShow(options).outcome, Outcome::Unreadable);
-  EXPECT_EQ(runShow(options).message, options.directory + " cannot be read: No such file or directory.");
+  const std::string missing = path("missing");
+
+  const Answer none = answer("list");
+  const Answer unreadable = answer("list", missing);
+
+  EXPECT_EQ(none.error,
+            "fw-trace: There are no traces in " + path("").substr(0, path("").size() - 1) + ".\n");
+  EXPECT_EQ(none.exitCode, 3);
+  EXPECT_EQ(unreadable.error, "fw-trace: " + missing + " cannot be read: No such file or directory.\n");
+  EXPECT_EQ(unreadable.exitCode, 4);
+  EXPECT_EQ(none.output + unreadable.output, "");
 }
 
 TEST_F(Commands, SumUpWhereTheTimeOfAModuleWent) {
   putUpdates();
 
-  const Report report = runSummary(options);
-
-  EXPECT_EQ(report.body,
-            "MODULE    ATTEMPTS  TIME    LOCK     CHECK+CRC  MODULE'S  RESULTS\n"
-            "libpanel  1         6.0 ms  -        6.0 ms     -         1 refused\n"
-            "libtuner  1         1.55 s  15.0 ms  30.0 ms    1.50 s    1 updated\n");
-  EXPECT_EQ(tool::indented(report.details["modules"]), expected("summary.json"));
+  expectOutput("summary",
+               "MODULE    ATTEMPTS  TIME    LOCK     CHECK+CRC  MODULE'S  RESULTS\n"
+               "libpanel  1         6.0 ms  -        6.0 ms     -         1 refused\n"
+               "libtuner  1         1.55 s  15.0 ms  30.0 ms    1.50 s    1 updated\n");
+  expectOutput("summary --json", expected("summary.json"));
 }
 
 TEST_F(Commands, SayWhenNoModuleWasUpdated) {
-  putTwo();
+  TraceBuilder trace;
+  trace.record(trace.place("work", "number %d\n", "d"), 78, 1500000, {7});
+  put("a.fwtrace", trace);
 
-  const Report report = runSummary(options);
-
-  EXPECT_EQ(report.outcome, Outcome::Ok);
-  EXPECT_EQ(report.message, "No module was updated.");
-  EXPECT_EQ(report.body, "");
+  expectOutput("summary", "No module was updated.\n");
 }
 
-TEST_F(Commands, ExportATimelineAsJson) {
+TEST_F(Commands, ExportATimeline) {
   putUpdates();
-  options.format = "json";
 
-  const Report report = runExport(options);
-
-  EXPECT_TRUE(report.raw);
-  EXPECT_EQ(report.body, expected("timeline.json"));
-}
-
-TEST_F(Commands, ExportATimelineForPerfetto) {
-  putUpdates();
-  options.format = "perfetto";
-
-  EXPECT_EQ(runExport(options).body, expected("perfetto.json"));
+  expectOutput("export --format json", expected("timeline.json"));
+  expectOutput("export --format perfetto", expected("perfetto.json"));
 }
 
 TEST_F(Commands, ExportToAFile) {
   putUpdates();
-  options.format = "json";
-  const std::string document = runExport(options).body;
-  options.output = path("out.json");
 
-  const Report report = runExport(options);
+  expectOutput("export --format json --output " + path("out.json"), "Written to " + path("out.json") + ".\n");
 
-  EXPECT_EQ(report.outcome, Outcome::Ok);
-  EXPECT_EQ(report.message, "Written to " + options.output + ".");
-  EXPECT_EQ(report.body, "");
-  EXPECT_FALSE(report.raw);
-  EXPECT_EQ(textOf(path("out.json")), document);
+  EXPECT_EQ(textOf(path("out.json")), expected("timeline.json"));
 }
 
 TEST_F(Commands, SayWhenAFileCannotBeWritten) {
   putUpdates();
-  options.format = "json";
-  for (const std::string& output : {path("missing/out.json"), std::string("/dev/full")}) {
-    options.output = output;
 
-    const Report report = runExport(options);
-
-    EXPECT_EQ(report.outcome, Outcome::Unreadable) << output;
-    EXPECT_EQ(report.message, output + " cannot be written.");
-  }
+  expectFailure("export --format json --output " + path("missing/out.json"), 4,
+                path("missing/out.json") + " cannot be written.");
+  expectFailure("export --format json --output /dev/full", 4, "/dev/full cannot be written.");
 }
 
 }  // namespace
