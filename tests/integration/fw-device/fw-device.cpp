@@ -190,8 +190,27 @@ TEST_P(FwDevice, InitSaysThatPackagesAreNotCheckedWithoutAVerifier) {
 TEST_P(FwDevice, InitSaysWhatItInstalled) {
   const auto result = fwDevice({"init", device});
 
-  EXPECT_NE(result.output.find("libtuner.so"), std::string::npos) << result.output;
-  EXPECT_NE(result.output.find("fw-device run " + device), std::string::npos) << result.output;
+  EXPECT_EQ(result.output, "device   " + device +
+                               "\n"
+                               "module   libtuner.so\n"
+                               "image    tunerfw  2.0.0  /lib/firmware/ext\n"
+                               "image    panelfw  2.1.1  /lib/firmware/ext  (corrupt on purpose)\n"
+                               "image    remotefw 1.1.0  /lib/firmware/ext\n"
+                               "image    panelfw  2.1.0  /opt/usr/share/sbox\n"
+                               "image    wififw   1.4.2  /opt/media/USBDriveA\n"
+                               "package  wifiempfw  1.5.0  /opt/usr/apps/appbinarymanager\n"
+                               "package  tunerempfw 2.5.0  /opt/media/packages\n"
+                               "verifier " +
+                               device + sandbox::kVerifierLibrary +
+                               "\n"
+                               "keys     " +
+                               device +
+                               "/maker/signing.key  (to sign packages with)\n"
+                               "keys     " +
+                               device +
+                               "/usr/share/fw-update/package.key  (to encrypt USB packages with)\n"
+                               "next     fw-device run " +
+                               device + " -- fw-update list\n");
 }
 
 TEST_P(FwDevice, InitAgainRenewsModulesAndImagesAndKeepsTheState) {
