@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Runs the steps of ./check and counts their tests into one closing line.
 
-usage: check-steps.py LEVEL [--list] [--step NAME]... [--minutes N] [-- CTEST-ARGUMENT...]
+usage: check-steps.py LEVEL [--list] [--step NAME]... [-- CTEST-ARGUMENT...]
 
 LEVEL is quick, all or long. A step is an executable tests/steps/NN-name; NN gives the
 order in which steps start, two at a time. Comment lines at its top say when it runs:
@@ -21,8 +21,8 @@ the repository's root, with its output in build/check/NAME.log and with
 Exit code 0: its tests tell the result. 77: the step cannot run here; its last line of
 output says why, and it counts as one skipped test "NAME", to be declared in
 tests/declared-skips.txt. Anything else without a failed test counts as one failed test.
-A failing step does not stop the others. With --minutes, a step that has not begun after so
-many minutes is not begun, and counts as one skipped test of its name as well.
+A failing step does not stop the others. A test that passed only when it was run once more
+counts as failed, and so does each step that had not ended when the check was stopped.
 """
 import argparse
 import os
@@ -85,23 +85,14 @@ class Step:
     def end(self, status):
         """Takes the exit code and returns the step's cases."""
         self.process.returncode = status
-        cases = summary.read_cases(self.results()) if self.results().exists() else []
         output = self.log().read_text(encoding="utf-8", errors="replace")
+        cases = summary.read_cases(self.results()) if self.results().exists() else []
+        cases = summary.judge_unsteady(cases, output)
         if status == SKIPPED:
             return cases + [summary.Case(self.name, "skipped", output)]
         if not cases or (status and not any(case.outcome == "failed" for case in cases)):
             cases.append(summary.Case(self.name, "failed", f"{output}\nexit code {status}"))
         return cases
-
-    def left_out(self):
-        print(f"check: {self.name}: not begun, the time is up", flush=True)
-        return [summary.Case(self.name, "skipped", "not begun, the time is up")]
-
-    def unsteady(self, cases):
-        """The names of tests that failed first and passed when they were run once more."""
-        output = self.log().read_text(encoding="utf-8", errors="replace")
-        failed = set(re.findall(r"Test +#\d+: (.+?) \.*\*\*\*(?:Failed|Exception|Timeout)", output))
-        return sorted(case.name for case in cases if case.outcome == "passed" and case.name in failed)
 
     def duration(self):
         minutes, seconds = divmod(round(time.monotonic() - self.started), 60)
@@ -117,16 +108,11 @@ def find_steps(level, names):
     return [step for step in steps if (step.name in names if names else step.runs_at(level))]
 
 
-def run_all(steps, level, arguments, last_begin):
+def run_all(steps, level, arguments):
     """Runs the steps, at most two at once, and yields (step, cases) as they end."""
     waiting, running = list(steps), {}
     try:
         while waiting or running:
-            if time.monotonic() > last_begin:
-                yield from ((step, step.left_out()) for step in waiting)
-                waiting.clear()
-                if not running:
-                    return
             unfinished = {step.name for step in [*waiting, *running.values()]}
             ready = [step for step in waiting if not unfinished.intersection(step.after)]
             for step in ready[:STEPS_AT_ONCE - len(running)]:
@@ -137,8 +123,6 @@ def run_all(steps, level, arguments, last_begin):
             step = running.pop(process)
             cases = step.end(os.waitstatus_to_exitcode(status))
             print(f"check: {step.name}: {summary.counts(cases)} in {step.duration()}", flush=True)
-            for name in step.unsteady(cases):
-                print(f"unsteady: {step.name}: {name}: passed only when it was run once more", flush=True)
             yield step, cases
     finally:
         for process, step in running.items():
@@ -151,7 +135,6 @@ def parse_arguments():
     parser.add_argument("level", choices=LEVELS)
     parser.add_argument("--list", action="store_true")
     parser.add_argument("--step", action="append", default=[])
-    parser.add_argument("--minutes", type=float, default=float("inf"))
     split = sys.argv.index("--") if "--" in sys.argv else len(sys.argv)
     options = parser.parse_args(sys.argv[1:split])
     options.arguments = sys.argv[split + 1:]
@@ -167,19 +150,23 @@ def main():
         return 0
     OUTPUT.mkdir(parents=True, exist_ok=True)
     patterns = summary.declared_patterns(ROOT / "tests" / "declared-skips.txt")
-    results = [(step.name, summary.judge(step.name, cases, patterns))
-               for step, cases in run_all(steps, options.level, options.arguments,
-                                        time.monotonic() + 60 * options.minutes)]
-    for name, cases in results:
+    results = {step.name: [summary.Case(step.name, "failed", "the check was stopped before this step had ended")]
+               for step in steps}
+    stopped = False
+    try:
+        for step, cases in run_all(steps, options.level, options.arguments):
+            results[step.name] = summary.judge(step.name, cases, patterns)
+    except KeyboardInterrupt:
+        stopped = True
+    for name, cases in results.items():
         summary.report(name, cases)
-    everything = [case for _, cases in results for case in cases]
+    everything = [case for cases in results.values() for case in cases]
+    if stopped:
+        print("check: stopped")
     print(summary.counts(everything))
     return 1 if any(case.outcome == "failed" for case in everything) else 0
 
 
 if __name__ == "__main__":
     signal.signal(signal.SIGTERM, signal.default_int_handler)
-    try:
-        sys.exit(main())
-    except KeyboardInterrupt:
-        sys.exit("check: stopped")
+    sys.exit(main())

@@ -8,6 +8,9 @@ import fnmatch
 import re
 import xml.etree.ElementTree as ElementTree
 
+# How ctest shows a test that failed.
+FAILED_ONCE = re.compile(r"Test +#\d+: (.+?) \.+.*\*\*\*(?:Failed|Exception|Timeout)")
+
 
 @dataclasses.dataclass
 class Case:
@@ -57,6 +60,13 @@ def judge_skip(step, case, patterns):
 def judge(step, cases, patterns):
     return [judge_skip(step, case, patterns) if case.outcome == "skipped" else case
             for case in cases]
+
+
+def judge_unsteady(cases, output):
+    """A test that failed in ctest's output and passed when it was run once more is a failure."""
+    failed = set(FAILED_ONCE.findall(output))
+    return [Case(case.name, "failed", "passed only when it was run once more\n" + case.output)
+            if case.outcome == "passed" and case.name in failed else case for case in cases]
 
 
 def counts(cases):
