@@ -10,9 +10,7 @@
 #include <utility>
 
 #include "entry-line.h"
-#include "export-html.h"
-#include "export-json.h"
-#include "export-perfetto.h"
+#include "export/format.h"
 #include "fuzz-target.h"
 #include "timeline.h"
 

@@ -6,7 +6,7 @@
 
 #include <string>
 
-#include "selection.h"
+#include "entry.h"
 
 namespace tracetool {
 

@@ -25,9 +25,9 @@ bool holdsWord(const std::string& text, const std::string& word) {
 
 }  // namespace
 
-Filter::Filter(const Options& options, const std::vector<Entry>& entries) : function_(options.function) {
-  if (!options.module.empty()) {
-    names_.insert(options.module);
+Filter::Filter(const Wanted& wanted, const std::vector<Entry>& entries) : function_(wanted.function) {
+  if (!wanted.module.empty()) {
+    names_.insert(wanted.module);
   }
   for (const Entry& entry : entries) {
     const auto& values = entry.message.values;
@@ -39,8 +39,8 @@ Filter::Filter(const Options& options, const std::vector<Entry>& entries) : func
     }
   }
   const std::int64_t day = entries.empty() ? 0 : entries.back().message.time;
-  since_ = parseTime(options.since, day).value_or(since_);
-  until_ = parseTime(options.until, day).value_or(until_);
+  since_ = parseTime(wanted.since, day).value_or(since_);
+  until_ = parseTime(wanted.until, day).value_or(until_);
 }
 
 bool Filter::namesModule(const Message& message) const {

@@ -1,4 +1,4 @@
-// Which messages to show. Made from the options; any thread.
+// Which messages to show. Any thread.
 #ifndef FW_TRACE_FILTER_H
 #define FW_TRACE_FILTER_H
 
@@ -8,16 +8,23 @@
 #include <string>
 #include <vector>
 
-#include "command-line.h"
-#include "selection.h"
+#include "entry.h"
 
 namespace tracetool {
+
+// As the options say it; an empty text asks for nothing.
+struct Wanted {
+  std::string module;
+  std::string function;
+  std::string since;
+  std::string until;
+};
 
 class Filter {
  public:
   // entries: in time order; a time without a day is on the day of the last one. They
   // also tell which firmware name belongs to which module.
-  Filter(const Options& options, const std::vector<Entry>& entries);
+  Filter(const Wanted& wanted, const std::vector<Entry>& entries);
 
   bool accepts(const Message& message) const;
 

@@ -1,95 +1,104 @@
-// fw-trace: the traces of firmware updates. Parses, runs one command, puts its
-// report out and exits with the report's code.
-#include <unistd.h>
-
-#include <exception>
-#include <iostream>
+// fw-trace: the traces of firmware updates.
 #include <new>
 #include <string>
-#include <variant>
 
-#include "clean-output.h"
-#include "command-line.h"
+#include "commands.h"
+#include "export/format.h"
+#include "frame/program.h"
+#include "options.h"
 #include "outcome.h"
-#include "terminal.h"
-#include "text-layout.h"
+#include "time-text.h"
 
 namespace {
 
-using namespace tracetool;
+using tracetool::Options;
+using tracetool::Outcome;
+using Option = frame::Option<Options>;
 
-Report unexpected(const std::string& message) {
-  Report report;
-  report.outcome = Outcome::Unexpected;
-  report.message = message;
-  return report;
+std::string timeProblem(const std::string& text) {
+  return tracetool::isTimeText(text) ? ""
+                                     : "not a time: " + text + " (14:03, 14:03:07.5 or 2026-01-31T14:03:07)";
 }
 
-Report run(const Options& options) {
-  try {
-    return options.command->run(options);
-  } catch (const std::bad_alloc&) {
-    return unexpected("There is not enough memory for these traces; name fewer of them.");
-  } catch (const std::exception& error) {
-    return unexpected(std::string("Unexpected error: ") + error.what());
-  }
+std::string formatProblem(const std::string& name) {
+  return tracetool::findFormat(name) != nullptr ? "" : "there is no format " + name;
 }
 
-void putJson(const Report& report, const std::string& command) {
-  const OutcomeInfo& info = infoOf(report.outcome);
-  Json::Value document = report.details;
-  document["command"] = command;
-  document["ok"] = info.exitCode == 0;
-  document["outcome"] = info.id;
-  document["exitCode"] = info.exitCode;
-  if (!report.message.empty()) {
-    document["message"] = report.message;
-  }
-  std::cout << tool::indented(document) << std::flush;
+constexpr Option kCommon[] = {
+    {"--directory DIR", &Options::directory, "Where the traces are"},
+};
+
+constexpr Option kTraces[] = {
+    {"TRACE", &Options::traces, "Files or process ids; without any, all of the directory"},
+};
+
+constexpr Option kWanted[] = {
+    Option("--module NAME", &Options::module, "Only messages that name this module or its firmware")
+        .completedWith(frame::Completes::Modules),
+    {"--function NAME", &Options::function, "Only messages of this function"},
+    Option("--since TIME", &Options::since, "Only from then on: 14:03:07.5 or 2026-01-31T14:03")
+        .checked(timeProblem),
+    Option("--until TIME", &Options::until, "Only up to this time").checked(timeProblem),
+};
+
+constexpr Option kExport[] = {
+    Option("--format FORMAT", &Options::format, "")
+        .required()
+        .checked(formatProblem)
+        .of(tracetool::formatNames),
+    {"-o,--output FILE", &Options::output, "Write to this file instead of standard output"},
+};
+
+constexpr frame::Command<Options> kCommands[] = {
+    {{"list", "List the traces: which process, when, alive or dead", "fw-trace list"},
+     {kTraces},
+     tracetool::runList},
+    {{"show", "Show the messages in time order over all threads",
+      "fw-trace show --module libtuner --since 14:03"},
+     {kTraces, kWanted},
+     tracetool::runShow},
+    {{"follow", "Show the messages, then those that come, until Ctrl-C", "fw-trace follow"},
+     {kTraces, kWanted},
+     tracetool::runFollow},
+    {{"export", "Write the timeline for another program", "fw-trace export --format perfetto -o trace.json"},
+     {kTraces, kExport},
+     tracetool::runExport},
+    {{"summary", "Show per module: attempts, results, where the time went", "fw-trace summary"},
+     {kTraces},
+     tracetool::runSummary},
+};
+
+std::string whereTracesAre() {
+  return "The traces are in " + tracetool::defaultDirectory() + " (FW_UPDATE_TRACE).\n";
 }
 
-void putText(const Report& report) {
-  std::cout << report.body << std::flush;
-  for (const Json::Value& line : report.details["skipped"]) {
-    std::cerr << tool::coloured("fw-trace: ", tool::Colour::Yellow, STDERR_FILENO) << line.asString() << '\n';
+frame::Report explain(const std::exception& error) {
+  if (dynamic_cast<const std::bad_alloc*>(&error) != nullptr) {
+    return frame::Report(Outcome::Unexpected,
+                         "There is not enough memory for these traces; name fewer of them.");
   }
-  if (report.message.empty()) {
-    return;
-  }
-  const bool failed = report.outcome != Outcome::Ok;
-  std::ostream& stream = failed ? std::cerr : std::cout;
-  if (failed) {
-    stream << tool::coloured("fw-trace: ", tool::Colour::Red, STDERR_FILENO);
-  }
-  stream << report.message << '\n';
+  return frame::Report(Outcome::Unexpected, std::string("Unexpected error: ") + error.what());
 }
 
-int put(const Report& report, const std::string& command, bool json) {
-  if (json && !report.raw) {
-    putJson(report, command);
-  } else {
-    putText(report);
-  }
-  return std::cout.good() ? infoOf(report.outcome).exitCode : infoOf(Outcome::Unexpected).exitCode;
-}
-
-int perform(int argc, char** argv) {
-  const auto parsed = parseCommandLine(argc, argv);
-  if (const auto* ended = std::get_if<Ended>(&parsed)) {
-    return ended->usageError ? put(*ended->usageError, "", ended->json) : 0;
-  }
-  const auto& options = std::get<Options>(parsed);
-  return put(run(options), options.command->name, options.json);
-}
+constexpr frame::Program<Options> kProgram = {
+    {"fw-trace",
+     "Shows what firmware updates did, from the traces that processes leave.",
+     "Each command explains itself: fw-trace show --help",
+     tracetool::kOutcomes,
+     Outcome::Usage,
+     Outcome::Unexpected,
+     24,
+     nullptr,
+     {},
+     whereTracesAre,
+     "Print JSON on standard output",
+     explain},
+    kCommon,
+    kCommands,
+};
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  try {
-    base::cleanStandardOutput();
-    return perform(argc, argv);
-  } catch (const std::exception& error) {  // out of memory, as a rule
-    std::cerr << "fw-trace: " << error.what() << std::endl;
-    return infoOf(Outcome::Unexpected).exitCode;
-  }
+  return frame::perform(kProgram, argc, argv);
 }

@@ -9,13 +9,6 @@ bool isProcessId(const std::string& text) {
   return !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
 }
 
-Report failure(Outcome outcome, const std::string& message) {
-  Report report;
-  report.outcome = outcome;
-  report.message = message;
-  return report;
-}
-
 // A named trace: every file of the process, or the one file.
 std::vector<TraceFile> named(const std::string& name, const std::vector<TraceFile>& all) {
   if (!isProcessId(name)) {
@@ -35,43 +28,13 @@ Selection selectNamed(const Options& options) {
   for (const std::string& name : options.traces) {
     auto files = named(name, all);
     if (files.empty()) {
-      selection.problem = failure(Outcome::NothingFound, "There is no trace of process " + name + ".");
+      selection.problem = frame::Report(Outcome::NothingFound, "There is no trace of process " + name + ".");
     } else if (files.size() == 1 && !files.front().problem.empty()) {
-      selection.problem = failure(Outcome::Unreadable, name + ": " + files.front().problem);
+      selection.problem = frame::Report(Outcome::Unreadable, name + ": " + files.front().problem);
     }
     std::move(files.begin(), files.end(), std::back_inserter(selection.files));
   }
   return selection;
-}
-
-}  // namespace
-
-Selection selectTraces(const Options& options) {
-  if (!options.traces.empty()) {
-    return selectNamed(options);
-  }
-  Selection selection;
-  std::string problem;
-  selection.files = loadTraces(options.directory, problem);
-  if (!problem.empty()) {
-    selection.problem = failure(Outcome::Unreadable, options.directory + " cannot be read: " + problem + ".");
-  } else if (selection.files.empty()) {
-    selection.problem = failure(Outcome::NothingFound, "There are no traces in " + options.directory + ".");
-  }
-  return selection;
-}
-
-std::vector<Entry> entriesOf(std::vector<TraceFile>& files) {
-  std::vector<Entry> entries;
-  MessageRoom room;
-  for (TraceFile& file : files) {
-    for (Message& message : messagesOf(file.trace, room)) {
-      entries.push_back({&file, std::move(message)});
-    }
-  }
-  std::stable_sort(entries.begin(), entries.end(),
-                   [](const Entry& a, const Entry& b) { return a.message.time < b.message.time; });
-  return entries;
 }
 
 std::vector<std::string> skippedOf(const std::vector<TraceFile>& files) {
@@ -89,6 +52,32 @@ std::vector<std::string> skippedOf(const std::vector<TraceFile>& files) {
     }
   }
   return lines;
+}
+
+}  // namespace
+
+Selection selectTraces(const Options& options) {
+  if (!options.traces.empty()) {
+    return selectNamed(options);
+  }
+  Selection selection;
+  std::string problem;
+  selection.files = loadTraces(options.directory, problem);
+  if (!problem.empty()) {
+    selection.problem =
+        frame::Report(Outcome::Unreadable, options.directory + " cannot be read: " + problem + ".");
+  } else if (selection.files.empty()) {
+    selection.problem =
+        frame::Report(Outcome::NothingFound, "There are no traces in " + options.directory + ".");
+  }
+  return selection;
+}
+
+void addSkipped(frame::Report& report, const std::vector<TraceFile>& files) {
+  report.remarks = skippedOf(files);
+  for (const std::string& line : report.remarks) {
+    report.details["skipped"].append(line);
+  }
 }
 
 }  // namespace tracetool

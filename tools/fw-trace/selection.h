@@ -3,34 +3,24 @@
 #ifndef FW_TRACE_SELECTION_H
 #define FW_TRACE_SELECTION_H
 
-#include <string>
 #include <vector>
 
-#include "command-line.h"
-#include "message.h"
+#include "frame/report.h"
+#include "options.h"
 #include "outcome.h"
 #include "trace-store.h"
 
 namespace tracetool {
 
 struct Selection {
-  Report problem;  // its outcome is Ok when there is something to work on
+  frame::Report problem{Outcome::Ok};  // it ends well when there is something to work on
   std::vector<TraceFile> files;
 };
 
 Selection selectTraces(const Options& options);
 
-// One message of one of the traces.
-struct Entry {
-  const TraceFile* file = nullptr;
-  Message message;
-};
-
-// All messages of the readable traces, in time order.
-std::vector<Entry> entriesOf(std::vector<TraceFile>& files);
-
 // What could not be read, one line each, for standard error and for JSON.
-std::vector<std::string> skippedOf(const std::vector<TraceFile>& files);
+void addSkipped(frame::Report& report, const std::vector<TraceFile>& files);
 
 }  // namespace tracetool
 

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "selection.h"
+#include "entry.h"
 
 namespace tracetool {
 

@@ -16,9 +16,9 @@ Message saying(const std::string& text, std::int64_t time = 0) {
 }
 
 TEST(Filter, TakesTheNameOfAModuleAsAWordOfItsOwn) {
-  Options options;
-  options.module = "libtuner";
-  const Filter filter(options, {});
+  Wanted wanted;
+  wanted.module = "libtuner";
+  const Filter filter(wanted, {});
 
   for (const char* text :
        {"libtuner", "libtuner failed", "no libtuner", "(libtuner)", "libtuner2 or libtuner"}) {
@@ -31,9 +31,9 @@ TEST(Filter, TakesTheNameOfAModuleAsAWordOfItsOwn) {
 
 TEST(Filter, TakesTheMomentsThatItsTimesName) {
   const std::int64_t noon = *parseTime("2026-01-31T12:00:00", 0);
-  Options options;
-  options.since = options.until = "2026-01-31T12:00:00";
-  const Filter filter(options, {});
+  Wanted wanted;
+  wanted.since = wanted.until = "2026-01-31T12:00:00";
+  const Filter filter(wanted, {});
 
   EXPECT_TRUE(filter.accepts(saying("", noon)));
   EXPECT_FALSE(filter.accepts(saying("", noon - 1)));

@@ -7,9 +7,7 @@
 #include <map>
 #include <sstream>
 
-#include "export-html.h"
-#include "export-json.h"
-#include "export-perfetto.h"
+#include "export/format.h"
 #include "known-messages.h"
 #include "trace-builder.h"
 

@@ -3,9 +3,8 @@
 #include <memory>
 
 #include "../commands.h"
-#include "../export-format.h"
+#include "../export/format.h"
 #include "../selection.h"
-#include "../timeline.h"
 
 namespace tracetool {
 namespace {
@@ -24,13 +23,11 @@ bool writeFile(const std::string& path, const std::string& text) {
 
 }  // namespace
 
-Report runExport(const Options& options) {
+frame::Report runExport(const Options& options) {
   Selection selection = selectTraces(options);
-  Report report = selection.problem;
-  for (const std::string& line : skippedOf(selection.files)) {
-    report.details["skipped"].append(line);
-  }
-  if (report.outcome != Outcome::Ok) {
+  frame::Report report = selection.problem;
+  addSkipped(report, selection.files);
+  if (report.ending != Outcome::Ok) {
     return report;
   }
   const std::string document = findFormat(options.format)->write(timelineOf(selection.files));
@@ -42,7 +39,7 @@ Report runExport(const Options& options) {
     report.details["output"] = options.output;
     report.message = "Written to " + options.output + ".";
   } else {
-    report.outcome = Outcome::Unreadable;
+    report.ending = Outcome::Unreadable;
     report.message = options.output + " cannot be written.";
   }
   return report;

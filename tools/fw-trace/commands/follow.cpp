@@ -56,19 +56,19 @@ void showNew(const Options& options, Selection& selection, Shown& shown) {
 
 }  // namespace
 
-Report runFollow(const Options& options) {
+frame::Report runFollow(const Options& options) {
   endOnInterrupt();
   Shown shown;
   while (interrupted == 0 && std::cout.good()) {
     Selection selection = selectTraces(options);
     // An empty directory fills up; a named file that cannot be read does not.
-    if (selection.problem.outcome != Outcome::Ok && !options.traces.empty()) {
+    if (selection.problem.ending != Outcome::Ok && !options.traces.empty()) {
       return selection.problem;
     }
     showNew(options, selection, shown);
     poll(nullptr, 0, kLookAgainMs);
   }
-  Report report;
+  frame::Report report(Outcome::Ok);
   report.raw = true;  // everything was put out as it came
   return report;
 }

@@ -47,9 +47,9 @@ std::vector<std::string> row(const TraceFile& file) {
 
 }  // namespace
 
-Report runList(const Options& options) {
+frame::Report runList(const Options& options) {
   Selection selection = selectTraces(options);
-  Report report = selection.problem;
+  frame::Report report = selection.problem;
   report.details["directory"] = options.directory;
   report.details["traces"] = Json::arrayValue;
   std::vector<std::vector<std::string>> rows{{"PROCESS", "STATE", "STARTED", "RECORDS", "COMMAND"}};

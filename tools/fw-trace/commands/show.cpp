@@ -6,9 +6,9 @@
 
 namespace tracetool {
 
-Report runShow(const Options& options) {
+frame::Report runShow(const Options& options) {
   Selection selection = selectTraces(options);
-  Report report = selection.problem;
+  frame::Report report = selection.problem;
   report.details["messages"] = Json::arrayValue;
   const std::vector<Entry> entries = entriesOf(selection.files);
   const Filter filter(options, entries);
@@ -22,13 +22,11 @@ Report runShow(const Options& options) {
       report.body += lineOf(entry);
     }
   }
-  if (report.outcome == Outcome::Ok && report.body.empty() && report.details["messages"].empty()) {
-    report.outcome = Outcome::NothingFound;
+  if (report.ending == Outcome::Ok && report.body.empty() && report.details["messages"].empty()) {
+    report.ending = Outcome::NothingFound;
     report.message = "No message fits.";
   }
-  for (const std::string& line : skippedOf(selection.files)) {
-    report.details["skipped"].append(line);
-  }
+  addSkipped(report, selection.files);
   return report;
 }
 

@@ -116,9 +116,9 @@ Json::Value json(const std::string& name, const Module& module) {
 
 }  // namespace
 
-Report runSummary(const Options& options) {
+frame::Report runSummary(const Options& options) {
   Selection selection = selectTraces(options);
-  Report report = selection.problem;
+  frame::Report report = selection.problem;
   report.details["modules"] = Json::arrayValue;
   const Timeline timeline = timelineOf(selection.files);
   std::map<std::string, Module> modules;
@@ -132,12 +132,10 @@ Report runSummary(const Options& options) {
     rows.push_back(row(name, module));
     report.details["modules"].append(json(name, module));
   }
-  for (const std::string& line : skippedOf(selection.files)) {
-    report.details["skipped"].append(line);
-  }
+  addSkipped(report, selection.files);
   if (!modules.empty()) {
     report.body = tool::table(rows, tool::terminalWidth(STDOUT_FILENO));
-  } else if (report.outcome == Outcome::Ok) {
+  } else if (report.ending == Outcome::Ok) {
     report.message = "No module was updated.";
   }
   return report;

@@ -1,8 +1,7 @@
-#include "export-json.h"
-
 #include <set>
 
 #include "entry-line.h"
+#include "export/format.h"
 #include "text-layout.h"
 
 namespace tracetool {

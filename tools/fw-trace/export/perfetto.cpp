@@ -1,10 +1,9 @@
-#include "export-perfetto.h"
-
 #include <json/value.h>
 
 #include <algorithm>
 #include <set>
 
+#include "export/format.h"
 #include "text-layout.h"
 
 namespace tracetool {

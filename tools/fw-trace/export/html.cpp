@@ -1,10 +1,8 @@
-#include "export-html.h"
-
 #include <cstdio>
 #include <random>
 #include <string_view>
 
-#include "export-json.h"
+#include "export/format.h"
 #include "printable-text.h"
 #include "text-layout.h"
 
