@@ -2,9 +2,7 @@
 #include "report.h"
 
 #include <gmock/gmock.h>
-#include <json/reader.h>
 
-#include <sstream>
 
 namespace {
 
@@ -38,10 +36,8 @@ Report cleanReport() {
   return report;
 }
 
-Json::Value parsed(const std::string& text) {
-  Json::Value document;
-  std::istringstream(text) >> document;
-  return document;
+Json::Value documentOf(const Report& report) {
+  return frame::documentOf(answerWith(report, kWide), "check");
 }
 
 std::string resultIn(const Json::Value& document, const char* id) {
@@ -97,7 +93,7 @@ TEST(CheckReport, NamesAnExtensionModuleAsOne) {
   report.subject.activeVersion = "";
 
   EXPECT_THAT(reportText(report, kWide), HasSubstr("libdoor: an EXT- module\n"));
-  EXPECT_EQ(parsed(reportJson(report))["module"]["kind"], "EXT");
+  EXPECT_EQ(documentOf(report)["module"]["kind"], "EXT");
 }
 
 TEST(CheckReport, LetsNoModuleSteerTheTerminal) {
@@ -114,7 +110,7 @@ TEST(CheckReport, IsOneJsonDocument) {
   fail(report, Check::Crash, "doUpdate crashed.");
   fail(report, Check::Prints, "The module printed.");
 
-  const Json::Value document = parsed(reportJson(report));
+  const Json::Value document = documentOf(report);
 
   EXPECT_EQ(document["ok"], false);
   EXPECT_EQ(document["outcome"], "errors-found");
@@ -135,7 +131,7 @@ TEST(CheckReport, IsOneJsonDocument) {
   EXPECT_EQ(document["findings"][0]["entryPoint"], "doUpdate");
   EXPECT_EQ(document["findings"][0]["message"], "doUpdate crashed.");
   EXPECT_EQ(document["findings"][0]["advice"], infoOf(Check::Crash).advice);
-  EXPECT_TRUE(parsed(reportJson(cleanReport()))["ok"].asBool());
+  EXPECT_TRUE(documentOf(cleanReport())["ok"].asBool());
 }
 
 TEST(CheckReport, IsAJUnitSuite) {
@@ -154,9 +150,10 @@ TEST(CheckReport, IsAJUnitSuite) {
 }
 
 TEST(CheckList, HasEveryCheckWithItsSeverity) {
-  const Json::Value document = parsed(listJson());
+  const Json::Value document = frame::documentOf(answerWithList(kWide), "check");
 
   EXPECT_THAT(listText(kWide), HasSubstr("\nprints              warning  Nothing is printed\n"));
+  EXPECT_EQ(document["ok"], true);
   ASSERT_EQ(document["checks"].size(), kCheckCount);
   EXPECT_EQ(document["checks"][0]["id"], "library");
   EXPECT_EQ(document["checks"][0]["severity"], "error");

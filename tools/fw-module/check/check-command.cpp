@@ -2,11 +2,11 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <climits>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <iostream>
 #include <iterator>
 
 #include "commands.h"
@@ -55,7 +55,7 @@ Subject subjectOf(const Options& options) {
 
 Report inspectWithLiveLine(const Options& options) {
   tool::LiveLine line;
-  return inspect(subjectOf(options), options.limit,
+  return inspect(subjectOf(options), std::chrono::seconds(options.limit),
                  [&line](const std::string& what) { line.show("checking: " + what); });
 }
 
@@ -68,11 +68,10 @@ void writeJunit(const Report& report, const std::string& path) {
 
 }  // namespace
 
-Outcome runCheck(const Options& options) {
+frame::Report runCheck(const Options& options) {
   const std::size_t width = tool::terminalWidth(STDOUT_FILENO);
   if (options.list) {
-    std::cout << (options.json ? listJson() : listText(width)) << std::flush;
-    return Outcome::Ok;
+    return answerWithList(width);
   }
   for (const std::string& kept : options.keepVisible) {
     if (!fs::exists(kept)) {
@@ -83,8 +82,7 @@ Outcome runCheck(const Options& options) {
   if (!options.junit.empty()) {
     writeJunit(report, options.junit);
   }
-  std::cout << (options.json ? reportJson(report) : reportText(report, width)) << std::flush;
-  return report.outcome();
+  return answerWith(report, width);
 }
 
 }  // namespace fwmodule

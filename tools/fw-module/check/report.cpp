@@ -1,11 +1,7 @@
 #include "report.h"
 
-#include <json/value.h>
-
 #include <algorithm>
 #include <iterator>
-
-#include "text-layout.h"
 
 namespace fwmodule {
 namespace {
@@ -81,12 +77,8 @@ const char* resultName(const CheckInfo& check, const CheckResult& result) {
   return "not-checked";
 }
 
-std::string reportJson(const Report& report) {
+Json::Value reportJson(const Report& report) {
   Json::Value document;
-  document["command"] = "check";
-  document["ok"] = report.outcome() == Outcome::Ok;
-  document["outcome"] = infoOf(report.outcome()).id;
-  document["exitCode"] = infoOf(report.outcome()).exitCode;
   document["module"] = describe(report.subject);
   document["checks"] = Json::arrayValue;
   document["findings"] = Json::arrayValue;
@@ -102,19 +94,32 @@ std::string reportJson(const Report& report) {
       document["findings"].append(describe(finding));
     }
   }
-  return tool::indented(document);
+  return document;
 }
 
-std::string listJson() {
+Json::Value listJson() {
   Json::Value document;
-  document["command"] = "check";
   document["checks"] = Json::arrayValue;
   for (const CheckInfo& check : kChecks) {
     Json::Value described = describe(check);
     described["advice"] = check.advice;
     document["checks"].append(described);
   }
-  return tool::indented(document);
+  return document;
+}
+
+frame::Report answerWith(const Report& report, std::size_t width) {
+  frame::Report answer(report.outcome());
+  answer.body = reportText(report, width);
+  answer.details = reportJson(report);
+  return answer;
+}
+
+frame::Report answerWithList(std::size_t width) {
+  frame::Report answer(Outcome::Ok);
+  answer.body = listText(width);
+  answer.details = listJson();
+  return answer;
 }
 
 }  // namespace fwmodule

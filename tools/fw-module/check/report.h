@@ -2,9 +2,12 @@
 #ifndef FW_MODULE_CHECK_REPORT_H
 #define FW_MODULE_CHECK_REPORT_H
 
+#include <json/value.h>
+
 #include <string>
 #include <vector>
 
+#include "frame/report.h"
 #include "outcome.h"
 #include "subject.h"
 #include "trial-run.h"
@@ -33,12 +36,16 @@ const char* resultName(const CheckInfo& check, const CheckResult& result);
 // For people: a table of the checks, then each finding with what to do about it. In colour
 // on a terminal.
 std::string reportText(const Report& report, std::size_t width);
-std::string reportJson(const Report& report);
+Json::Value reportJson(const Report& report);
 std::string reportJunit(const Report& report);
 
 // The table of checks alone.
 std::string listText(std::size_t width);
-std::string listJson();
+Json::Value listJson();
+
+// What the command answers.
+frame::Report answerWith(const Report& report, std::size_t width);
+frame::Report answerWithList(std::size_t width);
 
 }  // namespace fwmodule
 

@@ -1,53 +1,46 @@
 // fw-module new: says what was written and what to do next.
-#include <json/value.h>
-
-#include <iostream>
-
 #include "commands.h"
 #include "module-name.h"
+#include "outcome.h"
 #include "project.h"
-#include "text-layout.h"
+#include "templates.h"
 
 namespace fwmodule {
 namespace {
 
-void putJson(const ModuleName& name, const std::string& directory, const std::vector<std::string>& files) {
-  Json::Value document;
-  document["command"] = "new";
-  document["ok"] = true;
-  document["outcome"] = infoOf(Outcome::Ok).id;
-  document["exitCode"] = infoOf(Outcome::Ok).exitCode;
-  document["directory"] = directory;
-  document["library"] = name.library;
-  document["kind"] = name.extension ? "EXT" : "ordinary";
-  document["firmware"] = name.firmware;
+Json::Value jsonOf(const ModuleName& name, const std::string& directory,
+                   const std::vector<std::string>& files) {
+  Json::Value json;
+  json["directory"] = directory;
+  json["library"] = name.library;
+  json["kind"] = name.extension ? "EXT" : "ordinary";
+  json["firmware"] = name.firmware;
   for (const std::string& file : files) {
-    document["files"].append(file);
+    json["files"].append(file);
   }
-  std::cout << tool::indented(document) << std::flush;
+  return json;
 }
 
-void putText(const std::string& directory, const std::vector<std::string>& files) {
+std::string textOf(const std::string& directory, const std::vector<std::string>& files) {
+  std::string text;
   for (const std::string& file : files) {
-    std::cout << "written  " << directory << "/" << file << "\n";
+    text += "written  " + directory + "/" + file + "\n";
   }
-  std::cout << "next     cmake -S " << directory << " -B " << directory << "/build\n"
-            << "         cmake --build " << directory << "/build\n"
-            << "         ctest --test-dir " << directory << "/build" << std::endl;
+  return text + "next     cmake -S " + directory + " -B " + directory + "/build\n" +  //
+         "         cmake --build " + directory + "/build\n" +                         //
+         "         ctest --test-dir " + directory + "/build\n";
 }
 
 }  // namespace
 
-Outcome runNew(const Options& options) {
+frame::Report runNew(const Options& options) {
   const ModuleName name = parseModuleName(options.name);
   const std::string directory = options.directory.empty() ? options.name : options.directory;
   const auto files = writeProject(directory, name, *findLanguage(options.language));
-  if (options.json) {
-    putJson(name, directory, files);
-  } else {
-    putText(directory, files);
-  }
-  return Outcome::Ok;
+  frame::Report report(Outcome::Ok);
+  report.body = textOf(directory, files);
+  report.details = jsonOf(name, directory, files);
+  return report;
 }
 
 }  // namespace fwmodule
