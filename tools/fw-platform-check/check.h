@@ -1,6 +1,6 @@
 // One promise that a platform must keep, and how it is found out.
-#ifndef FW_PLATFORM_CONFORMANCE_CHECK_H
-#define FW_PLATFORM_CONFORMANCE_CHECK_H
+#ifndef FW_PLATFORM_CHECK_CHECK_H
+#define FW_PLATFORM_CHECK_CHECK_H
 
 #include <string>
 

@@ -1,6 +1,6 @@
 // All checks, in the order in which they are made.
-#ifndef FW_PLATFORM_CONFORMANCE_CHECKS_H
-#define FW_PLATFORM_CONFORMANCE_CHECKS_H
+#ifndef FW_PLATFORM_CHECK_CHECKS_H
+#define FW_PLATFORM_CHECK_CHECKS_H
 
 #include "check.h"
 

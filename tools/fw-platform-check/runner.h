@@ -1,7 +1,7 @@
 // Makes one check in a process of its own, so that a crash or a hang is a finding
 // like any other.
-#ifndef FW_PLATFORM_CONFORMANCE_RUNNER_H
-#define FW_PLATFORM_CONFORMANCE_RUNNER_H
+#ifndef FW_PLATFORM_CHECK_RUNNER_H
+#define FW_PLATFORM_CHECK_RUNNER_H
 
 #include "check.h"
 

@@ -1,5 +1,6 @@
 // The fw-platform-check command: it finds the platform of ordinary Linux whole, and
 // each broken promise of one that is not.
+#include <json/json.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
@@ -12,6 +13,7 @@
 #include <filesystem>
 #include <optional>
 #include <ostream>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -175,6 +177,44 @@ TEST_F(PlatformCheck, RefusesWrongArguments) {
     EXPECT_EQ(result.exitCode, 2) << arguments[0];
     EXPECT_NE(result.error.find("--help"), std::string::npos) << arguments[0];
   }
+}
+
+TEST_F(PlatformCheck, AnswersWithOneDocument) {
+  const ProgramResult whole = check({"--only", "system", "--json"});
+  const ProgramResult wrong = check({"--only", "colours", "--json"});
+  Json::Value found;
+  Json::Value refused;
+  std::istringstream(whole.output) >> found;
+  std::istringstream(wrong.output) >> refused;
+
+  EXPECT_EQ(whole.exitCode, 0);
+  EXPECT_EQ(found["ok"], true);
+  EXPECT_EQ(found["outcome"], "ok");
+  EXPECT_EQ(found["kept"], 2);
+  EXPECT_EQ(found["broken"], 0);
+  EXPECT_EQ(found["notChecked"], 0);
+  ASSERT_EQ(found["checks"].size(), 2U);
+  EXPECT_EQ(found["checks"][0]["area"], "system");
+  EXPECT_EQ(found["checks"][0]["verdict"], "kept");
+  EXPECT_FALSE(found["checks"][0].isMember("sentence"));
+  EXPECT_EQ(wrong.exitCode, 2);
+  EXPECT_EQ(refused["outcome"], "usage");
+  EXPECT_EQ(refused["remedy"], "Try: fw-platform-check --help");
+}
+
+TEST_F(PlatformCheck, NamesABrokenPromiseInTheDocument) {
+  const ProgramResult result = check({"--library", FAULTY_PLATFORM, "--only", "log", "--json"}, "log-errno");
+  Json::Value document;
+  std::istringstream(result.output) >> document;
+
+  EXPECT_EQ(result.exitCode, 1);
+  EXPECT_EQ(document["outcome"], "broken");
+  EXPECT_EQ(document["exitCode"], 1);
+  EXPECT_EQ(document["ok"], false);
+  EXPECT_EQ(document["broken"], 1);
+  EXPECT_EQ(document["checks"][0]["promise"], "leaves errno as it was");
+  EXPECT_EQ(document["checks"][0]["verdict"], "broken");
+  EXPECT_NE(document["checks"][0]["sentence"], "");
 }
 
 // ---- A set that uses nothing unsigned ------------------------------------------------
