@@ -25,7 +25,7 @@ trees = {}
 def pages():
     for directory, _, names in os.walk(os.path.join(SOURCE, "docs")):
         yield from (os.path.join(directory, name) for name in names if name.endswith(".md"))
-    yield os.path.join(SOURCE, "README.md")
+    yield from (os.path.join(SOURCE, name) for name in os.listdir(SOURCE) if name.endswith(".md"))
 
 
 def code(path):

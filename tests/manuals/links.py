@@ -13,7 +13,7 @@ LINK = re.compile(r"\]\(([^)\s#]*)(#[^)]*)?\)")
 def pages():
     for directory, _, names in os.walk(os.path.join(SOURCE, "docs")):
         yield from (os.path.join(directory, name) for name in names if name.endswith(".md"))
-    yield os.path.join(SOURCE, "README.md")
+    yield from (os.path.join(SOURCE, name) for name in os.listdir(SOURCE) if name.endswith(".md"))
 
 
 def text_of(page):
