@@ -101,7 +101,7 @@ void sayUnusable(const std::string& directory, int error) {
                std::strerror(error));
 }
 
-// With the mutex held. The text for the log goes to complaint, for later.
+// With the mutex held. Why there is no file goes to directory and error, to be told later.
 void open(std::string& directory, int& error) {
   if (state != State::NotTried) {
     return;
