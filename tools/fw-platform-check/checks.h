@@ -37,6 +37,7 @@ Finding traceGoesOnInChild();
 
 Finding downloadReturnsAtOnce();
 Finding downloadRefusesBadName();
+Finding downloadTellsWhatItKnows();
 
 Finding verifierRefusesUnsigned();
 Finding verifierRefusesMissing();
@@ -75,6 +76,7 @@ inline constexpr Check kChecks[] = {
     {"trace", "goes on in a forked child", traceGoesOnInChild},
     {"download", "returns at once", downloadReturnsAtOnce},
     {"download", "refuses a name that is no identifier", downloadRefusesBadName},
+    {"download", "tells how a download goes, or that it is not known", downloadTellsWhatItKnows},
     {"verifier", "refuses a file without a signature", verifierRefusesUnsigned},
     {"verifier", "refuses a file that is not there", verifierRefusesMissing},
 };

@@ -178,6 +178,20 @@ bool appbinaryManager::ABM_DownloadAppBinary(void (*)(const std::string&, int, v
          appId.find(' ') == std::string::npos;
 }
 
+#ifndef WITHOUT_DOWNLOAD_PROGRESS
+appbinaryManager::DownloadProgress appbinaryManager::ABM_GetDownloadProgress(const std::string& appId) {
+  DownloadProgress progress;
+  if (fault("download-knows-all") || (fault("download-says-no-more") && appId == "platformcheckemp")) {
+    progress.state = DownloadState::Failed;
+  }
+  if (fault("download-odd-state") && appId == "platformcheckemp") {
+    progress.state = static_cast<DownloadState>(9);
+  }
+  progress.total = fault("download-odd-size") ? -2 : -1;
+  return progress;
+}
+#endif
+
 // ---- Traces that are kept nowhere ----------------------------------------------------
 
 namespace TraceStorage {

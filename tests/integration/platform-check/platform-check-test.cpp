@@ -475,6 +475,10 @@ constexpr Fault kFaults[] = {
      "\"../platformcheck\" was accepted"},
     {"download-throws-exception", "download", "returns at once", "an exception was thrown: odd"},
     {"download-throws", "download", "returns at once", "Aborted"},
+    {"download-knows-all", "download", "tells how a download goes", "which nobody asked for"},
+    {"download-says-no-more", "download", "tells how a download goes", "a failure has no message"},
+    {"download-odd-state", "download", "tells how a download goes", "there is no state 9"},
+    {"download-odd-size", "download", "tells how a download goes", "the sizes are 0 and -2"},
 };
 
 INSTANTIATE_TEST_SUITE_P(Each, FaultyPlatform, ::testing::ValuesIn(kFaults), [](const auto& tested) {

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <filesystem>
 
+#include "app-binary-manager.h"
 #include "device-environment.h"
 
 namespace {
@@ -105,6 +106,46 @@ TEST_F(DownloadStatusFile, IsLockedByOneDownload) {
   first.reset();
   EXPECT_FALSE(isDownloadRunning("wifiempfw"));
   EXPECT_EQ(lockDownload(directory_.get(), "wifiempfw", second), 0);
+}
+
+using Told = appbinaryManager::DownloadState;
+using appbinaryManager::ABM_GetDownloadProgress;
+
+TEST_F(DownloadStatusFile, IsWhatThePlatformTellsOfADownload) {
+  write({DownloadState::Failed, 5, 10, "a-reason", "A sentence.", "A remedy."});
+
+  const appbinaryManager::DownloadProgress failed = ABM_GetDownloadProgress("wifiempfw");
+
+  EXPECT_EQ(failed.state, Told::Failed);
+  EXPECT_EQ(failed.received, 5);
+  EXPECT_EQ(failed.total, 10);
+  EXPECT_EQ(failed.reason, "a-reason");
+  EXPECT_EQ(failed.message, "A sentence.");
+  EXPECT_EQ(failed.remedy, "A remedy.");
+  write({DownloadState::Done, 10, 10, "", "", ""});
+  EXPECT_EQ(ABM_GetDownloadProgress("wifiempfw").state, Told::Done);
+}
+
+TEST_F(DownloadStatusFile, TellsADownloadThatRunsFromOneThatWasKilled) {
+  write({DownloadState::Running, 5, kUnknownSize, "", "", ""});
+  UniqueFd lock;
+  ASSERT_EQ(lockDownload(directory_.get(), "wifiempfw", lock), 0);
+
+  EXPECT_EQ(ABM_GetDownloadProgress("wifiempfw").state, Told::Running);
+  EXPECT_EQ(ABM_GetDownloadProgress("wifiempfw").total, -1);
+
+  lock.reset();
+  EXPECT_EQ(ABM_GetDownloadProgress("wifiempfw").state, Told::BrokenOff);
+}
+
+TEST_F(DownloadStatusFile, TellsNothingOfWhatNobodyAskedFor) {
+  writeFile("/run/outside.json", "{\"state\": \"done\"}");
+
+  for (const char* name : {"wifiempfw", "", "../outside"}) {
+    EXPECT_EQ(ABM_GetDownloadProgress(name).state, Told::NotKnown) << name;
+  }
+  fs::remove_all("/run/fw-download");
+  EXPECT_EQ(ABM_GetDownloadProgress("wifiempfw").state, Told::NotKnown);
 }
 
 TEST_F(DownloadStatusFile, IsNotLockedWhereNobodyEverDownloaded) {
