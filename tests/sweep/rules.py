@@ -234,7 +234,7 @@ LEFT_AFTER_ERROR = {
 }
 
 EXIT_CODES = {
-    "ok": 0, "updated": 0, "unexpected-error": 1, "already-running": 1, "stopped": 1, "usage": 2,
+    "ok": 0, "updated": 0, "unexpected-error": 1, "already-running": 1, "stopped": 1, "not-known": 1, "usage": 2,
     "nothing-to-do": 3, "no-such-module": 4, "refused-image": 5, "module-failed": 6, "timed-out": 7,
     "not-permitted": 8, "broken-module": 9, "no-controls-directory": 10, "download-failed": 11,
     "lock-in-use": 12,

@@ -2,6 +2,8 @@
 
 #include <unistd.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <iostream>
 #include <optional>
 
@@ -12,23 +14,23 @@
 namespace tool {
 namespace {
 
-using fwplatform::DownloadStatus;
+using appbinaryManager::DownloadProgress;
 
 // "wifiempfw: 30 %, 1572864 of 5242880 bytes"
-std::string lineOf(const std::string& package, const DownloadStatus& status) {
-  const auto percent = status.percent();
+std::string lineOf(const std::string& package, const DownloadProgress& progress) {
+  const auto percent = percentOf(progress);
   if (!percent) {
-    return package + ": " + std::to_string(status.received) + " bytes";
+    return package + ": " + std::to_string(progress.received) + " bytes";
   }
-  return package + ": " + std::to_string(*percent) + " %, " + std::to_string(status.received) + " of " +
-         std::to_string(status.total) + " bytes";
+  return package + ": " + std::to_string(*percent) + " %, " + std::to_string(progress.received) + " of " +
+         std::to_string(progress.total) + " bytes";
 }
 
 class LiveDownload : public DownloadReporter {
  public:
-  void tick(const std::string& package, const DownloadStatus& status) override {
+  void tick(const std::string& package, const DownloadProgress& progress) override {
     std::cout << base::terminalOrder(base::Order::LineStart)
-              << lineOf(package, status).substr(0, terminalWidth(STDOUT_FILENO) - 1)
+              << lineOf(package, progress).substr(0, terminalWidth(STDOUT_FILENO) - 1)
               << base::terminalOrder(base::Order::EraseToEnd) << std::flush;
     drawn_ = true;
   }
@@ -45,13 +47,13 @@ class LiveDownload : public DownloadReporter {
 
 class PlainDownload : public DownloadReporter {
  public:
-  void tick(const std::string& package, const DownloadStatus& status) override {
-    const auto percent = status.percent();
+  void tick(const std::string& package, const DownloadProgress& progress) override {
+    const auto percent = percentOf(progress);
     if (!percent || lastTens_ == *percent / 10) {
       return;
     }
     lastTens_ = *percent / 10;
-    std::cout << lineOf(package, status) << std::endl;
+    std::cout << lineOf(package, progress) << std::endl;
   }
   void finish() override { lastTens_.reset(); }
 
@@ -62,26 +64,26 @@ class PlainDownload : public DownloadReporter {
 class NdjsonDownload : public DownloadReporter {
  public:
   void start(const std::string& package) override { put("start", package, nullptr); }
-  void tick(const std::string& package, const DownloadStatus& status) override {
-    if (lastReceived_ == status.received || (status.received == 0 && !status.percent())) {
+  void tick(const std::string& package, const DownloadProgress& progress) override {
+    if (lastReceived_ == progress.received || (progress.received == 0 && !percentOf(progress))) {
       return;  // nothing new, or the server has not answered yet
     }
-    lastReceived_ = status.received;
-    put("progress", package, &status);
+    lastReceived_ = progress.received;
+    put("progress", package, &progress);
   }
   void finish() override { lastReceived_.reset(); }
 
  private:
-  static void put(const char* name, const std::string& package, const DownloadStatus* status) {
+  static void put(const char* name, const std::string& package, const DownloadProgress* progress) {
     Json::Value event;
     event["event"] = name;
     event["package"] = package;
-    if (status != nullptr) {
-      event["received"] = static_cast<Json::Int64>(status->received);
-      if (status->total >= 0) {
-        event["total"] = static_cast<Json::Int64>(status->total);
+    if (progress != nullptr) {
+      event["received"] = static_cast<Json::Int64>(progress->received);
+      if (progress->total >= 0) {
+        event["total"] = static_cast<Json::Int64>(progress->total);
       }
-      if (const auto percent = status->percent()) {
+      if (const auto percent = percentOf(*progress)) {
         event["percent"] = *percent;
       }
     }
@@ -92,6 +94,14 @@ class NdjsonDownload : public DownloadReporter {
 };
 
 }  // namespace
+
+std::optional<unsigned int> percentOf(const DownloadProgress& progress) {
+  if (progress.total <= 0) {
+    return std::nullopt;
+  }
+  return static_cast<unsigned int>(std::clamp<std::int64_t>(progress.received, 0, progress.total) * 100 /
+                                   progress.total);
+}
 
 std::unique_ptr<DownloadReporter> makeDownloadReporter(const Options& options) {
   if (options.ndjson) {

@@ -4,12 +4,16 @@
 #define FW_UPDATE_TOOL_DOWNLOAD_REPORTER_H
 
 #include <memory>
+#include <optional>
 #include <string>
 
+#include "app-binary-manager.h"
 #include "command-line.h"
-#include "download-status.h"
 
 namespace tool {
+
+// Of the image; empty when its size is not known.
+std::optional<unsigned int> percentOf(const appbinaryManager::DownloadProgress& progress);
 
 class DownloadReporter {
  public:
@@ -19,7 +23,7 @@ class DownloadReporter {
   DownloadReporter& operator=(const DownloadReporter&) = delete;
 
   virtual void start(const std::string&) {}
-  virtual void tick(const std::string&, const fwplatform::DownloadStatus&) {}
+  virtual void tick(const std::string&, const appbinaryManager::DownloadProgress&) {}
   // Of one package. Leaves the terminal as it was.
   virtual void finish() {}
 };

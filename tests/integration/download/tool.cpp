@@ -14,6 +14,13 @@ using ::testing::ElementsAre;
 using ::testing::EndsWith;
 using ::testing::HasSubstr;
 
+Json::Value parse(const std::string& text) {
+  std::istringstream stream(text);
+  Json::Value value;
+  stream >> value;
+  return value;
+}
+
 class DownloadCommand : public DownloadTest {
  protected:
   void SetUp() override {
@@ -26,13 +33,6 @@ class DownloadCommand : public DownloadTest {
   static ProgramResult tool(std::vector<std::string> arguments) {
     arguments.insert(arguments.begin(), {FW_UPDATE_TOOL, "download"});
     return runProgram({arguments, "/", 0, {"FW_UPDATE_LOG=none"}});
-  }
-
-  static Json::Value parse(const std::string& text) {
-    std::istringstream stream(text);
-    Json::Value value;
-    stream >> value;
-    return value;
   }
 };
 
@@ -146,6 +146,29 @@ TEST_F(DownloadCommand, NoticesADownloadThatWasKilled) {
   const auto result = waiting.wait();
   EXPECT_EQ(result.exitCode, 11);
   EXPECT_THAT(result.output, HasSubstr("The download of wifiempfw was broken off."));
+}
+
+// On a set that has this platform in the place of the one of ordinary Linux.
+void expectThatNothingIsKnown(const std::string& platformDirectory) {
+  const auto result = runProgram({{FW_UPDATE_TOOL, "download", "libwifi", "--wait", "--json"},
+                                  "/",
+                                  0,
+                                  {"LD_LIBRARY_PATH=" + platformDirectory}});
+
+  const Json::Value document = parse(result.output);
+  EXPECT_EQ(result.exitCode, 1) << result.error;
+  EXPECT_EQ(document["outcome"], "not-known") << result.output;
+  EXPECT_EQ(document["message"],
+            "The download of wifiempfw was requested, but this set does not tell how it goes.");
+  EXPECT_EQ(document["packages"][0]["outcome"], "not-known");
+}
+
+TEST_F(DownloadCommand, CannotWaitOnAPlatformThatKnowsNothing) {
+  expectThatNothingIsKnown(MAKERS_PLATFORM_DIRECTORY);
+}
+
+TEST_F(DownloadCommand, CannotWaitOnAPlatformWithoutTheCall) {
+  expectThatNothingIsKnown(UNTELLING_PLATFORM_DIRECTORY);
 }
 
 TEST_F(DownloadCommand, RefusesAWrongCommandLine) {

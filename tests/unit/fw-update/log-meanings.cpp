@@ -340,6 +340,7 @@ TEST(Outcomes, HaveTheNamesAndCodesThatAreDocumented) {
       {"unexpected-error", 1},
       {"already-running", 1},
       {"stopped", 1},
+      {"not-known", 1},
       {"usage", 2},
       {"nothing-to-do", 3},
       {"no-such-module", 4},

@@ -1,6 +1,7 @@
 // fw-update download NAME... | --all
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <iostream>
 #include <optional>
@@ -13,15 +14,14 @@
 #include "../library-log.h"
 #include "../library.h"
 #include "../log-meanings.h"
-#include "download-status.h"
 #include "fw-update-symbol-manager.h"
 #include "terminal.h"
 
 namespace tool {
 namespace {
 
-using fwplatform::DownloadState;
-using fwplatform::DownloadStatus;
+using appbinaryManager::DownloadProgress;
+using appbinaryManager::DownloadState;
 
 constexpr std::chrono::milliseconds kRedraw{100};
 constexpr const char* kRequested = "Request (%s) emp download";
@@ -31,6 +31,7 @@ struct Package {
   std::string module;
   std::string name;  // the package identifier
   Finding finding;
+  std::string reason;  // of a download that failed: one word
 };
 
 std::vector<std::string> wantedModules(const Options& options, const Library& library) {
@@ -71,7 +72,7 @@ Package request(const std::string& module) {
   const std::size_t mark = LibraryLog::instance().mark();
   FWUpdateSymbol symbol(module);
   symbol.loadSymbol(module);
-  Package package{module, symbol.getEMPName(), {}};
+  Package package{module, symbol.getEMPName(), {}, ""};
   if (symbol.downloadEMP()) {
     package.finding = {Outcome::Ok, "The download of " + package.name + " was requested.", ""};
   } else if (package.name.empty()) {
@@ -91,7 +92,7 @@ std::vector<Package> requestAll(const std::vector<std::string>& modules) {
   for (const std::string& module : modules) {
     FWUpdateSymbol symbol(module);
     symbol.loadSymbol(module);
-    Package package{module, symbol.getEMPName(), {}};
+    Package package{module, symbol.getEMPName(), {}, ""};
     package.finding = wasRequested(messages, package.name)
                           ? Finding{Outcome::Ok, "The download of " + package.name + " was requested.", ""}
                           : refusal(messages, package.name);
@@ -100,36 +101,44 @@ std::vector<Package> requestAll(const std::vector<std::string>& modules) {
   return packages;
 }
 
+// A platform may leave the call out.
+DownloadProgress progressOf(const std::string& package) {
+  return &appbinaryManager::ABM_GetDownloadProgress == nullptr
+             ? DownloadProgress()
+             : appbinaryManager::ABM_GetDownloadProgress(package);
+}
+
 // Empty while the download runs.
-std::optional<Finding> endOf(const std::string& package, const std::optional<DownloadStatus>& status,
-                             bool running) {
-  if (status && status->state == DownloadState::Done) {
-    return Finding{Outcome::Ok, package + " was downloaded (" + std::to_string(status->received) + " bytes).",
-                   ""};
+std::optional<Finding> endOf(const std::string& package, const DownloadProgress& progress) {
+  switch (progress.state) {
+    case DownloadState::Running:
+      return std::nullopt;
+    case DownloadState::Done:
+      return Finding{Outcome::Ok,
+                     package + " was downloaded (" + std::to_string(progress.received) + " bytes).", ""};
+    case DownloadState::Failed:
+      return Finding{Outcome::DownloadFailed, package + " was not downloaded: " + progress.message,
+                     progress.remedy};
+    case DownloadState::BrokenOff:
+      return Finding{Outcome::DownloadFailed, "The download of " + package + " was broken off.",
+                     "Try again: it goes on where it stopped, if the server can."};
+    case DownloadState::NotKnown:
+      break;
   }
-  if (status && status->state == DownloadState::Failed) {
-    return Finding{Outcome::DownloadFailed, package + " was not downloaded: " + status->message,
-                   status->remedy};
-  }
-  if (running) {
-    return std::nullopt;
-  }
-  return Finding{Outcome::DownloadFailed, "The download of " + package + " was broken off.",
-                 "Try again: it goes on where it stopped, if the server can."};
+  return Finding{Outcome::NotKnown,
+                 "The download of " + package + " was requested, but this set does not tell how it goes.",
+                 "The package is there when /opt/usr/apps/appbinarymanager/" + package + ".img is."};
 }
 
 void waitForEnd(Package& package, DownloadReporter& reporter) {
   for (;;) {
-    // In this order: a status read after the end is the last one.
-    const bool running = fwplatform::isDownloadRunning(package.name);
-    const auto status = fwplatform::readDownloadStatus(package.name);
-    if (const auto end = endOf(package.name, status, running)) {
+    const DownloadProgress progress = progressOf(package.name);
+    if (const auto end = endOf(package.name, progress)) {
       package.finding = *end;
+      package.reason = progress.state == DownloadState::Failed ? progress.reason : "";
       break;
     }
-    if (status) {
-      reporter.tick(package.name, *status);
-    }
+    reporter.tick(package.name, progress);
     std::this_thread::sleep_for(kRedraw);
   }
   reporter.finish();
@@ -144,15 +153,13 @@ Json::Value toJson(const Package& package) {
   if (!package.finding.remedy.empty()) {
     value["remedy"] = package.finding.remedy;
   }
-  const auto status = fwplatform::readDownloadStatus(package.name);
-  if (package.finding.outcome == Outcome::DownloadFailed && status &&
-      status->state == DownloadState::Failed && package.finding.remedy == status->remedy) {
-    value["reason"] = status->reason;
+  if (!package.reason.empty()) {
+    value["reason"] = package.reason;
   }
   return value;
 }
 
-// The first failure decides, else the first package.
+// The first failure decides, else the first whose end is not known, else the first package.
 void conclude(Report& report, const std::vector<Package>& packages) {
   report.details["packages"] = Json::arrayValue;
   for (const Package& package : packages) {
@@ -163,10 +170,12 @@ void conclude(Report& report, const std::vector<Package>& packages) {
     return;
   }
   report.finding = packages.front().finding;
-  for (const Package& package : packages) {
-    if (package.finding.outcome == Outcome::DownloadFailed) {
-      report.finding = package.finding;
-      break;
+  for (const Outcome trouble : {Outcome::NotKnown, Outcome::DownloadFailed}) {
+    const auto first = std::find_if(packages.begin(), packages.end(), [trouble](const Package& package) {
+      return package.finding.outcome == trouble;
+    });
+    if (first != packages.end()) {
+      report.finding = first->finding;
     }
   }
   if (packages.size() == 1) {
