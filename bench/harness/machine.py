@@ -14,7 +14,7 @@ def first(pattern, path):
 def flags():
     """The processor's features that the checksum's speed depends on."""
     present = first(r"^flags\s*: (.*)$", "/proc/cpuinfo").split()
-    known = [flag for flag in ("pclmulqdq", "vpclmulqdq", "avx512f", "aes", "vaes") if flag in present]
+    known = [flag for flag in ("pclmulqdq", "vpclmulqdq", "avx2", "avx512f", "aes", "vaes") if flag in present]
     return ", ".join(known) or "none of those used"
 
 

@@ -1,36 +1,38 @@
-// Four lanes side by side, because a multiplication takes several times as long as
-// starting the next one.
+// In vectors of 128 bits: one lane in each.
 #if defined(__x86_64__) || defined(__i386__)
 
-#include "image-crc/lane.h"
+#define FOLDING_TARGET IMAGE_CRC_LANE_TARGET
+#include "image-crc/folding.h"
 
 namespace imagecrc {
+namespace {
+
+struct Vector128 {
+  using Type = __m128i;
+
+  FOLDING_TARGET static Type load(const unsigned char* bytes) { return loadLane(bytes); }
+  FOLDING_TARGET static Type ofCrc(std::uint32_t crc) { return laneOfCrc(crc); }
+  FOLDING_TARGET static Type add(Type a, Type b) { return _mm_xor_si128(a, b); }
+
+  template <unsigned int Bits>
+  FOLDING_TARGET static Type moveBy() {
+    return imagecrc::moveBy<Bits>();
+  }
+
+  FOLDING_TARGET static Type fold(Type lane, Type move, Type met) { return imagecrc::fold(lane, move, met); }
+  FOLDING_TARGET static __m128i intoOneLane(Type lane) { return lane; }
+};
+
+}  // namespace
 
 bool hasFolding() {
   return __builtin_cpu_supports("pclmul") != 0 && __builtin_cpu_supports("ssse3") != 0;
 }
 
-IMAGE_CRC_LANE_TARGET
+FOLDING_TARGET
 std::uint32_t extendByFolding(std::uint32_t crc, const unsigned char* bytes, std::size_t size) {
-  constexpr std::size_t kStep = 4 * kLaneSize;
-  if (size < kStep) {
-    return extendBySlicing(crc, bytes, size);
-  }
-  __m128i lane0 = _mm_xor_si128(loadLane(bytes), laneOfCrc(crc));
-  __m128i lane1 = loadLane(bytes + kLaneSize);
-  __m128i lane2 = loadLane(bytes + 2 * kLaneSize);
-  __m128i lane3 = loadLane(bytes + 3 * kLaneSize);
-
-  const __m128i step = moveBy<4 * kLaneBits>();
-  for (bytes += kStep, size -= kStep; size >= kStep; bytes += kStep, size -= kStep) {
-    lane0 = fold(lane0, step, loadLane(bytes));
-    lane1 = fold(lane1, step, loadLane(bytes + kLaneSize));
-    lane2 = fold(lane2, step, loadLane(bytes + 2 * kLaneSize));
-    lane3 = fold(lane3, step, loadLane(bytes + 3 * kLaneSize));
-  }
-
-  const __m128i next = moveBy<kLaneBits>();
-  return finishLane(fold(fold(fold(lane0, next, lane1), next, lane2), next, lane3), bytes, size);
+  return size < kFoldingStep<Vector128> ? extendBySlicing(crc, bytes, size)
+                                        : extendInVectors<Vector128>(crc, bytes, size);
 }
 
 }  // namespace imagecrc

@@ -8,9 +8,11 @@
 
 namespace imagecrc {
 
-// Carry-less multiplication of 512-bit and of 128-bit vectors; x86 alone.
-bool hasWideFolding();
-std::uint32_t extendByWideFolding(std::uint32_t crc, const unsigned char* bytes, std::size_t size);
+// Carry-less multiplication of vectors of 512, of 256 and of 128 bits; x86 alone.
+bool hasFolding512();
+std::uint32_t extendByFolding512(std::uint32_t crc, const unsigned char* bytes, std::size_t size);
+bool hasFolding256();
+std::uint32_t extendByFolding256(std::uint32_t crc, const unsigned char* bytes, std::size_t size);
 bool hasFolding();
 std::uint32_t extendByFolding(std::uint32_t crc, const unsigned char* bytes, std::size_t size);
 
@@ -34,11 +36,10 @@ constexpr bool everywhere() {
 // Fastest first.
 inline constexpr Way kWays[] = {
 #if defined(__x86_64__) || defined(__i386__)
-    {"fold-512", hasWideFolding, extendByWideFolding},
+    {"fold-512", hasFolding512, extendByFolding512}, {"fold-256", hasFolding256, extendByFolding256},
     {"fold", hasFolding, extendByFolding},
 #endif
-    {"sliced", everywhere, extendBySlicing},
-    {"boost", everywhere, extendByBoost},
+    {"sliced", everywhere, extendBySlicing},         {"boost", everywhere, extendByBoost},
 };
 
 // The first that is available here.
