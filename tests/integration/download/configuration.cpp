@@ -97,7 +97,10 @@ TEST(DownloadConfiguration, SaysWhichLineIsWrong) {
   EXPECT_THAT(refusal(""), HasSubstr("gives no url"));
   EXPECT_THAT(refusal(url + "nonsense"), HasSubstr("line 2 is not of the form"));
   EXPECT_THAT(refusal(url + "urls = x"), HasSubstr("line 2 has an unknown key, \"urls\""));
-  EXPECT_THAT(refusal(url + "https://u:p@h/?a=b"), HasSubstr("line 2 has an unknown key."));
+  EXPECT_THAT(refusal(url + "a_z = x"), HasSubstr("line 2 has an unknown key, \"a_z\""));
+  for (const char* noWord : {"https://u:p@h/?a=b", "u:p@h = x", "URL = x", "{ = x", "` = x"}) {
+    EXPECT_THAT(refusal(url + noWord), HasSubstr("line 2 has an unknown key.")) << noWord;
+  }
   EXPECT_THAT(refusal("url = https://u:p/w@h/"), HasSubstr("url is no valid address"));
   EXPECT_THAT(refusal("url =\n"), HasSubstr("line 1 has no value"));
   EXPECT_THAT(refusal("url = ftp://h\n"), HasSubstr("url must begin with https://"));

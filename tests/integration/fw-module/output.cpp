@@ -78,6 +78,18 @@ TEST_F(CheckOutput, HasAJUnitCaseForEveryCheck) {
   EXPECT_THAT(report, HasSubstr("<skipped message=\"doUpdate crashed"));
 }
 
+TEST_F(CheckOutput, SaysWhenTheJUnitFileCannotBeWritten) {
+  const std::string module = copyOf("sound.so", "sound.so");
+
+  const ProgramResult written = run({"check", module, "--junit", "results.xml"});
+  const ProgramResult full = run({"check", module, "--junit", "/dev/full"});
+
+  EXPECT_EQ(written.exitCode, 0) << written.error;
+  EXPECT_EQ(full.error, "fw-module: /dev/full cannot be written: No space left on device\n");
+  EXPECT_EQ(full.output, "");
+  EXPECT_NE(full.exitCode, 0);
+}
+
 TEST_F(CheckOutput, QuotesWhatXmlWouldMisread) {
   const std::string report = junitOf("nonsense-version.so");
 
