@@ -28,6 +28,7 @@ SWAPS = {  # what an operator becomes, and what that fault is called
 OPERATOR = re.compile("|".join(re.escape(operator) for operator in SWAPS))
 OLD = "@"  # where the text that is replaced goes
 NOTHING = "{}"  # no statement; or the value that a type has without one
+SAME = {"nullptr", "std::nullopt", '""'}  # as nothing, where they are returned
 RETURNED = {"true": "false", "false": "true", "0": "1", "1": "0", "-1": "0"}
 COMPARES = re.compile(r"^!|==|!=|&&|\|\|| [<>]=? ")
 
@@ -138,8 +139,6 @@ def return_faults(code):
             new = str(int(value) + 1)
         elif COMPARES.search(re.sub(r"\[.*", "", value)):
             new = f"!({OLD})"
-        elif value == "nullptr":
-            continue
         else:
             new = NOTHING
         yield match.end(), end, new, "return changed"
@@ -161,7 +160,7 @@ def make(file, text):
             first, last = line_range(text, start, end)
             before = " ".join(text[first:last].split())
             after = " ".join((text[first:start] + written + text[end:last]).split())
-            if "static_assert" not in before:
+            if "static_assert" not in before and not (new == NOTHING and text[start:end].strip() in SAME):
                 found.setdefault((start, end, written), Mutant(
                     file, start, end, written, kind, text.count("\n", 0, start) + 1, before, after))
     return sorted(found.values(), key=lambda mutant: (mutant.start, mutant.end, mutant.new))

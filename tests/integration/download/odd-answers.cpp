@@ -321,8 +321,11 @@ TEST_F(OddAnswers, AStallIsTakenUpAgain) {
   OddServer server({{firstHalf(image), false}, {range(image, 100000, 200000)}});
   configure(server.url(), "stall_timeout_s = 1\nmax_retries = 1");
 
-  EXPECT_EQ(download().exitCode, 0);
+  const ProgramResult result = runProgram({{FW_DOWNLOAD_PROGRAM, kWifi}, "/", 0, {"FW_UPDATE_LOG=stderr"}});
 
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_THAT(result.error, HasSubstr("W FWUPDATE download of wifiempfw: "));
+  EXPECT_THAT(result.error, HasSubstr(" It is taken up again.\n"));
   EXPECT_TRUE(readFile(kImage) == image);
   EXPECT_THAT(server.requests().back(), HasSubstr("Range: bytes=100000-\r\n"));
 }
