@@ -3,28 +3,24 @@
 // by hand it stays until the download has ended.
 #include <curl/curl.h>
 #include <fcntl.h>
-#include <getopt.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <charconv>
 #include <chrono>
-#include <cstring>
 #include <exception>
-#include <iostream>
 #include <optional>
 #include <string>
 #include <utility>
 
-#include "clean-output.h"
 #include "configuration.h"
 #include "dlog.h"
 #include "download-status.h"
 #include "download.h"
 #include "errno-text.h"
 #include "failure.h"
+#include "frame/program.h"
 #include "partial-image.h"
 #include "privileged/package-name.h"
 #include "unique-fd.h"
@@ -38,65 +34,29 @@ using fwplatform::DownloadStatus;
 using fwplatform::errnoText;
 using fwplatform::UniqueFd;
 
-constexpr int kExitFailure = 1;
-constexpr int kExitUsage = 2;
+enum class Outcome { Done, Failed, Usage };
+
+constexpr frame::OutcomeInfo kOutcomes[] = {
+    {"ok", 0, "downloaded, or going on in the background", frame::Tone::Answer},
+    {"failed", 1, "failed", frame::Tone::Failure},
+    {"usage", 2, "usage", frame::Tone::Failure},
+};
+
+constexpr const frame::OutcomeInfo& infoOf(Outcome outcome) {
+  return kOutcomes[static_cast<std::size_t>(outcome)];
+}
+
 constexpr char kAccepted[] = "accepted\n";
 // A reader sees movement, and the disk is left alone.
 constexpr std::chrono::milliseconds kStatusPause{100};
 
-constexpr char kUsage[] =
-    "usage: fw-download PACKAGE\n"
-    "  Downloads the extension package PACKAGE, such as wifiempfw, to\n"
-    "  /opt/usr/apps/appbinarymanager/PACKAGE.img, from where\n"
-    "  /etc/fw-update/download.conf says.\n"
-    "  --answer-on=FD   says on this descriptor whether the download starts, and\n"
-    "                   goes on in the background\n"
-    "  --help           shows this\n";
-
 struct Options {
+  bool json = false;
   std::string package;
-  int answer = -1;
-  std::optional<int> exitCode;  // set when there is nothing to do
+  int answer = -1;  // a descriptor
+
+  bool answers() const { return answer >= 0; }
 };
-
-bool parseDescriptor(const char* text, int& descriptor) {
-  const char* const end = text + std::strlen(text);
-  const auto parsed = std::from_chars(text, end, descriptor);
-  return parsed.ec == std::errc() && parsed.ptr == end && descriptor > STDERR_FILENO;
-}
-
-Options parseOptions(int argc, char** argv) {
-  constexpr option kLong[] = {
-      {"answer-on", required_argument, nullptr, 'a'},
-      {"help", no_argument, nullptr, 'h'},
-      {},
-  };
-  Options options;
-  opterr = 0;  // getopt would write past the streams
-  for (int found = 0; (found = getopt_long(argc, argv, "h", kLong, nullptr)) != -1;) {
-    if (found == 'h') {
-      std::cout << kUsage;
-      options.exitCode = 0;
-      return options;
-    }
-    if (found != 'a' || !parseDescriptor(optarg, options.answer)) {
-      options.exitCode = kExitUsage;
-    }
-  }
-  if (argc - optind != 1) {
-    options.exitCode = kExitUsage;
-  } else {
-    options.package = argv[optind];
-  }
-  if (options.exitCode) {
-    std::cerr << kUsage;
-  }
-  return options;
-}
-
-void complain(const std::string& package, const std::string& sentence) {
-  std::cerr << "fw-download: " << package << ": " << sentence << std::endl;
-}
 
 // One download, from the moment on that it holds the package's lock.
 class Job {
@@ -105,14 +65,14 @@ class Job {
 
   // False when another process downloads the package already. Throws Failure.
   bool prepare();
-  // The exit code.
-  int run();
+  frame::Report run();
 
  private:
   void tell(std::int64_t received, std::int64_t total);
   void note(const std::string& sentence) const;
   void write() const;
-  int end(Reason reason, const std::string& sentence);
+  frame::Report fail(Reason reason, const std::string& sentence);
+  Json::Value details() const;
 
   std::string package_;
   fwdownload::Configuration configuration_;
@@ -175,7 +135,14 @@ void Job::tell(std::int64_t received, std::int64_t total) {
   write();
 }
 
-int Job::end(Reason reason, const std::string& sentence) {
+Json::Value Job::details() const {
+  Json::Value details;
+  details["package"] = package_;
+  details["received"] = Json::Int64{status_.received};
+  return details;
+}
+
+frame::Report Job::fail(Reason reason, const std::string& sentence) {
   const auto& info = fwdownload::infoOf(reason);
   status_.state = DownloadState::Failed;
   status_.reason = info.name;
@@ -184,25 +151,30 @@ int Job::end(Reason reason, const std::string& sentence) {
   write();
   __dlog_print(2, DLOG_ERROR_PRIORITY, "FWUPDATE", "download of %s failed: %s", package_.c_str(),
                sentence.c_str());
-  complain(package_, sentence);
-  return kExitFailure;
+  frame::Report report(Outcome::Failed, package_ + ": " + sentence);
+  report.details = details();
+  report.details["reason"] = info.name;
+  report.details["remedy"] = info.remedy;
+  return report;
 }
 
-int Job::run() {
+frame::Report Job::run() {
   try {
     fwdownload::download(package_, configuration_,
                          {[this](std::int64_t received, std::int64_t total) { tell(received, total); },
                           [this](const std::string& sentence) { note(sentence); }});
   } catch (const Failure& failure) {
-    return end(failure.reason(), failure.what());
+    return fail(failure.reason(), failure.what());
   } catch (const std::exception& error) {
-    return end(Reason::Internal, std::string("The download broke off: ") + error.what() + ".");
+    return fail(Reason::Internal, std::string("The download broke off: ") + error.what() + ".");
   }
   status_.state = DownloadState::Done;
   status_.total = status_.received;
   write();
   __dlog_print(2, DLOG_INFO_PRIORITY, "FWUPDATE", "download of %s done", package_.c_str());
-  return 0;
+  frame::Report report(Outcome::Done);
+  report.details = details();
+  return report;
 }
 
 // A caller that has gone does not end the download.
@@ -221,35 +193,61 @@ bool goOnInBackground(int caller) {
   return false;
 }
 
-int serve(const Options& options) {
-  Job job(options.package);
-  std::string refusal;
+// Why the download does not begin; empty when it does.
+std::string refusalOf(Job& job, const Options& options) {
   try {
-    if (!job.prepare()) {
-      refusal = options.answer >= 0 ? kAccepted : "Another process downloads it already.";
+    if (job.prepare()) {
+      return "";
     }
+    return options.answers() ? kAccepted : "Another process downloads it already.";
   } catch (const std::exception& error) {
-    refusal = error.what();
+    return error.what();
   }
-  if (!refusal.empty()) {
-    if (options.answer >= 0) {
+}
+
+frame::Report serve(const Options& options) {
+  Job job(options.package);
+  if (const std::string refusal = refusalOf(job, options); !refusal.empty()) {
+    if (options.answers()) {
       reply(options.answer, refusal);
     }
-    complain(options.package, refusal);
-    return kExitFailure;
+    return frame::Report(Outcome::Failed, options.package + ": " + refusal.substr(0, refusal.find('\n')));
   }
-  if (options.answer >= 0 && !goOnInBackground(options.answer)) {
-    return 0;
+  if (options.answers() && !goOnInBackground(options.answer)) {
+    return frame::Report(Outcome::Done);
   }
-  return curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK ? job.run() : kExitFailure;
+  return curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK ? job.run() : frame::Report(Outcome::Failed);
 }
+
+std::string remark() {
+  return "PACKAGE, such as wifiempfw, becomes /opt/usr/apps/appbinarymanager/PACKAGE.img;\n"
+         "/etc/fw-update/download.conf says where it comes from.\n";
+}
+
+using Option = frame::Option<Options>;
+
+constexpr Option kOptions[] = {
+    Option("PACKAGE", &Options::package, "The package identifier").required(),
+    Option("--answer-on FD", &Options::answer, "Say there whether it starts; go on in the background")
+        .within(STDERR_FILENO + 1, 1 << 20),
+};
+
+constexpr char kSummary[] = "Downloads an extension package.";
+
+constexpr frame::Command<Options> kCommands[] = {
+    {{"", kSummary, "fw-download wifiempfw", remark}, {kOptions}, serve},
+};
+
+constexpr frame::Program<Options> kProgram = {
+    {"fw-download", kSummary, "", kOutcomes, Outcome::Usage, Outcome::Failed, 18},
+    {},
+    kCommands,
+};
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  base::cleanStandardOutput();
   signal(SIGPIPE, SIG_IGN);
   umask(022);
-  const Options options = parseOptions(argc, argv);
-  return options.exitCode ? *options.exitCode : serve(options);
+  return frame::perform(kProgram, argc, argv);
 }

@@ -287,7 +287,7 @@ class HostileTexts(unittest.TestCase):
     def test_programs_beside_the_library(self):
         self.look([FW_DOWNLOAD, EVIL], b"\\x1B]0;T")
         self.look(on_device(FW_DOWNLOAD, "hostileempfw"), b"hostileempfw")
-        self.look([FW_DOWNLOAD, b"--" + EVIL], b"usage")
+        self.look([FW_DOWNLOAD, b"--" + EVIL], b"Try: fw-download --help")
         privileged = os.path.join(BIN, "fw-privileged")
         self.look([privileged, EVIL], b"\\x1B]0;T")
         self.look([privileged, b"--" + EVIL], b"\\x1B]0;T")

@@ -1,9 +1,11 @@
 // The command line of fw-download, and what it answers the platform library.
 #include <fcntl.h>
+#include <json/json.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
+#include <sstream>
 
 #include "download-test.h"
 
@@ -33,7 +35,7 @@ TEST_F(DownloadProgram, ExplainsItself) {
   const auto result = run({"--help"});
 
   EXPECT_EQ(result.exitCode, 0);
-  EXPECT_THAT(result.output, StartsWith("usage: fw-download PACKAGE\n"));
+  EXPECT_THAT(result.output, HasSubstr("Usage: fw-download [OPTIONS] PACKAGE\n"));
 }
 
 TEST_F(DownloadProgram, RefusesAWrongCommandLine) {
@@ -49,8 +51,33 @@ TEST_F(DownloadProgram, RefusesAWrongCommandLine) {
     const auto result = run(words);
 
     EXPECT_EQ(result.exitCode, 2) << ::testing::PrintToString(words);
-    EXPECT_THAT(result.error, HasSubstr("usage: fw-download PACKAGE\n"));
+    EXPECT_THAT(result.error, HasSubstr("Try: fw-download --help\n"));
   }
+}
+
+Json::Value documentIn(const ProgramResult& result) {
+  Json::Value document;
+  std::istringstream(result.output) >> document;
+  return document;
+}
+
+TEST_F(DownloadProgram, TellsInJsonHowItEnded) {
+  configure("file://" + serveFile(kWifi + ".img", makeImage(1000)));
+
+  const Json::Value done = documentIn(run({kWifi, "--json"}));
+  const Json::Value failed = documentIn(run({"absentempfw", "--json"}));
+  const Json::Value usage = documentIn(run({"--json"}));
+
+  EXPECT_EQ(done["ok"], true);
+  EXPECT_EQ(done["outcome"], "ok");
+  EXPECT_EQ(done["package"], kWifi);
+  EXPECT_EQ(done["received"], 1000);
+  EXPECT_EQ(failed["outcome"], "failed");
+  EXPECT_EQ(failed["exitCode"], 1);
+  EXPECT_EQ(failed["reason"], "not-found");
+  EXPECT_EQ(failed["remedy"], "Check that the server offers the package.");
+  EXPECT_THAT(failed["message"].asString(), StartsWith("absentempfw: "));
+  EXPECT_EQ(usage["outcome"], "usage");
 }
 
 TEST_F(DownloadProgram, RefusesAnIdentifierThatIsNoName) {
