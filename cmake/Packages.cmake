@@ -23,6 +23,15 @@ function(fw_describe_package component package section summary description)
   endif()
 endfunction()
 
+# The pages lie there as they lie here, so that their links hold.
+set(pages ${CMAKE_INSTALL_DATADIR}/doc/libfw-update-control-dev)
+install(FILES ${PROJECT_SOURCE_DIR}/README.md ${PROJECT_SOURCE_DIR}/CHANGELOG.md
+  ${PROJECT_SOURCE_DIR}/CONTRIBUTING.md ${PROJECT_SOURCE_DIR}/SECURITY.md
+  DESTINATION ${pages} COMPONENT development)
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/docs DESTINATION ${pages} COMPONENT development
+  FILES_MATCHING PATTERN "*.md" PATTERN "*.svg" PATTERN "*.png"
+  PATTERN man EXCLUDE PATTERN reference EXCLUDE PATTERN troubleshooting EXCLUDE)
+
 find_program(GZIP gzip REQUIRED)
 add_custom_command(OUTPUT ${PROJECT_BINARY_DIR}/changelog.gz
   COMMAND ${GZIP} -9nc ${PROJECT_SOURCE_DIR}/packaging/debian/changelog > ${PROJECT_BINARY_DIR}/changelog.gz
