@@ -1,4 +1,4 @@
-"""Makes ../reference.md of the comments and declarations in the public headers.
+"""Generates ../reference.md from the comments and declarations in the public headers.
 
 usage: generate.py [--check]
   --check   changes nothing; exit code 1 when the page is not up to date
@@ -15,7 +15,7 @@ HEADERS = ["fw-update-control.h", "fw-update-symbol-manager.h", "fw-update-symbo
 
 HEAD = """# Reference
 
-What the installed headers declare, made of the headers by
+What the installed headers declare, generated from them by
 `docs/reference/generate.py`; the headers are the original. The platform's calls are in
 [platform.md](platform.md), examples in [using-the-library.md](using-the-library.md).
 """

@@ -202,16 +202,6 @@ TEST_F(CheckOutput, ListsTheChecksWithoutAFile) {
   EXPECT_EQ(list["checks"].size(), fwmodule::kCheckCount);
 }
 
-TEST_F(CheckOutput, IsDescribedInTheManualCheckByCheck) {
-  const std::string manual = readFile(FW_SOURCE_DIRECTORY "/docs/fw-module.md");
-
-  for (const fwmodule::CheckInfo& check : fwmodule::kChecks) {
-    const bool error = check.severity == fwmodule::Severity::Error;
-    EXPECT_THAT(manual, HasSubstr("| `" + std::string(check.id) + "` | " + (error ? "error" : "warning") +
-                                  " | " + check.title + " | " + check.advice + " |\n"));
-  }
-}
-
 TEST_F(FwModuleTest, ShowsHelpThatFitsAScreenAndGivesAnExample) {
   for (const std::string command : {"", "new", "check"}) {
     const ProgramResult result = command.empty() ? run({"--help"}) : run({command, "--help"});
