@@ -36,74 +36,8 @@ inline constexpr const char* kDefaultCaller = "upgrade-app";
 // Null when there is no such caller.
 constexpr const Caller* findCaller(std::string_view name) {
   for (const Caller& caller : kCallers) {
-    {
-      {
-        {
-          {
-            {
-              {
-                {
-                  {
-                    {
-                      {
-                        {
-                          {
-                            {
-                              {
-                                {
-                                  {
-                                    {
-                                      if (name == caller.name) {
-                                        {
-                                          {
-                                            {
-                                              {
-                                                {
-                                                  {
-                                                    {
-                                                      {
-                                                        {
-                                                          {
-                                                            {
-                                                              {
-                                                                {
-                                                                  {
-                                                                    {
-                                                                      {
-                                                                        { return &caller; }
-                                                                      }
-                                                                    }
-                                                                  }
-                                                                }
-                                                              }
-                                                            }
-                                                          }
-                                                        }
-                                                      }
-                                                    }
-                                                  }
-                                                }
-                                              }
-                                            }
-                                          }
-                                        }
-                                      }
-                                    }
-                                  }
-                                }
-                              }
-                            }
-                          }
-                        }
-                      }
-                    }
-                  }
-                }
-              }
-            }
-          }
-        }
-      }
+    if (name == caller.name) {
+      return &caller;
     }
   }
   return nullptr;

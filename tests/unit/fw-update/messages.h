@@ -16,11 +16,7 @@ inline tool::LogMessage message(const std::string& format, std::vector<std::stri
   message.arguments = std::move(arguments);
   message.errorNumber = errorNumber;
   for (const std::string& argument : message.arguments) {
-    {
-      {
-        { message.text += argument + " "; }
-      }
-    }
+    message.text += argument + " ";
   }
   return message;
 }

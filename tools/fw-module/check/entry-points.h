@@ -55,82 +55,8 @@ constexpr const EntryPointInfo& infoOf(EntryPoint entryPoint) {
 
 constexpr bool inOrder() {
   for (std::size_t i = 0; i < kEntryPointCount; ++i) {
-    {
-      {
-        {
-          {
-            {
-              {
-                {
-                  {
-                    {
-                      {
-                        {
-                          {
-                            {
-                              {
-                                {
-                                  {
-                                    {
-                                      {
-                                        {
-                                          if (static_cast<std::size_t>(kEntryPoints[i].entryPoint) != i) {
-                                            {
-                                              {
-                                                {
-                                                  {
-                                                    {
-                                                      {
-                                                        {
-                                                          {
-                                                            {
-                                                              {
-                                                                {
-                                                                  {
-                                                                    {
-                                                                      {
-                                                                        {
-                                                                          {
-                                                                            {
-                                                                              {
-                                                                                { return false; }
-                                                                              }
-                                                                            }
-                                                                          }
-                                                                        }
-                                                                      }
-                                                                    }
-                                                                  }
-                                                                }
-                                                              }
-                                                            }
-                                                          }
-                                                        }
-                                                      }
-                                                    }
-                                                  }
-                                                }
-                                              }
-                                            }
-                                          }
-                                        }
-                                      }
-                                    }
-                                  }
-                                }
-                              }
-                            }
-                          }
-                        }
-                      }
-                    }
-                  }
-                }
-              }
-            }
-          }
-        }
-      }
+    if (static_cast<std::size_t>(kEntryPoints[i].entryPoint) != i) {
+      return false;
     }
   }
   return true;

@@ -24,9 +24,7 @@ inline void waitUntilAsked(unsigned int times) {
   asked = 0;
   running = true;
   while (isWatched() && asked < times) {
-    {
-      { std::this_thread::sleep_for(std::chrono::milliseconds(1)); }
-    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
   running = false;
 }
