@@ -13,6 +13,7 @@
 #include <set>
 #include <string>
 
+#include "key-file.h"
 #include "public-keys.h"
 #include "signed-package.h"
 #include "temporary-place.h"
@@ -442,6 +443,14 @@ TEST_F(KeyDirectory, HoldsNoPrivateKeysAndAsksForNoPassPhrase) {
 
   EXPECT_FALSE(fwpackage::readPublicKey(path("secret.pem")));
   EXPECT_FALSE(fwpackage::readPublicKey(path("absent.pem")));
+}
+
+TEST_F(KeyDirectory, GivesAFilesOwnTextAlone) {
+  write("maker.pem", "PEM");
+  std::string content = "of another file";
+
+  EXPECT_EQ(fwpackage::readKeyFile(path("maker.pem"), content), 0);
+  EXPECT_EQ(content, "PEM");
 }
 
 // One that is encrypted, even with an empty pass phrase, is no public key.
