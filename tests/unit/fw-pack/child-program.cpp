@@ -35,8 +35,11 @@ TEST(ChildProgram, EndsWellWithExitCode0Alone) {
 }
 
 TEST(ChildProgram, GivesItsStandardOutputAlone) {
+  ::testing::internal::CaptureStderr();
+
   const Ended ended = runShell("echo one; echo two >&2; echo three");
 
+  EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
   EXPECT_EQ(ended.output, "one\nthree\n");
 }
 
