@@ -17,7 +17,7 @@ constexpr const char* kText = "a text of 20 bytes..";
 // In memory, like /run: on a disk a thread waits now and then for its pages.
 constexpr const char* kPlace = "/dev/shm/fw-bench-trace";
 
-diagnostics::CallSite site("/src/bench.cpp", "bench", 1, FW_LOG_PREFIX "%s returned %d");
+diagnostics::CallSite site("/src/bench.cpp", "bench", 1, MESSAGE_PREFIX "%s returned %d");
 
 void traceRecord(int number) {
   const std::array<diagnostics::TraceArgument, 2> traced{diagnostics::traceArgument(kText),

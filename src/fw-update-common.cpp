@@ -3,6 +3,7 @@
 #include <fcntl.h>
 
 #include "diagnostic-log.h"
+#include "library-messages.h"
 
 const char* semName = "/SEM_UPDATE_CONTROL";
 
@@ -21,7 +22,7 @@ FWUpdateCommon* FWUpdateCommon::getInstance() {
 sem_t* FWUpdateCommon::create_semaphore() {
   sem_t* const semaphore = sem_open(semName, O_CREAT, kOwnerOnly, kFree);
   if (semaphore == SEM_FAILED) {
-    FW_LOG(diagnostics::kError, "Parent\t: [sem_open] Failed\n");
+    FW_LOG(diagnostics::kError, MESSAGE_LOCK_NOT_OPENED);
   }
   return semaphore;
 }
@@ -29,7 +30,7 @@ sem_t* FWUpdateCommon::create_semaphore() {
 void FWUpdateCommon::destroy_semaphore() {
   sem_t* const semaphore = sem_open(semName, O_CREAT, kOwnerOnly, kFree);
   if (semaphore == SEM_FAILED) {
-    FW_LOG(diagnostics::kError, "Parent\t: [sem_open] Failed\n");
+    FW_LOG(diagnostics::kError, MESSAGE_LOCK_NOT_OPENED);
   }
   // Only this handle is closed and nothing is unlinked, on purpose. A failed open
   // is closed too, which the C library answers with an error; the call goes through

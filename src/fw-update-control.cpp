@@ -4,6 +4,7 @@
 
 #include "diagnostic-log.h"
 #include "fw-update-symbol-manager.h"
+#include "library-messages.h"
 #include "text-buffer.h"
 
 FWUpdateContorl* FWUpdateContorl::getInstance() {
@@ -14,7 +15,7 @@ FWUpdateContorl* FWUpdateContorl::getInstance() {
 FWUpdateContorl::FWUpdateContorl() {
   FWUpdateSymbolManager* const registry = FWUpdateSymbolManager::getInstance();
   if (!registry->getIsReady(false)) {
-    FW_LOG(diagnostics::kError, "Fw-Service symbol is not loaded");
+    FW_LOG(diagnostics::kError, MESSAGE_MODULES_NOT_LOADED);
   }
   registry->getFwItems(itemList);
 }
@@ -32,7 +33,7 @@ int FWUpdateContorl::fw_update_from_control(const char* name, CallerTypes caller
   const int result = FWUpdateSymbolManager::getInstance()->doUpdateFirmware(name, caller, buffer);
 
   // DATA carries the module's name, not the data; kept on purpose.
-  FW_LOG(diagnostics::kError, "fw_update from Caller Type [%d] STATE [%d] DATA [%s]", caller, result, name);
+  FW_LOG(diagnostics::kError, MESSAGE_REQUEST_ENDS, caller, result, name);
   return result;
 }
 
@@ -62,14 +63,14 @@ int FWUpdateContorl::fw_update_from_upgrade_epsolution(const char* name, const c
 
 int FWUpdateContorl::fw_getFWInformation(const char* name, char* version, char* fwName) {
   const int ret = FWUpdateSymbolManager::getInstance()->getFirmwareVersion(name, version, fwName);
-  FW_LOG(diagnostics::kDebug, "fw_getFWInformation STATE [%d] DATA [%s]", ret, name);
+  FW_LOG(diagnostics::kDebug, MESSAGE_INFORMATION_ANSWERED, ret, name);
   return ret;
 }
 
 int FWUpdateContorl::fw_getVersion(const char* name, char* version) {
   char fwName[kTextSize] = {};
   const int ret = FWUpdateSymbolManager::getInstance()->getFirmwareVersion(name, version, fwName);
-  FW_LOG(diagnostics::kDebug, "fw_getVersion STATE [%d] DATA [%s]", ret, name);
+  FW_LOG(diagnostics::kDebug, MESSAGE_VERSION_ANSWERED, ret, name);
   return ret;
 }
 
@@ -77,15 +78,13 @@ std::list<FWUpdateItem> FWUpdateContorl::fw_getUpdateItemList(CallerTypes caller
   updateItemList.clear();
   FWUpdateSymbolManager::getInstance()->getUpdateFwItems(updateItemList, caller, data);
   for (const FWUpdateItem& item : updateItemList) {
-    FW_LOG(diagnostics::kError, "update list is fw_name[%s] version [%s] fiename[%s]", item.fw_name,
-           item.version, item.file_name);
+    FW_LOG(diagnostics::kError, MESSAGE_UPDATE_LIST_ITEM, item.fw_name, item.version, item.file_name);
   }
   return updateItemList;
 }
 
 int FWUpdateContorl::fw_getUpdateProgress(const char* name, unsigned int* progress) {
   const int ret = FWUpdateSymbolManager::getInstance()->getFirmwareUpdateProgress(name, progress);
-  FW_LOG(diagnostics::kError, "fw_getUpdateProgress STATE [%d] DATA [%s] Progress [%d]", ret, name,
-         *progress);
+  FW_LOG(diagnostics::kError, MESSAGE_PROGRESS_ANSWERED, ret, name, *progress);
   return ret;
 }

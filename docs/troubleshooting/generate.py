@@ -13,12 +13,15 @@ from pathlib import Path
 
 HERE = Path(__file__).resolve().parent
 SOURCES = HERE.parent.parent / "src"
+MESSAGES = HERE.parent.parent / "vocabulary" / "library-messages.h"
 PAGE = HERE.parent / "troubleshooting.md"
 
 LITERAL = r'"((?:[^"\\]|\\.)*)"'
 CALL = re.compile(
     r"FW_LOG(?P<named>_AS)?\(\s*(?:" + LITERAL + r"\s*,\s*)?diagnostics::k(?P<priority>\w+)\s*,\s*"
-    r"(?P<text>(?:" + LITERAL + r"\s*)+)[,)]")
+    r"MESSAGE_(?P<name>\w+)\b")
+TEXT = re.compile(r"^#define MESSAGE_(\w+)\s+(?:\\\n\s*)?" + LITERAL + "$", re.M)
+NUMBER = re.compile(r"^inline constexpr unsigned int (k\w+) = (\d+);$", re.M)
 FUNCTION = re.compile(r"^[\w:<>&*,~ \[\]]*?\b([\w~]+)\(", re.M)
 
 HEAD = """# Troubleshooting by message
@@ -34,8 +37,15 @@ This page is made by `docs/troubleshooting/generate.py`.
 """
 
 
+def message_texts():
+    """Name -> text, of every message."""
+    texts = dict(TEXT.findall(MESSAGES.read_text(encoding="utf-8")))
+    del texts["PREFIX"]
+    return texts
+
+
 def logged_messages():
-    """Text -> the (function, priority) pairs that write it, in the order of the sources."""
+    """Name -> the (function, priority) pairs that write it, in the order of the sources."""
     messages = OrderedDict()
     for path in sorted(SOURCES.rglob("*.cpp")):
         source = path.read_text(encoding="utf-8")
@@ -44,9 +54,8 @@ def logged_messages():
         if len(calls) != expected:
             raise SystemExit(f"{path.name}: {expected} messages are logged, {len(calls)} were understood")
         for call in calls:
-            text = "".join(re.findall(LITERAL, call["text"]))
             function = call[2] if call["named"] else enclosing_function(source, call.start())
-            messages.setdefault(text, []).append((function, call["priority"][0]))
+            messages.setdefault(call["name"], []).append((function, call["priority"][0]))
     return messages
 
 
@@ -63,52 +72,59 @@ def explained_messages():
         if line.startswith("= "):
             chapters.append((line[2:], []))
         elif line.startswith("["):
-            chapters[-1][1].append({"text": line[1:-1]})
+            chapters[-1][1].append({"name": line[1:-1]})
         elif line and not line.startswith("#"):
             key, value = line.split(": ", 1)
             chapters[-1][1][-1][key] = value
     return chapters
 
 
-def complaints(logged, chapters):
-    explained = [entry["text"] for _, entries in chapters for entry in entries]
-    for text in logged:
-        if text not in explained:
-            yield f"messages.txt does not explain: {text}"
-    for text in explained:
-        if text not in logged:
-            yield f"messages.txt explains what the sources do not write: {text}"
-        if explained.count(text) > 1:
-            yield f"messages.txt explains twice: {text}"
+def complaints(texts, logged, chapters):
+    explained = [entry["name"] for _, entries in chapters for entry in entries]
+    for name in texts:
+        if name not in explained:
+            yield f"messages.txt does not explain: {name}"
+        if name not in logged:
+            yield f"the sources do not write: {name}"
+    for name in explained:
+        if name not in texts:
+            yield f"messages.txt explains what is no message: {name}"
+        if explained.count(name) > 1:
+            yield f"messages.txt explains twice: {name}"
     for _, entries in chapters:
         for entry in entries:
             if not entry.get("means") or not entry.get("do"):
-                yield f"messages.txt says too little of: {entry['text']}"
+                yield f"messages.txt says too little of: {entry['name']}"
 
 
 def shown(text):
     return text.replace("\\n", "").replace("\\t", " ")
 
 
-def page(logged, chapters):
+def with_numbers(sentence):
+    numbers = dict(NUMBER.findall(MESSAGES.read_text(encoding="utf-8")))
+    return re.sub(r"\{(k\w+)\}", lambda name: numbers[name[1]], sentence)
+
+
+def page(texts, logged, chapters):
     lines = [HEAD]
     for title, entries in chapters:
         lines.append(f"## {title}\n")
         for entry in entries:
-            places = OrderedDict.fromkeys(f"{function} ({priority})" for function, priority in logged[entry["text"]])
-            lines.append(f"### `{shown(entry['text'])}`\n")
-            lines.append(f"From {', '.join(places)}. {entry['means']}\n")
+            places = OrderedDict.fromkeys(f"{function} ({priority})" for function, priority in logged[entry["name"]])
+            lines.append(f"### `{shown(texts[entry['name']])}`\n")
+            lines.append(f"From {', '.join(places)}. {with_numbers(entry['means'])}\n")
             if entry["do"] != "Nothing.":
                 lines.append(f"*What to do:* {entry['do']}\n")
     return "\n".join(lines)
 
 
 def main():
-    logged, chapters = logged_messages(), explained_messages()
-    wrong = list(complaints(logged, chapters))
+    texts, logged, chapters = message_texts(), logged_messages(), explained_messages()
+    wrong = list(complaints(texts, logged, chapters))
     if wrong:
         raise SystemExit("\n".join(wrong))
-    text = page(logged, chapters)
+    text = page(texts, logged, chapters)
     if "--check" in sys.argv[1:]:
         if PAGE.read_text(encoding="utf-8") != text:
             raise SystemExit("troubleshooting.md is not up to date: run docs/troubleshooting/generate.py")

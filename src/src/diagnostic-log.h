@@ -15,18 +15,14 @@
 #include <typeinfo>
 
 #include "dlog.h"
+#include "library-messages.h"
 #include "trace-storage.h"
 
 namespace diagnostics {
 
-constexpr int kLogId = 2;
-constexpr const char* kTag = "FWUPDATE";
-
 constexpr int kDebug = DLOG_DEBUG_PRIORITY;
 constexpr int kInfo = DLOG_INFO_PRIORITY;
 constexpr int kError = DLOG_ERROR_PRIORITY;
-
-#define FW_LOG_PREFIX "%s: %s(%d) > "
 
 constexpr const char* baseName(const char* path) {
   const char* name = path;
@@ -48,7 +44,7 @@ struct CallSite {
         prefixedFormat(logFormat) {}
 
   // The message format without the prefix.
-  const char* format() const { return prefixedFormat + sizeof(FW_LOG_PREFIX) - 1; }
+  const char* format() const { return prefixedFormat + sizeof(MESSAGE_PREFIX) - 1; }
 
   const char* sourcePath;
   const char* fileName;
@@ -86,8 +82,8 @@ void writeTraceRecord(CallSite& site, const TraceArgument* arguments, std::size_
 
 template <typename... Arguments>
 void write(CallSite& site, int priority, const char* /*format*/, Arguments... arguments) {
-  __dlog_print(kLogId, priority, kTag, site.prefixedFormat, site.fileName, site.functionName, site.line,
-               arguments...);
+  __dlog_print(fwmessages::kLogId, priority, fwmessages::kTag, site.prefixedFormat, site.fileName,
+               site.functionName, site.line, arguments...);
   if (priority != kError || TraceStorage::enabled == 0) {
     return;
   }
@@ -100,15 +96,15 @@ void write(CallSite& site, int priority, const char* /*format*/, Arguments... ar
 #define FW_LOG_FORMAT(format, ...) format
 
 // FW_LOG_AS(function, priority, format, arguments...): for a step that logs under
-// the name of the operation that it belongs to. format is a literal.
-#define FW_LOG_AS(function, priority, ...)                                              \
-  do {                                                                                  \
-    static diagnostics::CallSite callSite(__FILE__, function, __LINE__,                 \
-                                          FW_LOG_PREFIX FW_LOG_FORMAT(__VA_ARGS__, 0)); \
-    if (false) {                                                                        \
-      diagnostics::checkFormat(__VA_ARGS__);                                            \
-    }                                                                                   \
-    diagnostics::write(callSite, priority, __VA_ARGS__);                                \
+// the name of the operation that it belongs to. format is one of library-messages.h.
+#define FW_LOG_AS(function, priority, ...)                                               \
+  do {                                                                                   \
+    static diagnostics::CallSite callSite(__FILE__, function, __LINE__,                  \
+                                          MESSAGE_PREFIX FW_LOG_FORMAT(__VA_ARGS__, 0)); \
+    if (false) {                                                                         \
+      diagnostics::checkFormat(__VA_ARGS__);                                             \
+    }                                                                                    \
+    diagnostics::write(callSite, priority, __VA_ARGS__);                                 \
   } while (false)
 
 // FW_LOG(priority, format, arguments...)

@@ -12,6 +12,7 @@
 #include <fstream>
 
 #include "diagnostic-log.h"
+#include "library-messages.h"
 #include "privileged-service.h"
 
 namespace {
@@ -71,11 +72,11 @@ FWMountManager::~FWMountManager() = default;  // not trivial: its end at process
 
 int FWMountManager::Mount(const std::string& src, const std::string& dest) {
   if (src.empty() || dest.empty()) {
-    FW_LOG(diagnostics::kError, "Source file or dest dir is empty.");
+    FW_LOG(diagnostics::kError, MESSAGE_MOUNT_WITHOUT_PLACES);
     return -1;
   }
   if (!IsFile(src.c_str())) {
-    FW_LOG(diagnostics::kError, "srcFile[%s] is not exist.", src.c_str());
+    FW_LOG(diagnostics::kError, MESSAGE_MOUNT_WITHOUT_IMAGE, src.c_str());
     return -1;
   }
   if (access(dest.c_str(), F_OK) != 0) {
@@ -84,8 +85,7 @@ int FWMountManager::Mount(const std::string& src, const std::string& dest) {
       const int error = errno;
       char buffer[256] = {};
       const char* const text = strerror_r(error, buffer, sizeof(buffer));
-      FW_LOG(diagnostics::kError, "Dest Path [%s] failed to create! return:[%d], errno:[%d, %s, %s]",
-             dest.c_str(), result, error, text, buffer);
+      FW_LOG(diagnostics::kError, MESSAGE_MOUNT_POINT_NOT_MADE, dest.c_str(), result, error, text, buffer);
       return -1;
     }
   }
@@ -95,24 +95,23 @@ int FWMountManager::Mount(const std::string& src, const std::string& dest) {
 int FWMountManager::UMount(const std::string& dir) {
   try {
     if (dir.empty()) {
-      FW_LOG(diagnostics::kError, "Input umount dir is empty.");
+      FW_LOG(diagnostics::kError, MESSAGE_UNMOUNT_WITHOUT_PLACE);
       return -1;
     }
     if (!IsDir(dir.c_str())) {
-      FW_LOG(diagnostics::kError, "Umount dir[%s] is invalid.", dir.c_str());
+      FW_LOG(diagnostics::kError, MESSAGE_UNMOUNT_NO_DIRECTORY, dir.c_str());
       return -1;
     }
     // The length goes along here, not a buffer's capacity; deliberate.
     int result = 0;
     const int status = PS_Umount(dir.c_str(), static_cast<int>(dir.size()), 0, &result);
     if (status == 0 && result == 0) {
-      FW_LOG(diagnostics::kInfo, "Umount dir[%s] successfully.", dir.c_str());
+      FW_LOG(diagnostics::kInfo, MESSAGE_UNMOUNTED, dir.c_str());
       return 0;
     }
-    FW_LOG(diagnostics::kError, "Error(iRet1=%d, iRet2=%d) while unmounitng [%s]", status, result,
-           dir.c_str());
+    FW_LOG(diagnostics::kError, MESSAGE_UNMOUNT_FAILED, status, result, dir.c_str());
   } catch (const std::exception& error) {
-    FW_LOG(diagnostics::kError, "Failed to umount[%s], error[%s].", dir.c_str(), error.what());
+    FW_LOG(diagnostics::kError, MESSAGE_UNMOUNT_BROKE_OFF, dir.c_str(), error.what());
   }
   return -1;
 }
@@ -120,21 +119,19 @@ int FWMountManager::UMount(const std::string& dir) {
 bool loop_mount(const char* src, const char* dest, const char* options) {
   ArgumentText arguments{};
   if (!formatMountArguments(arguments, options, src, dest)) {
-    FW_LOG(diagnostics::kInfo, "Fail PS_Mount: file:[%s], dest:[%s], retVal:[%d], result:[%d]", src, dest, -1,
-           0);
+    FW_LOG(diagnostics::kInfo, MESSAGE_MOUNT_FAILED, src, dest, -1, 0);
     return false;
   }
-  FW_LOG(diagnostics::kInfo, "PsMntCmd:[%s]", arguments.data());
+  FW_LOG(diagnostics::kInfo, MESSAGE_MOUNT_REQUESTED, arguments.data());
   RequestResult mount = requestMount(arguments);
   if (mount.succeeded()) {
     return true;
   }
-  FW_LOG(diagnostics::kInfo, "Fail PS_Mount: file:[%s], dest:[%s], retVal:[%d], result:[%d]", src, dest,
-         mount.status, mount.result);
+  FW_LOG(diagnostics::kInfo, MESSAGE_MOUNT_FAILED, src, dest, mount.status, mount.result);
 
   const int present = countPresentLoopDevices();
   const int mounted = countMountedLoopDevices();
-  FW_LOG(diagnostics::kInfo, "loop count is %d, mount count is %d", present, mounted);
+  FW_LOG(diagnostics::kInfo, MESSAGE_LOOP_DEVICES, present, mounted);
   // A free node means that the failure has another cause, which no node mends.
   if (present != mounted) {
     return false;
@@ -142,15 +139,14 @@ bool loop_mount(const char* src, const char* dest, const char* options) {
   for (int number = mounted; number < kLoopNodeLimit; ++number) {
     const RequestResult node = requestNode(number);
     if (!node.succeeded()) {
-      FW_LOG(diagnostics::kError, "PS_Mknod error, retVal: [%d], result: [%d]", node.status, node.result);
+      FW_LOG(diagnostics::kError, MESSAGE_LOOP_DEVICE_NOT_MADE, node.status, node.result);
       continue;
     }
     mount = requestMount(arguments);
     if (mount.succeeded()) {
       return true;
     }
-    FW_LOG(diagnostics::kError, "Fail PS_Mount: file:[%s], dest:[%s], retVal:[%d], result:[%d]", src, dest,
-           mount.status, mount.result);
+    FW_LOG(diagnostics::kError, MESSAGE_MOUNT_FAILED, src, dest, mount.status, mount.result);
   }
   return false;
 }

@@ -25,6 +25,7 @@
 #include "empty-data.h"
 #include "file-handles.h"
 #include "fw-update-common.h"
+#include "library-messages.h"
 #include "lwipc.h"
 #include "module-file.h"
 #include "module-names.h"
@@ -37,9 +38,7 @@ namespace {
 constexpr const char* kPendingList = "/tmp/fwupdate-off-list.txt";
 constexpr const char* kResumeEvent = "/tmp/.ignore_resume";
 
-constexpr unsigned int kWaitMarginSeconds = 2;
 constexpr int kPowerState = 2;
-constexpr unsigned int kPowerMarginMs = 5000;
 constexpr int kTimedOut = 1;
 
 // ---- Workers that outlive their request ---------------------------------------
@@ -145,11 +144,11 @@ bool check_race_condition(const char* path) {
     if (errno == ENOENT) {
       return true;
     }
-    FW_LOG(diagnostics::kError, "lstat error\n");
+    FW_LOG(diagnostics::kError, MESSAGE_PENDING_LIST_NOT_SEEN);
     return false;
   }
   if (S_ISLNK(status.st_mode)) {
-    FW_LOG(diagnostics::kError, "symbolic link is detected\n");
+    FW_LOG(diagnostics::kError, MESSAGE_PENDING_LIST_IS_LINK);
     return false;
   }
   return true;
@@ -254,7 +253,7 @@ bool scanControlsDirectory(bool skipExtModules, std::vector<std::string>& names)
       const std::size_t dot = std::min(file.rfind('.'), file.size());
       const std::string stem(file.substr(0, dot));
       if (skipExtModules && isExtensionModule(stem)) {
-        FW_LOG_AS("onCreate", diagnostics::kError, "En/Decryption Service EXT skip [%s]", stem.c_str());
+        FW_LOG_AS("onCreate", diagnostics::kError, MESSAGE_EXTENSION_SKIPPED, stem.c_str());
         continue;
       }
       if (file.substr(dot) == ".so") {
@@ -262,7 +261,7 @@ bool scanControlsDirectory(bool skipExtModules, std::vector<std::string>& names)
       }
     }
   } catch (const boost::filesystem::filesystem_error& error) {
-    FW_LOG_AS("onCreate", diagnostics::kError, "File System Exception: %s ", error.what());
+    FW_LOG_AS("onCreate", diagnostics::kError, MESSAGE_CONTROLS_UNREADABLE, error.what());
     return false;
   }
   return true;
@@ -289,7 +288,7 @@ bool FWUpdateSymbolManager::onCreate(bool skipExtModules) {
     module.loadSymbol(module.getLibName());
   }
   if (getSWVersionString() != 0) {
-    FW_LOG(diagnostics::kError, "Error: getSwVersion fail");
+    FW_LOG(diagnostics::kError, MESSAGE_NO_SOFTWARE_MODEL);
   }
   return true;
 }
@@ -312,18 +311,18 @@ int FWUpdateSymbolManager::getSWVersionString() {
   };
   char* value = nullptr;
   if (system_info_get_value_string(SYSTEM_INFO_SOFTWARE_VERSION, &value) != 0 || value == nullptr) {
-    FW_LOG(diagnostics::kError, "Unable to read SW version from system-info");
+    FW_LOG(diagnostics::kError, MESSAGE_SOFTWARE_VERSION_UNKNOWN);
     return -1;
   }
   const std::unique_ptr<char, FreeText> owner(value);
   const std::string version = value;
   const std::size_t dash = version.rfind('-');
   if (dash == std::string::npos) {
-    FW_LOG(diagnostics::kError, "getSWVersionString: Wrong string format - lack of dash: %s", value);
+    FW_LOG(diagnostics::kError, MESSAGE_SOFTWARE_VERSION_WITHOUT_DASH, value);
     return -1;
   }
   swModel = version.substr(0, dash);
-  FW_LOG(diagnostics::kInfo, "SWModel : %s", swModel.c_str());
+  FW_LOG(diagnostics::kInfo, MESSAGE_SOFTWARE_MODEL, swModel.c_str());
   return 0;
 }
 
@@ -400,7 +399,7 @@ int FWUpdateSymbolManager::doUpdateFirmware(const std::string& name, CallerTypes
     } catch (const std::system_error&) {
       throw;  // a runtime_error too, but no time-out
     } catch (const std::runtime_error& error) {
-      FW_LOG(diagnostics::kError, "Error : %s", error.what());
+      FW_LOG(diagnostics::kError, MESSAGE_EXCEPTION, error.what());
       result = kTimedOut;
     }
   }
@@ -410,7 +409,7 @@ int FWUpdateSymbolManager::doUpdateFirmware(const std::string& name, CallerTypes
 int FWUpdateSymbolManager::update_timeout_wrapper(FWUpdateSymbol& module, unsigned int timeout,
                                                   CallerTypes caller, char* data) {
   // The value is in seconds; the label "ms" is kept on purpose.
-  FW_LOG(diagnostics::kError, "%s update time %d ms", module.getFirmwareName().c_str(), timeout);
+  FW_LOG(diagnostics::kError, MESSAGE_LOCK_WANTED, module.getFirmwareName().c_str(), timeout);
   // Not closed after use, on purpose: a process that has the semaphore mapped may hold the
   // lock, and by that the lock of a dead process is told from that of a live one.
   sem_t* const opened = FWUpdateCommon::getInstance()->create_semaphore();
@@ -425,12 +424,12 @@ int FWUpdateSymbolManager::update_timeout_wrapper(FWUpdateSymbol& module, unsign
     try {
       result = update_module(module, run->caller, run->dataText());
     } catch (const std::exception& error) {
-      FW_LOG_AS("update_timeout_wrapper", diagnostics::kError, "Error : %s", error.what());
+      FW_LOG_AS("update_timeout_wrapper", diagnostics::kError, MESSAGE_EXCEPTION, error.what());
     } catch (...) {
       if (std::current_exception() == nullptr) {
         throw;  // no exception: the module ended its thread; the caller's time runs out
       }
-      FW_LOG_AS("update_timeout_wrapper", diagnostics::kError, "Error : %s", "unknown exception");
+      FW_LOG_AS("update_timeout_wrapper", diagnostics::kError, MESSAGE_EXCEPTION, "unknown exception");
     }
     // Without the mutex, on purpose: a notification that comes before the caller
     // waits is lost, and the caller then takes the time-out.
@@ -440,7 +439,7 @@ int FWUpdateSymbolManager::update_timeout_wrapper(FWUpdateSymbol& module, unsign
 
   std::unique_lock<std::mutex> lock(run->mutex);
   // 32-bit: 4294967294 and 4294967295 give 0 and 1 second.
-  const std::chrono::seconds limit(timeout + kWaitMarginSeconds);
+  const std::chrono::seconds limit(timeout + fwmessages::kWaitMarginSeconds);
   const auto deadline = std::chrono::steady_clock::now() + limit;
   // One wait without a predicate, on purpose: any wake-up counts as the end.
   if (waitOnce(run->finished, lock, deadline) == std::cv_status::no_timeout) {
@@ -448,8 +447,8 @@ int FWUpdateSymbolManager::update_timeout_wrapper(FWUpdateSymbol& module, unsign
     return run->result;
   }
   semaphore.post();
-  const std::string message = module.getFirmwareName() + " update timeout";
-  FW_LOG(diagnostics::kError, "%s", message.c_str());
+  const std::string message = module.getFirmwareName() + fwmessages::kTimedOutSuffix;
+  FW_LOG(diagnostics::kError, MESSAGE_TIMED_OUT, message.c_str());
   throw std::runtime_error(message);
 }
 
@@ -460,7 +459,7 @@ int FWUpdateSymbolManager::update_module(FWUpdateSymbol& module, CallerTypes cal
 // ---- Update-all run -----------------------------------------------------------
 
 int FWUpdateSymbolManager::doUpdateFirmwareAll(CallerTypes /*caller*/) {
-  FW_LOG(diagnostics::kError, "Try doUpdateFirmwareAll");
+  FW_LOG(diagnostics::kError, MESSAGE_RUN_BEGINS);
   LwipcEventDone(kResumeEvent);
 
   unsigned int count = 0;
@@ -470,17 +469,16 @@ int FWUpdateSymbolManager::doUpdateFirmwareAll(CallerTypes /*caller*/) {
       totalMs += module.getExpectedUpdateTime() * 1000U;
       ++count;
     }
-    FW_LOG(diagnostics::kError, "%s Firmware Expected Time Check Done", module.getLibName().c_str());
+    FW_LOG(diagnostics::kError, MESSAGE_EXPECTED_TIME_COUNTED, module.getLibName().c_str());
   }
   if (count == 0) {
-    FW_LOG(diagnostics::kError, "There is no update item");
+    FW_LOG(diagnostics::kError, MESSAGE_NOTHING_TO_UPDATE);
     return 0;
   }
 
-  FW_LOG(diagnostics::kError, "about total update time is %d ms, Lock the power during about that time.",
-         static_cast<int>(totalMs));
-  device_power_lock_state(kPowerState, static_cast<int>(count * kPowerMarginMs + totalMs));
-  FW_LOG(diagnostics::kError, "device_power_lock_state done");
+  FW_LOG(diagnostics::kError, MESSAGE_RUN_TIME, static_cast<int>(totalMs));
+  device_power_lock_state(kPowerState, static_cast<int>(count * fwmessages::kPowerMarginMs + totalMs));
+  FW_LOG(diagnostics::kError, MESSAGE_POWER_HELD);
 
   for (FWUpdateSymbol& module : symbolList) {
     if (!module.getNeedUpdate()) {
@@ -490,26 +488,26 @@ int FWUpdateSymbolManager::doUpdateFirmwareAll(CallerTypes /*caller*/) {
       update_timeout_wrapper(module, module.getExpectedUpdateTime(), CALLER_QUERY,
                              emptyDataOf(module.getLibName()));
     } catch (const std::runtime_error& error) {
-      FW_LOG(diagnostics::kError, "Error : %s", error.what());
+      FW_LOG(diagnostics::kError, MESSAGE_EXCEPTION, error.what());
     }
   }
   for (FWUpdateSymbol& module : symbolList) {
     module.allUpdateDone();
   }
 
-  FW_LOG(diagnostics::kError, "device_power_unlock_state");
+  FW_LOG(diagnostics::kError, MESSAGE_POWER_RELEASE);
   device_power_unlock_state(kPowerState);
-  FW_LOG(diagnostics::kError, "device_power_unlock_state done");
+  FW_LOG(diagnostics::kError, MESSAGE_POWER_RELEASED);
   std::remove(kPendingList);
   return 0;
 }
 
 int FWUpdateSymbolManager::allDoUpdateDone() {
-  FW_LOG(diagnostics::kError, "Try allDoUpdateDone");
+  FW_LOG(diagnostics::kError, MESSAGE_ALL_DONE_BEGINS);
   for (FWUpdateSymbol& module : symbolList) {
     module.allUpdateDone();
   }
-  FW_LOG(diagnostics::kError, "allDoUpdateDone Done");
+  FW_LOG(diagnostics::kError, MESSAGE_ALL_DONE_ENDS);
   return 0;
 }
 
@@ -524,7 +522,7 @@ int FWUpdateSymbolManager::downloadEMPAll() {
 
 int FWUpdateSymbolManager::writeFirmwareUpdateList(bool& running) {
   if (!check_race_condition(kPendingList)) {
-    FW_LOG(diagnostics::kError, "fail check_race_condition\n");
+    FW_LOG(diagnostics::kError, MESSAGE_PENDING_LIST_REFUSED);
     return -1;
   }
   PendingListFile list;
@@ -532,15 +530,14 @@ int FWUpdateSymbolManager::writeFirmwareUpdateList(bool& running) {
   for (FWUpdateSymbol& module : symbolList) {
     // Another thread may clear the caller's flag at any time.
     if (!__atomic_load_n(&running, __ATOMIC_RELAXED)) {
-      FW_LOG(diagnostics::kError, "Task is not running, writeFirmwareUpdateList stop");
+      FW_LOG(diagnostics::kError, MESSAGE_PENDING_LIST_STOPPED);
       return -1;
     }
     if (module.isNeedUpdate(CALLER_QUERY, emptyDataOf(module.getLibName())) != 1) {
       continue;
     }
     list.add(module.getLibName(), module.getEMPName());
-    FW_LOG(diagnostics::kError, "Need Update [%s][%s]", module.getLibName().c_str(),
-           module.getEMPName().c_str());
+    FW_LOG(diagnostics::kError, MESSAGE_PENDING, module.getLibName().c_str(), module.getEMPName().c_str());
     ++count;
   }
   return count;
@@ -556,7 +553,7 @@ int FWUpdateSymbolManager::getFirmwareUpdateTime(const unsigned char* ckey, cons
     if (module.getNeedUpdateList(ckey, image_path) != 1) {
       continue;
     }
-    FW_LOG(diagnostics::kError, "Need Update [%s] [%d]", module.getFirmwareName().c_str(),
+    FW_LOG(diagnostics::kError, MESSAGE_USB_PACKAGE_NEEDED, module.getFirmwareName().c_str(),
            module.getExpectedUpdateTime());
     total += module.getExpectedUpdateTime();
     result = 0;
@@ -573,7 +570,7 @@ int FWUpdateSymbolManager::doUpdateUSB(const unsigned char* ckey, const char* im
     }
     result = module.updateUSB(ckey, image_path);
     if (result == -1) {
-      FW_LOG(diagnostics::kError, "update fail [%s]", module.getFirmwareName().c_str());
+      FW_LOG(diagnostics::kError, MESSAGE_USB_PACKAGE_NOT_APPLIED, module.getFirmwareName().c_str());
     }
   }
   return result;

@@ -19,6 +19,7 @@
 #include "fw-update-mount-manager.h"
 #include "image-crc.h"
 #include "information-file.h"
+#include "library-messages.h"
 #include "module-file.h"
 #include "module-names.h"
 #include "record-lock.h"
@@ -118,7 +119,7 @@ int zaq_verify(const char* filePath) {
     // RTLD_NODELETE keeps the entry point valid after the handle is closed.
     library.reset(dlopen(kVerifierLibrary, RTLD_LAZY | RTLD_NODELETE));
     if (!library) {
-      FW_LOG(diagnostics::kError, "[zaq][%s] pHandle Error: %s\n", kVerifierCaller, libraryError().c_str());
+      FW_LOG(diagnostics::kError, MESSAGE_VERIFIER_NOT_LOADED, kVerifierCaller, libraryError().c_str());
       return 1;
     }
     dlerror();
@@ -129,7 +130,7 @@ int zaq_verify(const char* filePath) {
     }
     s_kzaq_verifier.store(verify);
     if (!error.empty()) {
-      FW_LOG(diagnostics::kError, "[zaq][%s] dlsym Error: %s\n", kVerifierCaller, error.c_str());
+      FW_LOG(diagnostics::kError, MESSAGE_VERIFIER_WITHOUT_ENTRY, kVerifierCaller, error.c_str());
       return 1;
     }
     if (verify == nullptr) {
@@ -139,10 +140,9 @@ int zaq_verify(const char* filePath) {
 
   const int result = verify(0, filePath, kVerifierCaller);
   if (result != 0) {
-    FW_LOG(diagnostics::kError, "[zaq][%s] the file is signed successfully : %s\n", kVerifierCaller,
-           filePath);
+    FW_LOG(diagnostics::kError, MESSAGE_SIGNATURE_VALID, kVerifierCaller, filePath);
   } else {
-    FW_LOG(diagnostics::kError, "[zaq][%s] the file is NOT signed!! : %s\n", kVerifierCaller, filePath);
+    FW_LOG(diagnostics::kError, MESSAGE_SIGNATURE_INVALID, kVerifierCaller, filePath);
   }
   return result;
 }
@@ -205,10 +205,10 @@ struct FWUpdateSymbol::Binding {
         continue;
       }
       if (entry.required) {
-        FW_LOG_AS("loadSymbol", diagnostics::kError, "Error: dlsym error: %s\n", error.c_str());
+        FW_LOG_AS("loadSymbol", diagnostics::kError, MESSAGE_ENTRY_POINT_MISSING, error.c_str());
         return false;
       }
-      FW_LOG_AS("loadSymbol", diagnostics::kDebug, "Error: dlsym error: %s\n", error.c_str());
+      FW_LOG_AS("loadSymbol", diagnostics::kDebug, MESSAGE_ENTRY_POINT_MISSING, error.c_str());
       entry.store(module, nullptr);
     }
     return true;
@@ -224,7 +224,8 @@ struct FWUpdateSymbol::Binding {
     module.firmwareName = empId;
     const std::size_t emp = module.firmwareName.find("emp");
     if (emp == std::string::npos) {
-      FW_LOG_AS("loadSymbol", diagnostics::kError, "Error: EMPID is Wrong (%s)", module.firmwareName.c_str());
+      FW_LOG_AS("loadSymbol", diagnostics::kError, MESSAGE_PACKAGE_ID_WITHOUT_EMP,
+                module.firmwareName.c_str());
       return false;
     }
     module.firmwareName.erase(emp, 3);
@@ -246,7 +247,7 @@ int FWUpdateSymbol::loadSymbol(const std::string& name) {
   const std::shared_ptr<void> library = openLibrary(resolved.c_str());
   if (!library) {
     // "dlsym" in the report of a failed dlopen is kept on purpose.
-    FW_LOG(diagnostics::kError, "Error: dlsym libfile: %s error: %s\n", path.c_str(), libraryError().c_str());
+    FW_LOG(diagnostics::kError, MESSAGE_MODULE_NOT_LOADED, path.c_str(), libraryError().c_str());
     return -1;
   }
   Binding::replaceLibrary(*this, library);
@@ -259,7 +260,7 @@ int FWUpdateSymbol::loadSymbol(const std::string& name) {
   // Both are deliberate.
   if (isExtensionModule(libName)) {
     symbolType = 1;
-    FW_LOG(diagnostics::kError, "Not Update Symbol [%s]", libName.c_str());
+    FW_LOG(diagnostics::kError, MESSAGE_MODULE_IS_EXTENSION, libName.c_str());
     return 0;
   }
   if (!Binding::takeIdentifier(*this)) {
@@ -276,11 +277,11 @@ int FWUpdateSymbol::getEMPID(std::string& empId) {
   terminate(text);
   empId = text;
   if (empId.empty()) {
-    FW_LOG(diagnostics::kError, "Error: EMPID is empty.(%s)", libName.c_str());
+    FW_LOG(diagnostics::kError, MESSAGE_PACKAGE_ID_EMPTY, libName.c_str());
     return -1;
   }
   if (!std::all_of(empId.begin(), empId.end(), isAsciiLetterOrDigit)) {
-    FW_LOG(diagnostics::kError, "Error: use EMPID only English and numbers. %s", empId.c_str());
+    FW_LOG(diagnostics::kError, MESSAGE_PACKAGE_ID_CHARACTERS, empId.c_str());
     return -1;
   }
   return 0;
@@ -373,7 +374,7 @@ std::string folderOf(FWUpdateSymbol& module, UPDATE_TYPE type) {
 std::string FWUpdateSymbol::getInformationPath(UPDATE_TYPE type) {
   const std::string folder = folderOf(*this, type);
   if (folder.empty()) {
-    FW_LOG(diagnostics::kError, "Error: Usb mount path Not found.");
+    FW_LOG(diagnostics::kError, MESSAGE_NO_USB_DRIVE);
     return "";
   }
   return folder + "info.json";
@@ -382,7 +383,7 @@ std::string FWUpdateSymbol::getInformationPath(UPDATE_TYPE type) {
 std::string FWUpdateSymbol::getBinaryPath(UPDATE_TYPE type) {
   const std::string folder = folderOf(*this, type);
   if (folder.empty()) {
-    FW_LOG(diagnostics::kError, "Error: Usb mount path Not found.");
+    FW_LOG(diagnostics::kError, MESSAGE_NO_USB_DRIVE);
     return "";
   }
   return folder + firmwareName + ".bin";
@@ -414,7 +415,7 @@ bool FWUpdateSymbol::getIMGExists() {
 bool FWUpdateSymbol::loadInformation(const std::string& path) {
   Json::Value root;
   if (!parseInformation(path, root)) {
-    FW_LOG(diagnostics::kError, "Error: json loadInformation fail.(%s)\n", path.c_str());
+    FW_LOG(diagnostics::kError, MESSAGE_INFORMATION_INVALID, path.c_str());
     return false;
   }
 
@@ -432,7 +433,7 @@ bool FWUpdateSymbol::loadInformation(const std::string& path) {
     read.expectedTime = root.get("expected_time", 300).asUInt();
   } catch (const std::exception& error) {
     // One wording for both numbers, kept on purpose.
-    FW_LOG(diagnostics::kError, "Error: json crc read fail error:%s (%s)\n", error.what(), path.c_str());
+    FW_LOG(diagnostics::kError, MESSAGE_INFORMATION_NUMBER_INVALID, error.what(), path.c_str());
     complete = false;
   }
 
@@ -445,7 +446,7 @@ unsigned int FWUpdateSymbol::getBinaryCRC32(const std::string& path) {
   constexpr std::size_t kChunkSize = 32768;
   const RegularFile file = openRegularFile(path);
   if (!file.descriptor.isOpen()) {
-    FW_LOG(diagnostics::kError, "Error: binary file is NULL\n");
+    FW_LOG(diagnostics::kError, MESSAGE_IMAGE_UNREADABLE);
     return 0;
   }
 
@@ -492,8 +493,7 @@ void nameThread(const std::string& name) {
 }  // namespace
 
 int FWUpdateSymbol::isNeedUpdate(CallerTypes caller, char* data) {
-  FW_LOG(diagnostics::kError, "%s Firmware isNeedUpdateModules Try(%s)", libName.c_str(),
-         firmwareName.c_str());
+  FW_LOG(diagnostics::kError, MESSAGE_CHECK_BEGINS, libName.c_str(), firmwareName.c_str());
   const UPDATE_TYPE type = callerToUpdateType(caller, data);
   if (type == UPDATE_TYPE_EMP && !mountEMPImage()) {
     return -1;
@@ -503,25 +503,25 @@ int FWUpdateSymbol::isNeedUpdate(CallerTypes caller, char* data) {
 
   const std::string binary = getBinaryPath(type);
   if (!file_exists(binary)) {
-    FW_LOG(diagnostics::kError, "Error: Firmware binary file no exist (%s)", binary.c_str());
+    FW_LOG(diagnostics::kError, MESSAGE_NO_IMAGE, binary.c_str());
     return -1;
   }
   const std::string info = getInformationPath(type);
   if (!file_exists(info)) {
-    FW_LOG(diagnostics::kError, "Error: Firmware json file no exist (%s)", info.c_str());
+    FW_LOG(diagnostics::kError, MESSAGE_NO_INFORMATION, info.c_str());
     return -1;
   }
   if (!loadInformation(info)) {
-    FW_LOG(diagnostics::kError, "Error: json information load fail");
+    FW_LOG(diagnostics::kError, MESSAGE_INFORMATION_NOT_LOADED);
     return -1;
   }
   const FWInformation image = copyOf(information);
   if (!hasChecksum(*this, binary, image.crc)) {
-    FW_LOG(diagnostics::kError, "Error: %s Firmware CRC32 different", firmwareName.c_str());
+    FW_LOG(diagnostics::kError, MESSAGE_CHECKSUM_DIFFERS, firmwareName.c_str());
     return -1;
   }
   if (checkVersion(image.version.c_str(), &need) != 0) {
-    FW_LOG(diagnostics::kError, "Error: %s Firmware CheckVersion Fail", firmwareName.c_str());
+    FW_LOG(diagnostics::kError, MESSAGE_VERSIONS_NOT_COMPARED, firmwareName.c_str());
     return -1;
   }
 
@@ -529,8 +529,7 @@ int FWUpdateSymbol::isNeedUpdate(CallerTypes caller, char* data) {
     char activeVersion[kTextSize] = {};
     getActiveVersion(activeVersion);
     // The package image's path, not the firmware name, is printed on purpose.
-    FW_LOG(diagnostics::kError, "Error: %s not need update, version is %s", empImagePath.c_str(),
-           activeVersion);
+    FW_LOG(diagnostics::kError, MESSAGE_NOT_NEEDED, empImagePath.c_str(), activeVersion);
     if (data != nullptr && std::strcmp(data, kFactoryAutomation) == 0) {
       need = 0;
     }
@@ -559,19 +558,17 @@ struct FWUpdateSymbol::Update {
     }
     const std::string info = module.getInformationPath(type);
     if (!module.file_exists(info)) {
-      FW_LOG_AS("updateFirmware", diagnostics::kError, "Error: Firmware json file no exist (%s)",
-                info.c_str());
+      FW_LOG_AS("updateFirmware", diagnostics::kError, MESSAGE_NO_INFORMATION, info.c_str());
       return false;
     }
     if (!module.loadInformation(info)) {
-      FW_LOG_AS("updateFirmware", diagnostics::kError, "Error: json information load fail");
+      FW_LOG_AS("updateFirmware", diagnostics::kError, MESSAGE_INFORMATION_NOT_LOADED);
       return false;
     }
     image = copyOf(module.information);
     binary = module.getBinaryPath(type);
     if (!module.file_exists(binary)) {
-      FW_LOG_AS("updateFirmware", diagnostics::kError, "Error: Firmware binary file no exist (%s)",
-                binary.c_str());
+      FW_LOG_AS("updateFirmware", diagnostics::kError, MESSAGE_NO_IMAGE, binary.c_str());
       return false;
     }
     return true;
@@ -583,7 +580,7 @@ struct FWUpdateSymbol::Update {
       return false;
     }
     if (module.checkVersion(image.version.c_str(), &need) != 0) {
-      FW_LOG_AS("updateFirmware", diagnostics::kError, "Error: %s Firmware CheckVersion Fail",
+      FW_LOG_AS("updateFirmware", diagnostics::kError, MESSAGE_VERSIONS_NOT_COMPARED,
                 module.firmwareName.c_str());
       return false;
     }
@@ -591,7 +588,7 @@ struct FWUpdateSymbol::Update {
   }
 
   int endWithoutNeed() const {
-    FW_LOG_AS("updateFirmware", diagnostics::kError, "Error: %s Firmware not need update",
+    FW_LOG_AS("updateFirmware", diagnostics::kError, MESSAGE_NOT_NEEDED_ANY_MORE,
               module.firmwareName.c_str());
     if (type == UPDATE_TYPE_EMP) {
       module.unmountEMPImage();
@@ -604,23 +601,22 @@ struct FWUpdateSymbol::Update {
       return true;
     }
     // Lower-case "crc32" here, upper-case in isNeedUpdate; kept on purpose.
-    FW_LOG_AS("updateFirmware", diagnostics::kError, "Error: %s Firmware crc32 different",
+    FW_LOG_AS("updateFirmware", diagnostics::kError, MESSAGE_CHECKSUM_DIFFERS_NOW,
               module.firmwareName.c_str());
     return false;
   }
 
   int writeImage() const {
     const char* const name = module.firmwareName.c_str();
-    FW_LOG_AS("updateFirmware", diagnostics::kError, "========== [ %s update start ] ==========", name);
+    FW_LOG_AS("updateFirmware", diagnostics::kError, MESSAGE_WRITE_BEGINS, name);
     const int result = module.doUpdate(binary.c_str(), image.crc, image.expectedTime);
     if (result != 0) {
       // Nothing may come between the module and this line that changes errno. The
       // package stays mounted after a failure, on purpose.
-      FW_LOG_AS("updateFirmware", diagnostics::kError, "Error: %s Firmware doUpdate Fail %d (%d:%m)", name,
-                result, errno);
+      FW_LOG_AS("updateFirmware", diagnostics::kError, MESSAGE_WRITE_FAILED, name, result, errno);
       return result;
     }
-    FW_LOG_AS("updateFirmware", diagnostics::kError, "========== [ %s update succeeded ] ==========", name);
+    FW_LOG_AS("updateFirmware", diagnostics::kError, MESSAGE_WRITE_SUCCEEDED, name);
     if (type == UPDATE_TYPE_EMP) {
       std::remove(module.empImagePath.c_str());
       module.unmountEMPImage();
@@ -635,7 +631,7 @@ int FWUpdateSymbol::updateFirmware(CallerTypes caller, char* data) {
   if (!empBound) {
     return -1;
   }
-  FW_LOG(diagnostics::kError, "%s Firmware Update Try", firmwareName.c_str());
+  FW_LOG(diagnostics::kError, MESSAGE_LOCK_TAKEN, firmwareName.c_str());
   Update update{*this, caller, data, callerToUpdateType(caller, data), "", {}};
   if (!update.findImage()) {
     return -1;
@@ -658,14 +654,14 @@ int FWUpdateSymbol::runProcess(CallerTypes caller, char* data) {
   // update of different modules do not exclude each other.
   static std::mutex processMutex;
 
-  FW_LOG(diagnostics::kError, "%s Firmware runProcess Try", firmwareName.c_str());
+  FW_LOG(diagnostics::kError, MESSAGE_PROCEDURE_BEGINS, firmwareName.c_str());
   nameThread(firmwareName);
   const std::lock_guard<std::mutex> lock(processMutex);
   if (setContext(caller, data) != 0) {
     return -1;
   }
   if (doUpdate(libName.c_str(), 0, kProcessUpdateSeconds) != 0) {
-    FW_LOG(diagnostics::kError, "Error: %s runProcess Fail (%d:%m)", libName.c_str(), errno);
+    FW_LOG(diagnostics::kError, MESSAGE_PROCEDURE_FAILED, libName.c_str(), errno);
     return -1;
   }
   return 0;
@@ -678,23 +674,23 @@ bool FWUpdateSymbol::downloadEMP() {
     return false;
   }
   if (!appbinaryManager::ABM_DownloadAppBinary(nullptr, nullptr, empName)) {
-    FW_LOG(diagnostics::kError, "Error: EMP ABM_DownloadAppBinary fail.(%s)", empName.c_str());
+    FW_LOG(diagnostics::kError, MESSAGE_DOWNLOAD_REFUSED, empName.c_str());
     return false;
   }
-  FW_LOG(diagnostics::kInfo, "Request (%s) emp download", empName.c_str());
+  FW_LOG(diagnostics::kInfo, MESSAGE_DOWNLOAD_REQUESTED, empName.c_str());
   return true;
 }
 
 bool FWUpdateSymbol::mountEMPImage() {
   if (!getIMGExists()) {
-    FW_LOG(diagnostics::kError, "Error: file no exist (%s)", empImagePath.c_str());
+    FW_LOG(diagnostics::kError, MESSAGE_NO_PACKAGE, empImagePath.c_str());
     return false;
   }
   const std::string directory = kPackageMountDirectory + empName;
   // Removes a stale mount; with nothing mounted this fails and says so, harmlessly.
   FWMountManager::getInstance()->UMount(directory);
   if (FWMountManager::getInstance()->Mount(empImagePath, directory) != 0) {
-    FW_LOG(diagnostics::kError, "Error: Firmware EMP Mount Fail.(%s)", empName.c_str());
+    FW_LOG(diagnostics::kError, MESSAGE_PACKAGE_NOT_MOUNTED, empName.c_str());
     return false;
   }
   return true;
@@ -703,11 +699,11 @@ bool FWUpdateSymbol::mountEMPImage() {
 bool FWUpdateSymbol::unmountEMPImage() {
   const std::string directory = kPackageMountDirectory + empName;
   if (FWMountManager::getInstance()->UMount(directory) != 0) {
-    FW_LOG(diagnostics::kError, "Error: Firmware EMP UMount Fail.(%s)", empName.c_str());
+    FW_LOG(diagnostics::kError, MESSAGE_PACKAGE_NOT_UNMOUNTED, empName.c_str());
     return false;
   }
   // A success at error priority, so that it always reaches the log; on purpose.
-  FW_LOG(diagnostics::kError, "EMP UMount Success %s", empImagePath.c_str());
+  FW_LOG(diagnostics::kError, MESSAGE_PACKAGE_UNMOUNTED, empImagePath.c_str());
   return true;
 }
 
@@ -792,22 +788,22 @@ class UsbPackage {
 void sayWhyNotListed(PackageFault fault, const char* path) {
   switch (fault) {
     case PackageFault::NoKey:
-      FW_LOG_AS("getNeedUpdateList", diagnostics::kError, "Error: ckey  is nullptr");
+      FW_LOG_AS("getNeedUpdateList", diagnostics::kError, MESSAGE_NO_KEY);
       break;
     case PackageFault::NoFolder:
-      FW_LOG_AS("getNeedUpdateList", diagnostics::kError, "Error: image_path is nullptr");
+      FW_LOG_AS("getNeedUpdateList", diagnostics::kError, MESSAGE_NO_DIRECTORY);
       break;
     case PackageFault::NotOpened:
-      FW_LOG_AS("getNeedUpdateList", diagnostics::kError, "Error: %s open fail", path);
+      FW_LOG_AS("getNeedUpdateList", diagnostics::kError, MESSAGE_USB_PACKAGE_NOT_OPENED, path);
       break;
     case PackageFault::NotSigned:
-      FW_LOG_AS("getNeedUpdateList", diagnostics::kError, "Error: %s is NOT signed", path);
+      FW_LOG_AS("getNeedUpdateList", diagnostics::kError, MESSAGE_NOT_SIGNED, path);
       break;
     case PackageFault::NoIv:
-      FW_LOG_AS("getNeedUpdateList", diagnostics::kError, "Error: iv is worng");
+      FW_LOG_AS("getNeedUpdateList", diagnostics::kError, MESSAGE_USB_PACKAGE_TOO_SHORT);
       break;
     case PackageFault::NoData:
-      FW_LOG_AS("getNeedUpdateList", diagnostics::kError, "Error: Decryption data is null");
+      FW_LOG_AS("getNeedUpdateList", diagnostics::kError, MESSAGE_USB_PACKAGE_NOT_DECRYPTED);
       break;
   }
 }
@@ -815,22 +811,22 @@ void sayWhyNotListed(PackageFault fault, const char* path) {
 void sayWhyNotApplied(PackageFault fault, const char* path) {
   switch (fault) {
     case PackageFault::NoKey:
-      FW_LOG_AS("updateUSB", diagnostics::kError, "Error: ckey  is nullptr");
+      FW_LOG_AS("updateUSB", diagnostics::kError, MESSAGE_NO_KEY);
       break;
     case PackageFault::NoFolder:
-      FW_LOG_AS("updateUSB", diagnostics::kError, "Error: image_path is nullptr");
+      FW_LOG_AS("updateUSB", diagnostics::kError, MESSAGE_NO_DIRECTORY);
       break;
     case PackageFault::NotOpened:
-      FW_LOG_AS("updateUSB", diagnostics::kError, "Error: %s file open", path);
+      FW_LOG_AS("updateUSB", diagnostics::kError, MESSAGE_USB_PACKAGE_NOT_OPENED_AGAIN, path);
       break;
     case PackageFault::NotSigned:
-      FW_LOG_AS("updateUSB", diagnostics::kError, "Error: %s file is NOT signed", path);
+      FW_LOG_AS("updateUSB", diagnostics::kError, MESSAGE_NOT_SIGNED_ANY_MORE, path);
       break;
     case PackageFault::NoIv:
-      FW_LOG_AS("updateUSB", diagnostics::kError, "Error: iv is worng");
+      FW_LOG_AS("updateUSB", diagnostics::kError, MESSAGE_USB_PACKAGE_TOO_SHORT);
       break;
     case PackageFault::NoData:
-      FW_LOG_AS("updateUSB", diagnostics::kError, "Error: Decryption data is null");
+      FW_LOG_AS("updateUSB", diagnostics::kError, MESSAGE_USB_PACKAGE_NOT_DECRYPTED);
       break;
   }
 }
@@ -848,12 +844,12 @@ int FWUpdateSymbol::getNeedUpdateList(const unsigned char* ckey, const char* ima
   }
   int need = -1;
   if (checkVersion(package.version(), &need) != 0) {
-    FW_LOG(diagnostics::kError, "Error: %s Firmware CheckVersion Fail", firmwareName.c_str());
+    FW_LOG(diagnostics::kError, MESSAGE_VERSIONS_NOT_COMPARED, firmwareName.c_str());
     return -1;
   }
   int seconds = 0;
   if (getExpectedTime(&seconds) != 0) {
-    FW_LOG(diagnostics::kError, "Error: %s getExpectedTime Fail", firmwareName.c_str());
+    FW_LOG(diagnostics::kError, MESSAGE_EXPECTED_TIME_UNKNOWN, firmwareName.c_str());
     return 0;
   }
   const std::lock_guard<std::mutex> lock(recordMutex());
@@ -870,23 +866,22 @@ int FWUpdateSymbol::updateUSB(const unsigned char* ckey, const char* image_path)
   }
   int need = -1;
   if (checkVersion(package.version(), &need) != 0) {
-    FW_LOG(diagnostics::kError, "Error: %s Firmware CheckVersion Fail", firmwareName.c_str());
+    FW_LOG(diagnostics::kError, MESSAGE_VERSIONS_NOT_COMPARED, firmwareName.c_str());
     return -1;
   }
   if (need <= 0) {
-    FW_LOG(diagnostics::kError, "Error: %s Firmware not need update", firmwareName.c_str());
+    FW_LOG(diagnostics::kError, MESSAGE_NOT_NEEDED_ANY_MORE, firmwareName.c_str());
     return -1;
   }
-  FW_LOG(diagnostics::kError, "========== [ %s update start ] ==========", firmwareName.c_str());
+  FW_LOG(diagnostics::kError, MESSAGE_WRITE_BEGINS, firmwareName.c_str());
   const int result = doUpdate_decryption(package.image(), package.imageSize());
   if (result != 0) {
-    FW_LOG(diagnostics::kError, "Error: %s Firmware doUpdate Fail %d (%d:%m)", firmwareName.c_str(), result,
-           errno);
+    FW_LOG(diagnostics::kError, MESSAGE_WRITE_FAILED, firmwareName.c_str(), result, errno);
     return result;
   }
   if (!package.noteApplied()) {
-    FW_LOG(diagnostics::kError, "Error: %s minimum version is not kept", firmwareName.c_str());
+    FW_LOG(diagnostics::kError, MESSAGE_MINIMUM_VERSION_NOT_KEPT, firmwareName.c_str());
   }
-  FW_LOG(diagnostics::kError, "========== [ %s update succeeded ] ==========", firmwareName.c_str());
+  FW_LOG(diagnostics::kError, MESSAGE_WRITE_SUCCEEDED, firmwareName.c_str());
   return 0;
 }

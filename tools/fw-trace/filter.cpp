@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "known-messages.h"
+#include "library-messages.h"
 #include "time-text.h"
 
 namespace tracetool {
@@ -31,7 +31,7 @@ Filter::Filter(const Wanted& wanted, const std::vector<Entry>& entries) : functi
   }
   for (const Entry& entry : entries) {
     const auto& values = entry.message.values;
-    if (names_.empty() || entry.message.format != known::kNeedTry || values.size() != 2) {
+    if (names_.empty() || entry.message.format != MESSAGE_CHECK_BEGINS || values.size() != 2) {
       continue;
     }
     if (names_.count(values[0].text) + names_.count(values[1].text) > 0 && !values[1].text.empty()) {

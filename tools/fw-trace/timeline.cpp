@@ -4,7 +4,7 @@
 #include <iterator>
 #include <set>
 
-#include "known-messages.h"
+#include "library-messages.h"
 
 namespace tracetool {
 namespace {
@@ -68,18 +68,18 @@ class Walk {
 };
 
 const Walk::Step Walk::kSteps[] = {
-    {known::kNeedTry, 2, &Walk::onNeedTry},
-    {known::kUpdateTime, 2, &Walk::onUpdateTime},
-    {known::kUpdateTry, 1, &Walk::onUpdateTry},
-    {known::kUpdateStart, 1, &Walk::onUpdateStart},
-    {known::kUpdateSucceeded, 1, &Walk::onSucceeded},
-    {known::kDoUpdateFail, 3, &Walk::onFailed},
-    {known::kRunProcessTry, 1, &Walk::onRunProcess},
-    {known::kRunProcessFail, 2, &Walk::onFailed},
-    {known::kRequestEnds, 3, &Walk::onRequestEnds},
-    {known::kNotNeeded, 2, &Walk::onNotNeeded},
-    {known::kNoLongerNeeded, 1, &Walk::onNoLongerNeeded},
-    {known::kTimedOutText, 1, &Walk::onMaybeTimedOut},
+    {MESSAGE_CHECK_BEGINS, 2, &Walk::onNeedTry},
+    {MESSAGE_LOCK_WANTED, 2, &Walk::onUpdateTime},
+    {MESSAGE_LOCK_TAKEN, 1, &Walk::onUpdateTry},
+    {MESSAGE_WRITE_BEGINS, 1, &Walk::onUpdateStart},
+    {MESSAGE_WRITE_SUCCEEDED, 1, &Walk::onSucceeded},
+    {MESSAGE_WRITE_FAILED, 3, &Walk::onFailed},
+    {MESSAGE_PROCEDURE_BEGINS, 1, &Walk::onRunProcess},
+    {MESSAGE_PROCEDURE_FAILED, 2, &Walk::onFailed},
+    {MESSAGE_REQUEST_ENDS, 3, &Walk::onRequestEnds},
+    {MESSAGE_NOT_NEEDED, 2, &Walk::onNotNeeded},
+    {MESSAGE_NOT_NEEDED_ANY_MORE, 1, &Walk::onNoLongerNeeded},
+    {MESSAGE_TIMED_OUT, 1, &Walk::onMaybeTimedOut},
 };
 
 void Walk::take(const Message& message) {
@@ -239,8 +239,8 @@ void Walk::onNoLongerNeeded(const Message& message) {
 
 void Walk::onMaybeTimedOut(const Message& message) {
   Update* const update = ofThread(message.threadId);
-  if (update == nullptr || message.function != known::kTimedOutFunction ||
-      !endsWith(message.text, known::kTimedOutSuffix)) {
+  if (update == nullptr || message.function != "update_timeout_wrapper" ||
+      !endsWith(message.text, fwmessages::kTimedOutSuffix)) {
     return;
   }
   close(*update, message.threadId, message.time);
@@ -308,7 +308,7 @@ void Walk::finish(std::int64_t last) {
 void nameModules(Timeline& timeline) {
   std::map<std::string, std::string> modules;
   for (const Entry& entry : timeline.entries) {
-    if (entry.message.format == known::kNeedTry && entry.message.values.size() == 2) {
+    if (entry.message.format == MESSAGE_CHECK_BEGINS && entry.message.values.size() == 2) {
       modules[entry.message.values[1].text] = entry.message.values[0].text;
     }
   }

@@ -4,6 +4,7 @@
 #include <exception>
 #include <iterator>
 
+#include "library-messages.h"
 #include "log-meanings.h"
 #include "meaning-table.h"
 #include "usb-packages.h"
@@ -44,10 +45,6 @@ const StepInfo& infoOf(Step step) {
                        [step](const StepInfo& info) { return info.step == step; });
 }
 
-constexpr const char* kUpdateEnded = "fw_update from Caller Type [%d] STATE [%d] DATA [%s]";
-constexpr const char* kDoUpdateFailed = "Error: %s Firmware doUpdate Fail %d (%d:%m)";
-constexpr const char* kSucceeded = "========== [ %s update succeeded ] ==========";
-
 // The messages that a step begins with; their first argument is the firmware name,
 // except where a step is over.
 struct Beginning {
@@ -57,15 +54,11 @@ struct Beginning {
 };
 
 constexpr Beginning kBeginnings[] = {
-    {text::kNeedTry, nullptr, Step::Check},
-    {text::kUpdateTime, nullptr, Step::Wait},
-    {text::kUpdateTry, nullptr, Step::Write},
-    {text::kRunProcessTry, nullptr, Step::Procedure},
-    {text::kPackageStart, "updateUSB", Step::Package},
-    {kSucceeded, nullptr, Step::Finish},
-    {kDoUpdateFailed, nullptr, Step::Finish},
-    {kUpdateEnded, nullptr, Step::Finish},
-    {text::kPowerUnlock, nullptr, Step::Finish},
+    {MESSAGE_CHECK_BEGINS, nullptr, Step::Check},       {MESSAGE_LOCK_WANTED, nullptr, Step::Wait},
+    {MESSAGE_LOCK_TAKEN, nullptr, Step::Write},         {MESSAGE_PROCEDURE_BEGINS, nullptr, Step::Procedure},
+    {MESSAGE_WRITE_BEGINS, "updateUSB", Step::Package}, {MESSAGE_WRITE_SUCCEEDED, nullptr, Step::Finish},
+    {MESSAGE_WRITE_FAILED, nullptr, Step::Finish},      {MESSAGE_REQUEST_ENDS, nullptr, Step::Finish},
+    {MESSAGE_POWER_RELEASE, nullptr, Step::Finish},
 };
 
 const Beginning* beginningOf(const LogMessage& message) {
@@ -110,17 +103,17 @@ void ChildStory::hear(const ResultTold& told) {
 
 void ChildStory::hear(const LogMessage& message) {
   messages_.push_back(message);
-  if (message.format == text::kNeedTry) {
+  if (message.format == MESSAGE_CHECK_BEGINS) {
     libraries_[argument(message, 1)] = argument(message, 0);
   }
-  if (message.format == text::kUpdateTime) {
+  if (message.format == MESSAGE_LOCK_WANTED) {
     lockUsed_ = true;
     givesUp_ = givesUpOf(message);
   }
   if (const auto library = libraryOfPackage(message); !library.empty()) {
     current_ = {Step::Check, library, ""};
   }
-  if (message.format == kSucceeded) {
+  if (message.format == MESSAGE_WRITE_SUCCEEDED) {
     updated_[libraries_[argument(message, 0)]] = true;
   }
   if (isTimeOut(message)) {

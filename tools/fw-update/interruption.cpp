@@ -11,6 +11,7 @@
 #include "fw-update-common.h"
 #include "last-act.h"
 #include "library-log.h"
+#include "library-messages.h"
 #include "log-meanings.h"
 #include "terminal.h"
 
@@ -40,7 +41,7 @@ void releaseUpdateLock() {
 LogMessages lastTurn(const LogMessages& messages) {
   std::size_t begin = 0;
   for (std::size_t i = 0; i < messages.size(); ++i) {
-    if (messages[i].format == text::kUpdateTime) {
+    if (messages[i].format == MESSAGE_LOCK_WANTED) {
       begin = i;
     }
   }
@@ -49,18 +50,19 @@ LogMessages lastTurn(const LogMessages& messages) {
 
 // The library has given the lock back although the module may still work.
 bool gaveLockBack(const LogMessages& turn) {
-  return findMessage(turn, text::kTimedOut) != nullptr || findMessage(turn, text::kPowerUnlock) != nullptr;
+  return findMessage(turn, MESSAGE_TIMED_OUT) != nullptr ||
+         findMessage(turn, MESSAGE_POWER_RELEASE) != nullptr;
 }
 
 // The library logs the one message before it waits for the lock, the other one
 // when it has it.
 bool holdsLock(const LogMessages& turn) {
-  return findMessage(turn, text::kUpdateTry) != nullptr && !gaveLockBack(turn);
+  return findMessage(turn, MESSAGE_LOCK_TAKEN) != nullptr && !gaveLockBack(turn);
 }
 
 bool waitsForLock(const LogMessages& turn) {
-  return findMessage(turn, text::kUpdateTime) != nullptr && findMessage(turn, text::kUpdateTry) == nullptr &&
-         !gaveLockBack(turn);
+  return findMessage(turn, MESSAGE_LOCK_WANTED) != nullptr &&
+         findMessage(turn, MESSAGE_LOCK_TAKEN) == nullptr && !gaveLockBack(turn);
 }
 
 void leaveUpdate(std::size_t logMark, int signal) {

@@ -3,11 +3,12 @@
 #include <fstream>
 #include <sstream>
 
+#include "library-messages.h"
+
 namespace tool {
 namespace {
 
 constexpr const char* kPackages = "/opt/usr/apps/appbinarymanager/emps/";
-constexpr const char* kMountCommand = "PsMntCmd:[%s]";
 
 }  // namespace
 
@@ -29,7 +30,7 @@ std::vector<std::string> leftMounts(const LogMessages& log, const std::set<std::
   const std::set<std::string> now = mountedPackages();
   std::set<std::string> left;
   for (const LogMessage& message : log) {
-    if (message.format != kMountCommand || message.arguments.empty()) {
+    if (message.format != MESSAGE_MOUNT_REQUESTED || message.arguments.empty()) {
       continue;
     }
     const std::string& words = message.arguments[0];  // the directory is the last

@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "dlog.h"
+#include "library-messages.h"
 #include "watched.h"
 
 namespace tool {
@@ -18,9 +19,7 @@ namespace {
 
 using PlatformPrint = int (*)(int, int, const char*, const char*, ...);
 
-constexpr const char kLibraryTag[] = "FWUPDATE";
-constexpr const char kPrefix[] = "%s: %s(%d) > ";
-constexpr std::size_t kPrefixLength = sizeof kPrefix - 1;
+constexpr std::size_t kPrefixLength = sizeof MESSAGE_PREFIX - 1;
 
 PlatformPrint platformPrint() {
   static const auto kPrint = reinterpret_cast<PlatformPrint>(dlsym(RTLD_NEXT, "__dlog_print"));
@@ -88,8 +87,8 @@ std::string lineOf(int priority, const char* tag, const char* format, va_list ar
   if (format == nullptr) {
     return orNull(format);
   }
-  const bool ofLibrary = tag != nullptr && std::strcmp(tag, kLibraryTag) == 0 &&
-                         std::strncmp(format, kPrefix, kPrefixLength) == 0;
+  const bool ofLibrary = tag != nullptr && std::strcmp(tag, fwmessages::kTag) == 0 &&
+                         std::strncmp(format, MESSAGE_PREFIX, kPrefixLength) == 0;
   return ofLibrary ? record(priority, format, arguments, errorNumber)
                    : render(format, arguments, errorNumber);
 }

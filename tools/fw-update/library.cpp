@@ -12,6 +12,7 @@
 
 #include "fw-update-symbol.h"
 #include "library-log.h"
+#include "library-messages.h"
 #include "log-meanings.h"
 #include "watched.h"
 
@@ -64,7 +65,7 @@ std::vector<std::string> moduleNames() {
 
 // Only a failed scan is a problem of the whole library.
 std::optional<Finding> scanProblem(const LogMessages& messages) {
-  if (findMessage(messages, "File System Exception: %s ") == nullptr) {
+  if (findMessage(messages, MESSAGE_CONTROLS_UNREADABLE) == nullptr) {
     return std::nullopt;
   }
   return strongestMeaning(messages, "");

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "library-messages.h"
 #include "meaning-table.h"
 
 namespace tool {
@@ -58,8 +59,8 @@ bool timedOut(const LogMessages& messages) {
 
 // For results whose reason the library does not log.
 Finding explainSilence(int result, const LogMessages& messages, const std::string& module) {
-  const bool procedure = findMessage(messages, text::kRunProcessTry) != nullptr;
-  const bool tried = procedure || findMessage(messages, text::kUpdateTry) != nullptr;
+  const bool procedure = findMessage(messages, MESSAGE_PROCEDURE_BEGINS) != nullptr;
+  const bool tried = procedure || findMessage(messages, MESSAGE_LOCK_TAKEN) != nullptr;
   if (result == 0 && procedure) {
     return {Outcome::Updated, module + " ran its own update procedure.", ""};
   }
@@ -67,7 +68,7 @@ Finding explainSilence(int result, const LogMessages& messages, const std::strin
     return {Outcome::ModuleFailed, module + " refused the request.",
             "Check that the component is connected and that --data is what the module expects."};
   }
-  if (!tried && findMessage(messages, text::kNeedTry) != nullptr) {
+  if (!tried && findMessage(messages, MESSAGE_CHECK_BEGINS) != nullptr) {
     return {Outcome::ModuleFailed,
             module + " answered " + std::to_string(result) +
                 " when asked whether it needs the image; only 1 starts an update.",
@@ -102,13 +103,13 @@ Finding explainUpdate(int result, const LogMessages& messages, const std::string
 }
 
 std::optional<TimeLimit> timeLimit(const LogMessages& messages) {
-  const LogMessage* message = findMessage(messages, text::kUpdateTime);
+  const LogMessage* message = findMessage(messages, MESSAGE_LOCK_WANTED);
   if (message == nullptr || message->arguments.size() < 2) {
     return std::nullopt;
   }
   // The library labels the seconds "ms" and prints them signed.
   const auto expected = static_cast<std::uint32_t>(std::stoll(message->arguments[1]));
-  return TimeLimit{expected, static_cast<std::uint32_t>(expected + 2U)};
+  return TimeLimit{expected, static_cast<std::uint32_t>(expected + fwmessages::kWaitMarginSeconds)};
 }
 
 }  // namespace tool

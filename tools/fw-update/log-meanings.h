@@ -11,17 +11,6 @@
 
 namespace tool {
 
-// The message formats that mark the way of an update.
-namespace text {
-inline constexpr const char* kNeedTry = "%s Firmware isNeedUpdateModules Try(%s)";
-inline constexpr const char* kUpdateTry = "%s Firmware Update Try";
-inline constexpr const char* kRunProcessTry = "%s Firmware runProcess Try";
-inline constexpr const char* kUpdateTime = "%s update time %d ms";
-inline constexpr const char* kUpdateAllTry = "Try doUpdateFirmwareAll";
-inline constexpr const char* kPowerUnlock = "device_power_unlock_state";
-inline constexpr const char* kTimedOut = "%s";  // of update_timeout_wrapper
-}  // namespace text
-
 // The most telling of the messages, as an ending with its sentences. module is
 // the library name that the sentences speak of. Empty when none tells anything.
 std::optional<Finding> strongestMeaning(const LogMessages& messages, const std::string& module);

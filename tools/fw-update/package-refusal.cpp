@@ -7,6 +7,7 @@
 
 #include "device-policy.h"
 #include "dlog.h"
+#include "library-messages.h"
 #include "minimum-versions.h"
 #include "package-verifier.h"
 
@@ -17,7 +18,6 @@ using fwpackage::Statements;
 using fwpackage::Verdict;
 
 constexpr char kVerifierLibrary[] = "/usr/lib/libkZAQUser.so";
-constexpr int kLogId = 2;  // as the library logs
 constexpr char kBadSignature[] = "The package {package} has no valid signature: {sentence}.";
 constexpr char kNewPackage[] = "Make or download the package again.";
 
@@ -125,7 +125,7 @@ std::optional<Finding> allowRollback() {
   }
   allow(1);
   fwpackage::allowRollback(true);
-  __dlog_print(kLogId, DLOG_WARN_PRIORITY, "FWUPDATE", "%s",
+  __dlog_print(fwmessages::kLogId, DLOG_WARN_PRIORITY, fwmessages::kTag, "%s",
                "root allows packages older than the minimum version");
   return std::nullopt;
 }

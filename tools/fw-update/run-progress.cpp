@@ -5,13 +5,11 @@
 #include <map>
 #include <string>
 
+#include "library-messages.h"
 #include "meaning-table.h"
 
 namespace tool {
 namespace {
-
-constexpr const char* kStarted = "========== [ %s update start ] ==========";
-constexpr const char* kSucceeded = "========== [ %s update succeeded ] ==========";
 
 std::string wholeSeconds(double seconds) {
   return std::to_string(static_cast<long long>(std::ceil(seconds))) + " s";
@@ -49,11 +47,11 @@ bool has(const Turn& turn, const char* format) {
 // The last module before whose update was given up. The library lets only one
 // update of a process into a module, also when it has given that one up.
 std::optional<std::size_t> blockerOf(const Run& run, std::size_t index) {
-  if (!timedOut(*run[index].turn) || has(*run[index].turn, kStarted)) {
+  if (!timedOut(*run[index].turn) || has(*run[index].turn, MESSAGE_WRITE_BEGINS)) {
     return std::nullopt;
   }
   while (index-- > 0) {
-    if (run[index].turn && timedOut(*run[index].turn) && has(*run[index].turn, kStarted)) {
+    if (run[index].turn && timedOut(*run[index].turn) && has(*run[index].turn, MESSAGE_WRITE_BEGINS)) {
       return index;
     }
   }
@@ -64,7 +62,7 @@ std::optional<std::size_t> blockerOf(const Run& run, std::size_t index) {
 std::vector<Turn> turnsOf(const LogMessages& messages) {
   std::vector<Turn> turns;
   std::map<long, std::size_t> turnOfWorker;
-  const LogMessage* begin = findMessage(messages, text::kUpdateAllTry);
+  const LogMessage* begin = findMessage(messages, MESSAGE_RUN_BEGINS);
   if (begin == nullptr) {
     return turns;
   }
@@ -77,8 +75,8 @@ std::vector<Turn> turnsOf(const LogMessages& messages) {
       }
       continue;
     }
-    const bool next = message.format == text::kUpdateTime;
-    if (!turns.empty() && !turns.back().end && (next || message.format == text::kPowerUnlock)) {
+    const bool next = message.format == MESSAGE_LOCK_WANTED;
+    if (!turns.empty() && !turns.back().end && (next || message.format == MESSAGE_POWER_RELEASE)) {
       turns.back().end = message.time;
     }
     if (next) {
@@ -96,10 +94,10 @@ LogMessages askedOf(const LogMessages& messages, const std::string& library) {
   LogMessages asked;
   bool itsOwn = false;
   for (const LogMessage& message : messages) {
-    if (message.format == text::kUpdateAllTry) {
+    if (message.format == MESSAGE_RUN_BEGINS) {
       break;
     }
-    if (message.format == text::kNeedTry) {
+    if (message.format == MESSAGE_CHECK_BEGINS) {
       itsOwn = !message.arguments.empty() && message.arguments[0] == library;
       if (itsOwn) {
         asked.clear();  // the last time counts
@@ -205,7 +203,7 @@ Finding resultOf(const Run& run, std::size_t index) {
   // What came before tells of an end that the library missed; what comes later does
   // not count, unless all went well.
   const Finding finding = explainUpdate(1, LogMessages(turn.messages.begin(), givenUp + 1), module);
-  if (finding.outcome == Outcome::TimedOut && has(turn, kSucceeded)) {
+  if (finding.outcome == Outcome::TimedOut && has(turn, MESSAGE_WRITE_SUCCEEDED)) {
     return {Outcome::Updated, module + " was updated, but only after the library had given it up.", ""};
   }
   return finding;

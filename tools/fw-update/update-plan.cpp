@@ -10,6 +10,7 @@
 
 #include "fw-update-symbol.h"
 #include "library-log.h"
+#include "library-messages.h"
 #include "log-meanings.h"
 #include "watched.h"
 
@@ -17,7 +18,6 @@ namespace tool {
 namespace {
 
 constexpr const char* kPackageMounts = "/opt/usr/apps/appbinarymanager/emps/";
-constexpr std::uint32_t kPowerMarginMs = 5000;
 
 bool isMounted(const std::string& directory) {
   std::ifstream mounts("/proc/self/mounts");
@@ -127,7 +127,7 @@ double UpdatePlan::expectedSeconds() const {
 int UpdatePlan::powerHoldMs() const {
   std::uint32_t total = 0;
   for (const PlannedModule& module : due()) {
-    total += module.expectedSeconds * std::uint32_t{1000} + kPowerMarginMs;
+    total += module.expectedSeconds * std::uint32_t{1000} + fwmessages::kPowerMarginMs;
   }
   return static_cast<int>(total);
 }

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <vector>
 
+#include "library-messages.h"
 #include "printable-text.h"
 
 namespace tool {
@@ -42,11 +43,11 @@ UpdateProgress progressOf(const LogMessages& messages, const std::string& module
   progress.module = module;
   progress.limit = timeLimit(messages);
   auto since = start;
-  if (const LogMessage* waiting = findMessage(messages, text::kUpdateTime)) {
+  if (const LogMessage* waiting = findMessage(messages, MESSAGE_LOCK_WANTED)) {
     progress.phase = Phase::Waiting;
     since = waiting->time;
   }
-  for (const char* format : {text::kUpdateTry, text::kRunProcessTry}) {
+  for (const char* format : {MESSAGE_LOCK_TAKEN, MESSAGE_PROCEDURE_BEGINS}) {
     if (const LogMessage* updating = findMessage(messages, format)) {
       progress.phase = Phase::Updating;
       since = updating->time;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "library-messages.h"
 #include "log-meanings.h"
 
 namespace tool {
@@ -11,8 +12,8 @@ namespace {
 // Each module's turn begins with one of these: its package could not be opened, or
 // its signature was checked.
 bool beginsTurn(const LogMessage& message) {
-  return message.function == "zaq_verify" || message.format == "Error: %s open fail" ||
-         message.format == "Error: %s file open";
+  return message.function == "zaq_verify" || message.format == MESSAGE_USB_PACKAGE_NOT_OPENED ||
+         message.format == MESSAGE_USB_PACKAGE_NOT_OPENED_AGAIN;
 }
 
 bool names(const LogMessages& turn, const std::string& firmware) {
@@ -32,12 +33,12 @@ bool isExtension(const std::string& library) {
 
 // Of a module that the library asked about its package.
 void readTurn(PackageState& state, const LogMessages& turn) {
-  if (const LogMessage* need = findMessage(turn, text::kNeedPackage)) {
+  if (const LogMessage* need = findMessage(turn, MESSAGE_USB_PACKAGE_NEEDED)) {
     state.needed = true;
     state.seconds = need->arguments.size() > 1 ? std::stoi(need->arguments[1]) : 0;
     state.finding = {Outcome::Ok, "The package is newer.", ""};
   } else {
-    state.notSigned = findMessage(turn, text::kNotSigned) != nullptr;
+    state.notSigned = findMessage(turn, MESSAGE_NOT_SIGNED) != nullptr;
     state.finding =
         strongestMeaning(turn, state.library)
             .value_or(Finding{
@@ -91,7 +92,7 @@ void readResults(std::vector<PackageState>& states, const LogMessages& messages)
     if (!state.needed || turn == turns.end()) {
       continue;
     }
-    state.notSigned = findMessage(*turn, text::kNotSignedAnyMore) != nullptr;
+    state.notSigned = findMessage(*turn, MESSAGE_NOT_SIGNED_ANY_MORE) != nullptr;
     state.finding =
         strongestMeaning(*turn, state.library)
             .value_or(Finding{Outcome::Unexpected,
@@ -101,13 +102,13 @@ void readResults(std::vector<PackageState>& states, const LogMessages& messages)
 }
 
 bool signaturesChecked(const LogMessages& messages) {
-  return findMessage(messages, text::kNoVerifier) == nullptr &&
-         findMessage(messages, text::kNoVerifierEntry) == nullptr;
+  return findMessage(messages, MESSAGE_VERIFIER_NOT_LOADED) == nullptr &&
+         findMessage(messages, MESSAGE_VERIFIER_WITHOUT_ENTRY) == nullptr;
 }
 
 std::optional<RunningPackage> runningPackage(const std::vector<PackageState>& states,
                                              const LogMessages& messages) {
-  if (messages.empty() || messages.back().format != text::kPackageStart) {
+  if (messages.empty() || messages.back().format != MESSAGE_WRITE_BEGINS) {
     return std::nullopt;
   }
   const LogMessage& start = messages.back();

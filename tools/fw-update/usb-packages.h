@@ -13,16 +13,6 @@
 
 namespace tool {
 
-// The message formats that mark the way of a USB update.
-namespace text {
-inline constexpr const char* kNeedPackage = "Need Update [%s] [%d]";
-inline constexpr const char* kPackageStart = "========== [ %s update start ] ==========";
-inline constexpr const char* kNotSigned = "Error: %s is NOT signed";
-inline constexpr const char* kNotSignedAnyMore = "Error: %s file is NOT signed";
-inline constexpr const char* kNoVerifier = "[zaq][%s] pHandle Error: %s\n";
-inline constexpr const char* kNoVerifierEntry = "[zaq][%s] dlsym Error: %s\n";
-}  // namespace text
-
 struct PackageState {
   std::string library;
   std::string firmware;

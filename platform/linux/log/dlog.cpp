@@ -17,6 +17,7 @@
 #include <string>
 #include <string_view>
 
+#include "library-messages.h"
 #include "log/journal.h"
 #include "printable-text.h"
 
@@ -237,7 +238,7 @@ std::string_view withoutTrailingLineFeeds(std::string_view text) {
 
 // The library's messages begin with the place that they come from.
 fwplatform::CodePlace placeOf(const char* format, va_list arguments) {
-  constexpr std::string_view kPrefix = "%s: %s(%d) > ";
+  constexpr std::string_view kPrefix = MESSAGE_PREFIX;
   fwplatform::CodePlace place;
   if (std::string_view(format).substr(0, kPrefix.size()) != kPrefix) {
     return place;

@@ -9,13 +9,12 @@
 #include <iterator>
 #include <string>
 
-#include "known-messages.h"
+#include "library-messages.h"
 #include "trace-builder.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-namespace known = tracetool::known;
 using ::testing::HasSubstr;
 using ::testing::Not;
 
@@ -62,12 +61,12 @@ class Commands : public ::testing::Test {
   // One update that succeeded, and one that its image ended.
   void putUpdates() const {
     TraceBuilder trace;
-    const auto needTry = trace.place("isNeedUpdate", known::kNeedTry, "ss");
-    const auto updateTime = trace.place("update", known::kUpdateTime, "sd");
-    const auto updateTry = trace.place("update", known::kUpdateTry, "s");
-    const auto updateStart = trace.place("update", known::kUpdateStart, "s");
-    const auto succeeded = trace.place("update", known::kUpdateSucceeded, "s");
-    const auto requestEnds = trace.place("fw_update", known::kRequestEnds, "dds");
+    const auto needTry = trace.place("isNeedUpdate", MESSAGE_CHECK_BEGINS, "ss");
+    const auto updateTime = trace.place("update", MESSAGE_LOCK_WANTED, "sd");
+    const auto updateTry = trace.place("update", MESSAGE_LOCK_TAKEN, "s");
+    const auto updateStart = trace.place("update", MESSAGE_WRITE_BEGINS, "s");
+    const auto succeeded = trace.place("update", MESSAGE_WRITE_SUCCEEDED, "s");
+    const auto requestEnds = trace.place("fw_update", MESSAGE_REQUEST_ENDS, "dds");
     const auto different = trace.place("isNeedUpdate", "Error: %s Firmware CRC32 different", "s");
     trace.record(needTry, 77, 0, {"libtuner", "tunerfw"})
         .record(updateTime, 77, 10 * kMillisecond, {"tunerfw", 30})

@@ -8,7 +8,7 @@
 #include <sstream>
 
 #include "export/format.h"
-#include "known-messages.h"
+#include "library-messages.h"
 #include "trace-builder.h"
 
 namespace {
@@ -40,14 +40,14 @@ class Story {
 
   // The way of a file update up to the module's turn.
   Story& untilModule() {
-    say(kClient, 0, known::kNeedTry, {"libtuner", "tunerfw"});
-    say(kClient, 10, known::kUpdateTime, {"tunerfw", 30});
-    say(kWorker, 25, known::kUpdateTry, {"tunerfw"});
-    return say(kWorker, 45, known::kUpdateStart, {"tunerfw"});
+    say(kClient, 0, MESSAGE_CHECK_BEGINS, {"libtuner", "tunerfw"});
+    say(kClient, 10, MESSAGE_LOCK_WANTED, {"tunerfw", 30});
+    say(kWorker, 25, MESSAGE_LOCK_TAKEN, {"tunerfw"});
+    return say(kWorker, 45, MESSAGE_WRITE_BEGINS, {"tunerfw"});
   }
 
   Story& requestEnds(std::int64_t time, int state) {
-    return say(kClient, time, known::kRequestEnds, {4, state, "libtuner"});
+    return say(kClient, time, MESSAGE_REQUEST_ENDS, {4, state, "libtuner"});
   }
 
   const Timeline& tell(bool alive = false) {
@@ -67,7 +67,7 @@ class Story {
 
 TEST(Timeline, TakesAnUpdateApartIntoItsStages) {
   Story story;
-  story.untilModule().say(kWorker, 145, known::kUpdateSucceeded, {"tunerfw"}).requestEnds(150, 0);
+  story.untilModule().say(kWorker, 145, MESSAGE_WRITE_SUCCEEDED, {"tunerfw"}).requestEnds(150, 0);
 
   const auto& updates = story.tell().updates;
 
@@ -86,7 +86,7 @@ TEST(Timeline, TakesAnUpdateApartIntoItsStages) {
 
 TEST(Timeline, TellsWhyAModuleFailed) {
   Story story;
-  story.untilModule().say(kWorker, 60, known::kDoUpdateFail, {"tunerfw", 5, 2}).requestEnds(61, 5);
+  story.untilModule().say(kWorker, 60, MESSAGE_WRITE_FAILED, {"tunerfw", 5, 2}).requestEnds(61, 5);
 
   const auto& updates = story.tell().updates;
 
@@ -99,9 +99,9 @@ TEST(Timeline, TellsWhyAModuleFailed) {
 TEST(Timeline, TellsATimedOutUpdateWhoseModuleRunsOn) {
   Story story;
   story.untilModule()
-      .say(kClient, 2000, known::kTimedOutText, {"tunerfw update timeout"}, known::kTimedOutFunction)
+      .say(kClient, 2000, MESSAGE_TIMED_OUT, {"tunerfw update timeout"}, "update_timeout_wrapper")
       .requestEnds(2001, 1)
-      .say(kWorker, 3045, known::kUpdateSucceeded, {"tunerfw"});
+      .say(kWorker, 3045, MESSAGE_WRITE_SUCCEEDED, {"tunerfw"});
 
   const auto& updates = story.tell().updates;
 
@@ -112,7 +112,7 @@ TEST(Timeline, TellsATimedOutUpdateWhoseModuleRunsOn) {
 
 TEST(Timeline, TellsARefusedImage) {
   Story story;
-  story.say(kClient, 0, known::kNeedTry, {"libtuner", "tunerfw"})
+  story.say(kClient, 0, MESSAGE_CHECK_BEGINS, {"libtuner", "tunerfw"})
       .say(kClient, 5, "Error: %s Firmware CRC32 different", {"tunerfw"})
       .requestEnds(6, -1);
 
@@ -126,8 +126,8 @@ TEST(Timeline, TellsARefusedImage) {
 
 TEST(Timeline, TellsAnImageThatIsNotNeeded) {
   Story story;
-  story.say(kClient, 0, known::kNeedTry, {"libtuner", "tunerfw"})
-      .say(kClient, 5, known::kNotNeeded, {"/opt/tunerempfw.img", "2.0.0"})
+  story.say(kClient, 0, MESSAGE_CHECK_BEGINS, {"libtuner", "tunerfw"})
+      .say(kClient, 5, MESSAGE_NOT_NEEDED, {"/opt/tunerempfw.img", "2.0.0"})
       .requestEnds(6, 0);
 
   EXPECT_EQ(story.tell().updates.at(0).result, Result::NotNeeded);
@@ -146,8 +146,8 @@ TEST(Timeline, TellsAnUnknownModule) {
 
 TEST(Timeline, TakesAMereQueryForNoUpdate) {
   Story story;
-  story.say(kClient, 0, known::kNeedTry, {"libtuner", "tunerfw"})
-      .say(kClient, 5, known::kNeedTry, {"libwifi", "wififw"});
+  story.say(kClient, 0, MESSAGE_CHECK_BEGINS, {"libtuner", "tunerfw"})
+      .say(kClient, 5, MESSAGE_CHECK_BEGINS, {"libwifi", "wififw"});
 
   EXPECT_THAT(story.tell().updates, IsEmpty());
 }
@@ -162,7 +162,7 @@ TEST(Timeline, TellsAnInterruptedUpdateFromARunningOne) {
 
 TEST(Timeline, TellsAProcedureOfAModulesOwn) {
   Story story;
-  story.say(kClient, 0, known::kRunProcessTry, {""}).requestEnds(40, 0);
+  story.say(kClient, 0, MESSAGE_PROCEDURE_BEGINS, {""}).requestEnds(40, 0);
 
   const auto& updates = story.tell().updates;
 
@@ -174,8 +174,8 @@ TEST(Timeline, TellsAProcedureOfAModulesOwn) {
 
 TEST(Timeline, TellsAUsbPackageWithoutARequest) {
   Story story;
-  story.say(kClient, 0, known::kUpdateStart, {"tunerfw"})
-      .say(kClient, 70, known::kUpdateSucceeded, {"tunerfw"});
+  story.say(kClient, 0, MESSAGE_WRITE_BEGINS, {"tunerfw"})
+      .say(kClient, 70, MESSAGE_WRITE_SUCCEEDED, {"tunerfw"});
 
   const auto& updates = story.tell().updates;
 
@@ -188,11 +188,11 @@ TEST(Timeline, TellsAUsbPackageWithoutARequest) {
 TEST(Timeline, TellsTheModulesOfAnUpdateOfAllApart) {
   Story story;
   story.untilModule()
-      .say(kWorker, 50, known::kUpdateSucceeded, {"tunerfw"})
-      .say(kClient, 60, known::kUpdateTime, {"wififw", 30})
-      .say(kWorker + 1, 61, known::kUpdateTry, {"wififw"})
-      .say(kWorker + 1, 65, known::kUpdateStart, {"wififw"})
-      .say(kWorker + 1, 95, known::kUpdateSucceeded, {"wififw"});
+      .say(kWorker, 50, MESSAGE_WRITE_SUCCEEDED, {"tunerfw"})
+      .say(kClient, 60, MESSAGE_LOCK_WANTED, {"wififw", 30})
+      .say(kWorker + 1, 61, MESSAGE_LOCK_TAKEN, {"wififw"})
+      .say(kWorker + 1, 65, MESSAGE_WRITE_BEGINS, {"wififw"})
+      .say(kWorker + 1, 95, MESSAGE_WRITE_SUCCEEDED, {"wififw"});
 
   const auto& updates = story.tell().updates;
 
@@ -215,7 +215,7 @@ Json::Value parsed(const std::string& text) {
 }
 
 Story& wholeUpdate(Story& story) {
-  return story.untilModule().say(kWorker, 145, known::kUpdateSucceeded, {"tunerfw"}).requestEnds(150, 0);
+  return story.untilModule().say(kWorker, 145, MESSAGE_WRITE_SUCCEEDED, {"tunerfw"}).requestEnds(150, 0);
 }
 
 // The Trace Event Format's rules for the events that are written.

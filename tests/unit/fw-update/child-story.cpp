@@ -5,6 +5,7 @@
 #include <csignal>
 
 #include "child-end.h"
+#include "library-messages.h"
 #include "log-meanings.h"
 #include "usb-packages.h"
 
@@ -28,8 +29,8 @@ LogMessage message(const char* function, const char* format, std::vector<std::st
 ChildStory waiting() {
   ChildStory story("libtuner");
   story.add(tool::StepTold{Step::Load, "libtuner", "tunerfw"});
-  story.add(message("isNeedUpdate", tool::text::kNeedTry, {"libtuner", "tunerfw"}));
-  story.add(message("update_timeout_wrapper", tool::text::kUpdateTime, {"tunerfw", "10"}));
+  story.add(message("isNeedUpdate", MESSAGE_CHECK_BEGINS, {"libtuner", "tunerfw"}));
+  story.add(message("update_timeout_wrapper", MESSAGE_LOCK_WANTED, {"tunerfw", "10"}));
   return story;
 }
 
@@ -53,7 +54,7 @@ TEST(ChildStory, WaitsForTheLockForEver) {
 TEST(ChildStory, GivesAnUpdateTheLibrarysLimitAndAMargin) {
   ChildStory story = waiting();
 
-  story.add(message("updateFirmware", tool::text::kUpdateTry, {"tunerfw"}));
+  story.add(message("updateFirmware", MESSAGE_LOCK_TAKEN, {"tunerfw"}));
 
   EXPECT_EQ(story.step(), Step::Write);
   EXPECT_EQ(story.allowedSilence(kPatience), ChildStory::Seconds(10 + 2 + 10));
@@ -62,10 +63,10 @@ TEST(ChildStory, GivesAnUpdateTheLibrarysLimitAndAMargin) {
 
 TEST(ChildStory, SetsNoLimitToWhatTheLibrarySetsNone) {
   ChildStory procedure("libEXT-remote");
-  procedure.add(message("runProcess", tool::text::kRunProcessTry, {""}));
+  procedure.add(message("runProcess", MESSAGE_PROCEDURE_BEGINS, {""}));
   ChildStory package("");
   package.add(tool::StepTold{Step::Load, "libtuner", "tunerfw"});
-  package.add(message("updateUSB", tool::text::kPackageStart, {"tunerfw"}));
+  package.add(message("updateUSB", MESSAGE_WRITE_BEGINS, {"tunerfw"}));
 
   EXPECT_FALSE(procedure.allowedSilence(kPatience));
   EXPECT_EQ(procedure.module(), "libEXT-remote");
@@ -86,7 +87,7 @@ TEST(ChildStory, FindsThePackagesModuleByTheFile) {
 
 TEST(ChildStory, EndsAnUpdateWithItsTimeOut) {
   ChildStory story = waiting();
-  story.add(message("updateFirmware", tool::text::kUpdateTry, {"tunerfw"}));
+  story.add(message("updateFirmware", MESSAGE_LOCK_TAKEN, {"tunerfw"}));
 
   story.add(message("update_timeout_wrapper", "%s", {"tunerfw update timeout"}));
 
@@ -98,15 +99,15 @@ TEST(ChildStory, EndsAnUpdateWithItsTimeOut) {
 TEST(ChildStory, StandsWhatAModuleWroteIntoIt) {
   ChildStory story("libtuner");
 
-  story.add(message("update_timeout_wrapper", tool::text::kUpdateTime));
-  story.add(message("update_timeout_wrapper", tool::text::kUpdateTime, {"tunerfw", "soon"}));
-  story.add(message("isNeedUpdate", tool::text::kNeedTry));
+  story.add(message("update_timeout_wrapper", MESSAGE_LOCK_WANTED));
+  story.add(message("update_timeout_wrapper", MESSAGE_LOCK_WANTED, {"tunerfw", "soon"}));
+  story.add(message("isNeedUpdate", MESSAGE_CHECK_BEGINS));
 
   EXPECT_TRUE(story.hasUsedLock());
 }
 
 TEST(Datagrams, ComeBackAsTheyWere) {
-  LogMessage one = message("updateFirmware", tool::text::kUpdateTry, {"tunerfw", "x\n\"y"});
+  LogMessage one = message("updateFirmware", MESSAGE_LOCK_TAKEN, {"tunerfw", "x\n\"y"});
   one.priority = 6;
   one.errorNumber = 5;
   one.time = std::chrono::steady_clock::now();

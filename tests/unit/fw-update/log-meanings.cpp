@@ -6,6 +6,7 @@
 #include <map>
 #include <ostream>
 
+#include "library-messages.h"
 #include "messages.h"
 
 namespace tool {
@@ -304,15 +305,15 @@ TEST_P(SilentResult, IsExplainedByHowFarTheUpdateCame) {
 }
 
 const SilentCase kSilentCases[] = {
-    {"Procedure", 0, {message(tool::text::kRunProcessTry, {""})}, Outcome::Updated},
+    {"Procedure", 0, {message(MESSAGE_PROCEDURE_BEGINS, {""})}, Outcome::Updated},
     {"RefusedRequest",
      -1,
-     {message(tool::text::kNeedTry, {"", ""}), message(tool::text::kUpdateTry, {""})},
+     {message(MESSAGE_CHECK_BEGINS, {"", ""}), message(MESSAGE_LOCK_TAKEN, {""})},
      Outcome::ModuleFailed},
-    {"OddAnswer", 2, {message(tool::text::kNeedTry, {"", ""})}, Outcome::ModuleFailed},
+    {"OddAnswer", 2, {message(MESSAGE_CHECK_BEGINS, {"", ""})}, Outcome::ModuleFailed},
     {"EarlyReturn",
      0,
-     {message(tool::text::kNeedTry, {"", ""}), message(tool::text::kUpdateTry, {""})},
+     {message(MESSAGE_CHECK_BEGINS, {"", ""}), message(MESSAGE_LOCK_TAKEN, {""})},
      Outcome::Unexpected},
     {"NothingAtAll", -1, {}, Outcome::Unexpected},
 };
@@ -321,8 +322,8 @@ INSTANTIATE_TEST_SUITE_P(Each, SilentResult, ::testing::ValuesIn(kSilentCases),
                          [](const auto& test) { return std::string(test.param.name); });
 
 TEST(TimeLimit, IsTwoSecondsMoreThanExpectedAndWraps) {
-  const auto usual = tool::timeLimit({message(tool::text::kUpdateTime, {"tunerfw", "10"})});
-  const auto wrapped = tool::timeLimit({message(tool::text::kUpdateTime, {"tunerfw", "-1"})});
+  const auto usual = tool::timeLimit({message(MESSAGE_LOCK_WANTED, {"tunerfw", "10"})});
+  const auto wrapped = tool::timeLimit({message(MESSAGE_LOCK_WANTED, {"tunerfw", "-1"})});
 
   ASSERT_TRUE(usual && wrapped);
   EXPECT_EQ(usual->expected, 10u);

@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 
+#include "library-messages.h"
 #include "messages.h"
 
 namespace {
@@ -32,8 +33,8 @@ tool::LogMessage at(std::chrono::steady_clock::time_point time, const char* form
 TEST(ProgressPhase, FollowsTheLibrarysMessages) {
   const auto start = std::chrono::steady_clock::now();
   const auto now = start + seconds(9);
-  const auto limit = at(start + seconds(2), tool::text::kUpdateTime, {"tunerfw", "10"});
-  const auto begun = at(start + seconds(5), tool::text::kUpdateTry, {"tunerfw"});
+  const auto limit = at(start + seconds(2), MESSAGE_LOCK_WANTED, {"tunerfw", "10"});
+  const auto begun = at(start + seconds(5), MESSAGE_LOCK_TAKEN, {"tunerfw"});
 
   const auto checking = tool::progressOf({}, "libtuner", start, now);
   const auto waiting = tool::progressOf({limit}, "libtuner", start, now);
@@ -57,8 +58,8 @@ TEST(ProgressLine, GivesNoEndWhereTheLibraryNeverGivesUp) {
 TEST(ProgressPhase, OfAnOwnProcedureHasNoTimeLimit) {
   const auto start = std::chrono::steady_clock::now();
 
-  const auto progress = tool::progressOf({at(start, tool::text::kRunProcessTry, {""})}, "libEXT-remote",
-                                         start, start + seconds(3));
+  const auto progress = tool::progressOf({at(start, MESSAGE_PROCEDURE_BEGINS, {""})}, "libEXT-remote", start,
+                                         start + seconds(3));
 
   EXPECT_EQ(progress.phase, Phase::Updating);
   EXPECT_EQ(tool::timeText(progress), "3 s");

@@ -3,6 +3,7 @@
 
 #include <gmock/gmock.h>
 
+#include "library-messages.h"
 #include "messages.h"
 
 namespace {
@@ -26,7 +27,7 @@ LogMessage signedPackage(const std::string& firmware) {
 }
 
 LogMessage withoutVerifier() {
-  return signatureMessage(tool::text::kNoVerifier, "cannot open shared object file");
+  return signatureMessage(MESSAGE_VERIFIER_NOT_LOADED, "cannot open shared object file");
 }
 
 tool::Library libraryOf(const std::vector<std::string>& names) {
@@ -42,7 +43,7 @@ PackageState neededPackage(const std::string& name) {
 }
 
 TEST(UsbEstimate, ReadsNeedAndTimeOfEachModule) {
-  const LogMessages log = {signedPackage("tunerfw"), message(tool::text::kNeedPackage, {"tunerfw", "30"}),
+  const LogMessages log = {signedPackage("tunerfw"), message(MESSAGE_USB_PACKAGE_NEEDED, {"tunerfw", "30"}),
                            signedPackage("panelfw")};
 
   const auto states = tool::readEstimate(libraryOf({"tuner", "panel"}), log);
@@ -67,7 +68,7 @@ TEST(UsbEstimate, GivesMessagesWithoutANameToTheModuleWhoseTurnItIs) {
 }
 
 TEST(UsbEstimate, KnowsThatExtensionModulesHaveNoTurn) {
-  const LogMessages log = {signedPackage("tunerfw"), message(tool::text::kNeedPackage, {"tunerfw", "30"})};
+  const LogMessages log = {signedPackage("tunerfw"), message(MESSAGE_USB_PACKAGE_NEEDED, {"tunerfw", "30"})};
 
   const auto states = tool::readEstimate(libraryOf({"EXT-remote", "tuner"}), log);
 
@@ -78,14 +79,15 @@ TEST(UsbEstimate, KnowsThatExtensionModulesHaveNoTurn) {
 TEST(UsbEstimate, NoticesThatSignaturesWereNotChecked) {
   EXPECT_TRUE(tool::signaturesChecked({signedPackage("tunerfw")}));
   EXPECT_FALSE(tool::signaturesChecked({withoutVerifier()}));
-  EXPECT_FALSE(tool::signaturesChecked({signatureMessage(tool::text::kNoVerifierEntry, "undefined symbol")}));
+  EXPECT_FALSE(
+      tool::signaturesChecked({signatureMessage(MESSAGE_VERIFIER_WITHOUT_ENTRY, "undefined symbol")}));
 }
 
 TEST(UsbResults, AreEachModulesOwn) {
   std::vector<PackageState> states = {neededPackage("tuner"), neededPackage("panel"), neededPackage("wifi")};
   const LogMessages log = {
       signedPackage("tunerfw"),
-      message(tool::text::kPackageStart, {"tunerfw"}),
+      message(MESSAGE_WRITE_BEGINS, {"tunerfw"}),
       message("========== [ %s update succeeded ] ==========", {"tunerfw"}),
       message("Error: %s file open", {"/usb/panelfw.bin"}),
       message("update fail [%s]", {"panelfw"}),
@@ -136,7 +138,7 @@ TEST(UsbProgress, BelongsToThePackageThatIsBeingWritten) {
   LogMessages log = {signedPackage("panelfw")};
   EXPECT_FALSE(tool::runningPackage(states, log));
 
-  log.push_back(message(tool::text::kPackageStart, {"panelfw"}));
+  log.push_back(message(MESSAGE_WRITE_BEGINS, {"panelfw"}));
   ASSERT_TRUE(tool::runningPackage(states, log));
   EXPECT_EQ(tool::runningPackage(states, log)->index, 1U);
 

@@ -15,6 +15,7 @@
 #include "../library.h"
 #include "../log-meanings.h"
 #include "fw-update-symbol-manager.h"
+#include "library-messages.h"
 #include "terminal.h"
 
 namespace tool {
@@ -24,7 +25,6 @@ using appbinaryManager::DownloadProgress;
 using appbinaryManager::DownloadState;
 
 constexpr std::chrono::milliseconds kRedraw{100};
-constexpr const char* kRequested = "Request (%s) emp download";
 constexpr const char* kRefusedByPlatform = "%s is not downloaded: %s";
 
 struct Package {
@@ -61,7 +61,8 @@ Finding refusal(const LogMessages& messages, const std::string& package) {
 
 bool wasRequested(const LogMessages& messages, const std::string& package) {
   for (const LogMessage& message : messages) {
-    if (message.format == kRequested && !message.arguments.empty() && message.arguments[0] == package) {
+    if (message.format == MESSAGE_DOWNLOAD_REQUESTED && !message.arguments.empty() &&
+        message.arguments[0] == package) {
       return true;
     }
   }

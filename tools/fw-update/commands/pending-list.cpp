@@ -10,13 +10,13 @@
 #include "../library.h"
 #include "../log-meanings.h"
 #include "fw-update-symbol-manager.h"
+#include "library-messages.h"
 #include "terminal.h"
 
 namespace tool {
 namespace {
 
 constexpr const char* kListPath = "/tmp/fwupdate-off-list.txt";
-constexpr const char* kNeedUpdate = "Need Update [%s][%s]";
 
 using Rows = std::vector<std::vector<std::string>>;
 
@@ -24,7 +24,7 @@ using Rows = std::vector<std::vector<std::string>>;
 Rows found(const LogMessages& messages) {
   Rows rows;
   for (const LogMessage& message : messages) {
-    if (message.format == kNeedUpdate && message.arguments.size() == 2) {
+    if (message.format == MESSAGE_PENDING && message.arguments.size() == 2) {
       rows.push_back({message.arguments[0], message.arguments[1]});
     }
   }

@@ -8,6 +8,7 @@
 #include "../commands.h"
 #include "../library.h"
 #include "../log-meanings.h"
+#include "library-messages.h"
 #include "terminal.h"
 
 namespace tool {
@@ -22,7 +23,7 @@ LogMessages messagesOf(const LogMessages& all, const std::string& module) {
   LogMessages turn;
   bool its = false;
   for (const LogMessage& message : all) {
-    if (message.format == text::kNeedTry) {
+    if (message.format == MESSAGE_CHECK_BEGINS) {
       its = !message.arguments.empty() && message.arguments[0] == module;
     }
     if (its) {
@@ -86,7 +87,7 @@ void describe(Report& report, const Library& library, const std::list<FWUpdateIt
 Finding brokeOff(const LogMessages& messages, const std::string& what) {
   std::string module = "A module";
   for (const LogMessage& message : messages) {
-    if (message.format == text::kNeedTry && !message.arguments.empty()) {
+    if (message.format == MESSAGE_CHECK_BEGINS && !message.arguments.empty()) {
       module = message.arguments[0];
     }
   }
