@@ -13,13 +13,13 @@
 
 #include "clean-output.h"
 #include "command-line.h"
-#include "isolation.h"
-#include "last-act.h"
-#include "library-log.h"
+#include "isolation/isolation.h"
+#include "isolation/watched.h"
+#include "library/library-log.h"
+#include "lock/release-program.h"
 #include "report.h"
-#include "run-note.h"
 #include "terminal.h"
-#include "watched.h"
+#include "update-all/run-note.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "library-log.h"
+#include "library/library-log.h"
 #include "outcomes.h"
 #include "text-layout.h"
 

@@ -1,4 +1,4 @@
-#include "child-command.h"
+#include "isolation/child-process.h"
 
 #include <gtest/gtest.h>
 #include <signal.h>

@@ -1,13 +1,13 @@
-#include "child-story.h"
+#include "isolation/child-story.h"
 
 #include <gtest/gtest.h>
 
 #include <csignal>
 
-#include "child-end.h"
+#include "isolation/crash-report.h"
 #include "library-messages.h"
-#include "log-meanings.h"
-#include "usb-packages.h"
+#include "library/log-meanings.h"
+#include "usb/usb-packages.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "library-log.h"
+#include "library/library-log.h"
 
 #include <gmock/gmock.h>
 #include <stdlib.h>

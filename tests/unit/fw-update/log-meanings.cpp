@@ -1,4 +1,4 @@
-#include "log-meanings.h"
+#include "library/log-meanings.h"
 
 #include <gmock/gmock.h>
 

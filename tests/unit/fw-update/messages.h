@@ -6,7 +6,7 @@
 #include <utility>
 #include <vector>
 
-#include "library-log.h"
+#include "library/library-log.h"
 
 inline tool::LogMessage message(const std::string& format, std::vector<std::string> arguments = {},
                                 int errorNumber = 0) {

@@ -1,4 +1,4 @@
-#include "update-progress.h"
+#include "progress/update-progress.h"
 
 #include <gmock/gmock.h>
 

@@ -1,5 +1,5 @@
 // What each module's messages say of its package, when all modules' stand in one log.
-#include "usb-packages.h"
+#include "usb/usb-packages.h"
 
 #include <gmock/gmock.h>
 

@@ -1,9 +1,9 @@
 // fw-update all-done
 #include <exception>
 
-#include "../commands.h"
-#include "../library.h"
+#include "commands.h"
 #include "fw-update-symbol-manager.h"
+#include "library/library.h"
 
 namespace tool {
 

@@ -9,13 +9,13 @@
 #include <thread>
 #include <vector>
 
-#include "../commands.h"
-#include "../download-reporter.h"
-#include "../library-log.h"
-#include "../library.h"
-#include "../log-meanings.h"
+#include "commands.h"
 #include "fw-update-symbol-manager.h"
 #include "library-messages.h"
+#include "library/library-log.h"
+#include "library/library.h"
+#include "library/log-meanings.h"
+#include "progress/download-reporter.h"
 #include "terminal.h"
 
 namespace tool {

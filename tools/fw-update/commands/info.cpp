@@ -3,9 +3,9 @@
 
 #include <array>
 
-#include "../commands.h"
-#include "../library.h"
+#include "commands.h"
 #include "fw-update-symbol.h"
+#include "library/library.h"
 #include "terminal.h"
 
 namespace tool {

@@ -1,8 +1,8 @@
 // fw-update list
 #include <unistd.h>
 
-#include "../commands.h"
-#include "../library.h"
+#include "commands.h"
+#include "library/library.h"
 #include "terminal.h"
 
 namespace tool {

@@ -5,10 +5,10 @@
 #include <cerrno>
 #include <iterator>
 
-#include "../commands.h"
-#include "../lock-recovery.h"
-#include "../lock-users.h"
-#include "../update-lock.h"
+#include "commands.h"
+#include "lock/lock-recovery.h"
+#include "lock/lock-users.h"
+#include "lock/update-lock.h"
 #include "terminal.h"
 
 namespace tool {

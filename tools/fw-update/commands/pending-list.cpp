@@ -5,12 +5,12 @@
 #include <exception>
 #include <fstream>
 
-#include "../commands.h"
-#include "../interruption.h"
-#include "../library.h"
-#include "../log-meanings.h"
+#include "commands.h"
 #include "fw-update-symbol-manager.h"
 #include "library-messages.h"
+#include "library/library.h"
+#include "library/log-meanings.h"
+#include "lock/interruption.h"
 #include "terminal.h"
 
 namespace tool {

@@ -5,10 +5,10 @@
 #include <array>
 #include <exception>
 
-#include "../commands.h"
-#include "../library.h"
-#include "../log-meanings.h"
+#include "commands.h"
 #include "library-messages.h"
+#include "library/library.h"
+#include "library/log-meanings.h"
 #include "terminal.h"
 
 namespace tool {

@@ -1,6 +1,6 @@
 // fw-update progress NAME
-#include "../commands.h"
-#include "../library.h"
+#include "commands.h"
+#include "library/library.h"
 
 namespace tool {
 namespace {

@@ -10,17 +10,17 @@
 #include <list>
 #include <memory>
 
-#include "../commands.h"
-#include "../interruption.h"
-#include "../library.h"
-#include "../progress-poller.h"
-#include "../run-note.h"
-#include "../run-progress.h"
-#include "../run-reporter.h"
-#include "../update-plan.h"
-#include "../watched.h"
+#include "commands.h"
 #include "fw-update-symbol-manager.h"
+#include "isolation/watched.h"
+#include "library/library.h"
+#include "lock/interruption.h"
+#include "progress/progress-poller.h"
 #include "terminal.h"
+#include "update-all/run-note.h"
+#include "update-all/run-progress.h"
+#include "update-all/run-reporter.h"
+#include "update-all/update-plan.h"
 
 namespace tool {
 namespace {

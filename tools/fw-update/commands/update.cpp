@@ -4,13 +4,13 @@
 #include <exception>
 #include <future>
 
-#include "../commands.h"
-#include "../interruption.h"
-#include "../library.h"
-#include "../log-meanings.h"
-#include "../progress-poller.h"
-#include "../progress-reporter.h"
-#include "../watched.h"
+#include "commands.h"
+#include "isolation/watched.h"
+#include "library/library.h"
+#include "library/log-meanings.h"
+#include "lock/interruption.h"
+#include "progress/progress-poller.h"
+#include "progress/progress-reporter.h"
 
 namespace tool {
 namespace {

@@ -10,17 +10,17 @@
 #include <iostream>
 #include <memory>
 
-#include "../commands.h"
-#include "../interruption.h"
-#include "../library.h"
-#include "../package-refusal.h"
-#include "../progress-poller.h"
-#include "../progress-reporter.h"
-#include "../usb-packages.h"
-#include "../watched.h"
+#include "commands.h"
 #include "fw-update-symbol-manager.h"
+#include "isolation/watched.h"
+#include "library/library.h"
+#include "lock/interruption.h"
+#include "progress/progress-poller.h"
+#include "progress/progress-reporter.h"
 #include "secret-file.h"
 #include "terminal.h"
+#include "usb/package-refusal.h"
+#include "usb/usb-packages.h"
 
 namespace tool {
 namespace {

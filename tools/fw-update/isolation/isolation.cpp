@@ -1,0 +1,261 @@
+#include "isolation/isolation.h"
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <exception>
+#include <iostream>
+
+#include "clean-output.h"
+#include "fw-update-mount-manager.h"
+#include "isolation/child-process.h"
+#include "isolation/child-story.h"
+#include "isolation/crash-report.h"
+#include "isolation/left-mounts.h"
+#include "lock/lock-recovery.h"
+#include "progress/progress-reporter.h"
+#include "terminal.h"
+#include "update-all/run-note.h"
+
+namespace tool {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Seconds = ChildStory::Seconds;
+
+constexpr std::chrono::milliseconds kGlance{100};
+// Longer, this process did not run either, and the silence is not the child's.
+constexpr std::chrono::milliseconds kLongestGlance{500};
+// For a child that was killed, and that the kernel may hold back.
+constexpr std::chrono::seconds kLastPatience{5};
+// The first signal is the child's to deal with; it ends an update, and lets an
+// update-all come to its end.
+constexpr int kSignalsThatKill = 3;
+
+class Watch {
+ public:
+  Watch(char** arguments, const Options& options)
+      : patience_(options.patience), story_(options.module), child_(arguments) {}
+
+  // Until the child has ended, or does not even end when it is killed.
+  void run() {
+    while (!child_.status()) {
+      const auto before = Clock::now();
+      glanceAt(kGlance);
+      silence_ += std::min<Seconds>(Clock::now() - before, kLongestGlance);
+      const auto allowed = story_.allowedSilence(patience_);
+      if (!hung_ && allowed && silence_ > *allowed) {
+        hung_ = silence_;
+        killIt();
+      }
+      if (hung_ && silence_ > *hung_ + Seconds(kLastPatience)) {
+        break;
+      }
+    }
+    glanceAt(std::chrono::milliseconds(0));
+  }
+
+  const ChildStory& told() const { return story_; }
+  std::optional<int> status() { return child_.status(); }
+  std::optional<Seconds> hungFor() const { return hung_; }
+  pid_t process() const { return child_.id(); }
+  // The last signal that was to end the command; 0: none.
+  int signal() const { return lastSignal_; }
+
+ private:
+  void glanceAt(std::chrono::milliseconds atMost) {
+    child_.wait(atMost, {[this](const Told& one) { hear(one); },
+                         [this](int one, bool fromTerminal) { passOn(one, fromTerminal); }});
+  }
+
+  // Being asked for its progress is no sign that the module gets on.
+  void hear(const Told& one) {
+    story_.add(one);
+    if (!std::holds_alternative<ProgressTold>(one) && !hung_) {
+      silence_ = Seconds(0);
+    }
+  }
+
+  void passOn(int one, bool fromTerminal) {
+    lastSignal_ = one;
+    if (++signals_ >= kSignalsThatKill) {
+      killIt();
+    } else if (!fromTerminal) {
+      child_.kill(one);
+    }
+  }
+
+  void killIt() { child_.kill(SIGKILL); }
+
+  const Seconds patience_;
+  ChildStory story_;
+  ChildCommand child_;
+  Seconds silence_{0};
+  std::optional<Seconds> hung_;
+  int signals_ = 0;
+  int lastSignal_ = 0;
+};
+
+struct CleanedUp {
+  std::optional<Recovery> lock;  // when the child may have held it
+  std::vector<std::string> unmounted;
+  std::vector<std::string> left;  // still mounted
+};
+
+// Another update may count on a package that is mounted; it is left then.
+void unmount(const std::vector<std::string>& directories, CleanedUp& cleaned) {
+  const UpdateLock lock;
+  const bool othersUpdate = lock.error() == 0 && (!findLockUsers(lock).users.empty());
+  for (const std::string& directory : directories) {
+    const bool gone = !othersUpdate && FWMountManager::getInstance()->UMount(directory) == 0;
+    (gone ? cleaned.unmounted : cleaned.left).push_back(directory);
+  }
+}
+
+CleanedUp cleanUp(const ChildStory& story, const std::set<std::string>& mountedBefore) {
+  CleanedUp cleaned;
+  if (story.hasUsedLock()) {
+    cleaned.lock = recoverUpdateLock(false);
+  }
+  unmount(leftMounts(story.log(), mountedBefore), cleaned);
+  return cleaned;
+}
+
+std::string listOf(const std::vector<std::string>& names) {
+  std::string list;
+  for (const std::string& name : names) {
+    list += (list.empty() ? "" : ", ") + name;
+  }
+  return list;
+}
+
+bool isGivenBack(const CleanedUp& cleaned) {
+  return cleaned.lock && cleaned.lock->result == RecoveryResult::GivenBack;
+}
+
+// A child that waited for the lock leaves it to those that have it.
+bool isLeftTaken(const CleanedUp& cleaned, const ChildStory& story) {
+  return cleaned.lock && story.step() == Step::Write && !isGivenBack(cleaned) &&
+         cleaned.lock->result != RecoveryResult::Free;
+}
+
+void tellCleanUp(Finding& finding, const CleanedUp& cleaned, const ChildStory& story) {
+  if (isGivenBack(cleaned)) {
+    finding.message += " It held the update lock, which was given back.";
+  }
+  if (isLeftTaken(cleaned, story)) {
+    finding.message += " It held the update lock. " + explainRecovery(*cleaned.lock).message;
+    finding.remedy += " Give the lock back when no other update runs: fw-update lock recover";
+  }
+  if (!cleaned.unmounted.empty()) {
+    finding.message += " Unmounted: " + listOf(cleaned.unmounted) + ".";
+  }
+  if (!cleaned.left.empty()) {
+    finding.message += " Left mounted: " + listOf(cleaned.left) + ".";
+  }
+}
+
+void describe(Report& report, const CleanedUp& cleaned, const ChildStory& story) {
+  if (!story.module().empty()) {
+    report.details["module"] = story.module();
+  }
+  report.details["step"] = idOf(story.step());
+  if (isGivenBack(cleaned)) {
+    report.details["lock"] = "given-back";
+  }
+  if (isLeftTaken(cleaned, story)) {
+    report.details["lock"] = "left-taken";
+  }
+  for (const std::string& directory : cleaned.unmounted) {
+    report.details["unmounted"].append(directory);
+  }
+  for (const std::string& directory : cleaned.left) {
+    report.details["leftMounted"].append(directory);
+  }
+}
+
+// The run that the child was at has left a note for the next command to tell: this one
+// tells it.
+void tellRun(Finding& finding) {
+  if (takeInterruptedRun()) {
+    finding.remedy +=
+        " The run over all modules ended there; run it again for what is left: fw-update update-all";
+  }
+}
+
+Report reportOf(Watch& watch, const Options& options, const CleanedUp& cleaned) {
+  const ChildStory& story = watch.told();
+  const auto status = watch.status();
+  Report report;
+  report.command = options.command->name;
+  if (watch.hungFor()) {
+    report.finding = explainHang(story, *watch.hungFor());
+  } else {
+    report.finding = explainCrash(story, *status);
+  }
+  if (!status) {
+    report.finding.message +=
+        " The kernel does not end it: process " + std::to_string(watch.process()) + " is still there.";
+  } else if (!watch.hungFor() && WIFSIGNALED(*status)) {
+    report.details["signal"] = signalName(WTERMSIG(*status));
+  }
+  if (!watch.hungFor() && story.isAskedForProgress()) {
+    report.details["askedForProgress"] = true;
+  }
+  tellCleanUp(report.finding, cleaned, story);
+  tellRun(report.finding);
+  describe(report, cleaned, story);
+  return report;
+}
+
+// Its result is out: what comes now changes nothing about it.
+void warn(Watch& watch) {
+  const Finding finding = watch.hungFor() ? explainHang(watch.told(), *watch.hungFor())
+                                          : explainCrash(watch.told(), watch.status().value_or(0));
+  std::cerr << wrapped("fw-update: warning: " + finding.message, terminalWidth(STDERR_FILENO)) << std::endl;
+}
+
+// Whether the child ended as its own signal or this process's made it.
+bool isInterrupted(Watch& watch) {
+  const auto status = watch.status();
+  return watch.signal() != 0 && !watch.hungFor() && status && WIFSIGNALED(*status) &&
+         (WTERMSIG(*status) == watch.signal() || WTERMSIG(*status) == SIGKILL);
+}
+
+bool isClean(Watch& watch, int exitCode) {
+  const auto status = watch.status();
+  return status && WIFEXITED(*status) && WEXITSTATUS(*status) == exitCode;
+}
+
+}  // namespace
+
+IsolatedEnd runIsolated(char** arguments, const Options& options) {
+  const std::set<std::string> mountedBefore = mountedPackages();
+  Watch watch(arguments, options);
+  watch.run();
+
+  IsolatedEnd end;
+  end.log = watch.told().log();
+  const auto result = watch.told().result();
+  if (result && isClean(watch, *result)) {
+    end.exitCode = *result;
+    return end;
+  }
+  if (hasLiveLine()) {
+    std::cout << base::emptyLine() << std::flush;
+  }
+  const CleanedUp cleaned = cleanUp(watch.told(), mountedBefore);
+  if (result) {
+    warn(watch);
+    end.exitCode = *result;
+  } else if (isInterrupted(watch)) {
+    end.signal = watch.signal();
+  } else {
+    end.report = reportOf(watch, options, cleaned);
+  }
+  return end;
+}
+
+}  // namespace tool

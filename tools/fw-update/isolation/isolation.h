@@ -1,0 +1,27 @@
+// Runs a command in a child process and watches it, so that a module that crashes or
+// hangs takes only the child with it: what died is told in words, and what it held is
+// given back. The child puts out its progress and its result itself. To be called
+// before the process loads a module or starts a thread.
+#ifndef FW_UPDATE_TOOL_ISOLATION_H
+#define FW_UPDATE_TOOL_ISOLATION_H
+
+#include <optional>
+
+#include "command-line.h"
+#include "library/library-log.h"
+#include "report.h"
+
+namespace tool {
+
+struct IsolatedEnd {
+  int exitCode = 0;              // of the child, when it has put its result out
+  std::optional<Report> report;  // what is to be put out when it has not
+  LogMessages log;               // the library's, as the child told it
+  int signal = 0;                // the one that this process is to end by
+};
+
+IsolatedEnd runIsolated(char** arguments, const Options& options);
+
+}  // namespace tool
+
+#endif

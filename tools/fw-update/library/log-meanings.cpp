@@ -1,0 +1,115 @@
+#include "library/log-meanings.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <string_view>
+
+#include "library-messages.h"
+#include "library/meaning-table.h"
+
+namespace tool {
+namespace {
+
+// What stands for one {name} of a sentence; null when it has no value.
+std::optional<std::string> valueOf(const std::string& name, const LogMessage& message, const LogMessages& all,
+                                   const std::string& module) {
+  if (name == "module") {
+    return module;
+  }
+  if (name == "errno") {
+    return std::strerror(message.errorNumber);
+  }
+  const auto limit = timeLimit(all);
+  if (name == "expected" || name == "limit") {
+    return limit ? std::to_string(name == "limit" ? limit->givesUp : limit->expected) : "?";
+  }
+  const auto index = static_cast<std::size_t>(name[0] - '0');
+  if (index < message.arguments.size()) {
+    return message.arguments[index];
+  }
+  return std::nullopt;
+}
+
+std::string fill(std::string_view sentence, const LogMessage& message, const LogMessages& all,
+                 const std::string& module) {
+  std::string text;
+  for (auto open = sentence.find('{'); open != std::string_view::npos; open = sentence.find('{')) {
+    const auto close = sentence.find('}', open);
+    text += sentence.substr(0, open);
+    text +=
+        valueOf(std::string(sentence.substr(open + 1, close - open - 1)), message, all, module).value_or("?");
+    sentence.remove_prefix(close + 1);
+  }
+  return text.append(sentence);
+}
+
+const LogMessage* findMeaning(const LogMessages& messages, const Meaning& meaning) {
+  for (const LogMessage& message : messages) {
+    if (message.format == meaning.format && (meaning.when == nullptr || meaning.when(message))) {
+      return &message;
+    }
+  }
+  return nullptr;
+}
+
+bool timedOut(const LogMessages& messages) {
+  return std::any_of(messages.begin(), messages.end(), isTimeOut);
+}
+
+// For results whose reason the library does not log.
+Finding explainSilence(int result, const LogMessages& messages, const std::string& module) {
+  const bool procedure = findMessage(messages, MESSAGE_PROCEDURE_BEGINS) != nullptr;
+  const bool tried = procedure || findMessage(messages, MESSAGE_LOCK_TAKEN) != nullptr;
+  if (result == 0 && procedure) {
+    return {Outcome::Updated, module + " ran its own update procedure.", ""};
+  }
+  if (result == -1 && tried) {
+    return {Outcome::ModuleFailed, module + " refused the request.",
+            "Check that the component is connected and that --data is what the module expects."};
+  }
+  if (!tried && findMessage(messages, MESSAGE_CHECK_BEGINS) != nullptr) {
+    return {Outcome::ModuleFailed,
+            module + " answered " + std::to_string(result) +
+                " when asked whether it needs the image; only 1 starts an update.",
+            ""};
+  }
+  return {Outcome::Unexpected,
+          "The library answered " + std::to_string(result) + " for " + module + " and gave no reason.",
+          "See the log (--log)."};
+}
+
+}  // namespace
+
+std::optional<Finding> strongestMeaning(const LogMessages& messages, const std::string& module) {
+  for (const Meaning& meaning : meaningTable()) {
+    if (const LogMessage* message = findMeaning(messages, meaning)) {
+      return Finding{meaning.outcome, fill(meaning.sentence, *message, messages, module),
+                     fill(meaning.remedy, *message, messages, module)};
+    }
+  }
+  return std::nullopt;
+}
+
+Finding explainUpdate(int result, const LogMessages& messages, const std::string& module) {
+  auto finding = strongestMeaning(messages, module);
+  if (finding && finding->outcome != Outcome::TimedOut && timedOut(messages)) {
+    finding->message += " The library noticed it only when its time limit was over.";
+  }
+  if (finding) {
+    return *finding;
+  }
+  return explainSilence(result, messages, module);
+}
+
+std::optional<TimeLimit> timeLimit(const LogMessages& messages) {
+  const LogMessage* message = findMessage(messages, MESSAGE_LOCK_WANTED);
+  if (message == nullptr || message->arguments.size() < 2) {
+    return std::nullopt;
+  }
+  // The library labels the seconds "ms" and prints them signed.
+  const auto expected = static_cast<std::uint32_t>(std::stoll(message->arguments[1]));
+  return TimeLimit{expected, static_cast<std::uint32_t>(expected + fwmessages::kWaitMarginSeconds)};
+}
+
+}  // namespace tool

@@ -1,0 +1,36 @@
+// Tells how an update goes while it runs, in the way that the output wants. One
+// per update; used by one thread.
+#ifndef FW_UPDATE_TOOL_PROGRESS_REPORTER_H
+#define FW_UPDATE_TOOL_PROGRESS_REPORTER_H
+
+#include <memory>
+
+#include "command-line.h"
+#include "progress/update-progress.h"
+
+namespace tool {
+
+class ProgressReporter {
+ public:
+  virtual ~ProgressReporter() = default;
+  ProgressReporter() = default;
+  ProgressReporter(const ProgressReporter&) = delete;
+  ProgressReporter& operator=(const ProgressReporter&) = delete;
+
+  virtual void start(const Options&) {}
+  virtual void tick(const UpdateProgress&) {}
+  // Leaves the terminal as it was.
+  virtual void finish() {}
+};
+
+// One live line on a terminal, one JSON object a line for ndjson, nothing for a
+// JSON document, else a few plain lines.
+std::unique_ptr<ProgressReporter> makeProgressReporter(const Options& options);
+
+// Whether standard output is a terminal that a line can be redrawn on; the
+// platform's log on the same terminal would break it up.
+bool hasLiveLine();
+
+}  // namespace tool
+
+#endif

@@ -1,0 +1,116 @@
+#include "progress/update-progress.h"
+
+#include <algorithm>
+#include <cmath>
+#include <vector>
+
+#include "library-messages.h"
+#include "printable-text.h"
+
+namespace tool {
+namespace {
+
+constexpr std::size_t kWidestBar = 30;
+constexpr std::size_t kNarrowestBar = 8;
+
+std::string seconds(double value) {
+  return std::to_string(static_cast<long long>(std::floor(value))) + " s";
+}
+
+std::string bar(unsigned int percent, std::size_t width) {
+  const std::size_t full = width * std::min(percent, 100U) / 100;
+  return "[" + std::string(full, '#') + std::string(width - full, '.') + "]";
+}
+
+std::string percentText(unsigned int percent) {
+  return std::to_string(percent) + " %";
+}
+
+double secondsOver(const UpdateProgress& progress) {
+  return std::ceil(progress.elapsed - static_cast<double>(progress.limit->expected));
+}
+
+std::string shortTime(const UpdateProgress& progress) {
+  return progress.overdue() ? seconds(secondsOver(progress)) + " over" : seconds(progress.elapsed);
+}
+
+}  // namespace
+
+UpdateProgress progressOf(const LogMessages& messages, const std::string& module,
+                          std::chrono::steady_clock::time_point start,
+                          std::chrono::steady_clock::time_point now) {
+  UpdateProgress progress;
+  progress.module = module;
+  progress.limit = timeLimit(messages);
+  auto since = start;
+  if (const LogMessage* waiting = findMessage(messages, MESSAGE_LOCK_WANTED)) {
+    progress.phase = Phase::Waiting;
+    since = waiting->time;
+  }
+  for (const char* format : {MESSAGE_LOCK_TAKEN, MESSAGE_PROCEDURE_BEGINS}) {
+    if (const LogMessage* updating = findMessage(messages, format)) {
+      progress.phase = Phase::Updating;
+      since = updating->time;
+    }
+  }
+  progress.elapsed = std::max(0.0, std::chrono::duration<double>(now - since).count());
+  return progress;
+}
+
+std::string timeText(const UpdateProgress& progress) {
+  switch (progress.phase) {
+    case Phase::Checking:
+      return "checking the image, " + seconds(progress.elapsed);
+    case Phase::Waiting:
+      return "waiting for another update to finish, " + seconds(progress.elapsed);
+    case Phase::Updating:
+      break;
+  }
+  if (!progress.limit) {
+    return seconds(progress.elapsed);
+  }
+  const std::string expected = std::to_string(progress.limit->expected) + " s";
+  if (!progress.overdue()) {
+    return seconds(progress.elapsed) + " of about " + expected;
+  }
+  const std::string over = seconds(secondsOver(progress)) + " over the expected " + expected;
+  if (progress.limit->givesUp == 0) {
+    return over;
+  }
+  return over + "; gives up at " + std::to_string(progress.limit->givesUp) + " s";
+}
+
+std::string plainLine(const UpdateProgress& progress) {
+  std::string line = base::printableText(progress.module) + ": ";
+  if (progress.phase == Phase::Updating && progress.percent) {
+    line += percentText(*progress.percent) + ", ";
+  }
+  return line + timeText(progress);
+}
+
+std::string liveLine(const UpdateProgress& progress, std::size_t width) {
+  const std::string name = base::printableText(progress.module) + "  ";
+  const std::string time = timeText(progress);
+  std::string percent;
+  std::vector<std::string> candidates;
+  if (progress.phase == Phase::Updating && progress.percent) {
+    percent = percentText(*progress.percent) + "  ";
+    percent.insert(0, percent.size() < 7 ? 7 - percent.size() : 0, ' ');
+    const std::size_t taken = name.size() + 4 + percent.size() + time.size();
+    if (width >= taken + kNarrowestBar) {
+      candidates.push_back(name + bar(*progress.percent, std::min(kWidestBar, width - taken)) + "  " +
+                           percent + time);
+    }
+  }
+  candidates.push_back(name + percent + time);
+  candidates.push_back(percent + time);
+  candidates.push_back(percent + shortTime(progress));
+  for (const std::string& line : candidates) {
+    if (line.size() <= width) {
+      return line;
+    }
+  }
+  return candidates.back().substr(0, width);
+}
+
+}  // namespace tool

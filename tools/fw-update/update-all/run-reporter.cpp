@@ -1,0 +1,207 @@
+#include "update-all/run-reporter.h"
+
+#include <unistd.h>
+
+#include <cmath>
+#include <iostream>
+
+#include "clean-output.h"
+#include "progress/milestones.h"
+#include "progress/progress-reporter.h"
+#include "terminal.h"
+
+namespace tool {
+namespace {
+
+std::string wholeSeconds(double seconds) {
+  return std::to_string(static_cast<long long>(std::ceil(seconds))) + " s";
+}
+
+std::string goesOnText(const RunProgress& progress) {
+  return std::to_string(progress.modulesLeft) + (progress.modulesLeft == 1 ? " module is" : " modules are") +
+         " left, about " + wholeSeconds(progress.secondsLeft) +
+         "; going on, since a module must not be cut short. Ctrl-C once more ends the run at once.";
+}
+
+class TextReporter : public RunReporter {
+ public:
+  void start(const UpdatePlan& plan) override { std::cout << describePlan(plan) << std::flush; }
+  void moduleEnded(std::size_t number, const PlannedModule&, const Finding& finding) override {
+    clear();
+    const bool updated = finding.outcome == Outcome::Updated;
+    const std::string text = std::to_string(number) + ": " + finding.message;
+    const std::string lines = wrapped(text, terminalWidth(STDOUT_FILENO));
+    std::cout << coloured(lines, updated ? Colour::Green : Colour::Red, STDOUT_FILENO) << std::endl;
+  }
+  void goesOn(const RunProgress& progress) override {
+    clear();
+    std::cerr << wrapped("fw-update: " + goesOnText(progress), terminalWidth(STDERR_FILENO)) << std::endl;
+  }
+
+ protected:
+  virtual void clear() {}
+};
+
+// Draws the line again and again on its place.
+class LiveReporter : public TextReporter {
+ public:
+  void tick(const RunProgress& progress) override {
+    if (progress.number == 0) {
+      return;
+    }
+    const std::string line = liveLine(progress, terminalWidth(STDOUT_FILENO) - 1);
+    std::cout << base::terminalOrder(base::Order::LineStart)
+              << (progress.module.overdue() ? coloured(line, Colour::Yellow, STDOUT_FILENO) : line)
+              << base::terminalOrder(base::Order::EraseToEnd) << std::flush;
+    drawn_ = true;
+  }
+  void finish() override { clear(); }
+
+ protected:
+  void clear() override {
+    if (drawn_) {
+      std::cout << base::emptyLine() << std::flush;
+    }
+    drawn_ = false;
+  }
+
+ private:
+  bool drawn_ = false;
+};
+
+class PlainReporter : public TextReporter {
+ public:
+  void tick(const RunProgress& progress) override {
+    if (progress.number != number_) {
+      number_ = progress.number;
+      milestones_ = Milestones();
+    }
+    if (number_ > 0 && milestones_.reached(progress.module)) {
+      std::cout << plainLine(progress) << std::endl;
+    }
+  }
+
+ private:
+  std::size_t number_ = 0;
+  Milestones milestones_;
+};
+
+class NdjsonReporter : public RunReporter {
+ public:
+  void start(const UpdatePlan& plan) override {
+    Json::Value event;
+    event["event"] = "start";
+    event["modules"] = Json::arrayValue;
+    for (const PlannedModule& module : plan.modules) {
+      event["modules"].append(planJson(module));
+    }
+    event["expectedSeconds"] = plan.expectedSeconds();
+    event["powerHoldMs"] = plan.powerHoldMs();
+    put(event);
+  }
+  void tick(const RunProgress& progress) override {
+    if (progress.number == 0) {
+      return;
+    }
+    if (progress.number != number_) {
+      number_ = progress.number;
+      updating_ = false;
+      put(moment(progress, "module-start"));
+    }
+    if (progress.module.phase == Phase::Updating && (!updating_ || progress.module.percent != percent_)) {
+      updating_ = true;
+      percent_ = progress.module.percent;
+      put(moment(progress, "progress"));
+    }
+  }
+  void moduleEnded(std::size_t ended, const PlannedModule& module, const Finding& finding) override {
+    Json::Value event;
+    event["event"] = "module-end";
+    event["module"] = module.library;
+    event["number"] = static_cast<Json::UInt64>(ended);
+    event["outcome"] = infoOf(finding.outcome).id;
+    event["message"] = finding.message;
+    put(event);
+  }
+  void goesOn(const RunProgress& progress) override { put(moment(progress, "goes-on")); }
+
+ private:
+  static Json::Value moment(const RunProgress& progress, const char* name) {
+    Json::Value event;
+    event["event"] = name;
+    event["module"] = progress.module.module;
+    event["number"] = static_cast<Json::UInt64>(progress.number);
+    event["count"] = static_cast<Json::UInt64>(progress.count);
+    event["elapsedSeconds"] = rounded(progress.module.elapsed);
+    if (progress.module.percent) {
+      event["percent"] = *progress.module.percent;
+    }
+    event["totalPercent"] = progress.totalPercent;
+    event["secondsLeft"] = rounded(progress.secondsLeft);
+    event["modulesLeft"] = static_cast<Json::UInt64>(progress.modulesLeft);
+    return event;
+  }
+  static void put(const Json::Value& event) { std::cout << onOneLine(event) << std::flush; }
+
+  std::size_t number_ = 0;
+  bool updating_ = false;
+  std::optional<unsigned int> percent_;
+};
+
+// The document comes at the end; only the Ctrl-C is answered at once.
+class DocumentReporter : public RunReporter {
+ public:
+  void goesOn(const RunProgress& progress) override {
+    std::cerr << "fw-update: " << goesOnText(progress) << std::endl;
+  }
+};
+
+}  // namespace
+
+std::unique_ptr<RunReporter> makeRunReporter(const Options& options) {
+  if (options.ndjson) {
+    return std::make_unique<NdjsonReporter>();
+  }
+  if (options.json) {
+    return std::make_unique<DocumentReporter>();
+  }
+  if (hasLiveLine()) {
+    return std::make_unique<LiveReporter>();
+  }
+  return std::make_unique<PlainReporter>();
+}
+
+std::string describePlan(const UpdatePlan& plan) {
+  std::vector<std::vector<std::string>> rows{{"LIBRARY", "FIRMWARE", "VERSION", "EXPECTED", "UPDATE"}};
+  for (const PlannedModule& module : plan.modules) {
+    rows.push_back({module.library, module.firmware, module.version,
+                    module.due ? std::to_string(module.expectedSeconds) + " s" : "-",
+                    module.due ? "yes" : "no: " + module.reason.message});
+  }
+  std::string text = plan.modules.empty() ? "" : table(rows, terminalWidth(STDOUT_FILENO));
+  if (const std::size_t count = plan.due().size(); count > 0) {
+    text += std::to_string(count) + (count == 1 ? " module" : " modules") + ", about " +
+            wholeSeconds(plan.expectedSeconds()) + "; power is held " + powerHoldText(plan) + ".\n";
+  }
+  return text;
+}
+
+Json::Value planJson(const PlannedModule& module) {
+  Json::Value value;
+  value["library"] = module.library;
+  value["firmware"] = module.firmware;
+  value["versionBefore"] = module.version;
+  value["due"] = module.due;
+  if (module.due) {
+    value["expectedSeconds"] = module.expectedSeconds;
+    return value;
+  }
+  value["outcome"] = infoOf(module.reason.outcome).id;
+  value["message"] = module.reason.message;
+  if (!module.reason.remedy.empty()) {
+    value["remedy"] = module.reason.remedy;
+  }
+  return value;
+}
+
+}  // namespace tool
