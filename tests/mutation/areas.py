@@ -33,6 +33,7 @@ AREAS = (
     Area("platform/linux/verifier", ("test-verifier", "test-package-signature", "replay-package-signature", "fw-pack-test")),
     Area("sandbox", ("sandbox-test", "fw-device-test")),
     Area("modules", ("modules-test", "component-flash-test", "test-large-images")),
+    Area("vocabulary", ("test-vocabulary", "test-fw-update", "test-fw-trace"), ("Troubleshooting.*",)),
     Area("tools/shared", ("test-tool-*", "test-fw-update")),
     Area("tools/fw-device", ("fw-device-test", "test-fw-device*")),
     Area("tools/fw-download", ("test-download", "test-fw-download*")),

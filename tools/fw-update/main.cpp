@@ -119,7 +119,7 @@ int runThere(char** arguments, const Options& options) {
 }
 
 int perform(int argc, char** argv) {
-  playLastAct(argc, argv);
+  runReleaseProgram(argc, argv);
   const auto parsed = parseCommandLine(argc, argv);
   if (const auto* ended = std::get_if<Ended>(&parsed)) {
     return usage(*ended);

@@ -18,21 +18,6 @@ bool contains(const std::list<FWUpdateItem>& items, const std::string& name) {
   return std::any_of(items.begin(), items.end(), [&](const auto& item) { return name == item.file_name; });
 }
 
-// The messages of one module's turn, in a query that asks one after the other.
-LogMessages messagesOf(const LogMessages& all, const std::string& module) {
-  LogMessages turn;
-  bool its = false;
-  for (const LogMessage& message : all) {
-    if (message.format == MESSAGE_CHECK_BEGINS) {
-      its = !message.arguments.empty() && message.arguments[0] == module;
-    }
-    if (its) {
-      turn.push_back(message);
-    }
-  }
-  return turn;
-}
-
 Finding reasonOf(const Library& library, const LogMessages& all, const std::string& module, bool pending) {
   if (const auto problem = bindingProblem(library, module)) {
     return *problem;
@@ -43,8 +28,7 @@ Finding reasonOf(const Library& library, const LogMessages& all, const std::stri
   if (kindOf(module) == std::string("EXT")) {
     return {Outcome::NothingToDo, "It runs its own procedure and is never pending; update starts it.", ""};
   }
-  const LogMessages turn = messagesOf(all, module);
-  if (const auto finding = strongestMeaning(turn, module)) {
+  if (const auto finding = strongestMeaning(checkOf(all, module), module)) {
     return *finding;
   }
   return {Outcome::ModuleFailed, module + " answered neither yes nor no.", ""};

@@ -133,9 +133,8 @@ Json::Value endedJson(const RunModule& module, const Finding& finding) {
   if (!finding.remedy.empty()) {
     value["remedy"] = finding.remedy;
   }
-  const auto& turn = module.turn;
-  if (turn && turn->end) {
-    value["elapsedSeconds"] = rounded(std::chrono::duration<double>(*turn->end - turn->start).count());
+  if (const auto seconds = module.turn ? module.turn->duration() : std::nullopt) {
+    value["elapsedSeconds"] = rounded(*seconds);
   }
   return value;
 }

@@ -128,6 +128,24 @@ const LogMessage* findMessage(const LogMessages& messages, const char* format) {
   return nullptr;
 }
 
+fwmessages::Logged loggedOf(const LogMessage& message) {
+  fwmessages::Logged logged;
+  logged.event = fwmessages::eventOf(message.format, message.function, message.arguments.size());
+  logged.time = std::chrono::nanoseconds(message.time.time_since_epoch()).count();
+  logged.threadId = static_cast<std::uint32_t>(message.thread);
+  logged.text = message.text;
+  logged.arguments = message.arguments;
+  return logged;
+}
+
+fwmessages::UpdateTracker trackerOf(const LogMessages& messages) {
+  fwmessages::UpdateTracker tracker;
+  for (const LogMessage& message : messages) {
+    tracker.take(loggedOf(message));
+  }
+  return tracker;
+}
+
 }  // namespace tool
 
 // Stands in front of the platform's function of this name. A module may log

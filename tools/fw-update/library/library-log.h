@@ -11,6 +11,8 @@
 #include <string>
 #include <vector>
 
+#include "update-tracker.h"
+
 namespace tool {
 
 struct LogMessage {
@@ -48,6 +50,11 @@ class LibraryLog {
 
 // The first message with this format, or null.
 const LogMessage* findMessage(const LogMessages& messages, const char* format);
+
+// As a tracker takes it; times are those of the steady clock.
+fwmessages::Logged loggedOf(const LogMessage& message);
+// The updates that these messages tell of.
+fwmessages::UpdateTracker trackerOf(const LogMessages& messages);
 
 }  // namespace tool
 

@@ -1,7 +1,6 @@
 #include "library/log-meanings.h"
 
 #include <algorithm>
-#include <cstdint>
 #include <cstring>
 #include <string_view>
 
@@ -103,13 +102,33 @@ Finding explainUpdate(int result, const LogMessages& messages, const std::string
 }
 
 std::optional<TimeLimit> timeLimit(const LogMessages& messages) {
-  const LogMessage* message = findMessage(messages, MESSAGE_LOCK_WANTED);
-  if (message == nullptr || message->arguments.size() < 2) {
-    return std::nullopt;
+  const fwmessages::UpdateTracker tracker = trackerOf(messages);
+  for (const fwmessages::Update& update : tracker.updates()) {
+    if (update.limit) {
+      return update.limit;
+    }
   }
-  // The library labels the seconds "ms" and prints them signed.
-  const auto expected = static_cast<std::uint32_t>(std::stoll(message->arguments[1]));
-  return TimeLimit{expected, static_cast<std::uint32_t>(expected + fwmessages::kWaitMarginSeconds)};
+  return std::nullopt;
+}
+
+LogMessages checkOf(const LogMessages& messages, const std::string& library) {
+  LogMessages check;
+  bool itsOwn = false;
+  for (const LogMessage& message : messages) {
+    if (message.format == MESSAGE_RUN_BEGINS) {
+      break;
+    }
+    if (message.format == MESSAGE_CHECK_BEGINS) {
+      itsOwn = !message.arguments.empty() && message.arguments[0] == library;
+      if (itsOwn) {
+        check.clear();  // the last time counts
+      }
+    }
+    if (itsOwn) {
+      check.push_back(message);
+    }
+  }
+  return check;
 }
 
 }  // namespace tool

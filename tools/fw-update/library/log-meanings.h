@@ -19,13 +19,13 @@ std::optional<Finding> strongestMeaning(const LogMessages& messages, const std::
 // were logged while it ran.
 Finding explainUpdate(int result, const LogMessages& messages, const std::string& module);
 
-// The expected duration in seconds and the time after which the library gives
-// up, once the library has logged them. The sum wraps as the library's does.
-struct TimeLimit {
-  unsigned int expected = 0;
-  unsigned int givesUp = 0;  // 0: never
-};
+// Of the update that these messages tell of, once the library has logged it.
+using fwmessages::TimeLimit;
 std::optional<TimeLimit> timeLimit(const LogMessages& messages);
+
+// What was logged when the library last asked this module whether it needs an image. A run
+// over all modules that came later is no part of it.
+LogMessages checkOf(const LogMessages& messages, const std::string& library);
 
 }  // namespace tool
 

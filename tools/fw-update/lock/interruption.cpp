@@ -4,14 +4,13 @@
 #include <semaphore.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <iostream>
 #include <utility>
 
 #include "fw-update-common.h"
-#include "library-messages.h"
 #include "library/library-log.h"
-#include "library/log-meanings.h"
 #include "lock/release-program.h"
 #include "terminal.h"
 
@@ -37,48 +36,30 @@ void releaseUpdateLock() {
   }
 }
 
-// Those of the module whose turn it is, in a run over several.
-LogMessages lastTurn(const LogMessages& messages) {
-  std::size_t begin = 0;
-  for (std::size_t i = 0; i < messages.size(); ++i) {
-    if (messages[i].format == MESSAGE_LOCK_WANTED) {
-      begin = i;
-    }
-  }
-  return LogMessages(messages.begin() + static_cast<std::ptrdiff_t>(begin), messages.end());
+using Is = bool fwmessages::Update::*;
+
+// Whether one of the updates since the mark is so.
+bool anyUpdate(std::size_t logMark, Is is) {
+  const fwmessages::UpdateTracker tracker = trackerOf(LibraryLog::instance().since(logMark));
+  return std::any_of(tracker.updates().begin(), tracker.updates().end(),
+                     [is](const fwmessages::Update& update) { return update.*is; });
 }
 
-// The library has given the lock back although the module may still work.
-bool gaveLockBack(const LogMessages& turn) {
-  return findMessage(turn, MESSAGE_TIMED_OUT) != nullptr ||
-         findMessage(turn, MESSAGE_POWER_RELEASE) != nullptr;
-}
-
-// The library logs the one message before it waits for the lock, the other one
-// when it has it.
-bool holdsLock(const LogMessages& turn) {
-  return findMessage(turn, MESSAGE_LOCK_TAKEN) != nullptr && !gaveLockBack(turn);
-}
-
-bool waitsForLock(const LogMessages& turn) {
-  return findMessage(turn, MESSAGE_LOCK_WANTED) != nullptr &&
-         findMessage(turn, MESSAGE_LOCK_TAKEN) == nullptr && !gaveLockBack(turn);
-}
-
+// The library may have given the lock back although a module still works.
 void leaveUpdate(std::size_t logMark, int signal) {
-  const auto turn = [logMark] { return lastTurn(LibraryLog::instance().since(logMark)); };
+  const auto holdsLock = [logMark] { return anyUpdate(logMark, &fwmessages::Update::holdsLock); };
   if (isTerminal(STDOUT_FILENO)) {
     std::cout << std::endl;
   }
-  if (waitsForLock(turn())) {
+  if (anyUpdate(logMark, &fwmessages::Update::waitsForLock)) {
     std::cerr << "fw-update: Another update held the lock. If none runs, it was left behind; give it back:\n"
                  "fw-update lock recover"
               << std::endl;
-  } else if (holdsLock(turn())) {
-    becomeLastAct(signal, [&turn] { return holdsLock(turn()); });
+  } else if (holdsLock()) {
+    becomeReleaseProgram(signal, holdsLock);
   }
   // That it could not is no reason to leave the lock taken.
-  if (holdsLock(turn())) {
+  if (holdsLock()) {
     releaseUpdateLock();
   }
 }

@@ -42,7 +42,7 @@ void closeAllBut(int descriptor) {
 
 // The turn keeps recoveries away: they would see a lock that is taken and in nobody's
 // hands. A second signal waits until the lock is given back; the mask is inherited.
-void becomeLastAct(int signal, const std::function<bool()>& holdsLock) {
+void becomeReleaseProgram(int signal, const std::function<bool()>& holdsLock) {
   const RecoveryTurn turn(kTurnPatience);
   if (!turn.isTaken()) {
     return;
@@ -60,7 +60,7 @@ void becomeLastAct(int signal, const std::function<bool()>& holdsLock) {
   pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
-void playLastAct(int argumentCount, char** arguments) {
+void runReleaseProgram(int argumentCount, char** arguments) {
   if (argumentCount != 3 || std::strcmp(arguments[0], kProgramName) != 0) {
     return;
   }

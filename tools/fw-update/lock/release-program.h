@@ -10,10 +10,10 @@
 namespace tool {
 
 // Returns when it is not possible, or when holdsLock(), asked last of all, says no.
-void becomeLastAct(int signal, const std::function<bool()>& holdsLock);
+void becomeReleaseProgram(int signal, const std::function<bool()>& holdsLock);
 
 // For main: whether this is that program. Ends the process then.
-void playLastAct(int argumentCount, char** arguments);
+void runReleaseProgram(int argumentCount, char** arguments);
 
 }  // namespace tool
 

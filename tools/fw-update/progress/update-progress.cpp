@@ -4,7 +4,6 @@
 #include <cmath>
 #include <vector>
 
-#include "library-messages.h"
 #include "printable-text.h"
 
 namespace tool {
@@ -12,6 +11,16 @@ namespace {
 
 constexpr std::size_t kWidestBar = 30;
 constexpr std::size_t kNarrowestBar = 8;
+
+// The first of these that an update has come to.
+constexpr struct {
+  fwmessages::Stage stage;
+  Phase phase;
+} kPhases[] = {
+    {fwmessages::Stage::Prepare, Phase::Updating},
+    {fwmessages::Stage::InModule, Phase::Updating},
+    {fwmessages::Stage::WaitForLock, Phase::Waiting},
+};
 
 std::string seconds(double value) {
   return std::to_string(static_cast<long long>(std::floor(value))) + " s";
@@ -41,16 +50,17 @@ UpdateProgress progressOf(const LogMessages& messages, const std::string& module
                           std::chrono::steady_clock::time_point now) {
   UpdateProgress progress;
   progress.module = module;
-  progress.limit = timeLimit(messages);
   auto since = start;
-  if (const LogMessage* waiting = findMessage(messages, MESSAGE_LOCK_WANTED)) {
-    progress.phase = Phase::Waiting;
-    since = waiting->time;
-  }
-  for (const char* format : {MESSAGE_LOCK_TAKEN, MESSAGE_PROCEDURE_BEGINS}) {
-    if (const LogMessage* updating = findMessage(messages, format)) {
-      progress.phase = Phase::Updating;
-      since = updating->time;
+  const fwmessages::UpdateTracker tracker = trackerOf(messages);
+  if (!tracker.updates().empty()) {
+    const fwmessages::Update& update = tracker.updates().back();
+    progress.limit = update.limit;
+    for (const auto& row : kPhases) {
+      if (const fwmessages::StageSpan* stage = update.find(row.stage)) {
+        progress.phase = row.phase;
+        since = std::chrono::steady_clock::time_point(std::chrono::nanoseconds(stage->span.begin));
+        break;
+      }
     }
   }
   progress.elapsed = std::max(0.0, std::chrono::duration<double>(now - since).count());

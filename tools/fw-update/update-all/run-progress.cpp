@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <map>
 #include <string>
 
 #include "library-messages.h"
@@ -36,22 +35,19 @@ double secondsDone(const PlannedModule& module, const UpdateProgress& progress) 
   return std::min(progress.elapsed, expected);
 }
 
-bool timedOut(const Turn& turn) {
-  return std::any_of(turn.messages.begin(), turn.messages.end(), isTimeOut);
-}
-
-bool has(const Turn& turn, const char* format) {
-  return findMessage(turn.messages, format) != nullptr;
+bool hasBegun(const Turn& turn) {
+  return turn.update.find(fwmessages::Stage::InModule) != nullptr;
 }
 
 // The last module before whose update was given up. The library lets only one
 // update of a process into a module, also when it has given that one up.
 std::optional<std::size_t> blockerOf(const Run& run, std::size_t index) {
-  if (!timedOut(*run[index].turn) || has(*run[index].turn, MESSAGE_WRITE_BEGINS)) {
+  if (!run[index].turn->update.timedOut || hasBegun(*run[index].turn)) {
     return std::nullopt;
   }
   while (index-- > 0) {
-    if (run[index].turn && timedOut(*run[index].turn) && has(*run[index].turn, MESSAGE_WRITE_BEGINS)) {
+    const auto& turn = run[index].turn;
+    if (turn && turn->update.timedOut && hasBegun(*turn)) {
       return index;
     }
   }
@@ -61,53 +57,17 @@ std::optional<std::size_t> blockerOf(const Run& run, std::size_t index) {
 // The turns that have begun.
 std::vector<Turn> turnsOf(const LogMessages& messages) {
   std::vector<Turn> turns;
-  std::map<long, std::size_t> turnOfWorker;
-  const LogMessage* begin = findMessage(messages, MESSAGE_RUN_BEGINS);
-  if (begin == nullptr) {
-    return turns;
-  }
-  for (const LogMessage& message : messages) {
-    if (message.thread != begin->thread) {
-      // A worker's first message comes in its own module's turn.
-      if (!turns.empty()) {
-        turns[turnOfWorker.try_emplace(message.thread, turns.size() - 1).first->second].messages.push_back(
-            message);
-      }
+  const fwmessages::UpdateTracker tracker = trackerOf(messages);
+  for (const fwmessages::Update& update : tracker.updates()) {
+    if (!update.ofRun) {
       continue;
     }
-    const bool next = message.format == MESSAGE_LOCK_WANTED;
-    if (!turns.empty() && !turns.back().end && (next || message.format == MESSAGE_POWER_RELEASE)) {
-      turns.back().end = message.time;
-    }
-    if (next) {
-      turns.push_back({message.arguments.empty() ? "" : message.arguments[0], {}, message.time, {}});
-    }
-    if (!turns.empty() && !turns.back().end) {
-      turns.back().messages.push_back(message);
+    turns.push_back({update, {}});
+    for (const std::size_t number : update.messages) {
+      turns.back().messages.push_back(messages[number]);
     }
   }
   return turns;
-}
-
-// What was logged when the run asked this module, before its first turn.
-LogMessages askedOf(const LogMessages& messages, const std::string& library) {
-  LogMessages asked;
-  bool itsOwn = false;
-  for (const LogMessage& message : messages) {
-    if (message.format == MESSAGE_RUN_BEGINS) {
-      break;
-    }
-    if (message.format == MESSAGE_CHECK_BEGINS) {
-      itsOwn = !message.arguments.empty() && message.arguments[0] == library;
-      if (itsOwn) {
-        asked.clear();  // the last time counts
-      }
-    }
-    if (itsOwn) {
-      asked.push_back(message);
-    }
-  }
-  return asked;
 }
 
 bool wasNeeded(const RunModule& module) {
@@ -119,7 +79,7 @@ bool wasNeeded(const RunModule& module) {
 std::size_t moduleOf(const Turn& turn, const Run& all, std::size_t from) {
   std::size_t found = all.size();
   for (std::size_t i = from; i < all.size(); ++i) {
-    if (all[i].planned.firmware != turn.firmware) {
+    if (all[i].planned.firmware != turn.update.firmware) {
       continue;
     }
     if (wasNeeded(all[i])) {
@@ -137,17 +97,25 @@ void makeDue(PlannedModule& module, const Turn& turn) {
   }
   module.due = true;
   module.reason = {};
-  if (const auto limit = timeLimit(turn.messages)) {
-    module.expectedSeconds = limit->expected;
+  if (turn.update.limit) {
+    module.expectedSeconds = turn.update.limit->expected;
   }
 }
 
 }  // namespace
 
+std::optional<double> Turn::duration() const {
+  const fwmessages::StageSpan* begin = update.find(fwmessages::Stage::WaitForLock);
+  if (!update.ended || begin == nullptr) {
+    return std::nullopt;
+  }
+  return static_cast<double>(*update.ended - begin->span.begin) / 1e9;
+}
+
 Run runOf(const std::vector<PlannedModule>& planned, const LogMessages& messages) {
   Run all;
   for (const PlannedModule& module : planned) {
-    all.push_back({module, askedOf(messages, module.library), std::nullopt});
+    all.push_back({module, checkOf(messages, module.library), std::nullopt});
   }
   std::size_t from = 0;
   for (const Turn& turn : turnsOf(messages)) {
@@ -177,7 +145,7 @@ std::size_t begunOf(const Run& run) {
 
 bool hasEnded(const Run& run, std::size_t index) {
   const auto& turn = run[index].turn;
-  return turn ? turn->end.has_value() : index < begunOf(run);
+  return turn ? turn->update.ended.has_value() : index < begunOf(run);
 }
 
 Finding resultOf(const Run& run, std::size_t index) {
@@ -203,7 +171,8 @@ Finding resultOf(const Run& run, std::size_t index) {
   // What came before tells of an end that the library missed; what comes later does
   // not count, unless all went well.
   const Finding finding = explainUpdate(1, LogMessages(turn.messages.begin(), givenUp + 1), module);
-  if (finding.outcome == Outcome::TimedOut && has(turn, MESSAGE_WRITE_SUCCEEDED)) {
+  if (finding.outcome == Outcome::TimedOut &&
+      findMessage(turn.messages, MESSAGE_WRITE_SUCCEEDED) != nullptr) {
     return {Outcome::Updated, module + " was updated, but only after the library had given it up.", ""};
   }
   return finding;
@@ -229,7 +198,7 @@ RunProgress runProgressOf(const Run& run, std::optional<unsigned int> percent,
     if (!run[i].turn) {
       continue;
     }
-    progress.module = progressOf(run[i].turn->messages, module.library, run[i].turn->start, now);
+    progress.module = progressOf(run[i].turn->messages, module.library, now, now);
     progress.module.percent = percent;
     done += secondsDone(module, progress.module);
     progress.secondsLeft -= std::min(expected, progress.module.elapsed);

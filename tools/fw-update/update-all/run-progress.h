@@ -17,10 +17,11 @@ namespace tool {
 
 // One module's turn.
 struct Turn {
-  std::string firmware;  // by which the library names the module
-  LogMessages messages;  // its own and its worker's, also those that came late
-  std::chrono::steady_clock::time_point start;
-  std::optional<std::chrono::steady_clock::time_point> end;
+  fwmessages::Update update;  // the library names only the firmware
+  LogMessages messages;       // its own and its worker's, also those that came late
+
+  // In seconds, when it is over.
+  std::optional<double> duration() const;
 };
 
 // One module of a run.

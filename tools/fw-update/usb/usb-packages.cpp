@@ -12,8 +12,8 @@ namespace {
 // Each module's turn begins with one of these: its package could not be opened, or
 // its signature was checked.
 bool beginsTurn(const LogMessage& message) {
-  return message.function == "zaq_verify" || message.format == MESSAGE_USB_PACKAGE_NOT_OPENED ||
-         message.format == MESSAGE_USB_PACKAGE_NOT_OPENED_AGAIN;
+  const fwmessages::Event event = loggedOf(message).event;
+  return event == fwmessages::Event::PackageChecked || event == fwmessages::Event::PackageMissing;
 }
 
 bool names(const LogMessages& turn, const std::string& firmware) {
@@ -108,13 +108,19 @@ bool signaturesChecked(const LogMessages& messages) {
 
 std::optional<RunningPackage> runningPackage(const std::vector<PackageState>& states,
                                              const LogMessages& messages) {
-  if (messages.empty() || messages.back().format != MESSAGE_WRITE_BEGINS) {
+  const fwmessages::UpdateTracker tracker = trackerOf(messages);
+  if (tracker.updates().empty()) {
     return std::nullopt;
   }
-  const LogMessage& start = messages.back();
+  const fwmessages::Update& update = tracker.updates().back();
+  const fwmessages::StageSpan* writing = update.find(fwmessages::Stage::InModule);
+  if (writing == nullptr || !writing->isOpen) {
+    return std::nullopt;
+  }
   for (std::size_t i = 0; i < states.size(); ++i) {
-    if (states[i].needed && !start.arguments.empty() && start.arguments[0] == states[i].firmware) {
-      return RunningPackage{i, start.time};
+    if (states[i].needed && update.firmware == states[i].firmware) {
+      return RunningPackage{
+          i, std::chrono::steady_clock::time_point(std::chrono::nanoseconds(writing->span.begin))};
     }
   }
   return std::nullopt;

@@ -1,0 +1,194 @@
+// What the library's messages tell of updates, message by message.
+#include "update-tracker.h"
+
+#include <gmock/gmock.h>
+
+#include "library-messages.h"
+
+namespace {
+
+using fwmessages::Activity;
+using fwmessages::Event;
+using fwmessages::Result;
+using fwmessages::Stage;
+using fwmessages::UpdateTracker;
+using ::testing::ElementsAre;
+using ::testing::SizeIs;
+
+constexpr std::uint32_t kClient = 1;
+constexpr std::uint32_t kWorker = 2;
+
+// Takes messages as the library logs them; each comes a second after the one before.
+class Story {
+ public:
+  Story& say(std::uint32_t thread, const char* format, std::vector<std::string> arguments = {},
+             const char* function = "") {
+    fwmessages::Logged logged;
+    logged.event = fwmessages::eventOf(format, function, arguments.size());
+    logged.time = ++second_ * 1000000000;
+    logged.threadId = thread;
+    logged.text = format;
+    logged.arguments = std::move(arguments);
+    tracker_.take(logged);
+    return *this;
+  }
+
+  Story& untilLock() {
+    say(kClient, MESSAGE_CHECK_BEGINS, {"libtuner", "tunerfw"});
+    return say(kClient, MESSAGE_LOCK_WANTED, {"tunerfw", "10"});
+  }
+  Story& untilWrite() {
+    untilLock().say(kWorker, MESSAGE_LOCK_TAKEN, {"tunerfw"});
+    return say(kWorker, MESSAGE_WRITE_BEGINS, {"tunerfw"}, "updateFirmware");
+  }
+  Story& timesOut() {
+    return say(kClient, MESSAGE_TIMED_OUT, {"tunerfw update timeout"}, "update_timeout_wrapper");
+  }
+
+  const UpdateTracker& tracker() const { return tracker_; }
+  const fwmessages::Update& last() const { return tracker_.updates().back(); }
+
+ private:
+  UpdateTracker tracker_;
+  std::int64_t second_ = 0;
+};
+
+TEST(UpdateEvents, AreTheLibrarysMessagesWithTheirArgumentsAndFunctions) {
+  EXPECT_EQ(fwmessages::eventOf(MESSAGE_LOCK_WANTED, "", 2), Event::LockWanted);
+  EXPECT_EQ(fwmessages::eventOf(MESSAGE_LOCK_WANTED, "", 1), Event::Other);
+  EXPECT_EQ(fwmessages::eventOf(MESSAGE_WRITE_BEGINS, "updateUSB", 1), Event::PackageWriteBegins);
+  EXPECT_EQ(fwmessages::eventOf(MESSAGE_WRITE_BEGINS, "updateFirmware", 1), Event::WriteBegins);
+  EXPECT_EQ(fwmessages::eventOf(MESSAGE_TIMED_OUT, "elsewhere", 1), Event::Other);
+  EXPECT_EQ(fwmessages::eventOf(MESSAGE_CHECKSUM_DIFFERS, "", 1), Event::Error);
+}
+
+TEST(UpdateTracker, KnowsWhoWaitsForTheLockAndWhoHoldsIt) {
+  Story story;
+
+  story.untilLock();
+  EXPECT_TRUE(story.last().waitsForLock);
+  EXPECT_FALSE(story.last().holdsLock);
+
+  story.say(kWorker, MESSAGE_LOCK_TAKEN, {"tunerfw"});
+  EXPECT_FALSE(story.last().waitsForLock);
+  EXPECT_TRUE(story.last().holdsLock);
+}
+
+TEST(UpdateTracker, TakesTheLockForGivenBackAfterATimeOut) {
+  Story story;
+  story.untilWrite().timesOut();
+
+  EXPECT_TRUE(story.last().timedOut);
+  EXPECT_FALSE(story.last().holdsLock);
+  EXPECT_EQ(story.last().result, Result::TimedOut);
+}
+
+TEST(UpdateTracker, TakesTheLockForGivenBackWhenTheRequestEnds) {
+  Story story;
+  story.untilWrite().say(kWorker, MESSAGE_WRITE_SUCCEEDED, {"tunerfw"});
+  EXPECT_TRUE(story.last().holdsLock) << "until the one who waits gives it back";
+
+  story.say(kClient, MESSAGE_REQUEST_ENDS, {"4", "0", "libtuner"});
+
+  EXPECT_FALSE(story.last().holdsLock);
+  EXPECT_EQ(story.last().result, Result::Updated);
+}
+
+TEST(UpdateTracker, KnowsOfNoLockForAUsbPackage) {
+  Story story;
+  story.say(kClient, MESSAGE_WRITE_BEGINS, {"tunerfw"}, "updateUSB");
+
+  EXPECT_FALSE(story.last().holdsLock);
+  EXPECT_FALSE(story.last().limit);
+}
+
+TEST(UpdateTracker, TellsUsbPackagesApartThatAreAppliedOneAfterTheOther) {
+  Story story;
+  story.say(kClient, MESSAGE_WRITE_BEGINS, {"tunerfw"}, "updateUSB");
+  story.say(kClient, MESSAGE_WRITE_SUCCEEDED, {"tunerfw"});
+  EXPECT_TRUE(story.last().ended);
+
+  story.say(kClient, MESSAGE_WRITE_BEGINS, {"panelfw"}, "updateUSB");
+  story.say(kClient, MESSAGE_WRITE_FAILED, {"panelfw", "5", "0", ""});
+
+  const auto& updates = story.tracker().updates();
+  ASSERT_THAT(updates, SizeIs(2));
+  EXPECT_EQ(updates[0].result, Result::Updated);
+  EXPECT_EQ(updates[1].result, Result::ModuleFailed);
+  EXPECT_EQ(updates[1].firmware, "panelfw");
+}
+
+TEST(UpdateTracker, GivesTheTimeLimitOfTheUpdate) {
+  Story story;
+  story.untilLock();
+
+  ASSERT_TRUE(story.last().limit);
+  EXPECT_EQ(story.last().limit->expected, 10U);
+  EXPECT_EQ(story.last().limit->givesUp, 12U);
+}
+
+TEST(UpdateTracker, GivesNoTimeLimitThatIsNoNumber) {
+  Story story;
+  story.say(kClient, MESSAGE_LOCK_WANTED, {"tunerfw", "soon"});
+
+  EXPECT_FALSE(story.last().limit);
+}
+
+TEST(UpdateTracker, EndsATurnOfARunWithTheNextAndTheLastWithTheRun) {
+  Story story;
+  story.say(kClient, MESSAGE_RUN_BEGINS);
+  story.say(kClient, MESSAGE_LOCK_WANTED, {"tunerfw", "10"});
+  story.say(kWorker, MESSAGE_LOCK_TAKEN, {"tunerfw"}).say(kWorker, MESSAGE_WRITE_SUCCEEDED, {"tunerfw"});
+  story.say(kClient, MESSAGE_LOCK_WANTED, {"wififw", "10"});
+  story.say(kClient, MESSAGE_POWER_RELEASE);
+
+  const auto& updates = story.tracker().updates();
+  ASSERT_THAT(updates, SizeIs(2));
+  EXPECT_TRUE(updates[0].ofRun && updates[1].ofRun);
+  EXPECT_EQ(updates[0].ended, 5 * std::int64_t{1000000000});
+  EXPECT_EQ(updates[0].result, Result::Updated);
+  EXPECT_EQ(updates[1].ended, 6 * std::int64_t{1000000000});
+  EXPECT_FALSE(updates[1].waitsForLock);
+}
+
+TEST(UpdateTracker, GivesEachUpdateItsMessagesAlsoThoseThatComeLate) {
+  Story story;
+  story.untilWrite().timesOut();
+  story.say(kClient, MESSAGE_LOCK_WANTED, {"wififw", "10"});
+  story.say(kWorker, MESSAGE_WRITE_SUCCEEDED, {"tunerfw"});
+
+  const auto& updates = story.tracker().updates();
+  ASSERT_THAT(updates, SizeIs(2));
+  EXPECT_THAT(updates[0].messages, ElementsAre(1, 2, 3, 4, 6));
+  EXPECT_THAT(updates[1].messages, ElementsAre(5));
+}
+
+TEST(UpdateTracker, CountsNoOldCheckAsPartOfATurn) {
+  Story story;
+  story.say(kClient, MESSAGE_CHECK_BEGINS, {"libtuner", "tunerfw"}).say(kClient, MESSAGE_RUN_BEGINS);
+  story.say(kClient, MESSAGE_LOCK_WANTED, {"tunerfw", "10"});
+
+  EXPECT_EQ(story.last().find(Stage::Check), nullptr);
+  EXPECT_EQ(story.last().module, "libtuner") << "which the check has told all the same";
+}
+
+TEST(UpdateTracker, NamesTheModuleWhoseTurnItIs) {
+  Story story;
+  story.untilLock().say(kClient, MESSAGE_CHECK_BEGINS, {"libwifi", "wififw"});
+  EXPECT_EQ(story.tracker().module(), "libwifi");
+
+  story.say(kClient, MESSAGE_SIGNATURE_VALID, {"UserCaller", "/usb/tunerfw.bin"});
+  EXPECT_EQ(story.tracker().module(), "libtuner");
+
+  story.say(kClient, MESSAGE_SIGNATURE_VALID, {"UserCaller", "/usb/unknownfw.bin"});
+  EXPECT_EQ(story.tracker().module(), "libtuner") << "what names none that is known changes nothing";
+}
+
+TEST(UpdateTracker, TellsWhatAProcessIsAt) {
+  EXPECT_EQ(fwmessages::activityAfter(Event::LockWanted), Activity::Wait);
+  EXPECT_EQ(fwmessages::activityAfter(Event::LockTaken), Activity::Write);
+  EXPECT_EQ(fwmessages::activityAfter(Event::TimedOut), Activity::Finish);
+  EXPECT_FALSE(fwmessages::activityAfter(Event::Error));
+}
+
+}  // namespace
