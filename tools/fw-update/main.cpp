@@ -14,7 +14,7 @@
 #include "clean-output.h"
 #include "command-line.h"
 #include "isolation/isolation.h"
-#include "isolation/watched.h"
+#include "isolation/supervised.h"
 #include "library/library-log.h"
 #include "lock/release-program.h"
 #include "report.h"
@@ -96,7 +96,7 @@ int runHere(const Options& options) {
   }
   put(report, options, LibraryLog::instance().since(0));
   const int code = std::cout.good() ? infoOf(report.finding.outcome).exitCode : 1;
-  watched::tell(ResultTold{code});
+  supervised::tellResult(code);
   // Nothing is torn down under a module that still runs.
   if (report.moduleRuns) {
     std::_Exit(code);
@@ -105,8 +105,11 @@ int runHere(const Options& options) {
 }
 
 // In a child process.
-int runThere(char** arguments, const Options& options) {
-  const IsolatedEnd end = runIsolated(arguments, options);
+int runThere(const Options& options) {
+  const IsolatedEnd end = runIsolated(options);
+  if (end.isChild) {
+    return runHere(options);
+  }
   if (end.signal != 0) {
     std::signal(end.signal, SIG_DFL);
     kill(getpid(), end.signal);
@@ -128,8 +131,7 @@ int perform(int argc, char** argv) {
   if (options.log) {
     setenv("FW_UPDATE_LOG", "stderr", 1);
   }
-  const bool isChild = watched::begin();
-  return options.isolated && !isChild ? runThere(argv, options) : runHere(options);
+  return options.isolated ? runThere(options) : runHere(options);
 }
 
 }  // namespace

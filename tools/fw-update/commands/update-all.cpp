@@ -12,7 +12,7 @@
 
 #include "commands.h"
 #include "fw-update-symbol-manager.h"
-#include "isolation/watched.h"
+#include "isolation/supervised.h"
 #include "library/library.h"
 #include "lock/interruption.h"
 #include "progress/progress-poller.h"
@@ -141,7 +141,7 @@ Json::Value endedJson(const RunModule& module, const Finding& finding) {
 
 // A module that failed may still be busy; only one that is done is asked.
 std::string versionAfter(const Library& library, const std::string& module) {
-  watched::tellStep(Step::Version, module);
+  supervised::tellStep(Step::Version, module);
   char version[128] = {};
   return library.facade->fw_getVersion(module.c_str(), version) == 0 ? version : "";
 }

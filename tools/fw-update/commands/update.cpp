@@ -5,7 +5,7 @@
 #include <future>
 
 #include "commands.h"
-#include "isolation/watched.h"
+#include "isolation/supervised.h"
 #include "library/library.h"
 #include "library/log-meanings.h"
 #include "lock/interruption.h"
@@ -24,7 +24,7 @@ double secondsSince(Clock::time_point start) {
 }
 
 std::string activeVersion(const Library& library, const std::string& name) {
-  watched::tellStep(Step::Version, name);
+  supervised::tellStep(Step::Version, name);
   char version[128] = {};
   return library.facade->fw_getVersion(name.c_str(), version) == 0 ? version : "";
 }
@@ -67,7 +67,7 @@ void requestUpdate(Report& report, const Options& options, FWUpdateContorl& faca
   const std::string data = options.requestData();
   const auto reporter = makeProgressReporter(options);
   reporter->start(options);
-  watched::tellStep(Step::Check, options.module);
+  supervised::tellStep(Step::Check, options.module);
   auto result = std::async(std::launch::async, [&] {
     return (facade.*options.caller->update)(options.module.c_str(), data.c_str());
   });

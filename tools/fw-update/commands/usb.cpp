@@ -12,7 +12,7 @@
 
 #include "commands.h"
 #include "fw-update-symbol-manager.h"
-#include "isolation/watched.h"
+#include "isolation/supervised.h"
 #include "library/library.h"
 #include "lock/interruption.h"
 #include "progress/progress-poller.h"
@@ -282,7 +282,7 @@ void describeResults(const Session& session, Report& report) {
   for (Json::Value& module : report.details["modules"]) {
     const std::string library = module["library"].asString();
     char version[128] = {};
-    watched::tellStep(Step::Version, library);
+    supervised::tellStep(Step::Version, library);
     if (!report.moduleRuns && session.library.facade->fw_getVersion(library.c_str(), version) == 0) {
       module["versionAfter"] = version;
     }

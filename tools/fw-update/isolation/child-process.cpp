@@ -1,120 +1,87 @@
 #include "isolation/child-process.h"
 
-#include <fcntl.h>
 #include <poll.h>
+#include <sys/mman.h>
 #include <sys/signalfd.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <climits>
-#include <cstdlib>
-#include <string>
+#include <new>
 #include <system_error>
-#include <vector>
-
-#include "isolation/watched.h"
 
 namespace tool {
 namespace {
 
-constexpr int kWatchedSignals[] = {SIGINT, SIGTERM, SIGHUP, SIGCHLD};
-constexpr std::size_t kGreatestDatagram = std::size_t{256} * 1024;
+constexpr int kTakenSignals[] = {SIGINT, SIGTERM, SIGHUP, SIGCHLD};
 
 [[noreturn]] void fail(const char* what) {
   throw std::system_error(errno, std::generic_category(), what);
 }
 
-// By its name, which the process list shows; by the link when the file was replaced.
-std::string ownProgram() {
-  char path[PATH_MAX];
-  const ssize_t length = readlink("/proc/self/exe", path, sizeof path);
-  const std::string name(path, length > 0 ? static_cast<std::size_t>(length) : 0);
-  return !name.empty() && access(name.c_str(), X_OK) == 0 ? name : "/proc/self/exe";
+ChildRecord* mapRecord() {
+  void* const memory =
+      mmap(nullptr, sizeof(ChildRecord), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  if (memory == MAP_FAILED) {
+    fail("mmap");
+  }
+  return new (memory) ChildRecord{};
 }
 
 }  // namespace
 
-ChildCommand::ChildCommand(char** arguments) {
+void ChildProcess::Unmap::operator()(ChildRecord* record) const {
+  munmap(record, sizeof(ChildRecord));
+}
+
+ChildProcess::ChildProcess(const std::string& module) : record_(mapRecord()) {
+  module.copy(record_->module, sizeof record_->module - 1);
   sigset_t taken;
   sigemptyset(&taken);
-  for (const int signal : kWatchedSignals) {
+  for (const int signal : kTakenSignals) {
     sigaddset(&taken, signal);
   }
   signals_.reset(signalfd(-1, &taken, SFD_CLOEXEC | SFD_NONBLOCK));
-  int ends[2] = {-1, -1};
-  if (!signals_ || socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) {
-    fail("socketpair");
+  if (!signals_) {
+    fail("signalfd");
   }
-  channel_.reset(ends[0]);
-  const fwplatform::UniqueFd channelEnd(ends[1]);
   sigprocmask(SIG_BLOCK, &taken, &maskBefore_);
   // A reader that goes away ends neither the child nor this process.
   struct sigaction ignore = {};
   ignore.sa_handler = SIG_IGN;
   sigaction(SIGPIPE, &ignore, &pipeBefore_);
   process_ = fork();
-  if (process_ == 0) {
-    become(arguments, channelEnd.get());
-  }
   if (process_ < 0) {
     fail("fork");
   }
-}
-
-ChildCommand::~ChildCommand() {
-  sigaction(SIGPIPE, &pipeBefore_, nullptr);
-  sigprocmask(SIG_SETMASK, &maskBefore_, nullptr);
-}
-
-void ChildCommand::become(char** arguments, int channelEnd) const {
-  sigaction(SIGPIPE, &pipeBefore_, nullptr);
-  sigprocmask(SIG_SETMASK, &maskBefore_, nullptr);
-  const int inherited = fcntl(channelEnd, F_DUPFD, 0);
-  setenv(watched::kVariable, std::to_string(inherited).c_str(), 1);
-  execv(ownProgram().c_str(), arguments);
-  _exit(127);
-}
-
-void ChildCommand::wait(std::chrono::milliseconds atMost, const Events& events) {
-  pollfd polled[] = {{channel_.get(), POLLIN, 0}, {signals_.get(), POLLIN, 0}};
-  poll(polled, 2, static_cast<int>(atMost.count()));
-  readSignals(events);
-  // After the child's end there is nothing more to come than what is there now.
-  readChannel(events);
-}
-
-void ChildCommand::readChannel(const Events& events) {
-  std::vector<char> datagram(kGreatestDatagram);
-  while (channel_) {
-    const ssize_t length = recv(channel_.get(), datagram.data(), datagram.size(), MSG_DONTWAIT);
-    if (length < 0 && errno == EINTR) {
-      continue;
-    }
-    if (length == 0 || (length < 0 && errno != EAGAIN)) {
-      channel_.reset();  // nobody tells anything any more
-    }
-    if (length <= 0) {
-      return;
-    }
-    if (const auto told = fromDatagram({datagram.data(), static_cast<std::size_t>(length)})) {
-      events.onTold(*told);
-    }
+  if (isChild()) {
+    signals_.reset();
+    giveSignalsBack();
   }
 }
 
-void ChildCommand::readSignals(const Events& events) {
+ChildProcess::~ChildProcess() {
+  giveSignalsBack();
+}
+
+void ChildProcess::giveSignalsBack() const {
+  sigaction(SIGPIPE, &pipeBefore_, nullptr);
+  sigprocmask(SIG_SETMASK, &maskBefore_, nullptr);
+}
+
+void ChildProcess::wait(std::chrono::milliseconds atMost, const OnSignal& onSignal) {
+  pollfd polled = {signals_.get(), POLLIN, 0};
+  poll(&polled, 1, static_cast<int>(atMost.count()));
   signalfd_siginfo info = {};
   while (read(signals_.get(), &info, sizeof info) == static_cast<ssize_t>(sizeof info)) {
     const int signal = static_cast<int>(info.ssi_signo);
     if (signal != SIGCHLD) {
-      events.onSignal(signal, info.ssi_code == SI_KERNEL);
+      onSignal(signal, info.ssi_code == SI_KERNEL);
     }
   }
 }
 
-std::optional<int> ChildCommand::status() {
+std::optional<int> ChildProcess::status() {
   int value = 0;
   if (!ended_ && waitpid(process_, &value, WNOHANG) == process_) {
     ended_ = value;
@@ -123,7 +90,7 @@ std::optional<int> ChildCommand::status() {
 }
 
 // Not when its number may be another's by now.
-void ChildCommand::kill(int signal) {
+void ChildProcess::kill(int signal) {
   if (!status()) {
     ::kill(process_, signal);
   }

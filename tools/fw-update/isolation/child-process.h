@@ -1,50 +1,58 @@
-// A child process that runs this program again with the same arguments, and the socket
-// on which it tells its story. Owns both; the process is not waited for when it still
-// runs at the end. One thread.
+// A child of this process that goes on in its place, and its record. Owns both; the process is
+// not waited for when it still runs at the end. One thread.
 #ifndef FW_UPDATE_TOOL_CHILD_PROCESS_H
 #define FW_UPDATE_TOOL_CHILD_PROCESS_H
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <csignal>
 #include <functional>
+#include <memory>
 #include <optional>
+#include <string>
 
-#include "isolation/told.h"
+#include "isolation/child-record.h"
 #include "unique-fd.h"
 
 namespace tool {
 
-class ChildCommand {
+class ChildProcess {
  public:
-  // Throws std::system_error. Takes the signals that end a command, and the child's
-  // end, away from this process: they come as events.
-  explicit ChildCommand(char** arguments);
-  ~ChildCommand();
-  ChildCommand(const ChildCommand&) = delete;
-  ChildCommand& operator=(const ChildCommand&) = delete;
+  // Forks: isChild() then is true in one of the two processes, which has the signals as they
+  // were. The other one takes the signals that end a command, and the child's end, away from
+  // itself: the former are handed out by wait(). Throws std::system_error.
+  // module: the one that the command names; empty when it names none.
+  explicit ChildProcess(const std::string& module);
+  ~ChildProcess();
+  ChildProcess(const ChildProcess&) = delete;
+  ChildProcess& operator=(const ChildProcess&) = delete;
 
-  struct Events {
-    std::function<void(const Told&)> onTold;
-    // fromTerminal: the child has got it as well.
-    std::function<void(int signal, bool fromTerminal)> onSignal;
-  };
-  // Waits for something to happen, at most this long, and tells all that has.
-  void wait(std::chrono::milliseconds atMost, const Events& events);
+  // fromTerminal: the child has got the signal as well.
+  using OnSignal = std::function<void(int signal, bool fromTerminal)>;
+  // Waits for something to happen, at most this long.
+  void wait(std::chrono::milliseconds atMost, const OnSignal& onSignal);
+
+  bool isChild() const { return process_ == 0; }
 
   // As waitpid gives it; empty while it runs.
   std::optional<int> status();
   void kill(int signal);
   pid_t id() const { return process_; }
+  ChildRecord& record() const { return *record_; }
+  // For the child: the record lasts as long as it does.
+  ChildRecord& keepRecord() { return *record_.release(); }
 
  private:
-  [[noreturn]] void become(char** arguments, int channelEnd) const;
-  void readChannel(const Events& events);
-  void readSignals(const Events& events);
+  struct Unmap {
+    void operator()(ChildRecord* record) const;
+  };
 
+  void giveSignalsBack() const;
+
+  std::unique_ptr<ChildRecord, Unmap> record_;
   pid_t process_ = -1;
   std::optional<int> ended_;
-  fwplatform::UniqueFd channel_;
   fwplatform::UniqueFd signals_;
   sigset_t maskBefore_ = {};
   struct sigaction pipeBefore_ = {};

@@ -11,9 +11,10 @@
 #include "clean-output.h"
 #include "fw-update-mount-manager.h"
 #include "isolation/child-process.h"
-#include "isolation/child-story.h"
 #include "isolation/crash-report.h"
+#include "isolation/dead-process-log.h"
 #include "isolation/left-mounts.h"
+#include "isolation/supervised.h"
 #include "lock/lock-recovery.h"
 #include "progress/progress-reporter.h"
 #include "terminal.h"
@@ -23,7 +24,6 @@ namespace tool {
 namespace {
 
 using Clock = std::chrono::steady_clock;
-using Seconds = ChildStory::Seconds;
 
 constexpr std::chrono::milliseconds kGlance{100};
 // Longer, this process did not run either, and the silence is not the child's.
@@ -36,28 +36,34 @@ constexpr int kSignalsThatKill = 3;
 
 class Watch {
  public:
-  Watch(char** arguments, const Options& options)
-      : patience_(options.patience), story_(options.module), child_(arguments) {}
+  explicit Watch(const Options& options) : patience_(options.patience), child_(options.module) {}
 
   // Until the child has ended, or does not even end when it is killed.
   void run() {
     while (!child_.status()) {
       const auto before = Clock::now();
-      glanceAt(kGlance);
+      glance(kGlance);
       silence_ += std::min<Seconds>(Clock::now() - before, kLongestGlance);
-      const auto allowed = story_.allowedSilence(patience_);
+      const auto allowed = allowedSilence(child_.record(), patience_);
       if (!hung_ && allowed && silence_ > *allowed) {
         hung_ = silence_;
-        killIt();
+        child_.kill(SIGKILL);
       }
       if (hung_ && silence_ > *hung_ + Seconds(kLastPatience)) {
         break;
       }
     }
-    glanceAt(std::chrono::milliseconds(0));
+    glance(std::chrono::milliseconds(0));
   }
 
-  const ChildStory& told() const { return story_; }
+  // In the child, which is watched from now on.
+  bool isChild() {
+    if (child_.isChild()) {
+      supervised::begin(child_.keepRecord());
+    }
+    return child_.isChild();
+  }
+  const ChildRecord& record() const { return child_.record(); }
   std::optional<int> status() { return child_.status(); }
   std::optional<Seconds> hungFor() const { return hung_; }
   pid_t process() const { return child_.id(); }
@@ -65,33 +71,28 @@ class Watch {
   int signal() const { return lastSignal_; }
 
  private:
-  void glanceAt(std::chrono::milliseconds atMost) {
-    child_.wait(atMost, {[this](const Told& one) { hear(one); },
-                         [this](int one, bool fromTerminal) { passOn(one, fromTerminal); }});
-  }
-
-  // Being asked for its progress is no sign that the module gets on.
-  void hear(const Told& one) {
-    story_.add(one);
-    if (!std::holds_alternative<ProgressTold>(one) && !hung_) {
+  // Being asked for its progress is no sign that a module gets on.
+  void glance(std::chrono::milliseconds atMost) {
+    child_.wait(atMost, [this](int one, bool fromTerminal) { passOn(one, fromTerminal); });
+    const std::uint32_t told = child_.record().told;
+    if (told != told_ && !hung_) {
       silence_ = Seconds(0);
     }
+    told_ = told;
   }
 
   void passOn(int one, bool fromTerminal) {
     lastSignal_ = one;
     if (++signals_ >= kSignalsThatKill) {
-      killIt();
+      child_.kill(SIGKILL);
     } else if (!fromTerminal) {
       child_.kill(one);
     }
   }
 
-  void killIt() { child_.kill(SIGKILL); }
-
   const Seconds patience_;
-  ChildStory story_;
-  ChildCommand child_;
+  ChildProcess child_;
+  std::uint32_t told_ = 0;
   Seconds silence_{0};
   std::optional<Seconds> hung_;
   int signals_ = 0;
@@ -114,12 +115,12 @@ void unmount(const std::vector<std::string>& directories, CleanedUp& cleaned) {
   }
 }
 
-CleanedUp cleanUp(const ChildStory& story, const std::set<std::string>& mountedBefore) {
+CleanedUp cleanUp(const ChildRecord& child, const std::set<std::string>& mountedBefore) {
   CleanedUp cleaned;
-  if (story.hasUsedLock()) {
+  if (child.usedLock != 0) {
     cleaned.lock = recoverUpdateLock(false);
   }
-  unmount(leftMounts(story.log(), mountedBefore), cleaned);
+  unmount(leftMounts(mountedBy(child), mountedBefore), cleaned);
   return cleaned;
 }
 
@@ -136,16 +137,16 @@ bool isGivenBack(const CleanedUp& cleaned) {
 }
 
 // A child that waited for the lock leaves it to those that have it.
-bool isLeftTaken(const CleanedUp& cleaned, const ChildStory& story) {
-  return cleaned.lock && story.step() == Step::Write && !isGivenBack(cleaned) &&
+bool isLeftTaken(const CleanedUp& cleaned, const ChildRecord& child) {
+  return cleaned.lock && child.step == Step::Write && !isGivenBack(cleaned) &&
          cleaned.lock->result != RecoveryResult::Free;
 }
 
-void tellCleanUp(Finding& finding, const CleanedUp& cleaned, const ChildStory& story) {
+void tellCleanUp(Finding& finding, const CleanedUp& cleaned, const ChildRecord& child) {
   if (isGivenBack(cleaned)) {
     finding.message += " It held the update lock, which was given back.";
   }
-  if (isLeftTaken(cleaned, story)) {
+  if (isLeftTaken(cleaned, child)) {
     finding.message += " It held the update lock. " + explainRecovery(*cleaned.lock).message;
     finding.remedy += " Give the lock back when no other update runs: fw-update lock recover";
   }
@@ -157,15 +158,15 @@ void tellCleanUp(Finding& finding, const CleanedUp& cleaned, const ChildStory& s
   }
 }
 
-void describe(Report& report, const CleanedUp& cleaned, const ChildStory& story) {
-  if (!story.module().empty()) {
-    report.details["module"] = story.module();
+void describe(Report& report, const CleanedUp& cleaned, const ChildRecord& child) {
+  if (!moduleOf(child).empty()) {
+    report.details["module"] = moduleOf(child);
   }
-  report.details["step"] = idOf(story.step());
+  report.details["step"] = idOf(child.step);
   if (isGivenBack(cleaned)) {
     report.details["lock"] = "given-back";
   }
-  if (isLeftTaken(cleaned, story)) {
+  if (isLeftTaken(cleaned, child)) {
     report.details["lock"] = "left-taken";
   }
   for (const std::string& directory : cleaned.unmounted) {
@@ -186,14 +187,14 @@ void tellRun(Finding& finding) {
 }
 
 Report reportOf(Watch& watch, const Options& options, const CleanedUp& cleaned) {
-  const ChildStory& story = watch.told();
+  const ChildRecord& child = watch.record();
   const auto status = watch.status();
   Report report;
   report.command = options.command->name;
   if (watch.hungFor()) {
-    report.finding = explainHang(story, *watch.hungFor());
+    report.finding = explainHang(child, *watch.hungFor());
   } else {
-    report.finding = explainCrash(story, *status);
+    report.finding = explainCrash(child, *status);
   }
   if (!status) {
     report.finding.message +=
@@ -201,19 +202,19 @@ Report reportOf(Watch& watch, const Options& options, const CleanedUp& cleaned) 
   } else if (!watch.hungFor() && WIFSIGNALED(*status)) {
     report.details["signal"] = signalName(WTERMSIG(*status));
   }
-  if (!watch.hungFor() && story.isAskedForProgress()) {
+  if (!watch.hungFor() && child.askedForProgress != 0) {
     report.details["askedForProgress"] = true;
   }
-  tellCleanUp(report.finding, cleaned, story);
+  tellCleanUp(report.finding, cleaned, child);
   tellRun(report.finding);
-  describe(report, cleaned, story);
+  describe(report, cleaned, child);
   return report;
 }
 
 // Its result is out: what comes now changes nothing about it.
 void warn(Watch& watch) {
-  const Finding finding = watch.hungFor() ? explainHang(watch.told(), *watch.hungFor())
-                                          : explainCrash(watch.told(), watch.status().value_or(0));
+  const Finding finding = watch.hungFor() ? explainHang(watch.record(), *watch.hungFor())
+                                          : explainCrash(watch.record(), watch.status().value_or(0));
   std::cerr << wrapped("fw-update: warning: " + finding.message, terminalWidth(STDERR_FILENO)) << std::endl;
 }
 
@@ -231,14 +232,16 @@ bool isClean(Watch& watch, int exitCode) {
 
 }  // namespace
 
-IsolatedEnd runIsolated(char** arguments, const Options& options) {
+IsolatedEnd runIsolated(const Options& options) {
   const std::set<std::string> mountedBefore = mountedPackages();
-  Watch watch(arguments, options);
-  watch.run();
-
+  Watch watch(options);
   IsolatedEnd end;
-  end.log = watch.told().log();
-  const auto result = watch.told().result();
+  end.isChild = watch.isChild();
+  if (end.isChild) {
+    return end;
+  }
+  watch.run();
+  const auto result = resultOf(watch.record());
   if (result && isClean(watch, *result)) {
     end.exitCode = *result;
     return end;
@@ -246,7 +249,7 @@ IsolatedEnd runIsolated(char** arguments, const Options& options) {
   if (hasLiveLine()) {
     std::cout << base::emptyLine() << std::flush;
   }
-  const CleanedUp cleaned = cleanUp(watch.told(), mountedBefore);
+  const CleanedUp cleaned = cleanUp(watch.record(), mountedBefore);
   if (result) {
     warn(watch);
     end.exitCode = *result;
@@ -254,6 +257,7 @@ IsolatedEnd runIsolated(char** arguments, const Options& options) {
     end.signal = watch.signal();
   } else {
     end.report = reportOf(watch, options, cleaned);
+    end.log = options.log ? logOfDeadProcess(watch.process()) : LogMessages();
   }
   return end;
 }

@@ -14,13 +14,15 @@
 namespace tool {
 
 struct IsolatedEnd {
+  bool isChild = false;          // this is the child: the command is to be run
   int exitCode = 0;              // of the child, when it has put its result out
   std::optional<Report> report;  // what is to be put out when it has not
-  LogMessages log;               // the library's, as the child told it
+  LogMessages log;               // the library's, as the child's trace has it; with --log
   int signal = 0;                // the one that this process is to end by
 };
 
-IsolatedEnd runIsolated(char** arguments, const Options& options);
+// Returns in both processes.
+IsolatedEnd runIsolated(const Options& options);
 
 }  // namespace tool
 

@@ -3,8 +3,6 @@
 #include <fstream>
 #include <sstream>
 
-#include "library-messages.h"
-
 namespace tool {
 namespace {
 
@@ -26,15 +24,11 @@ std::set<std::string> mountedPackages() {
   return directories;
 }
 
-std::vector<std::string> leftMounts(const LogMessages& log, const std::set<std::string>& before) {
+std::vector<std::string> leftMounts(const std::vector<std::string>& told,
+                                    const std::set<std::string>& before) {
   const std::set<std::string> now = mountedPackages();
   std::set<std::string> left;
-  for (const LogMessage& message : log) {
-    if (message.format != MESSAGE_MOUNT_REQUESTED || message.arguments.empty()) {
-      continue;
-    }
-    const std::string& words = message.arguments[0];  // the directory is the last
-    const std::string directory = words.substr(words.rfind(' ') + 1);
+  for (const std::string& directory : told) {
     if (now.count(directory) != 0 && before.count(directory) == 0) {
       left.insert(directory);
     }

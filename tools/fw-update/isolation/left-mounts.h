@@ -6,16 +6,14 @@
 #include <string>
 #include <vector>
 
-#include "library/library-log.h"
-
 namespace tool {
 
 // The directories below the place of extension packages that have something mounted.
 std::set<std::string> mountedPackages();
 
-// Those of them that the command mounted, as its log tells, and that were not mounted
-// before it.
-std::vector<std::string> leftMounts(const LogMessages& log, const std::set<std::string>& before);
+// Those that the command mounted, as it told, that still are mounted, and were not before it.
+std::vector<std::string> leftMounts(const std::vector<std::string>& told,
+                                    const std::set<std::string>& before);
 
 }  // namespace tool
 

@@ -11,7 +11,7 @@
 #include <utility>
 
 #include "dlog.h"
-#include "isolation/watched.h"
+#include "isolation/supervised.h"
 #include "library-messages.h"
 
 namespace tool {
@@ -102,7 +102,7 @@ LibraryLog& LibraryLog::instance() {
 
 void LibraryLog::add(LogMessage message) {
   const std::lock_guard lock(mutex_);
-  watched::tell(message);
+  supervised::tellMessage(message);
   messages_.push_back(std::move(message));
 }
 

@@ -11,7 +11,7 @@
 #include <system_error>
 
 #include "fw-update-symbol.h"
-#include "isolation/watched.h"
+#include "isolation/supervised.h"
 #include "library-messages.h"
 #include "library/library-log.h"
 #include "library/log-meanings.h"
@@ -77,15 +77,15 @@ std::optional<Finding> scanProblem(const LogMessages& messages) {
 class LoadedModules {
  public:
   LoadedModules() {
-    if (!watched::isWatched()) {
+    if (!supervised::isSupervised()) {
       return;
     }
     for (const std::string& name : moduleNames()) {
-      watched::tellStep(Step::Load, name);
+      supervised::tellStep(Step::Load, name);
       handles_.emplace_back(dlopen((kControlsDirectory + ("/" + name + ".so")).c_str(), RTLD_NOW));
-      watched::tellStep(Step::Load, name, inspectModule(name).firmwareName);
+      supervised::tellStep(Step::Load, name, inspectModule(name).firmwareName);
     }
-    watched::tellStep(Step::Start, "");
+    supervised::tellStep(Step::Start, "");
   }
 
  private:
@@ -148,7 +148,7 @@ ModuleFile inspectModule(const std::string& name) {
   const LibraryLog& log = LibraryLog::instance();
   const std::size_t mark = log.mark();
   FWUpdateSymbol module(name);
-  watched::tellStep(Step::Load, name);
+  supervised::tellStep(Step::Load, name);
   if (module.loadSymbol(name) != 0) {
     file.problem = strongestMeaning(log.since(mark), name);
     if (!file.problem) {  // the library says nothing of a path that leads nowhere
@@ -159,7 +159,7 @@ ModuleFile inspectModule(const std::string& name) {
     return file;
   }
   file.firmwareName = module.getFirmwareName();
-  watched::tellStep(Step::Version, name, file.firmwareName);
+  supervised::tellStep(Step::Version, name, file.firmwareName);
   try {
     std::array<char, 128> version{};
     module.getActiveVersion(version.data());

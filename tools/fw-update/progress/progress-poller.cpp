@@ -6,7 +6,7 @@
 #include <thread>
 
 #include "fw-update-symbol-manager.h"
-#include "isolation/watched.h"
+#include "isolation/supervised.h"
 
 namespace tool {
 namespace {
@@ -16,8 +16,8 @@ constexpr std::chrono::milliseconds kPatience{500};
 
 // Tells a watcher whose turn it is, should the module crash.
 struct Asking {
-  Asking() { watched::tell(ProgressTold{true}); }
-  ~Asking() { watched::tell(ProgressTold{false}); }
+  Asking() { supervised::tellProgress(true); }
+  ~Asking() { supervised::tellProgress(false); }
   Asking(const Asking&) = delete;
   Asking& operator=(const Asking&) = delete;
 };

@@ -9,7 +9,7 @@
 #include <sstream>
 
 #include "fw-update-symbol.h"
-#include "isolation/watched.h"
+#include "isolation/supervised.h"
 #include "library-messages.h"
 #include "library/library-log.h"
 #include "library/log-meanings.h"
@@ -78,7 +78,7 @@ Finding reasonOf(const Library& library, const std::string& module, const LogMes
 PlannedModule ask(const Library& library, const FWUpdateItem& item, bool leaveNoTrace) {
   PlannedModule planned{item.file_name, item.fw_name, item.version, false, 0, {}};
   FWUpdateSymbol record(planned.library);
-  watched::tellStep(Step::Load, planned.library, planned.firmware);
+  supervised::tellStep(Step::Load, planned.library, planned.firmware);
   record.loadSymbol(planned.library);
   const std::size_t mark = LibraryLog::instance().mark();
   {
