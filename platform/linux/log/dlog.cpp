@@ -23,20 +23,6 @@
 
 namespace {
 
-enum class Sink { Journal, Syslog, Stderr, None };
-
-struct NamedSink {
-  std::string_view name;
-  Sink sink;
-};
-
-constexpr NamedSink kSinks[] = {
-    {"journal", Sink::Journal},
-    {"syslog", Sink::Syslog},
-    {"stderr", Sink::Stderr},
-    {"none", Sink::None},
-};
-
 struct Level {
   int highestPriority;
   int syslogPriority;
@@ -149,52 +135,6 @@ void complain(const char* variable, const char* value, const char* known, const 
                 "\" (known: " + known + "); " + instead + "\n");
 }
 
-Sink defaultSink() {
-  return fwplatform::journalIsThere() ? Sink::Journal : Sink::Syslog;
-}
-
-Sink chooseSink() {
-  const char* setting = secure_getenv("FW_UPDATE_LOG");
-  if (setting == nullptr) {
-    return defaultSink();
-  }
-  for (const NamedSink& known : kSinks) {
-    if (known.name == setting) {
-      return known.sink == Sink::Journal ? defaultSink() : known.sink;
-    }
-  }
-  const Sink sink = defaultSink();
-  complain("FW_UPDATE_LOG", setting, "journal, syslog, stderr, none",
-           sink == Sink::Journal ? "messages go to the journal" : "messages go to syslog");
-  return sink;
-}
-
-int chooseLowestPriority() {
-  const char* setting = secure_getenv("FW_UPDATE_LOG_LEVEL");
-  if (setting == nullptr) {
-    return INT_MIN;
-  }
-  for (const NamedLevel& known : kNamedLevels) {
-    if (known.name == setting) {
-      return known.lowestPriority;
-    }
-  }
-  complain("FW_UPDATE_LOG_LEVEL", setting, "debug, info, warning, error", "every message is written");
-  return INT_MIN;
-}
-
-struct Choice {
-  Sink sink;
-  int lowestPriority;
-};
-
-// Chosen once, so that the complaint comes once and a later change of the
-// environment is no race.
-const Choice& choice() {
-  static const Choice kChoice = {chooseSink(), chooseLowestPriority()};
-  return kChoice;
-}
-
 // The message, or a negative errno value in length. error is what %m shows.
 std::string formatMessage(const char* format, va_list arguments, int error, int& length) {
   char fixed[1024];
@@ -254,36 +194,114 @@ fwplatform::CodePlace placeOf(const char* format, va_list arguments) {
   return place;
 }
 
-int handOver(Sink sink, const Level& level, const char* tag, const fwplatform::CodePlace& place,
-             std::string_view message) {
-  const std::string_view body = withoutTrailingLineFeeds(message);
-  std::string text = base::printableText(tag == nullptr ? "(null)" : tag);
-  if (sink == Sink::Journal) {
-    return fwplatform::writeToJournal(level.syslogPriority, text, place, base::printableText(body));
-  }
-  text += ' ';
-  text += base::printableText(body);
-  if (sink == Sink::Stderr) {
-    return writeToStderr(timeOfDay() + ' ' + level.letter + ' ' + text + '\n');
-  }
-  text += message.substr(body.size());
-  syslog(LOG_USER | level.syslogPriority, "%s", text.c_str());
+// ---- Where messages go ----------------------------------------------------------
+
+struct Line {
+  const Level& level;
+  std::string tag;
+  std::string body;
+  std::string ending;  // the message's line feeds
+  const fwplatform::CodePlace& place;
+};
+
+int toJournal(const Line& line) {
+  return fwplatform::writeToJournal(line.level.syslogPriority, line.tag, line.place, line.body);
+}
+
+int toSyslog(const Line& line) {
+  syslog(LOG_USER | line.level.syslogPriority, "%s %s%s", line.tag.c_str(), line.body.c_str(),
+         line.ending.c_str());
   return 0;
+}
+
+int toStderr(const Line& line) {
+  return writeToStderr(timeOfDay() + ' ' + line.level.letter + ' ' + line.tag + ' ' + line.body + '\n');
+}
+
+// A new place for messages is a function above and a row here.
+struct Sink {
+  std::string_view name;
+  int (*write)(const Line& line);  // null: nowhere
+};
+
+constexpr Sink kSinks[] = {
+    {"journal", toJournal},
+    {"syslog", toSyslog},
+    {"stderr", toStderr},
+    {"none", nullptr},
+};
+constexpr const Sink& kJournal = kSinks[0];
+constexpr const Sink& kSyslog = kSinks[1];
+
+const Sink& defaultSink() {
+  return fwplatform::journalIsThere() ? kJournal : kSyslog;
+}
+
+std::string sinkNames() {
+  std::string names;
+  for (const Sink& sink : kSinks) {
+    names += (names.empty() ? "" : ", ") + std::string(sink.name);
+  }
+  return names;
+}
+
+const Sink& chooseSink() {
+  const char* setting = secure_getenv("FW_UPDATE_LOG");
+  if (setting == nullptr) {
+    return defaultSink();
+  }
+  for (const Sink& known : kSinks) {
+    if (known.name == setting) {
+      return &known == &kJournal ? defaultSink() : known;
+    }
+  }
+  const Sink& sink = defaultSink();
+  complain("FW_UPDATE_LOG", setting, sinkNames().c_str(),
+           &sink == &kJournal ? "messages go to the journal" : "messages go to syslog");
+  return sink;
+}
+
+int chooseLowestPriority() {
+  const char* setting = secure_getenv("FW_UPDATE_LOG_LEVEL");
+  if (setting == nullptr) {
+    return INT_MIN;
+  }
+  for (const NamedLevel& known : kNamedLevels) {
+    if (known.name == setting) {
+      return known.lowestPriority;
+    }
+  }
+  complain("FW_UPDATE_LOG_LEVEL", setting, "debug, info, warning, error", "every message is written");
+  return INT_MIN;
+}
+
+struct Choice {
+  const Sink* sink;
+  int lowestPriority;
+};
+
+// Chosen once, so that the complaint comes once and a later change of the
+// environment is no race.
+const Choice& choice() {
+  static const Choice kChoice = {&chooseSink(), chooseLowestPriority()};
+  return kChoice;
 }
 
 int print(int error, int priority, const char* tag, const char* format, va_list arguments) {
   const Choice& chosen = choice();
-  if (chosen.sink == Sink::None || priority < chosen.lowestPriority) {
+  if (chosen.sink->write == nullptr || priority < chosen.lowestPriority) {
     return 0;
   }
-  const fwplatform::CodePlace place =
-      chosen.sink == Sink::Journal ? placeOf(format, arguments) : fwplatform::CodePlace();
+  const fwplatform::CodePlace place = placeOf(format, arguments);
   int length = 0;
   const std::string message = formatMessage(format, arguments, error, length);
   if (length < 0) {
     return length;
   }
-  const int status = handOver(chosen.sink, levelOf(priority), tag, place, message);
+  const std::string_view body = withoutTrailingLineFeeds(message);
+  const int status =
+      chosen.sink->write({levelOf(priority), base::printableText(tag == nullptr ? "(null)" : tag),
+                          base::printableText(body), message.substr(body.size()), place});
   return status < 0 ? status : length;
 }
 
