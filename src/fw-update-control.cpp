@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "callers.h"
 #include "diagnostic-log.h"
 #include "fw-update-symbol-manager.h"
 #include "library-messages.h"
@@ -46,7 +47,7 @@ int FWUpdateContorl::fw_update_from_debug(const char* name, const char* data) {
 }
 
 int FWUpdateContorl::fw_update_from_factory_automation(const char* name, const char* /*data*/) {
-  return fw_update_from_control(name, CALLER_UPGRADE_APP, "FACTORY_AUTOMATION");
+  return fw_update_from_control(name, CALLER_UPGRADE_APP, fwcallers::kFactoryAutomation);
 }
 
 int FWUpdateContorl::fw_update_from_upgrade_app(const char* name, const char* data) {

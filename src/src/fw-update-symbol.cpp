@@ -13,6 +13,7 @@
 #include <optional>
 
 #include "app-binary-manager.h"
+#include "callers.h"
 #include "diagnostic-log.h"
 #include "empty-data.h"
 #include "file-handles.h"
@@ -36,7 +37,6 @@ constexpr const char* kSboxDirectory = "/opt/usr/share/sbox/";
 constexpr const char* kUsbDrive = "/opt/media/USBDriveA";
 constexpr int kLastUsbDrive = 10;
 
-constexpr const char* kFactoryAutomation = "FACTORY_AUTOMATION";
 constexpr unsigned int kProcessUpdateSeconds = 1800;
 
 // ---- Binding ----------------------------------------------------------------
@@ -78,27 +78,11 @@ bool isAsciiLetterOrDigit(char c) {
 
 // ---- File locations ---------------------------------------------------------
 
-// What each caller's request is served from; every other caller's is the package.
-constexpr struct {
-  CallerTypes caller;
-  UPDATE_TYPE type;
-} kUpdateTypes[] = {
-    {CALLER_FACTORY, UPDATE_TYPE_USB},         {CALLER_DEBUG, UPDATE_TYPE_EMP},
-    {CALLER_QUERY, UPDATE_TYPE_EMP},           {CALLER_USB_PACKAGE, UPDATE_TYPE_EMP},
-    {CALLER_UPGRADE_APP, UPDATE_TYPE_BUILTIN}, {CALLER_LSM, UPDATE_TYPE_SBOX},
-    {CALLER_RESERVED6, UPDATE_TYPE_BUILTIN},   {CALLER_UPGRADE_EPSOLUTION, UPDATE_TYPE_BUILTIN},
-};
-
 UPDATE_TYPE callerToUpdateType(CallerTypes caller, char* data) {
   if (caller == CALLER_DEBUG && data != nullptr && std::strcmp(data, "USB") == 0) {
     return UPDATE_TYPE_USB;
   }
-  for (const auto& row : kUpdateTypes) {
-    if (row.caller == caller) {
-      return row.type;
-    }
-  }
-  return UPDATE_TYPE_EMP;
+  return fwcallers::imagesOf(caller);
 }
 
 // ---- Signature --------------------------------------------------------------
@@ -530,7 +514,7 @@ int FWUpdateSymbol::isNeedUpdate(CallerTypes caller, char* data) {
     getActiveVersion(activeVersion);
     // The package image's path, not the firmware name, is printed on purpose.
     FW_LOG(diagnostics::kError, MESSAGE_NOT_NEEDED, empImagePath.c_str(), activeVersion);
-    if (data != nullptr && std::strcmp(data, kFactoryAutomation) == 0) {
+    if (data != nullptr && std::strcmp(data, fwcallers::kFactoryAutomation) == 0) {
       need = 0;
     }
   }

@@ -21,8 +21,10 @@ constexpr const char* kExitCodes =
 
 std::string callerLines() {
   std::string lines = "Callers, and where their images come from:\n";
-  for (const Caller& caller : kCallers) {
-    lines += "  " + (caller.name + std::string(20, ' ')).substr(0, 20) + caller.images + "\n";
+  for (const fwcallers::Caller& caller : fwcallers::kCallers) {
+    if (caller.name != nullptr) {
+      lines += "  " + (caller.name + std::string(20, ' ')).substr(0, 20) + caller.places + "\n";
+    }
   }
   return lines;
 }
@@ -39,9 +41,10 @@ void addOutputOptions(CLI::App& app, Options& options) {
 
 void addCallerOptions(CLI::App& app, Options& options) {
   app.add_option_function<std::string>(
-         "--caller", [&options](const std::string& name) { options.caller = findCaller(name); }, "Who asks")
+         "--caller", [&options](const std::string& name) { options.caller = fwcallers::findCaller(name); },
+         "Who asks")
       ->check([](const std::string& name) {
-        return findCaller(name) != nullptr ? std::string() : "there is no caller " + name;
+        return fwcallers::findCaller(name) != nullptr ? std::string() : "there is no caller " + name;
       })
       ->type_name("NAME");
   app.add_option("--data", options.data, "Request data for the module, at most 127 characters")

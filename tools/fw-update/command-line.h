@@ -17,7 +17,7 @@ struct Command;
 struct Options {
   const Command* command = nullptr;
   std::string module;
-  const Caller* caller = findCaller(kDefaultCaller);
+  const fwcallers::Caller* caller = fwcallers::findCaller(fwcallers::kDefaultCaller);
   std::string data;
   std::string directory;  // of USB packages; empty: the drive
   std::string keyFile;

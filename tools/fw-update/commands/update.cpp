@@ -69,7 +69,7 @@ void requestUpdate(Report& report, const Options& options, FWUpdateContorl& faca
   reporter->start(options);
   supervised::tellStep(Step::Check, options.module);
   auto result = std::async(std::launch::async, [&] {
-    return (facade.*options.caller->update)(options.module.c_str(), data.c_str());
+    return facade.fw_update_from_control(options.module.c_str(), options.caller->type, data.c_str());
   });
   ProgressPoller poller(options.module);
   do {

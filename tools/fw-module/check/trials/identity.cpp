@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <cctype>
 
+#include "callers.h"
 #include "module-name.h"
 #include "trials.h"
 
@@ -35,12 +36,20 @@ std::string problemOf(const std::string& identifier) {
   return firmwareOf(identifier).empty() ? "\"emp\", which leaves no name for the firmware" : "";
 }
 
+// Who asks for versions first, then the others, once each.
+std::vector<CallerTypes> callerTypes() {
+  std::vector<CallerTypes> types{CALLER_QUERY};
+  for (const fwcallers::Caller& caller : fwcallers::kCallers) {
+    if (std::find(types.begin(), types.end(), caller.type) == types.end()) {
+      types.push_back(caller.type);
+    }
+  }
+  return types;
+}
+
 void tryContexts(const Stage& stage) {
-  constexpr CallerTypes kCallers[] = {CALLER_QUERY,       CALLER_FACTORY,           CALLER_DEBUG,
-                                      CALLER_USB_PACKAGE, CALLER_UPGRADE_APP,       CALLER_LSM,
-                                      CALLER_RESERVED6,   CALLER_UPGRADE_EPSOLUTION};
-  const std::string requests[] = {"", "USB", "FACTORY_AUTOMATION", std::string(kLongestText, 'x')};
-  for (const CallerTypes caller : kCallers) {
+  const std::string requests[] = {"", "USB", fwcallers::kFactoryAutomation, std::string(kLongestText, 'x')};
+  for (const CallerTypes caller : callerTypes()) {
     for (const std::string& request : requests) {
       const int result = stage.module.setContext(caller, request, "with a caller and request data");
       stage.transcript.judge(result == 0, Check::Context, EntryPoint::SetContext,
