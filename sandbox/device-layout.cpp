@@ -5,15 +5,14 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <filesystem>
 #include <stdexcept>
-#include <system_error>
 #include <vector>
 
 #include "device-namespace.h"
 #include "directory-tree.h"
 #include "mount-table.h"
+#include "system-error.h"
 
 namespace sandbox {
 namespace fs = std::filesystem;
@@ -24,25 +23,25 @@ constexpr const char* kMountPlaces[] = {"/opt/usr/apps/appbinarymanager", "/opt/
 
 void changeMode(const std::string& path, mode_t mode) {
   if (chmod(path.c_str(), mode) != 0) {
-    throw std::system_error(errno, std::generic_category(), "cannot set the mode of " + path);
+    base::throwErrno("cannot set the mode of " + path);
   }
 }
 
 void unmountPackagesAndDrives() {
-  auto points = mountPoints();
+  auto points = base::mountPoints();
   std::reverse(points.begin(), points.end());
   for (const auto& point : points) {
     const bool inside = std::any_of(std::begin(kMountPlaces), std::end(kMountPlaces),
-                                    [&](const char* place) { return isBelow(point, place); });
+                                    [&](const char* place) { return base::isBelow(point, place); });
     if (inside && umount2(point.c_str(), MNT_DETACH) != 0) {
-      throw std::system_error(errno, std::generic_category(), "cannot unmount " + point);
+      base::throwErrno("cannot unmount " + point);
     }
   }
 }
 
 bool leadsToMount(const std::string& path, const std::vector<std::string>& mounts) {
   return std::any_of(mounts.begin(), mounts.end(),
-                     [&](const std::string& mounted) { return isWithin(mounted, path); });
+                     [&](const std::string& mounted) { return base::isWithin(mounted, path); });
 }
 
 void emptyDirectory(const std::string& directory, const std::vector<std::string>& mounts) {
@@ -82,7 +81,7 @@ void clearDevice() {
   }
   unmountPackagesAndDrives();
   removeVerifierLibrary();
-  const auto mounts = mountPoints();
+  const auto mounts = base::mountPoints();
   for (const auto& directory : kDeviceDirectories) {
     if (directory.place == Place::Own || directory.place == Place::OverHost) {
       changeMode(directory.path, directory.mode);

@@ -22,6 +22,7 @@
 #include "file-descriptor.h"
 #include "host-mounts.h"
 #include "mount-table.h"
+#include "system-error.h"
 
 namespace sandbox {
 namespace fs = std::filesystem;
@@ -39,7 +40,7 @@ constexpr char kNamespacesRefused[] =
 
 struct HostPath {
   std::string path;
-  FileDescriptor handle;
+  base::FileDescriptor handle;
 };
 
 class Umask {
@@ -58,15 +59,11 @@ bool& entered() {
   return value;
 }
 
-[[noreturn]] void fail(const std::string& what) {
-  throw std::system_error(errno, std::generic_category(), what);
-}
-
 void writeProcFile(const char* path, const std::string& text) {
-  const FileDescriptor file(open(path, O_WRONLY | O_CLOEXEC));
+  const base::FileDescriptor file(open(path, O_WRONLY | O_CLOEXEC));
   const auto length = static_cast<ssize_t>(text.size());
-  if (!file.valid() || write(file.get(), text.data(), text.size()) != length) {
-    fail(std::string("cannot write ") + path + ": " + kNamespacesRefused);
+  if (!file || write(file.get(), text.data(), text.size()) != length) {
+    base::throwErrno(std::string("cannot write ") + path + ": " + kNamespacesRefused);
   }
 }
 
@@ -78,7 +75,7 @@ bool unshareNamespaces() {
   const auto user = std::to_string(geteuid());
   const auto group = std::to_string(getegid());
   if (errno != EPERM || unshare(CLONE_NEWUSER | CLONE_NEWNS | CLONE_NEWIPC) != 0) {
-    fail(kNamespacesRefused);
+    base::throwErrno(kNamespacesRefused);
   }
   writeProcFile("/proc/self/setgroups", "deny");  // the kernel wants this before gid_map
   writeProcFile("/proc/self/uid_map", "0 " + user + " 1");
@@ -88,7 +85,7 @@ bool unshareNamespaces() {
 
 void mountMemory(const std::string& target) {
   if (mount("tmpfs", target.c_str(), "tmpfs", 0, "mode=0755") != 0) {
-    fail("cannot mount memory on " + target + " of the private namespace: " + kNamespacesRefused);
+    base::throwErrno("cannot mount memory on " + target + " of the private namespace: " + kNamespacesRefused);
   }
 }
 
@@ -101,7 +98,7 @@ void requireOneThread() {
 }
 
 HostPath openHostPath(const std::string& path) {
-  return {path, FileDescriptor(open(path.c_str(), O_PATH | O_CLOEXEC))};
+  return {path, base::FileDescriptor(open(path.c_str(), O_PATH | O_CLOEXEC))};
 }
 
 // To be called in the new namespace: it can only show what was opened there.
@@ -134,9 +131,9 @@ void createMountPoint(const std::string& path, bool isDirectory) {
     return;
   }
   fs::create_directories(fs::path(path).parent_path());
-  const FileDescriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
-  if (!file.valid()) {
-    fail("cannot create the mount point " + path);
+  const base::FileDescriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
+  if (!file) {
+    base::throwErrno("cannot create the mount point " + path);
   }
 }
 
@@ -145,11 +142,11 @@ void changeRoot(const std::string& root, const std::string& previous = "") {
   const auto hostRoot = root + previous + kHostRoot;
   fs::create_directory(hostRoot);
   if (syscall(SYS_pivot_root, root.c_str(), hostRoot.c_str()) != 0 || chdir("/") != 0) {
-    fail("cannot make the device's tree the root directory");
+    base::throwErrno("cannot make the device's tree the root directory");
   }
 }
 
-void putInPlace(const FileDescriptor& source, const std::string& path) {
+void putInPlace(const base::FileDescriptor& source, const std::string& path) {
   showWritable(source.path(), path);
 }
 
@@ -160,7 +157,7 @@ void bindDeviceDirectories(const DirectoryTree& device) {
     }
   }
   fs::remove(kVerifierLibrary);  // the host's, if it has one
-  if (const auto verifier = device.open(kVerifierLibrary, O_PATH); verifier.valid()) {
+  if (const auto verifier = device.open(kVerifierLibrary, O_PATH); verifier) {
     createMountPoint(kVerifierLibrary, false);
     putInPlace(verifier, kVerifierLibrary);
   }
@@ -169,16 +166,17 @@ void bindDeviceDirectories(const DirectoryTree& device) {
 bool coversDevice(const std::string& path) {
   return path == "/" ||
          std::any_of(std::begin(kDeviceDirectories), std::end(kDeviceDirectories),
-                     [&](const DeviceDirectory& directory) { return isWithin(directory.path, path); });
+                     [&](const DeviceDirectory& directory) { return base::isWithin(directory.path, path); });
 }
 
 // Whether the device has a directory of its own where the host has this path.
 bool isReplaced(const std::string& path) {
-  return std::any_of(
-      std::begin(kDeviceDirectories), std::end(kDeviceDirectories), [&](const DeviceDirectory& directory) {
-        return directory.place != Place::Writable &&
-               (isWithin(path, directory.path) || isWithin(path, fs::weakly_canonical(directory.path)));
-      });
+  return std::any_of(std::begin(kDeviceDirectories), std::end(kDeviceDirectories),
+                     [&](const DeviceDirectory& directory) {
+                       return directory.place != Place::Writable &&
+                              (base::isWithin(path, directory.path) ||
+                               base::isWithin(path, fs::weakly_canonical(directory.path)));
+                     });
 }
 
 bool isDirectory(const HostPath& host) {
@@ -190,7 +188,7 @@ bool isDirectory(const HostPath& host) {
 // there is to stay in memory.
 void showVisible(const std::vector<HostPath>& paths, bool ofAnotherSystem) {
   for (const auto& host : paths) {
-    if (host.handle.valid() && !coversDevice(host.path) && (ofAnotherSystem || isReplaced(host.path))) {
+    if (host.handle && !coversDevice(host.path) && (ofAnotherSystem || isReplaced(host.path))) {
       createMountPoint(host.path, isDirectory(host));
       showReadOnly(host.handle.path(), host.path);
     }
@@ -199,7 +197,7 @@ void showVisible(const std::vector<HostPath>& paths, bool ofAnotherSystem) {
 
 void showToWrite(const std::vector<HostPath>& paths) {
   for (const auto& host : paths) {
-    if (host.handle.valid() && !coversDevice(host.path)) {
+    if (host.handle && !coversDevice(host.path)) {
       createMountPoint(host.path, isDirectory(host));
       showWritable(host.handle.path(), host.path);
     }
@@ -208,13 +206,13 @@ void showToWrite(const std::vector<HostPath>& paths) {
 
 void leaveHostRoot() {
   if (umount2(kHostRoot, MNT_DETACH) != 0 || rmdir(kHostRoot) != 0) {
-    fail("cannot take the host's root directory out of the device");
+    base::throwErrno("cannot take the host's root directory out of the device");
   }
 }
 
 void restoreWorkingDirectory(const std::string& directory) {
   if ((directory.empty() || chdir(directory.c_str()) != 0) && chdir("/") != 0) {
-    fail("cannot enter the device's root directory");
+    base::throwErrno("cannot enter the device's root directory");
   }
 }
 
@@ -272,7 +270,7 @@ void enterSystem(const std::string& root) {
 
 void keepMountsPrivate() {
   if (mount(nullptr, "/", "none", MS_REC | MS_PRIVATE, nullptr) != 0) {
-    fail(std::string("cannot keep the device's mounts to itself: ") + kNamespacesRefused);
+    base::throwErrno(std::string("cannot keep the device's mounts to itself: ") + kNamespacesRefused);
   }
 }
 

@@ -6,23 +6,18 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <filesystem>
-#include <system_error>
 #include <utility>
 
 #include "device-layout.h"
 #include "file-descriptor.h"
 #include "host-mounts.h"
 #include "mount-table.h"
+#include "system-error.h"
 
 namespace sandbox {
 namespace fs = std::filesystem;
 namespace {
-
-[[noreturn]] void fail(const std::string& what) {
-  throw std::system_error(errno, std::generic_category(), what);
-}
 
 // Of the directory that every process writes to for itself: what changes the kernel. In
 // a user namespace nobody can, but for what is the namespace's own.
@@ -40,9 +35,9 @@ void showProcesses(const std::string& root, bool ownUserNamespace) {
 }
 
 void createEmptyFile(const std::string& path) {
-  const FileDescriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644));
-  if (!file.valid()) {
-    fail("cannot create the mount point " + path);
+  const base::FileDescriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644));
+  if (!file) {
+    base::throwErrno("cannot create the mount point " + path);
   }
 }
 
@@ -52,7 +47,7 @@ DeviceRoot::DeviceRoot(std::string scratch, std::string root, bool ownUserNamesp
     : scratch_(std::move(scratch)),
       root_(std::move(root)),
       ownUserNamespace_(ownUserNamespace),
-      hostMounts_(mountPoints()) {
+      hostMounts_(base::mountPoints()) {
   for (const auto& directory : kDeviceDirectories) {
     // Where the host keeps this path: /lib is often a link to usr/lib.
     const auto path = fs::weakly_canonical(directory.path).string();
@@ -135,7 +130,7 @@ bool DeviceRoot::overlay(const std::string& path) {
 
 void DeviceRoot::createChanged(const std::string& root, const std::string& below) {
   for (const auto& path : changed_) {
-    if (isBelow(path, below)) {
+    if (base::isBelow(path, below)) {
       fs::create_directories(root + path);
     }
   }
@@ -143,12 +138,12 @@ void DeviceRoot::createChanged(const std::string& root, const std::string& below
 
 bool DeviceRoot::changesWithin(const std::string& path) const {
   return std::any_of(changed_.begin(), changed_.end(),
-                     [&](const std::string& changed) { return isWithin(changed, path); });
+                     [&](const std::string& changed) { return base::isWithin(changed, path); });
 }
 
 bool DeviceRoot::hostMountsBelow(const std::string& path) const {
   return std::any_of(hostMounts_.begin(), hostMounts_.end(),
-                     [&](const std::string& mounted) { return isBelow(mounted, path); });
+                     [&](const std::string& mounted) { return base::isBelow(mounted, path); });
 }
 
 }  // namespace sandbox

@@ -10,7 +10,8 @@
 #include <filesystem>
 #include <system_error>
 
-#include "replaced-file.h"
+#include "system-error.h"
+#include "whole-file.h"
 
 namespace sandbox {
 namespace fs = std::filesystem;
@@ -20,10 +21,10 @@ namespace {
 constexpr int kAttempts = 100;
 constexpr int kDirectory = O_PATH | O_DIRECTORY;
 
-struct stat statusOf(const FileDescriptor& file) {
+struct stat statusOf(const base::FileDescriptor& file) {
   struct stat status = {};
   if (fstat(file.get(), &status) != 0) {
-    throw std::system_error(errno, std::generic_category(), "cannot look at " + file.path());
+    base::throwErrno("cannot look at " + file.path());
   }
   return status;
 }
@@ -32,8 +33,8 @@ struct stat statusOf(const FileDescriptor& file) {
 
 DirectoryTree::DirectoryTree(const std::string& directory)
     : name_(directory), directory_(::open(directory.c_str(), kDirectory | O_CLOEXEC)) {
-  if (!directory_.valid()) {
-    throw std::system_error(errno, std::generic_category(), "cannot open the directory " + directory);
+  if (!directory_) {
+    base::throwErrno("cannot open the directory " + directory);
   }
 }
 
@@ -47,11 +48,11 @@ bool DirectoryTree::isSame(const DirectoryTree& other) const {
   return ours.st_dev == theirs.st_dev && ours.st_ino == theirs.st_ino;
 }
 
-FileDescriptor DirectoryTree::attempt(const std::string& path, int flags) const {
+base::FileDescriptor DirectoryTree::attempt(const std::string& path, int flags) const {
   const auto relative = path.size() > 1 ? path.substr(1) : ".";
   // Nothing is outside of "/", and a tool that a test runs under may not know openat2.
   if (name_ == "/") {
-    return FileDescriptor(openat(directory_.get(), relative.c_str(), flags | O_CLOEXEC));
+    return base::FileDescriptor(openat(directory_.get(), relative.c_str(), flags | O_CLOEXEC));
   }
   open_how how = {};
   how.flags = static_cast<unsigned int>(flags | O_CLOEXEC);
@@ -59,10 +60,10 @@ FileDescriptor DirectoryTree::attempt(const std::string& path, int flags) const 
   for (int i = 0; i < kAttempts; ++i) {
     const long opened = syscall(SYS_openat2, directory_.get(), relative.c_str(), &how, sizeof how);
     if (opened >= 0 || errno != EAGAIN) {
-      return FileDescriptor(static_cast<int>(opened));
+      return base::FileDescriptor(static_cast<int>(opened));
     }
   }
-  return FileDescriptor();
+  return base::FileDescriptor();
 }
 
 void DirectoryTree::fail(const std::string& path) const {
@@ -70,20 +71,20 @@ void DirectoryTree::fail(const std::string& path) const {
   const auto what = errno == EXDEV || errno == ELOOP
                         ? "a link at " + whole + " leads out of " + name_ + "; remove the link"
                         : "cannot open " + whole;
-  throw std::system_error(errno, std::generic_category(), what);
+  base::throwErrno(what);
 }
 
-FileDescriptor DirectoryTree::open(const std::string& path, int flags) const {
+base::FileDescriptor DirectoryTree::open(const std::string& path, int flags) const {
   auto opened = attempt(path, flags);
-  if (!opened.valid() && errno != ENOENT) {
+  if (!opened && errno != ENOENT) {
     fail(path);
   }
   return opened;
 }
 
-FileDescriptor DirectoryTree::make(const std::string& path, mode_t mode) const {
+base::FileDescriptor DirectoryTree::make(const std::string& path, mode_t mode) const {
   auto present = open(path, kDirectory);
-  if (present.valid()) {
+  if (present) {
     return present;
   }
   const fs::path made = path;
@@ -92,8 +93,8 @@ FileDescriptor DirectoryTree::make(const std::string& path, mode_t mode) const {
   if (mkdirat(parent.get(), name.c_str(), 0755) != 0) {
     fail(path);  // a link that leads nowhere, too
   }
-  FileDescriptor directory(openat(parent.get(), name.c_str(), kDirectory | O_NOFOLLOW | O_CLOEXEC));
-  if (!directory.valid() || chmod(directory.path().c_str(), mode) != 0) {
+  base::FileDescriptor directory(openat(parent.get(), name.c_str(), kDirectory | O_NOFOLLOW | O_CLOEXEC));
+  if (!directory || chmod(directory.path().c_str(), mode) != 0) {
     fail(path);
   }
   return directory;
@@ -101,19 +102,24 @@ FileDescriptor DirectoryTree::make(const std::string& path, mode_t mode) const {
 
 std::string DirectoryTree::read(const std::string& path) const {
   const auto file = open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY);
-  if (!file.valid() || !S_ISREG(statusOf(file).st_mode)) {
+  if (!file || !S_ISREG(statusOf(file).st_mode)) {
     return "";
   }
   std::string content;
-  char block[4096];
-  ssize_t count = 0;
-  while ((count = ::read(file.get(), block, sizeof block)) > 0) {
-    content.append(block, static_cast<std::size_t>(count));
-  }
-  if (count < 0) {
+  if (const int error = base::readToEnd(file.get(), content.max_size(), content); error != 0) {
+    errno = error;
     fail(path);
   }
   return content;
+}
+
+void replaceFile(const base::FileDescriptor& directory, const std::string& name, const std::string& content) {
+  if (const int error = base::replaceFileAt(directory.get(), name, content, false); error != 0) {
+    // A directory may stand where the new file is written first.
+    const std::string refused = directory.target() + "/" + name + (error == EEXIST ? ".new" : "");
+    errno = error;
+    base::throwErrno("cannot write " + refused);
+  }
 }
 
 void DirectoryTree::write(const std::string& path, const std::string& content) const {

@@ -12,6 +12,11 @@
 
 namespace sandbox {
 
+// A reader sees the old file or the new one, never a part. A link of this name, or where
+// the new file is written first, is replaced and never followed. Throws
+// std::system_error.
+void replaceFile(const base::FileDescriptor& directory, const std::string& name, const std::string& content);
+
 class DirectoryTree {
  public:
   // Throws std::system_error when it cannot be opened.
@@ -23,11 +28,11 @@ class DirectoryTree {
 
   // path begins with "/", which is the directory itself. flags as for open; the
   // descriptor is empty when nothing is there. Throws std::system_error otherwise.
-  FileDescriptor open(const std::string& path, int flags) const;
+  base::FileDescriptor open(const std::string& path, int flags) const;
 
   // The directory at path, made with its parents when it is missing. Its descriptor's
   // path() names it for as long as that lives. Throws std::system_error.
-  FileDescriptor make(const std::string& path, mode_t mode = 0755) const;
+  base::FileDescriptor make(const std::string& path, mode_t mode = 0755) const;
 
   // What stands at path in a regular file; nothing when there is none.
   std::string read(const std::string& path) const;
@@ -35,11 +40,11 @@ class DirectoryTree {
   void write(const std::string& path, const std::string& content) const;
 
  private:
-  FileDescriptor attempt(const std::string& path, int flags) const;
+  base::FileDescriptor attempt(const std::string& path, int flags) const;
   [[noreturn]] void fail(const std::string& path) const;
 
   std::string name_;
-  FileDescriptor directory_;
+  base::FileDescriptor directory_;
 };
 
 }  // namespace sandbox

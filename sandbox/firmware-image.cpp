@@ -6,28 +6,23 @@
 #include <unistd.h>
 
 #include <boost/crc.hpp>
-#include <cerrno>
 #include <cstdint>
 #include <filesystem>
 #include <random>
-#include <system_error>
 
+#include "directory-tree.h"
 #include "file-descriptor.h"
-#include "replaced-file.h"
+#include "system-error.h"
 
 namespace sandbox {
 namespace fs = std::filesystem;
 namespace {
 
-[[noreturn]] void fail(const std::string& what) {
-  throw std::system_error(errno, std::generic_category(), what);
-}
-
 // The folder itself: a link in its place is refused, so that nothing else is written to.
-FileDescriptor openFolder(const std::string& folder) {
-  FileDescriptor opened(open(folder.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-  if (!opened.valid()) {
-    fail("cannot open the folder " + folder);
+base::FileDescriptor openFolder(const std::string& folder) {
+  base::FileDescriptor opened(open(folder.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (!opened) {
+    base::throwErrno("cannot open the folder " + folder);
   }
   return opened;
 }
@@ -73,16 +68,15 @@ void writeFirmware(const std::string& directory, const std::string& firmwareName
 void corruptFirmware(const std::string& directory, const std::string& firmwareName) {
   const auto folder = openFolder(directory + "/" + firmwareName);
   const auto name = firmwareName + ".bin";
-  const FileDescriptor image(openat(folder.get(), name.c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC));
+  const base::FileDescriptor image(openat(folder.get(), name.c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC));
   struct stat status = {};
   unsigned char byte = 0;
-  if (!image.valid() || fstat(image.get(), &status) != 0 ||
-      pread(image.get(), &byte, 1, status.st_size / 2) != 1) {
-    fail("cannot read " + folder.target() + "/" + name);
+  if (!image || fstat(image.get(), &status) != 0 || pread(image.get(), &byte, 1, status.st_size / 2) != 1) {
+    base::throwErrno("cannot read " + folder.target() + "/" + name);
   }
   byte ^= 0xFF;
   if (pwrite(image.get(), &byte, 1, status.st_size / 2) != 1) {
-    fail("cannot change " + folder.target() + "/" + name);
+    base::throwErrno("cannot change " + folder.target() + "/" + name);
   }
 }
 

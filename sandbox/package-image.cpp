@@ -15,6 +15,7 @@
 
 #include "file-descriptor.h"
 #include "firmware-image.h"
+#include "system-error.h"
 
 namespace sandbox {
 namespace fs = std::filesystem;
@@ -25,7 +26,7 @@ class TemporaryFolder {
  public:
   explicit TemporaryFolder(const std::string& beside) : path_(beside + "/.package.XXXXXX") {
     if (mkdtemp(path_.data()) == nullptr) {
-      throw std::system_error(errno, std::generic_category(), "cannot make a folder in " + beside);
+      base::throwErrno("cannot make a folder in " + beside);
     }
   }
   TemporaryFolder(const TemporaryFolder&) = delete;
@@ -85,7 +86,7 @@ void pack(int directory, const std::string& folder, const std::string& image) {
     throw std::runtime_error("mksquashfs could not make " + image);
   }
   if (renameat(directory, unfinished.c_str(), directory, image.c_str()) != 0) {
-    throw std::system_error(errno, std::generic_category(), "cannot write " + image);
+    base::throwErrno("cannot write " + image);
   }
 }
 
@@ -98,9 +99,9 @@ void packFolder(const std::string& folder, const std::string& image) {
 void writePackage(const std::string& directory, const std::string& empName, const std::string& firmwareName,
                   const std::string& version, std::size_t bytes, unsigned int expectedTimeSeconds) {
   fs::create_directories(directory);
-  const FileDescriptor opened(open(directory.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-  if (!opened.valid()) {
-    throw std::system_error(errno, std::generic_category(), "cannot open " + directory);
+  const base::FileDescriptor opened(open(directory.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  if (!opened) {
+    base::throwErrno("cannot open " + directory);
   }
   const TemporaryFolder folder(opened.path());
   writeFirmware(folder.path(), firmwareName, version, bytes, expectedTimeSeconds);

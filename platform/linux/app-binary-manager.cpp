@@ -2,10 +2,7 @@
 
 #include <dlfcn.h>
 #include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -13,16 +10,17 @@
 #include <exception>
 #include <filesystem>
 
+#include "deadline.h"
 #include "dlog.h"
-#include "errno-text.h"
+#include "file-descriptor.h"
 #include "privileged/package-name.h"
-#include "unique-fd.h"
+#include "program-start.h"
+#include "system-error.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-using fwplatform::errnoText;
-using fwplatform::UniqueFd;
+using base::errnoText;
 
 // The helper answers before it downloads anything; this is for one that hangs.
 constexpr int kAnswerPatienceMs = 5000;
@@ -47,73 +45,28 @@ std::string findHelper() {
   return "";
 }
 
-class SpawnSettings {
- public:
-  SpawnSettings() {
-    posix_spawn_file_actions_init(&actions);
-    posix_spawnattr_init(&attributes);
-  }
-  SpawnSettings(const SpawnSettings&) = delete;
-  SpawnSettings& operator=(const SpawnSettings&) = delete;
-  ~SpawnSettings() {
-    posix_spawnattr_destroy(&attributes);
-    posix_spawn_file_actions_destroy(&actions);
-  }
-
-  posix_spawn_file_actions_t actions = {};
-  posix_spawnattr_t attributes = {};
-};
-
-// The helper keeps nothing of its caller: no descriptors, no terminal, no signal
-// settings, no directory.
-void separateFromCaller(SpawnSettings& settings, int answer) {
+// The helper keeps nothing of its caller: no descriptors, no terminal, no signal settings, no
+// directory, and nothing of its environment, which must not choose proxies or certificates.
+int spawn(const std::string& helper, const std::string& package, int answer, pid_t& process) {
+  base::ProgramStart start;
   for (const int standard : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
-    posix_spawn_file_actions_addopen(&settings.actions, standard, "/dev/null", O_RDWR, 0);
+    start.withNothingAt(standard);
   }
-  posix_spawn_file_actions_adddup2(&settings.actions, answer, kAnswerFd);
-  posix_spawn_file_actions_addclosefrom_np(&settings.actions, kAnswerFd + 1);
-  posix_spawn_file_actions_addchdir_np(&settings.actions, "/");
-  sigset_t none, all;
-  sigemptyset(&none);
-  sigfillset(&all);
-  posix_spawnattr_setsigmask(&settings.attributes, &none);
-  posix_spawnattr_setsigdefault(&settings.attributes, &all);
-  posix_spawnattr_setflags(&settings.attributes,
-                           POSIX_SPAWN_SETSID | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-}
-
-// Nothing of the caller's environment: it must not choose proxies or certificates.
-int spawn(const std::string& helper, const std::string& package, int answer, pid_t& pid) {
-  SpawnSettings settings;
-  separateFromCaller(settings, answer);
-  char* const arguments[] = {const_cast<char*>("fw-download"), const_cast<char*>(kAnswerArgument),
-                             const_cast<char*>(package.c_str()), nullptr};
-  char* const environment[] = {const_cast<char*>("LC_ALL=C"), const_cast<char*>("PATH=/usr/bin:/bin"),
-                               nullptr};
-  return posix_spawn(&pid, helper.c_str(), &settings.actions, &settings.attributes, arguments, environment);
+  start.with(answer, kAnswerFd).withNothingFrom(kAnswerFd + 1).in("/").apart();
+  return start.run({helper, kAnswerArgument, package}, {"LC_ALL=C", "PATH=/usr/bin:/bin"}, process);
 }
 
 std::string readAnswer(int answer) {
   std::string text;
   char block[512];
-  for (;;) {
-    pollfd ready = {answer, POLLIN, 0};
-    const int count = poll(&ready, 1, kAnswerPatienceMs);
-    if (count < 0 && errno == EINTR) {
-      continue;
-    }
-    const ssize_t length = count > 0 ? read(answer, block, sizeof block) : 0;
+  while (base::Deadline(kAnswerPatienceMs).waitToRead(answer) > 0) {
+    const ssize_t length = read(answer, block, sizeof block);
     if (length <= 0) {
-      return text;
+      break;
     }
     text.append(block, static_cast<std::size_t>(length));
   }
-}
-
-// The process that was started answers and ends; what downloads is its child.
-void reap(pid_t pid) {
-  while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
-  }
+  return text;
 }
 
 // Empty when the download runs, otherwise why it does not.
@@ -125,25 +78,23 @@ std::string startDownload(const std::string& package) {
   if (helper.empty()) {
     return "The program fw-download is not installed.";
   }
-  int ends[2];
-  if (pipe2(ends, O_CLOEXEC) != 0) {
+  base::Pipe answer = base::makePipe();
+  // Above the numbers that the helper's own descriptors take.
+  base::FileDescriptor handedOver(answer.writeEnd ? fcntl(answer.writeEnd.get(), F_DUPFD_CLOEXEC, 10) : -1);
+  if (!handedOver) {
     return errnoText(errno) + ".";
   }
-  const UniqueFd answer(ends[0]);
-  UniqueFd other(ends[1]);
-  // Above the numbers that the helper's own descriptors take.
-  UniqueFd handedOver(fcntl(other.get(), F_DUPFD_CLOEXEC, 10));
-  pid_t pid = 0;
-  if (const int error = handedOver ? spawn(helper, package, handedOver.get(), pid) : errno; error != 0) {
+  pid_t process = 0;
+  if (const int error = spawn(helper, package, handedOver.get(), process); error != 0) {
     return helper + " cannot be run: " + errnoText(error) + ".";
   }
-  other.reset();
+  answer.writeEnd.reset();
   handedOver.reset();
-  const std::string text = readAnswer(answer.get());
+  const std::string text = readAnswer(answer.readEnd.get());
   if (text.empty()) {
-    kill(pid, SIGKILL);
+    kill(process, SIGKILL);
   }
-  reap(pid);
+  base::waitForEnd(process);  // the process that was started answers and ends; what downloads is its child
   return text == kAccepted ? "" : text.empty() ? "fw-download gave no answer." : text;
 }
 

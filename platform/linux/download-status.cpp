@@ -9,7 +9,7 @@
 #include <cstddef>
 #include <memory>
 
-#include "small-file.h"
+#include "whole-file.h"
 
 namespace fwplatform {
 namespace {
@@ -87,8 +87,8 @@ std::optional<DownloadStatus> fromJson(const Json::Value& document) {
   return status;
 }
 
-UniqueFd openForReading() {
-  return UniqueFd(open(kDownloadStatusDirectory, O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+base::FileDescriptor openForReading() {
+  return base::FileDescriptor(open(kDownloadStatusDirectory, O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
 }
 
 }  // namespace
@@ -100,7 +100,7 @@ std::optional<unsigned int> DownloadStatus::percent() const {
   return static_cast<unsigned int>(std::clamp<std::int64_t>(received, 0, total) * 100 / total);
 }
 
-int openDownloadStatusDirectory(UniqueFd& directory) {
+int openDownloadStatusDirectory(base::FileDescriptor& directory) {
   if (mkdir(kDownloadStatusDirectory, 0755) != 0 && errno != EEXIST) {
     return errno;
   }
@@ -108,7 +108,7 @@ int openDownloadStatusDirectory(UniqueFd& directory) {
   return directory ? 0 : errno;
 }
 
-int lockDownload(int statusDirectory, const std::string& name, UniqueFd& lock) {
+int lockDownload(int statusDirectory, const std::string& name, base::FileDescriptor& lock) {
   lock.reset(
       openat(statusDirectory, lockFile(name).c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644));
   if (!lock) {
@@ -126,13 +126,13 @@ int writeDownloadStatus(int statusDirectory, const std::string& name, const Down
   Json::StreamWriterBuilder builder;
   builder["indentation"] = "";
   const std::string text = Json::writeString(builder, toJson(name, status)) + "\n";
-  return replaceSmallFileAt(statusDirectory, statusFile(name), text, false);
+  return base::replaceFileAt(statusDirectory, statusFile(name), text, false);
 }
 
 std::optional<DownloadStatus> readDownloadStatus(const std::string& name) {
-  const UniqueFd directory = openForReading();
+  const base::FileDescriptor directory = openForReading();
   std::string text;
-  if (!directory || readSmallFileAt(directory.get(), statusFile(name), kLargestStatus, text) != 0) {
+  if (!directory || base::readFileAt(directory.get(), statusFile(name), kLargestStatus, text) != 0) {
     return std::nullopt;
   }
   const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
@@ -148,8 +148,8 @@ std::optional<DownloadStatus> readDownloadStatus(const std::string& name) {
 }
 
 bool isDownloadRunning(const std::string& name) {
-  const UniqueFd directory = openForReading();
-  const UniqueFd lock(
+  const base::FileDescriptor directory = openForReading();
+  const base::FileDescriptor lock(
       directory ? openat(directory.get(), lockFile(name).c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC) : -1);
   struct flock whole = wholeFile();
   return lock && fcntl(lock.get(), F_OFD_GETLK, &whole) == 0 && whole.l_type != F_UNLCK;

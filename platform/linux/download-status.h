@@ -8,7 +8,7 @@
 #include <optional>
 #include <string>
 
-#include "unique-fd.h"
+#include "file-descriptor.h"
 
 namespace fwplatform {
 
@@ -31,10 +31,10 @@ struct DownloadStatus {
 // The writer's side.
 
 // Gives the status directory, made when it is missing. 0 or an errno value.
-int openDownloadStatusDirectory(UniqueFd& directory);
+int openDownloadStatusDirectory(base::FileDescriptor& directory);
 // Held as long as the descriptor is open, in this process or in one forked from it.
 // EAGAIN when another process holds it; otherwise 0 or an errno value.
-int lockDownload(int statusDirectory, const std::string& name, UniqueFd& lock);
+int lockDownload(int statusDirectory, const std::string& name, base::FileDescriptor& lock);
 // Replaces the status at once. 0 or an errno value.
 int writeDownloadStatus(int statusDirectory, const std::string& name, const DownloadStatus& status);
 

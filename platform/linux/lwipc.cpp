@@ -4,22 +4,20 @@
 
 #include <fcntl.h>
 #include <limits.h>
-#include <poll.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <exception>
 #include <string>
 
-#include "unique-fd.h"
+#include "deadline.h"
+#include "file-descriptor.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-using fwplatform::UniqueFd;
+using base::FileDescriptor;
 
 constexpr char kParent[] = "/run";
 constexpr char kEvents[] = "/run/fw-lwipc";
@@ -50,7 +48,7 @@ bool isTrusted(const struct stat& status) {
   return (status.st_uid == 0 || status.st_uid == geteuid()) && (status.st_mode & (S_IWGRP | S_IWOTH)) == 0;
 }
 
-int openEvents(UniqueFd& directory) {
+int openEvents(FileDescriptor& directory) {
   directory.reset(open(kEvents, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   if (!directory) {
     return -errno;
@@ -62,7 +60,7 @@ int openEvents(UniqueFd& directory) {
   return isTrusted(status) ? 0 : -EPERM;
 }
 
-int makeEvents(UniqueFd& directory) {
+int makeEvents(FileDescriptor& directory) {
   const bool made = mkdir(kEvents, 0755) == 0;
   if (!made && errno != EEXIST) {
     return -errno;
@@ -75,12 +73,13 @@ int makeEvents(UniqueFd& directory) {
 }
 
 int mark(const std::string& name) {
-  UniqueFd directory;
+  FileDescriptor directory;
   if (const int status = makeEvents(directory); status != 0) {
     return status;
   }
-  const UniqueFd file(openat(directory.get(), name.c_str(),
-                             O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0644));
+  const FileDescriptor file(openat(directory.get(), name.c_str(),
+                                   O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC,
+                                   0644));
   if (!file) {
     return -errno;
   }
@@ -93,7 +92,7 @@ int mark(const std::string& name) {
 
 // 0 done, -ENOENT not yet, or another reason.
 int ask(const std::string& name) {
-  UniqueFd directory;
+  FileDescriptor directory;
   if (const int status = openEvents(directory); status != 0) {
     return status;
   }
@@ -104,33 +103,14 @@ int ask(const std::string& name) {
   return S_ISREG(status.st_mode) ? 0 : -EINVAL;
 }
 
-class Deadline {
- public:
-  explicit Deadline(int milliseconds)
-      : endless_(milliseconds < 0), end_(Clock::now() + std::chrono::milliseconds(milliseconds)) {}
-
-  // As poll wants it; rounded up, so that the time is really over at 0.
-  int leftMs() const {
-    if (endless_) {
-      return -1;
-    }
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(end_ - Clock::now()).count();
-    return left > 0 ? static_cast<int>(left) : 0;
-  }
-
- private:
-  const bool endless_;
-  const Clock::time_point end_;
-};
-
-int addWatch(const UniqueFd& watch, const char* directory) {
+int addWatch(const FileDescriptor& watch, const char* directory) {
   constexpr unsigned int kChanges =
       IN_CREATE | IN_MOVED_TO | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR | IN_DONT_FOLLOW;
   return inotify_add_watch(watch.get(), directory, kChanges) < 0 ? -errno : 0;
 }
 
 // The watch comes before the question, so that no event falls between the two.
-int watchAndAsk(UniqueFd& watch, const std::string& name) {
+int watchAndAsk(FileDescriptor& watch, const std::string& name) {
   watch.reset(inotify_init1(IN_CLOEXEC));
   if (!watch) {
     return -errno;
@@ -143,21 +123,16 @@ int watchAndAsk(UniqueFd& watch, const std::string& name) {
   return status != 0 ? status : ask(name);
 }
 
-int waitFor(const std::string& name, const Deadline& deadline) {
-  UniqueFd watch;
+int waitFor(const std::string& name, const base::Deadline& deadline) {
+  FileDescriptor watch;
   for (;;) {
     const int status = watchAndAsk(watch, name);
     if (status != -ENOENT) {
       return status;
     }
-    pollfd change = {watch.get(), POLLIN, 0};
-    const int left = deadline.leftMs();
-    const int ready = poll(&change, 1, left);
-    if (ready == 0) {
-      return -ETIMEDOUT;
-    }
-    if (ready < 0 && errno != EINTR) {
-      return -errno;
+    const int ready = deadline.waitToRead(watch.get());
+    if (ready <= 0) {
+      return ready == 0 ? -ETIMEDOUT : -errno;
     }
   }
 }
@@ -176,7 +151,7 @@ int LwipcEventDone(const char* event) {
 
 int LwipcEventWait(const char* event, int timeout_ms) {
   try {
-    const Deadline deadline(timeout_ms);
+    const base::Deadline deadline(timeout_ms);
     std::string name;
     const int status = fileName(event, name);
     return status != 0 ? status : waitFor(name, deadline);

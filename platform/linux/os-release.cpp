@@ -1,17 +1,15 @@
 #include "os-release.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstddef>
 
-#include "unique-fd.h"
+#include "whole-file.h"
 
 namespace fwplatform {
 namespace {
 
 constexpr std::string_view kBlanks = " \t\r";
+constexpr std::size_t kLargestFile = std::size_t{64} * 1024;
 constexpr const char* kOsReleaseFiles[] = {"/etc/os-release", "/usr/lib/os-release"};
 
 std::string_view withoutLeadingBlanks(std::string_view text) {
@@ -115,39 +113,15 @@ std::string firstPresent(const OsRelease& release, std::string_view first, std::
 }
 
 // 0 with the file's content in text, else a negative errno value.
-int readTextFile(const char* path, std::string& text) {
-  constexpr std::size_t kHighestSize = std::size_t{64} * 1024;
-  const UniqueFd file(open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY));
-  if (!file) {
-    return -errno;
-  }
-  text.clear();
-  char block[4096];
-  for (;;) {
-    const ssize_t count = read(file.get(), block, sizeof block);
-    if (count == 0) {
-      return 0;
-    }
-    if (count > 0) {
-      text.append(block, static_cast<std::size_t>(count));
-    } else if (errno != EINTR) {
-      return -errno;
-    }
-    if (text.size() > kHighestSize) {
-      return -EFBIG;
-    }
-  }
-}
-
 int readOsRelease(std::string& text) {
-  int status = -ENOENT;
+  int error = ENOENT;
   for (const char* path : kOsReleaseFiles) {
-    status = readTextFile(path, text);
-    if (status == 0) {
+    error = base::readFile(path, kLargestFile, text);
+    if (error == 0) {
       return 0;
     }
   }
-  return status;
+  return -error;
 }
 
 }  // namespace

@@ -18,7 +18,7 @@
 namespace powercut {
 namespace {
 
-using sandbox::FileDescriptor;
+using base::FileDescriptor;
 
 constexpr std::uint32_t kSectorSize = 512;
 
@@ -28,7 +28,7 @@ constexpr std::uint32_t kSectorSize = 512;
 
 FileDescriptor opened(const std::string& path, int flags) {
   FileDescriptor file(open(path.c_str(), flags | O_CLOEXEC, 0600));
-  if (!file.valid()) {
+  if (!file) {
     fail(path);
   }
   return file;

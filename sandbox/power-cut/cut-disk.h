@@ -24,7 +24,7 @@ class LoopDisk {
 
  private:
   std::string path_;
-  sandbox::FileDescriptor device_;
+  base::FileDescriptor device_;
 };
 
 struct FileSystem {
@@ -65,7 +65,7 @@ class CutDisk {
   std::string now_;                 // the whole disk, with all that is settled
   std::vector<std::size_t> pages_;  // those that can be anything else than zero, by number
   std::size_t begun_ = 0;           // epochs
-  sandbox::FileDescriptor file_;
+  base::FileDescriptor file_;
   LoopDisk loop_;
 };
 

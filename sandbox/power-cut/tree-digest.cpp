@@ -101,8 +101,8 @@ class Look {
   }
 
   void addContent(const std::string& path) {
-    const sandbox::FileDescriptor file(open((root_ + path).c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
-    if (!file.valid()) {
+    const base::FileDescriptor file(open((root_ + path).c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    if (!file) {
       notReadable(path, errno);
       return;
     }

@@ -26,7 +26,7 @@ int linesThatBeginWith(std::string_view text, std::string_view beginning) {
 }
 
 void requireMountPointsAreRead(std::string_view input) {
-  const std::vector<std::string> points = sandbox::mountPoints();
+  const std::vector<std::string> points = base::mountPoints();
   const auto lines = std::count(input.begin(), input.end(), '\n') + 1;
   fuzz::require(points.size() <= static_cast<std::size_t>(lines), "a line gives one mount point at most");
   for (const std::string& point : points) {

@@ -21,7 +21,7 @@ class Area:
 DEVICE = ("fw-device", "module-tuner", "module-panel", "module-wifi", "module-remote", "kZAQUser", "fw-privileged")
 
 AREAS = (
-    Area("base", ("test-base", "test-platform-log"), ("HostileTexts.*",),
+    Area("base", ("test-base", "test-whole-file", "test-platform-log", "sandbox-test"), ("HostileTexts.*",),
          (*DEVICE, "fw-update", "fw-trace", "fw-module", "fw-pack", "fw-download", "fw-platform-check",
           "hostile-module")),
     Area("src", ("test-fw-update-*", "test-diagnostic-log", "test-image-crc"), ("Exports.*", "Troubleshooting.*")),

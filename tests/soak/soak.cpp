@@ -240,9 +240,9 @@ int lockValue() {
 }
 
 int leftMounts() {
-  const auto mounts = sandbox::mountPoints();
+  const auto mounts = base::mountPoints();
   return static_cast<int>(std::count_if(mounts.begin(), mounts.end(), [](const std::string& mount) {
-    return sandbox::isBelow(mount, kPackageMounts);
+    return base::isBelow(mount, kPackageMounts);
   }));
 }
 

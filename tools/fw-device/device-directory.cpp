@@ -21,7 +21,7 @@ constexpr char kMarker[] = "/.fw-device";
 bool isDevice(const sandbox::DirectoryTree& tree) {
   const auto marker = tree.open(kMarker, O_PATH | O_NOFOLLOW);
   struct stat status = {};
-  return marker.valid() && fstat(marker.get(), &status) == 0 && S_ISREG(status.st_mode);
+  return marker && fstat(marker.get(), &status) == 0 && S_ISREG(status.st_mode);
 }
 
 bool isDevice(const std::string& directory) {

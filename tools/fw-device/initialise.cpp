@@ -128,7 +128,7 @@ void installPackages(const DirectoryTree& device, const std::string& signingKey)
 
 // The user's own stays.
 void configureDownloads(const DirectoryTree& device) {
-  if (device.open(kDownloadConfiguration, O_PATH | O_NOFOLLOW).valid()) {
+  if (device.open(kDownloadConfiguration, O_PATH | O_NOFOLLOW)) {
     return;
   }
   device.write(kDownloadConfiguration,

@@ -32,7 +32,7 @@ bool installVerifier(const DirectoryTree& tree, const std::string& programs) {
 }
 
 bool isThere(const DirectoryTree& tree, const std::string& path) {
-  return tree.open(path, O_PATH | O_NOFOLLOW).valid();
+  return static_cast<bool>(tree.open(path, O_PATH | O_NOFOLLOW));
 }
 
 void makeSigningKey(const std::string& path) {
@@ -64,7 +64,7 @@ void installPublicKey(const std::string& signingKey, const std::string& keys) {
 
 }  // namespace
 
-void installLibrary(const fs::path& library, const sandbox::FileDescriptor& directory) {
+void installLibrary(const fs::path& library, const base::FileDescriptor& directory) {
   const auto target = fs::path(directory.path()) / library.filename();
   auto unfinished = target;
   unfinished += ".new";

@@ -12,7 +12,7 @@
 namespace fwdevice {
 
 // Never overwrites a file in place: a running program may have the old one loaded.
-void installLibrary(const std::filesystem::path& library, const sandbox::FileDescriptor& directory);
+void installLibrary(const std::filesystem::path& library, const base::FileDescriptor& directory);
 
 struct PackageSecurity {
   std::string verifier;    // empty when this build has none

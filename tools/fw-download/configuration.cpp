@@ -8,10 +8,10 @@
 #include <iterator>
 #include <sstream>
 
-#include "errno-text.h"
 #include "failure.h"
-#include "small-file.h"
+#include "system-error.h"
 #include "url.h"
+#include "whole-file.h"
 
 namespace fwdownload {
 namespace {
@@ -162,10 +162,9 @@ Configuration parseConfiguration(const std::string& text) {
 
 Configuration readConfiguration() {
   std::string text;
-  if (const int error = fwplatform::readSmallFileAt(AT_FDCWD, kConfigurationFile, kLargestFile, text);
-      error != 0) {
+  if (const int error = base::readFileAt(AT_FDCWD, kConfigurationFile, kLargestFile, text); error != 0) {
     throw Failure(Reason::Configuration,
-                  std::string(kConfigurationFile) + " cannot be read: " + fwplatform::errnoText(error) + ".");
+                  std::string(kConfigurationFile) + " cannot be read: " + base::errnoText(error) + ".");
   }
   return parseConfiguration(text);
 }

@@ -18,21 +18,21 @@
 #include "dlog.h"
 #include "download-status.h"
 #include "download.h"
-#include "errno-text.h"
 #include "failure.h"
+#include "file-descriptor.h"
 #include "frame/program.h"
 #include "partial-image.h"
 #include "privileged/package-name.h"
-#include "unique-fd.h"
+#include "system-error.h"
 
 namespace {
 
+using base::errnoText;
+using base::FileDescriptor;
 using fwdownload::Failure;
 using fwdownload::Reason;
 using fwplatform::DownloadState;
 using fwplatform::DownloadStatus;
-using fwplatform::errnoText;
-using fwplatform::UniqueFd;
 
 enum class Outcome { Done, Failed, Usage };
 
@@ -76,8 +76,8 @@ class Job {
 
   std::string package_;
   fwdownload::Configuration configuration_;
-  UniqueFd directory_;
-  UniqueFd lock_;
+  FileDescriptor directory_;
+  FileDescriptor lock_;
   DownloadStatus status_;
   std::optional<unsigned int> toldPercent_;
   std::chrono::steady_clock::time_point told_;

@@ -3,8 +3,8 @@
 #include <cerrno>
 
 #include "device-policy.h"
-#include "errno-text.h"
 #include "failure.h"
+#include "system-error.h"
 
 namespace fwdownload {
 namespace {
@@ -63,7 +63,7 @@ void raiseMinimumVersion(const SignatureReport& report) {
     throw Failure(denied ? Reason::NotPermitted : Reason::FileSystem,
                   "The package's minimum version " + report.trailer.statements.minimumVersion +
                       " cannot be noted in " + fwpackage::kMinimumVersionDirectory + ": " +
-                      fwplatform::errnoText(error) + ".");
+                      base::errnoText(error) + ".");
   }
 }
 

@@ -8,15 +8,15 @@
 #include <algorithm>
 #include <cerrno>
 
-#include "errno-text.h"
 #include "failure.h"
 #include "privileged/safe-path.h"
-#include "small-file.h"
+#include "system-error.h"
+#include "whole-file.h"
 
 namespace fwdownload {
 namespace {
 
-using fwplatform::errnoText;
+using base::errnoText;
 
 // What a power cut can cost, and how often the disk is waited for.
 constexpr std::int64_t kSyncEvery = std::int64_t{4} * 1024 * 1024;
@@ -43,7 +43,7 @@ Reason reasonOf(int error) {
 // Changes with every start of the system.
 std::string bootId() {
   std::string id;
-  fwplatform::readSmallFileAt(AT_FDCWD, "/proc/sys/kernel/random/boot_id", 128, id);
+  base::readFileAt(AT_FDCWD, "/proc/sys/kernel/random/boot_id", 128, id);
   return id;
 }
 
@@ -87,7 +87,7 @@ void PartialImage::open() {
 void PartialImage::takeUp(const std::string& url) {
   std::string text;
   std::int64_t usable = 0;
-  if (fwplatform::readSmallFileAt(directory_.get(), info_, kLargestNote, text) == 0) {
+  if (base::readFileAt(directory_.get(), info_, kLargestNote, text) == 0) {
     const auto note = parseNote(text);
     if (note && note->origin.url == url && size_ <= note->origin.total) {
       origin_ = note->origin;
@@ -121,7 +121,7 @@ void PartialImage::begin(const Origin& origin) {
 
 void PartialImage::writeNote() {
   const std::string text = noteText({origin_, synced_, bootId()});
-  if (const int error = fwplatform::replaceSmallFileAt(directory_.get(), info_, text, true); error != 0) {
+  if (const int error = base::replaceFileAt(directory_.get(), info_, text, true); error != 0) {
     fail(info_, "written", error);
   }
 }
@@ -197,9 +197,8 @@ void PartialImage::publish() {
     remove(image_);
     throw;
   }
-  const fwplatform::UniqueFd directory(openat(directory_.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!directory || fsync(directory.get()) != 0) {
-    fail(image_, "put on the disk", errno);
+  if (const int error = base::syncDirectory(directory_.get()); error != 0) {
+    fail(image_, "put on the disk", error);
   }
 }
 

@@ -11,8 +11,8 @@
 #include <cstdint>
 #include <string>
 
+#include "file-descriptor.h"
 #include "part-note.h"
-#include "unique-fd.h"
 
 namespace fwdownload {
 
@@ -53,8 +53,8 @@ class PartialImage {
   std::string image_;  // names in the directory
   std::string part_;
   std::string info_;
-  fwplatform::UniqueFd directory_;
-  fwplatform::UniqueFd file_;
+  base::FileDescriptor directory_;
+  base::FileDescriptor file_;
   Origin origin_;
   std::int64_t size_ = 0;
   std::int64_t synced_ = 0;    // what a power cut leaves

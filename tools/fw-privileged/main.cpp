@@ -24,17 +24,17 @@
 
 #include "clean-output.h"
 #include "dlog.h"
-#include "errno-text.h"
+#include "file-descriptor.h"
 #include "own-rights.h"
 #include "privileged/privileged-protocol.h"
 #include "privileged/privileged-server.h"
-#include "unique-fd.h"
+#include "system-error.h"
 
 namespace {
 
-using fwplatform::errnoText;
+using base::errnoText;
+using base::FileDescriptor;
 using fwplatform::kPrivilegedSocketPath;
-using fwplatform::UniqueFd;
 
 constexpr char kDefaultGroup[] = "fwupdate";
 constexpr int kExitFailure = 1;
@@ -107,7 +107,7 @@ int handedOverSockets() {
   return sd_listen_fds(1);
 }
 
-bool takeHandedOver(int count, UniqueFd& listener) {
+bool takeHandedOver(int count, FileDescriptor& listener) {
   if (count != 1 || sd_is_socket(SD_LISTEN_FDS_START, AF_UNIX, SOCK_SEQPACKET, 1) <= 0) {
     return fail("the service manager must hand over one listening Unix sequenced-packet socket");
   }
@@ -122,8 +122,8 @@ sockaddr_un socketAddress() {
   return address;
 }
 
-UniqueFd newSocket() {
-  return UniqueFd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+FileDescriptor newSocket() {
+  return FileDescriptor(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
 }
 
 // Removes a socket that a service which has ended left behind.
@@ -135,7 +135,7 @@ bool clearSocketPath() {
   if (!S_ISSOCK(status.st_mode)) {
     return fail(std::string(kPrivilegedSocketPath) + " is there already and is no socket");
   }
-  const UniqueFd probe = newSocket();
+  const FileDescriptor probe = newSocket();
   const sockaddr_un address = socketAddress();
   if (connect(probe.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 ||
       errno != ECONNREFUSED) {
@@ -147,7 +147,7 @@ bool clearSocketPath() {
 
 // Everybody may connect: who may ask is decided by who the caller is, and a
 // refusal gets into the log.
-bool makeListener(UniqueFd& listener) {
+bool makeListener(FileDescriptor& listener) {
   if (!clearSocketPath()) {
     return false;
   }
@@ -171,13 +171,13 @@ fwplatform::Heartbeat heartbeatForTheManager() {
 }
 
 // Readable when the process is asked to end.
-UniqueFd stopSignals() {
+FileDescriptor stopSignals() {
   sigset_t signals;
   sigemptyset(&signals);
   sigaddset(&signals, SIGTERM);
   sigaddset(&signals, SIGINT);
   sigprocmask(SIG_BLOCK, &signals, nullptr);
-  return UniqueFd(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
+  return FileDescriptor(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
 }
 
 int serve(const Options& options) {
@@ -186,11 +186,11 @@ int serve(const Options& options) {
     return kExitFailure;
   }
   const int handedOver = handedOverSockets();
-  UniqueFd listener;
+  FileDescriptor listener;
   if (handedOver != 0 ? !takeHandedOver(handedOver, listener) : !makeListener(listener)) {
     return kExitFailure;
   }
-  const UniqueFd stop = stopSignals();
+  const FileDescriptor stop = stopSignals();
   if (!stop) {  // it could not be asked to end
     fail("waiting for signals: " + errnoText(errno));
     return kExitFailure;

@@ -10,9 +10,9 @@
 #include <filesystem>
 #include <optional>
 
+#include "file-descriptor.h"
 #include "trace/trace-directory.h"
 #include "trace/trace-format.h"
-#include "unique-fd.h"
 
 namespace tracetool {
 namespace {
@@ -115,7 +115,7 @@ TraceFile leftOut(const Found& found) {
 TraceFile loadTrace(const std::string& path) {
   TraceFile file;
   file.path = path;
-  const fwplatform::UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  const base::FileDescriptor fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   struct stat status = {};
   if (!fd || fstat(fd.get(), &status) != 0) {
     file.problem = std::string("The file cannot be opened: ") + std::strerror(errno) + ".";

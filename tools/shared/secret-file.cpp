@@ -9,29 +9,13 @@
 #include <cstdio>
 #include <cstring>
 
+#include "file-descriptor.h"
+
 namespace secret {
 namespace {
 
 constexpr std::int64_t kLargestSecret = 65536;
 constexpr mode_t kOthersMask = 077;
-
-class File {
- public:
-  explicit File(const std::string& path)
-      // Non-blocking, so that a FIFO cannot hold up the tool.
-      : descriptor_(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)) {}
-  File(const File&) = delete;
-  File& operator=(const File&) = delete;
-  ~File() {
-    if (descriptor_ >= 0) {
-      ::close(descriptor_);
-    }
-  }
-  int get() const { return descriptor_; }
-
- private:
-  int descriptor_;
-};
 
 [[noreturn]] void fail(const std::string& path) {
   throw Error("the key file " + path + " cannot be read: " + std::strerror(errno));
@@ -56,9 +40,10 @@ Secret::~Secret() {
 }
 
 Secret readSecretFile(const std::string& path) {
-  const File file(path);
+  // Non-blocking, so that a FIFO cannot hold up the tool.
+  const base::FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   struct stat status = {};
-  if (file.get() < 0 || ::fstat(file.get(), &status) != 0) {
+  if (!file || ::fstat(file.get(), &status) != 0) {
     fail(path);
   }
   if (!S_ISREG(status.st_mode)) {

@@ -1,8 +1,6 @@
 #include "dlog.h"
 
 #include <poll.h>
-#include <pthread.h>
-#include <signal.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -20,6 +18,8 @@
 #include "library-messages.h"
 #include "log/journal.h"
 #include "printable-text.h"
+#include "signal-guards.h"
+#include "system-error.h"
 
 namespace {
 
@@ -57,48 +57,6 @@ const Level& levelOf(int priority) {
   return *level;
 }
 
-class KeepErrno {
- public:
-  KeepErrno() : saved_(errno) {}
-  ~KeepErrno() { errno = saved_; }
-  KeepErrno(const KeepErrno&) = delete;
-  KeepErrno& operator=(const KeepErrno&) = delete;
-  int saved() const { return saved_; }
-
- private:
-  const int saved_;
-};
-
-// Keeps a broken pipe on stderr from ending the process in the middle of an
-// update: the signal that this thread's write raises is taken back.
-class HoldBackSigpipe {
- public:
-  HoldBackSigpipe() {
-    sigemptyset(&sigpipe_);
-    sigaddset(&sigpipe_, SIGPIPE);
-    sigset_t pending;
-    sigemptyset(&pending);
-    sigpending(&pending);
-    wasPending_ = sigismember(&pending, SIGPIPE) == 1;
-    pthread_sigmask(SIG_BLOCK, &sigpipe_, &previous_);
-  }
-  ~HoldBackSigpipe() {
-    if (!wasPending_) {
-      const timespec noWait = {};
-      while (sigtimedwait(&sigpipe_, nullptr, &noWait) < 0 && errno == EINTR) {
-      }
-    }
-    pthread_sigmask(SIG_SETMASK, &previous_, nullptr);
-  }
-  HoldBackSigpipe(const HoldBackSigpipe&) = delete;
-  HoldBackSigpipe& operator=(const HoldBackSigpipe&) = delete;
-
- private:
-  sigset_t sigpipe_ = {};
-  sigset_t previous_ = {};
-  bool wasPending_;
-};
-
 // True when writing to stderr may be tried again. A stderr that somebody made
 // non-blocking gets a second to take more.
 bool mayRetryWrite(int error) {
@@ -113,12 +71,13 @@ bool mayRetryWrite(int error) {
   return poll(&target, 1, kPatienceMs) > 0;
 }
 
-// One write for the whole line. The lock matters for lines that are longer than
+// One write for the whole line. A pipe that nobody reads does not end the process in
+// the middle of an update. The lock matters for lines that are longer than
 // a pipe takes at once: the kernel may split those.
 int writeToStderr(std::string_view line) {
   static std::mutex mutex;
   const std::lock_guard<std::mutex> lock(mutex);
-  const HoldBackSigpipe holdBack;
+  const base::HoldBackSigpipe holdBack;
   while (!line.empty()) {
     const ssize_t written = write(STDERR_FILENO, line.data(), line.size());
     if (written >= 0) {
@@ -308,7 +267,7 @@ int print(int error, int priority, const char* tag, const char* format, va_list 
 }  // namespace
 
 int __dlog_print(int, int priority, const char* tag, const char* format, ...) {
-  const KeepErrno keepErrno;
+  const base::KeepErrno keepErrno;
   if (format == nullptr) {
     return -EINVAL;
   }

@@ -18,45 +18,30 @@
 #include <vector>
 
 #include "dlog.h"
-#include "errno-text.h"
+#include "file-descriptor.h"
 #include "power/logind-inhibitor.h"
 #include "power/wake-lock.h"
-#include "unique-fd.h"
+#include "signal-guards.h"
+#include "system-error.h"
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
-using fwplatform::errnoText;
-using fwplatform::UniqueFd;
+using base::errnoText;
+using base::FileDescriptor;
 using fwplatform::WakeLock;
 
 // One lock of a state. Destroying it gives the power back.
 struct Hold {
   int state = 0;
   Clock::time_point end;
-  UniqueFd inhibitor;
+  FileDescriptor inhibitor;
   WakeLock wakeLock;
 };
 
 bool endsEarlier(const Hold& one, const Hold& other) {
   return one.end < other.end;
 }
-
-// The program's signals are for the program's own threads.
-class BlockSignals {
- public:
-  BlockSignals() {
-    sigset_t all;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &previous_);
-  }
-  ~BlockSignals() { pthread_sigmask(SIG_SETMASK, &previous_, nullptr); }
-  BlockSignals(const BlockSignals&) = delete;
-  BlockSignals& operator=(const BlockSignals&) = delete;
-
- private:
-  sigset_t previous_ = {};
-};
 
 // What this process holds, and the thread that gives it back when its time is
 // over. The thread lives only while something is held.
@@ -99,7 +84,7 @@ void Holds::startWatching() {
   if (watched_) {
     return;
   }
-  const BlockSignals block;
+  const base::SignalsLater later;  // they are for the program's own threads
   std::thread([this] { watch(); }).detach();
   watched_ = true;
 }

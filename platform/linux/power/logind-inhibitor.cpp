@@ -21,10 +21,10 @@ using Bus = std::unique_ptr<sd_bus, CloseBus>;
 struct Reply {
   bool arrived = false;
   int status = -EIO;
-  UniqueFd inhibitor;
+  base::FileDescriptor inhibitor;
 };
 
-int takeDescriptor(sd_bus_message* message, UniqueFd& inhibitor) {
+int takeDescriptor(sd_bus_message* message, base::FileDescriptor& inhibitor) {
   if (sd_bus_message_is_method_error(message, nullptr) > 0) {
     return -sd_bus_message_get_errno(message);
   }
@@ -74,7 +74,7 @@ int drive(sd_bus* bus, const Reply& reply, Clock::time_point deadline) {
 
 }  // namespace
 
-int takeLogindInhibitor(const std::string& why, UniqueFd& inhibitor) {
+int takeLogindInhibitor(const std::string& why, base::FileDescriptor& inhibitor) {
   const auto deadline = Clock::now() + std::chrono::milliseconds(kLogindPatienceMs);
   Reply reply;  // outlives the bus, which may still call back while it closes
   sd_bus* opened = nullptr;

@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "unique-fd.h"
+#include "file-descriptor.h"
 
 namespace fwplatform {
 
@@ -14,7 +14,7 @@ constexpr int kLogindPatienceMs = 2000;
 
 // Blocks shutdown, sleep and idle until inhibitor is closed. 0, or a negative
 // errno value: -ETIMEDOUT when no answer came within kLogindPatienceMs.
-int takeLogindInhibitor(const std::string& why, UniqueFd& inhibitor);
+int takeLogindInhibitor(const std::string& why, base::FileDescriptor& inhibitor);
 
 }  // namespace fwplatform
 

@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <utility>
 
-#include "unique-fd.h"
+#include "file-descriptor.h"
 
 namespace fwplatform {
 namespace {
@@ -16,7 +16,7 @@ constexpr char kUnlockFile[] = "/sys/power/wake_unlock";
 constexpr char kNanosecondsPerMs[] = "000000";
 
 int writeFile(const char* path, const std::string& text) {
-  const UniqueFd file(open(path, O_WRONLY | O_CLOEXEC));
+  const base::FileDescriptor file(open(path, O_WRONLY | O_CLOEXEC));
   if (!file) {
     return -errno;
   }

@@ -14,15 +14,15 @@ bool set(int context, const DetachedMountRequest::Option& option) {
   return fsconfig(context, FSCONFIG_SET_STRING, option.name, option.value.c_str(), 0) == 0;
 }
 
-bool isAt(const UniqueFd& tree, const std::string& parent, const std::string& name) {
+bool isAt(const base::FileDescriptor& tree, const std::string& parent, const std::string& name) {
   OpenedPath found;
   return openEntry(parent, name, found) == 0 && areOnOneMount(found.fd.get(), tree.get());
 }
 
 }  // namespace
 
-int mountDetached(const DetachedMountRequest& request, UniqueFd& tree) {
-  const UniqueFd context(fsopen(request.fileSystem, FSOPEN_CLOEXEC));
+int mountDetached(const DetachedMountRequest& request, base::FileDescriptor& tree) {
+  const base::FileDescriptor context(fsopen(request.fileSystem, FSOPEN_CLOEXEC));
   if (!context) {
     return errno;
   }
@@ -34,7 +34,7 @@ int mountDetached(const DetachedMountRequest& request, UniqueFd& tree) {
   if (fsconfig(context.get(), FSCONFIG_CMD_CREATE, nullptr, nullptr, 0) != 0) {
     return errno;
   }
-  UniqueFd mounted(fsmount(context.get(), FSMOUNT_CLOEXEC, request.attributes));
+  base::FileDescriptor mounted(fsmount(context.get(), FSMOUNT_CLOEXEC, request.attributes));
   if (!mounted) {
     return errno;
   }
@@ -42,7 +42,7 @@ int mountDetached(const DetachedMountRequest& request, UniqueFd& tree) {
   return 0;
 }
 
-int attach(const UniqueFd& tree, const OpenedPath& directory, const std::string& parent,
+int attach(const base::FileDescriptor& tree, const OpenedPath& directory, const std::string& parent,
            const std::string& name) {
   if (move_mount(tree.get(), "", directory.fd.get(), "", MOVE_MOUNT_F_EMPTY_PATH | MOVE_MOUNT_T_EMPTY_PATH) !=
       0) {
@@ -52,7 +52,7 @@ int attach(const UniqueFd& tree, const OpenedPath& directory, const std::string&
   if (isAt(tree, parent, name)) {
     return 0;
   }
-  umount2(procPath(tree.get()).c_str(), MNT_DETACH);
+  umount2(tree.path().c_str(), MNT_DETACH);
   return ESTALE;
 }
 

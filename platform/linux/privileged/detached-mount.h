@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "file-descriptor.h"
 #include "privileged/safe-path.h"
-#include "unique-fd.h"
 
 namespace fwplatform {
 
@@ -23,11 +23,11 @@ struct DetachedMountRequest {
 
 // Both give 0 or an errno value.
 
-int mountDetached(const DetachedMountRequest& request, UniqueFd& tree);
+int mountDetached(const DetachedMountRequest& request, base::FileDescriptor& tree);
 
 // Mounts it on the opened directory, which must still be what has that name in that
 // parent directory afterwards. Else the mount is taken back: ESTALE.
-int attach(const UniqueFd& tree, const OpenedPath& directory, const std::string& parent,
+int attach(const base::FileDescriptor& tree, const OpenedPath& directory, const std::string& parent,
            const std::string& name);
 
 }  // namespace fwplatform

@@ -18,13 +18,13 @@ constexpr int kMostAttempts = 100;
 constexpr int kMostNodes = 256;
 
 struct LoopDevice {
-  UniqueFd fd;
+  base::FileDescriptor fd;
   std::string path;
 };
 
 // Gives the device this file for as long as it is open or mounted. Which file it is, is
 // not looked up again: the kernel takes the opened one.
-int bind(int device, const UniqueFd& image) {
+int bind(int device, const base::FileDescriptor& image) {
   loop_config config = {};
   config.fd = static_cast<unsigned>(image.get());
   config.info.lo_flags = LO_FLAGS_READ_ONLY | LO_FLAGS_AUTOCLEAR;
@@ -33,9 +33,9 @@ int bind(int device, const UniqueFd& image) {
 
 // 0, or an errno value: EBUSY when another process has the device, ENOENT when there is
 // no such node.
-int tryDevice(int number, const UniqueFd& image, LoopDevice& device) {
+int tryDevice(int number, const base::FileDescriptor& image, LoopDevice& device) {
   const std::string path = "/dev/loop" + std::to_string(number);
-  UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW));
+  base::FileDescriptor fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW));
   struct stat status = {};
   if (!fd || fstat(fd.get(), &status) != 0) {
     return errno == ELOOP || errno == ENXIO ? ENOENT : errno;
@@ -51,7 +51,7 @@ int tryDevice(int number, const UniqueFd& image, LoopDevice& device) {
 }
 
 // For a /dev where the node of the device that the kernel would take is missing.
-int takeAnyNode(const UniqueFd& image, LoopDevice& device) {
+int takeAnyNode(const base::FileDescriptor& image, LoopDevice& device) {
   int error = ENOENT;
   for (int number = 0; number < kMostNodes; ++number) {
     const int status = tryDevice(number, image, device);
@@ -65,8 +65,8 @@ int takeAnyNode(const UniqueFd& image, LoopDevice& device) {
   return error;
 }
 
-int takeFreeDevice(const UniqueFd& image, LoopDevice& device) {
-  const UniqueFd control(open(kControl, O_RDWR | O_CLOEXEC));
+int takeFreeDevice(const base::FileDescriptor& image, LoopDevice& device) {
+  const base::FileDescriptor control(open(kControl, O_RDWR | O_CLOEXEC));
   if (!control) {
     return errno;
   }
@@ -80,7 +80,8 @@ int takeFreeDevice(const UniqueFd& image, LoopDevice& device) {
 
 }  // namespace
 
-int mountLoop(const UniqueFd& image, unsigned attributes, UniqueFd& tree, std::string& device) {
+int mountLoop(const base::FileDescriptor& image, unsigned attributes, base::FileDescriptor& tree,
+              std::string& device) {
   LoopDevice taken;
   if (const int error = takeFreeDevice(image, taken); error != 0) {
     return error;

@@ -5,13 +5,14 @@
 
 #include <string>
 
-#include "unique-fd.h"
+#include "file-descriptor.h"
 
 namespace fwplatform {
 
 // image: opened for reading; the mount shows this very file. attributes: MOUNT_ATTR_...
 // 0, with the mount, which is nowhere yet, and the loop device's path; or an errno value.
-int mountLoop(const UniqueFd& image, unsigned attributes, UniqueFd& tree, std::string& device);
+int mountLoop(const base::FileDescriptor& image, unsigned attributes, base::FileDescriptor& tree,
+              std::string& device);
 
 }  // namespace fwplatform
 

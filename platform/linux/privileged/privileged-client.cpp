@@ -1,35 +1,21 @@
 #include "privileged/privileged-client.h"
 
-#include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <sys/un.h>
 
 #include <cerrno>
-#include <chrono>
 #include <cstring>
 #include <string>
 
-#include "unique-fd.h"
+#include "deadline.h"
+#include "file-descriptor.h"
 
 namespace fwplatform {
 namespace {
 
-class Deadline {
- public:
-  explicit Deadline(int milliseconds) : end_(Clock::now() + std::chrono::milliseconds(milliseconds)) {}
-  int leftMs() const {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end_ - Clock::now()).count();
-    return left > 0 ? static_cast<int>(left) : 0;
-  }
-
- private:
-  using Clock = std::chrono::steady_clock;
-  Clock::time_point end_;
-};
-
 // For connecting and sending, which block when the service takes no more clients.
-int limitSending(int socket, const Deadline& deadline) {
+int limitSending(int socket, const base::Deadline& deadline) {
   // A limit of 0 would mean none.
   const int left = deadline.leftMs() + 1;
   timeval limit = {};
@@ -43,7 +29,7 @@ int sendingError() {
   return errno == EAGAIN || errno == EINPROGRESS ? -ETIMEDOUT : -errno;
 }
 
-int connect(int socket, const Deadline& deadline) {
+int connect(int socket, const base::Deadline& deadline) {
   sockaddr_un address = {};
   address.sun_family = AF_UNIX;
   static_assert(sizeof kPrivilegedSocketPath <= sizeof address.sun_path, "the path must fit");
@@ -61,7 +47,7 @@ int connect(int socket, const Deadline& deadline) {
   }
 }
 
-int send(int socket, const std::string& message, const Deadline& deadline) {
+int send(int socket, const std::string& message, const base::Deadline& deadline) {
   for (;;) {
     if (const int status = limitSending(socket, deadline); status != 0) {
       return status;
@@ -75,12 +61,8 @@ int send(int socket, const std::string& message, const Deadline& deadline) {
   }
 }
 
-int receive(int socket, const Deadline& deadline, PrivilegedAnswer& answer) {
-  pollfd ready = {socket, POLLIN, 0};
-  int count = 0;
-  do {
-    count = poll(&ready, 1, deadline.leftMs());
-  } while (count < 0 && errno == EINTR);
+int receive(int socket, const base::Deadline& deadline, PrivilegedAnswer& answer) {
+  const int count = deadline.waitToRead(socket);
   if (count <= 0) {
     return count == 0 ? -ETIMEDOUT : -errno;
   }
@@ -102,8 +84,8 @@ int receive(int socket, const Deadline& deadline, PrivilegedAnswer& answer) {
 
 int askPrivilegedService(PrivilegedOperation operation, std::string_view text, int patienceMs,
                          PrivilegedAnswer& answer) {
-  const Deadline deadline(patienceMs);
-  const UniqueFd client(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+  const base::Deadline deadline(patienceMs);
+  const base::FileDescriptor client(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
   if (!client) {
     return -errno;
   }

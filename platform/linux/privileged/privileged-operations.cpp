@@ -9,11 +9,11 @@
 #include <cerrno>
 #include <exception>
 
-#include "errno-text.h"
 #include "privileged/detached-mount.h"
 #include "privileged/loop-mount.h"
 #include "privileged/safe-path.h"
 #include "privileged/squashfs-unpack.h"
+#include "system-error.h"
 
 namespace fwplatform {
 namespace {
@@ -33,7 +33,7 @@ Outcome refused(std::string reason) {
 }
 
 Outcome failed(int error, const std::string& what) {
-  return {false, error, what + ": " + errnoText(error)};
+  return {false, error, what + ": " + base::errnoText(error)};
 }
 
 Outcome done(std::string text) {
@@ -55,7 +55,7 @@ unsigned attributesOf(const MountRequest& request) {
   return MOUNT_ATTR_RDONLY | MOUNT_ATTR_NODEV | MOUNT_ATTR_NOSUID | (request.noExec ? MOUNT_ATTR_NOEXEC : 0U);
 }
 
-Outcome attachTo(const MountRequest& request, const OpenedPath& directory, const UniqueFd& tree,
+Outcome attachTo(const MountRequest& request, const OpenedPath& directory, const base::FileDescriptor& tree,
                  const std::string& what) {
   const int error = attach(tree, directory, kMountParent, request.directoryName);
   if (error == ESTALE) {
@@ -66,11 +66,11 @@ Outcome attachTo(const MountRequest& request, const OpenedPath& directory, const
 
 Outcome mountOpened(const MountRequest& request, const OpenedPath& image, const OpenedPath& directory) {
   const std::string what = request.imageName + " on " + request.directoryName;
-  UniqueFd content;
+  base::FileDescriptor content;
   if (const int error = openForReading(image, content); error != 0) {
     return failed(error, "opening " + request.imageName);
   }
-  UniqueFd tree;
+  base::FileDescriptor tree;
   std::string device;
   const int error = mountLoop(content, attributesOf(request), tree, device);
   if (error == 0) {
@@ -87,7 +87,7 @@ Outcome mountOpened(const MountRequest& request, const OpenedPath& image, const 
   return attachTo(request, directory, tree,
                   "unpacked " + what +
                       " onto a read-only tmpfs, because the kernel refuses loop mounts here (" +
-                      errnoText(error) + ")");
+                      base::errnoText(error) + ")");
 }
 
 Outcome carryOut(const MountRequest& request) {
@@ -128,12 +128,12 @@ int setNodeMode(int devDirectory, const std::string& name, dev_t device) {
   if (!S_ISBLK(node.status.st_mode) || node.status.st_rdev != device) {
     return EEXIST;
   }
-  return chmod(procPath(node).c_str(), 0660) == 0 ? 0 : errno;
+  return chmod(node.fd.path().c_str(), 0660) == 0 ? 0 : errno;
 }
 
 Outcome carryOut(const MknodRequest& request) {
   const std::string name = "loop" + std::to_string(request.loopNumber);
-  UniqueFd devDirectory;
+  base::FileDescriptor devDirectory;
   if (const int error = openDirectory("/dev", devDirectory); error != 0) {
     return failed(error, "opening /dev");
   }
@@ -148,13 +148,13 @@ Outcome carryOut(const MknodRequest& request) {
 }
 
 Outcome carryOut(const UmountRequest& request) {
-  UniqueFd parent;
+  base::FileDescriptor parent;
   if (const int error = openDirectory(kMountParent, parent); error != 0) {
     return error == ELOOP ? refused("a symbolic link is in the way to " + request.directoryName)
                           : failed(error, "opening " + std::string(kMountParent));
   }
   // By its parent, because an opened directory would keep its own mount busy.
-  const std::string path = procPath(parent.get()) + "/" + request.directoryName;
+  const std::string path = parent.path() + "/" + request.directoryName;
   if (umount2(path.c_str(), UMOUNT_NOFOLLOW) != 0) {
     return failed(errno, "unmount of " + request.directoryName);
   }

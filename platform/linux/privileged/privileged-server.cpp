@@ -59,7 +59,8 @@ constexpr PassingError kPassingErrors[] = {
 
 }  // namespace
 
-PrivilegedServer::PrivilegedServer(UniqueFd listener, std::optional<gid_t> allowedGroup, Heartbeat heartbeat)
+PrivilegedServer::PrivilegedServer(base::FileDescriptor listener, std::optional<gid_t> allowedGroup,
+                                   Heartbeat heartbeat)
     : listener_(std::move(listener)),
       allowedGroup_(allowedGroup),
       heartbeat_(std::move(heartbeat)),
@@ -122,7 +123,7 @@ void PrivilegedServer::makeRoomFor(uid_t uid) {
   }
 }
 
-void PrivilegedServer::takeClient(UniqueFd socket) {
+void PrivilegedServer::takeClient(base::FileDescriptor socket) {
   const std::optional<PrivilegedCaller> caller = peerOf(socket.get());
   if (!caller) {
     return;
@@ -140,7 +141,7 @@ void PrivilegedServer::takeClient(UniqueFd socket) {
 
 bool PrivilegedServer::acceptClients() {
   for (std::size_t i = 0; i < kMostWaiting; ++i) {
-    UniqueFd socket(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+    base::FileDescriptor socket(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
     if (!socket) {
       return afterFailedAccept(errno);
     }

@@ -13,9 +13,9 @@
 #include <string_view>
 #include <vector>
 
+#include "file-descriptor.h"
 #include "privileged/privileged-log.h"
 #include "privileged/privileged-operations.h"
-#include "unique-fd.h"
 
 namespace fwplatform {
 
@@ -30,7 +30,8 @@ class PrivilegedServer {
  public:
   // Owns the listening socket; it is made non-blocking. allowedGroup: whose
   // members may ask, besides root.
-  PrivilegedServer(UniqueFd listener, std::optional<gid_t> allowedGroup, Heartbeat heartbeat = {});
+  PrivilegedServer(base::FileDescriptor listener, std::optional<gid_t> allowedGroup,
+                   Heartbeat heartbeat = {});
 
   // Serves until stopFd becomes readable. False when the listening socket fails.
   bool run(int stopFd);
@@ -39,7 +40,7 @@ class PrivilegedServer {
   using Clock = std::chrono::steady_clock;
 
   struct Client {
-    UniqueFd socket;
+    base::FileDescriptor socket;
     PrivilegedCaller caller;
     bool allowed;
     Clock::time_point deadline;
@@ -49,7 +50,7 @@ class PrivilegedServer {
   bool waitForWork(int stopFd, bool& stop);
   bool acceptClients();
   bool afterFailedAccept(int error);
-  void takeClient(UniqueFd socket);
+  void takeClient(base::FileDescriptor socket);
   void makeRoomFor(uid_t uid);
   Clients::iterator oldestOf(uid_t uid);
   Clients::iterator oldestOfTheGreediest();
@@ -62,7 +63,7 @@ class PrivilegedServer {
   bool listensNow() const;
   int msToNextEvent() const;
 
-  UniqueFd listener_;
+  base::FileDescriptor listener_;
   std::optional<gid_t> allowedGroup_;
   Heartbeat heartbeat_;
   Clock::time_point nextBeat_ = Clock::now();

@@ -10,9 +10,9 @@
 #include <string_view>
 
 #include "dlog.h"
-#include "errno-text.h"
 #include "privileged/privileged-client.h"
 #include "privileged/privileged-operations.h"
+#include "system-error.h"
 
 namespace {
 
@@ -37,7 +37,7 @@ PrivilegedAnswer ask(PrivilegedOperation operation, std::string_view text) {
   __dlog_print(2, DLOG_WARN_PRIORITY, "FWUPDATE", "privileged: no %s: the service at %s %s: %s",
                nameOf(operation), fwplatform::kPrivilegedSocketPath,
                meansNoService(status) ? "is not running" : "gave no answer",
-               fwplatform::errnoText(-status).c_str());
+               base::errnoText(-status).c_str());
   return {status, 0};
 }
 

@@ -25,7 +25,7 @@ std::optional<std::uint64_t> mountOf(int fd) {
 }  // namespace
 
 int openEntryAt(int directory, const std::string& name, OpenedPath& entry) {
-  UniqueFd fd(openat(directory, name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+  base::FileDescriptor fd(openat(directory, name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
   struct stat status = {};
   if (!fd || fstat(fd.get(), &status) != 0) {
     return errno;
@@ -39,8 +39,8 @@ int openEntryAt(int directory, const std::string& name, OpenedPath& entry) {
   return 0;
 }
 
-int openDirectory(const std::string& path, UniqueFd& directory) {
-  UniqueFd reached(open("/", O_PATH | O_DIRECTORY | O_CLOEXEC));
+int openDirectory(const std::string& path, base::FileDescriptor& directory) {
+  base::FileDescriptor reached(open("/", O_PATH | O_DIRECTORY | O_CLOEXEC));
   if (!reached) {
     return errno;
   }
@@ -58,23 +58,15 @@ int openDirectory(const std::string& path, UniqueFd& directory) {
 }
 
 int openEntry(const std::string& directory, const std::string& name, OpenedPath& entry) {
-  UniqueFd opened;
+  base::FileDescriptor opened;
   if (const int error = openDirectory(directory, opened); error != 0) {
     return error;
   }
   return openEntryAt(opened.get(), name, entry);
 }
 
-std::string procPath(int fd) {
-  return "/proc/self/fd/" + std::to_string(fd);
-}
-
-std::string procPath(const OpenedPath& opened) {
-  return procPath(opened.fd.get());
-}
-
-int openForReading(const OpenedPath& file, UniqueFd& content) {
-  content.reset(open(procPath(file).c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+int openForReading(const OpenedPath& file, base::FileDescriptor& content) {
+  content.reset(open(file.fd.path().c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
   return content ? 0 : errno;
 }
 

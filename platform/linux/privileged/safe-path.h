@@ -7,30 +7,26 @@
 
 #include <string>
 
-#include "unique-fd.h"
+#include "file-descriptor.h"
 
 namespace fwplatform {
 
 struct OpenedPath {
-  UniqueFd fd;
+  base::FileDescriptor fd;
   struct stat status = {};
 };
 
 // Each gives 0 or an errno value; ELOOP when a component is a symbolic link.
 
 // path: absolute, of plain components.
-int openDirectory(const std::string& path, UniqueFd& directory);
+int openDirectory(const std::string& path, base::FileDescriptor& directory);
 // Whatever has this name in the directory, of any type but a symbolic link.
 int openEntry(const std::string& directory, const std::string& name, OpenedPath& entry);
 int openEntryAt(int directory, const std::string& name, OpenedPath& entry);
 
-// A path that always leads to what is opened, whatever its name is by now.
-std::string procPath(int fd);
-std::string procPath(const OpenedPath& opened);
-
 // Opens what is opened once more, to read it, without waiting for anybody: EAGAIN for a
 // file that somebody holds a lease on. 0 or an errno value.
-int openForReading(const OpenedPath& file, UniqueFd& content);
+int openForReading(const OpenedPath& file, base::FileDescriptor& content);
 
 // Whether something is mounted on the directory. 0 or an errno value: ENOSYS when the
 // kernel does not tell.

@@ -1,7 +1,6 @@
 #include "privileged/squashfs-unpack.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/mman.h>
@@ -15,7 +14,9 @@
 #include <cstdlib>
 #include <fstream>
 
+#include "deadline.h"
 #include "privileged/detached-mount.h"
+#include "program-start.h"
 
 namespace fwplatform {
 namespace {
@@ -54,27 +55,17 @@ constexpr int kLeftSomethingOut = 2;
 }
 
 // A copy above the numbers that the child uses, so that no copy overwrites it.
-UniqueFd highCopy(int fd) {
-  return UniqueFd(fcntl(fd, F_DUPFD_CLOEXEC, 10));
+base::FileDescriptor highCopy(int fd) {
+  return base::FileDescriptor(fcntl(fd, F_DUPFD_CLOEXEC, 10));
 }
 
 // The end of a child, as an exit code; -1 when it was killed or ran out of time.
 int waitFor(pid_t child, int milliseconds) {
-  const UniqueFd handle(static_cast<int>(syscall(SYS_pidfd_open, child, 0)));
-  pollfd ended = {handle.get(), POLLIN, 0};
-  int count = 0;
-  do {
-    count = handle ? poll(&ended, 1, milliseconds) : 0;
-  } while (count < 0 && errno == EINTR);
-  if (count <= 0) {
+  const base::FileDescriptor handle(static_cast<int>(syscall(SYS_pidfd_open, child, 0)));
+  if (!handle || base::Deadline(milliseconds).waitToRead(handle.get()) <= 0) {
     kill(child, SIGKILL);
   }
-  int status = 0;
-  while (waitpid(child, &status, 0) < 0) {
-    if (errno != EINTR) {
-      return -1;
-    }
-  }
+  const int status = base::waitForEnd(child);
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
@@ -95,11 +86,11 @@ bool isFull(int tree) {
   return fstatfs(tree, &status) == 0 && (status.f_bfree == 0 || status.f_ffree == 0);
 }
 
-int unpack(const UniqueFd& image, int tree, const UnpackLimits& limits, std::string& reason) {
-  const UniqueFd messages(memfd_create("unsquashfs", MFD_CLOEXEC));
-  const UniqueFd imageCopy = highCopy(image.get());
-  const UniqueFd treeCopy = highCopy(tree);
-  const UniqueFd messagesCopy = highCopy(messages.get());
+int unpack(const base::FileDescriptor& image, int tree, const UnpackLimits& limits, std::string& reason) {
+  const base::FileDescriptor messages(memfd_create("unsquashfs", MFD_CLOEXEC));
+  const base::FileDescriptor imageCopy = highCopy(image.get());
+  const base::FileDescriptor treeCopy = highCopy(tree);
+  const base::FileDescriptor messagesCopy = highCopy(messages.get());
   if (!messages || !imageCopy || !treeCopy || !messagesCopy) {
     return errno;
   }
@@ -140,10 +131,10 @@ bool isInUserNamespace() {
   return map && !(inside == 0 && outside == 0 && count == kEveryUser);
 }
 
-int unpackOnTmpfs(const UniqueFd& image, unsigned attributes, const UnpackLimits& limits, UniqueFd& tree,
-                  std::string& reason) {
+int unpackOnTmpfs(const base::FileDescriptor& image, unsigned attributes, const UnpackLimits& limits,
+                  base::FileDescriptor& tree, std::string& reason) {
   reason = "making a tmpfs";
-  UniqueFd unpacked;
+  base::FileDescriptor unpacked;
   const DetachedMountRequest request = {
       "tmpfs",
       {{"mode", "0755"}, {"size", limits.size}, {"nr_inodes", limits.files}},

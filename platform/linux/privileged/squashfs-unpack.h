@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "unique-fd.h"
+#include "file-descriptor.h"
 
 namespace fwplatform {
 
@@ -24,8 +24,8 @@ struct UnpackLimits {
 // Unpacks a squashfs image, opened for reading, onto a tmpfs of its own that is nowhere
 // yet, and makes that read-only. attributes: MOUNT_ATTR_...; 0 with the tmpfs, or an
 // errno value with the failed step in reason; nothing stays behind then.
-int unpackOnTmpfs(const UniqueFd& image, unsigned attributes, const UnpackLimits& limits, UniqueFd& tree,
-                  std::string& reason);
+int unpackOnTmpfs(const base::FileDescriptor& image, unsigned attributes, const UnpackLimits& limits,
+                  base::FileDescriptor& tree, std::string& reason);
 
 }  // namespace fwplatform
 

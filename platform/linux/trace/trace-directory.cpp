@@ -54,7 +54,7 @@ bool isTraceName(std::string_view name) {
 
 std::vector<OldFile> traceFilesIn(int directory) {
   std::vector<OldFile> files;
-  UniqueFd copy(openat(directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  base::FileDescriptor copy(openat(directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   const std::unique_ptr<DIR, CloseDirectory> entries(copy ? fdopendir(copy.get()) : nullptr);
   if (!entries) {
     return files;
@@ -75,22 +75,23 @@ bool mayBeRemoved(int directory, const OldFile& file, std::int64_t now) {
   if (file.empty) {
     return file.modified < now - kEmptySeconds;
   }
-  const UniqueFd fd(openat(directory, file.name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  const base::FileDescriptor fd(
+      openat(directory, file.name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   return fd && !isOfLiveProcess(fd.get());
 }
 
 }  // namespace
 
-UniqueFd openTraceDirectory(const std::string& path) {
+base::FileDescriptor openTraceDirectory(const std::string& path) {
   if (mkdir(path.c_str(), kDirectoryMode) != 0 && errno != EEXIST && errno != EROFS) {
-    return UniqueFd();
+    return base::FileDescriptor();
   }
-  return UniqueFd(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  return base::FileDescriptor(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
 }
 
-UniqueFd createTraceFile(int directory, const std::string& processName, std::int64_t realTime) {
+base::FileDescriptor createTraceFile(int directory, const std::string& processName, std::int64_t realTime) {
   const std::string start = fileNamePart(processName) + '-' + std::to_string(getpid()) + '-';
-  UniqueFd file;
+  base::FileDescriptor file;
   for (int i = 0; i < kNameAttempts && !file; ++i) {
     const std::string name = start + std::to_string(realTime / kMillisecond + i) + kFileSuffix;
     file.reset(

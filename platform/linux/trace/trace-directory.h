@@ -7,17 +7,17 @@
 #include <cstdint>
 #include <string>
 
-#include "unique-fd.h"
+#include "file-descriptor.h"
 
 namespace fwplatform::trace {
 
 // Opens the directory, and makes it when only its last part is missing. On failure
 // the descriptor is empty and errno says why.
-UniqueFd openTraceDirectory(const std::string& path);
+base::FileDescriptor openTraceDirectory(const std::string& path);
 
 // A new, empty, locked file for this process, named after it and the time (in
 // nanoseconds since 1970). On failure the descriptor is empty and errno says why.
-UniqueFd createTraceFile(int directory, const std::string& processName, std::int64_t realTime);
+base::FileDescriptor createTraceFile(int directory, const std::string& processName, std::int64_t realTime);
 
 // True while the process whose file this is (or a child that has not noticed yet)
 // lives. Takes the lock for a moment when nobody holds it.

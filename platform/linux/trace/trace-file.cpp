@@ -38,7 +38,7 @@ std::uint32_t threadId() {
 }
 
 std::string commandLine() {
-  const UniqueFd file(open("/proc/self/cmdline", O_RDONLY | O_CLOEXEC));
+  const base::FileDescriptor file(open("/proc/self/cmdline", O_RDONLY | O_CLOEXEC));
   char text[sizeof(FileHeader::commandLine)];
   const ssize_t count = file ? read(file.get(), text, sizeof text) : 0;
   std::string line(text, count > 0 ? static_cast<std::size_t>(count) : 0);
@@ -94,7 +94,8 @@ std::string_view orEmpty(const char* text) {
 
 }  // namespace
 
-TraceFile::TraceFile(const Settings& settings, UniqueFd fd) : settings_(settings), fd_(std::move(fd)) {}
+TraceFile::TraceFile(const Settings& settings, base::FileDescriptor fd)
+    : settings_(settings), fd_(std::move(fd)) {}
 
 TraceFile::~TraceFile() {
   for (const auto& [start, size] : mappings_) {
@@ -105,14 +106,14 @@ TraceFile::~TraceFile() {
 std::unique_ptr<TraceFile> TraceFile::create(const Settings& settings, int& error) {
   const std::string name = threadName();
   const std::int64_t begun = now(CLOCK_REALTIME);
-  const UniqueFd directory = openTraceDirectory(settings.directory);
+  const base::FileDescriptor directory = openTraceDirectory(settings.directory);
   if (!directory) {
     error = errno;
     return nullptr;
   }
   cleanUp(directory.get(), begun / kNanoseconds, settings.days * kSecondsADay,
           std::uint64_t{settings.totalMib} * 1024 * 1024);
-  UniqueFd fd = createTraceFile(directory.get(), name, begun);
+  base::FileDescriptor fd = createTraceFile(directory.get(), name, begun);
   if (!fd) {
     error = errno;
     return nullptr;

@@ -10,10 +10,10 @@
 #include <string>
 #include <vector>
 
+#include "file-descriptor.h"
 #include "trace-storage.h"
 #include "trace/trace-ring.h"
 #include "trace/trace-settings.h"
-#include "unique-fd.h"
 
 namespace fwplatform::trace {
 
@@ -47,7 +47,7 @@ class TraceFile {
     std::uint32_t size;
   };
 
-  TraceFile(const Settings& settings, UniqueFd fd);
+  TraceFile(const Settings& settings, base::FileDescriptor fd);
 
   int initialise(const std::string& processName, std::int64_t realTime);
   unsigned char* append(std::uint32_t size);
@@ -55,7 +55,7 @@ class TraceFile {
   bool storeLocation(const unsigned char* entry, std::uint32_t size);
 
   const Settings settings_;
-  UniqueFd fd_;
+  base::FileDescriptor fd_;
   std::uint64_t fileSize_ = 0;
   std::vector<std::pair<unsigned char*, std::uint32_t>> mappings_;
   FileHeader* header_ = nullptr;

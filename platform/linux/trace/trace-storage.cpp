@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "dlog.h"
+#include "system-error.h"
 #include "trace/trace-file.h"
 #include "trace/trace-ring.h"
 #include "trace/trace-settings.h"
@@ -47,17 +48,6 @@ struct ThisThread {
 // Plain data of a library that is always loaded at start-up: no call is needed to
 // reach it.
 thread_local ThisThread thisThread __attribute__((tls_model("initial-exec"))) = {};
-
-class KeepErrno {
- public:
-  KeepErrno() : saved_(errno) {}
-  ~KeepErrno() { errno = saved_; }
-  KeepErrno(const KeepErrno&) = delete;
-  KeepErrno& operator=(const KeepErrno&) = delete;
-
- private:
-  const int saved_;
-};
 
 void onThreadEnd(void* ring) {
   const std::lock_guard<std::mutex> lock(mutex);
@@ -129,7 +119,7 @@ void open(std::string& directory, int& error) {
 // Runs action with the process's file; not at all when there is none.
 template <typename Action>
 void withFile(Action action) {
-  const KeepErrno keepErrno;
+  const base::KeepErrno keepErrno;
   std::string directory;
   int error = 0;
   try {

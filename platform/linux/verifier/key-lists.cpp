@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <string_view>
 
-#include "key-file.h"
+#include "whole-file.h"
 
 namespace fwpackage {
 namespace {
@@ -57,7 +57,7 @@ bool isMissing(const std::string& path) {
 
 Listed findInList(const std::string& path, const KeyId& keyId) {
   std::string text;
-  const int error = readKeyFile(path, text);
+  const int error = base::readFile(path, kLargestKeyFile, text);
   if (error == 0) {
     return findInText(text, toHex(keyId.data(), keyId.size()));
   }

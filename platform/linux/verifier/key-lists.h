@@ -3,6 +3,7 @@
 #ifndef FW_PLATFORM_KEY_LISTS_H
 #define FW_PLATFORM_KEY_LISTS_H
 
+#include <cstddef>
 #include <string>
 
 #include "package-trailer.h"
@@ -12,6 +13,9 @@ namespace fwpackage {
 // Keys whose packages are refused, and keys that may still sign packages of format 1.
 inline constexpr char kRevokedList[] = "revoked";
 inline constexpr char kOldFormatList[] = "format-1";
+
+// The largest file of the keys' directory that is read.
+inline constexpr std::size_t kLargestKeyFile = 65536;
 
 // Unusable: it cannot be read, or a line is wrong. Who asks then refuses.
 enum class Listed { No, Yes, Unusable };

@@ -10,14 +10,14 @@
 #include <cstddef>
 #include <filesystem>
 
-#include "small-file.h"
-#include "unique-fd.h"
+#include "file-descriptor.h"
 #include "version-order.h"
+#include "whole-file.h"
 
 namespace fwpackage {
 namespace {
 
-using fwplatform::UniqueFd;
+using base::FileDescriptor;
 
 constexpr std::size_t kLongestVersion = 255;
 // Nobody but its owner may open it: who could lock it could stop everybody who raises.
@@ -41,7 +41,7 @@ MinimumVersion parse(const std::string& content) {
 
 MinimumVersion readAt(int directory, const std::string& name) {
   std::string content;
-  switch (fwplatform::readSmallFileAt(directory, name, kLongestVersion + 1, content)) {
+  switch (base::readFileAt(directory, name, kLongestVersion + 1, content)) {
     case 0:
       return parse(content);
     case ENOENT:
@@ -51,8 +51,8 @@ MinimumVersion readAt(int directory, const std::string& name) {
   }
 }
 
-UniqueFd openDirectory(const std::string& path) {
-  return UniqueFd(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+FileDescriptor openDirectory(const std::string& path) {
+  return FileDescriptor(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
 }
 
 // 0 when it is there afterwards, also after a power cut. Who made it may have been
@@ -62,8 +62,8 @@ int makeDirectory(const std::string& path) {
   if (made ? ::chmod(path.c_str(), 0755) != 0 : errno != EEXIST) {  // whatever the umask is
     return errno;
   }
-  const UniqueFd parent = openDirectory(std::filesystem::path(path).parent_path());
-  return parent && ::fsync(parent.get()) == 0 ? 0 : errno;
+  const FileDescriptor parent = openDirectory(std::filesystem::path(path).parent_path());
+  return parent ? base::syncDirectory(parent.get()) : errno;
 }
 
 int makeDirectories(const std::string& path) {
@@ -86,12 +86,12 @@ int raiseAt(int directory, const Statements& statements) {
   if (isReached(noted, statements.minimumVersion)) {
     return 0;
   }
-  return fwplatform::replaceSmallFileAt(directory, statements.name, statements.minimumVersion + "\n", true);
+  return base::replaceFileAt(directory, statements.name, statements.minimumVersion + "\n", true);
 }
 
 // Held until it is closed: two that raise one after the other never lower.
-UniqueFd lock(int directory) {
-  UniqueFd file(::openat(directory, kLockName, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, kLockMode));
+FileDescriptor lock(int directory) {
+  FileDescriptor file(::openat(directory, kLockName, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, kLockMode));
   while (file && ::flock(file.get(), LOCK_EX) != 0) {
     if (errno != EINTR) {
       file.reset();
@@ -103,7 +103,7 @@ UniqueFd lock(int directory) {
 }  // namespace
 
 MinimumVersion readMinimumVersion(const std::string& directory, const std::string& name) {
-  const UniqueFd opened = openDirectory(directory);
+  const FileDescriptor opened = openDirectory(directory);
   if (!opened) {
     return errno == ENOENT ? MinimumVersion() : unusable();
   }
@@ -119,8 +119,8 @@ int raiseMinimumVersion(const std::string& directory, const Statements& statemen
   if (const int error = makeDirectories(directory); error != 0) {
     return error;
   }
-  const UniqueFd opened = openDirectory(directory);
-  const UniqueFd locked = opened ? lock(opened.get()) : UniqueFd();
+  const FileDescriptor opened = openDirectory(directory);
+  const FileDescriptor locked = opened ? lock(opened.get()) : FileDescriptor();
   return locked ? raiseAt(opened.get(), statements) : errno;
 }
 

@@ -13,8 +13,8 @@
 #include <stdexcept>
 #include <utility>
 
+#include "file-descriptor.h"
 #include "public-keys.h"
-#include "unique-fd.h"
 #include "version-order.h"
 
 namespace fwpackage {
@@ -277,7 +277,7 @@ SignatureReport checkSignature(int file, const Trust& trust, const Expectation& 
 }
 
 SignatureReport checkSignature(const std::string& path, const Trust& trust, const Expectation& expected) {
-  const fwplatform::UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  const base::FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   return file ? checkSignature(file.get(), trust, expected) : SignatureReport();
 }
 

@@ -8,7 +8,8 @@
 #include <memory>
 #include <stdexcept>
 
-#include "key-file.h"
+#include "key-lists.h"
+#include "whole-file.h"
 
 namespace fwpackage {
 namespace {
@@ -36,7 +37,7 @@ bool isPemName(const std::string& name) {
 
 Key readPublicKey(const std::string& path) {
   std::string pem;
-  if (readKeyFile(path, pem) != 0) {
+  if (base::readFile(path, kLargestKeyFile, pem) != 0) {
     return nullptr;
   }
   const Bio bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));

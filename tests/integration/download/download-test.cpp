@@ -12,7 +12,7 @@
 #include <filesystem>
 #include <random>
 
-#include "unique-fd.h"
+#include "file-descriptor.h"
 
 namespace fs = std::filesystem;
 
@@ -46,7 +46,7 @@ std::string DownloadTest::serveFile(const std::string& name, const std::string& 
 
 void DownloadTest::waitForEnd(const std::string& package) {
   const std::string path = std::string(fwplatform::kDownloadStatusDirectory) + "/" + package + ".lock";
-  const fwplatform::UniqueFd lock(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  const base::FileDescriptor lock(open(path.c_str(), O_RDONLY | O_CLOEXEC));
   struct flock whole = {};
   whole.l_type = F_RDLCK;
   whole.l_whence = SEEK_SET;
@@ -70,7 +70,7 @@ void DownloadTest::waitForSynced(std::int64_t size) {
 }
 
 void DownloadTest::waitUntil(const std::function<bool()>& happened) {
-  const fwplatform::UniqueFd changes(inotify_init1(IN_CLOEXEC));
+  const base::FileDescriptor changes(inotify_init1(IN_CLOEXEC));
   inotify_add_watch(changes.get(), kPackages.c_str(), IN_MODIFY | IN_CREATE | IN_MOVED_TO);
   while (!happened()) {
     ASSERT_FALSE(exists(kImage)) << "the download ended";

@@ -144,7 +144,7 @@ TEST_F(PrivilegedAttack, ByRenamingTheDirectoryPutsNoMountElsewhere) {
 // Whoever opens a file on which somebody holds a lease waits until that one gives it up.
 TEST_F(PrivilegedAttack, ByALeaseOnTheImageHangsNothing) {
   signal(SIGIO, SIG_IGN);
-  const fwplatform::UniqueFd holder(open(image_.c_str(), O_RDWR | O_CLOEXEC));
+  const base::FileDescriptor holder(open(image_.c_str(), O_RDWR | O_CLOEXEC));
   ASSERT_EQ(fcntl(holder.get(), F_SETLEASE, F_WRLCK), 0);
 
   EXPECT_EQ(ask(PrivilegedOperation::Mount, mountText(name_) + '\0'), failedWith(EAGAIN));

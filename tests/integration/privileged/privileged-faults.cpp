@@ -32,12 +32,12 @@
 namespace {
 
 namespace fs = std::filesystem;
+using base::FileDescriptor;
 using fwplatform::OpenedPath;
 using fwplatform::PrivilegedAnswer;
 using fwplatform::PrivilegedCaller;
 using fwplatform::PrivilegedOperation;
 using fwplatform::RequestEnd;
-using fwplatform::UniqueFd;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
@@ -277,7 +277,7 @@ TEST_F(LoopDeviceFaults, AnotherErrorOfTheDeviceIsTheResult) {
 TEST_F(LoopDeviceFaults, TheDeviceIsReadOnlyAndDetachesItself) {
   loop_info64 info = {};
   faults::after["LOOP_CONFIGURE"] = [&] {
-    const UniqueFd device(open(("/dev/" + loopDevicesOf(name_).at(0)).c_str(), O_RDONLY | O_CLOEXEC));
+    const FileDescriptor device(open(("/dev/" + loopDevicesOf(name_).at(0)).c_str(), O_RDONLY | O_CLOEXEC));
     faults::after.clear();
     ASSERT_EQ(ioctl(device.get(), LOOP_GET_STATUS64, &info), 0);
   };
@@ -309,7 +309,7 @@ class LoopNodeFaults : public LoopDeviceFaults {
 
   // The node that the kernel would take is one that is not there.
   static int freeDevice() {
-    const UniqueFd control(open("/dev/loop-control", O_RDWR | O_CLOEXEC));
+    const FileDescriptor control(open("/dev/loop-control", O_RDWR | O_CLOEXEC));
     return ioctl(control.get(), LOOP_CTL_GET_FREE);
   }
 
@@ -400,7 +400,7 @@ TEST_F(LoopNodeFaults, ANodeThatIsGoneAgainIsAFailure) {
 }
 
 TEST_F(PrivilegedFaults, AServiceThatEndsBeforeTheRequestIsSentIsSaidToHaveEnded) {
-  const UniqueFd listener(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+  const FileDescriptor listener(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
   sockaddr_un address = {};
   address.sun_family = AF_UNIX;
   std::strcpy(address.sun_path, fwplatform::kPrivilegedSocketPath);
@@ -429,17 +429,17 @@ TEST_F(SafePath, OpensWithoutAnEffectOnWhatIsOpened) {
 }
 
 TEST_F(SafePath, OpensTheRootAndWhatIsBelow) {
-  UniqueFd directory;
+  FileDescriptor directory;
   EXPECT_EQ(fwplatform::openDirectory("/", directory), 0);
-  EXPECT_EQ(fs::read_symlink(fwplatform::procPath(directory.get())), "/");
+  EXPECT_EQ(fs::read_symlink(directory.path()), "/");
   EXPECT_EQ(fwplatform::openDirectory(kEmps, directory), 0);
-  EXPECT_EQ(fs::read_symlink(fwplatform::procPath(directory.get())), kEmps);
+  EXPECT_EQ(fs::read_symlink(directory.path()), kEmps);
 }
 
 TEST_F(SafePath, OpensNothingThroughALinkOrAFile) {
   fs::create_directory_symlink("/opt/usr", "/tmp/link");
   writeFile("/tmp/file", "x");
-  UniqueFd directory;
+  FileDescriptor directory;
   OpenedPath entry;
 
   EXPECT_EQ(fwplatform::openDirectory("/tmp/link/apps", directory), ELOOP);
@@ -457,7 +457,7 @@ TEST_F(SafePath, ReadsWhatItHasOpened) {
   OpenedPath file;
   ASSERT_EQ(fwplatform::openEntry("/tmp", "file", file), 0);
   fs::rename("/tmp/file", "/tmp/renamed");
-  UniqueFd content;
+  FileDescriptor content;
 
   ASSERT_EQ(fwplatform::openForReading(file, content), 0);
 
@@ -474,18 +474,18 @@ TEST_F(SafePath, SaysWhyAFileCannotBeRead) {
   const WithoutFileOverride bound;
   OpenedPath file;
   ASSERT_EQ(fwplatform::openEntry("/tmp", "file", file), 0);
-  UniqueFd content;
+  FileDescriptor content;
 
   EXPECT_EQ(fwplatform::openForReading(file, content), EACCES);
 }
 
 TEST_F(SafePath, TellsMountsApart) {
   fs::create_directories("/tmp/a/b");
-  const UniqueFd a(open("/tmp/a", O_PATH | O_CLOEXEC));
-  const UniqueFd b(open("/tmp/a/b", O_PATH | O_CLOEXEC));
+  const FileDescriptor a(open("/tmp/a", O_PATH | O_CLOEXEC));
+  const FileDescriptor b(open("/tmp/a/b", O_PATH | O_CLOEXEC));
   EXPECT_TRUE(fwplatform::areOnOneMount(a.get(), b.get()));
   const TemporaryMount mount = TemporaryMount::memory("/tmp/a/b");
-  const UniqueFd mounted(open("/tmp/a/b", O_PATH | O_CLOEXEC));
+  const FileDescriptor mounted(open("/tmp/a/b", O_PATH | O_CLOEXEC));
 
   EXPECT_FALSE(fwplatform::areOnOneMount(a.get(), mounted.get()));
   EXPECT_FALSE(fwplatform::areOnOneMount(mounted.get(), a.get()));

@@ -30,6 +30,7 @@
 #include <vector>
 
 #include "device-environment.h"
+#include "file-descriptor.h"
 #include "package-images.h"
 #include "privileged-calls.h"
 #include "privileged/privileged-client.h"
@@ -38,17 +39,16 @@
 #include "service-process.h"
 #include "temporary-mount.h"
 #include "thoroughness.h"
-#include "unique-fd.h"
 
 namespace {
 
 namespace fs = std::filesystem;
+using base::FileDescriptor;
 using fwplatform::askPrivilegedService;
 using fwplatform::encodePrivilegedMessage;
 using fwplatform::kPrivilegedSocketPath;
 using fwplatform::PrivilegedAnswer;
 using fwplatform::PrivilegedOperation;
-using fwplatform::UniqueFd;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::Not;
@@ -66,28 +66,28 @@ sockaddr_un serviceAddress() {
   return address;
 }
 
-UniqueFd listen(int backlog = 16) {
-  UniqueFd listener(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+FileDescriptor listen(int backlog = 16) {
+  FileDescriptor listener(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
   const sockaddr_un address = serviceAddress();
   EXPECT_EQ(bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
   EXPECT_EQ(::listen(listener.get(), backlog), 0);
   return listener;
 }
 
-UniqueFd connect() {
-  UniqueFd client(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+FileDescriptor connect() {
+  FileDescriptor client(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
   const sockaddr_un address = serviceAddress();
   EXPECT_EQ(connect(client.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0)
       << std::strerror(errno);
   return client;
 }
 
-void send(const UniqueFd& client, const std::string& bytes) {
+void send(const FileDescriptor& client, const std::string& bytes) {
   EXPECT_EQ(send(client.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
 }
 
 // The bytes of the service's answer; "" when it closes the connection.
-std::string receive(const UniqueFd& client) {
+std::string receive(const FileDescriptor& client) {
   pollfd ready = {client.get(), POLLIN, 0};
   EXPECT_EQ(poll(&ready, 1, 10000), 1) << "no answer in ten seconds";
   char bytes[64];
@@ -408,7 +408,7 @@ TEST_F(PrivilegedService, RefusesWhatIsNoRequestAndStaysUp) {
 
   for (const std::string& bytes : {std::string(), std::string("x"), good.substr(0, 5), "xx" + good,
                                    std::string(70000, 'x'), good.substr(0, 6) + std::string(1025, 'a')}) {
-    const UniqueFd client = connect();
+    const FileDescriptor client = connect();
     send(client, bytes);
     EXPECT_EQ(statusOf(receive(client)), -EPERM) << bytes.size() << " bytes";
     EXPECT_THAT(service_->waitForLine("refused "), HasSubstr("it is no request"));
@@ -441,7 +441,7 @@ TEST_F(PrivilegedService, StaysUpThroughTenThousandRandomMessages) {
     for (unsigned changes = below(4) + 1; changes > 0 && !bytes.empty(); --changes) {
       bytes[below(static_cast<unsigned>(bytes.size()))] = static_cast<char>(below(256));
     }
-    const UniqueFd client = connect();
+    const FileDescriptor client = connect();
     send(client, bytes);
     const auto answer = fwplatform::decodePrivilegedAnswer(receive(client));
     // A change may have left a good request for an image that is not there.
@@ -458,7 +458,7 @@ TEST_F(PrivilegedService, StaysUpThroughTenThousandRandomMessages) {
 
 TEST_F(PrivilegedService, DoesNotWaitForAClientThatSendsNothing) {
   start();
-  const UniqueFd silent = connect();
+  const FileDescriptor silent = connect();
 
   expectServing();
 
@@ -468,7 +468,7 @@ TEST_F(PrivilegedService, DoesNotWaitForAClientThatSendsNothing) {
 
 TEST_F(PrivilegedService, LimitsHowManySilentClientsAUserHas) {
   start();
-  std::vector<UniqueFd> silent;
+  std::vector<FileDescriptor> silent;
   for (int i = 0; i < 65; ++i) {
     silent.push_back(connect());
   }
@@ -479,7 +479,7 @@ TEST_F(PrivilegedService, LimitsHowManySilentClientsAUserHas) {
 }
 
 // Silent clients of another user; whoever they are is asked when they connect.
-void connectAs(uid_t user, gid_t group, int count, std::vector<UniqueFd>& silent) {
+void connectAs(uid_t user, gid_t group, int count, std::vector<FileDescriptor>& silent) {
   ASSERT_EQ(setgroups(0, nullptr), 0);
   ASSERT_EQ(setegid(group), 0);
   ASSERT_EQ(seteuid(user), 0);
@@ -495,9 +495,9 @@ TEST_F(PrivilegedService, LimitsHowManySilentClientsAllUsersHave) {
     GTEST_SKIP() << "a user namespace has only one user";
   }
   start({"--group", "nogroup"});
-  std::vector<UniqueFd> silent;
+  std::vector<FileDescriptor> silent;
   // Two that may ask, and one user who has few, came first.
-  const UniqueFd first = connect();
+  const FileDescriptor first = connect();
   connectAs(kNobody, kNoGroup, 1, silent);
   connectAs(kNobody - 1, kDaemonGroup, 4, silent);
   // The others are no more than a user can have, and too many together.
@@ -521,7 +521,7 @@ TEST_F(PrivilegedService, GoesOnWithoutFreeDescriptors) {
   ServiceStart how;
   how.descriptors = 32;
   start(how);
-  std::vector<UniqueFd> silent;
+  std::vector<FileDescriptor> silent;
   for (int i = 0; i < 60; ++i) {
     silent.push_back(connect());
   }
@@ -538,11 +538,11 @@ TEST_F(PrivilegedService, WaitsForADescriptorWhenItHasNoneAtAll) {
   }
   ServiceStart how;
   // Its own streams, the socket, the signals: nothing is left for a client.
-  const UniqueFd listener = listen();
+  const FileDescriptor listener = listen();
   how.listener = listener.get();
   how.descriptors = 5;
   start(how);
-  const UniqueFd client = connect();
+  const FileDescriptor client = connect();
   send(client, mountMessage(name_));
   rlimit more = {64, 64};
 
@@ -560,7 +560,7 @@ TEST_F(PrivilegedService, TellsWhatItLeavesOutOfTheLogInOneLine) {
   std::thread reader([&] { log = service_->readToTheEnd(); });
 
   for (int i = 0; i < kRefusals; ++i) {
-    const UniqueFd client = connect();
+    const FileDescriptor client = connect();
     send(client, "nonsense");
     ASSERT_EQ(statusOf(receive(client)), -EPERM);
   }
@@ -591,7 +591,7 @@ TEST_F(PrivilegedService, CountsClientsThatCloseAtOnce) {
 TEST_F(PrivilegedService, TellsWhatItLeftOutWhileItGoesOn) {
   start();
   for (int i = 0; i < 21; ++i) {
-    const UniqueFd client = connect();
+    const FileDescriptor client = connect();
     send(client, "nonsense");
     ASSERT_EQ(statusOf(receive(client)), -EPERM);
   }
@@ -639,7 +639,7 @@ TEST_F(PrivilegedService, DoesNothingForACallerThatHasGone) {
   makeDirectory(name_);
   service_->signal(SIGSTOP);
   {
-    const UniqueFd client = connect();
+    const FileDescriptor client = connect();
     send(client, mountMessage(name_));
   }
   service_->signal(SIGCONT);
@@ -653,7 +653,7 @@ TEST_F(PrivilegedService, TakesAMountBackWhenTheAnswerReachesNobody) {
   start();
   makeImage(name_, "x");
   makeDirectory(name_);
-  const UniqueFd client = connect();
+  const FileDescriptor client = connect();
   ASSERT_EQ(shutdown(client.get(), SHUT_RD), 0);
 
   send(client, mountMessage(name_));
@@ -669,7 +669,7 @@ TEST_F(PrivilegedService, TakesNothingBackOfARequestThatFailed) {
   makeImage(name_, "x");
   makeDirectory(name_);
   ASSERT_EQ(askMount(mountText(name_)), kDone);
-  const UniqueFd client = connect();
+  const FileDescriptor client = connect();
   ASSERT_EQ(shutdown(client.get(), SHUT_RD), 0);
 
   send(client, mountMessage(name_));
@@ -679,7 +679,7 @@ TEST_F(PrivilegedService, TakesNothingBackOfARequestThatFailed) {
 }
 
 TEST_F(PrivilegedService, TakesItsSocketFromTheServiceManager) {
-  const UniqueFd listener = listen();
+  const FileDescriptor listener = listen();
   service_ = std::make_unique<ServiceProcess>(ServiceStart{{}, listener.get(), {}});
 
   expectServing();
@@ -690,7 +690,7 @@ TEST_F(PrivilegedService, TakesItsSocketFromTheServiceManager) {
 }
 
 TEST_F(PrivilegedService, RefusesAnotherKindOfSocketFromTheServiceManager) {
-  const UniqueFd other(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const FileDescriptor other(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   ServiceProcess service(ServiceStart{{}, other.get(), {}});
 
   EXPECT_THAT(service.waitForLine("fw-privileged"),
@@ -699,11 +699,11 @@ TEST_F(PrivilegedService, RefusesAnotherKindOfSocketFromTheServiceManager) {
 }
 
 TEST_F(PrivilegedService, RefusesASocketOfTheServiceManagerThatDoesNotListen) {
-  const UniqueFd other(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-  const UniqueFd internet(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const FileDescriptor other(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+  const FileDescriptor internet(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
   ASSERT_EQ(::listen(internet.get(), 1), 0);
 
-  for (const UniqueFd* const one : {&other, &internet}) {
+  for (const FileDescriptor* const one : {&other, &internet}) {
     ServiceProcess service(ServiceStart{{}, one->get(), {}});
     EXPECT_THAT(service.waitForLine("fw-privileged"),
                 HasSubstr("must hand over one listening Unix sequenced-packet"));
@@ -712,7 +712,7 @@ TEST_F(PrivilegedService, RefusesASocketOfTheServiceManagerThatDoesNotListen) {
 }
 
 TEST_F(PrivilegedService, RefusesTwoSocketsFromTheServiceManager) {
-  const UniqueFd listener = listen();
+  const FileDescriptor listener = listen();
   ServiceStart how;
   how.listener = listener.get();
   how.handedOver = 2;
@@ -723,7 +723,7 @@ TEST_F(PrivilegedService, RefusesTwoSocketsFromTheServiceManager) {
 }
 
 TEST_F(PrivilegedService, EndsWhenItCannotUnderstandTheServiceManager) {
-  const UniqueFd listener = listen();
+  const FileDescriptor listener = listen();
   ServiceStart how;
   how.listener = listener.get();
   how.environment = {{"LISTEN_FDS", "one"}};
@@ -762,7 +762,7 @@ class NotifySocket {
   static constexpr char kPath[] = "/run/notify.sock";
 
  private:
-  UniqueFd socket_;
+  FileDescriptor socket_;
 };
 
 TEST_F(PrivilegedService, TellsTheServiceManagerThatItServesAndIsAlive) {
@@ -787,7 +787,7 @@ TEST_F(PrivilegedService, TellsNobodyThatItIsAliveWhenNobodyWatches) {
   service_->signal(SIGTERM);
   EXPECT_EQ(service_->waitForEnd(), 0);
   const std::string end = "the end";
-  const UniqueFd other(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  const FileDescriptor other(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   sockaddr_un address = {};
   address.sun_family = AF_UNIX;
   std::strcpy(address.sun_path, NotifySocket::kPath);
@@ -858,9 +858,9 @@ class PrivilegedClient : public DeviceTest {
 
   // Asks a service that takes the request and then does as the function says.
   static int askOneThat(const std::function<void(int client)>& answers, PrivilegedAnswer& answer) {
-    const UniqueFd listener = listen();
+    const FileDescriptor listener = listen();
     std::thread service([&] {
-      const UniqueFd client(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
+      const FileDescriptor client(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
       char request[2048];
       EXPECT_GT(recv(client.get(), request, sizeof request, 0), 0);
       answers(client.get());
@@ -912,24 +912,24 @@ TEST_F(PrivilegedClient, SaysWhenTheServiceEndsBeforeItAnswers) {
 }
 
 TEST_F(PrivilegedClient, StopsWaitingForASlowService) {
-  const UniqueFd listener = listen();
+  const FileDescriptor listener = listen();
   PrivilegedAnswer answer;
 
   EXPECT_EQ(ask(100, answer), -ETIMEDOUT);
 }
 
 TEST_F(PrivilegedClient, WaitsForNothingWhenItsTimeIsOverAlready) {
-  const UniqueFd listener = listen();
+  const FileDescriptor listener = listen();
   PrivilegedAnswer answer;
 
   EXPECT_EQ(ask(-1000, answer), -ETIMEDOUT);
 }
 
 TEST_F(PrivilegedClient, StopsWaitingForAServiceThatTakesNobody) {
-  const UniqueFd listener = listen(0);
+  const FileDescriptor listener = listen(0);
   PrivilegedAnswer answer;
   // With no room for more, the second of these has to wait already.
-  const UniqueFd first = connect();
+  const FileDescriptor first = connect();
 
   EXPECT_EQ(ask(100, answer), -ETIMEDOUT);
   EXPECT_EQ(ask(-100, answer), -ETIMEDOUT) << "without any time, either";
@@ -938,12 +938,12 @@ TEST_F(PrivilegedClient, StopsWaitingForAServiceThatTakesNobody) {
 TEST_F(PrivilegedClient, SaysWhenNoServiceIsThere) {
   PrivilegedAnswer answer;
   EXPECT_EQ(ask(10000, answer), -ENOENT);
-  { const UniqueFd listener = listen(); }
+  { const FileDescriptor listener = listen(); }
   EXPECT_EQ(ask(10000, answer), -ECONNREFUSED);
 }
 
 TEST_F(PrivilegedClient, WaitsForNoAnswerToARequestThatCannotBeSent) {
-  const UniqueFd listener = listen();
+  const FileDescriptor listener = listen();
   PrivilegedAnswer answer;
 
   EXPECT_EQ(askPrivilegedService(PrivilegedOperation::Umount, std::string(10 << 20, 'x'), 10000, answer),

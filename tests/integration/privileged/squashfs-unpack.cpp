@@ -23,7 +23,7 @@
 namespace {
 
 namespace fs = std::filesystem;
-using fwplatform::UniqueFd;
+using base::FileDescriptor;
 using fwplatform::UnpackLimits;
 using ::testing::HasSubstr;
 using ::testing::Not;
@@ -36,7 +36,7 @@ class SquashfsUnpack : public DeviceTest {
   }
 
   int unpack(const UnpackLimits& limits = {}, unsigned attributes = MOUNT_ATTR_RDONLY) {
-    const UniqueFd image(open(imagePath(name_).c_str(), O_RDONLY | O_CLOEXEC));
+    const FileDescriptor image(open(imagePath(name_).c_str(), O_RDONLY | O_CLOEXEC));
     return fwplatform::unpackOnTmpfs(image, attributes, limits, tree_, reason_);
   }
 
@@ -61,7 +61,7 @@ class SquashfsUnpack : public DeviceTest {
   }
 
   const std::string name_ = uniquePackageName();
-  UniqueFd tree_;
+  FileDescriptor tree_;
   std::string reason_;
 };
 

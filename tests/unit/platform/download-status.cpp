@@ -30,7 +30,7 @@ class DownloadStatusFile : public DeviceTest {
     ASSERT_EQ(writeDownloadStatus(directory_.get(), "wifiempfw", status), 0);
   }
 
-  UniqueFd directory_;
+  base::FileDescriptor directory_;
 };
 
 TEST(DownloadPercent, IsOfWhatIsKnown) {
@@ -91,12 +91,12 @@ TEST_F(DownloadStatusFile, IsNotReadThroughALinkInThePlaceOfItsDirectory) {
   fs::create_directory_symlink("/run/elsewhere", "/run/fw-download");
 
   EXPECT_FALSE(readDownloadStatus("wifiempfw"));
-  UniqueFd directory;
+  base::FileDescriptor directory;
   EXPECT_NE(openDownloadStatusDirectory(directory), 0);
 }
 
 TEST_F(DownloadStatusFile, IsLockedByOneDownload) {
-  UniqueFd first, second, other;
+  base::FileDescriptor first, second, other;
 
   EXPECT_EQ(lockDownload(directory_.get(), "wifiempfw", first), 0);
 
@@ -128,7 +128,7 @@ TEST_F(DownloadStatusFile, IsWhatThePlatformTellsOfADownload) {
 
 TEST_F(DownloadStatusFile, TellsADownloadThatRunsFromOneThatWasKilled) {
   write({DownloadState::Running, 5, kUnknownSize, "", "", ""});
-  UniqueFd lock;
+  base::FileDescriptor lock;
   ASSERT_EQ(lockDownload(directory_.get(), "wifiempfw", lock), 0);
 
   EXPECT_EQ(ABM_GetDownloadProgress("wifiempfw").state, Told::Running);
@@ -160,7 +160,7 @@ TEST_F(DownloadStatusFile, StaysLockedInAChildWhenItsParentHasGone) {
   ASSERT_EQ(pipe(ends), 0);
   const pid_t parent = fork();
   if (parent == 0) {
-    UniqueFd lock;
+    base::FileDescriptor lock;
     const bool locked = lockDownload(directory_.get(), "wifiempfw", lock) == 0;
     if (fork() == 0) {
       char byte;
@@ -181,7 +181,7 @@ TEST_F(DownloadStatusFile, StaysLockedInAChildWhenItsParentHasGone) {
 TEST_F(DownloadStatusFile, IsNotLockedThroughALink) {
   writeFile("/tmp/precious", "precious");
   fs::create_symlink("/tmp/precious", "/run/fw-download/wifiempfw.lock");
-  UniqueFd lock;
+  base::FileDescriptor lock;
 
   EXPECT_EQ(lockDownload(directory_.get(), "wifiempfw", lock), ELOOP);
   EXPECT_FALSE(isDownloadRunning("wifiempfw"));

@@ -682,11 +682,11 @@ TEST_F(TraceStorageTest, LeavesAForkedChildNoDescriptorOfItsParents) {
 }
 
 TEST_F(TraceStorageTest, MakesItsFileBesideALinkOfThatName) {
-  const fwplatform::UniqueFd directory = openTraceDirectory(traces_);
+  const base::FileDescriptor directory = openTraceDirectory(traces_);
   const std::string start = traces_ + "/service-" + std::to_string(getpid()) + "-";
   fs::create_symlink(directory_ + "/elsewhere", start + "5.fwtrace");
 
-  const fwplatform::UniqueFd file = createTraceFile(directory.get(), "service", 5000000);
+  const base::FileDescriptor file = createTraceFile(directory.get(), "service", 5000000);
 
   ASSERT_TRUE(file);
   struct stat status = {};
@@ -726,7 +726,7 @@ class CleanedTraces : public TraceStorageTest {
 
   // Takes its room at once, as a trace does; an empty one takes none.
   void put(const std::string& name, std::int64_t seconds, off_t size = 65536) const {
-    const fwplatform::UniqueFd file(
+    const base::FileDescriptor file(
         open((traces_ + "/" + name).c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
     ASSERT_TRUE(file);
     if (size > 0) {
@@ -804,7 +804,7 @@ TEST_F(CleanedTraces, AreCountedWhenTheyAreGoneAlone) {
   put("3.fwtrace", 300);
   put("2.fwtrace", 200);
   put("1.fwtrace", 100);
-  const fwplatform::UniqueFd living(open((traces_ + "/3.fwtrace").c_str(), O_RDWR | O_CLOEXEC));
+  const base::FileDescriptor living(open((traces_ + "/3.fwtrace").c_str(), O_RDWR | O_CLOEXEC));
   ASSERT_EQ(flock(living.get(), LOCK_EX | LOCK_NB), 0);
 
   EXPECT_THAT(leftAfter(kWeek, 2 * room("1.fwtrace")), ElementsAre("1.fwtrace", "3.fwtrace"));
@@ -826,7 +826,7 @@ TEST_F(CleanedTraces, LeaveNoDescriptorOpenAndCloseEachOnce) {
 }
 
 TEST_F(TraceStorageTest, MakesNoFileWhenAHundredNamesAreTaken) {
-  const fwplatform::UniqueFd directory = openTraceDirectory(traces_);
+  const base::FileDescriptor directory = openTraceDirectory(traces_);
   const std::string start = traces_ + "/service-" + std::to_string(getpid()) + "-";
   for (int i = 0; i < 100; ++i) {
     std::ofstream(start + std::to_string(5 + i) + ".fwtrace").flush();
@@ -951,7 +951,7 @@ TEST_F(TraceStorageTest, KeepsTheEndsOfARingTrueAfterEachInstruction) {
       }
     };
     writeTurns();
-    const fwplatform::UniqueFd file(open(onlyTrace().path.c_str(), O_RDONLY | O_CLOEXEC));
+    const base::FileDescriptor file(open(onlyTrace().path.c_str(), O_RDONLY | O_CLOEXEC));
     void* const ring = mmap(nullptr, 64 * 1024, PROT_READ, MAP_SHARED, file.get(), 64 * 1024);
     ASSERT_NE(ring, MAP_FAILED);
     steppedRing = static_cast<const ChunkHeader*>(ring);

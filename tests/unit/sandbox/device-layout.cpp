@@ -24,7 +24,7 @@ class DeviceCleaning : public DeviceTest {};
 class FileModes : public DeviceTest {};
 
 long mountsAt(const std::string& path) {
-  const auto points = sandbox::mountPoints();
+  const auto points = base::mountPoints();
   return std::count(points.begin(), points.end(), path);
 }
 

@@ -43,8 +43,8 @@ int inChild(const std::function<bool()>& act) {
 
 // Where nothing is mounted below a directory, the device puts a layer over it.
 void unmountBelow(const std::string& directory) {
-  for (const auto& point : sandbox::mountPoints()) {
-    if (sandbox::isBelow(point, directory)) {
+  for (const auto& point : base::mountPoints()) {
+    if (base::isBelow(point, directory)) {
       umount2(point.c_str(), MNT_DETACH);
     }
   }
@@ -166,7 +166,7 @@ TEST_F(DeviceNamespace, InMemoryLeavesNothingBehind) {
 }
 
 TEST_F(DeviceNamespace, KeepsMountsToItself) {
-  const auto before = sandbox::mountPoints();
+  const auto before = base::mountPoints();
 
   ASSERT_EQ(inChild([] {
               sandbox::enterDevice({});
@@ -174,7 +174,7 @@ TEST_F(DeviceNamespace, KeepsMountsToItself) {
             }),
             True);
 
-  EXPECT_EQ(sandbox::mountPoints(), before);
+  EXPECT_EQ(base::mountPoints(), before);
 }
 
 TEST_F(DeviceNamespace, HasNamespacesOfItsOwn) {
@@ -410,8 +410,8 @@ TEST_F(DeviceNamespace, WritesToAWritableFileBelowALayerReachTheHost) {
 TEST_F(DeviceNamespace, TakesTheHostsRootAway) {
   EXPECT_EQ(inChild([] {
               sandbox::enterDevice({});
-              for (const auto& point : sandbox::mountPoints()) {
-                if (sandbox::isWithin(point, "/.host")) {
+              for (const auto& point : base::mountPoints()) {
+                if (base::isWithin(point, "/.host")) {
                   return false;
                 }
               }
@@ -453,7 +453,7 @@ TEST_F(DeviceNamespace, TakesTheHostsRootAwayFromAnotherSystemToo) {
 
   const int gone = inChild([&] {
     sandbox::enterDevice({"", {}, system});
-    for (const auto& point : sandbox::mountPoints()) {
+    for (const auto& point : base::mountPoints()) {
       if (point.find(".host") != std::string::npos) {
         return false;
       }

@@ -8,7 +8,6 @@
 #include <system_error>
 
 #include "device-environment.h"
-#include "replaced-file.h"
 
 namespace fs = std::filesystem;
 
@@ -59,9 +58,9 @@ TEST_F(DirectoryTree, LeavesTheModeOfADirectoryThatIsThere) {
 TEST_F(DirectoryTree, TellsWhatIsNotThereFromWhatIs) {
   writeFile(root + "/file", "x");
 
-  EXPECT_TRUE(tree().open("/file", O_PATH).valid());
-  EXPECT_TRUE(tree().open("/", O_PATH).valid());
-  EXPECT_FALSE(tree().open("/missing", O_PATH).valid());
+  EXPECT_TRUE(tree().open("/file", O_PATH));
+  EXPECT_TRUE(tree().open("/", O_PATH));
+  EXPECT_FALSE(tree().open("/missing", O_PATH));
   EXPECT_THROW(tree().open("/file/below", O_PATH), std::system_error);
 }
 
@@ -103,7 +102,7 @@ TEST_F(DirectoryTree, MakesNothingWhereALinkLeadsNowhere) {
 TEST_F(DirectoryTree, FollowsAbsoluteLinksOfTheWholeSystem) {
   fs::create_directory_symlink("/tmp/outside", "/tmp/link");
 
-  EXPECT_TRUE(sandbox::DirectoryTree("/").open("/tmp/link/file", O_RDONLY).valid());
+  EXPECT_TRUE(sandbox::DirectoryTree("/").open("/tmp/link/file", O_RDONLY));
 }
 
 TEST_F(DirectoryTree, ReadsRegularFilesAlone) {

@@ -15,7 +15,7 @@
 #include <string>
 #include <utility>
 
-#include "unique-fd.h"
+#include "file-descriptor.h"
 
 namespace {
 
@@ -163,7 +163,7 @@ TEST_F(SecretFile, IsWarnedOfWhenOthersMayUseIt) {
 
 TEST_F(SecretFile, LeavesNoDescriptorOpen) {
   write("key");
-  const fwplatform::UniqueFd kept(fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3));
+  const base::FileDescriptor kept(fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3));
   close(STDIN_FILENO);  // the file gets the lowest number
 
   readSecretFile(path_);

@@ -11,13 +11,13 @@
 #include <string>
 
 #include "clean-output.h"
+#include "file-descriptor.h"
 #include "live-line.h"
-#include "unique-fd.h"
 
 namespace {
 
+using base::FileDescriptor;
 using base::Order;
-using fwplatform::UniqueFd;
 using tool::Colour;
 
 class Terminal : public ::testing::Test {
@@ -52,7 +52,7 @@ class Terminal : public ::testing::Test {
     return screen.substr(0, done);
   }
 
-  UniqueFd controlling_, shown_;
+  FileDescriptor controlling_, shown_;
 };
 
 // Standard error goes elsewhere as long as it lives.
@@ -66,11 +66,11 @@ class StandardErrorOn {
   StandardErrorOn& operator=(const StandardErrorOn&) = delete;
 
  private:
-  UniqueFd before_;
+  FileDescriptor before_;
 };
 
 TEST_F(Terminal, IsToldFromAFile) {
-  const UniqueFd file(open("/dev/null", O_WRONLY | O_CLOEXEC));
+  const FileDescriptor file(open("/dev/null", O_WRONLY | O_CLOEXEC));
 
   EXPECT_TRUE(tool::isTerminal(shown_.get()));
   EXPECT_FALSE(tool::isTerminal(file.get()));
@@ -98,7 +98,7 @@ TEST_F(Terminal, IsEightyWideWhenItDoesNotTell) {
 }
 
 TEST_F(Terminal, HasNoWidthWhenItIsAFile) {
-  const UniqueFd file(open("/dev/null", O_WRONLY | O_CLOEXEC));
+  const FileDescriptor file(open("/dev/null", O_WRONLY | O_CLOEXEC));
 
   EXPECT_EQ(tool::terminalWidth(file.get()), std::string::npos);
 }
@@ -124,7 +124,7 @@ TEST_F(Terminal, ShowsNoColoursWhenNobodyWantsThem) {
 }
 
 TEST_F(Terminal, GivesAFileNoColours) {
-  const UniqueFd file(open("/dev/null", O_WRONLY | O_CLOEXEC));
+  const FileDescriptor file(open("/dev/null", O_WRONLY | O_CLOEXEC));
 
   EXPECT_EQ(tool::coloured("a", Colour::Red, file.get()), "a");
 }
@@ -146,8 +146,8 @@ TEST_F(Terminal, ShowsALineThatGoesWithItsOwner) {
 TEST_F(Terminal, ShowsNoLineInAFile) {
   int ends[2];
   ASSERT_EQ(pipe2(ends, O_CLOEXEC | O_NONBLOCK), 0);
-  const UniqueFd reading(ends[0]);
-  const UniqueFd writing(ends[1]);
+  const FileDescriptor reading(ends[0]);
+  const FileDescriptor writing(ends[1]);
   {
     const StandardErrorOn file(writing.get());
     tool::LiveLine line;

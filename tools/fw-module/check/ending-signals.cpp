@@ -3,8 +3,7 @@
 #include <sys/signalfd.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <system_error>
+#include "system-error.h"
 
 namespace fwmodule {
 namespace {
@@ -32,9 +31,9 @@ sigset_t endingSignals() {
 
 EndingSignals::EndingSignals() {
   const sigset_t signals = endingSignals();
-  descriptor_ = sandbox::FileDescriptor(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
-  if (!descriptor_.valid()) {
-    throw std::system_error(errno, std::generic_category(), "signalfd");
+  descriptor_ = base::FileDescriptor(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
+  if (!descriptor_) {
+    base::throwErrno("signalfd");
   }
   sigprocmask(SIG_BLOCK, &signals, &before_);
 }

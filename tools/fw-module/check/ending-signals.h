@@ -28,7 +28,7 @@ class EndingSignals {
 
  private:
   sigset_t before_ = {};
-  sandbox::FileDescriptor descriptor_;
+  base::FileDescriptor descriptor_;
 };
 
 }  // namespace fwmodule

@@ -5,11 +5,11 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cerrno>
 #include <csignal>
 #include <cstdint>
 #include <cstring>
-#include <system_error>
+
+#include "system-error.h"
 
 namespace fwmodule {
 namespace {
@@ -35,10 +35,6 @@ struct Arena {
 };
 Arena arena;  // constant-initialised
 
-[[noreturn]] void fail(const char* what) {
-  throw std::system_error(errno, std::generic_category(), what);
-}
-
 std::size_t pageSize() {
   static const auto kSize = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
   return kSize;
@@ -46,7 +42,7 @@ std::size_t pageSize() {
 
 void protect(const Slot& slot, int protection) {
   if (mprotect(slot.begin, slot.pages * pageSize(), protection) != 0) {
-    fail("mprotect");
+    base::throwErrno("mprotect");
   }
 }
 
@@ -62,7 +58,7 @@ std::size_t takeSlot(const char* what, std::size_t size) {
     void* const mapped =
         mmap(nullptr, (pages + 1) * pageSize(), PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (mapped == MAP_FAILED) {
-      fail("mmap");
+      base::throwErrno("mmap");
     }
     slot.begin = static_cast<char*>(mapped);
     slot.pages = pages;
@@ -141,7 +137,7 @@ void catchFaults(const Transcript& transcript) {
   action.sa_flags = static_cast<int>(SA_SIGINFO | SA_ONSTACK | SA_RESETHAND);
   for (const int number : kFatalSignals) {
     if (sigaction(number, &action, nullptr) != 0) {
-      fail("sigaction");
+      base::throwErrno("sigaction");
     }
   }
 }

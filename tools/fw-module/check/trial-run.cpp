@@ -15,26 +15,22 @@
 #include <fstream>
 #include <iterator>
 #include <optional>
-#include <system_error>
 
 #include "ending-signals.h"
 #include "file-descriptor.h"
 #include "outcome.h"
 #include "printable-text.h"
+#include "system-error.h"
 #include "trial-child.h"
 
 namespace fwmodule {
 namespace {
 
 using Clock = std::chrono::steady_clock;
-using sandbox::FileDescriptor;
+using base::FileDescriptor;
 
 constexpr std::size_t kLongestOutput = 200;           // of what a module printed, in a sentence
 constexpr std::chrono::seconds kLongestSilence(120);  // outside the module
-
-[[noreturn]] void fail(const char* what) {
-  throw std::system_error(errno, std::generic_category(), what);
-}
 
 struct Call {
   EntryPoint entryPoint = {};
@@ -88,7 +84,7 @@ class Child {
   Child(const Trial& trial, const Subject& subject) {
     int ends[2];
     if (pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0) {
-      fail("pipe2");
+      base::throwErrno("pipe2");
     }
     records_ = FileDescriptor(ends[0]);
     const FileDescriptor writeEnd(ends[1]);
@@ -96,15 +92,15 @@ class Child {
     const pid_t parent = getpid();
     id_ = fork();
     if (id_ < 0) {
-      fail("fork");
+      base::throwErrno("fork");
     }
     if (id_ == 0) {
       fcntl(writeEnd.get(), F_SETFL, 0);  // the child waits until its words are heard
       runChild(trial, subject, writeEnd.get(), output_.get(), parent);
     }
     process_ = FileDescriptor(static_cast<int>(syscall(SYS_pidfd_open, id_, 0)));
-    if (!process_.valid()) {
-      fail("pidfd_open");
+    if (!process_) {
+      base::throwErrno("pidfd_open");
     }
   }
   Child(const Child&) = delete;
@@ -118,7 +114,7 @@ class Child {
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(until - Clock::now()).count();
     if (poll(streams, std::size(streams), static_cast<int>(std::max<long long>(left, 0))) < 0 &&
         errno != EINTR) {
-      fail("poll");
+      base::throwErrno("poll");
     }
     readRecords(account);
     return streams[1].revents == 0;

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "outcome.h"
+#include "system-error.h"
 
 namespace fwmodule {
 namespace fs = std::filesystem;
@@ -18,10 +19,6 @@ using Values = std::vector<std::pair<std::string, std::string>>;
 struct CloseFile {
   void operator()(std::FILE* file) const { std::fclose(file); }
 };
-
-[[noreturn]] void fail(const std::string& what) {
-  throw std::system_error(errno, std::generic_category(), what);
-}
 
 // Removes what it made unless all of it is there.
 class NewProject {
@@ -53,12 +50,12 @@ class NewProject {
     const fs::path path = directory_ / name;
     const std::unique_ptr<std::FILE, CloseFile> file(std::fopen(path.c_str(), "wxe"));
     if (!file) {
-      fail("cannot write " + path.string());
+      base::throwErrno("cannot write " + path.string());
     }
     files_.push_back(path);
     if (std::fwrite(content.data(), 1, content.size(), file.get()) != content.size() ||
         std::fflush(file.get()) != 0) {
-      fail("cannot write " + path.string());
+      base::throwErrno("cannot write " + path.string());
     }
     if (executable) {
       fs::permissions(path, fs::perms::owner_exec | fs::perms::group_exec | fs::perms::others_exec,

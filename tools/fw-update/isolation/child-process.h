@@ -12,8 +12,8 @@
 #include <optional>
 #include <string>
 
+#include "file-descriptor.h"
 #include "isolation/child-record.h"
-#include "unique-fd.h"
 
 namespace tool {
 
@@ -53,7 +53,7 @@ class ChildProcess {
   std::unique_ptr<ChildRecord, Unmap> record_;
   pid_t process_ = -1;
   std::optional<int> ended_;
-  fwplatform::UniqueFd signals_;
+  base::FileDescriptor signals_;
   sigset_t maskBefore_ = {};
   struct sigaction pipeBefore_ = {};
 };

@@ -64,7 +64,7 @@ struct Content {
 
 Content contentOf(const std::string& path) {
   Content content;
-  const fwplatform::UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  const base::FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
   if (!file) {
     content.error = errno;
     return content;

@@ -16,13 +16,13 @@ constexpr std::chrono::milliseconds kPause{20};
 
 // What everybody can open everybody can lock, and so keep recoveries away for ever. It
 // serves only those who may not use the file that root has.
-fwplatform::UniqueFd openTurn() {
-  if (const fwplatform::UniqueFd directory = makeRunDirectory()) {
-    if (fwplatform::UniqueFd file = openOwnLockFile(directory, kLockFile)) {
+base::FileDescriptor openTurn() {
+  if (const base::FileDescriptor directory = makeRunDirectory()) {
+    if (base::FileDescriptor file = openOwnLockFile(directory, kLockFile)) {
       return file;
     }
   }
-  return fwplatform::UniqueFd(open(kSemaphores, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  return base::FileDescriptor(open(kSemaphores, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
 }
 
 }  // namespace

@@ -6,7 +6,7 @@
 
 #include <chrono>
 
-#include "unique-fd.h"
+#include "file-descriptor.h"
 
 namespace tool {
 
@@ -23,7 +23,7 @@ class RecoveryTurn {
   int keepForNextProgram() const;
 
  private:
-  fwplatform::UniqueFd file_;
+  base::FileDescriptor file_;
   bool taken_ = false;
 };
 

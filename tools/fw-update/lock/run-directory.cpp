@@ -7,7 +7,7 @@
 namespace tool {
 namespace {
 
-using fwplatform::UniqueFd;
+using base::FileDescriptor;
 
 constexpr const char* kPath = "/run/fw-update";
 constexpr mode_t kOthersMayWrite = 022;
@@ -20,8 +20,8 @@ bool belongsToUs(const struct stat& status) {
 
 }  // namespace
 
-UniqueFd openRunDirectory() {
-  UniqueFd directory(open(kPath, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+FileDescriptor openRunDirectory() {
+  FileDescriptor directory(open(kPath, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   struct stat status {};
   if (directory && (fstat(directory.get(), &status) != 0 || !belongsToUs(status) ||
                     (status.st_mode & kOthersMayWrite) != 0)) {
@@ -30,13 +30,13 @@ UniqueFd openRunDirectory() {
   return directory;
 }
 
-UniqueFd makeRunDirectory() {
+FileDescriptor makeRunDirectory() {
   mkdir(kPath, 0755);
   return openRunDirectory();
 }
 
-UniqueFd openOwnLockFile(const UniqueFd& directory, const char* name) {
-  UniqueFd file(openat(directory.get(), name, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, kOwnOnly));
+FileDescriptor openOwnLockFile(const FileDescriptor& directory, const char* name) {
+  FileDescriptor file(openat(directory.get(), name, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, kOwnOnly));
   struct stat status {};
   if (file && (fstat(file.get(), &status) != 0 || !belongsToUs(status) ||
                ((status.st_mode & kOthersMayUse) != 0 && fchmod(file.get(), kOwnOnly) != 0))) {

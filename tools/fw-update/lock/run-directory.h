@@ -2,20 +2,20 @@
 #ifndef FW_UPDATE_TOOL_RUN_DIRECTORY_H
 #define FW_UPDATE_TOOL_RUN_DIRECTORY_H
 
-#include "unique-fd.h"
+#include "file-descriptor.h"
 
 namespace tool {
 
 // Closed when it is not there, or when somebody else than root and this user could write
 // to it: then nothing in it is to be believed.
-fwplatform::UniqueFd openRunDirectory();
+base::FileDescriptor openRunDirectory();
 
 // The same, made when it is not there.
-fwplatform::UniqueFd makeRunDirectory();
+base::FileDescriptor makeRunDirectory();
 
 // A file in the directory to be locked, made when it is not there. Who can open a file can
 // lock it: only root and its owner can open this one. Closed when that is not so.
-fwplatform::UniqueFd openOwnLockFile(const fwplatform::UniqueFd& directory, const char* name);
+base::FileDescriptor openOwnLockFile(const base::FileDescriptor& directory, const char* name);
 
 }  // namespace tool
 

@@ -16,15 +16,11 @@ namespace {
 // Where the C library keeps named semaphores.
 constexpr const char* kSemaphores = "/dev/shm/sem.";
 
-std::string linkTo(int descriptor) {
-  return "/proc/self/fd/" + std::to_string(descriptor);
-}
-
 // One more use of the file, as every updater's is: mapped, and closed again.
 class Mapping {
  public:
   explicit Mapping(int descriptor) {
-    const fwplatform::UniqueFd again(open(linkTo(descriptor).c_str(), O_RDWR | O_CLOEXEC));
+    const base::FileDescriptor again(open(base::descriptorPath(descriptor).c_str(), O_RDWR | O_CLOEXEC));
     if (again) {
       address_ = mmap(nullptr, sizeof(sem_t), PROT_READ, MAP_SHARED, again.get(), 0);
     }
@@ -121,7 +117,8 @@ SoleUse::Answer SoleUse::ask() const {
 
 // By the descriptor: at the path there might be another file by now.
 OpenWatch::OpenWatch(const UpdateLock& lock) : events_(inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {
-  if (events_ && inotify_add_watch(events_.get(), linkTo(lock.descriptor()).c_str(), IN_OPEN) < 0) {
+  if (events_ &&
+      inotify_add_watch(events_.get(), base::descriptorPath(lock.descriptor()).c_str(), IN_OPEN) < 0) {
     events_.reset();
   }
 }

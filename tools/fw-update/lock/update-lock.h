@@ -9,7 +9,7 @@
 #include <csignal>
 #include <string>
 
-#include "unique-fd.h"
+#include "file-descriptor.h"
 
 namespace tool {
 
@@ -32,7 +32,7 @@ class UpdateLock {
   static std::string path();
 
  private:
-  fwplatform::UniqueFd opened_;
+  base::FileDescriptor opened_;
   sem_t* semaphore_ = nullptr;
   int openError_ = 0;
 };
@@ -68,7 +68,7 @@ class OpenWatch {
   bool nobodyOpened() const;
 
  private:
-  fwplatform::UniqueFd events_;
+  base::FileDescriptor events_;
 };
 
 }  // namespace tool

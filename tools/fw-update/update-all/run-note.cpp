@@ -19,7 +19,7 @@
 namespace tool {
 namespace {
 
-using fwplatform::UniqueFd;
+using base::FileDescriptor;
 
 constexpr const char* kLockFile = "update-all.lock";
 constexpr const char* kNoteFile = "update-all.json";
@@ -140,7 +140,7 @@ void RunNote::write(std::size_t number) const {
   for (const std::string& library : libraries_) {
     note["modules"].append(library);
   }
-  const UniqueFd file(
+  const FileDescriptor file(
       openat(directory_.get(), kUnfinishedFile, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644));
   if (!file) {
     return;
@@ -153,13 +153,14 @@ void RunNote::write(std::size_t number) const {
 }
 
 std::optional<Finding> takeInterruptedRun() {
-  const UniqueFd directory = openRunDirectory();
+  const FileDescriptor directory = openRunDirectory();
   if (!directory) {
     return std::nullopt;
   }
   std::optional<Finding> finding;
-  const UniqueFd lock(openat(directory.get(), kLockFile, O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
-  const UniqueFd file(openat(directory.get(), kNoteFile, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  const FileDescriptor lock(openat(directory.get(), kLockFile, O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+  const FileDescriptor file(
+      openat(directory.get(), kNoteFile, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   if (file && lock && flock(lock.get(), LOCK_EX | LOCK_NB) == 0) {
     const Json::Value note = parseNote(readAll(file.get()));
     if (note.isObject()) {

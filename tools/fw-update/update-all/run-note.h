@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "file-descriptor.h"
 #include "outcomes.h"
-#include "unique-fd.h"
 
 namespace tool {
 
@@ -37,8 +37,8 @@ class RunNote {
 
   std::vector<std::string> libraries_;
   const int exceptionsBefore_ = std::uncaught_exceptions();
-  fwplatform::UniqueFd directory_;
-  fwplatform::UniqueFd lock_;
+  base::FileDescriptor directory_;
+  base::FileDescriptor lock_;
   bool busy_ = false;
 };
 

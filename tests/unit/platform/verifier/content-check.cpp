@@ -14,11 +14,11 @@
 #include <vector>
 
 #include "device-environment.h"
+#include "file-descriptor.h"
 #include "package-verifier.h"
 #include "public-keys.h"
 #include "signed-package.h"
 #include "thoroughness.h"
-#include "unique-fd.h"
 
 namespace fs = std::filesystem;
 
@@ -51,7 +51,7 @@ class ReadContent : public DeviceTest {
   bool takes(const std::string& file, const std::string& read, std::size_t piece = 10240,
              const std::string& path = kPackage) {
     writeFile(path, file);
-    const fwplatform::UniqueFd descriptor(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    const base::FileDescriptor descriptor(open(path.c_str(), O_RDONLY | O_CLOEXEC));
     return takesOpened(descriptor.get(), read, piece, path);
   }
 
@@ -65,7 +65,7 @@ class ReadContent : public DeviceTest {
 
   bool takesPieces(const std::string& file, const std::vector<std::string>& pieces) {
     writeFile(kPackage, file);
-    const fwplatform::UniqueFd descriptor(open(kPackage, O_RDONLY | O_CLOEXEC));
+    const base::FileDescriptor descriptor(open(kPackage, O_RDONLY | O_CLOEXEC));
     return takesOpened(descriptor.get(), pieces, kPackage);
   }
 
@@ -189,8 +189,8 @@ TEST_F(ReadContent, IsRefusedForTheReasonsOfTheFile) {
 TEST_F(ReadContent, IsRefusedOfWhatIsNoOpenFile) {
   const std::string whole = package();
   ASSERT_EQ(mkfifo("/tmp/fifo", 0600), 0);
-  const fwplatform::UniqueFd fifo(open("/tmp/fifo", O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-  const fwplatform::UniqueFd directory(open("/tmp", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  const base::FileDescriptor fifo(open("/tmp/fifo", O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  const base::FileDescriptor directory(open("/tmp", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
 
   EXPECT_FALSE(takesOpened(-1, whole, 10240, kPackage));
   EXPECT_FALSE(takesOpened(fifo.get(), whole, 10240, kPackage));
@@ -201,7 +201,7 @@ TEST_F(ReadContent, IsRefusedOfWhatIsNoOpenFile) {
 TEST_F(ReadContent, LeavesTheDescriptorWhereItStands) {
   const std::string whole = package();
   writeFile(kPackage, whole);
-  const fwplatform::UniqueFd file(open(kPackage, O_RDONLY | O_CLOEXEC));
+  const base::FileDescriptor file(open(kPackage, O_RDONLY | O_CLOEXEC));
   ASSERT_EQ(lseek(file.get(), 16, SEEK_SET), 16);
 
   EXPECT_TRUE(takesOpened(file.get(), whole, 100, kPackage));
@@ -212,7 +212,7 @@ TEST_F(ReadContent, LeavesTheDescriptorWhereItStands) {
 TEST_F(ReadContent, MayBeReleasedAtAnyTime) {
   const std::string whole = package();
   writeFile(kPackage, whole);
-  const fwplatform::UniqueFd file(open(kPackage, O_RDONLY | O_CLOEXEC));
+  const base::FileDescriptor file(open(kPackage, O_RDONLY | O_CLOEXEC));
 
   release(begin(kPackage, file.get()));
   PackageContentCheck* const half = begin(kPackage, file.get());
@@ -225,7 +225,7 @@ TEST_F(ReadContent, MayBeReleasedAtAnyTime) {
 TEST_F(ReadContent, TakesNoMemoryByThePackagesSize) {
   const std::string whole = package(std::size_t{20} << 20);
   ASSERT_TRUE(takes(whole, whole)) << "what OpenSSL keeps is there";
-  const fwplatform::UniqueFd file(open(kPackage, O_RDONLY | O_CLOEXEC));
+  const base::FileDescriptor file(open(kPackage, O_RDONLY | O_CLOEXEC));
   PackageContentCheck* const check = begin(kPackage, file.get());
   const auto before = mallinfo2().uordblks;
 

@@ -12,11 +12,11 @@
 #include <string>
 
 #include "device-environment.h"
+#include "file-descriptor.h"
 #include "package-verifier.h"
 #include "public-keys.h"
 #include "signed-package.h"
 #include "temporary-mount.h"
-#include "unique-fd.h"
 
 namespace fs = std::filesystem;
 
@@ -56,7 +56,7 @@ class AppliedPackage : public DeviceTest {
   // module took it, the note. read: nothing stands for the package's own.
   int apply(const std::string& content, const std::string* read = nullptr) const {
     writeFile(kPackage, content);
-    const fwplatform::UniqueFd file(open(kPackage, O_RDONLY | O_CLOEXEC));
+    const base::FileDescriptor file(open(kPackage, O_RDONLY | O_CLOEXEC));
     auto* const check = entry<decltype(&beginContentCheck)>("beginContentCheck")(kPackage, file.get());
     const std::string& bytes = read == nullptr ? content : *read;
     entry<decltype(&addCheckedContent)>("addCheckedContent")(

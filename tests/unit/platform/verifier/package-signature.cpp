@@ -13,11 +13,12 @@
 #include <set>
 #include <string>
 
-#include "key-file.h"
+#include "file-descriptor.h"
+#include "key-lists.h"
 #include "public-keys.h"
 #include "signed-package.h"
 #include "temporary-place.h"
-#include "unique-fd.h"
+#include "whole-file.h"
 
 namespace {
 
@@ -109,7 +110,7 @@ TEST_F(Signature, IsValidForWhatItStates) {
 
 TEST_F(Signature, IsCheckedOnAnOpenFileWithoutMovingIt) {
   write("package.bin", signedFile(kContent, maker()));
-  const fwplatform::UniqueFd file(open(path("package.bin").c_str(), O_RDONLY | O_CLOEXEC));
+  const base::FileDescriptor file(open(path("package.bin").c_str(), O_RDONLY | O_CLOEXEC));
   lseek(file.get(), 3, SEEK_SET);
   const Set set;
 
@@ -449,7 +450,7 @@ TEST_F(KeyDirectory, GivesAFilesOwnTextAlone) {
   write("maker.pem", "PEM");
   std::string content = "of another file";
 
-  EXPECT_EQ(fwpackage::readKeyFile(path("maker.pem"), content), 0);
+  EXPECT_EQ(base::readFile(path("maker.pem"), fwpackage::kLargestKeyFile, content), 0);
   EXPECT_EQ(content, "PEM");
 }
 

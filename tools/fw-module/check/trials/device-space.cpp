@@ -3,9 +3,9 @@
 #include <sys/mount.h>
 #include <sys/statvfs.h>
 
-#include <cerrno>
 #include <string>
-#include <system_error>
+
+#include "system-error.h"
 
 namespace fwmodule {
 namespace {
@@ -18,7 +18,7 @@ constexpr char kDirectory[] = "/var/lib/fw-components";
 std::uint64_t usedSpace() {
   struct statvfs status {};
   if (statvfs(kDirectory, &status) != 0) {
-    throw std::system_error(errno, std::generic_category(), kDirectory);
+    base::throwErrno(kDirectory);
   }
   return std::uint64_t{status.f_blocks - status.f_bfree} * status.f_frsize;
 }
@@ -26,7 +26,7 @@ std::uint64_t usedSpace() {
 void leaveNoSpace() {
   const std::string size = "size=" + std::to_string(usedSpace());
   if (mount(nullptr, kDirectory, nullptr, MS_REMOUNT, size.c_str()) != 0) {
-    throw std::system_error(errno, std::generic_category(), "cannot limit the device's memory");
+    base::throwErrno("cannot limit the device's memory");
   }
 }
 

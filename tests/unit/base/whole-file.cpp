@@ -1,4 +1,4 @@
-#include "small-file.h"
+#include "whole-file.h"
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -13,13 +13,12 @@
 #include <vector>
 
 #include "file-calls.h"
+#include "file-descriptor.h"
 #include "limited-resource.h"
-#include "unique-fd.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-using namespace fwplatform;
 using ::testing::ElementsAre;
 
 constexpr std::size_t kLimit = 8192;
@@ -33,9 +32,9 @@ class SmallFile : public ::testing::Test {
   }
   void TearDown() override { fs::remove_all(place_); }
 
-  int read(std::string& content) const { return readSmallFileAt(directory_.get(), "file", kLimit, content); }
+  int read(std::string& content) const { return base::readFileAt(directory_.get(), "file", kLimit, content); }
   int replace(const std::string& content, bool sync = false) const {
-    return replaceSmallFileAt(directory_.get(), "file", content, sync);
+    return base::replaceFileAt(directory_.get(), "file", content, sync);
   }
   std::string content() const {
     std::string content;
@@ -51,7 +50,7 @@ class SmallFile : public ::testing::Test {
   }
 
   std::string place_;
-  UniqueFd directory_;
+  base::FileDescriptor directory_;
 };
 
 TEST_F(SmallFile, HoldsWhatItWasReplacedWith) {
