@@ -13,7 +13,7 @@
 #include "deadline.h"
 #include "dlog.h"
 #include "file-descriptor.h"
-#include "privileged/package-name.h"
+#include "package-name.h"
 #include "program-start.h"
 #include "system-error.h"
 

@@ -3,7 +3,7 @@
 
 #include "app-binary-manager.h"
 #include "download-status.h"
-#include "privileged/package-name.h"
+#include "package-name.h"
 
 namespace appbinaryManager {
 namespace {

@@ -7,7 +7,7 @@
 
 #include "fuzz-target.h"
 #include "library-device.h"
-#include "privileged/package-name.h"
+#include "package-name.h"
 #include "privileged/privileged-request.h"
 
 namespace {

@@ -21,8 +21,8 @@
 #include "failure.h"
 #include "file-descriptor.h"
 #include "frame/program.h"
+#include "package-name.h"
 #include "partial-image.h"
-#include "privileged/package-name.h"
 #include "system-error.h"
 
 namespace {

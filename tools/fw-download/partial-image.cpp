@@ -9,7 +9,7 @@
 #include <cerrno>
 
 #include "failure.h"
-#include "privileged/safe-path.h"
+#include "safe-path.h"
 #include "system-error.h"
 #include "whole-file.h"
 

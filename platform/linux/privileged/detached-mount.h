@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "file-descriptor.h"
-#include "privileged/safe-path.h"
+#include "safe-path.h"
 
 namespace fwplatform {
 

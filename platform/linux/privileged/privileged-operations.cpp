@@ -11,8 +11,8 @@
 
 #include "privileged/detached-mount.h"
 #include "privileged/loop-mount.h"
-#include "privileged/safe-path.h"
 #include "privileged/squashfs-unpack.h"
+#include "safe-path.h"
 #include "system-error.h"
 
 namespace fwplatform {

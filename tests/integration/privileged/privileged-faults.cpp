@@ -25,8 +25,8 @@
 #include "privileged-calls.h"
 #include "privileged/privileged-client.h"
 #include "privileged/privileged-operations.h"
-#include "privileged/safe-path.h"
 #include "privileged/squashfs-unpack.h"
+#include "safe-path.h"
 #include "temporary-mount.h"
 
 namespace {

@@ -1,5 +1,5 @@
 // Which names of packages become part of a path.
-#include "privileged/package-name.h"
+#include "package-name.h"
 
 #include <gtest/gtest.h>
 

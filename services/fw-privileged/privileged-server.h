@@ -1,8 +1,8 @@
 // The privileged service behind its socket: takes clients, looks at who they are
 // and answers one request for each connection. One thread. A client that sends
 // nothing, or is not allowed, never keeps the others waiting.
-#ifndef PLATFORM_LINUX_PRIVILEGED_SERVER_H
-#define PLATFORM_LINUX_PRIVILEGED_SERVER_H
+#ifndef FW_PRIVILEGED_PRIVILEGED_SERVER_H
+#define FW_PRIVILEGED_PRIVILEGED_SERVER_H
 
 #include <sys/types.h>
 

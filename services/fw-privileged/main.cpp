@@ -26,8 +26,8 @@
 #include "dlog.h"
 #include "file-descriptor.h"
 #include "own-rights.h"
+#include "privileged-server.h"
 #include "privileged/privileged-protocol.h"
-#include "privileged/privileged-server.h"
 #include "system-error.h"
 
 namespace {

@@ -1,4 +1,4 @@
-#include "privileged/privileged-server.h"
+#include "privileged-server.h"
 
 #include <fcntl.h>
 #include <poll.h>

@@ -1,4 +1,4 @@
-#include "privileged/safe-path.h"
+#include "safe-path.h"
 
 #include <fcntl.h>
 #include <linux/stat.h>

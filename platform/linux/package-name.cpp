@@ -1,4 +1,4 @@
-#include "privileged/package-name.h"
+#include "package-name.h"
 
 #include <algorithm>
 #include <cstddef>
