@@ -80,10 +80,22 @@ void writeTraceRecord(CallSite& site, const TraceArgument* arguments, std::size_
 // Never called: lets the compiler hold the arguments against the format.
 [[gnu::format(printf, 1, 2)]] inline void checkFormat(const char*, ...) {}
 
+// What the platform log gets of an argument: no null pointer, which a platform's own log
+// may not survive.
+template <typename Value>
+auto logArgument(Value value) {
+  if constexpr (std::is_pointer_v<Value>) {
+    const char* const text = value;
+    return text == nullptr ? "(null)" : text;
+  } else {
+    return value;
+  }
+}
+
 template <typename... Arguments>
 void write(CallSite& site, int priority, const char* /*format*/, Arguments... arguments) {
   __dlog_print(fwmessages::kLogId, priority, fwmessages::kTag, site.prefixedFormat, site.fileName,
-               site.functionName, site.line, arguments...);
+               site.functionName, site.line, logArgument(arguments)...);
   if (priority != kError || TraceStorage::enabled == 0) {
     return;
   }

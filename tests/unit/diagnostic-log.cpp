@@ -139,6 +139,17 @@ TEST_F(DiagnosticLog, StoresANullTextAsItsMarkerAndLogsItReadably) {
   EXPECT_THAT(recording::texts(), ElementsAre("text (null)"));
 }
 
+// The C library shows nothing of a null text that is to be cut off.
+TEST_F(DiagnosticLog, GivesThePlatformLogNoNullText) {
+  const char* const none = nullptr;
+
+  FW_LOG(diagnostics::kError, "text %.3s", none);
+  FW_LOG(diagnostics::kInfo, "text %.4s", none);
+
+  EXPECT_THAT(recording::texts(), ElementsAre("text (nu", "text (nul"));
+  EXPECT_EQ(recording::traceRecords().at(0).payload, "\xFF\x7F");
+}
+
 TEST_F(DiagnosticLog, WritesInfoAndDebugToThePlatformLogAlone) {
   FW_LOG(diagnostics::kInfo, "SWModel : %s", "X-Y");
   FW_LOG(diagnostics::kDebug, "STATE [%d]", 0);
