@@ -1,11 +1,15 @@
 #include "child-program.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
+#include <unistd.h>
 
+#include <csignal>
 #include <cstdlib>
 #include <string>
 
 #include "exit-code.h"
+#include "files.h"
 
 namespace {
 
@@ -49,6 +53,24 @@ TEST(ChildProgram, GivesMoreThanAPipeHolds) {
 
 TEST(ChildProgram, HasNoInput) {
   EXPECT_EQ(runShell("cat; echo end").output, "end\n");
+}
+
+std::string signalSeen;  // the name of a file that says so
+
+// Whatever happens to this program meanwhile.
+TEST(ChildProgram, IsWaitedForToItsEnd) {
+  const fwpack::TemporaryDirectory directory;
+  signalSeen = directory.path() + "/seen";
+  struct sigaction action = {};
+  action.sa_handler = [](int) { close(open(signalSeen.c_str(), O_WRONLY | O_CREAT, 0600)); };
+  struct sigaction before = {};
+  ASSERT_EQ(sigaction(SIGUSR1, &action, &before), 0);
+
+  const Ended ended = runShell("exec >&-; while [ ! -e " + signalSeen + " ]; do kill -USR1 " +
+                               std::to_string(getpid()) + "; done; exit 3");
+
+  EXPECT_FALSE(ended.well);
+  sigaction(SIGUSR1, &before, nullptr);
 }
 
 TEST(ChildProgram, IsToldNoTime) {
