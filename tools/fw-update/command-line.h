@@ -1,21 +1,17 @@
-// The command line: one table of commands, and the options they share.
+// The command line: one table of commands with their options.
 #ifndef FW_UPDATE_TOOL_COMMAND_LINE_H
 #define FW_UPDATE_TOOL_COMMAND_LINE_H
 
 #include <optional>
 #include <string>
-#include <variant>
 #include <vector>
 
 #include "callers.h"
-#include "report.h"
+#include "frame/program.h"
 
 namespace tool {
 
-struct Command;
-
 struct Options {
-  const Command* command = nullptr;
   std::string module;
   const fwcallers::Caller* caller = fwcallers::findCaller(fwcallers::kDefaultCaller);
   std::string data;
@@ -33,41 +29,16 @@ struct Options {
   bool isolated = false;
   unsigned int patience = 120;  // seconds; isolated
 
+  // As the command line has them.
+  std::string callerName = fwcallers::kDefaultCaller;
+  std::optional<std::string> givenData;
+  std::string progress;
+
   // The text that reaches the module.
   std::string requestData() const { return caller->fixedData != nullptr ? caller->fixedData : data; }
 };
 
-// What a command accepts besides the options of all; a sum.
-enum Accepts : unsigned {
-  AcceptsNothing = 0,
-  AcceptsModule = 1,     // NAME
-  AcceptsCaller = 2,     // --caller and --data
-  AcceptsProgress = 4,   // --progress
-  AcceptsDryRun = 8,     // --dry-run
-  AcceptsPackages = 16,  // DIR, --key-file and --allow-rollback
-  AcceptsModules = 32,   // NAME... or --all, and --wait
-  AcceptsIgnoreHidden = 64,
-  AcceptsIsolated = 128  // --isolated and --patience
-};
-
-struct Command {
-  const char* name;  // "group command" for a command of a group
-  const char* summary;
-  unsigned accepted;
-  const char* example;
-  Report (*run)(const Options& options);
-
-  constexpr bool accepts(Accepts what) const { return (accepted & what) != 0; }
-};
-
-// What parsing gives when there is nothing to run: help or the version was
-// printed (0), or the usage was wrong (a report for the chosen output).
-struct Ended {
-  std::optional<Report> usageError;
-  bool json = false;
-};
-
-std::variant<Options, Ended> parseCommandLine(int argc, const char* const* argv);
+const frame::Program<Options>& program();
 
 }  // namespace tool
 

@@ -5,6 +5,8 @@
 
 #include <string>
 
+#include "frame/outcome.h"
+
 namespace tool {
 
 enum class Outcome {
@@ -29,41 +31,34 @@ enum class Outcome {
   ModuleHung,
 };
 
-struct OutcomeInfo {
-  Outcome outcome;
-  const char* id;  // in JSON
-  int exitCode;
+inline constexpr frame::OutcomeInfo kOutcomeTable[] = {
+    {"ok", 0, "updated or answered", frame::Tone::Answer},
+    {"updated", 0, nullptr, frame::Tone::Success},
+    {"unexpected-error", 1, "unexpected error", frame::Tone::Failure},
+    {"usage", 2, "usage", frame::Tone::Failure},
+    {"nothing-to-do", 3, "nothing to do", frame::Tone::Notice},
+    {"no-such-module", 4, "no such module", frame::Tone::Failure},
+    {"refused-image", 5, "refused image", frame::Tone::Failure},
+    {"module-failed", 6, "module failed", frame::Tone::Failure},
+    {"timed-out", 7, "timed out", frame::Tone::Failure},
+    {"not-permitted", 8, "not allowed", frame::Tone::Failure},
+    {"broken-module", 9, "bad module", frame::Tone::Failure},
+    {"no-controls-directory", 10, "no modules", frame::Tone::Failure},
+    {"already-running", 1, nullptr, frame::Tone::Failure},
+    {"stopped", 1, nullptr, frame::Tone::Failure},
+    {"not-known", 1, nullptr, frame::Tone::Failure},
+    {"download-failed", 11, "no download", frame::Tone::Failure},
+    {"lock-in-use", 12, "lock taken", frame::Tone::Failure},
+    {"module-crashed", 13, "crash", frame::Tone::Failure},
+    {"module-hung", 14, "hang", frame::Tone::Failure},
 };
 
-inline constexpr OutcomeInfo kOutcomeTable[] = {
-    {Outcome::Ok, "ok", 0},
-    {Outcome::Updated, "updated", 0},
-    {Outcome::Unexpected, "unexpected-error", 1},
-    {Outcome::Usage, "usage", 2},
-    {Outcome::NothingToDo, "nothing-to-do", 3},
-    {Outcome::NoSuchModule, "no-such-module", 4},
-    {Outcome::RefusedImage, "refused-image", 5},
-    {Outcome::ModuleFailed, "module-failed", 6},
-    {Outcome::TimedOut, "timed-out", 7},
-    {Outcome::NotPermitted, "not-permitted", 8},
-    {Outcome::BrokenModule, "broken-module", 9},
-    {Outcome::NoControls, "no-controls-directory", 10},
-    {Outcome::AlreadyRunning, "already-running", 1},
-    {Outcome::Stopped, "stopped", 1},
-    {Outcome::NotKnown, "not-known", 1},
-    {Outcome::DownloadFailed, "download-failed", 11},
-    {Outcome::LockInUse, "lock-in-use", 12},
-    {Outcome::ModuleCrashed, "module-crashed", 13},
-    {Outcome::ModuleHung, "module-hung", 14},
-};
+static_assert(sizeof kOutcomeTable / sizeof kOutcomeTable[0] ==
+                  static_cast<std::size_t>(Outcome::ModuleHung) + 1,
+              "a row for each outcome, in their order");
 
-constexpr const OutcomeInfo& infoOf(Outcome outcome) {
-  for (const OutcomeInfo& info : kOutcomeTable) {
-    if (info.outcome == outcome) {
-      return info;
-    }
-  }
-  return kOutcomeTable[2];
+constexpr const frame::OutcomeInfo& infoOf(Outcome outcome) {
+  return kOutcomeTable[static_cast<std::size_t>(outcome)];
 }
 
 struct Finding {

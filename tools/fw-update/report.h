@@ -1,13 +1,12 @@
-// What a command found, and how it is put out: as text for people or as one
-// JSON document. A plain value, made by a command and printed once.
+// What a command found, on its way to the frame that puts it out. A plain value.
 #ifndef FW_UPDATE_TOOL_REPORT_H
 #define FW_UPDATE_TOOL_REPORT_H
 
 #include <json/value.h>
 
 #include <string>
-#include <vector>
 
+#include "frame/report.h"
 #include "library/library-log.h"
 #include "outcomes.h"
 #include "text-layout.h"
@@ -15,20 +14,16 @@
 namespace tool {
 
 struct Report {
-  std::string command;
   Finding finding;
   Json::Value details{Json::objectValue};  // the command's own JSON members
   std::string body;                        // the command's own text, whole lines
   bool moduleRuns = false;                 // a thread is still inside the module
 };
 
-// The members that every document has, and the command's own.
-Json::Value toJson(const Report& report);
-// The same with the library's messages in "log".
-Json::Value toJson(const Report& report, const LogMessages& log);
+frame::Report answerOf(const Report& report);
 
-// Text for people: results on standard output, failures on standard error.
-void printText(const Report& report);
+// The library's messages, for a document.
+Json::Value toJson(const LogMessages& log);
 
 }  // namespace tool
 

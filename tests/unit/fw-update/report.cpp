@@ -11,15 +11,18 @@ using ::testing::Not;
 
 tool::Report refused() {
   tool::Report report;
-  report.command = "update";
   report.finding = {tool::Outcome::RefusedImage, "It is damaged.", "Install it again."};
   report.details["module"] = "libtuner";
   report.details["elapsedSeconds"] = 0.25;
   return report;
 }
 
+Json::Value documentOf(const tool::Report& report) {
+  return frame::documentOf(tool::answerOf(report), "update");
+}
+
 TEST(JsonDocument, HasTheCommonMembersBesideTheCommandsOwn) {
-  const Json::Value document = tool::toJson(refused());
+  const Json::Value document = documentOf(refused());
 
   EXPECT_EQ(document["command"].asString(), "update");
   EXPECT_FALSE(document["ok"].asBool());
@@ -35,24 +38,24 @@ TEST(JsonDocument, LeavesOutAnEmptyRemedy) {
   tool::Report report = refused();
   report.finding.remedy.clear();
 
-  EXPECT_FALSE(tool::toJson(report).isMember("remedy"));
+  EXPECT_FALSE(documentOf(report).isMember("remedy"));
 }
 
-TEST(JsonDocument, CarriesTheLibrarysMessagesOnRequest) {
+TEST(JsonDocument, CarriesTheLibrarysMessages) {
   auto logged = message("Error: %s");
   logged.text = "Error: x";
   logged.function = "f";
 
-  const Json::Value document = tool::toJson(refused(), {logged});
+  const Json::Value log = tool::toJson(tool::LogMessages{logged});
 
-  ASSERT_EQ(document["log"].size(), 1u);
-  EXPECT_EQ(document["log"][0]["text"].asString(), "Error: x");
-  EXPECT_EQ(document["log"][0]["function"].asString(), "f");
-  EXPECT_EQ(document["log"][0]["priority"].asInt(), 6);
+  ASSERT_EQ(log.size(), 1u);
+  EXPECT_EQ(log[0]["text"].asString(), "Error: x");
+  EXPECT_EQ(log[0]["function"].asString(), "f");
+  EXPECT_EQ(log[0]["priority"].asInt(), 6);
 }
 
 TEST(JsonDocument, FitsOneLineForAStream) {
-  const std::string line = tool::onOneLine(tool::toJson(refused()));
+  const std::string line = tool::onOneLine(documentOf(refused()));
 
   EXPECT_EQ(line.find('\n'), line.size() - 1);
   EXPECT_THAT(line, HasSubstr("\"elapsedSeconds\":0.25"));

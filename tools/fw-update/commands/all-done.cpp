@@ -9,7 +9,6 @@ namespace tool {
 
 Report runAllDone(const Options&) {
   Report report;
-  report.command = "all-done";
   const Library library = openLibrary();
   if (library.problem) {
     report.finding = *library.problem;

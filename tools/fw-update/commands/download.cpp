@@ -191,7 +191,6 @@ void conclude(Report& report, const std::vector<Package>& packages) {
 
 Report runDownload(const Options& options) {
   Report report;
-  report.command = "download";
   const Library library = openLibrary();
   const std::vector<std::string> modules = wantedModules(options, library);
   if (library.problem) {

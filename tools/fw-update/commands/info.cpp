@@ -48,7 +48,6 @@ std::string describe(const Json::Value& details) {
 
 Report runInfo(const Options& options) {
   Report report;
-  report.command = "info";
   report.details["module"] = options.module;
   const Library library = openLibrary();
   if (const auto problem = moduleProblem(library, options.module)) {

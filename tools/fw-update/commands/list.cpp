@@ -58,7 +58,6 @@ std::vector<Row> readItems(Report& report, const Library& library) {
 
 Report runList(const Options&) {
   Report report;
-  report.command = "list";
   report.details["modules"] = Json::arrayValue;
   const Library library = openLibrary();
   report.finding = {Outcome::Ok, std::to_string(library.items.size()) + " modules are installed.", ""};

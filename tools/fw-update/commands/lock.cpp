@@ -118,9 +118,8 @@ std::string statusText(const Finding& finding, const LockUsers& users) {
 
 }  // namespace
 
-Report runLockStatus(const Options& options) {
+Report runLockStatus(const Options&) {
   Report report;
-  report.command = options.command->name;
   report.details["lock"] = UpdateLock::path();
   const UpdateLock lock;
   if (lock.error() != 0) {
@@ -142,7 +141,6 @@ Report runLockStatus(const Options& options) {
 
 Report runLockRecover(const Options& options) {
   Report report;
-  report.command = options.command->name;
   report.details["lock"] = UpdateLock::path();
   const Recovery recovery = recoverUpdateLock(options.ignoreHidden);
   report.finding = explainRecovery(recovery);

@@ -81,7 +81,6 @@ int writeList(std::size_t mark) {
 
 Report runPendingList(const Options&) {
   Report report;
-  report.command = "pending-list";
   report.details["path"] = kListPath;
   report.details["modules"] = Json::arrayValue;
   const Library library = openLibrary();

@@ -83,7 +83,6 @@ Finding brokeOff(const LogMessages& messages, const std::string& what) {
 
 Report runPending(const Options& options) {
   Report report;
-  report.command = "pending";
   report.details["caller"] = options.caller->name;
   report.details["modules"] = Json::arrayValue;
   const Library library = openLibrary();

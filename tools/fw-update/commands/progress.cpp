@@ -21,7 +21,6 @@ Finding explain(int result, const std::string& module, unsigned int progress) {
 
 Report runProgress(const Options& options) {
   Report report;
-  report.command = "progress";
   report.details["module"] = options.module;
   const Library library = openLibrary();
   if (const auto problem = moduleProblem(library, options.module)) {

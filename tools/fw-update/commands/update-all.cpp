@@ -252,7 +252,6 @@ void performRun(Report& report, const Options& options, const Library& library, 
 
 Report runUpdateAll(const Options& options) {
   Report report;
-  report.command = "update-all";
   report.details["dryRun"] = options.dryRun;
   const Library library = openLibrary();
   if (library.problem) {

@@ -98,7 +98,6 @@ void requestUpdate(Report& report, const Options& options, FWUpdateContorl& faca
 
 Report runUpdate(const Options& options) {
   Report report;
-  report.command = "update";
   report.details["module"] = options.module;
   report.details["caller"] = options.caller->name;
   const Library library = openLibrary();

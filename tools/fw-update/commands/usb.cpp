@@ -307,7 +307,6 @@ Finding summary(const Session& session, const Report& report) {
 
 Report runUsbEstimate(const Options& options) {
   Report report;
-  report.command = options.command->name;
   const auto session = open(options, report);
   if (!session || !estimate(*session, options, report)) {
     return report;
@@ -327,7 +326,6 @@ Report runUsbEstimate(const Options& options) {
 
 Report runUsbApply(const Options& options) {
   Report report;
-  report.command = options.command->name;
   const auto session = open(options, report);
   if (!session || !estimate(*session, options, report)) {
     return report;

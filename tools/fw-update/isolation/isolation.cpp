@@ -186,11 +186,10 @@ void tellRun(Finding& finding) {
   }
 }
 
-Report reportOf(Watch& watch, const Options& options, const CleanedUp& cleaned) {
+Report reportOf(Watch& watch, const CleanedUp& cleaned) {
   const ChildRecord& child = watch.record();
   const auto status = watch.status();
   Report report;
-  report.command = options.command->name;
   if (watch.hungFor()) {
     report.finding = explainHang(child, *watch.hungFor());
   } else {
@@ -256,7 +255,7 @@ IsolatedEnd runIsolated(const Options& options) {
   } else if (isInterrupted(watch)) {
     end.signal = watch.signal();
   } else {
-    end.report = reportOf(watch, options, cleaned);
+    end.report = reportOf(watch, cleaned);
     end.log = options.log ? logOfDeadProcess(watch.process()) : LogMessages();
   }
   return end;

@@ -9,6 +9,7 @@
 #include "progress/milestones.h"
 #include "progress/progress-reporter.h"
 #include "terminal.h"
+#include "text-layout.h"
 
 namespace tool {
 namespace {

@@ -25,6 +25,7 @@ struct Report {
   std::vector<std::string> remarks;        // on standard error, beside the text
   Json::Value details{Json::objectValue};  // the command's own members of the document
   bool raw = false;                        // the body is a document of its own
+  bool endsAtOnce = false;                 // a thread that nothing ends is not waited for
 };
 
 enum class Form { Text, Json, Ndjson };
