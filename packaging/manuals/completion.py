@@ -1,18 +1,12 @@
-"""Writes the bash completion of a program from its help texts.
+"""Writes the bash completion of a program from what it says of itself.
 
-usage: completion.py NAME PROGRAM-FILE >COMPLETION
+usage: completion.py PROGRAM >COMPLETION
 """
 import sys
 
-import help_tree
+import command_tree
 
-# What completes a value, by what the help text calls it.
-VALUES = {
-    "FILE": "files", "PATH": "files", "IMAGE": "files", "PACKAGE": "files", "FILE.so": "files",
-    "TRACE": "files", "DIR": "directories",
-}
-
-HEAD = '''# bash completion for {name}; made from its help texts
+HEAD = '''# bash completion for {name}; made from its table of commands
 _{function}_modules()
 {{
     local file
@@ -53,22 +47,8 @@ MIDDLE = '''            *:-*) ;;
 '''
 
 
-def value_kind(program, entry):
-    if entry.choices:
-        return "words " + " ".join(entry.choices)
-    if program == "fw-update" and entry.value == "NAME" and "--caller" not in entry.names:
-        return "modules"
-    if program == "fw-privileged" and entry.names == ["--group"]:
-        return "groups"
-    if program == "fw-trace" and entry.names == ["--module"]:
-        return "modules"
-    return VALUES.get(entry.value, "")
-
-
-def all_commands(tree):
-    yield tree
-    for command in tree.commands:
-        yield from all_commands(command)
+def value_kind(entry):
+    return "words " + " ".join(entry.words) if entry.words else entry.completes
 
 
 def place(command):
@@ -82,7 +62,7 @@ def words_of(command):
 
 def enter_places(tree):
     """Cases that follow the commands named so far, and step over options' values."""
-    for command in all_commands(tree):
+    for command in command_tree.all_commands(tree):
         for sub in command.commands:
             yield f"            {place(command)}:{sub.path[-1]}) place='{place(sub)}'; arguments=0 ;;"
         valued = [n for entry in command.options if entry.value for n in entry.names]
@@ -93,11 +73,11 @@ def enter_places(tree):
 
 def complete_values(program, tree):
     yield '    case "$place:$previous" in'
-    for command in all_commands(tree):
+    for command in command_tree.all_commands(tree):
         for entry in command.options:
             if entry.value:
                 patterns = "|".join(f"{place(command)}:{name}" for name in entry.names)
-                kind = value_kind(program, entry)
+                kind = value_kind(entry)
                 action = f"_{function_name(program)}_complete {kind}; " if kind else ""
                 yield f"        {patterns}) {action}return ;;"
     yield "    esac"
@@ -108,16 +88,16 @@ def complete_arguments(program, tree):
     function = function_name(program)
     yield "    if [[ $current != -* ]]; then"
     yield '        case "$place:$arguments" in'
-    for command in all_commands(tree):
+    for command in command_tree.all_commands(tree):
         for number, entry in enumerate(command.arguments):
-            kind = value_kind(program, entry)
+            kind = value_kind(entry)
             if kind:
-                count = "*" if f"[{entry.value}...]" in command.usage else number
+                count = "*" if entry.many else number
                 yield f"            {place(command)}:{count}) _{function}_complete {kind}; return ;;"
     yield "        esac"
     yield "    fi"
     yield '    case "$place" in'
-    for command in all_commands(tree):
+    for command in command_tree.all_commands(tree):
         yield f'        "{place(command)}") _{function}_complete words {words_of(command)} ;;'
     yield "    esac"
 
@@ -134,8 +114,8 @@ def completion(program, tree):
 
 
 def main():
-    name, program = sys.argv[1:3]
-    sys.stdout.write(completion(name, help_tree.read(program, [name])))
+    tree = command_tree.read(sys.argv[1])
+    sys.stdout.write(completion(tree.path[0], tree))
 
 
 if __name__ == "__main__":

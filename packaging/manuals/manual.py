@@ -1,15 +1,15 @@
-"""Fills a manual page's source with what the program's help texts say.
+"""Fills a manual page's source with what the program says of itself.
 
-usage: manual.py NAME PROGRAM-FILE SOURCE.scd.in >PAGE.scd
+usage: manual.py PROGRAM SOURCE.scd.in >PAGE.scd
 
-The line @COMMANDS@ becomes a section for each command with its options,
-@OPTIONS@ the options of the program itself, @EXIT-CODES@ the exit codes.
+The line @COMMANDS@ becomes a section for each command with its options, @SYNOPSIS@ the
+ways to call a program without commands, @OPTIONS@ the options of the program itself,
+@EXIT-CODES@ the exit codes.
 """
-import re
 import sys
 import textwrap
 
-import help_tree
+import command_tree
 
 
 def escaped(text):
@@ -26,8 +26,7 @@ def declared(entry):
 
 def entries(options):
     for entry in options:
-        summary = entry.summary if entry.summary else "See the description."
-        yield f"{declared(entry)}\n\t{escaped(summary)}.\n".replace("..\n", ".\n")
+        yield f"{declared(entry)}\n\t{escaped(entry.summary)}.\n".replace("..\n", ".\n")
 
 
 def own_options(command):
@@ -41,18 +40,6 @@ def leaves(command):
         yield from leaves(sub)
 
 
-def own_footer(command):
-    """What a command says beyond the example and the exit codes, as it stands."""
-    lines, continued = [], False
-    for line in command.footer:
-        if line.startswith("Exit codes"):
-            break
-        if not continued and not line.startswith(("Example:", "Each command")):
-            lines.append(line)
-        continued = line.endswith("\\")
-    return textwrap.dedent("\n".join(lines).strip("\n"))
-
-
 def verbatim(text):
     text = text.replace("\\", "\\\\")
     return f"```\n{text}\n```\n" if text else ""
@@ -60,41 +47,36 @@ def verbatim(text):
 
 def example(command):
     """The example and the lines that continue it."""
-    lines = []
-    for line in command.footer:
-        if line.startswith("Example: "):
-            lines = [line[len("Example: "):]]
-        elif lines and lines[-1].endswith("\\"):
-            lines.append("  " + line.strip())
-    return "Example:\n\n" + verbatim("\n".join(lines)) + "\n" if lines else ""
+    lines = command.example.splitlines()
+    text = "\n".join(lines[:1] + ["  " + line.strip() for line in lines[1:]])
+    return "Example:\n\n" + verbatim(text) + "\n" if text else ""
 
 
 def command_sections(tree):
     for command in leaves(tree):
         yield f"## {escaped(command.usage)}\n\n{escaped(command.summary)}.\n\n"
         yield from (entry + "\n" for entry in entries(command.arguments + own_options(command)))
-        yield verbatim(own_footer(command)) + "\n" + example(command)
+        yield verbatim(textwrap.dedent(command.remark.strip("\n"))) + "\n" + example(command)
+
+
+def synopsis(tree):
+    return f"*{escaped(tree.path[0])}*{escaped(tree.usage[len(tree.path[0]):])}\n"
 
 
 def exit_codes(tree):
-    """One code a line; what the help text says beside the codes follows as text."""
-    start = next(i for i, line in enumerate(tree.footer) if line.startswith("Exit codes"))
-    codes, remarks = [], []
-    for line in [tree.footer[start][len("Exit codes:"):], *tree.footer[start + 1:]]:
-        parts = re.split(r"[,;]?\s+(?=\d)|;$", " " + line)[1 if line.strip()[:1].isdigit() else 0:]
-        if all(re.match(r"\d+ ", part) for part in parts if part.strip()):
-            codes += [part for part in parts if part.strip()]
-        else:
-            remarks.append(line.strip())
-    return verbatim("\n".join(codes)) + "".join(f"\n{escaped(remark)}\n" for remark in remarks)
+    """One code a line; the remark follows as text."""
+    codes = [f"{each['exitCode']} {each['meaning']}" for each in tree.outcomes if each["meaning"]]
+    remark = f"\n{escaped(tree.exit_code_remark)}.\n" if tree.exit_code_remark else ""
+    return verbatim("\n".join(codes)) + remark[:1] + remark[1:2].upper() + remark[2:]
 
 
 def main():
-    name, program, source = sys.argv[1:4]
-    tree = help_tree.read(program, [name])
+    program, source = sys.argv[1:3]
+    tree = command_tree.read(program)
     parts = {
         "@COMMANDS@\n": lambda: "".join(command_sections(tree)),
-        "@OPTIONS@\n": lambda: "\n".join(entries(tree.options)),
+        "@SYNOPSIS@\n": lambda: synopsis(tree),
+        "@OPTIONS@\n": lambda: "\n".join(entries(tree.arguments + tree.options)),
         "@EXIT-CODES@\n": lambda: exit_codes(tree),
     }
     with open(source, encoding="utf-8") as file:

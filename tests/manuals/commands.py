@@ -11,7 +11,7 @@ import subprocess
 import sys
 
 sys.path.insert(0, sys.argv[1])
-import help_tree  # noqa: E402
+import command_tree  # noqa: E402
 
 SOURCE, BUILD = sys.argv[2:4]
 PROGRAMS = ("fw-device", "fw-download", "fw-module", "fw-pack", "fw-platform-check", "fw-privileged",
@@ -67,7 +67,7 @@ def words_of(command):
 
 def tree_of(program):
     if program not in trees:
-        trees[program] = help_tree.read(os.path.join(BUILD, "bin", program), [program])
+        trees[program] = command_tree.find(program, os.path.join(BUILD, "bin"), sys.argv[1])
     return trees[program]
 
 
