@@ -34,6 +34,14 @@ FileDescriptor opened(const std::string& path, int flags) {
   return file;
 }
 
+FileDescriptor newFile(const std::string& path, std::size_t size) {
+  FileDescriptor file = opened(path, O_RDWR | O_CREAT | O_TRUNC);
+  if (ftruncate(file.get(), static_cast<off_t>(size)) != 0) {
+    fail(path);
+  }
+  return file;
+}
+
 std::string contentOf(const std::string& path) {
   std::ifstream file(path, std::ios::binary | std::ios::ate);
   const std::streamoff size = file.tellg();
@@ -84,10 +92,7 @@ void LoopDisk::forget() const {
 }
 
 CutDisk::CutDisk(const std::string& base, const std::vector<Epoch>& epochs, const std::string& scratch)
-    : epochs_(epochs),
-      now_(contentOf(base)),
-      file_(opened(scratch, O_RDWR | O_CREAT | O_TRUNC)),
-      loop_((ftruncate(file_.get(), static_cast<off_t>(now_.size())), scratch)) {
+    : epochs_(epochs), now_(contentOf(base)), file_(newFile(scratch, now_.size())), loop_(scratch) {
   std::set<std::size_t> pages;
   for (std::size_t page = 0; page * kPieceSize < now_.size(); ++page) {
     if (!isZero(page)) {

@@ -3,6 +3,8 @@
 #define FUSE_USE_VERSION 31
 #include <fcntl.h>
 #include <fuse.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -110,6 +112,16 @@ int truncateFile(const char* path, off_t /*size*/, fuse_file_info* /*file*/) {
   return isMark(path) ? 0 : -EPERM;
 }
 
+// What is mounted from the disk goes with the namespace that it is in. If that were this
+// process's own and it were killed, the kernel would wait for it to serve what is still to
+// be written, and it would never end.
+void leaveNamespace(const std::string& directory) {
+  if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+      umount2(directory.c_str(), MNT_DETACH) != 0) {
+    throw std::system_error(errno, std::generic_category(), "the recorder cannot leave its namespace");
+  }
+}
+
 }  // namespace
 
 int recordDisk(const std::string& image, const std::string& log, const std::string& directory,
@@ -132,6 +144,7 @@ int recordDisk(const std::string& image, const std::string& log, const std::stri
   if (!system || fuse_mount(system.get(), directory.c_str()) != 0) {
     return 1;
   }
+  leaveNamespace(directory);
   return fuse_loop(system.get());  // one request after the other, as the record wants them
 }
 

@@ -53,6 +53,7 @@ constexpr Option kCheck[] = {
     {"--image FILE", &Options::image, "A good image; default: random bytes"},
     {"--version TEXT", &Options::version, "Its version; default: the active one, counted up"},
     {"--keep PATH", &Options::keepVisible, "Show this path of the host too (may be repeated)"},
+    {"--power-cut", &Options::cutPower, "Also cut the power at every write of an update"},
     Option("--list", &Options::list, "List the checks instead").excluding("FILE"),
     {"--junit FILE", &Options::junit, "Also write a JUnit report"},
 };

@@ -21,6 +21,7 @@ struct Options {
   std::vector<std::string> keepVisible;
   bool list = false;
   std::string junit;
+  bool cutPower = false;
 };
 
 }  // namespace fwmodule

@@ -43,6 +43,7 @@ Subject subjectOf(const Options& options) {
   subject.bytes = readFile(options.file);
   subject.version = options.version;
   subject.keepVisible = options.keepVisible;
+  subject.cutPower = options.cutPower;
   if (options.image.empty()) {
     return subject;
   }

@@ -58,6 +58,7 @@ enum class Check : std::uint8_t {
   ImageEmpty,
   ImageCorrupt,
   FullDisk,
+  PowerCut,
   OldFirmware,
   ResultCode,
   Decryption,
@@ -180,6 +181,9 @@ inline constexpr CheckInfo kChecks[] = {
      "the file may have changed since the library looked."},
     {Check::FullDisk, "full-disk", Severity::Error, "A full disk is reported",
      "Check the result of every write, of fflush, fsync and fclose, and of rename."},
+    {Check::PowerCut, "power-cut", Severity::Error, "A power cut leaves the old or the new firmware",
+     "Write the new firmware beside the old one, fsync it, rename it, fsync the directory, and only then "
+     "answer 0."},
     {Check::OldFirmware, "old-firmware", Severity::Error, "After a failed update the old version is active",
      "Write the new firmware beside the old one and switch in one step at the end."},
     {Check::ResultCode, "result-code", Severity::Warning, "A failure has a code of its own",

@@ -21,6 +21,7 @@ struct Subject {
   std::optional<std::string> image;  // a good firmware image
   std::string version;               // of it; empty: the active one, counted up
   std::vector<std::string> keepVisible;
+  bool cutPower = false;
 
   // What trials have found out.
   std::string identifier;

@@ -1,3 +1,5 @@
+#include <unistd.h>
+
 #include "trials.h"
 
 namespace fwmodule {
@@ -33,6 +35,17 @@ const char* takesNoImage(const Subject& subject) {
     return other;
   }
   return subject.updates ? nullptr : "no image could be written";
+}
+
+const char* cutsNoPower(const Subject& subject) {
+  if (!subject.cutPower) {
+    return "it was not asked for; --power-cut does";
+  }
+  if (geteuid() != 0 || access("/dev/fuse", R_OK | W_OK) != 0 ||
+      access("/dev/loop-control", R_OK | W_OK) != 0) {
+    return "recording a disk takes root, FUSE and loop devices";
+  }
+  return takesNoImage(subject);
 }
 
 }  // namespace fwmodule

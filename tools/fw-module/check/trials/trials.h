@@ -20,6 +20,7 @@ void tryMissingImage(const Stage& stage);
 void tryEmptyImage(const Stage& stage);
 void tryCorruptImage(const Stage& stage);
 void tryFullDisk(const Stage& stage);
+void tryPowerCut(const Stage& stage);
 void tryUsbPackage(const Stage& stage);
 void tryAllDone(const Stage& stage);
 void tryOddVersions(const Stage& stage);
@@ -35,6 +36,7 @@ const char* isOrdinary(const Subject& subject);
 const char* knowsNoVersion(const Subject& subject);
 const char* takesNoVersion(const Subject& subject);
 const char* takesNoImage(const Subject& subject);
+const char* cutsNoPower(const Subject& subject);
 
 using CheckSet = std::uint64_t;
 static_assert(kCheckCount <= 64, "a bit for each");
@@ -84,6 +86,7 @@ inline constexpr Trial kTrials[] = {
      decidesOn(Check::ImageCorrupt, Check::OldFirmware, Check::ResultCode)},
     {"a full disk", tryFullDisk, takesNoImage, kUpdates,
      decidesOn(Check::FullDisk, Check::OldFirmware, Check::ResultCode)},
+    {"a power cut", tryPowerCut, cutsNoPower, kUpdates, decidesOn(Check::PowerCut)},
     {"the image of a USB package", tryUsbPackage, takesNoVersion,
      kQueries | callsTo(EntryPoint::CheckVersion, EntryPoint::DoUpdateDecryption),
      decidesOn(Check::Decryption)},
