@@ -66,8 +66,9 @@ class LoopDevice:
 class FileSystem:
     """How a disk is made and mounted."""
 
-    def __init__(self, name, kind, options, make):
+    def __init__(self, name, kind, options, make, reuses_blocks=False):
         self.name, self.kind, self.options, self.make = name, kind, options, make
+        self.reuses_blocks = reuses_blocks  # of removed files, before the removal is on the disk
 
     def format(self, image):
         with open(image, "wb") as file:
@@ -79,7 +80,7 @@ EXT4 = ["mkfs.ext4", "-q", "-F", "-E", "lazy_itable_init=0,lazy_journal_init=0,n
 FILE_SYSTEMS = (
     FileSystem("ext4", "ext4", "", EXT4),
     FileSystem("ext4-noauto", "ext4", "noauto_da_alloc", EXT4),
-    FileSystem("ext4-writeback", "ext4", "data=writeback,noauto_da_alloc", EXT4),
+    FileSystem("ext4-writeback", "ext4", "data=writeback,noauto_da_alloc", EXT4, reuses_blocks=True),
 )
 
 

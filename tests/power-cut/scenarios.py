@@ -83,11 +83,12 @@ def package(firmware):
 
 def package_kept(*firmware):
     """The package goes when it has been applied, and not before."""
-    return lambda device: [Kept(package(name), {device.packages[name], None}) for name in firmware]
+    return lambda device: [Kept(package(name), {device.packages[name], None}, removed_with=device.updated(name))
+                           for name in firmware]
 
 
 def download_kept(device):
-    return [Kept(package("tunerfw"), {None, device.packages["tunerfw"]}),
+    return [Kept(package("tunerfw"), {None, device.packages["tunerfw"]}, removed_with=device.updated("tunerfw")),
             Kept(f"{MINIMUM}/tunerempfw", {None, digest(b"2.0.0\n")}, DOWNLOADED, {digest(b"2.0.0\n")})]
 
 
@@ -170,6 +171,10 @@ class Device:
 
     def run(self, *command, options=()):
         return [f"{self.tools}/fw-device", "run", *options, self.directory, "--", *command]
+
+    def updated(self, firmware):
+        """Where the new firmware is, and what it is."""
+        return f"{devices.COMPONENTS}/{firmware}.flash", self.flash[firmware]["new"]
 
     def kept(self):
         """The table of the scenario's files."""
