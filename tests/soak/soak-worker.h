@@ -16,10 +16,10 @@ struct Orders {
 };
 
 enum class Kind { Update, Fail, Throw, Current, Late, Package, Procedure, Usb };
-inline constexpr const char* kIndNames[] = {"ordinary",      "failing",           "throwing",
-                                            "not needed",    "too slow",          "from a package",
-                                            "own procedure", "from a USB package"};
-inline constexpr std::size_t kIndCount = sizeof kIndNames / sizeof kIndNames[0];
+inline constexpr const char* kKindNames[] = {"ordinary",      "failing",           "throwing",
+                                             "not needed",    "too slow",          "from a package",
+                                             "own procedure", "from a USB package"};
+inline constexpr std::size_t kKindCount = sizeof kKindNames / sizeof kKindNames[0];
 
 // What a process uses, at one moment at which none of its updates is under way.
 struct Use {

@@ -67,7 +67,7 @@ struct Life {
 };
 
 struct Figures {
-  long byKind[kIndCount] = {};
+  long byKind[kKindCount] = {};
   long unexpected = 0;
   long lateNotices = 0;
   long kills = 0;
@@ -277,8 +277,8 @@ void printFigures(const Figures& figures, double seconds) {
     requests += count;
   }
   std::printf("%ld updates came to their result in %.1f s:", requests, seconds);
-  for (std::size_t kind = 0; kind < kIndCount; ++kind) {
-    std::printf("%s %ld %s", kind == 0 ? "" : ",", figures.byKind[kind], kIndNames[kind]);
+  for (std::size_t kind = 0; kind < kKindCount; ++kind) {
+    std::printf("%s %ld %s", kind == 0 ? "" : ",", figures.byKind[kind], kKindNames[kind]);
   }
   std::printf("\n%ld ends were noticed late by the library, as it does on purpose\n", figures.lateNotices);
   std::printf("%ld processes were killed; recoveries: ", figures.kills);

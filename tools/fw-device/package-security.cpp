@@ -85,7 +85,7 @@ PackageSecurity installPackageSecurity(const std::string& device, const Director
   if (!isThere(tree, std::string(kShared) + kPackageKey)) {
     makePackageKey(shared.path() + kPackageKey);
   }
-  installPublicKey(signingKey, tree.make(fwpackage::kEyDirectory).path());
+  installPublicKey(signingKey, tree.make(fwpackage::kKeyDirectory).path());
   return {verified ? device + sandbox::kVerifierLibrary : "", device + kMaker + kSigningKey,
           device + kShared + kPackageKey};
 }

@@ -24,7 +24,7 @@ struct Options {
   std::string signingKeyFile;
   bool isUnsigned = false;
   std::string publicKeyFile;
-  std::string keyDirectory = fwpackage::kEyDirectory;
+  std::string keyDirectory = fwpackage::kKeyDirectory;
 };
 
 }  // namespace fwpack

@@ -35,7 +35,7 @@ constexpr const char* kTrustedPlaces[] = {
     "/opt/usr/apps/appbinarymanager",
     "/opt/usr/apps/appbinarymanager/emps",
     kVerifierPath,
-    fwpackage::kEyDirectory,
+    fwpackage::kKeyDirectory,
     fwpackage::kMinimumVersionDirectory,
     kPackageKey,
     kDownloadConfiguration,
@@ -116,7 +116,7 @@ std::string trimmed(const std::string& text) {
 std::vector<fwpackage::KeyId> knownKeys() {
   std::vector<fwpackage::KeyId> keys;
   std::error_code ignored;
-  for (const auto& entry : fs::directory_iterator(fwpackage::kEyDirectory, ignored)) {
+  for (const auto& entry : fs::directory_iterator(fwpackage::kKeyDirectory, ignored)) {
     if (entry.path().extension() == ".pem") {
       if (const fwpackage::Key key = fwpackage::readPublicKey(entry.path())) {
         keys.push_back(fwpackage::keyIdOf(key.get()));
@@ -127,11 +127,11 @@ std::vector<fwpackage::KeyId> knownKeys() {
 }
 
 fwpackage::Listed listed(const char* list, const fwpackage::KeyId& key) {
-  return fwpackage::findInList(std::string(fwpackage::kEyDirectory) + "/" + list, key);
+  return fwpackage::findInList(std::string(fwpackage::kKeyDirectory) + "/" + list, key);
 }
 
 std::string unusable(const char* list) {
-  return std::string(fwpackage::kEyDirectory) + "/" + list +
+  return std::string(fwpackage::kKeyDirectory) + "/" + list +
          " cannot be read or has a wrong line, so that packages are refused; write one identifier of 16 "
          "hexadecimal digits a line";
 }
@@ -156,7 +156,7 @@ Finding secureVerifierJudgesContent() {
 
 Finding secureSetHasKey() {
   if (knownKeys().empty()) {
-    return broken(std::string(fwpackage::kEyDirectory) +
+    return broken(std::string(fwpackage::kKeyDirectory) +
                   " has no public key: no signed package can be used; install the maker's key there, as "
                   "NAME.pem");
   }
@@ -177,7 +177,7 @@ Finding secureKeysSignNewFormatAlone() {
       return broken("the key " + fwpackage::toHex(key.data(), key.size()) +
                     " may sign packages of format 1, which fit every component; sign them anew and take it "
                     "out of " +
-                    fwpackage::kEyDirectory + "/" + fwpackage::kOldFormatList);
+                    fwpackage::kKeyDirectory + "/" + fwpackage::kOldFormatList);
     }
   }
   return kept();

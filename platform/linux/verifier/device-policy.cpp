@@ -15,7 +15,7 @@ std::atomic<bool> rollbackAllowed{false};
 }  // namespace
 
 Trust trustOfDevice() {
-  Trust trust = trustIn(kEyDirectory);
+  Trust trust = trustIn(kKeyDirectory);
   trust.minimumVersion = [](const std::string& name) {
     return readMinimumVersion(kMinimumVersionDirectory, name);
   };

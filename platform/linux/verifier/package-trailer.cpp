@@ -11,9 +11,9 @@ constexpr unsigned char kMagic[] = {'F', 'W', 'S', 'I', 'G', 'N', 'E', 'D'};
 
 constexpr std::size_t kFormatAt = 8;
 constexpr std::size_t kAlgorithmAt = 9;
-constexpr std::size_t kEyIdAt = 10;
+constexpr std::size_t kKeyIdAt = 10;
 constexpr std::size_t kSizeAt = 18;
-constexpr std::size_t kIndAt = 20;
+constexpr std::size_t kKindAt = 20;
 constexpr std::size_t kLongestText = 255;  // its length is one byte
 
 struct Text {
@@ -80,7 +80,7 @@ void appendStatements(std::vector<unsigned char>& bytes, const Statements& state
 // Nothing when a text reaches beyond the end. The rest is compared by isWellFormed.
 std::optional<Statements> readStatements(const TrailerBytes& bytes, std::size_t end) {
   Statements statements;
-  statements.kind = static_cast<Kind>(bytes[kIndAt]);
+  statements.kind = static_cast<Kind>(bytes[kKindAt]);
   std::size_t at = kHeaderSize;
   for (const Text& text : kTexts) {
     if (at >= end || bytes[at] > end - at - 1) {
@@ -139,7 +139,7 @@ Trailer parseTrailer(const TrailerBytes& bytes) {
   if (trailer.algorithm == nullptr) {
     return trailer;
   }
-  std::copy_n(bytes.begin() + kEyIdAt, trailer.keyId.size(), trailer.keyId.begin());
+  std::copy_n(bytes.begin() + kKeyIdAt, trailer.keyId.size(), trailer.keyId.begin());
   trailer.state = Trailer::State::Malformed;
   if (trailer.format != kOldFormat) {
     const auto statements = readStatements(bytes, trailer.signedSize());
@@ -164,11 +164,11 @@ std::vector<unsigned char> makeSignedPart(unsigned char format, const Algorithm&
   std::copy(std::begin(kMagic), std::end(kMagic), bytes.begin());
   bytes[kFormatAt] = format;
   bytes[kAlgorithmAt] = algorithm.number;
-  std::copy(keyId.begin(), keyId.end(), bytes.begin() + kEyIdAt);
+  std::copy(keyId.begin(), keyId.end(), bytes.begin() + kKeyIdAt);
   bytes[kSizeAt] = static_cast<unsigned char>(algorithm.signatureSize & 0xFFU);
   bytes[kSizeAt + 1] = static_cast<unsigned char>(algorithm.signatureSize >> 8U);
   if (format != kOldFormat) {
-    bytes[kIndAt] = static_cast<unsigned char>(statements.kind);
+    bytes[kKindAt] = static_cast<unsigned char>(statements.kind);
     appendStatements(bytes, statements, signedSizeOf(format, algorithm));
   }
   return bytes;

@@ -11,7 +11,7 @@
 namespace fwpackage {
 
 // On the device's read-only system, beside nothing that a user may write.
-inline constexpr char kEyDirectory[] = "/usr/share/fw-update/keys";
+inline constexpr char kKeyDirectory[] = "/usr/share/fw-update/keys";
 
 // Null when the file holds no public key.
 Key readPublicKey(const std::string& path);

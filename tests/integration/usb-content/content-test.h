@@ -23,7 +23,7 @@ class ContentTest : public LibraryTest {
     std::filesystem::create_directories(kDrive);
     std::filesystem::create_directories(kControls);
     const fwpack::SigningKey& key = testSigningKey("ed25519");
-    writeFile(std::string(fwpackage::kEyDirectory) + "/maker.pem", publicPem(key));
+    writeFile(std::string(fwpackage::kKeyDirectory) + "/maker.pem", publicPem(key));
     image = usb::noise(50000);
     package = usbPackage(usb::key(), "2.0", image, key, "abc");
     symbol = std::make_unique<FWUpdateSymbol>(bound());

@@ -45,7 +45,7 @@ frame::Report makeSigningKey(const fwpackage::Algorithm& algorithm, const std::s
   details["publicKey"] = publicPath;
   addSigner(details, key);
   return answer("secret   " + secretPath + " (to sign packages with)\n" +  //
-                    "public   " + publicPath + " (for " + fwpackage::kEyDirectory + " of the devices)\n" +
+                    "public   " + publicPath + " (for " + fwpackage::kKeyDirectory + " of the devices)\n" +
                     "key id   " + details["keyId"].asString() + "\n",
                 details);
 }

@@ -24,7 +24,7 @@ namespace fs = std::filesystem;
 
 // The first PID namespace has this number on every kernel; it sees all processes.
 constexpr const char* kInitialNamespace = "pid:[4026531836]";
-constexpr unsigned long kErnelThread = 0x00200000;  // PF_KTHREAD of the kernel
+constexpr unsigned long kKernelThread = 0x00200000;  // PF_KTHREAD of the kernel
 
 constexpr std::size_t kGreatestList = 5;
 
@@ -330,7 +330,7 @@ bool isGone(const std::string& process) {
 void look(LockUsers& found, pid_t number, const LockFile& lock) {
   const std::string process = "/proc/" + std::to_string(number);
   const auto state = stateOf(process);
-  if (!state || (state->flags & kErnelThread) != 0) {
+  if (!state || (state->flags & kKernelThread) != 0) {
     return;
   }
   // First whether it is opening the lock, then whether it has mapped it: the other way

@@ -37,7 +37,7 @@ class ReadContent : public DeviceTest {
     find(add, "addCheckedContent");
     find(end, "endContentCheck");
     find(release, "releaseContentCheck");
-    writeFile(std::string(fwpackage::kEyDirectory) + "/maker.pem", publicPem(key()));
+    writeFile(std::string(fwpackage::kKeyDirectory) + "/maker.pem", publicPem(key()));
   }
   void TearDown() override { dlclose(library_); }
 
@@ -123,9 +123,9 @@ TEST_F(ReadContent, IsRefusedWithAByteBetweenContentAndTrailerThatCameByItself) 
 
 TEST_F(ReadContent, IsTakenOfEveryAlgorithmAndFormat) {
   for (const char* algorithm : {"rsa-3072", "rsa-4096"}) {
-    writeFile(std::string(fwpackage::kEyDirectory) + "/other.pem", publicPem(testSigningKey(algorithm)));
+    writeFile(std::string(fwpackage::kKeyDirectory) + "/other.pem", publicPem(testSigningKey(algorithm)));
     const fwpackage::KeyId id = testSigningKey(algorithm).keyId();
-    writeFile(std::string(fwpackage::kEyDirectory) + "/format-1",
+    writeFile(std::string(fwpackage::kKeyDirectory) + "/format-1",
               fwpackage::toHex(id.data(), id.size()) + "\n");
     const std::string content(96, 'C');
     const std::string whole = algorithm == std::string("rsa-3072")
@@ -180,9 +180,10 @@ TEST_F(ReadContent, IsRefusedForTheReasonsOfTheFile) {
   EXPECT_FALSE(takes(whole, whole, 10240, "/opt/media/USBDriveA/wififw.bin"));
 
   const fwpackage::KeyId id = key().keyId();
-  writeFile(std::string(fwpackage::kEyDirectory) + "/revoked", fwpackage::toHex(id.data(), id.size()) + "\n");
+  writeFile(std::string(fwpackage::kKeyDirectory) + "/revoked",
+            fwpackage::toHex(id.data(), id.size()) + "\n");
   EXPECT_FALSE(takes(whole, whole)) << "a revoked key";
-  fs::remove_all(fwpackage::kEyDirectory);
+  fs::remove_all(fwpackage::kKeyDirectory);
   EXPECT_FALSE(takes(whole, whole)) << "no key";
 }
 

@@ -38,7 +38,7 @@ class AppliedPackage : public DeviceTest {
     DeviceTest::SetUp();
     library_ = dlopen(VERIFIER_LIBRARY, RTLD_LAZY);
     ASSERT_NE(library_, nullptr) << dlerror();
-    writeFile(std::string(fwpackage::kEyDirectory) + "/maker.pem", publicPem(testSigningKey("ed25519")));
+    writeFile(std::string(fwpackage::kKeyDirectory) + "/maker.pem", publicPem(testSigningKey("ed25519")));
     allowRollback(0);
   }
   void TearDown() override { dlclose(library_); }

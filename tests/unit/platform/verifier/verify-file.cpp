@@ -333,7 +333,7 @@ TEST_F(Verifier, RefusesWhenThereIsNoKey) {
   const std::string package = smallPackage(testSigningKey("ed25519"));
 
   EXPECT_FALSE(acceptsContent(package));
-  fs::remove_all(fwpackage::kEyDirectory);
+  fs::remove_all(fwpackage::kKeyDirectory);
   EXPECT_FALSE(acceptsContent(package));
 }
 
@@ -364,7 +364,7 @@ TEST_F(Verifier, RefusesAKeyOfAnotherAlgorithmThanTheTrailers) {
 }
 
 TEST_F(Verifier, FindsItsKeyAmongOthersAndAmongJunk) {
-  const std::string keys = std::string(fwpackage::kEyDirectory) + "/";
+  const std::string keys = std::string(fwpackage::kKeyDirectory) + "/";
   writeFile(keys + "a.pem", publicPem(fwpack::SigningKey(testSigningKey("ed25519").algorithm())));
   writeFile(keys + "b.pem", "no key");
   writeFile(keys + "c.pem", std::string(1 << 20, 'k'));
