@@ -4,6 +4,7 @@
 #include <sys/time.h>
 #include <sys/un.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <string>
@@ -84,7 +85,7 @@ int receive(int socket, const base::Deadline& deadline, PrivilegedAnswer& answer
 
 int askPrivilegedService(PrivilegedOperation operation, std::string_view text, int patienceMs,
                          PrivilegedAnswer& answer) {
-  const base::Deadline deadline(patienceMs);
+  const base::Deadline deadline(std::max(patienceMs, 0));  // below 0 it is over already
   const base::FileDescriptor client(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
   if (!client) {
     return -errno;
