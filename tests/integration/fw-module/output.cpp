@@ -69,7 +69,7 @@ TEST_F(CheckOutput, SaysWhatWasNotCheckedAndWhy) {
 TEST_F(CheckOutput, HasAJUnitCaseForEveryCheck) {
   const std::string report = junitOf("crash-in-update.so");
 
-  EXPECT_THAT(report, HasSubstr("name=\"fw-module check crash-in-update\" tests=\"46\" failures=\"1\""));
+  EXPECT_THAT(report, HasSubstr("name=\"fw-module check crash-in-update\" tests=\"47\" failures=\"1\""));
   for (const fwmodule::CheckInfo& check : fwmodule::kChecks) {
     EXPECT_THAT(report, HasSubstr("name=\"" + std::string(check.id) + "\">"));
   }
