@@ -47,7 +47,7 @@ std::string contentOf(const std::string& path) {
   const std::streamoff size = file.tellg();
   std::string content(size > 0 ? static_cast<std::size_t>(size) : 0, '\0');
   file.seekg(0);
-  if (content.empty() || !file.read(content.data(), size)) {
+  if (content.empty() || !file.read(content.data(), static_cast<std::streamsize>(size))) {
     throw std::runtime_error(path + " cannot be read");
   }
   return content;
@@ -57,7 +57,7 @@ void put(std::string& disk, const Piece& piece) {
   if (piece.offset + piece.data.size() > disk.size()) {
     throw std::runtime_error("the record writes behind the disk's end");
   }
-  std::memcpy(&disk[piece.offset], piece.data.data(), piece.data.size());
+  std::memcpy(&disk[static_cast<std::size_t>(piece.offset)], piece.data.data(), piece.data.size());
 }
 
 }  // namespace
@@ -102,8 +102,9 @@ CutDisk::CutDisk(const std::string& base, const std::vector<Epoch>& epochs, cons
   for (const Epoch& epoch : epochs_) {
     for (const auto* pieces : {&epoch.settled, &epoch.pieces}) {
       for (const Piece& piece : *pieces) {
-        pages.insert(piece.offset / kPieceSize);
-        pages.insert((piece.offset + piece.data.size() - 1) / kPieceSize);
+        const auto offset = static_cast<std::size_t>(piece.offset);
+        pages.insert(offset / kPieceSize);
+        pages.insert((offset + piece.data.size() - 1) / kPieceSize);
       }
     }
   }

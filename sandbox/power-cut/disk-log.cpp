@@ -68,7 +68,7 @@ class Reader {
     if (bytes > kLargestWrite) {
       throw std::runtime_error(path_ + " is damaged");
     }
-    entry.data.resize(bytes);
+    entry.data.resize(static_cast<std::size_t>(bytes));
     file_.seekg(static_cast<std::streamoff>(next_));
     read(entry.data.data(), bytes);
     next_ += wholeSectors(bytes, sectorSize_);

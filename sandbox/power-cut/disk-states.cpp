@@ -13,7 +13,8 @@ constexpr std::size_t kMostPiecesEnumerated = 24;
 
 // A discarded range may read as anything afterwards; as zeros is what most disks give.
 std::string contentOf(const DiskLogEntry& entry) {
-  return entry.has(DiskLogEntry::Discard) ? std::string(entry.length, '\0') : entry.data;
+  return entry.has(DiskLogEntry::Discard) ? std::string(static_cast<std::size_t>(entry.length), '\0')
+                                          : entry.data;
 }
 
 void addPieces(std::vector<Piece>& pieces, const DiskLogEntry& entry) {
