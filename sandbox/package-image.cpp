@@ -7,41 +7,18 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <filesystem>
 #include <stdexcept>
-#include <system_error>
 #include <vector>
 
 #include "file-descriptor.h"
 #include "firmware-image.h"
 #include "system-error.h"
+#include "temporary-folder.h"
 
 namespace sandbox {
 namespace fs = std::filesystem;
 namespace {
-
-// Removes itself.
-class TemporaryFolder {
- public:
-  explicit TemporaryFolder(const std::string& beside) : path_(beside + "/.package.XXXXXX") {
-    if (mkdtemp(path_.data()) == nullptr) {
-      base::throwErrno("cannot make a folder in " + beside);
-    }
-  }
-  TemporaryFolder(const TemporaryFolder&) = delete;
-  TemporaryFolder& operator=(const TemporaryFolder&) = delete;
-  ~TemporaryFolder() {
-    std::error_code ignored;
-    fs::remove_all(path_, ignored);
-  }
-
-  const std::string& path() const { return path_; }
-  std::string name() const { return fs::path(path_).filename(); }
-
- private:
-  std::string path_;
-};
 
 // No time, no owner, and files of mode 0644 whatever the umask: nothing of this
 // machine gets into the image. SOURCE_DATE_EPOCH would contradict the times given
@@ -103,9 +80,9 @@ void writePackage(const std::string& directory, const std::string& empName, cons
   if (!opened) {
     base::throwErrno("cannot open " + directory);
   }
-  const TemporaryFolder folder(opened.path());
+  const base::TemporaryFolder folder(opened.path() + "/.package");
   writeFirmware(folder.path(), firmwareName, version, bytes, expectedTimeSeconds);
-  pack(opened.get(), folder.name() + "/" + firmwareName, empName + ".img");
+  pack(opened.get(), fs::path(folder.path()).filename().string() + "/" + firmwareName, empName + ".img");
 }
 
 }  // namespace sandbox
