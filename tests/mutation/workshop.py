@@ -18,7 +18,7 @@ PRESET = "dev"
 # Links quickly, and what only calls a shared library not at all; and no program is run to
 # be built.
 OPTIONS = ["-DCMAKE_LINK_DEPENDS_NO_SHARED=ON", "-DCMAKE_GTEST_DISCOVER_TESTS_DISCOVERY_MODE=PRE_TEST"]
-LINKER = "-fuse-ld=lld"
+LINKER = "-fuse-ld=lld -Wl,--strip-debug"
 # What a mutant may be warned of.
 ALLOWED = ["address", "array-bounds", "conversion", "empty-body", "format-overflow", "format-truncation",
            "int-in-bool-context", "logical-not-parentheses", "maybe-uninitialized", "parentheses", "return-type",
@@ -32,6 +32,7 @@ NOT_RUN = "The following tests did not run:"  # what ctest says before the names
 NO_TEST = "the run of the tests itself"
 QUICK = 2  # seconds
 LIMIT_OF_QUICK = 30
+STEPS = (0.15, 0.5, QUICK)  # seconds: the quicker a test is known to be, the earlier it runs
 NO_SOURCES = ("build", ".git", "device")
 BUILD_TIME = 1800  # seconds
 TEST_RUN_TIME = 3600
@@ -133,24 +134,31 @@ class Workshop:
         return [(number, test["name"], pathlib.Path(test["command"][0]).name)
                 for number, test in enumerate(listed, 1) if test.get("command")]
 
-    def quick_tests(self):
-        """The names of tests that are known to take little time."""
+    def costs(self):
+        """How many seconds tests are known to take, by name."""
         known = self.build_directory / "Testing" / "Temporary" / "CTestCostData.txt"
         text = known.read_text(encoding="utf-8", errors="replace") if known.exists() else ""  # also of cut-off output
         rows = text.split("---")[0].splitlines()
-        return {name for name, _, seconds in (row.rsplit(" ", 2) for row in rows) if float(seconds) <= QUICK}
+        return {name: float(seconds) for name, _, seconds in (row.rsplit(" ", 2) for row in rows)}
 
-    def failures(self, numbers, limit=None):
-        """The names of some of these tests that fail, or are skipped; the others are not run then."""
+    def failures(self, numbers, limit=None, go_on=False):
+        """The names of some of these tests that fail, or are skipped; unless it goes on, the others are not run then."""
         chosen = "0,0,0," + ",".join(map(str, sorted(numbers)))
         command = ["ctest", "--preset", PRESET, "-I", chosen, "--parallel", str(self.jobs), "--timeout",
-                   str(limit or self.limit), "--repeat", "until-pass:2", "--stop-on-failure"]
+                   str(limit or self.limit), "--repeat", "until-pass:2", *([] if go_on else ["--stop-on-failure"])]
         for _ in range(2):  # a test program that does not even name its tests may do so the next time
             passed = self.run(command, "test", TEST_RUN_TIME, confined=True) == 0
             failed = NAMED.findall(self.log("test").partition(NOT_RUN if passed else FAILED)[2])
             if failed or passed:
                 return failed
         return [NO_TEST]
+
+    def remembered(self, name):
+        known = self.place / f"{name}.json"
+        return json.loads(known.read_text(encoding="utf-8")) if known.exists() else {}
+
+    def remember(self, name, value):
+        (self.place / f"{name}.json").write_text(json.dumps(value, indent=1), encoding="utf-8")
 
     def put(self, mutant):
         text = (self.root / mutant.file).read_text(encoding="utf-8")
