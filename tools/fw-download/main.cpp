@@ -142,6 +142,12 @@ Json::Value Job::details() const {
   return details;
 }
 
+void addReason(frame::Report& report, Reason reason) {
+  const auto& info = fwdownload::infoOf(reason);
+  report.details["reason"] = info.name;
+  report.details["remedy"] = info.remedy;
+}
+
 frame::Report Job::fail(Reason reason, const std::string& sentence) {
   const auto& info = fwdownload::infoOf(reason);
   status_.state = DownloadState::Failed;
@@ -153,8 +159,7 @@ frame::Report Job::fail(Reason reason, const std::string& sentence) {
                sentence.c_str());
   frame::Report report(Outcome::Failed, package_ + ": " + sentence);
   report.details = details();
-  report.details["reason"] = info.name;
-  report.details["remedy"] = info.remedy;
+  addReason(report, reason);
   return report;
 }
 
@@ -193,25 +198,41 @@ bool goOnInBackground(int caller) {
   return false;
 }
 
-// Why the download does not begin; empty when it does.
-std::string refusalOf(Job& job, const Options& options) {
+struct Refusal {
+  std::string sentence;
+  std::optional<Reason> reason;
+};
+
+// Why the download does not begin; nothing when it does.
+std::optional<Refusal> refusalOf(Job& job, const Options& options) {
   try {
     if (job.prepare()) {
-      return "";
+      return std::nullopt;
     }
-    return options.answers() ? kAccepted : "Another process downloads it already.";
+    return Refusal{options.answers() ? kAccepted : "Another process downloads it already.", std::nullopt};
+  } catch (const Failure& failure) {
+    return Refusal{failure.what(), failure.reason()};
   } catch (const std::exception& error) {
-    return error.what();
+    return Refusal{error.what(), Reason::Internal};
   }
+}
+
+frame::Report reportOf(const Refusal& refusal, const std::string& package) {
+  const std::string line = refusal.sentence.substr(0, refusal.sentence.find('\n'));
+  frame::Report report(Outcome::Failed, package + ": " + line);
+  if (refusal.reason) {
+    addReason(report, *refusal.reason);
+  }
+  return report;
 }
 
 frame::Report serve(const Options& options) {
   Job job(options.package);
-  if (const std::string refusal = refusalOf(job, options); !refusal.empty()) {
+  if (const auto refusal = refusalOf(job, options)) {
     if (options.answers()) {
-      reply(options.answer, refusal);
+      reply(options.answer, refusal->sentence);
     }
-    return frame::Report(Outcome::Failed, options.package + ": " + refusal.substr(0, refusal.find('\n')));
+    return reportOf(*refusal, options.package);
   }
   if (options.answers() && !goOnInBackground(options.answer)) {
     return frame::Report(Outcome::Done);

@@ -1,6 +1,7 @@
 // The command line of fw-download, and what it answers the platform library.
 #include <fcntl.h>
 #include <json/json.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -8,6 +9,7 @@
 #include <sstream>
 
 #include "download-test.h"
+#include "temporary-mount.h"
 
 namespace {
 
@@ -171,6 +173,34 @@ TEST_F(DownloadProgram, SaysThatTheDirectoryOfPackagesCannotBeWritten) {
 
   EXPECT_EQ(result.exitCode, 1);
   EXPECT_THAT(result.error, HasSubstr("/run/fw-download cannot be used: "));
+}
+
+TEST_F(DownloadProgram, TellsInJsonWhyItDoesNotBegin) {
+  const Json::Value unconfigured = documentIn(run({kWifi, "--json"}));
+  configure("file:///tmp/served");
+  writeFile("/run/fw-download", "in the way");
+  const Json::Value inTheWay = documentIn(run({kWifi, "--json"}));
+  fs::remove("/run/fw-download");
+  const TemporaryMount packages = TemporaryMount::memory(kPackages);
+  ASSERT_EQ(mount(nullptr, kPackages.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
+  const Json::Value readOnly = documentIn(run({kWifi, "--json"}));
+
+  EXPECT_EQ(unconfigured["reason"], "configuration");
+  EXPECT_EQ(inTheWay["reason"], "file-system");
+  EXPECT_EQ(readOnly["reason"], "not-permitted");
+  EXPECT_EQ(readOnly["remedy"], "Ask as root, or as the user that owns the packages.");
+}
+
+// A directory that the kernel lets nobody write to, not even root.
+TEST_F(DownloadProgram, SaysWhoMayDownload) {
+  configure("file:///tmp/served");
+  const WithoutFileOverride modesBind;
+  ASSERT_EQ(chmod(kPackages.c_str(), 0555), 0);
+
+  const Json::Value result = documentIn(run({kWifi, "--json"}));
+
+  EXPECT_EQ(result["reason"], "not-permitted");
+  EXPECT_THAT(result["message"].asString(), HasSubstr("cannot be used: Permission denied."));
 }
 
 }  // namespace
