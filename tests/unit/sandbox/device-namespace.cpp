@@ -1,6 +1,7 @@
 #include "device-namespace.h"
 
 #include <fcntl.h>
+#include <sched.h>
 #include <semaphore.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -177,6 +178,26 @@ TEST_F(DeviceNamespace, KeepsMountsToItself) {
   EXPECT_EQ(base::mountPoints(), before);
 }
 
+// As the service manager mounts it: what is mounted in one namespace appears in the others.
+bool shareMounts() {
+  return unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_SHARED, nullptr) == 0;
+}
+
+TEST_F(DeviceNamespace, KeepsMountsToItselfOnAHostThatSharesThem) {
+  EXPECT_EQ(inChild([] {
+              if (!shareMounts()) {
+                return false;
+              }
+              const auto before = base::mountPoints();
+              const int mounted = inChild([] {
+                sandbox::enterDevice({});
+                return mount("tmpfs", "/opt/media", "tmpfs", 0, nullptr) == 0;
+              });
+              return mounted == True && base::mountPoints() == before;
+            }),
+            True);
+}
+
 TEST_F(DeviceNamespace, HasNamespacesOfItsOwn) {
   EXPECT_EQ(inChild([] {
               const auto mounts = fs::read_symlink("/proc/self/ns/mnt");
@@ -350,6 +371,16 @@ TEST_F(DeviceNamespace, KeepsAVisibleFileAtItsOwnPath) {
   EXPECT_EQ(inChild([] {
               sandbox::enterDevice({"", {"/run/program"}});
               return readFile("/run/program") == "x";
+            }),
+            True);
+}
+
+TEST_F(DeviceNamespace, KeepsAVisibleFileInADirectoryThatTheDeviceLacks) {
+  writeFile("/run/of the host/programs/program", "x");
+
+  EXPECT_EQ(inChild([] {
+              sandbox::enterDevice({"", {"/run/of the host/programs/program"}});
+              return readFile("/run/of the host/programs/program") == "x";
             }),
             True);
 }
