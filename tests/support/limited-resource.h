@@ -17,7 +17,9 @@ class LimitedResource {
     return LimitedResource(RLIMIT_FSIZE, bytes);
   }
   // No file can be opened.
-  static LimitedResource noDescriptors() { return LimitedResource(RLIMIT_NOFILE, 0); }
+  static LimitedResource noDescriptors() { return descriptorsBelow(0); }
+  // None with this number or a higher one.
+  static LimitedResource descriptorsBelow(rlim_t number) { return LimitedResource(RLIMIT_NOFILE, number); }
 
   LimitedResource(const LimitedResource&) = delete;
   LimitedResource& operator=(const LimitedResource&) = delete;

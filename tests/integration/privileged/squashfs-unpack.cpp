@@ -17,6 +17,7 @@
 #include <string>
 
 #include "device-environment.h"
+#include "limited-resource.h"
 #include "package-images.h"
 #include "temporary-mount.h"
 
@@ -208,6 +209,18 @@ TEST_F(SquashfsUnpack, SaysWhenThereIsNoUnpacker) {
   EXPECT_EQ(unpack(), ENOSYS);
 
   EXPECT_EQ(reason_, "/usr/bin/unsquashfs can't be run");
+}
+
+TEST_F(SquashfsUnpack, SaysWhenItsOwnDescriptorsRunOut) {
+  // The three that the unpacker gets are above 9.
+  for (const int last : {11, 12}) {
+    const auto limit = LimitedResource::descriptorsBelow(static_cast<rlim_t>(last));
+
+    EXPECT_EQ(unpack(), EMFILE) << last;
+
+    EXPECT_EQ(reason_, "running unsquashfs");
+    EXPECT_FALSE(tree_);
+  }
 }
 
 TEST_F(SquashfsUnpack, LeavesNoProcessBehind) {

@@ -273,6 +273,17 @@ TEST_F(Commands, ExportToAFile) {
   EXPECT_EQ(textOf(path("out.json")), expected("timeline.json"));
 }
 
+TEST_F(Commands, SayWhichTraceIsNotInATimeline) {
+  putUpdates();
+  std::ofstream(path("c.fwtrace")) << "no trace";
+
+  const Answer given = answer("export --format json");
+
+  EXPECT_EQ(given.output, expected("timeline.json"));
+  EXPECT_EQ(given.error, "fw-trace: " + path("c.fwtrace") + ": The file is too short for a trace.\n");
+  EXPECT_EQ(given.exitCode, 0);
+}
+
 TEST_F(Commands, SayWhenAFileCannotBeWritten) {
   putUpdates();
 

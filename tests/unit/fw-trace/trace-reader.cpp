@@ -122,6 +122,17 @@ TEST(TraceReader, LeavesOutARecordThatWasNotWrittenToItsEnd) {
   EXPECT_THAT(skipped, ElementsAre(HasSubstr("24 bytes")));
 }
 
+TEST(TraceReader, TakesTheFillingAtTheEndOfARingForNoRecord) {
+  TraceBuilder builder = tenRecords();
+  builder.rawRecord(1, 77, 10, fwplatform::trace::Padding, "not a record");
+
+  std::vector<std::string> skipped;
+  const auto texts = textsOf(builder.bytes(), &skipped);
+
+  EXPECT_THAT(texts, SizeIs(10));
+  EXPECT_THAT(skipped, IsEmpty());
+}
+
 TEST(TraceReader, LeavesOutARingWhoseEndsMakeNoSense) {
   const TraceBuilder builder = tenRecords();
   for (const std::uint64_t head : {std::uint64_t{321}, std::uint64_t{1} << 60, ~std::uint64_t{0}}) {

@@ -1,6 +1,7 @@
-// Who raises a minimum version is killed before each of its system calls.
+// Who raises a minimum version is killed before each of its system calls, or held up.
 #include <gmock/gmock.h>
 #include <sys/ptrace.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -28,8 +29,8 @@ class KilledRaise : public TemporaryPlace {
     return raiseMinimumVersion(store(), statements);
   }
 
-  // False when it ended before it made so many system calls.
-  bool killedAtCall(int call, const std::string& minimum) const {
+  // A child that is going to raise, traced and stopped.
+  pid_t startStopped(const std::string& minimum) const {
     const pid_t child = fork();
     if (child == 0) {
       ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
@@ -41,18 +42,37 @@ class KilledRaise : public TemporaryPlace {
       throw std::runtime_error("no child to trace");
     }
     ptrace(PTRACE_SETOPTIONS, child, nullptr, PTRACE_O_EXITKILL | PTRACE_O_TRACESYSGOOD);
-    // Each call stops twice, before and after; the first is where it is killed.
-    for (int stop = 0; WIFSTOPPED(status); ++stop) {
-      if (stop == 2 * call - 1) {
-        ::kill(child, SIGKILL);
-        waitpid(child, &status, 0);
-        return true;
+    return child;
+  }
+
+  // To its next stop, of which each call has two, before and after; or to its end.
+  static int goOn(pid_t child) {
+    int status = 0;
+    ptrace(PTRACE_SYSCALL, child, nullptr, nullptr);
+    waitpid(child, &status, 0);
+    return status;
+  }
+
+  // False when it ended before it made so many system calls.
+  bool killedAtCall(int call, const std::string& minimum) const {
+    const pid_t child = startStopped(minimum);
+    int status = 0;
+    for (int stop = 1; stop < 2 * call; ++stop) {
+      status = goOn(child);
+      if (!WIFSTOPPED(status)) {
+        EXPECT_EQ(status, 0);
+        return false;
       }
-      ptrace(PTRACE_SYSCALL, child, nullptr, nullptr);
-      waitpid(child, &status, 0);
     }
-    EXPECT_EQ(status, 0);
-    return false;
+    ::kill(child, SIGKILL);
+    waitpid(child, &status, 0);
+    return true;
+  }
+
+  static bool isAboutToLock(pid_t child) {
+    __ptrace_syscall_info call = {};
+    return ptrace(PTRACE_GET_SYSCALL_INFO, child, sizeof call, &call) > 0 &&
+           call.op == PTRACE_SYSCALL_INFO_ENTRY && call.entry.nr == SYS_flock;
   }
 };
 
@@ -88,6 +108,24 @@ TEST_F(KilledRaise, OfTheFirstVersionLeavesNoneOrTheNewOne) {
     ASSERT_EQ(fwpackage::readMinimumVersion(store(), "tunerfw").version, "2") << call;
     fs::remove_all(path("state"));
   }
+}
+
+TEST_F(KilledRaise, LeavesAHigherVersionThatAnotherRaisedMeanwhile) {
+  ASSERT_EQ(raise("1"), 0);
+  const pid_t child = startStopped("2");
+  int status = goOn(child);
+  while (WIFSTOPPED(status) && !isAboutToLock(child)) {
+    status = goOn(child);
+  }
+  ASSERT_TRUE(WIFSTOPPED(status)) << "it takes no lock";
+
+  EXPECT_EQ(raise("3"), 0);
+  while (WIFSTOPPED(status)) {
+    status = goOn(child);
+  }
+
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(fwpackage::readMinimumVersion(store(), "tunerfw").version, "3");
 }
 
 }  // namespace

@@ -6,7 +6,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstddef>
+#include <cstdlib>
 #include <filesystem>
 #include <iterator>
 #include <map>
@@ -16,6 +18,7 @@
 #include "file-descriptor.h"
 #include "key-lists.h"
 #include "public-keys.h"
+#include "read-calls.h"
 #include "signed-package.h"
 #include "temporary-place.h"
 #include "whole-file.h"
@@ -126,6 +129,36 @@ TEST_F(Signature, IsOfAFile) {
   EXPECT_EQ(fwpackage::checkSignature("/dev/zero", set.trust(), set.wanted).verdict, Verdict::NoFile);
   EXPECT_EQ(fwpackage::checkSignature(path("absent"), set.trust(), set.wanted).verdict, Verdict::Unreadable);
   EXPECT_EQ(fwpackage::checkSignature(-1, set.trust(), set.wanted).verdict, Verdict::Unreadable);
+}
+
+TEST_F(Signature, IsUnreadableWhenTheTrailerOrTheContentIs) {
+  const std::string package = signedFile(kContent, maker());
+  for (const std::size_t place : {std::size_t{0}, package.size() - kTrailer}) {
+    readcalls::before = [place](std::size_t at) { return at == place ? EIO : 0; };
+
+    const Verdict found = verdict(package);
+    readcalls::reset();
+
+    EXPECT_EQ(found, Verdict::Unreadable) << place;
+  }
+}
+
+// What was to be read is not there, and errno still has what an earlier call left.
+TEST_F(Signature, IsNotWaitedForInAFileThatBecameShorter) {
+  int reads = 0;
+  readcalls::largest = 0;
+  readcalls::before = [&reads](std::size_t) {
+    if (++reads > 100) {
+      std::abort();
+    }
+    errno = EINTR;
+    return 0;
+  };
+
+  const Verdict found = verdict(signedFile(kContent, maker()));
+  readcalls::reset();
+
+  EXPECT_EQ(found, Verdict::Unreadable);
 }
 
 TEST_F(Signature, NeedsContent) {

@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdint>
@@ -40,6 +41,10 @@ std::atomic<std::int64_t> failingAt{INT64_MAX};
 std::atomic<std::int64_t> bytesRead{0};
 // One from this offset throws.
 std::atomic<std::int64_t> throwingAt{-1};
+// The first one from this offset is interrupted by a signal.
+std::atomic<std::int64_t> interruptedAt{-1};
+// The file ends here by now, whatever was said of its size.
+std::atomic<std::int64_t> endingAt{INT64_MAX};
 
 }  // namespace
 
@@ -56,6 +61,14 @@ extern "C" __attribute__((visibility("default"))) ssize_t pread64(int file, void
   if (offset == throwingAt) {
     throw std::bad_alloc();
   }
+  if (offset == interruptedAt) {
+    interruptedAt = -1;
+    errno = EINTR;
+    return -1;
+  }
+  if (offset + static_cast<std::int64_t>(size) > endingAt) {
+    size = static_cast<size_t>(std::max<std::int64_t>(endingAt - offset, 0));
+  }
   const ssize_t got = kReal(file, buffer, size, offset);
   bytesRead += got > 0 ? got : 0;
   return got;
@@ -69,6 +82,8 @@ class Verifier : public DeviceTest {
     DeviceTest::SetUp();
     failingAt = INT64_MAX;
     throwingAt = -1;
+    interruptedAt = -1;
+    endingAt = INT64_MAX;
     library_ = dlopen(VERIFIER_LIBRARY, RTLD_LAZY);
     ASSERT_NE(library_, nullptr) << dlerror();
     verifyFile_ = reinterpret_cast<int (*)(int, const char*, const char*)>(dlsym(library_, "verifyFile"));
@@ -428,6 +443,29 @@ TEST_F(Verifier, RefusesAPackageThatCannotBeReadToTheEnd) {
     failingAt = offset;
     EXPECT_FALSE(accepts()) << offset;
   }
+}
+
+TEST_F(Verifier, GoesOnReadingAfterASignal) {
+  const std::string package = smallPackage(installKey());
+
+  for (const std::int64_t offset : {std::int64_t{0}, static_cast<std::int64_t>(package.size() - kTrailer)}) {
+    interruptedAt = offset;
+
+    EXPECT_TRUE(acceptsContent(package)) << offset;
+
+    EXPECT_EQ(interruptedAt, -1) << "nothing was read there";
+  }
+}
+
+TEST_F(Verifier, RefusesAPackageThatBecomesShorterWhileItIsRead) {
+  const std::string package = signedFile(std::string(300000, 'x'), installKey());
+
+  for (const std::int64_t size : {0, 1, 65536, 200000, 300000, 300533}) {
+    endingAt = size;
+    EXPECT_FALSE(acceptsContent(package)) << size;
+  }
+  endingAt = 300534;
+  EXPECT_TRUE(accepts());
 }
 
 // Whatever goes wrong inside: memory, OpenSSL.
