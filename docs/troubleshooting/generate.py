@@ -1,7 +1,9 @@
 """Makes ../troubleshooting.md of the library's sources and messages.txt.
 
-usage: generate.py [--check]
-  --check   changes nothing; exit code 1 when the page is not up to date
+usage: generate.py [--check | --table FILE]
+  --check       changes nothing; exit code 1 when the page is not up to date
+  --table FILE  writes what fw-update explain goes by instead: the messages, and what
+                the tables of symptoms.md and the exit codes of fw-update.md say
 
 Every message that the sources can write must have an entry, and every entry a
 message; otherwise the missing ones are named and the exit code is 1.
@@ -15,6 +17,8 @@ HERE = Path(__file__).resolve().parent
 SOURCES = HERE.parent.parent / "src"
 MESSAGES = HERE.parent.parent / "vocabulary" / "library-messages.h"
 PAGE = HERE.parent / "troubleshooting.md"
+SYMPTOMS = HERE.parent / "symptoms.md"
+COMMAND = HERE.parent / "fw-update.md"
 
 LITERAL = r'"((?:[^"\\]|\\.)*)"'
 CALL = re.compile(
@@ -120,11 +124,61 @@ def page(texts, logged, chapters):
     return "\n".join(lines)
 
 
+def plain(cell):
+    """A cell of a page's table as text for a terminal."""
+    def linked(link):
+        page = link[2].split("#")[0] or "fw-update.md"
+        return f"docs/{page}" if link[1] in (page, "all of them") else f"{link[1]} (docs/{page})"
+    return re.sub(r"\[([^]]+)\]\(([^)]+)\)", linked, cell).replace("`", "").strip()
+
+
+def rows_of(path, columns):
+    for line in path.read_text(encoding="utf-8").splitlines():
+        cells = line.removeprefix("| ").removesuffix(" |").split(" | ")
+        if line.startswith("| ") and len(cells) == columns:
+            yield cells
+
+
+def symptoms():
+    """(what is seen, because, do) of each row that quotes a program."""
+    above = ""
+    for seen, because, do in rows_of(SYMPTOMS, 3):
+        above = above if do == "the same" else do
+        if seen.startswith('"'):
+            yield seen.split('"', 1)[1].rsplit('"', 1)[0], plain(because), plain(above)
+
+
+def outcomes():
+    """(name, exit code, meaning) of each way in which fw-update ends."""
+    for code, names, meaning in rows_of(COMMAND, 3):
+        if code.isdigit():
+            yield from ((name, code, plain(meaning)) for name in re.findall(r"`([^`]+)`", names))
+
+
+def literal(text):
+    return '"' + text.replace("\\", "\\\\").replace('"', '\\"') + '"'
+
+
+def table(chapters):
+    lines = ["// Made by docs/troubleshooting/generate.py.", "constexpr MessageRow kMessageRows[] = {"]
+    for _, entries in chapters:
+        lines += [f"    {{MESSAGE_{entry['name']}, {literal(with_numbers(entry['means']))}, {literal(entry['do'])}}},"
+                  for entry in entries]
+    lines += ["};", "", "constexpr SymptomRow kSymptomRows[] = {"]
+    lines += [f"    {{{', '.join(literal(cell) for cell in row)}}}," for row in symptoms()]
+    lines += ["};", "", "constexpr OutcomeRow kOutcomeRows[] = {"]
+    lines += [f"    {{{', '.join(literal(cell) for cell in row)}}}," for row in outcomes()]
+    return "\n".join(lines + ["};", ""])
+
+
 def main():
     texts, logged, chapters = message_texts(), logged_messages(), explained_messages()
     wrong = list(complaints(texts, logged, chapters))
     if wrong:
         raise SystemExit("\n".join(wrong))
+    if sys.argv[1:2] == ["--table"]:
+        Path(sys.argv[2]).write_text(table(chapters), encoding="utf-8")
+        return
     text = page(texts, logged, chapters)
     if "--check" in sys.argv[1:]:
         if PAGE.read_text(encoding="utf-8") != text:

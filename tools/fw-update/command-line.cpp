@@ -86,6 +86,10 @@ constexpr Option kRecover[] = {
     {"--ignore-hidden", &Options::ignoreHidden, "Processes that cannot be looked at do not use the lock"},
 };
 
+constexpr Option kLine[] = {
+    Option("LINE", &Options::words, "A line of the log or of a command, in quotes").required(),
+};
+
 void settle(Options& options) {
   options.caller = fwcallers::findCaller(options.callerName);
   options.data = options.givenData.value_or("");
@@ -179,6 +183,11 @@ constexpr frame::Command<Options> kCommands[] = {
     {{"lock recover", "Give the lock back that a dead update left taken", "fw-update lock recover"},
      {kRecover},
      answer<runLockRecover>,
+     settle},
+    {{"explain", "Say what a line of the log or of a command means",
+      "fw-update explain \"Error: Usb mount path Not found.\""},
+     {kLine},
+     answer<runExplain>,
      settle},
 };
 

@@ -26,6 +26,7 @@ struct Options {
   bool allModules = false;           // download
   bool wait = false;                 // download
   bool ignoreHidden = false;         // lock recover
+  std::vector<std::string> words;    // explain
   bool isolated = false;
   unsigned int patience = 120;  // seconds; isolated
 

@@ -20,6 +20,7 @@ Report runUsbApply(const Options& options);
 Report runDownload(const Options& options);
 Report runLockStatus(const Options& options);
 Report runLockRecover(const Options& options);
+Report runExplain(const Options& options);
 
 }  // namespace tool
 

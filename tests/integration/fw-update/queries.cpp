@@ -44,6 +44,16 @@ TEST_F(Query, ListsModulesAsATableForPeople) {
   EXPECT_EQ(listed.exitCode, 0);
 }
 
+TEST_F(Query, ExplainsALine) {
+  const Json::Value known = document({"explain", "Error: Usb mount path Not found."});
+  const Ended unknown = run({"explain", "nobody says this"});
+
+  EXPECT_EQ(known["pattern"].asString(), "Error: Usb mount path Not found.");
+  EXPECT_EQ(known["page"].asString(), "docs/troubleshooting.md");
+  EXPECT_EQ(unknown.exitCode, 1);
+  EXPECT_THAT(unknown.err, HasSubstr("No table has this line."));
+}
+
 TEST_F(Query, ListsNothingOnADeviceWithoutModules) {
   EXPECT_EQ(run({"list"}).out, "No module is installed in /prd/usr/fwupdate/controls.\n");
   EXPECT_EQ(document({"list"})["modules"], Json::Value(Json::arrayValue));

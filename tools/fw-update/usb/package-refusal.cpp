@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <exception>
+#include <iterator>
 
 #include "device-policy.h"
 #include "dlog.h"
@@ -20,14 +21,6 @@ using fwpackage::Verdict;
 constexpr char kVerifierLibrary[] = "/usr/lib/libkZAQUser.so";
 constexpr char kBadSignature[] = "The package {package} has no valid signature: {sentence}.";
 constexpr char kNewPackage[] = "Make or download the package again.";
-
-// {package}: its path; {sentence}: the verdict's; {name}, {model}, {version}: what the
-// package states; {minimum}: the set's minimum version.
-struct Refusal {
-  Verdict verdict;
-  const char* message;
-  const char* remedy;
-};
 
 constexpr Refusal kRefusals[] = {
     {Verdict::UnknownKey, kBadSignature, "Put the maker's public key into /usr/share/fw-update/keys."},
@@ -94,6 +87,10 @@ auto rollbackEntry() {
 }
 
 }  // namespace
+
+RefusalTable refusalTable() {
+  return {kRefusals, std::size(kRefusals)};
+}
 
 std::optional<Finding> whyRefused(const std::string& package) {
   if (rollbackEntry() == nullptr) {

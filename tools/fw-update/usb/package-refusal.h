@@ -4,12 +4,33 @@
 #ifndef FW_UPDATE_TOOL_PACKAGE_REFUSAL_H
 #define FW_UPDATE_TOOL_PACKAGE_REFUSAL_H
 
+#include <cstddef>
 #include <optional>
 #include <string>
 
 #include "outcomes.h"
+#include "package-signature.h"
 
 namespace tool {
+
+// {package}: its path; {sentence}: the verdict's; {name}, {model}, {version}: what the
+// package states; {minimum}: the set's minimum version.
+struct Refusal {
+  fwpackage::Verdict verdict;
+  const char* message;
+  const char* remedy;
+};
+
+struct RefusalTable {
+  const Refusal* first;
+  std::size_t count;
+
+  const Refusal* begin() const { return first; }
+  const Refusal* end() const { return first + count; }
+};
+
+// The verdicts that have words of their own.
+RefusalTable refusalTable();
 
 // Nothing when another verification library is installed, or when the package is not
 // refused any more.

@@ -1,0 +1,54 @@
+// fw-update explain
+#include "explain/explanations.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "commands.h"
+#include "terminal.h"
+
+namespace tool {
+namespace {
+
+constexpr std::size_t kWidest = 80;
+
+std::string joined(const std::vector<std::string>& words) {
+  std::string line;
+  for (const std::string& word : words) {
+    line += (line.empty() ? "" : " ") + word;
+  }
+  return line;
+}
+
+std::string textOf(const Explanation& explanation) {
+  const std::size_t width = std::min(terminalWidth(STDOUT_FILENO), kWidest);
+  std::string text = wrapped("What it means: " + explanation.means, width, 2) + "\n";
+  if (!explanation.remedy.empty()) {
+    text += wrapped("What to do: " + explanation.remedy, width, 2) + "\n";
+  }
+  return text + wrapped("More: " + explanation.page, width, 2) + "\n";
+}
+
+}  // namespace
+
+Report runExplain(const Options& options) {
+  Report report;
+  const std::string line = joined(options.words);
+  report.details["line"] = line;
+  const auto explanation = explain(line);
+  if (!explanation) {
+    report.finding = {Outcome::NotKnown, "No table has this line.",
+                      "Give one whole line, in quotes, as the log or a command printed it."};
+    return report;
+  }
+  report.details["pattern"] = explanation->pattern;
+  report.details["means"] = explanation->means;
+  report.details["whatToDo"] = explanation->remedy;
+  report.details["page"] = explanation->page;
+  report.body = textOf(*explanation);
+  report.finding = {Outcome::Ok, "", ""};
+  return report;
+}
+
+}  // namespace tool
