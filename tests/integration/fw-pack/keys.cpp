@@ -22,6 +22,12 @@ class Keys : public PackTest {
   }
 };
 
+TEST_F(Keys, AreOfTheKindsThatTheHelpNames) {
+  EXPECT_THAT(run({"keygen", "--help"}).output, HasSubstr(" package, rsa-4096, ed25519 or rsa-3072\n"));
+  EXPECT_THAT(run({"keygen", "odd", "odd.key"}).error,
+              HasSubstr("the kinds of key are package, rsa-4096, ed25519, rsa-3072"));
+}
+
 TEST_F(Keys, AreMadeSecret) {
   ASSERT_EQ(run({"keygen", "package", "package.key"}).exitCode, 0);
   ASSERT_EQ(run({"keygen", "ed25519", "maker.key"}).exitCode, 0);

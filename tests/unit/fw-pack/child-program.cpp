@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <string>
@@ -49,6 +50,16 @@ TEST(ChildProgram, GivesItsStandardOutputAlone) {
 
 TEST(ChildProgram, GivesMoreThanAPipeHolds) {
   EXPECT_EQ(runShell("head -c 300000 /dev/zero").output.size(), 300000U);
+}
+
+// Of an earlier call.
+TEST(ChildProgram, EndsWhateverErrnoSays) {
+  alarm(60);
+  errno = EINTR;
+
+  EXPECT_EQ(runShell("echo end").output, "end\n");
+
+  alarm(0);
 }
 
 TEST(ChildProgram, HasNoInput) {

@@ -11,6 +11,7 @@
 #include <functional>
 #include <iterator>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "exit-code.h"
@@ -64,6 +65,10 @@ class Files : public ::testing::Test {
  private:
   const fwpack::TemporaryDirectory directory_;
 };
+
+std::ptrdiff_t openDescriptors() {
+  return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
+}
 
 template <typename Act>
 void expectFailure(const Act& act, const std::string& sentence) {
@@ -120,16 +125,13 @@ TEST_F(Files, ThatAreNoneAreNoInput) {
 }
 
 TEST_F(Files, ThatAreRefusedAreClosed) {
-  const auto open = [] {
-    return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
-  };
-  const auto before = open();
+  const auto before = openDescriptors();
 
   expectFailure([&] { InputFile file(path(".")); }, "is no regular file");
   put("file", "x");
   { const InputFile file(path("file")); }
 
-  EXPECT_EQ(open(), before);
+  EXPECT_EQ(openDescriptors(), before);
 }
 
 TEST_F(Files, AppearWhenTheyAreCommitted) {
@@ -155,6 +157,28 @@ TEST_F(Files, AreOnTheDiskBeforeTheyAppear) {
   file.commit();
 
   EXPECT_EQ(there, (std::vector<bool>{false, true}));
+}
+
+TEST_F(Files, ThatAreCommittedAreClosed) {
+  OutputFile file(path("new"), fwpack::kPublicMode);
+  const auto open = openDescriptors();
+
+  file.commit();
+
+  EXPECT_EQ(openDescriptors(), open - 1);
+}
+
+TEST_F(Files, LieInDirectoriesThatAreOnTheDisk) {
+  int synced = 0;
+  onSync = [&synced] { ++synced; };
+
+  fwpack::makeDirectories(path("one/two"));
+  const int whenNew = std::exchange(synced, 0);
+  fwpack::makeDirectories(path("one/two"));
+
+  EXPECT_TRUE(fs::is_directory(path("one/two")));
+  EXPECT_EQ(whenNew, 2);
+  EXPECT_EQ(synced, 0);
 }
 
 TEST_F(Files, ThatAreNotCommittedLeaveNothing) {
