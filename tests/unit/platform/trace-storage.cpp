@@ -1033,6 +1033,23 @@ TEST_F(TraceStorageTest, WritesTheDocumentedBytes) {
   EXPECT_EQ(bytes.substr(kSecond + 24, 8), std::string("\x01k") + Int(9) + std::string(2, '\0'));
 }
 
+TEST_F(TraceStorageTest, GivesALocationNoMoreRoomThanItNeeds) {
+  inChild([] {
+    for (const char* format : {"", "x", "xy", "xyz"}) {
+      Register(format, {});
+    }
+    write(1, "");
+  });
+  std::ifstream stream(onlyTrace().path, std::ios::binary);
+  const std::string bytes(std::istreambuf_iterator<char>(stream), {});
+
+  std::size_t at = 4160;
+  for (const std::uint32_t size : {44U, 44U, 48U, 48U}) {
+    ASSERT_EQ(numberAt<std::uint32_t>(bytes, at), size);
+    at += size;
+  }
+}
+
 // ---- Sudden death ---------------------------------------------------------------
 
 // A record that proves itself: its number, and as many bytes that follow from it.
