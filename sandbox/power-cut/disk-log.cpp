@@ -121,7 +121,7 @@ void DiskLogWriter::write(std::uint64_t offset, const char* data, std::size_t le
 }
 
 void DiskLogWriter::flush() {
-  append(DiskLogEntry::Flush, 0, nullptr, 0);
+  append(DiskLogEntry::Flush, 0, "", 0);
 }
 
 void DiskLogWriter::mark(const std::string& text) {
