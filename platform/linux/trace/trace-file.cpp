@@ -251,7 +251,7 @@ TraceStorage::Thread* TraceFile::lend() {
   return ring;
 }
 
-void TraceFile::Return(TraceStorage::Thread* ring) {
+void TraceFile::takeBack(TraceStorage::Thread* ring) {
   writeThreadName(*ring, ThreadEnds);
   ring->setOwner(0);
 }

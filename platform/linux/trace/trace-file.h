@@ -31,9 +31,9 @@ class TraceFile {
   void copyLocations(const TraceFile& parent);
 
   // A ring for the calling thread, or null when all are lent and no more may be
-  // made. It goes back with Return when the thread ends.
+  // made. It goes back with takeBack when the thread ends.
   TraceStorage::Thread* lend();
-  void Return(TraceStorage::Thread* ring);
+  void takeBack(TraceStorage::Thread* ring);
 
   // Counts a record that found no ring.
   void countDropped();

@@ -53,7 +53,7 @@ void onThreadEnd(void* ring) {
   const std::lock_guard<std::mutex> lock(mutex);
   // Not in a forked child, whose rings are its parent's.
   if (file != nullptr && ring == thisThread.ring) {
-    file->Return(thisThread.ring);
+    file->takeBack(thisThread.ring);
     ringsReturned.fetch_add(1, std::memory_order_relaxed);
   }
   thisThread = {};
@@ -146,7 +146,7 @@ Thread* attach() {
     thisThread.ring = open.lend();
     // The key is what makes the ring come back when the thread ends.
     if (thisThread.ring != nullptr && pthread_setspecific(threadEndKey, thisThread.ring) != 0) {
-      open.Return(thisThread.ring);
+      open.takeBack(thisThread.ring);
       thisThread.ring = nullptr;
     }
   });

@@ -20,6 +20,7 @@ struct Group {
   const char* summary;
 };
 
+// NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init): there is none without its endings.
 struct ProgramInfo {
   const char* name;
   const char* summary;

@@ -16,8 +16,8 @@ enum class Completes { ByValueName, Modules };
 
 // A row without the place that its value goes to.
 struct OptionInfo {
-  const char* declaration;  // "-o,--output FILE", "--fresh"; an argument is one word: "NAME"
-  const char* summary;      // one that ends with a blank is completed by the words
+  const char* declaration = nullptr;  // "-o,--output FILE", "--fresh"; an argument is one word: "NAME"
+  const char* summary = nullptr;      // one that ends with a blank is completed by the words
   bool isRequired = false;
   bool showsDefault = false;
   int lowest = 0;

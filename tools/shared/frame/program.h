@@ -57,8 +57,8 @@ BoundCommand bindCommand(const Command<Options>& command, Options& options) {
 // A program and an Options that outlive what is returned.
 template <typename Options>
 BoundProgram bind(const Program<Options>& program, Options& options) {
-  static const OptionInfo json{"--json", program.info.jsonSummary};
-  BoundProgram bound{&program.info, {{&json, &options.json}}, {}};
+  static const OptionInfo kJson{"--json", program.info.jsonSummary};
+  BoundProgram bound{&program.info, {{&kJson, &options.json}}, {}};
   bindOptions(program.common, options, bound.common);
   for (const Command<Options>& command : program.commands) {
     bound.commands.push_back(bindCommand(command, options));
