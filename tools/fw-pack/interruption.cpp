@@ -3,6 +3,8 @@
 #include <csignal>
 #include <initializer_list>
 
+#include "signal-guards.h"
+
 namespace fwpack {
 namespace {
 
@@ -17,13 +19,10 @@ void remember(int signal) {
 void catchInterruptions() {
   for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
     struct sigaction action {};
-    sigaction(signal, nullptr, &action);
-    if (action.sa_handler == SIG_IGN) {
-      continue;  // nohup stays nohup
+    action.sa_handler = remember;  // without SA_RESTART: a wait ends
+    if (!base::isIgnored(signal)) {
+      sigaction(signal, &action, nullptr);
     }
-    action.sa_handler = remember;
-    action.sa_flags = 0;  // without SA_RESTART: a wait ends
-    sigaction(signal, &action, nullptr);
   }
 }
 

@@ -13,6 +13,8 @@
 #include <string>
 #include <system_error>
 
+#include "signal-guards.h"
+
 namespace conformance {
 namespace {
 
@@ -37,34 +39,17 @@ void onSignal(int signal) {
 void onEachSignal(void (*handler)(int)) {
   for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
     struct sigaction action = {};
-    sigaction(signal, nullptr, &action);
-    if (action.sa_handler != SIG_IGN) {  // nohup stays nohup
-      action.sa_handler = handler;
-      action.sa_flags = SA_RESTART;
+    action.sa_handler = handler;
+    action.sa_flags = SA_RESTART;
+    if (!base::isIgnored(signal)) {
       sigaction(signal, &action, nullptr);
     }
   }
 }
 
-// Signals wait while it lives.
-class SignalsLater {
- public:
-  SignalsLater() {
-    sigset_t all;
-    sigfillset(&all);
-    sigprocmask(SIG_SETMASK, &all, &before_);
-  }
-  SignalsLater(const SignalsLater&) = delete;
-  SignalsLater& operator=(const SignalsLater&) = delete;
-  ~SignalsLater() { sigprocmask(SIG_SETMASK, &before_, nullptr); }
-
- private:
-  sigset_t before_ = {};
-};
-
 // A child in a process group of its own; it returns 0 there.
 pid_t startApart() {
-  const SignalsLater later;
+  const base::SignalsLater later;
   const pid_t child = fork();
   if (child == 0) {
     setpgid(0, 0);

@@ -3,6 +3,7 @@
 #include <sys/signalfd.h>
 #include <unistd.h>
 
+#include "signal-guards.h"
 #include "system-error.h"
 
 namespace fwmodule {
@@ -10,17 +11,11 @@ namespace {
 
 constexpr int kSignals[] = {SIGINT, SIGTERM, SIGHUP};
 
-// nohup stays nohup.
-bool isIgnored(int signal) {
-  struct sigaction action {};
-  return sigaction(signal, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
-}
-
 sigset_t endingSignals() {
   sigset_t signals;
   sigemptyset(&signals);
   for (const int signal : kSignals) {
-    if (!isIgnored(signal)) {
+    if (!base::isIgnored(signal)) {
       sigaddset(&signals, signal);
     }
   }

@@ -12,6 +12,7 @@
 #include "fw-update-common.h"
 #include "library/library-log.h"
 #include "lock/release-program.h"
+#include "signal-guards.h"
 #include "terminal.h"
 
 namespace tool {
@@ -88,7 +89,7 @@ InterruptionGuard::InterruptionGuard(std::size_t logMark, std::function<void()> 
     action.sa_handler = kWatched[i] == SIGPIPE ? SIG_IGN : passOn;
     action.sa_flags = SA_RESTART;
     sigaction(kWatched[i], nullptr, &before_[i]);
-    if (before_[i].sa_handler != SIG_IGN) {  // nohup stays nohup
+    if (!base::isIgnored(kWatched[i])) {
       sigaction(kWatched[i], &action, nullptr);
     }
   }
