@@ -20,6 +20,7 @@
 #include <system_error>
 #include <thread>
 
+#include "device-paths.h"
 #include "device-power.h"
 #include "diagnostic-log.h"
 #include "empty-data.h"
@@ -35,7 +36,6 @@
 
 namespace {
 
-constexpr const char* kPendingList = "/tmp/fwupdate-off-list.txt";
 constexpr const char* kResumeEvent = "/tmp/.ignore_resume";
 
 constexpr int kPowerState = 2;
@@ -158,7 +158,7 @@ bool check_race_condition(const char* path) {
 // not wait for the reader of a FIFO.
 Stream openPendingList() {
   FileDescriptor file(
-      open(kPendingList, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0644));
+      open(fwpaths::kPendingList, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0644));
   if (!file.isOpen()) {
     return nullptr;
   }
@@ -246,7 +246,7 @@ std::string_view fileName(std::string_view path) {
 // read, perhaps only from some entry on.
 bool scanControlsDirectory(bool skipExtModules, std::vector<std::string>& names) {
   try {
-    const boost::filesystem::directory_iterator entries(kControlsDirectory);
+    const boost::filesystem::directory_iterator entries(fwpaths::kControls);
     for (const boost::filesystem::directory_entry& entry : entries) {
       // Not stem() and extension(), which copy the path and take it apart anew.
       const std::string_view file = fileName(entry.path().native());
@@ -498,7 +498,7 @@ int FWUpdateSymbolManager::doUpdateFirmwareAll(CallerTypes /*caller*/) {
   FW_LOG(diagnostics::kError, MESSAGE_POWER_RELEASE);
   device_power_unlock_state(kPowerState);
   FW_LOG(diagnostics::kError, MESSAGE_POWER_RELEASED);
-  std::remove(kPendingList);
+  std::remove(fwpaths::kPendingList);
   return 0;
 }
 
@@ -521,7 +521,7 @@ int FWUpdateSymbolManager::downloadEMPAll() {
 // ---- Pending list -------------------------------------------------------------
 
 int FWUpdateSymbolManager::writeFirmwareUpdateList(bool& running) {
-  if (!check_race_condition(kPendingList)) {
+  if (!check_race_condition(fwpaths::kPendingList)) {
     FW_LOG(diagnostics::kError, MESSAGE_PENDING_LIST_REFUSED);
     return -1;
   }

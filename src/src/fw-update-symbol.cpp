@@ -14,6 +14,7 @@
 
 #include "app-binary-manager.h"
 #include "callers.h"
+#include "device-paths.h"
 #include "diagnostic-log.h"
 #include "empty-data.h"
 #include "file-handles.h"
@@ -30,11 +31,6 @@
 
 namespace {
 
-constexpr const char* kPackageImageDirectory = "/opt/usr/apps/appbinarymanager/";
-constexpr const char* kPackageMountDirectory = "/opt/usr/apps/appbinarymanager/emps/";
-constexpr const char* kBuiltinDirectory = "/lib/firmware/ext/";
-constexpr const char* kSboxDirectory = "/opt/usr/share/sbox/";
-constexpr const char* kUsbDrive = "/opt/media/USBDriveA";
 constexpr int kLastUsbDrive = 10;
 
 constexpr unsigned int kProcessUpdateSeconds = 1800;
@@ -89,7 +85,6 @@ UPDATE_TYPE callerToUpdateType(CallerTypes caller, char* data) {
 
 using VerifyFile = int (*)(int reserved, const char* filePath, const char* caller);
 
-constexpr const char* kVerifierLibrary = "/usr/lib/libkZAQUser.so";
 constexpr const char* kVerifierCaller = "UserCaller";
 
 // Non-zero when the file may be used. A missing verifier lets every file pass, on
@@ -101,7 +96,7 @@ int zaq_verify(const char* filePath) {
   VerifyFile verify = s_kzaq_verifier.load();
   if (verify == nullptr) {
     // RTLD_NODELETE keeps the entry point valid after the handle is closed.
-    library.reset(dlopen(kVerifierLibrary, RTLD_LAZY | RTLD_NODELETE));
+    library.reset(dlopen(fwpaths::kVerifierLibrary, RTLD_LAZY | RTLD_NODELETE));
     if (!library) {
       FW_LOG(diagnostics::kError, MESSAGE_VERIFIER_NOT_LOADED, kVerifierCaller, libraryError().c_str());
       return 1;
@@ -213,7 +208,7 @@ struct FWUpdateSymbol::Binding {
       return false;
     }
     module.firmwareName.erase(emp, 3);
-    module.empImagePath = kPackageImageDirectory + module.empName + ".img";
+    module.empImagePath = fwpaths::kPackageImages + module.empName + ".img";
     return true;
   }
 };
@@ -222,7 +217,7 @@ int FWUpdateSymbol::loadSymbol(const std::string& name) {
   if (name.empty()) {
     return -1;
   }
-  const std::string path = kControlsDirectory + name + ".so";
+  const std::string path = fwpaths::kControls + name + ".so";
   const std::string resolved = resolveModuleFile(path);
   if (resolved.empty()) {
     return -1;
@@ -344,12 +339,12 @@ std::string folderOf(FWUpdateSymbol& module, UPDATE_TYPE type) {
     case UPDATE_TYPE_USB:
       return module.getUsbMountPath(drive) ? drive + module.getFirmwareName() + "/" : "";
     case UPDATE_TYPE_BUILTIN:
-      return kBuiltinDirectory + module.getFirmwareName() + "/";
+      return fwpaths::kBuiltinImages + module.getFirmwareName() + "/";
     case UPDATE_TYPE_SBOX:
-      return kSboxDirectory + module.getFirmwareName() + "/";
+      return fwpaths::kSboxImages + module.getFirmwareName() + "/";
     default:
       // The directory bears the full identifier, the image the short name; deliberate.
-      return kPackageMountDirectory + module.getEMPName() + "/";
+      return fwpaths::kPackageMounts + module.getEMPName() + "/";
   }
 }
 
@@ -374,12 +369,12 @@ std::string FWUpdateSymbol::getBinaryPath(UPDATE_TYPE type) {
 }
 
 bool FWUpdateSymbol::getUsbMountPath(std::string& out) {
-  std::string drive = std::string(kUsbDrive) + "/";
+  std::string drive = std::string(fwpaths::kUsbDrive) + "/";
   for (int number = 1; !file_exists(drive); ++number) {
     if (number > kLastUsbDrive) {
       return false;
     }
-    drive = kUsbDrive + std::to_string(number) + "/";
+    drive = fwpaths::kUsbDrive + std::to_string(number) + "/";
   }
   out = drive;
   return true;
@@ -670,7 +665,7 @@ bool FWUpdateSymbol::mountEMPImage() {
     FW_LOG(diagnostics::kError, MESSAGE_NO_PACKAGE, empImagePath.c_str());
     return false;
   }
-  const std::string directory = kPackageMountDirectory + empName;
+  const std::string directory = fwpaths::kPackageMounts + empName;
   // Removes a stale mount; with nothing mounted this fails and says so, harmlessly.
   FWMountManager::getInstance()->UMount(directory);
   if (FWMountManager::getInstance()->Mount(empImagePath, directory) != 0) {
@@ -681,7 +676,7 @@ bool FWUpdateSymbol::mountEMPImage() {
 }
 
 bool FWUpdateSymbol::unmountEMPImage() {
-  const std::string directory = kPackageMountDirectory + empName;
+  const std::string directory = fwpaths::kPackageMounts + empName;
   if (FWMountManager::getInstance()->UMount(directory) != 0) {
     FW_LOG(diagnostics::kError, MESSAGE_PACKAGE_NOT_UNMOUNTED, empName.c_str());
     return false;

@@ -7,7 +7,7 @@
 #include <cstring>
 #include <memory>
 
-#include "module-names.h"
+#include "device-paths.h"
 
 namespace {
 
@@ -34,7 +34,7 @@ bool isPresentAndNoLink(const std::string& path) {
 }  // namespace
 
 ControlsDirectoryScan::ControlsDirectoryScan() {
-  scannedDirectory() = resolve(kControlsDirectory);
+  scannedDirectory() = resolve(fwpaths::kControls);
 }
 
 ControlsDirectoryScan::~ControlsDirectoryScan() {
@@ -43,7 +43,7 @@ ControlsDirectoryScan::~ControlsDirectoryScan() {
 
 std::string resolveModuleFile(const std::string& path) {
   if (!scannedDirectory().empty()) {
-    const std::string file = scannedDirectory() + path.substr(std::strlen(kControlsDirectory) - 1);
+    const std::string file = scannedDirectory() + path.substr(std::strlen(fwpaths::kControls) - 1);
     if (isPresentAndNoLink(file)) {
       return file;
     }

@@ -1,12 +1,10 @@
-// Where module libraries lie, and which of them are extension modules.
+// Which modules are extension modules.
 #ifndef MODULE_NAMES_H
 #define MODULE_NAMES_H
 
 #include <algorithm>
 #include <cctype>
 #include <string>
-
-constexpr const char* kControlsDirectory = "/prd/usr/fwupdate/controls/";
 
 // Whether a library name contains "EXT-" in any case, deliberately: such a module
 // has no package and runs its own procedure.

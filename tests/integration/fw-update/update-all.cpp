@@ -510,6 +510,29 @@ TEST_F(UpdateAll, BelievesNoNoteWhereOthersMayWrite) {
   EXPECT_THAT(document({"list"})["interruptedRun"]["message"].asString(), HasSubstr("libforged"));
 }
 
+TEST_F(UpdateAll, LeavesTheNoteOfARunThatIsUnderWay) {
+  writeFile("/run/fw-update/update-all.lock", "");
+  writeFile("/run/fw-update/update-all.json", R"({"number": 1, "modules": ["libother"]})");
+  const int lock = open("/run/fw-update/update-all.lock", O_RDWR | O_CLOEXEC);
+  ASSERT_EQ(flock(lock, LOCK_EX), 0);
+
+  const bool told = document({"list"}).isMember("interruptedRun");
+
+  EXPECT_FALSE(told);
+  EXPECT_TRUE(fs::exists("/run/fw-update/update-all.json"));
+  close(lock);
+}
+
+TEST_F(UpdateAll, TellsNothingOfANoteThatIsNoFile) {
+  writeFile("/run/fw-update/update-all.lock", "");
+  ASSERT_EQ(mkfifo("/run/fw-update/update-all.json", 0644), 0);
+
+  const bool told = document({"list"}).isMember("interruptedRun");
+
+  EXPECT_FALSE(told);
+  EXPECT_FALSE(fs::exists("/run/fw-update/update-all.json"));
+}
+
 TEST_F(UpdateAll, KeepsOtherUsersFromTheFileThatRunsLock) {
   writeFile("/run/fw-update/update-all.lock", "");
   fs::permissions("/run/fw-update/update-all.lock", fs::perms(0666));

@@ -16,9 +16,9 @@
 #include <system_error>
 
 #include "device-namespace.h"
+#include "device-paths.h"
 #include "ending-signals.h"
 #include "lent-memory.h"
-#include "module-names.h"
 
 namespace fwmodule {
 namespace {
@@ -51,7 +51,7 @@ void enterDevice(const Subject& subject) {
 }
 
 std::string installModule(const Subject& subject) {
-  const std::string path = kControlsDirectory + subject.library + ".so";
+  const std::string path = fwpaths::kControls + subject.library + ".so";
   std::ofstream file(path, std::ios::binary);
   if (!file.write(subject.bytes.data(), static_cast<std::streamsize>(subject.bytes.size())).flush()) {
     throw std::runtime_error("cannot install the module on the device: " + path);

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "commands.h"
+#include "device-paths.h"
 #include "fw-update-symbol-manager.h"
 #include "library-messages.h"
 #include "library/library-log.h"
@@ -128,7 +129,7 @@ std::optional<Finding> endOf(const std::string& package, const DownloadProgress&
   }
   return Finding{Outcome::NotKnown,
                  "The download of " + package + " was requested, but this set does not tell how it goes.",
-                 "The package is there when /opt/usr/apps/appbinarymanager/" + package + ".img is."};
+                 std::string("The package is there when ") + fwpaths::kPackageImages + package + ".img is."};
 }
 
 void waitForEnd(Package& package, DownloadReporter& reporter) {

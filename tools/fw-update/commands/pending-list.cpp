@@ -3,20 +3,19 @@
 #include <unistd.h>
 
 #include <exception>
-#include <fstream>
 
 #include "commands.h"
+#include "device-paths.h"
 #include "fw-update-symbol-manager.h"
 #include "library-messages.h"
 #include "library/library.h"
 #include "library/log-meanings.h"
 #include "lock/interruption.h"
 #include "terminal.h"
+#include "whole-file.h"
 
 namespace tool {
 namespace {
-
-constexpr const char* kListPath = "/tmp/fwupdate-off-list.txt";
 
 using Rows = std::vector<std::vector<std::string>>;
 
@@ -41,18 +40,8 @@ std::string expectedText(const Rows& rows) {
 
 // The library loses a list that cannot be opened or written without a word.
 bool listHolds(const std::string& text) {
-  const int file = open(kListPath, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-  if (file < 0) {
-    return false;
-  }
   std::string content;
-  char block[4096];
-  ssize_t count = 0;
-  while (content.size() <= text.size() && (count = read(file, block, sizeof block)) > 0) {
-    content.append(block, static_cast<std::size_t>(count));
-  }
-  close(file);
-  return count >= 0 && content == text;
+  return base::readFileAt(AT_FDCWD, fwpaths::kPendingList, text.size(), content) == 0 && content == text;
 }
 
 Finding explain(int result, const LogMessages& messages, const Rows& rows) {
@@ -61,13 +50,15 @@ Finding explain(int result, const LogMessages& messages, const Rows& rows) {
         .value_or(Finding{Outcome::Unexpected, "The list was not written.", "See the log (--log)."});
   }
   if (!listHolds(expectedText(rows))) {
-    return {Outcome::Unexpected, std::string("The list could not be written to ") + kListPath + ".",
+    return {Outcome::Unexpected,
+            std::string("The list could not be written to ") + fwpaths::kPendingList + ".",
             "Check that it is no directory, that this user may write it, and that /tmp has room."};
   }
   if (rows.empty()) {
-    return {Outcome::Ok, std::string("No module needs an update; ") + kListPath + " is empty.", ""};
+    return {Outcome::Ok, std::string("No module needs an update; ") + fwpaths::kPendingList + " is empty.",
+            ""};
   }
-  return {Outcome::Ok, std::to_string(rows.size()) + " modules are in " + kListPath + ".", ""};
+  return {Outcome::Ok, std::to_string(rows.size()) + " modules are in " + fwpaths::kPendingList + ".", ""};
 }
 
 // The first Ctrl-C stops the list at the next module; a second ends the tool.
@@ -81,7 +72,7 @@ int writeList(std::size_t mark) {
 
 Report runPendingList(const Options&) {
   Report report;
-  report.details["path"] = kListPath;
+  report.details["path"] = fwpaths::kPendingList;
   report.details["modules"] = Json::arrayValue;
   const Library library = openLibrary();
   if (library.problem) {

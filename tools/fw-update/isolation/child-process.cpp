@@ -6,24 +6,20 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <new>
-#include <system_error>
+
+#include "system-error.h"
 
 namespace tool {
 namespace {
 
 constexpr int kTakenSignals[] = {SIGINT, SIGTERM, SIGHUP, SIGCHLD};
 
-[[noreturn]] void fail(const char* what) {
-  throw std::system_error(errno, std::generic_category(), what);
-}
-
 ChildRecord* mapRecord() {
   void* const memory =
       mmap(nullptr, sizeof(ChildRecord), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
   if (memory == MAP_FAILED) {
-    fail("mmap");
+    base::throwErrno("mmap");
   }
   return new (memory) ChildRecord{};
 }
@@ -43,7 +39,7 @@ ChildProcess::ChildProcess(const std::string& module) : record_(mapRecord()) {
   }
   signals_.reset(signalfd(-1, &taken, SFD_CLOEXEC | SFD_NONBLOCK));
   if (!signals_) {
-    fail("signalfd");
+    base::throwErrno("signalfd");
   }
   sigprocmask(SIG_BLOCK, &taken, &maskBefore_);
   // A reader that goes away ends neither the child nor this process.
@@ -52,7 +48,7 @@ ChildProcess::ChildProcess(const std::string& module) : record_(mapRecord()) {
   sigaction(SIGPIPE, &ignore, &pipeBefore_);
   process_ = fork();
   if (process_ < 0) {
-    fail("fork");
+    base::throwErrno("fork");
   }
   if (isChild()) {
     signals_.reset();

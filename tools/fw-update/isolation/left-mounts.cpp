@@ -1,24 +1,15 @@
 #include "isolation/left-mounts.h"
 
-#include <fstream>
-#include <sstream>
+#include "device-paths.h"
+#include "mount-table.h"
 
 namespace tool {
-namespace {
-
-constexpr const char* kPackages = "/opt/usr/apps/appbinarymanager/emps/";
-
-}  // namespace
 
 std::set<std::string> mountedPackages() {
   std::set<std::string> directories;
-  std::ifstream mounts("/proc/self/mounts");
-  for (std::string line; std::getline(mounts, line);) {
-    std::istringstream words(line);
-    std::string source, target;
-    words >> source >> target;
-    if (target.rfind(kPackages, 0) == 0) {
-      directories.insert(target);
+  for (const std::string& place : base::mountPoints()) {
+    if (place.rfind(fwpaths::kPackageMounts, 0) == 0) {
+      directories.insert(place);
     }
   }
   return directories;

@@ -10,6 +10,7 @@
 #include <memory>
 #include <system_error>
 
+#include "device-paths.h"
 #include "fw-update-symbol.h"
 #include "isolation/supervised.h"
 #include "library-messages.h"
@@ -18,8 +19,6 @@
 
 namespace tool {
 namespace {
-
-constexpr const char* kControlsDirectory = "/prd/usr/fwupdate/controls";
 
 // The facade takes no module when one of them is broken: which one, and why.
 Finding brokenModules() {
@@ -54,7 +53,7 @@ Finding unknownModule(const Library& library, const std::string& name) {
 std::vector<std::string> moduleNames() {
   std::vector<std::string> names;
   std::error_code error;
-  for (auto entry = std::filesystem::directory_iterator(kControlsDirectory, error);
+  for (auto entry = std::filesystem::directory_iterator(fwpaths::kControls, error);
        !error && entry != std::filesystem::directory_iterator(); entry.increment(error)) {
     if (entry->path().extension() == ".so") {
       names.push_back(entry->path().stem().string());
@@ -82,7 +81,7 @@ class LoadedModules {
     }
     for (const std::string& name : moduleNames()) {
       supervised::tellStep(Step::Load, name);
-      handles_.emplace_back(dlopen((kControlsDirectory + ("/" + name + ".so")).c_str(), RTLD_NOW));
+      handles_.emplace_back(dlopen((fwpaths::kControls + name + ".so").c_str(), RTLD_NOW));
       supervised::tellStep(Step::Load, name, inspectModule(name).firmwareName);
     }
     supervised::tellStep(Step::Start, "");

@@ -1,6 +1,5 @@
 #include "lock/lock-users.h"
 
-#include <fcntl.h>
 #include <linux/futex.h>
 #include <pwd.h>
 #include <sys/stat.h>
@@ -8,14 +7,17 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
 #include <iterator>
+#include <limits>
 #include <optional>
 #include <sstream>
 #include <system_error>
+
+#include "mount-table.h"
+#include "whole-file.h"
 
 namespace tool {
 namespace {
@@ -27,6 +29,7 @@ constexpr const char* kInitialNamespace = "pid:[4026531836]";
 constexpr unsigned long kKernelThread = 0x00200000;  // PF_KTHREAD of the kernel
 
 constexpr std::size_t kGreatestList = 5;
+constexpr std::size_t kNoLimit = std::numeric_limits<std::size_t>::max();
 
 // futex of 64-bit programs, of 32-bit ones, and of 32-bit ones with 64-bit times.
 constexpr long kFutexCalls[] = {202, 240, 422};
@@ -64,19 +67,7 @@ struct Content {
 
 Content contentOf(const std::string& path) {
   Content content;
-  const base::FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  if (!file) {
-    content.error = errno;
-    return content;
-  }
-  char block[4096];
-  ssize_t count = 0;
-  while ((count = read(file.get(), block, sizeof block)) > 0) {
-    content.text.append(block, static_cast<std::size_t>(count));
-  }
-  if (count < 0) {
-    content.error = errno;
-  }
+  content.error = base::readFile(path, kNoLimit, content.text);
   return content;
 }
 
@@ -127,25 +118,6 @@ std::vector<Range> rangesOf(const std::string& maps, const LockFile& lock) {
   return ranges;
 }
 
-// The first fields of each mount that a process can reach.
-struct Mount {
-  std::string number;
-  std::string parent;
-  std::string fileSystem;
-};
-
-std::vector<Mount> mountsOf(const std::string& process) {
-  std::vector<Mount> mounts;
-  std::istringstream lines(contentOf(process + "/mountinfo").text);
-  for (std::string line; std::getline(lines, line);) {
-    Mount mount;
-    if (std::istringstream(line) >> mount.number >> mount.parent >> mount.fileSystem) {
-      mounts.push_back(mount);
-    }
-  }
-  return mounts;
-}
-
 std::string fileSystemOf(int descriptor) {
   std::istringstream words(contentOf("/proc/self/fdinfo/" + std::to_string(descriptor)).text);
   std::string number;
@@ -154,7 +126,7 @@ std::string fileSystemOf(int descriptor) {
       words >> number;
     }
   }
-  for (const Mount& mount : mountsOf("/proc/self")) {
+  for (const base::Mount& mount : base::mounts()) {
     if (mount.number == number) {
       return mount.fileSystem;
     }
@@ -164,10 +136,10 @@ std::string fileSystemOf(int descriptor) {
 
 // Whether the process has the lock's file system mounted, or does not show.
 bool mayReach(const std::string& process, const LockFile& lock) {
-  const std::vector<Mount> mounts = mountsOf(process);
+  const std::vector<base::Mount> mounts = base::mounts(process);
   return mounts.empty() || lock.fileSystem.empty() ||
          std::any_of(mounts.begin(), mounts.end(),
-                     [&lock](const Mount& mount) { return mount.fileSystem == lock.fileSystem; });
+                     [&lock](const base::Mount& mount) { return mount.fileSystem == lock.fileSystem; });
 }
 
 std::optional<LockFile> lockFileOf(const UpdateLock& lock) {

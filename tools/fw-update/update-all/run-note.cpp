@@ -5,7 +5,6 @@
 #include <json/value.h>
 #include <json/writer.h>
 #include <sys/file.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -15,6 +14,7 @@
 
 #include "lock/run-directory.h"
 #include "lock/update-lock.h"
+#include "whole-file.h"
 
 namespace tool {
 namespace {
@@ -23,31 +23,7 @@ using base::FileDescriptor;
 
 constexpr const char* kLockFile = "update-all.lock";
 constexpr const char* kNoteFile = "update-all.json";
-constexpr const char* kUnfinishedFile = "update-all.json.new";
 constexpr std::size_t kGreatestNote = std::size_t{1024} * 1024;
-
-bool writeAll(int file, const std::string& text) {
-  for (std::size_t at = 0; at < text.size();) {
-    const ssize_t written = ::write(file, text.data() + at, text.size() - at);
-    if (written < 0 && errno == EINTR) {
-      continue;
-    }
-    if (written <= 0) {
-      return false;
-    }
-    at += static_cast<std::size_t>(written);
-  }
-  return true;
-}
-
-std::string readAll(int file) {
-  std::string text;
-  char block[4096];
-  for (ssize_t count = 0; text.size() < kGreatestNote && (count = read(file, block, sizeof block)) > 0;) {
-    text.append(block, static_cast<std::size_t>(count));
-  }
-  return text;
-}
 
 Json::Value parseNote(const std::string& text) {
   Json::CharReaderBuilder builder;
@@ -140,16 +116,8 @@ void RunNote::write(std::size_t number) const {
   for (const std::string& library : libraries_) {
     note["modules"].append(library);
   }
-  const FileDescriptor file(
-      openat(directory_.get(), kUnfinishedFile, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644));
-  if (!file) {
-    return;
-  }
-  // One rename, so that there is a whole note at every moment.
-  if (!writeAll(file.get(), Json::writeString(Json::StreamWriterBuilder(), note)) ||
-      renameat(directory_.get(), kUnfinishedFile, directory_.get(), kNoteFile) != 0) {
-    unlinkat(directory_.get(), kUnfinishedFile, 0);
-  }
+  base::replaceFileAt(directory_.get(), kNoteFile, Json::writeString(Json::StreamWriterBuilder(), note),
+                      false);
 }
 
 std::optional<Finding> takeInterruptedRun() {
@@ -159,15 +127,16 @@ std::optional<Finding> takeInterruptedRun() {
   }
   std::optional<Finding> finding;
   const FileDescriptor lock(openat(directory.get(), kLockFile, O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
-  const FileDescriptor file(
-      openat(directory.get(), kNoteFile, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-  if (file && lock && flock(lock.get(), LOCK_EX | LOCK_NB) == 0) {
-    const Json::Value note = parseNote(readAll(file.get()));
+  // A run that begins now is not kept away when there is no note.
+  const bool isNoted = faccessat(directory.get(), kNoteFile, F_OK, AT_SYMLINK_NOFOLLOW) == 0;
+  if (isNoted && lock && flock(lock.get(), LOCK_EX | LOCK_NB) == 0) {
+    std::string text;
+    const int error = base::readFileAt(directory.get(), kNoteFile, kGreatestNote, text);
+    const Json::Value note = error == 0 ? parseNote(text) : Json::Value();
     if (note.isObject()) {
       finding = describe(note);
     }
     unlinkat(directory.get(), kNoteFile, 0);
-    unlinkat(directory.get(), kUnfinishedFile, 0);
   }
   return finding;
 }

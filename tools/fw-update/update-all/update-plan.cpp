@@ -2,34 +2,25 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <exception>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 
+#include "device-paths.h"
 #include "fw-update-symbol.h"
 #include "isolation/supervised.h"
 #include "library-messages.h"
 #include "library/library-log.h"
 #include "library/log-meanings.h"
+#include "mount-table.h"
 
 namespace tool {
 namespace {
 
-constexpr const char* kPackageMounts = "/opt/usr/apps/appbinarymanager/emps/";
-
 bool isMounted(const std::string& directory) {
-  std::ifstream mounts("/proc/self/mounts");
-  for (std::string line; std::getline(mounts, line);) {
-    std::istringstream words(line);
-    std::string source, target;
-    words >> source >> target;
-    if (target == directory) {
-      return true;
-    }
-  }
-  return false;
+  const std::vector<std::string> places = base::mountPoints();
+  return std::find(places.begin(), places.end(), directory) != places.end();
 }
 
 // Puts an extension package's mount point back to how it was.
@@ -37,7 +28,7 @@ class MountTrace {
  public:
   MountTrace(FWUpdateSymbol& module, bool restore)
       : record_(module),
-        directory_(kPackageMounts + module.getEMPName()),
+        directory_(fwpaths::kPackageMounts + module.getEMPName()),
         active_(restore && !module.getEMPName().empty()),
         wasThere_(std::filesystem::exists(directory_)),
         wasMounted_(isMounted(directory_)) {}

@@ -6,6 +6,7 @@
 #include <exception>
 #include <iterator>
 
+#include "device-paths.h"
 #include "device-policy.h"
 #include "dlog.h"
 #include "library-messages.h"
@@ -18,7 +19,6 @@ namespace {
 using fwpackage::Statements;
 using fwpackage::Verdict;
 
-constexpr char kVerifierLibrary[] = "/usr/lib/libkZAQUser.so";
 constexpr char kBadSignature[] = "The package {package} has no valid signature: {sentence}.";
 constexpr char kNewPackage[] = "Make or download the package again.";
 
@@ -75,7 +75,7 @@ std::string filled(std::string text, const std::string& package, const fwpackage
 
 // Stays loaded, as in the library, which asks it later: what it is told must last.
 void* verifier() {
-  return dlopen(kVerifierLibrary, RTLD_LAZY | RTLD_NODELETE);
+  return dlopen(fwpaths::kVerifierLibrary, RTLD_LAZY | RTLD_NODELETE);
 }
 
 // Null when the installed library is none of this project's rules.

@@ -19,9 +19,9 @@
 
 #include "counted-version.h"
 #include "cut-disk.h"
+#include "device-paths.h"
 #include "disk-log.h"
 #include "disk-states.h"
-#include "module-names.h"
 #include "recorded-disk.h"
 #include "tree-digest.h"
 #include "trials.h"
@@ -207,7 +207,7 @@ Verdict ageOf(const Stage& stage, const Ages& ages) {
 
 // In a process that has not seen the module before.
 Verdict verdictOn(const Stage& stage, const Ages& ages) {
-  LoadedModule module(stage.transcript, kControlsDirectory + stage.subject.library + ".so",
+  LoadedModule module(stage.transcript, fwpaths::kControls + stage.subject.library + ".so",
                       stage.subject.library, stage.subject.broken);
   const Stage fresh{stage.subject, stage.transcript, module};
   module.setContext(CALLER_UPGRADE_APP, "", "after a power cut");
