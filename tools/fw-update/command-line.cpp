@@ -4,6 +4,7 @@
 #include <system_error>
 
 #include "commands.h"
+#include "outcomes.h"
 
 namespace tool {
 namespace {
@@ -119,75 +120,70 @@ std::string callerLines() {
   return lines;
 }
 
-template <Report (*Run)(const Options& options)>
-frame::Report answer(const Options& options) {
-  return answerOf(Run(options));
-}
-
 constexpr frame::Group kGroups[] = {
     {"usb", "Encrypted packages on a USB drive: estimate, apply"},
     {"lock", "The lock for one update at a time: status, recover"},
 };
 
 constexpr frame::Command<Options> kCommands[] = {
-    {{"list", "List the update modules of this device", "fw-update list"}, {}, answer<runList>, settle},
+    {{"list", "List the update modules of this device", "fw-update list"}, {}, runList, settle},
     {{"info", "Show one module: firmware name, active version, progress", "fw-update info libtuner"},
      {kModule},
-     answer<runInfo>,
+     runInfo,
      settle},
     {{"pending", "Show which modules need an update, and why others do not", "fw-update pending --caller lsm",
       callerLines},
      {kCaller},
-     answer<runPending>,
+     runPending,
      settle},
     {{"update", "Update one module and wait until it is done",
       "fw-update update libtuner --caller upgrade-app", callerLines},
      {kModule, kCaller, kProgress, kIsolation},
-     answer<runUpdate>,
+     runUpdate,
      settle},
     {{"progress", "Show how far a running update of a module is", "fw-update progress libtuner"},
      {kModule},
-     answer<runProgress>,
+     runProgress,
      settle},
     {{"download", "Have the extension packages of modules downloaded", "fw-update download libwifi --wait"},
      {kDownload, kProgress},
-     answer<runDownload>,
+     runDownload,
      settleDownload},
     {{"update-all", "Update every module that needs its package, power held",
       "fw-update update-all --dry-run"},
      {kProgress, kDryRun, kIsolation},
-     answer<runUpdateAll>,
+     runUpdateAll,
      settle},
     {{"pending-list", "Write /tmp/fwupdate-off-list.txt and show it", "fw-update pending-list"},
      {},
-     answer<runPendingList>,
+     runPendingList,
      settle},
     {{"all-done", "Tell every module that a run over all modules is over", "fw-update all-done"},
      {},
-     answer<runAllDone>,
+     runAllDone,
      settle},
     {{"usb estimate", "Show which modules need a package, and how long it takes",
       "fw-update usb estimate --key-file /usr/share/fw-update/package.key"},
      {kPackages},
-     answer<runUsbEstimate>,
+     runUsbEstimate,
      settle},
     {{"usb apply", "Apply the packages of the drive to modules that need them",
       "fw-update usb apply --key-file /usr/share/fw-update/package.key"},
      {kPackages, kProgress, kIsolation},
-     answer<runUsbApply>,
+     runUsbApply,
      settle},
     {{"lock status", "Show whether the update lock is taken, and who uses it", "fw-update lock status"},
      {},
-     answer<runLockStatus>,
+     runLockStatus,
      settle},
     {{"lock recover", "Give the lock back that a dead update left taken", "fw-update lock recover"},
      {kRecover},
-     answer<runLockRecover>,
+     runLockRecover,
      settle},
     {{"explain", "Say what a line of the log or of a command means",
       "fw-update explain \"Error: Usb mount path Not found.\""},
      {kLine},
-     answer<runExplain>,
+     runExplain,
      settle},
 };
 

@@ -3,24 +3,24 @@
 #define FW_UPDATE_TOOL_COMMANDS_H
 
 #include "command-line.h"
-#include "report.h"
+#include "frame/report.h"
 
 namespace tool {
 
-Report runList(const Options& options);
-Report runInfo(const Options& options);
-Report runPending(const Options& options);
-Report runUpdate(const Options& options);
-Report runProgress(const Options& options);
-Report runUpdateAll(const Options& options);
-Report runPendingList(const Options& options);
-Report runAllDone(const Options& options);
-Report runUsbEstimate(const Options& options);
-Report runUsbApply(const Options& options);
-Report runDownload(const Options& options);
-Report runLockStatus(const Options& options);
-Report runLockRecover(const Options& options);
-Report runExplain(const Options& options);
+frame::Report runList(const Options& options);
+frame::Report runInfo(const Options& options);
+frame::Report runPending(const Options& options);
+frame::Report runUpdate(const Options& options);
+frame::Report runProgress(const Options& options);
+frame::Report runUpdateAll(const Options& options);
+frame::Report runPendingList(const Options& options);
+frame::Report runAllDone(const Options& options);
+frame::Report runUsbEstimate(const Options& options);
+frame::Report runUsbApply(const Options& options);
+frame::Report runDownload(const Options& options);
+frame::Report runLockStatus(const Options& options);
+frame::Report runLockRecover(const Options& options);
+frame::Report runExplain(const Options& options);
 
 }  // namespace tool
 

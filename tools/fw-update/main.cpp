@@ -68,7 +68,7 @@ int runThere(const frame::Parsed& parsed, const Options& options) {
     std::signal(end.signal, SIG_DFL);
     kill(getpid(), end.signal);
   }
-  return end.report ? put(answerOf(*end.report), parsed.name, options, end.log) : end.exitCode;
+  return end.report ? put(*end.report, parsed.name, options, end.log) : end.exitCode;
 }
 
 int perform(int argc, char** argv) {

@@ -2,12 +2,16 @@
 
 namespace tool {
 
-frame::Report answerOf(const Report& report) {
-  frame::Report answer(report.finding.outcome, report.finding.message, report.finding.remedy);
-  answer.details = report.details;
-  answer.body = report.body;
-  answer.endsAtOnce = report.moduleRuns;
-  return answer;
+frame::Report reportOf(const Finding& finding) {
+  return frame::Report(finding.outcome, finding.message, finding.remedy);
+}
+
+void addTo(Json::Value& members, const Finding& finding, const char* sentence) {
+  members["outcome"] = infoOf(finding.outcome).id;
+  members[sentence] = finding.message;
+  if (!finding.remedy.empty()) {
+    members["remedy"] = finding.remedy;
+  }
 }
 
 Json::Value toJson(const LogMessages& log) {

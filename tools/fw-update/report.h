@@ -1,10 +1,9 @@
-// What a command found, on its way to the frame that puts it out. A plain value.
+// From what a command found to the report that the frame puts out: the last step of each
+// command. Plain functions.
 #ifndef FW_UPDATE_TOOL_REPORT_H
 #define FW_UPDATE_TOOL_REPORT_H
 
 #include <json/value.h>
-
-#include <string>
 
 #include "frame/report.h"
 #include "library/library-log.h"
@@ -13,14 +12,10 @@
 
 namespace tool {
 
-struct Report {
-  Finding finding;
-  Json::Value details{Json::objectValue};  // the command's own JSON members
-  std::string body;                        // the command's own text, whole lines
-  bool moduleRuns = false;                 // a thread is still inside the module
-};
+frame::Report reportOf(const Finding& finding);
 
-frame::Report answerOf(const Report& report);
+// A finding that is one of several: "outcome", "remedy" when there is one, and the sentence.
+void addTo(Json::Value& members, const Finding& finding, const char* sentence = "message");
 
 // The library's messages, for a document.
 Json::Value toJson(const LogMessages& log);

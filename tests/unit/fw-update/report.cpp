@@ -9,16 +9,15 @@ namespace {
 using ::testing::HasSubstr;
 using ::testing::Not;
 
-tool::Report refused() {
-  tool::Report report;
-  report.finding = {tool::Outcome::RefusedImage, "It is damaged.", "Install it again."};
+frame::Report refused() {
+  frame::Report report = tool::reportOf({tool::Outcome::RefusedImage, "It is damaged.", "Install it again."});
   report.details["module"] = "libtuner";
   report.details["elapsedSeconds"] = 0.25;
   return report;
 }
 
-Json::Value documentOf(const tool::Report& report) {
-  return frame::documentOf(tool::answerOf(report), "update");
+Json::Value documentOf(const frame::Report& report) {
+  return frame::documentOf(report, "update");
 }
 
 TEST(JsonDocument, HasTheCommonMembersBesideTheCommandsOwn) {
@@ -35,8 +34,8 @@ TEST(JsonDocument, HasTheCommonMembersBesideTheCommandsOwn) {
 }
 
 TEST(JsonDocument, LeavesOutAnEmptyRemedy) {
-  tool::Report report = refused();
-  report.finding.remedy.clear();
+  frame::Report report = refused();
+  report.remedy.clear();
 
   EXPECT_FALSE(documentOf(report).isMember("remedy"));
 }

@@ -4,26 +4,32 @@
 #include "commands.h"
 #include "fw-update-symbol-manager.h"
 #include "library/library.h"
+#include "library/log-meanings.h"
+#include "report.h"
 
 namespace tool {
+namespace {
 
-Report runAllDone(const Options&) {
-  Report report;
-  const Library library = openLibrary();
-  if (library.problem) {
-    report.finding = *library.problem;
-    return report;
-  }
-  report.details["modules"] = static_cast<Json::UInt64>(library.items.size());
+Finding tellAll(const Library& library) {
   try {
     FWUpdateSymbolManager::getInstance()->allDoUpdateDone();
-    report.finding = {Outcome::Ok, std::to_string(library.items.size()) + " modules were told.", ""};
+    return {Outcome::Ok, std::to_string(library.items.size()) + " modules were told.", ""};
   } catch (const std::exception& error) {
-    report.finding = {Outcome::ModuleFailed,
-                      std::string("A module broke off with an error of its own: ") + error.what() +
-                          ". The modules after it were not told.",
-                      "See the log (--log)."};
+    return {Outcome::ModuleFailed,
+            brokeOff("A module", error).message + " The modules after it were not told.",
+            "See the log (--log)."};
   }
+}
+
+}  // namespace
+
+frame::Report runAllDone(const Options&) {
+  const Library library = openLibrary();
+  if (library.problem) {
+    return reportOf(*library.problem);
+  }
+  frame::Report report = reportOf(tellAll(library));
+  report.details["modules"] = static_cast<Json::UInt64>(library.items.size());
   return report;
 }
 

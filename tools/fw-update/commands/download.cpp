@@ -1,9 +1,7 @@
 // fw-update download NAME... | --all
 #include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
-#include <iostream>
 #include <optional>
 #include <string>
 #include <thread>
@@ -17,6 +15,7 @@
 #include "library/library.h"
 #include "library/log-meanings.h"
 #include "progress/download-reporter.h"
+#include "report.h"
 #include "terminal.h"
 
 namespace tool {
@@ -150,11 +149,7 @@ Json::Value toJson(const Package& package) {
   Json::Value value;
   value["module"] = package.module;
   value["package"] = package.name;
-  value["outcome"] = infoOf(package.finding.outcome).id;
-  value["message"] = package.finding.message;
-  if (!package.finding.remedy.empty()) {
-    value["remedy"] = package.finding.remedy;
-  }
+  addTo(value, package.finding);
   if (!package.reason.empty()) {
     value["reason"] = package.reason;
   }
@@ -162,57 +157,58 @@ Json::Value toJson(const Package& package) {
 }
 
 // The first failure decides, else the first whose end is not known, else the first package.
-void conclude(Report& report, const std::vector<Package>& packages) {
+Finding conclude(const std::vector<Package>& packages) {
+  if (packages.empty()) {
+    return {Outcome::NothingToDo, "No module has an extension package.", ""};
+  }
+  for (const Outcome trouble : {Outcome::DownloadFailed, Outcome::NotKnown}) {
+    for (const Package& package : packages) {
+      if (package.finding.outcome == trouble) {
+        return package.finding;
+      }
+    }
+  }
+  return packages.front().finding;
+}
+
+frame::Report reportOf(const std::vector<Package>& packages) {
+  frame::Report report = reportOf(conclude(packages));
   report.details["packages"] = Json::arrayValue;
   for (const Package& package : packages) {
     report.details["packages"].append(toJson(package));
-  }
-  if (packages.empty()) {
-    report.finding = {Outcome::NothingToDo, "No module has an extension package.", ""};
-    return;
-  }
-  report.finding = packages.front().finding;
-  for (const Outcome trouble : {Outcome::NotKnown, Outcome::DownloadFailed}) {
-    const auto first = std::find_if(packages.begin(), packages.end(), [trouble](const Package& package) {
-      return package.finding.outcome == trouble;
-    });
-    if (first != packages.end()) {
-      report.finding = first->finding;
+    if (packages.size() > 1) {
+      report.body += wrapped(package.finding.message, terminalWidth(STDOUT_FILENO)) + "\n";
     }
   }
-  if (packages.size() == 1) {
-    return;
+  return report;
+}
+
+std::optional<Finding> problemOf(const Library& library, const std::vector<std::string>& modules) {
+  for (const std::string& module : modules) {
+    if (auto problem = moduleProblem(library, module)) {
+      return problem;
+    }
   }
-  for (const Package& package : packages) {
-    report.body += wrapped(package.finding.message, terminalWidth(STDOUT_FILENO)) + "\n";
+  return library.problem;
+}
+
+std::vector<Package> requestEach(const std::vector<std::string>& modules) {
+  std::vector<Package> packages;
+  for (const std::string& module : modules) {
+    packages.push_back(request(module));
   }
+  return packages;
 }
 
 }  // namespace
 
-Report runDownload(const Options& options) {
-  Report report;
+frame::Report runDownload(const Options& options) {
   const Library library = openLibrary();
   const std::vector<std::string> modules = wantedModules(options, library);
-  if (library.problem) {
-    report.finding = *library.problem;
-    return report;
+  if (const auto problem = problemOf(library, modules)) {
+    return reportOf(*problem);
   }
-  for (const std::string& module : modules) {
-    if (const auto problem = moduleProblem(library, module)) {
-      report.finding = *problem;
-      return report;
-    }
-  }
-
-  std::vector<Package> packages;
-  if (options.allModules) {
-    packages = requestAll(modules);
-  } else {
-    for (const std::string& module : modules) {
-      packages.push_back(request(module));
-    }
-  }
+  std::vector<Package> packages = options.allModules ? requestAll(modules) : requestEach(modules);
   const auto reporter = makeDownloadReporter(options);
   for (Package& package : packages) {
     const bool accepted = package.finding.outcome == Outcome::Ok;
@@ -223,8 +219,7 @@ Report runDownload(const Options& options) {
       waitForEnd(package, *reporter);
     }
   }
-  conclude(report, packages);
-  return report;
+  return reportOf(packages);
 }
 
 }  // namespace tool

@@ -1,11 +1,11 @@
 // fw-update explain
-#include "explain/explanations.h"
-
 #include <unistd.h>
 
 #include <algorithm>
 
 #include "commands.h"
+#include "explain/explanations.h"
+#include "report.h"
 #include "terminal.h"
 
 namespace tool {
@@ -30,24 +30,26 @@ std::string textOf(const Explanation& explanation) {
   return text + wrapped("More: " + explanation.page, width, 2) + "\n";
 }
 
+frame::Report reportOf(const Explanation& explanation) {
+  frame::Report report{Outcome::Ok};
+  report.body = textOf(explanation);
+  report.details["pattern"] = explanation.pattern;
+  report.details["means"] = explanation.means;
+  report.details["whatToDo"] = explanation.remedy;
+  report.details["page"] = explanation.page;
+  return report;
+}
+
+constexpr const char* kNotKnown = "Give one whole line, in quotes, as the log or a command printed it.";
+
 }  // namespace
 
-Report runExplain(const Options& options) {
-  Report report;
+frame::Report runExplain(const Options& options) {
   const std::string line = joined(options.words);
-  report.details["line"] = line;
   const auto explanation = explain(line);
-  if (!explanation) {
-    report.finding = {Outcome::NotKnown, "No table has this line.",
-                      "Give one whole line, in quotes, as the log or a command printed it."};
-    return report;
-  }
-  report.details["pattern"] = explanation->pattern;
-  report.details["means"] = explanation->means;
-  report.details["whatToDo"] = explanation->remedy;
-  report.details["page"] = explanation->page;
-  report.body = textOf(*explanation);
-  report.finding = {Outcome::Ok, "", ""};
+  frame::Report report = explanation ? reportOf(*explanation)
+                                     : reportOf({Outcome::NotKnown, "No table has this line.", kNotKnown});
+  report.details["line"] = line;
   return report;
 }
 

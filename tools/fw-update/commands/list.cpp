@@ -1,83 +1,86 @@
 // fw-update list
 #include <unistd.h>
 
+#include <algorithm>
+
 #include "commands.h"
 #include "library/library.h"
+#include "report.h"
 #include "terminal.h"
 
 namespace tool {
 namespace {
 
-using Row = std::vector<std::string>;
+std::string kindOf(const ModuleFile& file) {
+  return file.problem ? "broken" : tool::kindOf(file.name);
+}
 
-Json::Value moduleJson(const Row& row) {
+// A module without a valid package identifier is listed, and of no use.
+std::vector<ModuleFile> readItems(const Library& library) {
+  std::vector<ModuleFile> files;
+  for (const FWUpdateItem& item : library.items) {
+    files.push_back({item.file_name, item.fw_name, item.version, bindingProblem(library, item.file_name)});
+  }
+  return files;
+}
+
+Finding findingOf(const Library& library, const std::vector<ModuleFile>& files) {
+  if (library.problem) {
+    return *library.problem;
+  }
+  if (files.empty()) {
+    return {Outcome::Ok, "No module is installed in /prd/usr/fwupdate/controls.", ""};
+  }
+  const auto broken = std::find_if(files.rbegin(), files.rend(),
+                                   [](const ModuleFile& file) { return file.problem.has_value(); });
+  return broken != files.rend()
+             ? *broken->problem
+             : Finding{Outcome::Ok, std::to_string(files.size()) + " modules are installed.", ""};
+}
+
+Json::Value moduleJson(const ModuleFile& file) {
   Json::Value module;
-  module["library"] = row[0];
-  module["firmware"] = row[1];
-  module["version"] = row[2];
-  module["kind"] = row[3];
+  module["library"] = file.name;
+  module["firmware"] = file.firmwareName;
+  module["version"] = file.version;
+  module["kind"] = kindOf(file);
   return module;
 }
 
-void addBroken(Report& report, const ModuleFile& file) {
+Json::Value brokenJson(const ModuleFile& file) {
   Json::Value broken;
   broken["library"] = file.name;
   broken["message"] = file.problem->message;
   broken["remedy"] = file.problem->remedy;
-  report.details["broken"].append(broken);
+  return broken;
 }
 
-// What can be read although the facade refuses to work: every file on its own.
-std::vector<Row> readOneByOne(Report& report) {
-  std::vector<Row> rows;
-  for (const ModuleFile& file : inspectModules()) {
-    rows.push_back({file.name, file.firmwareName, file.version, file.problem ? "broken" : kindOf(file.name)});
-    if (file.problem) {
-      addBroken(report, file);
-    }
+std::string tableOf(const std::vector<ModuleFile>& files) {
+  if (files.empty()) {
+    return "";
   }
-  return rows;
-}
-
-std::vector<Row> readItems(Report& report, const Library& library) {
-  std::vector<Row> rows;
-  for (const FWUpdateItem& item : library.items) {
-    const std::string name = item.file_name;
-    rows.push_back({name, item.fw_name, item.version, kindOf(name)});
-    // A module without a valid package identifier is listed, and of no use.
-    if (const auto problem = bindingProblem(library, name)) {
-      rows.back()[3] = "broken";
-      addBroken(report, {name, "", "", problem});
-      report.finding = *problem;
-    }
+  std::vector<std::vector<std::string>> rows{{"LIBRARY", "FIRMWARE", "VERSION", "KIND"}};
+  for (const ModuleFile& file : files) {
+    rows.push_back({file.name, file.firmwareName, file.version, kindOf(file)});
   }
-  return rows;
+  return table(rows, terminalWidth(STDOUT_FILENO));
 }
 
 }  // namespace
 
-Report runList(const Options&) {
-  Report report;
-  report.details["modules"] = Json::arrayValue;
+// When the facade refuses to work, every file is read on its own.
+frame::Report runList(const Options&) {
   const Library library = openLibrary();
-  report.finding = {Outcome::Ok, std::to_string(library.items.size()) + " modules are installed.", ""};
-
-  const auto rows = library.problem ? readOneByOne(report) : readItems(report, library);
-
-  if (library.problem) {
-    report.finding = *library.problem;
-  } else if (rows.empty()) {
-    report.finding.message = "No module is installed in /prd/usr/fwupdate/controls.";
+  const std::vector<ModuleFile> files = library.problem ? inspectModules() : readItems(library);
+  frame::Report report = reportOf(findingOf(library, files));
+  report.body = tableOf(files);
+  report.details["modules"] = Json::arrayValue;
+  for (const ModuleFile& file : files) {
+    report.details["modules"].append(moduleJson(file));
+    if (file.problem) {
+      report.details["broken"].append(brokenJson(file));
+    }
   }
-  if (rows.empty()) {
-    return report;
-  }
-  std::vector<Row> shown{{"LIBRARY", "FIRMWARE", "VERSION", "KIND"}};
-  for (const Row& row : rows) {
-    shown.push_back(row);
-    report.details["modules"].append(moduleJson(row));
-  }
-  report.body = table(shown, terminalWidth(STDOUT_FILENO));
   return report;
 }
 

@@ -9,6 +9,7 @@
 #include "lock/lock-recovery.h"
 #include "lock/lock-users.h"
 #include "lock/update-lock.h"
+#include "report.h"
 #include "terminal.h"
 
 namespace tool {
@@ -59,13 +60,13 @@ std::string usersTable(const LockUsers& users) {
   return rows.size() > 1 ? table(rows, terminalWidth(STDOUT_FILENO)) : "";
 }
 
-void describeUsers(Report& report, const LockUsers& users) {
-  report.details["processes"] = usersJson(users);
+void addTo(Json::Value& members, const LockUsers& users) {
+  members["processes"] = usersJson(users);
   if (!users.blindSpot().empty()) {
-    report.details["blindSpot"] = users.blindSpot();
+    members["blindSpot"] = users.blindSpot();
   }
   for (const pid_t process : users.hidden) {
-    report.details["hiddenProcesses"].append(process);
+    members["hiddenProcesses"].append(process);
   }
 }
 
@@ -116,38 +117,44 @@ std::string statusText(const Finding& finding, const LockUsers& users) {
   return text + usersTable(users);
 }
 
-}  // namespace
-
-Report runLockStatus(const Options&) {
-  Report report;
-  report.details["lock"] = UpdateLock::path();
-  const UpdateLock lock;
-  if (lock.error() != 0) {
-    report.finding = explainClosedLock(lock.error());
-    if (lock.error() == ENOENT) {
-      report.details["state"] = "absent";
-    }
-    return report;
+frame::Report reportOfClosed(int error) {
+  frame::Report report = reportOf(explainClosedLock(error));
+  if (error == ENOENT) {
+    report.details["state"] = "absent";
   }
-  const LockUsers users = findLockUsers(lock);
-  const int value = lock.value();
-  report.finding = findingOf(value, users);
-  report.details["value"] = value;
-  report.details["state"] = stateOf(value, users);
-  report.body = statusText(report.finding, users);
-  describeUsers(report, users);
   return report;
 }
 
-Report runLockRecover(const Options& options) {
-  Report report;
+frame::Report reportOf(const UpdateLock& lock) {
+  const LockUsers users = findLockUsers(lock);
+  const int value = lock.value();
+  const Finding finding = findingOf(value, users);
+  frame::Report report = reportOf(finding);
+  report.body = statusText(finding, users);
+  report.details["value"] = value;
+  report.details["state"] = stateOf(value, users);
+  addTo(report.details, users);
+  return report;
+}
+
+}  // namespace
+
+frame::Report runLockStatus(const Options&) {
+  const UpdateLock lock;
+  frame::Report report = lock.error() != 0 ? reportOfClosed(lock.error()) : reportOf(lock);
   report.details["lock"] = UpdateLock::path();
+  return report;
+}
+
+frame::Report runLockRecover(const Options& options) {
   const Recovery recovery = recoverUpdateLock(options.ignoreHidden);
-  report.finding = explainRecovery(recovery);
-  describeUsers(report, recovery.users);
-  if (report.finding.outcome == Outcome::LockInUse) {
+  const Finding finding = explainRecovery(recovery);
+  frame::Report report = reportOf(finding);
+  if (finding.outcome == Outcome::LockInUse) {
     report.body = usersTable(recovery.users);
   }
+  report.details["lock"] = UpdateLock::path();
+  addTo(report.details, recovery.users);
   return report;
 }
 

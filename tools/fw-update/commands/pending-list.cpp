@@ -11,6 +11,7 @@
 #include "library/library.h"
 #include "library/log-meanings.h"
 #include "lock/interruption.h"
+#include "report.h"
 #include "terminal.h"
 #include "whole-file.h"
 
@@ -68,40 +69,43 @@ int writeList(std::size_t mark) {
   return FWUpdateSymbolManager::getInstance()->writeFirmwareUpdateList(running);
 }
 
-}  // namespace
-
-Report runPendingList(const Options&) {
-  Report report;
-  report.details["path"] = fwpaths::kPendingList;
-  report.details["modules"] = Json::arrayValue;
-  const Library library = openLibrary();
-  if (library.problem) {
-    report.finding = *library.problem;
-    return report;
-  }
-
+// Fills rows, unless a module breaks off.
+Finding write(Rows& rows) {
   const std::size_t mark = LibraryLog::instance().mark();
   try {
     const int result = writeList(mark);
     const LogMessages messages = LibraryLog::instance().since(mark);
-    const Rows rows = found(messages);
-    report.finding = explain(result, messages, rows);
-    Rows shown{{"LIBRARY", "PACKAGE"}};
-    for (const auto& row : rows) {
-      Json::Value module;
-      module["library"] = row[0];
-      module["package"] = row[1];
-      report.details["modules"].append(module);
-      shown.push_back(row);
-    }
-    if (!rows.empty()) {
-      report.body = table(shown, terminalWidth(STDOUT_FILENO));
-    }
+    rows = found(messages);
+    return explain(result, messages, rows);
   } catch (const std::exception& error) {
-    report.finding = {Outcome::ModuleFailed,
-                      std::string("A module broke off with an error of its own: ") + error.what() +
-                          ". The list is incomplete.",
-                      "Install a version of the module that fits this device, or remove it."};
+    Finding finding = brokeOff("A module", error);
+    finding.message += " The list is incomplete.";
+    return finding;
+  }
+}
+
+std::string tableOf(Rows rows) {
+  if (rows.empty()) {
+    return "";
+  }
+  rows.insert(rows.begin(), {"LIBRARY", "PACKAGE"});
+  return table(rows, terminalWidth(STDOUT_FILENO));
+}
+
+}  // namespace
+
+frame::Report runPendingList(const Options&) {
+  const Library library = openLibrary();
+  Rows rows;
+  frame::Report report = reportOf(library.problem ? *library.problem : write(rows));
+  report.body = tableOf(rows);
+  report.details["path"] = fwpaths::kPendingList;
+  report.details["modules"] = Json::arrayValue;
+  for (const auto& row : rows) {
+    Json::Value module;
+    module["library"] = row[0];
+    module["package"] = row[1];
+    report.details["modules"].append(module);
   }
   return report;
 }

@@ -1,6 +1,7 @@
 // fw-update progress NAME
 #include "commands.h"
 #include "library/library.h"
+#include "report.h"
 
 namespace tool {
 namespace {
@@ -17,25 +18,26 @@ Finding explain(int result, const std::string& module, unsigned int progress) {
           "Check that the component is connected."};
 }
 
-}  // namespace
-
-Report runProgress(const Options& options) {
-  Report report;
-  report.details["module"] = options.module;
+frame::Report ask(const std::string& module) {
   const Library library = openLibrary();
-  if (const auto problem = moduleProblem(library, options.module)) {
-    report.finding = *problem;
-    return report;
+  if (const auto problem = moduleProblem(library, module)) {
+    return reportOf(*problem);
   }
-
   unsigned int progress = 0;
-  const int result = library.facade->fw_getUpdateProgress(options.module.c_str(), &progress);
-
+  const int result = library.facade->fw_getUpdateProgress(module.c_str(), &progress);
+  frame::Report report = reportOf(explain(result, module, progress));
   report.details["result"] = result;
   if (result == 0) {
     report.details["progress"] = progress;
   }
-  report.finding = explain(result, options.module, progress);
+  return report;
+}
+
+}  // namespace
+
+frame::Report runProgress(const Options& options) {
+  frame::Report report = ask(options.module);
+  report.details["module"] = options.module;
   return report;
 }
 

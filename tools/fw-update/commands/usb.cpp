@@ -8,17 +8,19 @@
 #include <exception>
 #include <future>
 #include <iostream>
-#include <memory>
+#include <optional>
 
 #include "commands.h"
+#include "device-paths.h"
 #include "fw-update-symbol-manager.h"
 #include "isolation/supervised.h"
 #include "library/library.h"
+#include "library/log-meanings.h"
 #include "lock/interruption.h"
-#include "progress/progress-poller.h"
-#include "progress/progress-reporter.h"
+#include "report.h"
 #include "secret-file.h"
 #include "terminal.h"
+#include "usb/package-progress.h"
 #include "usb/package-refusal.h"
 #include "usb/usb-packages.h"
 
@@ -32,78 +34,76 @@ constexpr const char* kUncheckedWarning =
     "signatures were NOT checked: /usr/lib/libkZAQUser.so cannot be used, and the library then takes every "
     "package";
 
-void warn(Report& report, const Options& options, const std::string& sentence) {
-  if (options.json || options.ndjson) {
-    report.details["warnings"].append(sentence);
+// One command, and what it has found so far.
+struct Session {
+  explicit Session(const Options& given) : options(given) {}
+
+  const Options& options;
+  Library library;
+  std::optional<secret::Secret> key;
+  std::string directory;              // empty: there is none
+  std::vector<std::string> warnings;  // for programs
+  std::vector<PackageState> states;
+  struct Estimate {
+    int seconds = 0;  // the library's own sum
+    bool signaturesChecked = false;
+  };
+  std::optional<Estimate> estimate;
+  std::optional<int> result;  // the library's
+  std::optional<double> elapsedSeconds;
+  bool moduleRuns = false;  // a thread is still inside a module
+};
+
+void warn(Session& session, const std::string& sentence) {
+  if (session.options.json || session.options.ndjson) {
+    session.warnings.push_back(sentence);
   } else {
     std::cerr << "fw-update: warning: " << sentence << std::endl;
   }
 }
 
-// With the "/" at the end that the library wants; empty when there is none.
-std::string packageDirectory(const Options& options, Report& report) {
-  if (options.directory.empty()) {
-    std::string drive;
-    if (!FWUpdateSymbol("").getUsbMountPath(drive)) {
-      report.finding = {Outcome::RefusedImage, "No USB drive is mounted.",
-                        "Plug in the drive and wait until it is mounted at /opt/media/USBDriveA, or name the "
-                        "packages' directory."};
+// ---- What both need first; each step gives what stands in the way ----------------
+
+// With the "/" at the end that the library wants.
+std::optional<Finding> findDirectory(Session& session) {
+  const std::string& named = session.options.directory;
+  if (named.empty()) {
+    if (FWUpdateSymbol("").getUsbMountPath(session.directory)) {
+      return std::nullopt;
     }
-    return drive;
+    return Finding{Outcome::RefusedImage, "No USB drive is mounted.",
+                   std::string("Plug in the drive and wait until it is mounted at ") + fwpaths::kUsbDrive +
+                       ", or name the packages' directory."};
   }
   struct stat status = {};
-  if (stat(options.directory.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) {
-    report.finding = {Outcome::Usage, options.directory + " is no directory.",
-                      "Name the directory that holds the packages, such as tunerfw.bin."};
-    return "";
+  if (stat(named.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) {
+    return Finding{Outcome::Usage, named + " is no directory.",
+                   "Name the directory that holds the packages, such as tunerfw.bin."};
   }
-  return options.directory.back() == '/' ? options.directory : options.directory + "/";
+  session.directory = named.back() == '/' ? named : named + "/";
+  return std::nullopt;
 }
 
-// False when the report says why not.
-bool permitRollback(const Options& options, Report& report) {
-  const auto problem = options.allowRollback ? allowRollback() : std::nullopt;
-  if (problem) {
-    report.finding = *problem;
-  }
-  return !problem;
-}
-
-struct Session {
-  Library library;
-  secret::Secret key{0};
-  std::string directory;
-  std::vector<PackageState> states;
-};
-
-// Null when the report says why not.
-std::unique_ptr<Session> open(const Options& options, Report& report) {
-  report.details["modules"] = Json::arrayValue;
-  if (!permitRollback(options, report)) {
-    return nullptr;
-  }
+std::optional<Finding> readKey(Session& session) {
   try {
-    auto session =
-        std::make_unique<Session>(Session{Library{}, secret::readPackageKey(options.keyFile), "", {}});
-    if (!session->key.warning.empty()) {
-      warn(report, options, session->key.warning);
-    }
-    session->directory = packageDirectory(options, report);
-    if (session->directory.empty()) {
-      return nullptr;
-    }
-    report.details["directory"] = session->directory;
-    session->library = openLibrary();
-    if (!session->library.problem) {
-      return session;
-    }
-    report.finding = *session->library.problem;
+    session.key.emplace(secret::readPackageKey(session.options.keyFile));
   } catch (const secret::Error& error) {
-    report.finding = {
-        Outcome::Usage, std::string(error.what()) + ".",
-        "Name a file that holds the packages' key: 32 bytes, as fw-pack keygen package makes it."};
+    return Finding{Outcome::Usage, std::string(error.what()) + ".",
+                   "Name a file that holds the packages' key: 32 bytes, as fw-pack keygen package makes it."};
   }
-  return nullptr;
+  if (!session.key->warning.empty()) {
+    warn(session, session.key->warning);
+  }
+  return std::nullopt;
+}
+
+std::optional<Finding> permitRollback(Session& session) {
+  return session.options.allowRollback ? allowRollback() : std::nullopt;
+}
+
+std::optional<Finding> open(Session& session) {
+  session.library = openLibrary();
+  return session.library.problem;
 }
 
 // The library says only that a package is refused.
@@ -115,29 +115,36 @@ void explainRefusals(Session& session) {
   }
 }
 
-// The library's own sum; false when a module broke off.
-bool estimate(Session& session, const Options& options, Report& report) {
+std::optional<Finding> estimate(Session& session) {
   const std::size_t mark = LibraryLog::instance().mark();
-  int seconds = 0;
+  Session::Estimate estimated;
   try {
-    FWUpdateSymbolManager::getInstance()->getFirmwareUpdateTime(session.key.data(), session.directory.c_str(),
-                                                                seconds);
+    FWUpdateSymbolManager::getInstance()->getFirmwareUpdateTime(session.key->data(),
+                                                                session.directory.c_str(), estimated.seconds);
   } catch (const std::exception& error) {
-    report.finding = {Outcome::ModuleFailed,
-                      std::string("A module broke off with an error of its own: ") + error.what() + ".",
-                      "Install a version of the module that fits this device, or remove it."};
-    return false;
+    return brokeOff("A module", error);
   }
   const LogMessages messages = LibraryLog::instance().since(mark);
   session.states = readEstimate(session.library, messages);
   explainRefusals(session);
-  report.details["totalSeconds"] = seconds;
-  report.details["signaturesChecked"] = signaturesChecked(messages);
-  if (!signaturesChecked(messages)) {
-    warn(report, options, kUncheckedWarning);
+  estimated.signaturesChecked = signaturesChecked(messages);
+  session.estimate = estimated;
+  if (!estimated.signaturesChecked) {
+    warn(session, kUncheckedWarning);
   }
-  return true;
+  return std::nullopt;
 }
+
+std::optional<Finding> prepare(Session& session) {
+  for (const auto step : {permitRollback, readKey, findDirectory, open, estimate}) {
+    if (auto problem = step(session)) {
+      return problem;
+    }
+  }
+  return std::nullopt;
+}
+
+// ---- The report -------------------------------------------------------------------
 
 Json::Value moduleJson(const PackageState& state) {
   Json::Value module;
@@ -148,12 +155,44 @@ Json::Value moduleJson(const PackageState& state) {
   if (state.needed) {
     module["expectedSeconds"] = state.seconds;
   }
-  module["outcome"] = infoOf(state.finding.outcome).id;
-  module["reason"] = state.finding.message;
-  if (!state.finding.remedy.empty()) {
-    module["remedy"] = state.finding.remedy;
+  if (state.versionAfter) {
+    module["versionAfter"] = *state.versionAfter;
   }
+  addTo(module, state.finding, "reason");
   return module;
+}
+
+Json::Value membersOf(const Session& session) {
+  Json::Value members;
+  members["modules"] = Json::arrayValue;
+  for (const PackageState& state : session.states) {
+    members["modules"].append(moduleJson(state));
+  }
+  for (const std::string& sentence : session.warnings) {
+    members["warnings"].append(sentence);
+  }
+  if (!session.directory.empty()) {
+    members["directory"] = session.directory;
+  }
+  if (session.estimate) {
+    members["totalSeconds"] = session.estimate->seconds;
+    members["signaturesChecked"] = session.estimate->signaturesChecked;
+  }
+  if (session.result) {
+    members["result"] = *session.result;
+  }
+  if (session.elapsedSeconds) {
+    members["elapsedSeconds"] = *session.elapsedSeconds;
+  }
+  return members;
+}
+
+frame::Report reportOf(const Session& session, const Finding& finding, const std::string& text = "") {
+  frame::Report report = reportOf(finding);
+  report.details = membersOf(session);
+  report.body = text;
+  report.endsAtOnce = session.moduleRuns;
+  return report;
 }
 
 const char* answerOf(const PackageState& state) {
@@ -168,22 +207,24 @@ std::size_t countNeeded(const Session& session) {
                                                 [](const PackageState& state) { return state.needed; }));
 }
 
-std::string estimateTable(const Session& session, int totalSeconds) {
+std::string estimateTable(const Session& session) {
   std::vector<std::vector<std::string>> rows{{"LIBRARY", "FIRMWARE", "VERSION", "UPDATE", "TIME", "REASON"}};
   for (const PackageState& state : session.states) {
     rows.push_back({state.library, state.firmware, state.version, answerOf(state),
                     state.needed ? std::to_string(state.seconds) + " s" : "", state.finding.message});
   }
-  rows.push_back(
-      {"total", "", "", std::to_string(countNeeded(session)), std::to_string(totalSeconds) + " s", ""});
+  rows.push_back({"total", "", "", std::to_string(countNeeded(session)),
+                  std::to_string(session.estimate->seconds) + " s", ""});
   return table(rows, terminalWidth(STDOUT_FILENO));
 }
 
-void describeModules(const Session& session, Report& report) {
-  report.details["modules"] = Json::arrayValue;
+std::string resultTable(const Session& session) {
+  std::vector<std::vector<std::string>> rows{{"LIBRARY", "FIRMWARE", "BEFORE", "NOW", "RESULT"}};
   for (const PackageState& state : session.states) {
-    report.details["modules"].append(moduleJson(state));
+    rows.push_back({state.library, state.firmware, state.version, state.versionAfter.value_or(""),
+                    state.finding.message});
   }
+  return table(rows, terminalWidth(STDOUT_FILENO));
 }
 
 // When no module needs a package: the first refusal, or that there is nothing to do.
@@ -192,156 +233,84 @@ Finding whyNothing(const Session& session) {
       .value_or(Finding{Outcome::NothingToDo, "No module needs a package of " + session.directory + ".", ""});
 }
 
-// ---- applying -----------------------------------------------------------------
+// ---- Applying ---------------------------------------------------------------------
 
-// Tells the progress of one package after the other.
-class PackageProgress {
- public:
-  PackageProgress(const Options& chosen, const std::vector<PackageState>& all)
-      : options_(chosen), states_(all) {}
-
-  void tick(const LogMessages& messages) {
-    const auto running = runningPackage(states_, messages);
-    if (running && running->since != since_) {
-      start(*running);
-    }
-    if (!running || !poller_) {
-      return;
-    }
-    UpdateProgress progress;
-    progress.module = states_[running->index].library;
-    progress.phase = Phase::Updating;
-    progress.elapsed = std::chrono::duration<double>(Clock::now() - running->since).count();
-    progress.percent = poller_->percent();
-    progress.limit = TimeLimit{static_cast<unsigned int>(states_[running->index].seconds), 0};
-    reporter_->tick(progress);
-  }
-
-  // False when a module does not answer.
-  bool finish() {
-    if (reporter_) {
-      reporter_->finish();
-    }
-    const bool answered = !poller_ || poller_->stop();
-    poller_.reset();
-    return answered;
-  }
-
- private:
-  void start(const RunningPackage& running) {
-    finish();
-    since_ = running.since;
-    const std::string& module = states_[running.index].library;
-    reporter_ = makeProgressReporter(options_);
-    poller_ = std::make_unique<ProgressPoller>(module);
-    if (options_.ndjson) {
-      Json::Value event;
-      event["event"] = "start";
-      event["module"] = module;
-      std::cout << onOneLine(event) << std::flush;
-    }
-  }
-
-  const Options& options_;
-  const std::vector<PackageState>& states_;
-  std::unique_ptr<ProgressReporter> reporter_;
-  std::unique_ptr<ProgressPoller> poller_;
-  Clock::time_point since_;
-};
-
-// False when a module broke off; then the finding says so.
-bool applyPackages(Session& session, const Options& options, Report& report) {
-  const std::size_t mark = LibraryLog::instance().mark();
-  const Clock::time_point start = Clock::now();
-  const InterruptionGuard guard(mark);
-  auto result = std::async(std::launch::async, [&] {
-    return FWUpdateSymbolManager::getInstance()->doUpdateUSB(session.key.data(), session.directory.c_str());
-  });
-  PackageProgress progress(options, session.states);
-  do {
-    progress.tick(LibraryLog::instance().since(mark));
-  } while (result.wait_for(kRedraw) != std::future_status::ready);
-  report.moduleRuns = !progress.finish();
-  readResults(session.states, LibraryLog::instance().since(mark));
-  explainRefusals(session);
-  report.details["elapsedSeconds"] = rounded(std::chrono::duration<double>(Clock::now() - start).count());
-  try {
-    report.details["result"] = result.get();
-    return true;
-  } catch (const std::exception& error) {
-    report.finding = {Outcome::ModuleFailed,
-                      std::string("A module broke off with an error of its own: ") + error.what() + ".",
-                      "Install a version of the module that fits this device."};
-    return false;
-  }
-}
-
-void describeResults(const Session& session, Report& report) {
-  describeModules(session, report);
-  std::vector<std::vector<std::string>> rows{{"LIBRARY", "FIRMWARE", "BEFORE", "NOW", "RESULT"}};
-  for (Json::Value& module : report.details["modules"]) {
-    const std::string library = module["library"].asString();
+// A module that failed may still be busy; then none is asked.
+void askVersions(Session& session) {
+  for (PackageState& state : session.states) {
     char version[128] = {};
-    supervised::tellStep(Step::Version, library);
-    if (!report.moduleRuns && session.library.facade->fw_getVersion(library.c_str(), version) == 0) {
-      module["versionAfter"] = version;
+    supervised::tellStep(Step::Version, state.library);
+    if (!session.moduleRuns && session.library.facade->fw_getVersion(state.library.c_str(), version) == 0) {
+      state.versionAfter = version;
     }
-    rows.push_back({library, module["firmware"].asString(), module["version"].asString(), version,
-                    module["reason"].asString()});
   }
-  report.body = table(rows, terminalWidth(STDOUT_FILENO));
 }
 
-Finding summary(const Session& session, const Report& report) {
+Finding summary(const Session& session) {
   if (const auto problem = firstProblem(session.states)) {
     return *problem;
   }
   char text[80];
   std::snprintf(text, sizeof text, "%zu %s in %.1f s.", countNeeded(session),
                 countNeeded(session) == 1 ? "package was applied" : "packages were applied",
-                report.details["elapsedSeconds"].asDouble());
+                *session.elapsedSeconds);
   return {Outcome::Updated, text, ""};
+}
+
+Finding findingOf(Session& session, std::future<int>& result) {
+  try {
+    session.result = result.get();
+    return summary(session);
+  } catch (const std::exception& error) {
+    return {Outcome::ModuleFailed, brokeOff("A module", error).message,
+            "Install a version of the module that fits this device."};
+  }
+}
+
+Finding applyPackages(Session& session) {
+  const std::size_t mark = LibraryLog::instance().mark();
+  const Clock::time_point start = Clock::now();
+  const InterruptionGuard guard(mark);
+  auto result = std::async(std::launch::async, [&] {
+    return FWUpdateSymbolManager::getInstance()->doUpdateUSB(session.key->data(), session.directory.c_str());
+  });
+  PackageProgress progress(session.options, session.states);
+  do {
+    progress.tick(LibraryLog::instance().since(mark));
+  } while (result.wait_for(kRedraw) != std::future_status::ready);
+  session.moduleRuns = !progress.finish();
+  readResults(session.states, LibraryLog::instance().since(mark));
+  explainRefusals(session);
+  session.elapsedSeconds = rounded(std::chrono::duration<double>(Clock::now() - start).count());
+  return findingOf(session, result);
 }
 
 }  // namespace
 
-Report runUsbEstimate(const Options& options) {
-  Report report;
-  const auto session = open(options, report);
-  if (!session || !estimate(*session, options, report)) {
-    return report;
+frame::Report runUsbEstimate(const Options& options) {
+  Session session(options);
+  if (const auto problem = prepare(session)) {
+    return reportOf(session, *problem);
   }
-  describeModules(*session, report);
-  const int seconds = report.details["totalSeconds"].asInt();
-  report.body = estimateTable(*session, seconds);
-  report.finding = {Outcome::Ok,
-                    std::to_string(countNeeded(*session)) + " modules need a package, in about " +
-                        std::to_string(seconds) + " s.",
-                    ""};
-  if (countNeeded(*session) == 0) {
-    report.finding = whyNothing(*session);
-  }
-  return report;
+  const std::size_t needed = countNeeded(session);
+  const Finding summed = {Outcome::Ok,
+                          std::to_string(needed) + " modules need a package, in about " +
+                              std::to_string(session.estimate->seconds) + " s.",
+                          ""};
+  return reportOf(session, needed == 0 ? whyNothing(session) : summed, estimateTable(session));
 }
 
-Report runUsbApply(const Options& options) {
-  Report report;
-  const auto session = open(options, report);
-  if (!session || !estimate(*session, options, report)) {
-    return report;
+frame::Report runUsbApply(const Options& options) {
+  Session session(options);
+  if (const auto problem = prepare(session)) {
+    return reportOf(session, *problem);
   }
-  if (countNeeded(*session) == 0) {
-    describeModules(*session, report);
-    report.body = estimateTable(*session, 0);
-    report.finding = whyNothing(*session);
-    return report;
+  if (countNeeded(session) == 0) {
+    return reportOf(session, whyNothing(session), estimateTable(session));
   }
-  const bool applied = applyPackages(*session, options, report);
-  describeResults(*session, report);
-  if (applied) {
-    report.finding = summary(*session, report);
-  }
-  return report;
+  const Finding finding = applyPackages(session);
+  askVersions(session);
+  return reportOf(session, finding, resultTable(session));
 }
 
 }  // namespace tool

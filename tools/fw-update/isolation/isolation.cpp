@@ -17,6 +17,7 @@
 #include "isolation/supervised.h"
 #include "lock/lock-recovery.h"
 #include "progress/progress-reporter.h"
+#include "report.h"
 #include "terminal.h"
 #include "update-all/run-note.h"
 
@@ -158,23 +159,26 @@ void tellCleanUp(Finding& finding, const CleanedUp& cleaned, const ChildRecord& 
   }
 }
 
-void describe(Report& report, const CleanedUp& cleaned, const ChildRecord& child) {
-  if (!moduleOf(child).empty()) {
-    report.details["module"] = moduleOf(child);
+void addList(Json::Value& members, const char* name, const std::vector<std::string>& directories) {
+  for (const std::string& directory : directories) {
+    members[name].append(directory);
   }
-  report.details["step"] = idOf(child.step);
+}
+
+// The same for programs.
+void addTo(Json::Value& members, const CleanedUp& cleaned, const ChildRecord& child) {
+  if (!moduleOf(child).empty()) {
+    members["module"] = moduleOf(child);
+  }
+  members["step"] = idOf(child.step);
   if (isGivenBack(cleaned)) {
-    report.details["lock"] = "given-back";
+    members["lock"] = "given-back";
   }
   if (isLeftTaken(cleaned, child)) {
-    report.details["lock"] = "left-taken";
+    members["lock"] = "left-taken";
   }
-  for (const std::string& directory : cleaned.unmounted) {
-    report.details["unmounted"].append(directory);
-  }
-  for (const std::string& directory : cleaned.left) {
-    report.details["leftMounted"].append(directory);
-  }
+  addList(members, "unmounted", cleaned.unmounted);
+  addList(members, "leftMounted", cleaned.left);
 }
 
 // The run that the child was at has left a note for the next command to tell: this one
@@ -186,35 +190,36 @@ void tellRun(Finding& finding) {
   }
 }
 
-Report reportOf(Watch& watch, const CleanedUp& cleaned) {
+Finding explain(Watch& watch) {
+  return watch.hungFor() ? explainHang(watch.record(), *watch.hungFor())
+                         : explainCrash(watch.record(), watch.status().value_or(0));
+}
+
+frame::Report reportOf(Watch& watch, const CleanedUp& cleaned) {
   const ChildRecord& child = watch.record();
   const auto status = watch.status();
-  Report report;
-  if (watch.hungFor()) {
-    report.finding = explainHang(child, *watch.hungFor());
-  } else {
-    report.finding = explainCrash(child, *status);
-  }
+  Finding finding = explain(watch);
   if (!status) {
-    report.finding.message +=
+    finding.message +=
         " The kernel does not end it: process " + std::to_string(watch.process()) + " is still there.";
-  } else if (!watch.hungFor() && WIFSIGNALED(*status)) {
+  }
+  tellCleanUp(finding, cleaned, child);
+  tellRun(finding);
+  frame::Report report = reportOf(finding);
+  if (status && !watch.hungFor() && WIFSIGNALED(*status)) {
     report.details["signal"] = signalName(WTERMSIG(*status));
   }
   if (!watch.hungFor() && child.askedForProgress != 0) {
     report.details["askedForProgress"] = true;
   }
-  tellCleanUp(report.finding, cleaned, child);
-  tellRun(report.finding);
-  describe(report, cleaned, child);
+  addTo(report.details, cleaned, child);
   return report;
 }
 
 // Its result is out: what comes now changes nothing about it.
 void warn(Watch& watch) {
-  const Finding finding = watch.hungFor() ? explainHang(watch.record(), *watch.hungFor())
-                                          : explainCrash(watch.record(), watch.status().value_or(0));
-  std::cerr << wrapped("fw-update: warning: " + finding.message, terminalWidth(STDERR_FILENO)) << std::endl;
+  const std::string text = "fw-update: warning: " + explain(watch).message;
+  std::cerr << wrapped(text, terminalWidth(STDERR_FILENO)) << std::endl;
 }
 
 // Whether the child ended as its own signal or this process's made it.

@@ -8,17 +8,17 @@
 #include <optional>
 
 #include "command-line.h"
+#include "frame/report.h"
 #include "library/library-log.h"
-#include "report.h"
 
 namespace tool {
 
 struct IsolatedEnd {
-  bool isChild = false;          // this is the child: the command is to be run
-  int exitCode = 0;              // of the child, when it has put its result out
-  std::optional<Report> report;  // what is to be put out when it has not
-  LogMessages log;               // the library's, as the child's trace has it; with --log
-  int signal = 0;                // the one that this process is to end by
+  bool isChild = false;                 // this is the child: the command is to be run
+  int exitCode = 0;                     // of the child, when it has put its result out
+  std::optional<frame::Report> report;  // what is to be put out when it has not
+  LogMessages log;                      // the library's, as the child's trace has it; with --log
+  int signal = 0;                       // the one that this process is to end by
 };
 
 // Returns in both processes.

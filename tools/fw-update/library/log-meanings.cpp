@@ -101,6 +101,11 @@ Finding explainUpdate(int result, const LogMessages& messages, const std::string
   return explainSilence(result, messages, module);
 }
 
+Finding brokeOff(const std::string& module, const std::exception& error) {
+  return {Outcome::ModuleFailed, module + " broke off with an error of its own: " + error.what() + ".",
+          "Install a version of the module that fits this device, or remove it."};
+}
+
 std::optional<TimeLimit> timeLimit(const LogMessages& messages) {
   const fwmessages::UpdateTracker tracker = trackerOf(messages);
   for (const fwmessages::Update& update : tracker.updates()) {

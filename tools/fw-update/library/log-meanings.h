@@ -3,6 +3,7 @@
 #ifndef FW_UPDATE_TOOL_LOG_MEANINGS_H
 #define FW_UPDATE_TOOL_LOG_MEANINGS_H
 
+#include <exception>
 #include <optional>
 #include <string>
 
@@ -18,6 +19,9 @@ std::optional<Finding> strongestMeaning(const LogMessages& messages, const std::
 // How an update request ended, from the facade's result and the messages that
 // were logged while it ran.
 Finding explainUpdate(int result, const LogMessages& messages, const std::string& module);
+
+// A module that threw out of one of its entry points. module: "A module" when it may be any.
+Finding brokeOff(const std::string& module, const std::exception& error);
 
 // Of the update that these messages tell of, once the library has logged it.
 using fwmessages::TimeLimit;

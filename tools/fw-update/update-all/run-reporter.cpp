@@ -8,6 +8,7 @@
 #include "clean-output.h"
 #include "progress/milestones.h"
 #include "progress/progress-reporter.h"
+#include "report.h"
 #include "terminal.h"
 #include "text-layout.h"
 
@@ -197,11 +198,7 @@ Json::Value planJson(const PlannedModule& module) {
     value["expectedSeconds"] = module.expectedSeconds;
     return value;
   }
-  value["outcome"] = infoOf(module.reason.outcome).id;
-  value["message"] = module.reason.message;
-  if (!module.reason.remedy.empty()) {
-    value["remedy"] = module.reason.remedy;
-  }
+  addTo(value, module.reason);
   return value;
 }
 

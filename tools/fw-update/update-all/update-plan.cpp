@@ -88,11 +88,7 @@ PlannedModule ask(const Library& library, const FWUpdateItem& item, bool leaveNo
 
 // The run would ask it too, and break off there.
 Finding brokeOff(const Library& library, const std::string& module, const std::exception& error) {
-  if (const auto problem = bindingProblem(library, module)) {
-    return *problem;
-  }
-  return {Outcome::ModuleFailed, module + " broke off with an error of its own: " + error.what() + ".",
-          "Install a version of the module that fits this device, or remove it."};
+  return bindingProblem(library, module).value_or(tool::brokeOff(module, error));
 }
 
 }  // namespace

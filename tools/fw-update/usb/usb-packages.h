@@ -21,6 +21,7 @@ struct PackageState {
   int seconds = 0;         // when needed
   bool notSigned = false;  // says the verification library
   Finding finding;         // why not, or how the update went
+  std::optional<std::string> versionAfter = {};
 };
 
 // The library's messages of one module each, in the order of its work.
