@@ -414,6 +414,25 @@ TEST_F(TraceStorageTest, GivesAForkedChildATraceOfItsOwnWithTheLocations) {
   EXPECT_EQ(files[1].trace.parentId, files[0].trace.processId);
 }
 
+TEST_F(TraceStorageTest, LeavesTheRingOfTheParentAloneWhenTheForkedThreadEnds) {
+  if (thoroughness::kUnderASanitizer) {
+    GTEST_SKIP() << "a sanitizer starts no threads after a fork";
+  }
+  EXPECT_EQ(inChild([] {
+              const std::uint32_t location = registerNumber();
+              int ended = -1;
+              std::thread([&] {
+                write(location, Int(1));
+                ended = wait(start([location] {
+                  std::thread([location] { write(location, Int(2)); }).join();
+                  pthread_exit(nullptr);
+                }));
+              }).join();
+              EXPECT_EQ(ended, 0);
+            }),
+            0);
+}
+
 TEST_F(TraceStorageTest, MakesNoFileForAForkedChildWithoutMessages) {
   inChild([] {
     write(registerNumber(), Int(1));
