@@ -175,6 +175,16 @@ TEST_F(DownloadProgram, SaysThatTheDirectoryOfPackagesCannotBeWritten) {
   EXPECT_THAT(result.error, HasSubstr("/run/fw-download cannot be used: "));
 }
 
+TEST_F(DownloadProgram, TellsTheLogHowItEnded) {
+  configure("file://" + serveFile(kWifi + ".img", makeImage(1000)));
+  const auto logged = [](const std::string& package) {
+    return runProgram({{FW_DOWNLOAD_PROGRAM, package}, "/", 0, {"FW_UPDATE_LOG=stderr"}}).error;
+  };
+
+  EXPECT_THAT(logged(kWifi), HasSubstr("I FWUPDATE download of wifiempfw done\n"));
+  EXPECT_THAT(logged("absentempfw"), HasSubstr("E FWUPDATE download of absentempfw failed: "));
+}
+
 TEST_F(DownloadProgram, TellsInJsonWhyItDoesNotBegin) {
   const Json::Value unconfigured = documentIn(run({kWifi, "--json"}));
   configure("file:///tmp/served");
