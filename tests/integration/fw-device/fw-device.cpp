@@ -914,13 +914,14 @@ TEST_P(FwDeviceRoot, IsRefusedWhenItIsNoRootFileSystem) {
 
 TEST_P(FwDevice, ShellRunsTheUsersShell) {
   makeDevice();
-  makeExecutable(home + "/build/bin/own-shell", "#!/bin/sh\necho own shell; exec sh\n");
+  makeExecutable(home + "/build/bin/own-shell", "#!/bin/sh\necho \"own shell, $PS1\"; exec sh\n");
   auto shell = start({"shell", device});
   shell.environment = {"SHELL=" + home + "/build/bin/own-shell"};
 
   const auto result = runProgram(shell, "echo $debian_chroot; exit 7\n");
 
-  EXPECT_EQ(result.output, "own shell\ntv\n");
+  EXPECT_EQ(result.output, "own shell, (tv) # \ntv\n");
+  EXPECT_EQ(result.error, "On the device tv; leave it with exit.\n");
   EXPECT_EQ(result.exitCode, 7);
 }
 
