@@ -394,6 +394,19 @@ TEST_F(PrivilegedService, NeedsNoOtherMountCallsThanItsUnitLeavesIt) {
   expectServing();
 }
 
+TEST_F(PrivilegedService, EndsWhenItCannotGiveUpItsRights) {
+  for (const int call : {SYS_prctl, SYS_capget, SYS_capset}) {
+    ServiceStart how;
+    how.deniedCalls = {call};
+    ServiceProcess service(how);
+
+    EXPECT_THAT(service.waitForLine("fw-privileged"),
+                HasSubstr("giving up rights that it does not need: Operation not permitted"))
+        << call;
+    EXPECT_EQ(service.waitForEnd(), 1) << call;
+  }
+}
+
 TEST_F(PrivilegedService, EndsWhenItsGroupDoesNotExist) {
   ServiceProcess service(ServiceStart{{"--group", "no-such-group"}, -1, {}});
 
@@ -684,6 +697,7 @@ TEST_F(PrivilegedService, TakesItsSocketFromTheServiceManager) {
 
   expectServing();
 
+  EXPECT_NE(fcntl(listener.get(), F_GETFL) & O_NONBLOCK, 0) << "a client that has gone is not waited for";
   service_->signal(SIGTERM);
   EXPECT_EQ(service_->waitForEnd(), 0);
   EXPECT_TRUE(exists(kPrivilegedSocketPath)) << "the socket is the service manager's";
@@ -841,9 +855,14 @@ TEST_F(PrivilegedService, LeavesAFileInItsPlaceAlone) {
 }
 
 TEST_F(PrivilegedService, ExplainsItsArguments) {
-  for (const std::vector<std::string>& arguments :
-       {std::vector<std::string>{"--grup"}, {"--group"}, {"stray"}}) {
-    ServiceProcess service(ServiceStart{arguments, -1, {}});
+  const std::pair<std::string, std::string> misuses[] = {
+      {"--grup", "no such option, or no value for it: \"--grup\""},
+      {"--group", "no such option, or no value for it: \"--group\""},
+      {"stray", "unexpected argument \"stray\""},
+  };
+  for (const auto& [argument, sentence] : misuses) {
+    ServiceProcess service(ServiceStart{{argument}, -1, {}});
+    EXPECT_EQ(service.waitForLine("fw-privileged: "), "fw-privileged: " + sentence);
     EXPECT_FALSE(service.waitForLine("Usage: fw-privileged").empty());
     EXPECT_EQ(service.waitForEnd(), 2);
   }
