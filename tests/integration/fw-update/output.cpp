@@ -10,6 +10,7 @@
 
 namespace {
 
+using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::Not;
 using ::testing::StartsWith;
@@ -62,6 +63,21 @@ TEST_F(Output, AsNdjsonTellsStartProgressAndResult) {
     EXPECT_GE(events[i]["percent"].asUInt(), percent);
     percent = events[i]["percent"].asUInt();
   }
+}
+
+TEST_F(Output, DoesNotTakeTheEndOfTheUpdateBeforeForProgress) {
+  installOddModule();
+  installImage("oddfw");
+
+  const Ended ended = run({"update", "libodd", "--progress", "ndjson"}, {{"ODD_MODULE=old-progress"}});
+
+  std::vector<int> percents;
+  for (const Json::Value& event : lines(ended.out)) {
+    if (event.isMember("percent")) {
+      percents.push_back(event["percent"].asInt());
+    }
+  }
+  EXPECT_THAT(percents, ElementsAre(50));
 }
 
 TEST_F(Output, AsNdjsonTellsOnceThatAnUpdateIsOverdue) {

@@ -13,6 +13,7 @@ namespace {
 
 constexpr std::chrono::milliseconds kInterval{100};
 constexpr std::chrono::milliseconds kPatience{500};
+constexpr unsigned int kCompleted = 100;
 
 // Tells a watcher whose turn it is, should the module crash.
 struct Asking {
@@ -53,7 +54,9 @@ void ProgressPoller::poll(const std::shared_ptr<State>& state, const std::string
     lock.unlock();
     const auto answer = ask(module);
     lock.lock();
-    state->percent = answer;
+    // Until the module has begun it tells of the update before, which was completed.
+    state->begun = state->begun || answer.value_or(kCompleted) != kCompleted;
+    state->percent = state->begun ? answer : std::nullopt;
     state->changed.wait_for(lock, kInterval, [&] { return state->stopping; });
   }
   state->ended = true;

@@ -18,7 +18,8 @@ class ProgressPoller {
   ProgressPoller(const ProgressPoller&) = delete;
   ProgressPoller& operator=(const ProgressPoller&) = delete;
 
-  // The module's last answer; empty when it has given none.
+  // The module's last answer; empty when it has given none, and as long as it only says
+  // that the update before this one was completed.
   std::optional<unsigned int> percent() const;
 
   // Ends the polling. False when the module does not answer: then the thread
@@ -30,6 +31,7 @@ class ProgressPoller {
     std::mutex mutex;
     std::condition_variable changed;
     std::optional<unsigned int> percent;
+    bool begun = false;
     bool stopping = false;
     bool ended = false;
   };
