@@ -26,6 +26,8 @@ HERE = pathlib.Path(__file__).resolve().parent
 TREE = HERE.parent.parent
 CACHE = pathlib.Path(os.environ.get("XDG_CACHE_HOME") or pathlib.Path.home() / ".cache") / "fw-update"
 DAY = 24 * 3600
+# With the packages: what is done with them, and what mounts USB drives.
+PREPARED = [HERE / name for name in ("prepare", "usb-drive.rules", "usb-drive@.service")]
 # The set that was made last for this tree: its directory, its name, its packages' directory.
 CURRENT = TREE / "build" / "virtual-set"
 PROGRAMS = ("qemu-system-i386", "qemu-img", "mmdebstrap", "mkfs.ext4")
@@ -144,7 +146,7 @@ def make_with_packages(directory, say):
     """The set with the packages that lie in a directory."""
     debian = make_debian(say)
     packages = packages_in(directory)
-    made = MadeSet(debian.directory, key_of(packages + [HERE / "prepare"], debian.name), directory)
+    made = MadeSet(debian.directory, key_of(packages + PREPARED, debian.name), directory)
     with locked(CACHE / ".making-set"):
         if not made.is_there():
             say("installing the packages in it, and keeping its state")
@@ -164,8 +166,8 @@ def current():
 
 
 def install(machine, packages):
-    for package in packages:
-        shutil.copy(package, machine.share)
+    for file in packages + PREPARED:
+        shutil.copy(file, machine.share)
     code, output = machine.run((HERE / "prepare").read_text())
     if code:
         raise MachineError(f"the packages could not be installed:\n{output}")
