@@ -96,11 +96,23 @@ void appendEscaped(std::string& out, std::string_view bytes) {
   }
 }
 
+// Most texts are nothing else; it need not be looked at one by one.
+std::size_t lengthOfPlainAscii(std::string_view text) {
+  const auto* const end = std::find_if(text.begin(), text.end(), [](char c) { return c < ' ' || c > '~'; });
+  return static_cast<std::size_t>(end - text.begin());
+}
+
 template <typename Keeps>
 std::string escaped(std::string_view text, Keeps keeps) {
   std::string out;
   out.reserve(text.size());
-  while (!text.empty()) {
+  for (;;) {
+    const std::size_t plain = lengthOfPlainAscii(text);
+    out += text.substr(0, plain);
+    text.remove_prefix(plain);
+    if (text.empty()) {
+      break;
+    }
     const std::size_t length = characterLength(text);
     const std::string_view character = text.substr(0, std::max<std::size_t>(length, 1));
     if (length > 0 && keeps(character)) {

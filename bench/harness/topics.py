@@ -164,6 +164,30 @@ def trace(environment):
     ])
 
 
+def rate(values, mebibytes):
+    return [mebibytes / seconds for seconds in values]
+
+
+def traces(environment):
+    document = google_benchmark(environment, "trace-reading")
+    values = values_by_name(document)
+    found = [
+        # A pace that is kept is 1.
+        Figure("traces", "fw-trace summary of 1 GiB of traces : 16 times that of 64 MiB", "summary 1 GiB : 16 x 64 MiB",
+               1.1, [ratio / 16 for ratio in ratios(values["summary/1024"], values["summary/64"])]),
+        Figure("traces", "fw-trace show of 256 MiB of traces : 4 times that of 64 MiB", "show 256 MiB : 4 x 64 MiB",
+               1.1, [ratio / 4 for ratio in ratios(values["show/256"], values["show/64"])]),
+    ]
+    for name, mebibytes in (("summary/1024", 1024), ("show/256", 256)):
+        command = name.split("/")[0]
+        found.append(Measurement("traces", f"fw-trace {command}: traces read", rate(values[name], mebibytes), "MiB/s"))
+    memory = [entry["memory_mib"] for entry in document["benchmarks"] if "memory_mib" in entry]
+    found.append(Measurement("traces", "most memory that any of them took", [max(memory)], "MiB"))
+    found.append(Measurement("traces", "processor time of fw-trace follow in five seconds, 1 GiB of traces, nothing new",
+                             values["followIdle/1024"]))
+    return found
+
+
 TOPICS = {
     "checksum": checksum,
     "decryption": decryption,
@@ -173,4 +197,5 @@ TOPICS = {
     "lock": lock,
     "update": whole_update,
     "trace": trace,
+    "traces": traces,
 }

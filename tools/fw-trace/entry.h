@@ -2,8 +2,6 @@
 #ifndef FW_TRACE_ENTRY_H
 #define FW_TRACE_ENTRY_H
 
-#include <vector>
-
 #include "message.h"
 #include "trace-store.h"
 
@@ -13,9 +11,6 @@ struct Entry {
   const TraceFile* file = nullptr;
   Message message;
 };
-
-// All messages of the readable traces, in time order.
-std::vector<Entry> entriesOf(std::vector<TraceFile>& files);
 
 }  // namespace tracetool
 

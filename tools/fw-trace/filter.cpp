@@ -25,22 +25,27 @@ bool holdsWord(const std::string& text, const std::string& word) {
 
 }  // namespace
 
-Filter::Filter(const Wanted& wanted, const std::vector<Entry>& entries) : function_(wanted.function) {
+Filter::Filter(const Wanted& wanted)
+    : wanted_(wanted), hasToLearn_(!wanted.module.empty() || !wanted.since.empty() || !wanted.until.empty()) {
   if (!wanted.module.empty()) {
     names_.insert(wanted.module);
   }
-  for (const Entry& entry : entries) {
-    const auto& values = entry.message.values;
-    if (names_.empty() || entry.message.format != MESSAGE_CHECK_BEGINS || values.size() != 2) {
-      continue;
-    }
-    if (names_.count(values[0].text) + names_.count(values[1].text) > 0 && !values[1].text.empty()) {
-      names_.insert({values[0].text, values[1].text});
-    }
+  takeDay(0);
+}
+
+void Filter::learn(const Message& message) {
+  const auto& values = message.values;
+  if (names_.empty() || message.format != MESSAGE_CHECK_BEGINS || values.size() != 2) {
+    return;
   }
-  const std::int64_t day = entries.empty() ? 0 : entries.back().message.time;
-  since_ = parseTime(wanted.since, day).value_or(since_);
-  until_ = parseTime(wanted.until, day).value_or(until_);
+  if (names_.count(values[0].text) + names_.count(values[1].text) > 0 && !values[1].text.empty()) {
+    names_.insert({values[0].text, values[1].text});
+  }
+}
+
+void Filter::takeDay(std::int64_t moment) {
+  since_ = parseTime(wanted_.since, moment).value_or(since_);
+  until_ = parseTime(wanted_.until, moment).value_or(until_);
 }
 
 bool Filter::namesModule(const Message& message) const {
@@ -51,7 +56,7 @@ bool Filter::namesModule(const Message& message) const {
 
 bool Filter::accepts(const Message& message) const {
   return message.time >= since_ && message.time <= until_ &&
-         (function_.empty() || message.function == function_) && namesModule(message);
+         (wanted_.function.empty() || message.function == wanted_.function) && namesModule(message);
 }
 
 }  // namespace tracetool

@@ -6,9 +6,8 @@
 #include <limits>
 #include <set>
 #include <string>
-#include <vector>
 
-#include "entry.h"
+#include "message.h"
 
 namespace tracetool {
 
@@ -22,17 +21,23 @@ struct Wanted {
 
 class Filter {
  public:
-  // entries: in time order; a time without a day is on the day of the last one. They
-  // also tell which firmware name belongs to which module.
-  Filter(const Wanted& wanted, const std::vector<Entry>& entries);
+  explicit Filter(const Wanted& wanted);
+
+  // Whether it has to see the messages before it can judge one.
+  bool hasToLearn() const { return hasToLearn_; }
+  // Which firmware name belongs to which module; every message may be shown to it.
+  void learn(const Message& message);
+  // A time without a day is on this moment's.
+  void takeDay(std::int64_t moment);
 
   bool accepts(const Message& message) const;
 
  private:
   bool namesModule(const Message& message) const;
 
+  Wanted wanted_;
+  bool hasToLearn_;
   std::set<std::string> names_;  // of the module wanted; empty: any
-  std::string function_;
   std::int64_t since_ = std::numeric_limits<std::int64_t>::min();
   std::int64_t until_ = std::numeric_limits<std::int64_t>::max();
 };

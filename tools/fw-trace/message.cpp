@@ -139,8 +139,6 @@ std::string errorText(std::string_view before, const std::vector<Value>& values,
   return "<error text not kept>";
 }
 
-using Locations = std::map<std::uint32_t, Location>;
-
 // What of it grows with the file's contents.
 std::size_t bytesOf(const Message& message) {
   std::size_t bytes = message.text.size() + message.format.size() + message.function.size() +
@@ -191,14 +189,16 @@ std::string render(const std::string& format, const std::vector<Value>& values) 
   return text.append(all.substr(at));
 }
 
-namespace {
+bool isOfMessage(const Record& record) {
+  return record.kind != fwplatform::trace::ThreadBegins && record.kind != fwplatform::trace::ThreadEnds;
+}
 
-Message messageOf(const Record& record, const Locations& locations, bool& whole) {
+Message messageOf(const Record& record, const Trace& trace, bool& whole) {
   Message message;
   message.time = record.time;
   message.threadId = record.threadId;
-  const auto location = locations.find(record.locationId);
-  if (location == locations.end()) {
+  const auto location = trace.locations.find(record.locationId);
+  if (location == trace.locations.end()) {
     message.text = "(a message of an unknown place) " + hexadecimal(record.payload);
     return message;
   }
@@ -212,7 +212,23 @@ Message messageOf(const Record& record, const Locations& locations, bool& whole)
   return message;
 }
 
-}  // namespace
+bool makeRoom(MessageRoom& room, const Message& message) {
+  if (room.messages == 0 || room.bytes == 0) {
+    return false;
+  }
+  --room.messages;
+  room.bytes -= std::min(room.bytes, bytesOf(message));
+  return true;
+}
+
+std::string leftOutMessages(std::size_t count) {
+  return std::to_string(count) +
+         " messages are more than fit into memory and are left out; name fewer traces.";
+}
+
+std::string damagedMessages(std::size_t count) {
+  return std::to_string(count) + " messages have arguments that do not fit their place.";
+}
 
 std::vector<Message> messagesOf(Trace& trace) {
   MessageRoom room;
@@ -224,7 +240,7 @@ std::vector<Message> messagesOf(Trace& trace, MessageRoom& room) {
   std::size_t damaged = 0;
   std::size_t leftOut = 0;
   for (const Record& record : trace.records) {
-    if (record.kind == fwplatform::trace::ThreadBegins || record.kind == fwplatform::trace::ThreadEnds) {
+    if (!isOfMessage(record)) {
       continue;
     }
     if (room.messages == 0 || room.bytes == 0) {
@@ -232,18 +248,15 @@ std::vector<Message> messagesOf(Trace& trace, MessageRoom& room) {
       continue;
     }
     bool whole = true;
-    messages.push_back(messageOf(record, trace.locations, whole));
+    messages.push_back(messageOf(record, trace, whole));
     damaged += whole ? 0 : 1;
-    --room.messages;
-    room.bytes -= std::min(room.bytes, bytesOf(messages.back()));
+    makeRoom(room, messages.back());
   }
   if (damaged != 0) {
-    trace.skipped.push_back(std::to_string(damaged) +
-                            " messages have arguments that do not fit their place.");
+    trace.skipped.push_back(damagedMessages(damaged));
   }
   if (leftOut != 0) {
-    trace.skipped.push_back(std::to_string(leftOut) +
-                            " messages are more than fit into memory and are left out; name fewer traces.");
+    trace.skipped.push_back(leftOutMessages(leftOut));
   }
   return messages;
 }
@@ -251,7 +264,7 @@ std::vector<Message> messagesOf(Trace& trace, MessageRoom& room) {
 std::map<std::uint32_t, std::string> threadNames(const Trace& trace) {
   std::map<std::uint32_t, std::string> names;
   for (const Record& record : trace.records) {
-    if (record.kind == fwplatform::trace::ThreadBegins || record.kind == fwplatform::trace::ThreadEnds) {
+    if (!isOfMessage(record)) {
       names[record.threadId] = record.payload;
     }
   }

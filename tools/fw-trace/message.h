@@ -44,6 +44,19 @@ struct Message {
   std::string text;
 };
 
+// The others tell of threads.
+bool isOfMessage(const Record& record);
+
+// One record in words; whole as in decode.
+Message messageOf(const Record& record, const Trace& trace, bool& whole);
+// What the user is told about messages for which whole turned false.
+std::string damagedMessages(std::size_t count);
+
+// Takes the message's room away; false when there is none left.
+bool makeRoom(MessageRoom& room, const Message& message);
+// What the user is told about messages that found no room.
+std::string leftOutMessages(std::size_t count);
+
 // The messages of a trace, in time order. Adds to trace.skipped what makes none.
 std::vector<Message> messagesOf(Trace& trace);
 // The same, but no more than there is room for, which becomes less by them.

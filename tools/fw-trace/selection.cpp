@@ -2,17 +2,15 @@
 
 #include <algorithm>
 
+#include "library-messages.h"
+
 namespace tracetool {
 namespace {
-
-bool isProcessId(const std::string& text) {
-  return !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
-}
 
 // A named trace: every file of the process, or the one file.
 std::vector<TraceFile> named(const std::string& name, const std::vector<TraceFile>& all) {
   if (!isProcessId(name)) {
-    return {loadTrace(name)};
+    return {openTrace(name)};
   }
   std::vector<TraceFile> files;
   std::copy_if(all.begin(), all.end(), std::back_inserter(files), [&name](const TraceFile& file) {
@@ -24,7 +22,7 @@ std::vector<TraceFile> named(const std::string& name, const std::vector<TraceFil
 Selection selectNamed(const Options& options) {
   Selection selection;
   std::string ignored;
-  const std::vector<TraceFile> all = loadTraces(options.directory, ignored);
+  const std::vector<TraceFile> all = openTraces(options.directory, ignored);
   for (const std::string& name : options.traces) {
     auto files = named(name, all);
     if (files.empty()) {
@@ -37,24 +35,25 @@ Selection selectNamed(const Options& options) {
   return selection;
 }
 
-std::vector<std::string> skippedOf(const std::vector<TraceFile>& files) {
-  std::vector<std::string> lines;
-  for (const TraceFile& file : files) {
-    if (!file.problem.empty()) {
-      lines.push_back(file.path + ": " + file.problem);
-    }
-    for (const std::string& note : file.trace.skipped) {
-      lines.push_back(file.path + ": " + note);
-    }
-    if (file.trace.dropped != 0) {
-      lines.push_back(file.path + ": " + std::to_string(file.trace.dropped) +
-                      " messages found no room and were not recorded.");
-    }
+void addSkipped(frame::Report& report, const TraceFile& file) {
+  std::vector<std::string> lines = file.trace.skipped;
+  if (!file.problem.empty()) {
+    lines.insert(lines.begin(), file.problem);
   }
-  return lines;
+  if (file.trace.dropped != 0) {
+    lines.push_back(std::to_string(file.trace.dropped) + " messages found no room and were not recorded.");
+  }
+  for (const std::string& line : lines) {
+    report.remarks.push_back(file.path + ": " + line);
+    report.details["skipped"].append(report.remarks.back());
+  }
 }
 
 }  // namespace
+
+bool isProcessId(const std::string& text) {
+  return !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
+}
 
 Selection selectTraces(const Options& options) {
   if (!options.traces.empty()) {
@@ -62,7 +61,7 @@ Selection selectTraces(const Options& options) {
   }
   Selection selection;
   std::string problem;
-  selection.files = loadTraces(options.directory, problem);
+  selection.files = openTraces(options.directory, problem);
   if (!problem.empty()) {
     selection.problem =
         frame::Report(Outcome::Unreadable, options.directory + " cannot be read: " + problem + ".");
@@ -73,10 +72,38 @@ Selection selectTraces(const Options& options) {
   return selection;
 }
 
+std::list<TraceReading> readingsOf(const std::vector<TraceFile>& files) {
+  std::list<TraceReading> readings;
+  for (const TraceFile& file : files) {
+    readings.emplace_back(file);
+  }
+  return readings;
+}
+
+void learn(Filter& filter, std::list<TraceReading>& readings) {
+  std::int64_t last = 0;
+  for (RecordStream stream(readings); stream.next();) {
+    const Location* location = stream.location();
+    if (location != nullptr && location->format == MESSAGE_CHECK_BEGINS) {
+      filter.learn(stream.message());
+    }
+    last = stream.record().time;
+  }
+  filter.takeDay(last);
+}
+
 void addSkipped(frame::Report& report, const std::vector<TraceFile>& files) {
-  report.remarks = skippedOf(files);
-  for (const std::string& line : report.remarks) {
-    report.details["skipped"].append(line);
+  for (const TraceFile& file : files) {
+    addSkipped(report, file);
+  }
+}
+
+void addSkipped(frame::Report& report, std::list<TraceReading>& readings) {
+  for (TraceReading& reading : readings) {
+    if (reading.damaged != 0) {
+      reading.file.trace.skipped.push_back(damagedMessages(reading.damaged));
+    }
+    addSkipped(report, reading.file);
   }
 }
 

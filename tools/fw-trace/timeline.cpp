@@ -31,20 +31,26 @@ fwmessages::Logged loggedOf(const Message& message) {
   return logged;
 }
 
-// The library names of firmware, from the checks of the whole timeline.
-void nameModules(Timeline& timeline) {
-  std::map<std::string, std::string> modules;
-  for (const Entry& entry : timeline.entries) {
-    if (entry.message.format == MESSAGE_CHECK_BEGINS && entry.message.values.size() == 2) {
-      modules[entry.message.values[1].text] = entry.message.values[0].text;
+// The library names of firmware, as the checks tell them.
+class ModuleNames {
+ public:
+  void take(const Message& message) {
+    if (message.format == MESSAGE_CHECK_BEGINS && message.values.size() == 2) {
+      modules_[message.values[1].text] = message.values[0].text;
     }
   }
-  for (Update& update : timeline.updates) {
-    if (update.module.empty() && modules.count(update.firmware) > 0) {
-      update.module = modules[update.firmware];
+  void name(std::vector<Update>& updates) const {
+    for (Update& update : updates) {
+      const auto module = modules_.find(update.firmware);
+      if (update.module.empty() && module != modules_.end()) {
+        update.module = module->second;
+      }
     }
   }
-}
+
+ private:
+  std::map<std::string, std::string> modules_;
+};
 
 // A worker takes the firmware's name, which no record tells while it lives.
 void nameWorkers(Timeline& timeline) {
@@ -72,10 +78,23 @@ const char* nameOf(Stage stage) {
 
 namespace {
 
-void addUpdates(Timeline& timeline, const TraceFile& file, const fwmessages::UpdateTracker& tracker) {
+void addUpdates(std::vector<Update>& updates, const TraceFile& file,
+                const fwmessages::UpdateTracker& tracker) {
   for (const fwmessages::Update& update : tracker.updates()) {
-    timeline.updates.push_back({update, &file});
+    updates.push_back({update, &file});
   }
+}
+
+void finish(std::vector<Update>& updates, const ModuleNames& names) {
+  names.name(updates);
+  std::stable_sort(updates.begin(), updates.end(),
+                   [](const Update& a, const Update& b) { return a.span.begin < b.span.begin; });
+}
+
+// Whether no message of the place tells anything of an update.
+bool isOther(const Location* location) {
+  return location == nullptr || fwmessages::eventOf(location->format, location->function,
+                                                    location->arguments.size()) == Event::Other;
 }
 
 }  // namespace
@@ -83,29 +102,58 @@ void addUpdates(Timeline& timeline, const TraceFile& file, const fwmessages::Upd
 Timeline timelineOf(std::vector<TraceFile>& files) {
   Timeline timeline;
   MessageRoom room;
+  ModuleNames names;
   for (TraceFile& file : files) {
     fwmessages::UpdateTracker tracker;
     std::optional<std::int64_t> last;
     for (Message& message : messagesOf(file.trace, room)) {
       tracker.take(loggedOf(message));
+      names.take(message);
       last = message.time;
       timeline.entries.push_back({&file, std::move(message)});
     }
     if (last) {
       tracker.finish(*last, file.alive);
     }
-    addUpdates(timeline, file, tracker);
+    addUpdates(timeline.updates, file, tracker);
     for (const auto& [id, name] : threadNames(file.trace)) {
       timeline.threadNames[{&file, id}] = name;
     }
   }
-  nameModules(timeline);
+  finish(timeline.updates, names);
   nameWorkers(timeline);
-  std::stable_sort(timeline.updates.begin(), timeline.updates.end(),
-                   [](const Update& a, const Update& b) { return a.span.begin < b.span.begin; });
   std::stable_sort(timeline.entries.begin(), timeline.entries.end(),
                    [](const Entry& a, const Entry& b) { return a.message.time < b.message.time; });
   return timeline;
+}
+
+std::vector<Update> updatesOf(std::list<TraceReading>& readings) {
+  std::vector<Update> updates;
+  ModuleNames names;
+  for (TraceReading& reading : readings) {
+    fwmessages::UpdateTracker tracker;
+    std::map<const Location*, bool> others;
+    RecordStream stream(reading);
+    std::int64_t last = 0;
+    while (stream.next()) {
+      last = stream.record().time;
+      const auto [other, isNew] = others.try_emplace(stream.location());
+      if (isNew) {
+        other->second = isOther(stream.location());
+      }
+      if (other->second) {
+        tracker.take({Event::Other, last, stream.record().threadId, "", {}});
+        continue;
+      }
+      const Message message = stream.message();
+      tracker.take(loggedOf(message));
+      names.take(message);
+    }
+    tracker.finish(last, reading.file.alive);
+    addUpdates(updates, reading.file, tracker);
+  }
+  finish(updates, names);
+  return updates;
 }
 
 }  // namespace tracetool

@@ -4,12 +4,14 @@
 #define FW_TRACE_TIMELINE_H
 
 #include <cstdint>
+#include <list>
 #include <map>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "entry.h"
+#include "record-stream.h"
 #include "update-tracker.h"
 
 namespace tracetool {
@@ -34,7 +36,11 @@ struct Timeline {
   std::map<std::pair<const TraceFile*, std::uint32_t>, std::string> threadNames;
 };
 
+// Of traces with their records.
 Timeline timelineOf(std::vector<TraceFile>& files);
+
+// The updates alone, read a piece at a time, of traces that are only opened.
+std::vector<Update> updatesOf(std::list<TraceReading>& readings);
 
 }  // namespace tracetool
 

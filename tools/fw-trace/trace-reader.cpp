@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <optional>
 #include <type_traits>
 
@@ -12,36 +13,10 @@ namespace {
 
 using namespace fwplatform::trace;
 
-constexpr std::size_t kMaximumNotes = 20;
 // No place of the library has nearly as many. Each takes five bytes of a file and many
 // more of memory, here and in each message.
 constexpr std::uint32_t kMaximumArguments = 64;
 constexpr std::uint64_t kMaximumPlaces = std::uint64_t{16} * kUnit;  // in bytes; a process writes no more
-constexpr std::int64_t kLatestTime = INT64_MAX / 2;                  // the year 2116
-
-// A number or a structure at an offset; nothing where the bytes end.
-template <typename Value>
-std::optional<Value> valueAt(std::string_view bytes, std::uint64_t offset) {
-  static_assert(std::is_trivially_copyable_v<Value>);
-  if (offset > bytes.size() || bytes.size() - offset < sizeof(Value)) {
-    return std::nullopt;
-  }
-  Value value = {};
-  std::memcpy(&value, bytes.data() + offset, sizeof value);
-  return value;
-}
-
-void note(Trace& trace, const std::string& text) {
-  if (trace.skipped.size() < kMaximumNotes) {
-    trace.skipped.push_back(text);
-  } else if (trace.skipped.size() == kMaximumNotes) {
-    trace.skipped.emplace_back("and more");
-  }
-}
-
-std::string atByte(std::uint64_t offset) {
-  return " at byte " + std::to_string(offset);
-}
 
 template <std::size_t Size>
 std::string fixedText(const char (&text)[Size]) {
@@ -57,7 +32,7 @@ class EntryReader {
 
   template <typename Number>
   Number number() {
-    const auto value = valueAt<Number>(rest_, 0);
+    const auto value = BytesInMemory(rest_).valueAt<Number>(0);
     rest_.remove_prefix(value ? sizeof(Number) : rest_.size());
     whole_ = whole_ && value;
     return value.value_or(0);
@@ -100,69 +75,70 @@ std::optional<Location> readLocation(std::string_view entry, const LocationHeade
   return location;
 }
 
-void readLocations(std::string_view data, std::uint64_t used, std::uint64_t fileOffset, Trace& trace) {
-  if (used > data.size()) {
-    note(trace, "A part of the list of places" + atByte(fileOffset) + " is missing.");
-  }
-  if (used > kMaximumPlaces - trace.placesRead) {
-    note(trace, "There are more places than a trace has; those" + atByte(fileOffset) + " are left out.");
-    return;
-  }
-  trace.placesRead += used;
-  data = data.substr(0, static_cast<std::size_t>(std::min<std::uint64_t>(used, data.size())));
+void readLocations(std::string_view data, std::uint64_t fileOffset, Trace& trace) {
   while (!data.empty()) {
-    const auto header = valueAt<LocationHeader>(data, 0);
+    const auto header = BytesInMemory(data).valueAt<LocationHeader>(0);
     if (!header || header->size < sizeof *header || header->size > data.size()) {
-      note(trace, "The list of places is damaged" + atByte(fileOffset) + "; the rest of it is left out.");
+      note(trace.skipped,
+           "The list of places is damaged" + atByte(fileOffset) + "; the rest of it is left out.");
       return;
     }
     if (auto location = readLocation(data.substr(0, header->size), *header)) {
       trace.locations[header->id] = std::move(*location);
     } else {
-      note(trace, "A damaged place" + atByte(fileOffset) + " is left out.");
+      note(trace.skipped, "A damaged place" + atByte(fileOffset) + " is left out.");
     }
     data.remove_prefix(header->size);
     fileOffset += header->size;
   }
 }
 
-// ---- Rings ----------------------------------------------------------------------
-
-struct Ring {
-  std::string_view data;  // what there is of it
-  std::uint64_t capacity;
-  std::uint64_t head;
-  std::uint64_t tail;
-  std::uint64_t fileOffset;
-};
-
-struct RecordFrame {
-  std::uint32_t size;
-  std::uint32_t slack;
-  std::uint8_t kind;
-};
-
-std::optional<RecordFrame> frameAt(const Ring& ring, std::uint64_t position) {
-  const std::uint64_t offset = position % ring.capacity;
-  const auto sizeAndSlack = valueAt<std::uint32_t>(ring.data, offset);
-  const auto kindAndStamp = valueAt<std::uint32_t>(ring.data, offset + 4);
-  if (!sizeAndSlack || !kindAndStamp) {
-    return std::nullopt;
+// Those up to this byte of the chunk that were not read yet.
+void readOn(const TraceBytes& bytes, Places& places, std::uint64_t used, Trace& trace) {
+  const std::uint64_t offset = places.chunk + sizeof(ChunkHeader) + places.taken;
+  const std::uint64_t size = used - std::min(used, places.taken);
+  if (used > places.there) {
+    note(trace.skipped, "A part of the list of places" + atByte(offset) + " is missing.");
   }
-  const RecordFrame frame{*sizeAndSlack & ~(kRecordAlignment - 1), *sizeAndSlack & (kRecordAlignment - 1),
-                          static_cast<std::uint8_t>(*kindAndStamp & 0xFF)};
-  const bool padding = frame.kind == Padding;
-  const std::uint32_t smallest =
-      padding ? kPaddingHeaderSize : static_cast<std::uint32_t>(sizeof(RecordHeader)) + frame.slack;
-  const bool fits = frame.size >= smallest && frame.size <= ring.capacity - offset &&
-                    frame.size <= ring.head - position && offset + frame.size <= ring.data.size();
-  const bool belongsHere = *kindAndStamp >> 8 == stampOf(position);
-  const bool reachesEnd = !padding || offset + frame.size == ring.capacity;
-  if (!fits || !belongsHere || !reachesEnd) {
-    return std::nullopt;
+  const std::uint64_t there = places.there - std::min(places.there, places.taken);
+  places.taken += size;
+  if (size > kMaximumPlaces - trace.placesRead) {
+    note(trace.skipped, "There are more places than a trace has; those" + atByte(offset) + " are left out.");
+    return;
   }
-  return frame;
+  trace.placesRead += size;
+  readLocations(bytes.textAt(offset, static_cast<std::size_t>(std::min(size, there))), offset, trace);
 }
+
+// Where the part of the file stands among those that are known, or belongs.
+template <typename Part>
+auto placeOf(std::vector<Part>& parts, std::uint64_t chunk) {
+  return std::lower_bound(parts.begin(), parts.end(), chunk,
+                          [](const Part& part, std::uint64_t offset) { return part.chunk < offset; });
+}
+
+void takePlaces(const TraceBytes& bytes, const Places& found, std::uint64_t used, Trace& trace) {
+  auto places = placeOf(trace.places, found.chunk);
+  if (places == trace.places.end() || places->chunk != found.chunk) {
+    places = trace.places.insert(places, found);
+  }
+  readOn(bytes, *places, used, trace);
+}
+
+void takeRing(const Ring& found, Trace& trace) {
+  const auto ring = placeOf(trace.rings, found.chunk);
+  const bool known = ring != trace.rings.end() && ring->chunk == found.chunk;
+  if (!found.isSound()) {
+    note(trace.skipped, "The records of a thread" + atByte(found.offset()) + " are damaged and left out.");
+  } else if (known) {
+    *ring = found;
+  } else {
+    trace.overwritten = trace.overwritten || found.tail != 0;
+    trace.rings.insert(ring, found);
+  }
+}
+
+// ---- Records --------------------------------------------------------------------
 
 void keepNewest(Trace& trace) {
   if (trace.records.size() <= kMaximumRecords) {
@@ -175,67 +151,14 @@ void keepNewest(Trace& trace) {
   trace.records.erase(trace.records.begin(), first);
 }
 
-void readRecord(const Ring& ring, std::uint64_t position, const RecordFrame& frame, std::int64_t timeOffset,
-                Trace& trace) {
-  const std::uint64_t offset = position % ring.capacity;
-  const auto header = valueAt<RecordHeader>(ring.data, offset);
-  if (frame.kind == Padding || !header) {
-    return;
-  }
-  Record record;
-  // Unsigned, since a damaged time may be anything.
-  record.time = static_cast<std::int64_t>(static_cast<std::uint64_t>(header->time) +
-                                          static_cast<std::uint64_t>(timeOffset));
-  // No clock shows this; and differences of times must not overflow.
-  if (record.time < 0 || record.time > kLatestTime) {
-    note(trace, "A record with a damaged time" + atByte(ring.fileOffset + offset) + " is left out.");
-    return;
-  }
-  record.threadId = header->threadId;
-  record.locationId = header->locationId;
-  record.kind = frame.kind;
-  record.payload = ring.data.substr(static_cast<std::size_t>(offset) + sizeof *header,
-                                    frame.size - sizeof *header - frame.slack);
-  trace.records.push_back(std::move(record));
-  if (trace.records.size() >= 2 * kMaximumRecords) {
-    keepNewest(trace);
-  }
-}
-
-// How far to go on where no record stands: to the next place where one may, or past
-// all of the ring that the file does not have.
-std::uint64_t stepOver(const Ring& ring, std::uint64_t position) {
-  const std::uint64_t offset = position % ring.capacity;
-  const std::uint64_t step =
-      offset + kRecordAlignment > ring.data.size() ? ring.capacity - offset : kRecordAlignment;
-  return std::min(step, ring.head - position);
-}
-
-bool isSound(const Ring& ring) {
-  return ring.tail <= ring.head && ring.head - ring.tail <= ring.capacity &&
-         ring.tail % kRecordAlignment == 0 && ring.head % kRecordAlignment == 0;
-}
-
-void readRing(const Ring& ring, std::int64_t timeOffset, Trace& trace) {
-  if (!isSound(ring)) {
-    note(trace, "The records of a thread" + atByte(ring.fileOffset) + " are damaged and left out.");
-    return;
-  }
-  trace.overwritten = trace.overwritten || ring.tail != 0;
-  std::uint64_t lost = 0;
-  for (std::uint64_t position = ring.tail; position < ring.head;) {
-    if (const auto frame = frameAt(ring, position)) {
-      readRecord(ring, position, *frame, timeOffset, trace);
-      position += frame->size;
-    } else {
-      const std::uint64_t step = stepOver(ring, position);
-      lost += step;
-      position += step;
+void readRing(const TraceBytes& bytes, const Ring& ring, Trace& trace) {
+  RingReader reader(ring, trace.timeOffset);
+  for (auto records = reader.next(bytes, trace.skipped); !records.empty();
+       records = reader.next(bytes, trace.skipped)) {
+    std::move(records.begin(), records.end(), std::back_inserter(trace.records));
+    if (trace.records.size() >= 2 * kMaximumRecords) {
+      keepNewest(trace);
     }
-  }
-  if (lost != 0) {
-    note(trace, std::to_string(lost) + " bytes of a thread's records" + atByte(ring.fileOffset) +
-                    " are damaged or missing and left out.");
   }
 }
 
@@ -261,20 +184,18 @@ std::string problemOf(const std::optional<FileHeader>& header) {
   return "";
 }
 
-void readChunk(std::string_view rest, const ChunkHeader& chunk, std::uint64_t offset, std::int64_t timeOffset,
-               Trace& trace) {
-  const std::uint64_t fileOffset = offset + sizeof chunk;
-  const auto there = static_cast<std::size_t>(std::min<std::uint64_t>(chunk.size, rest.size()));
+void takeChunk(const TraceBytes& bytes, const ChunkHeader& chunk, std::uint64_t offset, Trace& trace) {
+  const std::uint64_t there = std::min<std::uint64_t>(chunk.size, bytes.size() - offset);
   if (there < chunk.size) {
-    note(trace, "The file is cut off" + atByte(offset + there) + ".");
+    note(trace.skipped, "The file is cut off" + atByte(offset + there) + ".");
   }
-  const std::string_view data = rest.substr(sizeof chunk, there - sizeof chunk);
+  const std::uint64_t data = there - sizeof chunk;
   if (chunk.kind == LocationsChunk) {
-    readLocations(data, chunk.head, fileOffset, trace);
+    takePlaces(bytes, {offset, data, 0}, chunk.head, trace);
   } else if (chunk.kind == RingChunk) {
-    readRing({data, chunk.size - sizeof chunk, chunk.head, chunk.tail, fileOffset}, timeOffset, trace);
+    takeRing({offset, chunk.size - sizeof chunk, data, chunk.head, chunk.tail}, trace);
   } else {
-    note(trace, "An unknown part" + atByte(offset) + " is left out.");
+    note(trace.skipped, "An unknown part" + atByte(offset) + " is left out.");
   }
 }
 
@@ -292,16 +213,16 @@ std::uint64_t nextUnit(std::uint64_t offset) {
   return (offset / kUnit + 1) * kUnit;
 }
 
-void readChunks(std::string_view bytes, std::uint64_t first, std::int64_t timeOffset, Trace& trace) {
-  std::uint64_t offset = first;
+void takeChunks(const TraceBytes& bytes, Trace& trace) {
+  std::uint64_t offset = trace.firstChunk;
   while (offset < bytes.size()) {
-    const auto chunk = valueAt<ChunkHeader>(bytes, offset);
+    const auto chunk = bytes.valueAt<ChunkHeader>(offset);
     if (!chunk) {
-      note(trace, "The file is cut off" + atByte(bytes.size()) + ".");
+      note(trace.skipped, "The file is cut off" + atByte(bytes.size()) + ".");
       return;
     }
     if (isChunk(*chunk)) {
-      readChunk(bytes.substr(static_cast<std::size_t>(offset)), *chunk, offset, timeOffset, trace);
+      takeChunk(bytes, *chunk, offset, trace);
       if (chunk->size >= bytes.size() - offset) {
         return;
       }
@@ -309,7 +230,7 @@ void readChunks(std::string_view bytes, std::uint64_t first, std::int64_t timeOf
       continue;
     }
     if (!isUnused(*chunk)) {
-      note(trace, "What stands" + atByte(offset) + " is no part of a trace and left out.");
+      note(trace.skipped, "What stands" + atByte(offset) + " is no part of a trace and left out.");
     }
     offset = nextUnit(offset);
   }
@@ -317,9 +238,19 @@ void readChunks(std::string_view bytes, std::uint64_t first, std::int64_t timeOf
 
 }  // namespace
 
-ReadResult readTrace(std::string_view bytes) {
+void readOn(const TraceBytes& bytes, Trace& trace) {
+  takeChunks(bytes, trace);
+  // A record that was written meanwhile may be of a place that was registered meanwhile.
+  for (Places& places : trace.places) {
+    if (const auto chunk = bytes.valueAt<ChunkHeader>(places.chunk); chunk && chunk->head > places.taken) {
+      readOn(bytes, places, chunk->head, trace);
+    }
+  }
+}
+
+ReadResult readOutline(const TraceBytes& bytes) {
   ReadResult result;
-  const auto header = valueAt<FileHeader>(bytes, 0);
+  const auto header = bytes.valueAt<FileHeader>(0);
   result.problem = problemOf(header);
   if (!result.problem.empty()) {
     return result;
@@ -332,16 +263,30 @@ ReadResult readTrace(std::string_view bytes) {
   trace.processName = fixedText(header->processName);
   trace.commandLine = fixedText(header->commandLine);
   trace.dropped = header->dropped;
-  const auto timeOffset = static_cast<std::int64_t>(static_cast<std::uint64_t>(header->realTime) -
-                                                    static_cast<std::uint64_t>(header->monotonicTime));
-  readChunks(bytes, header->headerSize, timeOffset, trace);
+  trace.timeOffset = static_cast<std::int64_t>(static_cast<std::uint64_t>(header->realTime) -
+                                               static_cast<std::uint64_t>(header->monotonicTime));
+  trace.firstChunk = header->headerSize;
+  readOn(bytes, trace);
+  return result;
+}
+
+void readRecords(const TraceBytes& bytes, Trace& trace) {
+  for (const Ring& ring : trace.rings) {
+    readRing(bytes, ring, trace);
+  }
   keepNewest(trace);
   if (trace.leftOut != 0) {
-    note(trace, "The oldest " + std::to_string(trace.leftOut) + " records are left out; the newest " +
-                    std::to_string(kMaximumRecords) + " are taken.");
+    note(trace.skipped, "The oldest " + std::to_string(trace.leftOut) + " records are left out; the newest " +
+                            std::to_string(kMaximumRecords) + " are taken.");
   }
   std::stable_sort(trace.records.begin(), trace.records.end(),
                    [](const Record& a, const Record& b) { return a.time < b.time; });
+}
+
+ReadResult readTrace(std::string_view bytes) {
+  const BytesInMemory memory(bytes);
+  ReadResult result = readOutline(memory);
+  readRecords(memory, result.trace);
   return result;
 }
 

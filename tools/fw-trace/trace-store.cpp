@@ -24,11 +24,37 @@ namespace fs = std::filesystem;
 constexpr std::uint64_t kLargestFile = std::uint64_t{256} << 20;
 constexpr std::uint64_t kLargestTotal = kLargestFile;  // of all files of a directory that are read at once
 
-// As many of the bytes as the file has.
-std::size_t readAt(int fd, char* to, std::size_t size, std::uint64_t offset) {
+std::string problemOf(int fd, const struct stat& status) {
+  if (fd < 0) {
+    return std::string("The file cannot be opened: ") + std::strerror(errno) + ".";
+  }
+  if (!S_ISREG(status.st_mode)) {
+    return "This is no file.";
+  }
+  if (static_cast<std::uint64_t>(status.st_size) > kLargestFile) {
+    return "The file is too large for a trace: more than 256 MiB.";
+  }
+  return "";
+}
+
+}  // namespace
+
+bool startsEarlier(const TraceFile& a, const TraceFile& b) {
+  return a.trace.start != b.trace.start ? a.trace.start < b.trace.start : a.path < b.path;
+}
+
+BytesOfFile::BytesOfFile(const std::string& path)
+    : fd_(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)), status_() {
+  if (fd_ && fstat(fd_.get(), &status_) != 0) {
+    fd_ = base::FileDescriptor();
+  }
+  problem_ = problemOf(fd_.get(), status_);
+}
+
+std::size_t BytesOfFile::readAt(std::uint64_t offset, char* to, std::size_t size) const {
   std::size_t done = 0;
   while (done < size) {
-    const ssize_t count = pread(fd, to + done, size - done, static_cast<off_t>(offset + done));
+    const ssize_t count = pread(fd_.get(), to + done, size - done, static_cast<off_t>(offset + done));
     if (count < 0 && errno == EINTR) {
       continue;
     }
@@ -40,119 +66,76 @@ std::size_t readAt(int fd, char* to, std::size_t size, std::uint64_t offset) {
   return done;
 }
 
-std::optional<ChunkHeader> chunkAt(int fd, std::uint64_t offset) {
-  ChunkHeader chunk = {};
-  if (readAt(fd, reinterpret_cast<char*>(&chunk), sizeof chunk, offset) != sizeof chunk) {
-    return std::nullopt;
-  }
-  return chunk;
+bool BytesOfFile::isOfLiveProcess() const {
+  // An empty file is not asked: its process is about to take the lock.
+  return size() > 0 && fwplatform::trace::isOfLiveProcess(fd_.get());
 }
 
-// A ring may be overwritten while it is copied: what counts is the end from before
-// the copy and the beginning from after it.
-void settleRing(int fd, std::string& bytes, std::uint64_t offset, const ChunkHeader& before) {
-  const auto after = chunkAt(fd, offset);
-  if (!after || offset + sizeof before > bytes.size()) {
-    return;
+TraceFile openTrace(const std::string& path) {
+  TraceFile file;
+  file.path = path;
+  const BytesOfFile bytes(path);
+  file.problem = bytes.problem();
+  if (file.problem.empty()) {
+    file.bytes = bytes.size();
+    file.inode = bytes.inode();
+    file.alive = bytes.isOfLiveProcess();
+    ReadResult read = readOutline(bytes);
+    file.problem = read.problem;
+    file.trace = std::move(read.trace);
   }
-  ChunkHeader settled = before;
-  settled.tail = std::min(after->tail, settled.head);
-  std::memcpy(bytes.data() + offset, &settled, sizeof settled);
+  return file;
 }
 
-std::string copyOf(int fd, std::uint64_t size) {
-  std::string bytes(static_cast<std::size_t>(size), '\0');
-  std::uint64_t offset = readAt(fd, bytes.data(), std::min<std::size_t>(bytes.size(), kFileHeaderSize), 0);
-  while (offset < size) {
-    const auto chunk = chunkAt(fd, offset);
-    const bool sound = chunk && chunk->magic == kChunkMagic && chunk->size >= sizeof *chunk;
-    const std::uint64_t step = std::min(sound ? chunk->size : kUnit - offset % kUnit, size - offset);
-    readAt(fd, bytes.data() + offset, static_cast<std::size_t>(step), offset);
-    if (sound && chunk->kind == RingChunk) {
-      settleRing(fd, bytes, offset, *chunk);
-    }
-    offset += step;
+TraceFile loadTrace(const std::string& path) {
+  TraceFile file = openTrace(path);
+  if (file.problem.empty()) {
+    readRecords(BytesOfFile(path), file.trace);
   }
-  return bytes;
+  return file;
 }
 
-struct Found {
-  std::string path;
-  std::uint64_t bytes;
-  std::int64_t modified;
-};
-
-// The newest first: when there are too many, those count.
-std::vector<Found> tracesIn(const std::string& directory, std::string& problem) {
-  std::vector<Found> found;
+std::vector<FoundTrace> tracesIn(const std::string& directory, std::string& problem) {
+  std::vector<FoundTrace> found;
   std::error_code error;
   for (fs::directory_iterator at(directory, error), end; !error && at != end; at.increment(error)) {
-    struct stat status = {};
-    if (at->path().extension() == kFileSuffix && stat(at->path().c_str(), &status) == 0) {
-      found.push_back({at->path().string(), static_cast<std::uint64_t>(status.st_size),
-                       std::int64_t{status.st_mtim.tv_sec} * 1000000000 + status.st_mtim.tv_nsec});
-    } else if (at->path().extension() == kFileSuffix) {
-      found.push_back({at->path().string(), 0, 0});
+    if (at->path().extension() == kFileSuffix) {
+      struct stat status = {};
+      stat(at->path().c_str(), &status);
+      found.push_back({at->path().string(), status.st_ino});
     }
   }
   problem = error ? error.message() : "";
-  std::sort(found.begin(), found.end(), [](const Found& a, const Found& b) {
-    return a.modified != b.modified ? a.modified > b.modified : a.path < b.path;
-  });
   return found;
 }
 
-TraceFile leftOut(const Found& found) {
-  TraceFile file;
-  file.path = found.path;
-  file.bytes = found.bytes;
-  file.problem = "The newer traces of the directory take 256 MiB already; name this one to see it.";
-  return file;
+std::vector<TraceFile> openTraces(const std::string& directory, std::string& problem) {
+  std::vector<TraceFile> files;
+  for (const FoundTrace& found : tracesIn(directory, problem)) {
+    files.push_back(openTrace(found.path));
+  }
+  std::sort(files.begin(), files.end(), startsEarlier);
+  return files;
 }
 
-}  // namespace
-
-TraceFile loadTrace(const std::string& path) {
-  TraceFile file;
-  file.path = path;
-  const base::FileDescriptor fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-  struct stat status = {};
-  if (!fd || fstat(fd.get(), &status) != 0) {
-    file.problem = std::string("The file cannot be opened: ") + std::strerror(errno) + ".";
-    return file;
+void loadRecords(std::vector<TraceFile>& files) {
+  std::uint64_t total = 0;
+  for (auto file = files.rbegin(); file != files.rend(); ++file) {
+    if (!file->problem.empty()) {
+      continue;
+    }
+    if (total + file->bytes > kLargestTotal) {
+      file->problem = "The newer traces of the directory take 256 MiB already; name this one to see it.";
+      continue;
+    }
+    total += file->bytes;
+    readRecords(BytesOfFile(file->path), file->trace);
   }
-  if (!S_ISREG(status.st_mode)) {
-    file.problem = "This is no file.";
-    return file;
-  }
-  file.bytes = static_cast<std::uint64_t>(status.st_size);
-  if (file.bytes > kLargestFile) {
-    file.problem = "The file is too large for a trace: more than 256 MiB.";
-    return file;
-  }
-  // An empty file is not asked: its process is about to take the lock.
-  file.alive = file.bytes > 0 && isOfLiveProcess(fd.get());
-  ReadResult read = readTrace(copyOf(fd.get(), file.bytes));
-  file.problem = read.problem;
-  file.trace = std::move(read.trace);
-  return file;
 }
 
 std::vector<TraceFile> loadTraces(const std::string& directory, std::string& problem) {
-  std::vector<TraceFile> files;
-  std::uint64_t total = 0;
-  for (const Found& found : tracesIn(directory, problem)) {
-    total += found.bytes;
-    // One that is too large on its own says so itself.
-    const bool fits = total <= kLargestTotal || found.bytes > kLargestFile;
-    files.push_back(fits ? loadTrace(found.path) : leftOut(found));
-    if (!fits || !files.back().problem.empty()) {
-      total -= found.bytes;
-    }
-  }
-  std::sort(files.begin(), files.end(), [](const TraceFile& a, const TraceFile& b) {
-    return a.trace.start != b.trace.start ? a.trace.start < b.trace.start : a.path < b.path;
-  });
+  std::vector<TraceFile> files = openTraces(directory, problem);
+  loadRecords(files);
   return files;
 }
 

@@ -118,6 +118,24 @@ def sparse_trace(name, size, head):
     return path
 
 
+def chunk(kind, data):
+    return struct.pack("<IIQQQI28x", 0x4B4E4843, kind, 64 + len(data), len(data), 0, 0) + data
+
+
+def wordy_trace(name):
+    """A small file whose messages take 300 MB: one place with a long text, and 5,000 records of it."""
+    path = os.path.join(WORK, name)
+    text = b"." * 60000
+    strings = struct.pack("<H", 0) * 2 + struct.pack("<H", len(text)) + text
+    strings += b"\0" * (-len(strings) % 8)
+    records = b"".join(struct.pack("<IIIIq", 24, (24 * i // 8 & 0xFFFFFF) << 8 | 1, 1, 77, i) for i in range(5000))
+    with open(path, "wb") as file:
+        file.write(struct.pack("<8sIIIIqqII16s192s", b"FWTRACE\n", 1, 0x01020304, 256, 77, 10**18, 0, 1, 0,
+                               b"wordy", b"wordy --run"))
+        file.write(chunk(1, struct.pack("<IIiI", 16 + len(strings), 1, 42, 0) + strings) + chunk(2, records))
+    return path
+
+
 # A sanitizer reserves more addresses than any limit leaves.
 SANITIZED = bool(os.environ.get("FW_UPDATE_SANITIZERS"))
 
@@ -233,6 +251,10 @@ class Command(UpdatedDevice):
         path = sparse_trace("arguments.fwtrace", 65536, 65536 - 4096 - 64)
         self.assertIn("A damaged place", fw_trace("show", path).stderr)
 
+    def test_shows_more_messages_than_fit_into_memory(self):
+        done = with_memory(100, "show", wordy_trace("wordy.fwtrace"))
+        self.assertEqual((done.returncode, done.stderr, done.stdout.count("\n")), (0, "", 5000))
+
     def test_refuses_a_file_that_is_too_large_for_a_trace(self):
         path = sparse_trace("large.fwtrace", (256 << 20) + 1, 64)
         done = with_memory(300, "show", path)
@@ -245,16 +267,16 @@ class Command(UpdatedDevice):
         for number in range(4):
             path = sparse_trace(f"many/{number}.fwtrace", 100 << 20, 64)
             os.utime(path, (1000 + number, 1000 + number))
-        listed = json.loads(with_memory(600, "list", "--json", "--directory", directory).stdout)
-        states = {os.path.basename(trace["path"]): trace["state"] for trace in listed["traces"]}
-        self.assertEqual(states, {"0.fwtrace": "unreadable", "1.fwtrace": "unreadable",
-                                  "2.fwtrace": "dead", "3.fwtrace": "dead"})
-        self.assertIn("name this one to see it", listed["traces"][0]["problem"])
+        exported = with_memory(600, "export", "--format", "json", "--directory", directory)
+        left_out = [line.split(": ")[1] for line in exported.stderr.splitlines() if "name this one to see it" in line]
+        self.assertEqual([os.path.basename(path) for path in left_out], ["0.fwtrace", "1.fwtrace"])
+        listed = json.loads(with_memory(300, "list", "--json", "--directory", directory).stdout)
+        self.assertEqual([trace["state"] for trace in listed["traces"]], ["dead"] * 4)
 
     @unittest.skipIf(SANITIZED, "a sanitizer reserves more addresses than any limit leaves")
     def test_says_when_there_is_not_enough_memory(self):
-        path = sparse_trace("memory.fwtrace", 200 << 20, 64)
-        done = with_memory(100, "show", path)
+        path = wordy_trace("memory.fwtrace")
+        done = with_memory(100, "export", "--format", "json", path)
         self.assertEqual(done.returncode, 1)
         self.assertIn("There is not enough memory for these traces; name fewer of them.", done.stderr)
 

@@ -18,7 +18,7 @@ Message saying(const std::string& text, std::int64_t time = 0) {
 TEST(Filter, TakesTheNameOfAModuleAsAWordOfItsOwn) {
   Wanted wanted;
   wanted.module = "libtuner";
-  const Filter filter(wanted, {});
+  const Filter filter(wanted);
 
   for (const char* text :
        {"libtuner", "libtuner failed", "no libtuner", "(libtuner)", "libtuner2 or libtuner"}) {
@@ -33,7 +33,7 @@ TEST(Filter, TakesTheMomentsThatItsTimesName) {
   const std::int64_t noon = *parseTime("2026-01-31T12:00:00", 0);
   Wanted wanted;
   wanted.since = wanted.until = "2026-01-31T12:00:00";
-  const Filter filter(wanted, {});
+  const Filter filter(wanted);
 
   EXPECT_TRUE(filter.accepts(saying("", noon)));
   EXPECT_FALSE(filter.accepts(saying("", noon - 1)));

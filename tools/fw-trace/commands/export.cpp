@@ -26,6 +26,7 @@ bool writeFile(const std::string& path, const std::string& text) {
 frame::Report runExport(const Options& options) {
   Selection selection = selectTraces(options);
   frame::Report report = selection.problem;
+  loadRecords(selection.files);
   addSkipped(report, selection.files);
   if (report.ending != Outcome::Ok) {
     return report;

@@ -17,7 +17,20 @@ const char* stateOf(const TraceFile& file) {
   return file.alive ? "alive" : "dead";
 }
 
-Json::Value json(const TraceFile& file) {
+std::uint64_t recordsIn(TraceFile& file) {
+  std::uint64_t count = 0;
+  const BytesOfFile bytes(file.path);
+  for (const Ring& ring : file.trace.rings) {
+    RingReader reader(ring, file.trace.timeOffset);
+    for (auto records = reader.next(bytes, file.trace.skipped); !records.empty();
+         records = reader.next(bytes, file.trace.skipped)) {
+      count += records.size();
+    }
+  }
+  return count;
+}
+
+Json::Value json(const TraceFile& file, std::uint64_t records) {
   Json::Value value;
   value["path"] = file.path;
   value["state"] = stateOf(file);
@@ -31,18 +44,18 @@ Json::Value json(const TraceFile& file) {
   value["process"] = file.trace.processName;
   value["commandLine"] = file.trace.commandLine;
   value["start"] = dayAndTime(file.trace.start);
-  value["records"] = Json::UInt64{file.trace.records.size()};
+  value["records"] = Json::UInt64{records};
   value["overwritten"] = file.trace.overwritten;
   value["dropped"] = file.trace.dropped;
   return value;
 }
 
-std::vector<std::string> row(const TraceFile& file) {
+std::vector<std::string> row(const TraceFile& file, std::uint64_t records) {
   if (!file.problem.empty()) {
     return {"-", stateOf(file), "-", "-", file.path + ": " + file.problem};
   }
   return {std::to_string(file.trace.processId), stateOf(file), dayAndTime(file.trace.start),
-          std::to_string(file.trace.records.size()), file.trace.commandLine};
+          std::to_string(records), file.trace.commandLine};
 }
 
 }  // namespace
@@ -53,9 +66,10 @@ frame::Report runList(const Options& options) {
   report.details["directory"] = options.directory;
   report.details["traces"] = Json::arrayValue;
   std::vector<std::vector<std::string>> rows{{"PROCESS", "STATE", "STARTED", "RECORDS", "COMMAND"}};
-  for (const TraceFile& file : selection.files) {
-    rows.push_back(row(file));
-    report.details["traces"].append(json(file));
+  for (TraceFile& file : selection.files) {
+    const std::uint64_t records = recordsIn(file);
+    rows.push_back(row(file, records));
+    report.details["traces"].append(json(file, records));
   }
   if (!selection.files.empty()) {
     report.body = tool::table(rows, tool::terminalWidth(STDOUT_FILENO));

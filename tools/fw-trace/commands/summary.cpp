@@ -120,9 +120,10 @@ frame::Report runSummary(const Options& options) {
   Selection selection = selectTraces(options);
   frame::Report report = selection.problem;
   report.details["modules"] = Json::arrayValue;
-  const Timeline timeline = timelineOf(selection.files);
+  std::list<TraceReading> readings = readingsOf(selection.files);
+  const std::vector<Update> updates = updatesOf(readings);
   std::map<std::string, Module> modules;
-  for (const Update& update : timeline.updates) {
+  for (const Update& update : updates) {
     modules[update.name()].updates.push_back(&update);
   }
 
@@ -132,7 +133,7 @@ frame::Report runSummary(const Options& options) {
     rows.push_back(row(name, module));
     report.details["modules"].append(json(name, module));
   }
-  addSkipped(report, selection.files);
+  addSkipped(report, readings);
   if (!modules.empty()) {
     report.body = tool::table(rows, tool::terminalWidth(STDOUT_FILENO));
   } else if (report.ending == Outcome::Ok) {
