@@ -51,7 +51,9 @@ BytesOfFile::BytesOfFile(const std::string& path)
   problem_ = problemOf(fd_.get(), status_);
 }
 
-std::size_t BytesOfFile::readAt(std::uint64_t offset, char* to, std::size_t size) const {
+std::size_t BytesOfFile::readAt(std::uint64_t offset, char* to, std::size_t wanted) const {
+  const auto size = static_cast<std::size_t>(
+      std::min<std::uint64_t>(wanted, this->size() - std::min(offset, this->size())));
   std::size_t done = 0;
   while (done < size) {
     const ssize_t count = pread(fd_.get(), to + done, size - done, static_cast<off_t>(offset + done));

@@ -14,7 +14,7 @@
 
 namespace tracetool {
 
-// A file of today's length; it may grow.
+// A file with the length that it has now; it may grow.
 class BytesOfFile : public TraceBytes {
  public:
   explicit BytesOfFile(const std::string& path);

@@ -1,4 +1,4 @@
-// Traces that change while they are copied.
+// Traces that change while they are read.
 #include "trace-store.h"
 
 #include <gmock/gmock.h>
@@ -105,7 +105,7 @@ TEST_F(CopiedTrace, IsWholeInPiecesOfAnySize) {
 
 TEST_F(CopiedTrace, HasWhatWasNotOverwrittenMeanwhile) {
   readcalls::largest = sizeof(ChunkHeader);
-  onRead(ring_, 2, [this] { overwrite(2); });  // the header is copied, the records are not
+  onRead(ring_, 1, [this] { overwrite(2); });  // the header is read, the records are not
 
   const auto file = tracetool::loadTrace(path_);
 
@@ -115,7 +115,7 @@ TEST_F(CopiedTrace, HasWhatWasNotOverwrittenMeanwhile) {
 
 TEST_F(CopiedTrace, HasNothingOfARingThatWasOverwrittenAsAWhole) {
   readcalls::largest = sizeof(ChunkHeader);
-  onRead(ring_, 2, [this] {
+  onRead(ring_, 1, [this] {
     overwrite(4);
     changeNumber(ring_ + kTail, 7 * kSizeOfRecord);
   });
