@@ -22,15 +22,19 @@ namespace {
 }
 
 // A module that answers at once is taken for one that ran out of time, unless the
-// library's notifications wait for their waiter.
-void deliverNotifications() {
+// library's notifications wait for their waiter. The processes that the command sees are
+// all there are.
+void preload() {
 #ifdef FAULT_INJECTION_LIBRARY
   setenv("LD_PRELOAD", FAULT_INJECTION_LIBRARY, 1);
+  std::error_code error;
+  const std::string link = std::filesystem::read_symlink("/proc/self/ns/pid", error);
+  setenv("TESTS_PID_NAMESPACE", link.c_str(), 1);
 #endif
 }
 
 [[noreturn]] void execute(const std::vector<std::string>& arguments, const Launch& launch) {
-  deliverNotifications();
+  preload();
   for (const std::string& setting : launch.environment) {
     putenv(const_cast<char*>(setting.c_str()));
   }
