@@ -608,6 +608,19 @@ TEST_F(TheUpdateLock, IsNotGivenBackBesideARecoveryThatDoesNotEnd) {
   EXPECT_EQ(value(), 0);
 }
 
+// Where somebody else may write to the run directory, the directory of semaphores serves.
+TEST_F(TheUpdateLock, IsNotGivenBackBesideARecoveryThatMayNotUseTheRunDirectory) {
+  leaveTaken();
+  std::filesystem::create_directories("/run/fw-update");
+  ASSERT_EQ(chmod("/run/fw-update", 0777), 0);
+  const Locked other("/dev/shm", O_RDONLY | O_DIRECTORY);
+
+  const Json::Value recovered = document({"lock", "recover"}, racing("hurry"));
+
+  EXPECT_EQ(recovered["outcome"].asString(), "already-running");
+  EXPECT_EQ(value(), 0);
+}
+
 // ---- Races ----------------------------------------------------------------------
 
 TEST_F(TheUpdateLock, IsNotGivenBackTwiceWhenItsHolderDoesSoBeforeTheKernelIsAsked) {

@@ -198,4 +198,26 @@ TEST_F(WatchedCommand, HasProgressNamedBesideTheStepOfACrashAndNotOfAHang) {
   EXPECT_EQ(tool::explainHang(record_, kPatience).message.find("progress"), std::string::npos);
 }
 
+TEST(CrashOfACommand, PointsAtTheLogWhenItMayHaveBeenAnyModule) {
+  ChildRecord child{};
+  child.step = Step::Finish;
+
+  const tool::Finding finding = tool::explainCrash(child, SIGSEGV);
+
+  EXPECT_EQ(finding.message.rfind("A module crashed (SIGSEGV", 0), 0u) << finding.message;
+  EXPECT_EQ(finding.remedy, "See the log (--log), and check the versions: fw-update list");
+}
+
+TEST(CrashOfACommand, WroteNothingBeforeTheUpdate) {
+  for (const Step step : {Step::Start, Step::Load, Step::Version, Step::Check}) {
+    ChildRecord child{};
+    child.step = step;
+
+    EXPECT_EQ(tool::explainCrash(child, SIGSEGV).remedy.rfind("Nothing was written.", 0), 0u);
+
+    child.updated = 1;
+    EXPECT_EQ(tool::explainCrash(child, SIGSEGV).remedy.find("Nothing was written."), std::string::npos);
+  }
+}
+
 }  // namespace

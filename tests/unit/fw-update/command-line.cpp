@@ -3,8 +3,11 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <new>
 #include <ostream>
 #include <sstream>
+#include <system_error>
 
 #include "commands.h"
 
@@ -159,5 +162,26 @@ INSTANTIATE_TEST_SUITE_P(Every, CommandHelp, ::testing::ValuesIn(commandNames())
       name.begin(), name.end(), [](char c) { return c == ' ' || c == '-'; }, '_');
   return name;
 });
+
+// What no command caught.
+frame::Report explained(const std::exception& error) {
+  return tool::program().info.explain(error);
+}
+
+TEST(UncaughtError, IsToldByItsKind) {
+  EXPECT_EQ(explained(std::bad_alloc()).message, "The device has no memory left for this command.");
+  EXPECT_THAT(explained(std::system_error(EMFILE, std::generic_category(), "pipe")).message,
+              HasSubstr("The command could not be carried out: pipe: "));
+  EXPECT_EQ(explained(std::runtime_error("odd")).message, "Unexpected error: odd");
+}
+
+TEST(UncaughtError, IsAnUnexpectedOneAndHasARemedy) {
+  for (const frame::Report& report :
+       {explained(std::bad_alloc()), explained(std::system_error(EMFILE, std::generic_category(), "pipe"))}) {
+    EXPECT_EQ(report.ending->exitCode, 1);
+    EXPECT_EQ(report.remedy, "Try again when the device has more memory free.");
+  }
+  EXPECT_EQ(explained(std::runtime_error("odd")).remedy, "See the log (--log).");
+}
 
 }  // namespace
