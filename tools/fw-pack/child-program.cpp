@@ -95,7 +95,7 @@ bool runProgram(const std::vector<std::string>& arguments, const char* package, 
     throw;
   }
   ::close(ends[1]);
-  tool::LiveLine line;
+  tool::LiveLine line(STDERR_FILENO);
   line.show(arguments[0] + " is at work");
   try {
     passOn(ends[0], block);

@@ -42,7 +42,7 @@ class Progress {
   const std::string& path_;
   const std::uint64_t size_;
   std::uint64_t percent_ = 0;
-  tool::LiveLine line_;
+  tool::LiveLine line_{STDERR_FILENO};
 };
 
 void requireReplaceable(const std::string& path, Existing existing) {

@@ -5,20 +5,42 @@
 #include <iostream>
 
 #include "clean-output.h"
-#include "terminal.h"
 
 namespace tool {
+namespace {
 
-LiveLine::LiveLine() : shown_(isTerminal(STDERR_FILENO)) {}
-
-LiveLine::~LiveLine() {
-  show("");
+std::ostream& streamOf(int descriptor) {
+  return descriptor == STDOUT_FILENO ? std::cout : std::cerr;
 }
 
-void LiveLine::show(const std::string& text) {
-  if (shown_) {
-    std::cerr << base::emptyLine() << text.substr(0, terminalWidth(STDERR_FILENO) - 1) << std::flush;
+}  // namespace
+
+LiveLine::LiveLine(int descriptor) : descriptor_(descriptor), isShown_(isTerminal(descriptor)) {}
+
+LiveLine::~LiveLine() {
+  clear();
+}
+
+std::size_t LiveLine::width() const {
+  return terminalWidth(descriptor_) - 1;
+}
+
+void LiveLine::show(const std::string& text, std::optional<Colour> colour) {
+  if (!isShown_) {
+    return;
   }
+  const std::string line = text.substr(0, width());
+  streamOf(descriptor_) << base::terminalOrder(base::Order::LineStart)
+                        << (colour ? coloured(line, *colour, descriptor_) : line)
+                        << base::terminalOrder(base::Order::EraseToEnd) << std::flush;
+  isDrawn_ = true;
+}
+
+void LiveLine::clear() {
+  if (isDrawn_) {
+    streamOf(descriptor_) << base::emptyLine() << std::flush;
+  }
+  isDrawn_ = false;
 }
 
 }  // namespace tool

@@ -48,7 +48,7 @@ class CheckOnATerminal : public FwModuleTest {
 TEST_F(CheckOnATerminal, SaysWhatIsBeingCheckedAndRemovesThatLine) {
   const std::string transcript = shown(kColumns);
 
-  EXPECT_THAT(transcript, HasSubstr("\r\x1b[Kchecking: "));
+  EXPECT_THAT(transcript, HasSubstr("\rchecking: "));
   EXPECT_THAT(transcript, HasSubstr("\r\x1b[Kx: a module for the firmware soundfw"));
 }
 

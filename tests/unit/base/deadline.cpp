@@ -3,6 +3,10 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <fstream>
+#include <string>
+#include <thread>
+
 #include "file-descriptor.h"
 
 namespace {
@@ -19,6 +23,28 @@ TEST(Deadline, WaitsForWhatCanBeReadOrHasEnded) {
   EXPECT_EQ(base::Deadline(1).waitToRead(pipe.readEnd.get()), 0);
   ASSERT_EQ(write(pipe.writeEnd.get(), "x", 1), 1);
   EXPECT_EQ(base::Deadline(-1).waitToRead(pipe.readEnd.get()), 1);
+}
+
+// "S" while it sleeps.
+char stateOf(pid_t thread) {
+  std::string line;
+  std::getline(std::ifstream("/proc/self/task/" + std::to_string(thread) + "/stat"), line);
+  return line.at(line.rfind(')') + 2);
+}
+
+TEST(Deadline, WaitsUntilSomethingComes) {
+  base::Pipe pipe = base::makePipe();
+  const pid_t waiting = gettid();
+  std::thread other([&] {
+    while (stateOf(waiting) != 'S') {
+    }
+    EXPECT_EQ(write(pipe.writeEnd.get(), "x", 1), 1);
+  });
+
+  const int ready = base::Deadline(-1).waitToRead(pipe.readEnd.get());
+
+  other.join();
+  EXPECT_EQ(ready, 1);
 }
 
 TEST(Deadline, SeesTheOtherEndGo) {

@@ -136,11 +136,11 @@ TEST_F(Terminal, ShowsALineThatGoesWithItsOwner) {
   const std::string cut = "012345678";  // the last column would begin another line
   {
     const StandardErrorOn terminal(shown_.get());
-    tool::LiveLine line;
+    tool::LiveLine line(STDERR_FILENO);
     line.show("0123456789");
   }
 
-  EXPECT_EQ(screen(cleared.size() * 2 + cut.size()), cleared + cut + cleared);
+  EXPECT_EQ(screen(cleared.size() * 2 + cut.size()), "\r" + cut + "\x1b[K" + cleared);
 }
 
 TEST_F(Terminal, ShowsNoLineInAFile) {
@@ -150,7 +150,7 @@ TEST_F(Terminal, ShowsNoLineInAFile) {
   const FileDescriptor writing(ends[1]);
   {
     const StandardErrorOn file(writing.get());
-    tool::LiveLine line;
+    tool::LiveLine line(STDERR_FILENO);
     line.show("text");
   }
 

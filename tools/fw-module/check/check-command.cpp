@@ -55,7 +55,7 @@ Subject subjectOf(const Options& options) {
 }
 
 Report inspectWithLiveLine(const Options& options) {
-  tool::LiveLine line;
+  tool::LiveLine line(STDERR_FILENO);
   return inspect(subjectOf(options), std::chrono::seconds(options.limit),
                  [&line](const std::string& what) { line.show("checking: " + what); });
 }

@@ -16,7 +16,7 @@
 #include "isolation/left-mounts.h"
 #include "isolation/supervised.h"
 #include "lock/lock-recovery.h"
-#include "progress/progress-reporter.h"
+#include "progress/telling.h"
 #include "report.h"
 #include "terminal.h"
 #include "update-all/run-note.h"

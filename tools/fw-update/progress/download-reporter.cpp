@@ -7,9 +7,9 @@
 #include <iostream>
 #include <optional>
 
-#include "clean-output.h"
-#include "report.h"
-#include "terminal.h"
+#include "frame/report.h"
+#include "live-line.h"
+#include "progress/telling.h"
 
 namespace tool {
 namespace {
@@ -29,20 +29,12 @@ std::string lineOf(const std::string& package, const DownloadProgress& progress)
 class LiveDownload : public DownloadReporter {
  public:
   void tick(const std::string& package, const DownloadProgress& progress) override {
-    std::cout << base::terminalOrder(base::Order::LineStart)
-              << lineOf(package, progress).substr(0, terminalWidth(STDOUT_FILENO) - 1)
-              << base::terminalOrder(base::Order::EraseToEnd) << std::flush;
-    drawn_ = true;
+    line_.show(lineOf(package, progress));
   }
-  void finish() override {
-    if (drawn_) {
-      std::cout << base::emptyLine() << std::flush;
-    }
-    drawn_ = false;
-  }
+  void finish() override { line_.clear(); }
 
  private:
-  bool drawn_ = false;
+  LiveLine line_{STDOUT_FILENO};
 };
 
 class PlainDownload : public DownloadReporter {
@@ -87,7 +79,7 @@ class NdjsonDownload : public DownloadReporter {
         event["percent"] = *percent;
       }
     }
-    std::cout << onOneLine(event) << std::flush;
+    frame::putEvent(event);
   }
 
   std::optional<std::int64_t> lastReceived_;
@@ -104,16 +96,8 @@ std::optional<unsigned int> percentOf(const DownloadProgress& progress) {
 }
 
 std::unique_ptr<DownloadReporter> makeDownloadReporter(const Options& options) {
-  if (options.ndjson) {
-    return std::make_unique<NdjsonDownload>();
-  }
-  if (options.json) {
-    return std::make_unique<DownloadReporter>();
-  }
-  if (isTerminal(STDOUT_FILENO) && !options.log) {
-    return std::make_unique<LiveDownload>();
-  }
-  return std::make_unique<PlainDownload>();
+  return makeReporter<DownloadReporter, NdjsonDownload, DownloadReporter, LiveDownload, PlainDownload>(
+      options);
 }
 
 }  // namespace tool

@@ -28,8 +28,7 @@ class DownloadReporter {
   virtual void finish() {}
 };
 
-// One live line on a terminal, one JSON object a line for ndjson, nothing for a JSON
-// document, else a line for every ten percent.
+// The plain lines are one for every ten percent.
 std::unique_ptr<DownloadReporter> makeDownloadReporter(const Options& options);
 
 }  // namespace tool

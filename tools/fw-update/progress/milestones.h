@@ -16,11 +16,11 @@ class Milestones {
  public:
   bool reached(const UpdateProgress& progress) {
     if (progress.phase != Phase::Updating && progress.elapsed < kNoticeableWait) {
-      { return false; }
+      return false;
     }
     const Key now{progress.phase, progress.percent.value_or(0) / 10, progress.overdue()};
     if (last_ && last_->phase == now.phase && last_->tens == now.tens && last_->overdue == now.overdue) {
-      { return false; }
+      return false;
     }
     last_ = now;
     return true;

@@ -2,15 +2,14 @@
 
 #include <unistd.h>
 
-#include <cstdlib>
-#include <cstring>
 #include <iostream>
 
-#include "clean-output.h"
+#include "frame/report.h"
+#include "live-line.h"
 #include "printable-text.h"
 #include "progress/milestones.h"
-#include "report.h"
-#include "terminal.h"
+#include "progress/telling.h"
+#include "text-layout.h"
 
 namespace tool {
 namespace {
@@ -22,20 +21,13 @@ class LiveReporter : public ProgressReporter {
     if (progress.phase != Phase::Updating && progress.elapsed < kNoticeableWait) {
       return;
     }
-    const std::string line = liveLine(progress, terminalWidth(STDOUT_FILENO) - 1);
-    std::cout << base::terminalOrder(base::Order::LineStart)
-              << (progress.overdue() ? coloured(line, Colour::Yellow, STDOUT_FILENO) : line)
-              << base::terminalOrder(base::Order::EraseToEnd) << std::flush;
-    drawn_ = true;
+    line_.show(liveLine(progress, line_.width()),
+               progress.overdue() ? std::optional<Colour>(Colour::Yellow) : std::nullopt);
   }
-  void finish() override {
-    if (drawn_) {
-      std::cout << base::emptyLine() << std::flush;
-    }
-  }
+  void finish() override { line_.clear(); }
 
  private:
-  bool drawn_ = false;
+  LiveLine line_{STDOUT_FILENO};
 };
 
 class PlainReporter : public ProgressReporter {
@@ -61,7 +53,7 @@ class NdjsonReporter : public ProgressReporter {
     event["event"] = "start";
     event["module"] = options.module;
     event["caller"] = options.caller->name;
-    std::cout << onOneLine(event) << std::flush;
+    frame::putEvent(event);
   }
   void tick(const UpdateProgress& progress) override {
     if (progress.phase == Phase::Updating) {
@@ -101,7 +93,7 @@ class NdjsonReporter : public ProgressReporter {
         event["givesUpAtSeconds"] = progress.limit->givesUp;
       }
     }
-    std::cout << onOneLine(event) << std::flush;
+    frame::putEvent(event);
   }
 
   std::optional<unsigned int> lastPercent_;
@@ -112,23 +104,9 @@ class NdjsonReporter : public ProgressReporter {
 
 }  // namespace
 
-bool hasLiveLine() {
-  const char* sink = std::getenv("FW_UPDATE_LOG");
-  const bool logInBetween = sink != nullptr && std::strcmp(sink, "stderr") == 0 && isatty(STDERR_FILENO) == 1;
-  return isTerminal(STDOUT_FILENO) && !logInBetween;
-}
-
 std::unique_ptr<ProgressReporter> makeProgressReporter(const Options& options) {
-  if (options.ndjson) {
-    return std::make_unique<NdjsonReporter>();
-  }
-  if (options.json) {
-    return std::make_unique<ProgressReporter>();
-  }
-  if (hasLiveLine()) {
-    return std::make_unique<LiveReporter>();
-  }
-  return std::make_unique<PlainReporter>();
+  return makeReporter<ProgressReporter, NdjsonReporter, ProgressReporter, LiveReporter, PlainReporter>(
+      options);
 }
 
 }  // namespace tool

@@ -23,13 +23,7 @@ class ProgressReporter {
   virtual void finish() {}
 };
 
-// One live line on a terminal, one JSON object a line for ndjson, nothing for a
-// JSON document, else a few plain lines.
 std::unique_ptr<ProgressReporter> makeProgressReporter(const Options& options);
-
-// Whether standard output is a terminal that a line can be redrawn on; the
-// platform's log on the same terminal would break it up.
-bool hasLiveLine();
 
 }  // namespace tool
 

@@ -5,9 +5,10 @@
 #include <cmath>
 #include <iostream>
 
-#include "clean-output.h"
+#include "frame/report.h"
+#include "live-line.h"
 #include "progress/milestones.h"
-#include "progress/progress-reporter.h"
+#include "progress/telling.h"
 #include "report.h"
 #include "terminal.h"
 #include "text-layout.h"
@@ -51,24 +52,16 @@ class LiveReporter : public TextReporter {
     if (progress.number == 0) {
       return;
     }
-    const std::string line = liveLine(progress, terminalWidth(STDOUT_FILENO) - 1);
-    std::cout << base::terminalOrder(base::Order::LineStart)
-              << (progress.module.overdue() ? coloured(line, Colour::Yellow, STDOUT_FILENO) : line)
-              << base::terminalOrder(base::Order::EraseToEnd) << std::flush;
-    drawn_ = true;
+    line_.show(liveLine(progress, line_.width()),
+               progress.module.overdue() ? std::optional<Colour>(Colour::Yellow) : std::nullopt);
   }
   void finish() override { clear(); }
 
  protected:
-  void clear() override {
-    if (drawn_) {
-      std::cout << base::emptyLine() << std::flush;
-    }
-    drawn_ = false;
-  }
+  void clear() override { line_.clear(); }
 
  private:
-  bool drawn_ = false;
+  LiveLine line_{STDOUT_FILENO};
 };
 
 class PlainReporter : public TextReporter {
@@ -99,7 +92,7 @@ class NdjsonReporter : public RunReporter {
     }
     event["expectedSeconds"] = plan.expectedSeconds();
     event["powerHoldMs"] = plan.powerHoldMs();
-    put(event);
+    frame::putEvent(event);
   }
   void tick(const RunProgress& progress) override {
     if (progress.number == 0) {
@@ -108,12 +101,12 @@ class NdjsonReporter : public RunReporter {
     if (progress.number != number_) {
       number_ = progress.number;
       updating_ = false;
-      put(moment(progress, "module-start"));
+      frame::putEvent(moment(progress, "module-start"));
     }
     if (progress.module.phase == Phase::Updating && (!updating_ || progress.module.percent != percent_)) {
       updating_ = true;
       percent_ = progress.module.percent;
-      put(moment(progress, "progress"));
+      frame::putEvent(moment(progress, "progress"));
     }
   }
   void moduleEnded(std::size_t ended, const PlannedModule& module, const Finding& finding) override {
@@ -123,9 +116,9 @@ class NdjsonReporter : public RunReporter {
     event["number"] = static_cast<Json::UInt64>(ended);
     event["outcome"] = infoOf(finding.outcome).id;
     event["message"] = finding.message;
-    put(event);
+    frame::putEvent(event);
   }
-  void goesOn(const RunProgress& progress) override { put(moment(progress, "goes-on")); }
+  void goesOn(const RunProgress& progress) override { frame::putEvent(moment(progress, "goes-on")); }
 
  private:
   static Json::Value moment(const RunProgress& progress, const char* name) {
@@ -143,7 +136,6 @@ class NdjsonReporter : public RunReporter {
     event["modulesLeft"] = static_cast<Json::UInt64>(progress.modulesLeft);
     return event;
   }
-  static void put(const Json::Value& event) { std::cout << onOneLine(event) << std::flush; }
 
   std::size_t number_ = 0;
   bool updating_ = false;
@@ -161,16 +153,7 @@ class DocumentReporter : public RunReporter {
 }  // namespace
 
 std::unique_ptr<RunReporter> makeRunReporter(const Options& options) {
-  if (options.ndjson) {
-    return std::make_unique<NdjsonReporter>();
-  }
-  if (options.json) {
-    return std::make_unique<DocumentReporter>();
-  }
-  if (hasLiveLine()) {
-    return std::make_unique<LiveReporter>();
-  }
-  return std::make_unique<PlainReporter>();
+  return makeReporter<RunReporter, NdjsonReporter, DocumentReporter, LiveReporter, PlainReporter>(options);
 }
 
 std::string describePlan(const UpdatePlan& plan) {
