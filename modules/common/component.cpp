@@ -14,6 +14,7 @@
 #include "error-number.h"
 #include "flash-file.h"
 #include "hardware.h"
+#include "image-information.h"
 #include "journal.h"
 #include "posix-file.h"
 #include "progress-file.h"
@@ -23,6 +24,10 @@ namespace fwcomponent {
 namespace {
 
 static_assert(std::is_trivially_destructible_v<Component>);
+
+// The version that this thread asked about last. A USB package is written by the thread that
+// has just asked, and brings nothing else that states its version.
+thread_local char checkedVersion[kVersionCapacity];
 
 template <std::size_t N>
 void keepText(char (&destination)[N], const char* source) {
@@ -55,6 +60,13 @@ std::optional<std::string> usableVersion(const Component& component) try {
   throw;
 }
 
+// Empty when it is not known. Why is told when the image has been opened.
+std::string statedVersion(const char* path) try {
+  return path == nullptr ? "" : versionOfImage(path);
+} catch (const std::exception&) {
+  return "";
+}
+
 }  // namespace
 
 void Component::setContext(const char* libName, int caller, const char* data) {
@@ -73,17 +85,17 @@ std::string Component::activeVersion() const {
 }
 
 bool Component::isNewer(const char* version) {
-  if (version == nullptr || !isVersion(version) || std::strlen(version) >= sizeof checkedVersion_) {
+  if (version == nullptr || !isVersion(version) || std::strlen(version) >= sizeof checkedVersion) {
     fail(EINVAL, "no version");
   }
   const std::optional<std::string> active = usableVersion(*this);
-  const std::lock_guard<std::mutex> lock(mutex_);
-  keepText(checkedVersion_, version);
+  keepText(checkedVersion, version);
   return !active || compareVersions(version, *active) > 0;
 }
 
 void Component::updateFromFile(const char* path, unsigned long crc) {
-  runRecorded([&](const std::string& version) {
+  const std::string version = statedVersion(path);
+  runRecorded(version, [&] {
     if (path == nullptr) {
       fail(EINVAL, "no path");
     }
@@ -94,12 +106,16 @@ void Component::updateFromFile(const char* path, unsigned long crc) {
       return readBlock(file.get(), buffer, capacity);
     };
     noteImageSize(image.size);
-    run.writeImage(image, version, crc);
+    run.writeImage(image, version.empty() ? versionOfImage(path) : version, crc);
   });
 }
 
 void Component::updateFromMemory(const unsigned char* data, int length) {
-  runRecorded([&](const std::string& version) {
+  const std::string version = checkedVersion;
+  runRecorded(version, [&] {
+    if (version.empty()) {
+      fail(EINVAL, "no version was checked before the update");
+    }
     if (data == nullptr || length < 0) {
       fail(EINVAL, "no data");
     }
@@ -145,9 +161,8 @@ void Component::allUpdateDone() const {
 
 // The journal does not decide about an update: a full disk must not keep a
 // component from a firmware that still fits.
-void Component::runRecorded(const std::function<void(const std::string& version)>& update) {
+void Component::runRecorded(const std::string& version, const std::function<void()>& update) {
   std::unique_lock<std::mutex> lock(mutex_);
-  const std::string version = checkedVersion_;
   const std::string asked =
       " library=" + std::string(libName_) + " caller=" + std::to_string(caller_) + " data=" + data_;
   lock.unlock();
@@ -155,10 +170,7 @@ void Component::runRecorded(const std::function<void(const std::string& version)
   const std::string which = " version=" + (version.empty() ? "-" : version);
   appendToJournal(identity_.firmwareName, "start" + which + asked);
   try {
-    if (version.empty()) {
-      fail(EINVAL, "no version was checked before the update");
-    }
-    update(version);
+    update();
   } catch (const std::exception& error) {
     const std::string result = " result=" + std::to_string(-currentErrorNumber());
     appendToJournal(identity_.firmwareName, "fail" + which + result + " reason=" + error.what());

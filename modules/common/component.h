@@ -39,11 +39,12 @@ class Component {
   std::string activeVersion() const;
 
   // Whether version is newer than the active one; a corrupt flash is older than
-  // everything, so that it can be repaired. Keeps version: the next update writes
-  // it into the flash. EINVAL for what is no version of at most 127 characters.
+  // everything, so that it can be repaired. EINVAL for what is no version of at most
+  // 127 characters.
   bool isNewer(const char* version);
 
-  // Write the image and make it active (see UpdateRun).
+  // Write the image and make it active (see UpdateRun). The version is that of the
+  // "info.json" beside the file; in memory, the one that this thread asked isNewer about.
   void updateFromFile(const char* path, unsigned long crc);
   void updateFromMemory(const unsigned char* data, int length);
 
@@ -54,7 +55,7 @@ class Component {
  private:
   using Text = char[128];
 
-  void runRecorded(const std::function<void(const std::string& version)>& update);
+  void runRecorded(const std::string& version, const std::function<void()>& update);
   void noteImageSize(std::uint64_t size);
 
   const ComponentIdentity identity_;
@@ -62,7 +63,6 @@ class Component {
   Text libName_ = {};
   int caller_ = 0;
   Text data_ = {};
-  Text checkedVersion_ = {};
   std::uint64_t lastImageSize_ = 0;
 };
 

@@ -1,6 +1,5 @@
 #include "hardware.h"
 
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <boost/algorithm/string/trim.hpp>
@@ -30,16 +29,6 @@ constexpr Key kKeys[] = {
 };
 
 constexpr std::size_t kGreatestFile = 4096;
-
-std::string readText(const std::string& path) {
-  const FileDescriptor file = openFile(path, O_RDONLY | O_NONBLOCK);
-  std::string text(kGreatestFile + 1, '\0');
-  text.resize(readBlock(file.get(), text.data(), text.size()));
-  if (text.size() > kGreatestFile) {
-    fail(EINVAL, path + " is too long");
-  }
-  return text;
-}
 
 unsigned int parseValue(const std::string& text, unsigned int greatest, const std::string& line) {
   unsigned int value = 0;
@@ -72,7 +61,7 @@ HardwareDescription readHardwareDescription(const std::string& firmwareName) {
   HardwareDescription description;
   std::string text;
   try {
-    text = readText(kComponentsDirectory + firmwareName + ".component");
+    text = readText(kComponentsDirectory + firmwareName + ".component", kGreatestFile);
   } catch (const std::system_error& error) {
     if (error.code() == std::errc::no_such_file_or_directory) {
       return description;

@@ -57,6 +57,16 @@ std::size_t readBlock(int descriptor, void* buffer, std::size_t capacity) {
   return filled;
 }
 
+std::string readText(const std::string& path, std::size_t greatest) {
+  const FileDescriptor file = openFile(path, O_RDONLY | O_NONBLOCK);
+  std::string text(greatest + 1, '\0');
+  text.resize(readBlock(file.get(), text.data(), text.size()));
+  if (text.size() > greatest) {
+    fail(EINVAL, path + " is too long");
+  }
+  return text;
+}
+
 void writeAll(int descriptor, const void* data, std::size_t length) {
   std::size_t written = 0;
   while (written < length) {

@@ -37,6 +37,9 @@ FileDescriptor openFile(const std::string& path, int flags, mode_t mode = 0);
 // of bytes read.
 std::size_t readBlock(int descriptor, void* buffer, std::size_t capacity);
 
+// The whole file; EINVAL when it has more than greatest bytes. A FIFO does not hold it up.
+std::string readText(const std::string& path, std::size_t greatest);
+
 void writeAll(int descriptor, const void* data, std::size_t length);
 
 }  // namespace fwcomponent

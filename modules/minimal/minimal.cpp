@@ -5,12 +5,12 @@
 #include <unistd.h>
 
 #include <boost/crc.hpp>
+#include <boost/property_tree/json_parser.hpp>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <iterator>
-#include <mutex>
 #include <string>
 
 #include "fw-update-module.h"
@@ -21,12 +21,8 @@ constexpr const char* kDirectory = "/var/lib/fw-components";
 constexpr const char* kFlash = "/var/lib/fw-components/minimalfw.firmware";
 constexpr const char* kNewFlash = "/var/lib/fw-components/minimalfw.firmware.new";
 
-std::mutex mutex;          // entry points are called from several threads
-char checkedVersion[128];  // guarded by mutex
-
 bool isVersion(const std::string& text) {
-  return !text.empty() && text.size() < sizeof checkedVersion &&
-         text.find_first_not_of("0123456789.") == std::string::npos;
+  return !text.empty() && text.size() < 128 && text.find_first_not_of("0123456789.") == std::string::npos;
 }
 
 // The library logs errno beside the result.
@@ -45,6 +41,13 @@ bool hasCrc(const std::string& image, unsigned long expected) {
   boost::crc_optimal<32, 0x01B23CA3, 0, 0, false, false> crc;
   crc.process_bytes(image.data(), image.size());
   return crc.checksum() == expected;
+}
+
+// Of the image at path: the one that checkVersion was asked about last may be another's.
+std::string statedVersion(const std::string& path) {
+  boost::property_tree::ptree information;
+  boost::property_tree::read_json(path.substr(0, path.rfind('/') + 1) + "info.json", information);
+  return information.get<std::string>("version");
 }
 
 // False with errno. On the medium before it is reported as written.
@@ -108,10 +111,7 @@ int checkVersion(const char* version, int* need) try {
   if (!isVersion(version)) {
     return failure(EINVAL);
   }
-  const std::string active = activeVersion();
-  const std::lock_guard<std::mutex> lock(mutex);
-  std::snprintf(checkedVersion, sizeof checkedVersion, "%s", version);
-  *need = ::strverscmp(version, active.c_str()) > 0 ? 1 : 0;
+  *need = ::strverscmp(version, activeVersion().c_str()) > 0 ? 1 : 0;
   return 0;
 } catch (...) {
   return failure(ENOMEM);
@@ -126,10 +126,8 @@ int doUpdate(const char* path, unsigned long value) try {
   if (image.empty() || !hasCrc(image, value)) {
     return failure(EBADMSG);
   }
-  std::unique_lock<std::mutex> lock(mutex);
-  const std::string version = checkedVersion;
-  lock.unlock();
-  return replaceFlash(version + '\n' + image);
+  const std::string version = statedVersion(path);
+  return isVersion(version) ? replaceFlash(version + '\n' + image) : failure(EINVAL);
 } catch (...) {
   return failure(EIO);
 }

@@ -1,41 +1,32 @@
 // The module of the remote control. "EXT-" in its file name makes it run its own
 // procedure: it gets no image from the library, but finds one in the firmware
 // directory itself, decides itself, and writes it like any other component.
-#include <json/json.h>
-
 #include <cerrno>
-#include <fstream>
 #include <string>
 
+#include "image-information.h"
 #include "module-entry.h"
 #include "posix-file.h"
 
 namespace {
 
 constexpr const char* kImagePath = "/lib/firmware/ext/remotefw/remotefw.bin";
-constexpr const char* kInformationPath = "/lib/firmware/ext/remotefw/info.json";
 
 struct Information {
   std::string version;
   unsigned int crc;
 };
 
-Information readInformation() {
-  std::ifstream stream(kInformationPath, std::ios::binary);
-  if (!stream) {
-    fwcomponent::fail(ENOENT, kInformationPath);
-  }
-  Json::Value root;
-  std::string errors;
-  if (!Json::parseFromStream(Json::CharReaderBuilder(), stream, &root, &errors) || !root.isObject() ||
-      !root["version"].isString() || !root["crc"].isUInt()) {
-    fwcomponent::fail(EBADMSG, kInformationPath);
+Information statedInformation() {
+  const Json::Value root = fwcomponent::readInformation(fwcomponent::informationBeside(kImagePath));
+  if (!root["version"].isString() || !root["crc"].isUInt()) {
+    fwcomponent::fail(EBADMSG, "info.json without version or crc");
   }
   return {root["version"].asString(), root["crc"].asUInt()};
 }
 
 void runOwnProcedure(fwcomponent::Component& remote) {
-  const Information information = readInformation();
+  const Information information = statedInformation();
   if (remote.isNewer(information.version.c_str())) {
     remote.updateFromFile(kImagePath, information.crc);
   }

@@ -32,6 +32,16 @@ TEST_F(MinimalModule, UpdatesItsComponent) {
   EXPECT_EQ(readFile(std::string(kComponents) + "minimalfw.firmware"), "2.0\n" + image_);
 }
 
+TEST_F(MinimalModule, WritesTheVersionStatedBesideTheImage) {
+  writeFile(kImagePath, image_);
+  writeFile(kInformationPath, R"({"version": "2.0"})");
+  minimal_.need("2.0");
+  minimal_.need("2.5");
+
+  EXPECT_EQ(minimal_.find<decltype(doUpdate)>("doUpdate")(kImagePath, crcOf(image_)), 0);
+  EXPECT_EQ(minimal_.activeVersion(), "2.0");
+}
+
 TEST_F(MinimalModule, KeepsTheOldFirmwareAfterAFailure) {
   ASSERT_EQ(updateFrom(minimal_, "2.0", image_), 0);
 

@@ -70,6 +70,7 @@ int LoadedModule::expectedTime() const {
 }
 
 int LoadedModule::update(const std::string& version, const std::string& path, unsigned long crc) const {
+  std::ofstream(kInformationPath) << R"({"version": ")" << version << "\"}";
   need(version);
   errno = 0;
   return find<decltype(::doUpdate)>("doUpdate")(path.c_str(), crc);

@@ -19,6 +19,7 @@
 
 constexpr const char* kComponents = "/var/lib/fw-components/";
 constexpr const char* kImagePath = "/lib/firmware/ext/image.bin";
+constexpr const char* kInformationPath = "/lib/firmware/ext/info.json";
 
 std::string modulePath(const std::string& library);  // "libtuner.so"
 
@@ -42,7 +43,8 @@ class LoadedModule {
   unsigned int progress() const;
   int expectedTime() const;
 
-  // checkVersion, then doUpdate or doUpdate_decryption; errno is the module's.
+  // States the version in kInformationPath, calls checkVersion, then doUpdate or
+  // doUpdate_decryption; errno is the module's.
   int update(const std::string& version, const std::string& path, unsigned long crc) const;
   int updateFromMemory(const std::string& version, const std::string& image) const;
 

@@ -8,6 +8,7 @@
 #include <fstream>
 #include <regex>
 #include <system_error>
+#include <thread>
 
 #include "module-test.h"
 
@@ -85,20 +86,61 @@ TEST_F(ModuleUpdate, RefusesMemoryThatIsNoImage) {
   EXPECT_TRUE(flashContent("tunerfw") == oldImage_);
 }
 
-TEST_F(ModuleUpdate, WritesTheVersionLastAskedFor) {
-  tuner_.need("5.0");
-  tuner_.need("nonsense");
+TEST_F(ModuleUpdate, WritesTheVersionStatedBesideTheImage) {
+  writeFile(kImagePath, newImage_);
+  writeFile(kInformationPath, R"({"version": "2.0.0"})");
+  tuner_.need("2.0.0");
+  std::thread([this] { tuner_.need("2.5.0"); }).join();
+  tuner_.need("2.6.0");
 
-  ASSERT_EQ(updateFrom(tuner_, "0.5", newImage_), 0);
+  const int result = tuner_.find<decltype(doUpdate)>("doUpdate")(kImagePath, crcOf(newImage_));
 
-  EXPECT_EQ(tuner_.activeVersion(), "0.5");
+  EXPECT_EQ(result, 0);
+  EXPECT_EQ(tuner_.activeVersion(), "2.0.0");
 }
 
-TEST_F(ModuleUpdate, NeedsAVersionThatWasAskedFor) {
-  LoadedModule panel(modulePath("libpanel.so"));
-  writeFile(kImagePath, newImage_);
+TEST_F(ModuleUpdate, WritesTheVersionThatThePackagesThreadAskedFor) {
+  tuner_.need("3.0");
+  std::thread([this] { tuner_.need("3.5"); }).join();
 
-  const int result = panel.find<decltype(doUpdate)>("doUpdate")(kImagePath, crcOf(newImage_));
+  const auto update = tuner_.find<decltype(doUpdate_decryption)>("doUpdate_decryption");
+  const int result =
+      update(reinterpret_cast<const unsigned char*>(newImage_.data()), static_cast<int>(newImage_.size()));
+
+  EXPECT_EQ(result, 0);
+  EXPECT_EQ(tuner_.activeVersion(), "3.0");
+}
+
+TEST_F(ModuleUpdate, NeedsAnImageWithAVersion) {
+  struct Case {
+    const char* information;
+    int error;
+  };
+  const Case cases[] = {
+      {"{", EBADMSG},
+      {"[]", EBADMSG},
+      {R"({"version": {}})", EBADMSG},
+      {R"({"version": "new"})", EINVAL},
+      {R"({"version": ""})", EINVAL},
+  };
+  writeFile(kImagePath, newImage_);
+  const auto update = tuner_.find<decltype(doUpdate)>("doUpdate");
+  tuner_.need("2.0.0");
+
+  std::filesystem::remove(kInformationPath);
+  EXPECT_EQ(update(kImagePath, crcOf(newImage_)), -ENOENT);
+  for (const Case& one : cases) {
+    writeFile(kInformationPath, one.information);
+    EXPECT_EQ(update(kImagePath, crcOf(newImage_)), -one.error) << one.information;
+    expectOldFirmware();
+  }
+}
+
+TEST_F(ModuleUpdate, NeedsAPackageWhoseVersionWasAskedFor) {
+  LoadedModule panel(modulePath("libpanel.so"));
+  const unsigned char data[] = {1};
+
+  const int result = panel.find<decltype(doUpdate_decryption)>("doUpdate_decryption")(data, 1);
 
   EXPECT_EQ(result, -EINVAL);
   EXPECT_EQ(panel.activeVersion(), "0.0.0");
@@ -298,7 +340,7 @@ TEST_F(ModuleUpdate, LeavesOneJournalLineForEachEvent) {
   ASSERT_EQ(tuner_.setContext("libtuner", CALLER_FACTORY, data), 0);
 
   ASSERT_EQ(updateFrom(tuner_, "2.0.0", newImage_), 0);
-  ASSERT_EQ(tuner_.update("2.1", "/no/image", 0), -ENOENT);
+  ASSERT_EQ(tuner_.update("2.1", "/lib/firmware/ext/gone.bin", 0), -ENOENT);
   ASSERT_EQ(tuner_.find<decltype(allUpdateDone)>("allUpdateDone")(), 0);
 
   const std::string prefix =
@@ -307,7 +349,7 @@ TEST_F(ModuleUpdate, LeavesOneJournalLineForEachEvent) {
       "start version=2\\.0\\.0 library=libtuner caller=0 data=FACTORY_AUTOMATION",
       "finish version=2\\.0\\.0 result=0",
       "start version=2\\.1 library=libtuner caller=0 data=FACTORY_AUTOMATION",
-      "fail version=2\\.1 result=-2 reason=/no/image: No such file or directory",
+      "fail version=2\\.1 result=-2 reason=/lib/firmware/ext/gone\\.bin: No such file or directory",
       "all-done",
   };
   const std::vector<std::string> lines = journal();
