@@ -83,6 +83,7 @@ constexpr Fault kFaults[] = {
     {"failing-update", "update", "doUpdate"},
     {"failing-second-update", "update", "doUpdate"},
     {"update-that-does-nothing", "update-version", "getActiveVersion"},
+    {"version-asked-last", "image-version", "doUpdate"},
     {"no-expected-time", "expected-time", "getExpectedTime"},
     {"packages-without-expected-time", "expected-time", "getExpectedTime"},
     {"expected-time-in-milliseconds", "expected-time-long", "getExpectedTime"},

@@ -49,6 +49,7 @@ enum class Check : std::uint8_t {
   // Updates.
   Update,
   UpdateVersion,
+  ImageVersion,
   ExpectedTime,
   ExpectedTimeLong,
   ProgressRange,
@@ -159,8 +160,11 @@ inline constexpr CheckInfo kChecks[] = {
      "Answer 0 when the image has been written. If the module takes only images of its own form, give one "
      "with --image and --version; if the hardware is missing here, check on the set."},
     {Check::UpdateVersion, "update-version", Severity::Error, "After an update its version is active",
-     "Answer 0 only when the new firmware is active, and let getActiveVersion tell the version that "
-     "checkVersion was given."},
+     "Answer 0 only when the new firmware is active, and let getActiveVersion tell the version of its "
+     "\"info.json\"."},
+    {Check::ImageVersion, "image-version", Severity::Error, "The version is that of the image",
+     "Read it from the \"info.json\" beside the image that doUpdate is given: a query on another thread may "
+     "have asked checkVersion about another version since."},
     {Check::ExpectedTime, "expected-time", Severity::Error, "The expected time is above 0",
      "Write the seconds that an update takes and answer 0. USB packages are announced with this time; "
      "nothing ends such an update."},

@@ -5,7 +5,7 @@
 int doUpdate(const char* path, unsigned long value) {
   std::string image;
   if (sound::readFile(path, image) && image.empty()) {
-    return sound::activate(image);
+    return sound::activate(image, sound::statedVersion(path));
   }
   return sound::update(path, value);
 }

@@ -3,5 +3,6 @@
 #include "sound-module.h"
 
 int doUpdate_decryption(const unsigned char* data, int length) {
-  return sound::activate({reinterpret_cast<const char*>(data), static_cast<std::size_t>(length)});
+  return sound::activate({reinterpret_cast<const char*>(data), static_cast<std::size_t>(length)},
+                         sound::versionToWrite());
 }

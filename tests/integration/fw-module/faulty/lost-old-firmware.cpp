@@ -10,6 +10,6 @@ int doUpdate(const char* path, unsigned long value) {
   if (image.empty()) {
     return sound::failure(ENODATA);
   }
-  const int result = sound::activate(image);
+  const int result = sound::activate(image, sound::statedVersion(path));
   return result == 0 && sound::crcOf(image) != value ? sound::failure(EBADMSG) : result;
 }

@@ -77,10 +77,21 @@ inline std::string versionToWrite() {
   return checkedVersion;
 }
 
+// Of the image at path; empty when it is not stated.
+inline std::string statedVersion(const std::string& path) {
+  std::string information;
+  readFile(path.substr(0, path.rfind('/') + 1) + "info.json", information);
+  const std::size_t colon = information.find(':', information.find("\"version\""));
+  const std::size_t begin = information.find('"', colon);
+  return begin == std::string::npos
+             ? ""
+             : information.substr(begin + 1, information.find('"', begin + 1) - begin - 1);
+}
+
 // Makes content the active firmware, in one step.
-inline int activate(const std::string& content) {
+inline int activate(const std::string& content, const std::string& version) {
   std::ofstream flash(kNewFlash, std::ios::binary | std::ios::trunc);
-  flash << versionToWrite() << '\n' << content;
+  flash << version << '\n' << content;
   flash.close();
   if (flash && std::rename(kNewFlash, kFlash) == 0) {
     return 0;
@@ -99,7 +110,7 @@ inline int update(const std::string& path, unsigned long crc) {
   if (image.empty() || crcOf(image) != crc) {
     return failure(EBADMSG);
   }
-  if (const int result = activate(image); result != 0) {
+  if (const int result = activate(image, statedVersion(path)); result != 0) {
     return result;
   }
   percent = 100;
@@ -151,7 +162,8 @@ int doUpdate_decryption(const unsigned char* data, int length) {
   if (length <= 0) {
     return sound::failure(ENODATA);
   }
-  return sound::activate({reinterpret_cast<const char*>(data), static_cast<std::size_t>(length)});
+  return sound::activate({reinterpret_cast<const char*>(data), static_cast<std::size_t>(length)},
+                         sound::versionToWrite());
 }
 #endif
 

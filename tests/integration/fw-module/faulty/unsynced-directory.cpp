@@ -11,7 +11,7 @@ int doUpdate(const char* path, unsigned long value) {
     return sound::failure(EBADMSG);
   }
   std::ofstream flash(sound::kNewFlash, std::ios::binary | std::ios::trunc);
-  flash << sound::versionToWrite() << '\n' << image;
+  flash << sound::statedVersion(path) << '\n' << image;
   flash.close();
   const int file = open(sound::kNewFlash, O_RDONLY | O_CLOEXEC);
   const bool stored = flash && fsync(file) == 0;

@@ -15,6 +15,7 @@ void tryRepeatedCalls(const Stage& stage);
 void tryConcurrentCalls(const Stage& stage);
 void tryVersions(const Stage& stage);
 void tryUpdate(const Stage& stage);
+void tryImageVersion(const Stage& stage);
 void tryOwnProcedure(const Stage& stage);
 void tryMissingImage(const Stage& stage);
 void tryEmptyImage(const Stage& stage);
@@ -75,6 +76,8 @@ inline constexpr Trial kTrials[] = {
     {"a good image", tryUpdate, takesNoVersion, kUpdates,
      decidesOn(Check::Update, Check::UpdateVersion, Check::VersionOlder, Check::ProgressFalls,
                Check::QueryWaits, Check::Descriptors, Check::Threads)},
+    {"a query between the question and the update", tryImageVersion, takesNoImage, kUpdates,
+     decidesOn(Check::ImageVersion)},
     {"its own procedure", tryOwnProcedure, isOrdinary, kQueries | callsTo(EntryPoint::DoUpdate),
      decidesOn(Check::ResultCode, Check::ProgressFalls, Check::QueryWaits, Check::Descriptors,
                Check::Threads)},

@@ -64,6 +64,23 @@ void tryUpdate(const Stage& stage) {
   judgeSecondUpdate(stage, countedUp(version));
 }
 
+// As when another thread asks about a package of a newer version after the decision.
+void tryImageVersion(const Stage& stage) {
+  const std::string& version = stage.subject.newerVersion;
+  const std::string other = countedUp(version);
+  const Image image = placeGoodImage(stage.subject, version);
+  stage.module.setContext(CALLER_UPGRADE_APP, "", "before an update");
+  stage.module.checkVersion(version, "before an update");
+  stage.module.checkVersion(other, "as a query before an update");
+  if (stage.module.doUpdate(image.path, image.crc, "after a query about another version") != 0) {
+    return;
+  }
+  const std::string active = stage.module.getActiveVersion("after an update").text;
+  stage.transcript.judge(active == version, Check::ImageVersion, EntryPoint::DoUpdate,
+                         "doUpdate answered 0 for version " + version + ", and \"" + active +
+                             "\" is active: checkVersion was asked about " + other + " in between.");
+}
+
 // Whatever comes of it: the module decides itself, and there may be no image.
 void tryOwnProcedure(const Stage& stage) {
   constexpr int kTimes = 3;

@@ -4,7 +4,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <mutex>
 #include <string>
 
 #include "component.h"
@@ -13,9 +12,6 @@ namespace {
 
 constexpr int kTextSize = 128;  // of every text that the library gets or hands over
 constexpr int kExpectedSeconds = 30;
-
-std::mutex mutex;                // entry points are called from several threads
-char checkedVersion[kTextSize];  // guarded by mutex
 
 // Every entry point answers 0 or a negative errno value, which errno holds as well: the
 // library logs both. No exception gets out.
@@ -34,6 +30,23 @@ int answer(Body body) noexcept {
 bool isVersion(const std::string& text) {
   return !text.empty() && text.size() < kTextSize &&
          text.find_first_not_of("0123456789.") == std::string::npos && text.front() != '.';
+}
+
+// The version of the image at path, from the "info.json" beside it. A query may have asked
+// checkVersion about another one since.
+std::string versionOfImage(const std::string& path) {
+  const std::string information = path.substr(0, path.rfind('/') + 1) + "info.json";
+  std::FILE* file = std::fopen(information.c_str(), "re");  // close-on-exec: not the module's process
+  if (file == nullptr)
+    return "";
+  char text[4096];
+  const std::string json(text, std::fread(text, 1, sizeof text, file));
+  std::fclose(file);
+  const std::size_t colon = json.find(':', json.find("\"version\""));
+  const std::size_t begin = json.find_first_not_of(" \t\n\"", colon == std::string::npos ? colon : colon + 1);
+  if (begin == std::string::npos)
+    return "";
+  return json.substr(begin, json.find_first_of(" \t\n\",}", begin) - begin);
 }
 
 }  // namespace
@@ -57,7 +70,7 @@ int getActiveVersion(char* out) {
   });
 }
 
-// The version of the image that doUpdate gets next.
+// Asked about images, and about packages that are only looked at.
 int checkVersion(const char* version, int* need) {
   return answer([version, need] {
     std::string active;
@@ -66,18 +79,14 @@ int checkVersion(const char* version, int* need) {
     if (const int result = component::readVersion(active); result != 0)
       return result;
     *need = ::strverscmp(version, active.c_str()) > 0 ? 1 : 0;
-    const std::lock_guard<std::mutex> lock(mutex);
-    std::strcpy(checkedVersion, version);
     return 0;
   });
 }
 
 int doUpdate(const char* path, unsigned long value) {
   return answer([path, value] {
-    std::unique_lock<std::mutex> lock(mutex);
-    const std::string version = checkedVersion;
-    lock.unlock();  // the others are asked while the update runs
-    return component::update(path, value, version);
+    const std::string version = versionOfImage(path);
+    return isVersion(version) ? component::update(path, value, version) : -EINVAL;
   });
 }
 

@@ -3,16 +3,12 @@
 #define _GNU_SOURCE
 #include <errno.h>
 #include <fw-update-module.h>
-#include <pthread.h>
+#include <stdio.h>
 #include <string.h>
 
 #include "component.h"
 
 enum { EXPECTED_SECONDS = 30 };
-
-/* Entry points are called from several threads. */
-static pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
-static char checked_version[TEXT_SIZE]; /* guarded by mutex */
 
 static int answer(int result) {
   if (result != 0)
@@ -23,6 +19,33 @@ static int answer(int result) {
 static int is_version(const char* text) {
   const size_t length = strspn(text, "0123456789.");
   return length > 0 && length < TEXT_SIZE && text[length] == '\0' && text[0] != '.';
+}
+
+/* The version of the image at path, from the "info.json" beside it. A query may have asked
+ * checkVersion about another one since. */
+static int read_image_version(const char* path, char version[TEXT_SIZE]) {
+  const char* slash = strrchr(path, '/');
+  char information[4096];
+  const int folder = slash == NULL ? 0 : (int)(slash - path) + 1;
+  if (snprintf(information, sizeof information, "%.*sinfo.json", folder, path) >= (int)sizeof information)
+    return -ENAMETOOLONG;
+  FILE* file = fopen(information, "re"); /* close-on-exec: not the module's process */
+  if (file == NULL)
+    return -errno;
+  char json[4096];
+  json[fread(json, 1, sizeof json - 1, file)] = '\0';
+  fclose(file);
+  const char* text = strstr(json, "\"version\"");
+  if (text == NULL)
+    return -EINVAL;
+  text += strlen("\"version\"");
+  text += strspn(text, ": \t\n\"");
+  const size_t length = strcspn(text, " \t\n\",}");
+  if (length >= TEXT_SIZE)
+    return -EINVAL;
+  memcpy(version, text, length);
+  version[length] = '\0';
+  return is_version(version) ? 0 : -EINVAL;
 }
 
 /* Both texts are the caller's and go away: copy what you need later. */
@@ -42,27 +65,21 @@ int getActiveVersion(char* out) {
   return answer(component_read_version(out));
 }
 
-/* The version of the image that doUpdate gets next. */
+/* Asked about images, and about packages that are only looked at. */
 int checkVersion(const char* version, int* need) {
   char active[TEXT_SIZE];
   if (!is_version(version))
     return answer(-EINVAL);
   const int result = component_read_version(active);
-  if (result != 0)
-    return answer(result);
-  *need = strverscmp(version, active) > 0;
-  pthread_mutex_lock(&mutex);
-  strcpy(checked_version, version);
-  pthread_mutex_unlock(&mutex);
-  return 0;
+  if (result == 0)
+    *need = strverscmp(version, active) > 0;
+  return answer(result);
 }
 
 int doUpdate(const char* path, unsigned long value) {
   char version[TEXT_SIZE];
-  pthread_mutex_lock(&mutex);
-  strcpy(version, checked_version);
-  pthread_mutex_unlock(&mutex); /* the others are asked while the update runs */
-  return answer(component_update(path, value, version));
+  const int result = read_image_version(path, version);
+  return answer(result == 0 ? component_update(path, value, version) : result);
 }
 
 int getExpectedTime(int* seconds) {
