@@ -47,6 +47,10 @@ constexpr Option kModule[] = {
         .completedWith(frame::Completes::Modules),
 };
 
+constexpr Option kVersion[] = {
+    Option("--version TEXT", &Options::version, "The version that is to be active, to the letter").required(),
+};
+
 constexpr Option kCaller[] = {
     Option("--caller NAME", &Options::callerName, "Who asks").checked(callerProblem).of(callerNames),
     Option("--data TEXT", &Options::givenData, "Request data for the module, at most 127 characters")
@@ -130,6 +134,11 @@ constexpr frame::Command<Options> kCommands[] = {
     {{"info", "Show one module: firmware name, active version, progress", "fw-update info libtuner"},
      {kModule},
      runInfo,
+     settle},
+    {{"verify", "Say whether a version is active, also by the exit code",
+      "fw-update verify libtuner --version 2.0.0"},
+     {kModule, kVersion},
+     runVerify,
      settle},
     {{"pending", "Show which modules need an update, and why others do not", "fw-update pending --caller lsm",
       callerLines},

@@ -14,6 +14,7 @@ namespace tool {
 struct Options {
   std::string module;
   const fwcallers::Caller* caller = fwcallers::findCaller(fwcallers::kDefaultCaller);
+  std::string version;  // verify
   std::string data;
   std::string directory;  // of USB packages; empty: the drive
   std::string keyFile;

@@ -9,6 +9,7 @@ namespace tool {
 
 frame::Report runList(const Options& options);
 frame::Report runInfo(const Options& options);
+frame::Report runVerify(const Options& options);
 frame::Report runPending(const Options& options);
 frame::Report runUpdate(const Options& options);
 frame::Report runProgress(const Options& options);

@@ -29,6 +29,7 @@ enum class Outcome {
   LockInUse,
   ModuleCrashed,
   ModuleHung,
+  OtherVersion,
 };
 
 inline constexpr frame::OutcomeInfo kOutcomeTable[] = {
@@ -51,10 +52,11 @@ inline constexpr frame::OutcomeInfo kOutcomeTable[] = {
     {"lock-in-use", 12, "lock taken", frame::Tone::Failure},
     {"module-crashed", 13, "crash", frame::Tone::Failure},
     {"module-hung", 14, "hang", frame::Tone::Failure},
+    {"other-version", 15, "other version", frame::Tone::Failure},
 };
 
 static_assert(sizeof kOutcomeTable / sizeof kOutcomeTable[0] ==
-                  static_cast<std::size_t>(Outcome::ModuleHung) + 1,
+                  static_cast<std::size_t>(Outcome::OtherVersion) + 1,
               "a row for each outcome, in their order");
 
 constexpr const frame::OutcomeInfo& infoOf(Outcome outcome) {

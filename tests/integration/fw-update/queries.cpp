@@ -82,6 +82,40 @@ TEST_F(Query, TellsTheFreshVersionOfAModule) {
   EXPECT_GT(info["expectedSeconds"].asInt(), 0);
 }
 
+TEST_F(Query, SaysWhetherAVersionIsActive) {
+  installModule("libtuner");
+  installImage("tunerfw");
+  ASSERT_EQ(run({"update", "libtuner"}).exitCode, 0);
+
+  const Ended right = run({"verify", "libtuner", "--version", "2.0.0"});
+  const Json::Value wrong = document({"verify", "libtuner", "--version", "2.0"});
+
+  EXPECT_EQ(right.exitCode, 0);
+  EXPECT_EQ(right.out, "Version 2.0.0 is active on libtuner.\n");
+  EXPECT_EQ(wrong["exitCode"].asInt(), 15);
+  EXPECT_EQ(wrong["outcome"].asString(), "other-version");
+  EXPECT_EQ(wrong["version"].asString(), "2.0.0");
+  EXPECT_EQ(wrong["expectedVersion"].asString(), "2.0");
+  EXPECT_EQ(wrong["message"].asString(), "Version 2.0.0 is active on libtuner, not 2.0.");
+}
+
+TEST_F(Query, VerifiesAnExtensionModuleToo) {
+  installModule("libEXT-remote");
+
+  EXPECT_EQ(run({"verify", "libEXT-remote", "--version", "0.0.0"}).exitCode, 0);
+  EXPECT_EQ(run({"verify", "libEXT-remote", "--version", "1"}).exitCode, 15);
+}
+
+TEST_F(Query, VerifiesNoVersionThatIsNotKnown) {
+  installOddModule();
+
+  EXPECT_EQ(
+      document({"verify", "libodd", "--version", ""}, {{"ODD_MODULE=failing-version"}})["exitCode"].asInt(),
+      6);
+  EXPECT_EQ(document({"verify", "libother", "--version", "1"})["exitCode"].asInt(), 4);
+  EXPECT_EQ(document({"verify", "libodd"})["exitCode"].asInt(), 2);
+}
+
 TEST_F(Query, ReportsAModuleThatCannotTellItsVersion) {
   installOddModule();
 

@@ -355,6 +355,7 @@ TEST(Outcomes, HaveTheNamesAndCodesThatAreDocumented) {
       {"lock-in-use", 12},
       {"module-crashed", 13},
       {"module-hung", 14},
+      {"other-version", 15},
   };
 
   std::map<std::string, int> found;

@@ -57,10 +57,7 @@ Finding findingOf(const Answers& answers) {
   if (answers.result == 0) {
     return {Outcome::Ok, answers.library + " answered.", ""};
   }
-  return {
-      Outcome::ModuleFailed,
-      answers.library + " could not tell its version: it answered " + std::to_string(answers.result) + ".",
-      "Check that the component is connected."};
+  return unknownVersion(answers.library, answers.result);
 }
 
 std::string orElse(const std::string& text, const char* otherwise) {

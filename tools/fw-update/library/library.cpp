@@ -142,6 +142,12 @@ std::optional<Finding> bindingProblem(const Library& library, const std::string&
   return inspectModule(name).problem;
 }
 
+Finding unknownVersion(const std::string& name, int result) {
+  return {Outcome::ModuleFailed,
+          name + " could not tell its version: it answered " + std::to_string(result) + ".",
+          "Check that the component is connected."};
+}
+
 ModuleFile inspectModule(const std::string& name) {
   ModuleFile file{name, "", "", std::nullopt};
   const LibraryLog& log = LibraryLog::instance();

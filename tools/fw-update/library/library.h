@@ -28,6 +28,9 @@ const FWUpdateItem* findItem(const Library& library, const std::string& name);
 // What keeps a command from using this module; empty when nothing does.
 std::optional<Finding> moduleProblem(const Library& library, const std::string& name);
 
+// For a module that answered something else than 0 when it was asked for its version.
+Finding unknownVersion(const std::string& name, int result);
+
 // One file of the controls directory, bound once more on its own to see whether
 // it binds and, if not, why.
 struct ModuleFile {
