@@ -8,13 +8,14 @@
 
 namespace fwpack {
 
-enum class ExitCode { Done, Failed, Usage, Refused };
+enum class ExitCode { Done, Failed, Usage, Refused, Damaged };
 
 inline constexpr frame::OutcomeInfo kExitCodes[] = {
     {"ok", 0, "done", frame::Tone::Answer},
     {"failed", 1, "failed", frame::Tone::Failure},
     {"usage", 2, "usage", frame::Tone::Failure},
     {"refused", 3, "refused (verify)", frame::Tone::Failure},  // no valid signature
+    {"damaged", 4, "damaged (inspect)", frame::Tone::Failure},
 };
 
 constexpr const frame::OutcomeInfo& infoOf(ExitCode code) {

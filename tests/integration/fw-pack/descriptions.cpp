@@ -97,7 +97,7 @@ TEST_F(Descriptions, AreInspectedTogetherWithTheirImage) {
   ASSERT_EQ(layOut("sbox").exitCode, 0);
   const Json::Value good = document({"inspect", "out/tunerfw"});
   write("out/tunerfw/tunerfw.bin", "another image");
-  const Json::Value bad = document({"inspect", "out/tunerfw/tunerfw.bin"});
+  const Json::Value bad = document({"inspect", "out/tunerfw/tunerfw.bin"}, 4);
 
   EXPECT_EQ(good["kind"].asString(), "image");
   EXPECT_EQ(good["version"].asString(), "2.0.0");
@@ -105,6 +105,31 @@ TEST_F(Descriptions, AreInspectedTogetherWithTheirImage) {
   EXPECT_TRUE(good["crcMatches"].asBool());
   EXPECT_FALSE(bad["crcMatches"].asBool());
   EXPECT_EQ(document({"inspect", "out/tunerfw/info.json"})["kind"].asString(), "info.json");
+}
+
+TEST_F(Descriptions, ThatDoNotFitAreNamedWithAnExitCode) {
+  ASSERT_EQ(layOut("sbox").exitCode, 0);
+  const std::string valid = read("out/tunerfw/info.json");
+  const auto whole = run({"inspect", "out/tunerfw"});
+  write("out/tunerfw/info.json", valid.substr(0, valid.size() / 2));
+  const auto cutDescription = run({"inspect", "out/tunerfw"});
+  write("out/tunerfw/info.json", valid);
+  write("out/tunerfw/tunerfw.bin", image().substr(1));
+  const auto cutImage = run({"inspect", "out/tunerfw"});
+  fs::remove(std::string(kWork) + "out/tunerfw/info.json");
+  const auto noDescription = run({"inspect", "out/tunerfw"});
+  const auto imageAlone = run({"inspect", "out/tunerfw/tunerfw.bin"});
+
+  EXPECT_EQ(whole.exitCode, 0);
+  EXPECT_EQ(whole.error, "");
+  EXPECT_EQ(cutDescription.exitCode, 4);
+  EXPECT_THAT(cutDescription.error, HasSubstr("out/tunerfw/info.json is damaged"));
+  EXPECT_EQ(cutImage.exitCode, 4);
+  EXPECT_THAT(cutImage.error, HasSubstr("out/tunerfw/tunerfw.bin is not the image"));
+  EXPECT_THAT(cutImage.output, HasSubstr("DIFFERENT"));
+  EXPECT_EQ(noDescription.exitCode, 4);
+  EXPECT_THAT(noDescription.error, HasSubstr("out/tunerfw/info.json is missing"));
+  EXPECT_EQ(imageAlone.exitCode, 0);
 }
 
 TEST_F(Descriptions, OfMoreThan64KiBAreNone) {
@@ -115,8 +140,8 @@ TEST_F(Descriptions, OfMoreThan64KiBAreNone) {
 
   write("out/tunerfw/info.json", valid + std::string(65537 - valid.size(), ' '));
 
-  EXPECT_FALSE(document({"inspect", "out/tunerfw"}).isMember("version"));
-  EXPECT_EQ(document({"inspect", "out/tunerfw/info.json"})["kind"].asString(), "image");
+  EXPECT_FALSE(document({"inspect", "out/tunerfw"}, 4).isMember("version"));
+  EXPECT_EQ(document({"inspect", "out/tunerfw/info.json"}, 4)["kind"].asString(), "image");
 }
 
 TEST_F(Descriptions, AndImagesAreNotWaitedForBehindAFifo) {
@@ -125,7 +150,7 @@ TEST_F(Descriptions, AndImagesAreNotWaitedForBehindAFifo) {
   fs::remove(folder + "info.json");
   ASSERT_EQ(mkfifo((folder + "info.json").c_str(), 0644), 0);
 
-  const Json::Value withoutDescription = document({"inspect", "out/tunerfw"});
+  const Json::Value withoutDescription = document({"inspect", "out/tunerfw"}, 4);
   fs::remove(folder + "tunerfw.bin");
   ASSERT_EQ(mkfifo((folder + "tunerfw.bin").c_str(), 0644), 0);
   const auto fifo = run({"inspect", "out/tunerfw"});

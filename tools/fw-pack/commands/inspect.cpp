@@ -46,6 +46,9 @@ std::optional<Information> informationIn(const std::string& text) {
   return text.size() <= kLargestInformation ? parseInformation(text) : std::nullopt;
 }
 
+// What is wrong with the file, which is named; empty when nothing is.
+using Damage = std::string;
+
 void addMatch(Facts& facts, bool matches) {
   facts.add("crcMatches", "CRC check", matches, matches ? "the image is what info.json states" : "DIFFERENT");
 }
@@ -100,8 +103,8 @@ void addContent(Facts& facts, const InputFile& file, const Options& options) {
   }
 }
 
-void inspectPackage(Facts& facts, const InputFile& file, const Options& options,
-                    const fwpackage::SignatureReport& signature) {
+Damage inspectPackage(Facts& facts, const InputFile& file, const Options& options,
+                      const fwpackage::SignatureReport& signature) {
   const bool sizeFits = file.size() >= kSmallestPackage && file.size() <= kLargestPackage &&
                         (file.size() - kIvSize - fwpackage::kTrailerSize) % kCipherBlock == 0;
   facts.add("kind", "kind", "usb-package", "USB package");
@@ -109,7 +112,7 @@ void inspectPackage(Facts& facts, const InputFile& file, const Options& options,
   facts.add("sizeFits", "size check", sizeFits, sizeFits ? "as a package's" : "NOT a package's");
   facts.add("signature", "signature", toJson(signature), toText(signature));
   if (!sizeFits) {
-    return;
+    return file.path() + " has not the size of a USB package: it is cut off, or no package.";
   }
   const std::string iv = file.text(0, kIvSize);
   facts.add("iv", "IV", fwpackage::toHex(reinterpret_cast<const unsigned char*>(iv.data()), iv.size()));
@@ -117,6 +120,7 @@ void inspectPackage(Facts& facts, const InputFile& file, const Options& options,
   if (!options.keyFile.empty()) {
     addContent(facts, file, options);
   }
+  return "";
 }
 
 // ---- extension packages -----------------------------------------------------
@@ -150,7 +154,7 @@ std::string imageIn(const std::string& package) {
   return "";
 }
 
-void inspectExtensionPackage(Facts& facts, const InputFile& file, const Options& options) {
+Damage inspectExtensionPackage(Facts& facts, const InputFile& file, const Options& options) {
   // An absolute path is no option, whatever the file is called.
   const std::string package = fs::absolute(file.path()).string();
   facts.add("kind", "kind", "emp-image", "extension package image (squashfs)");
@@ -166,8 +170,8 @@ void inspectExtensionPackage(Facts& facts, const InputFile& file, const Options&
     addInformation(facts, *information);
   }
   facts.add("image", "image", image, image.empty() ? "MISSING" : image);
-  if (image.empty()) {
-    return;
+  if (image.empty() || !information) {
+    return file.path() + " holds no " + (image.empty() ? "image (*.bin)" : "valid info.json") + ".";
   }
   ImageCrc crc;
   std::uint64_t size = 0;
@@ -177,9 +181,9 @@ void inspectExtensionPackage(Facts& facts, const InputFile& file, const Options&
   });
   facts.add("imageSize", "image size", Json::UInt64(size));
   addCrc(facts, "imageCrc", "image CRC", crc.checksum());
-  if (information) {
-    addMatch(facts, readable && crc.checksum() == information->crc);
-  }
+  const bool matches = readable && crc.checksum() == information->crc;
+  addMatch(facts, matches);
+  return matches ? "" : "In " + file.path() + ", " + image + " is not the image that info.json describes.";
 }
 
 // ---- images and their description --------------------------------------------
@@ -190,24 +194,32 @@ void inspectInformation(Facts& facts, const InputFile& file, const Information& 
   addInformation(facts, information);
 }
 
-std::optional<Information> informationBeside(const fs::path& image) {
-  const fs::path path = image.parent_path() / "info.json";
-  std::error_code missing;
-  if (!fs::is_regular_file(path, missing)) {
-    return std::nullopt;
-  }
-  return informationIn(InputFile(path.string()).text(0, kLargestInformation + 1));
+std::string informationBeside(const std::string& image) {
+  return (fs::path(image).parent_path() / "info.json").string();
 }
 
-void inspectImage(Facts& facts, const InputFile& file) {
+bool isThere(const std::string& path) {
+  std::error_code missing;
+  return fs::is_regular_file(path, missing);
+}
+
+// expected: a firmware directory is inspected, which has an "info.json".
+Damage inspectImage(Facts& facts, const InputFile& file, bool expected) {
+  const std::string path = informationBeside(file.path());
   facts.add("kind", "kind", "image", "firmware image, or anything else");
   facts.add("size", "size", Json::UInt64(file.size()));
   const std::uint32_t crc = imageCrc(file);
   addCrc(facts, "crc", "CRC", crc);
-  if (const auto information = informationBeside(file.path())) {
-    addInformation(facts, *information);
-    addMatch(facts, crc == information->crc);
+  if (!isThere(path)) {
+    return expected ? path + " is missing, or no file." : "";
   }
+  const auto information = informationIn(InputFile(path).text(0, kLargestInformation + 1));
+  if (!information) {
+    return path + " is damaged: it is no valid description of an image.";
+  }
+  addInformation(facts, *information);
+  addMatch(facts, crc == information->crc);
+  return crc == information->crc ? "" : file.path() + " is not the image that " + path + " describes.";
 }
 
 // A firmware directory stands for its image.
@@ -220,11 +232,12 @@ std::string imageOfDirectory(const std::string& directory) {
   throw Failure(ExitCode::Failed, directory + " is a directory without an image (*.bin)");
 }
 
-void inspectFile(Facts& facts, const Options& options) {
+Damage inspectFile(Facts& facts, const Options& options, bool isDirectory) {
   const InputFile file(options.input);
   const auto information = informationIn(file.text(0, kLargestInformation + 1));
   if (information) {
-    return inspectInformation(facts, file, *information);
+    inspectInformation(facts, file, *information);
+    return "";
   }
   if (isSquashfs(file)) {
     return inspectExtensionPackage(facts, file, options);
@@ -234,20 +247,27 @@ void inspectFile(Facts& facts, const Options& options) {
   if (signature.trailer.state != fwpackage::Trailer::State::Missing || !options.keyFile.empty()) {
     return inspectPackage(facts, file, options, signature);
   }
-  inspectImage(facts, file);
+  return inspectImage(facts, file, isDirectory);
 }
 
 }  // namespace
 
 frame::Report runInspect(const Options& options) {
   Options chosen = options;
-  if (fs::is_directory(options.input)) {
+  const bool isDirectory = fs::is_directory(options.input);
+  if (isDirectory) {
     chosen.input = imageOfDirectory(options.input);
   }
   Facts facts;
   facts.add("file", "file", chosen.input);
-  inspectFile(facts, chosen);
-  return answer(facts.toText(), facts.toJson());
+  const Damage damage = inspectFile(facts, chosen, isDirectory);
+  frame::Report report = answer(facts.toText(), facts.toJson());
+  if (!damage.empty()) {
+    report.ending = ExitCode::Damaged;
+    report.message = damage;
+    report.remedy = "Copy all files of it again from where they were made, or make them again.";
+  }
+  return report;
 }
 
 }  // namespace fwpack
