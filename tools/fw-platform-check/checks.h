@@ -16,6 +16,8 @@ Finding logTakesThreads();
 Finding systemVersionHasModel();
 Finding systemRefusesUnknownKey();
 
+Finding directoriesAreThere();
+
 Finding mountIsReadOnly();
 Finding mountRefusesMissingImage();
 Finding unmountTakesLength();
@@ -59,6 +61,7 @@ inline constexpr Check kChecks[] = {
     {"log", "takes calls from several threads at once", logTakesThreads},
     {"system", "gives a software version with a model before its last \"-\"", systemVersionHasModel},
     {"system", "refuses another key and leaves the value alone", systemRefusesUnknownKey},
+    {"system", "has the directories that updates need", directoriesAreThere},
     {"mount", "mounts a package read-only, without devices and set-user-ID", mountIsReadOnly},
     {"mount", "refuses an image that is not there", mountRefusesMissingImage},
     {"mount", "unmounts a directory that is given without a NUL", unmountTakesLength},

@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <optional>
 #include <ostream>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -135,6 +136,43 @@ TEST_P(InterruptedPlatformCheck, EndsACheckThatHangsWithTheSecondSignal) {
   expectNothingRuns();
 }
 
+TEST_F(PlatformCheck, FindsMissingDirectories) {
+  fs::remove("/opt/usr/apps/appbinarymanager/emps");
+  fs::remove("/prd/usr/fwupdate/controls");
+
+  const ProgramResult result = check({"--only", "system"});
+
+  EXPECT_EQ(result.exitCode, 1);
+  EXPECT_NE(result.output.find("BROKEN       has the directories that updates need"), std::string::npos)
+      << result.output;
+  EXPECT_NE(
+      result.output.find("missing: /prd/usr/fwupdate/controls, /opt/usr/apps/appbinarymanager/emps; make"),
+      std::string::npos)
+      << result.output;
+}
+
+// mksquashfs is not there, and no other program.
+TEST_F(PlatformCheck, NeedsNoOtherProgram) {
+  const ProgramResult result = runProgram(
+      {{PLATFORM_CHECK_PROGRAM, "--only", "mount"}, "/", 0, {"PATH=/nowhere", "FW_UPDATE_LOG=none"}});
+
+  EXPECT_EQ(result.output.find("no package can be made"), std::string::npos) << result.output;
+}
+
+TEST_F(PlatformCheck, SaysWhatIsLeftToDoOfTheSkeleton) {
+  const ProgramResult result = check({"--library", SKELETON_PLATFORM, "--json"});
+
+  Json::Value document;
+  std::istringstream(result.output) >> document;
+  std::set<std::string> broken;
+  std::set<std::string> kept;
+  for (const Json::Value& one : document["checks"]) {
+    (one["verdict"] == "broken" ? broken : kept).insert(one["area"].asString());
+  }
+  EXPECT_EQ(broken, (std::set<std::string>{"event", "mount", "verifier"})) << result.output;
+  EXPECT_TRUE(kept.count("log") == 1 && kept.count("system") == 1 && kept.count("download") == 1);
+}
+
 TEST_F(PlatformCheck, FindsAMissingVerifier) {
   const ProgramResult result = check({"--only", "verifier"});
 
@@ -153,9 +191,9 @@ TEST_F(PlatformCheck, FindsALoopDeviceThatIsLeft) {
   EXPECT_NE(result.output.find("the loop device still has the image"), std::string::npos) << result.output;
 }
 
-// A package is packed by another program.
+// A download is another program's.
 TEST_F(PlatformCheck, LoadsTheLibraryIntoNoOtherProgram) {
-  check({"--library", FAULTY_PLATFORM, "--only", "mount"}, "mount-says-yes");
+  check({"--library", FAULTY_PLATFORM, "--only", "download"});
 
   EXPECT_FALSE(exists("/tmp/loaded-elsewhere"));
 }
@@ -190,10 +228,10 @@ TEST_F(PlatformCheck, AnswersWithOneDocument) {
   EXPECT_EQ(whole.exitCode, 0);
   EXPECT_EQ(found["ok"], true);
   EXPECT_EQ(found["outcome"], "ok");
-  EXPECT_EQ(found["kept"], 2);
+  EXPECT_EQ(found["kept"], 3);
   EXPECT_EQ(found["broken"], 0);
   EXPECT_EQ(found["notChecked"], 0);
-  ASSERT_EQ(found["checks"].size(), 2U);
+  ASSERT_EQ(found["checks"].size(), 3U);
   EXPECT_EQ(found["checks"][0]["area"], "system");
   EXPECT_EQ(found["checks"][0]["verdict"], "kept");
   EXPECT_FALSE(found["checks"][0].isMember("sentence"));
