@@ -38,31 +38,39 @@ add_custom_command(OUTPUT ${PROJECT_BINARY_DIR}/changelog.gz
   DEPENDS ${PROJECT_SOURCE_DIR}/packaging/debian/changelog)
 add_custom_target(changelog ALL DEPENDS ${PROJECT_BINARY_DIR}/changelog.gz)
 
+# A set's own platform is a package that provides fw-update-platform.
+set(platform_package "libfw-platform1 | fw-update-platform")
 fw_describe_package(library libfw-update-control1 libs
   "firmware update control for televisions - library"
   "Finds the update modules of a set's components, checks their firmware images
-and runs the updates, one at a time across all processes of the set."
-  DEPENDS platform)
+and runs the updates, one at a time across all processes of the set.")
 fw_describe_package(platform libfw-platform1 libs
   "firmware update control for televisions - ordinary Linux"
   "What the library calls on the device, for ordinary Linux: log, traces, power,
-mounting and downloading packages, checking signatures. A set brings its own."
-)
+mounting and downloading packages. A set may bring its own.")
+fw_describe_package(verifier fw-update-verifier libs
+  "firmware update control for televisions - verification library"
+  "Checks the signatures of firmware packages. Without it, or one of the set's own at
+its place, the library takes packages that are not signed.")
+fw_describe_package(platform-check fw-platform-check admin
+  "firmware update control for televisions - check of a set"
+  "fw-platform-check finds out whether a platform library keeps what the update
+library relies on, and whether a set would use anything unsigned.")
 fw_describe_package(development libfw-update-control-dev libdevel
   "firmware update control for televisions - headers"
   "The headers, the CMake package and the pkg-config file, for programs that ask
 for updates, for modules and for platforms."
-  DEPENDS library platform)
+  DEPENDS library)
 fw_describe_package(tools fw-update-tools admin
   "firmware update control for televisions - commands"
   "fw-update lists and runs updates, fw-trace shows what they did, fw-pack makes
 and checks firmware packages."
-  DEPENDS library platform)
+  DEPENDS library)
 fw_describe_package(module-kit fw-update-module-kit devel
   "firmware update control for televisions - module kit"
   "fw-module writes and checks update modules, fw-device makes devices in
 directories to try them on; with four example modules."
-  DEPENDS library platform tools development)
+  DEPENDS library tools development)
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME fw-update-control)
@@ -71,7 +79,7 @@ set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")
 set(CPACK_PACKAGE_CONTACT "fw-update-control maintainers <maintainers@example.org>")
 set(CPACK_PACKAGING_INSTALL_PREFIX ${CMAKE_INSTALL_PREFIX})
 set(CPACK_STRIP_FILES ON)
-set(CPACK_COMPONENTS_ALL library platform development tools module-kit)
+set(CPACK_COMPONENTS_ALL library platform verifier platform-check development tools module-kit)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS ON)
@@ -79,18 +87,24 @@ set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS ON)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_LIBRARY_OUTPUT_DIRECTORY})
 # Packages of programs that link them depend on this version at least.
-function(fw_write_shlibs component library package)
+function(fw_write_shlibs component library packages)
   file(WRITE ${PROJECT_BINARY_DIR}/packaging/${component}/shlibs
-    "${library} ${PROJECT_VERSION_MAJOR} ${package} (>= ${PROJECT_VERSION})\n")
+    "${library} ${PROJECT_VERSION_MAJOR} ${packages}\n")
 endfunction()
-fw_write_shlibs(library libfw-update-control libfw-update-control1)
-fw_write_shlibs(platform libfw-platform libfw-platform1)
+fw_write_shlibs(library libfw-update-control "libfw-update-control1 (>= ${PROJECT_VERSION})")
+fw_write_shlibs(platform libfw-platform "libfw-platform1 (>= ${PROJECT_VERSION}) | fw-update-platform")
 set(debian ${PROJECT_SOURCE_DIR}/packaging/debian)
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_CONTROL_EXTRA
   ${debian}/triggers ${PROJECT_BINARY_DIR}/packaging/library/shlibs)
 set(CPACK_DEBIAN_PLATFORM_PACKAGE_CONTROL_EXTRA
   ${debian}/triggers ${PROJECT_BINARY_DIR}/packaging/platform/shlibs
   ${debian}/platform/postinst ${debian}/platform/prerm ${debian}/platform/postrm)
+list(APPEND CPACK_DEBIAN_LIBRARY_PACKAGE_CONTROL_EXTRA ${debian}/library/postinst ${debian}/library/postrm)
+set(CPACK_DEBIAN_PLATFORM_PACKAGE_PROVIDES fw-update-platform)
+foreach(component IN ITEMS LIBRARY PLATFORM-CHECK DEVELOPMENT TOOLS MODULE-KIT)
+  set(CPACK_DEBIAN_${component}_PACKAGE_DEPENDS ${platform_package})
+endforeach()
+set(CPACK_DEBIAN_LIBRARY_PACKAGE_RECOMMENDS fw-update-verifier)
 # mksquashfs makes extension packages.
-set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS squashfs-tools)
+string(APPEND CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS ", squashfs-tools")
 include(CPack)

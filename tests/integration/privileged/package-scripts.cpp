@@ -26,6 +26,7 @@ class PackageScripts : public DeviceTest {
     fs::create_directories("/run/systemd/system");
     // What it enables would be enabled on this machine.
     writeProgram("/tmp/programs/deb-systemd-helper", "exit 0");
+    writeProgram("/tmp/programs/systemd-sysusers", "echo \"$*\" >>/tmp/groups");
     writeProgram("/tmp/programs/systemctl",
                  "echo \"$*\" >>/tmp/calls\ncase \"$*\" in *is-enabled*) echo enabled;; esac");
     writeFile("/tmp/calls", "");
@@ -75,6 +76,12 @@ TEST_F(PackageScripts, StartOnlyTheSocketWhenThePackageIsNew) {
   EXPECT_THAT(calls, HasSubstr("start fw-privileged.socket\n"));
   EXPECT_THAT(calls, Not(HasSubstr("fw-privileged.service")));
   EXPECT_THAT(messages_, IsEmpty());
+}
+
+TEST_F(PackageScripts, MakeTheGroupOfThoseWhoMayAskTheService) {
+  Run("postinst", "configure ''");
+
+  EXPECT_EQ(readFile("/tmp/groups"), "fw-update.conf\n");
 }
 
 TEST_F(PackageScripts, AskForNothingWithoutTheServiceManager) {
