@@ -33,9 +33,9 @@ enum class Outcome {
 };
 
 inline constexpr frame::OutcomeInfo kOutcomeTable[] = {
-    {"ok", 0, "updated or answered", frame::Tone::Answer},
+    {"ok", 0, "done", frame::Tone::Answer},
     {"updated", 0, nullptr, frame::Tone::Success},
-    {"unexpected-error", 1, "unexpected error", frame::Tone::Failure},
+    {"unexpected-error", 1, "unexpected", frame::Tone::Failure},
     {"usage", 2, "usage", frame::Tone::Failure},
     {"nothing-to-do", 3, "nothing to do", frame::Tone::Notice},
     {"no-such-module", 4, "no such module", frame::Tone::Failure},
@@ -52,7 +52,7 @@ inline constexpr frame::OutcomeInfo kOutcomeTable[] = {
     {"lock-in-use", 12, "lock taken", frame::Tone::Failure},
     {"module-crashed", 13, "crash", frame::Tone::Failure},
     {"module-hung", 14, "hang", frame::Tone::Failure},
-    {"other-version", 15, "other version", frame::Tone::Failure},
+    {"other-version", 15, "version", frame::Tone::Failure},
 };
 
 static_assert(sizeof kOutcomeTable / sizeof kOutcomeTable[0] ==

@@ -42,15 +42,19 @@ std::string table(const std::vector<Line>& lines) {
 
 class Inspected : public PackTest {
  protected:
-  // With these words behind it.
-  static std::string inspect(const std::string& name, const std::vector<std::string>& words = {}) {
+  // With these words behind it. damage is what it says on standard error, with an exit code.
+  static std::string inspect(const std::string& name, const std::vector<std::string>& words = {},
+                             const std::string& damage = "") {
     std::vector<std::string> command = {"inspect", name};
     command.insert(command.end(), words.begin(), words.end());
     const ProgramResult result = run(command);
-    EXPECT_EQ(result.error, "");
-    EXPECT_EQ(result.exitCode, 0);
+    EXPECT_EQ(result.error, damage.empty() ? "" : "fw-pack: " + damage + "\n" + kRemedy);
+    EXPECT_EQ(result.exitCode, damage.empty() ? 0 : 4);
     return result.output;
   }
+
+  static constexpr const char* kRemedy =
+      "Copy all files of it again from where they were made, or make them again.\n";
 };
 
 TEST_F(Inspected, UsbPackageIsShownWithItsContent) {
@@ -81,11 +85,13 @@ TEST_F(Inspected, UsbPackageThatIsCutOffIsShownAsFarAsItGoes) {
   ASSERT_EQ(run(usbCommand()).exitCode, 0);
   write("cut.bin", read("tunerfw.bin").substr(0, 1001));
 
-  EXPECT_EQ(inspect("cut.bin", {"--key-file", "package.key"}), table({{"file", "cut.bin"},
-                                                                      {"kind", "USB package"},
-                                                                      {"size", "1001"},
-                                                                      {"size check", "NOT a package's"},
-                                                                      {"signature", kUnsigned}}));
+  EXPECT_EQ(inspect("cut.bin", {"--key-file", "package.key"},
+                    "cut.bin has not the size of a USB package: it is cut off, or no package."),
+            table({{"file", "cut.bin"},
+                   {"kind", "USB package"},
+                   {"size", "1001"},
+                   {"size check", "NOT a package's"},
+                   {"signature", kUnsigned}}));
 }
 
 TEST_F(Inspected, ExtensionPackageIsShownWithItsImage) {
@@ -116,13 +122,14 @@ TEST_F(Inspected, ExtensionPackageWithoutContentIsShownAsThat) {
       runProgram({{"mksquashfs", "empty", "empty.img", "-quiet", "-no-progress"}, kWork, 0, {}}).exitCode, 0);
   const std::string package = read("empty.img");
 
-  EXPECT_EQ(inspect("empty.img"), table({{"file", "empty.img"},
-                                         {"kind", "extension package image (squashfs)"},
-                                         {"size", std::to_string(package.size())},
-                                         {"signature", kUnsigned},
-                                         {"CRC", crcOf(package)},
-                                         {"info.json", "MISSING or invalid"},
-                                         {"image", "MISSING"}}));
+  EXPECT_EQ(inspect("empty.img", {}, "empty.img holds no image (*.bin)."),
+            table({{"file", "empty.img"},
+                   {"kind", "extension package image (squashfs)"},
+                   {"size", std::to_string(package.size())},
+                   {"signature", kUnsigned},
+                   {"CRC", crcOf(package)},
+                   {"info.json", "MISSING or invalid"},
+                   {"image", "MISSING"}}));
 }
 
 TEST_F(Inspected, FirmwareDirectoryIsShownAsItsImageAndWhatIsStatedOfIt) {
