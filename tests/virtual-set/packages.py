@@ -12,7 +12,7 @@ ASK = "mkdir -p /opt/usr/apps/appbinarymanager/emps; fw-platform-check --only mo
 FILES = r"""
 find / -xdev \( -path /proc -o -path /sys -o -path /dev -o -path /run -o -path /tmp -o -path /var/tmp -o -path /share \
   -o -path /var/lib/dpkg -o -path /var/lib/systemd/deb-systemd-helper-enabled -o -path /var/log -o -path /var/cache \
-  -o -path /root \) -prune -o -print | sort
+  -o -path /root -o -path '/etc/group*' -o -path '/etc/gshadow*' -o -path /etc/.pwd.lock \) -prune -o -print | sort
 """
 
 
