@@ -79,7 +79,8 @@ class Look {
     std::sort(names.begin(), names.end());
     for (const std::string& name : names) {
       if (!below.empty() || name != kLostAndFound) {
-        addEntry(below + "/" + name);
+        std::string path = below;
+        addEntry(path.append("/").append(name));
       }
     }
   }
