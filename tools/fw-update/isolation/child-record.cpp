@@ -42,9 +42,9 @@ const StepInfo& infoOf(Step step) {
   return found == std::end(kSteps) ? kSteps[0] : *found;
 }
 
-template <std::size_t size>
-std::string textOf(const char (&field)[size]) {
-  return std::string(field, strnlen(field, size));
+template <std::size_t Size>
+std::string textOf(const char (&field)[Size]) {
+  return std::string(field, strnlen(field, Size));
 }
 
 }  // namespace
