@@ -56,6 +56,7 @@ ERRORS = {
     "unlinkat": "EIO ENOMEM",
     "chmod": "EIO",
     "fchmod": "EIO",
+    "fchown": "EIO",
     "flock": "EINTR ENOLCK",
     "fcntl": "",
     "fcntl duplicate": "EMFILE",
@@ -145,6 +146,7 @@ OTHER_NAMES = {
     "mmap2": "mmap",
     "stat64": "stat",
     "lstat64": "lstat",
+    "fchown32": "fchown",
     "fstat64": "fstat",
     "statfs64": "statfs",
     "fstatfs64": "fstatfs",
@@ -225,6 +227,10 @@ KEPT = (
     "/run/fw-update/recovery.lock",
     "/run/fw-update/update-all.lock",
     "/run/fw-privileged.sock",
+    "/var/lib/fw-update/history.db",
+    "/var/lib/fw-update/history.db-journal",
+    "/var/lib/fw-update/history.lock",
+    "/var/lib/fw-update/minimum-versions*",
 )
 
 # Not removed when their own removal failed, or what makes them.
@@ -313,6 +319,31 @@ def judge_second_update(judge, result):
                   f"update again: {document.get('outcome')}: {document.get('message')}")
 
 
+def judge_history(judge, result):
+    """The history has every update, each with its true end; only the one that was interrupted
+    while it wrote may be missing."""
+    document = judge.document(result["history"], "history")
+    entries = [entry for entry in document.get("entries", []) if entry["number"] > result["entries-before"]
+               and "run" not in entry]
+    judge.require("damaged" not in document, "history: it was damaged")
+    judge.require(all(entry["outcome"] != "running" for entry in entries), f"history: one runs for ever: {entries}")
+    again = judge.document(result["again"], "update again").get("outcome")
+    judge.require(entries and entries[-1]["outcome"] == again, f"history: the last is not {again}: {entries}")
+    judge.require(len(entries) <= 2, f"history: more than was done: {entries}")
+    if len(entries) == 2:
+        first = entries[0]["outcome"]
+        killed = result["update"]["code"] == KILLED
+        told = EXIT_CODES.get(first) == result["update"]["code"]
+        judge.require(first == "interrupted" if killed and first != "updated" else killed or told,
+                      f"history: {first}, and the exit code was {result['update']['code']}")
+        updated = all(judge.is_new(result["after"], name) for name in judge.new_components)
+        judge.require(first != "updated" or updated, "history: updated, but the firmware is not the new one")
+    elif result["acted"]:
+        _, _, subject, _ = result["acted"]
+        judge.require(result["update"]["code"] == KILLED or "history" in subject or "urandom" in subject,
+                      "history: the update is missing")
+
+
 def judge_recovery(judge, result, packages):
     """A fresh process lists and updates, and then nothing is left."""
     if "remedy" in result:
@@ -322,6 +353,7 @@ def judge_recovery(judge, result, packages):
     names = {module["firmware"] for module in listed.get("modules", [])}
     judge.require(set(judge.flash) <= names, f"list: only {sorted(names)}")
     judge_second_update(judge, result)
+    judge_history(judge, result)
     end = result["end"]
     judge.firmware(end, "in the end")
     for name in judge.new_components:

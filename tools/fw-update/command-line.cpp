@@ -91,6 +91,17 @@ constexpr Option kRecover[] = {
     {"--ignore-hidden", &Options::ignoreHidden, "Processes that cannot be looked at do not use the lock"},
 };
 
+constexpr Option kHistory[] = {
+    Option("--module NAME", &Options::module, "Only this module").completedWith(frame::Completes::Modules),
+    Option("--since TIME", &Options::since, "Only from then on: 2026-01-31, or 14:03 of today")
+        .checked(sinceProblem),
+    {"--failed", &Options::failedOnly, "Only what did not succeed"},
+};
+
+constexpr Option kNumber[] = {
+    Option("NUMBER", &Options::number, "As fw-update history shows it").required().within(1, 2147483647),
+};
+
 constexpr Option kLine[] = {
     Option("LINE", &Options::words, "A line of the log or of a command, in quotes").required(),
 };
@@ -188,6 +199,14 @@ constexpr frame::Command<Options> kCommands[] = {
     {{"lock recover", "Give the lock back that a dead update left taken", "fw-update lock recover"},
      {kRecover},
      runLockRecover,
+     settle},
+    {{"history", "Show the updates of this device, the newest last", "fw-update history --failed"},
+     {kHistory},
+     runHistory,
+     settle},
+    {{"history show", "Show everything about one update", "fw-update history show 12"},
+     {kNumber},
+     runHistoryShow,
      settle},
     {{"explain", "Say what a line of the log or of a command means",
       "fw-update explain \"Error: Usb mount path Not found.\""},

@@ -28,6 +28,9 @@ struct Options {
   bool wait = false;                 // download
   bool ignoreHidden = false;         // lock recover
   std::vector<std::string> words;    // explain
+  std::string since;                 // history
+  bool failedOnly = false;           // history
+  unsigned int number = 0;           // history show
   bool isolated = false;
   unsigned int patience = 120;  // seconds; isolated
 

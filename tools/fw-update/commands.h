@@ -22,6 +22,11 @@ frame::Report runDownload(const Options& options);
 frame::Report runLockStatus(const Options& options);
 frame::Report runLockRecover(const Options& options);
 frame::Report runExplain(const Options& options);
+frame::Report runHistory(const Options& options);
+frame::Report runHistoryShow(const Options& options);
+
+// What is wrong with the text of a time; empty when it is one.
+std::string sinceProblem(const std::string& text);
 
 }  // namespace tool
 

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <exception>
 #include <string>
+#include <utility>
 
 #include "clean-output.h"
 #include "command-line.h"
@@ -13,6 +14,7 @@
 #include "isolation/supervised.h"
 #include "library/library-log.h"
 #include "lock/release-program.h"
+#include "record/update-record.h"
 #include "report.h"
 #include "update-all/run-note.h"
 
@@ -46,6 +48,7 @@ int runHere(const frame::Parsed& parsed, const Options& options) {
     frame::complain(program().info.name, interrupted->message, interrupted->remedy);
   }
   frame::Report report = frame::run(program().info, *parsed.command);
+  UpdateRecord::instance().end(report, LibraryLog::instance().since(0));
   if (interrupted) {
     addTo(report, *interrupted);
   }
@@ -68,7 +71,12 @@ int runThere(const frame::Parsed& parsed, const Options& options) {
     std::signal(end.signal, SIG_DFL);
     kill(getpid(), end.signal);
   }
-  return end.report ? put(*end.report, parsed.name, options, end.log) : end.exitCode;
+  if (!end.report) {
+    return end.exitCode;
+  }
+  frame::Report report = *end.report;
+  UpdateRecord::instance().end(report, end.log);
+  return put(std::move(report), parsed.name, options, end.log);
 }
 
 int perform(int argc, char** argv) {
@@ -87,6 +95,7 @@ int perform(int argc, char** argv) {
   if (options.log) {
     setenv("FW_UPDATE_LOG", "stderr", 1);
   }
+  UpdateRecord::instance().begin(parsed.name, options);
   return options.isolated ? runThere(parsed, options) : runHere(parsed, options);
 }
 

@@ -38,7 +38,7 @@ inline constexpr frame::OutcomeInfo kOutcomeTable[] = {
     {"unexpected-error", 1, "unexpected", frame::Tone::Failure},
     {"usage", 2, "usage", frame::Tone::Failure},
     {"nothing-to-do", 3, "nothing to do", frame::Tone::Notice},
-    {"no-such-module", 4, "no such module", frame::Tone::Failure},
+    {"no-such-module", 4, "no such name", frame::Tone::Failure},
     {"refused-image", 5, "refused image", frame::Tone::Failure},
     {"module-failed", 6, "module failed", frame::Tone::Failure},
     {"timed-out", 7, "timed out", frame::Tone::Failure},

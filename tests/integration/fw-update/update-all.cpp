@@ -110,6 +110,27 @@ TEST_F(UpdateAll, UpdatesWhatNeedsItInsideThePowerLock) {
   EXPECT_EQ(LwipcEventWait("/tmp/.ignore_resume", 0), 0);
 }
 
+TEST_F(UpdateAll, IsInTheHistoryModuleByModule) {
+  install("one", "", "30");
+  install("two", "fail", "30");
+
+  const Json::Value ended = document({"update-all"});
+
+  const Json::Value entries = document({"history"})["entries"];
+  ASSERT_EQ(entries.size(), 3u);
+  EXPECT_EQ(entries[0]["way"].asString(), "update-all");
+  EXPECT_EQ(entries[0]["outcome"].asString(), ended["outcome"].asString());
+  for (const Json::Value& entry : {entries[1], entries[2]}) {
+    const Json::Value& told = moduleNamed(ended, entry["module"].asString());
+    EXPECT_EQ(entry["run"].asInt(), 1);
+    EXPECT_EQ(entry["outcome"].asString(), told["outcome"].asString());
+    EXPECT_EQ(entry["sentence"].asString(), told["message"].asString());
+    EXPECT_EQ(entry["versionAfter"].asString(), told["versionAfter"].asString());
+    EXPECT_EQ(entry["source"].asString(), "extension package");
+    EXPECT_EQ(entry["image"].asString(), kPackages + entry["module"].asString().substr(3) + "emp.img");
+  }
+}
+
 TEST_F(UpdateAll, GivesEveryModuleTheQueryingCallerAndNoData) {
   install("one", "", "5");
 

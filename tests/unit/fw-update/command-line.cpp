@@ -52,6 +52,20 @@ std::string output(std::vector<const char*> words) {
   return ::testing::internal::GetCapturedStdout();
 }
 
+TEST(CommandLine, KnowsACommandThatHasCommandsOfItsOwn) {
+  const Options history = options({"history", "--module", "libtuner", "--failed"});
+  const Options shown = options({"history", "show", "12"});
+
+  EXPECT_EQ(parse({"history"}).command, "history");
+  EXPECT_EQ(history.module, "libtuner");
+  EXPECT_TRUE(history.failedOnly);
+  EXPECT_EQ(parse({"history", "show", "12"}).command, "history show");
+  EXPECT_EQ(shown.number, 12u);
+  usageError({"history", "show"});
+  usageError({"history", "show", "0"});
+  usageError({"history", "12"});
+}
+
 TEST(CommandLine, AsksAsTheUpgradeApplicationByDefault) {
   const Options update = options({"update", "libtuner"});
 

@@ -16,6 +16,7 @@
 #include "isolation/supervised.h"
 #include "library/library.h"
 #include "lock/interruption.h"
+#include "record/update-record.h"
 #include "report.h"
 #include "terminal.h"
 #include "update-all/run-follower.h"
@@ -152,7 +153,7 @@ void noteStart(const UpdatePlan& plan, RunNote& note) {
 EndedRun performRun(const Options& options, const Library& library, const UpdatePlan& plan, RunNote& note) {
   EndedRun ended;
   noteStart(plan, note);
-  const auto reporter = makeRunReporter(options);
+  const auto reporter = recorded(makeRunReporter(options));
   reporter->start(plan);
   const std::size_t mark = LibraryLog::instance().mark();
   std::atomic<bool> interrupted{false};

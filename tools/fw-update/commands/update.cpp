@@ -12,6 +12,7 @@
 #include "lock/interruption.h"
 #include "progress/progress-poller.h"
 #include "progress/progress-reporter.h"
+#include "record/update-record.h"
 #include "report.h"
 
 namespace tool {
@@ -117,6 +118,8 @@ void requestUpdate(Update& update, const Options& options, FWUpdateContorl& faca
 Update perform(const Options& options, const Library& library) {
   Update update;
   update.versionBefore = activeVersion(library, options.module);
+  UpdateRecord::instance().moduleIsDue(options.module, findItem(library, options.module)->fw_name,
+                                       update.versionBefore);
   requestUpdate(update, options, *library.facade);
   if (update.finding.outcome == Outcome::TimedOut) {
     update.moduleRuns = true;  // and is not asked anything more

@@ -118,7 +118,13 @@ void addCommand(CLI::App& app, const BoundProgram& program, const BoundCommand& 
     sub->formatter(std::make_shared<ProgramHelp>(usageOf(program, command)));
     sub->prefix_command();
   }
-  sub->callback([&parsed, &command] { parsed.command = &command; });
+  // A command whose name is also that of a group is met with each of the group's.
+  sub->callback([&parsed, &command] {
+    if (parsed.command == nullptr ||
+        std::strlen(command.info.name) > std::strlen(parsed.command->info.name)) {
+      parsed.command = &command;
+    }
+  });
 }
 
 // What follows the first "--" is another program's, whatever it looks like.

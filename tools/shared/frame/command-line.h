@@ -14,7 +14,7 @@
 
 namespace frame {
 
-// A command's name may begin with that of its group.
+// A command's name may begin with that of its group, or of another command before it.
 struct Group {
   const char* name;
   const char* summary;

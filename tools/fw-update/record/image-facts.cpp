@@ -1,0 +1,98 @@
+#include "record/image-facts.h"
+
+#include <fcntl.h>
+#include <json/reader.h>
+#include <json/value.h>
+
+#include <filesystem>
+#include <memory>
+
+#include "device-paths.h"
+#include "file-descriptor.h"
+#include "fw-update-symbol.h"
+#include "package-signature.h"
+#include "whole-file.h"
+
+namespace tool {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::size_t kLargestInformation = std::size_t{64} * 1024;
+
+// "emp" is taken out of a package's name for the firmware's.
+bool isPackageOf(const std::string& package, const std::string& firmware) {
+  const auto at = package.find("emp");
+  return at != std::string::npos && package.substr(0, at) + package.substr(at + 3) == firmware;
+}
+
+std::string extensionPackage(const std::string& firmware) {
+  std::error_code error;
+  for (auto entry = fs::directory_iterator(fwpaths::kPackageImages, error);
+       !error && entry != fs::directory_iterator(); entry.increment(error)) {
+    if (entry->path().extension() == ".img" && isPackageOf(entry->path().stem(), firmware)) {
+      return entry->path();
+    }
+  }
+  return "";
+}
+
+std::string checksumIn(const std::string& information) {
+  std::string text;
+  Json::Value document;
+  const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
+  if (base::readFile(information, kLargestInformation, text) != 0 ||
+      !reader->parse(text.data(), text.data() + text.size(), &document, nullptr) || !document.isObject()) {
+    return "";
+  }
+  const Json::Value& checksum = document["crc"];
+  return checksum.isConvertibleTo(Json::stringValue) ? checksum.asString() : "";
+}
+
+std::string keyOf(const std::string& package) {
+  const base::FileDescriptor file(open(package.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+  fwpackage::TrailerBytes bytes{};
+  std::int64_t content = 0;
+  if (!file || fwpackage::readTrailer(file.get(), bytes, content) != fwpackage::Verdict::Valid) {
+    return "";
+  }
+  const fwpackage::Trailer trailer = fwpackage::parseTrailer(bytes);
+  return trailer.state == fwpackage::Trailer::State::Good
+             ? fwpackage::toHex(trailer.keyId.data(), trailer.keyId.size())
+             : "";
+}
+
+void addDirectoryFacts(history::Entry& entry, const std::string& directory, const char* source) {
+  const std::string place = directory + entry.firmware + "/";
+  entry.source = source;
+  entry.image = place + entry.firmware + ".bin";
+  entry.checksum = checksumIn(place + "info.json");
+}
+
+}  // namespace
+
+void addImageFacts(history::Entry& entry, UPDATE_TYPE place) {
+  std::string drive;
+  if (entry.firmware.empty()) {
+    return;
+  }
+  if (place == UPDATE_TYPE_BUILTIN) {
+    addDirectoryFacts(entry, fwpaths::kBuiltinImages, "firmware directory");
+  } else if (place == UPDATE_TYPE_SBOX) {
+    addDirectoryFacts(entry, fwpaths::kSboxImages, "sbox");
+  } else if (place == UPDATE_TYPE_EMP) {
+    entry.source = "extension package";
+    entry.image = extensionPackage(entry.firmware);
+    entry.key = keyOf(entry.image);
+  } else if (FWUpdateSymbol("").getUsbMountPath(drive)) {
+    addDirectoryFacts(entry, drive, "USB drive");
+  }
+}
+
+void addPackageFacts(history::Entry& entry, const std::string& package) {
+  entry.source = "USB package";
+  entry.image = package;
+  entry.key = keyOf(package);
+}
+
+}  // namespace tool
