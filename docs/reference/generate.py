@@ -44,7 +44,7 @@ def with_line_comments(text):
 def blocks(text):
     """Runs of lines without a blank line between them; without directives and with
     comments of one kind."""
-    text = with_line_comments(text)
+    text = re.sub(r"^.*SPDX-License-Identifier.*\n", "", with_line_comments(text), flags=re.M)
     lines = without_privates([line for line in text.splitlines() if not line.startswith("#")])
     run = []
     for line in lines + [""]:
