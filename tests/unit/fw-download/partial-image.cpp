@@ -217,6 +217,14 @@ TEST_F(PartOfAnImage, SaysWhichStepFailed) {
   }
 }
 
+TEST_F(PartOfAnImage, SaysThatItCannotBeCutToWhatIsKnown) {
+  leave(5000, kOrigin, 4096, "another");
+  filecalls::fails = "truncate";
+
+  EXPECT_THAT([] { PartialImage("wifiempfw", kUrl); },
+              ::testing::ThrowsMessage<fwdownload::Failure>(HasSubstr(".img.part cannot be written")));
+}
+
 std::string publish(PartialImage& image) {
   try {
     image.publish();
