@@ -76,6 +76,16 @@ TEST(Document, IsWrittenOnOneLineOrIndented) {
             "}\n");
 }
 
+TEST(Document, LetsNoControlCharacterThroughWhereverItStands) {
+  Json::Value document;
+  document["list"].append("a\x7f");
+  document["list"].append(1);
+  document["inside"]["\x7f"] = "\x1b";
+
+  EXPECT_EQ(tool::onOneLine(document),
+            "{\"inside\":{\"\\u007f\":\"\\u001b\"},\"list\":[\"a\\u007f\",1]}\n");
+}
+
 TEST(Seconds, AreRoundedToThreeDecimals) {
   EXPECT_DOUBLE_EQ(tool::rounded(1.23449), 1.234);
   EXPECT_DOUBLE_EQ(tool::rounded(1.2345001), 1.235);

@@ -5,11 +5,11 @@
 namespace frame {
 
 std::vector<std::string> OptionInfo::names() const {
-  std::vector<std::string> found;
   const std::string declared = declaration;
   if (declared[0] != '-') {
-    return found;
+    return {};
   }
+  std::vector<std::string> found;
   std::istringstream text(declared.substr(0, declared.find(' ')));
   for (std::string name; std::getline(text, name, ',');) {
     found.push_back(name);
