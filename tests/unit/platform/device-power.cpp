@@ -12,6 +12,7 @@
 #include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <systemd/sd-bus.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -45,8 +46,15 @@ std::vector<std::string>& logLines() {
 
 enum class Threads { Start, AreRefused, FindNoMemory };
 Threads threads = Threads::Start;
+int busWait = 0;  // what waiting for the bus comes to, when it is an error
 
 }  // namespace
+
+extern "C" __attribute__((visibility("default"))) int sd_bus_wait(sd_bus* bus, std::uint64_t microseconds) {
+  using Wait = int(sd_bus*, std::uint64_t);
+  static auto* const kReal = reinterpret_cast<Wait*>(dlsym(RTLD_NEXT, "sd_bus_wait"));
+  return busWait < 0 ? busWait : kReal(bus, microseconds);
+}
 
 // A thread that cannot be started, when a test says so.
 extern "C" __attribute__((visibility("default"))) int pthread_create(pthread_t* thread,
@@ -387,6 +395,15 @@ TEST_F(DevicePowerWithLogind, DoesNotWaitLongForALogindThatHangs) {
   EXPECT_THAT(logged(), SizeIs(1));
   logind_->resume();
   EXPECT_TRUE(logind_->waitForInhibitors(0)) << "an answer that came too late is held";
+}
+
+TEST_F(DevicePowerWithLogind, IsNotHeldWhenItsAnswerCannotBeWaitedFor) {
+  busWait = -EIO;
+  const int status = device_power_lock_state(2, kLong);
+  busWait = 0;
+
+  EXPECT_EQ(status, -EIO);
+  EXPECT_THAT(logged(), SizeIs(1));
 }
 
 TEST_F(DevicePowerWithLogind, PrefersLogindToTheKernel) {
