@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The gate that everything passes that a program writes to std::cout and std::cerr: what
 // is not safe to show is written as \xNN there (printable-text.h), wherever it came from.
 // What the program itself tells the terminal goes through as an order.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A point in time until which something is waited for, whatever breaks in. Any thread.
 #ifndef FW_BASE_DEADLINE_H
 #define FW_BASE_DEADLINE_H

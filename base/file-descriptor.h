@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Owns one file descriptor and closes it. Movable; not for sharing between threads.
 #ifndef FW_BASE_FILE_DESCRIPTOR_H
 #define FW_BASE_FILE_DESCRIPTOR_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Reads what is mounted, as the kernel tells it in /proc/PID/mountinfo, and says which
 // paths lie where. Any thread.
 #ifndef FW_BASE_MOUNT_TABLE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Makes texts of unknown origin safe to show: names, versions and messages of modules,
 // files and servers reach terminals and log files. Stateless; any thread.
 #ifndef FW_BASE_PRINTABLE_TEXT_H

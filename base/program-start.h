@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Starts another program, and waits for what was started. One object, one start; not
 // shared between threads.
 #ifndef FW_BASE_PROGRAM_START_H

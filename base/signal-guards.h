@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What signals must not do to a program in the middle of something, and what they may.
 #ifndef FW_BASE_SIGNAL_GUARDS_H
 #define FW_BASE_SIGNAL_GUARDS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What errno says, as text and as an exception, and a guard for it. Any thread.
 #ifndef FW_BASE_SYSTEM_ERROR_H
 #define FW_BASE_SYSTEM_ERROR_H

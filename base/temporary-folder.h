@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A folder that is removed with everything in it. One owner; any thread.
 #ifndef FW_BASE_TEMPORARY_FOLDER_H
 #define FW_BASE_TEMPORARY_FOLDER_H

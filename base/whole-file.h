@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Reads, writes and replaces files as a whole. Each gives 0 or an errno value, and goes on
 // where a signal broke in. Any thread.
 #ifndef FW_BASE_WHOLE_FILE_H

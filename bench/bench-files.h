@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What benchmarks of whole files share: a directory of their own, a file held in the
 // page cache, a peer as a child process, and how they run. Failures throw.
 #ifndef BENCH_FILES_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What decrypting a USB package costs, beside the command line of OpenSSL and beside
 // its parts measured alone.
 #include <benchmark/benchmark.h>

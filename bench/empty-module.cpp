@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A module with all nine entry points that does nothing, for measuring the library
 // around it. A program that starts updates defines benchDoUpdate; it is asked what
 // doUpdate shall answer.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the checksum of an image costs: by the library and in each way that this
 // processor has, beside the reading alone, and beside the SHA-256 of OpenSSL.
 #include <benchmark/benchmark.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Keeps files in the page cache, so that a benchmark measures no disk where it means
 // none. Says whether it could lock them there, and does so until its input ends.
 // usage: bench-keep-cached FILE...

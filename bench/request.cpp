@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The way of a request: from the facade's call to the module's doUpdate and back, with
 // an empty module and an image of 16 bytes. Counters hold the nanoseconds of each part.
 #include <benchmark/benchmark.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the library keeps resident: this process as it is, with the library loaded, and
 // with the facade up and ten modules, each in bytes, as a JSON object. Nothing of the
 // library is linked, so that the process is bare before it loads it.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What start-up costs: scanning and binding modules with the library, and the bare
 // dlopen and nine dlsym of the same files. Each measurement is made by a process of
 // its own, so that every module is really loaded, and inside a device, where the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What it costs to read traces: how many bytes of them fw-trace sums up and shows in a
 // second, whether that keeps its pace when there are more, what memory it takes, and what
 // it costs to follow traces to which nothing is added. They are made by the storage itself.

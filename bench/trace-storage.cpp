@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a message costs: one with an int and a text of 20 bytes, written as a trace
 // record and, in the same run, formatted and written to a file as a log line.
 #include <benchmark/benchmark.h>

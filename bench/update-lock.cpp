@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The lock of the device under load: several processes that update the empty module as
 // fast as they can.
 // usage: bench-update-lock PROCESSES UPDATES

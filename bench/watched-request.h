@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Requests of updates with the empty module and a tiny image, watched on their way. A
 // program that links this takes the place of the functions of the C library that a
 // request passes, to note when; the empty module calls back into it.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A whole update of one large image, and the least that it can cost. Prints the
 // seconds that it took.
 // usage: bench-whole-update prepare DIRECTORY MIB   makes a device and its image there

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Debian packages, one a component of the installation:
 #   cmake --preset package && cmake --build --preset package --target package
 # writes them to build/package. The version is the project's, the changelog

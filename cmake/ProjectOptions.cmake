@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # The one target that every target of the project links: warnings, and what the
 # 32-bit device needs (64-bit file offsets and times).
 add_library(project-options INTERFACE)

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # With FW_UPDATE_QUICK_BUILD, for checks: what makes a build of everything take less time,
 # and what a build for use goes without.
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # A build folder belongs to the architecture of the system that it was configured on. Another
 # one, such as a 32-bit root with the same source tree, would reuse what was found there.
 execute_process(COMMAND ${CMAKE_CXX_COMPILER} ${CMAKE_CXX_FLAGS} -dumpmachine

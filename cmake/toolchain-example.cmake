@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # A toolchain file to begin with: for a 32-bit x86 set, with the cross compiler of a Debian
 # system (g++-i686-linux-gnu) and the set's own root file system, which has the headers and
 # libraries of Boost, jsoncpp and OpenSSL.

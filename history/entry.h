@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One attempt to update, as the history keeps it. A plain value.
 #ifndef FW_HISTORY_ENTRY_H
 #define FW_HISTORY_ENTRY_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The history of the updates of this set: one SQLite file, which every process that may
 // write it adds to. The file is open only inside a call, and a call waits for another
 // process for a moment at most. Whatever goes wrong with it costs an entry and never an

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The history's totals as a text file of Prometheus, for the node exporter. Plain functions;
 // any thread.
 #ifndef FW_HISTORY_METRICS_H

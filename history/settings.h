@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What /etc/fw-update/history.conf says about the history. A plain value; read by any thread.
 #ifndef FW_HISTORY_SETTINGS_H
 #define FW_HISTORY_SETTINGS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Decrypts (or encrypts) the rest of an open package file with AES-256-CBC into
 // one buffer. Several threads may do so at once: each receives a buffer of its own,
 // and one global pointer remembers the last.

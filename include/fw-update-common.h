@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The lock that lets one module update run at a time on the device: a named
 // POSIX semaphore that all processes share. Its value is 1 when free, 0 while
 // an update holds it; it survives every process and is never removed here.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The client's way into the library: lists the modules, reads versions and
 // progress, and asks for the update of one module. There is one facade a
 // process; it lives from the first getInstance() to process exit. Update

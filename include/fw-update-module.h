@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* What an update module exports. Include this in the module's source, define the
  * functions, and build a shared library that is installed as
  * "/prd/usr/fwupdate/controls/<name>.so". Plain C and C++ both compile it.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Mounts package images read-only through the loop driver and unmounts them.
 // Every privileged step is a request to the platform's privileged service. The
 // manager keeps no record of its mounts: the system's mount table is the only

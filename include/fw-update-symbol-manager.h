@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The process-wide registry of modules, and the service's way into the library.
 // It owns one FWUpdateSymbol a module, in the order in which the controls
 // directory yields them. It holds no lock: onCreate and onDestroy must not run

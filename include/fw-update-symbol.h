@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One update module: a plug-in library bound to its entry points, its names and
 // file locations, its information record and its update logic. A plain value:
 // copies share the library handle, which is closed with the last of them.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The types that clients, the platform's update service and modules share:
 // who asks for an update, where its files lie, and the two plain records that
 // describe a module and its firmware image. All are values; none owns anything

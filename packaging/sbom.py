@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Prints the bill of materials of a release, as SPDX 2.3 in JSON.
 
 usage: sbom.py TREE VERSION TARBALL-SHA256 TIME [PACKAGE.deb...]

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The directories of a device, as a table, and what lays them out. Plain data and
 // file-system calls: any process may create the tree below a directory of its own;
 // clearDevice is for a process that has entered a device. No function locks.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Puts a process into a device: a private mount and IPC namespace in which the
 // fixed paths are the device's own and everything else is the host's or that of
 // another root file system, to read: what is written elsewhere stays in memory or is

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Builds the root file system of a device: the host's tree with room for the
 // device's own directories. Used by enterDevice alone, in the private namespace
 // and before the process changes its root. One object, one build.

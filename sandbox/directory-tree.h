@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A directory and what lies below it. What it opens and makes is never anywhere else:
 // a link that leads out of the directory is refused, whoever put it there, and whenever.
 // Holds one descriptor; any thread.

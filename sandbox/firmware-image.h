@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Makes firmware images as components take them: the binary and its "info.json",
 // for demonstration devices and tests. Plain functions, safe from any thread.
 #ifndef SANDBOX_FIRMWARE_IMAGE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Puts the host's files and directories into a device. What is shown cannot be changed
 // there, whoever the caller is: neither it nor what is mounted below it. For enterDevice
 // alone, in the private namespace.

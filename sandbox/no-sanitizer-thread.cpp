@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Linked with the thread sanitizer alone, into programs that count threads: only a
 // process with one thread can enter a device, and only one in which every thread waits is
 // seen to wait for the lock. The sanitizer has a thread of its own, for options that are

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Makes extension packages: a firmware image and its "info.json" in a squashfs file.
 // Plain functions; they start mksquashfs and wait for it.
 #ifndef SANDBOX_PACKAGE_IMAGE_H

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Runs the steps of ./check and counts their tests into one closing line.
 
 usage: check-steps.py LEVEL [--list] [--step NAME]... [-- CTEST-ARGUMENT...]

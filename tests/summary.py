@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Test results: reading JUnit files, judging skips, and the closing line.
 
 A skipped test that matches no line of tests/declared-skips.txt (shell patterns over

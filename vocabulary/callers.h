@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Who may ask for an update: one row for each way to ask. The library takes from it where a
 // caller's images lie, the commands what callers are called. A new caller is an enumerator of
 // CallerTypes and a row here.

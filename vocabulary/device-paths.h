@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Where everything lies on a device: the library's fixed places, which commands that work
 // beside it know as well. Directories end with a "/".
 #ifndef DEVICE_PATHS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the library says: the text of each of its messages, under a name that tells what it
 // says, and the numbers that those who read the messages go by. The library logs by these
 // names; whoever reads its log or its traces compares with them. The texts are an interface

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the library's messages tell of the way of an update: each message as an event, by one
 // table. Pure; any thread.
 #ifndef UPDATE_EVENTS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Follows the updates of one process by what the library logs: what each is doing, how it
 // ended, and why. The one place that knows in which order the messages come; give it all
 // messages of a process, oldest first. Pure; for one thread.

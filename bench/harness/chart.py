@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Draws the figures that have a goal: each as a share of what its goal allows, so
 that one line stands for all goals."""
 from xml.sax.saxutils import escape

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """What the benchmarks run on."""
 import os
 import platform

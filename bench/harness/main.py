@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Builds the benchmarks, runs the topics and writes what they found. bench/run calls
 this and says what the options mean."""
 import argparse

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Other updaters from Debian, set up to write the same image to a file on the same
 disk. Both check a signature and hash the image with SHA-256; the library's images
 carry a CRC alone. After each installation the file is synchronised, which costs

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Writes results as Markdown."""
 
 SCALES = (("s", 1), ("ms", 1e-3), ("µs", 1e-6), ("ns", 1e-9))

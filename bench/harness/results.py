@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """What a run of the benchmarks found: figures that are held against a goal, and
 measurements that explain them. Both keep every single value."""
 import statistics

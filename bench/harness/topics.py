@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """The topics: each runs its programs and returns figures and measurements."""
 import json
 import subprocess

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """A whole update of a large image: by the library, by other updaters, and the floor."""
 import filecmp
 import os

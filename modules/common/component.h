@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One updatable component: who it is, which firmware is active on it, and how
 // new firmware gets there. A module owns exactly one, in a function-local static,
 // and its entry points call it from several threads: the library asks for version

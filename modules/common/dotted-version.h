@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Versions of firmware: decimal numbers separated by dots, in any number and of
 // any length. "1.10" is newer than "1.9", "1.2" is the same as "1.2.0", and
 // "0000" is version zero. Plain functions; safe from any thread.

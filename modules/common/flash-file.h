@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The flash of a component: the file that holds its active firmware, and the
 // new file that an update writes beside it (docs/formats/component-flash.md).
 // readActiveFlash may be called from any thread at any time. A NewFlash belongs

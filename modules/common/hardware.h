@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The hardware behind a flash file: how fast it writes and where it breaks, as
 // the component's description file states it (docs/formats/component-flash.md).
 // Without that file it writes as fast as the disk and never breaks.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The "info.json" that lies beside an image. What it states holds for that image, whatever
 // version the module was asked about meanwhile. Safe from any thread.
 #ifndef MODULES_COMMON_IMAGE_INFORMATION_H

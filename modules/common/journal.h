@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The journal that all components share: one line for each event
 // (docs/formats/component-flash.md). May be called from any thread and process.
 #ifndef MODULES_COMMON_JOURNAL_H

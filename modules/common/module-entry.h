@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a module of this folder is made of: its source defines thisComponent and
 // doUpdate, and entry-points.cpp defines the other eight entry points for it.
 #ifndef MODULES_COMMON_MODULE_ENTRY_H

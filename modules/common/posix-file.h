@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Files of a component, with every system call checked. FileDescriptor owns one
 // descriptor and closes it; the functions throw std::system_error, whose code is
 // the errno and whose text names what failed. Nothing here does any locking.

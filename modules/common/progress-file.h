@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The progress of a component's update, in a file that any process can read
 // (docs/formats/component-flash.md). The writer locks the file for as long as it
 // lives: that lock is also what keeps two updates of one component apart, and a

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One update of one component, from the first byte to the switch to the new
 // firmware. It lives on the stack of the thread that updates and holds the
 // component's update lock from its construction to its end. A process killed at

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A minimal update module. Its component is a file: the first line is the version
 // of the firmware, the rest is the firmware itself.
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The module of the panel's timing controller: an ordinary component with slow
 // flash memory.
 #include "module-entry.h"

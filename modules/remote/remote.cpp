@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The module of the remote control. "EXT-" in its file name makes it run its own
 // procedure: it gets no image from the library, but finds one in the firmware
 // directory itself, decides itself, and writes it like any other component.

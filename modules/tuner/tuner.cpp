@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The module of the broadcast tuner: an ordinary component, whose firmware comes
 // as an image file or in a USB package.
 #include "module-entry.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The module of the wireless network adapter: an ordinary component.
 #include "module-entry.h"
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Reads what a program says of its commands and options (PROGRAM --describe) into a tree.
 
 It is the table that the program parses its arguments with; what is made from this tree

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Writes the bash completion of a program from what it says of itself.
 
 usage: completion.py PROGRAM >COMPLETION

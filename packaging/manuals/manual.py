@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Fills a manual page's source with what the program says of itself.
 
 usage: manual.py PROGRAM SOURCE.scd.in >PAGE.scd

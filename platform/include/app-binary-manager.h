@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Downloads of extension packages.
 #ifndef PLATFORM_APP_BINARY_MANAGER_H
 #define PLATFORM_APP_BINARY_MANAGER_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Keeps the device powered while it must not be switched off. Any thread.
 #ifndef PLATFORM_DEVICE_POWER_H
 #define PLATFORM_DEVICE_POWER_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The platform log.
 #ifndef PLATFORM_DLOG_H
 #define PLATFORM_DLOG_H

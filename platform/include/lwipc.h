@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Lightweight events between processes. An event is done once and stays so until
 // the device starts anew. Any thread.
 #ifndef PLATFORM_LWIPC_H

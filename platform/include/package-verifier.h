@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* The entry points of the verification library, /usr/lib/libkZAQUser.so, which is loaded
    at run time. verifyFile is needed; the others are optional: a library without them is
    asked nothing more than verifyFile. All are looked up by name and are called from any

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Privileged operations that an unprivileged process asks a service for. Each
 // returns a status (0: the request was carried out) and stores the operation's
 // own result in *result (0: it succeeded, else an errno value).

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Facts about the device.
 #ifndef PLATFORM_SYSTEM_INFO_H
 #define PLATFORM_SYSTEM_INFO_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Keeps every message of a process as a compact record. A call site is
 // registered once; a record is prepared and committed through the calling
 // thread's handle, without a lock.

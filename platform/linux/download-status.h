@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How the download of a package is going, as any process can read it: a small file
 // in /run/fw-download, and a lock that the downloading process holds to its end.
 // Written by the one process that holds the lock; read by anyone. Any thread.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A done event is an empty file in a directory of the platform. Waiters watch the
 // directory and leave no trace of their own, so that one that dies disturbs nobody.
 #include "lwipc.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One clear line, the first time a process asks for something that this platform
 // does not have. Any thread.
 #ifndef PLATFORM_LINUX_NOT_AVAILABLE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Reads the operating system's description, os-release(5). Stateless.
 #ifndef PLATFORM_LINUX_OS_RELEASE_H
 #define PLATFORM_LINUX_OS_RELEASE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The identifiers of extension packages. Any thread.
 #ifndef PLATFORM_LINUX_PACKAGE_NAME_H
 #define PLATFORM_LINUX_PACKAGE_NAME_H

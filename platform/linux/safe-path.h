@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Opens paths without following a symbolic link anywhere, as O_PATH descriptors:
 // opening has no effect on what is opened, and waits for nobody. Any thread.
 #ifndef PLATFORM_LINUX_SAFE_PATH_H

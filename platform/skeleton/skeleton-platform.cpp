@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A platform to begin with: every function that the update library calls, and nothing behind
 // them but a log, the software version and a refusal. It links with nothing of this project;
 // docs/porting.md has the line. fw-platform-check --library ./libfw-platform.so.1 says what is

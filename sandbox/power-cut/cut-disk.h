@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A disk as a power cut left it: an image in a file, which the kernel mounts, journal and
 // all, at a directory of the caller's. One thread uses it; only root can mount it.
 #ifndef SANDBOX_POWER_CUT_CUT_DISK_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What was written to a disk, in order: the file format of the kernel's dm-log-writes,
 // which other recorders write too. Plain data; no function locks.
 #ifndef SANDBOX_POWER_CUT_DISK_LOG_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The states that a power cut can leave of a recorded disk. What was written before a
 // flush is on the disk; of what came after the last one, any part may be, in any order.
 // An epoch is what lies between two flushes. Plain data; no function locks.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "recorded-disk.h"
 
 #define FUSE_USE_VERSION 31

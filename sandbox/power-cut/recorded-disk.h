@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A file system with one file, "disk", whose writes and flushes are recorded; a loop
 // device on it makes a disk of it. What is written to the file "mark" is a mark in the
 // record. One disk a process.

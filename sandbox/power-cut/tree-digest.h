@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a directory holds: names, kinds, modes, sizes and contents, as one number, so that
 // equal ones are looked at once.
 #ifndef SANDBOX_POWER_CUT_TREE_DIGEST_H

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """A machine of the virtual set: QEMU, what it is asked for, and its end.
 
 A machine writes to an overlay of its own, which goes with it; the set it was made from

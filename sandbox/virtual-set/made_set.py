@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """The virtual set on the disk: made once, kept in ~/.cache/fw-update.
 
   set-KEY/                    Debian without the project's packages; KEY is made from its

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """The virtual set: a whole 32-bit system in a machine of its own.
 
 usage: ./virtual-set make [--packages DIR]

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // fw-privileged: does what needs privileges for the firmware update library's
 // callers. Takes its socket from the service manager, or makes it.
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the service may do. Started by the service manager its unit limits it; started by
 // hand it limits itself in the same way.
 #ifndef TOOLS_FW_PRIVILEGED_OWN_RIGHTS_H

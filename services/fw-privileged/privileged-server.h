@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The privileged service behind its socket: takes clients, looks at who they are
 // and answers one request for each connection. One thread. A client that sends
 // nothing, or is not allowed, never keeps the others waiting.

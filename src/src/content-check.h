@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Asks the verification library whether what was read of a package is what its signature
 // covers, through entry points that the library need not have: without them everything
 // passes. One thread.

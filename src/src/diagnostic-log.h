@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The library's one way to say something. FW_LOG writes a message to the platform
 // log and, at error priority, as a compact record to the trace storage; most
 // progress messages are written at error priority on purpose. May be used from

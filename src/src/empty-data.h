@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The data of a request that has none: a text that every module may write into and may
 // keep, as some do. It is therefore one of the module's own, so that no other module
 // reads what it wrote, and stays for good, because a module may outlive the record that

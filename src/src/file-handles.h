@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Owners of the C handles that the library uses.
 #ifndef FILE_HANDLES_H
 #define FILE_HANDLES_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "fw-update-types.h"
 
 #include "text-buffer.h"

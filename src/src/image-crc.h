@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The CRC-32 of firmware images: polynomial 0x01B23CA3, most significant bit
 // first, initial value 0, nothing reflected, no final XOR. Tools that write
 // "info.json" must use the same. Computed in the fastest of the ways in

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Parsing of "info.json", the description beside a firmware image.
 #ifndef INFORMATION_FILE_H
 #define INFORMATION_FILE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Finds the file that a module's library really is, with all links resolved. While a
 // ControlsDirectoryScan lives on a thread, the links on the way to the controls
 // directory are resolved once for all modules of the scan, not again for each.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Which modules are extension modules.
 #ifndef MODULE_NAMES_H
 #define MODULE_NAMES_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Opens files that anybody may have put there. Nothing but a regular file is opened:
 // neither a FIFO, which nobody may ever write to, nor a device, which may have no end.
 // Nothing here keeps state; safe from any thread.

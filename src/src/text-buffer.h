@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The 128-byte text buffers of the client interface and of the module contract.
 #ifndef TEXT_BUFFER_H
 #define TEXT_BUFFER_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Reading of an encrypted USB package: a 16-byte IV, the ciphertext, and a trailer of
 // 534 bytes that only the verifier reads. The plaintext is a 64-byte version block
 // and the image.

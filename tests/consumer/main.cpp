@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Lists the modules of the device that it runs on, and uses each exported header.
 #include <fw-update-cipher.h>
 #include <fw-update-common.h>

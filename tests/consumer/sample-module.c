@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* The smallest module: plain C, built against the installed headers. */
 #include <fw-update-module.h>
 #include <string.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Writes the counters of a program and of the project's libraries in it also when the
 // process ends by _exit, as forked children do, or goes on in another program. Part of
 // every program of the coverage build, of no other.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How a library of the coverage build tells its counters to the program that uses it.
 #ifndef COVERAGE_EXIT_H
 #define COVERAGE_EXIT_H

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Lines that no test runs, and why: reading explained.txt and holding it against the counts.
 
 An explanation is a line "FILE: reason", perhaps continued on lines with two blanks in

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Part of each library of the coverage build whose counters are of interest.
 #include <dlfcn.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Fuzz target: the headers of a web server's answer, line by line as libcurl hands them
 // on. What a server may send is written down here a second time.
 #include <algorithm>

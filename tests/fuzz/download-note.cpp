@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Fuzz target: the note beside a part of an image, which says how a download goes on. A
 // header of the next request is made of it.
 #include <algorithm>

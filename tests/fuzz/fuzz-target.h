@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a fuzz target is: a source file that defines the two functions below. Two
 // programs come of it: fuzz-NAME, driven by libFuzzer, and replay-NAME, an ordinary
 // test that runs it over the files of its corpus.

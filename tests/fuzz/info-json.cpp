@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Fuzz target: "info.json" beside a firmware image, read by the library's decision
 // about an update and by fw-pack.
 #include <optional>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A file whose content is the input, for what is tested by its path. Rewritten for
 // each input; one thread.
 #ifndef FUZZ_INPUT_FILE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Drives a fuzz target with libFuzzer.
 #include <cstddef>
 #include <cstdint>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The library in a device, with one scripted module and the recording platform, for
 // the targets that test it at its fixed paths.
 #ifndef FUZZ_LIBRARY_DEVICE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Fuzz target: the texts that a module writes about itself into the library's
 // buffers, its package identifier and its version, with and without a terminator.
 // Whatever identifier the library accepts, the platform must accept too.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Fuzz target: the kernel's lists of mounts, as the library counts loop devices in the
 // one and as devices find their mounts in the other. The input lies over both files.
 #include "mount-table.h"

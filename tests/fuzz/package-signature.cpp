@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Fuzz target: what the verifier does with a package. Its keys and lists are those of
 // tests/fuzz/keys, and only the packages of the corpus's folder "good" were ever
 // signed with them: nothing else may pass.

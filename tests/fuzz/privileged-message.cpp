@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Fuzz target: a packet at the privileged service's socket, or at its client's. What
 // may be asked for is written down here a second time, as patterns.
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Runs a fuzz target over a corpus, without a fuzzer. What lies in the corpus's
 // folder "good" must be accepted, what lies in "bad" refused; the rest, found by
 // fuzzing, may be either. Exit code 77, "skipped": the target cannot run here.

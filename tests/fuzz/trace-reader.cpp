@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Fuzz target: everything that fw-trace does with a file's bytes.
 #include "trace-reader.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Fuzz target: an encrypted USB package, as the library lists and applies it. No
 // verifier is installed, so every file gets as far as the cipher. What must come out
 // is computed a second time, with OpenSSL and the whole file at once.

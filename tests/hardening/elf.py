@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """What readelf and objdump say of a program or library, as far as hardening shows in it."""
 import dataclasses
 import re

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """What is asked of the built files, and of the commands that compiled them."""
 import platform
 import re

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Every command that a page names can be typed: the program is there, and so are its
 commands and options. This holds for whole lines and for what stands in the middle of a
 sentence, also on the pages whose commands are too long to be run by a test.

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Runs what a page of the documents says to type, and compares what it says is printed.
 
 usage: documented.py BUILD-DIRECTORY PAGE (host|device)

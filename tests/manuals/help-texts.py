@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Every help text of every command fits a screen of 80 columns and 24 lines, has an
 example, and names what the program's table has: usage, options and exit codes. Pages that
 are written by hand name every option, and none that is not there.

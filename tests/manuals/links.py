@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Every link of a page leads to a file that is there, and to a heading that is in it.
 
 usage: links.py SOURCE-DIRECTORY

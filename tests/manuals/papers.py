@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """The papers name the version that is built.
 
 usage: papers.py SOURCE-DIRECTORY VERSION

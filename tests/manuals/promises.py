@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Checks that docs/promises.md names tests and steps that exist.
 
 usage: promises.py BUILD-DIRECTORY SOURCE-DIRECTORY CTEST

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """What a page says that a program prints, a program does print.
 
 usage: quotes.py PAGE SOURCE-DIRECTORY

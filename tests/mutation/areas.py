@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Which tests look at which sources first.
 
 An area is a folder, the programs whose tests are its own (shell patterns over the names of

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Mutants that change nothing, and why: reading explained.txt.
 
 An explanation is a line "FILE: reason", perhaps continued on lines with two blanks in front,

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Mutants: sources with one small fault each.
 
 The text is not parsed. Comments, texts and preprocessor lines are blanked out, and what is

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """A copy of the source tree in which mutants are built and tested.
 
 The sources themselves are never touched. Programs of the copy run confined (the script

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Takes care away from a program that is loaded with it (LD_PRELOAD), so that the power
 // cut has something to find. CARELESS says which:
 //   file        no file is put on the disk

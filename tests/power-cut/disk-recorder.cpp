@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Records what is written to a disk: shows IMAGE as DIRECTORY/disk for a loop device, and
 // writes LOG until DIRECTORY is unmounted.
 //

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Whether what a power cut left keeps the promises: a table of files for each scenario,
 and what the next commands must answer. docs/interruption.md states the same for people.
 """

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Plays what a recorded disk can be after a power cut, and keeps each different content
 // that its file system then has.
 //

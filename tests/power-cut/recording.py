@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """A disk whose writes are recorded while commands run: an image in memory, the recorder
 under a loop device, and a file system that the kernel mounts. To be used by root, in a
 mount namespace of its own (tests/power-cut/run enters one).

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """What is being done when the power is cut: devices with an old state, the commands, and
 the table of what each file may be afterwards.
 """

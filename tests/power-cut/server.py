@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """A web server on this machine alone, which can go on with a part of a file."""
 
 import hashlib

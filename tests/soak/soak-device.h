@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The modules and images that the soak updates, in the device that the process has
 // entered. Plain functions.
 #ifndef TESTS_SOAK_DEVICE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the modules of the soak write while they update, and what it proves. A line is
 // one append, so the lines of several processes stand in the order of their writes.
 #ifndef TESTS_SOAK_JOURNAL_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A module that is copied under many names: libsoak3.so has the package identifier
 // soak3emp and the firmware name soak3. The request's data says what it does: one word
 // and milliseconds. "update", "fail", "throw" take that long; "late" goes on that long

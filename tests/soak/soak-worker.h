@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A process of the soak that requests updates, one after the other, until there are
 // none left, and tells what came of each and what it uses itself.
 #ifndef TESTS_SOAK_WORKER_H

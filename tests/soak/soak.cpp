@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Many updates by several processes at once, over several modules, with random failures
 // and kills (docs/testing.md). Exit code 0: all promises were kept; 77: no device here.
 #include <fcntl.h>

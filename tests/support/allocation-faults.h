@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Lets chosen allocations fail. A test program that has this source takes the place
 // of malloc, calloc and the making of cipher contexts; all pass through unless a
 // test says otherwise. What fails is chosen while no other thread runs.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A real second process of the test: a fork that runs a function and ends with its
 // result. Only for use while the test has one thread.
 #ifndef CHILD_PROCESS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Tests at the device's fixed paths. Linking test-device gives a test program its
 // main, which runs all tests inside one in-memory device; the build tree and the
 // source tree stay visible. A program that cannot enter says why and exits with

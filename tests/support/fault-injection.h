@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Faults that the real thing does not give on request. A test program that links
 // this takes the place of a few functions of the C and C++ libraries; each passes
 // through unless a test says otherwise. It is built as a shared library too, for

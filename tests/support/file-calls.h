@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Writes down in which order a program puts files on the disk and gives them names. A
 // test program that links this takes the place of a few functions of the C library;
 // each does what it always does. For one thread.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Something that one thread opens and others wait for.
 #ifndef TESTS_SUPPORT_GATE_H
 #define TESTS_SUPPORT_GATE_H

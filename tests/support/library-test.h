@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Fixture for tests of the library at the fixed paths: an empty device, a recording
 // platform, scripted modules. The library's singletons live as long as the process,
 // so every test runs in a process of its own.

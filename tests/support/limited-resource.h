@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A limit of this process for as long as this lives, as setrlimit knows it. The process
 // has its own back before it ends, when it may have something to write.
 #ifndef TESTS_SUPPORT_LIMITED_RESOURCE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A mount over a path of the device, for as long as this lives: what is there
 // otherwise is hidden. For a process that has entered a device.
 #ifndef TESTS_SUPPORT_MOUNTED_OVER_H

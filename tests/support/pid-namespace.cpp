@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // In a program that tests start: the PID namespace that the tests run in is the first one,
 // whose processes are all there are. It often is another one, in a container for example.
 #include <dlfcn.h>

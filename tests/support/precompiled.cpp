@@ -1,1 +1,2 @@
+// SPDX-License-Identifier: Apache-2.0
 // Nothing but the headers that CMake compiles once for all tests.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Lets a test act within the reads at a place of a file (pread) that a program makes. A test
 // program that links this takes the place of that function of the C library; all pass
 // through unless a test says otherwise. For one thread.

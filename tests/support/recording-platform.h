@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A platform that does nothing but write down, in one list, what the library asks
 // of it, in order. A test program that links it takes the place of
 // libfw-platform.so. Answers can be set before the call; everything is reset by

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One run of the command that a test program is about, in a process of its own, through
 // pipes or on a terminal. The macro TESTED_TOOL is its path. Owns the process and kills it when it still runs
 // at the end. For the thread that runs the test.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The module library behind scripted-module.h. It knows itself by the stem of the
 // file that it was loaded from. Built once whole and once without each entry point.
 #include <dlfcn.h>

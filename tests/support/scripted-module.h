@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A real module library whose behaviour a test sets in its own process. The test
 // installs it under any name (installScriptedModule); each entry point then calls
 // back into the test's ScriptedModule of that name, which notes the call and

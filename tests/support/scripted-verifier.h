@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The device's signature-verification library, as a real library whose answer a
 // test sets. Each call is noted in the recording platform's list as
 // verifyFile(reserved, "path", "caller").

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Makes signed USB packages for tests, in memory. Plain functions and values.
 #ifndef TESTS_SUPPORT_SIGNED_PACKAGE_H
 #define TESTS_SUPPORT_SIGNED_PACKAGE_H

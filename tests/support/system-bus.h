@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A system bus of the test's own, with a stand-in for systemd-logind on it. The
 // environment variable that names the bus is set for the test and its children.
 // Both are real processes, killed at the end. For the thread that runs the test.

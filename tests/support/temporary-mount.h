@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Mounts that last as long as these objects, in the device that a test runs in.
 #ifndef TESTS_SUPPORT_TEMPORARY_MOUNT_H
 #define TESTS_SUPPORT_TEMPORARY_MOUNT_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How often a test repeats what only grows surer by more of the same. Under a sanitizer
 // every run takes many times as long and looks at the same code; a part of them will do.
 #ifndef TESTS_SUPPORT_THOROUGHNESS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Packages as they lie on a USB drive, built with OpenSSL apart from the library,
 // and what decrypting a piece of one must give. Bytes are kept in strings. Plain
 // functions; safe for several threads.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A signature-verification library for tests, which asks the test program. Built without
 // the optional entry points, with all or some of them, without its own, and with one that
 // is null.

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """A system bus with a stand-in for systemd-logind on it, so that a power lock is a real
 one: a descriptor that logind sees closed when its holder lets go or dies.
 """

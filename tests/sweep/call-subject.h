@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a system call is about, as text that is the same in every run of a program.
 // Plain functions; the process must be stopped by a tracer.
 #ifndef TESTS_SWEEP_CALL_SUBJECT_H

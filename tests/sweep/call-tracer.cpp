@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Runs a program and writes down every system call of its threads; at one of them it
 // kills the program or makes the call fail.
 //

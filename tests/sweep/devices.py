@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """The devices of a sweep: a template for each scenario, with components that have an old
 firmware and a new one waiting, and quick copies of it, one for each point.
 """

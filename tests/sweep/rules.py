@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """What a sweep goes by: which errors a system call can return, what an interrupted
 update may leave behind, and whether the result of one point keeps the promises.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Runs a program, writes down the system calls of its threads, and interrupts it at one
 // of them. A Tracer runs one program, on the thread that made it.
 #ifndef TESTS_SWEEP_TRACER_H

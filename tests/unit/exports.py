@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Holds what the library exports against the list that the headers declare.
 
 usage: exports.py LIBRARY VERSION-SCRIPT HEADER...

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The encrypted package reader, held against a cipher of the test's own.
 #include "fw-update-cipher.h"
 

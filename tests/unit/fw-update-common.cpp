@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The update lock.
 #include "fw-update-common.h"
 

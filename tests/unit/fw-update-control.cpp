@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The client facade: item list, update requests, status queries.
 #include "fw-update-control.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Mounting and unmounting through the privileged service, and the loop devices.
 #include "fw-update-mount-manager.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Binding of a module: loadSymbol, the identifier checks and the wrappers.
 #include <dlfcn.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The information file and the image checksum.
 #include <dlfcn.h>
 #include <sys/socket.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Update types and file locations.
 #include <filesystem>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The run over all modules: update all, all updates done, download all.
 #include <sys/mount.h>
 

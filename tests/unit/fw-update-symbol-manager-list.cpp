@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The pending update list.
 #include <fcntl.h>
 #include <sys/stat.h>

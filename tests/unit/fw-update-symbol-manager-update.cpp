@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The guarded update of one module: lock, worker thread, time limit.
 #include <malloc.h>
 #include <pthread.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The module registry: scan, readiness, software model, lookups.
 #include "fw-update-symbol-manager.h"
 

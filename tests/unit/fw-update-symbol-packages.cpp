@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A module's extension package: download, mount, unmount.
 #include <filesystem>
 

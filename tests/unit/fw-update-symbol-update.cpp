@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The decision whether a module needs an update, and its execution.
 #include <pthread.h>
 

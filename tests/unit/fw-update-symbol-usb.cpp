@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Encrypted packages on a USB drive: signature, listing, update.
 #include <fcntl.h>
 #include <sys/stat.h>

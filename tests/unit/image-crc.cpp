@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The ways to compute the image checksum, each held against Boost.CRC.
 #include "image-crc.h"
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """The Debian packages on a set with a service manager: installed, upgraded, purged."""
 import pathlib
 import re

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Tells a device's directory from any other, so that nothing else is written to or
 // emptied by mistake.
 #ifndef FW_DEVICE_DEVICE_DIRECTORY_H

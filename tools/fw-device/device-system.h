@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Which system a device is built on: whose root file system it has, and which build
 // its programs and modules come from. Kept in the device's marker. Plain values.
 #ifndef FW_DEVICE_DEVICE_SYSTEM_H

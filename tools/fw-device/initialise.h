@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // fw-device init: lays out a device and installs the example modules and images.
 #ifndef FW_DEVICE_INITIALISE_H
 #define FW_DEVICE_INITIALISE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // fw-device: makes devices in directories, and runs programs as if on them.
 #include "frame/program.h"
 #include "initialise.h"

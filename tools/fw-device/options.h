@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the command line of fw-device says. Plain values.
 #ifndef FW_DEVICE_OPTIONS_H
 #define FW_DEVICE_OPTIONS_H

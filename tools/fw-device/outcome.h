@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How fw-device ends. With run and shell, a command that was started gives its own exit
 // code.
 #ifndef FW_DEVICE_OUTCOME_H

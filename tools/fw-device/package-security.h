@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a device needs for USB packages: the verification library and keys of its
 // own, made once and kept. Plain functions.
 #ifndef FW_DEVICE_PACKAGE_SECURITY_H

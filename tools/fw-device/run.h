@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // fw-device run and fw-device shell: enter a device and become a program in it.
 #ifndef FW_DEVICE_RUN_H
 #define FW_DEVICE_RUN_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Where this program lies, and what lies beside it.
 #ifndef FW_DEVICE_TOOL_LOCATION_H
 #define FW_DEVICE_TOOL_LOCATION_H

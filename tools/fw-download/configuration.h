@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Where packages come from and what a download may take, from
 // /etc/fw-update/download.conf. A plain value, read once for each download.
 #ifndef FW_DOWNLOAD_CONFIGURATION_H

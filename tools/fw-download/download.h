@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Downloads one package: from the configured server to its image file, continuing
 // what an earlier download left. Runs to the end on the calling thread.
 #ifndef FW_DOWNLOAD_DOWNLOAD_H

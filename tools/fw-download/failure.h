@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Why a download ended without an image. One table says for each reason what a
 // program calls it, what people can do, whether what is there already stays, to be
 // continued by the next request, and whether this one tries again itself.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // fw-download: downloads one package for the platform's application-binary manager.
 // Started by the platform library it answers at once and goes on by itself; started
 // by hand it stays until the download has ended.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Whether a package that lies on the disk may become the image: its signature, held
 // against the keys, lists, model and minimum versions of this set. One download, one
 // thread.

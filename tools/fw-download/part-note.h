@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The note beside a part of an image, NAME.img.part.info: of which file on the server
 // it is a part, and how much of it can be relied on. Plain values and stateless
 // functions.

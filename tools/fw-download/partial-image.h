@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // An image that is being received: NAME.img.part beside the place where the image
 // will be, and NAME.img.part.info, which says of which file on the server it is a
 // part. The image gets its own name when it is whole and on the disk. Never follows

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a server says before it sends anything, read from the lines of its headers.
 // Plain values and stateless functions.
 #ifndef FW_DOWNLOAD_RESPONSE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Notices a transfer that goes on, but so slowly that it would never end. One transfer,
 // one thread; the caller says what time it is.
 #ifndef FW_DOWNLOAD_SPEED_WATCH_H

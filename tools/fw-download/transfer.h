@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One request to one address, with libcurl. It follows no redirect and knows nothing
 // of files: what comes is handed on as it comes. One object, one request, one thread.
 #ifndef FW_DOWNLOAD_TRANSFER_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Addresses, taken apart by libcurl's own rules, so that nothing here understands one
 // differently from what is connected to. Stateless.
 #ifndef FW_DOWNLOAD_URL_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // fw-module: writes the projects of update modules, and checks modules against their
 // contract.
 #include <string>

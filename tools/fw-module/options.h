@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the command line of fw-module says. Plain values.
 #ifndef FW_MODULE_OPTIONS_H
 #define FW_MODULE_OPTIONS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How fw-module ends.
 #ifndef FW_MODULE_OUTCOME_H
 #define FW_MODULE_OUTCOME_H

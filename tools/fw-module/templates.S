@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* The files of a new module's project, as bytes. */
 .macro template symbol, path
   .global \symbol

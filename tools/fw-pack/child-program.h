@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Runs another program to its end. One thread; errors are thrown as Failure.
 #ifndef FW_PACK_CHILD_PROGRAM_H
 #define FW_PACK_CHILD_PROGRAM_H

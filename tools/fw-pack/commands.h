@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The commands themselves, one source file each in commands/.
 #ifndef FW_PACK_COMMANDS_H
 #define FW_PACK_COMMANDS_H

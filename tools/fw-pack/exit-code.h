@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How fw-pack ends, and the error that carries an ending to main.
 #ifndef FW_PACK_EXIT_CODE_H
 #define FW_PACK_EXIT_CODE_H

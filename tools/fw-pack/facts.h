@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What is known of a file, in the order found: lines for people, members for
 // programs. A plain value.
 #ifndef FW_PACK_FACTS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Files that fw-pack reads and writes. An output appears whole or not at all: it is
 // written beside its place and renamed. One thread; errors are thrown as Failure.
 #ifndef FW_PACK_FILES_H

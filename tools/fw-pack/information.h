@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The description that stands beside an image: "info.json". Plain functions.
 #ifndef FW_PACK_INFORMATION_H
 #define FW_PACK_INFORMATION_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Ctrl-C and the like as an exception, so that what is unfinished is removed on the way
 // out. Long work asks again and again. For a process with one thread.
 #ifndef FW_PACK_INTERRUPTION_H

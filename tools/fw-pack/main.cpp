@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // fw-pack: makes firmware packages and says what they are.
 #include <algorithm>
 #include <string>

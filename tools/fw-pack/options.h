@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the command line of fw-pack says. Plain values.
 #ifndef FW_PACK_OPTIONS_H
 #define FW_PACK_OPTIONS_H

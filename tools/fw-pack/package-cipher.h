@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The layout of a USB package (docs/formats/usb-package.md) and its cipher. One
 // thread; errors are thrown as Failure.
 #ifndef FW_PACK_PACKAGE_CIPHER_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The signature of a package as the options want it checked.
 #ifndef FW_PACK_SIGNATURE_CHECK_H
 #define FW_PACK_SIGNATURE_CHECK_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Keys that sign packages, and the trailer they make. Errors are thrown as Failure.
 #ifndef FW_PACK_SIGNING_H
 #define FW_PACK_SIGNING_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One promise that a platform must keep, and how it is found out.
 #ifndef FW_PLATFORM_CHECK_CHECK_H
 #define FW_PLATFORM_CHECK_CHECK_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // All checks, in the order in which they are made.
 #ifndef FW_PLATFORM_CHECK_CHECKS_H
 #define FW_PLATFORM_CHECK_CHECKS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // fw-platform-check: does a platform library keep what the update library relies on?
 #include <unistd.h>
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* The package that is mounted for a check, as bytes. */
   .section .rodata
   .global fwPlatformCheckPackage

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Makes one check in a process of its own, so that a crash or a hang is a finding
 // like any other.
 #ifndef FW_PLATFORM_CHECK_RUNNER_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a set must have set up so that nothing unsigned is used. Each finding ends with
 // what to do.
 #include <dlfcn.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One message as one line for people or as one JSON object.
 #ifndef FW_TRACE_ENTRY_LINE_H
 #define FW_TRACE_ENTRY_LINE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One message of one of the traces. A plain value.
 #ifndef FW_TRACE_ENTRY_H
 #define FW_TRACE_ENTRY_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Which messages to show. Any thread.
 #ifndef FW_TRACE_FILTER_H
 #define FW_TRACE_FILTER_H

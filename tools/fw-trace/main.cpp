@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // fw-trace: the traces of firmware updates.
 #include <new>
 #include <string>

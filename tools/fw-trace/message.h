@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A record in words: the values of its arguments and the message that they make
 // with the format. Pure; any thread.
 #ifndef FW_TRACE_MESSAGE_H

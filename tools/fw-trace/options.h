@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the command line of fw-trace says. Plain values.
 #ifndef FW_TRACE_OPTIONS_H
 #define FW_TRACE_OPTIONS_H

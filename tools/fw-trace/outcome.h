@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How fw-trace ends.
 #ifndef FW_TRACE_OUTCOME_H
 #define FW_TRACE_OUTCOME_H

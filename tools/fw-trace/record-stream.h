@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The records of many traces in time order, read a piece at a time: however large the
 // traces are, a window of each thread's is in memory. Only for use by one thread.
 #ifndef FW_TRACE_RECORD_STREAM_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Reads the records of one thread, a piece of the ring at a time, also while the thread
 // writes. What is damaged or missing is left out and named. Pure; any thread.
 #ifndef FW_TRACE_RING_READER_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The traces that a command works on: those that were named, or all of the
 // directory.
 #ifndef FW_TRACE_SELECTION_H

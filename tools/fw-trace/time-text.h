@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Times as people write them, in the local time zone. Pure; any thread.
 #ifndef FW_TRACE_TIME_TEXT_H
 #define FW_TRACE_TIME_TEXT_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What happened, derived from the messages: the update requests of each process
 // with their stages. Pure; any thread.
 #ifndef FW_TRACE_TIMELINE_H

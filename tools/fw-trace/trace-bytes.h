@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The bytes of a trace, wherever they lie, a piece at a time: a trace may be larger than
 // what a command wants to keep of it.
 #ifndef FW_TRACE_TRACE_BYTES_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Reads a trace. Takes anything: what is cut off, damaged or of another kind is left out
 // and named. Takes no more memory than a small multiple of the bytes, whatever they are.
 // Pure; any thread.

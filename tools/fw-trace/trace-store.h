@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The traces of a directory: which there are, whether their processes live, and
 // their contents, also while they are being written.
 #ifndef FW_TRACE_TRACE_STORE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The command line: one table of commands with their options.
 #ifndef FW_UPDATE_TOOL_COMMAND_LINE_H
 #define FW_UPDATE_TOOL_COMMAND_LINE_H

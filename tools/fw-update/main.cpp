@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // fw-update: the firmware update command. Parses, runs one command, puts its
 // report out and exits with the report's code.
 #include <unistd.h>

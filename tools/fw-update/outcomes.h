@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How a command can end: one table gives each ending its name in JSON and its
 // exit code. A Finding is an ending with its sentences for people.
 #ifndef FW_UPDATE_TOOL_OUTCOMES_H

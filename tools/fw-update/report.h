@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // From what a command found to the report that the frame puts out: the last step of each
 // command. Plain functions.
 #ifndef FW_UPDATE_TOOL_REPORT_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Carries a signal that ends the process (Ctrl-C and the like) to where it ends by it, so
 // that what is unfinished is put away on the way there.
 #ifndef TOOLS_SHARED_INTERRUPTED_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One line at the bottom of a terminal that says what is going on: drawn again and again in
 // its place, and gone with the object. Elsewhere nothing is written. For one thread.
 #ifndef FW_TOOL_LIVE_LINE_H

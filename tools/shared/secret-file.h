@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Secrets come from files, never from the command line. What was read is wiped
 // when its owner goes; one owner, one thread.
 #ifndef FW_TOOLS_SECRET_FILE_H

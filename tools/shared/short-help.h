@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Help texts that fit on one screen: no headings, no blank lines. For the parser of a
 // command line, which owns it.
 #ifndef TOOLS_SHARED_SHORT_HELP_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What standard output and standard error are connected to.
 #ifndef TOOLS_SHARED_TERMINAL_H
 #define TOOLS_SHARED_TERMINAL_H

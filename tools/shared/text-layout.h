@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How the tools lay out what they print: JSON documents, tables and broken lines.
 // Pure functions; any thread.
 #ifndef TOOLS_SHARED_TEXT_LAYOUT_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The system's journal. No state of its own; any thread.
 #ifndef PLATFORM_LINUX_JOURNAL_H
 #define PLATFORM_LINUX_JOURNAL_H

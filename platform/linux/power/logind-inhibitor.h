@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Asks systemd-logind over the system bus to keep the device on. Stateless; any
 // thread. The inhibitor is the descriptor: the kernel closes it with the process.
 #ifndef PLATFORM_LINUX_LOGIND_INHIBITOR_H

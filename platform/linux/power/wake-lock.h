@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A lock of the kernel's own that keeps the device from sleeping, for devices
 // without systemd-logind. The kernel gives it back after its time; a process that
 // dies does not. Movable; not for sharing between threads.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A file system that is mounted, but not anywhere yet: it is gone with its descriptor.
 // Needs the privileges; any thread.
 #ifndef PLATFORM_LINUX_DETACHED_MOUNT_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Mounts a squashfs image read-only through a loop device that detaches itself when it
 // is unmounted. Needs the privileges; any thread.
 #ifndef PLATFORM_LINUX_LOOP_MOUNT_H

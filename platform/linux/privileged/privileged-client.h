@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Asks the privileged service. Any thread; every request has a connection of its own.
 #ifndef PLATFORM_LINUX_PRIVILEGED_CLIENT_H
 #define PLATFORM_LINUX_PRIVILEGED_CLIENT_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The log lines about privileged requests, each with who asked.
 #ifndef PLATFORM_LINUX_PRIVILEGED_LOG_H
 #define PLATFORM_LINUX_PRIVILEGED_LOG_H

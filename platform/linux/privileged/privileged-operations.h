@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Carries privileged requests out, after the checks that need the file system.
 // Needs the privileges itself; any thread. Nothing is ever opened through a
 // symbolic link, nothing waits for another process, and what was checked is what is

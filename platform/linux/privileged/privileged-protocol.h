@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The messages between a client and the privileged service: one request and one
 // answer for each connection of a Unix sequenced-packet socket. The bytes are
 // described in docs/formats/privileged-protocol.md. Stateless; any thread.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The requests for privileged operations, and the one place that decides what may
 // be asked for. A text that is not exactly of the form below is refused; nothing
 // is guessed or corrected. Stateless; any thread.

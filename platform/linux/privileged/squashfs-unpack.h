@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The stand-in for a loop mount inside of a user namespace, where the kernel
 // allows none. Any thread.
 #ifndef PLATFORM_LINUX_SQUASHFS_UNPACK_H

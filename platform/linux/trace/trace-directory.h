@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The directory that the traces of all processes lie in. A process holds a lock on
 // its own file as long as it lives, so that anybody can tell whose process is gone.
 // No state; any thread and any process.

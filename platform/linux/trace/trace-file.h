@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The trace file of this process: a header, the registered locations and the rings
 // of its threads, all mapped. Made at the first message and again in a forked
 // child. One at a time; the callers see to it that one thread uses it at once. Only

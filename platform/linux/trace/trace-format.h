@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The layout of a trace file, shared by the storage that writes it and the tool
 // that reads it. docs/formats/trace.md describes every byte. Plain data; numbers
 // are in the byte order of the machine that wrote the file.

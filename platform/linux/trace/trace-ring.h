@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A ring of records in a trace file, written by one thread at a time without a
 // lock or a system call. Owned by the process's trace file, lent to one thread
 // after the other; what earlier threads wrote stays until it is overwritten.

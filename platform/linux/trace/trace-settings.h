@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Where traces are kept and how large they may grow: what this platform lets its
 // integrator choose, by environment variables. Plain data; any thread.
 #ifndef PLATFORM_LINUX_TRACE_SETTINGS_H

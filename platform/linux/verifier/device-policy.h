@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What this set asks of a package: its keys and lists, its model, its minimum versions.
 // Safe from any thread.
 #ifndef FW_PLATFORM_DEVICE_POLICY_H

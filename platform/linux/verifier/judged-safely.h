@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What an entry point of the verification library does around a judgement.
 #ifndef FW_PLATFORM_JUDGED_SAFELY_H
 #define FW_PLATFORM_JUDGED_SAFELY_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Lists of keys that stand beside the public keys: one identifier of 16 hexadecimal
 // digits a line, "#" begins a comment. Safe from any thread.
 #ifndef FW_PLATFORM_KEY_LISTS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The versions below which a set refuses packages: one small file for each name, replaced
 // safely, and never lowered. Written by root, read by everybody. Safe from any thread
 // and process.

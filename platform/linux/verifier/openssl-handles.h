@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Owners of the OpenSSL handles that signatures need.
 #ifndef FW_PLATFORM_OPENSSL_HANDLES_H
 #define FW_PLATFORM_OPENSSL_HANDLES_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Checks whether a package is signed, and whether it is the package that is wanted.
 // A file is read once, in constant memory, and what is no regular file is never waited
 // for. Safe from any thread.

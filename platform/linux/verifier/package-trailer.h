@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The trailer that ends a signed package: 534 bytes, laid out as in
 // docs/formats/usb-package.md. Plain values; any thread.
 #ifndef FW_PLATFORM_PACKAGE_TRAILER_H

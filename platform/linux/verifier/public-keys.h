@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Public keys that packages are signed for: files of one PEM each. The platform's
 // directory is fixed. Safe from any thread.
 #ifndef FW_PLATFORM_PUBLIC_KEYS_H

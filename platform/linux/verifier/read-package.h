@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Judges a package by the bytes that were read of it, in the order of the file. Its
 // trailer is read from the file at the beginning, to know how to judge the content, and
 // has to come again at the end. In constant memory. One thread.

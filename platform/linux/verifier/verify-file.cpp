@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The platform's verification library, /usr/lib/libkZAQUser.so: says whether a USB
 // package is what its name says, signed with a key that the platform knows.
 #include "device-policy.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Which of two versions is older: one order over all texts, whatever a component's own
 // versions look like. Plain function; any thread.
 #ifndef FW_PLATFORM_VERSION_ORDER_H

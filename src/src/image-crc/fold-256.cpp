@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // In vectors of 256 bits: two lanes in each.
 #if defined(__x86_64__) || defined(__i386__)
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The way that fold.cpp, fold-256.cpp and fold-512.cpp go, each in vectors of its own
 // size: four vectors of lanes side by side, because a multiplication takes several times
 // as long as starting the next one. A Vector has

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A lane of folding: 16 bytes of the message as a polynomial of degree 127, the first
 // byte most significant. Moving a lane a number of bits on in the message multiplies
 // it by that power of x:

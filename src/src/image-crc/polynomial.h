@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Arithmetic modulo the image checksum's polynomial, for tables and constants that
 // are made at compile time. A value holds the coefficient of x^31 in its highest bit.
 #ifndef IMAGE_CRC_POLYNOMIAL_H

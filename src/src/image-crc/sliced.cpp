@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Sixteen bytes a step: what each contributes is looked up in a table of its own, so
 // that no look-up waits for another. Bytes are taken one by one, hence the same on
 // every byte order.

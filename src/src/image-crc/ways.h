@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The ways to compute the image checksum. Each extends a CRC by bytes at any address
 // and of any number, keeps no state and may be called only where it is available.
 #ifndef IMAGE_CRC_WAYS_H

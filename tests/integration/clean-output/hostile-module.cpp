@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A module whose answers are not for terminals. HOSTILE_TEXT is what it says wherever it
 // may say something; with HOSTILE_IDENTIFIER its package identifier is that text, too.
 #include <cstdlib>

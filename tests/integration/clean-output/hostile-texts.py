@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Runs every command with names, versions and answers that would steer a terminal, through
 pipes and on a terminal, and looks at every byte that comes out.
 

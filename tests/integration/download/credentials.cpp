@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A user and a password in the configured address: they reach the server that they are
 // for, and nothing else.
 #include <cstdlib>

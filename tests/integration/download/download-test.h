@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the tests of downloads share: the configuration, runs of fw-download, and what
 // lies on the device afterwards.
 #ifndef TESTS_INTEGRATION_DOWNLOAD_DOWNLOAD_TEST_H

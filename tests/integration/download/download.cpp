@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a download does on the device, and how the platform library starts it.
 #include <unistd.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How the platform library starts fw-download, with programs that take its place: the
 // library looks for it from where it lies itself.
 #include <dlfcn.h>

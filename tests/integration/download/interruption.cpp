@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Downloads that are broken off in the middle, from a real web server.
 #include <fcntl.h>
 #include <json/json.h>

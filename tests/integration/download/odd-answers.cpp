@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Servers that are not there, refuse, stop, or answer something else than what was
 // asked for.
 #include "download-test.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A web server that sends what a test has written, byte for byte: one answer for each
 // connection, in order. A thread of the test's serves; the test asks afterwards.
 #ifndef TESTS_INTEGRATION_DOWNLOAD_ODD_SERVER_H

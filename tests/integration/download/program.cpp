@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The command line of fw-download, and what it answers the platform library.
 #include <fcntl.h>
 #include <json/json.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A signed download that is killed, or whose calls fail, at each call that changes
 // something: what is in its place afterwards was checked, is whole, and has been noted.
 #include <gmock/gmock.h>

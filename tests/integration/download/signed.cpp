@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Packages that are signed, not signed, or signed for something else. Real packages,
 // keys, servers and programs.
 #include <sys/stat.h>

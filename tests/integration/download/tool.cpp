@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // fw-update download, with example modules.
 #include <json/json.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One request, without the program around it: what only another part of the program
 // keeps from being asked for.
 #include "transfer.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A real web server on the loopback interface, for the files of one directory: it knows
 // ranges and entity tags. Ends with the object. For the thread that runs the test.
 #ifndef TESTS_INTEGRATION_DOWNLOAD_WEB_SERVER_H

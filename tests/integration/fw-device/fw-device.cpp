@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The fw-device command, as this user and, when that is root, as an ordinary user
 // too. These tests run on the host, not on a device: they check the host as well.
 #include <elf.h>

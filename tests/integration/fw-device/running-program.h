@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A program that a test started, with pipes to its standard input, output and
 // error. The test's own thread reads and waits; ends the program with the object.
 #ifndef RUNNING_PROGRAM_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Modules with one fault each: that fault is found, at the right entry point, and
 // nothing else. And modules without a fault.
 #include <algorithm>

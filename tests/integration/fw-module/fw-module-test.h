@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the tests of the command share: a working directory on a device, and runs of the
 // command in it.
 #ifndef TESTS_INTEGRATION_FW_MODULE_TEST_H

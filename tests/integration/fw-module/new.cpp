@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // fw-module new: names, files and what is never overwritten.
 #include <filesystem>
 

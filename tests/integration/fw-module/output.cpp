@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the command prints and answers: text, JSON, JUnit, help and usage errors.
 #include <sys/mount.h>
 #include <sys/stat.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The power cut of fw-module check: what waits for the disk has nothing to fear from it.
 #include <unistd.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // fw-module check on a real terminal, and its end by Ctrl-C.
 #include <sched.h>
 #include <sys/prctl.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // info and image.
 #include <sys/stat.h>
 

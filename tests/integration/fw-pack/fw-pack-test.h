@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the tests of the command share: a working directory on a device, with an
 // image and keys, and runs of the command in it.
 #ifndef TESTS_INTEGRATION_FW_PACK_TEST_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What inspect says of each kind of file, to the letter.
 #include <algorithm>
 #include <cstdio>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Long commands: what they show on a terminal, and what Ctrl-C leaves.
 #include <sched.h>
 #include <sys/prctl.h>

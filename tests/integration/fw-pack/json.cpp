@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What each command answers when it is asked for JSON.
 #include "firmware-image.h"
 #include "fw-pack-test.h"

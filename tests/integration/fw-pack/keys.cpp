@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // keygen, and how key files are read.
 #include <sys/stat.h>
 

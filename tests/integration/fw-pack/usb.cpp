@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // usb, verify and inspect.
 #include <sys/stat.h>
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Runs updates on a device and looks at their traces with fw-trace: the lists, the
 summary, the exports, and the page in a headless browser without a network.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Module files that do not bind.
 #include <filesystem>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A module with one fault, which FAULTY_MODULE names as "place fault". The places are
 // load, unload and the entry points; the faults segv, abort, exit (with code 3), hang
 // and stop (the whole process, as a debugger would). Its firmware name is faultyfw.

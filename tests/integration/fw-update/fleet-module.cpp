@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A module that is copied under many names. Its package identifier comes from its
 // file's name: libfleet07.so has fleet07emp and the firmware name fleet07. What
 // it does stands in the file /var/lib/fw-components/<firmware name>, one word:

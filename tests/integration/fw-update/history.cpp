@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the command writes into the history of the set's updates, and shows of it.
 #include <sys/stat.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Updates that are cut short, and updates that wait for their turn.
 #include <fcntl.h>
 #include <semaphore.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Updates in a child process of the command, with modules that crash and hang there.
 #include <algorithm>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Preloaded into the command: does to the update lock what another process may do in
 // between, as LOCK_RACE says.
 // - post-before-lease: gives it back just before the kernel is asked who uses it

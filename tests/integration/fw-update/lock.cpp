@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The command's look at the update lock, and its recovery after an updater that died.
 #include <fcntl.h>
 #include <linux/capability.h>

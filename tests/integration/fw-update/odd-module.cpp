@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A module that misbehaves as ODD_MODULE says, one word; without it, it updates at
 // once. Its firmware name is oddfw.
 #include <unistd.h>

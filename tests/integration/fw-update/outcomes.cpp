@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Every way in which an update can end, for real.
 #include <sys/stat.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How the command puts out what it does, through pipes.
 #include <fcntl.h>
 #include <unistd.h>

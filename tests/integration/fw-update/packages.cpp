@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Updates from extension packages: a real image, really mounted, or in a user
 // namespace unpacked.
 #include <filesystem>

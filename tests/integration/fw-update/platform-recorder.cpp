@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Preloaded into the command: notes the platform calls of a run, in their order, in
 // the file that PLATFORM_CALLS names, and passes them on to the platform.
 #include <dlfcn.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // list, info, pending and progress.
 #include <sys/stat.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The live line, on a real terminal.
 #include <csignal>
 #include <sstream>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the tests of the command share: modules and images on the device, and runs
 // of the command.
 #ifndef TESTS_INTEGRATION_FW_UPDATE_TOOL_TEST_H

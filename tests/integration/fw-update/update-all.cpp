@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Whole runs of the command with real packages, mounts and modules, and with a
 // stand-in for systemd-logind on a bus of the test's own.
 #include <fcntl.h>

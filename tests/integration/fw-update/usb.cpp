@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // usb estimate and usb apply: real packages, the real verifier, real modules.
 #include <fcntl.h>
 #include <openssl/evp.h>

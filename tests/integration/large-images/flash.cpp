@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The modules' way from a large image into a component's flash.
 #include <fcntl.h>
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The library checks large images with its real platform, a real module and a real
 // package: the module is offered an update only when the checksum of all bytes is right.
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Images of gigabytes that take no room: zeros, with a few marks in between. Their
 // checksum is computed, without reading them, in a way that shares nothing with the
 // project's own.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What makers do with large images.
 #include <gtest/gtest.h>
 

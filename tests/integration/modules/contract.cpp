@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the update library may count on with every module that ships.
 #include <dlfcn.h>
 

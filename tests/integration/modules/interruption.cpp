@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Updates that are killed, and updates whose system calls or medium fail: the old
 // firmware stays active and whole, and the next update works.
 #include <linux/filter.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The module in one file.
 #include <cerrno>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Runs built modules on a device of the test's own. A LoadedModule owns one
 // loaded library and calls its entry points as the update library does; a Child
 // owns a process. For the thread that runs the test.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Progress and exclusion, inside one process and between two.
 #include <fcntl.h>
 

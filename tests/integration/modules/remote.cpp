@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The module that runs its own procedure.
 #include <cerrno>
 #include <filesystem>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Updates of one component: what gets active, and what leaves the old firmware.
 #include <sys/mount.h>
 #include <sys/stat.h>

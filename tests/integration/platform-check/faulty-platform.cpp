@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A platform library that breaks one promise: the one that FW_FAULT names. In the
 // verifier's place it is a faulty verifier too.
 #include <dlfcn.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The fw-platform-check command: it finds the platform of ordinary Linux whole, and
 // each broken promise of one that is not.
 #include <json/json.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "call-faults.h"
 
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Lets a test act within system calls that the privileged operations make: the test
 // program that has call-faults.cpp takes their place. All pass through unless a test says
 // otherwise. One thread.

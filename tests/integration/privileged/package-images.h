@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Package images and what becomes of them on the device, for the tests of the
 // privileged operations. Inside a device only; one thread.
 #ifndef TESTS_INTEGRATION_PRIVILEGED_PACKAGE_IMAGES_H

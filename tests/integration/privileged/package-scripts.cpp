@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The scripts of the Debian package, with Debian's own programs and, in place of systemctl,
 // one that notes what it is asked for.
 #include <gmock/gmock.h>

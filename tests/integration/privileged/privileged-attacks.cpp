@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Attacks on the privileged service by somebody who may write to the packages'
 // directories: nothing is mounted that was not checked, nothing outside of emps/, and
 // the service waits for nobody.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The PS_ calls as values, for the tests of the privileged operations.
 #ifndef TESTS_INTEGRATION_PRIVILEGED_PRIVILEGED_CALLS_H
 #define TESTS_INTEGRATION_PRIVILEGED_PRIVILEGED_CALLS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The privileged operations when something changes, or fails, right between two of their
 // steps: what an attacker hits by luck alone is made to happen here.
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The privileged operations themselves, in the process that asks: root, and no
 // service anywhere. Real images, real loop devices; inside of a user namespace
 // the unpacked stand-in for them.

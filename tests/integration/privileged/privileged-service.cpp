@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The privileged service as a program of its own: who may ask, what it takes, and
 // that nobody keeps it from serving the others.
 #include "privileged-service.h"

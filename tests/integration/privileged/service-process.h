@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The real privileged service as a child process, with its log in the test's
 // hands. Ends with the object. One thread.
 #ifndef TESTS_INTEGRATION_PRIVILEGED_SERVICE_PROCESS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The stand-in for loop mounts: limits of what an image can make it do. In place of the
 // unpacker stand programs that tell what they find, or hang.
 #include "privileged/squashfs-unpack.h"

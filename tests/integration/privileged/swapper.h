@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Keeps exchanging files for others while it lives, as somebody does who may write to
 // their directories and hopes to do so between a check and what follows it.
 #ifndef TESTS_INTEGRATION_PRIVILEGED_SWAPPER_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A real second process that changes one byte of a file when it is told to: by write,
 // which changes the file's times, or in a shared mapping, which does not. To be started
 // while the test has one thread.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Fixture: the library, the real verifier, a scripted module that takes packages, and a
 // signed package of it.
 #ifndef CONTENT_TEST_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The real verification library, with a word to the test before and after each call.
 #include <dlfcn.h>
 

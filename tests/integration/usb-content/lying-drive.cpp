@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A drive that gives other bytes, or none, when it is read a second time.
 #include <fcntl.h>
 #include <unistd.h>

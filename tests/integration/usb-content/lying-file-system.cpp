@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "lying-file-system.h"
 
 #define FUSE_USE_VERSION 31

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A file system with one file, whose bytes may differ each time they are read from the
 // drive, as those of a drive that lies or fails. Real: FUSE, in a process of its own,
 // without any cache in between.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A second process changes a byte of the package at every point between its verification
 // and its use.
 #include <sys/stat.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The gate before the standard streams. Each test has a process of its own under ctest,
 // and another one for what it writes: the gate stays until the process ends.
 #include "clean-output.h"

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Tests what bench/run does with the numbers that it gets.
 
 usage: report.py DIRECTORY-OF-THE-SCRIPT

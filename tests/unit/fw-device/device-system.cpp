@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The system that a device stands on, as its marker keeps it.
 #include "device-system.h"
 

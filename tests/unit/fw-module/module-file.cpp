@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What is read from a module's file, from small files that are put together here.
 #include "module-file.h"
 

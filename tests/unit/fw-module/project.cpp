@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Projects of new modules, in a directory of the test's own.
 #include "project.h"
 

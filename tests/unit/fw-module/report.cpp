@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Reports, from results that are made up here.
 #include "report.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the commands answer, to the letter, for traces of known bytes.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

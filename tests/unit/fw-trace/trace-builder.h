@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Makes the bytes of a trace file from what a test wants in it, with a small ring.
 // Only for use by one thread.
 #ifndef TESTS_UNIT_FW_TRACE_TRACE_BUILDER_H

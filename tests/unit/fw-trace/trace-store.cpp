@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Traces that change while they are read.
 #include "trace-store.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a child process tells of itself, and how that is put in words when it has died.
 #include "isolation/child-record.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Log messages as the library writes them, for tests.
 #ifndef TESTS_UNIT_FW_UPDATE_MESSAGES_H
 #define TESTS_UNIT_FW_UPDATE_MESSAGES_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What each module's messages say of its package, when all modules' stand in one log.
 #include "usb/usb-packages.h"
 

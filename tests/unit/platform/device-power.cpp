@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The power lock against a stand-in for systemd-logind on a bus of the test's own,
 // and against files in place of the kernel's wake locks.
 #include "device-power.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The platform log's way to the system's log daemon, with a real socket at
 // /dev/log of the test's own.
 #include <gmock/gmock.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A child process that logs with settings of its own: the platform log chooses
 // its sink once per process.
 #ifndef TESTS_UNIT_PLATFORM_LOGGING_CHILD_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Events between real processes, at the real place.
 #include "lwipc.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Which names of packages become part of a path.
 #include "package-name.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The limits of the privileged service's log, with a clock in the test's hands.
 #include "privileged/privileged-log.h"
 

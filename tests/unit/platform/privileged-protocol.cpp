@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The bytes of docs/formats/privileged-protocol.md.
 #include "privileged/privileged-protocol.h"
 

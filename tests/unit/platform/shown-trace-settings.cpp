@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Prints which settings of traces it has.
 #include <iostream>
 

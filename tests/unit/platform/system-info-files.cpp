@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Which file the software version comes from, with /etc and the system's
 // description of the test's own.
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What an integrator chooses about traces by the environment, and who may not.
 #include "trace/trace-settings.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The kernel's wake lock as an object, against files in place of the kernel's.
 #include "power/wake-lock.h"
 

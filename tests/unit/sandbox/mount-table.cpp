@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Which path lies in which, and where something is mounted.
 #include "mount-table.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The frame of the commands, around a program that is made up here.
 #include "frame/program.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the library's messages tell of updates, message by message.
 #include "update-tracker.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the calling process holds: its open files and its threads, to find what a module
 // leaves behind.
 #ifndef FW_MODULE_CHECK_CENSUS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // fw-module check: reads the files, has the module inspected and puts the report out.
 #include <unistd.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a module is checked for: one table. An error breaks the contract; a warning is
 // about what the contract allows but will hurt.
 #ifndef FW_MODULE_CHECK_CHECKS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // While one exists, Ctrl-C, a hang-up and a termination wait to be asked for, so that what
 // was started can be ended first. What came and was not asked for ends the process
 // afterwards, as ever. For a process with one thread.

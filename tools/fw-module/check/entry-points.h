@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The entry points of a module, as a table, and the other places where its code runs.
 #ifndef FW_MODULE_CHECK_ENTRY_POINTS_H
 #define FW_MODULE_CHECK_ENTRY_POINTS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A whole check of one module: its file, then the trials.
 #ifndef FW_MODULE_CHECK_INSPECTION_H
 #define FW_MODULE_CHECK_INSPECTION_H

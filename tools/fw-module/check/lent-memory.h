@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Memory that a module is lent for one call. It ends where an unreadable page begins, and
 // is unreadable itself after the call, so that a module that goes too far or comes back
 // later is caught in the act. For the child process that tries the module.

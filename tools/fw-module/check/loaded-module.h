@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The module under test, loaded into a child process. Every call is told to the
 // transcript, gets memory that is guarded, and lets no exception out. Several threads may
 // call at once.

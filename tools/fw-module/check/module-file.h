@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a module's file says by itself, before any of its code runs.
 #ifndef FW_MODULE_CHECK_MODULE_FILE_H
 #define FW_MODULE_CHECK_MODULE_FILE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a check of a module found: plain values, and how they are put out.
 #ifndef FW_MODULE_CHECK_REPORT_H
 #define FW_MODULE_CHECK_REPORT_H

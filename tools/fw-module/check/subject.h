@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The module that is checked, as far as the checking process knows it. A plain value;
 // what the trials find out is filled in as they go.
 #ifndef FW_MODULE_CHECK_SUBJECT_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a child process tells the checking process while it tries a module: every call
 // into the module and out of it, and what came of it. The records go through a pipe, so
 // that those before a crash or a hang are there. Any thread of the child may write.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The child process of a trial.
 #ifndef FW_MODULE_CHECK_TRIAL_CHILD_H
 #define FW_MODULE_CHECK_TRIAL_CHILD_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Runs one trial in a child process, on a device of its own, and says what came of it.
 // For a process with one thread.
 #ifndef FW_MODULE_CHECK_TRIAL_RUN_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a module's library name says: whether it runs a procedure of its own, and what
 // its package and firmware are called. A plain value.
 #ifndef FW_MODULE_NEW_MODULE_NAME_H

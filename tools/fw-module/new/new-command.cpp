@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // fw-module new: says what was written and what to do next.
 #include "commands.h"
 #include "module-name.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Writes the project of a new module.
 #ifndef FW_MODULE_NEW_PROJECT_H
 #define FW_MODULE_NEW_PROJECT_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The files of a new module's project. @NAME@, @IDENTIFIER@, @FIRMWARE@ and what depends
 // on the language is filled in when they are written.
 #ifndef FW_MODULE_NEW_TEMPLATES_H

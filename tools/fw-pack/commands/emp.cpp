@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // fw-pack emp IMAGE --id IDENTIFIER
 #include <sys/stat.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // fw-pack image IMAGE --type TYPE
 #include <filesystem>
 #include <iterator>

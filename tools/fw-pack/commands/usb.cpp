@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // fw-pack usb IMAGE
 #include <openssl/rand.h>
 

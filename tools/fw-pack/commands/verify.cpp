@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // fw-pack verify PACKAGE
 #include "../commands.h"
 #include "../files.h"

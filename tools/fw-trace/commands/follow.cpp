@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // fw-trace follow: what is in the traces and, until it is interrupted, what comes.
 #include <poll.h>
 #include <unistd.h>

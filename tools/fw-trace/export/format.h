@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The formats that a timeline can be exported to, as a table; each is a file beside this
 // one.
 #ifndef FW_TRACE_EXPORT_FORMAT_H

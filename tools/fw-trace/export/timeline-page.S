@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* The page that shows a timeline, and the library that draws it, as bytes. */
   .section .rodata
   .global fwTracePage

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // fw-update info NAME
 #include <unistd.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // fw-update lock status, fw-update lock recover
 #include <unistd.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // fw-update progress NAME
 #include "commands.h"
 #include "library/library.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // fw-update update NAME
 #include <chrono>
 #include <cstdio>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // fw-update usb estimate, fw-update usb apply
 #include <sys/stat.h>
 #include <unistd.h>

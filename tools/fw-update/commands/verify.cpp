@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // fw-update verify NAME --version TEXT
 #include <array>
 #include <cstring>

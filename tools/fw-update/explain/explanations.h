@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a line of the log or of a command means and what to do about it: looked up in the
 // tables that the commands and the pages are made of. Pure; any thread.
 #ifndef FW_UPDATE_TOOL_EXPLANATIONS_H

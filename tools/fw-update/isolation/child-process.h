@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A child of this process that goes on in its place, and its record. Owns both; the process is
 // not waited for when it still runs at the end. One thread.
 #ifndef FW_UPDATE_TOOL_CHILD_PROCESS_H

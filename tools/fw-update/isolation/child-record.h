@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a command in a child process has told of itself: in memory that it shares with the
 // process that watches over it, so that it is there whatever becomes of the child. What a
 // hang and a set without traces need, and no more. Plain data and functions.

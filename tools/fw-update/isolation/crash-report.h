@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How a command in a child process ended that did not come to its result, in words. Pure.
 #ifndef FW_UPDATE_TOOL_CRASH_REPORT_H
 #define FW_UPDATE_TOOL_CRASH_REPORT_H

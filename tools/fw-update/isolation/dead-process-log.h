@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The library's messages of a process that is gone, from the trace that it kept. Plain
 // function.
 #ifndef FW_UPDATE_TOOL_DEAD_PROCESS_LOG_H

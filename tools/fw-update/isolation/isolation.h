@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Runs a command in a child process and watches it, so that a module that crashes or
 // hangs takes only the child with it: what died is told in words, and what it held is
 // given back. The child puts out its progress and its result itself. To be called

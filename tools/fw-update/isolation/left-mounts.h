@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The extension packages that a command which died has left mounted.
 #ifndef FW_UPDATE_TOOL_LEFT_MOUNTS_H
 #define FW_UPDATE_TOOL_LEFT_MOUNTS_H

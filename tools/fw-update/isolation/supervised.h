@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // This process as one that another watches over: what it tells. Everything here does
 // nothing in a process that is not. Any thread.
 #ifndef FW_UPDATE_TOOL_SUPERVISED_H

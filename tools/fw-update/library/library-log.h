@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Records what the library logs, so that the tool can tell people why a request
 // ended as it did: the facade's results alone do not say. The tool defines the
 // platform's log function itself, keeps every message of the library and hands

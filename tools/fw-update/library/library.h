@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Opens the library for a command: the facade and the items it listed, or what
 // stands in the way. One per command; the facade itself lives to process exit.
 #ifndef FW_UPDATE_TOOL_LIBRARY_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the library's messages mean to people. Pure: everything is derived from
 // recorded messages, so any thread may ask.
 #ifndef FW_UPDATE_TOOL_LOG_MEANINGS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The library's message texts and what each means: the one place that knows them.
 // The texts are the library's interface, kept to the letter.
 #ifndef FW_UPDATE_TOOL_MEANING_TABLE_H

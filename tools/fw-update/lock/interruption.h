@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // While one exists, Ctrl-C and the like end the tool in good order: the terminal
 // line is finished and the device's update lock, if this process holds it, is
 // released; nobody else would, and every later update would wait for ever.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Gives the update lock back when it was left taken by a process that is no more. The
 // library itself does not; see the reasoning beside the code. Any process may try at
 // any time, also several at once: the lock is given back once.

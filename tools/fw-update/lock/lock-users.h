@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The processes that have the update lock open, as /proc shows them at one moment.
 // Plain values; any thread.
 #ifndef FW_UPDATE_TOOL_LOCK_USERS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The right to give the update lock back from outside the library: one process of the
 // device at a time has it. The kernel takes it back however the process ends; an empty
 // file stays in the run directory. For one thread.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The end of an update that Ctrl-C and the like break off while this process holds the
 // update lock. The lock is to be given back when nothing of the module works any more:
 // the next update may be of the same component. Therefore the process becomes a program

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Where the command keeps what outlives one process of it, until the device restarts.
 #ifndef FW_UPDATE_TOOL_RUN_DIRECTORY_H
 #define FW_UPDATE_TOOL_RUN_DIRECTORY_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The device's update lock, opened from outside the library: the file that the C
 // library keeps the named semaphore in. Opening it creates nothing. Owns a mapping of
 // its own; for one thread.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Tells how downloads go while the command waits for them, in the way that the output
 // wants. One per command; used by one thread.
 #ifndef FW_UPDATE_TOOL_DOWNLOAD_REPORTER_H

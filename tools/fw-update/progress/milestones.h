@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Tells which moments of an update are worth a line of their own: another phase,
 // ten percent more, overdue. One per update; used by one thread.
 #ifndef FW_UPDATE_TOOL_MILESTONES_H

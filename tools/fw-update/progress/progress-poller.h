@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Asks a module for its progress again and again on a thread of its own, so that
 // a module that never answers holds up nobody. The thread is detached; what it
 // writes to is shared and outlives the poller.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Tells how an update goes while it runs, in the way that the output wants. One
 // per update; used by one thread.
 #ifndef FW_UPDATE_TOOL_PROGRESS_REPORTER_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The ways to tell how something goes while it runs, and which of them a command line asks for.
 #ifndef FW_UPDATE_TOOL_TELLING_H
 #define FW_UPDATE_TOOL_TELLING_H

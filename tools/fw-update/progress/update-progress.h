@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How far an update is, at one moment, and the lines that tell it. Pure: no
 // clock, no terminal.
 #ifndef FW_UPDATE_TOOL_UPDATE_PROGRESS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Which image an update takes, for the history: read before the update, since one that
 // succeeds may use the image up. Plain functions; what cannot be read stays empty.
 #ifndef FW_UPDATE_TOOL_IMAGE_FACTS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The command's entries in the history of the set's updates. There is one record a process;
 // what goes wrong with it changes nothing about the update. For the thread of the command.
 #ifndef FW_UPDATE_TOOL_UPDATE_RECORD_H

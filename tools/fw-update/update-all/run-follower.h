@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Follows one run over all modules from beside it: what the library logs tells whose turn it
 // is. One per run; used by one thread.
 #ifndef FW_UPDATE_TOOL_RUN_FOLLOWER_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A note of the update-all run that is under way, in /run/fw-update, so that the
 // next command can tell of one that was cut off. The run holds a file lock, which
 // the kernel takes back however the process ends. One thread.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How far an update-all run is, by what the library has logged. Pure: no clock, no
 // terminal.
 #ifndef FW_UPDATE_TOOL_RUN_PROGRESS_H

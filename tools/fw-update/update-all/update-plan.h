@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What an update-all run would do: which modules, for how long, and why the others
 // are left out. Made by asking every module as the library does before a run; a
 // plain value afterwards.

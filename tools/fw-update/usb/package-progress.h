@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Tells the progress of one USB package after the other, while the library applies them.
 // One per command; used by one thread.
 #ifndef FW_UPDATE_TOOL_PACKAGE_PROGRESS_H

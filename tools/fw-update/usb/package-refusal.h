@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Why the verifier refuses a package, which the library itself does not say: looked up
 // once more, with the verifier's own rules. Also its way past one of them. Plain
 // functions.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the library found out about each module's USB package, read from its log:
 // its results alone speak of all modules together. Plain values and functions.
 #ifndef FW_UPDATE_TOOL_USB_PACKAGES_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "frame/command-line.h"
 
 #include <CLI/CLI.hpp>

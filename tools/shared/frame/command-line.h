@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A program's tables with the places that its options go to, and what a command line
 // makes of them. Independent of the type that a program keeps its options in. One thread.
 #ifndef TOOLS_SHARED_FRAME_COMMAND_LINE_H

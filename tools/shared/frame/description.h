@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A program's tables as a JSON document: manual pages and completions are made from it.
 #ifndef TOOLS_SHARED_FRAME_DESCRIPTION_H
 #define TOOLS_SHARED_FRAME_DESCRIPTION_H

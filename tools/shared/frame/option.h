@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The options of a command as rows of a table: what is parsed, shown in help texts and
 // manual pages, and completed comes from here. Rows are constants.
 #ifndef TOOLS_SHARED_FRAME_OPTION_H

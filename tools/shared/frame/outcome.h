@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How a command can end. Each program lists its outcomes in one table, which gives them
 // their names in JSON, their exit codes and their words in help texts. Plain values.
 #ifndef TOOLS_SHARED_FRAME_OUTCOME_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The frame of every command: a program is a table of commands with their options, and
 // main is one call. Options is the program's own struct; its bool json is the frame's
 // option --json, which each command has.

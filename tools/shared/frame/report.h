@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a command found, and how it is put out: as text for people or as one JSON
 // document, which has the same members in every program. A plain value, made by a command
 // at its end and put out once.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // It builds its version where every thread does.
 #define OWN_getActiveVersion
 #include "sound-module.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // It counts its expected time up.
 #define OWN_getExpectedTime
 #include "sound-module.h"

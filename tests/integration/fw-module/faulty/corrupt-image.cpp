@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // It does not look at the checksum.
 #define OWN_doUpdate
 #include "sound-module.h"

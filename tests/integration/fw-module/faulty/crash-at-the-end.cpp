@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A global of it crashes when it is destroyed.
 #include "sound-module.h"
 

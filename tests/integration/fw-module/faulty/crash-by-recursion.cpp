@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // It runs out of stack.
 #define OWN_getActiveVersion
 #include "sound-module.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // It follows a null pointer while it updates.
 #define OWN_doUpdate
 #include "sound-module.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // It takes for granted that a version has a first character.
 #define OWN_checkVersion
 #include "sound-module.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // It copies the version into a buffer without looking at its length.
 #define OWN_checkVersion
 #include "sound-module.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // An entry point is no function.
 #define OWN_getUpdateProgress
 #include "sound-module.h"

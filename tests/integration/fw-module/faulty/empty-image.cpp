@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // It takes an empty image.
 #define OWN_doUpdate
 #include "sound-module.h"

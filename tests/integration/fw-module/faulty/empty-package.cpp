@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // It takes the empty image of a USB package.
 #define OWN_doUpdate_decryption
 #include "sound-module.h"

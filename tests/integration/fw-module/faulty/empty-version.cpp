@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // It needs an empty version.
 #define OWN_checkVersion
 #include "sound-module.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // An exception for a version that is none gets out.
 #define OWN_checkVersion
 #include "sound-module.h"

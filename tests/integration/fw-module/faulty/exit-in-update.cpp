@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // It ends the process when the image is bad.
 #define OWN_doUpdate
 #include "sound-module.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // It takes its expected time for milliseconds.
 #define OWN_getExpectedTime
 #include "sound-module.h"

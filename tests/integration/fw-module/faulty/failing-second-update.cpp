@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // It updates once in a process.
 #define OWN_doUpdate
 #include "sound-module.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The second step of its update begins at 0 again.
 #define OWN_doUpdate
 #define OWN_getUpdateProgress

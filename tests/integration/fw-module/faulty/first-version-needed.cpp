@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // It needs the version that it has, as long as that is the first one.
 #define OWN_checkVersion
 #include "sound-module.h"

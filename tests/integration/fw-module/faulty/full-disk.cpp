@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // It does not look at what its writes answer.
 #define OWN_doUpdate
 #include "sound-module.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // It waits for hardware that never answers.
 #define OWN_doUpdate
 #include "sound-module.h"

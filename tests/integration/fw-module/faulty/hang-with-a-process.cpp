@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // It starts a program of its own, and both wait for hardware that never answers.
 #define OWN_doUpdate
 #include <fcntl.h>

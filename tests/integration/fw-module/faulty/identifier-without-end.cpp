@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Its identifier has no NUL behind it.
 #define OWN_getEMPID
 #include "sound-module.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Its identifier has 128 characters, and its end no place.
 #define OWN_getEMPID
 #include "sound-module.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // It keeps the pointer to the library name instead of the name.
 #define OWN_setContext
 #define OWN_getActiveVersion

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // It leaves the image open when it is corrupt.
 #define OWN_doUpdate
 #include "sound-module.h"

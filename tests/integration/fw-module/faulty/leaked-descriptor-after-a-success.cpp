@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // It leaves a file open when an update worked.
 #define OWN_doUpdate
 #include "sound-module.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // It leaves a file open each time it tells its version.
 #define OWN_getActiveVersion
 #include "sound-module.h"

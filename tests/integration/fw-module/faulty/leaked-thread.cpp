@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // It leaves a thread behind with every update.
 #define OWN_doUpdate
 #include "sound-module.h"

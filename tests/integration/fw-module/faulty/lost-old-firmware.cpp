@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // It looks at the checksum when the old firmware is gone.
 #define OWN_doUpdate
 #include "sound-module.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A required entry point has other parameters, and so another symbol.
 #define OWN_checkVersion
 #include "sound-module.h"

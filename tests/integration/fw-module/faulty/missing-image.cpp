@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // It says that it has written an image that is not there.
 #define OWN_doUpdate
 #include "sound-module.h"

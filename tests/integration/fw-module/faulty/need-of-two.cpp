@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // It answers 2 for needed.
 #define OWN_checkVersion
 #include "sound-module.h"

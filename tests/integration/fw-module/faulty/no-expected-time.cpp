@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // It expects to need no time.
 #define OWN_getExpectedTime
 #include "sound-module.h"

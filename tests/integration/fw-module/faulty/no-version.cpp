@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // It cannot tell a version on a new device.
 #define OWN_getActiveVersion
 #include "sound-module.h"

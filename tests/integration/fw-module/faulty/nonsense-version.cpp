@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // It needs what is no version.
 #define OWN_checkVersion
 #include "sound-module.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // It shows more than the entry points.
 #include "sound-module.h"
 

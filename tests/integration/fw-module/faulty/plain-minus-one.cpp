@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // It answers -1 when it fails.
 #define OWN_doUpdate
 #include "sound-module.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Its progress goes on after 100 percent.
 #define OWN_doUpdate
 #define OWN_getUpdateProgress

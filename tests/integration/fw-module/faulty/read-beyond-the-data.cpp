@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // It reads one byte more of a package than there is.
 #define OWN_doUpdate_decryption
 #include "sound-module.h"

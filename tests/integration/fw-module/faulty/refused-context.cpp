@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // It refuses a caller.
 #define OWN_setContext
 #include "sound-module.h"

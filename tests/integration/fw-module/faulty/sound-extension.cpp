@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A module with a procedure of its own, without a fault when its name says so.
 #define OWN_getEMPID
 #include "sound-module.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A module without a fault, for modules with just one: each defines OWN_ and the name of
 // an entry point for what it writes itself, and includes this first.
 #ifndef FAULTY_SOUND_MODULE_H

@@ -1,2 +1,3 @@
+// SPDX-License-Identifier: Apache-2.0
 // No fault at all.
 #include "sound-module.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // It calls what no library has.
 #define OWN_allUpdateDone
 #include "sound-module.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // It waits until the disk has the new firmware's file, and not for the directory.
 #define OWN_doUpdate
 #include "sound-module.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // It waits until the disk has the new firmware's directory, and not for the file.
 #define OWN_doUpdate
 #include "sound-module.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // It writes no identifier.
 #define OWN_getEMPID
 #include "sound-module.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // It writes its answer only when an update is needed.
 #define OWN_checkVersion
 #include "sound-module.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // It takes the version that it was asked about last for the image's.
 #define OWN_doUpdate
 #include "sound-module.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // It needs the version that it has just written.
 #define OWN_checkVersion
 #include "sound-module.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Its version has no NUL behind it.
 #define OWN_getActiveVersion
 #include "sound-module.h"

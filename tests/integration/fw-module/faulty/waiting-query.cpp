@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // It tells its progress when the update is over.
 #define OWN_doUpdate
 #define OWN_getUpdateProgress

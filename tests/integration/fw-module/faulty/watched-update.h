@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // An update that goes on when its progress has been asked for often enough.
 #ifndef FAULTY_WATCHED_UPDATE_H
 #define FAULTY_WATCHED_UPDATE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // It takes the place of its answer for a longer number.
 #define OWN_checkVersion
 #include "sound-module.h"

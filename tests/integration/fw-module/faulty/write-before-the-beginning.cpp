@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // It writes in front of its text.
 #define OWN_getActiveVersion
 #include "sound-module.h"

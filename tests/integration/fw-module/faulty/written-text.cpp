@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // It cuts the version in pieces where the caller has it.
 #define OWN_checkVersion
 #include "sound-module.h"

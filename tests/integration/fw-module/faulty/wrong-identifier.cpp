@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Its identifier is one that the update library refuses; the build says which.
 #define OWN_getEMPID
 #include "sound-module.h"

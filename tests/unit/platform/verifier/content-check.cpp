@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The verification library's check of what was read of a package, through its entry
 // points, at the device's paths.
 #include <dlfcn.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the verification library keeps of applied packages, through its entry points, at
 // the device's paths.
 #include <dlfcn.h>

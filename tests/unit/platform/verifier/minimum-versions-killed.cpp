@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Who raises a minimum version is killed before each of its system calls, or held up.
 #include <gmock/gmock.h>
 #include <sys/ptrace.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A directory of the test's own, removed with it.
 #ifndef TESTS_UNIT_VERIFIER_TEMPORARY_PLACE_H
 #define TESTS_UNIT_VERIFIER_TEMPORARY_PLACE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The verification library as the update library uses it: loaded, asked through its
 // one entry point, at the device's paths.
 #include <dlfcn.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Versions that are newer than another one, whatever its form. Plain functions.
 #ifndef FW_MODULE_CHECK_TRIALS_COUNTED_VERSION_H
 #define FW_MODULE_CHECK_TRIALS_COUNTED_VERSION_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The memory that holds all of a device's files. For a process on a device in memory.
 #ifndef FW_MODULE_CHECK_TRIALS_DEVICE_SPACE_H
 #define FW_MODULE_CHECK_TRIALS_DEVICE_SPACE_H

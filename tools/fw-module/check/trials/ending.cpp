@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The end of a run, of the library's use and of the process.
 #include <cstdlib>
 

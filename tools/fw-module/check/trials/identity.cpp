@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Who the module is: context, identifier, active version, expected time.
 #include <algorithm>
 #include <cctype>

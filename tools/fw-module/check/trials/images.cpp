@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Updates that must fail, after one that worked: what is refused, and what is active then.
 #include <fstream>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The power is cut at every write of an update: its files lie on a disk whose writes are
 // recorded, and the module is asked what it finds on each disk that could be left.
 #include <sys/mount.h>

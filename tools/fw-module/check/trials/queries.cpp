@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The same questions again and again, and from several threads at once.
 #include <functional>
 #include <string>

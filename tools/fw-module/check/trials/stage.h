@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Where a trial takes place: in a child process, on a device of its own, with the module
 // loaded; and what trials share. The trial's own thread only.
 #ifndef FW_MODULE_CHECK_TRIALS_STAGE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The trials, in one table: each runs in a child process and on a device of its own. The
 // order matters: later ones use what earlier ones found out, and what breaks the module
 // comes last.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Watches one update from other threads, as clients do: asks for progress, version and
 // expected time again and again while doUpdate runs.
 #ifndef FW_MODULE_CHECK_TRIALS_UPDATE_WATCH_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Updates that should work, and the procedure of an EXT- module.
 #include "counted-version.h"
 #include "trials.h"

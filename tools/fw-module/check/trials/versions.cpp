@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // checkVersion with versions of every kind.
 #include "counted-version.h"
 #include "trials.h"
