@@ -30,8 +30,8 @@ constexpr struct {
 };
 
 const std::string& argument(const Logged& message, std::size_t index) {
-  static const std::string none;
-  return index < message.arguments.size() ? message.arguments[index] : none;
+  static const std::string kNone;
+  return index < message.arguments.size() ? message.arguments[index] : kNone;
 }
 
 // 0 for what is no number: a module may log in the library's form.

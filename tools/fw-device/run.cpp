@@ -3,6 +3,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -77,10 +78,10 @@ std::vector<std::string> visiblePaths(const Options& options, const DeviceSystem
 }
 
 void requireExisting(const std::string& option, const std::vector<std::string>& paths) {
-  for (const auto& path : paths) {
-    if (!fs::exists(path)) {
-      throw Failure(Outcome::Usage, option + " " + path + ": there is no such path");
-    }
+  const auto missing =
+      std::find_if_not(paths.begin(), paths.end(), [](const auto& path) { return fs::exists(path); });
+  if (missing != paths.end()) {
+    throw Failure(Outcome::Usage, option + " " + *missing + ": there is no such path");
   }
 }
 

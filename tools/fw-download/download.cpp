@@ -146,8 +146,8 @@ int fetch(PartialImage& image, const Configuration& configuration, const std::st
 }
 
 // True when the rest of the same file came; false when all of it has to come.
-bool Continue(PartialImage& image, const Configuration& configuration, const std::string& url,
-              const Progress& progress) {
+bool goOn(PartialImage& image, const Configuration& configuration, const std::string& url,
+          const Progress& progress) {
   try {
     const int code = fetch(image, configuration, url, image.size(), progress);
     if (code == kRangeNotSatisfiable) {
@@ -163,7 +163,7 @@ bool Continue(PartialImage& image, const Configuration& configuration, const std
 void receiveOnce(PartialImage& image, const Configuration& configuration, const std::string& url,
                  const Progress& progress) {
   const bool isPart = image.size() > 0 && image.origin().canBeContinued();
-  if (!isPart || !Continue(image, configuration, url, progress)) {
+  if (!isPart || !goOn(image, configuration, url, progress)) {
     checkCode(url, fetch(image, configuration, url, 0, progress));
   }
   if (image.size() == 0) {

@@ -25,7 +25,7 @@ Json::Value jsonOf(const ModuleName& name, const std::string& directory,
 std::string textOf(const std::string& directory, const std::vector<std::string>& files) {
   std::string text;
   for (const std::string& file : files) {
-    text += "written  " + directory + "/" + file + "\n";
+    text.append("written  ").append(directory).append("/").append(file).append("\n");
   }
   return text + "next     cmake -S " + directory + " -B " + directory + "/build\n" +  //
          "         cmake --build " + directory + "/build\n" +                         //

@@ -38,9 +38,9 @@ struct ProgramInfo {
 };
 
 struct CommandInfo {
-  const char* name;  // "group command" in a group; empty: the program has no commands
-  const char* summary;
-  const char* example;
+  const char* name = nullptr;  // "group command" in a group; empty: the program has no commands
+  const char* summary = nullptr;
+  const char* example = nullptr;
   std::string (*remark)() = nullptr;
 };
 

@@ -38,8 +38,8 @@ constexpr std::size_t kStates = 400;
 constexpr std::uintmax_t kDiskSize = std::uintmax_t{32} * 1024 * 1024;
 // Without what ext4 does for programs that do not wait for the disk.
 const powercut::FileSystem& fileSystem() {
-  static const powercut::FileSystem system{"ext4", "noauto_da_alloc"};
-  return system;
+  static const powercut::FileSystem kSystem{"ext4", "noauto_da_alloc"};
+  return kSystem;
 }
 
 std::string inWork(const std::string& name) {
