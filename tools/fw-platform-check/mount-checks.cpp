@@ -13,6 +13,7 @@
 #include <string>
 
 #include "checks.h"
+#include "deadline.h"
 #include "privileged-service.h"
 
 namespace conformance {
@@ -21,6 +22,9 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr int kCapacity = 1024;
+// Where udev runs it has a look into each loop device, which goes with the last who has it open.
+constexpr int kOthersLookMs = 5000;
+constexpr unsigned int kLookAgainUs = 10000;
 const char* const kPackages = "/opt/usr/apps/appbinarymanager/";
 
 // A squashfs with one file, firmware.bin; made with the program, so that a set needs nothing to
@@ -156,7 +160,14 @@ Finding detached(const Package& package) {
     return notChecked("the package is mounted without a loop device that can be seen");
   }
   package.unmount();
-  return isLoopBehind(package.image()) ? broken("the loop device still has the image") : kept();
+  const base::Deadline deadline(kOthersLookMs);
+  while (isLoopBehind(package.image())) {
+    if (deadline.leftMs() == 0) {
+      return broken("the loop device still has the image");
+    }
+    usleep(kLookAgainUs);
+  }
+  return kept();
 }
 
 }  // namespace
