@@ -322,6 +322,16 @@ const SilentCase kSilentCases[] = {
 INSTANTIATE_TEST_SUITE_P(Each, SilentResult, ::testing::ValuesIn(kSilentCases),
                          [](const auto& test) { return std::string(test.param.name); });
 
+TEST(UpdateResult, OfAnUpdateThatWasNotWaitedForSaysSo) {
+  const auto finding = tool::explainUpdate(
+      0, {message(MESSAGE_CHECK_BEGINS, {"", ""}), message(MESSAGE_LOCK_TAKEN, {""})}, "libtuner");
+
+  EXPECT_EQ(finding.message,
+            "The library stopped waiting for libtuner before it was done, as it does when the set's clock is "
+            "put forward.");
+  EXPECT_EQ(finding.remedy, "Start the update again when the clock is set.");
+}
+
 TEST(TimeLimit, IsTwoSecondsMoreThanExpectedAndWraps) {
   const auto usual = tool::timeLimit({message(MESSAGE_LOCK_WANTED, {"tunerfw", "10"})});
   const auto wrapped = tool::timeLimit({message(MESSAGE_LOCK_WANTED, {"tunerfw", "-1"})});

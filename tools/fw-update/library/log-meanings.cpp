@@ -64,6 +64,12 @@ Finding explainSilence(int result, const LogMessages& messages, const std::strin
   if (result == 0 && procedure) {
     return {Outcome::Updated, module + " ran its own update procedure.", ""};
   }
+  if (result == 0 && tried) {
+    return {Outcome::Unexpected,
+            "The library stopped waiting for " + module +
+                " before it was done, as it does when the set's clock is put forward.",
+            "Start the update again when the clock is set."};
+  }
   if (result == -1 && tried) {
     return {Outcome::ModuleFailed, module + " refused the request.",
             "Check that the component is connected and that --data is what the module expects."};
