@@ -84,4 +84,4 @@ def service(machine):
     return dict(line.split("=", 1) for line in lines.splitlines())
 
 
-TESTS = (packages_install_and_purge_without_a_rest,)
+TESTS = (packages_install_and_purge_without_a_rest, an_upgrade_ends_the_old_service)
