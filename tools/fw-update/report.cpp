@@ -18,6 +18,9 @@ void addTo(Json::Value& members, const Finding& finding, const char* sentence) {
 Json::Value toJson(const LogMessages& log) {
   Json::Value lines(Json::arrayValue);
   for (const LogMessage& message : log) {
+    if (message.format.empty()) {
+      continue;  // a module's own
+    }
     Json::Value line;
     line["priority"] = message.priority;
     line["file"] = message.file;

@@ -74,11 +74,21 @@ TEST_F(RecordedLog, HandsEveryMessageOnToThePlatformOnce) {
   EXPECT_EQ(platform.find("FWUPDATE"), platform.rfind("FWUPDATE"));
 }
 
-TEST_F(RecordedLog, HandsOnWithoutKeepingWhatModulesLog) {
+TEST_F(RecordedLog, KeepsWhatAModuleLogsUnderTheTagAsNoMessageOfTheLibrary) {
+  ::testing::internal::CaptureStderr();
+  print("FWUPDATE", "libtuner: failed at %d percent", 60);
+  const std::string platform = ::testing::internal::GetCapturedStderr();
+
+  ASSERT_EQ(recorded().size(), 1u);
+  EXPECT_EQ(recorded()[0].format, "");
+  EXPECT_EQ(recorded()[0].text, "libtuner: failed at 60 percent");
+  EXPECT_THAT(platform, HasSubstr("FWUPDATE libtuner: failed at 60 percent\n"));
+}
+
+TEST_F(RecordedLog, HandsOnWithoutKeepingWhatModulesLogUnderOtherTags) {
   ::testing::internal::CaptureStderr();
   print("TUNER", "voltage %d", 5);
   print("TUNER", PREFIX "voltage %d", "f", "g", 1, 6);
-  print("FWUPDATE", "no prefix of %s", "ours");
   const std::string platform = ::testing::internal::GetCapturedStderr();
 
   EXPECT_THAT(recorded(), IsEmpty());

@@ -35,6 +35,36 @@ tool::LogMessage caught() {
   return caught;
 }
 
+// As a module writes it into the log.
+tool::LogMessage said(const std::string& text, int priority = 6) {
+  tool::LogMessage said = message("");
+  said.text = text;
+  said.priority = priority;
+  return said;
+}
+
+TEST(MeaningOfAFailure, HasTheModulesOwnReason) {
+  const auto failed = message(MESSAGE_WRITE_FAILED, {"tunerfw", "-7", "0", "Success"});
+
+  const auto finding = tool::explainUpdate(
+      -7,
+      {said("libtuner: the flash does not answer"), said("libtuner: failed at 60 percent.\n"),
+       said("libtuner: cleaned up", 4), said("libwifi: something else"), failed},
+      "libtuner");
+
+  EXPECT_EQ(finding.message,
+            "libtuner could not write the firmware: it answered -7. It said: failed at 60 percent.");
+}
+
+TEST(MeaningOfAFailure, HasNoReasonOfASuccessOrOfTheLibrarysRefusal) {
+  const auto reason = said("libtuner: failed at 60 percent");
+
+  EXPECT_THAT(tool::explainUpdate(0, {reason, message(MESSAGE_WRITE_SUCCEEDED)}, "libtuner").message,
+              Not(HasSubstr("60 percent")));
+  EXPECT_THAT(tool::explainUpdate(-1, {reason, message(MESSAGE_NO_USB_DRIVE)}, "libtuner").message,
+              Not(HasSubstr("60 percent")));
+}
+
 struct Case {
   const char* name;
   LogMessages messages;

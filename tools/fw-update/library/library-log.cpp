@@ -83,6 +83,17 @@ std::string record(int priority, const char* format, va_list arguments, int erro
   return line;
 }
 
+// What a module says of itself, under the library's tag: a message without a format.
+std::string keep(int priority, const std::string& text) {
+  LogMessage message;
+  message.time = std::chrono::steady_clock::now();
+  message.priority = priority;
+  message.thread = gettid();
+  message.text = text;
+  LibraryLog::instance().add(std::move(message));
+  return text;
+}
+
 // What the platform is to write.
 std::string lineOf(int priority, const char* tag, const char* format, va_list arguments, int errorNumber) {
   if (format == nullptr) {
@@ -90,8 +101,12 @@ std::string lineOf(int priority, const char* tag, const char* format, va_list ar
   }
   const bool ofLibrary = tag != nullptr && std::strcmp(tag, fwmessages::kTag) == 0 &&
                          std::strncmp(format, MESSAGE_PREFIX, kPrefixLength) == 0;
-  return ofLibrary ? record(priority, format, arguments, errorNumber)
-                   : render(format, arguments, errorNumber);
+  if (ofLibrary) {
+    return record(priority, format, arguments, errorNumber);
+  }
+  const std::string text = render(format, arguments, errorNumber);
+  const bool underItsTag = tag != nullptr && std::strcmp(tag, fwmessages::kTag) == 0;
+  return underItsTag ? keep(priority, text) : text;
 }
 
 }  // namespace
@@ -103,7 +118,9 @@ LibraryLog& LibraryLog::instance() {
 
 void LibraryLog::add(LogMessage message) {
   const std::lock_guard lock(mutex_);
-  supervised::tellMessage(message);
+  if (!message.format.empty()) {  // a module that only talks does not get on
+    supervised::tellMessage(message);
+  }
   messages_.push_back(std::move(message));
 }
 

@@ -53,6 +53,38 @@ const LogMessage* findMeaning(const LogMessages& messages, const Meaning& meanin
   return nullptr;
 }
 
+constexpr int kErrorPriority = 6;
+constexpr std::size_t kLongestReason = 200;
+
+bool isTheModules(Outcome outcome) {
+  return outcome == Outcome::ModuleFailed || outcome == Outcome::TimedOut;
+}
+
+// The last error that the module told of itself, "NAME: failed at 60 percent"; empty when
+// it told none.
+std::string reasonOf(const LogMessages& messages, const std::string& module) {
+  const std::string beginning = module + ": ";
+  std::string reason;
+  for (const LogMessage& message : messages) {
+    if (message.format.empty() && message.priority >= kErrorPriority &&
+        message.text.compare(0, beginning.size(), beginning) == 0) {
+      reason = message.text.substr(beginning.size(), kLongestReason);
+    }
+  }
+  while (!reason.empty() && (reason.back() == '\n' || reason.back() == '.')) {
+    reason.pop_back();
+  }
+  return reason;
+}
+
+Finding withReason(Finding finding, const LogMessages& messages, const std::string& module) {
+  const std::string reason = isTheModules(finding.outcome) ? reasonOf(messages, module) : "";
+  if (!reason.empty()) {
+    finding.message += " It said: " + reason + ".";
+  }
+  return finding;
+}
+
 bool timedOut(const LogMessages& messages) {
   return std::any_of(messages.begin(), messages.end(), isTimeOut);
 }
@@ -90,8 +122,9 @@ Finding explainSilence(int result, const LogMessages& messages, const std::strin
 std::optional<Finding> strongestMeaning(const LogMessages& messages, const std::string& module) {
   for (const Meaning& meaning : meaningTable()) {
     if (const LogMessage* message = findMeaning(messages, meaning)) {
-      return Finding{meaning.outcome, fill(meaning.sentence, *message, messages, module),
-                     fill(meaning.remedy, *message, messages, module)};
+      return withReason({meaning.outcome, fill(meaning.sentence, *message, messages, module),
+                         fill(meaning.remedy, *message, messages, module)},
+                        messages, module);
     }
   }
   return std::nullopt;
@@ -105,7 +138,7 @@ Finding explainUpdate(int result, const LogMessages& messages, const std::string
   if (finding) {
     return *finding;
   }
-  return explainSilence(result, messages, module);
+  return withReason(explainSilence(result, messages, module), messages, module);
 }
 
 Finding brokeOff(const std::string& module, const std::exception& error) {

@@ -70,6 +70,23 @@ std::string stepsOf(const LogMessages& log, const std::string& module, const std
   return steps;
 }
 
+// The last lines that the module wrote into the log itself.
+std::string messagesOf(const LogMessages& log, const std::string& module) {
+  constexpr std::size_t kMostLines = 10;
+  constexpr std::size_t kLongestLine = 500;
+  std::vector<std::string> lines;
+  for (const LogMessage& message : log) {
+    if (message.format.empty() && message.text.rfind(module + ": ", 0) == 0) {
+      lines.push_back(message.text.substr(0, kLongestLine));
+    }
+  }
+  std::string text;
+  for (std::size_t i = lines.size() > kMostLines ? lines.size() - kMostLines : 0; i < lines.size(); ++i) {
+    text += (text.empty() ? "" : "\n") + lines[i];
+  }
+  return text;
+}
+
 std::string textOf(const Json::Value& details, const char* member) {
   return details.isMember(member) ? details[member].asString() : "";
 }
@@ -213,6 +230,7 @@ void UpdateRecord::endPart(const Json::Value& told, const LogMessages& log) {
   setText(entry.remedy, told, "remedy");
   setText(entry.versionAfter, told, "versionAfter");
   entry.steps = stepsOf(log, module, entry.firmware);
+  entry.messages = messagesOf(log, module);
   history_->finish(part->second.attempt, entry);
 }
 
@@ -259,6 +277,7 @@ void UpdateRecord::end(frame::Report& report, const LogMessages& log) {
   setText(entry.versionAfter, report.details, "versionAfter");
   if (!entry.module.empty()) {
     entry.steps = stepsOf(log, entry.module, entry.firmware);
+    entry.messages = messagesOf(log, entry.module);
   }
   endParts(report, log);
   history_->finish(whole_.attempt, entry);
