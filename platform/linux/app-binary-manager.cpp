@@ -14,7 +14,7 @@
 #include "deadline.h"
 #include "dlog.h"
 #include "file-descriptor.h"
-#include "package-name.h"
+#include "module-names.h"
 #include "program-start.h"
 #include "system-error.h"
 
@@ -72,7 +72,7 @@ std::string readAnswer(int answer) {
 
 // Empty when the download runs, otherwise why it does not.
 std::string startDownload(const std::string& package) {
-  if (!fwplatform::isPackageName(package)) {
+  if (!fwnames::isPackageName(package)) {
     return "The package identifier must be 1 to 127 letters and digits.";
   }
   const std::string helper = findHelper();

@@ -4,7 +4,7 @@
 
 #include "app-binary-manager.h"
 #include "download-status.h"
-#include "package-name.h"
+#include "module-names.h"
 
 namespace appbinaryManager {
 namespace {
@@ -42,7 +42,7 @@ DownloadProgress progressOf(const std::string& package) {
 
 DownloadProgress ABM_GetDownloadProgress(const std::string& appId) {
   try {
-    return fwplatform::isPackageName(appId) ? progressOf(appId) : DownloadProgress();
+    return fwnames::isPackageName(appId) ? progressOf(appId) : DownloadProgress();
   } catch (const std::exception&) {
     return {};  // no memory: nothing is known
   }

@@ -253,7 +253,7 @@ bool scanControlsDirectory(bool skipExtModules, std::vector<std::string>& names)
       const std::string_view file = fileName(entry.path().native());
       const std::size_t dot = std::min(file.rfind('.'), file.size());
       const std::string stem(file.substr(0, dot));
-      if (skipExtModules && isExtensionModule(stem)) {
+      if (skipExtModules && fwnames::isExtensionModule(stem)) {
         FW_LOG_AS("onCreate", diagnostics::kError, MESSAGE_EXTENSION_SKIPPED, stem.c_str());
         continue;
       }

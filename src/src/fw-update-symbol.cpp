@@ -69,10 +69,6 @@ void storeIn(FWUpdateSymbol& module, void* address) {
   storeEntry(module.*Slot, address);
 }
 
-bool isAsciiLetterOrDigit(char c) {
-  return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
-}
-
 // ---- File locations ---------------------------------------------------------
 
 UPDATE_TYPE callerToUpdateType(CallerTypes caller, char* data) {
@@ -201,14 +197,11 @@ struct FWUpdateSymbol::Binding {
       return false;
     }
     module.empName = empId;
-    module.firmwareName = empId;
-    const std::size_t emp = module.firmwareName.find("emp");
-    if (emp == std::string::npos) {
-      FW_LOG_AS("loadSymbol", diagnostics::kError, MESSAGE_PACKAGE_ID_WITHOUT_EMP,
-                module.firmwareName.c_str());
+    module.firmwareName = fwnames::firmwareNameOf(empId);
+    if (!fwnames::namesFirmware(empId)) {
+      FW_LOG_AS("loadSymbol", diagnostics::kError, MESSAGE_PACKAGE_ID_WITHOUT_EMP, empId.c_str());
       return false;
     }
-    module.firmwareName.erase(emp, 3);
     module.empImagePath = fwpaths::kPackageImages + module.empName + ".img";
     return true;
   }
@@ -236,9 +229,7 @@ int FWUpdateSymbol::loadSymbol(const std::string& name) {
   }
   setContext(CALLER_QUERY, emptyDataOf(libName));
 
-  // Counts in every spelling; the "emp" of an identifier counts in lower case only.
-  // Both are deliberate.
-  if (isExtensionModule(libName)) {
+  if (fwnames::isExtensionModule(libName)) {
     symbolType = 1;
     FW_LOG(diagnostics::kError, MESSAGE_MODULE_IS_EXTENSION, libName.c_str());
     return 0;
@@ -260,7 +251,7 @@ int FWUpdateSymbol::getEMPID(std::string& empId) {
     FW_LOG(diagnostics::kError, MESSAGE_PACKAGE_ID_EMPTY, libName.c_str());
     return -1;
   }
-  if (!std::all_of(empId.begin(), empId.end(), isAsciiLetterOrDigit)) {
+  if (!fwnames::isPlainName(empId)) {
     FW_LOG(diagnostics::kError, MESSAGE_PACKAGE_ID_CHARACTERS, empId.c_str());
     return -1;
   }

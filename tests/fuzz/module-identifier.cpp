@@ -8,7 +8,7 @@
 
 #include "fuzz-target.h"
 #include "library-device.h"
-#include "package-name.h"
+#include "module-names.h"
 #include "privileged/privileged-request.h"
 
 namespace {
@@ -27,7 +27,7 @@ bool isLettersAndDigits(const std::string& text) {
 
 void requirePlatformAgrees(const std::string& identifier) {
   using fwplatform::PrivilegedOperation;
-  fuzz::require(fwplatform::isPackageName(identifier), "it can be downloaded");
+  fuzz::require(fwnames::isPackageName(identifier), "it can be downloaded");
   const std::string directory = "/opt/usr/apps/appbinarymanager/emps/" + identifier;
   const std::string mount =
       "-o ro,loop,nodev,nosuid /opt/usr/apps/appbinarymanager/" + identifier + ".img " + directory;

@@ -22,7 +22,7 @@
 #include "failure.h"
 #include "file-descriptor.h"
 #include "frame/program.h"
-#include "package-name.h"
+#include "module-names.h"
 #include "partial-image.h"
 #include "system-error.h"
 
@@ -91,7 +91,7 @@ class Job {
 }
 
 bool Job::prepare() {
-  if (!fwplatform::isPackageName(package_)) {
+  if (!fwnames::isPackageName(package_)) {
     throw Failure(Reason::Internal, "The package identifier must be 1 to 127 letters and digits.");
   }
   configuration_ = fwdownload::readConfiguration();

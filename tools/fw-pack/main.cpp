@@ -7,6 +7,7 @@
 #include "exit-code.h"
 #include "frame/program.h"
 #include "interruption.h"
+#include "module-names.h"
 #include "options.h"
 
 namespace {
@@ -32,11 +33,9 @@ std::string versionProblem(const std::string& version) {
 }
 
 std::string nameProblem(const std::string& name) {
-  const bool good =
-      !name.empty() && name.size() <= kLongestVersion && std::all_of(name.begin(), name.end(), [](char c) {
-        return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
-      });
-  return good ? "" : "a firmware name and a package identifier have ASCII letters and digits only";
+  return fwnames::isPackageName(name)
+             ? ""
+             : "a firmware name and a package identifier have ASCII letters and digits only";
 }
 
 std::string modelProblem(const std::string& model) {

@@ -5,6 +5,8 @@
 #include <optional>
 #include <stdexcept>
 
+#include "module-names.h"
+
 namespace fwpackage {
 namespace {
 
@@ -56,7 +58,7 @@ void require(bool good, const std::string& sentence) {
 void requireStatable(const Statements& statements) {
   require(statements.kind == Kind::UsbPackage || statements.kind == Kind::ExtensionPackage,
           "there is no such kind of package");
-  require(isName(statements.name), "a package's name has ASCII letters and digits only");
+  require(fwnames::isPlainName(statements.name), "a package's name has ASCII letters and digits only");
   for (const Text& text : kTexts) {
     const std::string& value = statements.*text.member;
     require(value.size() <= kLongestText && isPrintable(value),
@@ -112,12 +114,6 @@ bool isWellFormed(const Trailer& trailer) {
 
 bool hasFormat(const Algorithm& algorithm, unsigned char format) {
   return format >= algorithm.firstFormat && format <= algorithm.lastFormat;
-}
-
-bool isName(const std::string& text) {
-  return !text.empty() && std::all_of(text.begin(), text.end(), [](char c) {
-    return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
-  });
 }
 
 std::size_t Trailer::signedSize() const {

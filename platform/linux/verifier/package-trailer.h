@@ -57,9 +57,6 @@ struct Statements {
   std::string minimumVersion;  // from then on; empty: as before
 };
 
-// Whether it can be stated as one: ASCII letters and digits, for it becomes a file's name.
-bool isName(const std::string& text);
-
 struct Trailer {
   enum class State { Good, Missing, UnknownFormat, UnknownAlgorithm, Malformed };
 

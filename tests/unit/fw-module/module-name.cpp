@@ -3,10 +3,11 @@
 
 #include <gmock/gmock.h>
 
+#include "module-names.h"
+
 namespace {
 
 using fwmodule::BadName;
-using fwmodule::firmwareOf;
 using fwmodule::ModuleName;
 using fwmodule::parseModuleName;
 using ::testing::HasSubstr;
@@ -41,7 +42,7 @@ TEST(ModuleName, GivesIdentifierAndFirmwareThatBelongTogether) {
     EXPECT_EQ(name.extension, one.extension) << one.library;
     EXPECT_EQ(name.identifier, one.identifier) << one.library;
     EXPECT_EQ(name.firmware, one.firmware) << one.library;
-    EXPECT_EQ(firmwareOf(name.identifier), one.firmware) << one.library;
+    EXPECT_EQ(fwnames::firmwareNameOf(name.identifier), one.firmware) << one.library;
   }
 }
 
@@ -64,13 +65,6 @@ TEST(ModuleName, AsksForExtInCapitalsAtTheBeginning) {
   for (const char* name : {"libext-door", "libdoor-EXT-x", "libnext-door"}) {
     EXPECT_THAT(refusal(name), HasSubstr("write it in capitals at the beginning")) << name;
   }
-}
-
-TEST(ModuleName, FirmwareIsTheIdentifierWithoutItsFirstEmp) {
-  EXPECT_EQ(firmwareOf("doorempfw"), "doorfw");
-  EXPECT_EQ(firmwareOf("empempfw"), "empfw");
-  EXPECT_EQ(firmwareOf("doorfw"), "doorfw");
-  EXPECT_EQ(firmwareOf("emp"), "");
 }
 
 }  // namespace

@@ -40,7 +40,7 @@ Subject subjectOf(const Options& options) {
   Subject subject;
   subject.path = options.file;
   subject.library = fs::path(options.file).stem();
-  subject.extension = isExtensionModule(subject.library);
+  subject.extension = fwnames::isExtensionModule(subject.library);
   subject.bytes = readFile(options.file);
   subject.version = options.version;
   subject.keepVisible = options.keepVisible;

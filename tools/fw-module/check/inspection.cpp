@@ -7,7 +7,7 @@
 #include <optional>
 
 #include "module-file.h"
-#include "module-name.h"
+#include "module-names.h"
 
 namespace fwmodule {
 namespace {
@@ -214,7 +214,7 @@ void Inspection::learn(const TrialResult& result) {
   for (const auto& [fact, value] : result.facts) {
     if (fact == Fact::Identifier) {
       subject.identifier = value;
-      subject.firmware = firmwareOf(value);
+      subject.firmware = fwnames::firmwareNameOf(value);
     }
     if (fact == Fact::ActiveVersion) {
       subject.activeVersion = value;

@@ -12,10 +12,6 @@ namespace {
 constexpr std::size_t kLongest = 100;  // with "empfw" well below the 127 characters of a text
 constexpr char kExtension[] = "EXT-";
 
-bool isLetterOrDigit(char c) {
-  return std::isalnum(static_cast<unsigned char>(c)) != 0 && static_cast<unsigned char>(c) < 0x80;
-}
-
 bool startsWith(const std::string& text, const std::string& start) {
   return text.compare(0, start.size(), start) == 0;
 }
@@ -32,7 +28,7 @@ void requireUsable(const std::string& library) {
     throw BadName("a module's name begins with a letter, such as libdoor");
   }
   const bool plain = std::all_of(library.begin(), library.end(),
-                                 [](char c) { return isLetterOrDigit(c) || c == '-' || c == '_'; });
+                                 [](char c) { return fwnames::isLetterOrDigit(c) || c == '-' || c == '_'; });
   if (!plain) {
     throw BadName("a module's name has only letters, digits, \"-\" and \"_\", such as libdoor");
   }
@@ -57,7 +53,8 @@ std::string componentOf(const std::string& library, bool extension) {
 
 std::string identifierOf(const std::string& component, const std::string& firmware) {
   const std::string usual = component + "empfw";
-  return firmwareOf(usual) == firmware ? usual : "emp" + firmware;  // the component has an "emp" itself
+  return fwnames::firmwareNameOf(usual) == firmware ? usual
+                                                    : "emp" + firmware;  // the component has an "emp" itself
 }
 
 }  // namespace
@@ -66,10 +63,10 @@ ModuleName parseModuleName(const std::string& library) {
   requireUsable(library);
   ModuleName name;
   name.library = library;
-  name.extension = isExtensionModule(library);
+  name.extension = fwnames::isExtensionModule(library);
   std::string component = componentOf(library, name.extension);
   component.erase(
-      std::remove_if(component.begin(), component.end(), [](char c) { return !isLetterOrDigit(c); }),
+      std::remove_if(component.begin(), component.end(), [](char c) { return !fwnames::isLetterOrDigit(c); }),
       component.end());
   if (component.empty()) {
     throw BadName("after \"lib\" and \"EXT-\" the name must go on with the component's, such as libdoor");
@@ -77,11 +74,6 @@ ModuleName parseModuleName(const std::string& library) {
   name.firmware = component + "fw";
   name.identifier = identifierOf(component, name.firmware);
   return name;
-}
-
-std::string firmwareOf(std::string identifier) {
-  const std::size_t emp = identifier.find("emp");
-  return emp == std::string::npos ? identifier : identifier.erase(emp, 3);
 }
 
 }  // namespace fwmodule

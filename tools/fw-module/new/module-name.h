@@ -24,10 +24,6 @@ class BadName : public std::runtime_error {
 // Throws BadName.
 ModuleName parseModuleName(const std::string& library);
 
-// The firmware name of a package identifier: without its first "emp", as it stands when
-// it has none.
-std::string firmwareOf(std::string identifier);
-
 }  // namespace fwmodule
 
 #endif

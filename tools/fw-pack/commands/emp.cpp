@@ -9,19 +9,18 @@
 #include "../files.h"
 #include "../information.h"
 #include "../signing.h"
+#include "module-names.h"
 
 namespace fwpack {
 namespace {
 
-// As the library derives it: without the first "emp".
 std::string firmwareNameOf(const std::string& identifier) {
-  const auto at = identifier.find("emp");
-  if (at == std::string::npos || identifier.size() == 3) {
+  std::string name = fwnames::firmwareNameOf(identifier);
+  if (name.empty() || name == identifier) {
     throw Failure(ExitCode::Usage,
                   "the package identifier " + identifier + " must be a firmware name with \"emp\" in it");
   }
-  std::string name = identifier;
-  return name.erase(at, 3);
+  return name;
 }
 
 void makeSquashfs(const std::string& content, const std::string& target) {

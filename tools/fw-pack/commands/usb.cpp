@@ -7,6 +7,7 @@
 #include "../commands.h"
 #include "../package-cipher.h"
 #include "../signing.h"
+#include "module-names.h"
 #include "version-order.h"
 
 namespace fwpack {
@@ -40,7 +41,7 @@ void requireFormatForOptions(const Options& options) {
 }
 
 void requireSense(const fwpackage::Statements& statements) {
-  if (!fwpackage::isName(statements.name)) {
+  if (!fwnames::isPlainName(statements.name)) {
     throw Failure(ExitCode::Usage, "a firmware name has ASCII letters and digits only, not " +
                                        statements.name + "; give it with --name");
   }

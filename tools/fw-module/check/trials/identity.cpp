@@ -1,10 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // Who the module is: context, identifier, active version, expected time.
 #include <algorithm>
-#include <cctype>
 
 #include "callers.h"
-#include "module-name.h"
+#include "module-names.h"
 #include "trials.h"
 
 namespace fwmodule {
@@ -23,18 +22,16 @@ bool isPrintable(const std::string& text) {
 // What is wrong with an ordinary module's identifier, after "getEMPID wrote "; empty
 // when nothing is.
 std::string problemOf(const std::string& identifier) {
-  const bool plain = std::all_of(identifier.begin(), identifier.end(),
-                                 [](unsigned char c) { return c < 0x80 && std::isalnum(c) != 0; });
   if (identifier.empty()) {
     return "no identifier";
   }
-  if (!plain) {
+  if (!fwnames::isPlainName(identifier)) {
     return "\"" + identifier + "\", which is not only letters and digits";
   }
-  if (identifier.find("emp") == std::string::npos) {
+  if (!fwnames::namesFirmware(identifier)) {
     return "\"" + identifier + "\", which has no \"emp\"";
   }
-  return firmwareOf(identifier).empty() ? "\"emp\", which leaves no name for the firmware" : "";
+  return fwnames::firmwareNameOf(identifier).empty() ? "\"emp\", which leaves no name for the firmware" : "";
 }
 
 // Who asks for versions first, then the others, once each.
