@@ -2,17 +2,16 @@
 #include "firmware-image.h"
 
 #include <fcntl.h>
-#include <json/json.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <boost/crc.hpp>
 #include <cstdint>
 #include <filesystem>
 #include <random>
 
 #include "directory-tree.h"
 #include "file-descriptor.h"
+#include "image-information.h"
 #include "system-error.h"
 
 namespace sandbox {
@@ -29,12 +28,6 @@ base::FileDescriptor openFolder(const std::string& folder) {
 }
 
 }  // namespace
-
-unsigned int imageCrc(const std::string& bytes) {
-  boost::crc_optimal<32, 0x01B23CA3, 0, 0, false, false> crc;
-  crc.process_bytes(bytes.data(), bytes.size());
-  return crc.checksum();
-}
 
 std::string imageContent(const std::string& firmwareName, const std::string& version, std::size_t bytes) {
   const auto text = firmwareName + " " + version;
@@ -57,13 +50,9 @@ void writeFirmware(const std::string& directory, const std::string& firmwareName
   const auto folder = directory + "/" + firmwareName;
   fs::create_directories(folder);
   const auto content = imageContent(firmwareName, version, bytes);
-  Json::Value information;
-  information["version"] = version;
-  information["crc"] = imageCrc(content);
-  information["expected_time"] = expectedTimeSeconds;
   const auto opened = openFolder(folder);
   replaceFile(opened, firmwareName + ".bin", content);
-  replaceFile(opened, "info.json", Json::writeString(Json::StreamWriterBuilder(), information) + "\n");
+  replaceFile(opened, "info.json", image::toText({version, image::crcOf(content), expectedTimeSeconds}));
 }
 
 void corruptFirmware(const std::string& directory, const std::string& firmwareName) {

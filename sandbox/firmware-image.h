@@ -9,10 +9,6 @@
 
 namespace sandbox {
 
-// CRC-32 with polynomial 0x01B23CA3, initial value 0, nothing reflected, no final
-// XOR; 0x6A50465C for "123456789".
-unsigned int imageCrc(const std::string& bytes);
-
 // The same pseudo-random bytes for the same name and version, on every machine.
 std::string imageContent(const std::string& firmwareName, const std::string& version, std::size_t bytes);
 

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "fuzz-target.h"
-#include "information.h"
+#include "image-information.h"
 #include "input-file.h"
 #include "library-device.h"
 
@@ -44,7 +44,7 @@ Decision decide() {
 
 // fw-pack is stricter, but says of nothing "valid" that the library refuses or
 // understands in another way.
-void requireAgreement(const Decision& decision, const fwpack::Information& stated) {
+void requireAgreement(const Decision& decision, const image::Information& stated) {
   fuzz::require(decision.loaded, "what fw-pack calls valid, the library accepts");
   fuzz::require(decision.version.has_value() == (stated.crc == 0), "fw-pack and the library read one CRC");
   if (decision.version) {
@@ -65,7 +65,7 @@ bool fuzz::accepts(std::string_view input) {
   static auto& file = *new InputFile(kInformationPath);
   file.fill(input);
   const Decision decision = decide();
-  if (const auto stated = fwpack::parseInformation(std::string(input))) {
+  if (const auto stated = image::parseInformation(std::string(input))) {
     requireAgreement(decision, *stated);
   }
   return decision.loaded;

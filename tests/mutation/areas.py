@@ -35,6 +35,7 @@ AREAS = (
     Area("platform/linux/verifier", ("test-verifier", "test-package-signature", "replay-package-signature", "fw-pack-test")),
     Area("sandbox", ("sandbox-test", "fw-device-test")),
     Area("sandbox/power-cut", ("test-power-cut",)),
+    Area("image", ("test-image", "sandbox-test", "fw-pack-test")),
     Area("modules", ("modules-test", "component-flash-test", "test-large-images")),
     Area("vocabulary", ("test-vocabulary", "test-fw-update", "test-fw-trace"), ("Troubleshooting.*",)),
     Area("tools/shared", ("test-tool-*", "test-fw-update")),

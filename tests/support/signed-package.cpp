@@ -16,6 +16,7 @@
 #include <stdexcept>
 
 #include "files.h"
+#include "temporary-folder.h"
 
 namespace {
 
@@ -91,7 +92,7 @@ const fwpack::SigningKey& testSigningKey(const std::string& algorithm) {
 }
 
 std::string publicPem(const fwpack::SigningKey& key) {
-  const fwpack::TemporaryDirectory directory;
+  const base::TemporaryFolder directory(std::filesystem::temp_directory_path() / "fw-package");
   const std::string path = directory.path() + "/key.pem";
   fwpack::OutputFile file(path, fwpack::kPublicMode);
   key.writePublicPem(file);

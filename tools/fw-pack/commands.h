@@ -8,7 +8,7 @@
 
 #include "exit-code.h"
 #include "frame/report.h"
-#include "information.h"
+#include "image-information.h"
 #include "options.h"
 #include "secret-file.h"
 #include "signing.h"
@@ -35,7 +35,7 @@ std::string listOf(const std::vector<std::string>& words);
 // What was done, as text and as the members of a document.
 frame::Report answer(const std::string& body, const Json::Value& details);
 // "version", "crc" and "expectedTime".
-Json::Value detailsOf(const Information& information);
+Json::Value detailsOf(const image::Information& information);
 // "algorithm" and "keyId".
 void addSigner(Json::Value& details, const SigningKey& key);
 

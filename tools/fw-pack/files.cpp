@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <boost/crc.hpp>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -19,6 +18,7 @@
 #include "exit-code.h"
 #include "interruption.h"
 #include "live-line.h"
+#include "whole-file.h"
 
 namespace fwpack {
 namespace {
@@ -62,13 +62,9 @@ void requireReplaceable(const std::string& path, Existing existing) {
 // Puts the names in a directory on the disk. Where it may not be read, or the file system
 // knows no such thing, they come to the disk when they come.
 void syncDirectory(const std::string& path) {
-  const int directory = ::open(path.empty() ? "." : path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  const int error = directory >= 0 && ::fsync(directory) != 0 ? errno : 0;
-  if (directory >= 0) {
-    ::close(directory);
-  }
-  if (error != 0 && error != EINVAL) {
-    errno = error;
+  const base::FileDescriptor directory(
+      ::open(path.empty() ? "." : path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (directory && ::fsync(directory.get()) != 0 && errno != EINVAL) {
     failWithErrno("what is new in " + path + " cannot be put on the disk");
   }
 }
@@ -80,20 +76,15 @@ void failWithErrno(const std::string& sentence) {
 }
 
 InputFile::InputFile(const std::string& path)
-    : path_(path), descriptor_(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)) {
+    : path_(path), file_(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)) {
   struct stat status = {};
-  if (descriptor_ < 0 || ::fstat(descriptor_, &status) != 0) {
+  if (!file_ || ::fstat(file_.get(), &status) != 0) {
     failWithErrno(path + " cannot be read");
   }
   if (!S_ISREG(status.st_mode)) {
-    ::close(descriptor_);
     throw Failure(ExitCode::Failed, path + " is no regular file");
   }
   size_ = static_cast<std::uint64_t>(status.st_size);
-}
-
-InputFile::~InputFile() {
-  ::close(descriptor_);
 }
 
 void InputFile::read(std::uint64_t offset, std::uint64_t size, const Block& block) const {
@@ -102,7 +93,7 @@ void InputFile::read(std::uint64_t offset, std::uint64_t size, const Block& bloc
   for (const std::uint64_t whole = size; size > 0; progress.at(whole - size)) {
     endIfInterrupted();
     const auto wanted = static_cast<std::size_t>(std::min<std::uint64_t>(size, buffer.size()));
-    const ssize_t got = ::pread(descriptor_, buffer.data(), wanted, static_cast<off_t>(offset));
+    const ssize_t got = ::pread(file_.get(), buffer.data(), wanted, static_cast<off_t>(offset));
     if (got < 0 && errno == EINTR) {
       continue;
     }
@@ -130,30 +121,23 @@ std::string InputFile::text(std::uint64_t offset, std::size_t size) const {
 OutputFile::OutputFile(std::string path, mode_t mode, Existing existing)
     : path_(std::move(path)), unfinished_(path_ + ".XXXXXX"), mode_(mode), existing_(existing) {
   requireReplaceable(path_, existing_);
-  descriptor_ = ::mkostemp(unfinished_.data(), O_CLOEXEC);
-  if (descriptor_ < 0) {
+  file_.reset(::mkostemp(unfinished_.data(), O_CLOEXEC));
+  if (!file_) {
     failWithErrno(path_ + " cannot be written");
   }
 }
 
 OutputFile::~OutputFile() {
-  if (descriptor_ >= 0) {
-    ::close(descriptor_);
+  if (file_) {
     ::unlink(unfinished_.c_str());
   }
 }
 
 void OutputFile::write(const unsigned char* bytes, std::size_t size) {
-  while (size > 0) {
-    const ssize_t done = ::write(descriptor_, bytes, size);
-    if (done < 0 && errno == EINTR) {
-      continue;
-    }
-    if (done < 0) {
-      failWithErrno(path_ + " cannot be written");
-    }
-    bytes += done;
-    size -= static_cast<std::size_t>(done);
+  if (const int error = base::writeAll(file_.get(), {reinterpret_cast<const char*>(bytes), size});
+      error != 0) {
+    errno = error;
+    failWithErrno(path_ + " cannot be written");
   }
 }
 
@@ -162,7 +146,7 @@ void OutputFile::write(const std::string& text) {
 }
 
 void OutputFile::append(const unsigned char* bytes, std::size_t size) {
-  if (::lseek(descriptor_, 0, SEEK_END) < 0) {
+  if (::lseek(file_.get(), 0, SEEK_END) < 0) {
     failWithErrno(path_ + " cannot be written");
   }
   write(bytes, size);
@@ -172,11 +156,11 @@ void OutputFile::commit() {
   endIfInterrupted();
   requireReplaceable(path_, existing_);
   const unsigned int flags = existing_ == Existing::Keep ? RENAME_NOREPLACE : 0;
-  if (::fchmod(descriptor_, mode_) != 0 || ::fsync(descriptor_) != 0 ||
+  if (::fchmod(file_.get(), mode_) != 0 || ::fsync(file_.get()) != 0 ||
       ::renameat2(AT_FDCWD, unfinished_.c_str(), AT_FDCWD, path_.c_str(), flags) != 0) {
     failWithErrno(path_ + " cannot be written");
   }
-  ::close(std::exchange(descriptor_, -1));
+  file_.reset();
   syncDirectory(std::filesystem::path(path_).parent_path());
 }
 
@@ -196,27 +180,22 @@ bool isSquashfs(const InputFile& file) {
 }
 
 std::uint32_t imageCrc(const InputFile& image) {
-  boost::crc_optimal<32, 0x01B23CA3, 0, 0, false, false> crc;
-  image.readAll([&](const unsigned char* bytes, std::size_t size) { crc.process_bytes(bytes, size); });
-  return crc.checksum();
+  image::Crc crc;
+  image.readAll([&](const unsigned char* bytes, std::size_t size) { crc.add(bytes, size); });
+  return crc.value();
+}
+
+image::Information describe(const InputFile& image, const std::string& version, std::uint32_t expectedTime) {
+  if (image.size() == 0) {
+    throw Failure(ExitCode::Failed, image.path() + " is empty; modules refuse an empty image");
+  }
+  return {version, imageCrc(image), expectedTime};
 }
 
 void copyFile(const InputFile& from, const std::string& to) {
   OutputFile output(to, kPublicMode);
   from.readAll([&](const unsigned char* bytes, std::size_t size) { output.write(bytes, size); });
   output.commit();
-}
-
-TemporaryDirectory::TemporaryDirectory() {
-  path_ = (std::filesystem::temp_directory_path() / "fw-pack.XXXXXX").string();
-  if (::mkdtemp(path_.data()) == nullptr) {
-    failWithErrno("no temporary directory can be made at " + path_);
-  }
-}
-
-TemporaryDirectory::~TemporaryDirectory() {
-  std::error_code ignored;
-  std::filesystem::remove_all(path_, ignored);
 }
 
 }  // namespace fwpack

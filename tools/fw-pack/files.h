@@ -12,6 +12,9 @@
 #include <functional>
 #include <string>
 
+#include "file-descriptor.h"
+#include "image-information.h"
+
 namespace fwpack {
 
 using Block = std::function<void(const unsigned char* bytes, std::size_t size)>;
@@ -20,9 +23,6 @@ class InputFile {
  public:
   // Regular files only.
   explicit InputFile(const std::string& path);
-  InputFile(const InputFile&) = delete;
-  InputFile& operator=(const InputFile&) = delete;
-  ~InputFile();
 
   const std::string& path() const { return path_; }
   std::uint64_t size() const { return size_; }
@@ -34,7 +34,7 @@ class InputFile {
 
  private:
   std::string path_;
-  int descriptor_;
+  base::FileDescriptor file_;
   std::uint64_t size_ = 0;
 };
 
@@ -62,7 +62,7 @@ class OutputFile {
   std::string unfinished_;
   mode_t mode_;
   Existing existing_;
-  int descriptor_ = -1;
+  base::FileDescriptor file_;
 };
 
 inline constexpr mode_t kPublicMode = 0644;
@@ -71,26 +71,16 @@ inline constexpr mode_t kSecretMode = 0600;
 // An extension package is one; a USB package begins with random bytes.
 bool isSquashfs(const InputFile& file);
 
-// CRC-32 as "info.json" states it.
+// As "info.json" states it.
 std::uint32_t imageCrc(const InputFile& image);
+
+// The image's checksum with what the caller states. An empty image fails.
+image::Information describe(const InputFile& image, const std::string& version, std::uint32_t expectedTime);
 
 void copyFile(const InputFile& from, const std::string& to);
 
 // With its parents, as far as they are missing; on the disk afterwards.
 void makeDirectories(const std::filesystem::path& path);
-
-// A directory that is removed with everything in it.
-class TemporaryDirectory {
- public:
-  TemporaryDirectory();
-  TemporaryDirectory(const TemporaryDirectory&) = delete;
-  TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
-  ~TemporaryDirectory();
-  const std::string& path() const { return path_; }
-
- private:
-  std::string path_;
-};
 
 }  // namespace fwpack
 

@@ -16,7 +16,7 @@
 #include <vector>
 
 #include "device-layout.h"
-#include "firmware-image.h"
+#include "image-information.h"
 #include "running-program.h"
 
 namespace fs = std::filesystem;
@@ -117,7 +117,7 @@ bool crcMatches(const std::string& folder) {
   Json::Value information;
   text >> information;
   const auto image = readFile(folder + "/" + fs::path(folder).filename().string() + ".bin");
-  return information["crc"].asUInt() == sandbox::imageCrc(image);
+  return information["crc"].asUInt() == image::crcOf(image);
 }
 
 TEST_P(FwDevice, InitInstallsModulesAndImages) {

@@ -4,8 +4,8 @@
 
 #include <filesystem>
 
-#include "firmware-image.h"
 #include "fw-pack-test.h"
+#include "image-information.h"
 
 namespace fs = std::filesystem;
 
@@ -32,7 +32,7 @@ TEST_F(Descriptions, StateVersionChecksumAndTime) {
 
   ASSERT_EQ(result.exitCode, 0) << result.error;
   EXPECT_EQ(json("info.json")["version"].asString(), "2.0.0");
-  EXPECT_EQ(json("info.json")["crc"].asUInt(), sandbox::imageCrc(image()));
+  EXPECT_EQ(json("info.json")["crc"].asUInt(), image::crcOf(image()));
   EXPECT_EQ(json("info.json")["expected_time"].asUInt(), 30U);
 }
 
@@ -49,7 +49,7 @@ TEST_F(Descriptions, LieBesideTheImageInAFolderOfTheFirmware) {
     ASSERT_EQ(layOut(type).exitCode, 0) << type;
 
     EXPECT_EQ(read("out/tunerfw/tunerfw.bin"), image());
-    EXPECT_EQ(json("out/tunerfw/info.json")["crc"].asUInt(), sandbox::imageCrc(image()));
+    EXPECT_EQ(json("out/tunerfw/info.json")["crc"].asUInt(), image::crcOf(image()));
     fs::remove_all(std::string(kWork) + "out");
   }
 }
@@ -102,7 +102,7 @@ TEST_F(Descriptions, AreInspectedTogetherWithTheirImage) {
 
   EXPECT_EQ(good["kind"].asString(), "image");
   EXPECT_EQ(good["version"].asString(), "2.0.0");
-  EXPECT_EQ(good["crc"].asUInt(), sandbox::imageCrc(image()));
+  EXPECT_EQ(good["crc"].asUInt(), image::crcOf(image()));
   EXPECT_TRUE(good["crcMatches"].asBool());
   EXPECT_FALSE(bad["crcMatches"].asBool());
   EXPECT_EQ(document({"inspect", "out/tunerfw/info.json"})["kind"].asString(), "info.json");

@@ -2,8 +2,8 @@
 // emp.
 #include <filesystem>
 
-#include "firmware-image.h"
 #include "fw-pack-test.h"
+#include "image-information.h"
 
 namespace fs = std::filesystem;
 
@@ -29,7 +29,7 @@ TEST_F(ExtensionPackage, HoldsImageAndDescription) {
   EXPECT_EQ(package["kind"].asString(), "emp-image");
   EXPECT_EQ(package["image"].asString(), "tunerfw.bin");
   EXPECT_EQ(package["version"].asString(), "2.0.0");
-  EXPECT_EQ(package["imageCrc"].asUInt(), sandbox::imageCrc(image()));
+  EXPECT_EQ(package["imageCrc"].asUInt(), image::crcOf(image()));
   EXPECT_EQ(package["imageSize"].asUInt(), image().size());
   EXPECT_TRUE(package["crcMatches"].asBool());
 }

@@ -7,7 +7,7 @@
 #include <utility>
 #include <vector>
 
-#include "firmware-image.h"
+#include "image-information.h"
 #include "fw-pack-test.h"
 #include "public-keys.h"
 
@@ -22,7 +22,7 @@ std::string hex(const std::string& bytes) {
 }
 
 std::string crcOf(const std::string& bytes) {
-  const std::uint32_t crc = sandbox::imageCrc(bytes);
+  const std::uint32_t crc = image::crcOf(bytes);
   char text[32];
   std::snprintf(text, sizeof text, "%u (0x%08x)", crc, crc);
   return text;

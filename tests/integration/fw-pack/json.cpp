@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // What each command answers when it is asked for JSON.
-#include "firmware-image.h"
 #include "fw-pack-test.h"
+#include "image-information.h"
 
 namespace {
 
@@ -29,7 +29,7 @@ TEST_F(PackJson, TellsWhatADescriptionSays) {
   expectDone(info, "info");
   EXPECT_EQ(info["output"], "info.json");
   EXPECT_EQ(info["version"], "2.0.0");
-  EXPECT_EQ(info["crc"].asUInt(), sandbox::imageCrc(image()));
+  EXPECT_EQ(info["crc"].asUInt(), image::crcOf(image()));
   EXPECT_EQ(info["expectedTime"], 30);
 }
 

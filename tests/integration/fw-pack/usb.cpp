@@ -5,8 +5,8 @@
 #include <filesystem>
 #include <ostream>
 
-#include "firmware-image.h"
 #include "fw-pack-test.h"
+#include "image-information.h"
 #include "thoroughness.h"
 
 namespace fs = std::filesystem;
@@ -114,7 +114,7 @@ TEST_F(MadeUsbPackage, IsReadBackWithItsKey) {
   EXPECT_TRUE(package["keyFits"].asBool());
   EXPECT_EQ(package["version"].asString(), "2.0.0");
   EXPECT_EQ(package["imageSize"].asUInt(), image().size());
-  EXPECT_EQ(package["imageCrc"].asUInt(), sandbox::imageCrc(image()));
+  EXPECT_EQ(package["imageCrc"].asUInt(), image::crcOf(image()));
 }
 
 TEST_F(MadeUsbPackage, TellsNothingOfItsContentWithoutAKeyOrWithAWrongOne) {

@@ -5,7 +5,7 @@
 #include <memory>
 #include <sstream>
 
-#include "firmware-image.h"
+#include "image-information.h"
 
 namespace {
 
@@ -46,14 +46,10 @@ void ToolTest::installOddModule(const std::string& variant) {
 void ToolTest::installImage(const std::string& firmwareName, const std::string& version,
                             unsigned int expectedTime, const std::string& directory) {
   static const std::string kImage = makeImage();
-  static const unsigned int kCrc = sandbox::imageCrc(kImage);
+  static const unsigned int kCrc = image::crcOf(kImage);
   const std::string place = directory + firmwareName + "/";
   writeFile(place + firmwareName + ".bin", kImage);
-  Json::Value information;
-  information["version"] = version;
-  information["crc"] = kCrc;
-  information["expected_time"] = expectedTime;
-  writeFile(place + "info.json", Json::writeString(Json::StreamWriterBuilder(), information));
+  writeFile(place + "info.json", image::toText({version, kCrc, expectedTime}));
 }
 
 void ToolTest::describeComponent(const std::string& firmwareName, const std::string& lines) {

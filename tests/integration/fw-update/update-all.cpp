@@ -18,8 +18,9 @@
 #include <system_error>
 
 #include "child-process.h"
-#include "firmware-image.h"
+#include "image-information.h"
 #include "lwipc.h"
+#include "package-image.h"
 #include "system-bus.h"
 #include "tool-test.h"
 
@@ -67,13 +68,9 @@ class UpdateAll : public ToolTest {
     const std::string content = "firmware of " + name;
     writeFile("/tmp/tree/" + name + ".bin", content);
     writeFile("/tmp/tree/info.json",
-              "{\"version\": \"2.0\", \"crc\": " + std::to_string(sandbox::imageCrc(content)) +
+              "{\"version\": \"2.0\", \"crc\": " + std::to_string(image::crcOf(content)) +
                   ", \"expected_time\": " + expectedTime + "}");
-    const std::string command = "mksquashfs /tmp/tree " + kPackages + name +
-                                "emp.img -all-root -noappend -quiet -no-progress >/dev/null";
-    if (std::system(command.c_str()) != 0) {
-      throw std::runtime_error("mksquashfs failed");
-    }
+    sandbox::packFolder("/tmp/tree", kPackages + name + "emp.img");
     fs::remove_all("/tmp/tree");
   }
 

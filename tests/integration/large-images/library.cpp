@@ -28,10 +28,7 @@ class LargeImage : public DeviceTest {
 
   static void writeImage(const std::string& folder, const SparseImage& image) {
     image.write(folder + "/tunerfw.bin");
-    Json::Value information;
-    information["version"] = "2.0.0";
-    information["crc"] = image.crc();
-    writeFile(folder + "/info.json", Json::writeString(Json::StreamWriterBuilder(), information));
+    writeFile(folder + "/info.json", image::toText({"2.0.0", image.crc(), 0}));
   }
 
   static std::vector<std::string> offered(CallerTypes caller) {

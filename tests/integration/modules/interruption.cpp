@@ -17,7 +17,7 @@
 #include <fstream>
 #include <optional>
 
-#include "firmware-image.h"
+#include "image-information.h"
 #include "module-test.h"
 #include "thoroughness.h"
 
@@ -196,7 +196,7 @@ TEST_F(InterruptedUpdate, SyncsTheFirmwareBeforeTheSwitchAndTheDirectoryAfterIt)
 
 TEST_F(InterruptedUpdate, LetsTheMediumBeginEvery8MiBWhileItWritesOn) {
   const std::string image(17 * kMebibyte, 'x');
-  const unsigned int crc = sandbox::imageCrc(image);
+  const unsigned int crc = image::crcOf(image);
   writeFile(kImagePath, image);
   TracedChild updating([&] { return panel_.update("2.0.0", kImagePath, crc); });
 
@@ -211,7 +211,7 @@ TEST_F(InterruptedUpdate, LetsTheMediumBeginEvery8MiBWhileItWritesOn) {
 
 TEST_F(InterruptedUpdate, DoesWithoutAnEarlyBeginOfTheMedium) {
   const std::string image(9 * kMebibyte, 'x');
-  const unsigned int crc = sandbox::imageCrc(image);
+  const unsigned int crc = image::crcOf(image);
   writeFile(kImagePath, image);
   Child updating([&] {
     refuse(SYS_sync_file_range, ENOSYS);

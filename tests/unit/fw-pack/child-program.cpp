@@ -8,10 +8,14 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
+#include <filesystem>
 #include <string>
+#include <string_view>
 
 #include "exit-code.h"
-#include "files.h"
+#include "temporary-folder.h"
+
+namespace fs = std::filesystem;
 
 namespace {
 
@@ -26,10 +30,8 @@ struct Ended {
 
 Ended runShell(const std::string& script) {
   Ended ended;
-  ended.well =
-      fwpack::runProgram({"sh", "-c", script}, "dash", [&](const unsigned char* bytes, std::size_t size) {
-        ended.output.append(reinterpret_cast<const char*>(bytes), size);
-      });
+  ended.well = fwpack::runProgram({"sh", "-c", script}, "dash",
+                                  [&](std::string_view bytes) { ended.output.append(bytes); });
   return ended;
 }
 
@@ -71,7 +73,7 @@ std::string signalSeen;  // the name of a file that says so
 
 // Whatever happens to this program meanwhile.
 TEST(ChildProgram, IsWaitedForToItsEnd) {
-  const fwpack::TemporaryDirectory directory;
+  const base::TemporaryFolder directory(fs::temp_directory_path() / "fw-pack");
   signalSeen = directory.path() + "/seen";
   struct sigaction action = {};
   action.sa_handler = [](int) { close(open(signalSeen.c_str(), O_WRONLY | O_CREAT, 0600)); };
@@ -93,13 +95,10 @@ TEST(ChildProgram, IsToldNoTime) {
 }
 
 TEST(ChildProgram, ThatIsMissingIsNamedWithItsPackage) {
-  EXPECT_THAT(
-      [] {
-        fwpack::runProgram({"no-such-program"}, "its-package", [](const unsigned char*, std::size_t) {});
-      },
-      ThrowsMessage<Failure>(HasSubstr("no-such-program cannot be run: No such file or directory; "
-                                       "install its-package")));
-  EXPECT_THAT([] { fwpack::runProgram({"/"}, "its-package", [](const unsigned char*, std::size_t) {}); },
+  EXPECT_THAT([] { fwpack::runProgram({"no-such-program"}, "its-package", [](std::string_view) {}); },
+              ThrowsMessage<Failure>(HasSubstr("no-such-program cannot be run: No such file or directory; "
+                                               "install its-package")));
+  EXPECT_THAT([] { fwpack::runProgram({"/"}, "its-package", [](std::string_view) {}); },
               ThrowsMessage<Failure>(testing::Not(HasSubstr("install"))));
 }
 

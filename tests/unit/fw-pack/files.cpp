@@ -18,6 +18,7 @@
 #include "exit-code.h"
 #include "interruption.h"
 #include "limited-resource.h"
+#include "temporary-folder.h"
 
 namespace fs = std::filesystem;
 
@@ -64,7 +65,7 @@ class Files : public ::testing::Test {
   }
 
  private:
-  const fwpack::TemporaryDirectory directory_;
+  const base::TemporaryFolder directory_{fs::temp_directory_path() / "fw-test"};
 };
 
 std::ptrdiff_t openDescriptors() {
@@ -269,16 +270,16 @@ TEST_F(Files, HaveTheChecksumOfTheDescription) {
   EXPECT_EQ(fwpack::imageCrc(InputFile(path("empty"))), 0U);
 }
 
-TEST(TemporaryDirectory, IsGoneWithWhatIsInIt) {
-  std::string path;
-  {
-    const fwpack::TemporaryDirectory directory;
-    path = directory.path();
-    std::ofstream(path + "/file") << "x";
-    EXPECT_TRUE(fs::is_directory(path));
-  }
+TEST_F(Files, AreDescribedUnlessTheyAreEmpty) {
+  put("check", "123456789");
+  put("empty", "");
 
-  EXPECT_FALSE(fs::exists(path));
+  const image::Information made = fwpack::describe(InputFile(path("check")), "2.0", 30);
+
+  EXPECT_EQ(made.version, "2.0");
+  EXPECT_EQ(made.crc, kCheckCrc);
+  EXPECT_EQ(made.expectedTime, 30U);
+  EXPECT_THROW(fwpack::describe(InputFile(path("empty")), "2.0", 30), fwpack::Failure);
 }
 
 // Last in the file: from then on the process is interrupted. Each test has its own.

@@ -12,6 +12,7 @@
 
 #include "device-environment.h"
 #include "firmware-image.h"
+#include "image-information.h"
 
 namespace fs = std::filesystem;
 
@@ -31,8 +32,7 @@ TEST_F(PackageImage, HoldsTheFirmwareAndItsInformation) {
       0);
   const auto content = readFile("/tmp/tree/tunerfw.bin");
   EXPECT_EQ(content, sandbox::imageContent("tunerfw", "2.5.0", 10000));
-  EXPECT_NE(readFile("/tmp/tree/info.json").find(std::to_string(sandbox::imageCrc(content))),
-            std::string::npos);
+  EXPECT_NE(readFile("/tmp/tree/info.json").find(std::to_string(image::crcOf(content))), std::string::npos);
   const auto tree = fs::directory_iterator("/tmp/tree");
   EXPECT_EQ(std::distance(tree, fs::directory_iterator()), 2);
 }

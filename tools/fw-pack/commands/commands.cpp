@@ -21,7 +21,7 @@ frame::Report answer(const std::string& body, const Json::Value& details) {
   return report;
 }
 
-Json::Value detailsOf(const Information& information) {
+Json::Value detailsOf(const image::Information& information) {
   Json::Value details;
   details["version"] = information.version;
   details["crc"] = information.crc;

@@ -1,15 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 // fw-pack emp IMAGE --id IDENTIFIER
-#include <sys/stat.h>
-
+#include <filesystem>
 #include <optional>
 
 #include "../child-program.h"
 #include "../commands.h"
 #include "../files.h"
-#include "../information.h"
 #include "../signing.h"
 #include "module-names.h"
+#include "squashfs.h"
+#include "temporary-folder.h"
 
 namespace fwpack {
 namespace {
@@ -25,12 +25,8 @@ std::string firmwareNameOf(const std::string& identifier) {
 
 void makeSquashfs(const std::string& content, const std::string& target) {
   std::string messages;
-  const bool made =
-      runProgram({"mksquashfs", content, target, "-noappend", "-no-progress", "-comp", "gzip", "-all-root",
-                  "-no-xattrs", "-mkfs-time", "0", "-all-time", "0", "-reproducible"},
-                 "squashfs-tools", [&](const unsigned char* bytes, std::size_t size) {
-                   messages.append(reinterpret_cast<const char*>(bytes), size);
-                 });
+  const bool made = runProgram(image::squashfsCommand(content, target), kSquashfsTools,
+                               [&](std::string_view bytes) { messages.append(bytes); });
   if (!made) {
     throw Failure(ExitCode::Failed, "mksquashfs failed: " + messages);
   }
@@ -66,13 +62,12 @@ frame::Report runEmp(const Options& options) {
   }
   const InputFile image(options.input);
   const std::string output = options.output.empty() ? options.name + ".img" : options.output;
-  const TemporaryDirectory content;
+  const base::TemporaryFolder content(std::filesystem::temp_directory_path() / "fw-pack");
   OutputFile information(content.path() + "/info.json", kPublicMode);
-  const Information described = describe(image, options.version, options.expectedTime);
-  information.write(toText(described));
+  const image::Information described = describe(image, options.version, options.expectedTime);
+  information.write(image::toText(described));
   information.commit();
   copyFile(image, content.path() + "/" + firmwareName + ".bin");
-  ::chmod(content.path().c_str(), 0755);  // the mode is part of the image
 
   OutputFile package(output, kPublicMode);
   makeSquashfs(content.path(), package.unfinished());

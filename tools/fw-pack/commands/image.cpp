@@ -5,7 +5,6 @@
 
 #include "../commands.h"
 #include "../files.h"
-#include "../information.h"
 
 namespace fwpack {
 namespace {
@@ -51,7 +50,7 @@ std::string imageTypeProblem(const std::string& name) {
 frame::Report runImage(const Options& options) {
   const ImageType& type = *findType(options.type);
   const InputFile image(options.input);
-  const Information information = describe(image, options.version, options.expectedTime);
+  const image::Information information = describe(image, options.version, options.expectedTime);
   std::filesystem::path folder = options.output;
   if (type.folderPerFirmware) {
     folder /= options.name;
@@ -59,7 +58,7 @@ frame::Report runImage(const Options& options) {
   makeDirectories(folder);
   const std::string binary = (folder / (options.name + ".bin")).string();
   OutputFile description((folder / "info.json").string(), kPublicMode);
-  description.write(toText(information));
+  description.write(image::toText(information));
   copyFile(image, binary);
   description.commit();
   Json::Value details = detailsOf(information);

@@ -4,7 +4,6 @@
 
 #include "../commands.h"
 #include "../files.h"
-#include "../information.h"
 
 namespace fwpack {
 
@@ -14,8 +13,8 @@ frame::Report runInfo(const Options& options) {
                                  ? (std::filesystem::path(options.input).parent_path() / "info.json").string()
                                  : options.output;
   OutputFile file(output, kPublicMode);
-  const Information information = describe(image, options.version, options.expectedTime);
-  file.write(toText(information));
+  const image::Information information = describe(image, options.version, options.expectedTime);
+  file.write(image::toText(information));
   file.commit();
   Json::Value details = detailsOf(information);
   details["output"] = output;

@@ -3,16 +3,16 @@
 #include <json/value.h>
 
 #include <algorithm>
-#include <boost/crc.hpp>
 #include <filesystem>
+#include <functional>
 #include <optional>
 #include <sstream>
+#include <string_view>
 
 #include "../child-program.h"
 #include "../commands.h"
 #include "../facts.h"
 #include "../files.h"
-#include "../information.h"
 #include "../package-cipher.h"
 #include "../signature-check.h"
 
@@ -21,7 +21,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-using ImageCrc = boost::crc_optimal<32, 0x01B23CA3, 0, 0, false, false>;
+using image::Information;
 
 constexpr std::size_t kLargestInformation = 65536;  // that the library reads
 
@@ -44,7 +44,7 @@ void addInformation(Facts& facts, const Information& information) {
 }
 
 std::optional<Information> informationIn(const std::string& text) {
-  return text.size() <= kLargestInformation ? parseInformation(text) : std::nullopt;
+  return text.size() <= kLargestInformation ? image::parseInformation(text) : std::nullopt;
 }
 
 // What is wrong with the file, which is named; empty when nothing is.
@@ -59,13 +59,13 @@ void addMatch(Facts& facts, bool matches) {
 struct Plaintext {
   std::string versionBlock;
   std::uint64_t imageSize = 0;
-  ImageCrc crc;
+  image::Crc crc;
   bool paddingFits = false;
 
   void add(const unsigned char* bytes, std::size_t size) {
     const std::size_t head = std::min(size, kVersionBlockSize - versionBlock.size());
     versionBlock.append(reinterpret_cast<const char*>(bytes), head);
-    crc.process_bytes(bytes + head, size - head);
+    crc.add(bytes + head, size - head);
     imageSize += size - head;
   }
   std::string version() const { return versionBlock.substr(0, versionBlock.find('\0')); }
@@ -100,7 +100,7 @@ void addContent(Facts& facts, const InputFile& file, const Options& options) {
   if (fits) {
     facts.add("version", "version", plaintext.version());
     facts.add("imageSize", "image size", Json::UInt64(plaintext.imageSize));
-    addCrc(facts, "imageCrc", "image CRC", plaintext.crc.checksum());
+    addCrc(facts, "imageCrc", "image CRC", plaintext.crc.value());
   }
 }
 
@@ -126,14 +126,15 @@ Damage inspectPackage(Facts& facts, const InputFile& file, const Options& option
 
 // ---- extension packages -----------------------------------------------------
 
-bool contentOf(const std::string& package, const std::string& name, const Block& block) {
-  return runProgram({"unsquashfs", "-cat", package, name}, "squashfs-tools", block);
+bool contentOf(const std::string& package, const std::string& name,
+               const std::function<void(std::string_view bytes)>& output) {
+  return runProgram({"unsquashfs", "-cat", package, name}, kSquashfsTools, output);
 }
 
 std::string textOf(const std::string& package, const std::string& name) {
   std::string text;
-  contentOf(package, name, [&](const unsigned char* bytes, std::size_t size) {
-    text.append(reinterpret_cast<const char*>(bytes), std::min(size, kLargestInformation + 1 - text.size()));
+  contentOf(package, name, [&](std::string_view bytes) {
+    text.append(bytes.substr(0, kLargestInformation + 1 - text.size()));
   });
   return text;
 }
@@ -141,10 +142,8 @@ std::string textOf(const std::string& package, const std::string& name) {
 // The one "*.bin" at the top of the package; empty when there is none.
 std::string imageIn(const std::string& package) {
   std::string names;
-  runProgram({"unsquashfs", "-l", "-d", "", package}, "squashfs-tools",
-             [&](const unsigned char* bytes, std::size_t size) {
-               names.append(reinterpret_cast<const char*>(bytes), size);
-             });
+  runProgram({"unsquashfs", "-l", "-d", "", package}, kSquashfsTools,
+             [&](std::string_view bytes) { names.append(bytes); });
   std::istringstream lines(names);
   for (std::string line; std::getline(lines, line);) {
     const fs::path path = line;
@@ -174,15 +173,15 @@ Damage inspectExtensionPackage(Facts& facts, const InputFile& file, const Option
   if (image.empty() || !information) {
     return file.path() + " holds no " + (image.empty() ? "image (*.bin)" : "valid info.json") + ".";
   }
-  ImageCrc crc;
+  image::Crc crc;
   std::uint64_t size = 0;
-  const bool readable = contentOf(package, image, [&](const unsigned char* bytes, std::size_t count) {
-    crc.process_bytes(bytes, count);
-    size += count;
+  const bool readable = contentOf(package, image, [&](std::string_view bytes) {
+    crc.add(bytes.data(), bytes.size());
+    size += bytes.size();
   });
   facts.add("imageSize", "image size", Json::UInt64(size));
-  addCrc(facts, "imageCrc", "image CRC", crc.checksum());
-  const bool matches = readable && crc.checksum() == information->crc;
+  addCrc(facts, "imageCrc", "image CRC", crc.value());
+  const bool matches = readable && crc.value() == information->crc;
   addMatch(facts, matches);
   return matches ? "" : "In " + file.path() + ", " + image + " is not the image that info.json describes.";
 }

@@ -46,7 +46,7 @@ const fwpack::SigningKey& maker() {
 }
 
 fwpackage::Key publicHalf(const fwpack::SigningKey& key) {
-  const fwpack::TemporaryDirectory directory;
+  const base::TemporaryFolder directory(fs::temp_directory_path() / "fw-package");
   const std::string path = directory.path() + "/key.pem";
   fwpack::OutputFile file(path, fwpack::kPublicMode);
   key.writePublicPem(file);

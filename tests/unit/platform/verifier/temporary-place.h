@@ -10,7 +10,7 @@
 #include <iterator>
 #include <string>
 
-#include "files.h"
+#include "temporary-folder.h"
 
 class TemporaryPlace : public ::testing::Test {
  protected:
@@ -26,7 +26,7 @@ class TemporaryPlace : public ::testing::Test {
   }
 
  private:
-  const fwpack::TemporaryDirectory directory_;
+  const base::TemporaryFolder directory_{std::filesystem::temp_directory_path() / "fw-test"};
 };
 
 #endif

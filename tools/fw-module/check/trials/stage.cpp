@@ -1,16 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "stage.h"
 
-#include <json/value.h>
-
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
 #include <thread>
 
 #include "firmware-image.h"
+#include "image-information.h"
 #include "lent-memory.h"
-#include "text-layout.h"
 
 namespace fwmodule {
 namespace fs = std::filesystem;
@@ -36,13 +34,10 @@ Image placeImage(const Subject& subject, const std::string& version, const std::
                  const std::string& good) {
   const std::string folder = kImages + subject.firmware;
   fs::create_directories(folder);
-  Image image{folder + "/" + subject.firmware + ".bin", sandbox::imageCrc(good), bytes.size()};
+  const std::uint32_t crc = image::crcOf(good);
+  Image image{folder + "/" + subject.firmware + ".bin", crc, bytes.size()};
   writeFile(image.path, bytes);
-  Json::Value information;
-  information["version"] = version;
-  information["crc"] = static_cast<Json::UInt>(image.crc);
-  information["expected_time"] = kExpectedSeconds;
-  writeFile(folder + "/info.json", tool::indented(information));
+  writeFile(folder + "/info.json", image::toText({version, crc, kExpectedSeconds}));
   return image;
 }
 
