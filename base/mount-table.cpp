@@ -36,7 +36,7 @@ bool parse(const std::string& line, Mount& mount) {
   words >> mount.options;
   for (std::string word; words >> word && word != "-";) {  // how it is shared, in any number of words
   }
-  words >> mount.type >> mount.source;
+  words >> mount.type >> mount.source >> mount.fileSystemOptions;
   for (std::string* const path : {&mount.root, &mount.place, &mount.source}) {
     *path = unescape(*path);
   }

@@ -18,6 +18,7 @@ struct Mount {
   std::string options;     // of this mount, parted by commas
   std::string type;        // such as "squashfs"
   std::string source;
+  std::string fileSystemOptions;  // for all its mounts, parted by commas
 };
 
 // In the order they were mounted. process: a directory of /proc; none when it is gone.

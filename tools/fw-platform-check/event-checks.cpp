@@ -1,5 +1,3 @@
-// SPDX-License-Identifier: Apache-2.0
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -7,6 +5,8 @@
 
 #include "checks.h"
 #include "lwipc.h"
+#include "program-start.h"
+#include "runner.h"
 
 namespace conformance {
 namespace {
@@ -18,14 +18,8 @@ std::string freshEvent(const char* purpose) {
   return "/fw-platform-check/" + std::string(purpose) + "." + std::to_string(getpid());
 }
 
-int waitInAnotherProcess(const std::string& event, int timeoutMs) {
-  const pid_t child = fork();
-  if (child == 0) {
-    _exit(LwipcEventWait(event.c_str(), timeoutMs) == 0 ? 0 : 1);
-  }
-  int status = 0;
-  waitpid(child, &status, 0);
-  return status;
+pid_t waitInAnotherProcess(const std::string& event, int timeoutMs) {
+  return startChild([&] { return LwipcEventWait(event.c_str(), timeoutMs) == 0; });
 }
 
 }  // namespace
@@ -41,20 +35,16 @@ Finding eventStaysDone() {
   if (LwipcEventWait(event.c_str(), 0) != 0) {
     return broken("the event is not done for the process that signalled it");
   }
-  return waitInAnotherProcess(event, 0) == 0 ? kept() : broken("it is not done for another process");
+  return base::waitForEnd(waitInAnotherProcess(event, 0)) == 0 ? kept()
+                                                               : broken("it is not done for another process");
 }
 
 Finding eventWakesAnotherProcess() {
   const std::string event = freshEvent("wakes");
-  const pid_t waiter = fork();
-  if (waiter == 0) {
-    _exit(LwipcEventWait(event.c_str(), kPatienceMs) == 0 ? 0 : 1);
-  }
+  const pid_t waiter = waitInAnotherProcess(event, kPatienceMs);
   usleep(200000);  // so that it mostly waits already; done before is right as well
   LwipcEventDone(event.c_str());
-  int status = 0;
-  waitpid(waiter, &status, 0);
-  return status == 0 ? kept() : broken("a waiting process was not woken");
+  return base::waitForEnd(waiter) == 0 ? kept() : broken("a waiting process was not woken");
 }
 
 Finding eventWaitsNoLonger() {

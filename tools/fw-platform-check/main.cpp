@@ -1,21 +1,28 @@
 // SPDX-License-Identifier: Apache-2.0
 // fw-platform-check: does a platform library keep what the update library relies on?
+#include <cxxabi.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <iomanip>
 #include <iostream>
 #include <iterator>
+#include <memory>
 #include <sstream>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "checks.h"
+#include "file-descriptor.h"
 #include "frame/program.h"
 #include "interrupted.h"
+#include "program-start.h"
 #include "runner.h"
+#include "system-error.h"
+#include "whole-file.h"
 
 namespace conformance {
 namespace {
@@ -66,27 +73,53 @@ void settle(Options& options) {
   }
 }
 
-char** ownArguments = nullptr;  // to start the program with once more
+constexpr std::size_t kLongestWords = std::size_t{1} << 20;  // of the loader
 
-// A library that is loaded first takes the installed one's place. So the program
-// starts itself once more.
-void takeLibrary(const Options& options) {
-  constexpr const char* kTaken = "FW_PLATFORM_CHECK_LIBRARY";
-  if (options.library.empty() || std::getenv(kTaken) != nullptr) {
-    return;
+// As people write it; empty when the loader's line is about something else.
+std::string undefinedIn(const std::string& line) {
+  constexpr std::string_view kStart = "undefined symbol: ";
+  if (line.compare(0, kStart.size(), kStart) != 0) {
+    return "";
   }
-  char* const path = realpath(options.library.c_str(), nullptr);
-  if (path == nullptr) {
-    throw frame::Failure(Outcome::Usage, options.library + ": " + std::strerror(errno),
-                         "Try: fw-platform-check --help");
-  }
-  setenv(kTaken, path, 1);
-  setenv("LD_PRELOAD", path, 1);
-  std::free(path);
-  execv("/proc/self/exe", ownArguments);
-  throw frame::Failure(Outcome::Usage,
-                       std::string("the program cannot start itself again: ") + std::strerror(errno));
+  const std::string name = line.substr(kStart.size(), line.find('\t') - kStart.size());
+  const std::unique_ptr<char, decltype(&std::free)> readable(
+      abi::__cxa_demangle(name.c_str(), nullptr, nullptr, nullptr), &std::free);
+  return readable ? readable.get() : name;
 }
+
+// What the loader says of this program with that library before the installed one: a line
+// for each call that is missing, and one when it cannot take the library.
+std::string loaderWords(const std::string& library) {
+  const base::FileDescriptor words(memfd_create("loader", MFD_CLOEXEC));
+  std::vector<std::string> environment = base::environmentWithout("LD_PRELOAD");
+  environment.insert(environment.end(), {"LD_PRELOAD=" + library, "LD_TRACE_LOADED_OBJECTS=1", "LD_WARN=yes",
+                                         "LD_BIND_NOW=yes"});
+  pid_t loader = 0;
+  base::ProgramStart start;
+  start.withNothingAt(STDOUT_FILENO).with(words.get(), STDERR_FILENO);
+  std::string text;
+  if (start.run({"/proc/self/exe"}, environment, loader) != 0 || base::waitForEnd(loader) != 0 ||
+      lseek(words.get(), 0, SEEK_SET) != 0 || base::readToEnd(words.get(), kLongestWords, text) != 0) {
+    throw frame::Failure(Outcome::Unexpected, "the loader does not say what " + library + " lacks");
+  }
+  return text;
+}
+
+Finding callsOf(const std::string& library) {
+  std::istringstream words(loaderWords(library));
+  std::string missing;
+  for (std::string line; std::getline(words, line);) {
+    if (line.find("cannot be preloaded") != std::string::npos) {
+      return broken("the loader cannot take it: " + line);
+    }
+    if (const std::string name = undefinedIn(line); !name.empty()) {
+      missing += (missing.empty() ? "" : ", ") + name;
+    }
+  }
+  return missing.empty() ? kept() : broken("it lacks " + missing);
+}
+
+char** ownArguments = nullptr;  // to start the program with once more
 
 struct Result {
   const Check* check;
@@ -142,6 +175,40 @@ frame::Report reportOf(const std::vector<Result>& results) {
   return report;
 }
 
+constexpr char kTaken[] = "FW_PLATFORM_CHECK_LIBRARY";
+
+// A library that is loaded first takes the installed one's place. So the program
+// starts itself once more.
+[[noreturn]] void startWith(const std::string& library) {
+  setenv(kTaken, library.c_str(), 1);
+  setenv("LD_PRELOAD", library.c_str(), 1);
+  execv("/proc/self/exe", ownArguments);
+  throw frame::Failure(Outcome::Usage, "the program cannot start itself again: " + base::errnoText(errno));
+}
+
+std::string realPath(const std::string& path) {
+  const std::unique_ptr<char, decltype(&std::free)> real(realpath(path.c_str(), nullptr), &std::free);
+  if (!real) {
+    throw frame::Failure(Outcome::Usage, path + ": " + base::errnoText(errno),
+                         "Try: fw-platform-check --help");
+  }
+  return real.get();
+}
+
+// Without one of the calls the program would not start.
+frame::Report checkWithLibrary(const Options& options) {
+  static constexpr Check kCheck = {"library", "has every call of the platform", nullptr};
+  const std::string library = realPath(options.library);
+  const Result result{&kCheck, callsOf(library)};
+  if (result.finding.verdict == Verdict::Kept) {
+    startWith(library);
+  }
+  if (!options.json) {
+    show(result);
+  }
+  return reportOf({result});
+}
+
 // Text says at once what each check has found: they take their time.
 template <std::size_t Size>
 frame::Report checkAll(const Check (&checks)[Size], const Options& options) {
@@ -162,7 +229,9 @@ frame::Report checkAll(const Check (&checks)[Size], const Options& options) {
 }
 
 frame::Report run(const Options& options) {
-  takeLibrary(options);
+  if (!options.library.empty() && std::getenv(kTaken) == nullptr) {
+    return checkWithLibrary(options);
+  }
   unsetenv("LD_PRELOAD");  // not for what the library starts
   catchInterruptions();
   return options.secure ? checkAll(kSecurityChecks, options) : checkAll(kChecks, options);

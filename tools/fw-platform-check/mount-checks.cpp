@@ -8,12 +8,13 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
-#include <sstream>
+#include <optional>
 #include <stdexcept>
 #include <string>
 
 #include "checks.h"
 #include "deadline.h"
+#include "mount-table.h"
 #include "privileged-service.h"
 
 namespace conformance {
@@ -72,15 +73,14 @@ class Package {
                    result);
   }
 
-  // The mount's line in the mount table; empty when nothing is mounted there.
-  std::string mountLine() const {
-    std::ifstream table("/proc/self/mountinfo");
-    for (std::string line; std::getline(table, line);) {
-      if (line.find(" " + directory() + " ") != std::string::npos) {
-        return line;
+  // Nothing when nothing is mounted there.
+  std::optional<base::Mount> mounted() const {
+    for (const base::Mount& mount : base::mounts()) {
+      if (mount.place == directory()) {
+        return mount;
       }
     }
-    return "";
+    return std::nullopt;
   }
 
  private:
@@ -105,25 +105,16 @@ Finding withPackage(Finding (*check)(const Package&)) {
   return check(*package);
 }
 
-bool hasOption(const std::string& mountLine, const std::string& wanted) {
-  std::istringstream words(mountLine);
-  std::string options;
-  for (int word = 0; word < 6; ++word) {
-    words >> options;
-  }
-  return ("," + options + ",").find("," + wanted + ",") != std::string::npos;
-}
-
 Finding mountedReadOnly(const Package& package) {
   if (const std::string failed = package.mount(); !failed.empty()) {
     return broken(failed);
   }
-  const std::string line = package.mountLine();
-  if (line.empty() || !fs::exists(package.directory() + "/firmware.bin")) {
+  const std::optional<base::Mount> mount = package.mounted();
+  if (!mount || !fs::exists(package.directory() + "/firmware.bin")) {
     return broken("the package's files are not in the directory");
   }
   for (const char* option : {"ro", "nodev", "nosuid"}) {
-    if (!hasOption(line, option)) {
+    if (!base::hasOption(mount->options, option)) {
       return broken(std::string("it is not mounted with ") + option);
     }
   }
@@ -137,7 +128,7 @@ Finding unmountedByLength(const Package& package) {
   if (const std::string failed = package.unmount(); !failed.empty()) {
     return broken(failed);
   }
-  return package.mountLine().empty() ? kept() : broken("it is still mounted");
+  return package.mounted() ? broken("it is still mounted") : kept();
 }
 
 bool isLoopBehind(const std::string& image) {

@@ -1,25 +1,24 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "runner.h"
 
-#include <poll.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <chrono>
 #include <csignal>
 #include <cstring>
 #include <exception>
 #include <initializer_list>
 #include <string>
-#include <system_error>
 
+#include "deadline.h"
+#include "file-descriptor.h"
+#include "program-start.h"
 #include "signal-guards.h"
+#include "system-error.h"
+#include "whole-file.h"
 
 namespace conformance {
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 volatile std::sig_atomic_t came = 0;
 volatile std::sig_atomic_t running = 0;  // the check's process
@@ -27,14 +26,13 @@ volatile std::sig_atomic_t running = 0;  // the check's process
 constexpr char kGoesOn[] = "\nfw-platform-check: ends with this check; Ctrl-C once more ends it at once\n";
 
 void onSignal(int signal) {
-  const int errorNumber = errno;
+  const base::KeepErrno keep;
   if (came != 0 && running != 0) {
     kill(-running, SIGKILL);
   } else if (running != 0) {
     [[maybe_unused]] const auto written = write(STDERR_FILENO, kGoesOn, sizeof(kGoesOn) - 1);
   }
   came = signal;
-  errno = errorNumber;
 }
 
 void onEachSignal(void (*handler)(int)) {
@@ -71,22 +69,12 @@ pid_t startApart() {
     finding = broken(std::string("an exception was thrown: ") + error.what());
   }
   const std::string text = std::to_string(static_cast<int>(finding.verdict)) + finding.sentence;
-  const bool told = write(pipe, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-  _exit(told ? 0 : 1);
+  _exit(base::writeAll(pipe, text) == 0 ? 0 : 1);
 }
 
 // What the child wrote until it ended; false when the time is over first.
-bool readAnswer(int pipe, Clock::time_point deadline, std::string& text) {
-  for (;;) {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
-    pollfd waiting{pipe, POLLIN, 0};
-    const int ready = left.count() <= 0 ? 0 : poll(&waiting, 1, static_cast<int>(left.count()));
-    if (ready == 0) {
-      return false;
-    }
-    if (ready < 0) {
-      continue;  // a signal
-    }
+bool readAnswer(int pipe, const base::Deadline& deadline, std::string& text) {
+  while (deadline.waitToRead(pipe) > 0) {
     char buffer[4096];
     const ssize_t size = read(pipe, buffer, sizeof(buffer));
     if (size == 0) {
@@ -96,6 +84,7 @@ bool readAnswer(int pipe, Clock::time_point deadline, std::string& text) {
       text.append(buffer, static_cast<std::size_t>(size));
     }
   }
+  return false;
 }
 
 Finding conclude(const std::string& text, int status) {
@@ -111,27 +100,32 @@ Finding conclude(const std::string& text, int status) {
 }  // namespace
 
 Finding runApart(const Check& check, int seconds) {
-  int ends[2];
-  if (pipe(ends) != 0) {
-    throw std::system_error(errno, std::generic_category(), "no pipe can be made");
+  base::Pipe pipe = base::makePipe();
+  if (!pipe.readEnd) {
+    base::throwErrno("no pipe can be made");
   }
   const pid_t child = startApart();
   if (child < 0) {
-    throw std::system_error(errno, std::generic_category(), "no process can be started");
+    base::throwErrno("no process can be started");
   }
   if (child == 0) {
-    close(ends[0]);
-    answer(check, ends[1]);
+    answer(check, pipe.writeEnd.get());
   }
-  close(ends[1]);
+  pipe.writeEnd.reset();
   std::string text;
-  const bool answered = readAnswer(ends[0], Clock::now() + std::chrono::seconds(seconds), text);
-  close(ends[0]);
+  const bool answered = readAnswer(pipe.readEnd.get(), base::Deadline(seconds * 1000), text);
   running = 0;
   kill(-child, SIGKILL);  // what the check started as well
-  int status = 0;
-  waitpid(child, &status, 0);
+  const int status = base::waitForEnd(child);
   return answered ? conclude(text, status) : broken("no answer within " + std::to_string(seconds) + " s");
+}
+
+pid_t startChild(const std::function<bool()>& body) {
+  const pid_t child = fork();
+  if (child == 0) {
+    _exit(body() ? 0 : 1);
+  }
+  return child;
 }
 
 void catchInterruptions() {

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -16,6 +17,7 @@
 #include "checks.h"
 #include "key-lists.h"
 #include "minimum-versions.h"
+#include "mount-table.h"
 #include "public-keys.h"
 
 namespace conformance {
@@ -83,28 +85,12 @@ std::vector<fs::path> pathsOf(const char* place) {
 
 // ---- Mounts --------------------------------------------------------------------------
 
-struct Mount {
-  std::string place;
-  std::string options;
-};
-
-std::vector<Mount> usbMounts() {
-  std::vector<Mount> mounts;
-  std::ifstream table("/proc/self/mounts");
-  for (std::string line; std::getline(table, line);) {
-    std::istringstream words(line);
-    std::string source;
-    std::string type;
-    Mount mount;
-    if (words >> source >> mount.place >> type >> mount.options && mount.place.rfind(kUsbDrive, 0) == 0) {
-      mounts.push_back(mount);
-    }
-  }
+std::vector<base::Mount> usbMounts() {
+  std::vector<base::Mount> mounts = base::mounts();
+  mounts.erase(std::remove_if(mounts.begin(), mounts.end(),
+                              [](const base::Mount& mount) { return mount.place.rfind(kUsbDrive, 0) != 0; }),
+               mounts.end());
   return mounts;
-}
-
-bool hasOption(const Mount& mount, const std::string& option) {
-  return ("," + mount.options + ",").find("," + option + ",") != std::string::npos;
 }
 
 // ---- Settings ------------------------------------------------------------------------
@@ -228,10 +214,10 @@ Finding secureDownloadsAreSigned() {
 }
 
 Finding secureDrivesAreReadOnly() {
-  const std::vector<Mount> mounts = usbMounts();
-  for (const Mount& mount : mounts) {
+  const std::vector<base::Mount> mounts = usbMounts();
+  for (const base::Mount& mount : mounts) {
     for (const char* option : {"ro", "nosuid", "nodev", "noexec"}) {
-      if (!hasOption(mount, option)) {
+      if (!base::hasOption(mount.options, option) && !base::hasOption(mount.fileSystemOptions, option)) {
         return broken(mount.place + " is not mounted with " + option +
                       "; have drives mounted with ro,nosuid,nodev,noexec");
       }

@@ -1,7 +1,3 @@
-// SPDX-License-Identifier: Apache-2.0
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstring>
 #include <set>
@@ -10,6 +6,8 @@
 #include <vector>
 
 #include "checks.h"
+#include "program-start.h"
+#include "runner.h"
 #include "trace-storage.h"
 
 namespace conformance {
@@ -106,16 +104,13 @@ Finding traceGoesOnInChild() {
     return off();
   }
   const std::uint32_t place = registeredPlace();
-  const pid_t child = fork();
-  if (child == 0) {
+  const pid_t child = startChild([place] {
     if (writeRecord(place, 3) != nullptr) {
       commit();
     }
-    _exit(0);
-  }
-  int status = 0;
-  waitpid(child, &status, 0);
-  return status == 0 ? kept() : broken("a forked child broke off at its first message");
+    return true;
+  });
+  return base::waitForEnd(child) == 0 ? kept() : broken("a forked child broke off at its first message");
 }
 
 }  // namespace conformance

@@ -54,6 +54,42 @@ TEST_F(PlatformCheck, FindsThePlatformOfOrdinaryLinuxWhole) {
   EXPECT_NE(result.output.find(" 0 broken"), std::string::npos) << result.output;
 }
 
+TEST_F(PlatformCheck, NamesTheCallsThatALibraryLacks) {
+  const ProgramResult result = check({"--library", INCOMPLETE_PLATFORM});
+
+  EXPECT_EQ(result.exitCode, 1) << result.output << result.error;
+  EXPECT_NE(result.output.find("library   BROKEN       has every call of the platform"), std::string::npos)
+      << result.output;
+  EXPECT_NE(result.output.find("it lacks "), std::string::npos) << result.output;
+  EXPECT_NE(result.output.find("PS_Mount"), std::string::npos) << result.output;
+  EXPECT_NE(result.output.find("appbinaryManager::ABM_DownloadAppBinary(void (*)"), std::string::npos)
+      << result.output;
+  EXPECT_EQ(result.output.find("LwipcEventDone"), std::string::npos) << "it has this one";
+  EXPECT_NE(result.output.find("0 kept, 1 broken, 0 not checked"), std::string::npos) << result.output;
+  EXPECT_EQ(result.error, "");
+}
+
+TEST_F(PlatformCheck, TellsProgramsTooThatALibraryLacksCalls) {
+  const ProgramResult result = check({"--library", INCOMPLETE_PLATFORM, "--only", "event", "--json"});
+
+  std::istringstream text(result.output);
+  Json::Value document;
+  text >> document;
+  EXPECT_EQ(result.exitCode, 1);
+  EXPECT_EQ(document["checks"][0]["area"].asString(), "library");
+  EXPECT_EQ(document["checks"][0]["verdict"].asString(), "broken");
+  EXPECT_EQ(document["checks"].size(), 1U);
+}
+
+TEST_F(PlatformCheck, ChecksNothingWithAFileThatIsNoLibrary) {
+  writeFile("/tmp/no-library.so", "text");
+
+  const ProgramResult result = check({"--library", "/tmp/no-library.so", "--only", "event"});
+
+  EXPECT_EQ(result.exitCode, 1) << result.output;
+  EXPECT_NE(result.output.find("the loader cannot take it"), std::string::npos) << result.output;
+}
+
 TEST_F(PlatformCheck, ChecksPowerWhereItCanBeHeld) {
   const SystemBus bus;
   const LogindStandIn logind(bus);
