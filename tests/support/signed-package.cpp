@@ -57,7 +57,7 @@ std::string withTrailer(const std::string& content, const fwpack::SigningKey& ke
 
 // Three small primes are found in a fraction of the time that two large ones take.
 fwpack::SigningKey makeKey(const fwpackage::Algorithm& algorithm) {
-  if (algorithm.signsDigestAsMessage) {
+  if (algorithm.way == &fwpackage::kDigestAsMessage) {
     return fwpack::SigningKey(algorithm);
   }
   const fwpackage::KeyContext context(EVP_PKEY_CTX_new_from_name(nullptr, algorithm.keyType, nullptr));

@@ -2,9 +2,6 @@
 #include "package-security.h"
 
 #include <fcntl.h>
-#include <openssl/rand.h>
-
-#include <stdexcept>
 
 #include "device-layout.h"
 #include "files.h"
@@ -38,22 +35,12 @@ bool isThere(const DirectoryTree& tree, const std::string& path) {
 
 void makeSigningKey(const std::string& path) {
   for (const auto& algorithm : fwpackage::kAlgorithms) {
-    if (algorithm.signsDigestAsMessage) {  // such a key is made in no time
+    if (algorithm.way == &fwpackage::kDigestAsMessage) {  // such a key is made in no time
       fwpack::OutputFile file(path, fwpack::kSecretMode, fwpack::Existing::Keep);
       fwpack::SigningKey(algorithm).writePrivatePem(file);
       return file.commit();
     }
   }
-}
-
-void makePackageKey(const std::string& path) {
-  secret::Secret key(secret::kPackageKeySize);
-  if (RAND_priv_bytes(key.data(), static_cast<int>(key.size())) != 1) {
-    throw std::runtime_error("the system gives no random numbers");
-  }
-  fwpack::OutputFile file(path, fwpack::kSecretMode, fwpack::Existing::Keep);
-  file.write(key.data(), key.size());
-  file.commit();
 }
 
 void installPublicKey(const std::string& signingKey, const std::string& keys) {
@@ -84,7 +71,7 @@ PackageSecurity installPackageSecurity(const std::string& device, const Director
   }
   const auto shared = tree.make(kShared);
   if (!isThere(tree, std::string(kShared) + kPackageKey)) {
-    makePackageKey(shared.path() + kPackageKey);
+    fwpack::writePackageKey(shared.path() + kPackageKey);
   }
   installPublicKey(signingKey, tree.make(fwpackage::kKeyDirectory).path());
   return {verified ? device + sandbox::kVerifierLibrary : "", device + kMaker + kSigningKey,

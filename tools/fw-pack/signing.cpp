@@ -3,7 +3,7 @@
 
 #include <openssl/err.h>
 #include <openssl/pem.h>
-#include <openssl/rsa.h>
+#include <openssl/rand.h>
 
 #include <algorithm>
 #include <stdexcept>
@@ -34,10 +34,8 @@ fwpackage::Key parsePrivateKey(const secret::Secret& pem) {
   return fwpackage::Key(bio ? PEM_read_bio_PrivateKey(bio.get(), nullptr, noPassPhrase, nullptr) : nullptr);
 }
 
+// A type of one size alone does not look at the bits.
 fwpackage::Key generate(const fwpackage::Algorithm& algorithm) {
-  if (algorithm.signsDigestAsMessage) {
-    return fwpackage::Key(EVP_PKEY_Q_keygen(nullptr, nullptr, algorithm.keyType));
-  }
   return fwpackage::Key(
       EVP_PKEY_Q_keygen(nullptr, nullptr, algorithm.keyType, static_cast<std::size_t>(algorithm.keyBits)));
 }
@@ -65,26 +63,6 @@ std::vector<unsigned char> makePart(const fwpackage::Algorithm& algorithm, const
   } catch (const std::invalid_argument& error) {
     throw Failure(ExitCode::Failed, error.what());
   }
-}
-
-// signature has room for the algorithm's size; returns what was written.
-std::size_t sign(const fwpackage::Algorithm& algorithm, EVP_PKEY* key,
-                 const std::vector<unsigned char>& digest, unsigned char* signature) {
-  std::size_t size = algorithm.signatureSize;
-  if (algorithm.signsDigestAsMessage) {
-    const fwpackage::DigestContext context(EVP_MD_CTX_new());
-    require(context && EVP_DigestSignInit(context.get(), nullptr, nullptr, nullptr, key) == 1 &&
-                EVP_DigestSign(context.get(), signature, &size, digest.data(), digest.size()) == 1,
-            "signing failed");
-    return size;
-  }
-  const fwpackage::KeyContext context(EVP_PKEY_CTX_new(key, nullptr));
-  require(context && EVP_PKEY_sign_init(context.get()) == 1 &&
-              EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_PKCS1_PADDING) == 1 &&
-              EVP_PKEY_CTX_set_signature_md(context.get(), EVP_get_digestbyname(algorithm.digest)) == 1 &&
-              EVP_PKEY_sign(context.get(), signature, &size, digest.data(), digest.size()) == 1,
-          "signing failed");
-  return size;
 }
 
 // PEM text in memory, wiped when it goes: it may be a private key.
@@ -135,8 +113,10 @@ fwpackage::TrailerBytes SigningKey::makeTrailer(fwpackage::PackageDigest& conten
   fwpackage::TrailerBytes trailer{};
   std::copy(signedPart.begin(), signedPart.end(), trailer.begin());
   content.add(signedPart.data(), signedPart.size());
-  const std::size_t size =
-      sign(*algorithm_, key_.get(), content.finish(), trailer.data() + signedPart.size());
+  std::size_t size = algorithm_->signatureSize;
+  require(algorithm_->way->sign(key_.get(), {algorithm_->digest, content.finish()},
+                                trailer.data() + signedPart.size(), size),
+          "signing failed");
   require(size == algorithm_->signatureSize, "the signature has an unexpected size");
   return trailer;
 }
@@ -156,6 +136,16 @@ void SigningKey::writePublicPem(OutputFile& file) const {
   PemBuffer pem;
   require(PEM_write_bio_PUBKEY(pem.get(), key_.get()) == 1, "the public key cannot be written");
   pem.writeTo(file);
+}
+
+void writePackageKey(const std::string& path) {
+  secret::Secret key(secret::kPackageKeySize);
+  if (RAND_priv_bytes(key.data(), static_cast<int>(key.size())) != 1) {
+    throw Failure(ExitCode::Failed, "the system gives no random numbers");
+  }
+  OutputFile file(path, kSecretMode, Existing::Keep);
+  file.write(key.data(), key.size());
+  file.commit();
 }
 
 void appendSignature(OutputFile& package, const SigningKey& key, const fwpackage::Statements& statements) {

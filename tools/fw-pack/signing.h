@@ -40,6 +40,9 @@ class SigningKey {
   const fwpackage::Algorithm* algorithm_;
 };
 
+// A new key to encrypt packages with. A file that is there already is not overwritten.
+void writePackageKey(const std::string& path);
+
 // Puts the trailer that signs it, in the newest format, behind a package whose content is
 // all there.
 void appendSignature(OutputFile& package, const SigningKey& key, const fwpackage::Statements& statements);

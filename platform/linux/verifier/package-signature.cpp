@@ -2,7 +2,6 @@
 #include "package-signature.h"
 
 #include <fcntl.h>
-#include <openssl/rsa.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -80,17 +79,8 @@ bool readFully(int file, unsigned char* buffer, std::size_t size, std::int64_t o
 }
 
 bool matches(const Trailer& trailer, const std::vector<unsigned char>& digest, EVP_PKEY* key) {
-  const std::size_t size = trailer.algorithm->signatureSize;
-  if (trailer.algorithm->signsDigestAsMessage) {
-    const DigestContext context(EVP_MD_CTX_new());
-    return context && EVP_DigestVerifyInit(context.get(), nullptr, nullptr, nullptr, key) == 1 &&
-           EVP_DigestVerify(context.get(), trailer.signature(), size, digest.data(), digest.size()) == 1;
-  }
-  const KeyContext context(EVP_PKEY_CTX_new(key, nullptr));
-  return context && EVP_PKEY_verify_init(context.get()) == 1 &&
-         EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_PKCS1_PADDING) == 1 &&
-         EVP_PKEY_CTX_set_signature_md(context.get(), EVP_get_digestbyname(trailer.algorithm->digest)) == 1 &&
-         EVP_PKEY_verify(context.get(), trailer.signature(), size, digest.data(), digest.size()) == 1;
+  const Algorithm& algorithm = *trailer.algorithm;
+  return algorithm.way->verify(key, {algorithm.digest, digest}, trailer.signature(), algorithm.signatureSize);
 }
 
 // Each list decides only when it can be used.

@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "signature-way.h"
+
 namespace fwpackage {
 
 inline constexpr std::size_t kTrailerSize = 534;
@@ -32,16 +34,16 @@ struct Algorithm {
   std::size_t signatureSize;
   const char* keyType;  // OpenSSL's name
   int keyBits;
-  bool signsDigestAsMessage;  // else with PKCS #1 v1.5, which names the digest
+  const SignatureWay* way;
   unsigned char firstFormat;
   unsigned char lastFormat;
 };
 
 // A signature of 512 bytes leaves format 2 no room for what it states.
 inline constexpr Algorithm kAlgorithms[] = {
-    {1, "rsa-4096", "SHA256", 512, "RSA", 4096, false, kOldFormat, kOldFormat},
-    {2, "ed25519", "SHA512", 64, "ED25519", 256, true, kOldFormat, kNewestFormat},
-    {3, "rsa-3072", "SHA256", 384, "RSA", 3072, false, kNewestFormat, kNewestFormat},
+    {1, "rsa-4096", "SHA256", 512, "RSA", 4096, &kPkcs1, kOldFormat, kOldFormat},
+    {2, "ed25519", "SHA512", 64, "ED25519", 256, &kDigestAsMessage, kOldFormat, kNewestFormat},
+    {3, "rsa-3072", "SHA256", 384, "RSA", 3072, &kPkcs1, kNewestFormat, kNewestFormat},
 };
 
 bool hasFormat(const Algorithm& algorithm, unsigned char format);

@@ -1,7 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
 // fw-pack keygen KIND FILE
-#include <openssl/rand.h>
-
 #include "../commands.h"
 #include "../signing.h"
 
@@ -20,13 +18,7 @@ const fwpackage::Algorithm* findAlgorithm(const std::string& name) {
 }
 
 frame::Report makePackageKey(const std::string& path) {
-  secret::Secret key(secret::kPackageKeySize);
-  if (RAND_priv_bytes(key.data(), static_cast<int>(key.size())) != 1) {
-    throw Failure(ExitCode::Failed, "the system gives no random numbers");
-  }
-  OutputFile file(path, kSecretMode, Existing::Keep);
-  file.write(key.data(), key.size());
-  file.commit();
+  writePackageKey(path);
   Json::Value details;
   details["secretKey"] = path;
   return answer("secret   " + path + " (to encrypt packages with)\n", details);
