@@ -45,8 +45,11 @@ void addSkipped(frame::Report& report, const TraceFile& file) {
     lines.push_back(std::to_string(file.trace.dropped) + " messages found no room and were not recorded.");
   }
   for (const std::string& line : lines) {
-    report.remarks.push_back(file.path + ": " + line);
-    report.details["skipped"].append(report.remarks.back());
+    const std::string sentence = file.path + ": " + line;
+    report.details["skipped"].append(sentence);
+    if (sentence != report.message) {  // people are told once
+      report.remarks.push_back(sentence);
+    }
   }
 }
 

@@ -2,7 +2,6 @@
 // The library checks large images with its real platform, a real module and a real
 // package: the module is offered an update only when the checksum of all bytes is right.
 #include <gtest/gtest.h>
-#include <json/json.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -11,6 +10,7 @@
 
 #include "device-environment.h"
 #include "fw-update-control.h"
+#include "image-information.h"
 #include "package-image.h"
 #include "sparse-image.h"
 

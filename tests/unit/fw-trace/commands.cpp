@@ -221,9 +221,17 @@ TEST_F(Commands, SayWhichTraceIsNotThere) {
 
   expectFailure("show 7", 3, "There is no trace of process 7.");
   const Answer given = answer("show " + path("d.fwtrace"));
-  EXPECT_THAT(given.error, HasSubstr("fw-trace: " + path("d.fwtrace") +
-                                     ": The file cannot be opened: No such file or directory.\n"));
+  EXPECT_EQ(given.error,
+            "fw-trace: " + path("d.fwtrace") + ": The file cannot be opened: No such file or directory.\n");
   EXPECT_EQ(given.exitCode, 4);
+}
+
+TEST_F(Commands, SayOfEachTraceThatItIsNotThere) {
+  const std::string rest = ": The file cannot be opened: No such file or directory.\n";
+
+  const Answer given = answer("show " + path("d.fwtrace") + " " + path("e.fwtrace"));
+
+  EXPECT_EQ(given.error, "fw-trace: " + path("d.fwtrace") + rest + "fw-trace: " + path("e.fwtrace") + rest);
 }
 
 TEST_F(Commands, SayWhenADirectoryHasNoTraces) {
