@@ -14,7 +14,9 @@
 #include "deadline.h"
 #include "dlog.h"
 #include "file-descriptor.h"
+#include "library-messages.h"
 #include "module-names.h"
+#include "platform-messages.h"
 #include "program-start.h"
 #include "system-error.h"
 
@@ -101,7 +103,7 @@ std::string startDownload(const std::string& package) {
 
 // In the form of the library's own messages, so that whoever reads those sees it.
 void logRefusal(const std::string& package, const std::string& reason) {
-  __dlog_print(2, DLOG_ERROR_PRIORITY, "FWUPDATE", "%s: %s(%d) > %s is not downloaded: %s",
+  __dlog_print(2, DLOG_ERROR_PRIORITY, "FWUPDATE", MESSAGE_PREFIX PLATFORM_MESSAGE_NOT_DOWNLOADED,
                "app-binary-manager.cpp", "ABM_DownloadAppBinary", __LINE__, package.c_str(), reason.c_str());
 }
 

@@ -15,6 +15,7 @@
 #include "library/library-log.h"
 #include "library/library.h"
 #include "library/log-meanings.h"
+#include "platform-messages.h"
 #include "progress/download-reporter.h"
 #include "report.h"
 #include "terminal.h"
@@ -26,7 +27,6 @@ using appbinaryManager::DownloadProgress;
 using appbinaryManager::DownloadState;
 
 constexpr std::chrono::milliseconds kRedraw{100};
-constexpr const char* kRefusedByPlatform = "%s is not downloaded: %s";
 
 struct Package {
   std::string module;
@@ -51,7 +51,7 @@ std::vector<std::string> wantedModules(const Options& options, const Library& li
 // The platform says why, the library only that.
 Finding refusal(const LogMessages& messages, const std::string& package) {
   for (const LogMessage& message : messages) {
-    if (message.format == kRefusedByPlatform && message.arguments.size() > 1 &&
+    if (message.format == PLATFORM_MESSAGE_NOT_DOWNLOADED && message.arguments.size() > 1 &&
         message.arguments[0] == package) {
       return {Outcome::DownloadFailed, package + " is not downloaded: " + message.arguments[1], ""};
     }
