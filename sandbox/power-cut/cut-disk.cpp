@@ -14,7 +14,8 @@
 #include <fstream>
 #include <set>
 #include <stdexcept>
-#include <system_error>
+
+#include "system-error.h"
 
 namespace powercut {
 namespace {
@@ -23,14 +24,10 @@ using base::FileDescriptor;
 
 constexpr std::uint32_t kSectorSize = 512;
 
-[[noreturn]] void fail(const std::string& what) {
-  throw std::system_error(errno, std::generic_category(), what);
-}
-
 FileDescriptor opened(const std::string& path, int flags) {
   FileDescriptor file(open(path.c_str(), flags | O_CLOEXEC, 0600));
   if (!file) {
-    fail(path);
+    base::throwErrno(path);
   }
   return file;
 }
@@ -38,7 +35,7 @@ FileDescriptor opened(const std::string& path, int flags) {
 FileDescriptor newFile(const std::string& path, std::size_t size) {
   FileDescriptor file = opened(path, O_RDWR | O_CREAT | O_TRUNC);
   if (ftruncate(file.get(), static_cast<off_t>(size)) != 0) {
-    fail(path);
+    base::throwErrno(path);
   }
   return file;
 }
@@ -73,7 +70,7 @@ LoopDisk::LoopDisk(const std::string& file) {
   for (;;) {
     const int number = ioctl(control.get(), LOOP_CTL_GET_FREE);
     if (number < 0) {
-      fail("a loop device");
+      base::throwErrno("a loop device");
     }
     path_ = "/dev/loop" + std::to_string(number);
     device_ = opened(path_, O_RDWR);
@@ -81,14 +78,14 @@ LoopDisk::LoopDisk(const std::string& file) {
       return;
     }
     if (errno != EBUSY) {  // somebody else took it
-      fail(path_);
+      base::throwErrno(path_);
     }
   }
 }
 
 void LoopDisk::forget() const {
   if (ioctl(device_.get(), BLKFLSBUF, 0) != 0) {
-    fail(path_);
+    base::throwErrno(path_);
   }
 }
 
@@ -129,14 +126,14 @@ bool CutDisk::isZero(std::size_t page) const {
 void CutDisk::writeRange(std::size_t begin, std::size_t end) {
   const std::size_t length = std::min(end, now_.size()) - begin;
   if (pwrite(file_.get(), &now_[begin], length, static_cast<off_t>(begin)) != static_cast<ssize_t>(length)) {
-    fail("the disk's file");
+    base::throwErrno("the disk's file");
   }
 }
 
 // What the kernel wrote into the state before may lie anywhere: the file begins anew.
 void CutDisk::makeState(const Selection& selection) {
   if (ftruncate(file_.get(), 0) != 0 || ftruncate(file_.get(), static_cast<off_t>(now_.size())) != 0) {
-    fail("the disk's file");
+    base::throwErrno("the disk's file");
   }
   for (std::size_t first = 0; first < pages_.size();) {
     std::size_t last = first + 1;
@@ -151,7 +148,7 @@ void CutDisk::makeState(const Selection& selection) {
     const Piece& piece = epoch.pieces[index];
     if (selection[index] &&
         pwrite(file_.get(), piece.data.data(), piece.data.size(), static_cast<off_t>(piece.offset)) < 0) {
-      fail("the disk's file");
+      base::throwErrno("the disk's file");
     }
   }
   loop_.forget();
@@ -165,7 +162,7 @@ int CutDisk::mountAt(const FileSystem& system, const std::string& directory) con
 
 void CutDisk::unmount(const std::string& directory) {
   if (umount2(directory.c_str(), 0) != 0) {
-    fail("cannot unmount " + directory);
+    base::throwErrno("cannot unmount " + directory);
   }
 }
 

@@ -6,10 +6,10 @@
 
 #include <array>
 #include <boost/endian/conversion.hpp>
-#include <cerrno>
 #include <fstream>
 #include <stdexcept>
-#include <system_error>
+
+#include "system-error.h"
 
 namespace powercut {
 namespace {
@@ -103,18 +103,14 @@ std::vector<DiskLogEntry> readDiskLog(const std::string& path) {
 
 DiskLogWriter::DiskLogWriter(const std::string& path)
     : file_(open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600)), end_(kSector) {
-  if (file_ < 0) {
-    throw std::system_error(errno, std::generic_category(), path);
+  if (!file_) {
+    base::throwErrno(path);
   }
   Sector first = {};
   putNumber(first, 0, kMagic);
   putNumber(first, 1, kVersion);
   boost::endian::store_little_u32(&first[24], kSector);
   put(first.data(), first.size(), 0);
-}
-
-DiskLogWriter::~DiskLogWriter() {
-  close(file_);
 }
 
 void DiskLogWriter::write(std::uint64_t offset, const char* data, std::size_t length) {
@@ -145,8 +141,8 @@ void DiskLogWriter::append(std::uint64_t flags, std::uint64_t offset, const char
 }
 
 void DiskLogWriter::put(const void* bytes, std::size_t length, std::uint64_t at) {
-  if (pwrite(file_, bytes, length, static_cast<off_t>(at)) != static_cast<ssize_t>(length)) {
-    throw std::system_error(errno, std::generic_category(), "the log of the disk cannot be written");
+  if (pwrite(file_.get(), bytes, length, static_cast<off_t>(at)) != static_cast<ssize_t>(length)) {
+    base::throwErrno("the log of the disk cannot be written");
   }
 }
 

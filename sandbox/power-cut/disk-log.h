@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "file-descriptor.h"
+
 namespace powercut {
 
 struct DiskLogEntry {
@@ -30,9 +32,6 @@ std::vector<DiskLogEntry> readDiskLog(const std::string& path);
 class DiskLogWriter {
  public:
   explicit DiskLogWriter(const std::string& path);
-  DiskLogWriter(const DiskLogWriter&) = delete;
-  DiskLogWriter& operator=(const DiskLogWriter&) = delete;
-  ~DiskLogWriter();
 
   void write(std::uint64_t offset, const char* data, std::size_t length);  // whole sectors
   void flush();
@@ -42,7 +41,7 @@ class DiskLogWriter {
   void append(std::uint64_t flags, std::uint64_t offset, const char* data, std::size_t length);
   void put(const void* bytes, std::size_t length, std::uint64_t at);
 
-  const int file_;
+  const base::FileDescriptor file_;
   std::uint64_t end_ = 0;
   std::uint64_t entries_ = 0;
 };

@@ -15,6 +15,8 @@
 #include <system_error>
 
 #include "disk-log.h"
+#include "file-descriptor.h"
+#include "system-error.h"
 
 namespace powercut {
 namespace {
@@ -26,15 +28,12 @@ constexpr unsigned int kLargestWrite = 1U << 20U;
 struct Recording {
   Recording(const std::string& path, const std::string& logPath)
       : image(open(path.c_str(), O_RDWR | O_CLOEXEC)), log(logPath) {
-    if (image < 0) {
-      throw std::system_error(errno, std::generic_category(), path);
+    if (!image) {
+      base::throwErrno(path);
     }
   }
-  Recording(const Recording&) = delete;
-  Recording& operator=(const Recording&) = delete;
-  ~Recording() { close(image); }
 
-  const int image;
+  const base::FileDescriptor image;
   DiskLogWriter log;
   void (*started)() = nullptr;
 };
@@ -73,7 +72,7 @@ int attributes(const char* path, struct stat* status, fuse_file_info* /*file*/) 
   if (std::strcmp(path, kDisk) != 0 && !isMark(path)) {
     return -ENOENT;
   }
-  if (!isMark(path) && fstat(recording().image, status) != 0) {
+  if (!isMark(path) && fstat(recording().image.get(), status) != 0) {
     return -errno;
   }
   status->st_mode = S_IFREG | 0600;
@@ -87,7 +86,7 @@ int openFile(const char* /*path*/, fuse_file_info* file) {
 }
 
 int readFile(const char* path, char* buffer, size_t size, off_t offset, fuse_file_info* /*file*/) {
-  const ssize_t count = isMark(path) ? 0 : pread(recording().image, buffer, size, offset);
+  const ssize_t count = isMark(path) ? 0 : pread(recording().image.get(), buffer, size, offset);
   return count < 0 ? -errno : static_cast<int>(count);
 }
 
@@ -97,8 +96,8 @@ int writeFile(const char* path, const char* bytes, size_t size, off_t offset, fu
       recording().log.mark(std::string(bytes, size));
       return;
     }
-    if (pwrite(recording().image, bytes, size, offset) != static_cast<ssize_t>(size)) {
-      throw std::system_error(errno, std::generic_category(), path);
+    if (pwrite(recording().image.get(), bytes, size, offset) != static_cast<ssize_t>(size)) {
+      base::throwErrno(path);
     }
     recording().log.write(static_cast<std::uint64_t>(offset), bytes, size);
   });
@@ -119,7 +118,7 @@ int truncateFile(const char* path, off_t /*size*/, fuse_file_info* /*file*/) {
 void leaveNamespace(const std::string& directory) {
   if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
       umount2(directory.c_str(), MNT_DETACH) != 0) {
-    throw std::system_error(errno, std::generic_category(), "the recorder cannot leave its namespace");
+    base::throwErrno("the recorder cannot leave its namespace");
   }
 }
 

@@ -21,6 +21,7 @@
 #include "file-descriptor.h"
 #include "outcome.h"
 #include "printable-text.h"
+#include "program-start.h"
 #include "system-error.h"
 #include "trial-child.h"
 
@@ -83,12 +84,12 @@ void take(const Record& record, Account& account) {
 class Child {
  public:
   Child(const Trial& trial, const Subject& subject) {
-    int ends[2];
-    if (pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0) {
+    base::Pipe records = base::makePipe(O_NONBLOCK);
+    if (!records.readEnd) {
       base::throwErrno("pipe2");
     }
-    records_ = FileDescriptor(ends[0]);
-    const FileDescriptor writeEnd(ends[1]);
+    records_ = std::move(records.readEnd);
+    const FileDescriptor writeEnd = std::move(records.writeEnd);
     output_ = FileDescriptor(memfd_create("output", MFD_CLOEXEC));
     const pid_t parent = getpid();
     id_ = fork();
@@ -129,8 +130,7 @@ class Child {
       return status_;
     }
     kill();
-    while (waitpid(id_, &status_, 0) < 0 && errno == EINTR) {
-    }
+    status_ = base::waitForEnd(id_);
     id_ = 0;
     return status_;
   }

@@ -23,7 +23,9 @@
 #include "device-paths.h"
 #include "disk-log.h"
 #include "disk-states.h"
+#include "program-start.h"
 #include "recorded-disk.h"
+#include "system-error.h"
 #include "tree-digest.h"
 #include "trials.h"
 
@@ -46,17 +48,8 @@ std::string inWork(const std::string& name) {
   return std::string(kWork) + "/" + name;
 }
 
-[[noreturn]] void fail(const std::string& what) {
-  throw std::system_error(errno, std::generic_category(), what);
-}
-
 int statusOf(pid_t child) {
-  int status = 0;
-  while (waitpid(child, &status, 0) < 0) {
-    if (errno != EINTR) {
-      fail("waitpid");
-    }
-  }
+  const int status = base::waitForEnd(child);
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
@@ -64,7 +57,7 @@ int statusOf(pid_t child) {
 pid_t started(const std::function<int()>& body) {
   const pid_t child = fork();
   if (child < 0) {
-    fail("fork");
+    base::throwErrno("fork");
   }
   if (child == 0) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
@@ -82,7 +75,7 @@ void mountAt(const powercut::LoopDisk& disk, const std::string& directory) {
   const auto& system = fileSystem();
   if (mount(disk.path().c_str(), directory.c_str(), system.kind.c_str(), MS_NOATIME,
             system.options.c_str()) != 0) {
-    fail("cannot mount " + disk.path());
+    base::throwErrno("cannot mount " + disk.path());
   }
 }
 
@@ -91,7 +84,7 @@ void unmount(const std::string& directory) {
   constexpr int kAttempts = 500;
   for (int attempt = 0; umount2(directory.c_str(), 0) != 0; ++attempt) {
     if (errno != EBUSY || attempt == kAttempts) {
-      fail("cannot unmount " + directory);
+      base::throwErrno("cannot unmount " + directory);
     }
     usleep(10'000);
   }
@@ -103,12 +96,11 @@ void unmount(const std::string& directory) {
 void makeDisk(const std::string& image) {
   std::ofstream(image).close();
   fs::resize_file(image, kDiskSize);
-  const pid_t maker = started([&] {
-    execl("/sbin/mkfs.ext4", "mkfs.ext4", "-q", "-F", "-E",
-          "lazy_itable_init=0,lazy_journal_init=0,nodiscard", image.c_str(), nullptr);
-    return 1;
-  });
-  if (statusOf(maker) != 0) {
+  pid_t maker = 0;
+  const int error = base::ProgramStart().run(
+      {"/sbin/mkfs.ext4", "-q", "-F", "-E", "lazy_itable_init=0,lazy_journal_init=0,nodiscard", image}, {},
+      maker);
+  if (error != 0 || statusOf(maker) != 0) {
     throw std::runtime_error("mkfs.ext4 made no disk for the power cut; is e2fsprogs installed?");
   }
   const std::string directory = inWork("filled");
@@ -146,7 +138,7 @@ class RecordedComponents {
       umount2(kComponents, MNT_DETACH);
       disk_.reset();
       kill(recorder_, SIGKILL);
-      waitpid(recorder_, nullptr, 0);
+      base::waitForEnd(recorder_);
     }
   }
 
