@@ -4,6 +4,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <iomanip>
@@ -75,7 +76,7 @@ void settle(Options& options) {
 
 constexpr std::size_t kLongestWords = std::size_t{1} << 20;  // of the loader
 
-// As people write it; empty when the loader's line is about something else.
+// As people call it; empty when the loader's line is about something else.
 std::string undefinedIn(const std::string& line) {
   constexpr std::string_view kStart = "undefined symbol: ";
   if (line.compare(0, kStart.size(), kStart) != 0) {
@@ -84,7 +85,8 @@ std::string undefinedIn(const std::string& line) {
   const std::string name = line.substr(kStart.size(), line.find('\t') - kStart.size());
   const std::unique_ptr<char, decltype(&std::free)> readable(
       abi::__cxa_demangle(name.c_str(), nullptr, nullptr, nullptr), &std::free);
-  return readable ? readable.get() : name;
+  const std::string call = readable ? readable.get() : name;
+  return call.substr(0, call.find('('));
 }
 
 // What the loader says of this program with that library before the installed one: a line
@@ -110,7 +112,7 @@ Finding callsOf(const std::string& library) {
   std::string missing;
   for (std::string line; std::getline(words, line);) {
     if (line.find("cannot be preloaded") != std::string::npos) {
-      return broken("the loader cannot take it: " + line);
+      return broken("the loader cannot take it: " + line.substr(std::min(line.find("object"), line.size())));
     }
     if (const std::string name = undefinedIn(line); !name.empty()) {
       missing += (missing.empty() ? "" : ", ") + name;
