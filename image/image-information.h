@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The description that stands beside a firmware image, "info.json", and the checksum that
 // it states. Plain values and functions; any thread.
 #ifndef FW_IMAGE_IMAGE_INFORMATION_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How the files of an extension package become one file. A plain function; any thread.
 #ifndef FW_IMAGE_SQUASHFS_H
 #define FW_IMAGE_SQUASHFS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The names of modules, packages and firmware, and what they say. Pure functions; any
 // thread.
 #ifndef MODULE_NAMES_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the platform of ordinary Linux says in the form of the library's messages, for those
 // who read it again. Macros, as in library-messages.h.
 #ifndef PLATFORM_MESSAGES_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "signature-way.h"
 
 #include <openssl/rsa.h>

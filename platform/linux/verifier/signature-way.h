@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How the digest of a package is signed, and a signature checked, with OpenSSL. Plain
 // functions; any thread.
 #ifndef FW_PLATFORM_SIGNATURE_WAY_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A platform library that has one call alone.
 #include "lwipc.h"
 
