@@ -266,6 +266,22 @@ TEST_F(InterruptedIsolatedUpdate, DrawsItsLineOnATerminalAndEndsWithCtrlC) {
   EXPECT_EQ(lock(), kFree);
 }
 
+TEST_F(InterruptedIsolatedUpdate, KillsAChildThatDoesNotEndWithTheThirdSignal) {
+  RunningTool tool({"update", "libtuner", "--isolated", "--patience", "1", "--progress", "ndjson"}, {});
+  tool.waitFor("\"percent\":4");
+  const Json::Value users = document({"lock", "status"})["processes"];
+  ASSERT_EQ(users.size(), 1U);
+  const pid_t child = users[0]["pid"].asInt();
+  ASSERT_EQ(kill(child, SIGSTOP), 0);
+
+  for (const int signal : {SIGHUP, SIGINT, SIGTERM}) {
+    tool.kill(signal);
+  }
+
+  EXPECT_EQ(tool.finish(), -SIGTERM);
+  EXPECT_FALSE(exists("/proc/" + std::to_string(child)));
+}
+
 TEST_F(InterruptedIsolatedUpdate, WaitsForTheLockAsLongAsItTakes) {
   RunningTool holder({"update", "libtuner", "--progress", "ndjson"}, {});
   holder.waitFor("\"percent\":4");

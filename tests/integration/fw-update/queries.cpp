@@ -8,6 +8,7 @@
 
 namespace {
 
+using ::testing::ContainsRegex;
 using ::testing::HasSubstr;
 
 class Query : public ToolTest {};
@@ -115,6 +116,18 @@ TEST_F(Query, VerifiesNoVersionThatIsNotKnown) {
       6);
   EXPECT_EQ(document({"verify", "libother", "--version", "1"})["exitCode"].asInt(), 4);
   EXPECT_EQ(document({"verify", "libodd"})["exitCode"].asInt(), 2);
+}
+
+TEST_F(Query, ShowsAModuleToPeople) {
+  installModule("libtuner");
+  installImage("tunerfw");
+  run({"update", "libtuner"});
+
+  const Ended info = run({"info", "libtuner"});
+
+  EXPECT_THAT(info.out, HasSubstr("Version      2.0.0\n"));
+  EXPECT_THAT(info.out, ContainsRegex("Takes about  [0-9]+ s\n"));
+  EXPECT_THAT(info.out, HasSubstr("Progress     100 %\n"));
 }
 
 TEST_F(Query, ReportsAModuleThatCannotTellItsVersion) {

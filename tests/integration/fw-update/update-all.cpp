@@ -400,6 +400,13 @@ TEST_F(PendingList, WritesTheFileAndShowsIt) {
   EXPECT_EQ(ended["modules"][0]["package"].asString(), "oneemp");
 }
 
+TEST_F(PendingList, SaysThatItIsEmptyAndShowsNoTable) {
+  install("current");
+  writeFile(kState + "current.version", "2.0");
+
+  EXPECT_EQ(run({"pending-list"}).out, "No module needs an update; /tmp/fwupdate-off-list.txt is empty.\n");
+}
+
 TEST_F(PendingList, RefusesALinkAndLeavesItAlone) {
   install("one");
   fs::create_symlink("/tmp/nowhere", kList);
