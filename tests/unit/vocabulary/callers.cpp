@@ -3,13 +3,17 @@
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
+#include <cctype>
 #include <fstream>
 #include <iterator>
+#include <sstream>
 #include <string>
 
 namespace {
 
 using ::testing::HasSubstr;
+using ::testing::Not;
 
 std::string textOf(const char* path) {
   std::ifstream file(path);
@@ -43,6 +47,32 @@ TEST(Callers, AreInTheHandbook) {
       EXPECT_THAT(handbook, HasSubstr("| `" + std::string(caller.name) + "` |"));
     }
   }
+}
+
+// In lower case, the line breaks of comments as blanks.
+std::string wordsOf(std::string text) {
+  std::istringstream words(text);
+  text.clear();
+  for (std::string word; words >> word;) {
+    text += word == "*" ? "" : word + " ";
+  }
+  std::transform(text.begin(), text.end(), text.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  return text;
+}
+
+// Which is for authors in plain C, who have no enumerators.
+TEST(Callers, AreNumberedInTheHeaderOfModules) {
+  std::string header = wordsOf(textOf(MODULE_HEADER));
+  header = header.substr(header.find("callertypes of "));
+  header = header.substr(0, header.find("*/"));
+
+  for (const fwcallers::Caller& caller : fwcallers::kCallers) {
+    std::string name = caller.name != nullptr && caller.fixedData == nullptr ? caller.name : "";
+    std::replace(name.begin(), name.end(), '-', ' ');
+    EXPECT_THAT(header, HasSubstr(" " + std::to_string(caller.type) + " " + name));
+  }
+  EXPECT_THAT(header, Not(HasSubstr(" " + std::to_string(fwcallers::countTypes()) + " ")));
 }
 
 }  // namespace
