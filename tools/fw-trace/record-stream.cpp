@@ -49,18 +49,18 @@ void RecordStream::add(TraceReading& reading) {
 }
 
 // Puts the thread where its next record belongs; drops it when it has none.
-void RecordStream::queue(std::size_t number) {
-  Thread& thread = threads_[number];
-  if (thread.taken == thread.records.size()) {
+void RecordStream::queue(std::size_t thread) {
+  Thread& reader = threads_[thread];
+  if (reader.taken == reader.records.size()) {
     // Opened for each window: there may be more traces than a process may open files.
-    const BytesOfFile bytes(thread.reading->file.path);
-    const bool same = bytes.problem().empty() && bytes.inode() == thread.reading->file.inode;
-    thread.records =
-        same ? thread.ring->next(bytes, thread.reading->file.trace.skipped) : std::vector<Record>();
-    thread.taken = 0;
+    const BytesOfFile bytes(reader.reading->file.path);
+    const bool same = bytes.problem().empty() && bytes.inode() == reader.reading->file.inode;
+    reader.records =
+        same ? reader.ring->next(bytes, reader.reading->file.trace.skipped) : std::vector<Record>();
+    reader.taken = 0;
   }
-  if (!thread.records.empty()) {
-    turns_.push({thread.records[thread.taken].time, number});
+  if (!reader.records.empty()) {
+    turns_.push({reader.records[reader.taken].time, thread});
   }
 }
 

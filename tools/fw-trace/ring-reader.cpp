@@ -14,7 +14,7 @@ using namespace fwplatform::trace;
 constexpr std::size_t kMaximumNotes = 20;
 constexpr std::int64_t kLatestTime = INT64_MAX / 2;  // the year 2116
 // Many rings are read side by side.
-constexpr std::uint64_t kWindow = 16 * 1024;
+constexpr std::uint64_t kWindow = std::uint64_t{16} * 1024;
 
 template <typename Value>
 Value valueIn(std::string_view bytes) {

@@ -7,6 +7,7 @@
 
 #include "checks.h"
 #include "fw-module-test.h"
+#include "thoroughness.h"
 
 namespace {
 
@@ -104,7 +105,8 @@ constexpr Fault kFaults[] = {
 
 // What hangs costs the limit; nothing else takes as long.
 std::vector<std::string> checkCommand(const std::string& file) {
-  return {"check", file, "--timeout", "5", "--keep", FW_BINARY_DIRECTORY};
+  const char* const limit = thoroughness::kUnderASanitizer ? "15" : "5";
+  return {"check", file, "--timeout", limit, "--keep", FW_BINARY_DIRECTORY};
 }
 
 void PrintTo(const Fault& fault, std::ostream* stream) {

@@ -2,7 +2,9 @@
 // fw-update download NAME... | --all
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
+#include <iterator>
 #include <optional>
 #include <string>
 #include <thread>
@@ -195,9 +197,7 @@ std::optional<Finding> problemOf(const Library& library, const std::vector<std::
 
 std::vector<Package> requestEach(const std::vector<std::string>& modules) {
   std::vector<Package> packages;
-  for (const std::string& module : modules) {
-    packages.push_back(request(module));
-  }
+  std::transform(modules.begin(), modules.end(), std::back_inserter(packages), request);
   return packages;
 }
 
