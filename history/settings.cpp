@@ -94,7 +94,8 @@ SettingsRead readSettings(const std::string& path) {
     ++number;
     const std::string problem = take(read.settings, line);
     if (!problem.empty() && read.problem.empty()) {
-      read.problem = path + ", line " + std::to_string(number) + ": " + problem;
+      read.problem = path;
+      read.problem.append(", line ").append(std::to_string(number)).append(": ").append(problem);
     }
   }
   return read;

@@ -36,6 +36,7 @@ AREAS = (
     Area("sandbox", ("sandbox-test", "fw-device-test")),
     Area("sandbox/power-cut", ("test-power-cut",)),
     Area("image", ("test-image", "sandbox-test", "fw-pack-test")),
+    Area("history", ("test-history",), ("UpdateHistory.*",), (*DEVICE, "fw-update")),
     Area("modules", ("modules-test", "component-flash-test", "test-large-images")),
     Area("vocabulary", ("test-vocabulary", "test-fw-update", "test-fw-trace"), ("Troubleshooting.*",)),
     Area("tools/shared", ("test-tool-*", "test-fw-update")),

@@ -19,6 +19,15 @@ std::string ShortHelp::make_option_opts(const CLI::Option* option) const {
   return option->get_type_name().empty() ? "" : " " + option->get_type_name();
 }
 
+std::string ShortHelp::make_subcommands(const CLI::App* app, CLI::AppFormatMode mode) const {
+  std::string text = Formatter::make_subcommands(app, mode);
+  const std::string heading = "Subcommands:\n";
+  if (const auto at = text.find(heading); at != std::string::npos) {
+    text.erase(at, heading.size());
+  }
+  return text;
+}
+
 std::string ShortHelp::make_help(const CLI::App* app, std::string name, CLI::AppFormatMode mode) const {
   std::string text = Formatter::make_help(app, std::move(name), mode);
   text.erase(std::unique(text.begin(), text.end(), [](char a, char b) { return a == '\n' && b == '\n'; }),

@@ -20,6 +20,7 @@ class ShortHelp : public CLI::Formatter {
   std::string make_group(std::string group, bool positional,
                          std::vector<const CLI::Option*> options) const override;
   std::string make_option_opts(const CLI::Option* option) const override;
+  std::string make_subcommands(const CLI::App* app, CLI::AppFormatMode mode) const override;
   std::string make_help(const CLI::App* app, std::string name, CLI::AppFormatMode mode) const override;
   std::string make_footer(const CLI::App* app) const override;
 };

@@ -7,8 +7,8 @@
 #include <utility>
 #include <vector>
 
-#include "image-information.h"
 #include "fw-pack-test.h"
+#include "image-information.h"
 #include "public-keys.h"
 
 namespace {

@@ -60,7 +60,7 @@ TEST(ChildProgram, IsReadToItsEndWhateverErrnoSays) {
   int blocks = 0;
   alarm(30);  // instead of reading for ever
 
-  fwpack::runProgram({"echo", "end"}, "coreutils", [&](const unsigned char*, std::size_t) {
+  fwpack::runProgram({"echo", "end"}, "coreutils", [&](std::string_view) {
     ++blocks;
     errno = EINTR;
   });

@@ -26,4 +26,13 @@ TEST(ShortHelp, HasNoHeadingsAndNoEmptyLines) {
             "The last line.");
 }
 
+TEST(ShortHelp, HasNoHeadingOfSubcommandsEither) {
+  CLI::App app("Does something.", "program");
+  app.formatter(std::make_shared<tool::ShortHelp>(12));
+  app.add_subcommand("work", "Works");
+
+  EXPECT_EQ(app.help().find("Subcommands"), std::string::npos);
+  EXPECT_NE(app.help().find("  work "), std::string::npos);
+}
+
 }  // namespace

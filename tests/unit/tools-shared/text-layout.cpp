@@ -83,8 +83,7 @@ TEST(Document, LetsNoControlCharacterThroughWhereverItStands) {
   document["list"].append(1);
   document["inside"]["\x7f"] = "\x1b";
 
-  EXPECT_EQ(tool::onOneLine(document),
-            "{\"inside\":{\"\\u007f\":\"\\u001b\"},\"list\":[\"a\\u007f\",1]}\n");
+  EXPECT_EQ(tool::onOneLine(document), "{\"inside\":{\"\\u007f\":\"\\u001b\"},\"list\":[\"a\\u007f\",1]}\n");
 }
 
 TEST(Seconds, AreRoundedToThreeDecimals) {
