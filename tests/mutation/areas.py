@@ -33,6 +33,7 @@ AREAS = (
                                        "replay-privileged-message"), ("AsAnOrdinaryUser.test-squashfs-unpack",)),
     Area("platform/linux/trace", ("test-platform-trace-*", "test-fw-trace", "replay-trace-reader")),
     Area("platform/linux/verifier", ("test-verifier", "test-package-signature", "replay-package-signature", "fw-pack-test")),
+    Area("platform/skeleton", ("platform-check-test",)),
     Area("sandbox", ("sandbox-test", "fw-device-test")),
     Area("sandbox/power-cut", ("test-power-cut",)),
     Area("image", ("test-image", "sandbox-test", "fw-pack-test")),
