@@ -98,7 +98,9 @@ std::string loaderWords(const std::string& library) {
                                          "LD_BIND_NOW=yes"});
   pid_t loader = 0;
   base::ProgramStart start;
-  start.withNothingAt(STDOUT_FILENO).with(words.get(), STDERR_FILENO);
+  // Not /dev/null: a set whose /dev lacks its nodes is looked at, too.
+  const base::FileDescriptor libraries(memfd_create("libraries", MFD_CLOEXEC));
+  start.with(libraries.get(), STDOUT_FILENO).with(words.get(), STDERR_FILENO);
   std::string text;
   if (start.run({"/proc/self/exe"}, environment, loader) != 0 || base::waitForEnd(loader) != 0 ||
       lseek(words.get(), 0, SEEK_SET) != 0 || base::readToEnd(words.get(), kLongestWords, text) != 0) {

@@ -2,7 +2,9 @@
 // The command line of fw-download, and what it answers the platform library.
 #include <fcntl.h>
 #include <json/json.h>
+#include <linux/securebits.h>
 #include <sys/mount.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -205,10 +207,13 @@ TEST_F(DownloadProgram, TellsInJsonWhyItDoesNotBegin) {
 // A directory that the kernel lets nobody write to, not even root.
 TEST_F(DownloadProgram, SaysWhoMayDownload) {
   configure("file:///tmp/served");
-  const WithoutFileOverride modesBind;
   ASSERT_EQ(chmod(kPackages.c_str(), 0555), 0);
+  const int ownBits = prctl(PR_GET_SECUREBITS);
+  ASSERT_EQ(prctl(PR_SET_SECUREBITS, ownBits | SECBIT_NOROOT), 0);  // modes bind root's programs, too
 
   const Json::Value result = documentIn(run({kWifi, "--json"}));
+
+  ASSERT_EQ(prctl(PR_SET_SECUREBITS, ownBits), 0);
 
   EXPECT_EQ(result["reason"], "not-permitted");
   EXPECT_THAT(result["message"].asString(), HasSubstr("cannot be used: Permission denied."));

@@ -71,6 +71,7 @@ TEST_F(LargeFlash, CountsThePercentOfMoreThanFourGibibytes) {
   writeFile("/var/lib/fw-components/tunerfw.component", "fail_at_percent = 1\n");
   const SparseImage image = markedImage(kSize);
   image.write("/tmp/image");
+  writeFile("/tmp/info.json", "{\"version\": \"2.0.0\"}\n");
   fwcomponent::Component component({"tunerempfw", "tunerfw", 10, 4096});
   component.setContext("libtuner", 4, "");
   ASSERT_TRUE(component.isNewer("2.0.0"));
