@@ -73,6 +73,15 @@ TEST_F(UpdateHistory, HasWhatDidNotSucceedAndWhy) {
   EXPECT_EQ(entry["image"].asString(), "/opt/usr/share/sbox/tunerfw/tunerfw.bin");
 }
 
+TEST_F(UpdateHistory, IsWrittenForADescriptionThatNoParserTakes) {
+  writeFile("/lib/firmware/ext/tunerfw/info.json", std::string(5000, '['));
+
+  const Json::Value refused = document({"update", "libtuner", "--caller", "epsolution"});
+
+  EXPECT_EQ(refused["outcome"].asString(), "refused-image");
+  EXPECT_EQ(shown(1)["outcome"].asString(), "refused-image");
+}
+
 TEST_F(UpdateHistory, IsShownFromATimeOn) {
   ASSERT_EQ(run({"update", "libtuner"}).exitCode, 0);
 

@@ -42,12 +42,16 @@ std::string checksumIn(const std::string& information) {
   std::string text;
   Json::Value document;
   const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
-  if (base::readFile(information, kLargestInformation, text) != 0 ||
-      !reader->parse(text.data(), text.data() + text.size(), &document, nullptr) || !document.isObject()) {
+  try {
+    if (base::readFile(information, kLargestInformation, text) != 0 ||
+        !reader->parse(text.data(), text.data() + text.size(), &document, nullptr) || !document.isObject()) {
+      return "";
+    }
+    const Json::Value& checksum = document["crc"];
+    return checksum.isConvertibleTo(Json::stringValue) ? checksum.asString() : "";
+  } catch (const Json::Exception&) {  // thrown at what is nested too deeply
     return "";
   }
-  const Json::Value& checksum = document["crc"];
-  return checksum.isConvertibleTo(Json::stringValue) ? checksum.asString() : "";
 }
 
 std::string keyOf(const std::string& package) {
