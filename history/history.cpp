@@ -241,6 +241,14 @@ std::string outcomeOf(Database& file, std::int64_t number) {
   return row.executeStep() ? row.getColumn(0).getString() : "";
 }
 
+bool isBegun(Database& file, const Attempt& attempt) {
+  Statement row(file, "SELECT 1 FROM entries WHERE number = ? AND began = ? AND outcome = ?");
+  row.bind(1, attempt.number);
+  row.bind(2, attempt.began);
+  row.bind(3, kRunning);
+  return row.executeStep();
+}
+
 struct flock byteOf(std::int64_t number, short type) {
   struct flock byte = {};
   byte.l_type = type;
@@ -314,6 +322,10 @@ Attempt History::begin(Entry entry) {
   entry.began = now();
   attempt.began = entry.began;
   const bool isWritten = write([&](Database& file) {
+    // A change that failed at its very end is in the file all the same.
+    if (isBegun(file, attempt)) {
+      return;
+    }
     insert(file, entry);
     attempt.number = file.getLastInsertRowid();
     attempt.lock = openLocks();

@@ -334,7 +334,9 @@ def judge_history(judge, result):
     if len(entries) == 2:
         first = entries[0]["outcome"]
         killed = result["update"]["code"] == KILLED
-        told = EXIT_CODES.get(first) == result["update"]["code"]
+        # Who cannot say how it went ends with 1; the history has how it went.
+        silenced = result["update"]["code"] == 1 and result["acted"] and result["acted"][2] == "standard output"
+        told = silenced or EXIT_CODES.get(first) == result["update"]["code"]
         judge.require(first == "interrupted" if killed and first != "updated" else killed or told,
                       f"history: {first}, and the exit code was {result['update']['code']}")
         updated = all(judge.is_new(result["after"], name) for name in judge.new_components)
