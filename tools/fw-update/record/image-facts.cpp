@@ -2,15 +2,14 @@
 #include "record/image-facts.h"
 
 #include <fcntl.h>
-#include <json/reader.h>
-#include <json/value.h>
 
 #include <filesystem>
-#include <memory>
 
 #include "device-paths.h"
 #include "file-descriptor.h"
 #include "fw-update-symbol.h"
+#include "image-information.h"
+#include "module-names.h"
 #include "package-signature.h"
 #include "whole-file.h"
 
@@ -21,10 +20,8 @@ namespace fs = std::filesystem;
 
 constexpr std::size_t kLargestInformation = std::size_t{64} * 1024;
 
-// "emp" is taken out of a package's name for the firmware's.
 bool isPackageOf(const std::string& package, const std::string& firmware) {
-  const auto at = package.find("emp");
-  return at != std::string::npos && package.substr(0, at) + package.substr(at + 3) == firmware;
+  return fwnames::namesFirmware(package) && fwnames::firmwareNameOf(package) == firmware;
 }
 
 std::string extensionPackage(const std::string& firmware) {
@@ -38,20 +35,13 @@ std::string extensionPackage(const std::string& firmware) {
   return "";
 }
 
-std::string checksumIn(const std::string& information) {
+std::string checksumIn(const std::string& path) {
   std::string text;
-  Json::Value document;
-  const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
-  try {
-    if (base::readFile(information, kLargestInformation, text) != 0 ||
-        !reader->parse(text.data(), text.data() + text.size(), &document, nullptr) || !document.isObject()) {
-      return "";
-    }
-    const Json::Value& checksum = document["crc"];
-    return checksum.isConvertibleTo(Json::stringValue) ? checksum.asString() : "";
-  } catch (const Json::Exception&) {  // thrown at what is nested too deeply
+  if (base::readFile(path, kLargestInformation, text) != 0) {
     return "";
   }
+  const auto information = image::parseInformation(text);
+  return information ? std::to_string(information->crc) : "";
 }
 
 std::string keyOf(const std::string& package) {
