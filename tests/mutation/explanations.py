@@ -1,9 +1,11 @@
 # SPDX-License-Identifier: Apache-2.0
 """Mutants that change nothing, and why: reading explained.txt.
 
-An explanation is a line "FILE: reason", perhaps continued on lines with two blanks in front,
-followed by the line as it is, behind "-", and the line as the mutant has it, behind "+". How
-far they are indented does not matter. "#" begins a comment.
+An explanation is a line "FILE, FUNCTION: reason", perhaps continued on lines with two blanks
+in front, followed by the line as it is, behind "-", and the line as the mutant has it, behind
+"+". FUNCTION is written as the list of mutants has it, "Type::function"; what stands in no
+function and no type has none. The reason holds for each line of these words in the function.
+How far they are indented does not matter. "#" begins a comment.
 """
 import dataclasses
 
@@ -16,12 +18,17 @@ class Malformed(Exception):
 class Explanation:
     at: str  # where it stands, for messages
     file: str
+    scope: str
     reason: str
     before: str = ""
     after: str = ""
 
     def fits(self, mutant):
-        return (mutant.file, mutant.before, mutant.after) == (self.file, self.before, self.after)
+        return ((mutant.file, mutant.scope, mutant.before, mutant.after)
+                == (self.file, self.scope, self.before, self.after))
+
+    def place(self):
+        return f"{self.file}, {self.scope}" if self.scope else self.file
 
 
 def read(path):
@@ -38,10 +45,11 @@ def read(path):
         elif line.startswith("  ") and last and not last.before:
             last.reason += " " + line.strip()
         elif ": " in line and line[0] not in "-+ ":
-            file, reason = line.split(": ", 1)
-            explanations.append(Explanation(f"{path.name}:{number}", file, reason.strip()))
+            place, reason = line.split(": ", 1)
+            file, _, scope = place.partition(", ")
+            explanations.append(Explanation(f"{path.name}:{number}", file, scope, reason.strip()))
         else:
-            raise Malformed(f"{path.name}:{number}: neither \"FILE: reason\" nor a line as it is (-) and becomes (+)")
+            raise Malformed(f"{path.name}:{number}: neither \"FILE, FUNCTION: reason\" nor a line as it is (-) and becomes (+)")
     for explanation in explanations:
         if not (explanation.reason and explanation.before and explanation.after):
             raise Malformed(f"{explanation.at}: an explanation is a reason, a line with \"-\" and one with \"+\"")
@@ -50,6 +58,6 @@ def read(path):
 
 def stale(explanations, mutants):
     """What no mutant is like any more, as texts."""
-    made = {(mutant.file, mutant.before, mutant.after) for mutant in mutants}
-    return [f"{each.at}: no mutant of {each.file} is like this any more" for each in explanations
-            if (each.file, each.before, each.after) not in made]
+    made = {(mutant.file, mutant.scope, mutant.before, mutant.after) for mutant in mutants}
+    return [f"{each.at}: no mutant of {each.place()} is like this any more" for each in explanations
+            if (each.file, each.scope, each.before, each.after) not in made]

@@ -32,6 +32,10 @@ NOTHING = "{}"  # no statement; or the value that a type has without one
 SAME = {"nullptr", "std::nullopt", '""'}  # as nothing, where they are returned
 RETURNED = {"true": "false", "false": "true", "0": "1", "1": "0", "-1": "0"}
 COMPARES = re.compile(r"^!|==|!=|&&|\|\|| [<>]=? ")
+BRACE = re.compile(r"[{};]")
+TYPE = re.compile(r"\b(?:class|struct|union)\s+(?:alignas\([^)]*\)\s+|\[\[[^\]]*\]\]\s+)*(\w+)(?:\s+final)?(?:\s*:[^:].*)?\s*$", re.DOTALL)
+FUNCTION = re.compile(r"[^=]*?(?P<name>[\w:~]*\boperator(?:\(\)|[^\s\w(]+)|[\w:~]+)\s*\(", re.DOTALL)
+GOES_ON = re.compile(r"\s*[,{]")  # behind a member's value in a constructor's head
 
 
 @dataclasses.dataclass(frozen=True)
@@ -42,14 +46,18 @@ class Mutant:
     new: str
     kind: str
     line: int
+    scope: str  # the function or type that it lies in, as "Type::function"; empty outside
     before: str  # the lines that change, joined into one
     after: str
 
     def apply(self, text):
         return text[:self.start] + self.new + text[self.end:]
 
+    def place(self):
+        return f"{self.file}:{self.line}, {self.scope}" if self.scope else f"{self.file}:{self.line}"
+
     def __str__(self):
-        return f"{self.file}:{self.line}: {self.kind}\n  - {self.before}\n  + {self.after}"
+        return f"{self.place()}: {self.kind}\n  - {self.before}\n  + {self.after}"
 
 
 def blanked(text):
@@ -145,6 +153,35 @@ def return_faults(code):
         yield match.end(), end, new, "return changed"
 
 
+def name_of_scope(head, inside_function):
+    """(name, whether it is a function) of what a brace opens; no name for statements, tables and namespaces."""
+    if inside_function:
+        return "", False
+    if match := TYPE.search(head):
+        return match[1], False
+    match = FUNCTION.match(head)
+    return (match["name"], True) if match and match["name"] not in KEYWORDS else ("", False)
+
+
+def scopes(code):
+    """(start, end, name) of types and functions, what is inside before what is around it."""
+    opened, begin = [], 0  # (start, where its head begins, name, whether it is a function)
+    for match in BRACE.finditer(code):
+        place = match.start()
+        if match[0] == "{":
+            name, function = name_of_scope(code[begin:place], any(each[3] for each in opened))
+            opened.append((place, begin, name, function))
+            begin = place + 1
+        elif match[0] == "}" and opened:
+            start, head, name, _ = opened.pop()
+            head_goes_on = name and GOES_ON.match(code, place + 1)
+            if name and not head_goes_on:
+                yield start, place, "::".join([*(each[2] for each in opened if each[2]), name])
+            begin = head if head_goes_on else place + 1
+        elif match[0] == ";":
+            begin = place + 1
+
+
 def line_range(text, start, end):
     first = text.rfind("\n", 0, start) + 1
     last = text.find("\n", max(start, end - 1))
@@ -154,7 +191,7 @@ def line_range(text, start, end):
 def make(file, text):
     """All mutants of a text, in the order of their places."""
     code = blanked(text)
-    found = {}
+    found, named = {}, list(scopes(code))
     for faults in (condition_faults, operator_faults, call_faults, return_faults):
         for start, end, new, kind in faults(code):
             written = new.replace(OLD, text[start:end])
@@ -162,6 +199,7 @@ def make(file, text):
             before = " ".join(text[first:last].split())
             after = " ".join((text[first:start] + written + text[end:last]).split())
             if "static_assert" not in before and not (new == NOTHING and text[start:end].strip() in SAME):
+                scope = next((name for first, last, name in named if first <= start < last), "")
                 found.setdefault((start, end, written), Mutant(
-                    file, start, end, written, kind, text.count("\n", 0, start) + 1, before, after))
+                    file, start, end, written, kind, text.count("\n", 0, start) + 1, scope, before, after))
     return sorted(found.values(), key=lambda mutant: (mutant.start, mutant.end, mutant.new))
