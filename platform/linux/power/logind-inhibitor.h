@@ -10,8 +10,9 @@
 
 namespace fwplatform {
 
-// Longest time that the bus and logind together get for their answer.
-constexpr int kLogindPatienceMs = 2000;
+// Longest time that the bus and logind together get for their answer. Where both are there but
+// busy, seconds are not rare; one that hangs holds a run over all modules up only once.
+constexpr int kLogindPatienceMs = 10000;
 
 // Blocks shutdown, sleep and idle until inhibitor is closed. 0, or a negative
 // errno value: -ETIMEDOUT when no answer came within kLogindPatienceMs.
