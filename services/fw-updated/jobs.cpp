@@ -1,0 +1,251 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "jobs.h"
+
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <chrono>
+#include <utility>
+
+#include "printable-text.h"
+#include "refusal.h"
+#include "system-error.h"
+#include "text-layout.h"
+
+namespace updated {
+namespace {
+
+constexpr std::size_t kMostWaiting = 64;
+// Done ones are kept for this long, and the newest longer; never more than the greatest number.
+constexpr std::size_t kAlwaysKept = 32;
+constexpr std::chrono::hours kKept{1};
+constexpr std::size_t kMostKept = 512;
+
+constexpr char kNever[] = "2037-12-31";  // nothing has begun since
+constexpr int kUnexpected = 1;           // exit code
+constexpr char kStopped[] = "stopped";
+constexpr char kInterrupted[] = "interrupted";
+
+}  // namespace
+
+Jobs::Jobs(EventLoop& loop, sdbus::IConnection& connection, Tool tool, ToolQueries& queries)
+    : loop_(loop), connection_(connection), tool_(std::move(tool)), queries_(queries) {}
+
+void Jobs::serve(JobObject::Requests requests, std::function<void()> listChanged) {
+  requests_ = std::move(requests);
+  listChanged_ = std::move(listChanged);
+}
+
+Jobs::Item& Jobs::insert(Job job) {
+  const std::uint64_t number = job.number;
+  auto& item = items_[number];
+  item = std::make_unique<Item>();
+  item->job = std::move(job);
+  item->object = std::make_unique<JobObject>(connection_, item->job, requests_);
+  lastNumber_ = std::max(lastNumber_, number);
+  return *item;
+}
+
+bool Jobs::hasTooMany() const {
+  const auto waiting = std::count_if(items_.begin(), items_.end(),
+                                     [](const auto& pair) { return !pair.second->job.isDone(); });
+  return static_cast<std::size_t>(waiting) > kMostWaiting;
+}
+
+const Job& Jobs::add(Request request, bool isAsking) {
+  if (hasTooMany()) {
+    throw refusal(kTooMany, "Too many jobs wait already. Try again when some of them are done.");
+  }
+  Job job;
+  job.number = lastNumber_ + 1;
+  job.module = request.module;
+  job.state = isAsking ? State::Asking : State::Queued;
+  job.sentence = isAsking ? "It waits for consent." : "It waits for its turn.";
+  job.request = std::move(request);
+  if (!files_.keep(job)) {
+    throw refusal(kFailed, "The job cannot be kept: there is no room in /run.");
+  }
+  const Item& item = insert(std::move(job));
+  forgetOld();
+  listChanged_();
+  next_ = loop_.soon([this] { startNext(); });
+  return item.job;
+}
+
+void Jobs::change(Item& item, const Change& step) {
+  const Job before = item.job;
+  step(item.job);
+  if (item.job.isDone() && !before.isDone()) {
+    files_.keep(item.job);
+    files_.removeWork(item.job.number);
+  }
+  item.object->tellChanges(changes(before, item.job));
+}
+
+void Jobs::startNext() {
+  if (child_ || isCleaningUp_) {
+    return;
+  }
+  const auto found = std::find_if(items_.begin(), items_.end(),
+                                  [](const auto& pair) { return pair.second->job.state == State::Queued; });
+  if (found != items_.end()) {
+    start(*found->second);
+  }
+}
+
+JobChild::Listener Jobs::listenerFor(Item& item) {
+  return {[this, &item](const Json::Value& event) {
+            change(item, [&event](Job& job) { take(job, event); });
+            item.object->emitEvent(base::validText(tool::onOneLine(event)));
+          },
+          [this, &item](std::optional<int> status) {
+            // Not while it is still on the way out of itself.
+            ending_ = loop_.soon([this, &item, status] { ended(item, status); });
+          }};
+}
+
+void Jobs::start(Item& item) {
+  child_ = std::make_unique<JobChild>(loop_, files_, item.job.number, listenerFor(item));
+  change(item, [](Job& job) {
+    job.state = State::Checking;
+    job.began = Job::Clock::now();
+    job.sentence = "It is being looked at.";
+  });
+  if (const int error = child_->start(tool_, item.job.request); error != 0) {
+    child_.reset();
+    finish(item.job.number, "unexpected-error", kUnexpected,
+           tool_.program + " cannot be started: " + base::errnoText(error) + ".",
+           "See whether it is installed, and whether the set has memory left.");
+  }
+}
+
+void Jobs::follow(Item& item) {
+  change(item, [](Job& job) {
+    job.state = State::Checking;
+    job.began = Job::Clock::now();
+  });
+  child_ = std::make_unique<JobChild>(loop_, files_, item.job.number, listenerFor(item));
+  child_->follow();
+}
+
+void Jobs::tellEnd(Item& item, std::optional<int> status) {
+  if (item.isCancelled) {
+    finish(item.job.number, kStopped, kUnexpected, "It was cancelled before it reached a module.", "");
+  } else if (status && WIFEXITED(*status)) {
+    finish(item.job.number, "unexpected-error", kUnexpected,
+           "The command ended with exit code " + std::to_string(WEXITSTATUS(*status)) + " and no result.",
+           "See the log of the service.");
+  } else {
+    finish(item.job.number, kInterrupted, kUnexpected,
+           "It was cut off: its process ended before the update did, or the power went.",
+           "See whether it left the update lock taken: fw-update lock status. Then try again.");
+  }
+}
+
+void Jobs::ended(Item& item, std::optional<int> status) {
+  child_.reset();
+  const bool wasCutOff = !item.job.isDone() && !item.isCancelled;
+  if (!item.job.isDone()) {
+    tellEnd(item, status);
+  }
+  if (wasCutOff) {
+    cleanUp(true);
+  } else {
+    startNext();
+  }
+}
+
+// Gives the lock back where that is safe, and has the history find what was cut off, which
+// it does whenever it is read.
+void Jobs::cleanUp(bool wasCutOff) {
+  isCleaningUp_ = true;
+  if (wasCutOff) {
+    queries_.ask({"lock", "recover"}, [](const ToolAnswer&) {});
+  }
+  queries_.ask({"history", "--since", kNever}, [this](const ToolAnswer&) {
+    isCleaningUp_ = false;
+    startNext();
+  });
+}
+
+void Jobs::restore() {
+  bool wasCutOff = false;
+  for (Job& loaded : files_.load()) {
+    Item& item = insert(std::move(loaded));
+    if (item.job.isDone() || !files_.hasBegun(item.job.number)) {
+      continue;
+    }
+    if (child_ == nullptr) {
+      follow(item);
+    } else {  // two at once there never are
+      tellEnd(item, std::nullopt);
+      wasCutOff = true;
+    }
+  }
+  listChanged_();
+  if (wasCutOff || child_ == nullptr) {
+    cleanUp(wasCutOff);
+  }
+}
+
+void Jobs::begin(std::uint64_t number) {
+  change(*items_.at(number), [](Job& job) {
+    job.state = State::Queued;
+    job.sentence = "It waits for its turn.";
+  });
+  next_ = loop_.soon([this] { startNext(); });
+}
+
+void Jobs::finish(std::uint64_t number, const std::string& outcome, int exitCode, const std::string& sentence,
+                  const std::string& remedy) {
+  change(*items_.at(number), [&](Job& job) { end(job, outcome, exitCode, sentence, remedy); });
+}
+
+void Jobs::cancel(std::uint64_t number) {
+  Item& item = *items_.at(number);
+  if (item.job.isDone()) {
+    throw refusal(kTooLate, "The job is over.");
+  }
+  if (item.isCancelled) {
+    throw refusal(kTooLate, "The job has been cancelled already.");
+  }
+  if (item.job.state == State::Queued || item.job.state == State::Asking) {
+    finish(number, kStopped, kUnexpected, "It was cancelled before it began.", "");
+    return;
+  }
+  if (child_ == nullptr || !child_->cancel()) {
+    throw refusal(kTooLate, "The job has reached a module and cannot be cancelled any more.");
+  }
+  item.isCancelled = true;
+}
+
+const Job* Jobs::find(std::uint64_t number) const {
+  const auto found = items_.find(number);
+  return found == items_.end() ? nullptr : &found->second->job;
+}
+
+std::vector<sdbus::ObjectPath> Jobs::paths() const {
+  std::vector<sdbus::ObjectPath> paths;
+  paths.reserve(items_.size());
+  for (const auto& pair : items_) {
+    paths.emplace_back(kJobPaths + std::to_string(pair.first));
+  }
+  return paths;
+}
+
+void Jobs::forgetOld() {
+  auto done = static_cast<std::size_t>(std::count_if(
+      items_.begin(), items_.end(), [](const auto& pair) { return pair.second->job.isDone(); }));
+  const auto longAgo = Job::Clock::now() - kKept;
+  for (auto next = items_.begin(); next != items_.end() && done > kAlwaysKept;) {
+    const auto item = next++;
+    const Job& job = item->second->job;
+    if (job.isDone() && (done > kMostKept || job.ended < longAgo)) {
+      files_.remove(job.number);
+      items_.erase(item);
+      --done;
+    }
+  }
+}
+
+}  // namespace updated

@@ -1,0 +1,86 @@
+// SPDX-License-Identifier: Apache-2.0
+// The jobs of the service: one at work, the others behind it in the order in which they were
+// asked for, and those that are done. Whoever asks has been found allowed to. One thread.
+#ifndef FW_UPDATED_JOBS_H
+#define FW_UPDATED_JOBS_H
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include "event-loop.h"
+#include "job-child.h"
+#include "job-files.h"
+#include "job-object.h"
+#include "job.h"
+#include "tool-query.h"
+
+namespace updated {
+
+class Jobs {
+ public:
+  Jobs(EventLoop& loop, sdbus::IConnection& connection, Tool tool, ToolQueries& queries);
+  Jobs(const Jobs&) = delete;
+  Jobs& operator=(const Jobs&) = delete;
+
+  // What clients ask of jobs goes there; before the first job. listChanged: after each change of paths().
+  void serve(JobObject::Requests requests, std::function<void()> listChanged);
+
+  // Jobs of an earlier service: those at work are followed, those that wait go on waiting, and those
+  // that were cut off are done.
+  void restore();
+
+  // The job is there when this returns. Throws sdbus::Error when there are too many.
+  // isAsking: it waits for consent first.
+  const Job& add(Request request, bool isAsking = false);
+  // Of a job that asks. Both are for jobs that are there.
+  void begin(std::uint64_t number);
+  void finish(std::uint64_t number, const std::string& outcome, int exitCode, const std::string& sentence,
+              const std::string& remedy);
+  // Throws sdbus::Error when it is too late.
+  void cancel(std::uint64_t number);
+
+  const Job* find(std::uint64_t number) const;
+  std::vector<sdbus::ObjectPath> paths() const;
+
+ private:
+  struct Item {
+    Job job;
+    std::unique_ptr<JobObject> object;
+    bool isCancelled = false;
+  };
+  using Change = std::function<void(Job& job)>;
+
+  Item& insert(Job job);
+  void change(Item& item, const Change& step);
+  void startNext();
+  void start(Item& item);
+  void follow(Item& item);
+  JobChild::Listener listenerFor(Item& item);
+  void tellEnd(Item& item, std::optional<int> status);
+  void ended(Item& item, std::optional<int> status);
+  void cleanUp(bool wasCutOff);
+  void forgetOld();
+  bool hasTooMany() const;
+
+  EventLoop& loop_;
+  sdbus::IConnection& connection_;
+  const Tool tool_;
+  ToolQueries& queries_;
+  const JobFiles files_;
+  JobObject::Requests requests_;
+  std::function<void()> listChanged_;
+  std::map<std::uint64_t, std::unique_ptr<Item>> items_;
+  std::uint64_t lastNumber_ = 0;
+  std::unique_ptr<JobChild> child_;  // null: nothing is at work
+  bool isCleaningUp_ = false;        // nothing may begin
+  Source next_;
+  Source ending_;
+};
+
+}  // namespace updated
+
+#endif

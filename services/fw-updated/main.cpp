@@ -1,0 +1,108 @@
+// SPDX-License-Identifier: Apache-2.0
+// fw-updated: the update service. Takes its name on the bus and serves until it is asked to end.
+#include <systemd/sd-daemon.h>
+#include <unistd.h>
+
+#include <climits>
+#include <exception>
+#include <memory>
+#include <string>
+
+#include "access.h"
+#include "event-loop.h"
+#include "frame/program.h"
+#include "jobs.h"
+#include "manager.h"
+#include "tool-query.h"
+
+namespace {
+
+enum class Outcome { Ended, Failed, Usage };
+
+constexpr frame::OutcomeInfo kOutcomes[] = {
+    {"ok", 0, "ended by SIGTERM or SIGINT", frame::Tone::Answer},
+    {"failed", 1, "could not serve", frame::Tone::Failure},
+    {"usage", 2, "usage", frame::Tone::Failure},
+};
+
+constexpr const frame::OutcomeInfo& infoOf(Outcome outcome) {
+  return kOutcomes[static_cast<std::size_t>(outcome)];
+}
+
+struct Options {
+  bool json = false;
+  std::string bus;
+  std::string keyFile = "/usr/share/fw-update/package.key";
+  std::string program;
+};
+
+using Option = frame::Option<Options>;
+
+constexpr Option kOptions[] = {
+    {"--bus ADDRESS", &Options::bus, "The bus to serve on; default: the system bus"},
+    Option("--key-file FILE", &Options::keyFile, "The key of USB packages").withDefault(),
+    {"--fw-update PROGRAM", &Options::program, "The command that does the work; default: the one beside"},
+};
+
+// The one that was built, or is installed, with this program.
+std::string commandBeside() {
+  char self[PATH_MAX] = {};
+  const ssize_t length = readlink("/proc/self/exe", self, sizeof self - 1);
+  const std::string path(self, length > 0 ? static_cast<std::size_t>(length) : 0);
+  const std::string directory = path.substr(0, path.rfind('/'));
+  for (const char* const place : {"/fw-update", "/../bin/fw-update"}) {
+    if (access((directory + place).c_str(), X_OK) == 0) {
+      return directory + place;
+    }
+  }
+  return "fw-update";
+}
+
+std::unique_ptr<sdbus::IConnection> connectTo(const std::string& bus) {
+  return bus.empty() ? sdbus::createSystemBusConnection() : sdbus::createSessionBusConnectionWithAddress(bus);
+}
+
+void serve(const Options& options) {
+  updated::EventLoop loop;
+  const std::unique_ptr<sdbus::IConnection> connection = connectTo(options.bus);
+  const updated::Tool tool{options.program.empty() ? commandBeside() : options.program, options.keyFile};
+  updated::Access access(*connection);
+  updated::ToolQueries queries(loop, tool.program);
+  updated::Jobs jobs(loop, *connection, tool, queries);
+  updated::Manager manager(*connection, access, jobs, queries);
+  jobs.restore();
+  connection->requestName(updated::kBusName);
+  loop.serve(*connection);
+  sd_notify(0, "READY=1");
+  loop.run();
+  sd_notify(0, "STOPPING=1");
+}
+
+frame::Report run(const Options& options) {
+  try {
+    serve(options);
+  } catch (const sdbus::Error& error) {
+    return frame::Report(Outcome::Failed, "The bus cannot be served: " + error.getMessage() + ".",
+                         "See whether the bus runs, and whether another fw-updated is on it.");
+  } catch (const std::exception& error) {
+    return frame::Report(Outcome::Failed, std::string("The service cannot go on: ") + error.what() + ".");
+  }
+  return frame::Report(Outcome::Ended);
+}
+
+constexpr frame::Command<Options> kCommands[] = {
+    {{"", "", "fw-updated --bus \"$DBUS_SESSION_BUS_ADDRESS\""}, {kOptions}, run},
+};
+
+constexpr frame::Program<Options> kProgram = {
+    {"fw-updated", "Updates firmware for others, who ask on D-Bus.", "", kOutcomes, Outcome::Usage,
+     Outcome::Failed},
+    {},
+    kCommands,
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  return frame::perform(kProgram, argc, argv);
+}
