@@ -95,9 +95,15 @@ class Step:
             cases.append(summary.Case(self.name, "failed", f"{output}\nexit code {status}"))
         return cases
 
-    def duration(self):
-        minutes, seconds = divmod(round(time.monotonic() - self.started), 60)
-        return f"{minutes} min {seconds} s" if minutes else f"{seconds} s"
+    def cost(self, usage):
+        """How long it took, and how long the processors worked for it: beside others it takes longer."""
+        worked = usage.ru_utime + usage.ru_stime
+        return f"{in_words(time.monotonic() - self.started)} ({in_words(worked)} of processor time)"
+
+
+def in_words(seconds):
+    minutes, seconds = divmod(round(seconds), 60)
+    return f"{minutes} min {seconds} s" if minutes else f"{seconds} s"
 
 
 def find_steps(level, names):
@@ -120,10 +126,10 @@ def run_all(steps, level, arguments):
                 print(f"check: {step.name}: {step.title}", flush=True)
                 running[step.start(level, arguments)] = step
                 waiting.remove(step)
-            process, status = os.wait()
+            process, status, usage = os.wait3(0)
             step = running.pop(process)
             cases = step.end(os.waitstatus_to_exitcode(status))
-            print(f"check: {step.name}: {summary.counts(cases)} in {step.duration()}", flush=True)
+            print(f"check: {step.name}: {summary.counts(cases)} in {step.cost(usage)}", flush=True)
             yield step, cases
     finally:
         for process, step in running.items():
