@@ -89,10 +89,19 @@ std::optional<ElfW(Shdr)> findSection(const Reader& file, unsigned int type) {
   return std::nullopt;
 }
 
-// The offset of the texts that the section's entries point into.
-std::uint64_t textsOf(const Reader& file, const ElfW(Shdr) & section) {
+// Calls take(entry, offset of the texts that it points into) for each entry of a section.
+template <typename Entry, typename Take>
+void forEachEntry(const Reader& file, unsigned int type, Take take) {
+  const auto section = findSection(file, type);
+  if (!section) {
+    return;
+  }
   const auto header = file.at<ElfW(Ehdr)>(0);
-  return file.at<ElfW(Shdr)>(header.e_shoff + std::uint64_t{section.sh_link} * header.e_shentsize).sh_offset;
+  const std::uint64_t texts =
+      file.at<ElfW(Shdr)>(header.e_shoff + std::uint64_t{section->sh_link} * header.e_shentsize).sh_offset;
+  for (std::uint64_t at = 0; at + sizeof(Entry) <= section->sh_size; at += sizeof(Entry)) {
+    take(file.at<Entry>(section->sh_offset + at), texts);
+  }
 }
 
 bool isExported(const ElfW(Sym) & symbol) {
@@ -104,34 +113,22 @@ bool isExported(const ElfW(Sym) & symbol) {
 
 std::vector<Export> readExports(const Reader& file) {
   std::vector<Export> exports;
-  const auto section = findSection(file, SHT_DYNSYM);
-  if (!section) {
-    return exports;
-  }
-  const std::uint64_t texts = textsOf(file, *section);
-  for (std::uint64_t at = 0; at + sizeof(ElfW(Sym)) <= section->sh_size; at += sizeof(ElfW(Sym))) {
-    const auto symbol = file.at<ElfW(Sym)>(section->sh_offset + at);
+  forEachEntry<ElfW(Sym)>(file, SHT_DYNSYM, [&](const ElfW(Sym) & symbol, std::uint64_t texts) {
     const unsigned int type = symbol.st_info & 0xfU;
     if (isExported(symbol)) {
       exports.push_back({file.text(texts + symbol.st_name), type == STT_FUNC || type == STT_GNU_IFUNC});
     }
-  }
+  });
   return exports;
 }
 
 std::vector<std::string> readNeeded(const Reader& file) {
   std::vector<std::string> needed;
-  const auto section = findSection(file, SHT_DYNAMIC);
-  if (!section) {
-    return needed;
-  }
-  const std::uint64_t texts = textsOf(file, *section);
-  for (std::uint64_t at = 0; at + sizeof(ElfW(Dyn)) <= section->sh_size; at += sizeof(ElfW(Dyn))) {
-    const auto entry = file.at<ElfW(Dyn)>(section->sh_offset + at);
+  forEachEntry<ElfW(Dyn)>(file, SHT_DYNAMIC, [&](const ElfW(Dyn) & entry, std::uint64_t texts) {
     if (entry.d_tag == DT_NEEDED) {
       needed.push_back(file.text(texts + entry.d_un.d_val));
     }
-  }
+  });
   return needed;
 }
 
