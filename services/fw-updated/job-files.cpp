@@ -82,7 +82,7 @@ bool readJob(Job& job, const Json::Value& value) {
 
 JobFiles::JobFiles(std::string directory) : directory_(std::move(directory)) {
   if (mkdir(directory_.c_str(), 0700) != 0 && errno != EEXIST) {
-    base::throwErrno(directory_.c_str());
+    base::throwErrno(directory_);
   }
 }
 
