@@ -40,7 +40,7 @@ using Option = frame::Option<Options>;
 
 constexpr Option kOptions[] = {
     {"--bus ADDRESS", &Options::bus, "The bus to serve on; default: the system bus"},
-    Option("--key-file FILE", &Options::keyFile, "The key of USB packages").withDefault(),
+    {"--key-file FILE", &Options::keyFile, "Of USB packages; default: /usr/share/fw-update/package.key"},
     {"--fw-update PROGRAM", &Options::program, "The command that does the work; default: the one beside"},
 };
 

@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "dlog.h"
+#include "isolation/service-gate.h"
 #include "isolation/supervised.h"
 #include "library-messages.h"
 
@@ -117,11 +118,15 @@ LibraryLog& LibraryLog::instance() {
 }
 
 void LibraryLog::add(LogMessage message) {
-  const std::lock_guard lock(mutex_);
-  if (!message.format.empty()) {  // a module that only talks does not get on
-    supervised::tellMessage(message);
+  const auto event = fwmessages::eventOf(message.format, message.function, message.arguments.size());
+  {
+    const std::lock_guard lock(mutex_);
+    if (!message.format.empty()) {  // a module that only talks does not get on
+      supervised::tellMessage(message);
+    }
+    messages_.push_back(std::move(message));
   }
-  messages_.push_back(std::move(message));
+  passServiceGate(event);
 }
 
 std::size_t LibraryLog::mark() const {

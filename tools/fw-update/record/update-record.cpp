@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <utility>
 
+#include "isolation/service-gate.h"
 #include "lock/update-lock.h"
 #include "metrics.h"
 #include "record/image-facts.h"
@@ -35,9 +36,9 @@ const Way* wayOf(const std::string& command, const Options& options) {
   return nullptr;
 }
 
-std::string userName() {
-  const passwd* const user = getpwuid(getuid());
-  return user != nullptr ? user->pw_name : std::to_string(getuid());
+std::string nameOf(uid_t number) {
+  const passwd* const user = getpwuid(number);
+  return user != nullptr ? user->pw_name : std::to_string(number);
 }
 
 constexpr struct {
@@ -152,8 +153,9 @@ void UpdateRecord::begin(const std::string& command, const Options& options) {
   problem_ = read.problem;
   metricsFile_ = read.settings.metrics;
   history_ = std::make_unique<history::History>(std::move(read.settings));
-  whole_.entry.way = way->way;
-  whole_.entry.user = userName();
+  const auto asker = askedThroughService();
+  whole_.entry.way = asker && !way->ofMany ? "service" : way->way;
+  whole_.entry.user = nameOf(asker.value_or(getuid()));
   if (!way->ofMany) {
     whole_.entry.caller = options.callerName;
     whole_.entry.module = options.module;

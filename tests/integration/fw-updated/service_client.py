@@ -1,0 +1,175 @@
+# SPDX-License-Identifier: Apache-2.0
+"""The update service, the bus that it is on, and a client, which knows what the service says of
+itself and nothing else."""
+import json
+import os
+import pathlib
+import shutil
+import signal
+import subprocess
+import sys
+import time
+
+import dbus
+import dbus.bus
+import dbus.mainloop.glib
+from gi.repository import GLib
+
+NAME = "org.fwupdate.Update1"
+PATH = "/org/fwupdate/Update1"
+JOB = NAME + ".Job"
+ADDRESS = "unix:path=/run/service-bus"
+PATIENCE = 60  # seconds for what takes far less
+
+CONFIGURATION = """<busconfig>
+  <listen>unix:path=/run/service-bus</listen>
+  <limit name="max_incoming_bytes">1000000000</limit>
+  <limit name="max_replies_per_connection">50000</limit>
+  <policy context="default">
+    <allow user="*"/>
+    <allow send_destination="*" eavesdrop="true"/>
+    <allow eavesdrop="true"/>
+    <allow own="*"/>
+  </policy>
+</busconfig>
+"""
+
+
+def wait_for(what, text):
+    """What it gives as soon as that is true."""
+    end = time.monotonic() + PATIENCE
+    while time.monotonic() < end:
+        value = what()
+        if value:
+            return value
+        time.sleep(0.01)
+    raise AssertionError("it did not happen: " + text)
+
+
+class Bus:
+    """A bus of its own; a program that runs."""
+
+    def __init__(self):
+        pathlib.Path("/run/service-bus.conf").write_text(CONFIGURATION, encoding="ascii")
+        self.process = subprocess.Popen(["dbus-daemon", "--config-file=/run/service-bus.conf", "--nofork", "--nosyslog"],
+                                        stderr=subprocess.DEVNULL)
+        wait_for(lambda: os.path.exists("/run/service-bus"), "the bus")
+        os.environ["DBUS_SYSTEM_BUS_ADDRESS"] = ADDRESS
+
+    def connect(self):
+        dbus.mainloop.glib.DBusGMainLoop(set_as_default=True)
+        return dbus.bus.BusConnection(ADDRESS)
+
+
+class Service:
+    """fw-updated, started and on the bus."""
+
+    def __init__(self, connection, **environment):
+        self.connection = connection
+        self.process = subprocess.Popen(["fw-updated", "--bus", ADDRESS], env={**os.environ, **environment})
+        wait_for(lambda: connection.name_has_owner(NAME), "the service has its name")
+
+    def kill(self, number=signal.SIGKILL):
+        self.process.send_signal(number)
+        self.process.wait()
+        wait_for(lambda: not self.connection.name_has_owner(NAME), "the name is free again")
+        return self.process.returncode
+
+
+class Client:
+    """A client with a connection of its own."""
+
+    def __init__(self, connection):
+        self.connection = connection
+
+    def manager(self):
+        return dbus.Interface(self.connection.get_object(NAME, PATH, introspect=True), NAME)
+
+    def job(self, path):
+        return dbus.Interface(self.connection.get_object(NAME, path), JOB)
+
+    def properties(self, path, interface=JOB):
+        return dbus.Interface(self.connection.get_object(NAME, path), dbus.PROPERTIES_IFACE).GetAll(interface)
+
+    def state(self, path):
+        return self.properties(path)["State"]
+
+    def wait_for_state(self, path, *states):
+        wait_for(lambda: self.state(path) in states, f"{path} is {states}, not {self.state(path)}")
+
+    def result(self, path):
+        self.wait_for_state(path, "done")
+        return self.properties(path)
+
+    def error(self, call, *arguments):
+        """The name and the sentence of the error that the call gets."""
+        try:
+            answer = call(*arguments)
+        except dbus.DBusException as error:
+            return error.get_dbus_name(), error.get_dbus_message()
+        raise AssertionError(f"there was no error but {answer}")
+
+
+def children_of(process):
+    """All below it, and what has lost its parent since."""
+    found = []
+    for path in pathlib.Path("/proc").glob("[0-9]*/cmdline"):
+        try:
+            words = path.read_bytes().split(b"\0")
+        except OSError:
+            continue
+        number = int(path.parent.name)
+        if words[0].endswith(b"/fw-update") and number != process:
+            found.append(number)
+    return found
+
+
+def tool(*words):
+    """What fw-update answers."""
+    done = subprocess.run(["fw-update", *words, "--json"], stdout=subprocess.PIPE, check=False)
+    return json.loads(done.stdout)
+
+
+def history():
+    return tool("history")["entries"]
+
+
+def slow(firmware, kib_per_second):
+    pathlib.Path(f"/var/lib/fw-components/{firmware}.component").write_text(
+        f"write_kib_per_second = {kib_per_second}\n", encoding="ascii")
+
+
+def install_faulty_module():
+    """Its firmware, too: the image of another, with the same checksum."""
+    shutil.copy("/prd/libfaulty.so", "/prd/usr/fwupdate/controls/libfaulty.so")
+    source, target = pathlib.Path("/lib/firmware/ext/tunerfw"), pathlib.Path("/lib/firmware/ext/faultyfw")
+    shutil.copytree(source, target)
+    (target / "tunerfw.bin").rename(target / "faultyfw.bin")
+
+
+class Signals:
+    """The signals of a job that come while something is waited for."""
+
+    def __init__(self, connection):
+        self.loop = GLib.MainContext.default()
+        self.changes, self.events = [], []
+        connection.add_signal_receiver(self.take_change, "PropertiesChanged", dbus.PROPERTIES_IFACE, path_keyword="path")
+        connection.add_signal_receiver(self.take_event, "Event", JOB, path_keyword="path")
+
+    def take_change(self, _interface, changed, _invalid, path):
+        self.changes.append((str(path), changed))
+
+    def take_event(self, line, path):
+        self.events.append((str(path), json.loads(line)))
+
+    def wait_for(self, what, text):
+        def look():
+            while self.loop.iteration(False):
+                pass
+            return what()
+        return wait_for(look, text)
+
+
+def fail_unless(condition, text):
+    if not condition:
+        sys.exit("FAILED: " + text)

@@ -1,0 +1,274 @@
+# SPDX-License-Identifier: Apache-2.0
+"""usage: service_tests.py TEST: one test of the update service, on a device.
+
+Each function whose name begins with a capital is a test.
+"""
+import json
+import os
+import signal
+import subprocess
+import sys
+
+from service_client import (PATH, NAME, Bus, Client, Service, Signals, children_of, history,
+                            install_faulty_module, slow, tool, wait_for)
+
+ERROR = NAME + ".Error."
+
+
+def start(**environment):
+    connection = Bus().connect()
+    return Service(connection, **environment), Client(connection)
+
+
+def equal(seen, expected):
+    assert seen == expected, f"{seen!r} instead of {expected!r}"
+
+
+def GivesTheResultOfTheCommand():
+    _, client = start()
+
+    path = client.manager().Update("libtuner", "", "")
+    job = client.result(path)
+
+    equal(path, PATH + "/job/1")
+    equal((job["Kind"], job["Module"], job["Outcome"], job["ExitCode"]), ("update", "libtuner", "updated", 0))
+    equal((job["VersionBefore"], job["VersionAfter"], job["Percent"]), ("0.0.0", "2.0.0", 100))
+    document = json.loads(job["Document"])
+    equal((document["command"], document["message"]), ("update", job["Sentence"]))
+    assert job["Sentence"].startswith("libtuner was updated. Version 0.0.0 -> 2.0.0 in "), job["Sentence"]
+    again = client.result(client.manager().Update("libtuner", "upgrade-app", ""))
+    direct = tool("update", "libtuner")
+    equal((again["Outcome"], again["ExitCode"], again["Sentence"]),
+          (direct["outcome"], direct["exitCode"], direct["message"]))
+
+
+def GivesRemediesAndExitCodesOfRefusedImages():
+    _, client = start()
+
+    job = client.result(client.manager().Update("libpanel", "", ""))
+
+    direct = tool("update", "libpanel")
+    equal((job["Outcome"], job["ExitCode"]), ("refused-image", 5))
+    equal((job["Sentence"], job["Remedy"]), (direct["message"], direct["remedy"]))
+
+
+def WritesWhoAskedIntoTheHistory():
+    _, client = start()
+
+    client.result(client.manager().Update("libtuner", "", ""))
+
+    entries = history()
+    equal(len(entries), 1)
+    equal((entries[0]["way"], entries[0]["user"], entries[0]["outcome"]), ("service", "root", "updated"))
+    rows = client.manager().History("", False, 0)
+    equal((rows[0][0], rows[0][3], rows[0][4], rows[0][6]), (1, "libtuner", "service", "updated"))
+
+
+def TellsEachChange():
+    slow("panelfw", 2000)
+    service, client = start()
+    signals = Signals(client.connection)
+
+    path = client.manager().Update("libpanel", "lsm", "")
+    signals.wait_for(lambda: any(changed.get("State") == "done" for _, changed in signals.changes), "the end")
+
+    states = [str(changed["State"]) for where, changed in signals.changes if where == path and "State" in changed]
+    equal(states, ["checking", "updating", "done"])
+    percents = [int(changed["Percent"]) for where, changed in signals.changes if where == path and "Percent" in changed]
+    assert percents == sorted(percents) and len(percents) > 2 and percents[-1] == 100, percents
+    events = [event["event"] for where, event in signals.events if where == path]
+    equal((events[0], events[-1]), ("start", "result"))
+    jobs = [changed["Jobs"] for where, changed in signals.changes if where == PATH]
+    equal(jobs, [[path]])
+    equal(service.kill(signal.SIGTERM), 0)
+
+
+def QueuesWhatIsAskedAtOnce():
+    slow("panelfw", 2000)
+    _, client = start()
+    manager = client.manager()
+
+    first, second = manager.Update("libpanel", "lsm", ""), manager.Update("libtuner", "", "")
+    client.wait_for_state(first, "updating")
+
+    equal(client.state(second), "queued")
+    equal(client.result(second)["Outcome"], "updated")
+    equal(client.state(first), "done")
+    equal([entry["module"] for entry in history()], ["libpanel", "libtuner"])
+    equal(list(client.properties(PATH, NAME)["Jobs"]), [first, second])
+
+
+def CancelsWhatHasNotReachedAModule():
+    slow("panelfw", 1000)
+    _, client = start()
+    manager = client.manager()
+    first, second = manager.Update("libpanel", "lsm", ""), manager.Update("libtuner", "", "")
+    client.wait_for_state(first, "updating")
+
+    client.job(second).Cancel()
+
+    job = client.result(second)
+    equal((job["Outcome"], job["ExitCode"], job["Sentence"]), ("stopped", 1, "It was cancelled before it began."))
+    equal(client.error(client.job(first).Cancel),
+          (ERROR + "TooLate", "The job has reached a module and cannot be cancelled any more."))
+    equal(client.result(first)["Outcome"], "updated")
+    equal(client.error(client.job(first).Cancel), (ERROR + "TooLate", "The job is over."))
+    equal(tool("info", "libtuner")["version"], "0.0.0")
+
+
+def CancelsWhatWaitsForTheLock():
+    slow("panelfw", 500)
+    _, client = start()
+    with subprocess.Popen(["fw-update", "update", "libpanel", "--caller", "lsm", "--progress", "ndjson"],
+                          stdout=subprocess.PIPE, text=True) as other:
+        wait_for(lambda: '"progress"' in other.stdout.readline(), "the other one updates")
+        path = client.manager().Update("libtuner", "", "")
+        client.wait_for_state(path, "waiting-for-lock")
+
+        client.job(path).Cancel()
+
+        job = client.result(path)
+        equal((job["Outcome"], job["Sentence"]), ("stopped", "It was cancelled before it reached a module."))
+        other.stdout.read()
+    equal(other.returncode, 0)
+    equal(tool("info", "libtuner")["version"], "0.0.0")
+    equal(client.manager().LockStatus()[0], "free")
+
+
+def OutlivesModulesThatCrash():
+    install_faulty_module()
+    service, client = start(FAULTY_MODULE="doUpdate segv")
+
+    job = client.result(client.manager().Update("libfaulty", "", ""))
+
+    equal((job["Outcome"], job["ExitCode"]), ("module-crashed", 13))
+    equal(job["Sentence"], "libfaulty crashed (SIGSEGV, Segmentation fault) while it was updating. "
+                           "It held the update lock, which was given back.")
+    equal(client.result(client.manager().Update("libtuner", "", ""))["Outcome"], "updated")
+    equal(service.process.poll(), None)
+
+
+def OutlivesModulesThatCrashWhenTheyAreListed():
+    install_faulty_module()
+    service, client = start(FAULTY_MODULE="getActiveVersion segv")
+
+    equal(client.error(client.manager().ListModules),
+          (ERROR + "Failed", "A module crashed, or ended the command that asked."))
+    equal(service.process.poll(), None)
+
+
+def FollowsAJobThatAnEarlierServiceBegan():
+    slow("panelfw", 1000)
+    service, client = start()
+    path = client.manager().Update("libpanel", "lsm", "")
+    waiting = client.manager().Update("libtuner", "", "")
+    client.wait_for_state(path, "updating")
+
+    service.kill()
+    Service(client.connection)
+
+    assert client.state(path) != "done", "it was still at work"
+    equal(client.result(path)["Outcome"], "updated")
+    equal(client.result(path)["VersionAfter"], "2.1.0")
+    equal(client.result(waiting)["Outcome"], "updated")
+    equal([entry["outcome"] for entry in history()], ["updated", "updated"])
+
+
+def KeepsTheResultsOfAnEarlierService():
+    service, client = start()
+    path = client.manager().Update("libpanel", "", "")
+    before = client.result(path)
+
+    service.kill()
+    Service(client.connection)
+
+    after = client.properties(path)
+    for name in ("Outcome", "ExitCode", "Sentence", "Remedy", "VersionBefore", "Document", "AskedBy", "Kind"):
+        equal(after[name], before[name])
+    equal(client.manager().Update("libtuner", "", ""), PATH + "/job/2")
+
+
+def FindsAJobThatWasCutOffTogetherWithTheService():
+    slow("panelfw", 1000)
+    service, client = start()
+    path = client.manager().Update("libpanel", "lsm", "")
+    client.wait_for_state(path, "updating")
+
+    service.kill()
+    for child in children_of(service.process.pid):
+        os.kill(child, signal.SIGKILL)
+    Service(client.connection)
+
+    job = client.result(path)
+    equal(job["Outcome"], "interrupted")
+    wait_for(lambda: [entry["outcome"] for entry in history()] == ["interrupted"], "the history knows")
+    equal((history()[0]["sentence"]), str(job["Sentence"]))
+    wait_for(lambda: client.manager().LockStatus()[0] == "free", "the lock is given back")
+    slow("panelfw", 100000)
+    equal(client.result(client.manager().Update("libpanel", "lsm", ""))["Outcome"], "updated")
+
+
+def SaysInterruptedOfAJobWhoseProcessesWereKilled():
+    slow("panelfw", 1000)
+    service, client = start()
+    path = client.manager().Update("libpanel", "lsm", "")
+    client.wait_for_state(path, "updating")
+
+    for child in children_of(service.process.pid):
+        os.kill(child, signal.SIGKILL)
+
+    job = client.result(path)
+    assert job["Outcome"] in ("interrupted", "module-crashed"), job["Outcome"]
+    equal(client.result(client.manager().Update("libtuner", "", ""))["Outcome"], "updated")
+    equal([entry["outcome"] for entry in history()], [str(job["Outcome"]), "updated"])
+
+
+def AnswersQueriesAsTheCommandDoes():
+    _, client = start()
+    manager = client.manager()
+
+    modules = [tuple(map(str, row)) for row in manager.ListModules()]
+    pending = [tuple(map(str, row)) for row in manager.Pending("lsm")]
+    lock = tuple(map(str, manager.LockStatus()))
+
+    equal(modules, [(one["library"], one["firmware"], one["version"], one["kind"]) for one in tool("list")["modules"]])
+    equal(pending, [(one["library"], one["firmware"], one["version"], one["outcome"], one["reason"], one.get("remedy", ""))
+                    for one in tool("pending", "--caller", "lsm")["modules"]])
+    direct = tool("lock", "status")
+    equal(lock, (direct["state"], direct["message"], direct.get("remedy", "")))
+    equal(json.loads(manager.Query("info", ["libtuner"])), tool("info", "libtuner"))
+    equal(json.loads(manager.Query("verify", ["libtuner", "--version", "9"])), tool("verify", "libtuner", "--version", "9"))
+
+
+def RefusesWhatMakesNoSense():
+    _, client = start()
+    manager = client.manager()
+
+    for module in ("", "x" * 128, "../libtuner", "-x", "--help", ".", "a\nb"):
+        equal(client.error(manager.Update, module, "", "")[0], ERROR + "InvalidArgument")
+        equal(client.error(manager.Download, module or "/", )[0], ERROR + "InvalidArgument")
+    equal(client.error(manager.Update, "libtuner", "nobody", "")[0], ERROR + "InvalidArgument")
+    equal(client.error(manager.Update, "libtuner", "factory-automation", "x")[0], ERROR + "InvalidArgument")
+    equal(client.error(manager.Update, "libtuner", "", "x" * 128)[0], ERROR + "InvalidArgument")
+    for folder in ("relative", "/" + "x" * 5000, "-x", "/a\tb"):
+        equal(client.error(manager.ApplyUsb, folder)[0], ERROR + "InvalidArgument")
+        equal(client.error(manager.EstimateUsb, folder)[0], ERROR + "InvalidArgument")
+    for command in ("", "update", "lock recover", "usb apply", "explain", "list; update"):
+        equal(client.error(manager.Query, command, ["x"])[0], ERROR + "InvalidArgument")
+    equal(list(client.properties(PATH, NAME)["Jobs"]), [])
+
+
+def EndsAfterASignalAndLeavesTheNameFree():
+    service, _ = start()
+
+    equal(service.kill(signal.SIGINT), 0)
+
+
+def main():
+    test = globals()[sys.argv[1]]
+    test()
+    print("passed: " + test.__name__)
+
+
+if __name__ == "__main__":
+    main()
