@@ -5,14 +5,17 @@ Each function whose name begins with a capital is a test.
 """
 import json
 import os
+import pathlib
 import signal
 import subprocess
 import sys
 
-from service_client import (PATH, NAME, Bus, Client, Service, Signals, children_of, history,
-                            install_faulty_module, slow, tool, wait_for)
+from service_client import (JOB, NAME, PATH, Bus, Client, Polkit, Service, Signals, add_group, as_user, busctl,
+                            children_of, has_other_users, history, install_faulty_module, need_other_users, slow,
+                            tool, wait_for)
 
 ERROR = NAME + ".Error."
+STRANGER = 65534  # a user
 
 
 def start(**environment):
@@ -256,6 +259,69 @@ def RefusesWhatMakesNoSense():
     for command in ("", "update", "lock recover", "usb apply", "explain", "list; update"):
         equal(client.error(manager.Query, command, ["x"])[0], ERROR + "InvalidArgument")
     equal(list(client.properties(PATH, NAME)["Jobs"]), [])
+
+
+def LetsStrangersOnlyAsk():
+    need_other_users()
+    start()
+    refused = "Call failed: This user may not {}. Root may, and the members of the group fwupdate."
+
+    for arguments in (("Update", "sss", "libtuner", "", ""), ("UpdateAll",), ("Download", "s", "libwifi")):
+        equal(busctl(STRANGER, [], PATH, NAME, *arguments), (1, refused.format("update modules")))
+    for method in ("ApplyUsb", "EstimateUsb"):
+        equal(busctl(STRANGER, [], PATH, NAME, method, "s", ""), (1, refused.format("use packages of a USB drive")))
+    equal(busctl(STRANGER, [], PATH, NAME, "LockStatus")[0], 0)
+    equal(busctl(STRANGER, [], PATH, NAME, "ListModules")[0], 0)
+
+
+def LetsMembersOfTheGroupUpdateAndNobodyElseCancel():
+    need_other_users()
+    add_group("fwupdate", 7000)
+    slow("panelfw", 1000)
+    _, client = start()
+
+    equal(busctl(STRANGER, [7000], PATH, NAME, "Update", "sss", "libpanel", "lsm", ""), (0, f'o "{PATH}/job/1"'))
+    equal(busctl(STRANGER, [7000], PATH, NAME, "Update", "sss", "libtuner", "", ""), (0, f'o "{PATH}/job/2"'))
+
+    equal(busctl(1, [], PATH + "/job/2", JOB, "Cancel"),
+          (1, "Call failed: This user may not cancel the jobs of others. Root may, and the members of the group fwupdate."))
+    equal(busctl(STRANGER, [], PATH + "/job/2", JOB, "Cancel"), (0, ""))
+    job = client.result(PATH + "/job/2")
+    equal((job["Outcome"], job["AskedBy"][0]), ("stopped", STRANGER))
+    equal(client.result(PATH + "/job/1")["Outcome"], "updated")
+    equal(history()[0]["user"], "nobody")
+
+
+def AsksPolkitWhereItRuns():
+    need_other_users()
+    add_group("fwupdate", 7000)
+    _, client = start()
+    Polkit(client.connection, ["org.fwupdate.update1.update"])
+
+    allowed = busctl(STRANGER, [], PATH, NAME, "Update", "sss", "libtuner", "", "")
+    query = busctl(STRANGER, [7000], PATH, NAME, "ListModules")
+
+    equal(allowed, (0, f'o "{PATH}/job/1"'))
+    equal(query, (1, "Call failed: This user may not ask about updates. Root may, and the members of the group fwupdate."))
+    equal(busctl(0, [], PATH, NAME, "ListModules")[0], 0)
+    equal(client.result(PATH + "/job/1")["Outcome"], "updated")
+
+
+def AcceptsNoneOfThousandsOfHostileMessages():
+    service, client = start()
+    client.result(client.manager().Update("libtuner", "", ""))
+    count = int(os.environ.get("FW_UPDATE_HOSTILE_MESSAGES", "10000"))
+    program = ["/usr/bin/python3", "-B", str(pathlib.Path(__file__).with_name("hostile_client.py"))]
+
+    own = subprocess.run([*program, str(count // 2), "0"], stdout=subprocess.PIPE, text=True, check=False)
+    equal((own.returncode, own.stdout), (0, f"{count // 2} refused\n"))
+    if has_other_users():
+        equal(as_user(STRANGER, [], *program, str(count // 2), "1"), (0, f"{count // 2} refused"))
+
+    equal(service.process.poll(), None)
+    equal(len(client.properties(PATH, NAME)["Jobs"]), 1)
+    equal(len(history()), 1)
+    equal(client.result(client.manager().Update("libtuner", "", ""))["Outcome"], "nothing-to-do")
 
 
 def EndsAfterASignalAndLeavesTheNameFree():
