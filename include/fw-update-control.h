@@ -16,8 +16,9 @@
 class FW_UPDATE_EXPORT FWUpdateContorl {
  public:
   // The first call scans the controls directory and binds every module in it.
-  // Throws std::bad_function_call when a module in it could not be bound; the
-  // next call then tries again. Never null.
+  // Throws std::bad_function_call when one of them cannot be listed: its file
+  // cannot be loaded, or lacks setContext, getEMPID or getActiveVersion. The
+  // next call then tries again, without a scan. Never null.
   static FWUpdateContorl* getInstance();
 
   // A copy of the item list taken when the facade was constructed: versions in

@@ -37,8 +37,9 @@ FW_UPDATE_MODULE_EXPORT int getEMPID(char* out);
 FW_UPDATE_MODULE_EXPORT int getActiveVersion(char* out);
 
 /* Compares version with the active firmware and sets *need to 1 when an update is
- * needed, else to 0: only 1 starts an update. 0 when the comparison itself
- * succeeded. */
+ * needed, else to 0. Of other numbers a request for one module starts no update,
+ * while a run over all modules and a USB package take positive ones for 1. 0 when
+ * the comparison itself succeeded. */
 FW_UPDATE_MODULE_EXPORT int checkVersion(const char* version, int* need);
 
 /* Writes the image at path; value is its CRC-32. An EXT- module gets its own

@@ -38,8 +38,9 @@ class FW_UPDATE_EXPORT FWUpdateSymbolManager {
   // 0, or -1 when it is unreadable or holds no "-".
   int getSWVersionString();
 
-  // Appends one item a module. Throws std::bad_function_call at a module that
-  // could not be bound, with the items before it appended. Always 0.
+  // Appends one item a module. Throws std::bad_function_call at a module whose
+  // file could not be loaded or lacks setContext, getEMPID or getActiveVersion,
+  // with the items before it appended. Always 0.
   int getFwItems(std::list<FWUpdateItem>& items);
 
   // The same for the modules whose isNeedUpdate(caller, data) is exactly 1.

@@ -157,6 +157,35 @@ TEST_F(Facade, LetsTheExceptionOfAnUnboundModuleThroughAndTriesAgain) {
   EXPECT_THAT(recording::everything(), IsEmpty()) << "the registry is ready and is not scanned again";
 }
 
+class FacadeBesideAModuleWithout : public Facade, public ::testing::WithParamInterface<const char*> {};
+
+// What the facade itself calls when it makes its list.
+using FacadeBesideAModuleWithoutWhatListsCall = FacadeBesideAModuleWithout;
+
+TEST_P(FacadeBesideAModuleWithoutWhatListsCall, DoesNotStart) {
+  scripted::installModule("libbad", GetParam());
+
+  EXPECT_THROW(FWUpdateContorl::getInstance(), std::bad_function_call);
+}
+
+INSTANTIATE_TEST_SUITE_P(Facade, FacadeBesideAModuleWithoutWhatListsCall,
+                         ::testing::Values("setContext", "getEMPID", "getActiveVersion"));
+
+using FacadeBesideAModuleWithoutWhatUpdatesCall = FacadeBesideAModuleWithout;
+
+TEST_P(FacadeBesideAModuleWithoutWhatUpdatesCall, UpdatesTheOthers) {
+  scripted::installModule("libabc");
+  scripted::installModule("libbad", GetParam());
+  writeImage(kBuiltin, "abc", "2.0", "content", 30);
+
+  EXPECT_EQ(facade().fw_getItemList().size(), 2U);
+  EXPECT_EQ(facade().fw_update_from_upgrade_app("libbad", ""), -1);
+  EXPECT_EQ(facade().fw_update_from_upgrade_app("libabc", ""), 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Facade, FacadeBesideAModuleWithoutWhatUpdatesCall,
+                         ::testing::Values("checkVersion", "doUpdate"));
+
 // ---- Update requests ----------------------------------------------------------------
 
 struct Request {
