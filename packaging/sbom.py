@@ -13,17 +13,27 @@ import re
 import subprocess
 import sys
 
-# What the library and the commands link or hold, and the licence of each.
+# What the library and the commands link or hold: the licence, the home, and the packages of
+# packaging/build-packages.txt that it is built with.
 LINKED = {
-    "boost": ("BSL-1.0", "https://www.boost.org"),
-    "cli11": ("BSD-3-Clause", "https://github.com/CLIUtils/CLI11"),
-    "curl": ("curl", "https://curl.se"),
-    "d3": ("ISC AND BSD-3-Clause", "https://d3js.org"),
-    "fuse3": ("LGPL-2.1-only", "https://github.com/libfuse/libfuse"),
-    "jsoncpp": ("MIT", "https://github.com/open-source-parsers/jsoncpp"),
-    "openssl": ("Apache-2.0", "https://www.openssl.org"),
-    "systemd": ("LGPL-2.1-or-later", "https://systemd.io"),
+    "boost": ("BSL-1.0", "https://www.boost.org", ("libboost-dev", "libboost-filesystem-dev")),
+    "cli11": ("BSD-3-Clause", "https://github.com/CLIUtils/CLI11", ("libcli11-dev",)),
+    "curl": ("curl", "https://curl.se", ("libcurl4-openssl-dev",)),
+    "d3": ("ISC AND BSD-3-Clause", "https://d3js.org", ("node-d3",)),
+    "fuse3": ("LGPL-2.1-only", "https://github.com/libfuse/libfuse", ("libfuse3-dev",)),
+    "jsoncpp": ("MIT", "https://github.com/open-source-parsers/jsoncpp", ("libjsoncpp-dev",)),
+    "openssl": ("Apache-2.0", "https://www.openssl.org", ("libssl-dev",)),
+    "sqlite3": ("blessing", "https://sqlite.org", ("libsqlite3-dev",)),
+    "sqlitecpp": ("MIT", "https://github.com/SRombauts/SQLiteCpp", ("libsqlitecpp-dev",)),
+    "systemd": ("LGPL-2.1-or-later", "https://systemd.io", ("libsystemd-dev",)),
 }
+
+
+def libraries_without_entry(tree):
+    """What is built with and LINKED does not know of."""
+    known = {package for _, _, packages in LINKED.values() for package in packages}
+    lines = (tree / "packaging" / "build-packages.txt").read_text(encoding="utf-8").split("\n")
+    return sorted(name for name in lines if re.fullmatch(r"lib.*-dev|node-.*", name) and name not in known)
 
 
 def identifier(text):
@@ -54,7 +64,7 @@ def verification_code(files):
 
 
 def linked_package(name):
-    licence, home = LINKED[name]
+    licence, home, _ = LINKED[name]
     return {
         "SPDXID": identifier("Package-" + name),
         "name": name,
@@ -135,6 +145,9 @@ def main():
         sys.exit(__doc__)
     tree, version, tarball_sum, time = sys.argv[1:5]
     packages = [path for path in sys.argv[5:] if pathlib.Path(path).exists()]
+    unknown = libraries_without_entry(pathlib.Path(tree))
+    if unknown:
+        sys.exit(f"sbom.py: LINKED has no entry that is built with {', '.join(unknown)}; add it with its licence")
     json.dump(bill(pathlib.Path(tree), version, tarball_sum, time, packages), sys.stdout, indent=1)
     print()
 
