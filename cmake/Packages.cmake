@@ -51,8 +51,8 @@ fw_describe_package(platform libfw-platform1 libs
 mounting and downloading packages. A set may bring its own.")
 fw_describe_package(verifier fw-update-verifier libs
   "firmware update control for televisions - verification library"
-  "Checks the signatures of firmware packages. Without it, or one of the set's own at
-its place, the library takes packages that are not signed.")
+  "Checks the signatures of firmware packages. Without it, or one of the set's
+own at its place, the library takes packages that are not signed.")
 fw_describe_package(platform-check fw-platform-check admin
   "firmware update control for televisions - check of a set"
   "fw-platform-check finds out whether a platform library keeps what the update
@@ -100,6 +100,7 @@ set(CPACK_DEBIAN_LIBRARY_PACKAGE_CONTROL_EXTRA
 set(CPACK_DEBIAN_PLATFORM_PACKAGE_CONTROL_EXTRA
   ${debian}/triggers ${PROJECT_BINARY_DIR}/packaging/platform/shlibs
   ${debian}/platform/postinst ${debian}/platform/prerm ${debian}/platform/postrm)
+set(CPACK_DEBIAN_VERIFIER_PACKAGE_CONTROL_EXTRA ${debian}/triggers)
 list(APPEND CPACK_DEBIAN_LIBRARY_PACKAGE_CONTROL_EXTRA ${debian}/library/postinst ${debian}/library/postrm)
 set(CPACK_DEBIAN_PLATFORM_PACKAGE_PROVIDES fw-update-platform)
 foreach(component IN ITEMS LIBRARY PLATFORM-CHECK DEVELOPMENT TOOLS MODULE-KIT)
