@@ -4,6 +4,7 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/mount.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -43,6 +44,16 @@ __attribute__((constructor)) void noteProgram() {
   if (std::strcmp(program_invocation_short_name, "fw-platform-check") != 0) {
     close(open("/tmp/loaded-elsewhere", O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
   }
+}
+
+// With the environment of this process.
+void startProgram() {
+  const pid_t child = fork();
+  if (child == 0) {
+    execl("/bin/touch", "touch", "/tmp/program-was-started", nullptr);
+    _exit(127);
+  }
+  waitpid(child, nullptr, 0);
 }
 
 // Mounts as the other platform does, and takes a flag off.
@@ -174,6 +185,9 @@ bool appbinaryManager::ABM_DownloadAppBinary(void (*)(const std::string&, int, v
   }
   if (fault("download-throws-exception")) {
     throw std::runtime_error("odd");
+  }
+  if (fault("download-starts-program")) {
+    startProgram();
   }
   return !appId.empty() && (fault("download-any-name") || appId.find('/') == std::string::npos) &&
          appId.find(' ') == std::string::npos;
