@@ -23,6 +23,7 @@ LINKED = {
     "fuse3": ("LGPL-2.1-only", "https://github.com/libfuse/libfuse", ("libfuse3-dev",)),
     "jsoncpp": ("MIT", "https://github.com/open-source-parsers/jsoncpp", ("libjsoncpp-dev",)),
     "openssl": ("Apache-2.0", "https://www.openssl.org", ("libssl-dev",)),
+    "sdbus-c++": ("LGPL-2.1-or-later", "https://github.com/Kistler-Group/sdbus-cpp", ("libsdbus-c++-dev",)),
     "sqlite3": ("blessing", "https://sqlite.org", ("libsqlite3-dev",)),
     "sqlitecpp": ("MIT", "https://github.com/SRombauts/SQLiteCpp", ("libsqlitecpp-dev",)),
     "systemd": ("LGPL-2.1-or-later", "https://systemd.io", ("libsystemd-dev",)),
