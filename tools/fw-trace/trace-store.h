@@ -26,7 +26,7 @@ class BytesOfFile : public TraceBytes {
   std::uint64_t inode() const { return status_.st_ino; }
 
   std::uint64_t size() const override { return static_cast<std::uint64_t>(status_.st_size); }
-  std::size_t readAt(std::uint64_t offset, char* to, std::size_t size) const override;
+  std::size_t readAt(std::uint64_t offset, char* to, std::size_t wanted) const override;
 
  private:
   base::FileDescriptor fd_;
