@@ -157,6 +157,8 @@ def parse(words):
     parser.add_argument("command", nargs=argparse.REMAINDER)
     options = parser.parse_args(words[1:])
     options.name = words[0]
+    if options.command[:1] == ["--"]:
+        del options.command[0]
     if options.name not in COMMANDS:
         parser.error(f"{options.name} is no command")
     if (options.name == "run") != bool(options.command):

@@ -166,8 +166,8 @@ def make_drive(machine):
     return machine.share / "drive.img"
 
 
-def plug(machine, drive):
-    machine.plug(drive)
+def plug(machine, drive, record=None):
+    machine.plug(drive, record)
     succeed(machine, "for try in $(seq 300); do mountpoint --quiet /opt/media/USBDriveA && exit; sleep 0.1; done; "
                      "journalctl --no-pager -n 20; false")
 

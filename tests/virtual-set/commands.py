@@ -1,0 +1,99 @@
+# SPDX-License-Identifier: Apache-2.0
+"""./virtual-set itself: what its commands and options do, whoever gives them."""
+import contextlib
+import os
+import pathlib
+import shutil
+import subprocess
+import tempfile
+
+import made_set
+from support import expect, set_packages
+
+LIMIT = 3600
+USER = "setmaker"
+NUMBER, RANGE = 64999, "700000:65536"
+# Names and ranges of users for this command alone.
+AS_USER = f"""
+set -eu
+for file in passwd group subuid subgid; do cp /etc/$file "$1/$file"; done
+echo "{USER}:x:{NUMBER}:{NUMBER}::$1:/bin/sh" >>"$1/passwd"
+echo "{USER}:x:{NUMBER}:" >>"$1/group"
+echo "{USER}:{RANGE}" >>"$1/subuid"
+echo "{USER}:{RANGE}" >>"$1/subgid"
+for file in passwd group subuid subgid; do mount --bind "$1/$file" /etc/$file; done
+cd "$1/tree"
+exec setpriv --reuid {NUMBER} --regid {NUMBER} --clear-groups --reset-env env -u XDG_CACHE_HOME "HOME=$1" \\
+  ./virtual-set "${{@:2}}"
+"""
+
+
+def virtual_set(*words, **options):
+    """Exit code and output of a ./virtual-set command."""
+    done = subprocess.run([made_set.TREE / "virtual-set", *words], capture_output=True, text=True, timeout=LIMIT,
+                          check=False, **{"stdin": subprocess.DEVNULL, **options})
+    return done.returncode, done.stdout, done.stderr
+
+
+def a_command_has_its_output_and_exit_code():
+    code, output, errors = virtual_set("run", "sh", "-c", "fw-update list; exit 3")
+    expect(code == 3 and "libtuner" in output, "they are those of the command in the set", output + errors)
+    code, output, errors = virtual_set("run", "--debian", "--", "sh", "-c", "command -v fw-update; uname -m")
+    expect(code == 0 and output == "i686\n", "without the packages there is no such command", output + errors)
+
+
+def a_shared_directory_and_a_drive_are_found():
+    with tempfile.TemporaryDirectory() as share:
+        code, _, errors = virtual_set("run", "--share", share, "sh", "-c", """set -e
+            truncate --size 16M /tmp/drive; mkfs.vfat /tmp/drive >/dev/null
+            mount -o loop /tmp/drive /mnt; echo here >/mnt/file; umount /mnt; mv /tmp/drive /share/drive""")
+        expect(code == 0 and os.listdir(share) == ["drive"], "what is put into the shared directory stays", errors)
+        code, output, errors = virtual_set("run", "--drive", f"{share}/drive", "cat", "/opt/media/USBDriveA/file")
+        expect((code, output) == (0, "here\n"), "the drive is mounted when the command begins", output + errors)
+        code, output, errors = virtual_set("run", "--drive", f"{share}/another", "true")
+        expect(code == 125 and "another" in errors, "a drive that is not there is named", output + errors)
+
+
+def a_set_that_is_started_anew_runs_the_same():
+    code, output, errors = virtual_set("run", "--boot", "sh", "-c", "systemctl is-system-running --wait; fw-update list")
+    expect(code == 0 and "running" in output and "libtuner" in output, "it starts, and has its modules", output + errors)
+
+
+def a_shell_takes_commands_and_ends():
+    code, output, errors = virtual_set("shell", input="echo $((6 * 7))\nexit 5\n", stdin=None)
+    expect(code == 5 and "\n42" in output, "the shell did what was typed", output + errors)
+
+
+@contextlib.contextmanager
+def tree_of_an_ordinary_user():
+    """The commands and the packages, owned by nobody who has rights."""
+    with tempfile.TemporaryDirectory(dir="/var/tmp") as home:
+        tree = pathlib.Path(home, "tree")
+        shutil.copytree(made_set.HERE, tree / "sandbox" / "virtual-set", ignore=shutil.ignore_patterns("__pycache__"))
+        shutil.copy(made_set.TREE / "virtual-set", tree)
+        (tree / "packages").mkdir()
+        for package in set_packages():
+            shutil.copy(package, tree / "packages")
+        subprocess.run(["chown", "-R", f"{NUMBER}:{NUMBER}", home], check=True)
+        yield home
+
+
+def an_ordinary_user_makes_it_and_runs_it():
+    if os.geteuid() != 0 or shutil.which("newuidmap") is None:
+        raise made_set.CannotMake("becoming an ordinary user takes root and newuidmap (uidmap)")
+    with tree_of_an_ordinary_user() as home:
+        def as_user(*words):
+            done = subprocess.run(["unshare", "--mount", "bash", "-c", AS_USER, "as-user", home, *words],
+                                  capture_output=True, text=True, timeout=LIMIT, check=False)
+            return done.returncode, done.stdout, done.stderr
+        code, output, errors = as_user("make", "--packages", "packages")
+        expect(code == 0, "the set is made", output + errors)
+        code, output, errors = as_user("run", "sh", "-c", "id --user; fw-update update libtuner")
+        expect(code == 0 and output.startswith("0\n") and "was updated" in output, "in the set it is root", output + errors)
+
+
+TESTS = (a_command_has_its_output_and_exit_code,
+         a_shared_directory_and_a_drive_are_found,
+         a_set_that_is_started_anew_runs_the_same,
+         a_shell_takes_commands_and_ends,
+         an_ordinary_user_makes_it_and_runs_it)
