@@ -3,12 +3,17 @@
 
 Each function whose name begins with a capital is a test.
 """
+import collections
+import contextlib
 import json
 import os
 import pathlib
+import random
 import signal
 import subprocess
 import sys
+
+import dbus
 
 from service_client import (JOB, NAME, PATH, Bus, Client, Polkit, Service, Signals, add_group, as_user, busctl,
                             children_of, has_other_users, history, install_faulty_module, need_other_users, slow,
@@ -322,6 +327,114 @@ def AcceptsNoneOfThousandsOfHostileMessages():
     equal(len(client.properties(PATH, NAME)["Jobs"]), 1)
     equal(len(history()), 1)
     equal(client.result(client.manager().Update("libtuner", "", ""))["Outcome"], "nothing-to-do")
+
+
+class Soak:
+    """Clients, and somebody who kills at random and notes each job's end."""
+
+    CLIENTS = 8
+
+    def __init__(self, count):
+        pathlib.Path("/etc/fw-update").mkdir(exist_ok=True)
+        pathlib.Path("/etc/fw-update/history.conf").write_text("max_entries = 100000\n", encoding="ascii")
+        for firmware in ("tunerfw", "panelfw"):
+            slow(firmware, 8000)
+        self.chance = random.Random(11)
+        self.service, self.client = start()
+        self.count = count
+        self.started = 0
+        self.ends = {}
+        self.clients = []
+        self.kills = collections.Counter()
+
+    def add_client(self):
+        self.started += 1
+        program = str(pathlib.Path(__file__).with_name("soak_client.py"))
+        self.clients.append(subprocess.Popen(["/usr/bin/python3", "-B", program, str(self.started)]))
+
+    def note(self):
+        """What the jobs that are done say now; they say the same for ever."""
+        try:
+            for path in self.client.properties(PATH, NAME)["Jobs"]:
+                if path not in self.ends:
+                    job = self.client.properties(path)
+                    if job["State"] == "done":
+                        self.ends[path] = (int(job["Number"]), str(job["Module"]), str(job["Outcome"]))
+        except dbus.DBusException:
+            pass  # killed meanwhile
+
+    def kill_something(self):
+        what = self.chance.choices(["nothing", "work", "client", "service"], [90, 6, 2, 2])[0]
+        self.kills[what] += 1
+        if what == "work":
+            for child in children_of(self.service.process.pid)[:self.chance.randrange(3)]:
+                with contextlib.suppress(ProcessLookupError):
+                    os.kill(child, signal.SIGKILL)
+        elif what == "client" and self.clients:
+            self.clients[0].kill()
+        elif what == "service":
+            self.service.kill()
+            self.service = Service(self.client.connection)
+
+    def run(self):
+        while len(self.ends) < self.count:
+            for client in [one for one in self.clients if one.poll() is not None]:
+                equal(client.returncode, -signal.SIGKILL)
+                self.clients.remove(client)
+            while len(self.clients) < self.CLIENTS:
+                self.add_client()
+            self.note()
+            self.kill_something()
+        for client in self.clients:
+            client.kill()
+            client.wait()
+        wait_for(lambda: all(self.client.state(path) == "done" for path in self.client.properties(PATH, NAME)["Jobs"]),
+                 "all jobs are done")
+        self.note()
+
+
+def judged(jobs, entries):
+    """What of the history is not as the jobs say: those ran in the order of their numbers."""
+    entries = collections.deque(entries)
+    for number, module, outcome in sorted(jobs):
+        fitting = {"stopped": ("interrupted",)}.get(outcome, (outcome,))
+        if entries and (entries[0]["module"], entries[0]["outcome"] in fitting) == (module, True):
+            entries.popleft()
+        elif outcome not in ("interrupted", "stopped"):  # killed before it could begin an entry
+            yield f"job {number} of {module} is {outcome}, the history has {entries[0] if entries else 'nothing'}"
+            return
+    if entries:
+        yield f"the history has {len(entries)} more: {entries[0]}"
+
+
+def HasOneTruthfulEndForEachJob():
+    count = int(os.environ.get("FW_UPDATE_SOAK_JOBS", "60"))
+    soak = Soak(count)
+
+    soak.run()
+
+    print(len(soak.ends), "jobs;", dict(soak.kills), collections.Counter(end[2] for end in soak.ends.values()))
+    equal(sorted(number for number, _, _ in soak.ends.values()), list(range(1, len(soak.ends) + 1)))
+    equal(list(judged(soak.ends.values(), history())), [])
+    wait_for(lambda: not children_of(soak.service.process.pid), "no process is left")
+    equal(soak.client.manager().LockStatus()[0], "free")
+    equal([name for name in os.listdir("/run/fw-updated") if not name.endswith(".job")], [])
+    equal(soak.client.result(soak.client.manager().Update("libtuner", "", ""))["State"], "done")
+
+
+def LeavesNothingOpenAfterItsJobs():
+    service, client = start()
+    manager = client.manager()
+    client.result(manager.Update("libwifi", "", ""))
+    manager.ListModules()
+    files = f"/proc/{service.process.pid}/fd"
+    before = len(os.listdir(files))
+
+    for _ in range(40):
+        client.result(manager.Update("libnothing", "", ""))
+        manager.LockStatus()
+
+    wait_for(lambda: len(os.listdir(files)) <= before, "no descriptor is left")
 
 
 def EndsAfterASignalAndLeavesTheNameFree():
