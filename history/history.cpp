@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <chrono>
 #include <memory>
+#include <set>
 #include <utility>
 
 #include "system-error.h"
@@ -268,13 +269,6 @@ bool isAtWork(const FileDescriptor& locks, std::int64_t number) {
   return !locks || fcntl(locks.get(), F_OFD_GETLK, &byte) != 0 || byte.l_type != F_UNLCK;
 }
 
-Entry interrupted(Entry entry) {
-  entry.outcome = kInterrupted;
-  entry.sentence = "It was cut off: its process ended before the update did, or the power went.";
-  entry.remedy = "See whether it left the update lock taken: fw-update lock status. Then try again.";
-  return entry;
-}
-
 // Those whose processes are gone.
 void markInterrupted(Database& file, const FileDescriptor& locks) {
   std::vector<Entry> gone;
@@ -296,6 +290,47 @@ void markInterrupted(Database& file, const FileDescriptor& locks) {
   }
 }
 
+// What is known of traces: an update of a process, which began then, has its entry.
+constexpr char kTakenTable[] =
+    "CREATE TABLE IF NOT EXISTS taken (trace TEXT NOT NULL, began INTEGER NOT NULL, PRIMARY KEY (trace, "
+    "began))";
+
+bool isTaken(Database& file, const std::string& trace, std::int64_t began) {
+  Statement row(file, "SELECT 1 FROM taken WHERE trace = ? AND began = ?");
+  row.bind(1, trace);
+  row.bind(2, began);
+  return row.executeStep();
+}
+
+void take(Database& file, const std::string& trace, std::int64_t began, const Entry& entry) {
+  Statement mark(file, "INSERT INTO taken VALUES (?, ?)");
+  mark.bind(1, trace);
+  mark.bind(2, began);
+  mark.exec();
+  insert(file, entry);
+  count(file, entry);
+}
+
+// Traces that are gone do not come again.
+void forgetOthers(Database& file, const std::vector<Traced>& all) {
+  std::set<std::string> there;
+  for (const Traced& traced : all) {
+    there.insert(traced.name);
+  }
+  std::vector<std::string> gone;
+  Statement rows(file, "SELECT DISTINCT trace FROM taken");
+  while (rows.executeStep()) {
+    if (there.count(rows.getColumn(0).getString()) == 0) {
+      gone.push_back(rows.getColumn(0).getString());
+    }
+  }
+  for (const std::string& trace : gone) {
+    Statement forget(file, "DELETE FROM taken WHERE trace = ?");
+    forget.bind(1, trace);
+    forget.exec();
+  }
+}
+
 bool mayWrite(const std::string& path) {
   return faccessat(AT_FDCWD, path.c_str(), W_OK, AT_EACCESS) == 0;
 }
@@ -305,6 +340,13 @@ bool isThere(const std::string& path) {
 }
 
 }  // namespace
+
+Entry interrupted(Entry entry) {
+  entry.outcome = kInterrupted;
+  entry.sentence = "It was cut off: its process ended before the update did, or the power went.";
+  entry.remedy = "See whether it left the update lock taken: fw-update lock status. Then try again.";
+  return entry;
+}
 
 History::History(Settings settings) : settings_(std::move(settings)) {}
 
@@ -432,6 +474,31 @@ void History::setAside() {
     rename(pathOf(kJournal).c_str(), pathOf(kDamagedJournal).c_str());
     warning_ = "The history was damaged. It is kept as " + pathOf(kDamaged) + ", and a new one was begun.";
   }
+}
+
+bool History::mayBeWritten() const {
+  const std::string path = pathOf(kFile);
+  return isThere(path) ? mayWrite(path) && mayWrite(settings_.directory)
+                       : !isThere(settings_.directory) || mayWrite(settings_.directory);
+}
+
+void History::takeIn(const std::vector<Traced>& all) {
+  const bool isAny =
+      std::any_of(all.begin(), all.end(), [](const Traced& traced) { return !traced.updates.empty(); });
+  if (!isAny) {
+    return;
+  }
+  write([&all](Database& file) {
+    file.exec(kTakenTable);
+    for (const Traced& traced : all) {
+      for (const auto& [began, entry] : traced.updates) {
+        if (!isTaken(file, traced.name, began)) {
+          take(file, traced.name, began, entry);
+        }
+      }
+    }
+    forgetOthers(file, all);
+  });
 }
 
 std::string History::damagedFile() const {

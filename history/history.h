@@ -11,6 +11,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "entry.h"
@@ -38,6 +39,15 @@ struct Filter {
   std::size_t most = 0;  // the newest; 0: all
 };
 
+// The updates that another process has left a trace of, each with when it began.
+struct Traced {
+  std::string name;  // the process's, for ever
+  std::vector<std::pair<std::int64_t, Entry>> updates;
+};
+
+// The same entry, of a process that is gone.
+Entry interrupted(Entry entry);
+
 // All attempts with an outcome, also those that the file has no room for any more.
 struct Total {
   std::string module;
@@ -64,6 +74,11 @@ class History {
   // The whole entry: what it was not begun with is written as well. May come again, when
   // more is known of it.
   void finish(const Attempt& attempt, Entry entry);
+
+  bool mayBeWritten() const;
+  // Those that are new become entries. all: of all traces that there are; what is known of others
+  // is forgotten. Does not throw.
+  void takeIn(const std::vector<Traced>& all);
 
   // Oldest first. Both throw Failure.
   std::vector<Entry> list(const Filter& filter);

@@ -40,8 +40,8 @@ using Option = frame::Option<Options>;
 
 constexpr Option kOptions[] = {
     {"--bus ADDRESS", &Options::bus, "The bus to serve on; default: the system bus"},
-    {"--key-file FILE", &Options::keyFile, "Of USB packages; default: /usr/share/fw-update/package.key"},
-    {"--fw-update PROGRAM", &Options::program, "The command that does the work; default: the one beside"},
+    {"--key-file FILE", &Options::keyFile, "Of USB packages; has a default"},
+    {"--fw-update PROGRAM", &Options::program, "What does the work; default: the one beside"},
 };
 
 // The one that was built, or is installed, with this program.

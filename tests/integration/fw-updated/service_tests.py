@@ -329,6 +329,42 @@ def AcceptsNoneOfThousandsOfHostileMessages():
     equal(client.result(client.manager().Update("libtuner", "", ""))["Outcome"], "nothing-to-do")
 
 
+def application(*words):
+    """One that uses the library itself."""
+    return subprocess.Popen([os.environ["LIBRARY_CLIENT"], *words], stdout=subprocess.PIPE, text=True)
+
+
+def TakesTheTracesOfApplicationsIntoTheHistoryOnce():
+    _, client = start()
+    with application("libtuner") as first:
+        first.communicate()
+    with application("libpanel", "wait") as second:
+        second.stdout.readline()  # over, and it goes on
+
+        for _ in range(3):
+            rows = client.manager().History("", False, 0)
+        second.kill()
+    after = client.manager().History("", False, 0)
+
+    equal([tuple(map(str, row[3:7])) for row in rows],
+          [("libtuner", "library", "root", "updated"), ("libpanel", "library", "root", "refused-image")])
+    equal(str(rows[1][9]), tool("update", "libpanel")["message"])
+    equal(after, rows)
+
+
+def FindsWhatAnApplicationDidNotEnd():
+    slow("tunerfw", 500)
+    _, client = start()
+    with application("libtuner") as cut:
+        wait_for(lambda: client.manager().LockStatus()[0] == "taken", "it updates")
+        client.manager().History("", False, 0)
+        cut.kill()
+
+    rows = client.manager().History("", False, 0)
+
+    equal([tuple(map(str, row[3:7])) for row in rows], [("libtuner", "library", "root", "interrupted")])
+
+
 class Soak:
     """Clients, and somebody who kills at random and notes each job's end."""
 

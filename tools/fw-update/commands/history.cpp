@@ -8,6 +8,7 @@
 #include <optional>
 
 #include "commands.h"
+#include "record/taken-traces.h"
 #include "report.h"
 #include "terminal.h"
 #include "time-text.h"
@@ -167,6 +168,7 @@ std::string sinceProblem(const std::string& text) {
 
 frame::Report runHistory(const Options& options) {
   history::History all(history::readSettings().settings);
+  takeTraces(all);
   try {
     const std::vector<Entry> entries = all.list(filterOf(options));
     return reportOf(entries, all.damagedFile());
