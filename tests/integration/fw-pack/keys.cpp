@@ -117,8 +117,14 @@ TEST_F(Keys, UnderAPassPhraseAreRefusedWithoutAsking) {
 }
 
 TEST_F(Keys, CannotBeGivenOnTheCommandLine) {
-  EXPECT_EQ(run({"usb", "image.bin", "--version", "1", "--key", std::string(64, 'a'), "-o", "x"}).exitCode,
-            2);
+  writeKeys();
+  std::vector<std::string> command = usbCommand();
+  command.insert(command.end(), {"--key", std::string(64, 'a')});
+
+  const ProgramResult result = run(command);
+
+  EXPECT_EQ(result.exitCode, 2);
+  EXPECT_THAT(result.error, HasSubstr("not expected"));
 }
 
 }  // namespace
