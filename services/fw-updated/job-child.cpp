@@ -18,8 +18,8 @@
 namespace updated {
 namespace {
 
-constexpr std::size_t kLongestLine = 1024 * 1024;
-constexpr off_t kMostKept = 1024 * 1024;  // of what was read
+constexpr std::size_t kLongestLine = std::size_t{1} << 20;
+constexpr off_t kMostKept = off_t{1} << 20;  // of what was read
 constexpr std::chrono::milliseconds kLongestPause{2000};
 
 bool printsDocument(Kind kind) {
@@ -191,11 +191,10 @@ void JobChild::lookForEnd() {
   }
   const bool wasAtWork = isAtWork();
   read();
-  if (hasResult_ && (status_ || !wasAtWork)) {
+  const bool isGone = status_ || process_ < 0;  // as far as this service can be told
+  if (wasAtWork ? hasResult_ && status_ : hasResult_ || isGone) {
     end();
-  } else if (!wasAtWork && (status_ || process_ < 0)) {
-    end();
-  } else if (status_ || process_ < 0) {
+  } else if (isGone) {
     // Its own child goes on; or the last writer has closed the file and its lock is about to go.
     lookAgain_ = loop_.after(pause_, [this] { lookForEnd(); });
     pause_ = std::min(pause_ * 2, kLongestPause);

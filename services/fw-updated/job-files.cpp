@@ -21,7 +21,7 @@ namespace updated {
 namespace {
 
 constexpr char kSuffix[] = ".job";
-constexpr std::size_t kLargest = 4 * 1024 * 1024;
+constexpr std::size_t kLargest = std::size_t{4} << 20;
 
 struct CloseDirectory {
   void operator()(DIR* directory) const { closedir(directory); }

@@ -66,9 +66,8 @@ Manager::Manager(sdbus::IConnection& connection, Access& access, JobList& jobs, 
   registerAdaptor();
   jobs_.serve(
       {[this](auto&& answer, const Job& job, const auto& client) { cancel(std::move(answer), job, client); },
-       [this](auto&& answer, const Job& job, const auto& client, const auto& said) {
-         consent(std::move(answer), job, client, said);
-       }},
+       [this](JobObject::Answer&& answer, const Job& job, const std::string& client,
+              const std::string& said) { consent(std::move(answer), job, client, said); }},
       [this] {
         getObject().emitPropertiesChangedSignal(org::fwupdate::Update1_adaptor::INTERFACE_NAME, {"Jobs"});
       });
@@ -194,6 +193,7 @@ void Manager::History(sdbus::Result<std::vector<HistoryRow>>&& result, std::stri
       entries.erase(entries.begin(), entries.end() - static_cast<std::ptrdiff_t>(most));
     }
     std::vector<HistoryRow> rows;
+    rows.reserve(entries.size());
     for (const Json::Value& entry : entries) {
       rows.emplace_back(numberIn(entry, "number"), milliseconds(entry, "began"), milliseconds(entry, "ended"),
                         textIn(entry, "module"), textIn(entry, "way"), textIn(entry, "user"),

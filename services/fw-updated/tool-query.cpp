@@ -20,7 +20,7 @@ namespace {
 
 constexpr std::ptrdiff_t kMostAtOnce = 4;
 constexpr std::size_t kMostWaiting = 32;
-constexpr std::size_t kLongestAnswer = 4 * 1024 * 1024;
+constexpr std::size_t kLongestAnswer = std::size_t{4} << 20;
 // A module that never says its version.
 constexpr std::chrono::seconds kPatience{60};
 
@@ -106,7 +106,7 @@ int ToolQueries::start(Query& query) {
     } else if (answer.document.empty()) {
       answer.problem = "A module crashed, or ended the command that asked.";
     }
-    finish(query, std::move(answer));
+    finish(query, answer);
   });
   return 0;
 }
@@ -124,7 +124,7 @@ void ToolQueries::read(Query& query) {
   }
 }
 
-void ToolQueries::finish(Query& query, ToolAnswer answer) {
+void ToolQueries::finish(Query& query, const ToolAnswer& answer) {
   const Then then = std::move(query.then);
   queries_.remove_if([&query](const Query& one) { return &one == &query; });
   next_ = loop_.soon([this] { startWaiting(); });

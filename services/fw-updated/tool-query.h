@@ -43,7 +43,7 @@ class ToolQueries {
   void startWaiting();
   int start(Query& query);
   void read(Query& query);
-  void finish(Query& query, ToolAnswer answer);
+  void finish(Query& query, const ToolAnswer& answer);
 
   EventLoop& loop_;
   const std::string program_;
