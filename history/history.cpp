@@ -32,7 +32,6 @@ constexpr char kLocks[] = "history.lock";
 
 constexpr int kVersion = 1;  // of the tables
 constexpr int kPageBytes = 4096;
-constexpr int kBusyMs = 300;
 constexpr mode_t kMode = 0640;  // who reads holds up who writes: not for everybody
 constexpr mode_t kLocksMode = 0600;
 // What a change of an entry needs of the disk is there before: free pages in the file, and a
@@ -423,7 +422,7 @@ bool History::write(const Step& step) {
 bool History::tryWrite(const Step& step, int removed) {
   const std::string path = pathOf(kFile);
   FileDescriptor(open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, kMode)).reset();
-  Database file(path, SQLite::OPEN_READWRITE | SQLite::OPEN_NOFOLLOW, kBusyMs);
+  Database file(path, SQLite::OPEN_READWRITE | SQLite::OPEN_NOFOLLOW, settings_.mostBusyMs);
   configure(file, settings_);
   const int version = numberOf(file, "user_version");
   if (version > kVersion) {
@@ -460,7 +459,7 @@ void History::setAside() {
     return;
   }
   try {
-    Database file(pathOf(kFile), SQLite::OPEN_READWRITE | SQLite::OPEN_NOFOLLOW, kBusyMs);
+    Database file(pathOf(kFile), SQLite::OPEN_READWRITE | SQLite::OPEN_NOFOLLOW, settings_.mostBusyMs);
     if (isSound(file)) {
       return;
     }
@@ -519,7 +518,7 @@ void History::read(const Step& step) {
     write([](Database&) {});
   }
   try {
-    Database file(path, SQLite::OPEN_READONLY | SQLite::OPEN_NOFOLLOW, kBusyMs);
+    Database file(path, SQLite::OPEN_READONLY | SQLite::OPEN_NOFOLLOW, settings_.mostBusyMs);
     if (numberOf(file, "user_version") > kVersion) {
       throw Failure("The history " + path + " is of a newer version of this program.", false);
     }

@@ -15,6 +15,8 @@ struct Settings {
   int mostEntries = 1000;
   int mostKib = 4096;
   std::string metrics;  // the file for them; empty: none is written
+  // How long a call waits for another process. Nobody sits before a job of the update service.
+  int mostBusyMs = 300;
 };
 
 struct SettingsRead {

@@ -15,6 +15,8 @@
 namespace tool {
 namespace {
 
+constexpr int kServiceBusyMs = 5000;
+
 struct Way {
   const char* command;
   const char* way;
@@ -152,8 +154,11 @@ void UpdateRecord::begin(const std::string& command, const Options& options) {
   history::SettingsRead read = history::readSettings();
   problem_ = read.problem;
   metricsFile_ = read.settings.metrics;
-  history_ = std::make_unique<history::History>(std::move(read.settings));
   const auto asker = askedThroughService();
+  if (asker) {
+    read.settings.mostBusyMs = kServiceBusyMs;
+  }
+  history_ = std::make_unique<history::History>(std::move(read.settings));
   whole_.entry.way = asker && !way->ofMany ? "service" : way->way;
   whole_.entry.user = nameOf(asker.value_or(getuid()));
   if (!way->ofMany) {
