@@ -55,8 +55,11 @@ def a_shared_directory_and_a_drive_are_found():
 
 
 def a_set_that_is_started_anew_runs_the_same():
-    code, output, errors = virtual_set("run", "--boot", "sh", "-c", "systemctl is-system-running --wait; fw-update list")
+    start = "cat /proc/sys/kernel/random/boot_id"
+    _, kept, _ = virtual_set("run", "sh", "-c", start)
+    code, output, errors = virtual_set("run", "--boot", "sh", "-c", f"systemctl is-system-running --wait; fw-update list; {start}")
     expect(code == 0 and "running" in output and "libtuner" in output, "it starts, and has its modules", output + errors)
+    expect(kept and kept not in output, "it is another start than the kept one", output)
 
 
 def a_shell_takes_commands_and_ends():
