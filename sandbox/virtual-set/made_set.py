@@ -31,6 +31,8 @@ DAY = 24 * 3600
 PREPARED = [HERE / name for name in ("prepare", "usb-drive.rules", "usb-drive@.service")]
 # The set that was made last for this tree: its directory, its name, its packages' directory.
 CURRENT = TREE / "build" / "virtual-set"
+# Where mkfs.ext4 is; the path of an ordinary user lacks it.
+os.environ["PATH"] = os.environ.get("PATH", os.defpath) + ":/usr/sbin:/sbin"
 PROGRAMS = ("qemu-system-i386", "qemu-img", "mmdebstrap", "mkfs.ext4")
 
 
