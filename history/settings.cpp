@@ -3,8 +3,8 @@
 
 #include <cerrno>
 #include <charconv>
-#include <sstream>
 
+#include "setting-lines.h"
 #include "system-error.h"
 #include "whole-file.h"
 
@@ -26,11 +26,6 @@ constexpr Number kNumbers[] = {
 };
 constexpr char kMetrics[] = "metrics";
 constexpr char kMetricsEnd[] = ".prom";
-
-std::string trimmed(const std::string& text) {
-  const auto first = text.find_first_not_of(" \t\r");
-  return first == std::string::npos ? "" : text.substr(first, text.find_last_not_of(" \t\r") - first + 1);
-}
 
 bool endsWith(const std::string& text, const std::string& end) {
   return text.size() > end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
@@ -65,16 +60,9 @@ std::string set(Settings& settings, const std::string& name, const std::string& 
   return "";
 }
 
-std::string take(Settings& settings, const std::string& line) {
-  const std::string text = trimmed(line.substr(0, line.find('#')));
-  if (text.empty()) {
-    return "";
-  }
-  const auto equals = text.find('=');
-  if (equals == std::string::npos) {
-    return "it has no \"=\"";
-  }
-  return set(settings, trimmed(text.substr(0, equals)), trimmed(text.substr(equals + 1)));
+// What is wrong with the line; empty when it was taken.
+std::string take(Settings& settings, const base::SettingLine& line) {
+  return line.isSetting ? set(settings, line.name, line.value) : "it has no \"=\"";
 }
 
 }  // namespace
@@ -88,14 +76,11 @@ SettingsRead readSettings(const std::string& path) {
     }
     return read;
   }
-  std::istringstream lines(content);
-  int number = 0;
-  for (std::string line; std::getline(lines, line);) {
-    ++number;
+  for (const base::SettingLine& line : base::settingLines(content)) {
     const std::string problem = take(read.settings, line);
     if (!problem.empty() && read.problem.empty()) {
       read.problem = path;
-      read.problem.append(", line ").append(std::to_string(number)).append(": ").append(problem);
+      read.problem.append(", line ").append(std::to_string(line.number)).append(": ").append(problem);
     }
   }
   return read;
