@@ -11,6 +11,7 @@
 #include <system_error>
 #include <type_traits>
 
+#include "dlog.h"
 #include "dotted-version.h"
 #include "error-number.h"
 #include "flash-file.h"
@@ -135,6 +136,12 @@ void Component::updateFromMemory(const unsigned char* data, int length) {
     noteImageSize(image.size);
     run.writeImage(image, version, std::nullopt);
   });
+}
+
+void Component::tellWhy(const std::exception& error) const noexcept {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  const char* const name = libName_[0] != '\0' ? libName_ : identity_.firmwareName;
+  __dlog_print(2, DLOG_ERROR_PRIORITY, "FWUPDATE", "%s: %s", name, error.what());
 }
 
 int Component::expectedSeconds() const {

@@ -10,6 +10,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <exception>
 #include <functional>
 #include <mutex>
 #include <optional>
@@ -48,6 +49,10 @@ class Component {
   // "info.json" beside the file; in memory, the one that this thread asked isNewer about.
   void updateFromFile(const char* path, unsigned long crc);
   void updateFromMemory(const unsigned char* data, int length);
+
+  // Writes into the platform's log, under the library's name, why an update failed. Callers show
+  // it behind their own sentence.
+  void tellWhy(const std::exception& error) const noexcept;
 
   int expectedSeconds() const;
   unsigned int progress() const;

@@ -8,6 +8,7 @@
 namespace {
 
 using fwcomponent::answer;
+using fwcomponent::answerUpdate;
 using fwcomponent::thisComponent;
 
 // The caller's place for an answer.
@@ -45,7 +46,7 @@ int allUpdateDone() {
 }
 
 int doUpdate_decryption(const unsigned char* data, int length) {
-  return answer([&] { thisComponent().updateFromMemory(data, length); });
+  return answerUpdate([&] { thisComponent().updateFromMemory(data, length); });
 }
 
 int getExpectedTime(int* seconds) {

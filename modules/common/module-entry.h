@@ -5,6 +5,7 @@
 #define MODULES_COMMON_MODULE_ENTRY_H
 
 #include <cerrno>
+#include <exception>
 
 #include "component.h"
 #include "error-number.h"
@@ -27,6 +28,19 @@ int answer(Body body) noexcept {
     errno = error;
     return -error;
   }
+}
+
+// The same for an update, whose reason goes into the platform's log, too.
+template <typename Body>
+int answerUpdate(Body body) noexcept {
+  return answer([&] {
+    try {
+      body();
+    } catch (const std::exception& error) {
+      thisComponent().tellWhy(error);
+      throw;
+    }
+  });
 }
 
 }  // namespace fwcomponent

@@ -14,10 +14,12 @@
 #include <iterator>
 #include <string>
 
+#include "dlog.h"
 #include "fw-update-module.h"
 
 namespace {
 
+constexpr const char* kLibrary = "libminimal";
 constexpr const char* kDirectory = "/var/lib/fw-components";
 constexpr const char* kFlash = "/var/lib/fw-components/minimalfw.firmware";
 constexpr const char* kNewFlash = "/var/lib/fw-components/minimalfw.firmware.new";
@@ -30,6 +32,12 @@ bool isVersion(const std::string& text) {
 int failure(int error) {
   errno = error;
   return -error;
+}
+
+// Of an update: why it failed goes into the platform's log, under the library's name.
+int failure(int error, const char* what) {
+  __dlog_print(2, DLOG_ERROR_PRIORITY, "FWUPDATE", "%s: %s: %s", kLibrary, what, std::strerror(error));
+  return failure(error);
 }
 
 std::string activeVersion() {
@@ -79,15 +87,15 @@ int replaceFlash(const std::string& content) {
   // process may still be writing.
   const Directory directory;
   if (directory.descriptor < 0 || ::flock(directory.descriptor, LOCK_EX | LOCK_NB) != 0) {
-    return failure(errno);
+    return failure(errno, kDirectory);
   }
   // One rename, so that there is no moment without firmware.
   if (writeNewFlash(content) && std::rename(kNewFlash, kFlash) == 0) {
-    return ::fsync(directory.descriptor) == 0 ? 0 : failure(errno);
+    return ::fsync(directory.descriptor) == 0 ? 0 : failure(errno, kDirectory);
   }
   const int error = errno;
   std::remove(kNewFlash);
-  return failure(error);
+  return failure(error, kNewFlash);
 }
 
 }  // namespace
@@ -121,14 +129,17 @@ int checkVersion(const char* version, int* need) try {
 int doUpdate(const char* path, unsigned long value) try {
   std::ifstream file(path, std::ios::binary);
   if (!file) {
-    return failure(ENOENT);
+    return failure(ENOENT, path);
   }
   const std::string image{std::istreambuf_iterator<char>(file), {}};
   if (image.empty() || !hasCrc(image, value)) {
-    return failure(EBADMSG);
+    return failure(EBADMSG, "the image is not what its checksum says");
   }
   const std::string version = statedVersion(path);
-  return isVersion(version) ? replaceFlash(version + '\n' + image) : failure(EINVAL);
+  return isVersion(version) ? replaceFlash(version + '\n' + image)
+                            : failure(EINVAL, "info.json states no version");
+} catch (const std::exception& error) {
+  return failure(EIO, error.what());
 } catch (...) {
-  return failure(EIO);
+  return failure(EIO, "an unknown error");
 }

@@ -42,5 +42,5 @@ fwcomponent::Component& fwcomponent::thisComponent() {
 
 // The arguments are the module's own library name and 0.
 int doUpdate(const char* /*path*/, unsigned long /*value*/) {
-  return fwcomponent::answer([] { runOwnProcedure(fwcomponent::thisComponent()); });
+  return fwcomponent::answerUpdate([] { runOwnProcedure(fwcomponent::thisComponent()); });
 }

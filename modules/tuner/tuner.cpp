@@ -9,5 +9,5 @@ fwcomponent::Component& fwcomponent::thisComponent() {
 }
 
 int doUpdate(const char* path, unsigned long value) {
-  return fwcomponent::answer([&] { fwcomponent::thisComponent().updateFromFile(path, value); });
+  return fwcomponent::answerUpdate([&] { fwcomponent::thisComponent().updateFromFile(path, value); });
 }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The platform log.
+// The platform log. Plain C compiles it too, for modules in C.
 #ifndef PLATFORM_DLOG_H
 #define PLATFORM_DLOG_H
 
@@ -18,7 +18,13 @@ enum {
 // Returns the length of the formatted message in bytes (0 when messages are
 // switched off), or a negative errno value when it could not be formatted or
 // written. A program may define this symbol itself.
-extern "C" int __dlog_print(int log_id, int priority, const char* tag, const char* format, ...)
+#ifdef __cplusplus
+extern "C" {
+#endif
+int __dlog_print(int log_id, int priority, const char* tag, const char* format, ...)
     __attribute__((format(printf, 4, 5), visibility("default")));
+#ifdef __cplusplus
+}
+#endif
 
 #endif

@@ -15,10 +15,12 @@
   template fwModuleDeviceTest, "update-on-a-device"
   template fwModuleCComponentHeader, "c/component.h"
   template fwModuleCComponent, "c/component.c"
+  template fwModuleCReason, "c/reason.h"
   template fwModuleCModule, "c/module.c"
   template fwModuleCExtModule, "c/ext-module.c"
   template fwModuleCppComponentHeader, "c++/component.h"
   template fwModuleCppComponent, "c++/component.cpp"
+  template fwModuleCppReason, "c++/reason.h"
   template fwModuleCppModule, "c++/module.cpp"
   template fwModuleCppExtModule, "c++/ext-module.cpp"
   .section .note.GNU-stack, "", %progbits

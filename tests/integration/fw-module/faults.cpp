@@ -99,6 +99,8 @@ constexpr Fault kFaults[] = {
     {"full-disk", "full-disk", "doUpdate"},
     {"lost-old-firmware", "old-firmware", "doUpdate"},
     {"plain-minus-one", "result-code", "doUpdate"},
+    {"silent-failure", "reason", "doUpdate"},
+    {"reason-under-another-name", "reason", "doUpdate"},
     {"failing-package", "decryption", "doUpdate_decryption"},
     {"failing-end", "all-done", "allUpdateDone"},
 };

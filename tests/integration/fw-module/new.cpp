@@ -29,9 +29,9 @@ TEST_F(NewProject, IsWrittenInEitherLanguage) {
   EXPECT_EQ(run({"new", "libdoor", "--language", "c", "--directory", "below/c"}).exitCode, 0);
 
   EXPECT_THAT(filesIn("libdoor"), ElementsAre("CMakeLists.txt", "README.md", "component.cpp", "component.h",
-                                              "exports.map", "module.cpp", "update-on-a-device"));
+                                              "exports.map", "module.cpp", "reason.h", "update-on-a-device"));
   EXPECT_THAT(filesIn("below/c"), ElementsAre("CMakeLists.txt", "README.md", "component.c", "component.h",
-                                              "exports.map", "module.c", "update-on-a-device"));
+                                              "exports.map", "module.c", "reason.h", "update-on-a-device"));
 }
 
 TEST_F(NewProject, HasEveryNameFilledIn) {

@@ -11,7 +11,9 @@
 namespace {
 
 using ::testing::AllOf;
+using ::testing::ContainsRegex;
 using ::testing::HasSubstr;
+using ::testing::MatchesRegex;
 using ::testing::Not;
 namespace fs = std::filesystem;
 
@@ -71,6 +73,18 @@ TEST_F(UpdateHistory, HasWhatDidNotSucceedAndWhy) {
   EXPECT_EQ(entry["sentence"].asString(), refused["message"].asString());
   EXPECT_EQ(entry["remedy"].asString(), refused["remedy"].asString());
   EXPECT_EQ(entry["image"].asString(), "/opt/usr/share/sbox/tunerfw/tunerfw.bin");
+}
+
+TEST_F(UpdateHistory, HasWhatTheModuleItselfSaidOfItsFailure) {
+  describeComponent("tunerfw", "fail_at_percent = 60");
+  ASSERT_EQ(run({"update", "libtuner"}).exitCode, 6);
+
+  const Json::Value entry = shown(1);
+
+  const std::string reason = "the component failed at 6[0-9] percent: Input/output error";
+  EXPECT_THAT(entry["messages"].asString(), MatchesRegex("libtuner: " + reason));
+  EXPECT_THAT(entry["sentence"].asString(), ContainsRegex(" It said: " + reason));
+  EXPECT_THAT(run({"history", "show", "1"}).out, HasSubstr("The module said"));
 }
 
 TEST_F(UpdateHistory, IsWrittenForADescriptionThatNoParserTakes) {

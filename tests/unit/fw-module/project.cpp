@@ -47,7 +47,7 @@ class NewModuleProject : public ::testing::Test {
 TEST_F(NewModuleProject, HasTheFilesOfItsLanguage) {
   EXPECT_THAT(write("libdoor", "c++"),
               ElementsAre("CMakeLists.txt", "README.md", "exports.map", "update-on-a-device", "component.h",
-                          "component.cpp", "module.cpp"));
+                          "component.cpp", "reason.h", "module.cpp"));
   fs::remove_all(directory_ / "project");
   EXPECT_THAT(write("libEXT-door", "c"), Contains("module.c"));
 }

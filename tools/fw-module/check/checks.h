@@ -63,6 +63,7 @@ enum class Check : std::uint8_t {
   PowerCut,
   OldFirmware,
   ResultCode,
+  Reason,
   Decryption,
   AllDone,
 };
@@ -194,6 +195,10 @@ inline constexpr CheckInfo kChecks[] = {
     {Check::ResultCode, "result-code", Severity::Warning, "A failure has a code of its own",
      "Answer a negative errno value other than -1: callers take 1 for a time-out and -1 for a refusal by "
      "the library."},
+    {Check::Reason, "reason", Severity::Warning, "A failing update says why",
+     "Before it answers, log what failed at error priority, with the library's name and \": \" before it: "
+     "__dlog_print(2, DLOG_ERROR_PRIORITY, \"FWUPDATE\", \"libdoor: failed at 60 percent\"). fw-update and "
+     "its history show it."},
     {Check::Decryption, "decryption", Severity::Error, "The image of a USB package is written",
      "Write the length bytes at data and answer 0; the version is the one that checkVersion was given. If "
      "you take no USB packages, do not export doUpdate_decryption."},

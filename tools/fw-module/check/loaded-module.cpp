@@ -9,6 +9,7 @@
 
 #include "fw-update-module.h"
 #include "lent-memory.h"
+#include "module-log.h"
 
 namespace fwmodule {
 namespace {
@@ -153,12 +154,14 @@ NumberAnswer<int> LoadedModule::checkVersion(const std::string& version, const c
 
 int LoadedModule::doUpdate(const std::string& path, unsigned long crc, const char* situation) {
   const LentMemory text("the path that doUpdate was given", path, LentMemory::Content::Text);
+  forgetReasons();
   return call(EntryPoint::DoUpdate, situation,
               [&] { return function<decltype(::doUpdate)>(EntryPoint::DoUpdate)(text.data(), crc); });
 }
 
 int LoadedModule::doUpdateDecryption(const std::string& image, const char* situation) {
   const LentMemory data("the data that doUpdate_decryption was given", image, LentMemory::Content::Bytes);
+  forgetReasons();
   return call(EntryPoint::DoUpdateDecryption, situation, [&] {
     return function<decltype(::doUpdate_decryption)>(EntryPoint::DoUpdateDecryption)(
         reinterpret_cast<const unsigned char*>(data.data()), static_cast<int>(image.size()));

@@ -11,10 +11,12 @@ extern const char fwModuleExports[], fwModuleExportsEnd[];
 extern const char fwModuleDeviceTest[], fwModuleDeviceTestEnd[];
 extern const char fwModuleCComponentHeader[], fwModuleCComponentHeaderEnd[];
 extern const char fwModuleCComponent[], fwModuleCComponentEnd[];
+extern const char fwModuleCReason[], fwModuleCReasonEnd[];
 extern const char fwModuleCModule[], fwModuleCModuleEnd[];
 extern const char fwModuleCExtModule[], fwModuleCExtModuleEnd[];
 extern const char fwModuleCppComponentHeader[], fwModuleCppComponentHeaderEnd[];
 extern const char fwModuleCppComponent[], fwModuleCppComponentEnd[];
+extern const char fwModuleCppReason[], fwModuleCppReasonEnd[];
 extern const char fwModuleCppModule[], fwModuleCppModuleEnd[];
 extern const char fwModuleCppExtModule[], fwModuleCppExtModuleEnd[];
 }
@@ -41,10 +43,12 @@ const Row kRows[] = {
     {nullptr, Kind::Any, "update-on-a-device", true, fwModuleDeviceTest, fwModuleDeviceTestEnd},
     {"c", Kind::Any, "component.h", false, fwModuleCComponentHeader, fwModuleCComponentHeaderEnd},
     {"c", Kind::Any, "component.c", false, fwModuleCComponent, fwModuleCComponentEnd},
+    {"c", Kind::Any, "reason.h", false, fwModuleCReason, fwModuleCReasonEnd},
     {"c", Kind::Ordinary, "module.c", false, fwModuleCModule, fwModuleCModuleEnd},
     {"c", Kind::Extension, "module.c", false, fwModuleCExtModule, fwModuleCExtModuleEnd},
     {"c++", Kind::Any, "component.h", false, fwModuleCppComponentHeader, fwModuleCppComponentHeaderEnd},
     {"c++", Kind::Any, "component.cpp", false, fwModuleCppComponent, fwModuleCppComponentEnd},
+    {"c++", Kind::Any, "reason.h", false, fwModuleCppReason, fwModuleCppReasonEnd},
     {"c++", Kind::Ordinary, "module.cpp", false, fwModuleCppModule, fwModuleCppModuleEnd},
     {"c++", Kind::Extension, "module.cpp", false, fwModuleCppExtModule, fwModuleCppExtModuleEnd},
 };

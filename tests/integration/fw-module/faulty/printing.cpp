@@ -4,6 +4,7 @@
 #include "sound-module.h"
 
 int setContext(const char* libName, CallerTypes caller, char*) {
+  sound::library = libName;
   std::printf("%s: caller %d\n", libName, caller);
   return 0;
 }

@@ -18,6 +18,7 @@
 #include <sstream>
 #include <string>
 
+#include "dlog.h"
 #include "fw-update-module.h"
 
 namespace sound {
@@ -29,7 +30,14 @@ inline std::mutex mutex;
 inline std::string checkedVersion;  // guarded by mutex
 inline std::atomic<unsigned int> percent{0};
 
+inline std::string library;  // guarded by mutex
+
+// OWN_reason: it fails without a word.
 inline int failure(int error) {
+#ifndef OWN_reason
+  const std::lock_guard<std::mutex> lock(mutex);
+  __dlog_print(2, DLOG_ERROR_PRIORITY, "FWUPDATE", "%s: %s", library.c_str(), std::strerror(error));
+#endif
   errno = error;
   return -error;
 }
@@ -121,7 +129,9 @@ inline int update(const std::string& path, unsigned long crc) {
 }  // namespace sound
 
 #ifndef OWN_setContext
-int setContext(const char*, CallerTypes, char*) {
+int setContext(const char* libName, CallerTypes, char*) {
+  const std::lock_guard<std::mutex> lock(sound::mutex);
+  sound::library = libName;
   return 0;
 }
 #endif

@@ -19,6 +19,7 @@ bool updateToNewer(const Stage& stage) {
 
 void judgeAfterFailure(const Stage& stage, EntryPoint entryPoint, int result, const char* situation) {
   judgeResultCode(stage, entryPoint, result);
+  judgeReason(stage, entryPoint, result, situation);
   const std::string active = stage.module.getActiveVersion("after a failed update").text;
   stage.transcript.judge(active == stage.subject.newerVersion, Check::OldFirmware, entryPoint,
                          answered(entryPoint, result) + " " + situation + ", and then \"" + active +
@@ -130,6 +131,7 @@ void tryUsbPackage(const Stage& stage) {
   const int empty = stage.module.doUpdateDecryption("", "with an empty image");
   transcript.judge(empty != 0, Check::ImageEmpty, EntryPoint::DoUpdateDecryption,
                    "doUpdate_decryption answered 0 with an empty image.");
+  judgeReason(stage, EntryPoint::DoUpdateDecryption, empty, "with an empty image");
 }
 
 }  // namespace fwmodule

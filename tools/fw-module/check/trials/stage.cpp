@@ -9,6 +9,7 @@
 #include "firmware-image.h"
 #include "image-information.h"
 #include "lent-memory.h"
+#include "module-log.h"
 
 namespace fwmodule {
 namespace fs = std::filesystem;
@@ -82,6 +83,13 @@ std::string answered(EntryPoint entryPoint, int result) {
 void judgeResultCode(const Stage& stage, EntryPoint entryPoint, int result) {
   stage.transcript.judge(result != 1 && result != -1, Check::ResultCode, entryPoint,
                          answered(entryPoint, result) + " for a failed update.");
+}
+
+void judgeReason(const Stage& stage, EntryPoint entryPoint, int result, const std::string& situation) {
+  if (result != 0 && result != kThrew) {
+    stage.transcript.judge(toldReason(stage.subject.library), Check::Reason, entryPoint,
+                           answered(entryPoint, result) + " " + situation + " and did not log why.");
+  }
 }
 
 }  // namespace fwmodule

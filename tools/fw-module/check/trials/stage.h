@@ -47,6 +47,10 @@ void judgeLeftovers(const Stage& stage, const Census& before, EntryPoint entryPo
 // "name answered -5", "name let an exception out".
 std::string answered(EntryPoint entryPoint, int result);
 
+// Tells about a failure of which callers learn nothing but a number. Right after the call that
+// answered; 0 is no failure.
+void judgeReason(const Stage& stage, EntryPoint entryPoint, int result, const std::string& situation);
+
 // Tells about a failure's code that callers cannot tell from the library's own.
 void judgeResultCode(const Stage& stage, EntryPoint entryPoint, int result);
 

@@ -89,6 +89,7 @@ void tryOwnProcedure(const Stage& stage) {
   stage.module.setContext(CALLER_UPGRADE_APP, "", "before its own procedure");
   const WatchedUpdate first = watchUpdate(stage, library, 0, kOwnProcedure);
   judgeResultCode(stage, EntryPoint::DoUpdate, first.result);
+  judgeReason(stage, EntryPoint::DoUpdate, first.result, kOwnProcedure);
   judgeProgress(stage, first);
   judgeWaits(stage, first, [&] { return watchUpdate(stage, library, 0, kOwnProcedure); });
   const Census before = takeCensus();

@@ -11,6 +11,8 @@
 #include <cstdio>
 #include <vector>
 
+#include "reason.h"
+
 namespace component {
 namespace {
 
@@ -54,7 +56,7 @@ int writeAll(int descriptor, const void* data, std::size_t size) {
   while (size > 0) {
     const ssize_t written = ::write(descriptor, bytes, size);
     if (written < 0)
-      return -errno;
+      return failed(kNewFlash, errno);
     bytes += written;
     size -= static_cast<std::size_t>(written);
   }
@@ -64,15 +66,15 @@ int writeAll(int descriptor, const void* data, std::size_t size) {
 int copy(int image, int flash, unsigned long expectedCrc) {
   struct stat status {};
   if (::fstat(image, &status) != 0)
-    return -errno;
+    return failed("the image", errno);
   if (!S_ISREG(status.st_mode) || status.st_size == 0)
-    return -EINVAL;
+    return failed("the image is no file, or empty", EINVAL);
   std::vector<unsigned char> block(65536);
   std::uint32_t crc = 0;
   for (std::int64_t done = 0; done < status.st_size;) {
     const ssize_t size = ::read(image, block.data(), block.size());
     if (size <= 0)
-      return size < 0 ? -errno : -EIO;
+      return failed("reading at " + std::to_string(percent) + " percent", size < 0 ? errno : EIO);
     const auto length = static_cast<std::size_t>(size);
     if (const int result = writeAll(flash, block.data(), length); result != 0)
       return result;
@@ -81,31 +83,31 @@ int copy(int image, int flash, unsigned long expectedCrc) {
     percent = static_cast<unsigned int>(done * 99 / status.st_size);
   }
   // It was right when the library looked; this is what was read now.
-  return crc == expectedCrc ? 0 : -EBADMSG;
+  return crc == expectedCrc ? 0 : failed("the image has another checksum", EBADMSG);
 }
 
 // All of it is on the medium when this returns 0.
 int writeNewFlash(const std::string& path, unsigned long crc, const std::string& version) {
   const File image(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
   if (!image.isOpen())
-    return -errno;
+    return failed(path, errno);
   const File flash(::open(kNewFlash, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
   if (!flash.isOpen())
-    return -errno;
+    return failed(kNewFlash, errno);
   const std::string head = version + '\n';
   if (const int result = writeAll(flash.get(), head.data(), head.size()); result != 0)
     return result;
   if (const int result = copy(image.get(), flash.get(), crc); result != 0)
     return result;
-  return ::fsync(flash.get()) == 0 ? 0 : -errno;
+  return ::fsync(flash.get()) == 0 ? 0 : failed(kNewFlash, errno);
 }
 
 // One rename, so that there is no moment without firmware.
 int activate() {
   const File directory(::open(kDirectory, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!directory.isOpen() || ::rename(kNewFlash, kFlash) != 0)
-    return -errno;
-  return ::fsync(directory.get()) == 0 ? 0 : -errno;
+    return failed(kFlash, errno);
+  return ::fsync(directory.get()) == 0 ? 0 : failed(kDirectory, errno);
 }
 
 }  // namespace
@@ -132,7 +134,7 @@ int update(const std::string& path, unsigned long crc, const std::string& versio
   // An update that ran out of time may still be writing, in this process or another.
   const File lock(::open(kLock, O_RDWR | O_CREAT | O_CLOEXEC, 0644));
   if (!lock.isOpen() || ::flock(lock.get(), LOCK_EX | LOCK_NB) != 0)
-    return -errno;
+    return failed(kLock, errno);
   percent = 0;
   int result = writeNewFlash(path, crc, version);
   if (result == 0)

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "component.h"
+#include "reason.h"
 
 namespace {
 
@@ -60,14 +61,16 @@ std::string member(const std::string& json, const std::string& name) {
 int runOwnProcedure() {
   std::FILE* file = std::fopen(kInformation, "re");  // close-on-exec: not the module's process
   if (file == nullptr)
-    return -errno;
+    return failed(kInformation, errno);
   char text[4096];
   const std::string json(text, std::fread(text, 1, sizeof text, file));
   std::fclose(file);
   const std::string version = member(json, "version");
   int need = 0;
-  if (const int result = compareWithActive(version, need); result != 0 || need == 0)
-    return result;
+  if (const int result = compareWithActive(version, need); result != 0)
+    return failed("comparing the version of info.json", -result);
+  if (need == 0)
+    return 0;
   return component::update(kImage, std::strtoul(member(json, "crc").c_str(), nullptr, 10), version);
 }
 

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "component.h"
+#include "reason.h"
 
 namespace {
 
@@ -86,7 +87,8 @@ int checkVersion(const char* version, int* need) {
 int doUpdate(const char* path, unsigned long value) {
   return answer([path, value] {
     const std::string version = versionOfImage(path);
-    return isVersion(version) ? component::update(path, value, version) : -EINVAL;
+    return isVersion(version) ? component::update(path, value, version)
+                              : failed("info.json beside the image states no version", EINVAL);
   });
 }
 

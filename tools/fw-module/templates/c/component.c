@@ -11,6 +11,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "reason.h"
+
 #define DIRECTORY "/var/lib/fw-components"
 #define LOCK DIRECTORY "/@FIRMWARE@.lock"
 /* The version on the first line, then the firmware. */
@@ -34,7 +36,7 @@ static int write_all(int descriptor, const void* data, size_t size) {
   while (size > 0) {
     const ssize_t written = write(descriptor, bytes, size);
     if (written < 0)
-      return -errno;
+      return failed(NEW_FLASH, errno);
     bytes += written;
     size -= (size_t)written;
   }
@@ -44,15 +46,15 @@ static int write_all(int descriptor, const void* data, size_t size) {
 static int copy(int image, int flash, unsigned long expected_crc) {
   struct stat status;
   if (fstat(image, &status) != 0)
-    return -errno;
+    return failed("the image", errno);
   if (!S_ISREG(status.st_mode) || status.st_size == 0)
-    return -EINVAL;
+    return failed("the image is no file, or empty", EINVAL);
   unsigned char block[16384];
   uint32_t crc = 0;
   for (int64_t done = 0; done < status.st_size;) {
     const ssize_t size = read(image, block, sizeof block);
     if (size <= 0)
-      return size < 0 ? -errno : -EIO;
+      return failed("reading the image", size < 0 ? errno : EIO);
     const int result = write_all(flash, block, (size_t)size);
     if (result != 0)
       return result;
@@ -61,21 +63,21 @@ static int copy(int image, int flash, unsigned long expected_crc) {
     percent = (unsigned int)(done * 99 / status.st_size);
   }
   /* It was right when the library looked; this is what was read now. */
-  return crc == expected_crc ? 0 : -EBADMSG;
+  return crc == expected_crc ? 0 : failed("the image has another checksum", EBADMSG);
 }
 
 /* All of it is on the medium when this returns 0. */
 static int write_new_flash(int image, unsigned long crc, const char* version) {
   const int flash = open(NEW_FLASH, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   if (flash < 0)
-    return -errno;
+    return failed(NEW_FLASH, errno);
   int result = write_all(flash, version, strlen(version));
   if (result == 0)
     result = write_all(flash, "\n", 1);
   if (result == 0)
     result = copy(image, flash, crc);
   if (result == 0 && fsync(flash) != 0)
-    result = -errno;
+    result = failed(NEW_FLASH, errno);
   close(flash);
   return result;
 }
@@ -84,10 +86,10 @@ static int write_new_flash(int image, unsigned long crc, const char* version) {
 static int activate(void) {
   const int directory = open(DIRECTORY, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (directory < 0)
-    return -errno;
+    return failed(DIRECTORY, errno);
   int result = 0;
   if (rename(NEW_FLASH, FLASH) != 0 || fsync(directory) != 0)
-    result = -errno;
+    result = failed(FLASH, errno);
   close(directory);
   return result;
 }
@@ -111,16 +113,16 @@ int component_update(const char* path, unsigned long crc, const char* version) {
   /* An update that ran out of time may still be writing, in this process or another. */
   const int lock = open(LOCK, O_RDWR | O_CREAT | O_CLOEXEC, 0644);
   if (lock < 0)
-    return -errno;
+    return failed(LOCK, errno);
   int result = 0;
   if (flock(lock, LOCK_EX | LOCK_NB) != 0) {
-    result = -errno;
+    result = failed(LOCK, errno);
     close(lock);
     return result;
   }
   percent = 0;
   const int image = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-  result = image < 0 ? -errno : write_new_flash(image, crc, version);
+  result = image < 0 ? failed(path, errno) : write_new_flash(image, crc, version);
   if (image >= 0)
     close(image);
   if (result == 0)

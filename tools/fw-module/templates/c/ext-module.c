@@ -10,6 +10,7 @@
 #include <string.h>
 
 #include "component.h"
+#include "reason.h"
 
 #define IMAGE "/lib/firmware/ext/@FIRMWARE@/@FIRMWARE@.bin"
 #define INFORMATION "/lib/firmware/ext/@FIRMWARE@/info.json"
@@ -53,7 +54,7 @@ static void read_member(const char* json, const char* quoted_name, char value[TE
 static int run_own_procedure(void) {
   FILE* file = fopen(INFORMATION, "re"); /* close-on-exec: not the module's process */
   if (file == NULL)
-    return -errno;
+    return failed(INFORMATION, errno);
   char json[4096];
   json[fread(json, 1, sizeof json - 1, file)] = '\0';
   fclose(file);
@@ -63,8 +64,10 @@ static int run_own_procedure(void) {
   read_member(json, "\"crc\"", crc);
   int need = 0;
   const int result = compare_with_active(version, &need);
-  if (result != 0 || need == 0)
-    return result;
+  if (result != 0)
+    return failed("comparing the version of info.json", -result);
+  if (need == 0)
+    return 0;
   return component_update(IMAGE, strtoul(crc, NULL, 10), version);
 }
 

@@ -7,6 +7,7 @@
 #include <string.h>
 
 #include "component.h"
+#include "reason.h"
 
 enum { EXPECTED_SECONDS = 30 };
 
@@ -79,7 +80,8 @@ int checkVersion(const char* version, int* need) {
 int doUpdate(const char* path, unsigned long value) {
   char version[TEXT_SIZE];
   const int result = read_image_version(path, version);
-  return answer(result == 0 ? component_update(path, value, version) : result);
+  return answer(result == 0 ? component_update(path, value, version)
+                            : failed("the version in info.json beside the image", -result));
 }
 
 int getExpectedTime(int* seconds) {
