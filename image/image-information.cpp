@@ -35,6 +35,9 @@ std::string toText(const Information& information) {
   document["version"] = information.version;
   document["crc"] = information.crc;
   document["expected_time"] = information.expectedTime;
+  if (!information.updateClass.empty()) {
+    document["class"] = information.updateClass;
+  }
   Json::StreamWriterBuilder builder;
   builder["indentation"] = "  ";
   builder["emitUTF8"] = true;
@@ -47,8 +50,10 @@ std::optional<Information> parseInformation(const std::string& text) {
       !document["crc"].isUInt() || !document["expected_time"].isUInt()) {
     return std::nullopt;
   }
+  const Json::Value& updateClass = document["class"];
   return Information{document["version"].asString(), document["crc"].asUInt(),
-                     document["expected_time"].asUInt()};
+                     document["expected_time"].asUInt(),
+                     updateClass.isString() ? updateClass.asString() : ""};
 }
 
 }  // namespace image

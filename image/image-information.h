@@ -28,6 +28,7 @@ struct Information {
   std::string version;
   std::uint32_t crc = 0;
   std::uint32_t expectedTime = 0;  // seconds
+  std::string updateClass = {};    // "security" or "feature"; empty: it is not stated
 };
 
 std::string toText(const Information& information);

@@ -10,11 +10,16 @@
 #include "library-messages.h"
 #include "library/library.h"
 #include "library/log-meanings.h"
+#include "record/image-facts.h"
 #include "report.h"
 #include "terminal.h"
 
 namespace tool {
 namespace {
+
+// Of updates; what states another one, or none, is a feature.
+constexpr char kSecurity[] = "security";
+constexpr char kFeature[] = "feature";
 
 struct ModuleState {
   FWUpdateItem item;
@@ -87,7 +92,7 @@ const char* answerOf(const Finding& reason) {
   return reason.outcome == Outcome::NothingToDo ? "no" : "refused";
 }
 
-Json::Value moduleJson(const ModuleState& state) {
+Json::Value moduleJson(const ModuleState& state, UPDATE_TYPE place) {
   Json::Value module;
   module["library"] = state.item.file_name;
   module["firmware"] = state.item.fw_name;
@@ -96,6 +101,9 @@ Json::Value moduleJson(const ModuleState& state) {
   addTo(module, state.reason, "reason");
   if (state.due) {
     module["outcome"] = "pending";
+    const auto offered = offeredImage(state.item.fw_name, place);
+    module["offeredVersion"] = offered ? offered->version : "";
+    module["class"] = offered && offered->updateClass == kSecurity ? kSecurity : kFeature;
   }
   return module;
 }
@@ -121,7 +129,7 @@ frame::Report runPending(const Options& options) {
   report.details["caller"] = options.caller->name;
   report.details["modules"] = Json::arrayValue;
   for (const ModuleState& state : states) {
-    report.details["modules"].append(moduleJson(state));
+    report.details["modules"].append(moduleJson(state, options.caller->images));
   }
   return report;
 }

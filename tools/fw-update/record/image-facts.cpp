@@ -35,12 +35,13 @@ std::string extensionPackage(const std::string& firmware) {
   return "";
 }
 
-std::string checksumIn(const std::string& path) {
+std::optional<image::Information> informationIn(const std::string& path) {
   std::string text;
-  if (base::readFile(path, kLargestInformation, text) != 0) {
-    return "";
-  }
-  const auto information = image::parseInformation(text);
+  return base::readFile(path, kLargestInformation, text) == 0 ? image::parseInformation(text) : std::nullopt;
+}
+
+std::string checksumIn(const std::string& path) {
+  const auto information = informationIn(path);
   return information ? std::to_string(information->crc) : "";
 }
 
@@ -82,6 +83,13 @@ void addImageFacts(history::Entry& entry, UPDATE_TYPE place) {
   } else if (FWUpdateSymbol("").getUsbMountPath(drive)) {
     addDirectoryFacts(entry, drive, "USB drive");
   }
+}
+
+std::optional<image::Information> offeredImage(const std::string& firmware, UPDATE_TYPE place) {
+  history::Entry facts;
+  facts.firmware = firmware;
+  addImageFacts(facts, place);
+  return informationIn(facts.image.substr(0, facts.image.rfind('/') + 1) + "info.json");
 }
 
 void addPackageFacts(history::Entry& entry, const std::string& package) {
