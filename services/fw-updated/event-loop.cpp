@@ -2,6 +2,7 @@
 #include "event-loop.h"
 
 #include <sdbus-c++/IConnection.h>
+#include <sys/epoll.h>
 #include <sys/inotify.h>
 #include <sys/wait.h>
 #include <systemd/sd-event.h>
@@ -157,6 +158,12 @@ Source EventLoop::whenReadable(int descriptor, Step step) {
   sd_event_source* source = nullptr;
   const int error = sd_event_add_io(event_, &source, descriptor, kIn, onReadable, state.get());
   return watched(state, source, error);
+}
+
+Source EventLoop::whenChanged(int descriptor, Step step) {
+  Source source = whenReadable(descriptor, std::move(step));
+  require(sd_event_source_set_io_events(source.source(), EPOLLPRI), "waiting for a change");
+  return source;
 }
 
 Source EventLoop::whenWritten(const std::string& path, Step step) {

@@ -59,6 +59,8 @@ class EventLoop {
   // As soon as the loop has nothing else to do.
   [[nodiscard]] Source soon(Step step);
   [[nodiscard]] Source whenReadable(int descriptor, Step step);
+  // Whenever the kernel tells of a change in one of its tables, such as that of mounts.
+  [[nodiscard]] Source whenChanged(int descriptor, Step step);
   // Whenever something is written to the file, and when its last writer closes it.
   [[nodiscard]] Source whenWritten(const std::string& path, Step step);
   // status: as waitpid gives it; the child has been waited for then.

@@ -44,6 +44,7 @@ Json::Value jsonOf(const Job& job) {
   value["folder"] = job.request.folder;
   value["user"] = static_cast<Json::UInt>(job.request.user);
   value["client"] = job.request.client;
+  value["asking"] = job.state == State::Asking;
   if (job.isDone()) {
     value["document"] = job.document;
   }
@@ -72,6 +73,10 @@ bool readJob(Job& job, const Json::Value& value) {
   job.request.user = value["user"].asUInt();
   job.request.client = textIn(value, "client");
   job.module = job.request.module;
+  if (value["asking"].isBool() && value["asking"].asBool()) {
+    job.state = State::Asking;
+    job.sentence = kWaitsForConsent;
+  }
   if (value["document"].isString()) {
     takeEnd(job, value);
   }

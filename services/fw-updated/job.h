@@ -18,6 +18,8 @@ namespace updated {
 enum class Kind { Update, UpdateAll, UsbApply, UsbEstimate, Download };
 enum class State { Asking, Queued, Checking, WaitingForLock, Updating, Verifying, Done };
 
+inline constexpr char kWaitsForConsent[] = "It waits for consent.";
+
 // Their names on the bus.
 const char* nameOf(Kind kind);
 const char* nameOf(State state);

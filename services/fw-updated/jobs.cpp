@@ -60,7 +60,7 @@ const Job& Jobs::add(Request request, bool isAsking) {
   job.number = lastNumber_ + 1;
   job.module = request.module;
   job.state = isAsking ? State::Asking : State::Queued;
-  job.sentence = isAsking ? "It waits for consent." : "It waits for its turn.";
+  job.sentence = isAsking ? kWaitsForConsent : "It waits for its turn.";
   job.request = std::move(request);
   if (!files_.keep(job)) {
     throw refusal(kFailed, "The job cannot be kept: there is no room in /run.");
@@ -90,6 +90,8 @@ void Jobs::startNext() {
                                   [](const auto& pair) { return pair.second->job.state == State::Queued; });
   if (found != items_.end()) {
     start(*found->second);
+  } else if (idle_) {
+    idle_();
   }
 }
 
@@ -193,6 +195,7 @@ void Jobs::begin(std::uint64_t number) {
     job.state = State::Queued;
     job.sentence = "It waits for its turn.";
   });
+  files_.keep(items_.at(number)->job);
   next_ = loop_.soon([this] { startNext(); });
 }
 
@@ -211,6 +214,7 @@ void Jobs::cancel(std::uint64_t number) {
   }
   if (item.job.state == State::Queued || item.job.state == State::Asking) {
     finish(number, kStopped, kUnexpected, "It was cancelled before it began.", "");
+    next_ = loop_.soon([this] { startNext(); });  // it may have been the last
     return;
   }
   if (child_ == nullptr || !child_->cancel()) {
@@ -222,6 +226,17 @@ void Jobs::cancel(std::uint64_t number) {
 const Job* Jobs::find(std::uint64_t number) const {
   const auto found = items_.find(number);
   return found == items_.end() ? nullptr : &found->second->job;
+}
+
+const Job* Jobs::findOpen(const std::function<bool(const Job& job)>& holds) const {
+  const auto found = std::find_if(items_.begin(), items_.end(), [&holds](const auto& pair) {
+    return !pair.second->job.isDone() && holds(pair.second->job);
+  });
+  return found == items_.end() ? nullptr : &found->second->job;
+}
+
+bool Jobs::isIdle() const {
+  return findOpen([](const Job& job) { return job.state != State::Asking; }) == nullptr;
 }
 
 std::vector<sdbus::ObjectPath> Jobs::paths() const {

@@ -9,6 +9,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <utility>
 #include <vector>
 
 #include "event-loop.h"
@@ -44,6 +45,11 @@ class Jobs {
   void cancel(std::uint64_t number);
 
   const Job* find(std::uint64_t number) const;
+  // The first that is not done and for which that holds; null: none.
+  const Job* findOpen(const std::function<bool(const Job& job)>& holds) const;
+  // After the last job that waited or was at work is done. Jobs that ask do not count.
+  void whenIdle(std::function<void()> step) { idle_ = std::move(step); }
+  bool isIdle() const;
   std::vector<sdbus::ObjectPath> paths() const;
 
  private:
@@ -73,6 +79,7 @@ class Jobs {
   const JobFiles files_;
   JobObject::Requests requests_;
   std::function<void()> listChanged_;
+  std::function<void()> idle_;
   std::map<std::uint64_t, std::unique_ptr<Item>> items_;
   std::uint64_t lastNumber_ = 0;
   std::unique_ptr<JobChild> child_;  // null: nothing is at work

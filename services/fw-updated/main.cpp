@@ -5,24 +5,28 @@
 
 #include <climits>
 #include <exception>
+#include <iostream>
 #include <memory>
 #include <string>
 
 #include "access.h"
+#include "configuration.h"
 #include "event-loop.h"
 #include "frame/program.h"
 #include "jobs.h"
 #include "manager.h"
+#include "occasions.h"
 #include "tool-query.h"
 
 namespace {
 
-enum class Outcome { Ended, Failed, Usage };
+enum class Outcome { Ended, Failed, Usage, WrongEntries };
 
 constexpr frame::OutcomeInfo kOutcomes[] = {
-    {"ok", 0, "ended by SIGTERM or SIGINT", frame::Tone::Answer},
+    {"ok", 0, "ended by SIGTERM or SIGINT; no wrong entries", frame::Tone::Answer},
     {"failed", 1, "could not serve", frame::Tone::Failure},
     {"usage", 2, "usage", frame::Tone::Failure},
+    {"wrong-entries", 3, "wrong entries", frame::Tone::Failure},
 };
 
 constexpr const frame::OutcomeInfo& infoOf(Outcome outcome) {
@@ -34,6 +38,8 @@ struct Options {
   std::string bus;
   std::string keyFile = "/usr/share/fw-update/package.key";
   std::string program;
+  bool checkConfiguration = false;
+  std::string configuration = updated::kConfigurationFile;
 };
 
 using Option = frame::Option<Options>;
@@ -42,6 +48,8 @@ constexpr Option kOptions[] = {
     {"--bus ADDRESS", &Options::bus, "The bus to serve on; default: the system bus"},
     {"--key-file FILE", &Options::keyFile, "Of USB packages; has a default"},
     {"--fw-update PROGRAM", &Options::program, "What does the work; default: the one beside"},
+    {"--check-config", &Options::checkConfiguration, "Only say what is wrong in FILE"},
+    {"FILE", &Options::configuration, "The configuration; has a default"},
 };
 
 // The one that was built, or is installed, with this program.
@@ -62,6 +70,15 @@ std::unique_ptr<sdbus::IConnection> connectTo(const std::string& bus) {
   return bus.empty() ? sdbus::createSystemBusConnection() : sdbus::createSessionBusConnectionWithAddress(bus);
 }
 
+// What is wrong is named, and counts for nothing.
+updated::Configuration configured() {
+  const updated::ConfigurationRead read = updated::readConfiguration();
+  for (const auto& problem : read.problems) {
+    std::cerr << textOf(problem, updated::kConfigurationFile) << "\n";
+  }
+  return read.configuration;
+}
+
 void serve(const Options& options) {
   updated::EventLoop loop;
   const std::unique_ptr<sdbus::IConnection> connection = connectTo(options.bus);
@@ -70,15 +87,46 @@ void serve(const Options& options) {
   updated::ToolQueries queries(loop, tool.program);
   updated::Jobs jobs(loop, *connection, tool, queries);
   updated::Manager manager(*connection, access, jobs, queries);
+  updated::Occasions occasions(loop, *connection, configured(), options.keyFile, jobs, queries,
+                               [&manager](const auto& modules) { manager.announce(modules); });
+  manager.whenConsented([&occasions](auto job, const auto& said) { occasions.answer(job, said); });
   jobs.restore();
   connection->requestName(updated::kBusName);
   loop.serve(*connection);
   sd_notify(0, "READY=1");
+  occasions.begin();
   loop.run();
   sd_notify(0, "STOPPING=1");
 }
 
+frame::Report checkConfiguration(const std::string& path) {
+  if (access(path.c_str(), F_OK) != 0) {
+    return frame::Report(Outcome::Ended, "There is no " + path + ": nothing is done unasked.");
+  }
+  const auto problems = updated::readConfiguration(path).problems;
+  frame::Report report =
+      problems.empty() ? frame::Report(Outcome::Ended, path + " has no wrong entries.")
+                       : frame::Report(Outcome::WrongEntries,
+                                       std::to_string(problems.size()) +
+                                           (problems.size() == 1 ? " entry is wrong" : " entries are wrong") +
+                                           (problems.size() == 1 ? ", and counts for nothing."
+                                                                 : ", and count for nothing."),
+                                       "Correct the lines that are named.");
+  report.details["problems"] = Json::Value(Json::arrayValue);
+  for (const auto& problem : problems) {
+    const std::string text = textOf(problem, path);
+    report.body += text + "\n";
+    Json::Value& entry = report.details["problems"].append(Json::Value());
+    entry["line"] = problem.line;
+    entry["message"] = problem.sentence;
+  }
+  return report;
+}
+
 frame::Report run(const Options& options) {
+  if (options.checkConfiguration) {
+    return checkConfiguration(options.configuration);
+  }
   try {
     serve(options);
   } catch (const sdbus::Error& error) {

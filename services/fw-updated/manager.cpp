@@ -77,6 +77,10 @@ Manager::~Manager() {
   unregisterAdaptor();
 }
 
+void Manager::announce(const std::vector<std::string>& modules) {
+  emitAnnounced(modules);
+}
+
 std::string Manager::client() const {
   return getObject().getCurrentlyProcessedMessage()->getSender();
 }
@@ -234,11 +238,14 @@ void Manager::consent(sdbus::Result<>&& answer, const Job& job, const std::strin
   const std::uint64_t number = job.number;
   access_.ask(
       client, Action::Consent,
-      [this, kept, number](const Client&) {
+      [this, kept, number, said](const Client&) {
         const Job* const asked = jobs_.find(number);
         if (asked == nullptr || asked->state != State::Asking) {
           kept->returnError(refusal(kNotAsked, "The job does not ask for consent."));
+          return;
         }
+        consented_(number, said);
+        kept->returnResults();
       },
       [kept](const sdbus::Error& error) { kept->returnError(error); });
 }

@@ -7,6 +7,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "access.h"
@@ -25,6 +26,13 @@ class Manager : public sdbus::AdaptorInterfaces<org::fwupdate::Update1_adaptor> 
  public:
   Manager(sdbus::IConnection& connection, Access& access, JobList& jobs, ToolQueries& queries);
   virtual ~Manager();
+
+  // Where the answers of people go, for jobs that ask: "yes", "no" or "later".
+  using Consented = std::function<void(std::uint64_t job, const std::string& said)>;
+  void whenConsented(Consented step) { consented_ = std::move(step); }
+  // Modules that could be updated, of which nobody has decided yet.
+  void announce(const std::vector<std::string>& modules);
+
   Manager(const Manager&) = delete;
   Manager& operator=(const Manager&) = delete;
 
@@ -61,6 +69,7 @@ class Manager : public sdbus::AdaptorInterfaces<org::fwupdate::Update1_adaptor> 
   Access& access_;
   JobList& jobs_;
   ToolQueries& queries_;
+  Consented consented_;
 };
 
 }  // namespace updated
