@@ -12,7 +12,7 @@ const char* libraryName = nullptr;
 
 int setContext(const char* libName, CallerTypes, char*) {
   libraryName = libName;
-  sound::library = libName;
+  sound::keepName(libName);
   return 0;
 }
 

@@ -4,7 +4,7 @@
 #include "sound-module.h"
 
 int setContext(const char* libName, CallerTypes caller, char*) {
-  sound::library = libName;
+  sound::keepName(libName);
   std::printf("%s: caller %d\n", libName, caller);
   return 0;
 }

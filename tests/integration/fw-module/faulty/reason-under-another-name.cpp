@@ -4,6 +4,6 @@
 #include "sound-module.h"
 
 int setContext(const char*, CallerTypes, char*) {
-  sound::library = "soundfw";
+  sound::keepName("soundfw");
   return 0;
 }

@@ -3,6 +3,7 @@
 #define OWN_setContext
 #include "sound-module.h"
 
-int setContext(const char*, CallerTypes caller, char*) {
+int setContext(const char* libName, CallerTypes caller, char*) {
+  sound::keepName(libName);
   return caller == CALLER_LSM ? sound::failure(EPERM) : 0;
 }

@@ -32,6 +32,11 @@ inline std::atomic<unsigned int> percent{0};
 
 inline std::string library;  // guarded by mutex
 
+inline void keepName(const char* name) {
+  const std::lock_guard<std::mutex> lock(mutex);
+  library = name;
+}
+
 // OWN_reason: it fails without a word.
 inline int failure(int error) {
 #ifndef OWN_reason
@@ -130,8 +135,7 @@ inline int update(const std::string& path, unsigned long crc) {
 
 #ifndef OWN_setContext
 int setContext(const char* libName, CallerTypes, char*) {
-  const std::lock_guard<std::mutex> lock(sound::mutex);
-  sound::library = libName;
+  sound::keepName(libName);
   return 0;
 }
 #endif
