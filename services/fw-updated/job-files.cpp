@@ -45,6 +45,7 @@ Json::Value jsonOf(const Job& job) {
   value["user"] = static_cast<Json::UInt>(job.request.user);
   value["client"] = job.request.client;
   value["asking"] = job.state == State::Asking;
+  value["began"] = job.beganAt;
   if (job.isDone()) {
     value["document"] = job.document;
   }
@@ -77,6 +78,7 @@ bool readJob(Job& job, const Json::Value& value) {
     job.state = State::Asking;
     job.sentence = kWaitsForConsent;
   }
+  job.beganAt = value["began"].isDouble() ? value["began"].asDouble() : 0;
   if (value["document"].isString()) {
     takeEnd(job, value);
   }

@@ -53,6 +53,7 @@ struct Job {
   std::string versionAfter;
   std::string document;
   std::optional<Clock::time_point> began;  // work on it
+  double beganAt = 0;                      // the same, in seconds since 1970
   std::optional<Clock::time_point> ended;
 
   bool isDone() const { return state == State::Done; }

@@ -7,6 +7,8 @@
 #include <chrono>
 #include <utility>
 
+#include "fw-update/outcomes.h"
+#include "json-text.h"
 #include "printable-text.h"
 #include "refusal.h"
 #include "system-error.h"
@@ -23,6 +25,22 @@ constexpr std::size_t kMostKept = 512;
 
 constexpr char kNever[] = "2037-12-31";  // nothing has begun since
 constexpr int kUnexpected = 1;           // exit code
+// As the history calls what fw-update does for a job; nothing of what it does not keep.
+const char* wayOf(Kind kind) {
+  switch (kind) {
+    case Kind::Update:
+      return "service";
+    case Kind::UpdateAll:
+      return "update-all";
+    case Kind::UsbApply:
+      return "usb";
+    case Kind::UsbEstimate:
+    case Kind::Download:
+      break;
+  }
+  return "none";
+}
+
 constexpr char kStopped[] = "stopped";
 constexpr char kInterrupted[] = "interrupted";
 
@@ -111,8 +129,10 @@ void Jobs::start(Item& item) {
   change(item, [](Job& job) {
     job.state = State::Checking;
     job.began = Job::Clock::now();
+    job.beganAt = std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
     job.sentence = "It is being looked at.";
   });
+  files_.keep(item.job);
   if (const int error = child_->start(tool_, item.job.request); error != 0) {
     child_.reset();
     finish(item.job.number, "unexpected-error", kUnexpected,
@@ -146,15 +166,50 @@ void Jobs::tellEnd(Item& item, std::optional<int> status) {
 
 void Jobs::ended(Item& item, std::optional<int> status) {
   child_.reset();
-  const bool wasCutOff = !item.job.isDone() && !item.isCancelled;
-  if (!item.job.isDone()) {
-    tellEnd(item, status);
-  }
-  if (wasCutOff) {
-    cleanUp(true);
-  } else {
+  if (item.job.isDone()) {
     startNext();
+    return;
   }
+  isCleaningUp_ = true;
+  if (item.isCancelled) {
+    learnEnd(item, status);
+  } else {
+    queries_.ask({"lock", "recover"}, [this, &item, status](const ToolAnswer&) { learnEnd(item, status); });
+  }
+}
+
+// A process that was killed may have had its end in the history already. Reading it finds what
+// was cut off, too.
+void Jobs::learnEnd(Item& item, std::optional<int> status) {
+  queries_.ask({"history"}, [this, &item, status](const ToolAnswer& answer) {
+    if (!takeFromHistory(item, answer.document)) {
+      tellEnd(item, status);
+    }
+    isCleaningUp_ = false;
+    startNext();
+  });
+}
+
+bool Jobs::takeFromHistory(Item& item, const Json::Value& document) {
+  const Job& job = item.job;
+  Json::Value found(Json::objectValue);
+  for (const Json::Value& entry : objectsIn(document["entries"])) {
+    const bool isLater = entry["began"].isDouble() && entry["began"].asDouble() >= job.beganAt;
+    if (isLater && !entry.isMember("run") && textIn(entry, "module") == job.request.module &&
+        textIn(entry, "way") == wayOf(job.request.kind)) {
+      found = entry;
+    }
+  }
+  const auto* const outcome = tool::findOutcome(textIn(found, "outcome"));
+  if (outcome == nullptr) {  // no entry, or one that was cut off
+    return false;
+  }
+  change(item, [&](Job& changed) {
+    changed.versionBefore = textIn(found, "versionBefore");
+    changed.versionAfter = textIn(found, "versionAfter");
+    end(changed, outcome->id, outcome->exitCode, textIn(found, "sentence"), textIn(found, "remedy"));
+  });
+  return true;
 }
 
 // Gives the lock back where that is safe, and has the history find what was cut off, which
@@ -174,7 +229,11 @@ void Jobs::restore() {
   bool wasCutOff = false;
   for (Job& loaded : files_.load()) {
     Item& item = insert(std::move(loaded));
-    if (item.job.isDone() || !files_.hasBegun(item.job.number)) {
+    if (item.job.isDone()) {
+      files_.removeWork(item.job.number);
+      continue;
+    }
+    if (!files_.hasBegun(item.job.number)) {
       continue;
     }
     if (child_ == nullptr) {

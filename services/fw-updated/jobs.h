@@ -68,6 +68,8 @@ class Jobs {
   JobChild::Listener listenerFor(Item& item);
   void tellEnd(Item& item, std::optional<int> status);
   void ended(Item& item, std::optional<int> status);
+  void learnEnd(Item& item, std::optional<int> status);
+  bool takeFromHistory(Item& item, const Json::Value& document);
   void cleanUp(bool wasCutOff);
   void forgetOld();
   bool hasTooMany() const;

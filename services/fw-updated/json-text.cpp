@@ -3,6 +3,8 @@
 
 #include <json/reader.h>
 
+#include <algorithm>
+#include <iterator>
 #include <memory>
 
 #include "printable-text.h"
@@ -34,6 +36,15 @@ std::string textIn(const Json::Value& object, const char* member) {
     text.replace(at, 1, "\\x00");
   }
   return text;
+}
+
+std::vector<Json::Value> objectsIn(const Json::Value& list) {
+  std::vector<Json::Value> objects;
+  if (list.isArray()) {
+    std::copy_if(list.begin(), list.end(), std::back_inserter(objects),
+                 [](const Json::Value& one) { return one.isObject(); });
+  }
+  return objects;
 }
 
 }  // namespace updated

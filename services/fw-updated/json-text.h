@@ -6,6 +6,7 @@
 #include <json/value.h>
 
 #include <string>
+#include <vector>
 
 namespace updated {
 
@@ -14,6 +15,9 @@ Json::Value parsedObject(const std::string& text);
 
 // Valid UTF-8 without NUL; empty when the member is no text.
 std::string textIn(const Json::Value& object, const char* member);
+
+// The objects in a list; none when it is no list.
+std::vector<Json::Value> objectsIn(const Json::Value& list);
 
 }  // namespace updated
 

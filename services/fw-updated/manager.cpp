@@ -38,17 +38,6 @@ void requireAnswer(const Json::Value& document, const char* list) {
   }
 }
 
-// The objects in a list.
-std::vector<Json::Value> objectsIn(const Json::Value& list) {
-  std::vector<Json::Value> objects;
-  for (const Json::Value& one : list) {
-    if (one.isObject()) {
-      objects.push_back(one);
-    }
-  }
-  return objects;
-}
-
 // Each object of a list as a row of its texts.
 template <typename... Names>
 auto textsOf(const Json::Value& object, const Names*... names) {

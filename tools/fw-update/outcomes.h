@@ -5,6 +5,7 @@
 #define FW_UPDATE_TOOL_OUTCOMES_H
 
 #include <string>
+#include <string_view>
 
 #include "frame/outcome.h"
 
@@ -62,6 +63,16 @@ static_assert(sizeof kOutcomeTable / sizeof kOutcomeTable[0] ==
 
 constexpr const frame::OutcomeInfo& infoOf(Outcome outcome) {
   return kOutcomeTable[static_cast<std::size_t>(outcome)];
+}
+
+// Null when no outcome is called so.
+constexpr const frame::OutcomeInfo* findOutcome(std::string_view name) {
+  for (const frame::OutcomeInfo& row : kOutcomeTable) {
+    if (name == row.id) {
+      return &row;
+    }
+  }
+  return nullptr;
 }
 
 struct Finding {
