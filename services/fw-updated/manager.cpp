@@ -53,13 +53,15 @@ std::int64_t milliseconds(const Json::Value& object, const char* member) {
 Manager::Manager(sdbus::IConnection& connection, Access& access, JobList& jobs, ToolQueries& queries)
     : AdaptorInterfaces(connection, kManagerPath), access_(access), jobs_(jobs), queries_(queries) {
   registerAdaptor();
-  jobs_.serve(
-      {[this](auto&& answer, const Job& job, const auto& client) { cancel(std::move(answer), job, client); },
-       [this](JobObject::Answer&& answer, const Job& job, const std::string& client,
-              const std::string& said) { consent(std::move(answer), job, client, said); }},
-      [this] {
-        getObject().emitPropertiesChangedSignal(org::fwupdate::Update1_adaptor::INTERFACE_NAME, {"Jobs"});
-      });
+  jobs_.serve({[this](JobObject::Answer&& answer, const Job& job, const auto& client) {
+                 cancel(std::move(answer), job, client);
+               },
+               [this](JobObject::Answer&& answer, const Job& job, const std::string& client,
+                      const std::string& said) { consent(std::move(answer), job, client, said); }},
+              [this] {
+                getObject().emitPropertiesChangedSignal(org::fwupdate::Update1_adaptor::INTERFACE_NAME,
+                                                        {"Jobs"});
+              });
 }
 
 Manager::~Manager() {
