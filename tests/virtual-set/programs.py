@@ -36,7 +36,7 @@ def put(machine, *patterns):
         copy.parent.mkdir(parents=True, exist_ok=True)
         shutil.copy(path, copy)
         subprocess.run(["strip", "--strip-debug", copy], check=True)
-    succeed(machine, f"mkdir -p {BUILD.parent} && cp -r /share/build {BUILD}")
+    succeed(machine, f"mkdir -p {BUILD} && cp -r /share/build/. {BUILD}/")
 
 
 def run_tests(program, chosen="*"):
