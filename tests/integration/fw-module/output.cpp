@@ -39,7 +39,7 @@ TEST_F(CheckOutput, SaysWhatWasFoundAndWhatToDo) {
   EXPECT_THAT(result.output, HasSubstr("\nwarning      result-code "));
   EXPECT_THAT(result.output, HasSubstr("\nwarning result-code\n  doUpdate answered -1 for a failed update.\n"
                                        "  What to do: Answer a negative errno value other than -1"));
-  EXPECT_THAT(result.output, HasSubstr("48 checks: 45 passed, 0 errors, 1 warning, 2 not checked\n"));
+  EXPECT_THAT(result.output, HasSubstr("49 checks: 46 passed, 0 errors, 1 warning, 2 not checked\n"));
   EXPECT_THAT(result.output, Not(HasSubstr("\x1b")));
   EXPECT_EQ(result.error, "");
 }
@@ -70,7 +70,7 @@ TEST_F(CheckOutput, SaysWhatWasNotCheckedAndWhy) {
 TEST_F(CheckOutput, HasAJUnitCaseForEveryCheck) {
   const std::string report = junitOf("crash-in-update.so");
 
-  EXPECT_THAT(report, HasSubstr("name=\"fw-module check crash-in-update\" tests=\"48\" failures=\"1\""));
+  EXPECT_THAT(report, HasSubstr("name=\"fw-module check crash-in-update\" tests=\"49\" failures=\"1\""));
   for (const fwmodule::CheckInfo& check : fwmodule::kChecks) {
     EXPECT_THAT(report, HasSubstr("name=\"" + std::string(check.id) + "\">"));
   }

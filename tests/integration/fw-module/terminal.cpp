@@ -57,13 +57,13 @@ TEST_F(CheckOnATerminal, ColoursTheFindings) {
   const std::string transcript = shown(kColumns);
 
   EXPECT_THAT(transcript, HasSubstr("\x1b[33mwarning\x1b[0m      result-code "));
-  EXPECT_THAT(transcript, HasSubstr("\x1b[1m48 checks: "));
+  EXPECT_THAT(transcript, HasSubstr("\x1b[1m49 checks: "));
 }
 
 TEST_F(CheckOnATerminal, UsesNoColoursWhenToldSo) {
   const std::string transcript = shown(kColumns, {"NO_COLOR=1"});
 
-  EXPECT_THAT(transcript, Not(HasSubstr("m48 checks")));
+  EXPECT_THAT(transcript, Not(HasSubstr("m49 checks")));
   EXPECT_THAT(transcript, HasSubstr("\nwarning      result-code "));
 }
 
