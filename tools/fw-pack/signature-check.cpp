@@ -42,7 +42,8 @@ fwpackage::Expectation expectationOf(const Options& options) {
 // The text that the reader asks for first: what it is for.
 std::string stated(const fwpackage::Statements& statements) {
   return statements.name + " " + statements.version +
-         (statements.model.empty() ? "" : " on " + statements.model);
+         (statements.model.empty() ? "" : " on " + statements.model) +
+         (statements.minimumVersion.empty() ? "" : ", from then on none below " + statements.minimumVersion);
 }
 
 // What the trailer states is told only when it was signed.
@@ -59,6 +60,16 @@ void addStatements(Json::Value& value, const fwpackage::Statements& statements) 
   value["model"] = statements.model;
   value["version"] = statements.version;
   value["minimumVersion"] = statements.minimumVersion;
+}
+
+// " (ed25519, key 0123456789abcdef)"; empty when the trailer names none.
+std::string signer(const fwpackage::SignatureReport& report) {
+  if (report.trailer.algorithm == nullptr) {
+    return "";
+  }
+  const std::string old = report.trailer.format == fwpackage::kOldFormat ? ", format 1" : "";
+  return " (" + std::string(report.trailer.algorithm->name) + ", key " + keyIdText(report.trailer.keyId) +
+         old + ")";
 }
 
 }  // namespace
@@ -92,12 +103,14 @@ std::string toText(const fwpackage::SignatureReport& report) {
     const bool valid = report.verdict == fwpackage::Verdict::Valid;
     text += (valid ? " for " : ": ") + stated(report.trailer.statements);
   }
-  if (report.trailer.algorithm != nullptr) {
-    const std::string old = report.trailer.format == fwpackage::kOldFormat ? ", format 1" : "";
-    text += " (" + std::string(report.trailer.algorithm->name) + ", key " + keyIdText(report.trailer.keyId) +
-            old + ")";
-  }
-  return text;
+  return text + signer(report);
+}
+
+std::string toTextForALook(const fwpackage::SignatureReport& report) {
+  return report.verdict == fwpackage::Verdict::UnknownKey
+             ? "not checked: the signer's key is not at hand; give its public half with --public-key" +
+                   signer(report)
+             : toText(report);
 }
 
 }  // namespace fwpack

@@ -19,6 +19,9 @@ Json::Value toJson(const fwpackage::SignatureReport& report);
 // "the signature is valid for tunerfw 2.0.0 (ed25519, key 0123456789abcdef)"
 std::string toText(const fwpackage::SignatureReport& report);
 
+// The same for somebody who only looks: a key that is not at hand is no fault of the package.
+std::string toTextForALook(const fwpackage::SignatureReport& report);
+
 }  // namespace fwpack
 
 #endif

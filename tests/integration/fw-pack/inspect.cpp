@@ -81,6 +81,28 @@ TEST_F(Inspected, UsbPackageIsShownWithItsContent) {
   EXPECT_EQ(inspect("tunerfw.bin", {"--public-key", "maker.pem"}), table(outside));
 }
 
+TEST_F(Inspected, PackageIsShownWithTheModelAndTheMinimumVersionThatItStates) {
+  writeKeys();
+  std::vector<std::string> command = usbCommand();
+  command.insert(command.end(), {"--model", "TV-7", "--minimum-version", "1.5.0"});
+  ASSERT_EQ(run(command).exitCode, 0);
+
+  EXPECT_THAT(inspect("tunerfw.bin", {"--public-key", "maker.pem"}),
+              HasSubstr(" valid for tunerfw 2.0.0 on TV-7, from then on none below 1.5.0 ("));
+}
+
+TEST_F(Inspected, SignatureOfAKeyThatIsNotAtHandIsNotChecked) {
+  writeKeys();
+  ASSERT_EQ(run(usbCommand()).exitCode, 0);
+  const fwpackage::KeyId id = testSigningKey("ed25519").keyId();
+
+  EXPECT_THAT(
+      inspect("tunerfw.bin"),
+      HasSubstr("not checked: the signer's key is not at hand; give its public half with --public-key "
+                "(ed25519, key " +
+                fwpackage::toHex(id.data(), id.size()) + ")"));
+}
+
 TEST_F(Inspected, UsbPackageThatIsCutOffIsShownAsFarAsItGoes) {
   writeKeys();
   ASSERT_EQ(run(usbCommand()).exitCode, 0);

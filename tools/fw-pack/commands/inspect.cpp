@@ -111,7 +111,7 @@ Damage inspectPackage(Facts& facts, const InputFile& file, const Options& option
   facts.add("kind", "kind", "usb-package", "USB package");
   facts.add("size", "size", Json::UInt64(file.size()));
   facts.add("sizeFits", "size check", sizeFits, sizeFits ? "as a package's" : "NOT a package's");
-  facts.add("signature", "signature", toJson(signature), toText(signature));
+  facts.add("signature", "signature", toJson(signature), toTextForALook(signature));
   if (!sizeFits) {
     return file.path() + " has not the size of a USB package: it is cut off, or no package.";
   }
@@ -160,7 +160,7 @@ Damage inspectExtensionPackage(Facts& facts, const InputFile& file, const Option
   facts.add("kind", "kind", "emp-image", "extension package image (squashfs)");
   facts.add("size", "size", Json::UInt64(file.size()));
   const fwpackage::SignatureReport signature = checkSignature(options);
-  facts.add("signature", "signature", toJson(signature), toText(signature));
+  facts.add("signature", "signature", toJson(signature), toTextForALook(signature));
   addCrc(facts, "crc", "CRC", imageCrc(file));
   const std::string image = imageIn(package);
   const auto information = informationIn(textOf(package, "info.json"));
