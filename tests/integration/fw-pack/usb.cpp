@@ -162,7 +162,8 @@ TEST_F(MadeUsbPackage, StatesWhatItIsFor) {
   EXPECT_EQ(verified["model"].asString(), "set-7");
   EXPECT_EQ(verified["version"].asString(), "2.0.0");
   EXPECT_EQ(verified["minimumVersion"].asString(), "1.5.0");
-  EXPECT_THAT(verify().output, HasSubstr("the signature is valid for tunerfw 2.0.0 on set-7 (ed25519, key "));
+  EXPECT_THAT(verify().output,
+              HasSubstr("is valid for tunerfw 2.0.0 on set-7, from then on none below 1.5.0 (ed25519, key "));
 }
 
 TEST_F(MadeUsbPackage, IsForTheNameOfItsFileOrTheOneThatIsGiven) {
