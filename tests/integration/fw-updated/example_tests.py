@@ -6,9 +6,8 @@ Each function whose name begins with a capital is a test.
 import pathlib
 import re
 import subprocess
-import sys
 
-from service_client import Bus, Service, slow
+from service_client import Bus, Service, run_named_test, slow
 
 PAGE = pathlib.Path(__file__).resolve().parents[3] / "docs/service.md"
 
@@ -46,11 +45,5 @@ def TheCppExampleDrawsAProgressBar():
     draws(["/tmp/bar"])
 
 
-def main():
-    test = globals()[sys.argv[1]]
-    test()
-    print("passed: " + test.__name__)
-
-
 if __name__ == "__main__":
-    main()
+    run_named_test(globals())

@@ -7,12 +7,11 @@ import json
 import os
 import pathlib
 import subprocess
-import sys
 import time
 
 import dbus
 
-from service_client import NAME, PATH, Bus, Client, Service, tool, wait_for
+from service_client import NAME, PATH, Bus, Client, Service, run_named_test, tool, wait_for
 
 ERROR = NAME + ".Error."
 CONFIGURATION = "/etc/fw-update/fw-updated.conf"
@@ -306,11 +305,5 @@ def NamesWrongEntriesByTheirLines():
     equal(check("/tmp/good")[0], 0)
 
 
-def main():
-    test = globals()[sys.argv[1]]
-    test()
-    print("passed: " + test.__name__)
-
-
 if __name__ == "__main__":
-    main()
+    run_named_test(globals())

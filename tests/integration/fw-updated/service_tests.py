@@ -11,13 +11,12 @@ import pathlib
 import random
 import signal
 import subprocess
-import sys
 
 import dbus
 
 from service_client import (JOB, NAME, PATH, Bus, Client, Polkit, Service, Signals, add_group, as_user, busctl,
-                            children_of, has_other_users, history, install_faulty_module, need_other_users, slow,
-                            tool, wait_for)
+                            children_of, has_other_users, history, install_faulty_module, need_other_users,
+                            run_named_test, slow, tool, wait_for)
 
 ERROR = NAME + ".Error."
 STRANGER = 65534  # a user
@@ -487,11 +486,5 @@ def EndsAfterASignalAndLeavesTheNameFree():
     equal(service.kill(signal.SIGINT), 0)
 
 
-def main():
-    test = globals()[sys.argv[1]]
-    test()
-    print("passed: " + test.__name__)
-
-
 if __name__ == "__main__":
-    main()
+    run_named_test(globals())
