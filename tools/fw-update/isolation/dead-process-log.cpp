@@ -3,27 +3,11 @@
 
 #include <string>
 
-#include "dlog.h"
-#include "message.h"
+#include "library/traced-message.h"
 #include "trace-store.h"
 #include "trace/trace-settings.h"
 
 namespace tool {
-namespace {
-
-LogMessage messageOf(const tracetool::Message& traced) {
-  LogMessage message;
-  message.priority = DLOG_ERROR_PRIORITY;
-  message.file = traced.file;
-  message.function = traced.function;
-  message.line = traced.line;
-  message.format = traced.format;
-  message.text = traced.text;
-  message.thread = static_cast<long>(traced.threadId);
-  return message;
-}
-
-}  // namespace
 
 LogMessages logOfDeadProcess(pid_t process) {
   LogMessages log;

@@ -13,6 +13,7 @@
 #include "callers.h"
 #include "dlog.h"
 #include "library/log-meanings.h"
+#include "library/traced-message.h"
 #include "message.h"
 #include "outcomes.h"
 #include "trace-store.h"
@@ -27,27 +28,6 @@ using fwmessages::Update;
 
 constexpr std::int64_t kNanoseconds = 1000000;  // in a millisecond
 constexpr char kWay[] = "library";
-
-std::string textOf(const tracetool::Value& value) {
-  if (value.kind == tracetool::Value::Kind::Number) {
-    return std::to_string(static_cast<std::int32_t>(value.number));
-  }
-  return value.kind == tracetool::Value::Kind::Null ? "(null)" : value.text;
-}
-
-LogMessage messageOf(const tracetool::Message& traced) {
-  LogMessage message;
-  message.priority = DLOG_ERROR_PRIORITY;
-  message.file = traced.file;
-  message.function = traced.function;
-  message.line = traced.line;
-  message.format = traced.format;
-  message.text = traced.text;
-  message.thread = static_cast<long>(traced.threadId);
-  message.time = std::chrono::steady_clock::time_point(std::chrono::nanoseconds(traced.time));
-  std::transform(traced.values.begin(), traced.values.end(), std::back_inserter(message.arguments), textOf);
-  return message;
-}
 
 // The project's own commands look at modules without updating anything, and fw-update keeps the
 // history itself where it may.
