@@ -9,8 +9,9 @@ import fnmatch
 import re
 import xml.etree.ElementTree as ElementTree
 
-# How ctest shows a test that failed.
-FAILED_ONCE = re.compile(r"Test +#\d+: (.+?) \.+.*\*\*\*(?:Failed|Exception|Timeout)")
+# How ctest shows a test that failed, and what it printed: up to the line of another test.
+FAILED_ONCE = re.compile(r"Test +#\d+: (.+?) \.+.*\*\*\*(?:Failed|Exception|Timeout).*\n"
+                         r"((?:(?! *(?:Start +\d+: |(?:\d+/\d+ +)?Test +#\d+: )).*\n)*)")
 
 
 @dataclasses.dataclass
@@ -65,9 +66,11 @@ def judge(step, cases, patterns):
 
 def judge_unsteady(cases, output):
     """A test that failed in ctest's output and passed when it was run once more is a failure."""
-    failed = set(FAILED_ONCE.findall(output))
-    return [Case(case.name, "failed", "passed only when it was run once more\n" + case.output)
-            if case.outcome == "passed" and case.name in failed else case for case in cases]
+    printed = {}
+    for name, text in FAILED_ONCE.findall(output):
+        printed.setdefault(name, text.strip("\n"))
+    return [Case(case.name, "failed", "passed only when it was run once more; the first time:\n" + printed[case.name])
+            if case.outcome == "passed" and case.name in printed else case for case in cases]
 
 
 def counts(cases):
