@@ -102,6 +102,8 @@ set(CPACK_DEBIAN_PLATFORM_PACKAGE_CONTROL_EXTRA
   ${debian}/platform/postinst ${debian}/platform/prerm ${debian}/platform/postrm)
 set(CPACK_DEBIAN_VERIFIER_PACKAGE_CONTROL_EXTRA ${debian}/triggers)
 list(APPEND CPACK_DEBIAN_LIBRARY_PACKAGE_CONTROL_EXTRA ${debian}/library/postinst ${debian}/library/postrm)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_CONTROL_EXTRA
+  ${debian}/tools/postinst ${debian}/tools/prerm ${debian}/tools/postrm)
 set(CPACK_DEBIAN_PLATFORM_PACKAGE_PROVIDES fw-update-platform)
 foreach(component IN ITEMS LIBRARY PLATFORM-CHECK DEVELOPMENT TOOLS MODULE-KIT)
   set(CPACK_DEBIAN_${component}_PACKAGE_DEPENDS ${platform_package})

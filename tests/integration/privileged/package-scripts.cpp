@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The scripts of the Debian package, with Debian's own programs and, in place of systemctl,
+// The scripts of the Debian packages, with Debian's own programs and, in place of systemctl,
 // one that notes what it is asked for.
 #include <gmock/gmock.h>
 #include <sys/wait.h>
@@ -45,7 +45,7 @@ class PackageScripts : public DeviceTest {
 
   // What systemctl was asked for, a line each; what the script says is in messages_.
   std::string Run(const std::string& script, const std::string& arguments) {
-    const std::string command = "PATH=/tmp/programs:$PATH sh " FW_PLATFORM_SCRIPTS "/" + script + " " +
+    const std::string command = "PATH=/tmp/programs:$PATH sh " FW_PACKAGE_SCRIPTS "/" + script + " " +
                                 arguments + " >/tmp/messages 2>&1";
     EXPECT_EQ(std::system(command.c_str()), 0);
     messages_ = readFile("/tmp/messages");
@@ -59,7 +59,7 @@ class PackageScripts : public DeviceTest {
 };
 
 TEST_F(PackageScripts, RestartTheServiceThatRunsWhenThePackageIsUpgraded) {
-  const std::string calls = Run("postinst", "configure 0.9.0-1");
+  const std::string calls = Run("platform/postinst", "configure 0.9.0-1");
 
   const std::size_t reloaded = calls.find("--system daemon-reload\n");
   const std::size_t restarted = calls.find("try-restart fw-privileged.service\n");
@@ -71,7 +71,7 @@ TEST_F(PackageScripts, RestartTheServiceThatRunsWhenThePackageIsUpgraded) {
 }
 
 TEST_F(PackageScripts, StartOnlyTheSocketWhenThePackageIsNew) {
-  const std::string calls = Run("postinst", "configure ''");
+  const std::string calls = Run("platform/postinst", "configure ''");
 
   EXPECT_THAT(calls, HasSubstr("--system daemon-reload\n"));
   EXPECT_THAT(calls, HasSubstr("start fw-privileged.socket\n"));
@@ -80,7 +80,7 @@ TEST_F(PackageScripts, StartOnlyTheSocketWhenThePackageIsNew) {
 }
 
 TEST_F(PackageScripts, MakeTheGroupOfThoseWhoMayAskTheService) {
-  Run("postinst", "configure ''");
+  Run("platform/postinst", "configure ''");
 
   EXPECT_EQ(readFile("/tmp/groups"), "fw-update.conf\n");
 }
@@ -88,14 +88,52 @@ TEST_F(PackageScripts, MakeTheGroupOfThoseWhoMayAskTheService) {
 TEST_F(PackageScripts, AskForNothingWithoutTheServiceManager) {
   fs::remove("/run/systemd/system");
 
-  EXPECT_THAT(Run("postinst", "configure 0.9.0-1"), IsEmpty());
-  EXPECT_THAT(Run("prerm", "remove"), IsEmpty());
+  EXPECT_THAT(Run("platform/postinst", "configure 0.9.0-1"), IsEmpty());
+  EXPECT_THAT(Run("platform/prerm", "remove"), IsEmpty());
+  EXPECT_THAT(Run("tools/postinst", "configure 0.9.0-1"), IsEmpty());
+  EXPECT_THAT(Run("tools/prerm", "remove"), IsEmpty());
 }
 
 TEST_F(PackageScripts, StopTheServiceBeforeItIsRemovedAlone) {
-  EXPECT_THAT(Run("prerm", "upgrade 1.1.0-1"), IsEmpty());
+  EXPECT_THAT(Run("platform/prerm", "upgrade 1.1.0-1"), IsEmpty());
 
-  EXPECT_THAT(Run("prerm", "remove"), HasSubstr("stop fw-privileged.socket fw-privileged.service"));
+  EXPECT_THAT(Run("platform/prerm", "remove"), HasSubstr("stop fw-privileged.socket fw-privileged.service"));
+}
+
+TEST_F(PackageScripts, RestartTheUpdateServiceThatRunsWhenItsPackageIsUpgraded) {
+  const std::string calls = Run("tools/postinst", "configure 0.9.0-1");
+
+  const std::size_t reloaded = calls.find("--system daemon-reload\n");
+  const std::size_t restarted = calls.find("try-restart fw-updated.service\n");
+  EXPECT_NE(reloaded, std::string::npos) << calls;
+  EXPECT_NE(restarted, std::string::npos) << calls;
+  EXPECT_LT(reloaded, restarted) << "with its new unit";
+  EXPECT_THAT(messages_, IsEmpty());
+}
+
+TEST_F(PackageScripts, LeaveItToTheBusToStartTheUpdateService) {
+  const std::string calls = Run("tools/postinst", "configure ''");
+
+  EXPECT_EQ(calls, "--system daemon-reload\n");
+  EXPECT_THAT(messages_, IsEmpty());
+}
+
+TEST_F(PackageScripts, StopTheUpdateServiceBeforeItIsRemovedAlone) {
+  EXPECT_THAT(Run("tools/prerm", "upgrade 1.1.0-1"), IsEmpty());
+
+  EXPECT_THAT(Run("tools/prerm", "remove"), HasSubstr("stop fw-updated.service"));
+}
+
+TEST_F(PackageScripts, TakeTheHistoryAwayWithAPurgeAlone) {
+  writeFile("/var/lib/fw-update/history.db", "entries");
+  writeFile("/var/lib/fw-update/minimum-versions/tunerfw", "2.0.0");
+
+  Run("tools/postrm", "remove");
+  EXPECT_TRUE(exists("/var/lib/fw-update/history.db"));
+
+  Run("tools/postrm", "purge");
+  EXPECT_FALSE(exists("/var/lib/fw-update/history.db"));
+  EXPECT_TRUE(exists("/var/lib/fw-update/minimum-versions/tunerfw"));
 }
 
 }  // namespace
