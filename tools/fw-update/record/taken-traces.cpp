@@ -109,7 +109,7 @@ history::Traced tracedOf(tracetool::TraceFile& file, const std::string& user) {
   }
   for (const Update& update : tracker.updates()) {
     if (isOver(update, file.alive)) {
-      traced.updates.push_back({update.span.begin, entryOf(update, log, user)});
+      traced.updates.emplace_back(update.span.begin, entryOf(update, log, user));
     }
   }
   return traced;
