@@ -15,6 +15,10 @@ void addTo(Json::Value& members, const Finding& finding, const char* sentence) {
   }
 }
 
+std::string textIn(const Json::Value& members, const char* name) {
+  return members[name].asString();
+}
+
 Json::Value toJson(const LogMessages& log) {
   Json::Value lines(Json::arrayValue);
   for (const LogMessage& message : log) {

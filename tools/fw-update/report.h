@@ -18,6 +18,9 @@ frame::Report reportOf(const Finding& finding);
 // A finding that is one of several: "outcome", "remedy" when there is one, and the sentence.
 void addTo(Json::Value& members, const Finding& finding, const char* sentence = "message");
 
+// A text or a number of a document, as text; empty when it has none.
+std::string textIn(const Json::Value& members, const char* name);
+
 // The library's messages, for a document.
 Json::Value toJson(const LogMessages& log);
 

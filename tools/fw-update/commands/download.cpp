@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "commands.h"
+#include "commands/texts.h"
 #include "device-paths.h"
 #include "fw-update-symbol-manager.h"
 #include "library-messages.h"
@@ -179,10 +180,8 @@ frame::Report reportOf(const std::vector<Package>& packages) {
   report.details["packages"] = Json::arrayValue;
   for (const Package& package : packages) {
     report.details["packages"].append(toJson(package));
-    if (packages.size() > 1) {
-      report.body += wrapped(package.finding.message, terminalWidth(STDOUT_FILENO)) + "\n";
-    }
   }
+  report.body = downloadText(report);
   return report;
 }
 
@@ -202,6 +201,16 @@ std::vector<Package> requestEach(const std::vector<std::string>& modules) {
 }
 
 }  // namespace
+
+// The sentence says it all when there is one package.
+std::string downloadText(const frame::Report& report) {
+  const Json::Value& packages = report.details["packages"];
+  std::string text;
+  for (Json::ArrayIndex i = 0; packages.size() > 1 && i < packages.size(); ++i) {
+    text += wrapped(textIn(packages[i], "message"), terminalWidth(STDOUT_FILENO)) + "\n";
+  }
+  return text;
+}
 
 frame::Report runDownload(const Options& options) {
   const Library library = openLibrary();

@@ -4,10 +4,14 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
+#include <cmath>
+#include <iterator>
 #include <optional>
 
 #include "commands.h"
+#include "commands/texts.h"
 #include "record/taken-traces.h"
 #include "report.h"
 #include "terminal.h"
@@ -123,6 +127,21 @@ Json::Value toJson(const Entry& entry) {
   return value;
 }
 
+Entry entryIn(const Json::Value& value) {
+  const auto time = [&value](const char* member) { return std::llround(value[member].asDouble() * 1000); };
+  Entry entry;
+  entry.number = value["number"].asInt64();
+  entry.began = time("began");
+  if (value.isMember("ended")) {
+    entry.ended = time("ended");
+  }
+  entry.run = value["run"].asInt64();
+  for (const history::Field& field : history::kFields) {
+    entry.*field.text = textIn(value, field.name);
+  }
+  return entry;
+}
+
 frame::Report reportOf(const history::Failure& failure) {
   if (failure.isDenied) {
     return reportOf(Finding{Outcome::NotPermitted, failure.what(), "Run the command as root."});
@@ -133,22 +152,21 @@ frame::Report reportOf(const history::Failure& failure) {
 
 frame::Report reportOf(const std::vector<Entry>& entries, const std::string& damagedFile) {
   frame::Report report{Outcome::Ok};
-  report.body = entries.empty() ? "The history has no such update.\n" : listOf(entries);
   report.details["entries"] = Json::arrayValue;
   for (const Entry& entry : entries) {
     report.details["entries"].append(toJson(entry));
   }
   if (!damagedFile.empty()) {
     report.details["damaged"] = damagedFile;
-    report.body += "Not shown is what a damaged file holds: " + damagedFile + "\n";
   }
+  report.body = historyText(report);
   return report;
 }
 
 frame::Report reportOf(const Entry& entry) {
   frame::Report report{Outcome::Ok};
   report.details["entry"] = toJson(entry);
-  report.body = describe(entry);
+  report.body = historyShowText(report);
   return report;
 }
 
@@ -161,6 +179,24 @@ history::Filter filterOf(const Options& options) {
 }
 
 }  // namespace
+
+std::string historyText(const frame::Report& report) {
+  const Json::Value& details = report.details;
+  if (!details.isMember("entries")) {
+    return "";
+  }
+  std::vector<Entry> entries;
+  std::transform(details["entries"].begin(), details["entries"].end(), std::back_inserter(entries), entryIn);
+  std::string text = entries.empty() ? "The history has no such update.\n" : listOf(entries);
+  if (details.isMember("damaged")) {
+    text += "Not shown is what a damaged file holds: " + textIn(details, "damaged") + "\n";
+  }
+  return text;
+}
+
+std::string historyShowText(const frame::Report& report) {
+  return report.details.isMember("entry") ? describe(entryIn(report.details["entry"])) : "";
+}
 
 std::string sinceProblem(const std::string& text) {
   return millisecondsOf(text) ? "" : "no time such as 2026-01-31, 2026-01-31T14:03 or 14:03";

@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "commands.h"
+#include "commands/texts.h"
 #include "library/library.h"
 #include "report.h"
 #include "terminal.h"
@@ -56,25 +57,26 @@ Json::Value brokenJson(const ModuleFile& file) {
   return broken;
 }
 
-std::string tableOf(const std::vector<ModuleFile>& files) {
-  if (files.empty()) {
+}  // namespace
+
+std::string listText(const frame::Report& report) {
+  const Json::Value& modules = report.details["modules"];
+  if (modules.empty()) {
     return "";
   }
   std::vector<std::vector<std::string>> rows{{"LIBRARY", "FIRMWARE", "VERSION", "KIND"}};
-  for (const ModuleFile& file : files) {
-    rows.push_back({file.name, file.firmwareName, file.version, kindOf(file)});
+  for (const Json::Value& module : modules) {
+    rows.push_back({textIn(module, "library"), textIn(module, "firmware"), textIn(module, "version"),
+                    textIn(module, "kind")});
   }
   return table(rows, terminalWidth(STDOUT_FILENO));
 }
-
-}  // namespace
 
 // When the facade refuses to work, every file is read on its own.
 frame::Report runList(const Options&) {
   const Library library = openLibrary();
   const std::vector<ModuleFile> files = library.problem ? inspectModules() : readItems(library);
   frame::Report report = reportOf(findingOf(library, files));
-  report.body = tableOf(files);
   report.details["modules"] = Json::arrayValue;
   for (const ModuleFile& file : files) {
     report.details["modules"].append(moduleJson(file));
@@ -82,6 +84,7 @@ frame::Report runList(const Options&) {
       report.details["broken"].append(brokenJson(file));
     }
   }
+  report.body = listText(report);
   return report;
 }
 

@@ -7,6 +7,7 @@
 #include <iterator>
 
 #include "commands.h"
+#include "commands/texts.h"
 #include "lock/lock-recovery.h"
 #include "lock/lock-users.h"
 #include "lock/update-lock.h"
@@ -25,6 +26,12 @@ constexpr struct {
     {LockRole::Waits, "waits", "waits for it"},
     {LockRole::HasOpen, "has-open", "has its file open"},
 };
+
+std::string wordsOf(const std::string& id) {
+  const auto* const row =
+      std::find_if(std::begin(kRoles), std::end(kRoles), [&id](const auto& one) { return id == one.id; });
+  return row != std::end(kRoles) ? row->words : id;
+}
 
 const auto& infoOf(LockRole role) {
   return *std::find_if(std::begin(kRoles), std::end(kRoles),
@@ -53,10 +60,11 @@ Json::Value usersJson(const LockUsers& users) {
   return list;
 }
 
-std::string usersTable(const LockUsers& users) {
+std::string usersTable(const Json::Value& processes) {
   std::vector<std::vector<std::string>> rows{{"PID", "USER", "LOCK", "COMMAND"}};
-  for (const LockUser& user : users.users) {
-    rows.push_back({std::to_string(user.process), user.user, infoOf(user.role).words, user.command});
+  for (const Json::Value& user : processes) {
+    rows.push_back(
+        {textIn(user, "pid"), textIn(user, "user"), wordsOf(textIn(user, "role")), textIn(user, "command")});
   }
   return rows.size() > 1 ? table(rows, terminalWidth(STDOUT_FILENO)) : "";
 }
@@ -108,16 +116,6 @@ const char* stateOf(int value, const LockUsers& users) {
   return users.has(LockRole::MayHold) || !users.seesAll() ? "taken" : "stuck";
 }
 
-std::string statusText(const Finding& finding, const LockUsers& users) {
-  std::string text = finding.message + "\n";
-  for (const std::string& more : {finding.remedy, users.blindSpot()}) {
-    if (!more.empty()) {
-      text += more + "\n";
-    }
-  }
-  return text + usersTable(users);
-}
-
 frame::Report reportOfClosed(int error) {
   frame::Report report = reportOf(explainClosedLock(error));
   if (error == ENOENT) {
@@ -131,14 +129,27 @@ frame::Report reportOf(const UpdateLock& lock) {
   const int value = lock.value();
   const Finding finding = findingOf(value, users);
   frame::Report report = reportOf(finding);
-  report.body = statusText(finding, users);
   report.details["value"] = value;
   report.details["state"] = stateOf(value, users);
   addTo(report.details, users);
+  report.body = lockStatusText(report);
   return report;
 }
 
 }  // namespace
+
+std::string lockStatusText(const frame::Report& report) {
+  if (!report.details.isMember("value")) {  // of no lock that could be opened
+    return "";
+  }
+  std::string text = report.message + "\n";
+  for (const std::string& more : {report.remedy, textIn(report.details, "blindSpot")}) {
+    if (!more.empty()) {
+      text += more + "\n";
+    }
+  }
+  return text + usersTable(report.details["processes"]);
+}
 
 frame::Report runLockStatus(const Options&) {
   const UpdateLock lock;
@@ -151,11 +162,11 @@ frame::Report runLockRecover(const Options& options) {
   const Recovery recovery = recoverUpdateLock(options.ignoreHidden);
   const Finding finding = explainRecovery(recovery);
   frame::Report report = reportOf(finding);
-  if (finding.outcome == Outcome::LockInUse) {
-    report.body = usersTable(recovery.users);
-  }
   report.details["lock"] = UpdateLock::path();
   addTo(report.details, recovery.users);
+  if (finding.outcome == Outcome::LockInUse) {
+    report.body = usersTable(report.details["processes"]);
+  }
   return report;
 }
 

@@ -7,6 +7,7 @@
 #include <exception>
 
 #include "commands.h"
+#include "commands/texts.h"
 #include "library-messages.h"
 #include "library/library.h"
 #include "library/log-meanings.h"
@@ -85,11 +86,13 @@ Finding ask(const Options& options, const Library& library, std::vector<ModuleSt
   }
 }
 
-const char* answerOf(const Finding& reason) {
-  if (reason.outcome == Outcome::Ok) {
+constexpr char kPending[] = "pending";
+
+const char* answerOf(const std::string& outcome) {
+  if (outcome == kPending) {
     return "yes";
   }
-  return reason.outcome == Outcome::NothingToDo ? "no" : "refused";
+  return outcome == infoOf(Outcome::NothingToDo).id ? "no" : "refused";
 }
 
 Json::Value moduleJson(const ModuleState& state, UPDATE_TYPE place) {
@@ -100,7 +103,7 @@ Json::Value moduleJson(const ModuleState& state, UPDATE_TYPE place) {
   module["pending"] = state.due;
   addTo(module, state.reason, "reason");
   if (state.due) {
-    module["outcome"] = "pending";
+    module["outcome"] = kPending;
     const auto offered = offeredImage(state.item.fw_name, place);
     module["offeredVersion"] = offered ? offered->version : "";
     module["class"] = offered && offered->updateClass == kSecurity ? kSecurity : kFeature;
@@ -108,29 +111,31 @@ Json::Value moduleJson(const ModuleState& state, UPDATE_TYPE place) {
   return module;
 }
 
-std::string tableOf(const std::vector<ModuleState>& states) {
-  if (states.empty()) {
+}  // namespace
+
+std::string pendingText(const frame::Report& report) {
+  const Json::Value& modules = report.details["modules"];
+  if (modules.empty()) {
     return "";
   }
   std::vector<std::vector<std::string>> rows{{"LIBRARY", "FIRMWARE", "VERSION", "PENDING", "REASON"}};
-  for (const auto& [item, due, reason] : states) {
-    rows.push_back({item.file_name, item.fw_name, item.version, answerOf(reason), reason.message});
+  for (const Json::Value& module : modules) {
+    rows.push_back({textIn(module, "library"), textIn(module, "firmware"), textIn(module, "version"),
+                    answerOf(textIn(module, "outcome")), textIn(module, "reason")});
   }
   return table(rows, terminalWidth(STDOUT_FILENO));
 }
-
-}  // namespace
 
 frame::Report runPending(const Options& options) {
   const Library library = openLibrary();
   std::vector<ModuleState> states;
   frame::Report report = reportOf(library.problem ? *library.problem : ask(options, library, states));
-  report.body = tableOf(states);
   report.details["caller"] = options.caller->name;
   report.details["modules"] = Json::arrayValue;
   for (const ModuleState& state : states) {
     report.details["modules"].append(moduleJson(state, options.caller->images));
   }
+  report.body = pendingText(report);
   return report;
 }
 

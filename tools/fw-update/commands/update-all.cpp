@@ -12,6 +12,7 @@
 #include <optional>
 
 #include "commands.h"
+#include "commands/texts.h"
 #include "device-paths.h"
 #include "fw-update-symbol-manager.h"
 #include "isolation/supervised.h"
@@ -202,7 +203,7 @@ frame::Report reportOf(const UpdatePlan& plan) {
                              : Finding{Outcome::Ok, std::to_string(due) + " modules would be updated.", ""};
   frame::Report report = reportOf(plan.problem.value_or(answer));
   report.details = membersOf(plan);
-  report.body = plan.problem ? "" : describePlan(plan);
+  report.body = updateAllText(report);
   return report;
 }
 
@@ -237,19 +238,24 @@ Json::Value modulesJson(const UpdatePlan& plan, const EndedRun& run) {
   return modules;
 }
 
-std::string tableOf(const EndedRun& run) {
+// Those that were due are the run's.
+std::string resultTable(const Json::Value& modules) {
   std::vector<std::vector<std::string>> rows{{"LIBRARY", "RESULT", "VERSION", "TIME", "WHY"}};
-  for (const EndedModule& module : run.modules) {
-    rows.push_back({module.planned.library, infoOf(module.finding.outcome).id,
-                    module.planned.version + (module.versionAfter ? " -> " + *module.versionAfter : ""),
-                    module.seconds ? secondsText(*module.seconds) : "-", module.finding.message});
+  for (const Json::Value& module : modules) {
+    if (!module["due"].asBool()) {
+      continue;
+    }
+    const std::string after = module.isMember("versionAfter") ? " -> " + textIn(module, "versionAfter") : "";
+    const Json::Value& seconds = module["elapsedSeconds"];
+    rows.push_back({textIn(module, "library"), textIn(module, "outcome"),
+                    textIn(module, "versionBefore") + after,
+                    seconds.isNumeric() ? secondsText(seconds.asDouble()) : "-", textIn(module, "message")});
   }
   return table(rows, terminalWidth(STDOUT_FILENO));
 }
 
 frame::Report reportOf(const UpdatePlan& plan, const EndedRun& run) {
   frame::Report report = reportOf(run.finding);
-  report.body = tableOf(run);
   report.endsAtOnce = run.moduleRuns;
   report.details = membersOf(plan);
   report.details["modules"] = modulesJson(plan, run);
@@ -260,6 +266,7 @@ frame::Report reportOf(const UpdatePlan& plan, const EndedRun& run) {
   if (!run.warning.empty()) {
     report.details["warning"] = run.warning;
   }
+  report.body = updateAllText(report);
   return report;
 }
 
@@ -282,6 +289,14 @@ frame::Report planAndRun(const Options& options) {
 }
 
 }  // namespace
+
+std::string updateAllText(const frame::Report& report) {
+  const Json::Value& details = report.details;
+  if (!details.isMember("expectedSeconds")) {  // there is no plan
+    return "";
+  }
+  return details.isMember("elapsedSeconds") ? resultTable(details["modules"]) : describePlan(planIn(details));
+}
 
 frame::Report runUpdateAll(const Options& options) {
   frame::Report report = planAndRun(options);

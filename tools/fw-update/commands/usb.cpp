@@ -12,6 +12,7 @@
 #include <optional>
 
 #include "commands.h"
+#include "commands/texts.h"
 #include "device-paths.h"
 #include "fw-update-symbol-manager.h"
 #include "isolation/supervised.h"
@@ -188,19 +189,19 @@ Json::Value membersOf(const Session& session) {
   return members;
 }
 
-frame::Report reportOf(const Session& session, const Finding& finding, const std::string& text = "") {
+frame::Report reportOf(const Session& session, const Finding& finding) {
   frame::Report report = reportOf(finding);
   report.details = membersOf(session);
-  report.body = text;
+  report.body = usbText(report);
   report.endsAtOnce = session.moduleRuns;
   return report;
 }
 
-const char* answerOf(const PackageState& state) {
-  if (state.needed) {
+const char* answerOf(const Json::Value& module) {
+  if (module["needsUpdate"].asBool()) {
     return "yes";
   }
-  return state.finding.outcome == Outcome::NothingToDo ? "no" : "refused";
+  return textIn(module, "outcome") == infoOf(Outcome::NothingToDo).id ? "no" : "refused";
 }
 
 std::size_t countNeeded(const Session& session) {
@@ -208,22 +209,25 @@ std::size_t countNeeded(const Session& session) {
                                                 [](const PackageState& state) { return state.needed; }));
 }
 
-std::string estimateTable(const Session& session) {
+std::string estimateTable(const Json::Value& details) {
   std::vector<std::vector<std::string>> rows{{"LIBRARY", "FIRMWARE", "VERSION", "UPDATE", "TIME", "REASON"}};
-  for (const PackageState& state : session.states) {
-    rows.push_back({state.library, state.firmware, state.version, answerOf(state),
-                    state.needed ? std::to_string(state.seconds) + " s" : "", state.finding.message});
+  std::size_t needed = 0;
+  for (const Json::Value& module : details["modules"]) {
+    needed += module["needsUpdate"].asBool() ? 1U : 0U;
+    rows.push_back({textIn(module, "library"), textIn(module, "firmware"), textIn(module, "version"),
+                    answerOf(module),
+                    module.isMember("expectedSeconds") ? textIn(module, "expectedSeconds") + " s" : "",
+                    textIn(module, "reason")});
   }
-  rows.push_back({"total", "", "", std::to_string(countNeeded(session)),
-                  std::to_string(session.estimate->seconds) + " s", ""});
+  rows.push_back({"total", "", "", std::to_string(needed), textIn(details, "totalSeconds") + " s", ""});
   return table(rows, terminalWidth(STDOUT_FILENO));
 }
 
-std::string resultTable(const Session& session) {
+std::string resultTable(const Json::Value& details) {
   std::vector<std::vector<std::string>> rows{{"LIBRARY", "FIRMWARE", "BEFORE", "NOW", "RESULT"}};
-  for (const PackageState& state : session.states) {
-    rows.push_back({state.library, state.firmware, state.version, state.versionAfter.value_or(""),
-                    state.finding.message});
+  for (const Json::Value& module : details["modules"]) {
+    rows.push_back({textIn(module, "library"), textIn(module, "firmware"), textIn(module, "version"),
+                    textIn(module, "versionAfter"), textIn(module, "reason")});
   }
   return table(rows, terminalWidth(STDOUT_FILENO));
 }
@@ -288,6 +292,14 @@ Finding applyPackages(Session& session) {
 
 }  // namespace
 
+std::string usbText(const frame::Report& report) {
+  const Json::Value& details = report.details;
+  if (!details.isMember("totalSeconds")) {  // it was not estimated
+    return "";
+  }
+  return details.isMember("elapsedSeconds") ? resultTable(details) : estimateTable(details);
+}
+
 frame::Report runUsbEstimate(const Options& options) {
   Session session(options);
   if (const auto problem = prepare(session)) {
@@ -298,7 +310,7 @@ frame::Report runUsbEstimate(const Options& options) {
                           std::to_string(needed) + " modules need a package, in about " +
                               std::to_string(session.estimate->seconds) + " s.",
                           ""};
-  return reportOf(session, needed == 0 ? whyNothing(session) : summed, estimateTable(session));
+  return reportOf(session, needed == 0 ? whyNothing(session) : summed);
 }
 
 frame::Report runUsbApply(const Options& options) {
@@ -307,11 +319,11 @@ frame::Report runUsbApply(const Options& options) {
     return reportOf(session, *problem);
   }
   if (countNeeded(session) == 0) {
-    return reportOf(session, whyNothing(session), estimateTable(session));
+    return reportOf(session, whyNothing(session));
   }
   const Finding finding = applyPackages(session);
   askVersions(session);
-  return reportOf(session, finding, resultTable(session));
+  return reportOf(session, finding);
 }
 
 }  // namespace tool

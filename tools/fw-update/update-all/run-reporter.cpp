@@ -186,4 +186,19 @@ Json::Value planJson(const PlannedModule& module) {
   return value;
 }
 
+UpdatePlan planIn(const Json::Value& members) {
+  UpdatePlan plan;
+  for (const Json::Value& value : members["modules"]) {
+    PlannedModule module;
+    module.library = textIn(value, "library");
+    module.firmware = textIn(value, "firmware");
+    module.version = textIn(value, "versionBefore");
+    module.due = value["due"].asBool();
+    module.expectedSeconds = value["expectedSeconds"].asUInt();
+    module.reason.message = textIn(value, "message");
+    plan.modules.push_back(module);
+  }
+  return plan;
+}
+
 }  // namespace tool

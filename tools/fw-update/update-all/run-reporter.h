@@ -34,6 +34,8 @@ std::unique_ptr<RunReporter> makeRunReporter(const Options& options);
 // The list of modules with their expected times, and what the whole will take.
 std::string describePlan(const UpdatePlan& plan);
 Json::Value planJson(const PlannedModule& module);
+// From the list of such values that an event or a document has; with their sentences, and no more.
+UpdatePlan planIn(const Json::Value& members);
 
 }  // namespace tool
 
