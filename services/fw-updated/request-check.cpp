@@ -19,12 +19,22 @@ constexpr std::size_t kMostArguments = 16;
 constexpr const char* kQueries[] = {"list",     "info",        "verify",  "pending",
                                     "progress", "lock status", "history", "history show"};
 
+// Of these commands; none that names a file, or has the command ask somebody else.
+constexpr const char* kOptions[] = {"--caller", "--data",   "--version", "--module",
+                                    "--since",  "--failed", "--json",    "--log"};
+
 [[noreturn]] void refuse(const std::string& sentence) {
   throw refusal(kInvalidArgument, sentence);
 }
 
 bool isPlain(const std::string& text) {
   return std::none_of(text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < 0x20; });
+}
+
+bool isUnknownOption(const std::string& argument) {
+  const std::string name = argument.substr(0, argument.find('='));
+  return argument[0] == '-' &&
+         std::find(std::begin(kOptions), std::end(kOptions), name) == std::end(kOptions);
 }
 
 }  // namespace
@@ -78,6 +88,10 @@ std::vector<std::string> queryWords(const std::string& command, const std::vecto
   });
   if (arguments.size() > kMostArguments || areTooLong) {
     refuse("These are more arguments, or longer ones, than any command has.");
+  }
+  const auto unknown = std::find_if(arguments.begin(), arguments.end(), isUnknownOption);
+  if (unknown != arguments.end()) {
+    refuse("A question has no such option: " + *unknown + ".");
   }
   words.insert(words.end(), arguments.begin(), arguments.end());
   return words;

@@ -260,6 +260,9 @@ def RefusesWhatMakesNoSense():
     for folder in ("relative", "/" + "x" * 5000, "-x", "/a\tb"):
         equal(client.error(manager.ApplyUsb, folder)[0], ERROR + "InvalidArgument")
         equal(client.error(manager.EstimateUsb, folder)[0], ERROR + "InvalidArgument")
+    for option in ("--service", "--bus=unix:path=/tmp/bus", "--bus", "--key-file=/etc/shadow", "--help", "--", "-h"):
+        equal(client.error(manager.Query, "list", [option]),
+              (ERROR + "InvalidArgument", f"A question has no such option: {option}."))
     for command in ("", "update", "lock recover", "usb apply", "explain", "list; update"):
         equal(client.error(manager.Query, command, ["x"])[0], ERROR + "InvalidArgument")
     equal(list(client.properties(PATH, NAME)["Jobs"]), [])
