@@ -80,7 +80,7 @@ def TellsEachChange():
     signals.wait_for(lambda: any(changed.get("State") == "done" for _, changed in signals.changes), "the end")
 
     states = [str(changed["State"]) for where, changed in signals.changes if where == path and "State" in changed]
-    equal(states, ["checking", "updating", "done"])
+    equal(states, ["checking", "updating", "verifying", "done"])
     percents = [int(changed["Percent"]) for where, changed in signals.changes if where == path and "Percent" in changed]
     assert percents == sorted(percents) and len(percents) > 2 and percents[-1] == 100, percents
     events = [event["event"] for where, event in signals.events if where == path]

@@ -90,18 +90,18 @@ bool followProgress(const Options& options, ProgressReporter& reporter, const An
 
 // Runs the facade's blocking call on a thread of its own and tells the progress
 // until it returns.
-void requestUpdate(Update& update, const Options& options, FWUpdateContorl& facade) {
+void requestUpdate(Update& update, const Options& options, FWUpdateContorl& facade,
+                   ProgressReporter& reporter) {
   const std::size_t mark = LibraryLog::instance().mark();
   const Clock::time_point start = Clock::now();
   const InterruptionGuard guard(mark);
   const std::string data = options.requestData();
-  const auto reporter = makeProgressReporter(options);
-  reporter->start(options);
+  reporter.start(options);
   supervised::tellStep(Step::Check, options.module);
   Answer answer = std::async(std::launch::async, [&] {
     return facade.fw_update_from_control(options.module.c_str(), options.caller->type, data.c_str());
   });
-  update.moduleRuns = !followProgress(options, *reporter, answer, mark, start);
+  update.moduleRuns = !followProgress(options, reporter, answer, mark, start);
 
   const LogMessages messages = LibraryLog::instance().since(mark);
   try {
@@ -121,11 +121,13 @@ Update perform(const Options& options, const Library& library) {
   update.versionBefore = activeVersion(library, options.module);
   UpdateRecord::instance().moduleIsDue(options.module, findItem(library, options.module)->fw_name,
                                        update.versionBefore);
-  requestUpdate(update, options, *library.facade);
+  const auto reporter = makeProgressReporter(options);
+  requestUpdate(update, options, *library.facade, *reporter);
   if (update.finding.outcome == Outcome::TimedOut) {
     update.moduleRuns = true;  // and is not asked anything more
   }
   if (update.finding.outcome == Outcome::Updated) {
+    reporter->verifying();
     update.versionAfter = activeVersion(library, options.module);
     update.finding.message += " " + describeChange(update);
   }

@@ -63,6 +63,11 @@ class NdjsonReporter : public ProgressReporter {
       putOnce(progress, "waiting", waitingTold_);
     }
   }
+  void verifying() override {
+    Json::Value event;
+    event["event"] = "verifying";
+    frame::putEvent(event);
+  }
 
  private:
   void updating(const UpdateProgress& progress) {

@@ -20,6 +20,8 @@ class ProgressReporter {
 
   virtual void start(const Options&) {}
   virtual void tick(const UpdateProgress&) {}
+  // After the module's work: whether the new version is active is looked at.
+  virtual void verifying() {}
   // Leaves the terminal as it was.
   virtual void finish() {}
 };
