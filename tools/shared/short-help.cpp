@@ -2,6 +2,7 @@
 #include "short-help.h"
 
 #include <algorithm>
+#include <sstream>
 #include <utility>
 
 namespace tool {
@@ -33,6 +34,21 @@ std::string ShortHelp::make_help(const CLI::App* app, std::string name, CLI::App
   text.erase(std::unique(text.begin(), text.end(), [](char a, char b) { return a == '\n' && b == '\n'; }),
              text.end());
   return text;
+}
+
+void ShortHelp::share(const std::string& names, const std::string& summary) {
+  shared_[names.substr(0, names.find(','))] = {names, summary};
+}
+
+std::string ShortHelp::make_subcommand(const CLI::App* command) const {
+  const auto found =
+      command->get_parent()->get_parent() == nullptr ? shared_.find(command->get_name()) : shared_.end();
+  if (found == shared_.end()) {
+    return Formatter::make_subcommand(command);
+  }
+  std::ostringstream line;
+  CLI::detail::format_help(line, found->second.names, found->second.summary, get_column_width());
+  return line.str();
 }
 
 std::string ShortHelp::make_footer(const CLI::App* app) const {

@@ -212,10 +212,29 @@ void fail(Parsed& parsed, const BoundProgram& program, const CLI::App& app, cons
                           "Try: " + called + " --help");
 }
 
+// One command has the line, the others are not listed.
+std::shared_ptr<tool::ShortHelp> shortHelpOf(const ProgramInfo& program) {
+  auto help = std::make_shared<tool::ShortHelp>(program.helpColumn);
+  for (const Group& line : program.sharedLines) {
+    help->share(line.name, line.summary);
+  }
+  return help;
+}
+
+void shareLines(const CLI::App& app, const ProgramInfo& program) {
+  for (const Group& line : program.sharedLines) {
+    const std::string names = line.name;
+    for (std::size_t at = names.find(", "); at != std::string::npos; at = names.find(", ", at + 1)) {
+      const std::string name = names.substr(at + 2);
+      app.get_subcommand(name.substr(0, name.find(',')))->group("");
+    }
+  }
+}
+
 void build(CLI::App& app, const BoundProgram& program, Parsed& parsed) {
   const ProgramInfo& info = *program.info;
   if (info.helpColumn != 0) {
-    app.formatter(std::make_shared<tool::ShortHelp>(info.helpColumn));
+    app.formatter(shortHelpOf(info));
   }
   app.set_version_flag("--version", std::string(info.name) + " " FW_TOOL_VERSION);
   if (program.hasCommands()) {
@@ -226,6 +245,7 @@ void build(CLI::App& app, const BoundProgram& program, Parsed& parsed) {
   for (const BoundCommand& command : program.commands) {
     addCommand(app, program, command, parsed);
   }
+  shareLines(app, info);
 }
 
 // In lines, each part whole.

@@ -35,6 +35,7 @@ struct ProgramInfo {
   std::string (*remark)() = nullptr;  // whole lines for its help text
   const char* jsonSummary = "Print one JSON document on standard output";
   Report (*explain)(const std::exception& error) = nullptr;  // what no command caught
+  List<Group> sharedLines = {};  // "info, verify": commands that have one line of the help text
 };
 
 struct CommandInfo {
