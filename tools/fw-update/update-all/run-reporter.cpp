@@ -132,6 +132,10 @@ class NdjsonReporter : public RunReporter {
     if (progress.module.percent) {
       event["percent"] = *progress.module.percent;
     }
+    if (progress.module.limit) {
+      event["expectedSeconds"] = progress.module.limit->expected;
+      event["givesUpAtSeconds"] = progress.module.limit->givesUp;
+    }
     event["totalPercent"] = progress.totalPercent;
     event["secondsLeft"] = rounded(progress.secondsLeft);
     event["modulesLeft"] = static_cast<Json::UInt64>(progress.modulesLeft);
