@@ -75,9 +75,29 @@ constexpr Option kIsolation[] = {
         .needing("--isolated"),
 };
 
+constexpr Option kService[] = {
+    {"--service", &Options::service, "Have the update service do it"},
+    Option("--bus ADDRESS", &Options::bus, "The bus it is on; default: the system bus").needing("--service"),
+};
+
+constexpr Option kBus[] = {
+    {"--bus ADDRESS", &Options::bus, "The service's bus; default: the system bus"},
+};
+
+constexpr Option kAnyJob[] = {
+    Option("JOB", &Options::number, "Its number; default: the one at work, or the next one")
+        .within(1, 2147483647),
+};
+
+constexpr Option kJob[] = {
+    Option("JOB", &Options::number, "Its number, as fw-update jobs shows it")
+        .required()
+        .within(1, 2147483647),
+};
+
 constexpr Option kPackages[] = {
     {"DIR", &Options::directory, "Where the packages lie; default: the mounted USB drive"},
-    Option("--key-file FILE", &Options::keyFile, "The packages' key: a file of 32 bytes").required(),
+    Option("--key-file FILE", &Options::keyFile, "The packages' key: a file of 32 bytes; not with --service"),
     {"--allow-rollback", &Options::allowRollback, "Packages below the minimum version too; for root"},
 };
 
@@ -107,23 +127,66 @@ constexpr Option kLine[] = {
     Option("LINE", &Options::words, "A line of the log or of a command, in quotes").required(),
 };
 
+// What only the process has that calls the library.
+void settleService(const Options& options) {
+  if (!options.service) {
+    return;
+  }
+  if (options.log) {
+    throw frame::UsageError("--log: the library's log is where the service runs");
+  }
+  if (options.isolated) {
+    throw frame::UsageError("--isolated: the service has a process of its own for each job");
+  }
+  if (options.dryRun) {
+    throw frame::UsageError("--dry-run: the service has no job that changes nothing");
+  }
+}
+
 void settle(Options& options) {
   options.caller = fwcallers::findCaller(options.callerName);
   options.data = options.givenData.value_or("");
   options.ndjson = !options.progress.empty();
+  settleService(options);
   if (options.caller->fixedData != nullptr && options.givenData) {
     throw frame::UsageError("--data: caller " + options.callerName + " has fixed data");
   }
 }
 
+void settleByService(Options& options) {
+  options.service = true;
+  settle(options);
+}
+
+void settleUsb(Options& options) {
+  settle(options);
+  if (!options.service && options.keyFile.empty()) {
+    throw frame::UsageError("--key-file is required");
+  }
+  if (options.service && !options.keyFile.empty()) {
+    throw frame::UsageError("--key-file: the service has a key of its own");
+  }
+  if (options.service && options.allowRollback) {
+    throw frame::UsageError("--allow-rollback: the service takes no package below the minimum version");
+  }
+}
+
 void settleDownload(Options& options) {
   settle(options);
+  if (options.service && (options.modules.size() != 1 || !options.wait)) {
+    throw frame::UsageError("--service wants one module, and --wait");
+  }
   if (options.modules.empty() && !options.allModules) {
     throw frame::UsageError("which module? Name it, or use --all");
   }
   if (options.ndjson && !options.wait) {
     throw frame::UsageError("--progress needs --wait");
   }
+}
+
+// Such a command is never come to.
+frame::Report runByService(const Options&) {
+  return frame::Report(Outcome::Unexpected);
 }
 
 std::string callerLines() {
@@ -141,8 +204,13 @@ constexpr frame::Group kGroups[] = {
     {"lock", "The lock for one update at a time: status, recover"},
 };
 
+constexpr frame::Group kSharedLines[] = {
+    {"info, verify", "Show one module; say whether a version is active on it"},
+    {"jobs, watch, cancel", "The jobs of the update service: show, follow, take back"},
+};
+
 constexpr frame::Command<Options> kCommands[] = {
-    {{"list", "List the update modules of this device", "fw-update list"}, {}, runList, settle},
+    {{"list", "List the update modules of this device", "fw-update list"}, {kService}, runList, settle},
     {{"info", "Show one module: firmware name, active version, progress", "fw-update info libtuner"},
      {kModule},
      runInfo,
@@ -154,12 +222,12 @@ constexpr frame::Command<Options> kCommands[] = {
      settle},
     {{"pending", "Show which modules need an update, and why others do not", "fw-update pending --caller lsm",
       callerLines},
-     {kCaller},
+     {kCaller, kService},
      runPending,
      settle},
     {{"update", "Update one module and wait until it is done",
       "fw-update update libtuner --caller upgrade-app", callerLines},
-     {kModule, kCaller, kProgress, kIsolation},
+     {kModule, kCaller, kProgress, kIsolation, kService},
      runUpdate,
      settle},
     {{"progress", "Show how far a running update of a module is", "fw-update progress libtuner"},
@@ -167,12 +235,12 @@ constexpr frame::Command<Options> kCommands[] = {
      runProgress,
      settle},
     {{"download", "Have the extension packages of modules downloaded", "fw-update download libwifi --wait"},
-     {kDownload, kProgress},
+     {kDownload, kProgress, kService},
      runDownload,
      settleDownload},
     {{"update-all", "Update every module that needs its package, power held",
       "fw-update update-all --dry-run"},
-     {kProgress, kDryRun, kIsolation},
+     {kProgress, kDryRun, kIsolation, kService},
      runUpdateAll,
      settle},
     {{"pending-list", "Write /tmp/fwupdate-off-list.txt and show it", "fw-update pending-list"},
@@ -185,16 +253,16 @@ constexpr frame::Command<Options> kCommands[] = {
      settle},
     {{"usb estimate", "Show which modules need a package, and how long it takes",
       "fw-update usb estimate --key-file /usr/share/fw-update/package.key"},
-     {kPackages},
+     {kPackages, kService},
      runUsbEstimate,
-     settle},
+     settleUsb},
     {{"usb apply", "Apply the packages of the drive to modules that need them",
       "fw-update usb apply --key-file /usr/share/fw-update/package.key"},
-     {kPackages, kProgress, kIsolation},
+     {kPackages, kProgress, kIsolation, kService},
      runUsbApply,
-     settle},
+     settleUsb},
     {{"lock status", "Show whether the update lock is taken, and who uses it", "fw-update lock status"},
-     {},
+     {kService},
      runLockStatus,
      settle},
     {{"lock recover", "Give the lock back that a dead update left taken", "fw-update lock recover"},
@@ -202,13 +270,25 @@ constexpr frame::Command<Options> kCommands[] = {
      runLockRecover,
      settle},
     {{"history", "Show the updates of this device, the newest last", "fw-update history --failed"},
-     {kHistory},
+     {kHistory, kService},
      runHistory,
      settle},
     {{"history show", "Show everything about one update", "fw-update history show 12"},
-     {kNumber},
+     {kNumber, kService},
      runHistoryShow,
      settle},
+    {{"jobs", "Show the jobs of the update service, the newest last", "fw-update jobs"},
+     {kBus},
+     runByService,
+     settleByService},
+    {{"watch", "Show how far a job of the update service is, until its end", "fw-update watch 3"},
+     {kAnyJob, kProgress, kBus},
+     runByService,
+     settleByService},
+    {{"cancel", "Take a job back that has not reached a module", "fw-update cancel 3"},
+     {kJob, kBus},
+     runByService,
+     settleByService},
     {{"explain", "Say what a line of the log or of a command means",
       "fw-update explain \"Error: Usb mount path Not found.\""},
      {kLine},
@@ -233,7 +313,7 @@ constexpr frame::Program<Options> kProgram = {
     {"fw-update", "Updates the firmware of this device's add-on components.",
      "Each command explains itself: fw-update update --help", kOutcomeTable, Outcome::Usage,
      Outcome::Unexpected, 22, nullptr, kGroups, nullptr, "Print one JSON document on standard output",
-     explain},
+     explain, kSharedLines},
     kCommon,
     kCommands,
 };

@@ -31,9 +31,12 @@ struct Options {
   std::vector<std::string> words;    // explain
   std::string since;                 // history
   bool failedOnly = false;           // history
-  unsigned int number = 0;           // history show
+  unsigned int number = 0;           // history show: an update; watch, cancel: a job; 0: none is named
   bool isolated = false;
   unsigned int patience = 120;  // seconds; isolated
+
+  bool service = false;  // the update service does it
+  std::string bus;       // that it is on; empty: the system bus
 
   // As the command line has them.
   std::string callerName = fwcallers::kDefaultCaller;

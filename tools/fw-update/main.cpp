@@ -17,6 +17,7 @@
 #include "lock/release-program.h"
 #include "record/update-record.h"
 #include "report.h"
+#include "service/service-commands.h"
 #include "update-all/run-note.h"
 
 namespace {
@@ -80,6 +81,19 @@ int runThere(const frame::Parsed& parsed, const Options& options) {
   return put(std::move(report), parsed.name, options, end.log);
 }
 
+// In the update service.
+int runElsewhere(const frame::Parsed& parsed, const Options& options) {
+  frame::BoundCommand command = *parsed.command;
+  command.run = [&] { return runThroughService(options, parsed.name); };
+  frame::Report report = frame::run(program().info, command);
+  const Json::Value& details = report.details;
+  if (details.isMember("interruptedRun") && formOf(options) == frame::Form::Text) {
+    frame::complain(program().info.name, textIn(details["interruptedRun"], "message"),
+                    textIn(details["interruptedRun"], "remedy"));
+  }
+  return put(std::move(report), parsed.name, options, {});
+}
+
 int perform(int argc, char** argv) {
   runReleaseProgram(argc, argv);
   Options options;
@@ -95,6 +109,9 @@ int perform(int argc, char** argv) {
   }
   if (options.log) {
     setenv("FW_UPDATE_LOG", "stderr", 1);
+  }
+  if (options.service) {
+    return runElsewhere(parsed, options);
   }
   UpdateRecord::instance().begin(parsed.name, options);
   return options.isolated ? runThere(parsed, options) : runHere(parsed, options);
