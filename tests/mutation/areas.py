@@ -47,10 +47,13 @@ AREAS = (
     Area("tools/fw-pack", ("fw-pack-test", "test-fw-pack*", "test-verifier")),
     Area("tools/fw-platform-check", ("platform-check-test",)),
     Area("services/fw-privileged", ("test-privileged-service",)),
-    Area("services/fw-updated", (), ("UpdateService.*",), (*DEVICE, "faulty-module", "fw-update", "fw-updated")),
+    Area("services/fw-updated", ("test-fw-updated-*",), ("UpdateService.*",),
+         (*DEVICE, "faulty-module", "library-client", "fw-pack", "fw-update", "fw-updated")),
     Area("tools/fw-trace", ("test-fw-trace", "fw-trace-test", "replay-trace-reader"), ("FwTrace.*",),
          (*DEVICE, "fw-trace", "fw-update")),
     Area("tools/fw-update", ("test-fw-update", "fw-update-tool-test")),
+    Area("tools/fw-update/service", ("test-fw-update",), ("ServiceCommand.*",),
+         (*DEVICE, "faulty-module", "library-client", "fw-pack", "fw-update", "fw-updated")),
 )
 
 # No programs of the project, but what others are made from; and declarations alone.

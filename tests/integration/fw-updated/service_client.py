@@ -19,6 +19,7 @@ NAME = "org.fwupdate.Update1"
 PATH = "/org/fwupdate/Update1"
 JOB = NAME + ".Job"
 ADDRESS = "unix:path=/run/service-bus"
+KEY = "/usr/share/fw-update/package.key"  # of USB packages
 PATIENCE = 20  # seconds for what takes far less
 
 CONFIGURATION = """<busconfig>
@@ -171,6 +172,20 @@ def install_faulty_module():
     source, target = pathlib.Path("/lib/firmware/ext/tunerfw"), pathlib.Path("/lib/firmware/ext/faultyfw")
     shutil.copytree(source, target)
     (target / "tunerfw.bin").rename(target / "faultyfw.bin")
+
+
+def package(firmware, identifier, version, image="/lib/firmware/ext", seconds=10):
+    subprocess.run(["fw-pack", "emp", f"{image}/{firmware}/{firmware}.bin", "--id", identifier, "--version", version,
+                    "--expected-time", str(seconds), "--signing-key", "/prd/signing.key",
+                    "--output", f"/opt/usr/apps/appbinarymanager/{identifier}.img"], stdout=subprocess.DEVNULL, check=True)
+
+
+def usb_package(firmware="tunerfw", version="3.0.0"):
+    image = pathlib.Path("/tmp/image.bin")
+    image.write_bytes(os.urandom(1500000))
+    subprocess.run(["fw-pack", "usb", str(image), "--version", version, "--key-file", KEY, "--signing-key",
+                    "/prd/signing.key", "--output", f"/opt/media/USBDriveA/{firmware}.bin"],
+                   stdout=subprocess.DEVNULL, check=True)
 
 
 class Signals:

@@ -15,8 +15,8 @@ import subprocess
 import dbus
 
 from service_client import (JOB, NAME, PATH, Bus, Client, Polkit, Service, Signals, add_group, as_user, busctl,
-                            children_of, has_other_users, history, install_faulty_module, need_other_users,
-                            run_named_test, slow, tool, wait_for)
+                            children_of, has_other_users, history, install_faulty_module, need_other_users, package,
+                            run_named_test, slow, tool, usb_package, wait_for)
 
 ERROR = NAME + ".Error."
 STRANGER = 65534  # a user
@@ -88,6 +88,56 @@ def TellsEachChange():
     jobs = [changed["Jobs"] for where, changed in signals.changes if where == PATH]
     equal(jobs, [[path]])
     equal(service.kill(signal.SIGTERM), 0)
+
+
+def UpdatesAllModules():
+    slow("tunerfw", 2000)
+    _, client = start()
+    package("tunerfw", "tunerempfw", "4.0.0")
+    signals = Signals(client.connection)
+
+    path = client.manager().UpdateAll()
+    signals.wait_for(lambda: any(changed.get("State") == "done" for _, changed in signals.changes), "the end")
+
+    job = client.properties(path)
+    equal((job["Kind"], job["Outcome"], job["ExitCode"], job["Percent"]), ("update-all", "updated", 0, 100))
+    assert job["Sentence"].startswith("2 of 2 modules were updated, in "), job["Sentence"]
+    modules = [str(changed["Module"]) for where, changed in signals.changes if where == path and "Module" in changed]
+    equal(modules, ["libwifi", "libtuner", ""])
+    equal([(module["library"], module.get("versionAfter")) for module in json.loads(job["Document"])["modules"][:2]],
+          [("libwifi", "2.1.0"), ("libtuner", "4.0.0")])
+    equal(tool("info", "libtuner")["version"], "4.0.0")
+
+
+def EstimatesAndAppliesPackagesOfADrive():
+    slow("tunerfw", 2000)
+    _, client = start()
+    usb_package()
+    signals = Signals(client.connection)
+
+    estimate = client.result(client.manager().EstimateUsb(""))
+    path = client.manager().ApplyUsb("/opt/media/USBDriveA")
+    signals.wait_for(lambda: (path, "done") in [(where, changed.get("State")) for where, changed in signals.changes],
+                     "the end")
+
+    equal((estimate["Kind"], estimate["Outcome"], estimate["ExitCode"]), ("usb-estimate", "ok", 0))
+    equal(estimate["Sentence"], "1 modules need a package, in about 60 s.")
+    job = client.properties(path)
+    equal((job["Kind"], job["Outcome"], job["ExitCode"]), ("usb-apply", "updated", 0))
+    states = [str(changed["State"]) for where, changed in signals.changes if where == path and "State" in changed]
+    equal((states[0], states[-2:]), ("checking", ["updating", "done"]))
+    equal(tool("info", "libtuner")["version"], "3.0.0")
+    equal([entry["way"] for entry in history()], ["usb", "usb"])
+
+
+def DownloadsAPackage():
+    _, client = start()
+
+    job = client.result(client.manager().Download("libtuner"))
+
+    equal((job["Kind"], job["Module"], job["Outcome"], job["ExitCode"]), ("download", "libtuner", "ok", 0))
+    assert job["Sentence"].startswith("tunerempfw was downloaded ("), job["Sentence"]
+    assert pathlib.Path("/opt/usr/apps/appbinarymanager/tunerempfw.img").exists()
 
 
 def QueuesWhatIsAskedAtOnce():

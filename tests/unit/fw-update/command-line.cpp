@@ -53,6 +53,39 @@ std::string output(std::vector<const char*> words) {
   return ::testing::internal::GetCapturedStdout();
 }
 
+TEST(CommandLine, TakesWhatTheServiceCanDo) {
+  EXPECT_TRUE(options({"update", "libtuner", "--service"}).service);
+  EXPECT_EQ(options({"list", "--service", "--bus", "unix:path=/b"}).bus, "unix:path=/b");
+  EXPECT_TRUE(options({"usb", "apply", "--service"}).service);
+  EXPECT_TRUE(options({"download", "libtuner", "--wait", "--service"}).service);
+  EXPECT_TRUE(options({"jobs", "--bus", "unix:path=/b"}).service);
+  EXPECT_EQ(options({"watch"}).number, 0u);
+  EXPECT_EQ(options({"cancel", "3"}).number, 3u);
+  EXPECT_FALSE(options({"list"}).service);
+}
+
+TEST(CommandLine, RefusesWhatTheServiceCannotDo) {
+  const std::vector<std::vector<const char*>> lines = {
+      {"list", "--service", "--log"},
+      {"update", "libtuner", "--service", "--isolated"},
+      {"update-all", "--service", "--dry-run"},
+      {"usb", "apply", "--service", "--key-file", "k"},
+      {"usb", "apply", "--service", "--allow-rollback"},
+      {"download", "libtuner", "--service"},
+      {"download", "--all", "--wait", "--service"},
+      {"download", "libtuner", "libwifi", "--wait", "--service"},
+      {"list", "--bus", "unix:path=/b"},
+      {"info", "libtuner", "--service"},
+      {"cancel"},
+      {"watch", "0"}};
+  for (const auto& words : lines) {
+    EXPECT_EQ(usageError(words).command, "") << words.back();
+  }
+  EXPECT_EQ(usageError({"usb", "apply"}).problem->message, "--key-file is required");
+  EXPECT_EQ(usageError({"jobs", "--log"}).problem->message,
+            "--log: the library's log is where the service runs");
+}
+
 TEST(CommandLine, KnowsACommandThatHasCommandsOfItsOwn) {
   const Options history = options({"history", "--module", "libtuner", "--failed"});
   const Options shown = options({"history", "show", "12"});
