@@ -51,14 +51,15 @@ TEST_F(Output, AsNdjsonTellsStartProgressAndResult) {
   const Ended ended = run({"update", "libtuner", "--progress", "ndjson", "--json"});
 
   const auto events = lines(ended.out);
-  ASSERT_GE(events.size(), 3u);
+  ASSERT_GE(events.size(), 4u);
   EXPECT_EQ(events.front()["event"].asString(), "start");
   EXPECT_EQ(events.front()["module"].asString(), "libtuner");
   EXPECT_EQ(events.back()["event"].asString(), "result");
   EXPECT_EQ(events.back()["outcome"].asString(), "updated");
   EXPECT_EQ(events.back()["versionAfter"].asString(), "2.0.0");
   unsigned int percent = 0;
-  for (std::size_t i = 1; i + 1 < events.size(); ++i) {
+  EXPECT_EQ(events[events.size() - 2]["event"].asString(), "verifying");
+  for (std::size_t i = 1; i + 2 < events.size(); ++i) {
     EXPECT_EQ(events[i]["event"].asString(), "progress");
     EXPECT_EQ(events[i]["expectedSeconds"].asInt(), 60);
     EXPECT_GE(events[i]["percent"].asUInt(), percent);

@@ -158,6 +158,9 @@ def EstimatesAndAppliesPackagesTheSame():
     does_the_same(("usb", "estimate"), 0, direct=("--key-file", KEY), forms=((), ("--json",)))
     does_the_same(("usb", "apply"), 0, direct=("--key-file", KEY), progress=True)
     does_the_same(("usb", "apply", "/tmp"), 3, direct=("--key-file", KEY), progress=False)
+    os.chdir("/opt/media")
+    equal(json.loads(run("usb", "estimate", "USBDriveA", "--service", "--json").output)["directory"],
+          "/opt/media/USBDriveA/")
     does_the_same(("usb", "apply", "/nowhere"), 2, direct=("--key-file", KEY), progress=False)
 
 
@@ -228,6 +231,23 @@ def SaysThatItWaitsForAnotherJob():
     equal(without_times(waited.output.splitlines()[0]), "libtuner: waiting for another update to finish, T s")
     equal(waited.output.splitlines()[1], "libtuner: update requested by upgrade-app")
     equal(client.state(first), "done")
+
+
+def SaysThatTheBusHasEnded():
+    slow("panelfw", 500)
+    bus = Bus()
+    client = Client(bus.connect())
+    Service(client.connection)
+    with subprocess.Popen(["fw-update", "update", "libpanel", "--caller", "lsm", "--service"], stdout=subprocess.PIPE,
+                          stderr=subprocess.PIPE, text=True) as command:
+        wait_for(lambda: client.properties(PATH, NAME)["Jobs"], "there is a job")
+        client.connection.set_exit_on_disconnect(False)
+        bus.process.kill()
+
+        _, errors = command.communicate()
+
+    equal(command.returncode, 1)
+    assert errors.startswith("fw-update: The bus cannot be reached: "), errors
 
 
 def ListsJobs():

@@ -5,9 +5,8 @@
 
 #include <algorithm>
 #include <chrono>
-#include <climits>
 #include <cstdint>
-#include <cstdlib>
+#include <filesystem>
 #include <iterator>
 #include <optional>
 #include <vector>
@@ -127,8 +126,7 @@ std::string commandOf(const std::string& kind) {
 
 // The service is somewhere else.
 std::string absolute(const std::string& folder) {
-  char path[PATH_MAX] = {};
-  return folder.empty() || realpath(folder.c_str(), path) == nullptr ? folder : path;
+  return folder.empty() ? "" : std::filesystem::absolute(folder).string();
 }
 
 // Empty: the command makes no job.

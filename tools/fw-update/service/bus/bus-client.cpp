@@ -126,7 +126,7 @@ class BusClient : public ServiceClient {
   }
 
   bool wait(std::chrono::milliseconds most) override {
-    return asking([&] {
+    try {
       if (process()) {
         return true;
       }
@@ -134,7 +134,9 @@ class BusClient : public ServiceClient {
       pollfd descriptor{wanted.fd, wanted.events, 0};
       poll(&descriptor, 1, static_cast<int>(most.count()));
       return process();
-    });
+    } catch (const sdbus::Error& error) {  // the bus has ended
+      throw BusError(kNoBus, error.getMessage());
+    }
   }
 
   std::vector<std::string> takeEvents(std::uint64_t number) override {
