@@ -7,6 +7,7 @@
 #include <cstring>
 #include <iterator>
 #include <memory>
+#include <sstream>
 
 #include "frame/description.h"
 #include "short-help.h"
@@ -109,9 +110,25 @@ std::string footerOf(const ProgramInfo& program, std::string (*remark)(), const 
   return program.helpColumn == 0 ? text : text + "\n";  // headings come with a line feed
 }
 
-// Gives the app its command once the command's name has been met.
-void addCommand(CLI::App& app, const BoundProgram& program, const BoundCommand& command, Parsed& parsed) {
+// Whether a command line with these words can be one of the command's.
+bool canBeNamed(const CommandInfo& command, const Words& words) {
+  std::istringstream parts(command.name);
+  for (std::string part; parts >> part;) {
+    if (std::find(words.begin(), words.end(), part) == words.end()) {
+      return false;
+    }
+  }
+  return true;
+}
+
+// Gives the app its command once the command's name has been met. The options of the others, which
+// take most of the time of a start, are left out.
+void addCommand(CLI::App& app, const BoundProgram& program, const BoundCommand& command, const Words& words,
+                Parsed& parsed) {
   CLI::App* const sub = program.hasCommands() ? addSubcommand(app, *program.info, command.info) : &app;
+  if (!canBeNamed(command.info, words)) {
+    return;
+  }
   sub->footer(footerOf(*program.info, command.info.remark, std::string("Example: ") + command.info.example));
   addOptions(*sub, command.options);
   addOptions(*sub, program.common);
@@ -231,7 +248,7 @@ void shareLines(const CLI::App& app, const ProgramInfo& program) {
   }
 }
 
-void build(CLI::App& app, const BoundProgram& program, Parsed& parsed) {
+void build(CLI::App& app, const BoundProgram& program, const Words& words, Parsed& parsed) {
   const ProgramInfo& info = *program.info;
   if (info.helpColumn != 0) {
     app.formatter(shortHelpOf(info));
@@ -243,7 +260,7 @@ void build(CLI::App& app, const BoundProgram& program, Parsed& parsed) {
     addOptions(app, program.common);
   }
   for (const BoundCommand& command : program.commands) {
-    addCommand(app, program, command, parsed);
+    addCommand(app, program, command, words, parsed);
   }
   shareLines(app, info);
 }
@@ -269,8 +286,8 @@ Parsed parse(const BoundProgram& program, int argc, const char* const* argv) {
     return parsed;
   }
   CLI::App app(program.info->summary, program.info->name);
-  build(app, program, parsed);
   const Split words = split(program, argc, argv);
+  build(app, program, words.before, parsed);
   try {
     app.parse(Words(words.before.rbegin(), words.before.rend()));  // the parser wants the last one first
     takeProgram(app, program, parsed, words);
