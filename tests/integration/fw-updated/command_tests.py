@@ -11,11 +11,10 @@ import re
 import shutil
 import signal
 import subprocess
-import sys
 import tempfile
 
 from service_client import (ADDRESS, KEY, NAME, PATH, Bus, Client, Service, add_group, as_user, need_other_users,
-                            package, slow, usb_package, wait_for)
+                            package, run_named_test, slow, usb_package, wait_for)
 
 STRANGER = 65534  # a user
 # What updates change on a device.
@@ -365,11 +364,5 @@ def UpdatesForAMemberOfTheGroup():
     assert "libtuner was updated. Version 0.0.0 -> 2.0.0 in " in output, output
 
 
-def main():
-    test = globals()[sys.argv[1]]
-    test()
-    print("passed: " + test.__name__)
-
-
 if __name__ == "__main__":
-    main()
+    run_named_test(globals())
