@@ -23,7 +23,9 @@ frame::Report runKeygen(const Options& options);
 frame::Report runVerify(const Options& options);
 frame::Report runInspect(const Options& options);
 
-// The words that --type and keygen's KIND take, and what is wrong with another.
+// The words that --class, --type and keygen's KIND take, and what is wrong with another.
+std::vector<std::string> updateClasses();
+std::string updateClassProblem(const std::string& name);
 std::vector<std::string> imageTypes();
 std::string imageTypeProblem(const std::string& name);
 std::vector<std::string> keyKinds();
@@ -34,7 +36,7 @@ std::string listOf(const std::vector<std::string>& words);
 
 // What was done, as text and as the members of a document.
 frame::Report answer(const std::string& body, const Json::Value& details);
-// "version", "crc" and "expectedTime".
+// "version", "crc", "expectedTime", and "class" when it is stated.
 Json::Value detailsOf(const image::Information& information);
 // "algorithm" and "keyId".
 void addSigner(Json::Value& details, const SigningKey& key);

@@ -185,11 +185,12 @@ std::uint32_t imageCrc(const InputFile& image) {
   return crc.value();
 }
 
-image::Information describe(const InputFile& image, const std::string& version, std::uint32_t expectedTime) {
+image::Information describe(const InputFile& image, const std::string& version, std::uint32_t expectedTime,
+                            const std::string& updateClass) {
   if (image.size() == 0) {
     throw Failure(ExitCode::Failed, image.path() + " is empty; modules refuse an empty image");
   }
-  return {version, imageCrc(image), expectedTime};
+  return {version, imageCrc(image), expectedTime, updateClass};
 }
 
 void copyFile(const InputFile& from, const std::string& to) {

@@ -75,7 +75,8 @@ bool isSquashfs(const InputFile& file);
 std::uint32_t imageCrc(const InputFile& image);
 
 // The image's checksum with what the caller states. An empty image fails.
-image::Information describe(const InputFile& image, const std::string& version, std::uint32_t expectedTime);
+image::Information describe(const InputFile& image, const std::string& version, std::uint32_t expectedTime,
+                            const std::string& updateClass = {});
 
 void copyFile(const InputFile& from, const std::string& to);
 

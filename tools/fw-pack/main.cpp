@@ -53,6 +53,13 @@ constexpr Option kVersion[] = {
     Option("--expected-time SECONDS", &Options::expectedTime, "How long the update takes").required(),
 };
 
+// Of an extension package it would be read by nobody before the package is mounted.
+constexpr Option kClass[] = {
+    Option("--class CLASS", &Options::updateClass, "Of the update: ")
+        .checked(fwpack::updateClassProblem)
+        .of(fwpack::updateClasses),
+};
+
 constexpr Option kInfo[] = {
     {"-o,--output FILE", &Options::output, "Default: info.json beside the image"},
 };
@@ -137,12 +144,12 @@ constexpr Option kExpected[] = {
 
 constexpr frame::Command<Options> kCommands[] = {
     {{"info", "Write the info.json of an image", "fw-pack info tuner.bin --version 2.0.0 --expected-time 30"},
-     {kImage, kVersion, kInfo},
+     {kImage, kVersion, kClass, kInfo},
      fwpack::runInfo},
     {{"image", "Lay out an image with its info.json for updates",
       "fw-pack image tuner.bin --type sbox --name tunerfw --version 2.0.0 \\\n"
       "           --expected-time 30 --into sbox"},
-     {kImage, kType, kVersion, kInto},
+     {kImage, kType, kVersion, kClass, kInto},
      fwpack::runImage},
     {{"emp", "Make an extension package image, reproducibly",
       "fw-pack emp tuner.bin --id tunerempfw --version 2.0.0 \\\n"

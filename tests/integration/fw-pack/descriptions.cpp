@@ -36,6 +36,35 @@ TEST_F(Descriptions, StateVersionChecksumAndTime) {
   EXPECT_EQ(json("info.json")["expected_time"].asUInt(), 30U);
 }
 
+TEST_F(Descriptions, StateTheClassThatIsGivenAndNoOther) {
+  const std::vector<std::string> info = {"info", "image.bin", "--version", "1", "--expected-time", "1"};
+  const auto withClass = [&info](const char* given) {
+    std::vector<std::string> words = info;
+    words.insert(words.end(), {"--class", given});
+    return words;
+  };
+
+  for (const char* given : {"security", "feature"}) {
+    EXPECT_EQ(document(withClass(given))["class"].asString(), given);
+    EXPECT_EQ(json("info.json")["class"].asString(), given);
+    EXPECT_EQ(document({"inspect", "info.json"})["class"].asString(), given);
+  }
+  ASSERT_EQ(run(info).exitCode, 0);
+  EXPECT_FALSE(json("info.json").isMember("class"));
+  const auto odd = run(withClass("urgent"));
+  EXPECT_EQ(odd.exitCode, 2);
+  EXPECT_THAT(odd.error, HasSubstr("the classes are security, feature"));
+}
+
+TEST_F(Descriptions, StateTheClassInFolders) {
+  ASSERT_EQ(run({"image", "image.bin", "--type", "sbox", "--name", "tunerfw", "--version", "1",
+                 "--expected-time", "1", "--class", "security", "--into", "out"})
+                .exitCode,
+            0);
+
+  EXPECT_EQ(json("out/tunerfw/info.json")["class"].asString(), "security");
+}
+
 TEST_F(Descriptions, StateTheChecksumOfTheKnownCheckValue) {
   write("check.bin", "123456789");
 

@@ -2,6 +2,7 @@
 // What the commands have in common.
 #include "../commands.h"
 
+#include <algorithm>
 #include <iostream>
 
 namespace fwpack {
@@ -12,6 +13,17 @@ std::string listOf(const std::vector<std::string>& words) {
     list += (list.empty() ? "" : ", ") + word;
   }
   return list;
+}
+
+std::vector<std::string> updateClasses() {
+  return {"security", "feature"};
+}
+
+std::string updateClassProblem(const std::string& name) {
+  const std::vector<std::string> classes = updateClasses();
+  return std::find(classes.begin(), classes.end(), name) != classes.end()
+             ? ""
+             : "the classes are " + listOf(classes);
 }
 
 frame::Report answer(const std::string& body, const Json::Value& details) {
@@ -26,6 +38,9 @@ Json::Value detailsOf(const image::Information& information) {
   details["version"] = information.version;
   details["crc"] = information.crc;
   details["expectedTime"] = information.expectedTime;
+  if (!information.updateClass.empty()) {
+    details["class"] = information.updateClass;
+  }
   return details;
 }
 

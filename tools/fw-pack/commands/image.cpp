@@ -50,7 +50,8 @@ std::string imageTypeProblem(const std::string& name) {
 frame::Report runImage(const Options& options) {
   const ImageType& type = *findType(options.type);
   const InputFile image(options.input);
-  const image::Information information = describe(image, options.version, options.expectedTime);
+  const image::Information information =
+      describe(image, options.version, options.expectedTime, options.updateClass);
   std::filesystem::path folder = options.output;
   if (type.folderPerFirmware) {
     folder /= options.name;

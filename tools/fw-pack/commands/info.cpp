@@ -13,7 +13,8 @@ frame::Report runInfo(const Options& options) {
                                  ? (std::filesystem::path(options.input).parent_path() / "info.json").string()
                                  : options.output;
   OutputFile file(output, kPublicMode);
-  const image::Information information = describe(image, options.version, options.expectedTime);
+  const image::Information information =
+      describe(image, options.version, options.expectedTime, options.updateClass);
   file.write(image::toText(information));
   file.commit();
   Json::Value details = detailsOf(information);

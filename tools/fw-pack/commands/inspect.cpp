@@ -41,6 +41,9 @@ void addInformation(Facts& facts, const Information& information) {
   addCrc(facts, "statedCrc", "stated CRC", information.crc);
   facts.add("expectedTime", "expected time", information.expectedTime,
             std::to_string(information.expectedTime) + " s");
+  if (!information.updateClass.empty()) {
+    facts.add("class", "class", information.updateClass);
+  }
 }
 
 std::optional<Information> informationIn(const std::string& text) {
