@@ -19,7 +19,7 @@ struct Entry {
   std::int64_t began = 0;             // milliseconds since 1970
   std::optional<std::int64_t> ended;  // none of what runs, or was interrupted
   std::string outcome = kRunning;
-  std::string way;     // "direct", "service", "library", "update-all", "usb"
+  std::string way;     // "direct", "service", "library", "update-all", "usb", "download"
   std::string user;    // who ran the process, or asked the service
   std::string caller;  // who asked, as the library knows callers
   std::string module;  // empty: a run over several

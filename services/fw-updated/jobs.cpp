@@ -34,8 +34,9 @@ const char* wayOf(Kind kind) {
       return "update-all";
     case Kind::UsbApply:
       return "usb";
-    case Kind::UsbEstimate:
     case Kind::Download:
+      return "download";
+    case Kind::UsbEstimate:
       break;
   }
   return "none";

@@ -75,6 +75,36 @@ TEST_F(UpdateHistory, HasWhatDidNotSucceedAndWhy) {
   EXPECT_EQ(entry["image"].asString(), "/opt/usr/share/sbox/tunerfw/tunerfw.bin");
 }
 
+TEST_F(UpdateHistory, HasDownloadsAndWhyTheyFailed) {
+  installModule("libpanel");
+  const Json::Value refused = document({"download", "libtuner", "--wait"});
+  ASSERT_EQ(refused["exitCode"].asInt(), 11);
+  ASSERT_EQ(run({"download", "libtuner", "libpanel"}).exitCode, 11);
+  ASSERT_EQ(run({"download", "libnone"}).exitCode, 4);
+
+  const Json::Value all = entries();
+  ASSERT_EQ(all.size(), 5u);
+  const Json::Value one = shown(1);
+  const std::pair<const char*, const char*> texts[] = {
+      {"outcome", "download-failed"},
+      {"way", "download"},
+      {"user", "root"},
+      {"module", "libtuner"},
+      {"firmware", "tunerfw"},
+      {"source", "download"},
+      {"image", "/opt/usr/apps/appbinarymanager/tunerempfw.img"},
+  };
+  for (const auto& [name, text] : texts) {
+    EXPECT_EQ(one[name].asString(), text) << name;
+  }
+  EXPECT_EQ(one["sentence"].asString(), refused["message"].asString());
+  EXPECT_EQ(one["remedy"].asString(), refused["remedy"].asString());
+  EXPECT_EQ(all[1]["module"].asString(), "");
+  EXPECT_EQ(all[2]["module"].asString() + all[3]["module"].asString(), "libtunerlibpanel");
+  EXPECT_EQ(all[2]["run"].asInt(), 2);
+  EXPECT_EQ(all[4]["outcome"].asString(), "no-such-module");
+}
+
 TEST_F(UpdateHistory, HasWhatTheModuleItselfSaidOfItsFailure) {
   describeComponent("tunerfw", "fail_at_percent = 60");
   ASSERT_EQ(run({"update", "libtuner"}).exitCode, 6);

@@ -138,6 +138,8 @@ def DownloadsAPackage():
     equal((job["Kind"], job["Module"], job["Outcome"], job["ExitCode"]), ("download", "libtuner", "ok", 0))
     assert job["Sentence"].startswith("tunerempfw was downloaded ("), job["Sentence"]
     assert pathlib.Path("/opt/usr/apps/appbinarymanager/tunerempfw.img").exists()
+    equal([(entry["way"], entry["module"], entry["outcome"], entry["sentence"]) for entry in history()],
+          [("download", "libtuner", "ok", str(job["Sentence"]))])
 
 
 def QueuesWhatIsAskedAtOnce():

@@ -7,9 +7,11 @@
 #include <cstdio>
 #include <utility>
 
+#include "device-paths.h"
 #include "isolation/service-gate.h"
 #include "lock/update-lock.h"
 #include "metrics.h"
+#include "module-names.h"
 #include "record/image-facts.h"
 
 namespace tool {
@@ -23,10 +25,13 @@ struct Way {
   bool ofMany;  // modules, which have entries of their own
 };
 
+constexpr char kDownload[] = "download";
+
 constexpr Way kWays[] = {
     {"update", "direct", false},
     {"update-all", "update-all", true},
     {"usb apply", "usb", true},
+    {kDownload, kDownload, false},
 };
 
 const Way* wayOf(const std::string& command, const Options& options) {
@@ -159,9 +164,12 @@ void UpdateRecord::begin(const std::string& command, const Options& options) {
     read.settings.mostBusyMs = kServiceBusyMs;
   }
   history_ = std::make_unique<history::History>(std::move(read.settings));
-  whole_.entry.way = asker && !way->ofMany ? "service" : way->way;
   whole_.entry.user = nameOf(asker.value_or(getuid()));
-  if (!way->ofMany) {
+  whole_.entry.way = way->way;
+  if (command == kDownload) {
+    whole_.entry.module = options.modules.size() == 1 ? options.modules.front() : "";
+  } else if (!way->ofMany) {
+    whole_.entry.way = asker ? "service" : way->way;
     whole_.entry.caller = options.callerName;
     whole_.entry.module = options.module;
     place_ = options.caller->images;
@@ -209,6 +217,35 @@ void UpdateRecord::moduleEnded(const std::string& module, const Finding& finding
   history_->finish(part->second.attempt, entry);
 }
 
+// One that has no entry before the command's end.
+UpdateRecord::Part& UpdateRecord::partOf(const std::string& module) {
+  Part& part = parts_[module];
+  part.entry.module = module;
+  part.entry.run = whole_.attempt.number;
+  part.entry.way = whole_.entry.way;
+  part.entry.user = whole_.entry.user;
+  part.attempt.began = whole_.attempt.began;
+  return part;
+}
+
+// One package of a download's document.
+void UpdateRecord::endDownload(const Json::Value& told) {
+  const std::string module = textOf(told, "module");
+  const std::string package = textOf(told, "package");
+  Part& part = whole_.entry.module == module ? whole_ : partOf(module);
+  if (!package.empty()) {
+    part.entry.firmware = fwnames::firmwareNameOf(package);
+    part.entry.image = fwpaths::kPackageImages + package + ".img";
+    part.entry.source = kDownload;
+  }
+  if (&part != &whole_) {
+    setText(part.entry.outcome, told, "outcome");
+    setText(part.entry.sentence, told, "message");
+    setText(part.entry.remedy, told, "remedy");
+    history_->finish(part.attempt, part.entry);
+  }
+}
+
 // One module of the command's document.
 void UpdateRecord::endPart(const Json::Value& told, const LogMessages& log) {
   const std::string module = textOf(told, "library");
@@ -217,12 +254,7 @@ void UpdateRecord::endPart(const Json::Value& told, const LogMessages& log) {
     return;
   }
   if (isUsb) {
-    Part& part = parts_[module];
-    part.entry.module = module;
-    part.entry.run = whole_.attempt.number;
-    part.entry.way = whole_.entry.way;
-    part.entry.user = whole_.entry.user;
-    part.attempt.began = whole_.attempt.began;
+    Part& part = partOf(module);
     part.entry.firmware = textOf(told, "firmware");
     part.entry.versionBefore = textOf(told, "version");
     addPackageFacts(part.entry, whole_.entry.image + part.entry.firmware + ".bin");
@@ -242,6 +274,11 @@ void UpdateRecord::endPart(const Json::Value& told, const LogMessages& log) {
 }
 
 void UpdateRecord::endParts(const frame::Report& report, const LogMessages& log) {
+  if (report.details["packages"].isArray() && whole_.entry.way == kDownload) {
+    for (const Json::Value& told : report.details["packages"]) {
+      endDownload(told);
+    }
+  }
   if (!report.details["modules"].isArray()) {
     return;
   }

@@ -39,6 +39,8 @@ class UpdateRecord {
   };
 
   UpdateRecord() = default;
+  Part& partOf(const std::string& module);
+  void endDownload(const Json::Value& told);
   void endPart(const Json::Value& told, const LogMessages& log);
   void endParts(const frame::Report& report, const LogMessages& log);
   std::string writeMetrics() const;
