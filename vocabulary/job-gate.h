@@ -43,6 +43,7 @@ class Gate {
   // Both: whether this one has it.
   bool reachModule() { return take(kReached); }
   bool cancel() { return take(kCancelled); }
+  bool isCancelled() const { return word_ != nullptr && word_->load() == kCancelled; }
 
  private:
   using Word = std::atomic<std::uint32_t>;

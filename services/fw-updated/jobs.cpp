@@ -42,6 +42,13 @@ const char* wayOf(Kind kind) {
   return "none";
 }
 
+// In seconds, of whole milliseconds.
+double nowAsInHistory() {
+  using std::chrono::milliseconds;
+  const auto now = std::chrono::system_clock::now().time_since_epoch();
+  return static_cast<double>(std::chrono::duration_cast<milliseconds>(now).count()) / 1000;
+}
+
 constexpr char kStopped[] = "stopped";
 constexpr char kInterrupted[] = "interrupted";
 
@@ -130,7 +137,7 @@ void Jobs::start(Item& item) {
   change(item, [](Job& job) {
     job.state = State::Checking;
     job.began = Job::Clock::now();
-    job.beganAt = std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+    job.beganAt = nowAsInHistory();
     job.sentence = "It is being looked at.";
   });
   files_.keep(item.job);
@@ -180,7 +187,7 @@ void Jobs::ended(Item& item, std::optional<int> status) {
 }
 
 // A process that was killed may have had its end in the history already. Reading it finds what
-// was cut off, too.
+// was cut off, too. The job and the history say the same.
 void Jobs::learnEnd(Item& item, std::optional<int> status) {
   queries_.ask({"history"}, [this, &item, status](const ToolAnswer& answer) {
     if (!takeFromHistory(item, answer.document)) {
@@ -201,8 +208,12 @@ bool Jobs::takeFromHistory(Item& item, const Json::Value& document) {
       found = entry;
     }
   }
+  if (textIn(found, "outcome") == kInterrupted) {
+    finish(job.number, kInterrupted, kUnexpected, textIn(found, "sentence"), textIn(found, "remedy"));
+    return true;
+  }
   const auto* const outcome = tool::findOutcome(textIn(found, "outcome"));
-  if (outcome == nullptr) {  // no entry, or one that was cut off
+  if (outcome == nullptr) {  // there was no time for an entry
     return false;
   }
   change(item, [&](Job& changed) {

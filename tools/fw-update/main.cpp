@@ -12,6 +12,7 @@
 #include "clean-output.h"
 #include "command-line.h"
 #include "isolation/isolation.h"
+#include "isolation/service-gate.h"
 #include "isolation/supervised.h"
 #include "library/library-log.h"
 #include "lock/release-program.h"
@@ -70,6 +71,10 @@ int runThere(const frame::Parsed& parsed, const Options& options) {
     return runHere(parsed, options);
   }
   if (end.signal != 0) {
+    if (isCancelledThroughService()) {
+      frame::Report cancelled(Outcome::Stopped, "It was cancelled before it reached a module.");
+      UpdateRecord::instance().end(cancelled, {});
+    }
     std::signal(end.signal, SIG_DFL);
     kill(getpid(), end.signal);
   }

@@ -189,6 +189,9 @@ def CancelsWhatWaitsForTheLock():
         job = client.result(path)
         equal((job["Outcome"], job["Sentence"]), ("stopped", "It was cancelled before it reached a module."))
         other.stdout.read()
+    equal([(entry["module"], entry["outcome"]) for entry in history()],
+          [("libpanel", "updated"), ("libtuner", "stopped")])
+    equal(history()[1]["sentence"], str(job["Sentence"]))
     equal(other.returncode, 0)
     equal(tool("info", "libtuner")["version"], "0.0.0")
     equal(client.manager().LockStatus()[0], "free")
@@ -486,15 +489,14 @@ class Soak:
 def judged(jobs, entries):
     """What of the history is not as the jobs say: those ran in the order of their numbers.
 
-    A process that was killed may have begun no entry, or have ended it and not said so any more.
+    A job says what its entry says. What was killed or cancelled early may have none.
     """
     told = {0}  # how many entries the jobs up to here may have
     for number, module, outcome in sorted(jobs):
-        was_killed = outcome in ("interrupted", "stopped")
-        following = set(told) if was_killed else set()
+        following = set(told) if outcome in ("interrupted", "stopped") else set()
         for count in told:
             entry = entries[count] if count < len(entries) else {}
-            if entry.get("module") == module and (was_killed or entry["outcome"] == outcome):
+            if (entry.get("module"), entry.get("outcome")) == (module, outcome):
                 following.add(count + 1)
         if not following:
             yield f"job {number} of {module} is {outcome}, which the history does not have there"

@@ -56,4 +56,9 @@ void passServiceGate(fwmessages::Event event) {
   }
 }
 
+bool isCancelledThroughService() {
+  const char* const path = std::getenv(fwjobs::kGateVariable);
+  return path != nullptr && fwjobs::Gate::open(path).isCancelled();
+}
+
 }  // namespace tool

@@ -19,6 +19,9 @@ std::optional<uid_t> askedThroughService();
 // cancelled before: the process ends then, as a signal would end it.
 void passServiceGate(fwmessages::Event event);
 
+// The job was cancelled before it reached a module.
+bool isCancelledThroughService();
+
 }  // namespace tool
 
 #endif
