@@ -47,7 +47,7 @@ AREAS = (
     Area("tools/fw-pack", ("fw-pack-test", "test-fw-pack*", "test-verifier")),
     Area("tools/fw-platform-check", ("platform-check-test",)),
     Area("services/fw-privileged", ("test-privileged-service",)),
-    Area("services/fw-updated", ("test-fw-updated-*",), ("UpdateService.*",),
+    Area("services/fw-updated", ("test-fw-updated-*",), ("UpdateService.*", "ServiceOccasion.*"),
          (*DEVICE, "faulty-module", "library-client", "fw-pack", "fw-update", "fw-updated")),
     Area("tools/fw-trace", ("test-fw-trace", "fw-trace-test", "replay-trace-reader"), ("FwTrace.*",),
          (*DEVICE, "fw-trace", "fw-update")),
