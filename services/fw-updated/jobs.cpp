@@ -158,6 +158,17 @@ void Jobs::follow(Item& item) {
   child_->follow();
 }
 
+// Whoever kills what works on a job may kill what looks how it ended, too.
+void Jobs::askSurely(const std::vector<std::string>& question, const ToolQueries::Then& then, int tries) {
+  queries_.ask(question, [this, question, then, tries](const ToolAnswer& answer) {
+    if (answer.problem.empty() || tries == 1) {
+      then(answer);
+    } else {
+      askSurely(question, then, tries - 1);
+    }
+  });
+}
+
 void Jobs::tellEnd(Item& item, std::optional<int> status) {
   if (item.isCancelled) {
     finish(item.job.number, kStopped, kUnexpected, "It was cancelled before it reached a module.", "");
@@ -182,14 +193,14 @@ void Jobs::ended(Item& item, std::optional<int> status) {
   if (item.isCancelled) {
     learnEnd(item, status);
   } else {
-    queries_.ask({"lock", "recover"}, [this, &item, status](const ToolAnswer&) { learnEnd(item, status); });
+    askSurely({"lock", "recover"}, [this, &item, status](const ToolAnswer&) { learnEnd(item, status); });
   }
 }
 
 // A process that was killed may have had its end in the history already. Reading it finds what
 // was cut off, too. The job and the history say the same.
 void Jobs::learnEnd(Item& item, std::optional<int> status) {
-  queries_.ask({"history"}, [this, &item, status](const ToolAnswer& answer) {
+  askSurely({"history"}, [this, &item, status](const ToolAnswer& answer) {
     if (!takeFromHistory(item, answer.document)) {
       tellEnd(item, status);
     }
@@ -229,9 +240,9 @@ bool Jobs::takeFromHistory(Item& item, const Json::Value& document) {
 void Jobs::cleanUp(bool wasCutOff) {
   isCleaningUp_ = true;
   if (wasCutOff) {
-    queries_.ask({"lock", "recover"}, [](const ToolAnswer&) {});
+    askSurely({"lock", "recover"}, [](const ToolAnswer&) {});
   }
-  queries_.ask({"history", "--since", kNever}, [this](const ToolAnswer&) {
+  askSurely({"history", "--since", kNever}, [this](const ToolAnswer&) {
     isCleaningUp_ = false;
     startNext();
   });

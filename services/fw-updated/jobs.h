@@ -68,6 +68,7 @@ class Jobs {
   JobChild::Listener listenerFor(Item& item);
   void tellEnd(Item& item, std::optional<int> status);
   void ended(Item& item, std::optional<int> status);
+  void askSurely(const std::vector<std::string>& question, const ToolQueries::Then& then, int tries = 10);
   void learnEnd(Item& item, std::optional<int> status);
   bool takeFromHistory(Item& item, const Json::Value& document);
   void cleanUp(bool wasCutOff);

@@ -71,9 +71,9 @@ class Bus:
 class Service:
     """fw-updated, started and on the bus."""
 
-    def __init__(self, connection, **environment):
+    def __init__(self, connection, *options, **environment):
         self.connection = connection
-        self.process = subprocess.Popen(["fw-updated", "--bus", ADDRESS], env={**os.environ, **environment})
+        self.process = subprocess.Popen(["fw-updated", "--bus", ADDRESS, *options], env={**os.environ, **environment})
         wait_for(lambda: connection.name_has_owner(NAME), "the service has its name")
 
     def kill(self, number=signal.SIGKILL):

@@ -285,6 +285,30 @@ def SaysInterruptedOfAJobWhoseProcessesWereKilled():
     equal([entry["outcome"] for entry in history()], [str(job["Outcome"]), "updated"])
 
 
+DIES_BEFORE_IT_TELLS = """#!/bin/sh
+case "$1 $2" in
+  "update "*) fw-update "$@" >/dev/null; kill -9 $$ ;;
+  "history --json") mkdir /tmp/killed 2>/dev/null && kill -9 $$ ;;
+esac
+exec fw-update "$@"
+"""
+
+
+def AsksTheHistoryHowAJobEndedUntilItIsTold():
+    program = pathlib.Path("/tmp/dies-before-it-tells")
+    program.write_text(DIES_BEFORE_IT_TELLS, encoding="ascii")
+    program.chmod(0o755)
+    connection = Bus().connect()
+    Service(connection, "--fw-update", str(program))
+    client = Client(connection)
+
+    job = client.result(client.manager().Update("libtuner", "", ""))
+
+    assert pathlib.Path("/tmp/killed").exists(), "the first question was not killed"
+    equal((job["Outcome"], job["VersionAfter"]), ("updated", "2.0.0"))
+    equal([(entry["outcome"], entry["sentence"]) for entry in history()], [("updated", str(job["Sentence"]))])
+
+
 def AnswersQueriesAsTheCommandDoes():
     _, client = start()
     manager = client.manager()
@@ -352,6 +376,16 @@ def LetsMembersOfTheGroupUpdateAndNobodyElseCancel():
     equal((job["Outcome"], job["AskedBy"][0]), ("stopped", STRANGER))
     equal(client.result(PATH + "/job/1")["Outcome"], "updated")
     equal(history()[0]["user"], "nobody")
+
+
+def LetsAdministratorsUpdate():
+    need_other_users()
+    add_group("fwupdate-admin", 7001)
+    _, client = start()
+
+    equal(busctl(STRANGER, [7001], PATH, NAME, "Update", "sss", "libtuner", "", ""), (0, f'o "{PATH}/job/1"'))
+
+    equal(client.result(PATH + "/job/1")["Outcome"], "updated")
 
 
 def AsksPolkitWhereItRuns():
@@ -535,6 +569,7 @@ def LeavesNothingOpenAfterItsJobs():
         manager.LockStatus()
 
     wait_for(lambda: len(os.listdir(files)) <= before, "no descriptor is left")
+    equal([client.state(path) for path in client.properties(PATH, NAME)["Jobs"]], ["done"] * 41)
 
 
 def EndsAfterASignalAndLeavesTheNameFree():
