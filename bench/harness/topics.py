@@ -6,6 +6,7 @@ from dataclasses import dataclass
 
 from programs import Failed, counter_values, google_benchmark, run, values_by_name
 from results import Figure, Measurement, ratios
+from service import service
 from whole_update import whole_update
 
 MEBIBYTE = 1024 * 1024
@@ -199,4 +200,5 @@ TOPICS = {
     "update": whole_update,
     "trace": trace,
     "traces": traces,
+    "service": service,
 }
