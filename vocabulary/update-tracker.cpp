@@ -73,7 +73,9 @@ std::optional<std::int64_t> Update::timeIn(Stage stage) const {
   std::optional<std::int64_t> total;
   for (const StageSpan& part : stages) {
     if (part.stage == stage) {
-      total = total.value_or(0) + part.span.length();
+      // One that nothing ended took the rest of the update, whatever its process did later.
+      const std::int64_t end = part.isOpen ? span.end : std::min(part.span.end, span.end);
+      total = total.value_or(0) + std::max<std::int64_t>(0, end - part.span.begin);
     }
   }
   return total;

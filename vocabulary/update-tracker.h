@@ -61,7 +61,8 @@ struct Update {
   std::vector<std::size_t> messages;  // by number: its own and its worker's, late ones as well
 
   std::string name() const { return module.empty() ? firmware : module; }
-  // All spans of a stage together; nothing when the update never came to it.
+  // All spans of a stage together, as far as the update's own reaches; nothing when the update never
+  // came to it.
   std::optional<std::int64_t> timeIn(Stage stage) const;
   // The first of these stages, or null.
   const StageSpan* find(Stage stage) const;

@@ -117,6 +117,24 @@ TEST_F(UpdateHistory, HasWhatTheModuleItselfSaidOfItsFailure) {
   EXPECT_THAT(run({"history", "show", "1"}).out, HasSubstr("The module said"));
 }
 
+// The number of seconds that a step took; -1 when it is not told.
+double secondsOf(const std::string& steps, const std::string& name) {
+  const auto at = steps.find(name + " ");
+  return at == std::string::npos ? -1 : std::stod(steps.substr(at + name.size() + 1));
+}
+
+TEST_F(UpdateHistory, HasTheTimeOfAModuleThatDidNotFinishInTime) {
+  installImage("tunerfw", "2.0.0", 1);
+  describeComponent("tunerfw", "stall_at_percent = 40");
+  ASSERT_EQ(run({"update", "libtuner"}).exitCode, 7);
+
+  const Json::Value entry = shown(1);
+
+  const std::string steps = entry["steps"].asString();
+  EXPECT_GE(secondsOf(steps, "module"), 1) << steps << ": it was waited for";
+  EXPECT_LE(secondsOf(steps, "module"), entry["ended"].asDouble() - entry["began"].asDouble() + 0.1) << steps;
+}
+
 TEST_F(UpdateHistory, IsWrittenForADescriptionThatNoParserTakes) {
   writeFile("/lib/firmware/ext/tunerfw/info.json", std::string(5000, '['));
 

@@ -46,6 +46,8 @@ class Story {
     return say(kClient, MESSAGE_TIMED_OUT, {"tunerfw update timeout"}, "update_timeout_wrapper");
   }
 
+  void finish() { tracker_.finish(second_ * 1000000000, true); }
+
   const UpdateTracker& tracker() const { return tracker_; }
   const fwmessages::Update& last() const { return tracker_.updates().back(); }
 
@@ -82,6 +84,29 @@ TEST(UpdateTracker, TakesTheLockForGivenBackAfterATimeOut) {
   EXPECT_TRUE(story.last().timedOut);
   EXPECT_FALSE(story.last().holdsLock);
   EXPECT_EQ(story.last().result, Result::TimedOut);
+}
+
+constexpr std::int64_t kSecond = 1000000000;
+
+TEST(UpdateTracker, CountsTheTimeUntilTheTimeOutOfAModuleThatNeverCameBack) {
+  Story story;
+  story.untilWrite();  // in the module from the 4th second on
+  story.say(kClient, "").say(kClient, "").timesOut();
+
+  EXPECT_EQ(story.last().timeIn(Stage::InModule), 3 * kSecond);
+  EXPECT_EQ(story.last().timeIn(Stage::Prepare), kSecond);
+}
+
+TEST(UpdateTracker, CountsNothingBesideTheUpdateForAModuleThatNeverCameBack) {
+  Story story;
+  story.untilWrite().timesOut().say(kClient, MESSAGE_REQUEST_ENDS, {"4", "1", "libtuner"});
+  story.say(kClient, "").say(kClient, "");
+
+  story.finish();
+
+  EXPECT_EQ(story.last().timeIn(Stage::InModule), 2 * kSecond);
+  EXPECT_LE(story.last().timeIn(Stage::InModule), story.last().span.length());
+  EXPECT_EQ(story.last().find(Stage::InModule)->span.length(), 4 * kSecond) << "which it may still be in";
 }
 
 TEST(UpdateTracker, TakesTheLockForGivenBackWhenTheRequestEnds) {
