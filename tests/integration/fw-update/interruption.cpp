@@ -14,6 +14,7 @@
 namespace {
 
 using ::testing::HasSubstr;
+using ::testing::Not;
 
 class Interruption : public ToolTest, public ::testing::WithParamInterface<int> {
  protected:
@@ -104,7 +105,25 @@ TEST_F(WaitingUpdate, LeavesTheLockToItsOwnerWhenItIsInterrupted) {
 
   EXPECT_EQ(update.finish(), -SIGINT);
   EXPECT_EQ(lock.value(), 0);
-  EXPECT_THAT(update.err(), HasSubstr("fw-update lock recover"));
+  EXPECT_THAT(update.err(), HasSubstr("may hold the lock: " + std::to_string(getpid()) + " ("));
+  EXPECT_THAT(update.err(), HasSubstr("Wait until that one has ended"));
+  EXPECT_THAT(update.err(), Not(HasSubstr("recover"))) << "it lives";
+}
+
+TEST_F(WaitingUpdate, SaysHowToGiveALockBackThatWasLeftTaken) {
+  describeComponent("tunerfw", "stall_at_percent = 40");
+  RunningTool killed({"update", "libtuner", "--progress", "ndjson"}, {});
+  killed.waitFor("\"percent\":4");
+  killed.kill(SIGKILL);
+  killed.finish();
+  RunningTool update({"update", "libtuner", "--progress", "ndjson"}, {});
+  update.waitFor("\"event\":\"waiting\"");
+
+  update.kill(SIGTERM);
+
+  EXPECT_EQ(update.finish(), -SIGTERM);
+  EXPECT_THAT(update.err(), HasSubstr("has left taken"));
+  EXPECT_THAT(update.err(), HasSubstr("Give it back: fw-update lock recover"));
 }
 
 TEST_F(WaitingUpdate, OutlivesAReaderThatGoesAway) {

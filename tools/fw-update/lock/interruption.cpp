@@ -10,8 +10,11 @@
 #include <iostream>
 #include <utility>
 
+#include "command-line.h"
+#include "frame/report.h"
 #include "fw-update-common.h"
 #include "library/library-log.h"
+#include "lock/lock-recovery.h"
 #include "lock/release-program.h"
 #include "signal-guards.h"
 #include "terminal.h"
@@ -54,9 +57,8 @@ void leaveUpdate(std::size_t logMark, int signal) {
     std::cout << std::endl;
   }
   if (anyUpdate(logMark, &fwmessages::Update::waitsForLock)) {
-    std::cerr << "fw-update: Another update held the lock. If none runs, it was left behind; give it back:\n"
-                 "fw-update lock recover"
-              << std::endl;
+    const Finding finding = explainWait();
+    frame::complain(program().info.name, finding.message, finding.remedy);
   } else if (holdsLock()) {
     becomeReleaseProgram(signal, holdsLock);
   }

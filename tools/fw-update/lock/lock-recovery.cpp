@@ -153,6 +153,22 @@ Finding explainRecovery(const Recovery& recovery) {
   return finding;
 }
 
+Finding explainWait() {
+  const UpdateLock lock;
+  const LockUsers others = lock.error() == 0 ? findLockUsers(lock) : LockUsers();
+  if (others.has(LockRole::MayHold)) {
+    return {Outcome::Stopped,
+            "It waited for another update, which may hold the lock: " + namesOf(others.users) + ".",
+            "Wait until that one has ended, then try again."};
+  }
+  if (lock.error() == 0 && lock.value() == 0 && others.seesAll()) {
+    return {Outcome::Stopped,
+            "It waited for the update lock, which a process that is no more has left taken.",
+            "Give it back: fw-update lock recover"};
+  }
+  return {Outcome::Stopped, "It waited for another update.", "See who has the lock: fw-update lock status"};
+}
+
 Finding explainClosedLock(int error) {
   const std::string lock = "the update lock " + UpdateLock::path();
   const std::string reason = std::string(" (") + std::strerror(error) + ").";

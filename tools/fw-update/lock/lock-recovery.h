@@ -32,6 +32,9 @@ Recovery recoverUpdateLock(bool ignoreHidden);
 // The same in words.
 Finding explainRecovery(const Recovery& recovery);
 
+// What an update that waits for the lock, which is about to end, leaves behind.
+Finding explainWait();
+
 // Of a lock that cannot be opened. That there is none is nothing bad.
 Finding explainClosedLock(int error);
 

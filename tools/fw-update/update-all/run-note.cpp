@@ -13,6 +13,7 @@
 #include <memory>
 #include <utility>
 
+#include "lock/lock-users.h"
 #include "lock/run-directory.h"
 #include "lock/update-lock.h"
 #include "whole-file.h"
@@ -44,10 +45,10 @@ Json::Value parseNote(const std::string& text) {
   return note;
 }
 
-// An update that was killed cannot have given it back.
-bool updateLockIsTaken() {
+// An update that was killed cannot have given it back; one that lives will.
+bool mayBeLeftTaken() {
   const UpdateLock lock;
-  return lock.error() == 0 && lock.value() == 0;
+  return lock.error() == 0 && lock.value() == 0 && !findLockUsers(lock).has(LockRole::MayHold);
 }
 
 Finding describe(const Json::Value& note) {
@@ -65,7 +66,7 @@ Finding describe(const Json::Value& note) {
                                      : "at " + current + " (" + std::to_string(number) + " of " +
                                            std::to_string(modules.size()) + ")";
   finding.message += ". Not updated, or not for certain: " + left + ".";
-  if (updateLockIsTaken()) {
+  if (mayBeLeftTaken()) {
     finding.remedy = "It may have left the update lock taken; give it back: fw-update lock recover. ";
   }
   finding.remedy += "Run it again, it takes up what is left: fw-update update-all";
