@@ -129,7 +129,15 @@ bool RunningTool::readSome() {
 }
 
 void RunningTool::waitFor(const std::string& text) {
-  while (out_.find(text) == std::string::npos) {
+  waitUntilIn(out_, text);
+}
+
+void RunningTool::waitForError(const std::string& text) {
+  waitUntilIn(err_, text);
+}
+
+void RunningTool::waitUntilIn(const std::string& output, const std::string& text) {
+  while (output.find(text) == std::string::npos) {
     if (!readSome()) {
       throw std::runtime_error("\"" + text + "\" did not come; there was:\n" + out_ + err_);
     }

@@ -25,6 +25,8 @@ class RunningTool {
 
   // Blocks until the output contains the text; throws when it ends before.
   void waitFor(const std::string& text);
+  // The same for the error output.
+  void waitForError(const std::string& text);
   void kill(int signal);
   // On a terminal: as if these keys were pressed.
   void type(const std::string& keys);
@@ -39,6 +41,7 @@ class RunningTool {
 
  private:
   bool readSome();
+  void waitUntilIn(const std::string& output, const std::string& text);
 
   pid_t id_ = 0;
   int outEnd_ = -1;

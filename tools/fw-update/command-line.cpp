@@ -210,14 +210,17 @@ constexpr frame::Group kSharedLines[] = {
 };
 
 constexpr frame::Command<Options> kCommands[] = {
-    {{"list", "List the update modules of this device", "fw-update list"}, {kService}, runList, settle},
+    {{"list", "List the update modules of this device", "fw-update list"},
+     {kService, kIsolation},
+     runList,
+     settle},
     {{"info", "Show one module: firmware name, active version, progress", "fw-update info libtuner"},
-     {kModule},
+     {kModule, kIsolation},
      runInfo,
      settle},
     {{"verify", "Say whether a version is active, also by the exit code",
       "fw-update verify libtuner --version 2.0.0"},
-     {kModule, kVersion},
+     {kModule, kVersion, kIsolation},
      runVerify,
      settle},
     {{"pending", "Show which modules need an update, and why others do not", "fw-update pending --caller lsm",

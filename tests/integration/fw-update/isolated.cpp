@@ -297,4 +297,54 @@ TEST_F(InterruptedIsolatedUpdate, WaitsForTheLockAsLongAsItTakes) {
   EXPECT_EQ(tool.finish(), -SIGINT);
 }
 
+// ---- Queries ------------------------------------------------------------------
+
+struct Asked {
+  std::vector<std::string> words;
+};
+
+void PrintTo(const Asked& query, std::ostream* stream) {
+  *stream << query.words[0];
+}
+
+class HungQuery : public IsolatedUpdate, public ::testing::WithParamInterface<Asked> {};
+
+TEST_P(HungQuery, IsGivenUpAndNamesTheModule) {
+  for (const auto& [place, step] : {std::pair("load", "load"), std::pair("getActiveVersion", "version")}) {
+    std::vector<std::string> words = GetParam().words;
+    words.insert(words.end(), {"--isolated", "--patience", "1"});
+
+    const Json::Value ended = document(words, with(std::string(place) + " hang"));
+
+    EXPECT_EQ(ended["outcome"].asString(), "module-hung") << place;
+    EXPECT_EQ(ended["exitCode"].asInt(), 14) << place;
+    EXPECT_EQ(ended["module"].asString(), "libfaulty") << place;
+    EXPECT_EQ(ended["step"].asString(), step) << place;
+    EXPECT_THAT(ended["message"].asString(), HasSubstr("libfaulty hung ")) << place;
+  }
+}
+
+TEST_P(HungQuery, AnswersAsEverWhenNoModuleHangs) {
+  std::vector<std::string> words = GetParam().words;
+  const Json::Value expected = document(words);
+  words.emplace_back("--isolated");
+
+  EXPECT_EQ(document(words), expected);
+}
+
+TEST_P(HungQuery, SaysByItselfThatAModuleDoesNotAnswerAndWhatToDo) {
+  RunningTool query(GetParam().words, with("getActiveVersion hang"));
+
+  query.waitForError("--isolated");
+
+  EXPECT_THAT(query.err(), HasSubstr("has not answered for 5 s"));
+  EXPECT_THAT(query.err(), HasSubstr("fw-update list --isolated --patience 10"));
+  query.kill(SIGINT);
+  EXPECT_EQ(query.finish(), -SIGINT);
+}
+
+INSTANTIATE_TEST_SUITE_P(ByCommand, HungQuery,
+                         ::testing::Values(Asked{{"list"}}, Asked{{"info", "libfaulty"}},
+                                           Asked{{"verify", "libfaulty", "--version", "1.0"}}));
+
 }  // namespace

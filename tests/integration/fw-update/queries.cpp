@@ -8,7 +8,9 @@
 
 namespace {
 
+using ::testing::AllOf;
 using ::testing::ContainsRegex;
+using ::testing::EndsWith;
 using ::testing::HasSubstr;
 
 class Query : public ToolTest {};
@@ -99,6 +101,50 @@ TEST_F(Query, SaysWhetherAVersionIsActive) {
   EXPECT_EQ(wrong["version"].asString(), "2.0.0");
   EXPECT_EQ(wrong["expectedVersion"].asString(), "2.0");
   EXPECT_EQ(wrong["message"].asString(), "Version 2.0.0 is active on libtuner, not 2.0.");
+}
+
+TEST_F(Query, NamesTheCallerWhoseImageHasTheVersionThatIsNotActive) {
+  installModule("libtuner");
+  installImage("tunerfw", "3.0.0");
+  installImage("tunerfw", "2.0.0", 60, "/opt/usr/share/sbox/");
+
+  const auto remedy = [](const std::string& version) {
+    return document({"verify", "libtuner", "--version", version})["remedy"].asString();
+  };
+
+  EXPECT_THAT(remedy("2.0.0"), EndsWith("fw-update update libtuner --caller lsm"));
+  EXPECT_THAT(remedy("3.0.0"), EndsWith("fw-update update libtuner --caller upgrade-app"));
+  EXPECT_THAT(remedy("4.0.0"),
+              AllOf(HasSubstr("No image of this version was found"), EndsWith(" --caller NAME")));
+}
+
+TEST_F(Query, NamesTheCallerThatAModuleIsPendingFor) {
+  installModule("libtuner");
+  installImage("tunerfw", "2.0.0", 60, "/opt/usr/share/sbox/");
+  installImage("tunerfw");
+
+  EXPECT_THAT(run({"pending", "--caller", "lsm", "--data", "a b"}).out + run({"pending"}).out,
+              HasSubstr("A new image is ready."));
+  EXPECT_EQ(document({"pending", "--caller", "lsm", "--data", "a b"})["modules"][0]["remedy"].asString(),
+            "fw-update update libtuner --caller lsm --data \"a b\"");
+  EXPECT_EQ(document({"pending"})["modules"][0]["remedy"].asString(), "fw-update update libtuner");
+}
+
+TEST_F(Query, SaysThatAModuleTellsNoVersion) {
+  installOddModule();
+
+  const Ended list = run({"list"}, {{"ODD_MODULE=no-version"}});
+
+  EXPECT_THAT(list.out, ContainsRegex("libodd +oddfw +not told +ordinary"));
+}
+
+TEST_F(Query, SaysWhatTheErrorNumberMeansThatAModuleAnswered) {
+  installOddModule();
+
+  const Json::Value info = document({"info", "libodd"}, {{"ODD_MODULE=failing-version"}});
+
+  EXPECT_EQ(info["message"].asString(),
+            "libodd could not tell its version: it answered -5 (Input/output error).");
 }
 
 TEST_F(Query, VerifiesAnExtensionModuleToo) {

@@ -4,10 +4,12 @@
 #include <gmock/gmock.h>
 
 #include <cerrno>
+#include <limits>
 #include <map>
 #include <ostream>
 
 #include "library-messages.h"
+#include "library/library.h"
 #include "messages.h"
 
 namespace tool {
@@ -44,16 +46,34 @@ tool::LogMessage said(const std::string& text, int priority = 6) {
 }
 
 TEST(MeaningOfAFailure, HasTheModulesOwnReason) {
-  const auto failed = message(MESSAGE_WRITE_FAILED, {"tunerfw", "-7", "0", "Success"});
+  const auto failed = message(MESSAGE_WRITE_FAILED, {"tunerfw", "7", "0", "Success"});
 
   const auto finding = tool::explainUpdate(
-      -7,
+      7,
       {said("libtuner: the flash does not answer"), said("libtuner: failed at 60 percent.\n"),
        said("libtuner: cleaned up", 4), said("libwifi: something else"), failed},
       "libtuner");
 
   EXPECT_EQ(finding.message,
-            "libtuner could not write the firmware: it answered -7. It said: failed at 60 percent.");
+            "libtuner could not write the firmware: it answered 7. It said: failed at 60 percent.");
+}
+
+TEST(MeaningOfAFailure, SaysWhatTheErrorNumberMeansThatTheModuleAnswered) {
+  tool::LogMessage failed =
+      message(MESSAGE_WRITE_FAILED, {"tunerfw", "-74", "2", "No such file or directory"});
+  failed.errorNumber = ENOENT;  // an older one
+
+  const auto finding = tool::explainUpdate(-74, {failed}, "libtuner");
+
+  EXPECT_EQ(finding.message, "libtuner could not write the firmware: it answered -74 (Bad message).");
+}
+
+TEST(MeaningOfAFailure, TakesNoOtherAnswerForAnErrorNumber) {
+  EXPECT_EQ(tool::answerText(-5), "-5 (Input/output error)");
+  EXPECT_EQ(tool::answerText(-1), "-1");
+  EXPECT_EQ(tool::answerText(5), "5");
+  EXPECT_EQ(tool::answerText(-4000), "-4000");
+  EXPECT_EQ(tool::answerText(std::numeric_limits<int>::min()), "-2147483648");
 }
 
 TEST(MeaningOfAFailure, HasNoReasonOfASuccessOrOfTheLibrarysRefusal) {

@@ -7,6 +7,8 @@
 
 #include "commands.h"
 #include "fw-update-symbol.h"
+#include "isolation/supervised.h"
+#include "library/hang-notice.h"
 #include "library/library.h"
 #include "report.h"
 #include "terminal.h"
@@ -113,10 +115,12 @@ frame::Report reportOf(const Answers& answers) {
 
 // A module that cannot be asked is only named.
 frame::Report ask(const std::string& module) {
-  const Library library = openLibrary();
+  const Library library = openLibraryTelling();
   if (const auto problem = moduleProblem(library, module)) {
     return reportOf(*problem);
   }
+  const HangNotice notice(module);
+  supervised::tellStep(Step::Version, module);
   Answers answers;
   answers.library = module;
   askFacade(*library.facade, answers);

@@ -6,6 +6,7 @@
 
 #include "commands.h"
 #include "commands/texts.h"
+#include "library/hang-notice.h"
 #include "library/library.h"
 #include "report.h"
 #include "terminal.h"
@@ -13,8 +14,11 @@
 namespace tool {
 namespace {
 
+constexpr const char* kNotTold = "not told";  // a module without a version, or that cannot ask its component
+constexpr const char* kBrokenKind = "broken";
+
 std::string kindOf(const ModuleFile& file) {
-  return file.problem ? "broken" : tool::kindOf(file.name);
+  return file.problem ? kBrokenKind : tool::kindOf(file.name);
 }
 
 // A module without a valid package identifier is listed, and of no use.
@@ -66,14 +70,17 @@ std::string listText(const frame::Report& report) {
   }
   std::vector<std::vector<std::string>> rows{{"LIBRARY", "FIRMWARE", "VERSION", "KIND"}};
   for (const Json::Value& module : modules) {
-    rows.push_back({textIn(module, "library"), textIn(module, "firmware"), textIn(module, "version"),
-                    textIn(module, "kind")});
+    const std::string version = textIn(module, "version");
+    const std::string kind = textIn(module, "kind");
+    rows.push_back({textIn(module, "library"), textIn(module, "firmware"),
+                    version.empty() && kind != kBrokenKind ? kNotTold : version, kind});
   }
   return table(rows, terminalWidth(STDOUT_FILENO));
 }
 
 // When the facade refuses to work, every file is read on its own.
 frame::Report runList(const Options&) {
+  const HangNotice notice("");
   const Library library = openLibrary();
   const std::vector<ModuleFile> files = library.problem ? inspectModules() : readItems(library);
   frame::Report report = reportOf(findingOf(library, files));

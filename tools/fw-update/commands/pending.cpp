@@ -32,12 +32,19 @@ bool contains(const std::list<FWUpdateItem>& items, const std::string& name) {
   return std::any_of(items.begin(), items.end(), [&](const auto& item) { return name == item.file_name; });
 }
 
-Finding reasonOf(const Library& library, const LogMessages& all, const std::string& module, bool due) {
+// What is to be said to an update for it to find the same image.
+std::string asAsked(const Options& options) {
+  return (options.callerName == fwcallers::kDefaultCaller ? "" : " --caller " + options.callerName) +
+         (options.data.empty() ? "" : " --data \"" + options.data + "\"");
+}
+
+Finding reasonOf(const Options& options, const Library& library, const LogMessages& all,
+                 const std::string& module, bool due) {
   if (const auto problem = bindingProblem(library, module)) {
     return *problem;
   }
   if (due) {
-    return {Outcome::Ok, "A new image is ready.", "fw-update update " + module};
+    return {Outcome::Ok, "A new image is ready.", "fw-update update " + module + asAsked(options)};
   }
   if (kindOf(module) == std::string("EXT")) {
     return {Outcome::NothingToDo, "It runs its own procedure and is never pending; update starts it.", ""};
@@ -78,7 +85,7 @@ Finding ask(const Options& options, const Library& library, std::vector<ModuleSt
     const LogMessages messages = log.since(mark);
     for (const FWUpdateItem& item : library.items) {
       const bool due = contains(pending, item.file_name);
-      states.push_back({item, due, reasonOf(library, messages, item.file_name, due)});
+      states.push_back({item, due, reasonOf(options, library, messages, item.file_name, due)});
     }
     return countDue(states, pending.size());
   } catch (const std::exception& error) {

@@ -15,7 +15,7 @@ Finding explain(int result, const std::string& module, unsigned int progress) {
     return {Outcome::NothingToDo, module + " reports no progress.", ""};
   }
   return {Outcome::ModuleFailed,
-          module + " could not tell its progress: it answered " + std::to_string(result) + ".",
+          module + " could not tell its progress: it answered " + answerText(result) + ".",
           "Check that the component is connected."};
 }
 

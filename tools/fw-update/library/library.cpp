@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <cstring>
 #include <exception>
 #include <filesystem>
 #include <memory>
@@ -15,6 +16,7 @@
 #include "fw-update-symbol.h"
 #include "isolation/supervised.h"
 #include "library-messages.h"
+#include "library/hang-notice.h"
 #include "library/library-log.h"
 #include "library/log-meanings.h"
 
@@ -117,6 +119,11 @@ Library openLibrary() {
   return library;
 }
 
+Library openLibraryTelling() {
+  const HangNotice notice("");
+  return openLibrary();
+}
+
 const FWUpdateItem* findItem(const Library& library, const std::string& name) {
   for (const FWUpdateItem& item : library.items) {
     if (name == item.file_name) {
@@ -143,9 +150,17 @@ std::optional<Finding> bindingProblem(const Library& library, const std::string&
   return inspectModule(name).problem;
 }
 
+// -1 is mostly no error number, but a mere "no".
+std::string answerText(int answer) {
+  constexpr int kGreatestErrorNumber = 4096;
+  const bool isErrorNumber =
+      answer < -1 && answer > -kGreatestErrorNumber && strerrorname_np(-answer) != nullptr;
+  return std::to_string(answer) + (isErrorNumber ? " (" + std::string(strerrordesc_np(-answer)) + ")" : "");
+}
+
 Finding unknownVersion(const std::string& name, int result) {
   return {Outcome::ModuleFailed,
-          name + " could not tell its version: it answered " + std::to_string(result) + ".",
+          name + " could not tell its version: it answered " + answerText(result) + ".",
           "Check that the component is connected."};
 }
 

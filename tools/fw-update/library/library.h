@@ -22,6 +22,8 @@ struct Library {
 };
 
 Library openLibrary();
+// The same, for a command that tells people when a module keeps it waiting.
+Library openLibraryTelling();
 
 // Null when no module has this library name.
 const FWUpdateItem* findItem(const Library& library, const std::string& name);
@@ -29,6 +31,8 @@ const FWUpdateItem* findItem(const Library& library, const std::string& name);
 // What keeps a command from using this module; empty when nothing does.
 std::optional<Finding> moduleProblem(const Library& library, const std::string& name);
 
+// "-74 (Bad message)": a module's answer with what it means, when it is an error number of the system.
+std::string answerText(int answer);
 // For a module that answered something else than 0 when it was asked for its version.
 Finding unknownVersion(const std::string& name, int result);
 

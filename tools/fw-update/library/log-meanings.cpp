@@ -2,10 +2,12 @@
 #include "library/log-meanings.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <string_view>
 
 #include "library-messages.h"
+#include "library/library.h"
 #include "library/meaning-table.h"
 
 namespace tool {
@@ -19,6 +21,9 @@ std::optional<std::string> valueOf(const std::string& name, const LogMessage& me
   }
   if (name == "errno") {
     return std::strerror(message.errorNumber);
+  }
+  if (name == "answer") {
+    return message.arguments.size() > 1 ? answerText(std::atoi(message.arguments[1].c_str())) : "?";
   }
   const auto limit = timeLimit(all);
   if (name == "expected" || name == "limit") {
@@ -108,7 +113,7 @@ Finding explainSilence(int result, const LogMessages& messages, const std::strin
   }
   if (!tried && findMessage(messages, MESSAGE_CHECK_BEGINS) != nullptr) {
     return {Outcome::ModuleFailed,
-            module + " answered " + std::to_string(result) +
+            module + " answered " + answerText(result) +
                 " when asked whether it needs the image; only 1 starts an update.",
             ""};
   }

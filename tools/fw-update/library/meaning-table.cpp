@@ -4,10 +4,12 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <iterator>
 
 #include "library-messages.h"
+#include "library/library.h"
 
 namespace tool {
 namespace {
@@ -40,6 +42,12 @@ bool deniedByText(const LogMessage& message) {
 bool unreadable(const LogMessage& message) {
   return message.errorNumber == EACCES && !message.arguments.empty() &&
          access(message.arguments.back().c_str(), R_OK) != 0;
+}
+
+// Then it tells more than the system's last error, which may be older than the failure.
+bool answersErrorNumber(const LogMessage& message) {
+  return message.arguments.size() > 1 &&
+         answerText(std::atoi(message.arguments[1].c_str())) != message.arguments[1];
 }
 
 bool withErrorText(const LogMessage& message) {
@@ -80,6 +88,8 @@ constexpr Meaning kMeanings[] = {
      "Check that /dev/shm is mounted and writable."},
     {MESSAGE_WRITE_FAILED, deniedByErrno, Outcome::NotPermitted,
      "{module} may not write the component for this user ({3}).", kAsRoot},
+    {MESSAGE_WRITE_FAILED, answersErrorNumber, Outcome::ModuleFailed,
+     "{module} could not write the firmware: it answered {answer}.", kOldFirmware},
     {MESSAGE_WRITE_FAILED, withErrorText, Outcome::ModuleFailed,
      "{module} could not write the firmware: it answered {1} ({3}).", kOldFirmware},
     {MESSAGE_WRITE_FAILED, nullptr, Outcome::ModuleFailed,

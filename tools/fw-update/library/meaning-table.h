@@ -13,8 +13,8 @@ namespace tool {
 
 using Condition = bool (*)(const LogMessage& message);
 
-// {0}, {1} ... are the message's arguments, {errno} its error text, {module} the
-// library name, {expected} and {limit} the update's times in seconds.
+// {0}, {1} ... are the message's arguments, {answer} the module's with its meaning, {errno} the error text,
+// {module} the library name, {expected} and {limit} the update's times in seconds.
 struct Meaning {
   const char* format;
   Condition when;  // null: always

@@ -24,15 +24,16 @@ constexpr char kBadSignature[] = "The package {package} has no valid signature: 
 constexpr char kNewPackage[] = "Make or download the package again.";
 
 constexpr Refusal kRefusals[] = {
-    {Verdict::UnknownKey, kBadSignature, "Put the maker's public key into /usr/share/fw-update/keys."},
+    {Verdict::UnknownKey, kBadSignature,
+     "Get a package for this set: whose packages it takes was decided when it was made."},
     {Verdict::RevokedKey, "The package {package} is refused: its key is revoked.",
      "Get one that is signed with a newer key."},
     {Verdict::UnusableList, "The package {package} is refused: a list of keys cannot be read.",
-     "Look at revoked and format-1 in /usr/share/fw-update/keys: one key identifier of 16 hexadecimal digits "
-     "a line."},
+     "Have the set repaired: in revoked and format-1 of /usr/share/fw-update/keys each line is one key "
+     "identifier, 16 hexadecimal digits."},
     {Verdict::OldFormat,
      "The package {package} is refused: its signature has format 1, which names no component.",
-     "Make it again with fw-pack usb, or name its key in /usr/share/fw-update/keys/format-1."},
+     "Get one that was made with a newer fw-pack usb."},
     {Verdict::OtherKind, "The package {package} is refused: it is signed as an extension package.",
      "Make it with fw-pack usb."},
     {Verdict::OtherName, "The package {package} is refused: it is for another component, {name}.",
