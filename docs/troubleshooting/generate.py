@@ -2,8 +2,10 @@
 
 usage: generate.py [--check | --table FILE]
   --check       changes nothing; exit code 1 when the page is not up to date
-  --table FILE  writes what fw-update explain goes by instead: the messages, and what
-                the tables of symptoms.md and the exit codes of fw-update.md say
+  --table FILE  writes what fw-update explain goes by instead: the messages, what the tables of
+                symptoms.md, the exit codes of fw-update.md and the reasons of
+                extension-packages.md say, and the sentences of fw-update and fw-download as
+                their sources have them
 
 Every message that the sources can write must have an entry, and every entry a
 message; otherwise the missing ones are named and the exit code is 1.
@@ -19,6 +21,10 @@ MESSAGES = HERE.parent.parent / "vocabulary" / "library-messages.h"
 PAGE = HERE.parent / "troubleshooting.md"
 SYMPTOMS = HERE.parent / "symptoms.md"
 COMMAND = HERE.parent / "fw-update.md"
+PACKAGES = HERE.parent / "extension-packages.md"
+TOOLS = HERE.parent.parent / "tools"
+# Their sentences are rows of tables that the command has itself.
+TABLES = ("meaning-table.cpp", "package-refusal.cpp")
 
 LITERAL = r'"((?:[^"\\]|\\.)*)"'
 CALL = re.compile(
@@ -155,6 +161,78 @@ def outcomes():
             yield from ((name, code, plain(meaning)) for name in re.findall(r"`([^`]+)`", names))
 
 
+# ---- Sentences of the programs, as their sources put them together ----------------------
+
+
+TOKEN = re.compile(LITERAL + r"|'(?:[^'\\]|\\.)*'|::|\s+|.", re.S)
+OPENING = {"(": 1, "[": 1, "{": 1, ")": -1, "]": -1, "}": -1}
+CONSTANT = re.compile(r"constexpr (?:const )?char(?:\* (k\w+)| (k\w+)\[\]) =\s*((?:" + LITERAL + r"\s*)+);")
+FEWEST_LETTERS = 7  # by which a sentence is told from others
+
+
+def arguments(code, at):
+    """The C++ expressions from there to the bracket that closes, as lists of (token, depth)."""
+    found, depth = [[]], 0
+    for token in TOKEN.finditer(code, at):
+        depth += min(0, OPENING.get(token[0], 0))
+        if depth < 0 or token[0] == ";":
+            break
+        if depth == 0 and token[0] == ",":
+            found.append([])
+        elif not token[0].isspace():
+            found[-1].append((token[0], depth))
+        depth += max(0, OPENING.get(token[0], 0))
+    return found
+
+
+def pattern(expression):
+    """"a " + b + " c" as "a … c"; empty when it has too little text of its own."""
+    text = ""
+    for token, depth in expression:
+        if token == "?" and depth == 0:
+            return ""  # one of two
+        if token[0] == '"' and depth == 0:
+            text += token[1:-1]
+        elif token != "+":
+            text += "…"
+    text = re.sub("…+", "…", text)
+    return text if sum(letter.isalpha() for letter in text) >= FEWEST_LETTERS else ""
+
+
+def calls(folder, beginning):
+    """(what the beginning's group is, the patterns of what follows it), of each in the sources."""
+    for path in sorted((TOOLS / folder).rglob("*.cpp")):
+        if path.name in TABLES:
+            continue
+        code = re.sub(r"^\s*//.*$", "", path.read_text(encoding="utf-8"), flags=re.M)
+        for one in CONSTANT.finditer(code):
+            code = re.sub(rf"(?<!:)\b{one[1] or one[2]}\b(?! =|\[)", lambda _, text=one[3]: text, code)
+        code = re.sub(r"std::string\(\s*(" + LITERAL + r")\s*\)", lambda found: found[1], code)
+        for call in re.finditer(beginning, code):
+            yield call[1], [pattern(one) for one in arguments(code, call.end())]
+
+
+def sentences():
+    """(outcome, sentence, remedy) of each that fw-update puts together."""
+    for outcome, texts in calls("fw-update", r"\b((?:Service)?Outcome::\w+),"):
+        if texts[0]:
+            yield outcome, texts[0], texts[1] if len(texts) > 1 else ""
+
+
+def failures():
+    """(reason, sentence) of each with which a download fails."""
+    for reason, texts in calls("fw-download", r"\bReason::(\w+),"):
+        if texts[0]:
+            yield reason, texts[0]
+
+
+def reasons():
+    """(name, when) of each reason of a download's failure."""
+    for names, when, part in rows_of(PACKAGES, 3):
+        if part in ("stays", "removed"):
+            yield names.strip("`"), plain(when)
+
+
 def literal(text):
     return '"' + text.replace("\\", "\\\\").replace('"', '\\"') + '"'
 
@@ -168,7 +246,20 @@ def table(chapters):
     lines += [f"    {{{', '.join(literal(cell) for cell in row)}}}," for row in symptoms()]
     lines += ["};", "", "constexpr OutcomeRow kOutcomeRows[] = {"]
     lines += [f"    {{{', '.join(literal(cell) for cell in row)}}}," for row in outcomes()]
+    lines += ["};", "", "constexpr ReasonRow kReasonRows[] = {"]
+    lines += [f"    {{{', '.join(literal(cell) for cell in row)}}}," for row in reasons()]
+    # The texts are the sources' literals, as they stand there.
+    lines += ["};", "", "constexpr SentenceRow kSentenceRows[] = {"]
+    lines += [f'    {{{outcome}, "{text}", "{remedy}"}},' for outcome, text, remedy in sentences()]
+    lines += ["};", "", "constexpr FailureRow kFailureRows[] = {"]
+    lines += [f'    {{fwdownload::Reason::{reason}, "{text}"}},' for reason, text in failures()]
     return "\n".join(lines + ["};", ""])
+
+
+def write_if_other(path, text):
+    """What is made of a file that stays is not made again."""
+    if not path.exists() or path.read_text(encoding="utf-8") != text:
+        path.write_text(text, encoding="utf-8")
 
 
 def main():
@@ -177,7 +268,7 @@ def main():
     if wrong:
         raise SystemExit("\n".join(wrong))
     if sys.argv[1:2] == ["--table"]:
-        Path(sys.argv[2]).write_text(table(chapters), encoding="utf-8")
+        write_if_other(Path(sys.argv[2]), table(chapters))
         return
     text = page(texts, logged, chapters)
     if "--check" in sys.argv[1:]:

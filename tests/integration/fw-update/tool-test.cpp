@@ -32,6 +32,18 @@ Json::Value parse(const std::string& text) {
   return value;
 }
 
+// Whatever a command may say, its "explain" knows; but for what stands on the command line itself, and
+// a percentage.
+void expectExplained(const Json::Value& document) {
+  const std::string said = document["message"].asString();
+  const std::string outcome = document["outcome"].asString();
+  if (said.empty() || outcome == "usage" || document["command"].asString() == "progress") {
+    return;
+  }
+  RunningTool explain({"explain", "--", said}, {});
+  EXPECT_EQ(explain.finish(), 0) << said << "\n" << explain.err();
+}
+
 }  // namespace
 
 void ToolTest::installModule(const std::string& name) {
@@ -71,6 +83,7 @@ Json::Value ToolTest::document(std::vector<std::string> arguments, const Launch&
   EXPECT_EQ(value["exitCode"].asInt(), ended.exitCode);
   EXPECT_EQ(value["ok"].asBool(), ended.exitCode == 0);
   EXPECT_EQ(ended.err, "");
+  expectExplained(value);
   return value;
 }
 

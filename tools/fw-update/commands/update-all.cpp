@@ -121,13 +121,16 @@ Finding summary(const std::vector<EndedModule>& modules, double elapsed) {
     left +=
         (left.empty() ? "" : ", ") + module.planned.library + " (" + infoOf(module.finding.outcome).id + ")";
   }
-  const std::string sentence = std::to_string(updated) + " of " + std::to_string(modules.size()) +
-                               " modules were updated, in " + secondsText(elapsed) + ".";
-  if (left.empty()) {
-    return {Outcome::Updated, sentence, ""};
+  Finding finding{Outcome::Updated,
+                  std::to_string(updated) + " of " + std::to_string(modules.size()) +
+                      " modules were updated, in " + secondsText(elapsed) + ".",
+                  ""};
+  if (!left.empty()) {
+    finding.outcome = worstOf(modules);
+    finding.message += " Not updated: " + left + ".";
+    finding.remedy = "The modules that are left can be tried again: fw-update update-all";
   }
-  return {worstOf(modules), sentence + " Not updated: " + left + ".",
-          "The modules that are left can be tried again: fw-update update-all"};
+  return finding;
 }
 
 void takeResult(EndedRun& ended, std::future<int>& result, RunNote& note) {

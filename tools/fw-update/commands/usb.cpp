@@ -255,11 +255,13 @@ Finding summary(const Session& session) {
   if (const auto problem = firstProblem(session.states)) {
     return *problem;
   }
-  char text[80];
-  std::snprintf(text, sizeof text, "%zu %s in %.1f s.", countNeeded(session),
-                countNeeded(session) == 1 ? "package was applied" : "packages were applied",
-                *session.elapsedSeconds);
-  return {Outcome::Updated, text, ""};
+  char seconds[40];
+  std::snprintf(seconds, sizeof seconds, "%.1f s", *session.elapsedSeconds);
+  return {Outcome::Updated,
+          std::to_string(countNeeded(session)) +
+              (countNeeded(session) == 1 ? " package was" : " packages were") + " applied in " + seconds +
+              ".",
+          ""};
 }
 
 Finding findingOf(Session& session, std::future<int>& result) {

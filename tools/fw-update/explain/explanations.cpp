@@ -7,9 +7,11 @@
 
 #include "fw-download/failure.h"
 #include "fw-module/check/checks.h"
+#include "history.h"
 #include "library-messages.h"
 #include "library/meaning-table.h"
 #include "package-signature.h"
+#include "service/document.h"
 #include "usb/package-refusal.h"
 
 namespace tool {
@@ -33,11 +35,31 @@ struct OutcomeRow {
   const char* means;
 };
 
+struct ReasonRow {
+  const char* name;
+  const char* when;
+};
+
+// The sentences as the programs put them together; … stands for names and numbers.
+struct SentenceRow {
+  frame::Ending ending;
+  const char* sentence;
+  const char* remedy;
+};
+
+struct FailureRow {
+  fwdownload::Reason reason;
+  const char* sentence;
+};
+
 #include "explanation-table.inc"
 
 constexpr char kMessagesPage[] = "docs/troubleshooting.md";
 constexpr char kSymptomsPage[] = "docs/symptoms.md";
 constexpr char kCommandPage[] = "docs/fw-update.md";
+constexpr char kDownloadPage[] = "docs/extension-packages.md";
+constexpr char kHistoryPage[] = "docs/history.md";
+constexpr char kPagesBegin[] = "docs/";
 constexpr char kGap[] = "…";
 
 struct Known {
@@ -88,43 +110,114 @@ const char* meansOf(const char* format) {
 }
 
 std::string sentence(std::string text) {
+  if (text.rfind(kPagesBegin, 0) == 0) {
+    text = "see " + text;
+  }
   if (!text.empty() && text.rfind("fw-", 0) != 0) {
     text[0] = static_cast<char>(std::toupper(static_cast<unsigned char>(text[0])));
   }
   return text.empty() || text.back() == '.' ? text : text + ".";
 }
 
-// Of lines that several tables know, the first counts.
-std::vector<Known> allKnown() {
-  std::vector<Known> known;
+void addSymptoms(std::vector<Known>& known) {
   for (const SymptomRow& row : kSymptomRows) {
     known.push_back({{row.seen, sentence(row.because), sentence(row.remedy), kSymptomsPage}});
   }
+}
+
+void addMeanings(std::vector<Known>& known) {
   for (const Meaning& row : meaningTable()) {
     Known one;
     one.explanation = {withGaps(row.sentence, &one.gaps), meansOf(row.format), row.remedy, kMessagesPage};
     known.push_back(one);
   }
+}
+
+void addRefusals(std::vector<Known>& known) {
   for (const Refusal& row : refusalTable()) {
     const char* const verdict = fwpackage::infoOf(row.verdict).sentence;
     known.push_back({{withGaps(row.message), sentence(verdict), withGaps(row.remedy), "docs/security.md"}});
     known.push_back({{verdict, withGaps(row.message), withGaps(row.remedy), "docs/security.md"}});
   }
+}
+
+void addMessages(std::vector<Known>& known) {
   for (const MessageRow& row : kMessageRows) {
     known.push_back({{ofMessage(row.format), row.means, row.remedy, kMessagesPage}});
   }
+}
+
+void addChecks(std::vector<Known>& known) {
   for (const fwmodule::CheckInfo& row : fwmodule::kChecks) {
     known.push_back({{row.title, std::string("A check of fw-module: ") + row.title + ".", row.advice,
                       "docs/fw-module.md"}});
   }
+}
+
+std::string meansOf(const OutcomeRow& row) {
+  return "The outcome with exit code " + std::string(row.exitCode) + ": " + row.means + ".";
+}
+
+// Of an outcome that has several rows the last: what none of the others covers.
+std::string meansOf(frame::Ending ending) {
+  std::string means;
   for (const OutcomeRow& row : kOutcomeRows) {
-    known.push_back(
-        {{row.name, "The outcome with exit code " + std::string(row.exitCode) + ": " + row.means + ".", "",
-          kCommandPage},
-         true});
+    if (std::strcmp(row.name, ending->id) == 0) {
+      means = "It tells the outcome " + std::string(row.name) + ", exit code " + row.exitCode + ": " +
+              row.means + ".";
+    }
+  }
+  return means;
+}
+
+void addSentences(std::vector<Known>& known) {
+  for (const SentenceRow& row : kSentenceRows) {
+    known.push_back({{row.sentence, meansOf(row.ending), row.remedy, kCommandPage}});
+  }
+}
+
+void addOutcomes(std::vector<Known>& known) {
+  for (const OutcomeRow& row : kOutcomeRows) {
+    known.push_back({{row.name, meansOf(row), "", kCommandPage}, true});
+  }
+}
+
+// What ends an update without an outcome of the command.
+void addEndsOfHistory(std::vector<Known>& known) {
+  const history::Entry cutOff = history::interrupted({});
+  const char* const means =
+      "So the history calls an update whose process ended before the update did: it was killed, or the "
+      "power went. The component may have the old firmware or the new one.";
+  known.push_back({{cutOff.outcome, means, cutOff.remedy, kHistoryPage}, true});
+  known.push_back(
+      {{history::kRunning, "So the history calls an update that is not over yet.", "", kHistoryPage}, true});
+}
+
+std::string whyOf(const fwdownload::ReasonInfo& reason) {
+  for (const ReasonRow& row : kReasonRows) {
+    if (std::strcmp(row.name, reason.name) == 0) {
+      return "A download failed, with the reason " + std::string(row.name) + ": " + row.when + ".";
+    }
+  }
+  return "";
+}
+
+void addDownloads(std::vector<Known>& known) {
+  for (const FailureRow& row : kFailureRows) {
+    const fwdownload::ReasonInfo& reason = fwdownload::infoOf(row.reason);
+    known.push_back({{row.sentence, whyOf(reason), reason.remedy, kDownloadPage}});
   }
   for (const fwdownload::ReasonInfo& row : fwdownload::kReasons) {
-    known.push_back({{row.name, "Why a download failed.", row.remedy, "docs/extension-packages.md"}, true});
+    known.push_back({{row.name, whyOf(row), row.remedy, kDownloadPage}, true});
+  }
+}
+
+// Of lines that several tables know, the first counts.
+std::vector<Known> allKnown() {
+  std::vector<Known> known;
+  for (const auto add : {addSymptoms, addMeanings, addRefusals, addMessages, addChecks, addEndsOfHistory,
+                         addDownloads, addSentences, addOutcomes}) {
+    add(known);
   }
   return known;
 }
