@@ -3,6 +3,8 @@
 
 #include <gmock/gmock.h>
 
+#include <map>
+
 #include "library-messages.h"
 #include "messages.h"
 
@@ -28,22 +30,52 @@ class RunLog {
   RunLog& wanted(int second, const std::string& name) {
     return add(second, "update_timeout_wrapper", MESSAGE_LOCK_WANTED, {name + "fw", "10"});
   }
+  RunLog& begun(int second, const std::string& name) {
+    return add(second, "updateFirmware", MESSAGE_LOCK_TAKEN, {name + "fw"}, workerOf(name));
+  }
   RunLog& taken(int second, const std::string& name) {
-    return add(second, "updateFirmware", MESSAGE_LOCK_TAKEN, {name + "fw"})
-        .add(second, "updateFirmware", MESSAGE_WRITE_BEGINS, {name + "fw"});
+    return begun(second, name)
+        .add(second, "updateFirmware", MESSAGE_WRITE_BEGINS, {name + "fw"}, workerOf(name));
   }
   RunLog& succeeded(int second, const std::string& name) {
-    return add(second, "updateFirmware", MESSAGE_WRITE_SUCCEEDED, {name + "fw"});
+    return add(second, "updateFirmware", MESSAGE_WRITE_SUCCEEDED, {name + "fw"}, workerOf(name));
   }
-  RunLog& add(int second, const char* function, const char* format, std::vector<std::string> arguments) {
+  RunLog& failed(int second, const std::string& name) {
+    return add(second, "updateFirmware", MESSAGE_WRITE_FAILED, {name + "fw", "7", "0", ""}, workerOf(name));
+  }
+  RunLog& timedOut(int second, const std::string& name) {
+    return add(second, "update_timeout_wrapper", MESSAGE_TIMED_OUT, {name + "fw update timeout"});
+  }
+  RunLog& add(int second, const char* function, const char* format, std::vector<std::string> arguments,
+              long thread = kClient) {
     tool::LogMessage logged = message(format, std::move(arguments));
     logged.function = function;
     logged.time = kStart + seconds(second);
+    logged.thread = thread;
     messages.push_back(logged);
     return *this;
   }
+  // Before the run, which asks every module.
+  RunLog& asked(const std::string& name, const std::string& firmware) {
+    tool::LogMessage logged = message(MESSAGE_CHECK_BEGINS, {"lib" + name, firmware});
+    messages.insert(messages.end() - 1, logged);
+    return *this;
+  }
+  RunLog& notNeeded() {
+    messages.insert(messages.end() - 1, message(MESSAGE_NOT_NEEDED, {"/place", "1.0.0"}));
+    return *this;
+  }
+
+  static constexpr long kClient = 1;
+  // A worker each; what it says late is its own.
+  long workerOf(const std::string& name) {
+    return workers_.try_emplace(name, kClient + 1 + static_cast<long>(workers_.size())).first->second;
+  }
 
   tool::LogMessages messages;
+
+ private:
+  std::map<std::string, long> workers_;
 };
 
 RunProgress progressAt(int second, const tool::Run& run, std::optional<unsigned int> percent = std::nullopt) {
@@ -143,6 +175,132 @@ TEST(Run, SaysOfAModuleWithoutATurnThatItWasNotReached) {
 
   EXPECT_EQ(finding.outcome, Outcome::Unexpected);
   EXPECT_THAT(finding.message, HasSubstr("libtuner was not reached"));
+}
+
+TEST(Run, SaysWhichModuleKeptAnotherFromBeginningInTime) {
+  RunLog log;
+  log.wanted(1, "tuner").taken(1, "tuner").timedOut(13, "tuner");
+  log.wanted(13, "wifi").begun(13, "wifi").timedOut(25, "wifi");
+  const auto run = tool::runOf({planned("none"), planned("tuner"), planned("wifi")}, log.messages);
+
+  const tool::Finding finding = tool::resultOf(run, 2);
+
+  EXPECT_EQ(finding.outcome, Outcome::TimedOut);
+  EXPECT_EQ(finding.message, "libwifi could not begin in time: libtuner still runs.");
+  EXPECT_THAT(tool::resultOf(run, 1).message, HasSubstr("libtuner did not finish in time"));
+}
+
+TEST(Run, BlamesNoModuleThatHadEnded) {
+  RunLog log;
+  log.wanted(1, "tuner").taken(1, "tuner").succeeded(3, "tuner");
+  log.wanted(4, "wifi").begun(4, "wifi").timedOut(16, "wifi");
+  const auto run = tool::runOf({planned("none"), planned("tuner"), planned("wifi")}, log.messages);
+
+  EXPECT_THAT(tool::resultOf(run, 2).message, HasSubstr("libwifi did not finish in time"));
+}
+
+TEST(Run, BlamesNobodyForAModuleThatBeganAndWasTooSlowItself) {
+  RunLog log;
+  log.wanted(1, "tuner").taken(1, "tuner").timedOut(13, "tuner");
+  log.wanted(13, "wifi").taken(13, "wifi").timedOut(25, "wifi");
+  log.wanted(25, "panel").begun(25, "panel");
+  const auto run = tool::runOf({planned("tuner"), planned("wifi"), planned("panel")}, log.messages);
+
+  EXPECT_THAT(tool::resultOf(run, 1).message, HasSubstr("libwifi did not finish in time"));
+  EXPECT_THAT(tool::resultOf(run, 2).message, ::testing::Not(HasSubstr("could not begin")));
+}
+
+TEST(Run, CountsWhatAModuleSaysAfterItsTimeOutOnlyWhenItIsASuccess) {
+  RunLog failing;
+  failing.wanted(1, "tuner").taken(1, "tuner").timedOut(13, "tuner").failed(14, "tuner");
+  RunLog late;
+  late.wanted(1, "tuner").taken(1, "tuner").timedOut(13, "tuner").succeeded(14, "tuner");
+
+  const auto ofFailing = tool::resultOf(tool::runOf({planned("tuner")}, failing.messages), 0);
+  const auto ofLate = tool::resultOf(tool::runOf({planned("tuner")}, late.messages), 0);
+
+  EXPECT_EQ(ofFailing.outcome, Outcome::TimedOut);
+  EXPECT_EQ(ofLate.outcome, Outcome::Updated);
+  EXPECT_THAT(ofLate.message, HasSubstr("only after the library had given it up"));
+}
+
+TEST(Run, TellsWhyAModuleOfItFailed) {
+  RunLog log;
+  log.wanted(1, "tuner").taken(1, "tuner").failed(3, "tuner");
+
+  EXPECT_EQ(tool::resultOf(tool::runOf({planned("tuner")}, log.messages), 0).outcome, Outcome::ModuleFailed);
+}
+
+TEST(Run, GivesATurnToTheFirstModuleOfTheFirmwareThatSaidYes) {
+  const auto of = [](const char* library) {
+    return tool::PlannedModule{library, "sharedfw", "1.0.0", true, 10, {}};
+  };
+  RunLog log;
+  log.asked("first", "sharedfw").notNeeded().asked("third", "sharedfw").asked("fourth", "sharedfw");
+  log.add(1, "update_timeout_wrapper", MESSAGE_LOCK_WANTED, {"sharedfw", "10"});
+  log.add(5, "update_timeout_wrapper", MESSAGE_LOCK_WANTED, {"sharedfw", "10"});
+
+  const auto run =
+      tool::runOf({of("libfirst"), of("libsecond"), of("libthird"), of("libfourth")}, log.messages);
+
+  ASSERT_EQ(run.size(), 4u);
+  EXPECT_FALSE(run[0].turn) << "which needs none";
+  EXPECT_FALSE(run[1].turn) << "which was not asked";
+  EXPECT_TRUE(run[2].turn);
+  EXPECT_TRUE(run[3].turn);
+}
+
+TEST(Run, GivesATurnToTheFirstModuleOfTheFirmwareWhenNoneSaidYes) {
+  RunLog log;
+  log.wanted(1, "tuner").wanted(5, "strange");
+  const auto run = tool::runOf({planned("panel"), planned("tuner")}, log.messages);
+
+  ASSERT_EQ(run.size(), 2u);
+  EXPECT_FALSE(run[0].turn);
+  EXPECT_TRUE(run[1].turn);
+}
+
+TEST(Run, TakesUpAModuleThatWasNotToBeUpdatedAndIs) {
+  tool::PlannedModule idle = planned("idle", 0);
+  idle.due = false;
+  idle.reason = {Outcome::NothingToDo, "It is not needed.", ""};
+
+  const auto run =
+      tool::runOf({idle, planned("tuner", 30)}, RunLog().wanted(1, "idle").wanted(3, "tuner").messages);
+
+  ASSERT_EQ(run.size(), 2u);
+  EXPECT_TRUE(run[0].planned.due);
+  EXPECT_EQ(run[0].planned.expectedSeconds, 10u);
+  EXPECT_EQ(run[0].planned.reason.message, "");
+  EXPECT_EQ(run[1].planned.expectedSeconds, 30u) << "as planned";
+}
+
+TEST(Run, PassesOverWhatHadNoTurnBeforeOneThatHad) {
+  const auto run = tool::runOf({planned("panel"), planned("tuner"), planned("wifi")},
+                               RunLog().wanted(1, "tuner").messages);
+
+  EXPECT_EQ(tool::begunOf(run), 2u);
+  EXPECT_TRUE(tool::hasEnded(run, 0));
+  EXPECT_FALSE(tool::hasEnded(run, 1));
+  EXPECT_FALSE(tool::hasEnded(run, 2));
+}
+
+TEST(RunProgress, IsAtTheEndOfARunOfNoModule) {
+  const RunProgress progress = progressAt(1, tool::runOf({}, RunLog().messages));
+
+  EXPECT_EQ(progress.totalPercent, 100u);
+  EXPECT_EQ(progress.modulesLeft, 0u);
+  EXPECT_DOUBLE_EQ(progress.secondsLeft, 0);
+}
+
+TEST(RunLine, HasTheTotalWhereThereIsRoomForThirtyCharactersOfTheModule) {
+  const auto run = tool::runOf({planned("tuner")}, RunLog().wanted(1, "tuner").taken(1, "tuner").messages);
+  const RunProgress progress = progressAt(5, run, 40);
+  const std::string total = "  in total 40 %, about 6 s left";
+  const std::size_t room = std::string("1/1 ").size() + 30 + total.size();
+
+  EXPECT_THAT(tool::liveLine(progress, room), ::testing::EndsWith(total));
+  EXPECT_THAT(tool::liveLine(progress, room - 1), ::testing::Not(HasSubstr("in total")));
 }
 
 TEST(RunLine, IsCutFromTheRight) {
