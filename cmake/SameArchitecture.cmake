@@ -6,6 +6,6 @@ execute_process(COMMAND ${CMAKE_CXX_COMPILER} ${CMAKE_CXX_FLAGS} -dumpmachine
 if(DEFINED CACHE{FW_UPDATE_MACHINE} AND NOT FW_UPDATE_MACHINE STREQUAL machine)
   message(FATAL_ERROR
     "The build folder ${PROJECT_BINARY_DIR} belongs to ${FW_UPDATE_MACHINE}, and this compiler builds for ${machine}. "
-    "Take a folder of its own: cmake --preset i386-release, or cmake -B build/${machine}.")
+    "Take a folder of its own: cmake --preset PRESET -B build/${machine}")
 endif()
 set(FW_UPDATE_MACHINE "${machine}" CACHE INTERNAL "What this build folder is for")

@@ -11,6 +11,7 @@
 #include <iostream>
 #include <iterator>
 #include <memory>
+#include <set>
 #include <sstream>
 #include <string>
 #include <string_view>
@@ -161,6 +162,25 @@ Json::Value jsonOf(const Result& result) {
   return json;
 }
 
+// Areas of which nothing is known in the end: what was not checked is no promise kept.
+std::vector<std::string> unseenAreas(const std::vector<Result>& results) {
+  std::vector<std::string> areas;
+  std::set<std::string> seen;
+  for (const Result& result : results) {
+    const std::string area = result.check->area;
+    if (result.finding.verdict != Verdict::NotChecked) {
+      seen.insert(area);
+    }
+    if (std::find(areas.begin(), areas.end(), area) == areas.end()) {
+      areas.push_back(area);
+    }
+  }
+  areas.erase(
+      std::remove_if(areas.begin(), areas.end(), [&seen](const auto& area) { return seen.count(area) != 0; }),
+      areas.end());
+  return areas;
+}
+
 frame::Report reportOf(const std::vector<Result>& results) {
   int counts[std::size(kVerdicts)] = {};
   Json::Value list(Json::arrayValue);
@@ -176,6 +196,13 @@ frame::Report reportOf(const std::vector<Result>& results) {
   }
   report.body = std::to_string(counts[0]) + " kept, " + std::to_string(counts[1]) + " broken, " +
                 std::to_string(counts[2]) + " not checked\n";
+  const std::vector<std::string> unseen = unseenAreas(results);
+  report.details["unseen"] = Json::Value(Json::arrayValue);
+  for (const std::string& area : unseen) {
+    report.details["unseen"].append(area);
+    report.body += (area == unseen.front() ? "nothing could be seen here of: " : ", ") + area;
+  }
+  report.body += unseen.empty() ? "" : "\n";
   return report;
 }
 

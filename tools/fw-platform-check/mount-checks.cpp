@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <exception>
 #include <filesystem>
@@ -163,6 +164,15 @@ Finding detached(const Package& package) {
 
 }  // namespace
 
+// What the platform for ordinary Linux answers a user for whom no service mounts.
+bool isServiceMissing(int status) {
+  return (status == -ENOENT || status == -ECONNREFUSED) && geteuid() != 0;
+}
+
+Finding serviceMissing() {
+  return notChecked("no privileged service answers; start it: systemctl enable --now fw-privileged.socket");
+}
+
 Finding mountIsReadOnly() {
   return withPackage(mountedReadOnly);
 }
@@ -172,6 +182,9 @@ Finding mountRefusesMissingImage() {
   char text[kCapacity];
   std::snprintf(text, sizeof(text), "-o ro,loop,nodev,nosuid %snone.img %semps/none", kPackages, kPackages);
   const int status = PS_Mount(text, kCapacity, 0, &result);
+  if (isServiceMissing(status)) {
+    return serviceMissing();
+  }
   return status != 0 || result != 0 ? kept() : broken("it is said to be mounted");
 }
 
@@ -190,6 +203,9 @@ Finding nodeTakesText() {
   struct stat before = {};
   const bool wasThere = stat("/dev/loop0", &before) == 0;
   const int status = PS_Mknod(text, kCapacity, 0, &result);
+  if (isServiceMissing(status)) {
+    return serviceMissing();
+  }
   if (status != 0) {
     return wasThere ? notChecked("/dev/loop0 is there, and the call returned " + std::to_string(status))
                     : broken("the call returned " + std::to_string(status));

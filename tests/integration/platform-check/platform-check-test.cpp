@@ -100,6 +100,25 @@ TEST_F(PlatformCheck, ChecksPowerWhereItCanBeHeld) {
   EXPECT_NE(result.output.find("3 kept, 0 broken, 0 not checked"), std::string::npos) << result.output;
 }
 
+TEST_F(PlatformCheck, SaysThatNoServiceMountsForAUser) {
+  constexpr uid_t kNobody = 65534;
+  writeFile("/tmp/of-nobody", "");
+  if (chown("/tmp/of-nobody", kNobody, kNobody) != 0) {
+    GTEST_SKIP() << "there is no other user here";
+  }
+
+  const ProgramResult result =
+      runProgram({{PLATFORM_CHECK_PROGRAM, "--only", "mount"}, "/", kNobody, {"FW_UPDATE_LOG=none"}});
+
+  EXPECT_NE(result.output.find("0 kept, 0 broken, 5 not checked\nnothing could be seen here of: mount\n"),
+            std::string::npos)
+      << result.output << result.error;
+  EXPECT_NE(result.output.find(
+                "no privileged service answers; start it: systemctl enable --now fw-privileged.socket"),
+            std::string::npos)
+      << result.output;
+}
+
 TEST_F(PlatformCheck, LeavesNoPackageBehind) {
   check({"--only", "mount"});
 
