@@ -12,7 +12,7 @@ SRC_URI[sha256sum] = "@SHA256@"
 
 DEPENDS = "boost jsoncpp openssl"
 
-inherit cmake pkgconfig
+inherit cmake pkgconfig systemd
 
 # platform: the library for ordinary Linux. A set that brings its own leaves it out, and its
 # recipe has RPROVIDES:${PN} = "virtual-fw-update-platform".
@@ -22,6 +22,9 @@ PACKAGECONFIG[platform] = "-DFW_UPDATE_PLATFORM=linux,-DFW_UPDATE_PLATFORM=none,
 EXTRA_OECMAKE = "-DFW_UPDATE_TOOLS=OFF -DCMAKE_INSTALL_LIBDIR=${baselib} -DCMAKE_BUILD_TYPE=Release"
 
 PACKAGES =+ "libfw-platform ${PN}-verifier"
+# systemd starts the service with the first request.
+SYSTEMD_PACKAGES = "${@bb.utils.contains('PACKAGECONFIG', 'platform', 'libfw-platform', '', d)}"
+SYSTEMD_SERVICE:libfw-platform = "fw-privileged.socket"
 RDEPENDS:${PN} += "virtual-fw-update-platform"
 RRECOMMENDS:${PN} += "${PN}-verifier"
 RPROVIDES:libfw-platform = "virtual-fw-update-platform"
