@@ -43,7 +43,7 @@ def without_times(text):
 
 
 def is_progress(line):
-    return re.search(r'\d %, |: [0-9.T]+ s of about |"event":"(progress|module-start)"|checking the image|\d+ bytes$', line) is not None
+    return re.search(r'\d %, |: [0-9.T]+ s( of about .*)?$|"event":"(progress|module-start)"|checking the image|\d+ bytes$', line) is not None
 
 
 def told(ended):
