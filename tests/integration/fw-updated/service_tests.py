@@ -158,6 +158,20 @@ def QueuesWhatIsAskedAtOnce():
     equal(list(client.properties(PATH, NAME)["Jobs"]), [first, second])
 
 
+def TakesNoMoreJobsThanCanWait():
+    slow("panelfw", 100)
+    _, client = start()
+    manager = client.manager()
+    client.wait_for_state(manager.Update("libpanel", "lsm", ""), "updating")
+
+    for _ in range(64):
+        manager.Update("libnothing", "", "")
+
+    equal(client.error(manager.UpdateAll),
+          (ERROR + "TooMany", "Too many jobs wait already. Try again when some of them are done."))
+    equal(len(client.properties(PATH, NAME)["Jobs"]), 65)
+
+
 def CancelsWhatHasNotReachedAModule():
     slow("panelfw", 1000)
     _, client = start()
