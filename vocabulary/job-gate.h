@@ -21,6 +21,10 @@ namespace fwjobs {
 inline constexpr char kGateVariable[] = "FW_UPDATE_JOB_GATE";
 inline constexpr char kAskedByVariable[] = "FW_UPDATE_ASKED_BY";
 
+// In that of one which is only to begin its entry in the history and to end: the command of the
+// job was killed before it could.
+inline constexpr char kOnlyEntryVariable[] = "FW_UPDATE_ONLY_ENTRY";
+
 class Gate {
  public:
   // A new file: nobody has been there. There is no gate when the file cannot be used.

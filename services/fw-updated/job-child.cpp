@@ -39,8 +39,8 @@ std::vector<std::string> environmentFor(const std::string& gate, uid_t user) {
   return environment;
 }
 
-std::vector<std::string> usbCommand(const Tool& tool, const Request& request, const char* command) {
-  std::vector<std::string> words{tool.program, "usb", command};
+std::vector<std::string> usbArguments(const Tool& tool, const Request& request, const char* command) {
+  std::vector<std::string> words{"usb", command};
   if (!request.folder.empty()) {
     words.push_back(request.folder);
   }
@@ -50,33 +50,42 @@ std::vector<std::string> usbCommand(const Tool& tool, const Request& request, co
 
 }  // namespace
 
-std::vector<std::string> commandFor(const Tool& tool, const Request& request) {
-  const std::vector<std::string> watched{"--isolated", "--progress", "ndjson"};
-  std::vector<std::string> words{tool.program};
+std::vector<std::string> argumentsFor(const Tool& tool, const Request& request) {
   switch (request.kind) {
     case Kind::Update:
-      words.insert(words.end(), {"update", request.module, "--caller=" + request.caller});
-      if (!request.data.empty()) {
-        words.push_back("--data=" + request.data);
-      }
-      words.insert(words.end(), watched.begin(), watched.end());
       break;
     case Kind::UpdateAll:
-      words.emplace_back("update-all");
-      words.insert(words.end(), watched.begin(), watched.end());
-      break;
+      return {"update-all"};
     case Kind::UsbApply:
-      words = usbCommand(tool, request, "apply");
-      words.insert(words.end(), watched.begin(), watched.end());
-      break;
+      return usbArguments(tool, request, "apply");
     case Kind::UsbEstimate:
-      words = usbCommand(tool, request, "estimate");
-      words.emplace_back("--json");
-      break;
+      return usbArguments(tool, request, "estimate");
     case Kind::Download:
-      words.insert(words.end(), {"download", request.module, "--wait", "--progress", "ndjson"});
-      break;
+      return {"download", request.module, "--wait"};
   }
+  std::vector<std::string> words{"update", request.module, "--caller=" + request.caller};
+  if (!request.data.empty()) {
+    words.push_back("--data=" + request.data);
+  }
+  return words;
+}
+
+std::vector<std::string> environmentForEntry(const Request& request) {
+  return {std::string(fwjobs::kOnlyEntryVariable) + "=1",
+          std::string(fwjobs::kAskedByVariable) + "=" + std::to_string(request.user)};
+}
+
+std::vector<std::string> commandFor(const Tool& tool, const Request& request) {
+  std::vector<std::string> words = argumentsFor(tool, request);
+  words.insert(words.begin(), tool.program);
+  if (printsDocument(request.kind)) {
+    words.emplace_back("--json");
+    return words;
+  }
+  if (request.kind != Kind::Download) {
+    words.emplace_back("--isolated");
+  }
+  words.insert(words.end(), {"--progress", "ndjson"});
   return words;
 }
 

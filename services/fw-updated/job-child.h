@@ -28,6 +28,9 @@ struct Tool {
   std::string keyFile;  // of USB packages
 };
 
+std::vector<std::string> argumentsFor(const Tool& tool, const Request& request);
+// For the same arguments: it only begins the job's entry in the history.
+std::vector<std::string> environmentForEntry(const Request& request);
 std::vector<std::string> commandFor(const Tool& tool, const Request& request);
 
 class JobChild {

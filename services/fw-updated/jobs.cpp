@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <string_view>
 #include <utility>
 
 #include "fw-update/outcomes.h"
@@ -25,8 +26,9 @@ constexpr std::size_t kMostKept = 512;
 
 constexpr char kNever[] = "2037-12-31";  // nothing has begun since
 constexpr int kUnexpected = 1;           // exit code
+constexpr std::string_view kNoWay = "none";
 // As the history calls what fw-update does for a job; nothing of what it does not keep.
-const char* wayOf(Kind kind) {
+std::string_view wayOf(Kind kind) {
   switch (kind) {
     case Kind::Update:
       return "service";
@@ -39,7 +41,7 @@ const char* wayOf(Kind kind) {
     case Kind::UsbEstimate:
       break;
   }
-  return "none";
+  return kNoWay;
 }
 
 // In seconds, of whole milliseconds.
@@ -199,14 +201,28 @@ void Jobs::ended(Item& item, std::optional<int> status) {
 
 // A process that was killed may have had its end in the history already. Reading it finds what
 // was cut off, too. The job and the history say the same.
-void Jobs::learnEnd(Item& item, std::optional<int> status) {
-  askSurely({"history"}, [this, &item, status](const ToolAnswer& answer) {
-    if (!takeFromHistory(item, answer.document)) {
+void Jobs::learnEnd(Item& item, std::optional<int> status, int tries) {
+  askSurely({"history"}, [this, &item, status, tries](const ToolAnswer& answer) {
+    const bool isTold = takeFromHistory(item, answer.document);
+    if (!isTold && tries > 1 && isWithoutEntry(item, status)) {
+      const auto again = [this, &item, status, tries](const ToolAnswer&) {
+        learnEnd(item, status, tries - 1);
+      };
+      queries_.ask(argumentsFor(tool_, item.job.request), again, environmentForEntry(item.job.request));
+      return;
+    }
+    if (!isTold) {
       tellEnd(item, status);
     }
     isCleaningUp_ = false;
     startNext();
   });
+}
+
+// Its command was killed before it could begin one.
+bool Jobs::isWithoutEntry(const Item& item, std::optional<int> status) {
+  const bool wasKilled = !status || WIFSIGNALED(*status);
+  return wasKilled && !item.isCancelled && wayOf(item.job.request.kind) != kNoWay;
 }
 
 bool Jobs::takeFromHistory(Item& item, const Json::Value& document) {

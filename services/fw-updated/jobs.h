@@ -69,7 +69,8 @@ class Jobs {
   void tellEnd(Item& item, std::optional<int> status);
   void ended(Item& item, std::optional<int> status);
   void askSurely(const std::vector<std::string>& question, const ToolQueries::Then& then, int tries = 10);
-  void learnEnd(Item& item, std::optional<int> status);
+  void learnEnd(Item& item, std::optional<int> status, int tries = 3);
+  static bool isWithoutEntry(const Item& item, std::optional<int> status);
   bool takeFromHistory(Item& item, const Json::Value& document);
   void cleanUp(bool wasCutOff);
   void forgetOld();

@@ -29,6 +29,7 @@ constexpr std::chrono::seconds kPatience{60};
 struct ToolQueries::Query {
   std::vector<std::string> arguments;
   Then then;
+  std::vector<std::string> variables;
   pid_t process = -1;
   base::FileDescriptor output;
   std::string text;
@@ -52,10 +53,11 @@ bool ToolQueries::isBusy() const {
   return queries_.size() >= kMostWaiting;
 }
 
-void ToolQueries::ask(std::vector<std::string> arguments, Then then) {
+void ToolQueries::ask(std::vector<std::string> arguments, Then then, std::vector<std::string> variables) {
   Query& query = queries_.emplace_back();
   query.arguments = std::move(arguments);
   query.then = std::move(then);
+  query.variables = std::move(variables);
   next_ = loop_.soon([this] { startWaiting(); });
 }
 
@@ -87,8 +89,9 @@ int ToolQueries::start(Query& query) {
   words.emplace_back("--json");
   base::ProgramStart program;
   program.apart().withNothingAt(STDIN_FILENO).with(pipe.writeEnd.get(), STDOUT_FILENO).withNothingFrom(3);
-  if (const int error = program.run(words, base::environmentWithout("NOTIFY_SOCKET"), query.process);
-      error != 0) {
+  std::vector<std::string> environment = base::environmentWithout("NOTIFY_SOCKET");
+  environment.insert(environment.end(), query.variables.begin(), query.variables.end());
+  if (const int error = program.run(words, environment, query.process); error != 0) {
     query.process = -1;
     return error;
   }

@@ -32,8 +32,9 @@ class ToolQueries {
   ToolQueries(const ToolQueries&) = delete;
   ToolQueries& operator=(const ToolQueries&) = delete;
 
-  // arguments: without --json. then: once, and not before this has returned.
-  void ask(std::vector<std::string> arguments, Then then);
+  // arguments: without --json. then: once, and not before this has returned. variables: what the
+  // command's environment has more.
+  void ask(std::vector<std::string> arguments, Then then, std::vector<std::string> variables = {});
   // Whether a stranger's question should be refused.
   bool isBusy() const;
 

@@ -119,6 +119,9 @@ int perform(int argc, char** argv) {
     return runElsewhere(parsed, options);
   }
   UpdateRecord::instance().begin(parsed.name, options);
+  if (isForEntryAlone()) {
+    return put(frame::Report(Outcome::Ok), parsed.name, options, {});
+  }
   return options.isolated ? runThere(parsed, options) : runHere(parsed, options);
 }
 

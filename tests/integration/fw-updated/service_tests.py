@@ -300,6 +300,13 @@ def SaysInterruptedOfAJobWhoseProcessesWereKilled():
     equal([entry["outcome"] for entry in history()], [str(job["Outcome"]), "updated"])
 
 
+def program(name, text):
+    path = pathlib.Path("/tmp") / name
+    path.write_text(text, encoding="ascii")
+    path.chmod(0o755)
+    return str(path)
+
+
 DIES_BEFORE_IT_TELLS = """#!/bin/sh
 case "$1 $2" in
   "update "*) fw-update "$@" >/dev/null; kill -9 $$ ;;
@@ -310,11 +317,8 @@ exec fw-update "$@"
 
 
 def AsksTheHistoryHowAJobEndedUntilItIsTold():
-    program = pathlib.Path("/tmp/dies-before-it-tells")
-    program.write_text(DIES_BEFORE_IT_TELLS, encoding="ascii")
-    program.chmod(0o755)
     connection = Bus().connect()
-    Service(connection, "--fw-update", str(program))
+    Service(connection, "--fw-update", program("dies-before-it-tells", DIES_BEFORE_IT_TELLS))
     client = Client(connection)
 
     job = client.result(client.manager().Update("libtuner", "", ""))
@@ -322,6 +326,25 @@ def AsksTheHistoryHowAJobEndedUntilItIsTold():
     assert pathlib.Path("/tmp/killed").exists(), "the first question was not killed"
     equal((job["Outcome"], job["VersionAfter"]), ("updated", "2.0.0"))
     equal([(entry["outcome"], entry["sentence"]) for entry in history()], [("updated", str(job["Sentence"]))])
+
+
+DIES_BEFORE_ITS_ENTRY = """#!/bin/sh
+[ $1 != update ] || ! mkdir /tmp/killed 2>/dev/null || kill -9 $$
+exec fw-update "$@"
+"""
+
+
+def HasAnEntryOfAJobThatWasKilledBeforeItBeganOne():
+    connection = Bus().connect()
+    Service(connection, "--fw-update", program("dies-before-its-entry", DIES_BEFORE_ITS_ENTRY))
+    client = Client(connection)
+
+    job = client.result(client.manager().Update("libtuner", "", ""))
+
+    equal((job["Outcome"], job["ExitCode"]), ("interrupted", 1))
+    equal([(entry["way"], entry["module"], entry["outcome"], entry["sentence"]) for entry in history()],
+          [("service", "libtuner", "interrupted", str(job["Sentence"]))])
+    equal(tool("info", "libtuner")["version"], "0.0.0")
 
 
 def AnswersQueriesAsTheCommandDoes():
@@ -538,11 +561,11 @@ class Soak:
 def judged(jobs, entries):
     """What of the history is not as the jobs say: those ran in the order of their numbers.
 
-    A job says what its entry says. What was killed or cancelled early may have none.
+    A job says what its entry says. One that was cancelled before it began has none.
     """
     told = {0}  # how many entries the jobs up to here may have
     for number, module, outcome in sorted(jobs):
-        following = set(told) if outcome in ("interrupted", "stopped") else set()
+        following = set(told) if outcome == "stopped" else set()
         for count in told:
             entry = entries[count] if count < len(entries) else {}
             if (entry.get("module"), entry.get("outcome")) == (module, outcome):

@@ -44,6 +44,10 @@ std::optional<uid_t> askedThroughService() {
   return user;
 }
 
+bool isForEntryAlone() {
+  return std::getenv(fwjobs::kOnlyEntryVariable) != nullptr;
+}
+
 void passServiceGate(fwmessages::Event event) {
   const char* const path = std::getenv(fwjobs::kGateVariable);
   if (path == nullptr ||

@@ -15,6 +15,9 @@ namespace tool {
 // The user who asked the service; empty: nobody did.
 std::optional<uid_t> askedThroughService();
 
+// Only the command's entry is wanted.
+bool isForEntryAlone();
+
 // A module is about to be reached, when the event says so. Does not return when the job has been
 // cancelled before: the process ends then, as a signal would end it.
 void passServiceGate(fwmessages::Event event);
