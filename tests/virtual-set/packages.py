@@ -10,6 +10,9 @@ from support import debian, expect, set_packages, succeed
 
 # Mounts and unmounts a package of its own, through the service.
 ASK = "mkdir -p /opt/usr/apps/appbinarymanager/emps; fw-platform-check --only mount"
+# Each service, what it is asked, and the program that answers.
+SERVICES = {"fw-privileged": ASK,
+            "fw-updated": "busctl get-property org.fwupdate.Update1 /org/fwupdate/Update1 org.fwupdate.Update1 Version"}
 FILES = r"""
 find / -xdev \( -path /proc -o -path /sys -o -path /dev -o -path /run -o -path /tmp -o -path /var/tmp -o -path /share \
   -o -path /var/lib/dpkg -o -path /var/lib/systemd/deb-systemd-helper-enabled -o -path /var/log -o -path /var/cache \
@@ -18,13 +21,13 @@ find / -xdev \( -path /proc -o -path /sys -o -path /dev -o -path /run -o -path /
 
 
 def older(package, target):
-    """A package of an earlier release: another version, and a unit that says so."""
+    """A package of an earlier release: another version, and units that say so."""
     with tempfile.TemporaryDirectory() as work:
         subprocess.run(["dpkg-deb", "--raw-extract", package, work], check=True)
         control = pathlib.Path(work, "DEBIAN", "control")
         text = control.read_text()
         control.write_text(re.sub(r"(?m)^Version: .*", "Version: 0.9.0-1", re.sub(r"\(= [^)]*\)", "(= 0.9.0-1)", text)))
-        for unit in pathlib.Path(work).rglob("fw-privileged.service"):
+        for unit in pathlib.Path(work).rglob("lib/systemd/system/fw-*.service"):
             unit.write_text(unit.read_text().replace("[Service]\n", "[Service]\nEnvironment=RELEASE=before\n"))
         subprocess.run(["dpkg-deb", "--root-owner-group", "--build", "-Znone", work, target],
                        check=True, stdout=subprocess.DEVNULL)
@@ -50,6 +53,8 @@ def packages_install_and_purge_without_a_rest():
                                  "systemctl show --property ActiveState fw-privileged.service")
         expect(state.splitlines() == ["ActiveState=active", "NeedDaemonReload=no", "ActiveState=inactive"],
                "the socket listens, the service waits for a request", state)
+        for question in SERVICES.values():
+            succeed(machine, question)
         removed = succeed(machine, "dpkg --purge $(sed -n 's/^Package: //p' <(for p in /share/new/*.deb; do "
                                    "dpkg-deb --field $p Package | sed 's/^/Package: /'; done)) 2>&1")
         left = succeed(machine, f"ldconfig; {FILES.strip()} >/tmp/after; diff /tmp/before /tmp/after || true\n"
@@ -63,24 +68,32 @@ def an_upgrade_ends_the_old_service():
     with debian().machine() as machine:
         put_packages(machine)
         succeed(machine, "dpkg --install /share/old/*.deb 2>&1")
-        succeed(machine, ASK)
-        before = service(machine)
-        expect(before["ActiveState"] == "active" and before["Environment"] == "RELEASE=before",
-               "the service of the release before runs", before)
+        before = {}
+        for name, question in SERVICES.items():
+            succeed(machine, question)
+            before[name] = service(machine, name)
+            expect(before[name]["ActiveState"] == "active" and before[name]["Environment"] == "RELEASE=before",
+                   "the service of the release before runs", before)
         output = succeed(machine, "dpkg --install /share/new/*.deb 2>&1")
-        after = service(machine)
-        expect(after["ActiveState"] == "active" and after["MainPID"] != before["MainPID"],
-               "the service was started anew", f"{before}\n{after}\n{output}")
-        expect(after["Environment"] == "" and after["NeedDaemonReload"] == "no", "with its new unit", after)
-        succeed(machine, f"! [ -e /proc/{before['MainPID']} ]")
-        program = succeed(machine, f"readlink /proc/{after['MainPID']}/exe")
-        expect(program == "/usr/sbin/fw-privileged", "it is the new program", program)
-        succeed(machine, ASK)
-        expect(service(machine)["MainPID"] == after["MainPID"], "and serves", service(machine))
+        for name, question in SERVICES.items():
+            expect_new(machine, name, before[name], output)
+            succeed(machine, question)
+            after = service(machine, name)
+            expect(after["ActiveState"] == "active" and after["NRestarts"] == "0", "and serves", after)
 
 
-def service(machine):
-    lines = succeed(machine, "systemctl show --property ActiveState,MainPID,Environment,NeedDaemonReload fw-privileged")
+def expect_new(machine, name, before, output):
+    after = service(machine, name)
+    expect(after["ActiveState"] == "active" and after["MainPID"] != before["MainPID"],
+           "the service was started anew", f"{before}\n{after}\n{output}")
+    expect(after["Environment"] == "" and after["NeedDaemonReload"] == "no", "with its new unit", after)
+    succeed(machine, f"! [ -e /proc/{before['MainPID']} ]")
+    program = succeed(machine, f"readlink /proc/{after['MainPID']}/exe")
+    expect(program == f"/usr/sbin/{name}", "it is the new program", program)
+
+
+def service(machine, name):
+    lines = succeed(machine, f"systemctl show --property ActiveState,MainPID,Environment,NeedDaemonReload,NRestarts {name}")
     return dict(line.split("=", 1) for line in lines.splitlines())
 
 
