@@ -23,9 +23,9 @@ FIRMWARE = "tunerfw.flash"
 KEY = "--key-file /usr/share/fw-update/package.key"
 
 
-def record_update(machine, make, mount_options):
+def record_update(machine, make, mount_options, careless=""):
     """Records an update whose firmware is written to a disk of its own: what the firmware was
-    before and is then."""
+    before and is then. careless: the care that is taken away from it."""
     succeed(machine, f"""
       fw-update update libtuner
       head -c 200000 /dev/urandom >/root/new.bin
@@ -39,6 +39,10 @@ def record_update(machine, make, mount_options):
     share = machine.share
     shutil.copy(share / "base", share / "disk")
     machine.attach(share / "disk", share / "record")
+    update = "fw-update update libtuner"
+    if careless:
+        programs.put(machine, programs.CARELESS)
+        update = f"LD_PRELOAD={programs.BUILD}/{programs.CARELESS} CARELESS={careless} {update}"
     succeed(machine, f"""
       disk=/dev/disk/by-id/virtio-attached
       for try in $(seq 300); do [ -e $disk ] && break; sleep 0.1; done
@@ -47,7 +51,7 @@ def record_update(machine, make, mount_options):
       sha256sum <{FLASH}{FIRMWARE} | cut -d' ' -f1 >/share/old
       sync
       mark {BEGIN}
-      fw-update update libtuner
+      {update}
       mark {UPDATED}
       sha256sum <{FLASH}{FIRMWARE} | cut -d' ' -f1 >/share/new
       umount {FLASH}""")
@@ -83,10 +87,10 @@ def judge(contents, trees, old, new):
     return seen
 
 
-def cut(make, kind, mount_options, options=""):
-    programs.build(pathlib.Path(programs.PLAYER).name)
+def cut(make, kind, mount_options, options="", careless=""):
+    programs.build(*(pathlib.Path(program).stem for program in (programs.PLAYER, programs.CARELESS)))
     with patient_set() as machine:
-        old, new = record_update(machine, make, mount_options)
+        old, new = record_update(machine, make, mount_options, careless)
         expect(old != new, "the record is of another firmware")
         contents = play(machine, kind, options)
         seen = judge(contents, machine.share / "trees", old, new)
@@ -96,10 +100,20 @@ def cut(make, kind, mount_options, options=""):
         return seen
 
 
+def cut_on_ext4(careless=""):
+    # Without what this file system does by itself for careless programs.
+    return cut("mkfs.ext4 -q -F -E lazy_itable_init=0,lazy_journal_init=0,nodiscard", "ext4",
+               "-o noatime,noauto_da_alloc", "noauto_da_alloc", careless)
+
+
 def a_power_cut_at_every_write_leaves_the_old_or_the_new_firmware():
-    seen = cut("mkfs.ext4 -q -F -E lazy_itable_init=0,lazy_journal_init=0,nodiscard", "ext4",
-               "-o noatime,noauto_da_alloc", "noauto_da_alloc")
+    seen = cut_on_ext4()
     expect(seen["broken"] == 0, "the firmware is the old or the new one, and the new one after success", seen)
+
+
+def a_power_cut_breaks_an_update_that_puts_no_file_on_the_disk():
+    seen = cut_on_ext4("file")
+    expect(seen["broken"] > seen["old"] > 0, "firmware is torn, and old after success", seen)
 
 
 def a_power_cut_breaks_firmware_that_lies_on_vfat():
@@ -129,5 +143,6 @@ def a_usb_drive_is_read_and_not_written():
 
 
 TESTS = (a_power_cut_at_every_write_leaves_the_old_or_the_new_firmware,
+         a_power_cut_breaks_an_update_that_puts_no_file_on_the_disk,
          a_power_cut_breaks_firmware_that_lies_on_vfat,
          a_usb_drive_is_read_and_not_written)

@@ -11,6 +11,7 @@ from support import debian, expect, succeed
 
 BUILD = made_set.TREE / "build" / "i386"
 PLAYER = "tests/power-cut-states"
+CARELESS = "tests/modules/careless.so"
 # What a test program looks for beside itself.
 MODULES = ("lib/lib*.so*", "modules/*.so", "tests/modules/*.so")
 LIMIT = 1200  # seconds for one program
