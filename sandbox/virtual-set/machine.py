@@ -18,6 +18,7 @@ import time
 RUN_LIMIT = 1800
 BOOT_LIMIT = 900
 COMMAND_LIMIT = 300
+OUT_OF_TIME = 124  # as timeout(1) ends
 KERNEL_WORDS = ("root=LABEL=root rw console=ttyS0 quiet panic=-1 systemd.show_status=0 mitigations=off "
                 "cryptomgr.notests tsc=reliable no_timer_check")
 # A kept state is only for a machine of the same devices, at the same addresses.
@@ -131,7 +132,8 @@ class Machine:
         self.host = self._work / "host"
         self.host.mkdir()
         self.share = pathlib.Path(share).resolve() if share else self._work / "share"
-        self.share.mkdir(exist_ok=True)
+        if not share:
+            self.share.mkdir()
         self._console = self._work / "console.log"
         self._disk = disk or self._work / "root.qcow2"
         self._below, self._form, self._limit = below, form, limit
@@ -184,7 +186,15 @@ class Machine:
     def runs(self):
         return self._process is not None and self._process.poll() is None
 
+    def ran_out_of_time(self):
+        """Whether its limit was why it ended, or ends."""
+        with contextlib.suppress(subprocess.TimeoutExpired):
+            return self._process is not None and self._process.wait(10) == OUT_OF_TIME
+        return False
+
     def last_words(self):
+        if not self.runs() and self.ran_out_of_time():
+            return f": it had run for its limit of {self._limit} s"
         return f"; its console's last lines:\n{self.console()[-1500:]}" if self.console() else ""
 
     def console(self):
@@ -307,5 +317,6 @@ class Machine:
             self._process.kill()
         for handle in (self._monitor, self._line):
             if handle is not None:
-                handle.close()
+                with contextlib.suppress(OSError):  # what was to be said is not heard any more
+                    handle.close()
         shutil.rmtree(self._work, ignore_errors=True)

@@ -73,6 +73,8 @@ def chosen(options):
 @contextlib.contextmanager
 def started(options, limit):
     """The machine that the options ask for."""
+    if options.share and not options.share.is_dir():
+        raise MachineError(f"{options.share} is no directory")
     settings = {"boot": options.boot, "share": options.share, "limit": options.limit or limit}
     with chosen(options).machine(**settings) as machine:
         if options.drive:
@@ -108,10 +110,13 @@ def shell(options):
         try:
             if before is not None:
                 tty.setraw(0)
-            talk(machine, job)
+            with contextlib.suppress(ConnectionError):  # the machine's end
+                talk(machine, job)
         finally:
             if before is not None:
                 termios.tcsetattr(0, termios.TCSADRAIN, before)
+        if job.code() is None and machine.ran_out_of_time():
+            raise MachineError(f"the machine ended{machine.last_words()}")
         return job.code() or 0
 
 

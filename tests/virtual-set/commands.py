@@ -52,6 +52,9 @@ def a_shared_directory_and_a_drive_are_found():
         expect((code, output) == (0, "here\n"), "the drive is mounted when the command begins", output + errors)
         code, output, errors = virtual_set("run", "--drive", f"{share}/another", "true")
         expect(code == 125 and "another" in errors, "a drive that is not there is named", output + errors)
+        code, output, errors = virtual_set("run", "--share", f"{share}/another", "true")
+        expect(code == 125 and "another is no directory" in errors, "so is a directory", output + errors)
+        expect(os.listdir(share) == ["drive"], "and none is made")
 
 
 def a_set_that_is_started_anew_runs_the_same():
@@ -65,6 +68,12 @@ def a_set_that_is_started_anew_runs_the_same():
 def a_shell_takes_commands_and_ends():
     code, output, errors = virtual_set("shell", input="echo $((6 * 7))\nexit 5\n", stdin=None)
     expect(code == 5 and "\n42" in output, "the shell did what was typed", output + errors)
+
+
+def a_limit_ends_it_and_is_named():
+    for words, typed in ((["run", "--limit", "20", "sleep", "1000"], None), (["shell", "--limit", "20"], "sleep 1000\n")):
+        code, output, errors = virtual_set(*words, input=typed, **({"stdin": None} if typed else {}))
+        expect(code == 125 and errors.endswith("it had run for its limit of 20 s\n"), "the last line says why", output + errors)
 
 
 @contextlib.contextmanager
@@ -96,4 +105,5 @@ TESTS = (a_command_has_its_output_and_exit_code,
          a_shared_directory_and_a_drive_are_found,
          a_set_that_is_started_anew_runs_the_same,
          a_shell_takes_commands_and_ends,
+         a_limit_ends_it_and_is_named,
          an_ordinary_user_makes_it_and_runs_it)
