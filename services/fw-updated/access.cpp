@@ -46,12 +46,13 @@ sdbus::Error notPermitted(Action action) {
                                     ". Root may, and the members of the group " + kGroup + ".");
 }
 
-// There is no polkit on this bus, or none that starts.
+// There is no polkit on this bus, or it is switched off.
 bool isAbsent(const sdbus::Error& error) {
   constexpr const char* kAbsent[] = {
       "org.freedesktop.DBus.Error.ServiceUnknown",
       "org.freedesktop.DBus.Error.NameHasNoOwner",
       "org.freedesktop.systemd1.NoSuchUnit",
+      "org.freedesktop.systemd1.UnitMasked",
   };
   return std::find(std::begin(kAbsent), std::end(kAbsent), error.getName()) != std::end(kAbsent);
 }
