@@ -92,12 +92,13 @@ void Occasions::begin() {
 }
 
 void Occasions::look(Asking asking) {
+  ++looks_;
   queries_.ask({"pending"}, [this, asking](const ToolAnswer& answer) {
     if (!answer.problem.empty()) {
       std::cerr << "What is to be updated is not known: " << answer.problem << "\n";
     }
     act(offersIn(answer.document), asking);
-    isLooking_ = false;
+    --looks_;
     releaseWhenIdle();
   });
 }
@@ -121,12 +122,11 @@ void Occasions::lookAtDrive(const std::string& folder) {
 
 // Nobody is there to be asked any more.
 void Occasions::lookBeforeTheEnd() {
-  isLooking_ = true;
   look(Asking::Pointless);
 }
 
 void Occasions::releaseWhenIdle() {
-  if (sleep_ && !isLooking_ && jobs_.isIdle()) {
+  if (sleep_ && looks_ == 0 && jobs_.isIdle()) {
     sleep_->release();
   }
 }

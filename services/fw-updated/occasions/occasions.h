@@ -65,7 +65,7 @@ class Occasions {
   const Announce announce_;
   std::map<std::uint64_t, Offer> asked_;         // by the job that asks
   std::map<std::string, std::string> declined_;  // the versions, by module
-  bool isLooking_ = false;                       // before standby or shutdown
+  int looks_ = 0;                                // that have no answer yet
   std::unique_ptr<DailyWindow> window_;
   std::unique_ptr<DriveWatch> drives_;
   std::unique_ptr<SleepWatch> sleep_;

@@ -26,6 +26,7 @@ void SleepWatch::listen(const char* signal, const Step& step) {
     return;
   }
   logind_->uponSignal(signal).onInterface(kManager).call([this, &step](bool begins) {
+    isWaitedFor_ = begins;
     if (begins) {
       step();
     } else {
@@ -51,8 +52,11 @@ void SleepWatch::hold() {
       });
 }
 
+// Not whenever there is nothing to do: the next shutdown would not wait.
 void SleepWatch::release() {
-  inhibitor_.reset();
+  if (isWaitedFor_) {
+    inhibitor_.reset();
+  }
 }
 
 }  // namespace updated

@@ -21,7 +21,7 @@ class SleepWatch {
   SleepWatch(const SleepWatch&) = delete;
   SleepWatch& operator=(const SleepWatch&) = delete;
 
-  // What was to be done before is done: logind may go on.
+  // What was to be done before is done: logind may go on, if it waits.
   void release();
 
  private:
@@ -32,6 +32,7 @@ class SleepWatch {
   const Step shutdown_;
   const std::unique_ptr<sdbus::IProxy> logind_;
   sdbus::UnixFd inhibitor_;
+  bool isWaitedFor_ = false;  // logind waits for its release
 };
 
 }  // namespace updated

@@ -277,6 +277,21 @@ def LetsAStandbyGoOnWhenThereIsNothingToDo():
     wait_for(lambda: logind.inhibitors() == [("sleep", "fw-updated", "delay")], "the next standby waits as well")
 
 
+def HasAShutdownWaitAlsoAfterItWasAskedForUpdates():
+    connection = Bus().connect()
+    logind = Logind(connection)
+    configure("before-shutdown = yes\n")
+    Service(connection)
+    client = Client(connection)
+    wait_for(lambda: logind.inhibitors() == [("shutdown", "fw-updated", "delay")], "the inhibitor")
+
+    # When the second is done the service has had nothing to do, once at least.
+    for outcome in ("updated", "nothing-to-do"):
+        equal(client.result(client.manager().Update("libtuner", "", ""))["Outcome"], outcome)
+
+    equal(logind.inhibitors(), [("shutdown", "fw-updated", "delay")])
+
+
 def ServesOnWithoutLogind():
     _, client = start("before-shutdown = yes\n")
 
