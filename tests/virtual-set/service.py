@@ -175,6 +175,16 @@ def a_job_that_is_killed_with_its_service_is_interrupted():
         expect_another_update(machine)
 
 
+def a_job_is_interrupted_by_a_restart_of_the_set():
+    with patient_set() as machine:
+        begin_slow_update(machine)
+        starts = machine.console().count("set-job: ready")
+        machine.start("systemctl reboot")
+        machine.wait_until_ready(starts + 1)
+        expect_interrupted(machine)
+        expect_another_update(machine)
+
+
 def a_job_is_interrupted_by_a_power_cut():
     with patient_set() as machine:
         begin_slow_update(machine)
@@ -189,4 +199,5 @@ TESTS = (the_update_service_starts_with_a_request_and_keeps_to_its_unit,
          groups_decide_where_polkit_is_switched_off,
          a_job_goes_on_while_its_service_is_restarted,
          a_job_that_is_killed_with_its_service_is_interrupted,
+         a_job_is_interrupted_by_a_restart_of_the_set,
          a_job_is_interrupted_by_a_power_cut)
