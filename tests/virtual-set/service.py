@@ -193,6 +193,26 @@ def a_job_is_interrupted_by_a_power_cut():
         expect_another_update(machine)
 
 
+def a_shutdown_waits_for_the_updates_that_come_before_it():
+    with patient_set() as machine:
+        add_settings(machine, "/etc/systemd/logind.conf.d/patient.conf", f"[Login]\nInhibitDelayMaxSec={LIMIT}")
+        add_settings(machine, "/etc/fw-update/fw-updated.conf",
+                     "at-start = no\nbefore-shutdown = yes\nsecurity = do\nfeature = do")
+        held = succeed(machine, f"systemctl restart systemd-logind; systemctl enable --quiet --now {UNIT}\n"
+                                f"for try in $(seq {LIMIT}); do\n"
+                                "  systemd-inhibit --list --no-legend --no-pager | grep fw-updated && exit; sleep 0.2\n"
+                                "done; exit 1")
+        expect("shutdown" in held and "delay" in held, "logind waits for the service", held)
+        expect(versions(machine)["libtuner"] == "0.0.0", "nothing is updated before that")
+        starts = machine.console().count("set-job: ready")
+        machine.start("systemctl reboot")
+        machine.wait_until_ready(starts + 1)
+        seen = [(entry["way"], entry["module"], entry["outcome"]) for entry in history(machine)]
+        expect(("service", "libtuner", "updated") in seen, "the update was over before the set went", seen)
+        expect(versions(machine)["libtuner"] == "2.0.0", "and the firmware is the new one", versions(machine))
+        nothing_is_left(machine)
+
+
 TESTS = (the_update_service_starts_with_a_request_and_keeps_to_its_unit,
          an_update_service_that_hangs_is_started_anew,
          polkit_decides_who_may_update,
@@ -200,4 +220,5 @@ TESTS = (the_update_service_starts_with_a_request_and_keeps_to_its_unit,
          a_job_goes_on_while_its_service_is_restarted,
          a_job_that_is_killed_with_its_service_is_interrupted,
          a_job_is_interrupted_by_a_restart_of_the_set,
-         a_job_is_interrupted_by_a_power_cut)
+         a_job_is_interrupted_by_a_power_cut,
+         a_shutdown_waits_for_the_updates_that_come_before_it)
