@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <charconv>
 #include <cstring>
 #include <exception>
 #include <filesystem>
@@ -156,6 +157,13 @@ std::string answerText(int answer) {
   const bool isErrorNumber =
       answer < -1 && answer > -kGreatestErrorNumber && strerrorname_np(-answer) != nullptr;
   return std::to_string(answer) + (isErrorNumber ? " (" + std::string(strerrordesc_np(-answer)) + ")" : "");
+}
+
+std::string answerText(const std::string& answer) {
+  int number = 0;
+  const char* const end = answer.data() + answer.size();
+  const auto read = std::from_chars(answer.data(), end, number);
+  return read.ec == std::errc() && read.ptr == end ? answerText(number) : answer;
 }
 
 Finding unknownVersion(const std::string& name, int result) {

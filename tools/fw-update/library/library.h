@@ -33,6 +33,8 @@ std::optional<Finding> moduleProblem(const Library& library, const std::string& 
 
 // "-74 (Bad message)": a module's answer with what it means, when it is an error number of the system.
 std::string answerText(int answer);
+// The same of the number in the library's message; what is none stays.
+std::string answerText(const std::string& answer);
 // For a module that answered something else than 0 when it was asked for its version.
 Finding unknownVersion(const std::string& name, int result);
 

@@ -2,7 +2,6 @@
 #include "library/log-meanings.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <cstring>
 #include <string_view>
 
@@ -23,7 +22,7 @@ std::optional<std::string> valueOf(const std::string& name, const LogMessage& me
     return std::strerror(message.errorNumber);
   }
   if (name == "answer") {
-    return message.arguments.size() > 1 ? answerText(std::atoi(message.arguments[1].c_str())) : "?";
+    return message.arguments.size() > 1 ? answerText(message.arguments[1]) : "?";
   }
   const auto limit = timeLimit(all);
   if (name == "expected" || name == "limit") {

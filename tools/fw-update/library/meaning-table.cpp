@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <iterator>
 
@@ -46,8 +45,7 @@ bool unreadable(const LogMessage& message) {
 
 // Then it tells more than the system's last error, which may be older than the failure.
 bool answersErrorNumber(const LogMessage& message) {
-  return message.arguments.size() > 1 &&
-         answerText(std::atoi(message.arguments[1].c_str())) != message.arguments[1];
+  return message.arguments.size() > 1 && answerText(message.arguments[1]) != message.arguments[1];
 }
 
 bool withErrorText(const LogMessage& message) {
