@@ -177,7 +177,7 @@ const Case kCases[] = {
     {"WriteFailed",
      {message("Error: %s Firmware doUpdate Fail %d (%d:%m)", {"tunerfw", "-5", "5", "I/O"}, EIO)},
      Outcome::ModuleFailed,
-     "answered -5 (I/O)."},
+     "answered -5 (Input/output error)."},
     {"WriteFailedWithoutErrno",
      {message("Error: %s Firmware doUpdate Fail %d (%d:%m)", {"tunerfw", "9", "0", "Success"})},
      Outcome::ModuleFailed,
