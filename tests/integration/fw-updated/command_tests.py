@@ -32,8 +32,9 @@ def equal(seen, expected):
     assert seen == expected, f"\n{seen!r}\ninstead of\n{expected!r}"
 
 
-def run(*words):
-    done = subprocess.run(["fw-update", *words], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, check=False)
+def run(*words, **environment):
+    done = subprocess.run(["fw-update", *words], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, check=False,
+                          env={**os.environ, **environment})
     return Ended(done.returncode, done.stdout, done.stderr)
 
 
@@ -330,7 +331,9 @@ def SaysThatThereIsNoServiceOrNoBus():
     bus.connect()
 
     nobody = run("list", "--service")
-    nowhere = run("jobs", "--bus", "unix:path=/run/no-bus")
+    # sdbus-c++ 1.2 does not free a bus that could not be opened.
+    nowhere = run("jobs", "--bus", "unix:path=/run/no-bus",
+                  ASAN_OPTIONS=os.environ.get("ASAN_OPTIONS", "") + ":detect_leaks=0")
 
     equal(nobody, Ended(1, "", "fw-update: No update service is on the bus.\nStart it: systemctl start fw-updated. "
                                "Without --service the command works by itself.\n"))
