@@ -44,6 +44,8 @@ constexpr struct {
      "The bus cannot be reached: ", "See whether the system bus runs, or name another: --bus ADDRESS."},
     {"System.Error.", ServiceOutcome::NoService,
      "The bus cannot be reached: ", "See whether the system bus runs, or name another: --bus ADDRESS."},
+    {"org.freedesktop.DBus.Error.Disconnected", ServiceOutcome::NoService,
+     "The bus cannot be reached: ", "See whether the system bus runs, or name another: --bus ADDRESS."},
     {"org.freedesktop.DBus.Error.ServiceUnknown", ServiceOutcome::NoService,
      "No update service is on the bus.", kWithout},
     {"org.freedesktop.DBus.Error.NameHasNoOwner", ServiceOutcome::NoService,
