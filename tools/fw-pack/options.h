@@ -17,7 +17,7 @@ struct Options {
   std::string version;
   unsigned int expectedTime = 0;
   std::string updateClass;  // empty: it is not stated
-  std::string name;  // a firmware name, or a package identifier
+  std::string name;         // a firmware name, or a package identifier
   std::string model;
   std::string minimumVersion;
   int format = fwpackage::kNewestFormat;

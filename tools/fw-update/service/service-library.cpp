@@ -22,8 +22,9 @@ std::string libraryPath() {
 }  // namespace
 
 std::unique_ptr<ServiceClient> openService(const std::string& bus) {
-  void* const library = dlopen(libraryPath().c_str(), RTLD_NOW | RTLD_LOCAL);
-  void* const found = library != nullptr ? dlsym(library, kMakeServiceClient) : nullptr;
+  // Kept: the client's code lies in it.
+  static void* const kLibrary = dlopen(libraryPath().c_str(), RTLD_NOW | RTLD_LOCAL);
+  void* const found = kLibrary != nullptr ? dlsym(kLibrary, kMakeServiceClient) : nullptr;
   if (found == nullptr) {
     const char* const reason = dlerror();
     throw frame::Failure(Outcome::Unexpected,
