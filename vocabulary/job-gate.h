@@ -22,7 +22,7 @@ inline constexpr char kGateVariable[] = "FW_UPDATE_JOB_GATE";
 inline constexpr char kAskedByVariable[] = "FW_UPDATE_ASKED_BY";
 
 // In that of one which is only to begin its entry in the history and to end: the command of the
-// job was killed before it could.
+// job was killed before it could. The number of the service's process.
 inline constexpr char kOnlyEntryVariable[] = "FW_UPDATE_ONLY_ENTRY";
 
 class Gate {

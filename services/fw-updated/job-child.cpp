@@ -71,7 +71,7 @@ std::vector<std::string> argumentsFor(const Tool& tool, const Request& request) 
 }
 
 std::vector<std::string> environmentForEntry(const Request& request) {
-  return {std::string(fwjobs::kOnlyEntryVariable) + "=1",
+  return {std::string(fwjobs::kOnlyEntryVariable) + "=" + std::to_string(getpid()),
           std::string(fwjobs::kAskedByVariable) + "=" + std::to_string(request.user)};
 }
 

@@ -118,6 +118,7 @@ int perform(int argc, char** argv) {
   if (options.service) {
     return runElsewhere(parsed, options);
   }
+  endWithServiceForEntry();
   UpdateRecord::instance().begin(parsed.name, options);
   if (isForEntryAlone()) {
     return put(frame::Report(Outcome::Ok), parsed.name, options, {});

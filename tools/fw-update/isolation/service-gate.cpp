@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "isolation/service-gate.h"
 
+#include <sys/prctl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -46,6 +47,19 @@ std::optional<uid_t> askedThroughService() {
 
 bool isForEntryAlone() {
   return std::getenv(fwjobs::kOnlyEntryVariable) != nullptr;
+}
+
+void endWithServiceForEntry() {
+  const char* const text = std::getenv(fwjobs::kOnlyEntryVariable);
+  if (text == nullptr) {
+    return;
+  }
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  pid_t service = 0;
+  std::from_chars(text, text + std::strlen(text), service);
+  if (getppid() != service) {
+    _exit(EXIT_FAILURE);
+  }
 }
 
 void passServiceGate(fwmessages::Event event) {

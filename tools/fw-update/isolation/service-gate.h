@@ -17,6 +17,9 @@ std::optional<uid_t> askedThroughService();
 
 // Only the command's entry is wanted.
 bool isForEntryAlone();
+// Then the process ends with the service that wants it: one that is started after that has an
+// entry made itself, and there would be two. Does not return when the service has ended already.
+void endWithServiceForEntry();
 
 // A module is about to be reached, when the event says so. Does not return when the job has been
 // cancelled before: the process ends then, as a signal would end it.
