@@ -6,6 +6,7 @@ On a device: what the update service costs, as one JSON object of lists. "direct
 of the tuner's update, by fw-update itself and by a job until it is said to be done. UPDATES-ALONE: 1
 leaves start, memory and idling out.
 """
+import atexit
 import json
 import os
 import pathlib
@@ -27,7 +28,10 @@ COMMAND = ["fw-update", "update", "libtuner", "--isolated", "--progress", "ndjso
 
 class Bus:
     def __init__(self):
-        subprocess.run(["dbus-daemon", "--session", "--fork", "--nosyslog", "--address=" + ADDRESS], check=True)
+        daemon = subprocess.Popen(["dbus-daemon", "--session", "--nofork", "--nosyslog", "--print-address=1",
+                                   "--address=" + ADDRESS], stdout=subprocess.PIPE)
+        daemon.stdout.readline()  # it can be reached
+        atexit.register(daemon.terminate)
         dbus.mainloop.glib.DBusGMainLoop(set_as_default=True)
         self.connection = dbus.bus.BusConnection(ADDRESS)
         self.loop = GLib.MainLoop()
