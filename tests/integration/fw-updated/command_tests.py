@@ -343,6 +343,13 @@ def SaysThatThereIsNoServiceOrNoBus():
     equal(json.loads(run("update", "libtuner", "--service", "--json").output)["outcome"], "no-service")
 
 
+def BeginsNoEntryForAServiceThatHasEnded():
+    ended = run("update", "libtuner", FW_UPDATE_ONLY_ENTRY="999999")
+
+    equal(ended, Ended(1, "", ""))
+    equal(json.loads(run("history", "--json").output)["entries"], [])
+
+
 def SaysThatAccessIsRefused():
     need_other_users()
     _, client = start()

@@ -34,18 +34,18 @@ constexpr char kWithout[] =
 
 // ---- What cannot be asked -----------------------------------------------------------
 
+constexpr char kUnreachable[] = "The bus cannot be reached: ";
+constexpr char kSeeBus[] = "See whether the system bus runs, or name another: --bus ADDRESS.";
+
 constexpr struct {
   const char* error;  // its name on the bus; one that ends with a dot stands for all that begin so
   frame::Ending ending;
   const char* sentence;  // null: the service's own
   const char* remedy;
 } kRefusals[] = {
-    {kNoBus, ServiceOutcome::NoService,
-     "The bus cannot be reached: ", "See whether the system bus runs, or name another: --bus ADDRESS."},
-    {"System.Error.", ServiceOutcome::NoService,
-     "The bus cannot be reached: ", "See whether the system bus runs, or name another: --bus ADDRESS."},
-    {"org.freedesktop.DBus.Error.Disconnected", ServiceOutcome::NoService,
-     "The bus cannot be reached: ", "See whether the system bus runs, or name another: --bus ADDRESS."},
+    {kNoBus, ServiceOutcome::NoService, kUnreachable, kSeeBus},
+    {"System.Error.", ServiceOutcome::NoService, kUnreachable, kSeeBus},
+    {"org.freedesktop.DBus.Error.Disconnected", ServiceOutcome::NoService, kUnreachable, kSeeBus},
     {"org.freedesktop.DBus.Error.ServiceUnknown", ServiceOutcome::NoService,
      "No update service is on the bus.", kWithout},
     {"org.freedesktop.DBus.Error.NameHasNoOwner", ServiceOutcome::NoService,
