@@ -5,17 +5,17 @@
 #include <cstdlib>
 #include <string>
 
-#include "failure.h"
 #include "fuzz-target.h"
 #include "response.h"
+#include "trouble.h"
 
 namespace {
 
-using fwdownload::ContentRange;
-using fwdownload::parseContentRange;
-using fwdownload::readHeaderLine;
-using fwdownload::Response;
-using fwdownload::validatorOf;
+using transfer::ContentRange;
+using transfer::parseContentRange;
+using transfer::readHeaderLine;
+using transfer::Response;
+using transfer::validatorOf;
 
 // Each with its end, as it came.
 std::vector<std::string> linesOf(std::string_view input) {
@@ -48,8 +48,8 @@ void holdAgainstText(const Response& response) {
   }
   fuzz::require(response.etag.rfind("W/", 0) != 0 || validatorOf(response).empty(),
                 "a weak tag marks nothing");
-  fuzz::require(response.length >= fwdownload::kUnknownLength, "a length is not negative");
-  fuzz::require(response.length == fwdownload::kUnknownLength || response.hasEnd,
+  fuzz::require(response.length >= transfer::kUnknownLength, "a length is not negative");
+  fuzz::require(response.length == transfer::kUnknownLength || response.hasEnd,
                 "what has a length has an end");
 }
 
@@ -77,8 +77,8 @@ bool accepts(std::string_view input) {
       allText = allText && isText(line);
       readHeaderLine(line, response);
     }
-  } catch (const fwdownload::Failure& failure) {
-    require(failure.reason() == fwdownload::Reason::Protocol, "a server is to blame for its headers");
+  } catch (const transfer::Failure& failure) {
+    require(failure.trouble() == transfer::Trouble::Protocol, "a server is to blame for its headers");
     return false;
   }
   require(allText, "a header with a control character is refused");

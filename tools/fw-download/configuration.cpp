@@ -54,7 +54,7 @@ void setUrl(Configuration& configuration, const std::string& value) {
   if (value.find_first_of("?#") != std::string::npos) {
     throw std::string("must not have a \"?\" or \"#\": the image's name is put behind it");
   }
-  const auto url = parseUrl(value);
+  const auto url = transfer::parseUrl(value);
   if (!url) {
     throw std::string(
         "is no valid address; in a user or password, write \"@\", \":\", \"/\" and the like as %40");

@@ -14,6 +14,13 @@
 namespace fwdownload {
 namespace {
 
+using transfer::kUnknownLength;
+using transfer::parseContentRange;
+using transfer::parseUrl;
+using transfer::shown;
+using transfer::Url;
+using transfer::validatorOf;
+
 // Stays free for the rest of the system.
 constexpr std::int64_t kSpaceReserve = std::int64_t{1} * 1024 * 1024;
 constexpr int kPartialContent = 206;

@@ -1,17 +1,21 @@
 // SPDX-License-Identifier: Apache-2.0
-// One request to one address, with libcurl. It follows no redirect and knows nothing
-// of files: what comes is handed on as it comes. One object, one request, one thread.
+// One request for a package, or for the rest of one, as the configuration wants it made. Follows no
+// redirect. Stateless.
 #ifndef FW_DOWNLOAD_TRANSFER_H
 #define FW_DOWNLOAD_TRANSFER_H
 
-#include <cstddef>
 #include <cstdint>
 #include <string>
 
 #include "configuration.h"
+#include "exchange.h"
 #include "response.h"
 
 namespace fwdownload {
+
+using transfer::Answer;
+using transfer::Receiver;
+using transfer::Response;
 
 struct Request {
   std::string url;
@@ -19,23 +23,8 @@ struct Request {
   std::string validator;
 };
 
-// Where what comes goes. Either operation may throw Failure, which ends the transfer
-// and comes out of Perform.
-class Receiver {
- public:
-  virtual ~Receiver() = default;
-  // Once, before any bytes, for an answer of 200 or 206.
-  virtual void begin(const Response& response) = 0;
-  virtual void take(const char* bytes, std::size_t count) = 0;
-};
-
-struct Answer {
-  int code = 0;
-  std::string redirectedTo;  // absolute; empty when there is none
-};
-
 // Throws Failure: when there is no connection, or when what comes is not what the
-// server announced.
+// server announced; and what the receiver throws.
 Answer perform(const Request& request, const Configuration& configuration, Receiver& receiver);
 
 }  // namespace fwdownload

@@ -307,6 +307,7 @@ TEST_F(OddAnswers, ADripIsTakenUpAgainAsOftenAsTheConfigurationSays) {
   expectFailure(download(), "too-slow", "sent less than 1024 bytes a second for 1 s.");
 
   EXPECT_THAT(server.requests(), SizeIs(3));
+  EXPECT_THAT(server.requests().back(), Not(HasSubstr("Range:"))) << "of a file without a mark";
   EXPECT_THAT(files(), IsEmpty());
   EXPECT_EQ(download().exitCode, 0);
 }

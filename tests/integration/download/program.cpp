@@ -115,6 +115,20 @@ TEST_F(DownloadProgram, AnswersBeforeTheDownloadEnds) {
   waitForEnd();
 }
 
+// Room for the lock and for the first status, not for another one beside it.
+TEST_F(DownloadProgram, GoesOnWhenItsStatusCannotBeWritten) {
+  configure("file://" + serveFile(kWifi + ".img", makeImage(1000)));
+  fs::create_directories(fwplatform::kDownloadStatusDirectory);
+  const TemporaryMount status = TemporaryMount::memory(fwplatform::kDownloadStatusDirectory, "nr_inodes=3");
+
+  const auto result = runProgram({{FW_DOWNLOAD_PROGRAM, kWifi}, "/", 0, {"FW_UPDATE_LOG=stderr"}});
+
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_EQ(readFile(kImage).size(), 1000U);
+  EXPECT_THAT(result.error,
+              HasSubstr("download of wifiempfw: its status cannot be written: No space left on device"));
+}
+
 TEST_F(DownloadProgram, AnswersWhyItDoesNot) {
   const auto result = answer(kWifi);
 

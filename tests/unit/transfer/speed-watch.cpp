@@ -6,7 +6,7 @@
 namespace {
 
 using namespace std::chrono_literals;
-using fwdownload::SpeedWatch;
+using transfer::SpeedWatch;
 
 // Some time after the clock's beginning.
 const SpeedWatch::Time kStart{1000s};

@@ -3,16 +3,16 @@
 
 #include <gtest/gtest.h>
 
-#include "failure.h"
+#include "trouble.h"
 
 namespace {
 
-using fwdownload::isHeaderText;
-using fwdownload::kUnknownLength;
-using fwdownload::parseContentRange;
-using fwdownload::readHeaderLine;
-using fwdownload::Response;
-using fwdownload::validatorOf;
+using transfer::isHeaderText;
+using transfer::kUnknownLength;
+using transfer::parseContentRange;
+using transfer::readHeaderLine;
+using transfer::Response;
+using transfer::validatorOf;
 
 Response read(std::initializer_list<std::string> lines) {
   Response response;
@@ -25,8 +25,8 @@ Response read(std::initializer_list<std::string> lines) {
 std::string refusal(std::initializer_list<std::string> lines) {
   try {
     read(lines);
-  } catch (const fwdownload::Failure& failure) {
-    EXPECT_EQ(failure.reason(), fwdownload::Reason::Protocol);
+  } catch (const transfer::Failure& failure) {
+    EXPECT_EQ(failure.trouble(), transfer::Trouble::Protocol);
     return failure.what();
   }
   return "taken";
@@ -64,6 +64,14 @@ TEST(DownloadResponse, EndsByItselfInChunks) {
 TEST(DownloadResponse, HasAnEmptyHeader) {
   EXPECT_EQ(read({"ETag:"}).etag, "");
   EXPECT_EQ(read({"ETag: \"a\"", "ETag:  \t "}).etag, "");
+}
+
+TEST(DownloadResponse, TakesAHeadersNameWithoutItsColonForNoHeader) {
+  const Response response = read({"ETag", "Content-Length", "Transfer-Encoding"});
+
+  EXPECT_EQ(response.etag, "");
+  EXPECT_EQ(response.length, kUnknownLength);
+  EXPECT_FALSE(response.hasEnd);
 }
 
 TEST(DownloadResponse, HasOneLengthThatIsANumber) {

@@ -1,15 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 // What a server says before it sends anything, read from the lines of its headers.
 // Plain values and stateless functions.
-#ifndef FW_DOWNLOAD_RESPONSE_H
-#define FW_DOWNLOAD_RESPONSE_H
+#ifndef TRANSFER_RESPONSE_H
+#define TRANSFER_RESPONSE_H
 
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
 
-namespace fwdownload {
+namespace transfer {
 
 inline constexpr std::int64_t kUnknownLength = -1;
 
@@ -21,6 +21,8 @@ struct Response {
   std::string lastModified;
   std::string date;
   std::string contentRange;
+  std::string contentType;
+  std::string retryAfter;
 };
 
 // Takes in one line, with its end. A status line begins anew: what came before it was
@@ -43,6 +45,6 @@ std::string validatorOf(const Response& response);
 // No line of a header may end before its end, nor have anything else that is no text.
 bool isHeaderText(std::string_view text);
 
-}  // namespace fwdownload
+}  // namespace transfer
 
 #endif

@@ -1,15 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 // Notices a transfer that goes on, but so slowly that it would never end. One transfer,
 // one thread; the caller says what time it is.
-#ifndef FW_DOWNLOAD_SPEED_WATCH_H
-#define FW_DOWNLOAD_SPEED_WATCH_H
+#ifndef TRANSFER_SPEED_WATCH_H
+#define TRANSFER_SPEED_WATCH_H
 
 #include <chrono>
 #include <cstdint>
 #include <optional>
 #include <utility>
 
-namespace fwdownload {
+namespace transfer {
 
 class SpeedWatch {
  public:
@@ -36,6 +36,6 @@ class SpeedWatch {
   std::int64_t before_ = 0;  // received, when the period began
 };
 
-}  // namespace fwdownload
+}  // namespace transfer
 
 #endif

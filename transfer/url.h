@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 // Addresses, taken apart by libcurl's own rules, so that nothing here understands one
 // differently from what is connected to. Stateless.
-#ifndef FW_DOWNLOAD_URL_H
-#define FW_DOWNLOAD_URL_H
+#ifndef TRANSFER_URL_H
+#define TRANSFER_URL_H
 
 #include <optional>
 #include <string>
 
-namespace fwdownload {
+namespace transfer {
 
 struct Url {
   std::string text;  // without user, password and what goes with them
@@ -29,6 +29,6 @@ std::string shown(const std::string& url);
 // sent to the other.
 bool sameServer(const std::string& url, const std::string& other);
 
-}  // namespace fwdownload
+}  // namespace transfer
 
 #endif

@@ -5,7 +5,7 @@
 
 #include <memory>
 
-namespace fwdownload {
+namespace transfer {
 namespace {
 
 struct FreeUrl {
@@ -74,4 +74,4 @@ bool sameServer(const std::string& url, const std::string& other) {
          first->port == second->port;
 }
 
-}  // namespace fwdownload
+}  // namespace transfer

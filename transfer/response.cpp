@@ -9,9 +9,9 @@
 #include <cstddef>
 #include <system_error>
 
-#include "failure.h"
+#include "trouble.h"
 
-namespace fwdownload {
+namespace transfer {
 namespace {
 
 // A date is a reliable mark of a file that had not changed for this long.
@@ -48,6 +48,8 @@ constexpr HeaderField kHeaders[] = {
     {"Last-Modified", &Response::lastModified},
     {"Date", &Response::date},
     {"Content-Range", &Response::contentRange},
+    {"Content-Type", &Response::contentType},
+    {"Retry-After", &Response::retryAfter},
 };
 
 std::int64_t parseLength(const std::string& text) {
@@ -55,7 +57,7 @@ std::int64_t parseLength(const std::string& text) {
   const char* const end = text.data() + text.size();
   const auto parsed = std::from_chars(text.data(), end, length);
   if (parsed.ec != std::errc() || parsed.ptr != end || length < 0) {
-    throw Failure(Reason::Protocol, "The server announced a length that is no number.");
+    throw Failure(Trouble::Protocol, "The server announced a length that is no number.");
   }
   return length;
 }
@@ -63,7 +65,7 @@ std::int64_t parseLength(const std::string& text) {
 void takeLength(const std::string& text, Response& response) {
   const std::int64_t length = parseLength(text);
   if (response.length != kUnknownLength && response.length != length) {
-    throw Failure(Reason::Protocol, "The server announced two different lengths.");
+    throw Failure(Trouble::Protocol, "The server announced two different lengths.");
   }
   response.length = length;
   response.hasEnd = true;
@@ -105,7 +107,7 @@ bool isHeaderText(std::string_view text) {
 void readHeaderLine(const std::string& line, Response& response) {
   const std::string content = withoutEnd(line);
   if (!isHeaderText(content)) {
-    throw Failure(Reason::Protocol, "The server sent a header with a control character in it.");
+    throw Failure(Trouble::Protocol, "The server sent a header with a control character in it.");
   }
   if (content.rfind("HTTP/", 0) == 0) {
     response = {};
@@ -151,4 +153,4 @@ std::string validatorOf(const Response& response) {
   return settled ? response.lastModified : "";
 }
 
-}  // namespace fwdownload
+}  // namespace transfer
