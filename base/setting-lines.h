@@ -4,6 +4,7 @@
 #ifndef FW_BASE_SETTING_LINES_H
 #define FW_BASE_SETTING_LINES_H
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -18,6 +19,19 @@ struct SettingLine {
 
 // Without lines that are empty or a comment.
 std::vector<SettingLine> settingLines(const std::string& content);
+
+struct SettingProblem {
+  int line = 0;  // 0: the file as a whole
+  std::string sentence;
+};
+
+// Gives each setting to take, which says what is wrong with it, and nothing when it was taken. A setting
+// that stands there twice is wrong as well.
+std::vector<SettingProblem> takeSettings(const std::string& content,
+                                         const std::function<std::string(const SettingLine&)>& take);
+
+// "FILE, line 3: ...", or "FILE: ...".
+std::string textOf(const SettingProblem& problem, const std::string& path);
 
 }  // namespace base
 

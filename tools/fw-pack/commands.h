@@ -3,6 +3,7 @@
 #ifndef FW_PACK_COMMANDS_H
 #define FW_PACK_COMMANDS_H
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -20,6 +21,7 @@ frame::Report runImage(const Options& options);
 frame::Report runEmp(const Options& options);
 frame::Report runUsb(const Options& options);
 frame::Report runKeygen(const Options& options);
+frame::Report runRelease(const Options& options);
 frame::Report runVerify(const Options& options);
 frame::Report runInspect(const Options& options);
 
@@ -40,6 +42,9 @@ frame::Report answer(const std::string& body, const Json::Value& details);
 Json::Value detailsOf(const image::Information& information);
 // "algorithm" and "keyId".
 void addSigner(Json::Value& details, const SigningKey& key);
+
+// The key that the command line names. Without one, nothing may be told that a signature states.
+std::optional<SigningKey> signerIfAny(const Options& options);
 
 // On standard error.
 void warn(const std::string& sentence);

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // fw-pack: makes firmware packages and says what they are.
 #include <algorithm>
+#include <limits>
 #include <string>
 
 #include "commands.h"
@@ -9,6 +10,7 @@
 #include "interruption.h"
 #include "module-names.h"
 #include "options.h"
+#include "release-list.h"
 
 namespace {
 
@@ -50,11 +52,7 @@ constexpr Option kVersion[] = {
     Option("--version TEXT", &Options::version, "The firmware's version")
         .required()
         .checked(versionProblem<kLongestVersion>),
-    Option("--expected-time SECONDS", &Options::expectedTime, "How long the update takes").required(),
-};
-
-// Of an extension package it would be read by nobody before the package is mounted.
-constexpr Option kClass[] = {
+    Option("--expected-time N", &Options::expectedTime, "How many seconds the update takes").required(),
     Option("--class CLASS", &Options::updateClass, "Of the update: ")
         .checked(fwpack::updateClassProblem)
         .of(fwpack::updateClasses),
@@ -74,6 +72,7 @@ constexpr Option kType[] = {
 
 constexpr Option kInto[] = {
     Option("--into DIR", &Options::output, "The directory to lay it out in").required(),
+    {"--signing-key FILE", &Options::signingKeyFile, "Sign it, in a file beside it; a private key: PEM"},
 };
 
 constexpr Option kIdentifier[] = {
@@ -123,12 +122,30 @@ constexpr Option kKey[] = {
     {"--public FILE", &Options::publicKeyFile, "Its public key; default: FILE.pem"},
 };
 
+std::string timeProblem(const std::string& text) {
+  return image::parseTime(text) ? "" : "a time is written 2026-12-31T23:59:59Z";
+}
+
+constexpr Option kRelease[] = {
+    Option("DIR", &Options::input, "Holds packages, and what fw-pack image made").required(),
+    Option("--number N", &Options::number, "Greater than that of every list before it")
+        .required()
+        .within(1, std::numeric_limits<int>::max()),
+    Option("--expires TIME", &Options::expires, "Its end, in UTC, such as 2027-01-31T00:00:00Z")
+        .required()
+        .checked(timeProblem),
+    Option("--issued TIME", &Options::issued, "When it was made; default: now").checked(timeProblem),
+    Option("--signing-key FILE", &Options::signingKeyFile, "The private key to sign with: PEM").required(),
+    {"--public-key FILE", &Options::publicKeyFile, "Of what is in DIR, when it is another key's: PEM"},
+    Option("--into DIR", &Options::output, "The directory to lay it out in").required(),
+};
+
 constexpr Option kPackage[] = {
-    Option("PACKAGE", &Options::input, "The USB package or extension package").required(),
+    Option("PACKAGE", &Options::input, "A package, an image's signature, or a release list").required(),
 };
 
 constexpr Option kFile[] = {
-    Option("FILE", &Options::input, "An image, info.json, directory of both, or package").required(),
+    Option("FILE", &Options::input, "Image, info.json, folder of both, package, or list").required(),
     {"--key-file FILE", &Options::keyFile, "Look into a USB package with this key"},
 };
 
@@ -144,12 +161,12 @@ constexpr Option kExpected[] = {
 
 constexpr frame::Command<Options> kCommands[] = {
     {{"info", "Write the info.json of an image", "fw-pack info tuner.bin --version 2.0.0 --expected-time 30"},
-     {kImage, kVersion, kClass, kInfo},
+     {kImage, kVersion, kInfo},
      fwpack::runInfo},
     {{"image", "Lay out an image with its info.json for updates",
       "fw-pack image tuner.bin --type sbox --name tunerfw --version 2.0.0 \\\n"
       "           --expected-time 30 --into sbox"},
-     {kImage, kType, kVersion, kClass, kInto},
+     {kImage, kType, kVersion, kInto, kStatements},
      fwpack::runImage},
     {{"emp", "Make an extension package image, reproducibly",
       "fw-pack emp tuner.bin --id tunerempfw --version 2.0.0 \\\n"
@@ -161,6 +178,11 @@ constexpr frame::Command<Options> kCommands[] = {
       "           --signing-key maker.key -o tunerfw.bin"},
      {kImage, kEncrypted, kStatements, kUsbPackage},
      fwpack::runUsb},
+    {{"release", "Make the signed list of a release",
+      "fw-pack release artifacts --number 7 --expires 2027-01-31T00:00:00Z \\\n"
+      "           --signing-key maker.key --into upload"},
+     {kRelease},
+     fwpack::runRelease},
     {{"keygen", "Make a key", "fw-pack keygen ed25519 maker.key"}, {kKey}, fwpack::runKeygen},
     {{"verify", "Check the signature of a package", "fw-pack verify tunerfw.bin --public-key maker.key.pem"},
      {kPackage, kExpected},

@@ -22,6 +22,9 @@ struct Options {
   std::string minimumVersion;
   int format = fwpackage::kNewestFormat;
   std::string type;
+  unsigned int number = 0;  // of a release
+  std::string issued;       // empty: now
+  std::string expires;
   std::string keyFile;
   std::string signingKeyFile;
   bool isUnsigned = false;

@@ -13,6 +13,19 @@ namespace fwpack {
 // Throws Failure when the public key that the options name cannot be used.
 fwpackage::SignatureReport checkSignature(const Options& options);
 
+// Whether the file's name says that it signs the image beside it.
+bool isImageSignature(const std::string& path);
+
+// Whether the file is a release list.
+bool isReleaseListFile(const std::string& path);
+
+// A key that is named is trusted alone, and with everything. Throws Failure when there is none.
+fwpackage::Trust trustInFile(const std::string& path);
+
+// As checkSignature, of the signature beside an image.
+fwpackage::SignatureReport checkBeside(const std::string& signature, const std::string& image,
+                                       const fwpackage::Trust& trust, const fwpackage::Expectation& expected);
+
 // "verdict", "valid", and what the trailer says as far as it says it.
 Json::Value toJson(const fwpackage::SignatureReport& report);
 

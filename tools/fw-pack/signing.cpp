@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "signing.h"
 
+#include <fcntl.h>
 #include <openssl/err.h>
 #include <openssl/pem.h>
 #include <openssl/rand.h>
@@ -10,6 +11,8 @@
 #include <vector>
 
 #include "exit-code.h"
+#include "image-signature.h"
+#include "list-signature.h"
 #include "public-keys.h"
 
 namespace fwpack {
@@ -65,6 +68,11 @@ std::vector<unsigned char> makePart(const fwpackage::Algorithm& algorithm, const
   }
 }
 
+fwpackage::Sha256 sha256In(const std::string& path) {
+  const base::FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  return fwpackage::sha256Of(file.get());
+}
+
 // PEM text in memory, wiped when it goes: it may be a private key.
 class PemBuffer {
  public:
@@ -100,6 +108,16 @@ SigningKey::SigningKey(const fwpackage::Algorithm& algorithm)
 
 fwpackage::KeyId SigningKey::keyId() const {
   return fwpackage::keyIdOf(key_.get());
+}
+
+fwpackage::Trust SigningKey::trust() const {
+  return {[this](const fwpackage::KeyId& id) {
+            const bool isThis = id == keyId() && EVP_PKEY_up_ref(key_.get()) == 1;
+            return fwpackage::Key(isThis ? key_.get() : nullptr);
+          },
+          [](const fwpackage::KeyId&) { return fwpackage::Listed::No; },
+          [](const fwpackage::KeyId&) { return fwpackage::Listed::Yes; },
+          [](const std::string&) { return fwpackage::MinimumVersion(); }};
 }
 
 std::string SigningKey::text() const {
@@ -155,6 +173,33 @@ void appendSignature(OutputFile& package, const SigningKey& key, const fwpackage
   });
   const fwpackage::TrailerBytes trailer = key.makeTrailer(digest, fwpackage::kNewestFormat, statements);
   package.append(trailer.data(), trailer.size());
+}
+
+void writeImageSignature(const std::string& image, const std::string& information, const SigningKey& key,
+                         const fwpackage::Statements& statements) {
+  const fwpackage::ImageStatement stated = fwpackage::statementOf(sha256In(image), sha256In(information));
+  fwpackage::PackageDigest digest(key.algorithm());
+  digest.add(stated.data(), stated.size());
+  const fwpackage::TrailerBytes trailer = key.makeTrailer(digest, fwpackage::kNewestFormat, statements);
+  OutputFile signature(image + fwpackage::kImageSignatureSuffix, kPublicMode);
+  signature.write(stated.data(), stated.size());
+  signature.write(trailer.data(), trailer.size());
+  signature.commit();
+}
+
+void writeListSignature(const std::string& list, const std::string& number, const SigningKey& key) {
+  fwpackage::PackageDigest digest(key.algorithm());
+  InputFile(list).readAll([&](const unsigned char* bytes, std::size_t size) { digest.add(bytes, size); });
+  const fwpackage::TrailerBytes trailer = key.makeTrailer(
+      digest, fwpackage::kNewestFormat, {fwpackage::Kind::ReleaseList, fwpackage::kListName, "", number, ""});
+  OutputFile signature(list + fwpackage::kListSignatureSuffix, kPublicMode);
+  signature.write(trailer.data(), trailer.size());
+  signature.commit();
+}
+
+std::string sha256Of(const std::string& path) {
+  const fwpackage::Sha256 sum = sha256In(path);
+  return fwpackage::toHex(sum.data(), sum.size());
 }
 
 }  // namespace fwpack

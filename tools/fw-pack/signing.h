@@ -22,6 +22,8 @@ class SigningKey {
 
   const fwpackage::Algorithm& algorithm() const { return *algorithm_; }
   fwpackage::KeyId keyId() const;
+  // What it signed is valid, and nothing else. The key outlives it.
+  fwpackage::Trust trust() const;
   // "ed25519 key 0123456789abcdef"
   std::string text() const;
 
@@ -46,6 +48,16 @@ void writePackageKey(const std::string& path);
 // Puts the trailer that signs it, in the newest format, behind a package whose content is
 // all there.
 void appendSignature(OutputFile& package, const SigningKey& key, const fwpackage::Statements& statements);
+
+// Puts beside an image, in a file of its own, what signs it together with its info.json.
+void writeImageSignature(const std::string& image, const std::string& information, const SigningKey& key,
+                         const fwpackage::Statements& statements);
+
+// Puts beside a release list what signs it.
+void writeListSignature(const std::string& list, const std::string& number, const SigningKey& key);
+
+// Of a file's bytes, in digits.
+std::string sha256Of(const std::string& path);
 
 }  // namespace fwpack
 

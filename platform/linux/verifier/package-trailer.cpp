@@ -56,7 +56,7 @@ void require(bool good, const std::string& sentence) {
 }
 
 void requireStatable(const Statements& statements) {
-  require(statements.kind == Kind::UsbPackage || statements.kind == Kind::ExtensionPackage,
+  require(statements.kind >= Kind::UsbPackage && statements.kind <= Kind::ReleaseList,
           "there is no such kind of package");
   require(fwnames::isPlainName(statements.name), "a package's name has ASCII letters and digits only");
   for (const Text& text : kTexts) {

@@ -48,7 +48,7 @@ inline constexpr Algorithm kAlgorithms[] = {
 
 bool hasFormat(const Algorithm& algorithm, unsigned char format);
 
-enum class Kind : unsigned char { UsbPackage = 1, ExtensionPackage = 2 };
+enum class Kind : unsigned char { UsbPackage = 1, ExtensionPackage = 2, Image = 3, ReleaseList = 4 };
 
 // What a trailer of format 2 states about the content before it.
 struct Statements {

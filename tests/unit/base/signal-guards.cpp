@@ -32,6 +32,15 @@ TEST(HoldBackSigpipe, MakesABrokenPipeAnErrorAndNoMore) {
   EXPECT_FALSE(isPending(SIGPIPE));
 }
 
+TEST(HoldBackSigpipe, LetsItThroughAgainWhenItGoes) {
+  static volatile sig_atomic_t came = 0;
+  signal(SIGPIPE, [](int) { came = 1; });
+  { const base::HoldBackSigpipe guard; }
+  raise(SIGPIPE);
+
+  EXPECT_EQ(came, 1);
+}
+
 TEST(HoldBackSigpipe, LeavesASignalThatWasPendingBefore) {
   sigset_t sigpipe;
   sigemptyset(&sigpipe);

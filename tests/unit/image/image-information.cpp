@@ -39,6 +39,14 @@ TEST(ImageInformation, NeedsItsThreeMembersOfTheirTypes) {
   EXPECT_FALSE(parseInformation(std::string(5000, '[')));
 }
 
+// The parser gives up in the middle, and has found the three members by then.
+TEST(ImageInformation, IsNothingWhereSomethingBehindItsMembersIsNestedTooDeeply) {
+  const std::string members = R"({"version": "2.0", "crc": 1, "expected_time": 30, "more": )";
+
+  EXPECT_TRUE(parseInformation(members + "[[]]}"));
+  EXPECT_FALSE(parseInformation(members + std::string(5000, '[')));
+}
+
 TEST(ImageChecksum, IsThatOfTheImageFormat) {
   EXPECT_EQ(image::crcOf("123456789"), 0x6A50465CU);
   EXPECT_EQ(image::crcOf(""), 0U);

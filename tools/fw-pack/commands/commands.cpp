@@ -50,6 +50,16 @@ void addSigner(Json::Value& details, const SigningKey& key) {
   details["keyId"] = fwpackage::toHex(id.data(), id.size());
 }
 
+std::optional<SigningKey> signerIfAny(const Options& options) {
+  if (!options.signingKeyFile.empty()) {
+    return SigningKey(withWarning(secret::readSecretFile(options.signingKeyFile)), options.signingKeyFile);
+  }
+  if (!options.model.empty() || !options.minimumVersion.empty()) {
+    throw Failure(ExitCode::Usage, "model and minimum version are part of a signature; leave them out");
+  }
+  return std::nullopt;
+}
+
 void warn(const std::string& sentence) {
   std::cerr << "fw-pack: warning: " << sentence << std::endl;
 }

@@ -34,17 +34,11 @@ void makeSquashfs(const std::string& content, const std::string& target) {
 
 // What nobody signed is made for those alone who say so: sets refuse it.
 std::optional<SigningKey> signerOf(const Options& options) {
-  if (options.isUnsigned) {
-    if (!options.model.empty() || !options.minimumVersion.empty()) {
-      throw Failure(ExitCode::Usage, "model and minimum version are part of a signature; leave them out");
-    }
-    return std::nullopt;
-  }
-  if (options.signingKeyFile.empty()) {
+  if (!options.isUnsigned && options.signingKeyFile.empty()) {
     throw Failure(ExitCode::Usage,
                   "sign the package with --signing-key FILE, or say that it is to be --unsigned");
   }
-  return SigningKey(withWarning(secret::readSecretFile(options.signingKeyFile)), options.signingKeyFile);
+  return signerIfAny(options);
 }
 
 fwpackage::Statements statementsOf(const Options& options) {
@@ -64,7 +58,8 @@ frame::Report runEmp(const Options& options) {
   const std::string output = options.output.empty() ? options.name + ".img" : options.output;
   const base::TemporaryFolder content(std::filesystem::temp_directory_path() / "fw-pack");
   OutputFile information(content.path() + "/info.json", kPublicMode);
-  const image::Information described = describe(image, options.version, options.expectedTime);
+  const image::Information described =
+      describe(image, options.version, options.expectedTime, options.updateClass);
   information.write(image::toText(described));
   information.commit();
   copyFile(image, content.path() + "/" + firmwareName + ".bin");

@@ -2,9 +2,11 @@
 // fw-pack image IMAGE --type TYPE
 #include <filesystem>
 #include <iterator>
+#include <optional>
 
 #include "../commands.h"
 #include "../files.h"
+#include "image-signature.h"
 
 namespace fwpack {
 namespace {
@@ -33,6 +35,10 @@ const ImageType* findType(const std::string& name) {
   return nullptr;
 }
 
+fwpackage::Statements statementsOf(const Options& options) {
+  return {fwpackage::Kind::Image, options.name, options.model, options.version, options.minimumVersion};
+}
+
 }  // namespace
 
 std::vector<std::string> imageTypes() {
@@ -49,6 +55,10 @@ std::string imageTypeProblem(const std::string& name) {
 
 frame::Report runImage(const Options& options) {
   const ImageType& type = *findType(options.type);
+  const std::optional<SigningKey> signer = signerIfAny(options);
+  if (signer) {
+    signer->requireRoom(fwpackage::kNewestFormat, statementsOf(options));
+  }
   const InputFile image(options.input);
   const image::Information information =
       describe(image, options.version, options.expectedTime, options.updateClass);
@@ -62,14 +72,21 @@ frame::Report runImage(const Options& options) {
   description.write(image::toText(information));
   copyFile(image, binary);
   description.commit();
+  if (signer) {
+    writeImageSignature(binary, (folder / "info.json").string(), *signer, statementsOf(options));
+  }
   Json::Value details = detailsOf(information);
   details["image"] = binary;
   details["information"] = (folder / "info.json").string();
   details["directory"] = options.output;
   details["place"] = type.place;
-  return answer(binary + "\n" + details["information"].asString() + "\n" + options.output + " is for " +
-                    type.place + "\n",
-                details);
+  std::string files = binary + "\n" + details["information"].asString() + "\n";
+  if (signer) {
+    details["signature"] = binary + fwpackage::kImageSignatureSuffix;
+    addSigner(details, *signer);
+    files += details["signature"].asString() + ", signed with " + signer->text() + "\n";
+  }
+  return answer(files + options.output + " is for " + type.place + "\n", details);
 }
 
 }  // namespace fwpack

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <functional>
 #include <optional>
 #include <sstream>
 #include <string_view>
@@ -15,6 +14,8 @@
 #include "../files.h"
 #include "../package-cipher.h"
 #include "../signature-check.h"
+#include "../squashfs-content.h"
+#include "release-list.h"
 
 namespace fwpack {
 namespace {
@@ -129,19 +130,6 @@ Damage inspectPackage(Facts& facts, const InputFile& file, const Options& option
 
 // ---- extension packages -----------------------------------------------------
 
-bool contentOf(const std::string& package, const std::string& name,
-               const std::function<void(std::string_view bytes)>& output) {
-  return runProgram({"unsquashfs", "-cat", package, name}, kSquashfsTools, output);
-}
-
-std::string textOf(const std::string& package, const std::string& name) {
-  std::string text;
-  contentOf(package, name, [&](std::string_view bytes) {
-    text.append(bytes.substr(0, kLargestInformation + 1 - text.size()));
-  });
-  return text;
-}
-
 // The one "*.bin" at the top of the package; empty when there is none.
 std::string imageIn(const std::string& package) {
   std::string names;
@@ -166,7 +154,7 @@ Damage inspectExtensionPackage(Facts& facts, const InputFile& file, const Option
   facts.add("signature", "signature", toJson(signature), toTextForALook(signature));
   addCrc(facts, "crc", "CRC", imageCrc(file));
   const std::string image = imageIn(package);
-  const auto information = informationIn(textOf(package, "info.json"));
+  const auto information = informationIn(textIn(package, "info.json", kLargestInformation + 1));
   facts.add("informationValid", "info.json", information.has_value(),
             information ? "valid" : "MISSING or invalid");
   if (information) {
@@ -225,6 +213,62 @@ Damage inspectImage(Facts& facts, const InputFile& file, bool expected) {
   return crc == information->crc ? "" : file.path() + " is not the image that " + path + " describes.";
 }
 
+Damage inspectImageSignature(Facts& facts, const InputFile& file,
+                             const fwpackage::SignatureReport& signature) {
+  facts.add("kind", "kind", "image-signature", "signature of the image beside it and its info.json");
+  facts.add("size", "size", Json::UInt64(file.size()));
+  facts.add("signature", "signature", toJson(signature), toTextForALook(signature));
+  return "";
+}
+
+// ---- release lists ------------------------------------------------------------
+
+Json::Value jsonOf(const image::ReleaseComponent& component) {
+  Json::Value value;
+  value["name"] = component.name;
+  value["version"] = component.version;
+  value["minimumVersion"] = component.minimumVersion;
+  value["model"] = component.model;
+  for (const image::ReleaseArtifact& artifact : component.artifacts) {
+    Json::Value& entry = value["artifacts"].append(Json::Value());
+    entry["file"] = artifact.file;
+    entry["size"] = static_cast<Json::Int64>(artifact.size);
+    entry["sha256"] = artifact.sha256;
+  }
+  return value;
+}
+
+std::string textOf(const image::ReleaseComponent& component) {
+  std::string text = component.name + " " + component.version +
+                     (component.model.empty() ? "" : " on " + component.model) + ":";
+  for (const image::ReleaseArtifact& artifact : component.artifacts) {
+    text += " " + artifact.file;
+  }
+  return text;
+}
+
+Damage inspectReleaseList(Facts& facts, const InputFile& file, const Options& options) {
+  facts.add("kind", "kind", "release-list", "release list");
+  facts.add("size", "size", Json::UInt64(file.size()));
+  const fwpackage::SignatureReport signature = checkSignature(options);
+  facts.add("signature", "signature", toJson(signature), toTextForALook(signature));
+  const image::ReleaseListRead read = image::parseReleaseList(file.text(0, image::kLargestReleaseList + 1));
+  if (!read.list) {
+    return file.path() + " is no list that a set uses: " + read.problem + ".";
+  }
+  facts.add("number", "number", Json::Int64(read.list->number));
+  facts.add("issued", "issued", image::timeText(read.list->issued));
+  facts.add("expires", "expires", image::timeText(read.list->expires));
+  Json::Value components(Json::arrayValue);
+  std::string text;
+  for (const image::ReleaseComponent& component : read.list->components) {
+    components.append(jsonOf(component));
+    text += (text.empty() ? "" : "; ") + textOf(component);
+  }
+  facts.add("components", "components", components, text.empty() ? "none" : text);
+  return "";
+}
+
 // A firmware directory stands for its image.
 std::string imageOfDirectory(const std::string& directory) {
   for (const auto& entry : fs::directory_iterator(directory)) {
@@ -242,10 +286,16 @@ Damage inspectFile(Facts& facts, const Options& options, bool isDirectory) {
     inspectInformation(facts, file, *information);
     return "";
   }
+  if (isReleaseListFile(file.path())) {
+    return inspectReleaseList(facts, file, options);
+  }
   if (isSquashfs(file)) {
     return inspectExtensionPackage(facts, file, options);
   }
   const fwpackage::SignatureReport signature = checkSignature(options);
+  if (isImageSignature(file.path())) {
+    return inspectImageSignature(facts, file, signature);
+  }
   // With a key it is looked into as a package, even when the trailer is gone.
   if (signature.trailer.state != fwpackage::Trailer::State::Missing || !options.keyFile.empty()) {
     return inspectPackage(facts, file, options, signature);

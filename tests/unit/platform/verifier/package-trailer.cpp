@@ -84,7 +84,7 @@ TEST(PackageTrailer, IsLaidOutAsTheOldFormatSays) {
 
 TEST(PackageTrailer, IsReadAsItWasWritten) {
   for (const Algorithm* algorithm : {&kEd25519, &kRsa3072}) {
-    for (const Kind kind : {Kind::UsbPackage, Kind::ExtensionPackage}) {
+    for (const Kind kind : {Kind::UsbPackage, Kind::ExtensionPackage, Kind::Image, Kind::ReleaseList}) {
       Statements stated = statements();
       stated.kind = kind;
 
@@ -155,7 +155,7 @@ TEST(PackageTrailer, IsMalformedWhenAnythingIsNotAsItHasToBe) {
   EXPECT_EQ(stateWith(good, 18, 65), State::Malformed);  // the signature's size
   EXPECT_EQ(stateWith(good, 19, 1), State::Malformed);
   EXPECT_EQ(stateWith(good, 20, 0), State::Malformed);  // kind
-  EXPECT_EQ(stateWith(good, 20, 3), State::Malformed);
+  EXPECT_EQ(stateWith(good, 20, 5), State::Malformed);
   EXPECT_EQ(stateWith(good, 21, 1), State::Malformed);    // reserved
   EXPECT_EQ(stateWith(good, 22, 0), State::Malformed);    // no name
   EXPECT_EQ(stateWith(good, 22, 255), State::Malformed);  // reaches over the signature's begin
@@ -228,7 +228,7 @@ TEST(PackageTrailer, IsNotMadeOfWhatCannotBeStated) {
     EXPECT_EQ(parseTrailer(trailerOf(stated)).state, State::Good);
   }
   Statements stated = statements();
-  stated.kind = static_cast<Kind>(3);
+  stated.kind = static_cast<Kind>(5);
   EXPECT_THROW(trailerOf(stated), std::invalid_argument);
 }
 
