@@ -52,6 +52,23 @@ std::int64_t now() {
       .count();
 }
 
+// Whether something else is in the place of the file: a FIFO would be waited for. That it could not be
+// opened just now is no answer.
+bool isNoFile(const FileDescriptor& opened, const std::string& path) {
+  struct stat status = {};
+  const bool isThere = opened ? fstat(opened.get(), &status) == 0 : lstat(path.c_str(), &status) == 0;
+  return isThere && !S_ISREG(status.st_mode);
+}
+
+// Tables alone, and no entry that is larger than the file may be: whoever made the file may have meant harm.
+void confine(Database& file, const Settings& settings) {
+  sqlite3* const handle = file.getHandle();
+  sqlite3_db_config(handle, SQLITE_DBCONFIG_ENABLE_VIEW, 0, nullptr);
+  sqlite3_db_config(handle, SQLITE_DBCONFIG_ENABLE_TRIGGER, 0, nullptr);
+  sqlite3_db_config(handle, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
+  sqlite3_limit(handle, SQLITE_LIMIT_LENGTH, settings.mostKib * 1024);
+}
+
 // "outcome, way, ...", each as the function has it.
 template <typename Shown>
 std::string fieldList(Shown shown) {
@@ -421,8 +438,13 @@ bool History::write(const Step& step) {
 
 bool History::tryWrite(const Step& step, int removed) {
   const std::string path = pathOf(kFile);
-  FileDescriptor(open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, kMode)).reset();
+  if (isNoFile(
+          FileDescriptor(open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, kMode)),
+          path)) {
+    return false;
+  }
   Database file(path, SQLite::OPEN_READWRITE | SQLite::OPEN_NOFOLLOW, settings_.mostBusyMs);
+  confine(file, settings_);
   configure(file, settings_);
   const int version = numberOf(file, "user_version");
   if (version > kVersion) {
@@ -460,6 +482,7 @@ void History::setAside() {
   }
   try {
     Database file(pathOf(kFile), SQLite::OPEN_READWRITE | SQLite::OPEN_NOFOLLOW, settings_.mostBusyMs);
+    confine(file, settings_);
     if (isSound(file)) {
       return;
     }
@@ -517,8 +540,12 @@ void History::read(const Step& step) {
   if (mayWrite(path) && mayWrite(settings_.directory)) {
     write([](Database&) {});
   }
+  if (isNoFile(FileDescriptor(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK)), path)) {
+    throw Failure("The history " + path + " cannot be read: it is no file.", false);
+  }
   try {
     Database file(path, SQLite::OPEN_READONLY | SQLite::OPEN_NOFOLLOW, settings_.mostBusyMs);
+    confine(file, settings_);
     if (numberOf(file, "user_version") > kVersion) {
       throw Failure("The history " + path + " is of a newer version of this program.", false);
     }

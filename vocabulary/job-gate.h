@@ -60,7 +60,8 @@ class Gate {
   Gate(const std::string& path, int flags) {
     const int file = ::open(path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW | flags, 0600);
     void* memory = MAP_FAILED;
-    if (file >= 0 && ((flags & O_CREAT) == 0 || ftruncate(file, sizeof(Word)) == 0)) {
+    // With its room: who writes to mapped memory that finds none is killed.
+    if (file >= 0 && ((flags & O_CREAT) == 0 || posix_fallocate(file, 0, sizeof(Word)) == 0)) {
       memory = mmap(nullptr, sizeof(Word), PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
     }
     if (memory != MAP_FAILED) {

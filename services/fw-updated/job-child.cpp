@@ -100,7 +100,7 @@ int JobChild::start(const Tool& tool, const Request& request) {
     return errno;
   }
   gate_ = fwjobs::Gate::make(files_.gate(number_));
-  if (const int error = gate_ ? openOutput() : EIO; error != 0) {
+  if (const int error = gate_ ? openOutput() : ENOSPC; error != 0) {
     return error;
   }
   base::ProgramStart program;

@@ -44,6 +44,7 @@ Json::Value jsonOf(const Job& job) {
   value["folder"] = job.request.folder;
   value["user"] = static_cast<Json::UInt>(job.request.user);
   value["client"] = job.request.client;
+  value["handedOver"] = job.request.isHandedOver;
   value["asking"] = job.state == State::Asking;
   value["began"] = job.beganAt;
   if (job.isDone()) {
@@ -73,6 +74,7 @@ bool readJob(Job& job, const Json::Value& value) {
   job.request.folder = textIn(value, "folder");
   job.request.user = value["user"].asUInt();
   job.request.client = textIn(value, "client");
+  job.request.isHandedOver = value["handedOver"].isBool() && value["handedOver"].asBool();
   job.module = job.request.module;
   if (value["asking"].isBool() && value["asking"].asBool()) {
     job.state = State::Asking;
@@ -83,6 +85,20 @@ bool readJob(Job& job, const Json::Value& value) {
     takeEnd(job, value);
   }
   return true;
+}
+
+// In the room that the file has: on a full file system it gets no more.
+bool writeInPlace(int directory, const std::string& name, std::string content) {
+  const base::FileDescriptor file(openat(directory, name.c_str(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW));
+  struct stat status = {};
+  if (!file || fstat(file.get(), &status) != 0) {
+    return false;
+  }
+  const auto before = static_cast<std::size_t>(status.st_size);
+  content.resize(std::max(content.size(), before), ' ');  // over all that it says now
+  const bool fits = content.size() <= static_cast<std::size_t>(status.st_blocks) * 512;
+  return fits &&
+         pwrite(file.get(), content.data(), content.size(), 0) == static_cast<ssize_t>(content.size());
 }
 
 }  // namespace
@@ -100,7 +116,9 @@ std::string JobFiles::pathOf(std::uint64_t number, const char* suffix) const {
 bool JobFiles::keep(const Job& job) const {
   const base::FileDescriptor directory(open(directory_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   const std::string name = std::to_string(job.number) + kSuffix;
-  return directory && base::replaceFileAt(directory.get(), name, tool::onOneLine(jsonOf(job)), false) == 0;
+  const std::string content = tool::onOneLine(jsonOf(job));
+  return directory && (base::replaceFileAt(directory.get(), name, content, false) == 0 ||
+                       writeInPlace(directory.get(), name, content));
 }
 
 bool JobFiles::hasBegun(std::uint64_t number) const {

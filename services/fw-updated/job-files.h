@@ -18,7 +18,8 @@ class JobFiles {
   // Makes the directory, for this user alone. Throws std::system_error.
   explicit JobFiles(std::string directory = "/run/fw-updated");
 
-  // False when there is no room for it.
+  // False when there is no room for it. A job that is kept already has room for its end, but for
+  // a very long one.
   bool keep(const Job& job) const;
   void remove(std::uint64_t number) const;
   // By their numbers. One that is not done stands as it was asked for.

@@ -80,6 +80,13 @@ void setNumber(int& number, const Json::Value& object, const char* member) {
   }
 }
 
+// A module may say anything; what is no part of the whole is not believed.
+void setPercent(int& percent, const Json::Value& value) {
+  if (value.isInt() && value.asInt() >= 0 && value.asInt() <= kWhole) {
+    percent = value.asInt();
+  }
+}
+
 void setExpected(Job& job, const Json::Value& object) {
   if (object["expectedSeconds"].isUInt()) {
     job.expectedSeconds = object["expectedSeconds"].asUInt();
@@ -143,7 +150,7 @@ void take(Job& job, const Json::Value& event) {
     }
   }
   setText(job.module, event, "module");
-  setNumber(job.percent, event, event.isMember("totalPercent") ? "totalPercent" : "percent");
+  setPercent(job.percent, event[event.isMember("totalPercent") ? "totalPercent" : "percent"]);
   setExpected(job, event);
 }
 

@@ -32,7 +32,8 @@ struct Request {
   std::string data;
   std::string folder;  // empty: the USB drive
   uid_t user = 0;
-  std::string client;  // its unique name on the bus; empty: the service itself
+  std::string client;         // its unique name on the bus; empty: the service itself
+  bool isHandedOver = false;  // the client brought what it is updated from; a folder is for this job alone
 };
 
 struct Job {

@@ -13,6 +13,7 @@
 #include "printable-text.h"
 #include "refusal.h"
 #include "system-error.h"
+#include "taking.h"
 #include "text-layout.h"
 
 namespace updated {
@@ -24,9 +25,17 @@ constexpr std::size_t kAlwaysKept = 32;
 constexpr std::chrono::hours kKept{1};
 constexpr std::size_t kMostKept = 512;
 
+constexpr std::chrono::milliseconds kBetweenLooks{200};  // at the history
+
 constexpr char kNever[] = "2037-12-31";  // nothing has begun since
 constexpr int kUnexpected = 1;           // exit code
 constexpr std::string_view kNoWay = "none";
+
+// A drive's packages are nobody's, for the history, until their modules are known.
+std::string moduleInHistory(const Request& request) {
+  return request.kind == Kind::UsbApply ? "" : request.module;
+}
+
 // As the history calls what fw-update does for a job; nothing of what it does not keep.
 std::string_view wayOf(Kind kind) {
   switch (kind) {
@@ -104,10 +113,21 @@ void Jobs::change(Item& item, const Change& step) {
   const Job before = item.job;
   step(item.job);
   if (item.job.isDone() && !before.isDone()) {
-    files_.keep(item.job);
-    files_.removeWork(item.job.number);
+    keepEnd(item.job);
+    if (item.job.request.isHandedOver && !item.job.request.folder.empty()) {
+      removeIncoming(item.job.request.folder);
+    }
   }
   item.object->tellChanges(changes(before, item.job));
+}
+
+// Without room for it a service that starts again learns the end from what fw-update has printed.
+void Jobs::keepEnd(const Job& job) const {
+  if (files_.keep(job)) {
+    files_.removeWork(job.number);
+  } else if (!files_.hasBegun(job.number)) {
+    files_.remove(job.number);  // it would begin
+  }
 }
 
 void Jobs::startNext() {
@@ -148,6 +168,7 @@ void Jobs::start(Item& item) {
     finish(item.job.number, "unexpected-error", kUnexpected,
            tool_.program + " cannot be started: " + base::errnoText(error) + ".",
            "See whether it is installed, and whether the set has memory left.");
+    next_ = loop_.soon([this] { startNext(); });
   }
 }
 
@@ -200,18 +221,24 @@ void Jobs::ended(Item& item, std::optional<int> status) {
 }
 
 // A process that was killed may have had its end in the history already. Reading it finds what
-// was cut off, too. The job and the history say the same.
+// was cut off, too, unless somebody else has the file at that moment: an entry that has no end
+// yet, or a history that cannot be read, is looked at again before anything is made of it. The
+// job and the history say the same.
 void Jobs::learnEnd(Item& item, std::optional<int> status, int tries) {
   askSurely({"history"}, [this, &item, status, tries](const ToolAnswer& answer) {
-    const bool isTold = takeFromHistory(item, answer.document);
-    if (!isTold && tries > 1 && isWithoutEntry(item, status)) {
-      const auto again = [this, &item, status, tries](const ToolAnswer&) {
-        learnEnd(item, status, tries - 1);
-      };
-      queries_.ask(argumentsFor(tool_, item.job.request), again, environmentForEntry(item.job.request));
+    const InHistory found = takeFromHistory(item, answer.document);
+    const auto again = [this, &item, status, tries] { learnEnd(item, status, tries - 1); };
+    if (found == InHistory::NoEndYet && tries > 1) {
+      ending_ = loop_.after(kBetweenLooks, again);
       return;
     }
-    if (!isTold) {
+    if (found == InHistory::Nothing && tries > 1 && isWithoutEntry(item, status)) {
+      queries_.ask(
+          argumentsFor(tool_, item.job.request), [again](const ToolAnswer&) { again(); },
+          environmentForEntry(item.job.request));
+      return;
+    }
+    if (found != InHistory::End) {
       tellEnd(item, status);
     }
     isCleaningUp_ = false;
@@ -225,30 +252,36 @@ bool Jobs::isWithoutEntry(const Item& item, std::optional<int> status) {
   return wasKilled && !item.isCancelled && wayOf(item.job.request.kind) != kNoWay;
 }
 
-bool Jobs::takeFromHistory(Item& item, const Json::Value& document) {
+Jobs::InHistory Jobs::takeFromHistory(Item& item, const Json::Value& document) {
   const Job& job = item.job;
+  if (!document["entries"].isArray()) {
+    return InHistory::NoEndYet;
+  }
   Json::Value found(Json::objectValue);
   for (const Json::Value& entry : objectsIn(document["entries"])) {
     const bool isLater = entry["began"].isDouble() && entry["began"].asDouble() >= job.beganAt;
-    if (isLater && !entry.isMember("run") && textIn(entry, "module") == job.request.module &&
+    if (isLater && !entry.isMember("run") && textIn(entry, "module") == moduleInHistory(job.request) &&
         textIn(entry, "way") == wayOf(job.request.kind)) {
       found = entry;
     }
   }
+  if (found.empty()) {  // there was no time for an entry
+    return InHistory::Nothing;
+  }
   if (textIn(found, "outcome") == kInterrupted) {
     finish(job.number, kInterrupted, kUnexpected, textIn(found, "sentence"), textIn(found, "remedy"));
-    return true;
+    return InHistory::End;
   }
   const auto* const outcome = tool::findOutcome(textIn(found, "outcome"));
-  if (outcome == nullptr) {  // there was no time for an entry
-    return false;
+  if (outcome == nullptr) {  // it runs
+    return InHistory::NoEndYet;
   }
   change(item, [&](Job& changed) {
     changed.versionBefore = textIn(found, "versionBefore");
     changed.versionAfter = textIn(found, "versionAfter");
     end(changed, outcome->id, outcome->exitCode, textIn(found, "sentence"), textIn(found, "remedy"));
   });
-  return true;
+  return InHistory::End;
 }
 
 // Gives the lock back where that is safe, and has the history find what was cut off, which

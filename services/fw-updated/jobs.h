@@ -59,9 +59,11 @@ class Jobs {
     bool isCancelled = false;
   };
   using Change = std::function<void(Job& job)>;
+  enum class InHistory { End, NoEndYet, Nothing };  // of a job
 
   Item& insert(Job job);
   void change(Item& item, const Change& step);
+  void keepEnd(const Job& job) const;
   void startNext();
   void start(Item& item);
   void follow(Item& item);
@@ -69,9 +71,9 @@ class Jobs {
   void tellEnd(Item& item, std::optional<int> status);
   void ended(Item& item, std::optional<int> status);
   void askSurely(const std::vector<std::string>& question, const ToolQueries::Then& then, int tries = 10);
-  void learnEnd(Item& item, std::optional<int> status, int tries = 3);
+  void learnEnd(Item& item, std::optional<int> status, int tries = 8);
   static bool isWithoutEntry(const Item& item, std::optional<int> status);
-  bool takeFromHistory(Item& item, const Json::Value& document);
+  InHistory takeFromHistory(Item& item, const Json::Value& document);
   void cleanUp(bool wasCutOff);
   void forgetOld();
   bool hasTooMany() const;

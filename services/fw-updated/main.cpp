@@ -7,16 +7,19 @@
 #include <exception>
 #include <iostream>
 #include <memory>
+#include <set>
 #include <string>
 
-#include "access.h"
 #include "configuration.h"
 #include "event-loop.h"
 #include "frame/program.h"
+#include "intake.h"
 #include "jobs.h"
 #include "manager.h"
 #include "occasions.h"
+#include "taking.h"
 #include "tool-query.h"
+#include "trace-access.h"
 
 namespace {
 
@@ -79,19 +82,32 @@ updated::Configuration configured() {
   return read.configuration;
 }
 
+// What was handed over for jobs that are not over.
+std::set<std::string> foldersOf(const updated::Jobs& jobs) {
+  std::set<std::string> folders;
+  jobs.findOpen([&folders](const updated::Job& job) {
+    folders.insert(job.request.folder);
+    return false;  // the next one
+  });
+  return folders;
+}
+
 void serve(const Options& options) {
+  updated::letMembersTrace();
   updated::EventLoop loop;
   const std::unique_ptr<sdbus::IConnection> connection = connectTo(options.bus);
   const updated::Tool tool{options.program.empty() ? commandBeside() : options.program, options.keyFile};
-  updated::Access access(*connection);
+  updated::Access access(*connection, updated::kBusName);
   updated::ToolQueries queries(loop, tool.program);
   updated::Jobs jobs(loop, *connection, tool, queries);
-  updated::Manager manager(*connection, access, jobs, queries);
+  updated::Intake intake(loop);
+  updated::Manager manager(*connection, access, jobs, queries, intake);
   updated::Occasions occasions(loop, *connection, configured(), options.keyFile, jobs, queries,
                                [&manager](const auto& modules) { manager.announce(modules); });
   manager.whenConsented([&occasions](auto job, const auto& said) { occasions.answer(job, said); });
   jobs.restore();
   connection->requestName(updated::kBusName);
+  updated::removeLeftovers(foldersOf(jobs));  // now that no other service is at work
   loop.serve(*connection);
   sd_notify(0, "READY=1");
   occasions.begin();

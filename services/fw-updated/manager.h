@@ -4,14 +4,17 @@
 #ifndef FW_UPDATED_MANAGER_H
 #define FW_UPDATED_MANAGER_H
 
+#include <cstddef>
 #include <functional>
+#include <map>
 #include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "access.h"
+#include "intake.h"
 #include "jobs.h"
+#include "permissions.h"
 #include "tool-query.h"
 #include "update1-adaptor.gen.h"
 
@@ -24,7 +27,8 @@ inline constexpr char kManagerPath[] = "/org/fwupdate/Update1";
 
 class Manager : public sdbus::AdaptorInterfaces<org::fwupdate::Update1_adaptor> {
  public:
-  Manager(sdbus::IConnection& connection, Access& access, JobList& jobs, ToolQueries& queries);
+  Manager(sdbus::IConnection& connection, Access& access, JobList& jobs, ToolQueries& queries,
+          Intake& intake);
   virtual ~Manager();
 
   // Where the answers of people go, for jobs that ask: "yes", "no" or "later".
@@ -46,6 +50,11 @@ class Manager : public sdbus::AdaptorInterfaces<org::fwupdate::Update1_adaptor> 
 
   std::string client() const;
   void addJob(JobAnswer&& answer, Action action, Request request);
+  struct HandingOver;
+  void lookUpPackage(const std::shared_ptr<HandingOver>& handing);
+  void takeIn(const std::shared_ptr<HandingOver>& handing);
+  Taken problemWith(const HandingOver& handing) const;
+  void addTaken(const std::shared_ptr<HandingOver>& handing, const Taken& taken);
   // put gets what was answered, and may throw sdbus::Error.
   template <typename Answer, typename Put>
   void query(Answer&& answer, std::vector<std::string> command, Put put);
@@ -57,6 +66,8 @@ class Manager : public sdbus::AdaptorInterfaces<org::fwupdate::Update1_adaptor> 
   void ApplyUsb(JobAnswer&& result, std::string folder) override;
   void EstimateUsb(JobAnswer&& result, std::string folder) override;
   void Download(JobAnswer&& result, std::string module) override;
+  void UpdateFrom(JobAnswer&& result, std::string module, std::string kind,
+                  std::map<std::string, sdbus::UnixFd> files) override;
   void ListModules(sdbus::Result<std::vector<ModuleRow>>&& result) override;
   void Pending(sdbus::Result<std::vector<PendingRow>>&& result, std::string caller) override;
   void LockStatus(sdbus::Result<Text, Text, Text>&& result) override;
@@ -69,6 +80,8 @@ class Manager : public sdbus::AdaptorInterfaces<org::fwupdate::Update1_adaptor> 
   Access& access_;
   JobList& jobs_;
   ToolQueries& queries_;
+  Intake& intake_;
+  std::size_t handingsOver_ = 0;
   Consented consented_;
 };
 

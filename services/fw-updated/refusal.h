@@ -14,6 +14,7 @@ inline constexpr char kNotPermitted[] = "org.fwupdate.Update1.Error.NotPermitted
 inline constexpr char kTooMany[] = "org.fwupdate.Update1.Error.TooMany";
 inline constexpr char kTooLate[] = "org.fwupdate.Update1.Error.TooLate";
 inline constexpr char kNotAsked[] = "org.fwupdate.Update1.Error.NotAsked";
+inline constexpr char kRefused[] = "org.fwupdate.Update1.Error.Refused";
 inline constexpr char kFailed[] = "org.fwupdate.Update1.Error.Failed";
 
 inline sdbus::Error refusal(const char* name, const std::string& sentence) {

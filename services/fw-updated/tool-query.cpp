@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <csignal>
 #include <utility>
 
@@ -20,9 +19,8 @@ namespace {
 
 constexpr std::ptrdiff_t kMostAtOnce = 4;
 constexpr std::size_t kMostWaiting = 32;
+constexpr std::ptrdiff_t kMostWaitingOfOneUser = 8;  // but for root
 constexpr std::size_t kLongestAnswer = std::size_t{4} << 20;
-// A module that never says its version.
-constexpr std::chrono::seconds kPatience{60};
 
 }  // namespace
 
@@ -30,6 +28,7 @@ struct ToolQueries::Query {
   std::vector<std::string> arguments;
   Then then;
   std::vector<std::string> variables;
+  std::optional<uid_t> user;
   pid_t process = -1;
   base::FileDescriptor output;
   std::string text;
@@ -39,7 +38,8 @@ struct ToolQueries::Query {
   Source patience;
 };
 
-ToolQueries::ToolQueries(EventLoop& loop, std::string program) : loop_(loop), program_(std::move(program)) {}
+ToolQueries::ToolQueries(EventLoop& loop, std::string program, std::chrono::milliseconds patience)
+    : loop_(loop), program_(std::move(program)), patience_(patience) {}
 
 ToolQueries::~ToolQueries() {
   for (const Query& query : queries_) {
@@ -49,15 +49,20 @@ ToolQueries::~ToolQueries() {
   }
 }
 
-bool ToolQueries::isBusy() const {
-  return queries_.size() >= kMostWaiting;
+// Whoever asks without end leaves room for others.
+bool ToolQueries::isBusyFor(uid_t user) const {
+  const auto ofUser = std::count_if(queries_.begin(), queries_.end(),
+                                    [user](const Query& query) { return query.user == user; });
+  return queries_.size() >= kMostWaiting || (user != 0 && ofUser >= kMostWaitingOfOneUser);
 }
 
-void ToolQueries::ask(std::vector<std::string> arguments, Then then, std::vector<std::string> variables) {
+void ToolQueries::ask(std::vector<std::string> arguments, Then then, std::vector<std::string> variables,
+                      std::optional<uid_t> user) {
   Query& query = queries_.emplace_back();
   query.arguments = std::move(arguments);
   query.then = std::move(then);
   query.variables = std::move(variables);
+  query.user = user;
   next_ = loop_.soon([this] { startWaiting(); });
 }
 
@@ -97,7 +102,7 @@ int ToolQueries::start(Query& query) {
   }
   query.output = std::move(pipe.readEnd);
   query.reading = loop_.whenReadable(query.output.get(), [this, &query] { read(query); });
-  query.patience = loop_.after(kPatience, [&query] {
+  query.patience = loop_.after(patience_, [&query] {
     query.isLate = true;
     kill(query.process, SIGKILL);
   });

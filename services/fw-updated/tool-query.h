@@ -7,8 +7,10 @@
 #include <json/value.h>
 #include <sys/types.h>
 
+#include <chrono>
 #include <functional>
 #include <list>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -26,17 +28,20 @@ class ToolQueries {
  public:
   using Then = std::function<void(const ToolAnswer& answer)>;
 
-  ToolQueries(EventLoop& loop, std::string program);
+  // patience: then a question is given up, as of a module that never says its version.
+  ToolQueries(EventLoop& loop, std::string program,
+              std::chrono::milliseconds patience = std::chrono::seconds(60));
   // Ends those that are at work.
   ~ToolQueries();
   ToolQueries(const ToolQueries&) = delete;
   ToolQueries& operator=(const ToolQueries&) = delete;
 
   // arguments: without --json. then: once, and not before this has returned. variables: what the
-  // command's environment has more.
-  void ask(std::vector<std::string> arguments, Then then, std::vector<std::string> variables = {});
-  // Whether a stranger's question should be refused.
-  bool isBusy() const;
+  // command's environment has more. user: who wants to know, of those who ask from outside.
+  void ask(std::vector<std::string> arguments, Then then, std::vector<std::string> variables = {},
+           std::optional<uid_t> user = std::nullopt);
+  // Whether another question of this user should be refused.
+  bool isBusyFor(uid_t user) const;
 
  private:
   struct Query;
@@ -48,6 +53,7 @@ class ToolQueries {
 
   EventLoop& loop_;
   const std::string program_;
+  const std::chrono::milliseconds patience_;
   std::list<Query> queries_;  // in the order in which they came
   Source next_;
 };

@@ -2,10 +2,8 @@
 #include "configuration.h"
 
 #include <cerrno>
-#include <map>
 
 #include "printable-text.h"
-#include "setting-lines.h"
 #include "system-error.h"
 #include "whole-file.h"
 
@@ -108,21 +106,8 @@ Policy Configuration::policyFor(std::string_view updateClass) const {
 
 ConfigurationRead parseConfiguration(const std::string& content) {
   ConfigurationRead read;
-  std::map<std::string, int> lines;
-  for (const base::SettingLine& line : base::settingLines(content)) {
-    std::string wrong;
-    if (!line.isSetting) {
-      wrong = "it has no \"=\"";
-    } else if (const auto [first, isNew] = lines.emplace(line.name, line.number); !isNew) {
-      wrong =
-          base::printableText(line.name) + " stands in line " + std::to_string(first->second) + " already";
-    } else {
-      wrong = set(read.configuration, line);
-    }
-    if (!wrong.empty()) {
-      read.problems.push_back({line.number, wrong});
-    }
-  }
+  read.problems = base::takeSettings(
+      content, [&read](const base::SettingLine& line) { return set(read.configuration, line); });
   return read;
 }
 
@@ -137,11 +122,6 @@ ConfigurationRead readConfiguration(const std::string& path) {
     read.problems.push_back({0, "it cannot be read: " + base::errnoText(error)});
   }
   return read;
-}
-
-std::string textOf(const ConfigurationProblem& problem, const std::string& path) {
-  const std::string line = problem.line == 0 ? "" : ", line " + std::to_string(problem.line);
-  return base::printableText(path) + line + ": " + problem.sentence + ".";
 }
 
 }  // namespace updated

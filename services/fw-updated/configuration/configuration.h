@@ -10,6 +10,8 @@
 #include <string_view>
 #include <vector>
 
+#include "setting-lines.h"
+
 namespace updated {
 
 inline constexpr char kConfigurationFile[] = "/etc/fw-update/fw-updated.conf";
@@ -42,10 +44,7 @@ struct Configuration {
   Policy policyFor(std::string_view updateClass) const;
 };
 
-struct ConfigurationProblem {
-  int line = 0;  // 0: the file as a whole
-  std::string sentence;
-};
+using ConfigurationProblem = base::SettingProblem;
 
 struct ConfigurationRead {
   Configuration configuration;  // lines that are wrong count for nothing
@@ -57,8 +56,7 @@ ConfigurationRead parseConfiguration(const std::string& content);
 // The defaults when there is no such file.
 ConfigurationRead readConfiguration(const std::string& path = kConfigurationFile);
 
-// "FILE, line 3: ...", or "FILE: ...".
-std::string textOf(const ConfigurationProblem& problem, const std::string& path);
+using base::textOf;
 
 }  // namespace updated
 

@@ -35,6 +35,7 @@ class ServiceJobFiles : public ::testing::Test {
     Job job;
     job.number = number;
     job.request = {kind, "libtuner", "lsm", "data", "/media", 1000, ":1.7"};
+    job.request.isHandedOver = true;
     job.beganAt = 1795348800.5;
     return job;
   }
@@ -69,6 +70,7 @@ TEST_F(ServiceJobFiles, KeepWhatWasAskedFor) {
   EXPECT_EQ(jobs[0].request.folder, "/media");
   EXPECT_EQ(jobs[0].request.user, 1000u);
   EXPECT_EQ(jobs[0].request.client, ":1.7");
+  EXPECT_TRUE(jobs[0].request.isHandedOver);
   EXPECT_DOUBLE_EQ(jobs[0].beganAt, 1795348800.5);
 }
 
@@ -142,6 +144,32 @@ TEST_F(ServiceJobFiles, SayWhetherWorkHasBegunAndForgetIt) {
   EXPECT_THAT(files_->load(), SizeIs(1));
   files_->remove(1);
   EXPECT_THAT(files_->load(), IsEmpty());
+}
+
+// A directory in the way of the new file is as good as no room for it.
+TEST_F(ServiceJobFiles, KeepTheEndInTheRoomThatThereIs) {
+  Job ended = job(1);
+  ASSERT_TRUE(files_->keep(ended));
+  std::filesystem::create_directory(path("1.job.new"));
+  updated::end(ended, "module-failed", 6, "It failed.", "Try again.");
+
+  ASSERT_TRUE(files_->keep(ended));
+
+  EXPECT_EQ(files_->load().at(0).document, ended.document);
+  updated::end(ended, "stopped", 1, "", "");  // it is shorter
+  ASSERT_TRUE(files_->keep(ended));
+  EXPECT_EQ(files_->load().at(0).outcome, "stopped");
+}
+
+TEST_F(ServiceJobFiles, KeepWhatWasThereWhenTheEndDoesNotFit) {
+  Job ended = job(1);
+  ASSERT_TRUE(files_->keep(ended));
+  std::filesystem::create_directory(path("1.job.new"));
+  updated::end(ended, "module-failed", 6, std::string(100000, 'x'), "");
+
+  EXPECT_FALSE(files_->keep(ended));
+
+  EXPECT_FALSE(files_->load().at(0).isDone());
 }
 
 TEST_F(ServiceJobFiles, SayThatThereIsNoRoom) {

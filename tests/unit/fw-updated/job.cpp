@@ -109,6 +109,16 @@ TEST(ServiceJob, KeepsItsPercentWhenItFails) {
   EXPECT_EQ(job.remedy, "Try.");
 }
 
+TEST(ServiceJob, DoesNotBelieveMoreThanAll) {
+  Job job = jobOf(Kind::Update, "libtuner");
+  happens(job, R"({"event":"progress","percent":40})");
+
+  happens(job, R"({"event":"progress","percent":101})");
+  happens(job, R"({"event":"progress","percent":-2})");
+
+  EXPECT_EQ(job.percent, 40);
+}
+
 TEST(ServiceJob, TakesNothingOfTheWrongType) {
   Job job = jobOf(Kind::Update, "libtuner");
 

@@ -1,13 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "history.h"
 
+#include <SQLiteCpp/SQLiteCpp.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
+#include <cstdarg>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -15,6 +19,32 @@
 #include "child-process.h"
 #include "device-environment.h"
 #include "file-descriptor.h"
+
+namespace {
+
+// So often opening the history fails, as on a disk that is full for a moment.
+int failsToOpen = 0;
+
+bool mayOpen(const std::string& path) {
+  if (failsToOpen == 0 || path != "/var/lib/fw-update/history.db") {
+    return true;
+  }
+  --failsToOpen;
+  errno = ENOSPC;
+  return false;
+}
+
+}  // namespace
+
+// In place of the C library's.
+extern "C" int open(const char* path, int flags, ...) {
+  std::va_list arguments;
+  va_start(arguments, flags);
+  const auto mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
+  va_end(arguments);
+  return mayOpen(path) ? static_cast<int>(syscall(SYS_openat, AT_FDCWD, path, flags | O_LARGEFILE, mode))
+                       : -1;
+}
 
 namespace {
 
@@ -311,6 +341,57 @@ TEST_F(ADamagedHistory, IsSetAsideByAReaderToo) {
   EXPECT_NE(all.warning(), "");
 }
 
+// Made by somebody who means harm.
+class AHostileHistory : public AHistory {
+ protected:
+  void SetUp() override {
+    AHistory::SetUp();
+    history::History before = historyOf();
+    add(before, ended("updated"));
+  }
+  static void change(const std::string& statements) {
+    SQLite::Database(kFile, SQLite::OPEN_READWRITE).exec(statements);
+  }
+};
+
+TEST_F(AHostileHistory, RunsNoQueryOfItsOwn) {
+  change(
+      "ALTER TABLE entries RENAME TO others; CREATE VIEW entries AS WITH RECURSIVE n(i) AS (SELECT 1 UNION "
+      "ALL "
+      "SELECT i + 1 FROM n LIMIT 5) SELECT others.* FROM n, others");
+  history::History all = historyOf();
+
+  EXPECT_THAT(outcomes(all), IsEmpty());
+  EXPECT_NE(all.damagedFile(), "");
+}
+
+TEST_F(AHostileHistory, ChangesNothingByItself) {
+  change("CREATE TRIGGER hides AFTER UPDATE ON entries BEGIN DELETE FROM entries; END");
+  history::History all = historyOf();
+
+  add(all, ended("module-failed"));
+
+  EXPECT_THAT(outcomes(all), ElementsAre("updated", "module-failed"));
+}
+
+TEST_F(AHostileHistory, TakesNoMoreMemoryThanItMayHoldItself) {
+  change("UPDATE entries SET sentence = CAST(zeroblob(8000000) AS TEXT)");
+  history::History all = historyOf();
+
+  EXPECT_THROW(all.list({}), history::Failure);
+}
+
+TEST_F(AHostileHistory, IsNotWaitedFor) {
+  fs::remove(kFile);
+  ASSERT_EQ(mkfifo(kFile, 0644), 0);
+  alarm(30);  // for what waits in spite of it
+  history::History all = historyOf();
+
+  EXPECT_THROW(all.list({}), history::Failure);
+  EXPECT_EQ(all.begin(tuner()).number, 0);
+  alarm(0);
+}
+
 TEST_F(ADamagedHistory, OfANewerVersionIsLeftAlone) {
   history::History before = historyOf();
   add(before, ended("updated"));
@@ -393,6 +474,30 @@ TEST_F(AHistory, IsNotForEverybodyToRead) {
 
   EXPECT_EQ(fs::status(kFile).permissions() & fs::perms::mask, fs::perms(0640));
   EXPECT_EQ(fs::status("/var/lib/fw-update/history.lock").permissions() & fs::perms::mask, fs::perms(0600));
+}
+
+TEST_F(AHistory, KeepsTheEndOfAnAttemptAlthoughItCannotBeOpenedJustThen) {
+  history::History all = historyOf();
+  const history::Attempt attempt = all.begin(tuner());
+
+  failsToOpen = 1;
+  all.finish(attempt, ended("updated"));
+
+  EXPECT_EQ(failsToOpen, 0);
+  EXPECT_THAT(outcomes(all), ElementsAre("updated"));
+}
+
+TEST_F(AHistory, IsReadAlthoughItCannotBeOpenedJustThen) {
+  history::History all = historyOf();
+  add(all, ended("updated"));
+  ASSERT_EQ(chmod(kFile, 0444), 0);
+  ASSERT_EQ(chmod("/var/lib/fw-update", 0555), 0);
+  const WithoutFileOverride ordinary;
+
+  failsToOpen = 1;
+
+  EXPECT_THAT(outcomes(all), ElementsAre("updated"));
+  EXPECT_EQ(failsToOpen, 0);
 }
 
 TEST_F(AHistory, FollowsNoLink) {

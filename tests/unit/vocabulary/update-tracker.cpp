@@ -109,6 +109,37 @@ TEST(UpdateTracker, CountsNothingBesideTheUpdateForAModuleThatNeverCameBack) {
   EXPECT_EQ(story.last().find(Stage::InModule)->span.length(), 4 * kSecond) << "which it may still be in";
 }
 
+TEST(UpdateTracker, EndsTheWaitForTheLockWithTheRequest) {
+  Story story;
+  story.untilLock().say(kClient, MESSAGE_REQUEST_ENDS, {"4", "-1", "libtuner"});
+  story.say(kClient, "").say(kClient, "");
+
+  story.finish();
+
+  EXPECT_EQ(story.last().find(Stage::WaitForLock)->span.length(), kSecond);
+}
+
+TEST(UpdateTracker, TakesAnErrorOfTheWorkerForTheEndOfItsWork) {
+  Story story;
+  story.untilLock().say(kWorker, MESSAGE_LOCK_TAKEN, {"tunerfw"});
+  story.say(kWorker, MESSAGE_CHECKSUM_DIFFERS, {"tunerfw"}).say(kWorker, "").say(kWorker, "");
+
+  EXPECT_EQ(story.last().result, Result::Refused);
+  EXPECT_EQ(story.last().reason, MESSAGE_CHECKSUM_DIFFERS);
+  EXPECT_FALSE(story.last().find(Stage::Prepare)->isOpen);
+  EXPECT_EQ(story.last().find(Stage::Prepare)->span.length(), kSecond);
+}
+
+TEST(UpdateTracker, TakesAnErrorOfWhoWaitsForNoEndOfTheWorkersWork) {
+  Story story;
+  story.untilLock().say(kWorker, MESSAGE_LOCK_TAKEN, {"tunerfw"});
+
+  story.say(kClient, MESSAGE_CHECKSUM_DIFFERS, {"tunerfw"});
+
+  EXPECT_EQ(story.last().result, Result::Running);
+  EXPECT_TRUE(story.last().find(Stage::Prepare)->isOpen);
+}
+
 TEST(UpdateTracker, TakesTheLockForGivenBackWhenTheRequestEnds) {
   Story story;
   story.untilWrite().say(kWorker, MESSAGE_WRITE_SUCCEEDED, {"tunerfw"});
@@ -208,6 +239,11 @@ TEST(UpdateTracker, NamesTheModuleWhoseTurnItIs) {
 
   story.say(kClient, MESSAGE_SIGNATURE_VALID, {"UserCaller", "/usb/unknownfw.bin"});
   EXPECT_EQ(story.tracker().module(), "libtuner") << "what names none that is known changes nothing";
+
+  for (const char* const path : {"/usb/wififw", "wififw.bin", "/media.bin/wififw"}) {
+    story.say(kClient, MESSAGE_SIGNATURE_VALID, {"UserCaller", path});
+    EXPECT_EQ(story.tracker().module(), "libtuner") << path << " is no package's path";
+  }
 }
 
 TEST(UpdateTracker, TellsWhatAProcessIsAt) {

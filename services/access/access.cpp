@@ -10,41 +10,15 @@
 #include <map>
 #include <utility>
 
-#include "refusal.h"
-
-namespace updated {
+namespace service {
 namespace {
 
 using Variants = std::map<std::string, sdbus::Variant>;
 
-constexpr char kGroup[] = "fwupdate";
 constexpr char kAdministrators[] = "fwupdate-admin";
+constexpr char kTooMany[] = "Too many requests wait already. Try again.";
 constexpr std::size_t kMostOpen = 256;
 constexpr std::uint64_t kPatienceUs = 30'000'000;
-
-// In the order of the enumeration.
-constexpr struct {
-  const char* id;       // polkit's
-  const char* words;    // "may not ..."
-  bool isForEverybody;  // without polkit
-  bool isForMembers;    // of the group; administrators may all
-} kActions[] = {
-    {"org.fwupdate.update1.query", "ask about updates", true, true},
-    {"org.fwupdate.update1.update", "update modules", false, true},
-    {"org.fwupdate.update1.usb", "use packages of a USB drive", false, true},
-    {"org.fwupdate.update1.cancel", "cancel the jobs of others", false, true},
-    {"org.fwupdate.update1.configure", "change the service's settings", false, false},
-    {"org.fwupdate.update1.consent", "consent to updates", false, true},
-};
-
-const auto& infoOf(Action action) {
-  return kActions[static_cast<std::size_t>(action)];
-}
-
-sdbus::Error notPermitted(Action action) {
-  return refusal(kNotPermitted, std::string("This user may not ") + infoOf(action).words +
-                                    ". Root may, and the members of the group " + kGroup + ".");
-}
 
 // There is no polkit on this bus, or it is switched off.
 bool isAbsent(const sdbus::Error& error) {
@@ -63,9 +37,8 @@ bool isIn(const Client& client, const char* name) {
          std::find(client.groups.begin(), client.groups.end(), entry->gr_gid) != client.groups.end();
 }
 
-bool groupsAllow(const Client& client, Action action) {
-  return infoOf(action).isForEverybody || isIn(client, kAdministrators) ||
-         (infoOf(action).isForMembers && isIn(client, kGroup));
+bool groupsAllow(const Client& client, const Permission& permission) {
+  return permission.isForEverybody || isIn(client, kAdministrators) || isIn(client, permission.group);
 }
 
 // Where the bus does not tell them: as the user would log in.
@@ -98,41 +71,57 @@ bool readCredentials(Client& client, const Variants& credentials) {
 }  // namespace
 
 struct Access::Question {
-  explicit Question(std::size_t& count) : open(count) { ++open; }
+  Question(std::size_t& count, Waiting& those, const Permission& wanted)
+      : open(count), waiting(those), permission(wanted) {
+    ++open;
+  }
   Question(const Question&) = delete;
   Question& operator=(const Question&) = delete;
-  ~Question() { --open; }
+  ~Question() {
+    --open;
+    if (isWaiting && --waiting[key()] == 0) {
+      waiting.erase(key());
+    }
+  }
+
+  Waiting::key_type key() const { return {&permission, client.user}; }
 
   void answer(bool yes) const {
     if (yes) {
       allowed(client);
     } else {
-      refused(notPermitted(action));
+      refused(sdbus::Error(interface + ".Error.NotPermitted",
+                           std::string("This user may not ") + permission.words +
+                               ". Root may, and the members of the group " + permission.group + "."));
     }
   }
 
   std::size_t& open;
+  Waiting& waiting;
+  bool isWaiting = false;  // for polkit
+  const Permission& permission;
+  std::string interface;
   Client client;
-  Action action = Action::Configure;
   Allowed allowed;
   Refused refused;
   std::optional<uid_t> owner;
 };
 
-Access::Access(sdbus::IConnection& connection)
-    : bus_(sdbus::createProxy(connection, "org.freedesktop.DBus", "/org/freedesktop/DBus")),
+Access::Access(sdbus::IConnection& connection, std::string interface)
+    : interface_(std::move(interface)),
+      bus_(sdbus::createProxy(connection, "org.freedesktop.DBus", "/org/freedesktop/DBus")),
       polkit_(sdbus::createProxy(connection, "org.freedesktop.PolicyKit1",
                                  "/org/freedesktop/PolicyKit1/Authority")) {}
 
-void Access::ask(const std::string& client, Action action, Allowed allowed, Refused refused,
+void Access::ask(const std::string& client, const Permission& permission, Allowed allowed, Refused refused,
                  std::optional<uid_t> owner) {
   if (open_ >= kMostOpen) {
-    refused(refusal(kTooMany, "Too many requests wait already. Try again."));
+    refused(sdbus::Error(interface_ + ".Error.TooMany", kTooMany));
     return;
   }
-  const auto question = std::make_shared<Question>(open_);
+  const auto question = std::make_shared<Question>(open_, waiting_, permission);
+  question->interface = interface_;
   question->client.name = client;
-  question->action = action;
   question->allowed = std::move(allowed);
   question->refused = std::move(refused);
   question->owner = owner;
@@ -158,9 +147,16 @@ void Access::decide(const std::shared_ptr<Question>& question) {
   const uid_t user = question->client.user;
   if (user == 0 || user == geteuid() || question->owner == user) {
     question->answer(true);
-  } else {
-    askPolkit(question);
+    return;
   }
+  const std::size_t most = question->permission.mostOfOneUser;
+  if (most != 0 && waiting_[question->key()] >= most) {
+    question->refused(sdbus::Error(interface_ + ".Error.TooMany", kTooMany));
+    return;
+  }
+  question->isWaiting = true;
+  ++waiting_[question->key()];
+  askPolkit(question);
 }
 
 // Nobody is asked for a password: a client that wants that asks polkit itself, before.
@@ -171,15 +167,15 @@ void Access::askPolkit(const std::shared_ptr<Question>& question) {
   polkit_->callMethodAsync("CheckAuthorization")
       .onInterface("org.freedesktop.PolicyKit1.Authority")
       .withTimeout(kPatienceUs)
-      .withArguments(subject, std::string(infoOf(question->action).id), std::map<std::string, std::string>(),
+      .withArguments(subject, std::string(question->permission.id), std::map<std::string, std::string>(),
                      std::uint32_t{0}, std::string())
       .uponReplyInvoke([question](const sdbus::Error* error, const Result& result) {
         if (error != nullptr && isAbsent(*error)) {
-          question->answer(groupsAllow(question->client, question->action));
+          question->answer(groupsAllow(question->client, question->permission));
         } else {
           question->answer(error == nullptr && std::get<0>(result));
         }
       });
 }
 
-}  // namespace updated
+}  // namespace service
