@@ -67,6 +67,12 @@ fw_describe_package(tools fw-update-tools admin
   "fw-update lists and runs updates, fw-trace shows what they did, fw-pack makes
 and checks firmware packages."
   DEPENDS library)
+fw_describe_package(fleet fw-fleet admin
+  "firmware update control for televisions - client of a fleet's server"
+  "fw-fleet asks a server, or a signed list in a directory, which updates there
+are for this set, downloads them, hands them over to the update service, and
+tells the server what came of it."
+  DEPENDS tools)
 fw_describe_package(module-kit fw-update-module-kit devel
   "firmware update control for televisions - module kit"
   "fw-module writes and checks update modules, fw-device makes devices in
@@ -80,7 +86,7 @@ set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")
 set(CPACK_PACKAGE_CONTACT "fw-update-control maintainers <maintainers@example.org>")
 set(CPACK_PACKAGING_INSTALL_PREFIX ${CMAKE_INSTALL_PREFIX})
 set(CPACK_STRIP_FILES ON)
-set(CPACK_COMPONENTS_ALL library platform verifier platform-check development tools module-kit)
+set(CPACK_COMPONENTS_ALL library platform verifier platform-check development tools fleet module-kit)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS ON)
@@ -104,8 +110,10 @@ set(CPACK_DEBIAN_VERIFIER_PACKAGE_CONTROL_EXTRA ${debian}/triggers)
 list(APPEND CPACK_DEBIAN_LIBRARY_PACKAGE_CONTROL_EXTRA ${debian}/library/postinst ${debian}/library/postrm)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_CONTROL_EXTRA
   ${debian}/tools/postinst ${debian}/tools/prerm ${debian}/tools/postrm)
+set(CPACK_DEBIAN_FLEET_PACKAGE_CONTROL_EXTRA
+  ${debian}/fleet/postinst ${debian}/fleet/prerm ${debian}/fleet/postrm)
 set(CPACK_DEBIAN_PLATFORM_PACKAGE_PROVIDES fw-update-platform)
-foreach(component IN ITEMS LIBRARY PLATFORM-CHECK DEVELOPMENT TOOLS MODULE-KIT)
+foreach(component IN ITEMS LIBRARY PLATFORM-CHECK DEVELOPMENT TOOLS FLEET MODULE-KIT)
   set(CPACK_DEBIAN_${component}_PACKAGE_DEPENDS ${platform_package})
 endforeach()
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_RECOMMENDS fw-update-verifier)

@@ -85,14 +85,15 @@ def complete_values(program, tree):
 
 
 def complete_arguments(program, tree):
-    """An argument's own completion; its options when the word begins with a dash."""
+    """An argument's own completion; its options when the word begins with a dash. Where a command could
+    stand, the commands."""
     function = function_name(program)
     yield "    if [[ $current != -* ]]; then"
     yield '        case "$place:$arguments" in'
     for command in command_tree.all_commands(tree):
         for number, entry in enumerate(command.arguments):
             kind = value_kind(entry)
-            if kind:
+            if kind and not command.commands:
                 count = "*" if entry.many else number
                 yield f"            {place(command)}:{count}) _{function}_complete {kind}; return ;;"
     yield "        esac"

@@ -10,11 +10,12 @@ import sys
 import dbus
 import dbus.bus
 import dbus.lowlevel
+import dbus.types
 
 from service_client import ADDRESS, JOB, NAME, PATH
 
-METHODS = {"Update": "sss", "UpdateAll": "", "ApplyUsb": "s", "EstimateUsb": "s", "Download": "s", "ListModules": "",
-           "Pending": "s", "LockStatus": "", "History": "sbu", "Query": "sas"}
+METHODS = {"Update": "sss", "UpdateAll": "", "ApplyUsb": "s", "EstimateUsb": "s", "Download": "s", "UpdateFrom": "ssa{sh}",
+           "ListModules": "", "Pending": "s", "LockStatus": "", "History": "sbu", "Query": "sas"}
 JOB_METHODS = {"Cancel": "", "Consent": "s"}
 VALUES = {"s": lambda chance: text(chance), "u": lambda chance: dbus.UInt32(chance.getrandbits(32)),
           "b": lambda chance: dbus.Boolean(chance.random() < 0.5), "i": lambda chance: dbus.Int32(-chance.getrandbits(31)),
@@ -62,6 +63,7 @@ def wrong_values(chance):
         ("Update", (text(chance), text(chance), text(chance))), ("Download", (text(chance),)),
         ("ApplyUsb", (chance.choice(TEXTS[2:6]),)), ("EstimateUsb", (chance.choice(TEXTS[2:6]),)),
         ("Pending", (chance.choice(TEXTS[1:]),)), ("History", (chance.choice(TEXTS[1:]), True, dbus.UInt32(2**32 - 1))),
+        ("UpdateFrom", (text(chance), text(chance), dbus.Dictionary({text(chance): dbus.types.UnixFd(0)}, "sh"))),
         ("Query", (text(chance), dbus.Array([text(chance)], "s"))),
         ("Query", ("list", dbus.Array(["x"] * 1000, "s")))])
     return call(PATH, NAME, member, METHODS[member], values)
@@ -94,7 +96,9 @@ def replays(chance):
 def not_allowed(chance):
     """As a client that may would ask."""
     member, values = chance.choice([("Update", ("libtuner", "", "")), ("UpdateAll", ()), ("Download", ("libwifi",)),
-                                    ("ApplyUsb", ("",)), ("EstimateUsb", ("/opt/media/USBDriveA",))])
+                                    ("ApplyUsb", ("",)), ("EstimateUsb", ("/opt/media/USBDriveA",)),
+                                    ("UpdateFrom", ("libtuner", "package",
+                                                    dbus.Dictionary({"package": dbus.types.UnixFd(0)}, "sh")))])
     return call(PATH, NAME, member, METHODS[member], values)
 
 

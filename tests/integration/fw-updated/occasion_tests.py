@@ -11,7 +11,7 @@ import time
 
 import dbus
 
-from service_client import NAME, PATH, Bus, Client, Service, run_named_test, tool, wait_for
+from service_client import NAME, PATH, Bus, Client, Service, children_of, package, program, run_named_test, tool, wait_for
 
 ERROR = NAME + ".Error."
 CONFIGURATION = "/etc/fw-update/fw-updated.conf"
@@ -35,6 +35,11 @@ def pending():
 
 def equal(seen, expected):
     assert seen == expected, f"{seen!r} instead of {expected!r}"
+
+
+def window_around_now():
+    now = time.time()
+    return "-".join(time.strftime("%H:%M", time.localtime(now + minutes * 60)) for minutes in (-60, 60))
 
 
 class Announcements:
@@ -68,11 +73,11 @@ def job_of(client, module):
                                   or client.properties(path)["Module"] == module), None), "a job of " + module)
 
 
-def start(text=None):
+def start(text=None, *options):
     if text is not None:
         configure(text)
     connection = Bus().connect()
-    return Service(connection), Client(connection)
+    return Service(connection, *options), Client(connection)
 
 
 def AnnouncesAndDoesNothingUnasked():
@@ -96,6 +101,14 @@ def SaysOfWhichClassAnUpdateIs():
     equal((found["class"], found["offeredVersion"]), ("security", "2.0.0"))
     classify("tunerfw", "urgent")
     equal(pending()["libtuner"]["class"], "feature")
+
+
+def SaysOfWhichClassTheUpdateInAPackageIs():
+    package("tunerfw", "tunerempfw", "4.0.0", options=["--class", "security"])
+
+    found = {module["library"]: module for module in tool("pending", "--caller", "debug")["modules"]}["libtuner"]
+
+    equal((found["outcome"], found["class"], found["offeredVersion"]), ("pending", "security", "4.0.0"))
 
 
 def DoesWhatTheConfigurationSaysOfEachClass():
@@ -140,6 +153,28 @@ def LeavesWhatIsDeclined():
     job = client.result(path)
     equal((job["Outcome"], job["Sentence"]), ("stopped", "It was declined."))
     assert "libtuner" in pending()
+
+
+LOOKS_AGAIN_LATER = """#!/bin/sh
+[ $1 != pending ] || mkdir /tmp/looked 2>/dev/null || read _ </tmp/next-occasion
+exec fw-update "$@"
+"""
+
+
+def AsksOnlyOnceAboutAVersionThatIsDeclined():
+    os.mkfifo("/tmp/next-occasion")
+    # Two occasions: the start, and the window.
+    _, client = start(f"window = {window_around_now()}\nfeature = ask\n",
+                      "--fw-update", program("looks-again-later", LOOKS_AGAIN_LATER))
+    announcements = Announcements(client.connection)
+    path = job_of(client, "libtuner")
+    client.job(path).Consent("no")
+    others = [one for one in paths(client) if client.state(one) == "asking"]
+
+    pathlib.Path("/tmp/next-occasion").write_text("\n", encoding="ascii")
+
+    equal(announcements.wait()[0], ["libtuner"])
+    equal([one for one in paths(client) if client.state(one) == "asking"], others)
 
 
 def PutsOffUntilTheNextOccasion():
@@ -188,9 +223,7 @@ def CancelsWhatAsks():
 
 
 def UpdatesInTheWindow():
-    now = time.time()
-    window = "-".join(time.strftime("%H:%M", time.localtime(now + minutes * 60)) for minutes in (-60, 60))
-    _, client = start(f"at-start = no\nwindow = {window}\nfeature = do\n")
+    _, client = start(f"at-start = no\nwindow = {window_around_now()}\nfeature = do\n")
 
     equal(client.result(job_of(client, "libtuner"))["Outcome"], "updated")
 
@@ -218,6 +251,25 @@ def FindsADriveThatAppears():
     path = wait_for(lambda: next(iter(paths(client)), None), "a job")
     job = client.result(path)
     equal((job["Kind"], tuple(job["AskedBy"])), ("usb-apply", (os.getuid(), "")))
+
+
+def LeavesADriveThatWasThere():
+    drives = [pathlib.Path("/opt/media/USBDriveA"), pathlib.Path("/opt/media/USBDriveA1")]
+    packages = pathlib.Path("/tmp/packages")
+    for folder in (*drives, packages):
+        folder.mkdir(parents=True, exist_ok=True)
+    make_package(packages)
+    subprocess.run(["mount", "--bind", str(packages), str(drives[0])], check=True)
+    service, client = start("at-start = no\nusb-drive = yes\nfeature = ask\n")
+
+    subprocess.run(["mount", "--bind", str(packages), str(drives[1])], check=True)
+
+    wait_for(lambda: paths(client), "a job")
+    wait_for(lambda: not children_of(service.process.pid), "no drive is being looked at")
+    equal([str(one["State"]) for one in jobs(client)], ["asking"])
+    client.job(paths(client)[0]).Consent("yes")
+    folder = json.loads(client.result(paths(client)[0])["Document"])["directory"]
+    equal(folder, str(drives[1]) + "/")
 
 
 def make_package(folder):

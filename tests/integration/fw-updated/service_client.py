@@ -20,12 +20,15 @@ PATH = "/org/fwupdate/Update1"
 JOB = NAME + ".Job"
 ADDRESS = "unix:path=/run/service-bus"
 KEY = "/usr/share/fw-update/package.key"  # of USB packages
-PATIENCE = 20  # seconds for what takes far less
+PATIENCE = 60  # seconds for what takes far less
 
 CONFIGURATION = """<busconfig>
   <listen>unix:path=/run/service-bus</listen>
   <limit name="max_incoming_bytes">1000000000</limit>
   <limit name="max_replies_per_connection">50000</limit>
+  <limit name="max_message_unix_fds">1000</limit>
+  <limit name="max_incoming_unix_fds">4000</limit>
+  <limit name="max_outgoing_unix_fds">4000</limit>
   <policy context="default">
     <allow user="*"/>
     <allow send_destination="*" eavesdrop="true"/>
@@ -71,9 +74,11 @@ class Bus:
 class Service:
     """fw-updated, started and on the bus."""
 
-    def __init__(self, connection, *options, **environment):
+    def __init__(self, connection, *options, inherited=(), through=(), **environment):
+        """through: a command that becomes the one behind it."""
         self.connection = connection
-        self.process = subprocess.Popen(["fw-updated", "--bus", ADDRESS, *options], env={**os.environ, **environment})
+        self.process = subprocess.Popen([*through, "fw-updated", "--bus", ADDRESS, *options],
+                                        env={**os.environ, **environment}, pass_fds=inherited)
         wait_for(lambda: connection.name_has_owner(NAME), "the service has its name")
 
     def kill(self, number=signal.SIGKILL):
@@ -157,6 +162,14 @@ def tool(*words):
     return json.loads(done.stdout)
 
 
+def program(name, text):
+    """One that stands before fw-update."""
+    path = pathlib.Path("/tmp") / name
+    path.write_text(text, encoding="ascii")
+    path.chmod(0o755)
+    return str(path)
+
+
 def history():
     return tool("history")["entries"]
 
@@ -174,10 +187,10 @@ def install_faulty_module():
     (target / "tunerfw.bin").rename(target / "faultyfw.bin")
 
 
-def package(firmware, identifier, version, image="/lib/firmware/ext", seconds=10):
+def package(firmware, identifier, version, image="/lib/firmware/ext", seconds=10, options=()):
     subprocess.run(["fw-pack", "emp", f"{image}/{firmware}/{firmware}.bin", "--id", identifier, "--version", version,
                     "--expected-time", str(seconds), "--signing-key", "/prd/signing.key",
-                    "--output", f"/opt/usr/apps/appbinarymanager/{identifier}.img"], stdout=subprocess.DEVNULL, check=True)
+                    "--output", f"/opt/usr/apps/appbinarymanager/{identifier}.img", *options], stdout=subprocess.DEVNULL, check=True)
 
 
 def usb_package(firmware="tunerfw", version="3.0.0"):
@@ -186,6 +199,17 @@ def usb_package(firmware="tunerfw", version="3.0.0"):
     subprocess.run(["fw-pack", "usb", str(image), "--version", version, "--key-file", KEY, "--signing-key",
                     "/prd/signing.key", "--output", f"/opt/media/USBDriveA/{firmware}.bin"],
                    stdout=subprocess.DEVNULL, check=True)
+
+
+def has_no_incoming():
+    """Nothing that was handed over lies where it is copied to, or where it is for one job."""
+    places = [pathlib.Path(place) / ".incoming" for place in ("/opt/usr/apps/appbinarymanager", "/opt/usr/share/sbox")]
+    own = pathlib.Path("/var/lib/fw-updated/incoming")
+    return not any(place.exists() for place in places) and not (own.exists() and list(own.iterdir()))
+
+
+def equal(seen, expected):
+    assert seen == expected, f"{seen!r} instead of {expected!r}"
 
 
 class Signals:

@@ -5,30 +5,32 @@ Each function whose name begins with a capital is a test.
 """
 import collections
 import contextlib
+import ctypes
+import errno
+import fcntl
 import json
 import os
 import pathlib
 import random
+import select
 import signal
+import sqlite3
+import stat
 import subprocess
 
 import dbus
 
-from service_client import (JOB, NAME, PATH, Bus, Client, Polkit, Service, Signals, add_group, as_user, busctl,
-                            children_of, has_other_users, history, install_faulty_module, need_other_users, package,
-                            run_named_test, slow, tool, usb_package, wait_for)
+from service_client import (ADDRESS, JOB, NAME, PATH, PATIENCE, Bus, Client, Polkit, Service, Signals, add_group,
+                            as_user, busctl, children_of, equal, has_other_users, history, install_faulty_module,
+                            need_other_users, package, program, run_named_test, slow, tool, usb_package, wait_for)
 
 ERROR = NAME + ".Error."
 STRANGER = 65534  # a user
 
 
-def start(**environment):
+def start(*options, **environment):
     connection = Bus().connect()
-    return Service(connection, **environment), Client(connection)
-
-
-def equal(seen, expected):
-    assert seen == expected, f"{seen!r} instead of {expected!r}"
+    return Service(connection, *options, **environment), Client(connection)
 
 
 def GivesTheResultOfTheCommand():
@@ -158,6 +160,42 @@ def QueuesWhatIsAskedAtOnce():
     equal(list(client.properties(PATH, NAME)["Jobs"]), [first, second])
 
 
+def BeginsNoJobBeforeTheOneAtWorkIsDone():
+    slow("panelfw", 1000)
+    _, client = start()
+    signals = Signals(client.connection)
+    manager = client.manager()
+    first = manager.Update("libpanel", "lsm", "")
+    client.wait_for_state(first, "updating")
+
+    second = manager.Update("libtuner", "", "")
+    manager.LockStatus()  # as long as a job takes to begin, at least
+
+    equal((client.state(first), client.state(second)), ("updating", "queued"))
+    signals.wait_for(lambda: (second, "done") in states_in(signals), "both are done")
+    assert states_in(signals).index((first, "done")) < states_in(signals).index((second, "checking")), signals.changes
+
+
+def states_in(signals):
+    return [(path, str(changed["State"])) for path, changed in signals.changes if "State" in changed]
+
+
+def GoesOnAfterACommandThatCannotBeStarted():
+    slow("panelfw", 1000)
+    tool_before = program("goes-away", '#!/bin/sh\nexec fw-update "$@"\n')
+    _, client = start("--fw-update", tool_before)
+    manager = client.manager()
+    client.wait_for_state(manager.Update("libpanel", "lsm", ""), "updating")
+    waiting = [manager.Update("libtuner", "", ""), manager.Update("libtuner", "", "")]
+
+    os.remove(tool_before)
+
+    for path in waiting:
+        job = client.result(path)
+        equal((job["Outcome"], job["Sentence"]),
+              ("unexpected-error", tool_before + " cannot be started: No such file or directory."))
+
+
 def TakesNoMoreJobsThanCanWait():
     slow("panelfw", 100)
     _, client = start()
@@ -210,6 +248,27 @@ def CancelsWhatWaitsForTheLock():
     equal(other.returncode, 0)
     equal(tool("info", "libtuner")["version"], "0.0.0")
     equal(client.manager().LockStatus()[0], "free")
+
+
+def taken_lock():
+    """The update lock, held by this process."""
+    library = ctypes.CDLL(None, use_errno=True)
+    library.sem_open.restype = ctypes.c_void_p
+    lock = ctypes.c_void_p(library.sem_open(b"/SEM_UPDATE_CONTROL", os.O_CREAT, ctypes.c_uint(0o666), ctypes.c_uint(1)))
+    equal(library.sem_trywait(lock), 0)
+    return lock
+
+
+def CancelsWhatWaitsForALockThatIsNeverGivenBack():
+    _, client = start()
+    taken_lock()
+    path = client.manager().Update("libtuner", "", "")
+    client.wait_for_state(path, "waiting-for-lock")
+
+    client.job(path).Cancel()
+
+    equal(client.result(path)["Outcome"], "stopped")
+    equal(client.manager().LockStatus()[0], "taken")
 
 
 def OutlivesModulesThatCrash():
@@ -300,13 +359,6 @@ def SaysInterruptedOfAJobWhoseProcessesWereKilled():
     equal([entry["outcome"] for entry in history()], [str(job["Outcome"]), "updated"])
 
 
-def program(name, text):
-    path = pathlib.Path("/tmp") / name
-    path.write_text(text, encoding="ascii")
-    path.chmod(0o755)
-    return str(path)
-
-
 DIES_BEFORE_IT_TELLS = """#!/bin/sh
 case "$1 $2" in
   "update "*) fw-update "$@" >/dev/null; kill -9 $$ ;;
@@ -345,6 +397,201 @@ def HasAnEntryOfAJobThatWasKilledBeforeItBeganOne():
     equal([(entry["way"], entry["module"], entry["outcome"], entry["sentence"]) for entry in history()],
           [("service", "libtuner", "interrupted", str(job["Sentence"]))])
     equal(tool("info", "libtuner")["version"], "0.0.0")
+
+
+WRITES_DOWN_WHAT_IT_IS_ASKED = """#!/bin/sh
+echo "$1" >>/tmp/asked
+exec "$(command -v fw-update)" "$@"
+"""
+
+
+def begins_no_second_entry_while_the_history_is(locked):
+    slow("panelfw", 1000)
+    service, client = start("--fw-update", program("writes-down", WRITES_DOWN_WHAT_IT_IS_ASKED))
+    path = client.manager().Update("libpanel", "lsm", "")
+    client.wait_for_state(path, "updating")
+    asked = pathlib.Path("/tmp/asked")
+
+    file = sqlite3.connect("/var/lib/fw-update/history.db", isolation_level=None)
+    file.execute("BEGIN " + locked)
+    asked.write_text("", encoding="ascii")
+    for child in children_of(service.process.pid):
+        os.kill(child, signal.SIGKILL)
+    wait_for(lambda: asked.read_text(encoding="ascii").partition("history\n")[2], "more is asked than the history")
+    file.execute("ROLLBACK")
+
+    job = client.result(path)
+    equal((job["Outcome"], [entry["outcome"] for entry in history()]), ("interrupted", ["interrupted"]))
+
+
+def BeginsNoSecondEntryWhileNobodyMayWriteTheHistory():
+    begins_no_second_entry_while_the_history_is("IMMEDIATE")
+
+
+def BeginsNoSecondEntryWhileNobodyMayReadTheHistory():
+    begins_no_second_entry_while_the_history_is("EXCLUSIVE")
+
+
+DIES_WHEN_IT_IS_TOLD_TO = """#!/bin/sh
+[ $1 != update ] || ! rm /tmp/die 2>/dev/null || kill -9 $$
+exec fw-update "$@"
+"""
+
+
+def TellsTheEndOfAnEarlierJobOfNoOther():
+    slow("tunerfw", 100000)
+    _, client = start("--fw-update", program("dies-when-told", DIES_WHEN_IT_IS_TOLD_TO))
+    equal(client.result(client.manager().Update("libtuner", "", ""))["Outcome"], "updated")
+    pathlib.Path("/tmp/die").touch()
+
+    job = client.result(client.manager().Update("libtuner", "", ""))
+
+    equal(job["Outcome"], "interrupted")
+    equal([(entry["outcome"], entry["way"]) for entry in history()],
+          [("updated", "service"), ("interrupted", "service")])
+
+
+IS_BESIDE_ANOTHER_WAY = """#!/bin/sh
+[ $1 != update ] || ! rm /tmp/die 2>/dev/null || {
+  env -u FW_UPDATE_ASKED_BY -u FW_UPDATE_JOB_GATE fw-update "$@" >/dev/null
+  kill -9 $$
+}
+exec fw-update "$@"
+"""
+
+
+def TellsTheEndOfAnUpdateByAnotherWayOfNoJob():
+    _, client = start("--fw-update", program("is-beside", IS_BESIDE_ANOTHER_WAY))
+    pathlib.Path("/tmp/die").touch()
+
+    job = client.result(client.manager().Update("libtuner", "", ""))
+
+    equal(job["Outcome"], "interrupted")
+    equal([(entry["outcome"], entry["way"]) for entry in history()],
+          [("updated", "direct"), ("interrupted", "service")])
+
+
+PAGE = os.sysconf("SC_PAGESIZE")
+JOBS = pathlib.Path("/run/fw-updated")
+
+
+class LittleRoom:
+    """What the service keeps its jobs in, and a file that takes all of the room there."""
+
+    def __init__(self):
+        JOBS.mkdir(mode=0o700)
+        subprocess.run(["mount", "-t", "tmpfs", "-o", f"size={16 * PAGE},mode=700", "none", str(JOBS)], check=True)
+        self.file = JOBS / "other"
+
+    def fill(self, pages_left=0):
+        with open(self.file, "ab", buffering=0) as file:
+            try:
+                while True:
+                    file.write(bytes(PAGE))
+            except OSError as error:
+                equal(error.errno, errno.ENOSPC)
+            file.truncate(file.tell() - pages_left * PAGE)
+
+    def give_back(self):
+        self.file.unlink()
+
+
+def KeepsTheEndsOfItsJobsWhereThereIsNoRoom():
+    room = LittleRoom()
+    slow("panelfw", 1000)
+    service, client = start()
+    paths = [client.manager().Update("libpanel", "lsm", ""), client.manager().Update("libtuner", "", "")]
+    client.wait_for_state(paths[0], "updating")
+
+    room.fill()
+    client.job(paths[1]).Cancel()
+    before = [client.result(path) for path in paths]
+    service.kill()
+    room.give_back()
+    Service(client.connection)
+
+    equal([str(job["Outcome"]) for job in before], ["updated", "stopped"])
+    for path, job in zip(paths, before):
+        after = client.result(path)
+        for name in ("Outcome", "ExitCode", "Sentence", "Document", "AskedBy"):
+            equal(after[name], job[name])
+    equal([(entry["module"], entry["outcome"]) for entry in history()], [("libpanel", "updated")])
+    equal(sorted(os.listdir(JOBS)), ["1.job", "2.job"])
+
+
+def BeginsNoJobWithoutRoomForIt():
+    room = LittleRoom()
+    service, client = start()
+    manager = client.manager()
+    room.fill(pages_left=1)
+
+    job = client.result(manager.Update("libtuner", "", ""))
+
+    equal((job["Outcome"], str(job["Sentence"]).split(": ")[1]), ("unexpected-error", "No space left on device."))
+    equal(client.error(manager.Update, "libtuner", "", ""),
+          (ERROR + "Failed", "The job cannot be kept: there is no room in /run."))
+    room.give_back()
+    equal(client.result(manager.Update("libtuner", "", ""))["Outcome"], "updated")
+    equal(service.process.poll(), None)
+
+
+HOLDS_QUESTIONS = """#!/bin/sh
+mkdir -p /tmp/asked
+touch /tmp/asked/$$
+ls /tmp/asked | wc -l >>/tmp/counts
+flock --shared /tmp/held true
+rm /tmp/asked/$$
+exec fw-update "$@"
+"""
+
+
+def counts():
+    """How many questions each found that was asked."""
+    path = pathlib.Path("/tmp/counts")
+    return path.read_text(encoding="ascii").split() if path.exists() else []
+
+
+def AsksAFewQuestionsAtOnceAndRefusesTooMany():
+    pathlib.Path("/etc/fw-update").mkdir(exist_ok=True)
+    pathlib.Path("/etc/fw-update/fw-updated.conf").write_text("at-start = no\n", encoding="ascii")  # it asks nothing itself
+    _, client = start("--fw-update", program("holds-questions", HOLDS_QUESTIONS))
+    signals, answers, refusals = Signals(client.connection), [], []
+    manager = client.manager()
+
+    with open("/tmp/held", "w", encoding="ascii") as held:
+        fcntl.flock(held, fcntl.LOCK_EX)
+        for _ in range(40):
+            manager.LockStatus(reply_handler=lambda *answer: answers.append(str(answer[0])),
+                               error_handler=lambda error: refusals.append(error.get_dbus_message()))
+        signals.wait_for(lambda: len(refusals) >= 8, "questions are refused")
+        signals.wait_for(lambda: "4" in counts(), "four are asked at once")
+    signals.wait_for(lambda: len(answers) + len(refusals) == 40, "the others are answered")
+
+    assert len(answers) in (31, 32), answers  # one may be the service's own, from its start
+    equal((set(refusals), set(answers)), ({"Too many questions wait already. Try again."}, {"absent"}))
+    equal(max(map(int, counts())), 4)
+
+
+LISTS_WHAT_IS_OPEN = """#!/bin/sh
+ls -l /proc/$$/fd >>/tmp/open-$1
+exec fw-update "$@"
+"""
+
+
+def LeavesItsFilesToNoProgramThatItStarts():
+    connection = Bus().connect()
+    reading, writing = os.pipe()
+    Service(connection, "--fw-update", program("lists-what-is-open", LISTS_WHAT_IS_OPEN), inherited=[writing])
+    client = Client(connection)
+    pipe = os.readlink(f"/proc/self/fd/{reading}")
+
+    equal(client.result(client.manager().Update("libtuner", "", ""))["Outcome"], "updated")
+    client.manager().ListModules()
+
+    for command in ("update", "list"):
+        listed = pathlib.Path(f"/tmp/open-{command}").read_text(encoding="ascii")
+        assert "-> /dev/null" in listed, listed
+        assert pipe not in listed, listed
 
 
 def AnswersQueriesAsTheCommandDoes():
@@ -396,6 +643,32 @@ def LetsStrangersOnlyAsk():
         equal(busctl(STRANGER, [], PATH, NAME, method, "s", ""), (1, refused.format("use packages of a USB drive")))
     equal(busctl(STRANGER, [], PATH, NAME, "LockStatus")[0], 0)
     equal(busctl(STRANGER, [], PATH, NAME, "ListModules")[0], 0)
+
+
+def LeavesRoomForOthersThanAUserWhoAsksWithoutEnd():
+    need_other_users()
+    slow_tool = pathlib.Path("/run/slow-tool")
+    slow_tool.write_text("#!/bin/sh\nwhile [ ! -e /run/go-on ]; do sleep 0.05; done\nexec fw-update \"$@\"\n", encoding="ascii")
+    slow_tool.chmod(0o755)
+    _, client = start("--fw-update", str(slow_tool))
+    flood = ("import sys, dbus, dbus.bus, dbus.mainloop.glib; from gi.repository import GLib\n"
+             "dbus.mainloop.glib.DBusGMainLoop(set_as_default=True); loop = GLib.MainLoop(); refused = []\n"
+             f"object = dbus.bus.BusConnection({ADDRESS!r}).get_object({NAME!r}, {PATH!r}, introspect=False)\n"
+             "def take(error):\n"
+             "    refused.append(error.get_dbus_name())\n"
+             "    if len(refused) == 32: print(sorted(set(refused)), flush=True)\n"
+             f"for _ in range(40): object.LockStatus(dbus_interface={NAME!r}, reply_handler=print, error_handler=take, timeout=60)\n"
+             "loop.run()")
+    with subprocess.Popen(["/usr/bin/python3", "-c", flood], user=STRANGER, group=STRANGER, stdout=subprocess.PIPE,
+                          text=True) as stranger:
+        readable, _, _ = select.select([stranger.stdout], [], [], PATIENCE)
+        told = stranger.stdout.readline() if readable else "fewer were refused"
+        pathlib.Path("/run/go-on").touch()
+        answer = client.manager().LockStatus()
+        stranger.kill()
+
+    equal(told, f"['{ERROR}TooMany']\n")
+    assert answer[1], answer
 
 
 def LetsMembersOfTheGroupUpdateAndNobodyElseCancel():
@@ -492,6 +765,53 @@ def FindsWhatAnApplicationDidNotEnd():
     rows = client.manager().History("", False, 0)
 
     equal([tuple(map(str, row[3:7])) for row in rows], [("libtuner", "library", "root", "interrupted")])
+
+
+def TakesInWhatProgramsOfAnOrdinaryUserDid():
+    need_other_users()
+    add_group("fwupdate", 7000)
+    _, client = start()
+
+    with_library = as_user(STRANGER, [7000], os.environ["LIBRARY_CLIENT"], "libtuner")
+    with_command = as_user(STRANGER, [7000], "fw-update", "update", "libpanel")
+    rows = client.manager().History("", False, 0)
+
+    equal((with_library[0], with_command[0]), (0, 5))
+    equal([tuple(map(str, row[3:7])) for row in rows],
+          [("libtuner", "library", "nobody", "module-failed"), ("libpanel", "library", "nobody", "refused-image")])
+
+
+TRACES = pathlib.Path("/run/fw-trace")
+
+
+def access_of(path):
+    status = path.stat()
+    return status.st_uid, status.st_gid, stat.S_IMODE(status.st_mode)
+
+
+def LetsMembersOfTheGroupTraceAndNobodyElse():
+    need_other_users()
+    add_group("fwupdate", 7000)
+    _, client = start()
+
+    as_user(STRANGER, [], os.environ["LIBRARY_CLIENT"], "libtuner")
+
+    equal(access_of(TRACES), (0, 7000, 0o1775))
+    equal(list(client.manager().History("", False, 0)), [])
+
+
+def LeavesTheDirectoryOfTracesAsTheSetHasIt():
+    need_other_users()
+    add_group("fwupdate", 7000)
+    TRACES.mkdir()
+    connection = Bus().connect()
+    for owner, mode in (((0, 0), 0o700), ((0, 7), 0o755), ((STRANGER, 0), 0o755)):
+        os.chown(TRACES, *owner)
+        TRACES.chmod(mode)
+
+        Service(connection).kill(signal.SIGTERM)
+
+        equal(access_of(TRACES), (*owner, mode))
 
 
 class Soak:
