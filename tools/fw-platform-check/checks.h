@@ -7,6 +7,13 @@
 
 namespace conformance {
 
+// What a check needs to know of the set. For the thread that makes the checks.
+struct SetFacts {
+  std::string unsignedPackage;  // that the set's server offers without a signature; empty: none
+  int patienceSeconds = 20;     // then a check is given up
+};
+SetFacts& setFacts();
+
 Finding logKeepsErrno();
 Finding logReturnsLength();
 Finding logFormatsErrorText();
@@ -41,6 +48,7 @@ Finding traceGoesOnInChild();
 Finding downloadReturnsAtOnce();
 Finding downloadRefusesBadName();
 Finding downloadTellsWhatItKnows();
+Finding downloadRefusesUnsigned();
 
 Finding verifierRefusesUnsigned();
 Finding verifierRefusesMissing();
@@ -81,6 +89,7 @@ inline constexpr Check kChecks[] = {
     {"download", "returns at once", downloadReturnsAtOnce},
     {"download", "refuses a name that is no identifier", downloadRefusesBadName},
     {"download", "tells how a download goes, or that it is not known", downloadTellsWhatItKnows},
+    {"download", "refuses a package without a signature", downloadRefusesUnsigned},
     {"verifier", "refuses a file without a signature", verifierRefusesUnsigned},
     {"verifier", "refuses a file that is not there", verifierRefusesMissing},
 };
@@ -95,6 +104,7 @@ inline constexpr Check kSecurityChecks[] = {
     {"secure", "lets only root write what updates rely on", secureOnlyRootWrites},
     {"secure", "keeps the packages' key to root", securePackageKeyIsSecret},
     {"secure", "downloads only what is signed, over safe connections", secureDownloadsAreSigned},
+    {"secure", "downloads no package without a signature", downloadRefusesUnsigned},
     {"secure", "mounts drives read-only, without programs and devices", secureDrivesAreReadOnly},
 };
 

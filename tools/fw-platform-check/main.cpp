@@ -21,6 +21,7 @@
 #include "file-descriptor.h"
 #include "frame/program.h"
 #include "interrupted.h"
+#include "module-names.h"
 #include "program-start.h"
 #include "runner.h"
 #include "system-error.h"
@@ -47,6 +48,7 @@ struct Options {
   std::string library;
   std::string area;
   int seconds = 20;  // for each check
+  std::string unsignedPackage;
   bool secure = false;
 };
 
@@ -72,6 +74,9 @@ std::string areaProblem(const std::string& name) {
 void settle(Options& options) {
   if (options.secure && !(options.area.empty() && options.library.empty())) {
     throw frame::UsageError("--secure looks at the set, not at an area of a library");
+  }
+  if (!options.unsignedPackage.empty() && !fwnames::isPackageName(options.unsignedPackage)) {
+    throw frame::UsageError("a package's identifier is 1 to 127 letters and digits");
   }
 }
 
@@ -259,12 +264,22 @@ frame::Report checkAll(const Check (&checks)[Size], const Options& options) {
   return reportOf(results);
 }
 
+}  // namespace
+
+SetFacts& setFacts() {
+  static SetFacts facts;
+  return facts;
+}
+
+namespace {
+
 frame::Report run(const Options& options) {
   if (!options.library.empty() && std::getenv(kTaken) == nullptr) {
     return checkWithLibrary(options);
   }
   unsetenv("LD_PRELOAD");  // not for what the library starts
   catchInterruptions();
+  setFacts() = {options.unsignedPackage, options.seconds};
   return options.secure ? checkAll(kSecurityChecks, options) : checkAll(kChecks, options);
 }
 
@@ -281,6 +296,8 @@ constexpr Option kOptions[] = {
     {"--secure", &Options::secure, "Check instead, as root, that this set uses nothing unsigned"},
     Option("--timeout S", &Options::seconds, "Give up a check after so many seconds; default: 20")
         .within(1, 3600),
+    {"--unsigned-package ID", &Options::unsignedPackage,
+     "What the server offers without a signature; it must be refused"},
 };
 
 constexpr char kSummary[] = "Checks that a platform library keeps what the update library relies on.";

@@ -20,6 +20,7 @@ import threading
 import unittest
 
 FW_DEVICE, FW_DOWNLOAD, MODULE, WORK = sys.argv[1:5]
+TREE = os.path.realpath(os.path.join(os.path.dirname(__file__), "../../.."))
 BIN = os.path.dirname(FW_DEVICE)
 DEVICE = os.path.join(WORK, "device")
 
@@ -97,6 +98,24 @@ def on_terminal(command, **more):
     process.wait()
     os.close(end)
     return OWN_ORDERS.sub(b"", output.replace(b"\r\n", b"\n"))
+
+
+# A command with the update service, which has made a job for the module of the first argument.
+SERVICE = """
+address=unix:path=/run/hostile-bus
+rm -f /run/hostile-bus
+echo '<busconfig><listen>unix:path=/run/hostile-bus</listen><policy context="default"><allow user="*"/>
+  <allow send_destination="*" eavesdrop="true"/><allow eavesdrop="true"/><allow own="*"/></policy></busconfig>' >/run/hostile-bus.conf
+dbus-daemon --config-file=/run/hostile-bus.conf --nofork --nosyslog >/dev/null 2>&1 & bus=$!
+until busctl --address=$address list >/dev/null 2>&1; do sleep 0.05; done
+FW_UPDATE_LOG=none fw-updated --bus $address & service=$!
+until fw-update jobs --bus $address >/dev/null 2>&1; do sleep 0.05; done
+fw-update update "$1" --service --bus $address >/dev/null 2>&1
+shift
+fw-update "$@" --bus $address
+kill $service $bus
+wait
+"""
 
 
 class HostileTexts(unittest.TestCase):
@@ -227,6 +246,39 @@ class HostileTexts(unittest.TestCase):
         self.update("usb", "apply", inside, "--key-file", "/tmp/key")
         self.update("usb", "estimate", inside, "--key-file", b"/tmp/" + EVIL)
 
+    def test_fw_update_shows_the_history(self):
+        self.fit(True)
+        piped(on_device("fw-update", "update", self.name))
+        self.update("history")
+        self.update("history", "show", "1")
+        self.update("history", "--module", EVIL, shows=b"")
+        self.update("history", "--since", EVIL, shows=b"no time such as")
+
+    def test_fw_update_explains_and_verifies(self):
+        self.update("explain", EVIL, shows=b"No table has this line")
+        self.update("explain", b"lib" + EVIL + b" was updated. Version " + EVIL + b" -> 2 in 1.0 s.", shows=b"")
+        self.update("verify", self.name, "--version", EVIL)
+        self.update("verify", EVIL, "--version", "1")
+
+    def test_the_update_service(self):
+        self.fit(True)
+        # What the service takes: no control characters of 7 bits, and UTF-8 alone.
+        name = "lib\u009b2J\u202e\u2066X".encode()
+        module = os.path.join(self.controls, name + b".so")
+        shutil.copy(MODULE, module)
+        shown = b"\\xC2\\x9B"
+        for arguments in (("list", "--service"), ("info", name, "--service"), ("pending", "--service"),
+                          ("update", name, "--service"), ("update-all", "--service"), ("jobs",), ("watch", "1"),
+                          ("history", "--service"), ("history", "show", "1", "--service"),
+                          ("update", b"lib\xc2\x9b", "--service")):
+            self.look(on_device("sh", "-c", SERVICE, "sh", name, *arguments), shown)
+        # sdbus-c++ 1.2 does not free a bus that could not be opened.
+        leaky = {"ASAN_OPTIONS": os.environ.get("ASAN_OPTIONS", "") + ":detect_leaks=0"}
+        self.look(on_device("fw-updated", "--bus", EVIL), b"bus cannot be", **leaky)
+        self.look(on_device("fw-updated", "--check-config", EVIL), b"\\x1B]0;T")
+        self.look(on_device("fw-update", "jobs", "--bus", EVIL), b"bus cannot be", **leaky)
+        os.unlink(module)
+
     def test_json_holds_the_texts_themselves(self):
         valid = EVIL.decode("utf-8", "backslashreplace")
         wanted = re.sub(r"\\x([0-9a-f]{2})", lambda byte: "\\x" + byte.group(1).upper(), valid)
@@ -276,7 +328,24 @@ class HostileTexts(unittest.TestCase):
         self.look([tool, "inspect", file], b"\\x1B]0;T")
         self.look_at_json([tool, "inspect", file, "--json"], ["info.json"])
         self.look([tool, "info", file + b"gone", "--version", "1", "--expected-time", "5", "-o", EVIL], b"\\x1B]0;T")
+        self.look([tool, "release", os.path.dirname(file), "--number", "1", "--expires", "2037-01-31T00:00:00Z",
+                   "--signing-key", file, "--into", file], b"\\x1B]0;T")
         self.look([tool, EVIL], b"\\x1B]0;T")
+
+    def test_fw_fleet(self):
+        tool = os.path.join(BIN, "fw-fleet")
+        file = os.path.join(os.fsencode(WORK), b"c" + EVIL)
+        write(file, EVIL + b" = x\nserver = " + EVIL + b"\ntoken-file = " + EVIL + b"\n")
+        self.look([tool, "--check-config", file], b"\\x1B]0;T")
+        self.look([tool, "--check-config", file + b"gone"], b"\\x1B]0;T")
+        self.look([tool, EVIL], b"\\x1B]0;T")
+        leaky = {"ASAN_OPTIONS": os.environ.get("ASAN_OPTIONS", "") + ":detect_leaks=0"}
+        self.look([tool, "status", "--bus", EVIL], b"cannot be asked", **leaky)
+
+    def test_what_runs_from_the_tree(self):
+        self.look([os.path.join(TREE, "virtual-set"), EVIL], b"\\x1b]0;T")
+        self.look([os.path.join(TREE, "virtual-set"), "run", b"--" + EVIL], b"\\x1b]0;T")
+        self.look(["python3", "-B", os.path.join(TREE, "tests", "check-steps.py"), "quick", "--step", EVIL], b"\\x1b]0;T")
 
     def test_fw_device(self):
         device = os.path.join(os.fsencode(WORK), b"d" + EVIL)
@@ -296,6 +365,7 @@ class HostileTexts(unittest.TestCase):
         check = os.path.join(BIN, "fw-platform-check")
         self.look([check, "--library", EVIL], b"\\x1B]0;T")
         self.look([check, "--only", EVIL], b"\\x1B]0;T")
+        self.look([check, "--unsigned-package", EVIL], b"letters and digits")
         self.look([check, b"--" + EVIL], b"\\x1B]0;T")
 
 

@@ -102,6 +102,7 @@ constexpr Fault kFaults[] = {
     {"plain-minus-one", "result-code", "doUpdate"},
     {"silent-failure", "reason", "doUpdate"},
     {"reason-under-another-name", "reason", "doUpdate"},
+    {"silent-empty-package", "reason", "doUpdate_decryption"},
     {"failing-package", "decryption", "doUpdate_decryption"},
     {"failing-end", "all-done", "allUpdateDone"},
 };

@@ -5,7 +5,8 @@
 // "fail", "crash", "hang" (for ever), "late" (3 s, and then fails), "throw",
 // "needed-later" (not needed when a process asks for the first time), "needed-once"
 // (no answer when it asks again); without it, it updates. It appends every call that
-// the run makes of it to /var/lib/fw-components/calls.
+// the run makes of it to /var/lib/fw-components/calls, and its name to torn-down beside it
+// when its process tears it down.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <unistd.h>
@@ -41,13 +42,21 @@ std::string readWord(const std::string& path) {
 }
 
 // One write each: calls of several processes are not mixed.
-void note(const std::string& call) {
-  const std::string line = firmwareName() + " " + call + "\n";
-  const int file = open("/var/lib/fw-components/calls", O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+void append(const char* path, const std::string& line) {
+  const int file = open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
   [[maybe_unused]] const ssize_t written = write(file, line.data(), line.size());
   close(file);
 }
 
+void note(const std::string& call) {
+  append("/var/lib/fw-components/calls", firmwareName() + " " + call + "\n");
+}
+
+struct TornDown {
+  ~TornDown() { append("/var/lib/fw-components/torn-down", firmwareName() + "\n"); }
+};
+
+const TornDown kTornDown;
 std::string context;
 char wantedVersion[128];  // no object: an update may still run when the process ends
 

@@ -3,9 +3,11 @@
 // only shows in part.
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <linux/futex.h>
 #include <pthread.h>
 #include <semaphore.h>
 #include <sys/mman.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -247,6 +249,12 @@ TEST_F(LockSeen, IsWaitedForByAProcessOfThisProgramThatWaitsWithOneOfItsThreads)
   EXPECT_EQ(userOnce(LockRole::Waits, 1).process, child.id());
 }
 
+// Whether a process is in a call of futex, of whatever width.
+bool isInFutex(pid_t process) {
+  const std::string call = DeviceTest::readFile("/proc/" + std::to_string(process) + "/syscall");
+  return call.rfind("202 ", 0) == 0 || call.rfind("240 ", 0) == 0 || call.rfind("422 ", 0) == 0;
+}
+
 TEST_F(LockSeen, IsNotWaitedForByAProcessThatWaitsForSomethingElse) {
   const ChildProcess child([]() -> int {
     useLock();
@@ -254,15 +262,26 @@ TEST_F(LockSeen, IsNotWaitedForByAProcessThatWaitsForSomethingElse) {
     sem_wait(other);
     return 0;
   });
-  const auto waitsForOther = [&child](const LockUser&) {
-    const std::string call = readFile("/proc/" + std::to_string(child.id()) + "/syscall");
-    return call.rfind("202 ", 0) == 0 || call.rfind("240 ", 0) == 0 || call.rfind("422 ", 0) == 0;
-  };
 
-  const LockUser user = userOnce(waitsForOther);
+  const LockUser user = userOnce([&child](const LockUser&) { return isInFutex(child.id()); });
 
   EXPECT_EQ(user.role, LockRole::MayHold);
   EXPECT_EQ(user.waitingThreads, 0u);
+}
+
+// This C library waits with a set of bits, others do without.
+TEST_F(LockSeen, IsWaitedForByAProcessWhoseCLibraryWaitsInAnotherWay) {
+  sem_wait(useLock());
+  const ChildProcess child([]() -> int {
+    sem_t* const lock = useLock();
+    return static_cast<int>(syscall(SYS_futex, lock, FUTEX_WAIT, 0, nullptr, nullptr, 0));
+  });
+  userOnce([&child](const LockUser&) { return isInFutex(child.id()); });
+
+  const LockUser user = userOnce([](const LockUser&) { return true; });
+
+  EXPECT_EQ(user.role, LockRole::Waits);
+  EXPECT_EQ(user.waitingThreads, 1u);
 }
 
 TEST_F(LockSeen, HasItsUsersInTheOrderOfTheirNumbers) {

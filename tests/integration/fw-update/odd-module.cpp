@@ -19,8 +19,8 @@ bool is(const char* behaviour) {
 
 bool updating = false;
 
-// With "old-progress" so many first answers are those of an earlier update, and the update
-// goes on until there were some of its own.
+// With "old-progress" so many first answers are those of an earlier update, with "much-progress"
+// they are more than all; and the update goes on until there were some of its own.
 constexpr int kOldAnswers = 5;
 constexpr int kAnswers = 10;
 std::atomic<int> answers{0};
@@ -59,7 +59,7 @@ int doUpdate(const char*, unsigned long) {
   if (is("throwing-update")) {
     throw std::runtime_error("flash controller lost");
   }
-  while (is("old-progress") && answers < kAnswers) {
+  while ((is("old-progress") || is("much-progress")) && answers < kAnswers) {
     usleep(1000);
   }
   return is("answers-one") ? 1 : 0;
@@ -70,7 +70,8 @@ int getUpdateProgress(unsigned int* progress) {
   while (is("hanging-progress")) {
     pause();
   }
-  *progress = is("old-progress") && ++answers <= kOldAnswers ? 100 : 50;
+  const bool isOld = ++answers <= kOldAnswers;
+  *progress = isOld && is("old-progress") ? 100 : isOld && is("much-progress") ? 101 : 50;
   return is("failing-progress") ? -5 : 0;
 }
 #endif

@@ -67,19 +67,29 @@ TEST_F(Output, AsNdjsonTellsStartProgressAndResult) {
   }
 }
 
-TEST_F(Output, DoesNotTakeTheEndOfTheUpdateBeforeForProgress) {
-  installOddModule();
-  installImage("oddfw");
-
-  const Ended ended = run({"update", "libodd", "--progress", "ndjson"}, {{"ODD_MODULE=old-progress"}});
-
-  std::vector<int> percents;
-  for (const Json::Value& event : lines(ended.out)) {
-    if (event.isMember("percent")) {
-      percents.push_back(event["percent"].asInt());
+class OutputOfOddProgress : public Output {
+ protected:
+  // The percents that are told of it.
+  static std::vector<int> toldOf(const std::string& behaviour) {
+    installOddModule();
+    installImage("oddfw");
+    std::vector<int> percents;
+    const Ended ended = run({"update", "libodd", "--progress", "ndjson"}, {{"ODD_MODULE=" + behaviour}});
+    for (const Json::Value& event : lines(ended.out)) {
+      if (event.isMember("percent")) {
+        percents.push_back(event["percent"].asInt());
+      }
     }
+    return percents;
   }
-  EXPECT_THAT(percents, ElementsAre(50));
+};
+
+TEST_F(OutputOfOddProgress, IsNotTheEndOfTheUpdateBefore) {
+  EXPECT_THAT(toldOf("old-progress"), ElementsAre(50));
+}
+
+TEST_F(OutputOfOddProgress, IsNotMoreThanAll) {
+  EXPECT_THAT(toldOf("much-progress"), ElementsAre(50));
 }
 
 TEST_F(Output, AsNdjsonTellsOnceThatAnUpdateIsOverdue) {

@@ -40,6 +40,7 @@ const std::string kPackages = "/opt/usr/apps/appbinarymanager/";
 const std::string kState = "/var/lib/fw-components/";
 constexpr const char* kList = "/tmp/fwupdate-off-list.txt";
 constexpr const char* kCalls = "/var/lib/fw-components/calls";
+constexpr const char* kTornDown = "/var/lib/fw-components/torn-down";
 constexpr const char* kPlatformCalls = "/var/lib/fw-components/platform-calls";
 
 std::vector<std::string> linesOf(const std::string& text) {
@@ -239,6 +240,19 @@ TEST_F(UpdateAll, EndsAlsoWhenAModuleNeverComesBack) {
   EXPECT_THAT(ended["modules"][1]["message"].asString(), HasSubstr(first + " still runs"));
   EXPECT_THAT(linesOf(readFile(kPlatformCalls)),
               ElementsAre("event /tmp/.ignore_resume", "lock 2 10000", "unlock 2"));
+}
+
+TEST_F(UpdateAll, TearsDownNothingUnderAModuleThatStillRuns) {
+  install("one");
+  document({"update-all"});
+  EXPECT_EQ(readFile(kTornDown), "one\n");
+
+  fs::remove(kTornDown);
+  fs::remove(kControls + std::string("libone.so"));
+  install("two", "hang", "0");
+
+  EXPECT_EQ(document({"update-all"})["outcome"].asString(), "timed-out");
+  EXPECT_FALSE(exists(kTornDown));
 }
 
 TEST_F(UpdateAll, IsSeenOnTheBusDuringTheRunAndGoneAfterASigkill) {

@@ -367,7 +367,7 @@ TEST_F(SecureSet, IsFoundWhole) {
   const ProgramResult result = check({"--secure"});
 
   EXPECT_EQ(result.exitCode, 0) << result.output;
-  EXPECT_NE(result.output.find("8 kept, 0 broken, 0 not checked"), std::string::npos) << result.output;
+  EXPECT_NE(result.output.find("8 kept, 0 broken, 1 not checked"), std::string::npos) << result.output;
 }
 
 TEST_F(SecureSet, HasAVerifier) {
@@ -490,6 +490,85 @@ TEST_F(SecureSet, MountsDrivesReadOnly) {
 
 TEST_F(PlatformCheck, SaysThatNoDriveWasSeen) {
   EXPECT_NE(check({"--secure"}).output.find("no drive is mounted; plug one in"), std::string::npos);
+}
+
+class UnsignedDownload : public PlatformCheck {
+ protected:
+  static constexpr const char* kImage = "/opt/usr/apps/appbinarymanager/unsignedempfw.img";
+  static constexpr const char* kPromise = " refuses a package without a signature\n";
+
+  static void serve(const std::string& lines) {
+    writeFile("/tmp/served/unsignedempfw.img", std::string(5000, 'u'));
+    writeFile("/etc/fw-update/download.conf", "url = file:///tmp/served\n" + lines);
+  }
+  static ProgramResult ask(const std::vector<std::string>& more = {}, const std::string& fault = "") {
+    std::vector<std::string> arguments = {"--only", "download", "--unsigned-package", "unsignedempfw"};
+    arguments.insert(arguments.end(), more.begin(), more.end());
+    return check(arguments, fault);
+  }
+};
+
+TEST_F(UnsignedDownload, IsRefusedByThePlatformOfOrdinaryLinux) {
+  serve("");
+
+  const ProgramResult result = ask();
+
+  EXPECT_EQ(result.exitCode, 0) << result.output;
+  EXPECT_NE(result.output.find("download  kept        " + std::string(kPromise)), std::string::npos)
+      << result.output;
+  EXPECT_FALSE(fs::exists(kImage));
+}
+
+TEST_F(UnsignedDownload, IsFoundWhereTheConfigurationAllowsIt) {
+  serve("allow_unsigned = true\n");
+
+  const ProgramResult result = ask();
+
+  EXPECT_EQ(result.exitCode, 1) << result.output;
+  EXPECT_NE(result.output.find("download  BROKEN      " + std::string(kPromise)), std::string::npos)
+      << result.output;
+  EXPECT_FALSE(fs::exists(kImage)) << "it would be used";
+}
+
+TEST_F(UnsignedDownload, IsFoundOnAPlatformThatDoesNotLook) {
+  for (const char* fault : {"download-takes-unsigned", "download-says-unsigned-is-there"}) {
+    const ProgramResult result = ask({"--library", FAULTY_PLATFORM, "--timeout", "2"}, fault);
+
+    EXPECT_EQ(result.exitCode, 1) << result.output;
+    EXPECT_NE(result.output.find("download  BROKEN      " + std::string(kPromise)), std::string::npos)
+        << result.output;
+    EXPECT_FALSE(fs::exists(kImage));
+  }
+}
+
+TEST_F(UnsignedDownload, IsNotCalledRefusedForAnotherReason) {
+  writeFile("/etc/fw-update/download.conf", "url = file:///tmp/nothing\n");
+
+  const std::string absent = ask().output;
+  const std::string unknown = ask({"--library", FAULTY_PLATFORM, "--timeout", "2"}).output;
+
+  EXPECT_NE(absent.find("unsignedempfw was not taken, but the reason is not \"unsigned\": "),
+            std::string::npos)
+      << absent;
+  EXPECT_NE(unknown.find("the platform tells none"), std::string::npos) << unknown;
+}
+
+TEST_F(UnsignedDownload, LeavesAPackageAloneThatIsThereAlready) {
+  serve("allow_unsigned = true\n");
+  writeFile(kImage, "in use");
+
+  const ProgramResult result = ask();
+
+  EXPECT_NE(result.output.find(std::string(kImage) + " is there already"), std::string::npos)
+      << result.output;
+  EXPECT_EQ(fs::file_size(kImage), 6U);
+}
+
+TEST_F(UnsignedDownload, IsAskedForByItsIdentifierAlone) {
+  const ProgramResult result = check({"--unsigned-package", "../unsigned"});
+
+  EXPECT_EQ(result.exitCode, 2);
+  EXPECT_NE(result.error.find("1 to 127 letters and digits"), std::string::npos) << result.error;
 }
 
 struct Fault {

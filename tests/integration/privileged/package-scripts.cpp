@@ -28,6 +28,7 @@ class PackageScripts : public DeviceTest {
     // What it enables would be enabled on this machine.
     writeProgram("/tmp/programs/deb-systemd-helper", "exit 0");
     writeProgram("/tmp/programs/systemd-sysusers", "echo \"$*\" >>/tmp/groups");
+    writeProgram("/tmp/programs/systemd-tmpfiles", "echo \"$*\" >>/tmp/directories");
     writeProgram("/tmp/programs/systemctl",
                  "echo \"$*\" >>/tmp/calls\ncase \"$*\" in *is-enabled*) echo enabled;; esac");
     writeFile("/tmp/calls", "");
@@ -122,6 +123,31 @@ TEST_F(PackageScripts, StopTheUpdateServiceBeforeItIsRemovedAlone) {
   EXPECT_THAT(Run("tools/prerm", "upgrade 1.1.0-1"), IsEmpty());
 
   EXPECT_THAT(Run("tools/prerm", "remove"), HasSubstr("stop fw-updated.service"));
+}
+
+TEST_F(PackageScripts, MakeTheUserOfTheFleetsClientAndStartItAnewWithAnUpgradeAlone) {
+  EXPECT_EQ(Run("fleet/postinst", "configure ''"), "--system daemon-reload\n");
+  EXPECT_EQ(readFile("/tmp/groups"), "fw-fleet.conf\n");
+  EXPECT_EQ(readFile("/tmp/directories"), "--create fw-fleet.conf\n");
+
+  EXPECT_THAT(Run("fleet/postinst", "configure 0.9.0-1"), HasSubstr("try-restart fw-fleet.service\n"));
+  EXPECT_THAT(messages_, IsEmpty());
+}
+
+TEST_F(PackageScripts, StopTheFleetsClientBeforeItIsRemovedAlone) {
+  EXPECT_THAT(Run("fleet/prerm", "upgrade 1.1.0-1"), IsEmpty());
+
+  EXPECT_THAT(Run("fleet/prerm", "remove"), HasSubstr("stop fw-fleet.service"));
+}
+
+TEST_F(PackageScripts, TakeTheActionsOfTheFleetAwayWithAPurgeAlone) {
+  writeFile("/var/lib/fw-fleet/actions/1.action", "{}");
+
+  Run("fleet/postrm", "remove");
+  EXPECT_TRUE(exists("/var/lib/fw-fleet/actions/1.action"));
+
+  Run("fleet/postrm", "purge");
+  EXPECT_FALSE(exists("/var/lib/fw-fleet"));
 }
 
 TEST_F(PackageScripts, TakeTheHistoryAwayWithAPurgeAlone) {

@@ -531,6 +531,23 @@ TEST_F(PrivilegedService, LimitsHowManySilentClientsAllUsersHave) {
       << "it is served all the same";
 }
 
+TEST_F(PrivilegedService, LimitsHowManySilentMembersOfItsGroupThereAre) {
+  if (fwplatform::isInUserNamespace()) {
+    GTEST_SKIP() << "a user namespace has only one user";
+  }
+  start({"--group", "nogroup"});
+  std::vector<FileDescriptor> silent;
+  connectAs(kNobody, kNoGroup, 62, silent);
+  for (const uid_t user : {kNobody - 2, kNobody - 3, kNobody - 4}) {
+    connectAs(user, kNoGroup, 60, silent);
+  }
+  connectAs(kNobody - 5, kNoGroup, 15, silent);
+
+  EXPECT_THAT(service_->waitForLine("too many send nothing"), HasSubstr("uid 65534, gid 65534:"))
+      << "who has most";
+  EXPECT_EQ(receive(silent[0]), "") << "the oldest one";
+}
+
 TEST_F(PrivilegedService, GoesOnWithoutFreeDescriptors) {
   ServiceStart how;
   how.descriptors = 32;
@@ -853,6 +870,29 @@ TEST_F(PrivilegedService, LeavesAFileInItsPlaceAlone) {
   EXPECT_THAT(service.waitForLine("fw-privileged"), HasSubstr("is there already and is no socket"));
   EXPECT_EQ(service.waitForEnd(), 1);
   EXPECT_EQ(readFile(kPrivilegedSocketPath), "a file");
+}
+
+TEST_F(PrivilegedService, ExplainsItselfWhenAsked) {
+  for (const char* argument : {"--help", "-h"}) {
+    ServiceProcess service(ServiceStart{{argument}, -1, {}});
+
+    EXPECT_EQ(service.readToTheEnd(), "") << "an error";
+    EXPECT_EQ(service.waitForEnd(), 0);
+  }
+}
+
+TEST_F(PrivilegedService, DoesNothingMoreOnceItIsToEnd) {
+  start();
+  service_->signal(SIGSTOP);
+  ASSERT_EQ(waitpid(service_->pid(), nullptr, WUNTRACED), service_->pid());
+  const FileDescriptor client = connect();
+  send(client, mountMessage(name_));
+  service_->signal(SIGTERM);
+
+  service_->signal(SIGCONT);
+
+  EXPECT_EQ(service_->waitForEnd(), 0);
+  EXPECT_EQ(receive(client), "") << "an answer";
 }
 
 TEST_F(PrivilegedService, ExplainsItsArguments) {

@@ -44,6 +44,9 @@ TEST(TraceMessage, ShowsTextsOfEveryLength) {
 TEST(TraceMessage, MakesAnErrorTextOfTheNumberBeforeIt) {
   EXPECT_EQ(textOf("Fail %d (%d:%m)", "dd", {5, 2}), "Fail 5 (2:No such file or directory)");
   EXPECT_EQ(textOf("%s: %m", "s", {"x"}), "x: <error text not kept>");
+  EXPECT_EQ(textOf("Fail %d %m", "d", {2}), "Fail 2 <error text not kept>");
+  EXPECT_EQ(textOf("%d:%m", "s", {"x"}), "x:<error text not kept>");
+  EXPECT_EQ(textOf("%m", "", {}), "<error text not kept>");
 }
 
 TEST(TraceMessage, LetsNoFormatOfADamagedFileDoHarm) {

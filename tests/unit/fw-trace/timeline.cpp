@@ -5,12 +5,16 @@
 #include <gtest/gtest.h>
 #include <json/reader.h>
 
+#include <fstream>
+#include <list>
 #include <map>
 #include <sstream>
 
 #include "export/format.h"
 #include "library-messages.h"
+#include "temporary-folder.h"
 #include "trace-builder.h"
+#include "trace-store.h"
 
 namespace {
 
@@ -203,6 +207,34 @@ TEST(Timeline, TellsTheModulesOfAnUpdateOfAllApart) {
   EXPECT_EQ(updates[1].name(), "wififw");
   EXPECT_EQ(updates[1].result, Result::Updated);
   EXPECT_EQ(updates[1].timeIn(Stage::InModule), 30 * kMs);
+}
+
+// ---- Updates of many traces ------------------------------------------------------
+
+std::string putTrace(const base::TemporaryFolder& folder, const std::string& name,
+                     const TraceBuilder& trace) {
+  std::string path = folder.path() + "/" + name;
+  std::ofstream(path, std::ios::binary) << trace.bytes();
+  return path;
+}
+
+TEST(UpdatesOfTraces, ComeInTheOrderInWhichTheyBeganWithTheNamesThatAnyOfThemKnows) {
+  const base::TemporaryFolder folder("/tmp/traces-");
+  TraceBuilder later;
+  later.record(later.place("work", MESSAGE_LOCK_WANTED, "sd"), kClient, 100 * kMs, {"tunerfw", 30});
+  TraceBuilder earlier;
+  earlier.record(earlier.place("work", MESSAGE_CHECK_BEGINS, "ss"), kClient, 0, {"libtuner", "tunerfw"});
+  earlier.record(earlier.place("work", MESSAGE_LOCK_WANTED, "sd"), kClient, 10 * kMs, {"tunerfw", 30});
+  std::list<TraceReading> readings;
+  readings.emplace_back(openTrace(putTrace(folder, "a", later)));
+  readings.emplace_back(openTrace(putTrace(folder, "b", earlier)));
+
+  const std::vector<Update> updates = updatesOf(readings);
+
+  ASSERT_THAT(updates, SizeIs(2));
+  EXPECT_EQ(updates[0].file, &readings.back().file);
+  EXPECT_EQ(updates[1].file, &readings.front().file);
+  EXPECT_EQ(updates[1].module, "libtuner");
 }
 
 // ---- Exports --------------------------------------------------------------------

@@ -113,6 +113,14 @@ TEST(Explanations, KnowEverySentenceAndEveryOutcomeOfTheCommand) {
   EXPECT_THAT(explained("fw-update: No update service is on the bus.").means, HasSubstr("no-service"));
 }
 
+TEST(Explanations, KnowTheEndsThatOnlyTheHistoryHas) {
+  for (const char* const end : {history::kRunning, history::kInterrupted}) {
+    EXPECT_EQ(explained(end).pattern, end);
+    EXPECT_THAT(explained(end).means, StartsWith("So the history calls"));
+    EXPECT_EQ(explained(end).page, "docs/history.md");
+  }
+}
+
 // Each as it is put together, with every step at which it may happen.
 TEST(Explanations, KnowHowAModuleMayEndItsProcess) {
   tool::ChildRecord child{};

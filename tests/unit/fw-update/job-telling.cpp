@@ -69,6 +69,31 @@ TEST(JobTelling, TellsOfWaitingForTheLock) {
   EXPECT_THAT(lines, MatchesRegex(".*\nlibtuner: waiting for another update to finish, [0-9]+ s\n"));
 }
 
+TEST(JobTelling, LeavesOutWhatAModulePrintedInBetween) {
+  Options options = optionsFor("libtuner");
+  const auto telling = tool::makeJobTelling(options, "update");
+
+  ::testing::internal::CaptureStdout();
+  for (const char* line :
+       {kStart, "", "{", "[]", R"({"event":{}})", R"({"event":"progress","percent":"x"})",
+        R"({"event":"progress","percent":-1})", R"({"event":"progress","elapsedSeconds":[]})",
+        R"({"event":"progress","expectedSeconds":{}})",
+        R"({"event":"progress","elapsedSeconds":1,"percent":40})"}) {
+    tool::takeLine(*telling, line);
+  }
+  telling->finish();
+
+  EXPECT_THAT(::testing::internal::GetCapturedStdout(), HasSubstr("libtuner: 40 %"));
+}
+
+TEST(JobTelling, DoesNotBelieveMoreThanAll) {
+  const std::string lines =
+      told(optionsFor("libtuner"), "update",
+           {kStart, R"({"event":"progress","elapsedSeconds":1,"percent":101})", R"({"event":"result"})"});
+
+  EXPECT_THAT(lines, Not(HasSubstr("%")));
+}
+
 TEST(JobTelling, TellsOnePackageAfterTheOther) {
   const std::string lines = told(
       optionsFor(""), "usb-apply",

@@ -3,6 +3,7 @@
 
 #include <gmock/gmock.h>
 
+#include "commands/texts.h"
 #include "messages.h"
 
 namespace {
@@ -78,6 +79,21 @@ TEST(WrappedText, KeepsWordsWholeAndWithinTheWidth) {
   EXPECT_EQ(tool::wrapped("aa bb cc", 5), "aa bb\ncc");
   EXPECT_EQ(tool::wrapped("a muchtoolong b", 5), "a\nmuchtoolong\nb");
   EXPECT_EQ(tool::wrapped("a b", std::string::npos), "a b");
+}
+
+TEST(LockStatusText, HasATableOfTheLocksUsersWhereThereAreSome) {
+  frame::Report report = tool::reportOf({tool::Outcome::Ok, "The lock is free.", ""});
+  report.details["value"] = 1;
+  report.details["processes"] = Json::Value(Json::arrayValue);
+  EXPECT_EQ(tool::lockStatusText(report), "The lock is free.\n");
+
+  Json::Value user;
+  user["pid"] = 7;
+  user["user"] = "root";
+  user["command"] = "app";
+  report.details["processes"].append(user);
+
+  EXPECT_THAT(tool::lockStatusText(report), HasSubstr("\nPID  USER  LOCK  COMMAND\n7    root"));
 }
 
 }  // namespace

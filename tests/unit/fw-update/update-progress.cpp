@@ -79,6 +79,14 @@ TEST(ProgressTime, TellsWhatIsWaitedForBeforeTheModuleWorks) {
   EXPECT_EQ(tool::liveLine(progress, 80), "libtuner  waiting for another update to finish, 4 s");
 }
 
+TEST(ProgressTime, IsAllThatIsToldBeforeTheModuleIsKnown) {
+  UpdateProgress progress;
+  progress.phase = Phase::Waiting;
+
+  EXPECT_EQ(tool::plainLine(progress), "waiting for another update to finish, 0 s");
+  EXPECT_EQ(tool::liveLine(progress, 80), "waiting for another update to finish, 0 s");
+}
+
 TEST(PlainLine, IsPercentAndTime) {
   EXPECT_EQ(tool::plainLine(updating(34, 3.9)), "libtuner: 34 %, 3 s of about 10 s");
 }

@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 #include <json/reader.h>
 
+#include <iostream>
 #include <sstream>
 
 #include "frame/description.h"
@@ -112,6 +113,18 @@ constexpr frame::Program<Options> kProgram = {
     kCommands,
 };
 
+constexpr frame::Command<Options> kCommandsAndOwn[] = {
+    {{"paint", "Paint it", "brush paint red"}, {kName}, paint},
+    {{"", "", "brush --quiet"}, {kPaint, kFiles}, read},
+};
+
+// One that does something without a command, too.
+constexpr frame::Program<Options> kOwnProgram = {
+    {"brush", "Paints.", "", kOutcomes, Outcome::Usage, Outcome::Failed, 24},
+    kCommon,
+    kCommandsAndOwn,
+};
+
 struct Line {
   Options options;
   frame::Parsed parsed;
@@ -185,6 +198,33 @@ TEST(Frame, TakesManyArgumentsAndRepeatedOptions) {
   EXPECT_THAT(parse({"file", "read", "a", "b"}).options.files, ElementsAre("a", "b"));
   EXPECT_THAT(parse({"run", "--keep", "a", "--keep", "b", "red", "--", "x"}).options.keep,
               ElementsAre("a", "b"));
+}
+
+TEST(Frame, TakesALineWithoutACommandAsTheProgramsOwn) {
+  const auto named = [](std::vector<const char*> words) {
+    words.insert(words.begin(), "brush");
+    Options options;
+    const frame::BoundProgram bound = frame::bind(kOwnProgram, options);
+    const frame::Parsed parsed = frame::parse(bound, static_cast<int>(words.size()), words.data());
+    const std::string file = options.files.empty() ? "" : " of " + options.files[0];
+    return parsed.problem ? parsed.problem->message : "[" + parsed.name + "]" + file;
+  };
+
+  EXPECT_EQ(named({}), "[]");
+  EXPECT_EQ(named({"--verbose", "--quiet", "a"}), "[] of a");
+  EXPECT_EQ(named({"paint", "red"}), "[paint]");
+  EXPECT_EQ(named({"--nothing"}), "The following argument was not expected: --nothing");
+}
+
+TEST(Frame, DescribesTheProgramsOwnOptionsBesideItsCommands) {
+  Options options;
+
+  const Json::Value described = frame::descriptionOf(frame::bind(kOwnProgram, options));
+
+  EXPECT_EQ(described["usage"], "brush [OPTIONS] [FILE...] [SUBCOMMAND]");
+  EXPECT_EQ(described["arguments"].size(), 1U);
+  EXPECT_EQ(described["commands"].size(), 1U);
+  EXPECT_EQ(described["commands"][0]["usage"], "brush paint [OPTIONS] NAME");
 }
 
 TEST(Frame, LeavesTheWordsOfAnotherProgramToIt) {
@@ -272,6 +312,44 @@ TEST(Frame, ReportsWhatACommandDidNotCatch) {
 
   EXPECT_EQ(ended.code, 1);
   EXPECT_EQ(ended.err, "brush: it broke\n");
+}
+
+// As main does it.
+Ended performWhole(std::vector<const char*> words) {
+  words.insert(words.begin(), "brush");
+  std::vector<std::string> copies(words.begin(), words.end());
+  std::vector<char*> arguments;
+  for (std::string& copy : copies) {
+    arguments.push_back(copy.data());
+  }
+  CaptureStdout();
+  CaptureStderr();
+  const int code = frame::perform(kProgram, static_cast<int>(arguments.size()), arguments.data());
+  std::cout << std::flush;  // as the end of the process does
+  return {code, GetCapturedStdout(), GetCapturedStderr()};
+}
+
+TEST(Frame, RunsTheCommandOfACommandLineAndPutsItsReportOut) {
+  const Ended ended = performWhole({"paint", "red"});
+
+  EXPECT_EQ(ended.code, 0);
+  EXPECT_EQ(ended.out, "painted red\n");
+  EXPECT_EQ(performWhole({"paint", "red", "--json"}).out.substr(0, 1), "{");
+  EXPECT_EQ(performWhole({"file", "read"}).code, 3);
+}
+
+TEST(Frame, PutsOutNothingThatSteersTheTerminal) {
+  EXPECT_EQ(performWhole({"paint", "red\x1b[2J"}).out, "painted red\\x1B[2J\n");
+}
+
+TEST(Frame, RunsNoCommandOfACommandLineThatAsksForHelpOrIsWrong) {
+  const Ended help = performWhole({"paint", "--help"});
+  const Ended wrong = performWhole({"paint", "bad"});
+
+  EXPECT_EQ(help.code, 0);
+  EXPECT_THAT(help.out, HasSubstr("Usage: brush paint"));
+  EXPECT_EQ(wrong.code, 2);
+  EXPECT_THAT(wrong.err, HasSubstr("this name is bad"));
 }
 
 TEST(Frame, LetsAnInterruptionThrough) {
@@ -380,6 +458,14 @@ TEST_F(Description, ListsTheOutcomes) {
   EXPECT_EQ(json_["outcomes"][3]["outcome"], "nothing-to-do");
   EXPECT_EQ(json_["outcomes"][3]["exitCode"], 3);
   EXPECT_EQ(json_["outcomes"][3]["meaning"], "nothing to do");
+  EXPECT_EQ(json_["exitCodeRemark"], "run gives the program's own");
+}
+
+TEST_F(Description, HasNoRemarkWhereTheProgramMakesNone) {
+  frame::Program<Options> silent = kProgram;
+  silent.info.exitCodeRemark = nullptr;
+
+  EXPECT_EQ(frame::descriptionOf(frame::bind(silent, options_))["exitCodeRemark"], "");
 }
 
 }  // namespace

@@ -24,12 +24,13 @@ struct Asking {
   Asking& operator=(const Asking&) = delete;
 };
 
-// Not the facade's query: that one logs each time.
+// Not the facade's query: that one logs each time. More than all is not believed.
 std::optional<unsigned int> ask(const std::string& module) {
   const Asking told;
   unsigned int percent = 0;
   try {
-    if (FWUpdateSymbolManager::getInstance()->getFirmwareUpdateProgress(module, &percent) == 0) {
+    if (FWUpdateSymbolManager::getInstance()->getFirmwareUpdateProgress(module, &percent) == 0 &&
+        percent <= kCompleted) {
       return percent;
     }
   } catch (const std::exception&) {

@@ -36,6 +36,11 @@ std::string percentText(unsigned int percent) {
   return std::to_string(percent) + " %";
 }
 
+// What a line begins with; a job that waits for others may not know its module yet.
+std::string nameBefore(const UpdateProgress& progress, const char* rest) {
+  return progress.module.empty() ? "" : base::printableText(progress.module) + rest;
+}
+
 double secondsOver(const UpdateProgress& progress) {
   return std::ceil(progress.elapsed - static_cast<double>(progress.limit->expected));
 }
@@ -92,7 +97,7 @@ std::string timeText(const UpdateProgress& progress) {
 }
 
 std::string plainLine(const UpdateProgress& progress) {
-  std::string line = base::printableText(progress.module) + ": ";
+  std::string line = nameBefore(progress, ": ");
   if (progress.phase == Phase::Updating && progress.percent) {
     line += percentText(*progress.percent) + ", ";
   }
@@ -100,7 +105,7 @@ std::string plainLine(const UpdateProgress& progress) {
 }
 
 std::string liveLine(const UpdateProgress& progress, std::size_t width) {
-  const std::string name = base::printableText(progress.module) + "  ";
+  const std::string name = nameBefore(progress, "  ");
   const std::string time = timeText(progress);
   std::string percent;
   std::vector<std::string> candidates;

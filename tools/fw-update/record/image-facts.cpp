@@ -89,7 +89,13 @@ std::optional<image::Information> offeredImage(const std::string& firmware, UPDA
   history::Entry facts;
   facts.firmware = firmware;
   addImageFacts(facts, place);
-  return informationIn(facts.image.substr(0, facts.image.rfind('/') + 1) + "info.json");
+  if (facts.image.empty()) {
+    return std::nullopt;
+  }
+  const fs::path image = facts.image;
+  const fs::path folder =
+      place == UPDATE_TYPE_EMP ? fwpaths::kPackageMounts / image.stem() : image.parent_path();
+  return informationIn(folder / "info.json");
 }
 
 void addPackageFacts(history::Entry& entry, const std::string& package) {

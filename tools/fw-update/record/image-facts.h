@@ -15,8 +15,8 @@ namespace tool {
 
 // Where the images of a request lie; the firmware's name is the entry's.
 void addImageFacts(history::Entry& entry, UPDATE_TYPE place);
-// What "info.json" says of the image of such a request; nothing when it is not to be read, as that
-// in an extension package which is not mounted.
+// What "info.json" says of the image of such a request; nothing when it is not to be read. The
+// library mounts an extension package when it is asked whether it is needed, and leaves it mounted.
 std::optional<image::Information> offeredImage(const std::string& firmware, UPDATE_TYPE place);
 // Of an encrypted package on a drive.
 void addPackageFacts(history::Entry& entry, const std::string& package);

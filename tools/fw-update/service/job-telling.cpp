@@ -10,6 +10,7 @@
 #include "progress/progress-reporter.h"
 #include "progress/telling.h"
 #include "report.h"
+#include "service/document.h"
 #include "update-all/run-reporter.h"
 
 namespace tool {
@@ -55,7 +56,7 @@ void take(UpdateProgress& progress, Elapsed& elapsed, const Json::Value& event) 
     progress.module = textIn(event, "module");
   }
   progress.percent.reset();
-  if (event.isMember("percent")) {
+  if (event.isMember("percent") && event["percent"].asUInt() <= 100) {  // a module may say anything
     progress.percent = event["percent"].asUInt();
   }
   if (event.isMember("expectedSeconds")) {
@@ -266,6 +267,17 @@ std::unique_ptr<JobTelling> makeJobTelling(const Options& options, const std::st
     return std::make_unique<DownloadTelling>(options);
   }
   return std::make_unique<UpdateTelling>(options);
+}
+
+void takeLine(JobTelling& telling, const std::string& line) {
+  const Json::Value event = parsedDocument(line);
+  if (event.isNull()) {
+    return;
+  }
+  try {
+    telling.take(event);
+  } catch (const Json::Exception&) {  // another kind of value
+  }
 }
 
 std::unique_ptr<JobTelling> makeWatchTelling(const Options& options) {

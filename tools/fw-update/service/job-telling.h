@@ -7,6 +7,7 @@
 #include <json/value.h>
 
 #include <memory>
+#include <string>
 
 #include "command-line.h"
 #include "service/service-client.h"
@@ -30,6 +31,9 @@ class JobTelling {
 
 // For the one who asked for the job, and takes all that it tells.
 std::unique_ptr<JobTelling> makeJobTelling(const Options& options, const std::string& kind);
+// One line of what a job tells. What is no event, or has values that events do not have, is left
+// out: a module may print into it.
+void takeLine(JobTelling& telling, const std::string& line);
 // For one who comes later.
 std::unique_ptr<JobTelling> makeWatchTelling(const Options& options);
 

@@ -171,7 +171,7 @@ class FollowedJob {
 
 void takeEvents(ServiceClient& client, std::uint64_t number, JobTelling& telling) {
   for (const std::string& line : client.takeEvents(number)) {
-    telling.take(parsedDocument(line));
+    takeLine(telling, line);
   }
 }
 
@@ -316,6 +316,9 @@ frame::Report runThroughService(const Options& options, const std::string& comma
     return carryOut(*openService(options.bus), options, command);
   } catch (const BusError& error) {
     return refusalOf(error);
+  } catch (const Json::Exception&) {  // values of other kinds than documents have
+    return frame::Report(Outcome::Unexpected, "The update service gave an answer that cannot be understood.",
+                         "See whether it is of this version: fw-updated --version");
   }
 }
 

@@ -34,7 +34,7 @@ constexpr Refusal kRefusals[] = {
     {Verdict::OldFormat,
      "The package {package} is refused: its signature has format 1, which names no component.",
      "Get one that was made with a newer fw-pack usb."},
-    {Verdict::OtherKind, "The package {package} is refused: it is signed as an extension package.",
+    {Verdict::OtherKind, "The package {package} is refused: it is not signed as a USB package.",
      "Make it with fw-pack usb."},
     {Verdict::OtherName, "The package {package} is refused: it is for another component, {name}.",
      "Give it its own name again, {name}.bin."},

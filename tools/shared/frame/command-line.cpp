@@ -125,13 +125,16 @@ bool canBeNamed(const CommandInfo& command, const Words& words) {
 // take most of the time of a start, are left out.
 void addCommand(CLI::App& app, const BoundProgram& program, const BoundCommand& command, const Words& words,
                 Parsed& parsed) {
-  CLI::App* const sub = program.hasCommands() ? addSubcommand(app, *program.info, command.info) : &app;
+  const bool isOwn = *command.info.name == '\0';
+  CLI::App* const sub = isOwn ? &app : addSubcommand(app, *program.info, command.info);
   if (!canBeNamed(command.info, words)) {
     return;
   }
   sub->footer(footerOf(*program.info, command.info.remark, std::string("Example: ") + command.info.example));
   addOptions(*sub, command.options);
-  addOptions(*sub, program.common);
+  if (!isOwn || !program.hasCommands()) {  // the program has them already
+    addOptions(*sub, program.common);
+  }
   if (command.program != nullptr) {
     sub->formatter(std::make_shared<ProgramHelp>(usageOf(program, command)));
     sub->prefix_command();
@@ -255,7 +258,7 @@ void build(CLI::App& app, const BoundProgram& program, const Words& words, Parse
   }
   app.set_version_flag("--version", std::string(info.name) + " " FW_TOOL_VERSION);
   if (program.hasCommands()) {
-    app.require_subcommand(1);
+    app.require_subcommand(ownOf(program) == nullptr ? 1 : 0, 1);
     app.footer(footerOf(info, info.remark, info.hint));
     addOptions(app, program.common);
   }
@@ -322,8 +325,8 @@ std::string exitCodeLines(const ProgramInfo& program) {
 }
 
 std::string usageOf(const BoundProgram& program, const BoundCommand& command) {
-  std::string text =
-      std::string(program.info->name) + (program.hasCommands() ? " " : "") + command.info.name + " [OPTIONS]";
+  const std::string called = command.info.name;
+  std::string text = program.info->name + (called.empty() ? "" : " " + called) + " [OPTIONS]";
   for (const BoundOption& option : command.options) {
     if (option.info->names().empty()) {
       const std::string name = option.info->declaration + std::string(option.takesMany() ? "..." : "");

@@ -39,7 +39,7 @@ struct ProgramInfo {
 };
 
 struct CommandInfo {
-  const char* name = nullptr;  // "group command" in a group; empty: the program has no commands
+  const char* name = nullptr;  // "group command" in a group; empty: the program without a command
   const char* summary = nullptr;
   const char* example = nullptr;
   std::string (*remark)() = nullptr;

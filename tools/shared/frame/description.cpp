@@ -83,7 +83,9 @@ Json::Value empty(const std::string& name, const std::string& summary, const std
 
 void describe(const BoundProgram& program, const BoundCommand& command, Json::Value& into) {
   addOptions(into, command.options);
-  addOptions(into, program.common);
+  if (*command.info.name != '\0') {  // the program has them
+    addOptions(into, program.common);
+  }
   into["usage"] = usageOf(program, command);
   into["example"] = command.info.example;
   into["takesProgram"] = command.program != nullptr;
@@ -125,16 +127,23 @@ Json::Value outcomesOf(const ProgramInfo& program) {
 
 }  // namespace
 
+const BoundCommand* ownOf(const BoundProgram& program) {
+  const BoundCommand& last = program.commands.back();
+  return *last.info.name == '\0' ? &last : nullptr;
+}
+
 Json::Value descriptionOf(const BoundProgram& program) {
   const ProgramInfo& info = *program.info;
   Json::Value root = empty(info.name, info.summary, std::string(info.name) + " [OPTIONS] SUBCOMMAND");
   root["options"].append(flag({"--version"}, "Display program version information and exit"));
-  if (!program.hasCommands()) {
-    describe(program, program.commands.front(), root);
-  } else {
-    addOptions(root, program.common);
-    for (const BoundCommand& command : program.commands) {
-      const std::string name = command.info.name;
+  if (const BoundCommand* const own = ownOf(program)) {
+    describe(program, *own, root);
+    root["usage"] = root["usage"].asString() + (program.hasCommands() ? " [SUBCOMMAND]" : "");
+  }
+  addOptions(root, program.common);
+  for (const BoundCommand& command : program.commands) {
+    const std::string name = command.info.name;
+    if (!name.empty()) {
       Json::Value& parent = parentOf(program, name, root);
       const auto blank = name.rfind(' ');
       Json::Value& added = parent["commands"].append(

@@ -9,6 +9,9 @@
 
 namespace frame {
 
+// The one that a command line without a command's name means: the last, where there are others. May be null.
+const BoundCommand* ownOf(const BoundProgram& program);
+
 Json::Value descriptionOf(const BoundProgram& program);
 
 // On standard output.
