@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // A whole update of one large image, and the least that it can cost. Prints the
 // seconds that it took.
-// usage: bench-whole-update prepare DIRECTORY MIB   makes a device and its image there
+// usage: bench-whole-update prepare DIRECTORY KIB   makes a device and its image there
 //        bench-whole-update library DIRECTORY       updates the tuner on that device
 //        bench-whole-update floor DIRECTORY         one read pass with the checksum, one
 //                                                   copy of the image, one fsync
@@ -40,10 +40,10 @@ void require(bool succeeded, const std::string& what) {
   }
 }
 
-void prepare(const std::string& device, std::size_t mebibytes) {
+void prepare(const std::string& device, std::size_t kibibytes) {
   sandbox::createDeviceDirectories(device);
   fs::copy_file(TUNER_MODULE, device + "/prd/usr/fwupdate/controls/libtuner.so");
-  sandbox::writeFirmware(device + kImages, "tunerfw", "2.0.0", mebibytes * 1024 * 1024, kExpectedSeconds);
+  sandbox::writeFirmware(device + kImages, "tunerfw", "2.0.0", kibibytes * 1024, kExpectedSeconds);
 }
 
 double secondsOf(const std::function<void()>& work) {
@@ -61,7 +61,7 @@ void updateTuner() {
 }
 
 void checkAndCopy(const std::string& device) {
-  constexpr std::size_t kBlockSize = 64 * 1024;  // faster than more, which leaves the caches
+  constexpr std::size_t kBlockSize = std::size_t{64} * 1024;  // faster than more, which leaves the caches
   FWUpdateSymbol("").getBinaryCRC32(device + kImage);
 
   const int from = open((device + kImage).c_str(), O_RDONLY | O_CLOEXEC);
@@ -106,7 +106,7 @@ int main(int argc, char** argv) {
   } else if (work == "floor" && argc == 3) {
     std::printf("%.6f\n", floorOf(argv[2]));
   } else {
-    std::fputs("usage: bench-whole-update prepare|library|floor DIRECTORY [MIB]\n", stderr);
+    std::fputs("usage: bench-whole-update prepare|library|floor DIRECTORY [KIB]\n", stderr);
     return 2;
   }
   return 0;

@@ -10,7 +10,7 @@ GOAL = 330  # length of a bar that just meets its goal
 ROW = 26
 TOP = 56
 GREATEST = 1.45  # longer bars are cut off here
-WIDTH = round(LABELS + GOAL * GREATEST + 150)
+WIDTH = round(LABELS + GOAL * GREATEST + 240)
 
 COLOURS = {True: "#2a8a4a", False: "#c2410c"}
 
@@ -30,7 +30,7 @@ def place(value, figure):
 def row(figure, y):
     middle = y + ROW / 2 - 3
     end = place(figure.median, figure)
-    values = f"{quantity(figure.median, figure.unit)} (goal {figure.goal:g})"
+    values = f"{quantity(figure.median, figure.unit)} (goal {figure.goal:g}{'' if figure.steady else '; unsteady'})"
     whisker = line(place(min(figure.values), figure), middle, place(max(figure.values), figure), middle,
                    'stroke="#1f2328" stroke-width="1.5"')
     return [

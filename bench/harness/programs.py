@@ -62,12 +62,9 @@ def counter_values(document, counter, scale):
 
 
 def google_benchmark(environment, name, *options, variables=None):
-    """The JSON document of a program that uses Google Benchmark."""
-    log = environment.work / f"{name}.log"
-    output = environment.work / f"{name}.json"
-    output.unlink(missing_ok=True)
-    run([environment.program(name), f"--benchmark_repetitions={environment.repetitions}",
-         "--benchmark_enable_random_interleaving=true", f"--benchmark_out={output}",
-         "--benchmark_out_format=json", *options],
-        log, {"FW_BENCH_DIRECTORY": str(environment.work), **(variables or {})})
-    return json.loads(output.read_text(encoding="utf-8"))
+    """The JSON document of a program that uses Google Benchmark. It prints it: on a device of its own it
+    can write no file."""
+    printed = run([environment.program(name), f"--benchmark_repetitions={environment.repetitions}",
+                   "--benchmark_enable_random_interleaving=true", "--benchmark_format=json", *options],
+                  environment.work / f"{name}.log", {"FW_BENCH_DIRECTORY": str(environment.work), **(variables or {})})
+    return json.loads(printed)

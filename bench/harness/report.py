@@ -28,7 +28,8 @@ def figure_row(figure):
         return f"| {figure.what} | {goal} | not measured | | {figure.note} |"
     met = {True: "yes", False: "**no**", None: ""}[figure.met]
     measured = quantity(figure.median, figure.unit)
-    return f"| {figure.what} | {goal} | {measured} | {spread(figure.values, figure.unit)} | {met} |"
+    unsteady = "" if figure.steady else ", unsteady"
+    return f"| {figure.what} | {goal} | {measured} | {spread(figure.values, figure.unit)}{unsteady} | {met} |"
 
 
 def measurement_row(measurement):
@@ -45,12 +46,13 @@ def topics(results):
     return list(dict.fromkeys(measurement.topic for measurement in results.measurements))
 
 
-def markdown(results):
+def markdown(results, page="../benchmarks.md"):
+    """page is where the explanations are, as a link from the table."""
     met, goals = goals_met(results)
     lines = [
         "# Results of the benchmarks",
         "",
-        "Written by `bench/run`; [../benchmarks.md](../benchmarks.md) says what each line means.",
+        f"Written by `bench/run`; [{page}]({page}) says what each line means.",
         f"{met} of {goals} goals are met. Medians of {results.repetitions} measurements.",
         "",
         "![Each figure as a share of its goal](chart.svg)",
@@ -64,6 +66,7 @@ def markdown(results):
     lines += [f"| {name} | {value} |" for name, value in results.machine.items()]
     lines += ["", "## What the figures are made of"]
     for topic in topics(results):
-        lines += ["", f"### {topic}", "", "| what | median | spread |", "|---|---|---|"]
+        picture = ["", "![Where the time of a whole update goes](steps.svg)"] if topic == "steps" else []
+        lines += ["", f"### {topic}", *picture, "", "| what | median | spread |", "|---|---|---|"]
         lines += [measurement_row(found) for found in results.measurements if found.topic == topic]
     return "\n".join(lines) + "\n"

@@ -2,7 +2,7 @@
 """What a run of the benchmarks found: figures that are held against a goal, and
 measurements that explain them. Both keep every single value."""
 import statistics
-from dataclasses import asdict, dataclass, field
+from dataclasses import asdict, dataclass, field, fields
 
 
 @dataclass
@@ -20,6 +20,11 @@ class Figure:
     @property
     def median(self):
         return statistics.median(self.values) if self.values else None
+
+    @property
+    def steady(self):
+        """Whether the values lie so close together that one can be taken for all."""
+        return len(self.values) < 2 or max(self.values) < 1.2 * min(self.values)
 
     @property
     def met(self):
@@ -60,6 +65,16 @@ class Results:
         for written, measurement in zip(document["measurements"], self.measurements):
             written.update(median=measurement.median)
         return document
+
+    @classmethod
+    def of_json(cls, document):
+        """What as_json wrote; what follows from the values is computed anew."""
+        def items(kind, name):
+            known = {field.name for field in fields(kind)}
+            return [kind(**{key: value for key, value in item.items() if key in known}) for item in document[name]]
+
+        return cls(document["machine"], document["repetitions"], items(Figure, "figures"),
+                   items(Measurement, "measurements"), document["failures"])
 
 
 def ratios(subject, reference):

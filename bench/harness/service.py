@@ -1,30 +1,22 @@
 # SPDX-License-Identifier: Apache-2.0
 """The update service beside the commands that it runs."""
-import json
 import os
 import shutil
 import tempfile
 from pathlib import Path
 
+from device import made_device, program_on_device
 from programs import run
 from results import Figure, Measurement, ratios
 
-HERE = Path(__file__).resolve().parent
 MEBIBYTES = 256
 IDLE_SECONDS = 60
 SLOWEST_UPDATE = "600"  # seconds
 
 
 def on_device(environment, device, updates_alone):
-    output = run([environment.programs / "fw-device", "run", "--keep", HERE, device, "--", "/usr/bin/python3", "-B",
-                  HERE / "service_on_device.py", str(environment.repetitions), str(IDLE_SECONDS),
-                  "1" if updates_alone else "0"], environment.work / "service.log")
-    return json.loads(output.splitlines()[-1])
-
-
-def made(environment, device):
-    run([environment.programs / "fw-device", "init", device], environment.work / "service.log")
-    return device
+    return program_on_device(environment, device, "service_on_device.py", environment.repetitions, IDLE_SECONDS,
+                             1 if updates_alone else 0)
 
 
 def lay_out_large_image(environment, device):
@@ -40,9 +32,9 @@ def lay_out_large_image(environment, device):
 
 def service(environment):
     with tempfile.TemporaryDirectory(dir="/dev/shm") as memory:
-        device = made(environment, Path(memory) / "device")
+        device = made_device(environment, Path(memory) / "device")
         small = on_device(environment, device, False)
-    device = made(environment, environment.work / "service-device")
+    device = made_device(environment, environment.work / "service-device")
     lay_out_large_image(environment, device)
     large = on_device(environment, device, True)
     shutil.rmtree(device)

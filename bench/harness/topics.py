@@ -4,10 +4,11 @@ import json
 import subprocess
 from dataclasses import dataclass
 
+from answer import first_answer
 from programs import Failed, counter_values, google_benchmark, run, values_by_name
 from results import Figure, Measurement, ratios
 from service import service
-from whole_update import whole_update
+from whole_update import growth, steps_of_update, whole_update
 
 MEBIBYTE = 1024 * 1024
 
@@ -37,11 +38,21 @@ def of_program(topic, values, wanted):
     return found + [Measurement(topic, name, times) for name, times in values.items()]
 
 
+WAYS = {"fold-512": "512-bit folding", "fold-256": "256-bit folding", "fold": "128-bit folding",
+        "sliced": "no carry-less multiplication"}
+
+
 def checksum(environment):
     values = values_by_name(google_benchmark(environment, "image-crc"))
+    # Each way that this processor has, as another one without the wider ones would take it.
+    ways = [Ratio(f"the same with {way} : reading it", f"{way} : reading", f"ImageFile/Checksum/{name}",
+                  "ImageFile/Read") for name, way in WAYS.items()]
     return of_program("checksum", values, [
         Ratio("checksum of a cached file of 1 GiB : reading it in 32 KiB reads", "checksum : reading",
               "ImageFile/Checksum", "ImageFile/Read", 1.25),
+        *ways,
+        Ratio("a cached chunk of 32 KiB folded in 256 bits : in 128 bits", "256-bit : 128-bit folding",
+              "Chunk/fold-256", "Chunk/fold", 0.6),
         Ratio("the same : `openssl dgst -sha256` of it", "checksum : openssl sha256",
               "ImageFile/Checksum", "ImageFile/OpensslSha256", 0.35),
         Ratio("the same without carry-less multiplication : Boost.CRC", "sliced checksum : Boost.CRC",
@@ -124,7 +135,7 @@ def request(environment):
     totals = {}
     for kind, variables in (("with messages", {}), ("without messages", QUIET)):
         document = google_benchmark(environment, "request", "--benchmark_min_time=0.2", variables=variables)
-        totals[kind] = values_by_name(document)["Request"]
+        totals[kind] = values_by_name(document)["request"]
         found.append(Measurement("request", f"a request {kind}", totals[kind]))
         found += [Measurement("request", f"{what}, {kind}", counter_values(document, name, 1e-9))
                   for name, what in REQUEST_PARTS]
@@ -162,7 +173,7 @@ def trace(environment):
     values = values_by_name(google_benchmark(environment, "trace-storage", "--benchmark_min_time=0.2"))
     return of_program("trace", values, [
         Ratio("a trace record : the same message formatted and written as a line", "trace record : log line",
-              "TraceRecord", "FormatAndWrite"),
+              "traceRecord", "formatAndWrite"),
     ])
 
 
@@ -194,10 +205,13 @@ TOPICS = {
     "checksum": checksum,
     "decryption": decryption,
     "start-up": start_up,
+    "answer": first_answer,
     "memory": memory,
     "request": request,
     "lock": lock,
     "update": whole_update,
+    "steps": steps_of_update,
+    "growth": growth,
     "trace": trace,
     "traces": traces,
     "service": service,

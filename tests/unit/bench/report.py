@@ -5,6 +5,7 @@
 usage: report.py DIRECTORY-OF-THE-SCRIPT
 """
 import sys
+import tempfile
 import unittest
 import xml.etree.ElementTree as ElementTree
 from pathlib import Path
@@ -13,6 +14,7 @@ sys.path.insert(0, sys.argv.pop(1))
 import chart
 import programs
 import report
+import steps
 from results import Figure, Measurement, Results, ratios
 
 
@@ -61,6 +63,22 @@ class Values(unittest.TestCase):
             ratios([1.0], [1.0, 2.0])
 
 
+class Program(unittest.TestCase):
+    def test_on_a_device_prints_what_it_found(self):
+        work = Path(self.enterContext(tempfile.TemporaryDirectory()))
+        program = work / "bench-sums"
+        program.write_text("#!/bin/sh\n"
+                           "case \"$*\" in *benchmark_out=*) echo 'invalid file name' >&2; exit 1 ;; esac\n"
+                           "echo 'a message' >&2\n"
+                           "echo '{\"benchmarks\": [], \"way\": \"'$FW_BENCH_DIRECTORY'\"}'\n", encoding="utf-8")
+        program.chmod(0o755)
+
+        found = programs.google_benchmark(programs.Environment(work, work, work, 3, False), "sums")
+
+        self.assertEqual({"benchmarks": [], "way": str(work)}, found)
+        self.assertEqual("a message\n", (work / "sums.log").read_text(encoding="utf-8"))
+
+
 class Report(unittest.TestCase):
     maxDiff = None
 
@@ -91,16 +109,59 @@ class Chart(unittest.TestCase):
         self.assertEqual([bar.get("fill") for bar in self.bars], [chart.COLOURS[True], chart.COLOURS[False]])
         self.assertIn("one : other", self.texts)
         self.assertIn("0.50 (goal 0.35)", self.texts)
+        self.assertIn("1.20 (goal 1.25; unsteady)", self.texts)
 
     def test_draws_each_as_a_share_of_its_goal(self):
         self.assertEqual([int(bar.get("width")) for bar in self.bars],
                          [round(chart.GOAL * 1.2 / 1.25), round(chart.GOAL * 0.5 / 0.35)])
 
     def test_has_room_for_every_text_of_the_longest_bar(self):
-        figure = Figure("sums", "slow : fast", "slow", 0.35, [10.0])
+        figure = Figure("sums", "slow : fast", "slow", 0.35, [10.0, 20.0])
         x = float(ElementTree.fromstring(chart.row(figure, 0)[-1]).get("x"))
 
-        self.assertGreater(chart.WIDTH - x, 8 * len("10.00 (goal 0.35)"))
+        self.assertGreater(chart.WIDTH - x, 8 * len("15.00 (goal 0.35; unsteady)"))
+
+
+def call(seconds, text):
+    return f"41 {seconds} {text}\n"
+
+
+class Steps(unittest.TestCase):
+    TRACE = [
+        call(1.0, 'openat(AT_FDCWD</>, "/lib/libc.so.6", O_RDONLY) = 3'),
+        call(2.0, 'openat(AT_FDCWD</>, "/prd/usr/fwupdate/controls/", O_RDONLY) = 3'),
+        call(2.5, 'openat(AT_FDCWD</>, "/lib/firmware/ext/tunerfw/tunerfw.bin", O_RDONLY) = 3'),
+        call(4.0, 'openat(AT_FDCWD</>, "/dev/shm/sem", O_RDWR) = 3'),
+        call(4.5, 'openat(AT_FDCWD</>, "/lib/firmware/ext/tunerfw/tunerfw.bin", O_RDONLY) = 3'),
+        call(7.0, 'openat(AT_FDCWD</>, "/lib/firmware/ext/tunerfw/info.json", O_RDONLY) = 3'),
+        call(8.0, 'openat(AT_FDCWD</>, "/var/lib/fw-components/tunerfw.flash.new", O_RDWR) = 7'),
+        call(12.0, "fsync(7</var/lib/fw-components/tunerfw.flash.new>) = 0"),
+        call(17.0, "fadvise64(7</var/lib/fw-components/tunerfw.flash.new>, 0, 0, POSIX_FADV_DONTNEED) = 0"),
+        call(23.0, 'rename("/var/lib/fw-components/tunerfw.flash.new", "tunerfw.flash") = 0'),
+        call(30.0, "exit_group(0) = ?"),
+    ]
+
+    def test_last_from_their_first_call_to_the_next_one(self):
+        self.assertEqual([0.5, 1.5, 0.5, 2.5, 1.0, 4.0, 5.0, 6.0, 7.0], steps.durations(self.TRACE))
+
+    def test_of_an_update_that_did_not_write_are_none(self):
+        with self.assertRaisesRegex(programs.Failed, "reading, checking and writing"):
+            steps.durations(self.TRACE[:7])
+
+    def test_are_drawn_behind_each_other_and_fill_the_width(self):
+        results = Results({}, 1)
+        results.add(steps.measurements([steps.durations(self.TRACE)]))
+        root = ElementTree.fromstring(steps.svg(results))
+        bars = [bar for bar in root.iter("{http://www.w3.org/2000/svg}rect") if "x" in bar.keys()]
+        edges = [(float(bar.get("x")), float(bar.get("x")) + float(bar.get("width"))) for bar in bars]
+
+        self.assertEqual(len(steps.STEPS), len(edges))
+        self.assertEqual((steps.LABELS, steps.LABELS + steps.BARS), (edges[0][0], round(edges[-1][1])))
+        for (_, end), (begin, _) in zip(edges, edges[1:]):
+            self.assertAlmostEqual(end, begin, delta=0.2)
+
+    def test_are_not_drawn_when_they_were_not_measured(self):
+        self.assertEqual("", steps.svg(example()))
 
 
 if __name__ == "__main__":
