@@ -37,6 +37,7 @@ inline constexpr DeviceDirectory kDeviceDirectories[] = {
     {"/opt/usr/apps/appbinarymanager/emps", 0755, Place::Inside},
     {"/var/lib/fw-components", 0755, Place::Own},
     {"/var/lib/fw-update", 0755, Place::Own},
+    {"/var/lib/fw-updated", 0755, Place::Own},
     {"/etc/fw-update", 0755, Place::Own},
     {"/tmp", 01777, Place::Own},
     {"/dev/shm", 01777, Place::OverHost},

@@ -8,7 +8,8 @@ LEVEL is quick, all or long. A step is an executable tests/steps/NN-name; NN giv
 order in which steps start, two at a time. Comment lines at its top say when it runs:
 
   # Step of ./check --all: what it does      (or "./check", or "./check --long")
-  # After: dev                               (optional: waits for these steps' end)
+  # After: dev                               (optional: waits for these steps' end;
+                                              everything: for that of all others)
 
 A step of ./check also runs with --all, and one of --all also with --long. It runs in
 the repository's root, with its output in build/check/NAME.log and with
@@ -56,6 +57,9 @@ class Step:
         after = re.search(r"^# After: (.*)$", text, re.MULTILINE)
         self.after = after[1].split() if after else []
         self.started, self.process = 0.0, None
+
+    def waits_for(self, unfinished):
+        return bool(unfinished - {self.name} if self.after == ["everything"] else unfinished.intersection(self.after))
 
     def runs_at(self, level):
         return LEVELS.index(self.level) <= LEVELS.index(level)
@@ -111,7 +115,7 @@ def find_steps(level, names):
              if os.access(path, os.X_OK)]
     unknown = set(names) - {step.name for step in steps}
     if unknown:
-        sys.exit(f"no such step: {' '.join(sorted(unknown))}")
+        sys.exit(f"no such step: {', '.join(map(ascii, sorted(unknown)))}")
     return [step for step in steps if (step.name in names if names else step.runs_at(level))]
 
 
@@ -121,7 +125,7 @@ def run_all(steps, level, arguments):
     try:
         while waiting or running:
             unfinished = {step.name for step in [*waiting, *running.values()]}
-            ready = [step for step in waiting if not unfinished.intersection(step.after)]
+            ready = [step for step in waiting if not step.waits_for(unfinished)]
             for step in ready[:STEPS_AT_ONCE - len(running)]:
                 print(f"check: {step.name}: {step.title}", flush=True)
                 running[step.start(level, arguments)] = step

@@ -282,6 +282,15 @@ class Machine:
                 return True
         wait_until(gone, COMMAND_LIMIT, "end of the drive", self)
 
+    # Network ---------------------------------------------------------------------------
+
+    def connect(self):
+        """Gives it a network card; where the set has the address 10.0.2.15, 10.0.2.2 is 127.0.0.1 of this computer."""
+        self.do("netdev_add", type="user", id="network", ipv6=False)
+        # As for disks, a modern one is not found.
+        self.do("device_add", driver="virtio-net-pci", id="card", netdev="network", romfile="",
+                **{"disable-modern": True, "disable-legacy": "off"})
+
     def reset(self):
         """Cuts the power and gives it back: what was in memory is lost."""
         starts = self.console().count("set-job: ready")

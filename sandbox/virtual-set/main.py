@@ -40,8 +40,13 @@ SHELL_LIMIT = 86400
 DRIVE_IS_THERE = "for try in $(seq 50); do mountpoint --quiet /opt/media/USBDriveA && exit; sleep 0.1; done"
 
 
+def harmless(text, kept=""):
+    """Without what would steer a terminal."""
+    return "".join(one if one.isprintable() or one in kept else ascii(one)[1:-1] for one in str(text))
+
+
 def say(text):
-    print(f"virtual-set: {text}", file=sys.stderr, flush=True)
+    print(f"virtual-set: {harmless(text, kept=chr(10))}", file=sys.stderr, flush=True)
 
 
 def build_packages():
@@ -148,11 +153,16 @@ def path(options):
 COMMANDS = {"make": make, "run": run, "shell": shell, "path": path}
 
 
+class Parser(argparse.ArgumentParser):
+    def error(self, message):
+        super().error(harmless(message))
+
+
 def parse(words):
     if not words or words[0] in ("-h", "--help"):
         print(__doc__.strip())
         sys.exit(0 if words else 2)
-    parser = argparse.ArgumentParser("virtual-set", usage="./virtual-set --help says how", add_help=False)
+    parser = Parser("virtual-set", usage="./virtual-set --help says how", add_help=False)
     parser.add_argument("--packages", type=pathlib.Path)
     parser.add_argument("--share", type=pathlib.Path)
     parser.add_argument("--drive", type=pathlib.Path)

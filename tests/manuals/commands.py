@@ -15,8 +15,8 @@ sys.path.insert(0, sys.argv[1])
 import command_tree  # noqa: E402
 
 SOURCE, BUILD = sys.argv[2:4]
-PROGRAMS = ("fw-device", "fw-download", "fw-module", "fw-pack", "fw-platform-check", "fw-privileged",
-            "fw-trace", "fw-update")
+PROGRAMS = ("fw-device", "fw-download", "fw-fleet", "fw-module", "fw-pack", "fw-platform-check", "fw-privileged",
+            "fw-trace", "fw-update", "fw-updated")
 IN_TREE = re.compile(r"(\./(demo|check|setup|virtual-set)|(bench|tests|build/dev/tests)/[\w./-]+)( |$)")
 END = re.compile(r"\s(?:[|;>&]|--\s|\|\||&&).*")
 FENCED_TO_READ = ("", "sh", "console")

@@ -13,8 +13,8 @@
 class TemporaryMount {
  public:
   // An empty directory in memory over a directory.
-  static TemporaryMount memory(const std::string& target) {
-    return TemporaryMount("tmpfs", target, "tmpfs", 0);
+  static TemporaryMount memory(const std::string& target, const char* options = nullptr) {
+    return TemporaryMount("tmpfs", target, "tmpfs", 0, options);
   }
   // A file or directory over another.
   static TemporaryMount bind(const std::string& source, const std::string& target) {
@@ -30,9 +30,10 @@ class TemporaryMount {
   }
 
  private:
-  TemporaryMount(const std::string& source, const std::string& target, const char* type, unsigned long flags)
+  TemporaryMount(const std::string& source, const std::string& target, const char* type, unsigned long flags,
+                 const char* options = nullptr)
       : target_(target) {
-    if (mount(source.c_str(), target.c_str(), type, flags, nullptr) != 0) {
+    if (mount(source.c_str(), target.c_str(), type, flags, options) != 0) {
       throw std::system_error(errno, std::generic_category(), "mounting on " + target);
     }
   }

@@ -5,6 +5,7 @@ one: a descriptor that logind sees closed when its holder lets go or dies.
 
 import os
 import signal
+import socket
 import subprocess
 import time
 
@@ -31,6 +32,11 @@ def wait_until(condition, what):
         time.sleep(0.01)
 
 
+def listens(path):
+    with socket.socket(socket.AF_UNIX) as client:
+        return client.connect_ex(path) == 0
+
+
 class Bus:
     """Lives in a directory of its own; close ends its two programs."""
 
@@ -45,7 +51,14 @@ class Bus:
         self.programs = [subprocess.Popen(["dbus-daemon", "--nofork", "--nopidfile",
                                            f"--config-file={configuration}"],
                                           stderr=subprocess.DEVNULL)]
-        wait_until(lambda: os.path.exists(f"{directory}/socket"), "the bus does not start")
+        try:
+            self._begin()
+        except Exception:
+            self._end_programs()  # who waits for their output would wait for ever
+            raise
+
+    def _begin(self):
+        wait_until(lambda: listens(f"{self.directory}/socket"), "the bus does not start")
         with open(self.calls, "wb") as file:
             self.programs.append(subprocess.Popen(
                 ["/usr/bin/python3", "-m", "dbusmock", "--system", "--template", "logind"],
@@ -68,6 +81,9 @@ class Bus:
 
     def close(self):
         self.connection.close()
+        self._end_programs()
+
+    def _end_programs(self):
         for program in reversed(self.programs):
             program.send_signal(signal.SIGTERM)
             program.wait()

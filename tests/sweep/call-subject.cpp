@@ -53,6 +53,8 @@ constexpr SubjectOf kSubjects[] = {
     {"unlinkat", 1, Subject::Path},
     {"rename", 1, Subject::Path},
     {"renameat", 3, Subject::Path},
+    {"renameat2", 3, Subject::Path},
+    {"rmdir", 0, Subject::Path},
     {"link", 1, Subject::Path},
     {"chmod", 0, Subject::Path},
     {"mount", 1, Subject::Path},
@@ -95,6 +97,7 @@ std::string textAt(pid_t process, std::uint64_t address) {
     char block[256];
     const iovec local{block,
                       static_cast<std::size_t>(std::min<std::uint64_t>(sizeof block, page - address % page))};
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): an address of the other process
     const iovec remote{reinterpret_cast<void*>(static_cast<std::uintptr_t>(address)), local.iov_len};
     const ssize_t count = process_vm_readv(process, &local, 1, &remote, 1, 0);
     if (count <= 0) {
@@ -184,14 +187,26 @@ void hideRandomName(std::string& text) {
   text.replace(name, std::min<std::size_t>(6, text.size() - name), "#");
 }
 
+// A file that is named by its hash, where what is hashed is made anew for each sweep.
+void hideHash(std::string& text) {
+  constexpr char kDigits[] = "0123456789abcdef";
+  constexpr std::size_t kLength = 64;
+  const std::size_t begin = text.find_last_of("/ ") + 1;  // 0 when there is none
+  const std::size_t end = text.find_first_not_of(kDigits, begin);
+  if (std::min(end, text.size()) - begin == kLength) {
+    text.replace(begin, kLength, "#");
+  }
+}
+
 std::string withoutNumbers(const std::string& text) {
   std::string result;
   for (const char c : text) {
     const bool digit = c >= '0' && c <= '9';
-    if (!digit)
+    if (!digit) {
       result += static_cast<unsigned char>(c) < 0x20 ? '?' : c;
-    else if (result.empty() || result.back() != '#')
+    } else if (result.empty() || result.back() != '#') {
       result += '#';
+    }
   }
   return result;
 }
@@ -235,5 +250,6 @@ SystemCall systemCall([[maybe_unused]] pid_t process, std::uint64_t number, cons
 std::string subjectOfCall(pid_t process, const SystemCall& call) {
   std::string subject = rawSubject(process, call);
   hideRandomName(subject);
+  hideHash(subject);
   return withoutNumbers(subject);
 }

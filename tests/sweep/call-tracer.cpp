@@ -2,7 +2,7 @@
 // Runs a program and writes down every system call of its threads; at one of them it
 // kills the program or makes the call fail.
 //
-// usage: call-tracer RECORD [THREAD CALL SUBJECT NUMBER kill|ERRNO] -- PROGRAM [ARGUMENT...]
+// usage: call-tracer [--children] RECORD [THREAD CALL SUBJECT NUMBER kill|ERRNO] -- PROGRAM [ARGUMENT...]
 //
 // A call is named by its thread, its name, what it is about (call-subject.h), and its
 // number among the thread's calls of that name about the same. A thread is named by
@@ -15,7 +15,8 @@
 // untraced. The exit code is the program's, 128 + N when signal N ended it, and 125
 // when the program could not be traced.
 //
-// Children of the program are not traced, only its threads.
+// Children of the program are not traced, only its threads. With --children those are that go on as
+// the same program, named as threads are, and a kill is that of the child or of its parent alone.
 #include <algorithm>
 #include <cstdio>
 #include <exception>
@@ -28,20 +29,25 @@
 namespace {
 
 struct CommandLine {
+  bool withChildren = false;
   const char* record = nullptr;
   Target target;
   char** program = nullptr;
 };
 
 CommandLine parse(int count, char** words) {
+  const bool withChildren = count > 1 && std::string(words[1]) == "--children";
+  count -= withChildren ? 1 : 0;
+  words += withChildren ? 1 : 0;
   const std::vector<std::string> given(words, words + count);
   const auto end = std::find(given.begin(), given.end(), "--");
   const auto options = end - given.begin();
   if (end == given.end() || end + 1 == given.end() || (options != 2 && options != 7)) {
     throw std::invalid_argument(
-        "usage: call-tracer RECORD [THREAD CALL SUBJECT NUMBER kill|ERRNO] -- PROGRAM...");
+        "usage: call-tracer [--children] RECORD [THREAD CALL SUBJECT NUMBER kill|ERRNO] -- PROGRAM...");
   }
   CommandLine line;
+  line.withChildren = withChildren;
   line.record = words[1];
   line.program = words + options + 1;
   if (options == 7) {
@@ -56,7 +62,7 @@ CommandLine parse(int count, char** words) {
 int main(int count, char** words) {
   try {
     const CommandLine line = parse(count, words);
-    return Tracer(line.record, line.target).run(line.program);
+    return Tracer(line.record, line.target, line.withChildren).run(line.program);
   } catch (const std::exception& error) {
     std::fprintf(stderr, "call-tracer: %s\n", error.what());
     return kNotTraced;

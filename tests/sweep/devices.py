@@ -13,6 +13,7 @@ COMPONENTS = "var/lib/fw-components"
 PACKAGES = "opt/usr/apps/appbinarymanager"
 DRIVE = "opt/media/USBDriveA"
 FIRMWARE = "lib/firmware/ext"
+OFFERED = "prd/offered"  # what a fleet's server has
 
 OLD_VERSION, NEW_VERSION = "1.0.0", "2.0.0"
 OLD_SIZE, NEW_SIZE = 70_000, 150_000  # two and three blocks of the modules
@@ -27,7 +28,8 @@ SHARED = ("prd", "usr", "lib")
 class Scenario:
     """One way to update: what lies where, the command, and what it is to achieve."""
 
-    def __init__(self, name, summary, command, firmware, place, bus=False, service=False, traced="update"):
+    def __init__(self, name, summary, command, firmware, place, bus=False, service=False, job=False, traced="update",
+                 kinds=("kills", "errors"), offered=None):
         self.name = name
         self.summary = summary
         self.command = command
@@ -35,15 +37,27 @@ class Scenario:
         self.place = place
         self.bus = bus  # for the power lock
         self.service = service  # the privileged service runs
+        self.job = job  # it is a job of the update service, which is on the bus
         self.traced = traced  # which process is interrupted
+        self.kinds = kinds  # how it is
+        self.offered = offered or {}  # by a fleet's server: the kind of each component's artifacts
+        self.power_locks = 1 if bus and not job and not offered else 0
 
     @property
     def packages(self):
         return [package_of(name) for name in self.firmware] if self.place == "package" else []
 
+    @property
+    def chunks(self):
+        """Of the action, as the server for tests takes them."""
+        return [{"name": name, "version": NEW_VERSION, "files": {},
+                 "paths": {file: f"/{OFFERED}/{name}/{file}" for file in artifacts_of(name, kind)}}
+                for name, kind in self.offered.items()]
+
 
 FROM_DIRECTORY = ["fw-update", "update", "libtuner", "--caller", "upgrade-app", "--json"]
 FROM_PACKAGE = ["fw-update", "update", "libwifi", "--caller", "debug", "--json"]
+AS_A_JOB = [*FROM_DIRECTORY, "--service"]
 KEY_FILE = "/usr/share/fw-update/package.key"
 SCENARIOS = (
     Scenario("firmware", "from the firmware directory", FROM_DIRECTORY, ["tunerfw"], "builtin"),
@@ -57,7 +71,22 @@ SCENARIOS = (
              ["fw-update", "usb", "apply", "--key-file", KEY_FILE, "--json"], ["tunerfw"], "usb"),
     Scenario("update-all", "update-all over two modules, both from extension packages",
              ["fw-update", "update-all", "--json"], ["tunerfw", "wififw"], "package", bus=True),
+    Scenario("job-service", "a job of the update service, which is interrupted", AS_A_JOB, ["tunerfw"], "builtin",
+             bus=True, job=True, traced="update-service", kinds=("kills",)),
+    Scenario("job-command", "the same, with the command interrupted that works on it", AS_A_JOB, ["tunerfw"], "builtin",
+             bus=True, job=True, traced="job", kinds=("kills",)),
+) + tuple(
+    Scenario(name, summary, [], list(offered), "offered", bus=True, traced=traced, offered=offered)
+    for name, summary, traced, offered in (
+        ("fleet", "an action of a fleet's server, with its client interrupted", "fleet", {"tunerfw": "image"}),
+        ("hand-over", "the same, with the update service interrupted that its client hands the files over to",
+         "update-service", {"tunerfw": "usb", "wififw": "image"}),
+    )
 )
+
+
+def artifacts_of(firmware, kind):
+    return [f"{firmware}.bin", "info.json", f"{firmware}.bin.sig"] if kind == "image" else [f"{firmware}.bin"]
 
 
 def package_of(firmware):
@@ -161,17 +190,24 @@ class Template:
             file.write(content(firmware, version, size))
         common = [self.image, "--version", version]
         seconds = ["--expected-time", str(EXPECTED_SECONDS)]
+        key = ["--signing-key", self._path("maker/signing.key")]
+        if place == "offered":
+            place = f"offered {self.scenario.offered[firmware]}"
+            os.makedirs(self._path(OFFERED, firmware))
         if place == "builtin":
             self._pack("image", *common, *seconds, "--type", "builtin", "--name", firmware, "--into",
                        self._path(FIRMWARE))
         elif place == "package":
             package = package_of(firmware)
-            self._pack("emp", *common, *seconds, "--id", package, "--signing-key",
-                       self._path("maker/signing.key"), "--output", self._path(PACKAGES, f"{package}.img"))
+            self._pack("emp", *common, *seconds, "--id", package, *key, "--output", self._path(PACKAGES, f"{package}.img"))
+        elif place == "offered image":
+            self._pack("image", *common, *seconds, "--type", "sbox", "--name", firmware, *key, "--into",
+                       self._path(OFFERED))
         else:
-            os.makedirs(self._path(DRIVE), exist_ok=True)
-            self._pack("usb", *common, "--key-file", self.directory + KEY_FILE, "--signing-key",
-                       self._path("maker/signing.key"), "--output", self._path(DRIVE, f"{firmware}.bin"))
+            folder = self._path(OFFERED, firmware) if place == "offered usb" else self._path(DRIVE)
+            os.makedirs(folder, exist_ok=True)
+            self._pack("usb", *common, "--key-file", self.directory + KEY_FILE, *key, "--output",
+                       os.path.join(folder, f"{firmware}.bin"), *(["--name", firmware] if place == "offered usb" else []))
 
     def _pack(self, *words):
         subprocess.run([f"{self.tools}/fw-pack", *words], check=True, stdout=subprocess.DEVNULL)

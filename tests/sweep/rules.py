@@ -52,6 +52,8 @@ ERRORS = {
     "mkdir": "ENOSPC EIO ENOMEM",
     "rename": "ENOSPC EIO ENOMEM",
     "renameat": "ENOSPC EIO ENOMEM",
+    "renameat2": "ENOSPC EIO ENOMEM",
+    "rmdir": "EIO ENOMEM",
     "link": "ENOSPC EIO ENOMEM",
     "unlink": "EIO ENOMEM",
     "unlinkat": "EIO ENOMEM",
@@ -197,6 +199,20 @@ def errors_of(call, subject):
     return ERRORS[call].split()
 
 
+# What puts something on the disk; what else has a descriptor is no file.
+WRITING = ("open create", "openat create", "write", "writev", "pwrite64", "fsync", "fdatasync", "ftruncate", "mkdir",
+           "rename", "renameat", "renameat2", "link", "unlink", "unlinkat", "rmdir", "chmod", "fchmod")
+NO_FILES = ("socket:", "pipe:", "anon_inode:", "standard ", "/dev/")
+
+
+def errors_of_writing(call, subject):
+    """Those of a disk that is full or broken."""
+    kind = OTHER_NAMES.get(call, call) + (" create" if subject.startswith("create ") else "")
+    if kind not in WRITING or subject.startswith(NO_FILES):
+        return []
+    return [error for error in errors_of(call, subject) if error in ("ENOSPC", "EIO")]
+
+
 def error_number(name):
     return getattr(errno, name)
 
@@ -211,6 +227,7 @@ LEFT_AFTER_KILL = {
     "/dev/shm/sem.??????": "the lock's file before it gets its name; gone with the next start of the device",
     "/run/fw-update/update-all.json": "told by the next command, then removed",
     "/run/fw-update/update-all.json.new": "overwritten by the next update-all",
+    "/run/fw-updated/*.job.new": "overwritten by the next job of this number",
     PENDING_LIST: "removed by the next update-all that has something to do",
 }
 
@@ -227,11 +244,27 @@ KEPT = (
     "/run/fw-update",
     "/run/fw-update/recovery.lock",
     "/run/fw-update/update-all.lock",
+    "/run/fw-updated",
+    "/run/fw-updated/*.job",
     "/run/fw-privileged.sock",
     "/var/lib/fw-update/history.db",
     "/var/lib/fw-update/history.db-journal",
     "/var/lib/fw-update/history.lock",
     "/var/lib/fw-update/minimum-versions*",
+)
+
+# Kept by an update that a fleet's server wanted: what there is of each action, and the images where they
+# were handed over to.
+KEPT_BY_FLEET = KEPT + (
+    "/etc/fw-update/fw-fleet.conf",
+    "/run/fw-fleet",
+    "/var/lib/fw-fleet",
+    "/var/lib/fw-fleet/store",
+    "/var/lib/fw-fleet/actions",
+    "/var/lib/fw-fleet/actions/[0-9].action",
+    "/var/lib/fw-updated/incoming",
+    "/opt/usr/share/sbox/*fw",
+    "/opt/usr/share/sbox/*fw/*",
 )
 
 # Not removed when their own removal failed, or what makes them.
@@ -240,10 +273,16 @@ LEFT_AFTER_ERROR = {
     "unlinkat": ("/run/fw-update/update-all.json",),
 }
 
+# What was handed over, until the next is, or the service starts again.
+UNFINISHED = ("/opt/usr/share/sbox/.incoming", "/opt/usr/share/sbox/.incoming/*", "/var/lib/fw-updated/incoming/.incoming",
+              "/var/lib/fw-updated/incoming/.incoming/*", "/var/lib/fw-updated/incoming/[0-9]",
+              "/var/lib/fw-updated/incoming/[0-9]/*")
+LEFT_AFTER_ERROR_BY_FLEET = {call: UNFINISHED for call in ("unlink", "unlinkat", "rmdir")}
+
 EXIT_CODES = {
     "ok": 0, "updated": 0, "unexpected-error": 1, "already-running": 1, "stopped": 1, "not-known": 1, "usage": 2,
     "nothing-to-do": 3, "no-such-module": 4, "refused-image": 5, "module-failed": 6, "timed-out": 7,
-    "not-permitted": 8, "broken-module": 9, "no-controls-directory": 10, "download-failed": 11,
+    "interrupted": 1, "no-service": 1, "not-permitted": 8, "broken-module": 9, "no-controls-directory": 10, "download-failed": 11,
     "lock-in-use": 12,
 }
 
@@ -347,7 +386,35 @@ def judge_history(judge, result):
                       "history: the update is missing")
 
 
-def judge_recovery(judge, result, packages):
+def jobs_of(result):
+    """Those of the first update, as the service shows them in the end."""
+    try:
+        return json.loads(result["jobs"]["output"])["jobs"]
+    except (ValueError, KeyError):
+        return []
+
+
+def judge_jobs(judge, result):
+    """Each job has one end, which is true, and which the history has as well."""
+    judge.document(result["jobs"], "jobs")
+    jobs = jobs_of(result)
+    judge.require(all(job["state"] == "done" for job in jobs), f"jobs: one is not done: {jobs}")
+    judge.require(len(jobs) <= 1, f"jobs: more than were asked for: {jobs}")
+    ends = [job["outcome"] for job in jobs]
+    judge.require(all(end in ("updated", "interrupted") for end in ends), f"jobs: {jobs}")
+    updated = all(judge.is_new(result["after"], name) for name in judge.new_components)
+    judge.require("updated" not in ends or updated, "jobs: updated, but the firmware is not the new one")
+    judge.require(not updated or ends, "jobs: the firmware is the new one without a job")
+    entries = [entry for entry in judge.document(result["history"], "history").get("entries", [])
+               if entry["number"] > result["entries-before"]]
+    again = judge.document(result["again"], "update again").get("outcome")
+    judge.require([entry["outcome"] for entry in entries] == [*ends, again],
+                  f"history: not {[*ends, again]}, as the jobs say: {entries}")
+    told = judge.document(result["update"], "update").get("outcome")
+    judge.require(told in (*ends, "no-service", "unexpected-error"), f"update: {told}, and the job: {ends}")
+
+
+def judge_recovery(judge, result, packages, judge_entries=None):
     """A fresh process lists and updates, and then nothing is left."""
     if "remedy" in result:
         judge.require(result["remedy"]["code"] == 0, f"remedy: {result['remedy']}")
@@ -356,7 +423,7 @@ def judge_recovery(judge, result, packages):
     names = {module["firmware"] for module in listed.get("modules", [])}
     judge.require(set(judge.flash) <= names, f"list: only {sorted(names)}")
     judge_second_update(judge, result)
-    judge_history(judge, result)
+    (judge_entries or judge_history)(judge, result)
     end = result["end"]
     judge.firmware(end, "in the end")
     for name in judge.new_components:
@@ -402,6 +469,81 @@ def judge_kill(judge, result, packages):
     judge.mounts(after, "after the kill", packages)
     judge.nothing_new(after, result["before"], KEPT + tuple(LEFT_AFTER_KILL), "after the kill")
     judge_recovery(judge, result, packages)
+
+
+def judge_job(judge, result, packages):
+    """The service is there again after a kill, and cleans up by itself."""
+    after = result["after"]
+    judge.firmware(after, "after the job")
+    judge.require(after["lock"] in (1, None), f"after the job: the update lock has the value {after['lock']}")
+    judge.mounts(after, "after the job", packages)
+    judge.nothing_new(after, result["before"], KEPT + tuple(LEFT_AFTER_KILL), "after the job")
+    judge.require(result["service"]["code"] in (0, KILLED), f"service: {result['service']}")
+    judge_recovery(judge, result, packages, judge_jobs)
+
+
+# ---- An action of a fleet's server -------------------------------------------------
+
+CLOSED = ("finished", "error")
+
+
+def judge_action(judge, action, look):
+    """It has one end, and that is true; its progress was told once at most."""
+    number = f"action {action['id']}"
+    told = [entry["execution"] for entry in action["history"]]
+    judge.require(told.count("closed") == 1, f"{number}: not closed once: {told}")
+    judge.require(len(told) == len(set(told)), f"{number}: something was told twice: {told}")
+    judge.require(action["state"] in CLOSED, f"{number}: it is {action['state']}")
+    late = [entry["execution"] for entry in action["refused"] if entry["execution"] != "closed"]
+    judge.require(not late, f"{number}: told after its end: {late}")
+    updated = [name for name in judge.new_components if judge.is_new(look, name)]
+    if action["state"] == "finished":
+        judge.require(updated == judge.new_components, f"{number}: success, but only {updated} have the new firmware")
+    else:
+        details = action["history"][-1]["details"] if action["history"] else []
+        judge.require(updated != judge.new_components, f"{number}: failure, but all have the new firmware: {details}")
+        judge.require(bool(details) and bool(details[0]), f"{number}: a failure without a sentence")
+
+
+def judge_ends_in_history(judge, result):
+    """Each component was updated once, by whichever action; nothing runs for ever or was begun again in vain."""
+    document = judge.document(result["history"], "history")
+    entries = [entry for entry in document.get("entries", []) if entry["number"] > result["entries-before"]]
+    ends = [(entry.get("module", "drive"), entry["outcome"]) for entry in entries]
+    judge.require("damaged" not in document, "history: it was damaged")
+    judge.require(all(outcome == "updated" for _, outcome in ends), f"history: not only updates: {ends}")
+    ends = [end for end in ends if end[0] != "drive"]
+    judge.require(len(ends) == len(judge.new_components), f"history: not one end for each component: {ends}")
+
+
+def judge_fleet(judge, result, _packages):
+    """Both services are there again after a kill, and the action goes on by itself."""
+    after, end = result["after"], result["end"]
+    for name, ended in result["ended"].items():
+        judge.require(not ended.get("hung"), f"{name}: it did not end")
+        judge.require(ended["code"] in (0, 1, -15, 128 + 15, KILLED), f"{name}: {ended}")
+        judge.require(ended["code"] != 1 or ended["errors"], f"{name}: it ended without a reason")
+    judge_action(judge, result["actions"]["1"], after)
+    judge_action(judge, result["actions"]["2"], end)
+    judge.require(result["actions"]["2"]["state"] == "finished", f"action 2: {result['actions']['2']['history']}")
+    judge_ends_in_history(judge, result)
+    # Only where it failed; a service that was killed removes it when it is there again.
+    is_killed = KILLED in (ended["code"] for ended in result["ended"].values())
+    failed = "" if is_killed or not result["acted"] else result["acted"][1]
+    allowed = KEPT_BY_FLEET + ("/dev/shm/sem.??????",) + LEFT_AFTER_ERROR_BY_FLEET.get(failed, ())
+    for look, when in ((after, "after the action"), (end, "in the end")):
+        judge.firmware(look, when)
+        judge.require(look["lock"] in (1, None), f"{when}: the update lock has the value {look['lock']}")
+        judge.mounts(look, when, [])
+        judge.nothing_new(look, result["before"], allowed, when)
+    judge.require(not result["power"], f"{result['power']} power locks were left")
+    judge.require(result["orphans"] == 0, f"{result['orphans']} processes were left behind")
+
+
+def judge_fleet_kill(judge, result, packages):
+    action = result["actions"]["1"]
+    judge.require(action["state"] == "finished", f"action 1: killed once, and not updated: {action['history'][-1:]}")
+    judge_fleet(judge, result, packages)
 
 
 def judge_error(judge, result, packages):

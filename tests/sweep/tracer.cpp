@@ -53,8 +53,8 @@ unsigned long entryOf(pid_t process) {
 
 }  // namespace
 
-Tracer::Tracer(const char* record, Target target)
-    : target_(std::move(target)), record_(std::fopen(record, "we")) {
+Tracer::Tracer(const char* record, Target target, bool withChildren)
+    : target_(std::move(target)), withChildren_(withChildren), record_(std::fopen(record, "we")) {
   if (!record_) {
     fail(record);
   }
@@ -76,11 +76,13 @@ void Tracer::start(char** program) {
   if (waitpid(leader_, &status, 0) != leader_ || !WIFSTOPPED(status)) {
     fail("the program does not stop");
   }
-  const long options = PTRACE_O_TRACESYSGOOD | PTRACE_O_TRACECLONE | PTRACE_O_TRACEEXEC | PTRACE_O_EXITKILL;
+  const long options = PTRACE_O_TRACESYSGOOD | PTRACE_O_TRACECLONE | PTRACE_O_TRACEEXEC | PTRACE_O_EXITKILL |
+                       (withChildren_ ? PTRACE_O_TRACEFORK : 0);
   if (ptrace(PTRACE_SETOPTIONS, leader_, nullptr, options) != 0) {
     fail("ptrace");
   }
   threads_[leader_].name = "0";
+  threads_[leader_].process = leader_;
   goOn(leader_, 0);
 }
 
@@ -115,8 +117,9 @@ void Tracer::handleStop(pid_t id, int status) {
   const int signal = WSTOPSIG(status);
   const int event = status >> 16;
   if (event != 0) {
-    handleEvent(id, event);
-    goOn(id, 0);
+    if (handleEvent(id, event)) {
+      goOn(id, 0);
+    }
     return;
   }
   if (signal != kCallStop) {
@@ -140,17 +143,25 @@ void Tracer::handleCall(pid_t id) {
   }
 }
 
-void Tracer::handleEvent(pid_t id, int event) {
+// Whether it is still traced.
+bool Tracer::handleEvent(pid_t id, int event) {
+  if (event == PTRACE_EVENT_EXEC && id != leader_) {
+    threads_.erase(id);
+    return ptrace(PTRACE_DETACH, id, nullptr, nullptr) != 0;
+  }
   if (event == PTRACE_EVENT_EXEC) {
     breakAtEntry();
-    return;
+    return true;
   }
   unsigned long started = 0;
-  if (event != PTRACE_EVENT_CLONE || ptrace(PTRACE_GETEVENTMSG, id, nullptr, &started) != 0) {
-    return;
+  const bool isChild = event == PTRACE_EVENT_FORK;
+  if ((!isChild && event != PTRACE_EVENT_CLONE) || ptrace(PTRACE_GETEVENTMSG, id, nullptr, &started) != 0) {
+    return true;
   }
+  const auto newId = static_cast<pid_t>(started);
   Thread& starter = threads_[id];
-  adopt(static_cast<pid_t>(started), starter.name + "." + std::to_string(++starter.started));
+  adopt(newId, starter.name + "." + std::to_string(++starter.started), isChild ? newId : starter.process);
+  return true;
 }
 
 void Tracer::breakAtEntry() {
@@ -170,12 +181,13 @@ bool Tracer::reachedEntry(pid_t id) {
   return true;
 }
 
-void Tracer::adopt(pid_t id, const std::string& name) {
+void Tracer::adopt(pid_t id, const std::string& name, pid_t process) {
   if (early_.erase(id) == 0) {
     int status = 0;
     waitpid(id, &status, __WALL);  // its first stop
   }
   threads_[id].name = name;
+  threads_[id].process = process;
   goOn(id, 0);
 }
 
@@ -184,8 +196,8 @@ void Tracer::enterCall(pid_t id, std::uint64_t callNumber, const std::uint64_t* 
     return;
   }
   Thread& thread = threads_[id];
-  const SystemCall call = systemCall(leader_, callNumber, arguments);
-  const std::string subject = subjectOfCall(leader_, call);
+  const SystemCall call = systemCall(thread.process, callNumber, arguments);
+  const std::string subject = subjectOfCall(thread.process, call);
   const unsigned long number = ++thread.calls[call.name + ' ' + subject];
   const bool isTarget = number == target_.number && call.name == target_.call && subject == target_.subject &&
                         thread.name == target_.thread;
@@ -198,7 +210,7 @@ void Tracer::enterCall(pid_t id, std::uint64_t callNumber, const std::uint64_t* 
 
 void Tracer::interrupt(pid_t id, Thread& thread) {
   if (target_.action == kActionKill) {
-    kill(leader_, SIGKILL);
+    kill(thread.process, SIGKILL);
     return;
   }
   thread.fails = true;

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Runs a program, writes down the system calls of its threads, and interrupts it at one
-// of them. A Tracer runs one program, on the thread that made it.
+// of them. A Tracer runs one program, on the thread that made it. Its children may be traced,
+// too, as far as they run the program itself, and not another one.
 #ifndef TESTS_SWEEP_TRACER_H
 #define TESTS_SWEEP_TRACER_H
 
@@ -28,7 +29,7 @@ struct Target {
 class Tracer {
  public:
   // record: the file for the calls. Throws std::system_error.
-  Tracer(const char* record, Target target);
+  Tracer(const char* record, Target target, bool withChildren = false);
 
   // The program's exit code. Throws std::system_error when it cannot be traced.
   int run(char** program);
@@ -36,7 +37,8 @@ class Tracer {
  private:
   struct Thread {
     std::string name;
-    unsigned int started = 0;                    // threads
+    pid_t process = -1;
+    unsigned int started = 0;                    // threads and children
     std::map<std::string, unsigned long> calls;  // of each name and subject
     bool fails = false;                          // the call that it is in
   };
@@ -47,17 +49,18 @@ class Tracer {
 
   void start(char** program);
   void handleStop(pid_t id, int status);
-  void handleEvent(pid_t id, int event);
+  bool handleEvent(pid_t id, int event);
   void handleCall(pid_t id);
   void breakAtEntry();
   bool reachedEntry(pid_t id);
-  void adopt(pid_t id, const std::string& name);
+  void adopt(pid_t id, const std::string& name, pid_t process);
   void enterCall(pid_t id, std::uint64_t number, const std::uint64_t* arguments);
   void leaveCall(pid_t id);
   void interrupt(pid_t id, Thread& thread);
   void goOn(pid_t id, int signal) const;
 
   const Target target_;
+  const bool withChildren_;
   const std::unique_ptr<std::FILE, CloseFile> record_;
   pid_t leader_ = -1;
   unsigned long entry_ = 0;  // the program's first own instruction

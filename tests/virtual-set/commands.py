@@ -70,6 +70,12 @@ def a_shell_takes_commands_and_ends():
     expect(code == 5 and "\n42" in output, "the shell did what was typed", output + errors)
 
 
+def a_set_that_is_switched_off_ends_its_shell():
+    # The system would end a shell that stays after 90 seconds.
+    code, output, errors = virtual_set("shell", "--limit", "80", input="systemctl poweroff\n", stdin=None)
+    expect(code == 0, "the shell ended with its set", output + errors)
+
+
 def a_limit_ends_it_and_is_named():
     for words, typed in ((["run", "--limit", "20", "sleep", "1000"], None), (["shell", "--limit", "20"], "sleep 1000\n")):
         code, output, errors = virtual_set(*words, input=typed, **({"stdin": None} if typed else {}))
@@ -105,5 +111,6 @@ TESTS = (a_command_has_its_output_and_exit_code,
          a_shared_directory_and_a_drive_are_found,
          a_set_that_is_started_anew_runs_the_same,
          a_shell_takes_commands_and_ends,
+         a_set_that_is_switched_off_ends_its_shell,
          a_limit_ends_it_and_is_named,
          an_ordinary_user_makes_it_and_runs_it)

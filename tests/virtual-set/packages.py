@@ -13,10 +13,17 @@ ASK = "mkdir -p /opt/usr/apps/appbinarymanager/emps; fw-platform-check --only mo
 # Each service, what it is asked, and the program that answers.
 SERVICES = {"fw-privileged": ASK,
             "fw-updated": "busctl get-property org.fwupdate.Update1 /org/fwupdate/Update1 org.fwupdate.Update1 Version"}
+# One that runs only where it is configured.
+CONFIGURED = {"fw-fleet": "fw-fleet status"}
+CONFIGURE = """
+mkdir -p /etc/fw-update
+printf 'server = https://127.0.0.1:1\\ncontroller = tv-0001\\n' >/etc/fw-update/fw-fleet.conf
+systemctl enable --quiet --now fw-fleet
+"""
 FILES = r"""
 find / -xdev \( -path /proc -o -path /sys -o -path /dev -o -path /run -o -path /tmp -o -path /var/tmp -o -path /share \
   -o -path /var/lib/dpkg -o -path /var/lib/systemd/deb-systemd-helper-enabled -o -path /var/log -o -path /var/cache \
-  -o -path /root -o -path '/etc/group*' -o -path '/etc/gshadow*' -o -path /etc/.pwd.lock \) -prune -o -print | sort
+  -o -path /root -o -path '/etc/group*' -o -path '/etc/gshadow*' -o -path '/etc/passwd*' -o -path '/etc/shadow*' -o -path /etc/.pwd.lock \) -prune -o -print | sort
 """
 
 
@@ -67,15 +74,16 @@ def packages_install_and_purge_without_a_rest():
 def an_upgrade_ends_the_old_service():
     with debian().machine() as machine:
         put_packages(machine)
-        succeed(machine, "dpkg --install /share/old/*.deb 2>&1")
+        succeed(machine, "dpkg --install /share/old/*.deb 2>&1" + CONFIGURE)
         before = {}
-        for name, question in SERVICES.items():
+        services = {**SERVICES, **CONFIGURED}
+        for name, question in services.items():
             succeed(machine, question)
             before[name] = service(machine, name)
             expect(before[name]["ActiveState"] == "active" and before[name]["Environment"] == "RELEASE=before",
                    "the service of the release before runs", before)
         output = succeed(machine, "dpkg --install /share/new/*.deb 2>&1")
-        for name, question in SERVICES.items():
+        for name, question in services.items():
             expect_new(machine, name, before[name], output)
             succeed(machine, question)
             after = service(machine, name)

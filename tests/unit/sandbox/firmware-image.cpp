@@ -55,13 +55,15 @@ TEST_F(FirmwareImage, ReplacesAnOlderOneAndLeavesNothingElse) {
   EXPECT_EQ(fs::file_size("/lib/firmware/ext/tunerfw/tunerfw.bin"), 1000U);
 }
 
-TEST_F(FirmwareImage, CorruptDoesNotMatchItsCrc) {
+TEST_F(FirmwareImage, CorruptHasAnotherByteInItsMiddleAndDoesNotMatchItsCrc) {
   sandbox::writeFirmware("/lib/firmware/ext", "panelfw", "2.1.0", 1000, 7);
+  std::string expected = readFile("/lib/firmware/ext/panelfw/panelfw.bin");
+  expected[500] = static_cast<char>(~expected[500]);
 
   sandbox::corruptFirmware("/lib/firmware/ext", "panelfw");
 
   const auto content = readFile("/lib/firmware/ext/panelfw/panelfw.bin");
-  EXPECT_EQ(content.size(), 1000U);
+  EXPECT_EQ(content, expected);
   EXPECT_NE(information("/lib/firmware/ext/panelfw")["crc"].asUInt(), image::crcOf(content));
 }
 
