@@ -135,12 +135,26 @@ class Workshop:
         return [(number, test["name"], pathlib.Path(test["command"][0]).name)
                 for number, test in enumerate(listed, 1) if test.get("command")]
 
-    def costs(self):
-        """How many seconds tests are known to take, by name."""
-        known = self.build_directory / "Testing" / "Temporary" / "CTestCostData.txt"
+    def cost_file(self):
+        return self.build_directory / "Testing" / "Temporary" / "CTestCostData.txt"
+
+    def mean_costs(self):
+        """How many seconds tests took on average, by name."""
+        known = self.cost_file()
         text = known.read_text(encoding="utf-8", errors="replace") if known.exists() else ""  # also of cut-off output
         rows = text.split("---")[0].splitlines()
         return {name: float(seconds) for name, _, seconds in (row.rsplit(" ", 2) for row in rows)}
+
+    def costs(self):
+        """How many seconds tests are known to take, by name; without a fault, where that was measured: many take longer with one."""
+        return {**self.mean_costs(), **self.remembered("costs")}
+
+    def measure(self, numbers):
+        """Runs all of these tests, without a fault: the names of those that fail. From then on costs() has what each took."""
+        self.cost_file().unlink(missing_ok=True)
+        failed = self.failures(numbers, go_on=True)
+        self.remember("costs", {**self.remembered("costs"), **self.mean_costs()})
+        return failed
 
     def failures(self, numbers, limit=None, go_on=False):
         """The names of some of these tests that fail, or are skipped; unless it goes on, the others are not run then."""
