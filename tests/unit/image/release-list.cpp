@@ -122,6 +122,22 @@ TEST(ReleaseList, SaysWhatIsWrongWithIt) {
   EXPECT_EQ(parseReleaseList(toText(aList()) + "{}").problem, "it is no JSON object of at most 1 MiB");
 }
 
+TEST(ReleaseList, TakesTheFirstAndTheLastCharacterOfEachKindAndNoneBeside) {
+  const std::string anySum = "09af" + std::string(60, '0');
+  EXPECT_EQ(problemWith("\"tunerfw\"", "\"09AZaz\""), "");
+  EXPECT_EQ(problemWith("\"2.0.0\"", "\" ~\""), "");
+  EXPECT_EQ(problemWith(kSum, anySum), "");
+
+  for (const char beside : {'/', ':', '@', '[', '`', '{'}) {
+    EXPECT_EQ(problemWith("tunerfw", std::string("tuner") + beside), "a component has no name of firmware");
+  }
+  EXPECT_EQ(problemWith("\"2.0.0\"", "\"\x7f\""), "a component has no version");
+  EXPECT_EQ(problemWith("\"2.0.0\"", "\"\\u001f\""), "a component has no version");
+  for (const char beside : {'/', ':', '`', 'g'}) {
+    EXPECT_EQ(problemWith(kSum, std::string(63, 'a') + beside), "an artifact has no SHA-256");
+  }
+}
+
 TEST(ReleaseList, OfANewerFormatIsToldApart) {
   std::string text = toText(aList());
   text.replace(text.find("\"format\" : 1"), 12, "\"format\" : 2");
@@ -177,6 +193,7 @@ TEST(ReleaseListTime, IsReadAsItWasWritten) {
 
 TEST(ReleaseListFile, HasAPlainName) {
   EXPECT_TRUE(isArtifactName("tuner_fw-2.bin.sig"));
+  EXPECT_TRUE(isArtifactName("09AZaz"));
   EXPECT_TRUE(isArtifactName(std::string(128, 'a')));
   for (const std::string& name : {std::string(), std::string(".."), std::string(".a"), std::string("a/b"),
                                   std::string("a b"), std::string(129, 'a')}) {
