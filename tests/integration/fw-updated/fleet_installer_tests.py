@@ -9,8 +9,8 @@ import signal
 import subprocess
 
 from hand_over_tests import STRANGER, hand_over, image, package, start, usb
-from service_client import (Bus, Client, Service, add_group, children_of, equal, need_other_users, run_named_test, slow,
-                            tool, wait_for)
+from service_client import (Bus, Client, Service, TakenLock, add_group, children_of, equal, need_other_users,
+                            run_named_test, slow, stall, tool, wait_for)
 
 PROGRAM = str(pathlib.Path(os.environ["LIBRARY_CLIENT"]).with_name("fleet-installer"))
 
@@ -82,21 +82,23 @@ def FollowsNoJobThatCameBefore():
 
     equal(installer("follow", "tunerfw", 5000, 1), "unknown")
 
-    slow("tunerfw", 100)
+    lock = TakenLock()
     path = hand_over(client, "image", image("3.0.0"))
     equal(installer("ended", "tunerfw"), "1")
+    lock.give_back()
     equal(installer("follow", "tunerfw", 20000, 1).splitlines()[0], "updated")
     client.wait_for_state(path, "done")
     equal(installer("ended", "tunerfw"), "2")
 
 
 def SaysThatAJobIsStillAtWork():
-    slow("tunerfw", 100)
     start()
+    lock = TakenLock()
     equal(installer("ask", "tunerfw", "package", *named(package())), "taken")
 
     equal(installer("follow", "tunerfw", 100), "at work")
 
+    lock.give_back()
     equal(installer("follow", "tunerfw", 20000).splitlines()[0], "updated")
 
 
@@ -114,7 +116,7 @@ def FollowsAJobOverARestartOfTheService():
 
 
 def DoesNotKnowHowAJobEndedThatWasInterruptedOrIsNotThere():
-    slow("tunerfw", 100)
+    stall("tunerfw")
     service, client = start()
     equal(installer("follow", "tunerfw", 5000), "unknown")
     equal(installer("follow", "otherfw", 5000), "unknown")
@@ -145,16 +147,17 @@ def FollowsTheNewestJobOfItsUserAlone():
 
 def IsToAskAgainLaterWhereNobodyAnswersOrEverythingIsTaken():
     assert installer("versions").startswith("away: The update service cannot be asked: "), "no bus"
-    slow("tunerfw", 300)
     connection = Bus().connect()
     assert installer("ask", "tunerfw", "package", *named(package())).startswith("away: "), "no service"
     Service(connection)
+    lock = TakenLock()
     equal(installer("ask", "tunerfw", "package", *named(package())), "taken")
 
     equal(installer("ask", "tunerfw", "image", *named(image())),
           "away: The update service cannot be asked: libtuner is being updated from something that was handed over before. "
           "Hand it over again when that job is done.")
 
+    lock.give_back()
     equal(Client(connection).result("/org/fwupdate/Update1/job/1")["Outcome"], "updated")
 
 

@@ -16,8 +16,8 @@ import tempfile
 import dbus
 import dbus.types
 
-from service_client import (KEY, NAME, PATH, Bus, Client, Polkit, Service, add_group, as_user, equal, has_no_incoming,
-                            history, need_other_users, run_named_test, slow, tool, wait_for)
+from service_client import (KEY, NAME, PATH, PATIENCE, Bus, Client, Polkit, Service, TakenLock, add_group, as_user, equal,
+                            has_no_incoming, history, need_other_users, run_named_test, slow, tool, wait_for)
 
 REFUSED = NAME + ".Error.Refused"
 INVALID = NAME + ".Error.InvalidArgument"
@@ -386,12 +386,13 @@ def RefusesModulesThatAreNotThereOrTakeNothing():
 
 
 def TakesNothingForAModuleUntilItsJobIsDone():
-    slow("tunerfw", 300)
     _, client = start()
+    lock = TakenLock()
     first = hand_over(client, "package", package())
 
     error = client.error(lambda: hand_over(client, "image", image()))
 
+    lock.give_back()
     equal(error, (NAME + ".Error.TooMany", "libtuner is being updated from something that was handed over before.\n"
                                            "Hand it over again when that job is done."))
     equal(client.result(first)["Outcome"], "updated")
@@ -479,7 +480,7 @@ def LeavesRoomForOthersThanAUserWhoseHandOversWaitForPolkit():
     wait_for(lambda: client.connection.name_has_owner("org.freedesktop.PolicyKit1"), "polkit is there")
     stranger = subprocess.Popen(["/usr/bin/python3", "-c", flood, address, str(path)], user=STRANGER, group=STRANGER,
                                 stdout=subprocess.PIPE, text=True)
-    readable, _, _ = select.select([stranger.stdout], [], [], 20)
+    readable, _, _ = select.select([stranger.stdout], [], [], PATIENCE)
     told = stranger.stdout.readline() if readable else "fewer were refused"
     job = hand_over(client, "package", {"package": path})
     stranger.kill()

@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """The update service, the bus that it is on, and a client, which knows what the service says of
 itself and nothing else."""
+import ctypes
 import json
 import os
 import pathlib
@@ -177,6 +178,26 @@ def history():
 def slow(firmware, kib_per_second):
     pathlib.Path(f"/var/lib/fw-components/{firmware}.component").write_text(
         f"write_kib_per_second = {kib_per_second}\n", encoding="ascii")
+
+
+def stall(firmware):
+    """Its update never ends, and has more than the time for that."""
+    pathlib.Path(f"/var/lib/fw-components/{firmware}.component").write_text(
+        "stall_at_percent = 50\nexpected_time = 600\n", encoding="ascii")
+
+
+class TakenLock:
+    """The update lock, held by this process: until it is given back no update comes to its end."""
+
+    def __init__(self):
+        self.library = ctypes.CDLL(None, use_errno=True)
+        self.library.sem_open.restype = ctypes.c_void_p
+        self.semaphore = ctypes.c_void_p(
+            self.library.sem_open(b"/SEM_UPDATE_CONTROL", os.O_CREAT, ctypes.c_uint(0o666), ctypes.c_uint(1)))
+        equal(self.library.sem_trywait(self.semaphore), 0)
+
+    def give_back(self):
+        equal(self.library.sem_post(self.semaphore), 0)
 
 
 def install_faulty_module():

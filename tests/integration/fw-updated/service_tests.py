@@ -5,7 +5,6 @@ Each function whose name begins with a capital is a test.
 """
 import collections
 import contextlib
-import ctypes
 import errno
 import fcntl
 import json
@@ -20,9 +19,9 @@ import subprocess
 
 import dbus
 
-from service_client import (ADDRESS, JOB, NAME, PATH, PATIENCE, Bus, Client, Polkit, Service, Signals, add_group,
-                            as_user, busctl, children_of, equal, has_other_users, history, install_faulty_module,
-                            need_other_users, package, program, run_named_test, slow, tool, usb_package, wait_for)
+from service_client import (ADDRESS, JOB, NAME, PATH, PATIENCE, Bus, Client, Polkit, Service, Signals, TakenLock,
+                            add_group, as_user, busctl, children_of, equal, has_other_users, history, install_faulty_module,
+                            need_other_users, package, program, run_named_test, slow, stall, tool, usb_package, wait_for)
 
 ERROR = NAME + ".Error."
 STRANGER = 65534  # a user
@@ -250,18 +249,9 @@ def CancelsWhatWaitsForTheLock():
     equal(client.manager().LockStatus()[0], "free")
 
 
-def taken_lock():
-    """The update lock, held by this process."""
-    library = ctypes.CDLL(None, use_errno=True)
-    library.sem_open.restype = ctypes.c_void_p
-    lock = ctypes.c_void_p(library.sem_open(b"/SEM_UPDATE_CONTROL", os.O_CREAT, ctypes.c_uint(0o666), ctypes.c_uint(1)))
-    equal(library.sem_trywait(lock), 0)
-    return lock
-
-
 def CancelsWhatWaitsForALockThatIsNeverGivenBack():
     _, client = start()
-    taken_lock()
+    TakenLock()
     path = client.manager().Update("libtuner", "", "")
     client.wait_for_state(path, "waiting-for-lock")
 
@@ -325,7 +315,7 @@ def KeepsTheResultsOfAnEarlierService():
 
 
 def FindsAJobThatWasCutOffTogetherWithTheService():
-    slow("panelfw", 1000)
+    stall("panelfw")
     service, client = start()
     path = client.manager().Update("libpanel", "lsm", "")
     client.wait_for_state(path, "updating")
@@ -345,7 +335,7 @@ def FindsAJobThatWasCutOffTogetherWithTheService():
 
 
 def SaysInterruptedOfAJobWhoseProcessesWereKilled():
-    slow("panelfw", 1000)
+    stall("panelfw")
     service, client = start()
     path = client.manager().Update("libpanel", "lsm", "")
     client.wait_for_state(path, "updating")
@@ -406,7 +396,7 @@ exec "$(command -v fw-update)" "$@"
 
 
 def begins_no_second_entry_while_the_history_is(locked):
-    slow("panelfw", 1000)
+    stall("panelfw")
     service, client = start("--fw-update", program("writes-down", WRITES_DOWN_WHAT_IT_IS_ASKED))
     path = client.manager().Update("libpanel", "lsm", "")
     client.wait_for_state(path, "updating")
@@ -755,7 +745,7 @@ def TakesTheTracesOfApplicationsIntoTheHistoryOnce():
 
 
 def FindsWhatAnApplicationDidNotEnd():
-    slow("tunerfw", 500)
+    stall("tunerfw")
     _, client = start()
     with application("libtuner") as cut:
         wait_for(lambda: client.manager().LockStatus()[0] == "taken", "it updates")
