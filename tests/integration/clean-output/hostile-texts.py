@@ -12,6 +12,7 @@ import os
 import pty
 import re
 import shutil
+import signal
 import struct
 import subprocess
 import sys
@@ -74,14 +75,23 @@ def on_device(*command):
     return [FW_DEVICE, "run", DEVICE, "--", *command]
 
 
-def piped(command, **more):
-    """Standard output and standard error."""
-    done = subprocess.run(command, stdin=subprocess.DEVNULL, capture_output=True, timeout=100, env=environment(**more))
-    return done.stdout, done.stderr
+def piped(command, lines=None, **more):
+    """Standard output and standard error; lines: after so many of them the command is to end, as with Ctrl-C."""
+    output = b""
+    with subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                          env=environment(**more)) as process:
+        if lines is not None:
+            block = b"."
+            while block and output.count(b"\n") < lines:
+                block = os.read(process.stdout.fileno(), 65536)
+                output += block
+            process.send_signal(signal.SIGINT)
+        rest, errors = process.communicate(timeout=100)
+    return output + rest, errors
 
 
-def on_terminal(command, **more):
-    """Everything that the command writes on a terminal of 80 columns."""
+def on_terminal(command, lines=None, **more):
+    """Everything that the command writes on a terminal of 80 columns; lines: as for piped."""
     end, other = pty.openpty()
     fcntl.ioctl(other, termios.TIOCSWINSZ, struct.pack("HHHH", 24, 80, 0, 0))
     process = subprocess.Popen(command, stdin=other, stdout=other, stderr=other, env=environment(**more))
@@ -95,6 +105,9 @@ def on_terminal(command, **more):
         if not block:
             break
         output += block
+        if lines is not None and output.count(b"\n") >= lines:
+            process.send_signal(signal.SIGINT)
+            lines = None
     process.wait()
     os.close(end)
     return OWN_ORDERS.sub(b"", output.replace(b"\r\n", b"\n"))
@@ -292,7 +305,8 @@ class HostileTexts(unittest.TestCase):
         tool = os.path.join(BIN, "fw-trace")
         for command in ("list", "show", "summary"):
             self.look([tool, command, "--directory", directory], b"\\x1B]0;T")
-        self.look(["timeout", "-s", "INT", "1", tool, "follow", "--directory", directory], b"\\x1B]0;T")
+        shown = piped([tool, "show", "--directory", directory])[0].count(b"\n")
+        self.look(["timeout", "50", tool, "follow", "--directory", directory], b"\\x1B]0;T", lines=shown)
         for form in ("json", "perfetto", "html"):
             self.look([tool, "export", "--format", form, "--directory", directory], b"]0;T")
         # Standard output is the file, to the byte; each page has a number of its own.
