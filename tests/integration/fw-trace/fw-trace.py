@@ -15,6 +15,7 @@ import pty
 import re
 import resource
 import shutil
+import signal
 import struct
 import subprocess
 import sys
@@ -105,6 +106,19 @@ class Terminal:
         return self.process.wait()
 
 
+def is_full(pipe):
+    waiting = struct.unpack("i", fcntl.ioctl(pipe, termios.FIONREAD, b"\0" * 4))[0]
+    return waiting == fcntl.fcntl(pipe, 1032)  # F_GETPIPE_SZ
+
+
+def is_writing(process):
+    """Whether it waits until its standard output takes more."""
+    def told(name):
+        with open(f"/proc/{process.pid}/{name}", encoding="ascii") as file:
+            return file.read().split()
+    return told("stat")[2] == "S" and told("syscall")[1:2] == ["0x1"]
+
+
 def sparse_trace(name, size, head):
     """A file of that size, of which nearly nothing is on the disk: one list of places that
     fills it, and in it one place with as many arguments as there is room for."""
@@ -123,10 +137,10 @@ def chunk(kind, data):
     return struct.pack("<IIQQQI28x", 0x4B4E4843, kind, 64 + len(data), len(data), 0, 0) + data
 
 
-def wordy_trace(name):
-    """A small file whose messages take 300 MB: one place with a long text, and 5,000 records of it."""
+def wordy_trace(name, length=60000):
+    """A small file whose messages take 300 MB, or less: one place with a long text, and 5,000 records of it."""
     path = os.path.join(WORK, name)
-    text = b"." * 60000
+    text = b"." * length
     strings = struct.pack("<H", 0) * 2 + struct.pack("<H", len(text)) + text
     strings += b"\0" * (-len(strings) % 8)
     records = b"".join(struct.pack("<IIIIq", 24, (24 * i // 8 & 0xFFFFFF) << 8 | 1, 1, 77, i) for i in range(5000))
@@ -300,6 +314,16 @@ class Command(UpdatedDevice):
             self.assertTrue(terminal.read_some())
         os.write(terminal.end, b"\x03")
         self.assertEqual(terminal.finish(), 0)
+
+    def test_ends_in_order_when_it_is_interrupted_while_nobody_takes_its_output(self):
+        with subprocess.Popen([FW_TRACE, "follow", wordy_trace("interrupted.fwtrace", 100)],
+                              stdout=subprocess.PIPE) as follower:
+            while not is_full(follower.stdout) or not is_writing(follower):
+                self.assertIsNone(follower.poll())
+            follower.send_signal(signal.SIGINT)
+            shown = follower.stdout.read()
+            self.assertEqual(follower.wait(), 0)
+        self.assertLess(shown.count(b"\n"), 5000)
 
     def test_keeps_its_tables_within_a_narrow_terminal(self):
         for command in ("list", "summary"):

@@ -127,7 +127,7 @@ frame::Report Following::look() {
 }
 
 void showNew(const Options& options, std::list<TraceReading>& readings, Filter& filter) {
-  for (RecordStream stream(readings); std::cout.good() && stream.next();) {
+  for (RecordStream stream(readings); interrupted == 0 && std::cout.good() && stream.next();) {
     const Entry entry{&stream.reading().file, stream.message()};
     filter.learn(entry.message);
     if (filter.accepts(entry.message)) {
@@ -156,6 +156,9 @@ frame::Report runFollow(const Options& options) {
     }
     showNew(options, following.readings(), filter);
     poll(nullptr, 0, kLookAgainMs);
+  }
+  if (interrupted != 0) {
+    std::cout.clear();  // a write that the interruption cut off is no output that was lost
   }
   frame::Report report(Outcome::Ok);
   report.raw = true;  // everything was put out as it came
