@@ -126,6 +126,25 @@ def AsksTheSameOfABrokenModule():
     asks_the_same("pending", code=9)
 
 
+def told_of_an_interrupted_run(*words):
+    """What the command says, when it tells of a run that was cut off; what the service asks by itself may have been first."""
+    directory = pathlib.Path("/run/fw-update")
+    directory.mkdir(mode=0o755, exist_ok=True)
+    (directory / "update-all.lock").touch()
+    (directory / "update-all.json").write_text('{"number": 1, "modules": ["libcut-off"]}', encoding="ascii")
+    ended = run(*words)
+    return ended if "libcut-off" in ended.errors + ended.output else None
+
+
+def TellsOfAnInterruptedRunTheSame():
+    start()
+    for form in ((), ("--json",)):
+        alone, served = (wait_for(lambda way=way: told_of_an_interrupted_run("list", *way, *form), f"{way} tells of the run")
+                         for way in ((), ("--service",)))
+        equal(served, alone)
+        equal("libcut-off" in served.errors, form == ())
+
+
 def UpdatesTheSame():
     slow("tunerfw", 2000)
     start()
@@ -297,6 +316,20 @@ def WatchesWhatIsAtWorkAndWaitsForTheNextJob():
 
     equal(watch.returncode, 0)
     assert "libpanel was updated." in output, output
+
+
+def sleeps_in_a_poll_of_one_second(process):
+    """The second and third argument of the system call that it waits in: how many descriptors, and for how long."""
+    return pathlib.Path(f"/proc/{process.pid}/syscall").read_text(encoding="ascii").split()[2:4] == ["0x1", "0x3e8"]
+
+
+def RestsWhileThereIsNoJob():
+    start()
+    with subprocess.Popen(["fw-update", "watch"]) as watch:
+        try:
+            wait_for(lambda: sleeps_in_a_poll_of_one_second(watch), "it waits for a job and takes no time of the processor")
+        finally:
+            watch.kill()
 
 
 def EndsAsTheWatchedJob():
