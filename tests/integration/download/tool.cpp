@@ -116,6 +116,16 @@ TEST_F(DownloadCommand, AllAsksForEveryModule) {
   EXPECT_THAT(files(), ElementsAre("tunerempfw.img", "wifiempfw.img"));
 }
 
+TEST_F(DownloadCommand, AllHasNothingToDoWhereNoModuleHasAPackage) {
+  fs::remove("/prd/usr/fwupdate/controls/libwifi.so");
+  fs::rename("/prd/usr/fwupdate/controls/libtuner.so", "/prd/usr/fwupdate/controls/libEXT-tuner.so");
+
+  const auto result = tool({"--all"});
+
+  EXPECT_EQ(result.exitCode, 3) << result.error;
+  EXPECT_EQ(result.output, "No module has an extension package.\n");
+}
+
 TEST_F(DownloadCommand, OneFailureOfManyDecidesTheExitCode) {
   configure("file://" + serveFile(kWifi + ".img", makeImage(1000)));
 
