@@ -60,7 +60,8 @@ AREAS = (
          (*DEVICE, "faulty-module", "library-client", "fw-pack", "fw-update", "fw-updated")),
     Area("tools/fw-trace", ("test-fw-trace", "fw-trace-test", "replay-trace-reader"), ("FwTrace.*",),
          (*DEVICE, "fw-trace", "fw-update")),
-    Area("tools/fw-update", ("test-fw-update", "test-update-lock", "fw-update-tool-test")),
+    Area("tools/fw-update", ("test-fw-update", "test-update-lock", "fw-update-tool-test"), ("DownloadCommand.*",),
+         ("test-download",)),
     Area("tools/fw-update/service", ("test-fw-update",), ("ServiceCommand.*",),
          (*DEVICE, "faulty-module", "library-client", "fw-pack", "fw-update", "fw-updated")),
 )
