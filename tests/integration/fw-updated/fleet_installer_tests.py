@@ -8,7 +8,7 @@ import pathlib
 import signal
 import subprocess
 
-from hand_over_tests import STRANGER, hand_over, image, package, start, usb
+from hand_over_tests import STRANGER, hand_over, hold_what_is_taken, image, package, start, usb
 from service_client import (Bus, Client, Service, TakenLock, add_group, children_of, equal, need_other_users,
                             run_named_test, slow, stall, tool, wait_for)
 
@@ -163,8 +163,9 @@ def IsToAskAgainLaterWhereNobodyAnswersOrEverythingIsTaken():
 
 def IsToAskAgainLaterWhenTheServiceEndsMeanwhile():
     service, client = start()
-    path = package(size=30_000_000)
-    with subprocess.Popen([PROGRAM, "ask", "tunerfw", "package", *named(path)], stdout=subprocess.PIPE, text=True) as asks:
+    path = package(size=30_000_000, minimum="2.5.0")
+    words = [PROGRAM, "ask", "tunerfw", "package", *named(path)]
+    with hold_what_is_taken(), subprocess.Popen(words, stdout=subprocess.PIPE, text=True) as asks:
         wait_for(pathlib.Path("/opt/usr/apps/appbinarymanager/.incoming/tunerempfw.img").exists, "it is being copied")
         service.kill(signal.SIGKILL)
         assert asks.stdout.read().startswith("away: "), "nobody answered"

@@ -3,6 +3,7 @@
 
 Each function whose name begins with a capital is a test.
 """
+import fcntl
 import itertools
 import json
 import os
@@ -71,6 +72,15 @@ def image(version="3.0.0", key=MAKER, firmware="tunerfw", model=None, minimum=No
 
 
 KINDS = {"package": package, "usb": usb, "image": image}
+
+
+def hold_what_is_taken():
+    """No package that states a minimum version gets its place while the file is open that this returns."""
+    folder = pathlib.Path("/var/lib/fw-update/minimum-versions")
+    folder.mkdir(parents=True, exist_ok=True)
+    file = open(folder / ".lock", "w", encoding="ascii")
+    fcntl.flock(file, fcntl.LOCK_EX)
+    return file
 
 
 def hand_over(client, kind, files, module="libtuner", timeout=60, mode=os.O_RDONLY):
@@ -316,8 +326,10 @@ def RefusesWhatIsTooLarge():
 def RefusesAFileThatGrowsMeanwhile():
     _, client = start()
     path = package(size=30_000_000)["package"]
+    before = path.stat().st_size
     grows = subprocess.Popen(["sh", "-c", f"while printf x >>{path}; do :; done"])
     try:
+        wait_for(lambda: path.stat().st_size > before, "it grows")
         name, text = refusal(client, "package", {"package": path})
     finally:
         grows.kill()
@@ -512,6 +524,7 @@ def FindsNoHalfFileAfterItWasKilled():
         program.wait()
         service.process.wait()
         wait_for(lambda: not client.connection.name_has_owner(NAME), "the name is free again")
+        wait_for(lambda: not processes_of_the_service(), "what copied has ended, too")
         there = {path.name: path.read_bytes() for path in SBOX.iterdir()}
         assert there in whole.values(), (pause, {name: len(content) for name, content in there.items()})
         seen.add("new" if there == whole["new"] else "old")
@@ -575,9 +588,9 @@ def processes_of_the_service():
 
 def EndsWhatCopiesWithTheService():
     service, client = start()
-    path = package(size=60_000_000)["package"]
+    path = package(size=60_000_000, minimum="2.5.0")["package"]
     for number in (signal.SIGTERM, signal.SIGKILL):
-        with subprocess.Popen(hand_over_program(path), stdout=subprocess.DEVNULL):
+        with hold_what_is_taken(), subprocess.Popen(hand_over_program(path), stdout=subprocess.DEVNULL):
             wait_for((PACKAGE.parent / ".incoming/tunerempfw.img").exists, "it is being copied")
 
             service.kill(number)
