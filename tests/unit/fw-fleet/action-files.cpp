@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <optional>
 #include <system_error>
 
@@ -157,6 +158,19 @@ TEST(FleetActionFile, HasANameThatLeadsNowhere) {
   EXPECT_EQ(fileNameOf("%2E"), "%252E.action");
   EXPECT_EQ(fileNameOf("\xFF"), "%FF.action");
   EXPECT_LE(fileNameOf(std::string(64, '.')).size() + sizeof ".damaged", 255U);
+}
+
+TEST_F(FleetActionFiles, LeaveNoDirectoryOpen) {
+  namespace fs = std::filesystem;
+  const auto count = [] {
+    return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
+  };
+  files_->load();
+  const auto before = count();
+
+  files_->load();
+
+  EXPECT_EQ(count(), before);
 }
 
 TEST_F(FleetActionFiles, AreForThisUserAlone) {
