@@ -71,6 +71,16 @@ TEST(FleetPoll, RefusesALinkThatIsNoAddress) {
   EXPECT_THROW(parsePoll(pollText(R"("cancelAction":"https://s/c")")), Unreadable);
 }
 
+TEST(FleetPoll, RefusesALinkThatIsLong) {
+  const auto poll = [](std::size_t length) {
+    const std::string begin = "https://s/";
+    return pollText(R"("installedBase":{"href":")" + begin + std::string(length - begin.size(), 'a') + "\"}");
+  };
+
+  EXPECT_THAT(parsePoll(poll(2048)).installed, SizeIs(2048));
+  EXPECT_THROW(parsePoll(poll(2049)), Unreadable);
+}
+
 TEST(FleetDocuments, AreJsonObjectsAndNothingElse) {
   for (const std::string text :
        {"", "<html>Sign in</html>", "[]", "null", "\"x\"", "{", "{} {}", "{\"a\":1,\"a\":2}"}) {
@@ -84,13 +94,27 @@ TEST(FleetDocuments, AreNeitherTooDeepNorTooLarge) {
   const std::string deep(100000, '[');
   const std::string notShort = std::string(fleet::ddi::kLargestShortDocument, ' ') + "{}";
   const std::string large = std::string(fleet::ddi::kLargestDocument, ' ') + deploymentText("");
+  const std::string cancel = R"({"cancelAction":{"stopId":"12"}})";
+  const std::string longCancel = std::string(fleet::ddi::kLargestShortDocument - cancel.size(), ' ') + cancel;
 
   EXPECT_THROW(parsePoll("{\"a\":" + deep), Unreadable);
   EXPECT_NO_THROW(parsePoll(notShort.substr(2)));
   EXPECT_THROW(parsePoll(notShort), Unreadable);
-  EXPECT_THROW(parseCancel(notShort), Unreadable);
+  EXPECT_EQ(parseCancel(longCancel), "12");
+  EXPECT_THROW(parseCancel(" " + longCancel), Unreadable);
   EXPECT_NO_THROW(parseDeployment(large.substr(deploymentText("").size())));
   EXPECT_THROW(parseDeployment(large), Unreadable);
+}
+
+// Whole in everything but their depth.
+TEST(FleetDocuments, HaveLevelsThatCanBeRead) {
+  const auto nested = [](std::size_t levels) {
+    return "{\"a\":" + std::string(levels, '[') + std::string(levels, ']') + "}";
+  };
+
+  EXPECT_NO_THROW(parsePoll(nested(60)));
+  EXPECT_THROW(parsePoll(nested(70)), Unreadable);
+  EXPECT_THROW(parseDeployment(nested(10000)), Unreadable);
 }
 
 // Each takes many times the room of its text.
@@ -126,9 +150,17 @@ TEST(FleetDeployment, HasNoNamesThatAreLong) {
     return text.replace(text.find("2.0"), 3, version);
   };
 
-  EXPECT_EQ(parseDeployment(deploymentText(chunkText(longest, artifactText()))).problem, "");
-  EXPECT_EQ(parseDeployment(deploymentText(versionText(longest))).problem, "");
-  for (const std::string& chunk : {chunkText(longest + "n", artifactText()), versionText(longest + "n")}) {
+  const auto fileText = [](const std::string& name) {
+    std::string text = chunkText("tunerfw", artifactText());
+    return text.replace(text.find("tuner.img"), 9, name);
+  };
+
+  for (const std::string& chunk :
+       {chunkText(longest, artifactText()), versionText(longest), fileText(longest)}) {
+    EXPECT_EQ(parseDeployment(deploymentText(chunk)).problem, "");
+  }
+  for (const std::string& chunk :
+       {chunkText(longest + "n", artifactText()), versionText(longest + "n"), fileText(longest + "n")}) {
     const auto deployment = parseDeployment(deploymentText(chunk));
     EXPECT_EQ(deployment.problem, "A name or a version in the action has more than 256 bytes.");
     EXPECT_THAT(deployment.chunks, IsEmpty());
