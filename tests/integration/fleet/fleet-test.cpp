@@ -109,6 +109,9 @@ void FleetTest::turns(int count) {
   for (int turn = 0; turn < count; ++turn) {
     time_ += agent_->pause();
     agent_->turn();
+    if (!agent_->trouble().empty()) {
+      troubles_.insert(agent_->trouble());
+    }
   }
 }
 

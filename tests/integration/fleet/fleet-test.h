@@ -9,6 +9,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -80,6 +81,7 @@ class FleetTest : public ::testing::Test {
   std::function<void()> whenTimeIsAsked_ = [] {};
   std::chrono::milliseconds time_{1000};
   std::vector<std::string> log_;
+  std::set<std::string> troubles_;  // that there were after turns
   std::unique_ptr<fleet::ArtifactStore> store_;
   std::unique_ptr<fleet::ActionFiles> files_;
   std::function<std::unique_ptr<fleet::Source>()> makeSource_;

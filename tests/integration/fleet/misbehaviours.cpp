@@ -14,6 +14,7 @@
 namespace {
 
 using ::testing::Contains;
+using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 
 struct Misbehaviour {
@@ -22,6 +23,7 @@ struct Misbehaviour {
   const char* state;     // of the action at the end
   const char* version;   // of the component
   int polls;             // of the first hour; -1: as usual
+  const char* said;      // to the server of its end, otherwise on the set; empty: nothing is wrong for it
 };
 
 std::ostream& operator<<(std::ostream& out, const Misbehaviour& one) {
@@ -36,128 +38,157 @@ std::ostream& operator<<(std::ostream& out, const Misbehaviour& one) {
 // The same for ever.
 #define ALWAYS(what, status, more) ONCE(what, status, ", 'times': 1000000" more)
 
+constexpr char kNoDocument[] = "The server's answer is no JSON document.";
+constexpr char kNoLink[] = "The server's link \"deploymentBase\" is no address.";
+constexpr char kNoIdentity[] = "The server's answer has no usable \"id\".";
+constexpr char kNoSize[] = "The server does not say how large a.img of tunerfw is.";
+constexpr char kNoHash[] = "The server gives no SHA-256 of a.img of tunerfw.";
+constexpr char kNoAddress[] = "The server gives no address of a.img of tunerfw.";
+
 // The answer to a poll that names a deployment there.
 #define LINK(address) ", 'body': {'_links': {'deploymentBase': {'href': '" address "'}}}"
 #define RELATIVE_LINK LINK("/DEFAULT/controller/v1/tv1/deploymentBase/1")
 
 const Misbehaviour kMisbehaviours[] = {
     // To polls
-    {"Poll401", ALWAYS("base", "401", ""), "running", "1.0", 3},
-    {"Poll403", ALWAYS("base", "403", ""), "running", "1.0", 3},
-    {"Poll404", ONCE("base", "404", ""), "finished", "2.0", -1},
-    {"Poll404ForEver", ALWAYS("base", "404", ""), "running", "1.0", 6},
-    {"Poll500", ONCE("base", "500", ""), "finished", "2.0", -1},
-    {"Poll500ForEver", ALWAYS("base", "500", ""), "running", "1.0", 6},
-    {"Poll503WithSeconds", ALWAYS("base", "503", ", 'headers': {'Retry-After': '1800'}"), "running", "1.0",
-     2},
+    {"Poll401", ALWAYS("base", "401", ""), "running", "1.0", 3, "answered 401"},
+    {"Poll403", ALWAYS("base", "403", ""), "running", "1.0", 3, "answered 403"},
+    {"Poll404", ONCE("base", "404", ""), "finished", "2.0", -1, "answered 404"},
+    {"Poll404ForEver", ALWAYS("base", "404", ""), "running", "1.0", 6, "answered 404"},
+    {"Poll500", ONCE("base", "500", ""), "finished", "2.0", -1, "answered 500"},
+    {"Poll500ForEver", ALWAYS("base", "500", ""), "running", "1.0", 6, "answered 500"},
+    {"Poll503WithSeconds", ALWAYS("base", "503", ", 'headers': {'Retry-After': '1800'}"), "running", "1.0", 2,
+     "answered 503"},
     {"Poll503WithADate",
      ALWAYS("base", "503", ", 'headers': {'Retry-After': 'Fri, 31 Dec 2060 23:59:59 GMT'}"), "running", "1.0",
-     1},
+     1, "answered 503"},
     {"Poll503WithNonsense", ALWAYS("base", "503", ", 'headers': {'Retry-After': 'soon'}"), "running", "1.0",
-     6},
-    {"Poll429", ALWAYS("base", "429", ""), "running", "1.0", 6},
+     6, "answered 503"},
+    {"Poll429", ALWAYS("base", "429", ""), "running", "1.0", 6, "answered 429"},
     {"PollAnswersHtml",
      ONCE("base", "200", ", 'headers': {'Content-Type': 'text/html'}, 'body': '<html>log in</html>'"),
-     "finished", "2.0", -1},
-    {"PollAnswersNothing", ONCE("base", "200", ", 'body': ''"), "finished", "2.0", -1},
-    {"PollIsCutOff", ONCE("base", "200", ", 'body': '{'"), "finished", "2.0", -1},
-    {"PollHasNoLinks", ONCE("base", "200", ", 'body': '{}'"), "finished", "2.0", -1},
-    {"PollIsAList", ONCE("base", "200", ", 'body': '[]'"), "finished", "2.0", -1},
+     "finished", "2.0", -1, kNoDocument},
+    {"PollAnswersNothing", ONCE("base", "200", ", 'body': ''"), "finished", "2.0", -1, kNoDocument},
+    {"PollIsCutOff", ONCE("base", "200", ", 'body': '{'"), "finished", "2.0", -1, kNoDocument},
+    {"PollHasNoLinks", ONCE("base", "200", ", 'body': '{}'"), "finished", "2.0", -1, ""},
+    {"PollIsAList", ONCE("base", "200", ", 'body': '[]'"), "finished", "2.0", -1, kNoDocument},
     {"PollIsLong", ONCE("base", "200", ", 'headers': {'Content-Length': '20000000'}, 'body': '{}'"),
-     "finished", "2.0", -1},
+     "finished", "2.0", -1, "larger than any document"},
     {"PollIsShorterThanSaid", ONCE("base", "200", ", 'headers': {'Content-Length': '9'}, 'body': '{}'"),
-     "finished", "2.0", -1},
-    {"PollIsDeep", ONCE("base", "200", ", 'body': '[', 'bodyTimes': 10000"), "finished", "2.0", -1},
-    {"PollIsADeepDocument", ALWAYS("base", "200", ", 'body': '{\\'_links\\':', 'bodyTimes': 10000"),
-     "running", "1.0", 6},
+     "finished", "2.0", -1, "stopped after 2 bytes of the 9 bytes"},
+    {"PollIsDeep", ONCE("base", "200", ", 'body': '[', 'bodyTimes': 10000"), "finished", "2.0", -1,
+     kNoDocument},
+    {"PollIsADeepDocument", ALWAYS("base", "200", ", 'body': '{\\'_links\\':', 'bodyTimes': 6000"), "running",
+     "1.0", 6, kNoDocument},
     {"PollHasTwoLengths", ONCE("base", "200", ", 'headers': {'Content-Length': ['2', '3']}, 'body': '{}'"),
-     "finished", "2.0", -1},
+     "finished", "2.0", -1, "two different lengths"},
     {"PollHasALengthThatIsNone", ONCE("base", "200", ", 'headers': {'Content-Length': '-2'}, 'body': '{}'"),
-     "finished", "2.0", -1},
-    {"PollHasALinkOfTheSameServerAlone", ALWAYS("base", "200", RELATIVE_LINK), "running", "1.0", 6},
-    {"PollHasALinkToAFile", ALWAYS("base", "200", LINK("file:///etc/passwd")), "running", "1.0", 6},
-    {"PollHasALinkWithALineFeed", ALWAYS("base", "200", LINK("http://h/\\n\\nx")), "running", "1.0", 6},
+     "finished", "2.0", -1, "a length that is no number"},
+    {"PollHasALinkOfTheSameServerAlone", ALWAYS("base", "200", RELATIVE_LINK), "running", "1.0", 6, kNoLink},
+    {"PollHasALinkToAFile", ALWAYS("base", "200", LINK("file:///etc/passwd")), "running", "1.0", 6, kNoLink},
+    {"PollHasALinkWithALineFeed", ALWAYS("base", "200", LINK("http://h/\\n\\nx")), "running", "1.0", 6,
+     kNoLink},
     {"PollIsRedirectedForEver",
-     ALWAYS("base", "302", ", 'headers': {'Location': '/DEFAULT/controller/v1/tv1'}"), "running", "1.0", 6},
-    {"SleepIsZero", "{'sleep': '00:00:00'}", "finished", "2.0", 12},
-    {"SleepIsNoTime", "{'sleep': 'x'}", "finished", "2.0", 12},
-    {"SleepIsOneSecond", "{'sleep': '00:00:01'}", "finished", "2.0", 120},
-    {"SleepHasDays", "{'sleep': '1:00:00:00'}", "finished", "2.0", 1},
-    {"SleepIsEndless", "{'sleep': '99999:00:00'}", "finished", "2.0", 12},
-    {"SleepIsANumber", "{'sleep': 300}", "finished", "2.0", 12},
-    {"AttributesAreRefused", ALWAYS("configData", "400", ""), "finished", "2.0", -1},
-    {"InstalledIsRefused", ALWAYS("installedBase", "500", ""), "finished", "2.0", -1},
+     ALWAYS("base", "302", ", 'headers': {'Location': '/DEFAULT/controller/v1/tv1'}"), "running", "1.0", 6,
+     "answered 302"},
+    {"SleepIsZero", "{'sleep': '00:00:00'}", "finished", "2.0", 12, ""},
+    {"SleepIsNoTime", "{'sleep': 'x'}", "finished", "2.0", 12, ""},
+    {"SleepIsOneSecond", "{'sleep': '00:00:01'}", "finished", "2.0", 120, ""},
+    {"SleepHasDays", "{'sleep': '1:00:00:00'}", "finished", "2.0", 1, ""},
+    {"SleepIsEndless", "{'sleep': '99999:00:00'}", "finished", "2.0", 12, ""},
+    {"SleepIsANumber", "{'sleep': 3000}", "finished", "2.0", 12, ""},
+    {"AttributesAreRefused", ALWAYS("configData", "400", ""), "finished", "2.0", -1, ""},
+    {"InstalledIsRefused", ALWAYS("installedBase", "500", ""), "finished", "2.0", -1, ""},
     // To documents
-    {"Deployment404", ONCE("deploymentBase", "404", ""), "finished", "2.0", -1},
-    {"Deployment410", ONCE("deploymentBase", "410", ""), "finished", "2.0", -1},
-    {"Deployment500", ONCE("deploymentBase", "500", ""), "finished", "2.0", -1},
-    {"DeploymentIsNoDocument", ONCE("deploymentBase", "200", ", 'body': 'null'"), "finished", "2.0", -1},
+    {"Deployment404", ONCE("deploymentBase", "404", ""), "finished", "2.0", -1, "answered 404"},
+    {"Deployment410", ONCE("deploymentBase", "410", ""), "finished", "2.0", -1, "answered 410"},
+    {"Deployment500", ONCE("deploymentBase", "500", ""), "finished", "2.0", -1, "answered 500"},
+    {"DeploymentIsNoDocument", ONCE("deploymentBase", "200", ", 'body': 'null'"), "finished", "2.0", -1,
+     kNoDocument},
     {"DeploymentIsDeep", ONCE("deploymentBase", "200", ", 'body': '[', 'bodyTimes': 10000"), "finished",
-     "2.0", -1},
-    {"IdentityIsAPath", "{'id': 'x/../1'}", "running", "1.0", -1},
-    {"IdentityIsLong", "{'id': '" LONG_NAME "'}", "running", "1.0", -1},
-    {"IdentityHasALineFeed", "{'id': '1\\n'}", "running", "1.0", -1},
+     "2.0", -1, kNoDocument},
+    {"IdentityIsAPath", "{'id': 'x/../1'}", "running", "1.0", -1, ""},
+    {"IdentityIsLong", "{'id': '" LONG_NAME "'}", "running", "1.0", -1, kNoIdentity},
+    {"IdentityHasALineFeed", "{'id': '1\\n'}", "running", "1.0", -1, kNoIdentity},
     // With artifacts
-    {"SizeIsNegative", "{'artifact': {'size': -3}}", "error", "1.0", -1},
-    {"SizeIsAText", "{'artifact': {'size': '3'}}", "error", "1.0", -1},
-    {"SizeIsMissing", "{'artifact': {'size': null}}", "error", "1.0", -1},
-    {"SizeIsTooSmall", "{'artifact': {'size': 2}}", "error", "1.0", -1},
-    {"SizeIsTooLarge", "{'artifact': {'size': 4}}", "error", "1.0", -1},
-    {"HashIsNone", "{'artifact': {'hashes': {'sha256': '2.0'}}}", "error", "1.0", -1},
+    {"SizeIsNegative", "{'artifact': {'size': -3}}", "error", "1.0", -1, kNoSize},
+    {"SizeIsAText", "{'artifact': {'size': '3'}}", "error", "1.0", -1, kNoSize},
+    {"SizeIsMissing", "{'artifact': {'size': null}}", "error", "1.0", -1, kNoSize},
+    {"SizeIsTooSmall", "{'artifact': {'size': 2}}", "error", "1.0", -1, "has 3 bytes, and had announced 2."},
+    {"SizeIsTooLarge", "{'artifact': {'size': 4}}", "error", "1.0", -1, "has 3 bytes, and had announced 4."},
+    {"HashIsNone", "{'artifact': {'hashes': {'sha256': '2.0'}}}", "error", "1.0", -1, kNoHash},
     {"HashIsAPath",
      "{'artifact': {'hashes': {'sha256': "
      "'../../../../../../../../../../../../../../../../../../../../tmp/'}}}",
-     "error", "1.0", -1},
-    {"FileNameIsAPath", "{'artifact': {'filename': '../../../etc/passwd'}}", "finished", "2.0", -1},
-    {"AddressIsMissing", "{'artifact': {'_links': {}}}", "error", "1.0", -1},
+     "error", "1.0", -1, kNoHash},
+    {"FileNameIsAPath", "{'artifact': {'filename': '../../../etc/passwd'}}", "finished", "2.0", -1, ""},
+    {"AddressIsMissing", "{'artifact': {'_links': {}}}", "error", "1.0", -1, kNoAddress},
     {"AddressIsAFile", "{'artifact': {'_links': {'download': {'href': 'file:///etc/passwd'}}}}", "error",
-     "1.0", -1},
+     "1.0", -1, kNoAddress},
     {"AddressIsRelative", "{'artifact': {'_links': {'download': {'href': 'artifacts/1'}}}}", "error", "1.0",
-     -1},
-    {"AddressesAreTwo", "{'links': 'both'}", "finished", "2.0", -1},
-    {"AddressIsOfTheOtherName", "{'links': 'https'}", "finished", "2.0", -1},
+     -1, kNoAddress},
+    {"AddressesAreTwo", "{'links': 'both'}", "finished", "2.0", -1, ""},
+    {"AddressIsOfTheOtherName", "{'links': 'https'}", "finished", "2.0", -1, ""},
     {"ArtifactHasTwoLengths",
      ONCE("softwaremodules", "200", ", 'headers': {'Content-Length': ['3', '4']}, 'body': '2.0'"), "finished",
-     "2.0", -1},
-    {"NoSha256", "{'hashes': false}", "error", "1.0", -1},
-    {"WrongBytes", "{'wrongBytes': true}", "error", "1.0", -1},
-    {"NoRanges", "{'ranges': false, 'cutAt': 1}", "finished", "2.0", -1},
-    {"CutOff", "{'cutAt': 1}", "finished", "2.0", -1},
-    {"CutOffAtOnce", "{'cutAt': 0}", "finished", "2.0", -1},
-    {"Artifact404", ONCE("softwaremodules", "404", ""), "finished", "2.0", -1},
-    {"Artifact404ForEver", ALWAYS("softwaremodules", "404", ""), "error", "1.0", -1},
-    {"Artifact401", ONCE("softwaremodules", "401", ""), "finished", "2.0", -1},
-    {"Artifact412", ONCE("softwaremodules", "412", ""), "finished", "2.0", -1},
-    {"Artifact416", ONCE("softwaremodules", "416", ""), "finished", "2.0", -1},
-    {"Artifact500", ONCE("softwaremodules", "500", ""), "finished", "2.0", -1},
+     "2.0", -1, "two different lengths"},
+    {"NoSha256", "{'hashes': false}", "error", "1.0", -1, kNoHash},
+    {"WrongBytes", "{'wrongBytes': true}", "error", "1.0", -1,
+     "The SHA-256 of what came begins with 02925afd44e2"},
+    {"NoRanges", "{'ranges': false, 'cutAt': 1}", "finished", "2.0", -1, ""},
+    {"CutOff", "{'cutAt': 1}", "finished", "2.0", -1, ""},
+    {"CutOffAtOnce", "{'cutAt': 0}", "finished", "2.0", -1, "stopped after 0 bytes of the 3 bytes"},
+    {"Artifact404", ONCE("softwaremodules", "404", ""), "finished", "2.0", -1, "answered 404"},
+    {"Artifact404ForEver", ALWAYS("softwaremodules", "404", ""), "error", "1.0", -1, "answered 404"},
+    {"Artifact401", ONCE("softwaremodules", "401", ""), "finished", "2.0", -1, "answered 401"},
+    {"Artifact412", ONCE("softwaremodules", "412", ""), "finished", "2.0", -1, "answered 412"},
+    {"Artifact416", ONCE("softwaremodules", "416", ""), "finished", "2.0", -1, "answered 416"},
+    {"Artifact500", ONCE("softwaremodules", "500", ""), "finished", "2.0", -1, "answered 500"},
     {"ArtifactIsHtml",
      ALWAYS("softwaremodules", "200", ", 'headers': {'Content-Type': 'text/html'}, 'body': 'in'"), "running",
-     "1.0", -1},
-    {"ArtifactIsLonger", ALWAYS("softwaremodules", "200", ", 'body': '2.0.0'"), "error", "1.0", -1},
-    {"ArtifactIsShorter", ALWAYS("softwaremodules", "200", ", 'body': '2.'"), "error", "1.0", -1},
+     "1.0", -1, "Something between the set and the server answered instead"},
+    {"ArtifactIsLonger", ALWAYS("softwaremodules", "200", ", 'body': '2.0.0'"), "error", "1.0", -1,
+     "has 5 bytes, and had announced 3."},
+    {"ArtifactIsShorter", ALWAYS("softwaremodules", "200", ", 'body': '2.'"), "error", "1.0", -1,
+     "has 2 bytes, and had announced 3."},
     {"ArtifactIsAnotherPart",
      ONCE("softwaremodules", "206", ", 'headers': {'Content-Range': 'bytes 1-2/3'}, 'body': '.0'"),
-     "finished", "2.0", -1},
+     "finished", "2.0", -1, ""},
     {"RedirectsForEver",
      ALWAYS("softwaremodules", "302",
             ", 'headers': {'Location': '/DEFAULT/controller/v1/tv1/softwaremodules/x'}"),
-     "running", "1.0", -1},
+     "running", "1.0", -1, "redirects more than 5 times"},
     {"RedirectsToAFile", ALWAYS("softwaremodules", "302", ", 'headers': {'Location': 'file:///etc/passwd'}"),
-     "running", "1.0", -1},
+     "running", "1.0", -1, "The connection to file:///etc/passwd is not protected."},
     // To feedback
-    {"Feedback410", ONCE("deploymentBase/feedback", "410", ""), "finished", "2.0", -1},
-    {"Feedback410ForEver", ALWAYS("deploymentBase/feedback", "410", ""), "running", "1.0", -1},
-    {"Feedback404ForEver", ALWAYS("deploymentBase/feedback", "404", ""), "running", "1.0", -1},
-    {"Feedback400", ONCE("deploymentBase/feedback", "400", ""), "finished", "2.0", -1},
-    {"Feedback400ForEver", ALWAYS("deploymentBase/feedback", "400", ""), "running", "2.0", -1},
-    {"Feedback429", ONCE("deploymentBase/feedback", "429", ""), "finished", "2.0", -1},
-    {"FeedbackIsTakenAndNotAnswered", "{'mute': {'deploymentBase/feedback': 4}}", "finished", "2.0", -1},
+    {"Feedback410", ONCE("deploymentBase/feedback", "410", ""), "finished", "2.0", -1, ""},
+    {"Feedback410ForEver", ALWAYS("deploymentBase/feedback", "410", ""), "running", "1.0", -1, ""},
+    {"Feedback404ForEver", ALWAYS("deploymentBase/feedback", "404", ""), "running", "1.0", -1, ""},
+    {"Feedback400", ONCE("deploymentBase/feedback", "400", ""), "finished", "2.0", -1, ""},
+    {"Feedback400ForEver", ALWAYS("deploymentBase/feedback", "400", ""), "running", "2.0", -1, ""},
+    {"Feedback429", ONCE("deploymentBase/feedback", "429", ""), "finished", "2.0", -1, ""},
+    {"Feedback429ForEver", ALWAYS("deploymentBase/feedback", "429", ""), "running", "2.0", -1,
+     "answered 429"},
+    {"FeedbackIsTakenAndNotAnswered", "{'mute': {'deploymentBase/feedback': 4}}", "finished", "2.0", -1,
+     "hung up without an answer"},
     {"FeedbackIsTakenAndNotAnsweredForAWhile", "{'mute': {'deploymentBase/feedback': 8}}", "finished", "2.0",
-     -1},
-    {"Feedback500FiveTimes", ONCE("deploymentBase/feedback", "500", ", 'times': 5"), "finished", "2.0", -1},
+     -1, "hung up without an answer"},
+    {"Feedback500FiveTimes", ONCE("deploymentBase/feedback", "500", ", 'times': 5"), "finished", "2.0", -1,
+     "answered 500"},
 };
 
-class FleetMisbehaviour : public FleetTest, public ::testing::WithParamInterface<Misbehaviour> {};
+class FleetMisbehaviour : public FleetTest, public ::testing::WithParamInterface<Misbehaviour> {
+ protected:
+  void expectSaid(const std::string& said) const {
+    if (lab_.stateOf() == "error") {
+      EXPECT_THAT(lab_.messages(), Contains(HasSubstr(said)));
+    } else if (said.empty()) {
+      EXPECT_THAT(troubles_, IsEmpty());
+    } else {
+      EXPECT_THAT(troubles_, Contains(HasSubstr(said)));
+    }
+  }
+};
 
 TEST_P(FleetMisbehaviour, EndsAsItShould) {
   assign();
@@ -174,6 +205,12 @@ TEST_P(FleetMisbehaviour, EndsAsItShould) {
   const auto history = lab_.history();
   const auto isEnd = [](const std::string& entry) { return entry.rfind("closed", 0) == 0; };
   EXPECT_LE(std::count_if(history.begin(), history.end(), isEnd), 1);
+  expectSaid(GetParam().said);
+  if (lab_.stateOf() != "running") {
+    EXPECT_TRUE(action().isReported);  // the set does not go on telling it
+    EXPECT_EQ(action().ending,
+              lab_.stateOf() == "finished" ? fleet::Ending::Success : fleet::Ending::Failure);
+  }
 }
 
 INSTANTIATE_TEST_SUITE_P(OfServers, FleetMisbehaviour, ::testing::ValuesIn(kMisbehaviours),
