@@ -62,6 +62,20 @@ def TellsWhyFilesAreRefused():
     equal(list(client.properties("/org/fwupdate/Update1", "org.fwupdate.Update1")["Jobs"]), [])
 
 
+def TellsHowAJobFailed():
+    """In the words of the job itself, whatever they are."""
+    _, client = start()
+    pathlib.Path("/var/lib/fw-components/tunerfw.component").write_text("fail_at_percent = 40\n", encoding="ascii")
+    equal(installer("ask", "tunerfw", "package", *named(package("3.0.0"))), "taken")
+
+    followed = installer("follow", "tunerfw", 20000)
+
+    job = client.properties("/org/fwupdate/Update1/job/1")
+    assert job["Outcome"] != "updated" and job["Sentence"] and job["Remedy"], dict(job)
+    equal(followed.splitlines(), ["failed", str(job["Sentence"]), str(job["Remedy"])])
+    equal(installer("version", "tunerfw"), "0.0.0")
+
+
 def TellsThatAJobWasNotNeeded():
     _, client = start()
     installer("ask", "tunerfw", "package", *named(package("3.0.0")))
