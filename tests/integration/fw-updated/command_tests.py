@@ -13,8 +13,8 @@ import signal
 import subprocess
 import tempfile
 
-from service_client import (ADDRESS, KEY, NAME, PATH, Bus, Client, Service, add_group, as_user, need_other_users,
-                            package, run_named_test, slow, usb_package, wait_for)
+from service_client import (ADDRESS, KEY, NAME, PATH, Bus, Client, Service, add_group, as_user, held,
+                            need_other_users, package, run_named_test, slow, usb_package, wait_for)
 
 STRANGER = 65534  # a user
 WAITS = re.compile(r': waiting for another update to finish|"event":"waiting"')
@@ -271,16 +271,17 @@ def SaysThatTheBusHasEnded():
 
 
 def ListsJobs():
-    slow("panelfw", 500)
-    _, client = start()
+    slow("panelfw", 500, expected_time=600)
+    service, client = start()
     equal(run("jobs"), Ended(0, "The update service has no jobs.\n", ""))
     manager = client.manager()
     client.result(manager.Update("libpanel", "", ""))
     second, _ = manager.Update("libpanel", "lsm", ""), manager.UpdateAll()
     client.wait_for_state(second, "updating")
 
-    jobs = run("jobs")
-    document = json.loads(run("jobs", "--json").output)
+    with held(service):
+        jobs = run("jobs")
+        document = json.loads(run("jobs", "--json").output)
 
     lines = [re.sub(r"\d+ %", "P", line).split() for line in jobs.output.splitlines()]
     equal(lines, [["NO", "KIND", "MODULE", "STATE", "PERCENT", "OUTCOME"],
@@ -344,20 +345,21 @@ def EndsAsTheWatchedJob():
 
 
 def CancelsAJob():
-    slow("panelfw", 500)
-    _, client = start()
+    slow("panelfw", 500, expected_time=600)
+    service, client = start()
     manager = client.manager()
     first, second = manager.Update("libpanel", "lsm", ""), manager.Update("libtuner", "", "")
     client.wait_for_state(first, "updating")
 
-    equal(run("cancel", "2"), Ended(0, "Job 2 is cancelled.\n", ""))
+    with held(service):
+        equal(run("cancel", "2"), Ended(0, "Job 2 is cancelled.\n", ""))
 
-    equal(client.result(second)["Outcome"], "stopped")
-    equal(run("watch", "2"), Ended(1, "", "fw-update: It was cancelled before it began.\n"))
-    equal(run("cancel", "1"),
-          Ended(1, "", "fw-update: The job has reached a module and cannot be cancelled any more.\n"))
-    equal(json.loads(run("cancel", "1", "--json").output)["outcome"], "too-late")
-    equal(run("cancel", "9").code, 1)
+        equal(client.result(second)["Outcome"], "stopped")
+        equal(run("watch", "2"), Ended(1, "", "fw-update: It was cancelled before it began.\n"))
+        equal(run("cancel", "1"),
+              Ended(1, "", "fw-update: The job has reached a module and cannot be cancelled any more.\n"))
+        equal(json.loads(run("cancel", "1", "--json").output)["outcome"], "too-late")
+        equal(run("cancel", "9").code, 1)
 
 
 def SaysThatThereIsNoServiceOrNoBus():

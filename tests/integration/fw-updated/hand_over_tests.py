@@ -18,7 +18,7 @@ import dbus
 import dbus.types
 
 from service_client import (KEY, NAME, PATH, PATIENCE, Bus, Client, Polkit, Service, TakenLock, add_group, as_user, equal,
-                            has_no_incoming, history, need_other_users, run_named_test, slow, tool, wait_for)
+                            has_no_incoming, history, need_other_users, run_named_test, tool, wait_for)
 
 REFUSED = NAME + ".Error.Refused"
 INVALID = NAME + ".Error.InvalidArgument"
@@ -549,14 +549,15 @@ def CleansUpWhatAnEarlierServiceLeft():
 
 
 def KeepsWhatAJobNeedsOverARestart():
-    slow("panelfw", 700)
+    lock = TakenLock()
     service, client = start()
     first = client.manager().Update("libpanel", "lsm", "")
-    client.wait_for_state(first, "updating")
+    client.wait_for_state(first, "waiting-for-lock")
     path = hand_over(client, "usb", usb())
 
     service.kill(signal.SIGKILL)
     Service(client.connection)
+    lock.give_back()
 
     equal(client.result(path)["Outcome"], "updated")
     equal(tool("info", "libtuner")["version"], "3.0.0")
@@ -564,9 +565,9 @@ def KeepsWhatAJobNeedsOverARestart():
 
 
 def RemovesTheFolderOfAJobThatIsCancelled():
-    slow("panelfw", 700)
+    TakenLock()
     _, client = start()
-    client.wait_for_state(client.manager().Update("libpanel", "lsm", ""), "updating")
+    client.wait_for_state(client.manager().Update("libpanel", "lsm", ""), "waiting-for-lock")
     path = hand_over(client, "usb", usb())
 
     client.job(path).Cancel()

@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """The update service, the bus that it is on, and a client, which knows what the service says of
 itself and nothing else."""
+import contextlib
 import ctypes
 import json
 import os
@@ -157,6 +158,20 @@ def children_of(process):
     return found
 
 
+@contextlib.contextmanager
+def held(service):
+    """What works for it goes no further meanwhile: its job is where it is, if it has the time for that."""
+    working = children_of(service.process.pid)
+    for number in working:
+        os.kill(number, signal.SIGSTOP)
+    try:
+        yield
+    finally:
+        for number in working:
+            with contextlib.suppress(ProcessLookupError):
+                os.kill(number, signal.SIGCONT)
+
+
 def tool(*words):
     """What fw-update answers."""
     done = subprocess.run(["fw-update", *words, "--json"], stdout=subprocess.PIPE, check=False)
@@ -175,9 +190,10 @@ def history():
     return tool("history")["entries"]
 
 
-def slow(firmware, kib_per_second):
+def slow(firmware, kib_per_second, expected_time=None):
     pathlib.Path(f"/var/lib/fw-components/{firmware}.component").write_text(
-        f"write_kib_per_second = {kib_per_second}\n", encoding="ascii")
+        f"write_kib_per_second = {kib_per_second}\n" + (f"expected_time = {expected_time}\n" if expected_time else ""),
+        encoding="ascii")
 
 
 def stall(firmware):

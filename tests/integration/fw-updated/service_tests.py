@@ -20,8 +20,8 @@ import subprocess
 import dbus
 
 from service_client import (ADDRESS, JOB, NAME, PATH, PATIENCE, Bus, Client, Polkit, Service, Signals, TakenLock,
-                            add_group, as_user, busctl, children_of, equal, has_other_users, history, install_faulty_module,
-                            need_other_users, package, program, run_named_test, slow, stall, tool, usb_package, wait_for)
+                            add_group, as_user, busctl, children_of, equal, has_other_users, held, history,
+                            install_faulty_module, need_other_users, package, program, run_named_test, slow, stall, tool, usb_package, wait_for)
 
 ERROR = NAME + ".Error."
 STRANGER = 65534  # a user
@@ -145,14 +145,15 @@ def DownloadsAPackage():
 
 
 def QueuesWhatIsAskedAtOnce():
-    slow("panelfw", 2000)
     _, client = start()
+    lock = TakenLock()
     manager = client.manager()
 
     first, second = manager.Update("libpanel", "lsm", ""), manager.Update("libtuner", "", "")
-    client.wait_for_state(first, "updating")
+    client.wait_for_state(first, "waiting-for-lock")
 
     equal(client.state(second), "queued")
+    lock.give_back()
     equal(client.result(second)["Outcome"], "updated")
     equal(client.state(first), "done")
     equal([entry["module"] for entry in history()], ["libpanel", "libtuner"])
@@ -160,17 +161,18 @@ def QueuesWhatIsAskedAtOnce():
 
 
 def BeginsNoJobBeforeTheOneAtWorkIsDone():
-    slow("panelfw", 1000)
     _, client = start()
+    lock = TakenLock()
     signals = Signals(client.connection)
     manager = client.manager()
     first = manager.Update("libpanel", "lsm", "")
-    client.wait_for_state(first, "updating")
+    client.wait_for_state(first, "waiting-for-lock")
 
     second = manager.Update("libtuner", "", "")
     manager.LockStatus()  # as long as a job takes to begin, at least
 
-    equal((client.state(first), client.state(second)), ("updating", "queued"))
+    equal((client.state(first), client.state(second)), ("waiting-for-lock", "queued"))
+    lock.give_back()
     signals.wait_for(lambda: (second, "done") in states_in(signals), "both are done")
     assert states_in(signals).index((first, "done")) < states_in(signals).index((second, "checking")), signals.changes
 
@@ -180,14 +182,15 @@ def states_in(signals):
 
 
 def GoesOnAfterACommandThatCannotBeStarted():
-    slow("panelfw", 1000)
+    lock = TakenLock()
     tool_before = program("goes-away", '#!/bin/sh\nexec fw-update "$@"\n')
     _, client = start("--fw-update", tool_before)
     manager = client.manager()
-    client.wait_for_state(manager.Update("libpanel", "lsm", ""), "updating")
+    client.wait_for_state(manager.Update("libpanel", "lsm", ""), "waiting-for-lock")
     waiting = [manager.Update("libtuner", "", ""), manager.Update("libtuner", "", "")]
 
     os.remove(tool_before)
+    lock.give_back()
 
     for path in waiting:
         job = client.result(path)
@@ -210,18 +213,19 @@ def TakesNoMoreJobsThanCanWait():
 
 
 def CancelsWhatHasNotReachedAModule():
-    slow("panelfw", 1000)
-    _, client = start()
+    slow("panelfw", 500, expected_time=600)
+    service, client = start()
     manager = client.manager()
     first, second = manager.Update("libpanel", "lsm", ""), manager.Update("libtuner", "", "")
     client.wait_for_state(first, "updating")
 
-    client.job(second).Cancel()
+    with held(service):
+        client.job(second).Cancel()
 
-    job = client.result(second)
-    equal((job["Outcome"], job["ExitCode"], job["Sentence"]), ("stopped", 1, "It was cancelled before it began."))
-    equal(client.error(client.job(first).Cancel),
-          (ERROR + "TooLate", "The job has reached a module and cannot be cancelled any more."))
+        job = client.result(second)
+        equal((job["Outcome"], job["ExitCode"], job["Sentence"]), ("stopped", 1, "It was cancelled before it began."))
+        equal(client.error(client.job(first).Cancel),
+              (ERROR + "TooLate", "The job has reached a module and cannot be cancelled any more."))
     equal(client.result(first)["Outcome"], "updated")
     equal(client.error(client.job(first).Cancel), (ERROR + "TooLate", "The job is over."))
     equal(tool("info", "libtuner")["version"], "0.0.0")
@@ -284,16 +288,17 @@ def OutlivesModulesThatCrashWhenTheyAreListed():
 
 
 def FollowsAJobThatAnEarlierServiceBegan():
-    slow("panelfw", 1000)
+    slow("panelfw", 500, expected_time=600)
     service, client = start()
     path = client.manager().Update("libpanel", "lsm", "")
     waiting = client.manager().Update("libtuner", "", "")
     client.wait_for_state(path, "updating")
 
-    service.kill()
-    Service(client.connection)
+    with held(service):
+        service.kill()
+        Service(client.connection)
 
-    assert client.state(path) != "done", "it was still at work"
+        assert client.state(path) != "done", "it was still at work"
     equal(client.result(path)["Outcome"], "updated")
     equal(client.result(path)["VersionAfter"], "2.1.0")
     equal(client.result(waiting)["Outcome"], "updated")
@@ -488,13 +493,14 @@ class LittleRoom:
 
 def KeepsTheEndsOfItsJobsWhereThereIsNoRoom():
     room = LittleRoom()
-    slow("panelfw", 1000)
+    slow("panelfw", 500, expected_time=600)
     service, client = start()
     paths = [client.manager().Update("libpanel", "lsm", ""), client.manager().Update("libtuner", "", "")]
     client.wait_for_state(paths[0], "updating")
 
-    room.fill()
-    client.job(paths[1]).Cancel()
+    with held(service):
+        room.fill()
+        client.job(paths[1]).Cancel()
     before = [client.result(path) for path in paths]
     service.kill()
     room.give_back()
@@ -664,8 +670,8 @@ def LeavesRoomForOthersThanAUserWhoAsksWithoutEnd():
 def LetsMembersOfTheGroupUpdateAndNobodyElseCancel():
     need_other_users()
     add_group("fwupdate", 7000)
-    slow("panelfw", 1000)
     _, client = start()
+    lock = TakenLock()
 
     equal(busctl(STRANGER, [7000], PATH, NAME, "Update", "sss", "libpanel", "lsm", ""), (0, f'o "{PATH}/job/1"'))
     equal(busctl(STRANGER, [7000], PATH, NAME, "Update", "sss", "libtuner", "", ""), (0, f'o "{PATH}/job/2"'))
@@ -673,6 +679,7 @@ def LetsMembersOfTheGroupUpdateAndNobodyElseCancel():
     equal(busctl(1, [], PATH + "/job/2", JOB, "Cancel"),
           (1, "Call failed: This user may not cancel the jobs of others. Root may, and the members of the group fwupdate."))
     equal(busctl(STRANGER, [], PATH + "/job/2", JOB, "Cancel"), (0, ""))
+    lock.give_back()
     job = client.result(PATH + "/job/2")
     equal((job["Outcome"], job["AskedBy"][0]), ("stopped", STRANGER))
     equal(client.result(PATH + "/job/1")["Outcome"], "updated")
