@@ -13,7 +13,7 @@ import signal
 import subprocess
 import tempfile
 
-from service_client import (ADDRESS, KEY, NAME, PATH, Bus, Client, Service, add_group, as_user, held,
+from service_client import (ADDRESS, KEY, NAME, PATH, Bus, Client, Service, TakenLock, add_group, as_user, held,
                             need_other_users, package, run_named_test, slow, usb_package, wait_for)
 
 STRANGER = 65534  # a user
@@ -240,16 +240,19 @@ def GoesOnWithAServiceThatStartsAgain():
 
 
 def SaysThatItWaitsForAnotherJob():
-    slow("panelfw", 500)
     _, client = start()
+    lock = TakenLock()
     first = client.manager().Update("libpanel", "lsm", "")
-    client.wait_for_state(first, "updating")
+    client.wait_for_state(first, "waiting-for-lock")
 
-    waited = run("update", "libtuner", "--service")
+    with subprocess.Popen(["fw-update", "update", "libtuner", "--service"], stdout=subprocess.PIPE, text=True) as waits:
+        said = waits.stdout.readline()
+        lock.give_back()
+        output = waits.communicate()[0]
 
-    equal(waited.code, 0)
-    equal(without_times(waited.output.splitlines()[0]), "libtuner: waiting for another update to finish, T s")
-    equal(waited.output.splitlines()[1], "libtuner: update requested by upgrade-app")
+    equal(waits.returncode, 0)
+    equal(without_times(said), "libtuner: waiting for another update to finish, T s\n")
+    equal(output.splitlines()[0], "libtuner: update requested by upgrade-app")
     equal(client.state(first), "done")
 
 
@@ -308,10 +311,12 @@ def WatchesAJobUntilItsEnd():
 
 def WatchesWhatIsAtWorkAndWaitsForTheNextJob():
     _, client = start()
+    lock = TakenLock()
     with subprocess.Popen(["fw-update", "watch"], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True) as watch:
         wait_for(lambda: b"fw-update" in pathlib.Path(f"/proc/{watch.pid}/cmdline").read_bytes(), "it runs")
-        slow("panelfw", 2000)
         client.manager().Update("libpanel", "lsm", "")
+        watch.stdout.readline()  # it has found the job
+        lock.give_back()
 
         output, _ = watch.communicate()
 
