@@ -13,7 +13,6 @@ using fleet::ddi::parsePoll;
 using fleet::ddi::parseSleep;
 using fleet::ddi::Unreadable;
 using fleet::ddi::Window;
-using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
 
