@@ -43,7 +43,7 @@ def HandsOverAndFollowsEachKind():
     for version, (kind, files) in {"3.0.0": ("package", package("3.0.0")), "3.1.0": ("usb", usb("3.1.0")),
                                    "3.2.0": ("image", image("3.2.0"))}.items():
         equal((kind, installer("ask", "tunerfw", kind, *named(files))), (kind, "taken"))
-        equal((kind, installer("follow", "tunerfw", 20000).splitlines()[0]), (kind, "updated"))
+        equal((kind, installer("follow", "tunerfw", 60000).splitlines()[0]), (kind, "updated"))
         equal(installer("version", "tunerfw"), version)
 
 
@@ -68,7 +68,7 @@ def TellsHowAJobFailed():
     pathlib.Path("/var/lib/fw-components/tunerfw.component").write_text("fail_at_percent = 40\n", encoding="ascii")
     equal(installer("ask", "tunerfw", "package", *named(package("3.0.0"))), "taken")
 
-    followed = installer("follow", "tunerfw", 20000)
+    followed = installer("follow", "tunerfw", 60000)
 
     job = client.properties("/org/fwupdate/Update1/job/1")
     assert job["Outcome"] != "updated" and job["Sentence"] and job["Remedy"], dict(job)
@@ -79,10 +79,10 @@ def TellsHowAJobFailed():
 def TellsThatAJobWasNotNeeded():
     _, client = start()
     installer("ask", "tunerfw", "package", *named(package("3.0.0")))
-    installer("follow", "tunerfw", 20000)
+    installer("follow", "tunerfw", 60000)
 
     installer("ask", "tunerfw", "package", *named(package("3.0.0")))
-    followed = installer("follow", "tunerfw", 20000)
+    followed = installer("follow", "tunerfw", 60000)
 
     job = client.properties("/org/fwupdate/Update1/job/2")
     equal(job["Outcome"], "nothing-to-do")
@@ -100,7 +100,7 @@ def FollowsNoJobThatCameBefore():
     path = hand_over(client, "image", image("3.0.0"))
     equal(installer("ended", "tunerfw"), "1")
     lock.give_back()
-    equal(installer("follow", "tunerfw", 20000, 1).splitlines()[0], "updated")
+    equal(installer("follow", "tunerfw", 60000, 1).splitlines()[0], "updated")
     client.wait_for_state(path, "done")
     equal(installer("ended", "tunerfw"), "2")
 
@@ -113,7 +113,7 @@ def SaysThatAJobIsStillAtWork():
     equal(installer("follow", "tunerfw", 100), "at work")
 
     lock.give_back()
-    equal(installer("follow", "tunerfw", 20000).splitlines()[0], "updated")
+    equal(installer("follow", "tunerfw", 60000).splitlines()[0], "updated")
 
 
 def FollowsAJobOverARestartOfTheService():
@@ -126,7 +126,7 @@ def FollowsAJobOverARestartOfTheService():
 
     assert installer("follow", "tunerfw", 5000).startswith("away: "), "nobody is there"
     Service(client.connection)
-    equal(installer("follow", "tunerfw", 20000).splitlines()[0], "updated")
+    equal(installer("follow", "tunerfw", 60000).splitlines()[0], "updated")
 
 
 def DoesNotKnowHowAJobEndedThatWasInterruptedOrIsNotThere():
@@ -142,7 +142,7 @@ def DoesNotKnowHowAJobEndedThatWasInterruptedOrIsNotThere():
         os.kill(child, signal.SIGKILL)
     Service(client.connection)
 
-    equal(installer("follow", "tunerfw", 20000).splitlines()[0], "unknown")
+    equal(installer("follow", "tunerfw", 60000).splitlines()[0], "unknown")
     equal(client.properties("/org/fwupdate/Update1/job/1")["Outcome"], "interrupted")
 
 
@@ -186,7 +186,7 @@ def IsToAskAgainLaterWhenTheServiceEndsMeanwhile():
     Service(client.connection)
 
     equal(installer("ask", "tunerfw", "package", *named(path)), "taken")
-    equal(installer("follow", "tunerfw", 20000).splitlines()[0], "updated")
+    equal(installer("follow", "tunerfw", 60000).splitlines()[0], "updated")
 
 
 if __name__ == "__main__":
