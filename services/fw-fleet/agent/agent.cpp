@@ -29,6 +29,8 @@ constexpr std::chrono::hours kLongestAbsence{24};
 constexpr char kFreeSpace[] = "Free space in /var/lib/fw-fleet.";
 constexpr char kCorrectAddress[] =
     "Correct the server's address of artifacts, or /etc/fw-update/fw-fleet.conf.";
+constexpr char kSmallerAction[] =
+    "Offer less in one action, or set max-action in /etc/fw-update/fw-fleet.conf.";
 constexpr char kPlainEnd[] = "The server did not take the messages of this end.";
 
 // The action changed while something was downloaded for it.
@@ -48,6 +50,23 @@ std::set<std::string> hashesOf(const Action& action) {
     }
   }
   return hashes;
+}
+
+// Whether what is downloaded for the action is larger than that. A sum of all sizes could be no number.
+bool isLarger(const Action& action, std::int64_t most) {
+  std::int64_t left = most;
+  for (const Component& component : action.components) {
+    if (component.stage == Stage::Installed) {
+      continue;
+    }
+    for (const ddi::Artifact& artifact : component.artifacts) {
+      if (*artifact.size > left) {
+        return true;
+      }
+      left -= *artifact.size;
+    }
+  }
+  return false;
 }
 
 bool hasAsked(const Action& action) {
@@ -490,12 +509,19 @@ bool Agent::prepare(Action& action) {
       needed += std::max<std::int64_t>(*artifact.size - parts_.store.received(artifact.sha256), 0);
     }
   }
+  Component& first = *std::find_if(action.components.begin(), action.components.end(),
+                                   [](const Component& one) { return one.stage == Stage::Wanted; });
+  if (isLarger(action, parts_.configuration.largestAction)) {
+    fail(first,
+         "The artifacts of the action have more than the " +
+             std::to_string(parts_.configuration.largestAction) + " bytes that are allowed together.",
+         kSmallerAction);
+    return false;
+  }
   try {
     parts_.store.requireSpace(needed);
     return true;
   } catch (const StoreFailure& failure) {
-    Component& first = *std::find_if(action.components.begin(), action.components.end(),
-                                     [](const Component& one) { return one.stage == Stage::Wanted; });
     fail(first, failure.what(), kFreeSpace);
     return false;
   }

@@ -16,6 +16,7 @@ namespace {
 
 constexpr std::size_t kLargestFile = std::size_t{64} * 1024;
 constexpr std::size_t kLongestName = 128;
+constexpr int kLargestArtifactsInAction = 4;  // where it has no limit of its own
 constexpr char kHttps[] = "https://";
 constexpr char kHttp[] = "http://";
 
@@ -171,6 +172,10 @@ constexpr struct {
      [](Configuration& c, const std::string& value) {
        return setSize<&Configuration::largestArtifact>(c, value, 1, 20);
      }},
+    {"max-action",  // MiB
+     [](Configuration& c, const std::string& value) {
+       return setSize<&Configuration::largestAction>(c, value, 1, 20);
+     }},
 };
 
 std::string set(Configuration& configuration, const base::SettingLine& line) {
@@ -218,8 +223,12 @@ constexpr struct {
 
 ConfigurationRead parseConfiguration(const std::string& content) {
   ConfigurationRead read;
+  read.configuration.largestAction = 0;  // no value of its setting
   read.problems = base::takeSettings(
       content, [&read](const base::SettingLine& line) { return set(read.configuration, line); });
+  if (read.configuration.largestAction == 0) {
+    read.configuration.largestAction = kLargestArtifactsInAction * read.configuration.largestArtifact;
+  }
   for (const auto& row : kTogether) {
     if (read.problems.empty() && row.isWrong(read.configuration)) {
       read.problems.push_back({0, row.sentence});

@@ -46,6 +46,7 @@ struct Configuration {
   ConfirmPolicy confirm = ConfirmPolicy::Ask;
   std::int64_t bytesPerSecond = 0;  // of a download; 0: as many as there are
   std::int64_t largestArtifact = std::int64_t{512} << 20;
+  std::int64_t largestAction = 4 * largestArtifact;  // all that is downloaded for it
   long stallSeconds = 30;  // that a server is waited for that sends nothing; no setting
 };
 

@@ -18,8 +18,10 @@
 namespace fleet {
 namespace {
 
-// Stays free for the rest of the set.
-constexpr std::int64_t kReserve = std::int64_t{1} << 20;
+// Of a file system that the rest of the set writes to as well.
+constexpr int kPartsForReserve = 20;
+constexpr std::int64_t kLeastReserve = std::int64_t{1} << 20;
+constexpr std::int64_t kMostReserve = std::int64_t{256} << 20;
 constexpr std::size_t kLongestMark = 256;
 constexpr char kMark[] = ".mark";
 constexpr std::size_t kBlock = std::size_t{64} * 1024;
@@ -93,6 +95,10 @@ bool isOwnFile(int file) {
 
 }  // namespace
 
+std::int64_t reserveOf(std::int64_t all) {
+  return std::clamp(all / kPartsForReserve, kLeastReserve, kMostReserve);
+}
+
 ArtifactStore::ArtifactStore(const std::string& directory) {
   if (mkdir(directory.c_str(), 0700) != 0 && errno != EEXIST) {
     failOn(directory, "made", errno);
@@ -118,12 +124,14 @@ void ArtifactStore::requireSpace(std::int64_t needed) const {
   if (fstatvfs(directory_.get(), &status) != 0) {
     failOn(directory_.target(), "looked at", errno);
   }
-  const auto free = static_cast<std::int64_t>(status.f_bavail) * static_cast<std::int64_t>(status.f_frsize);
-  const std::int64_t usable = std::max<std::int64_t>(free - kReserve, 0);
+  const auto block = static_cast<std::int64_t>(status.f_frsize);
+  const std::int64_t free = static_cast<std::int64_t>(status.f_bavail) * block;
+  const std::int64_t reserve = reserveOf(static_cast<std::int64_t>(status.f_blocks) * block);
+  const std::int64_t usable = std::max<std::int64_t>(free - reserve, 0);
   if (needed > usable) {
     throw StoreFailure(StoreTrouble::NoSpace, "There is no room for the update: it needs " +
                                                   std::to_string(needed) + " bytes, and " +
-                                                  std::to_string(usable) + " are free.");
+                                                  std::to_string(usable) + " are free for it.");
   }
 }
 

@@ -35,6 +35,9 @@ class StoreFailure : public std::runtime_error {
   StoreTrouble trouble_;
 };
 
+// What stays free for the rest of the set, of a file system with so many bytes.
+std::int64_t reserveOf(std::int64_t all);
+
 // Every operation throws StoreFailure.
 class ArtifactStore {
  public:

@@ -445,6 +445,43 @@ TEST_F(FleetAgent, FailsForAnArtifactThatIsTooLargeBeforeAnythingIsDownloaded) {
   EXPECT_EQ(lab_.requests("softwaremodules"), 0);
 }
 
+TEST_F(FleetAgent, FailsForAnActionThatIsTooLargeBeforeAnythingIsDownloaded) {
+  configuration_.largestAction = 7;
+  restart();
+  assignTwo();  // of 3, 3 and 2 bytes
+
+  turns(2);
+
+  EXPECT_EQ(lab_.stateOf(), "error");
+  EXPECT_THAT(lab_.messages(),
+              ElementsAre("The artifacts of the action have more than the 7 bytes that are allowed together.",
+                          "Offer less in one action, or set max-action in /etc/fw-update/fw-fleet.conf.",
+                          "tunerfw was not updated.", "panelfw was not updated."));
+  EXPECT_EQ(lab_.requests("softwaremodules"), 0);
+}
+
+TEST_F(FleetAgent, UpdatesFromAnActionThatIsAsLargeAsIsAllowed) {
+  configuration_.largestAction = 8;
+  restart();
+  assignTwo();
+
+  turns(2);
+
+  EXPECT_EQ(lab_.stateOf(), "finished");
+}
+
+TEST_F(FleetAgent, CountsForTheLimitOfAnActionNothingThatIsInstalledAlready) {
+  configuration_.largestAction = 5;
+  installer_.components["tunerfw"] = "2.0";
+  restart();
+  assignTwo();
+
+  turns(2);
+
+  EXPECT_THAT(installer_.asked, ElementsAre("panelfw: 3.0"));
+  EXPECT_EQ(lab_.stateOf(), "finished");
+}
+
 // Many of them have a sum that is no number any more.
 TEST_F(FleetAgent, AddsNoSizesThatAreTooLarge) {
   lab_.steer("switch", "{'artifact': {'size': 9007199254740992}}");

@@ -176,6 +176,16 @@ TEST_F(FleetStore, SaysHowMuchRoomThereIs) {
       ::testing::HasSubstr("There is no room for the update: it needs 1152921504606846976 bytes, and "));
 }
 
+TEST(FleetStoreReserve, IsATwentiethOfTheDiskWithinBounds) {
+  constexpr std::int64_t kMiB = std::int64_t{1} << 20;
+
+  EXPECT_EQ(fleet::reserveOf(0), kMiB);
+  EXPECT_EQ(fleet::reserveOf(20 * kMiB), kMiB);
+  EXPECT_EQ(fleet::reserveOf(200 * kMiB), 10 * kMiB);
+  EXPECT_EQ(fleet::reserveOf(20 * 256 * kMiB), 256 * kMiB);
+  EXPECT_EQ(fleet::reserveOf(std::int64_t{1} << 62), 256 * kMiB);
+}
+
 TEST_F(FleetStore, RemovesBothNames) {
   write(path(), "x");
   write(part(), "y");

@@ -46,6 +46,7 @@ TEST(FleetConfiguration, NeedsOnlyAServerAndAName) {
   EXPECT_EQ(configuration.confirm, ConfirmPolicy::Ask);
   EXPECT_EQ(configuration.bytesPerSecond, 0);
   EXPECT_EQ(configuration.largestArtifact, 536870912);
+  EXPECT_EQ(configuration.largestAction, 2147483648);
   EXPECT_FALSE(configuration.allowInsecure);
 }
 
@@ -53,7 +54,8 @@ TEST(FleetConfiguration, TakesEverySetting) {
   const auto read = parseConfiguration(
       "server = http://s:8080/updates/\ntenant = maker\ncontroller = tv1\ntoken-type = gateway\n"
       "token-file = /etc/t\nca-file = /etc/ca\nclient-certificate = /etc/c\nclient-key = /etc/k\n"
-      "allow-insecure = yes\npoll = 60\nconsent = download\nconfirm = no\nrate-limit = 100\nmax-size = 2\n");
+      "allow-insecure = yes\npoll = 60\nconsent = download\nconfirm = no\nrate-limit = 100\nmax-size = 2\n"
+      "max-action = 3\n");
 
   EXPECT_THAT(read.problems, IsEmpty());
   const fleet::Configuration& configuration = read.configuration;
@@ -70,13 +72,20 @@ TEST(FleetConfiguration, TakesEverySetting) {
   EXPECT_EQ(configuration.confirm, ConfirmPolicy::No);
   EXPECT_EQ(configuration.bytesPerSecond, 102400);
   EXPECT_EQ(configuration.largestArtifact, 2097152);
+  EXPECT_EQ(configuration.largestAction, 3145728);
+}
+
+TEST(FleetConfiguration, AllowsAnActionFourArtifactsOfTheLargestSizeWhereItHasNoLimit) {
+  EXPECT_EQ(parseConfiguration(std::string(kEnough) + "max-size = 1\n").configuration.largestAction, 4194304);
+  EXPECT_EQ(parseConfiguration(std::string(kEnough) + "max-size = 1048576\n").configuration.largestAction,
+            4398046511104);
 }
 
 TEST(FleetConfiguration, NamesEveryWrongEntryByItsLine) {
   EXPECT_THAT(
       problemsOf("server = ftp://s\ntenant = a/b\ncontroller = \ntoken-type = secret\ntoken-file = t\n"
                  "allow-insecure = maybe\npoll = 29\nconsent = always\nconfirm = perhaps\nrate-limit = -1\n"
-                 "max-size = 0\nalone\ncolour = red\npoll = 60\n"),
+                 "max-size = 0\nalone\ncolour = red\npoll = 60\nmax-action = 0\nmax-action = 2\n"),
       ElementsAre(
           "f, line 1: server must begin with https:// or http://.",
           "f, line 2: tenant must be a name of 1 to 128 characters without \"/\", \"?\", \"#\" and \"%\".",
@@ -89,7 +98,9 @@ TEST(FleetConfiguration, NamesEveryWrongEntryByItsLine) {
           "f, line 9: confirm must be ask, yes or no.",
           "f, line 10: rate-limit must be a whole number from 0 to 1048576.",
           "f, line 11: max-size must be a whole number from 1 to 1048576.", "f, line 12: it has no \"=\".",
-          "f, line 13: there is no setting colour.", "f, line 14: poll stands in line 7 already."));
+          "f, line 13: there is no setting colour.", "f, line 14: poll stands in line 7 already.",
+          "f, line 15: max-action must be a whole number from 1 to 1048576.",
+          "f, line 16: max-action stands in line 15 already."));
 }
 
 TEST(FleetConfiguration, RefusesWhatDoesNotGoTogether) {
