@@ -35,7 +35,7 @@ constexpr const char* kHandlings[] = {"skip", "attempt", "forced"};
 constexpr const char* kWindows[] = {"none", "unavailable", "available"};
 constexpr const char* kStages[] = {"wanted", "downloaded", "checked", "asked", "installed", "failed"};
 constexpr const char* kConsents[] = {"none", "given", "declined"};
-constexpr const char* kConfirmations[] = {"none", "wanted", "confirming", "denying", "answered"};
+constexpr const char* kConfirmations[] = {"none", "wanted", "confirming", "denying", "answered", "denied"};
 constexpr const char* kCancels[] = {"none", "accepting", "refusing"};
 constexpr const char* kEndings[] = {"none", "success", "failure", "canceled", "gone"};
 

@@ -28,8 +28,9 @@ enum class Stage {
 
 enum class Consent { None, Given, Declined };
 
-// Confirming and Denying are decided and still to be sent; after Answered the server has its turn.
-enum class Confirmation { None, Wanted, Confirming, Denying, Answered };
+// Confirming and Denying are decided and still to be sent; after Answered, that is confirmed, and Denied the
+// server has its turn.
+enum class Confirmation { None, Wanted, Confirming, Denying, Answered, Denied };
 
 // Both are decided and still to be sent.
 enum class Cancel { None, Accepting, Refusing };

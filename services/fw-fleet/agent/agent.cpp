@@ -429,12 +429,13 @@ Agent::Next Agent::askConfirmation(Action& action) {
 }
 
 Agent::Next Agent::sendConfirmation(Action& action) {
-  const Reply reply = parts_.source.confirm(action.id, action.confirmation == Confirmation::Confirming, {});
+  const bool isConfirmed = action.confirmation == Confirmation::Confirming;
+  const Reply reply = parts_.source.confirm(action.id, isConfirmed, {});
   if (reply.meaning == Meaning::Later || reply.meaning == Meaning::Refused) {
     trouble_ = reply.sentence;
     return Next::LeaveIt;
   }
-  action.confirmation = Confirmation::Answered;
+  action.confirmation = isConfirmed ? Confirmation::Answered : Confirmation::Denied;
   pollNow();  // the deployment is there now
   return Next::GoOn;
 }

@@ -4,6 +4,7 @@
 #include <json/reader.h>
 
 #include <algorithm>
+#include <iterator>
 #include <memory>
 
 #include "printable-text.h"
@@ -11,9 +12,16 @@
 namespace fleet {
 namespace {
 
-// By Stage and Ending.
+// By Stage and Ending; the last is that of an action that is not over, and that nobody works on.
 constexpr const char* kStages[] = {"wanted", "downloaded", "checked", "updating", "updated", "failed"};
-constexpr const char* kEndings[] = {"open", "success", "failure", "canceled", "gone"};
+constexpr const char* kEndings[] = {"open", "success", "failure", "canceled", "gone", "denied"};
+
+const char* stateOf(const Action& action) {
+  const bool isDenied =
+      action.confirmation == Confirmation::Denying || action.confirmation == Confirmation::Denied;
+  return !action.isOver() && isDenied ? *std::rbegin(kEndings)
+                                      : kEndings[static_cast<std::size_t>(action.ending)];
+}
 
 Json::Value jsonOf(const Component& component) {
   Json::Value value;
@@ -28,7 +36,7 @@ Json::Value jsonOf(const Component& component) {
 Json::Value jsonOf(const Action& action, bool isSomebodyTold) {
   Json::Value value;
   value["id"] = action.id;
-  value["state"] = kEndings[static_cast<std::size_t>(action.ending)];
+  value["state"] = stateOf(action);
   if (isSomebodyTold) {
     value["told"] = action.isReported;
   }

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include "fleet-test.h"
+#include "status.h"
 
 namespace {
 
@@ -16,7 +17,12 @@ using ::testing::Not;
 const auto kWholeUpdate =
     ElementsAre("download none", "downloaded none", "proceeding none", "closed success");
 
-class FleetAgent : public FleetTest {};
+class FleetAgent : public FleetTest {
+ protected:
+  std::string stateShown() const {
+    return fleet::statusOf(*agent_, configuration_, 0)["actions"][0]["state"].asString();
+  }
+};
 
 TEST_F(FleetAgent, UpdatesAllComponentsInTheServersOrderAndSaysSoOnce) {
   assignTwo();
@@ -227,6 +233,22 @@ TEST_F(FleetAgent, DeniesOnceWhereItIsConfiguredTo) {
 
   EXPECT_THAT(lab_.history(), ElementsAre("denied none"));
   EXPECT_EQ(lab_.requests("softwaremodules"), 0);
+  EXPECT_EQ(stateShown(), "denied");
+  restart();
+  turns(1);
+  EXPECT_EQ(stateShown(), "denied");
+  EXPECT_THAT(lab_.history(), ElementsAre("denied none"));
+}
+
+TEST_F(FleetAgent, ShowsADenialAlsoBeforeTheServerHearsOfIt) {
+  configuration_.confirm = fleet::ConfirmPolicy::Ask;
+  assign(", 'confirm': true");
+  turns(2);
+  EXPECT_EQ(stateShown(), "open");
+
+  EXPECT_TRUE(agent_->consent("1", false));
+
+  EXPECT_EQ(stateShown(), "denied");
 }
 
 TEST_F(FleetAgent, WaitsWhenTheUpdateIsToBeSkippedUntilTheWindowOpens) {
