@@ -63,10 +63,37 @@ HandedOver sentencesOf(const std::string& message) {
   return {message.substr(0, end), end == std::string::npos ? "" : message.substr(end + 1)};
 }
 
-// What the service itself says is sure; the bus does not know what came of a question.
-[[noreturn]] void throwAway(const sdbus::Error& error) {
+constexpr char kNotThere[] =
+    "No update service is on the bus: fw-updated is not installed, or does not run. Start it: "
+    "systemctl start fw-updated.";
+constexpr char kNoAnswer[] =
+    "The update service gave no answer. See what it does: systemctl status fw-updated.";
+
+// What the bus says in words of its own.
+constexpr struct {
+  const char* error;
+  const char* sentence;
+} kOfTheBus[] = {
+    {"org.freedesktop.DBus.Error.ServiceUnknown", kNotThere},
+    {"org.freedesktop.DBus.Error.NameHasNoOwner", kNotThere},
+    {"org.freedesktop.DBus.Error.NoReply", kNoAnswer},
+    {"org.freedesktop.DBus.Error.Timeout", kNoAnswer},
+};
+
+std::string sentenceOf(const sdbus::Error& error) {
+  const auto* const row = std::find_if(std::begin(kOfTheBus), std::end(kOfTheBus),
+                                       [&](const auto& one) { return error.getName() == one.error; });
+  if (row != std::end(kOfTheBus)) {
+    return row->sentence;
+  }
   std::string sentence = "The update service cannot be asked: " + error.getMessage();
   std::replace(sentence.begin(), sentence.end(), '\n', ' ');
+  return sentence;
+}
+
+// What the service itself says is sure; the bus does not know what came of a question.
+[[noreturn]] void throwAway(const sdbus::Error& error) {
+  const std::string sentence = sentenceOf(error);
   if (error.getName().rfind(kErrors, 0) == 0) {
     throw InstallerBusy(sentence);
   }
