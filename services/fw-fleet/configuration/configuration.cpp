@@ -1,11 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "configuration.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <iterator>
 #include <system_error>
 
+#include "file-descriptor.h"
 #include "printable-text.h"
 #include "system-error.h"
 #include "url.h"
@@ -188,6 +193,30 @@ std::string set(Configuration& configuration, const base::SettingLine& line) {
   return "there is no setting " + base::printableText(line.name);
 }
 
+// Settings that name a file of certificates, or of the key for one.
+constexpr const char* kFilesOfTls[] = {"ca-file", "client-certificate", "client-key"};
+
+// Without them every connection fails, or is no longer that of this set.
+std::string problemOfFile(const std::string& path) {
+  const base::FileDescriptor file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+  struct stat status = {};
+  if (!file || fstat(file.get(), &status) != 0) {
+    return "cannot be read: " + base::errnoText(errno);
+  }
+  return S_ISREG(status.st_mode) ? "" : "is no regular file";
+}
+
+void requireFiles(const std::string& content, std::vector<ConfigurationProblem>& problems) {
+  for (const base::SettingLine& line : base::settingLines(content)) {
+    const bool isFile = std::any_of(std::begin(kFilesOfTls), std::end(kFilesOfTls),
+                                    [&line](const char* name) { return line.name == name; });
+    const std::string problem = isFile ? problemOfFile(line.value) : "";
+    if (!problem.empty()) {
+      problems.push_back({line.number, line.name + ": " + base::printableText(line.value) + " " + problem});
+    }
+  }
+}
+
 bool isOf(const Configuration& configuration, SourceType source) {
   return configuration.source == source;
 }
@@ -249,7 +278,11 @@ ConfigurationRead readConfiguration(const std::string& path) {
         {0, error == EINVAL ? "it is no file" : "it cannot be read: " + base::errnoText(error)});
     return read;
   }
-  return parseConfiguration(content);
+  ConfigurationRead read = parseConfiguration(content);
+  if (read.problems.empty()) {
+    requireFiles(content, read.problems);
+  }
+  return read;
 }
 
 }  // namespace fleet

@@ -60,6 +60,7 @@ struct ConfigurationRead {
 };
 
 ConfigurationRead parseConfiguration(const std::string& content);
+// The files that it names for TLS must be there, too; what is in them is not looked at.
 ConfigurationRead readConfiguration(const std::string& path = kConfigurationFile);
 
 using base::textOf;

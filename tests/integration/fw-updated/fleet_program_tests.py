@@ -192,6 +192,7 @@ def SaysThatOthersMayUseItsKey():
     key = pathlib.Path("/tmp/tv1.key")
     key.write_text("a key\n", encoding="ascii")
     key.chmod(0o640)
+    pathlib.Path("/tmp/tv1.pem").write_text("a certificate\n", encoding="ascii")
     CONFIGURATION.parent.mkdir(parents=True, exist_ok=True)
     CONFIGURATION.write_text(f"server = https://u.example.org\ncontroller = tv1\nclient-certificate = /tmp/tv1.pem\n"
                              f"client-key = {key}\n", encoding="ascii")
@@ -203,6 +204,17 @@ def SaysThatOthersMayUseItsKey():
     equal((wrong.returncode, json.loads(wrong.stdout)["message"]),
           (3, "The key file /tmp/tv1.key may be used by others: give it the mode 0400."))
     equal((right.returncode, right.stdout), (0, f"{CONFIGURATION} has no wrong entries.\n"))
+
+
+def SaysThatACertificateIsNotThere():
+    CONFIGURATION.parent.mkdir(parents=True, exist_ok=True)
+    CONFIGURATION.write_text("server = https://u.example.org\ncontroller = tv1\nca-file = /tmp/none.pem\n",
+                             encoding="ascii")
+
+    wrong = fleet("--check-config")
+
+    equal(wrong.returncode, 3)
+    assert f"{CONFIGURATION}, line 3: ca-file: /tmp/none.pem cannot be read: No such file or directory." in wrong.stdout, wrong
 
 
 def SaysWhatIsWrongInItsConfiguration():

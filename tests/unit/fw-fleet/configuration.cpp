@@ -171,6 +171,40 @@ class FleetToken : public ::testing::Test {
   std::string directory_;
 };
 
+class FleetConfigurationFile : public FleetToken {
+ protected:
+  std::string path(const std::string& name) const { return directory_ + "/" + name; }
+  std::vector<std::string> problemsWith(const std::string& more) const {
+    std::ofstream(path("conf")) << kEnough << more;
+    std::vector<std::string> texts;
+    for (const auto& problem : fleet::readConfiguration(path("conf")).problems) {
+      texts.push_back(textOf(problem, "f"));
+    }
+    return texts;
+  }
+};
+
+TEST_F(FleetConfigurationFile, NamesFilesForTlsThatCannotBeReadByTheirLines) {
+  ASSERT_EQ(mkfifo(path("fifo").c_str(), 0600), 0);
+
+  EXPECT_THAT(
+      problemsWith("ca-file = " + path("ca.pem") + "\nclient-certificate = " + directory_ +
+                   "\nclient-key = " + path("fifo") + "\n"),
+      ElementsAre("f, line 3: ca-file: " + path("ca.pem") + " cannot be read: No such file or directory.",
+                  "f, line 4: client-certificate: " + directory_ + " is no regular file.",
+                  "f, line 5: client-key: " + path("fifo") + " is no regular file."));
+}
+
+TEST_F(FleetConfigurationFile, TakesFilesForTlsThatAreThere) {
+  for (const char* const name : {"ca.pem", "tv1.pem", "tv1.key"}) {
+    std::ofstream(path(name)) << "PEM";
+  }
+
+  EXPECT_THAT(problemsWith("ca-file = " + path("ca.pem") + "\nclient-certificate = " + path("tv1.pem") +
+                           "\nclient-key = " + path("tv1.key") + "\n"),
+              IsEmpty());
+}
+
 TEST_F(FleetToken, IsTheOneLineOfItsFile) {
   EXPECT_EQ(readToken(written("s3cr3t+/=\n")).token, "s3cr3t+/=");
   EXPECT_EQ(readToken(written("s3cr3t")).token, "s3cr3t");
