@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The fw-platform-check command: it finds the platform of ordinary Linux whole, and
 // each broken promise of one that is not.
+#include <fcntl.h>
 #include <json/json.h>
 #include <sched.h>
 #include <sys/mount.h>
@@ -129,12 +130,29 @@ TEST_F(PlatformCheck, LeavesNoPackageBehind) {
   }
 }
 
+constexpr char kGoOn[] = "/tmp/go-on";  // of held-mount.cpp
+
 // What the command leaves becomes this process's child.
 class InterruptedPlatformCheck : public PlatformCheck, public ::testing::WithParamInterface<int> {
  protected:
   void SetUp() override {
     PlatformCheck::SetUp();
     prctl(PR_SET_CHILD_SUBREAPER, 1);
+    ASSERT_EQ(mkfifo(kGoOn, 0600), 0);
+  }
+
+  // Until a check has made its package and is about to mount it.
+  static void waitForTheMount() {
+    while (!exists("/tmp/mounts")) {
+      sched_yield();
+    }
+  }
+
+  static void letTheMountGoOn() {
+    const int pipe = open(kGoOn, O_RDWR | O_CLOEXEC);  // waits for nobody, should nobody read
+    EXPECT_GE(pipe, 0);
+    unlink(kGoOn);  // the mounts after it wait for nothing
+    close(pipe);
   }
 
   static void expectNothingRuns() {
@@ -145,12 +163,13 @@ class InterruptedPlatformCheck : public PlatformCheck, public ::testing::WithPar
 INSTANTIATE_TEST_SUITE_P(BySignal, InterruptedPlatformCheck, ::testing::Values(SIGINT, SIGTERM, SIGHUP));
 
 TEST_P(InterruptedPlatformCheck, LetsTheRunningCheckTidyUp) {
-  RunningProgram program({{PLATFORM_CHECK_PROGRAM, "--only", "mount"}, "/", 0, {"FW_UPDATE_LOG=none"}});
-  while (fs::is_empty("/opt/usr/apps/appbinarymanager/emps")) {
-    sched_yield();
-  }
+  RunningProgram program(
+      {{PLATFORM_CHECK_PROGRAM, "--only", "mount", "--library", HELD_MOUNT}, "/", 0, {"FW_UPDATE_LOG=none"}});
+  waitForTheMount();
+  EXPECT_FALSE(fs::is_empty("/opt/usr/apps/appbinarymanager/emps"));
 
   program.kill(GetParam());
+  letTheMountGoOn();
 
   EXPECT_EQ(program.wait().signal, GetParam());
   expectNothingRuns();
@@ -160,15 +179,15 @@ TEST_P(InterruptedPlatformCheck, LetsTheRunningCheckTidyUp) {
 
 TEST_P(InterruptedPlatformCheck, GoesOnWhereTheSignalIsIgnored) {
   const std::string ignoring = "trap '' " + std::to_string(GetParam()) + "; exec \"$@\"";
-  RunningProgram program({{"sh", "-c", ignoring, "sh", PLATFORM_CHECK_PROGRAM, "--only", "mount"},
-                          "/",
-                          0,
-                          {"FW_UPDATE_LOG=none"}});
-  while (fs::is_empty("/opt/usr/apps/appbinarymanager/emps")) {
-    sched_yield();
-  }
+  RunningProgram program(
+      {{"sh", "-c", ignoring, "sh", PLATFORM_CHECK_PROGRAM, "--only", "mount", "--library", HELD_MOUNT},
+       "/",
+       0,
+       {"FW_UPDATE_LOG=none"}});
+  waitForTheMount();
 
   program.kill(GetParam());
+  letTheMountGoOn();
 
   const ProgramResult result = program.wait();
   EXPECT_EQ(result.signal, 0);
