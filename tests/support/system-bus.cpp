@@ -172,7 +172,7 @@ std::vector<Inhibitor> LogindStandIn::inhibitors() const {
 }
 
 bool LogindStandIn::waitForInhibitors(std::size_t count) const {
-  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
   while (inhibitors().size() != count) {
     if (std::chrono::steady_clock::now() > end) {
       return false;

@@ -130,7 +130,7 @@ TEST_F(DownloadHelper, ThatCannotBeRunIsARefusal) {
 // It would end by itself some time later.
 TEST_F(DownloadHelper, ThatHangsIsKilled) {
   ASSERT_EQ(mkfifo("/tmp/never", 0600), 0);
-  install("exec 9<>/tmp/never; read -r -t 12 -u 9; echo >/tmp/survived");
+  install("exec 9<>/tmp/never; read -r -t 60 -u 9; echo >/tmp/survived");
 
   EXPECT_FALSE(request());
 

@@ -76,7 +76,7 @@ std::vector<std::string> loopDevicesOf(const std::string& name) {
 }
 
 std::vector<std::string> loopDevicesLeftOf(const std::string& name) {
-  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
   std::vector<std::string> devices = loopDevicesOf(name);
   while (!devices.empty() && std::chrono::steady_clock::now() < end) {
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
