@@ -100,9 +100,13 @@ struct Settings {
 };
 
 std::map<std::string, std::string> attributesOf(const Settings& settings) {
-  return {{"controller", settings.configuration.controller},
-          {"model", fwplatform::readSetModel().value_or("")},
-          {"client", "fw-fleet " FW_FLEET_VERSION}};
+  std::map<std::string, std::string> attributes = {{"controller", settings.configuration.controller},
+                                                   {"model", fwplatform::readSetModel().value_or("")},
+                                                   {"client", "fw-fleet " FW_FLEET_VERSION}};
+  if (!settings.configuration.serial.empty()) {
+    attributes["serial"] = settings.configuration.serial;
+  }
+  return attributes;
 }
 
 [[noreturn]] void serve(const Settings& settings, const std::string& busAddress) {

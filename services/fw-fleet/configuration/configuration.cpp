@@ -76,6 +76,17 @@ std::string setName(Configuration& configuration, const std::string& value) {
   return "";
 }
 
+// A server takes no longer value of an attribute.
+std::string setSerial(Configuration& configuration, const std::string& value) {
+  const bool isPrintable =
+      std::all_of(value.begin(), value.end(), [](char byte) { return byte >= ' ' && byte <= '~'; });
+  if (value.empty() || value.size() > kLongestName || !isPrintable) {
+    return " must be 1 to 128 printable characters of ASCII";
+  }
+  configuration.serial = value;
+  return "";
+}
+
 template <std::string Configuration::*Place>
 std::string setPath(Configuration& configuration, const std::string& value) {
   if (value.empty() || value[0] != '/') {
@@ -157,6 +168,7 @@ constexpr struct {
     {"server", setServer},
     {"tenant", setName<&Configuration::tenant>},
     {"controller", setName<&Configuration::controller>},
+    {"serial", setSerial},
     {"token-type",
      [](Configuration& c, const std::string& value) { return setWord(kTokenTypes, c.tokenType, value); }},
     {"token-file", setPath<&Configuration::tokenFile>},

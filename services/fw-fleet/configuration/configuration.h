@@ -35,6 +35,7 @@ struct Configuration {
   std::string server;  // without a "/" at its end; of a list, the one that has it
   std::string tenant = "DEFAULT";
   std::string controller;  // who the set is, for the server
+  std::string serial;      // of the set; empty: the server is told none
   TokenType tokenType = TokenType::None;
   std::string tokenFile;
   std::string caFile;  // empty: the certificates of the system

@@ -43,6 +43,9 @@ class Lab:
         with urllib.request.urlopen(f"{self.address}/lab/state") as answer:
             return json.load(answer)
 
+    def attributes(self):
+        return self.state()["sets"]["tv1"]["attributes"]
+
     def assign(self, *chunks):
         self.order("assign", set="tv1", chunks=[
             {"name": name, "version": version, "files": {}, "paths": paths} for name, version, paths in chunks])
@@ -87,7 +90,7 @@ def version(firmware):
 def BringsAllKindsIntoTheirComponentsAndSaysSoOnce():
     start()
     lab = Lab()
-    configure(lab)
+    configure(lab, serial="SN 0815/4")
     lab.assign(("tunerfw", "3.0.0", named(package())),
                ("wififw", "3.1.0", named(usb("3.1.0", firmware="wififw"))),
                ("panelfw", "3.2.0", named(image("3.2.0", firmware="panelfw"), "panelfw")))
@@ -97,6 +100,7 @@ def BringsAllKindsIntoTheirComponentsAndSaysSoOnce():
 
     equal([version(one) for one in ("tunerfw", "wififw", "panelfw")], ["3.0.0", "3.1.0", "3.2.0"])
     equal(lab.history(), UPDATED)
+    equal([lab.attributes()[name] for name in ("controller", "serial")], ["tv1", "SN 0815/4"])
 
 
 def TellsWhyAPackageIsRefusedBeforeAnyComponentIsTouched():
@@ -269,6 +273,7 @@ def SaysWhatItIsAt():
     wait_for(lambda: "Action 1: success" in fleet("status", "--bus", ADDRESS).stdout, "it knows of its success")
     assert "  tunerfw 3.0.0: updated\n" in fleet("status", "--bus", ADDRESS).stdout
     equal(json.loads(fleet("status", "--json", "--bus", ADDRESS).stdout)["actions"][0]["id"], "1")
+    assert "serial" not in lab.attributes(), "it has none"
 
 
 def run_client_on_the_bus(client):

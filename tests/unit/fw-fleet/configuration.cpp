@@ -55,7 +55,7 @@ TEST(FleetConfiguration, TakesEverySetting) {
       "server = http://s:8080/updates/\ntenant = maker\ncontroller = tv1\ntoken-type = gateway\n"
       "token-file = /etc/t\nca-file = /etc/ca\nclient-certificate = /etc/c\nclient-key = /etc/k\n"
       "allow-insecure = yes\npoll = 60\nconsent = download\nconfirm = no\nrate-limit = 100\nmax-size = 2\n"
-      "max-action = 3\n");
+      "max-action = 3\nserial = SN 0815/4\n");
 
   EXPECT_THAT(read.problems, IsEmpty());
   const fleet::Configuration& configuration = read.configuration;
@@ -73,6 +73,7 @@ TEST(FleetConfiguration, TakesEverySetting) {
   EXPECT_EQ(configuration.bytesPerSecond, 102400);
   EXPECT_EQ(configuration.largestArtifact, 2097152);
   EXPECT_EQ(configuration.largestAction, 3145728);
+  EXPECT_EQ(configuration.serial, "SN 0815/4");
 }
 
 TEST(FleetConfiguration, AllowsAnActionFourArtifactsOfTheLargestSizeWhereItHasNoLimit) {
@@ -134,6 +135,16 @@ TEST(FleetConfiguration, RefusesANameThatWouldLeadElsewhere) {
     EXPECT_THAT(problemsOf("server = https://s\ncontroller = " + name), SizeIs(1)) << name;
   }
   EXPECT_THAT(problemsOf("server = https://s\ncontroller = " + std::string(128, 'a')), IsEmpty());
+}
+
+TEST(FleetConfiguration, RefusesASerialThatNoServerTakes) {
+  for (const std::string& serial :
+       {std::string(), std::string("a\tb"), std::string("\xC3\xA9"), std::string(129, '1')}) {
+    EXPECT_THAT(problemsOf(kEnough + ("serial = " + serial)),
+                ElementsAre("f, line 3: serial must be 1 to 128 printable characters of ASCII."))
+        << serial;
+  }
+  EXPECT_THAT(problemsOf(kEnough + ("serial = " + std::string(128, '1'))), IsEmpty());
 }
 
 TEST(FleetConfiguration, IsNothingWithoutAFile) {
