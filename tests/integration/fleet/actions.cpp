@@ -157,6 +157,24 @@ TEST_F(FleetAgent, SaysThatItFailedAfterADayWithoutTheUpdateService) {
   EXPECT_EQ(lab_.history().back(), "closed failure");
 }
 
+TEST_F(FleetAgent, CountsTheTimeWithoutTheUpdateServiceThroughWhatTheServerTakesBack) {
+  assign();
+  installer_.isAway = true;
+  turns(2);
+  time_ += std::chrono::hours(23);
+  lab_.steer("cancel", "{'set': 'tv1'}");
+  turns(2);
+  EXPECT_EQ(lab_.stateOf("1"), "canceled");
+  assign();
+  turns(2);
+  EXPECT_EQ(lab_.stateOf("2"), "running");
+
+  time_ += std::chrono::hours(1);
+  turns(2);
+
+  EXPECT_EQ(lab_.stateOf("2"), "error");
+}
+
 TEST_F(FleetAgent, WaitsForTheUpdateServiceAnewAfterItAnswered) {
   assign();
   installer_.isAway = true;

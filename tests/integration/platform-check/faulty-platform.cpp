@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -119,6 +120,11 @@ extern "C" int PS_Mount(const char* arguments, int capacity, int, int* result) {
   for (const auto& one : kMounts) {
     if (fault(one.fault)) {
       return mountWithout(one.without, arguments, capacity, result);
+    }
+  }
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+    if (fault(("mount-raises-" + std::to_string(signal)).c_str())) {
+      raise(signal);
     }
   }
   while (fault("mount-hangs")) {

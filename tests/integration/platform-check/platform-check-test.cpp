@@ -12,6 +12,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstring>
 #include <filesystem>
 #include <optional>
 #include <ostream>
@@ -30,6 +31,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
+constexpr uid_t kNobody = 65534;
+
 class PlatformCheck : public DeviceTest {
  protected:
   void SetUp() override {
@@ -43,6 +46,17 @@ class PlatformCheck : public DeviceTest {
     std::vector<std::string> command = {PLATFORM_CHECK_PROGRAM};
     command.insert(command.end(), arguments.begin(), arguments.end());
     return runProgram({command, "/", 0, {"FW_FAULT=" + fault, "FW_UPDATE_LOG=none"}});
+  }
+
+  static bool isThereNobody() {
+    writeFile("/tmp/of-nobody", "");
+    return chown("/tmp/of-nobody", kNobody, kNobody) == 0;
+  }
+
+  static ProgramResult checkAsNobody(const std::vector<std::string>& arguments) {
+    std::vector<std::string> command = {PLATFORM_CHECK_PROGRAM};
+    command.insert(command.end(), arguments.begin(), arguments.end());
+    return runProgram({command, "/", kNobody, {"FW_UPDATE_LOG=none"}});
   }
 };
 
@@ -102,14 +116,11 @@ TEST_F(PlatformCheck, ChecksPowerWhereItCanBeHeld) {
 }
 
 TEST_F(PlatformCheck, SaysThatNoServiceMountsForAUser) {
-  constexpr uid_t kNobody = 65534;
-  writeFile("/tmp/of-nobody", "");
-  if (chown("/tmp/of-nobody", kNobody, kNobody) != 0) {
+  if (!isThereNobody()) {
     GTEST_SKIP() << "there is no other user here";
   }
 
-  const ProgramResult result =
-      runProgram({{PLATFORM_CHECK_PROGRAM, "--only", "mount"}, "/", kNobody, {"FW_UPDATE_LOG=none"}});
+  const ProgramResult result = checkAsNobody({"--only", "mount"});
 
   EXPECT_NE(result.output.find("0 kept, 0 broken, 5 not checked\nnothing could be seen here of: mount\n"),
             std::string::npos)
@@ -118,6 +129,26 @@ TEST_F(PlatformCheck, SaysThatNoServiceMountsForAUser) {
                 "no privileged service answers; start it: systemctl enable --now fw-privileged.socket"),
             std::string::npos)
       << result.output;
+}
+
+// Another failure of a mount says nothing of a service.
+TEST_F(PlatformCheck, BlamesNoServiceForWhatIsNotDoneYet) {
+  if (!isThereNobody()) {
+    GTEST_SKIP() << "there is no other user here";
+  }
+
+  const ProgramResult result = checkAsNobody({"--only", "mount", "--library", SKELETON_PLATFORM});
+
+  EXPECT_NE(result.output.find("refuses an image that is not there"), std::string::npos) << result.output;
+  EXPECT_EQ(result.output.find("no privileged service answers"), std::string::npos) << result.output;
+}
+
+TEST_F(PlatformCheck, SaysThatTracesAreSwitchedOff) {
+  const ProgramResult result = check({"--library", SKELETON_PLATFORM, "--only", "trace"});
+
+  EXPECT_EQ(result.exitCode, 0) << result.error;
+  EXPECT_NE(result.output.find("traces are switched off here"), std::string::npos) << result.output;
+  EXPECT_NE(result.output.find("1 kept, 0 broken, 3 not checked"), std::string::npos) << result.output;
 }
 
 TEST_F(PlatformCheck, LeavesNoPackageBehind) {
@@ -210,6 +241,20 @@ TEST_P(InterruptedPlatformCheck, EndsACheckThatHangsWithTheSecondSignal) {
 
   EXPECT_NE(program.wait().signal, 0);
   expectNothingRuns();
+}
+
+// Only the command waits for the running check's end.
+TEST_P(InterruptedPlatformCheck, EndsACheckThatGetsTheSignalItself) {
+  RunningProgram program({{PLATFORM_CHECK_PROGRAM, "--only", "mount", "--library", FAULTY_PLATFORM},
+                          "/",
+                          0,
+                          {"FW_FAULT=mount-raises-" + std::to_string(GetParam()), "FW_UPDATE_LOG=none"}});
+
+  const ProgramResult result = program.wait();
+
+  EXPECT_NE(result.output.find("the process ended with \"" + std::string(strsignal(GetParam())) + "\""),
+            std::string::npos)
+      << result.output;
 }
 
 TEST_F(PlatformCheck, FindsMissingDirectories) {

@@ -6,6 +6,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
@@ -26,13 +27,25 @@ namespace {
 
 // Called whenever a file is put on the disk.
 std::function<void()> onSync;
+// What putting a directory on the disk fails with; 0: nothing.
+int directoryError = 0;
+
+bool isDirectory(int file) {
+  struct stat status = {};
+  return fstat(file, &status) == 0 && S_ISDIR(status.st_mode);
+}
 
 }  // namespace
 
 // Takes the place of the C library's, and does the same.
+// NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name)
 extern "C" int fsync(int file) {
   if (onSync) {
     onSync();
+  }
+  if (directoryError != 0 && isDirectory(file)) {
+    errno = directoryError;
+    return -1;
   }
   return static_cast<int>(syscall(SYS_fsync, file));
 }
@@ -50,7 +63,10 @@ using ::testing::ThrowsMessage;
 
 class Files : public ::testing::Test {
  protected:
-  void SetUp() override { onSync = nullptr; }
+  void SetUp() override {
+    onSync = nullptr;
+    directoryError = 0;
+  }
   std::string path(const std::string& name) const { return directory_.path() + "/" + name; }
   void put(const std::string& name, const std::string& content) const {
     std::ofstream(path(name), std::ios::binary) << content;
@@ -159,6 +175,23 @@ TEST_F(Files, AreOnTheDiskBeforeTheyAppear) {
   file.commit();
 
   EXPECT_EQ(there, (std::vector<bool>{false, true}));
+}
+
+TEST_F(Files, FailWhenTheirNamesCannotBePutOnTheDisk) {
+  OutputFile file(path("file"), 0644);
+  directoryError = EIO;
+
+  expectFailure([&] { file.commit(); }, "cannot be put on the disk: Input/output error");
+}
+
+TEST_F(Files, AreWrittenWhereDirectoriesCannotBePutOnTheDisk) {
+  OutputFile file(path("file"), 0644);
+  file.write("text");
+  directoryError = EINVAL;
+
+  file.commit();
+
+  EXPECT_EQ(content("file"), "text");
 }
 
 TEST_F(Files, ThatAreCommittedAreClosed) {
