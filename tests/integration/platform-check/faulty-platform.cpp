@@ -34,6 +34,21 @@ bool fault(const char* name) {
 bool held = false;      // on purpose no count
 pid_t signalledIn = 0;  // on purpose not for other processes
 
+// What every call for mounts fails with; 0: they answer.
+int mountError() {
+  constexpr struct {
+    const char* fault;
+    int error;
+  } kErrors[] = {
+      {"service-is-missing", ENOENT}, {"service-refuses", ECONNREFUSED}, {"service-forbids", EPERM}};
+  for (const auto& one : kErrors) {
+    if (fault(one.fault)) {
+      return one.error;
+    }
+  }
+  return 0;
+}
+
 // The function of the platform that this one is loaded before.
 template <typename Function>
 Function* real(const char* name) {
@@ -81,6 +96,12 @@ extern "C" int __dlog_print(int, int, const char* tag, const char* format, ...) 
   if (fault("log-exits")) {
     _exit(0);
   }
+  if (fault("log-ends-by-signal")) {
+    std::raise(SIGTERM);
+  }
+  if (fault("log-off")) {
+    return 0;
+  }
   const int before = errno;
   errno = fault("log-no-error-text") ? 0 : before;
   thread_local char text[300000];
@@ -111,6 +132,9 @@ extern "C" int system_info_get_value_string(int key, char** value) {
 }
 
 extern "C" int PS_Mount(const char* arguments, int capacity, int, int* result) {
+  if (const int error = mountError(); error != 0) {
+    return -error;
+  }
   struct {
     const char* fault;
     unsigned long without;
@@ -152,11 +176,17 @@ extern "C" int PS_Umount(const char* directory, int length, int, int* result) {
 }
 
 extern "C" int PS_Mknod(const char*, int, int, int* result) {
+  if (const int error = mountError(); error != 0) {
+    return -error;
+  }
   *result = 0;
   return fault("node-says-yes") ? 0 : -ENOSYS;
 }
 
 extern "C" int device_power_lock_state(int, int) {
+  if (fault("power-not-there")) {
+    return -ENODEV;
+  }
   held = true;
   return fault("power-odd-failure") ? 1 : 0;
 }
@@ -246,6 +276,9 @@ Thread* Storage::ThreadHandle() {
 }
 
 unsigned char* Storage::PrepareCallBuffer(Thread*, unsigned int, unsigned char, std::uint32_t) {
+  if (fault("trace-drops")) {
+    return nullptr;
+  }
   return fault("trace-one-buffer") ? shared : own;
 }
 

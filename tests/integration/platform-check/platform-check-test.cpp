@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The fw-platform-check command: it finds the platform of ordinary Linux whole, and
 // each broken promise of one that is not.
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <json/json.h>
 #include <sched.h>
@@ -22,6 +23,7 @@
 #include <vector>
 
 #include "device-environment.h"
+#include "dlog.h"
 #include "running-program.h"
 #include "signed-package.h"
 #include "system-bus.h"
@@ -53,10 +55,11 @@ class PlatformCheck : public DeviceTest {
     return chown("/tmp/of-nobody", kNobody, kNobody) == 0;
   }
 
-  static ProgramResult checkAsNobody(const std::vector<std::string>& arguments) {
+  static ProgramResult checkAsNobody(const std::vector<std::string>& arguments,
+                                     const std::string& fault = "") {
     std::vector<std::string> command = {PLATFORM_CHECK_PROGRAM};
     command.insert(command.end(), arguments.begin(), arguments.end());
-    return runProgram({command, "/", kNobody, {"FW_UPDATE_LOG=none"}});
+    return runProgram({command, "/", kNobody, {"FW_FAULT=" + fault, "FW_UPDATE_LOG=none"}});
   }
 };
 
@@ -149,6 +152,88 @@ TEST_F(PlatformCheck, SaysThatTracesAreSwitchedOff) {
   EXPECT_EQ(result.exitCode, 0) << result.error;
   EXPECT_NE(result.output.find("traces are switched off here"), std::string::npos) << result.output;
   EXPECT_NE(result.output.find("1 kept, 0 broken, 3 not checked"), std::string::npos) << result.output;
+}
+
+// A user without a service cannot mount, which is no fault of the platform's.
+TEST_F(PlatformCheck, TakesOnlyAMissingServiceOfAUserForOne) {
+  if (!isThereNobody()) {
+    GTEST_SKIP() << "there is no other user here";
+  }
+
+  const ProgramResult refused =
+      checkAsNobody({"--only", "mount", "--library", FAULTY_PLATFORM}, "service-refuses");
+  const ProgramResult forbidden =
+      checkAsNobody({"--only", "mount", "--library", FAULTY_PLATFORM}, "service-forbids");
+
+  EXPECT_NE(refused.output.find("not checked  refuses an image that is not there\n"), std::string::npos)
+      << refused.output << refused.error;
+  EXPECT_NE(refused.output.find("no privileged service answers"), std::string::npos) << refused.output;
+  EXPECT_NE(forbidden.output.find("kept         refuses an image that is not there\n"), std::string::npos)
+      << forbidden.output << forbidden.error;
+  EXPECT_EQ(forbidden.output.find("no privileged service answers"), std::string::npos) << forbidden.output;
+}
+
+TEST_F(PlatformCheck, NeedsNoServiceAsRoot) {
+  const ProgramResult result = check({"--library", FAULTY_PLATFORM, "--only", "mount"}, "service-is-missing");
+
+  EXPECT_NE(result.output.find("kept         refuses an image that is not there\n"), std::string::npos)
+      << result.output;
+  EXPECT_EQ(result.output.find("no privileged service answers"), std::string::npos) << result.output;
+}
+
+TEST_F(PlatformCheck, LooksAtNoUnmountWithoutAMount) {
+  const ProgramResult result = check({"--library", FAULTY_PLATFORM, "--only", "mount"});
+
+  EXPECT_NE(result.output.find("not checked  unmounts a directory that is given without a NUL\n" +
+                               std::string(23, ' ') + "PS_Mount returned -38"),
+            std::string::npos)
+      << result.output;
+  EXPECT_NE(result.output.find("not checked  detaches the loop device with the unmount\n" +
+                               std::string(23, ' ') + "PS_Mount returned -38"),
+            std::string::npos)
+      << result.output;
+}
+
+TEST_F(PlatformCheck, DoesNotBlameThePlatformForANodeThatIsThere) {
+  const TemporaryMount devices = TemporaryMount::memory("/dev");
+  writeFile("/dev/loop0", "");
+
+  const ProgramResult result = check({"--library", FAULTY_PLATFORM, "--only", "mount"});
+
+  EXPECT_NE(result.output.find("not checked  takes the library's text for a loop node\n" +
+                               std::string(23, ' ') + "/dev/loop0 is there, and the call returned -38\n"),
+            std::string::npos)
+      << result.output;
+}
+
+TEST_F(PlatformCheck, LetsAPlatformDropRecords) {
+  const ProgramResult result = check({"--library", FAULTY_PLATFORM, "--only", "trace"}, "trace-drops");
+
+  EXPECT_EQ(result.exitCode, 0) << result.output;
+  EXPECT_NE(result.output.find("the record was dropped"), std::string::npos) << result.output;
+  EXPECT_NE(result.output.find("3 kept, 0 broken, 1 not checked\n"), std::string::npos) << result.output;
+}
+
+TEST_F(PlatformCheck, LetsALogBeSwitchedOff) {
+  const ProgramResult result = check({"--library", FAULTY_PLATFORM, "--only", "log"}, "log-off");
+
+  EXPECT_EQ(result.exitCode, 0) << result.output;
+  EXPECT_NE(result.output.find("6 kept, 0 broken, 0 not checked\n"), std::string::npos) << result.output;
+}
+
+TEST_F(PlatformCheck, NamesTheAreasOfWhichNothingIsSeen) {
+  const ProgramResult result =
+      check({"--library", FAULTY_PLATFORM, "--only", "power", "--json"}, "power-not-there");
+  Json::Value document;
+  std::istringstream(result.output) >> document;
+
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_EQ(document["notChecked"], 3) << result.output;
+  ASSERT_EQ(document["unseen"].size(), 1U) << result.output;
+  EXPECT_EQ(document["unseen"][0], "power");
+  for (const Json::Value& one : document["checks"]) {
+    EXPECT_EQ(one["sentence"], "nothing here can hold the power (-19)");
+  }
 }
 
 TEST_F(PlatformCheck, LeavesNoPackageBehind) {
@@ -292,6 +377,21 @@ TEST_F(PlatformCheck, SaysWhatIsLeftToDoOfTheSkeleton) {
   }
   EXPECT_EQ(broken, (std::set<std::string>{"event", "mount", "verifier"})) << result.output;
   EXPECT_TRUE(kept.count("log") == 1 && kept.count("system") == 1 && kept.count("download") == 1);
+}
+
+TEST_F(PlatformCheck, FindsThatTheSkeletonWritesNothingForANullFormat) {
+  void* const library = dlopen(SKELETON_PLATFORM, RTLD_NOW | RTLD_LOCAL);
+  ASSERT_NE(library, nullptr) << dlerror();
+  const auto print = reinterpret_cast<decltype(__dlog_print)*>(dlsym(library, "__dlog_print"));
+  ASSERT_NE(print, nullptr) << dlerror();
+  const char* volatile nothing = nullptr;  // not for the compiler to see
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-security"
+  const int length = print(2, DLOG_DEBUG_PRIORITY, "FWUPDATE", nothing);
+#pragma GCC diagnostic pop
+
+  EXPECT_EQ(length, 0);
+  dlclose(library);
 }
 
 TEST_F(PlatformCheck, FindsAMissingVerifier) {
@@ -670,6 +770,7 @@ constexpr Fault kFaults[] = {
     {"log-errno", "log", "leaves errno as it was", "errno was changed to 5"},
     {"log-length", "log", "returns the length of the message", "returned 21 for a message of 20 bytes"},
     {"log-exits", "log", "leaves errno as it was", "the process ended without an answer"},
+    {"log-ends-by-signal", "log", "leaves errno as it was", "the process ended with \"Terminated\""},
     {"log-null-tag", "log", "takes a null tag and a null format", "Aborted"},
     {"log-null-format", "log", "takes a null tag and a null format", "Aborted"},
     {"log-no-error-text", "log", "formats %m as the error text of errno", "for a message of 15 bytes"},
