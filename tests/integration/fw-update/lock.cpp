@@ -332,6 +332,22 @@ TEST_F(TheUpdateLock, IsLeftToAHolderWhoseFirstThreadHasEnded) {
   EXPECT_EQ(recover()["exitCode"].asInt(), 12);
 }
 
+// Nor is it taken for one that has ended when it may not be looked at.
+TEST_F(TheUpdateLock, CountsAHiddenProcessWhoseFirstThreadHasEnded) {
+  leaveTaken();
+  const ChildProcess hidden([] {
+    std::thread(pause).detach();
+    syscall(SYS_exit, 0);  // of this thread alone
+    return 0;
+  });
+  while (readFile("/proc/" + std::to_string(hidden.id()) + "/stat").find(") Z") == std::string::npos) {
+  }
+
+  const Json::Value found = documentOf({"lock", "status"}, giveUpTracing)["hiddenProcesses"];
+
+  EXPECT_EQ(std::count(found.begin(), found.end(), Json::Value(hidden.id())), 1);
+}
+
 // What a module starts may outlive the updater and go on writing.
 TEST_F(TheUpdateLock, IsLeftToAForkOfTheHolder) {
   auto* const fork_id = static_cast<std::atomic<pid_t>*>(

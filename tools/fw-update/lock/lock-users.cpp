@@ -182,7 +182,8 @@ std::optional<ProcessState> stateOf(const std::string& process) {
   return state;
 }
 
-// A process whose first thread has ended shows its mappings with the others only.
+// A process whose first thread has ended shows its mappings, or that it hides them, with the
+// others only.
 Content mapsOf(const std::string& process) {
   Content maps = contentOf(process + "/maps");
   if (maps.error != 0 || !maps.text.empty()) {
@@ -192,6 +193,9 @@ Content mapsOf(const std::string& process) {
     Content more = contentOf(process + "/task/" + std::to_string(thread) + "/maps");
     if (!more.text.empty()) {
       return more;
+    }
+    if (more.error != 0) {
+      maps.error = more.error;
     }
   }
   return maps;
