@@ -209,4 +209,22 @@ TEST_F(FwModuleTest, MakesEveryCheckOfAnOrdinaryModule) {
   }
 }
 
+// Whether it can be updated or not.
+TEST_F(FwModuleTest, SaysThatAModuleTellsNoProgress) {
+  for (const char* module : {"libminimal.so", "never-needed-without-progress.so"}) {
+    const Json::Value report = document(checkCommand(copyOf(module, module)));
+
+    EXPECT_EQ(resultOf(report, "progress-range"), "not-checked") << module;
+    EXPECT_EQ(reasonOf(report, "progress-range"), "it does not export getUpdateProgress") << module;
+  }
+}
+
+TEST_F(FwModuleTest, KeepsNothingThatIsNotThere) {
+  const ProgramResult result = run({"check", copyOf("sound.so", "sound.so"), "--keep", "/nowhere"});
+
+  EXPECT_EQ(result.exitCode, 4) << result.output;
+  EXPECT_EQ(result.error, "fw-module: --keep /nowhere: there is no such path\n");
+  EXPECT_EQ(result.output, "");
+}
+
 }  // namespace

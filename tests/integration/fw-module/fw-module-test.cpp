@@ -44,11 +44,19 @@ std::set<std::string> findingsOf(const Json::Value& document) {
   return checks;
 }
 
-std::string resultOf(const Json::Value& document, const std::string& check) {
+static std::string ofCheck(const Json::Value& document, const std::string& check, const char* member) {
   for (const Json::Value& one : document["checks"]) {
     if (one["id"] == check) {
-      return one["result"].asString();
+      return one[member].asString();
     }
   }
   return "no such check";
+}
+
+std::string resultOf(const Json::Value& document, const std::string& check) {
+  return ofCheck(document, check, "result");
+}
+
+std::string reasonOf(const Json::Value& document, const std::string& check) {
+  return ofCheck(document, check, "reason");
 }

@@ -34,4 +34,7 @@ std::set<std::string> findingsOf(const Json::Value& document);
 // The result of one check: "passed", "error", "warning" or "not-checked".
 std::string resultOf(const Json::Value& document, const std::string& check);
 
+// Why it was not made; empty when it was.
+std::string reasonOf(const Json::Value& document, const std::string& check);
+
 #endif

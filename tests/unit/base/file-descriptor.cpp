@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cerrno>
 
@@ -42,6 +43,22 @@ TEST(FileDescriptor, ClosesTheOldOneForANewOne) {
   EXPECT_FALSE(isOpen(old));
   EXPECT_EQ(owner.get(), taken);
   EXPECT_TRUE(isOpen(taken));
+}
+
+// What a program opens that was started without standard input.
+TEST(FileDescriptor, MayBeTheFirstOfAll) {
+  const FileDescriptor input(fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3));
+  close(STDIN_FILENO);
+  FileDescriptor first = openNothing();
+  const int number = first.get();
+  const bool isThere = static_cast<bool>(first);
+  first.reset();
+  const bool isStillOpen = isOpen(STDIN_FILENO);
+  dup2(input.get(), STDIN_FILENO);
+
+  EXPECT_EQ(number, STDIN_FILENO);
+  EXPECT_TRUE(isThere);
+  EXPECT_FALSE(isStillOpen);
 }
 
 TEST(FileDescriptor, KeepsErrnoWhenItCloses) {

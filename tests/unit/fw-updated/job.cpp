@@ -109,6 +109,18 @@ TEST(ServiceJob, KeepsItsPercentWhenItFails) {
   EXPECT_EQ(job.remedy, "Try.");
 }
 
+// The history may say otherwise what the command could not say to its end.
+TEST(ServiceJob, HasNoRemedyOfAnEarlierEnd) {
+  Job job = jobOf(Kind::Update, "libtuner");
+  happens(job,
+          R"({"event":"result","outcome":"module-failed","exitCode":6,"message":"No.","remedy":"Try."})");
+
+  updated::end(job, "updated", 0, "It was updated.", "");
+
+  EXPECT_EQ(job.outcome, "updated");
+  EXPECT_EQ(job.remedy, "");
+}
+
 TEST(ServiceJob, DoesNotBelieveMoreThanAll) {
   Job job = jobOf(Kind::Update, "libtuner");
   happens(job, R"({"event":"progress","percent":40})");
