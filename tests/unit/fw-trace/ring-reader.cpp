@@ -173,4 +173,32 @@ TEST(TraceOutline, GoesOnWithPlacesAndRingsThatCame) {
   EXPECT_THAT(trace.skipped, IsEmpty());
 }
 
+// A process registers a place and writes its first record while the trace is read.
+TEST(TraceOutline, KnowsThePlacesOfAllRecordsThatItFound) {
+  TraceBuilder builder;
+  builder.place("work", "first", "");
+  const std::string before = builder.bytes();
+  const std::uint32_t second = builder.place("work", "second", "");
+  builder.record(second, 1, 1, {});
+  ChangingBytes bytes(builder.bytes());
+  const std::size_t head = builder.placesOffset() + kHead;
+  std::uint64_t first = 0;
+  std::memcpy(&first, before.data() + head, sizeof first);
+  std::uint64_t both = 0;
+  std::memcpy(&both, builder.bytes().data() + head, sizeof both);
+  bytes.put(head, first);
+  int reads = 0;
+  bytes.afterRead = [&] {
+    if (++reads == 2) {  // the header of the file and that of the places
+      bytes.put(head, both);
+    }
+  };
+
+  const Trace trace = readOutline(bytes).trace;
+
+  ASSERT_EQ(trace.locations.count(second), 1U);
+  EXPECT_EQ(trace.locations.at(second).format, "second");
+  EXPECT_THAT(trace.skipped, IsEmpty());
+}
+
 }  // namespace

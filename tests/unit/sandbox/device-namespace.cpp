@@ -252,6 +252,19 @@ TEST_F(DeviceNamespace, ShowsAVisibleDirectoryToRead) {
   EXPECT_EQ(readFile("/tmp/build/of the host/program"), "x");
 }
 
+TEST_F(DeviceNamespace, MountsAVisibleDirectoryOnceHoweverItIsWritten) {
+  fs::create_directories("/tmp/build/directory");
+
+  EXPECT_EQ(inChild([] {
+              sandbox::enterDevice({"", {"/tmp/build/directory/"}});
+              const std::string mounts = readFile("/proc/self/mounts");
+              const std::string place = " /tmp/build/directory ";
+              const auto first = mounts.find(place);
+              return first != std::string::npos && mounts.find(place, first + 1) == std::string::npos;
+            }),
+            True);
+}
+
 TEST_F(DeviceNamespace, ProtectsWhatIsMountedInAVisibleDirectoryToo) {
   fs::create_directories("/tmp/build/mounted");
   ASSERT_EQ(mount("tmpfs", "/tmp/build/mounted", "tmpfs", 0, nullptr), 0);
