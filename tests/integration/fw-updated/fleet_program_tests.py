@@ -16,7 +16,7 @@ import urllib.request
 import dbus
 
 from hand_over_tests import MAKER, STRANGER, image, pack, package, start, usb
-from service_client import (ADDRESS, Polkit, add_group, as_user, equal, need_other_users, run_named_test, slow, tool,
+from service_client import (ADDRESS, Polkit, Signals, add_group, as_user, equal, need_other_users, run_named_test, slow, tool,
                             wait_for)
 
 LAB = pathlib.Path(__file__).resolve().parents[2] / "support" / "lab-server"
@@ -328,6 +328,27 @@ def UpdatesOnceItsOwnerConsents():
     lab.wait("finished")
     equal(fleet("consent", "1", "no", "--bus", ADDRESS).returncode, 1)
     equal(version("tunerfw"), "3.0.0")
+
+
+def SignalsEachQuestionOnce():
+    _, client = start()
+    lab = Lab()
+    configure(lab, confirm="ask", consent="update")
+    lab.order("assign", set="tv1", confirm=True, download="attempt", update="attempt", chunks=[
+        {"name": "tunerfw", "version": "3.0.0", "files": {}, "paths": named(package())}])
+    run_client_on_the_bus(client)
+    signals, asked = Signals(client.connection), []
+    client.connection.add_signal_receiver(lambda action, what: asked.append((str(action), str(what))), "Asked", FLEET)
+    fleet("poll", "--bus", ADDRESS)
+    signals.wait_for(lambda: asked, "it asks")
+    equal(fleet("consent", "1", "yes", "--bus", ADDRESS).returncode, 0)
+    signals.wait_for(lambda: len(asked) > 1, "it asks again")
+
+    equal(fleet("consent", "1", "yes", "--bus", ADDRESS).returncode, 0)
+
+    lab.wait("finished")
+    signals.wait_for(lambda: "Action 1: success" in fleet("status", "--bus", ADDRESS).stdout, "it knows of its success")
+    equal(asked, [("1", "confirm"), ("1", "update")])
 
 
 def ConfirmsWhenItsOwnerDoes():
