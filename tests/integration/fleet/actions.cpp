@@ -3,6 +3,8 @@
 #include <json/value.h>
 #include <unistd.h>
 
+#include <filesystem>
+
 #include "fleet-test.h"
 #include "status.h"
 
@@ -59,6 +61,18 @@ TEST_F(FleetAgent, TellsItsVersionsAtFirstAndAfterAnUpdate) {
 
   EXPECT_EQ(lab_.state()["sets"]["tv1"]["attributes"]["version.tunerfw"].asString(), "2.0");
   EXPECT_EQ(lab_.requests("installedBase"), 1);
+}
+
+TEST_F(FleetAgent, TellsItsVersionsOnceTheUpdateServiceAnswers) {
+  installer_.isAway = true;
+  turns(1);
+  EXPECT_THAT(log_, Contains("The update service does not answer."));
+  EXPECT_EQ(lab_.requests("configData"), 0);
+
+  installer_.isAway = false;
+  turns(1);
+
+  EXPECT_EQ(lab_.state()["sets"]["tv1"]["attributes"]["version.tunerfw"].asString(), "1.0");
 }
 
 TEST_F(FleetAgent, InstallsNothingThatIsThereAlready) {
@@ -243,6 +257,32 @@ TEST_F(FleetAgent, ConfirmsBeforeItDownloads) {
                                           "proceeding none", "closed success"));
 }
 
+TEST_F(FleetAgent, ConfirmsAgainWhatTheServerDidNotHear) {
+  lab_.steer("switch", "{'answers': [{'what': 'confirmationBase/feedback', 'status': 500}]}");
+  assign(", 'confirm': true");
+
+  turns(5);
+
+  EXPECT_THAT(troubles_, Contains(HasSubstr("answered 500")));
+  EXPECT_THAT(lab_.history(), ElementsAre("confirmed none", "download none", "downloaded none",
+                                          "proceeding none", "closed success"));
+}
+
+TEST_F(FleetAgent, AsksAnewWhetherToConfirmWhatWasTakenBack) {
+  configuration_.confirm = fleet::ConfirmPolicy::Ask;
+  assign(", 'confirm': true");
+  turns(2);
+  lab_.steer("forget", "{'set': 'tv1'}");
+  turns(2);
+  ASSERT_EQ(action().ending, fleet::Ending::Gone);
+
+  assign(", 'confirm': true, 'id': '1'");
+  turns(2);
+
+  EXPECT_EQ(agent_->asks(action()), "confirm");
+  EXPECT_EQ(action().ending, fleet::Ending::None);
+}
+
 TEST_F(FleetAgent, DeniesOnceWhereItIsConfiguredTo) {
   configuration_.confirm = fleet::ConfirmPolicy::No;
   assign(", 'confirm': true");
@@ -289,6 +329,51 @@ TEST_F(FleetAgent, LeavesTheEndOfADownloadToTheServer) {
   EXPECT_THAT(lab_.history(), ElementsAre("download none", "downloaded none"));
   EXPECT_EQ(lab_.stateOf(), "finished");
   EXPECT_EQ(action().ending, fleet::Ending::Gone);
+}
+
+// Its word that it downloads gets lost for good, its word that it has downloaded does not.
+TEST_F(FleetAgent, TellsTheEndOfADownloadAgainThatTheServerDidNotHear) {
+  lab_.steer("switch", "{'answers': [{'what': 'deploymentBase/feedback', 'status': 500, 'times': 2}]}");
+  assign(", 'update': 'skip'");
+
+  turns(4);
+
+  EXPECT_THAT(troubles_, Contains(HasSubstr("answered 500")));
+  EXPECT_THAT(lab_.history(), ElementsAre("downloaded none"));
+  EXPECT_EQ(lab_.stateOf(), "finished");
+}
+
+TEST_F(FleetAgent, DownloadsAgainWhatSomebodyRemovedFromItsStore) {
+  assign(", 'update': 'skip', 'window': 'unavailable'");
+  turns(2);
+  ASSERT_EQ(action().components.at(0).stage, fleet::Stage::Checked);
+  for (const auto& entry : std::filesystem::directory_iterator(folder_.path() + "/store")) {
+    std::filesystem::remove(entry.path());
+  }
+
+  lab_.steer("change", "{'set': 'tv1', 'update': 'forced', 'window': 'available'}");
+  turns(2);
+
+  EXPECT_EQ(lab_.requests("softwaremodules"), 2);
+  EXPECT_EQ(versionOf("tunerfw"), "2.0");
+  EXPECT_EQ(lab_.stateOf(), "finished");
+}
+
+TEST_F(FleetAgent, FailsWhereThereIsNoRoomBeforeAnythingIsDownloaded) {
+  constexpr std::int64_t kMore = std::int64_t{1} << 50;
+  configuration_.largestArtifact = kMore;
+  configuration_.largestAction = kMore;
+  restart();
+  lab_.steer("switch", "{'artifact': {'size': " + std::to_string(kMore) + "}}");
+  assign();
+
+  turns(2);
+
+  EXPECT_EQ(lab_.stateOf(), "error");
+  EXPECT_THAT(lab_.messages(),
+              Contains(HasSubstr("There is no room for the update: it needs 1125899906842624")));
+  EXPECT_THAT(lab_.messages(), Contains("Free space in /var/lib/fw-fleet."));
+  EXPECT_EQ(lab_.requests("softwaremodules"), 0);
 }
 
 TEST_F(FleetAgent, AsksForNothingWhileTheDownloadIsToBeSkipped) {

@@ -8,12 +8,17 @@
 
 #include "ddi-source.h"
 
-std::optional<std::string> ScriptedInstaller::versionOf(const std::string& component) {
+std::map<std::string, std::string> ScriptedInstaller::versions() {
   if (isAway) {
     throw fleet::InstallerAway("The update service does not answer.");
   }
-  const auto found = components.find(component);
-  return found != components.end() ? std::optional(found->second) : std::nullopt;
+  return components;
+}
+
+std::optional<std::string> ScriptedInstaller::versionOf(const std::string& component) {
+  const auto all = versions();
+  const auto found = all.find(component);
+  return found != all.end() ? std::optional(found->second) : std::nullopt;
 }
 
 fleet::HandedOver ScriptedInstaller::ask(const std::string& component, fleet::Kind kind,

@@ -124,6 +124,20 @@ TEST_F(FleetList, HasWhatDiffersUpdated) {
   EXPECT_EQ(agent_->trouble(), "");
 }
 
+TEST_F(FleetList, WaitsForAnUpdateServiceThatIsAway) {
+  publish(listOf(7));
+  installer_.isAway = true;
+  turns(2);
+  EXPECT_THAT(agent_->actions(), IsEmpty());
+  EXPECT_EQ(agent_->trouble(), "The update service does not answer.");
+
+  installer_.isAway = false;
+  turns(2);
+
+  EXPECT_EQ(action().ending, Ending::Success);
+  EXPECT_EQ(agent_->trouble(), "");
+}
+
 TEST_F(FleetList, DoesNothingForWhatIsThere) {
   publish(listOf(7, "1.0"));
 

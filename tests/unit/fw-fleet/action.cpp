@@ -319,6 +319,15 @@ TEST(FleetEnd, IsASuccessOnlyWhenEveryComponentIsInstalled) {
   EXPECT_EQ(empty.ending, Ending::Failure);
 }
 
+TEST(FleetEnd, IsLeftAsItIs) {
+  Action gone = action(Stage::Installed);
+  gone.ending = Ending::Gone;
+
+  fleet::conclude(gone);
+
+  EXPECT_EQ(gone.ending, Ending::Gone);
+}
+
 TEST(FleetEnd, TellsWhatFailedFirstAndThenHowEachComponentStands) {
   Action half = action(Stage::Installed);
   fleet::fail(half.components[1], "It could not be written.", "Try again.");
