@@ -2,11 +2,11 @@
 // A module that is copied under many names. Its package identifier comes from its
 // file's name: libfleet07.so has fleet07emp and the firmware name fleet07. What
 // it does stands in the file /var/lib/fw-components/<firmware name>, one word:
-// "fail", "crash", "hang" (for ever), "late" (3 s, and then fails), "throw",
-// "needed-later" (not needed when a process asks for the first time), "needed-once"
-// (no answer when it asks again); without it, it updates. It appends every call that
-// the run makes of it to /var/lib/fw-components/calls, and its name to torn-down beside it
-// when its process tears it down.
+// "fail", "crash", "hang" (for ever), "late" (3 s, and then fails), "throw", "throw-check" and
+// "throw-end" (in checkVersion, in allUpdateDone), "needed-later" (not needed when a process asks for the
+// first time), "needed-once" (no answer when it asks again); without it, it updates. It appends every call
+// that the run makes of it to /var/lib/fw-components/calls, and its name to torn-down beside it when its
+// process tears it down.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <unistd.h>
@@ -85,6 +85,9 @@ int checkVersion(const char* version, int* need) {
   if (behaviour == "needed-once" && asked > 1) {
     return -EIO;
   }
+  if (behaviour == "throw-check") {
+    throw std::runtime_error("no answer");
+  }
   char active[128];
   getActiveVersion(active);
   std::snprintf(wantedVersion, sizeof(wantedVersion), "%s", version);
@@ -119,6 +122,9 @@ int doUpdate(const char*, unsigned long) {
 }
 
 int allUpdateDone() {
+  if (readWord(kState + firmwareName()) == "throw-end") {
+    throw std::runtime_error("flash controller lost");
+  }
   note("done");
   return 0;
 }

@@ -65,6 +65,20 @@ int doUpdate(const char*, unsigned long) {
   return is("answers-one") ? 1 : 0;
 }
 
+#ifdef WITH_PACKAGES
+int doUpdate_decryption(const unsigned char*, int) {
+  return 0;
+}
+
+int getExpectedTime(int* seconds) {
+  if (is("throwing-time")) {
+    throw std::runtime_error("no answer");
+  }
+  *seconds = 7;
+  return 0;
+}
+#endif
+
 #ifndef WITHOUT_PROGRESS
 int getUpdateProgress(unsigned int* progress) {
   while (is("hanging-progress")) {

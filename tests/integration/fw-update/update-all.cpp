@@ -399,7 +399,53 @@ TEST_F(UpdateAll, ShowsTheListFirstAndATableAtTheEnd) {
                                HasSubstr("1.0 -> 2.0"), HasSubstr("1 of 1 modules were updated")));
 }
 
+TEST_F(UpdateAll, BeginsNoRunWhenAModuleThrewWhileThePlanWasMade) {
+  install("one");
+  install("two", "throw-check");
+
+  const Json::Value ended = document({"update-all"});
+
+  EXPECT_EQ(ended["outcome"].asString(), "module-failed");
+  EXPECT_EQ(ended["message"].asString(), "libtwo broke off with an error of its own: no answer.");
+  EXPECT_FALSE(exists(kCalls));
+}
+
+TEST_F(UpdateAll, SaysThatAModuleBrokeOffTheRun) {
+  install("one", "throw-end");
+
+  const Json::Value ended = document({"update-all"});
+
+  EXPECT_EQ(ended["outcome"].asString(), "module-failed");
+  EXPECT_EQ(ended["message"].asString(),
+            "A module broke off the run with an error of its own: flash controller lost.");
+  EXPECT_EQ(ended["remedy"].asString(),
+            "The modules after it were not updated, and the modules were not told that the run is over: "
+            "fw-update all-done does that.");
+}
+
+TEST_F(UpdateAll, AllDoneSaysThatAModuleBrokeItOff) {
+  install("one", "throw-end");
+
+  const Json::Value ended = document({"all-done"});
+
+  EXPECT_EQ(ended["outcome"].asString(), "module-failed");
+  EXPECT_EQ(ended["message"].asString(),
+            "A module broke off with an error of its own: flash controller lost. "
+            "The modules after it were not told.");
+  EXPECT_EQ(ended["modules"].asInt(), 1);
+}
+
 class PendingList : public UpdateAll {};
+
+TEST_F(PendingList, SaysThatItIsIncompleteWhenAModuleThrew) {
+  install("one", "throw-check");
+
+  const Json::Value ended = document({"pending-list"});
+
+  EXPECT_EQ(ended["outcome"].asString(), "module-failed");
+  EXPECT_EQ(ended["message"].asString(),
+            "A module broke off with an error of its own: no answer. The list is incomplete.");
+}
 
 TEST_F(PendingList, WritesTheFileAndShowsIt) {
   install("one");

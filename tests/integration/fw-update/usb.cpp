@@ -69,6 +69,18 @@ class UsbTool : public ToolTest {
   }
 };
 
+TEST_F(UsbTool, SaysThatAModuleThrewWhenItWasAskedForItsTime) {
+  installOddModule("with-packages");
+  putPackage("oddfw");
+
+  for (const char* one : {"estimate", "apply"}) {
+    const Json::Value ended = document(command(one), {{"ODD_MODULE=throwing-time"}});
+
+    EXPECT_EQ(ended["exitCode"].asInt(), 6) << one;
+    EXPECT_EQ(ended["message"].asString(), "A module broke off with an error of its own: no answer.") << one;
+  }
+}
+
 TEST_F(UsbTool, EstimatesEachModuleAndTheTotal) {
   for (const char* module : {"libtuner", "libpanel", "libwifi", "libEXT-remote"}) {
     installModule(module);
