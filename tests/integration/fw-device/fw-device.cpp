@@ -245,6 +245,16 @@ TEST_P(FwDevice, InitFreshForgetsTheState) {
   EXPECT_TRUE(fs::exists(device + kControls + "/libtuner.so"));
 }
 
+TEST_P(FwDevice, InitTakesNoFileForADirectory) {
+  writeFile(home + "/user/precious", "x");
+
+  const auto result = fwDevice({"init", home + "/user/precious"});
+
+  EXPECT_EQ(result.exitCode, 3);
+  EXPECT_NE(result.error.find("precious is no directory; name a new one"), std::string::npos) << result.error;
+  EXPECT_EQ(readFile(home + "/user/precious"), "x");
+}
+
 TEST_P(FwDevice, InitLeavesADirectoryThatHoldsOtherThingsAlone) {
   writeFile(home + "/user/precious", "x");
 

@@ -14,6 +14,7 @@ namespace {
 
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
+using ::testing::MatchesRegex;
 
 struct Fault {
   const char* module;      // of the faulty ones
@@ -43,9 +44,11 @@ constexpr Fault kFaults[] = {
     {"hang-in-context", "hang", "setContext"},
     {"hang-at-the-end", "hang", "unloading"},
     {"exception", "exception", "checkVersion"},
+    {"exception-of-another-kind", "exception", "checkVersion"},
     {"exit-in-update", "exit", "doUpdate"},
     {"long-text", "overrun", "getActiveVersion"},
     {"identifier-without-room", "overrun", "getEMPID"},
+    {"number-before-its-place", "overrun", "getExpectedTime"},
     {"wide-answer", "overrun", "checkVersion"},
     {"written-text", "overrun", "checkVersion"},
     {"write-before-the-beginning", "overrun", "getActiveVersion"},
@@ -217,6 +220,25 @@ TEST_F(FwModuleTest, SaysThatAModuleTellsNoProgress) {
     EXPECT_EQ(resultOf(report, "progress-range"), "not-checked") << module;
     EXPECT_EQ(reasonOf(report, "progress-range"), "it does not export getUpdateProgress") << module;
   }
+}
+
+TEST_F(FwModuleTest, NamesFiveSymbolsAndCountsTheRest) {
+  const Json::Value report = document(checkCommand(copyOf("many-exports.so", "x.so")));
+
+  ASSERT_THAT(findingsOf(report), ElementsAre("exports"));
+  EXPECT_THAT(report["findings"][0]["message"].asString(),
+              MatchesRegex("It also exports (extra[1-7], ){4}extra[1-7] and 2 more\\."));
+}
+
+TEST_F(FwModuleTest, TakesAnEmptyFileForNoImage) {
+  const std::string image = std::string(kWork) + "empty.bin";
+  writeFile(image, "");
+
+  const ProgramResult result =
+      run({"check", copyOf("sound.so", "sound.so"), "--image", image, "--version", "2.0"});
+
+  EXPECT_EQ(result.exitCode, 4) << result.output;
+  EXPECT_EQ(result.error, "fw-module: " + image + " is no image: it is empty or larger than 2 GiB\n");
 }
 
 TEST_F(FwModuleTest, KeepsNothingThatIsNotThere) {

@@ -177,6 +177,15 @@ TEST_F(Inspected, FirmwareDirectoryIsShownAsItsImageAndWhatIsStatedOfIt) {
   EXPECT_EQ(inspect("out/tunerfw/info.json"), table(description));
 }
 
+TEST_F(Inspected, DirectoryWithoutAnImageIsRefused) {
+  write("out/notes.txt", "x");
+
+  const ProgramResult result = run({"inspect", "out"});
+
+  EXPECT_EQ(result.exitCode, 1) << result.output;
+  EXPECT_EQ(result.error, "fw-pack: out is a directory without an image (*.bin)\n");
+}
+
 TEST_F(Inspected, ImageAloneIsShownWithItsChecksum) {
   EXPECT_EQ(inspect("image.bin"), table({{"file", "image.bin"},
                                          {"kind", "firmware image, or anything else"},

@@ -291,6 +291,17 @@ TEST_F(Release, TakesTheKeysThatItIsTold) {
   EXPECT_EQ(run({"verify", "out/releases.json", "--public-key", "list.key.pem"}).exitCode, 0);
 }
 
+TEST_F(Release, ReplacesNothingButAReleaseList) {
+  addUsb();
+  write("out/releases.json", "{}");
+
+  const ProgramResult result = run(command());
+
+  EXPECT_EQ(result.exitCode, 1);
+  EXPECT_EQ(result.error, "fw-pack: out/releases.json is there already, and is no release list\n");
+  EXPECT_EQ(read("out/releases.json"), "{}");
+}
+
 TEST_F(Release, IsNewerThanTheOneBefore) {
   addUsb();
   ASSERT_EQ(run(command()).exitCode, 0);

@@ -384,6 +384,18 @@ def SaysThatThereIsNoServiceOrNoBus():
     equal(json.loads(run("update", "libtuner", "--service", "--json").output)["outcome"], "no-service")
 
 
+def SaysThatAPartOfItIsMissing():
+    alone = pathlib.Path("/tmp/alone/bin/fw-update")
+    alone.parent.mkdir(parents=True)
+    shutil.copy(shutil.which("fw-update"), alone)
+
+    done = subprocess.run([alone, "list", "--service"], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, check=False)
+
+    equal((done.returncode, done.stdout), (1, ""))
+    assert done.stderr.startswith("fw-update: What asks the update service cannot be loaded: /tmp/alone/"), done
+    assert done.stderr.endswith("\nInstall fw-update anew, or use it without the service.\n"), done
+
+
 def BeginsNoEntryForAServiceThatHasEnded():
     ended = run("update", "libtuner", FW_UPDATE_ONLY_ENTRY="999999")
 
