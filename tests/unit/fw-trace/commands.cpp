@@ -226,6 +226,29 @@ TEST_F(Commands, SayWhichTraceIsNotThere) {
   EXPECT_EQ(given.exitCode, 4);
 }
 
+TEST_F(Commands, FollowNothingThatIsNotThere) {
+  putTwo();
+
+  expectFailure("follow 7", 3, "There is no trace of process 7.");
+  const Answer given = answer("follow " + path("d.fwtrace"));
+  EXPECT_EQ(given.error,
+            "fw-trace: " + path("d.fwtrace") + ": The file cannot be opened: No such file or directory.\n");
+  EXPECT_EQ(given.exitCode, 4);
+}
+
+TEST_F(Commands, CountMessagesWhoseArgumentsDoNotFit) {
+  TraceBuilder trace;
+  const auto number = trace.place("work", "number %d", "d");
+  trace.record(number, 77, 0, {7}).rawRecord(number, 77, 1, fwplatform::trace::Call, "x");
+  put("a.fwtrace", trace);
+
+  const Answer given = answer("show " + path("a.fwtrace"));
+
+  EXPECT_EQ(given.exitCode, 0);
+  EXPECT_EQ(given.error,
+            "fw-trace: " + path("a.fwtrace") + ": 1 messages have arguments that do not fit their place.\n");
+}
+
 TEST_F(Commands, SayOfEachTraceThatItIsNotThere) {
   const std::string rest = ": The file cannot be opened: No such file or directory.\n";
 

@@ -77,6 +77,41 @@ TEST(UpdateTracker, KnowsWhoWaitsForTheLockAndWhoHoldsIt) {
   EXPECT_TRUE(story.last().holdsLock);
 }
 
+TEST(UpdateTracker, EndsAnUpdateThatAnotherOneMadeSuperfluous) {
+  Story story;
+  story.untilLock().say(kWorker, MESSAGE_LOCK_TAKEN, {"tunerfw"});
+
+  story.say(kClient + kWorker, MESSAGE_NOT_NEEDED_ANY_MORE, {"tunerfw"});
+  EXPECT_EQ(story.last().result, Result::Running) << "that was said elsewhere";
+  story.say(kWorker, MESSAGE_NOT_NEEDED_ANY_MORE, {"tunerfw"});
+
+  EXPECT_EQ(story.last().result, Result::NotNeeded);
+  EXPECT_EQ(story.last().reason, MESSAGE_NOT_NEEDED_ANY_MORE);
+}
+
+TEST(UpdateTracker, LeavesAnUpdateThatHasEndedAsItIs) {
+  Story story;
+  story.untilLock().say(kWorker, MESSAGE_LOCK_TAKEN, {"tunerfw"}).timesOut();
+  story.say(kClient, MESSAGE_REQUEST_ENDS, {"4", "-1", "libtuner"});
+  const std::int64_t end = story.last().span.end;
+
+  story.say(kWorker, MESSAGE_NOT_NEEDED_ANY_MORE, {"tunerfw"});
+
+  EXPECT_EQ(story.last().result, Result::TimedOut);
+  EXPECT_EQ(story.last().span.end, end);
+}
+
+TEST(UpdateTracker, KnowsAnUpdateFromItsLockOrItsWriteAlone) {
+  Story lock, write;
+
+  lock.say(kWorker, MESSAGE_LOCK_TAKEN, {"tunerfw"});
+  write.say(kWorker, MESSAGE_WRITE_BEGINS, {"panelfw"}, "updateFirmware");
+
+  EXPECT_EQ(lock.last().firmware, "tunerfw");
+  EXPECT_FALSE(lock.last().holdsLock) << "nobody saw it wait";
+  EXPECT_EQ(write.last().firmware, "panelfw");
+}
+
 TEST(UpdateTracker, TakesTheLockForGivenBackAfterATimeOut) {
   Story story;
   story.untilWrite().timesOut();
