@@ -75,8 +75,9 @@ int onWritten(sd_event_source*, const inotify_event*, void* data) {
   return onDeferred(nullptr, data);
 }
 
-int onEnded(sd_event_source*, const siginfo_t* info, void* data) {
+int onEnded(sd_event_source* source, const siginfo_t* info, void* data) {
   auto* const state = static_cast<Source::State*>(data);
+  sd_event_source_set_enabled(source, SD_EVENT_OFF);
   const int status = statusOf(*info);
   return state->guarded([state, status] { state->ended(status); });
 }
@@ -179,6 +180,12 @@ Source EventLoop::whenEnded(pid_t child, std::function<void(int status)> step) {
   state->ended = std::move(step);
   sd_event_source* source = nullptr;
   const int error = sd_event_add_child(event_, &source, child, WEXITED, onEnded, state.get());
+  if (error >= 0) {
+    // The kernel tells of the end of a process that somebody traces before it can be waited for, and
+    // a source that is on for one event would have had it. On its way from one to the other it is off.
+    sd_event_source_set_enabled(source, SD_EVENT_OFF);
+    sd_event_source_set_enabled(source, SD_EVENT_ON);
+  }
   return watched(state, source, error);
 }
 
