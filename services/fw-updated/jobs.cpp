@@ -366,6 +366,15 @@ const Job* Jobs::findOpen(const std::function<bool(const Job& job)>& holds) cons
   return found == items_.end() ? nullptr : &found->second->job;
 }
 
+std::set<std::string> Jobs::folders() const {
+  std::set<std::string> folders;
+  findOpen([&folders](const Job& job) {
+    folders.insert(job.request.folder);
+    return false;  // the next one
+  });
+  return folders;
+}
+
 bool Jobs::isIdle() const {
   return findOpen([](const Job& job) { return job.state != State::Asking; }) == nullptr;
 }

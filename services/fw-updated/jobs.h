@@ -9,6 +9,8 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -47,6 +49,8 @@ class Jobs {
   const Job* find(std::uint64_t number) const;
   // The first that is not done and for which that holds; null: none.
   const Job* findOpen(const std::function<bool(const Job& job)>& holds) const;
+  // What was handed over for jobs that are not done.
+  std::set<std::string> folders() const;
   // After the last job that waited or was at work is done. Jobs that ask do not count.
   void whenIdle(std::function<void()> step) { idle_ = std::move(step); }
   bool isIdle() const;

@@ -7,7 +7,6 @@
 #include <exception>
 #include <iostream>
 #include <memory>
-#include <set>
 #include <string>
 
 #include "configuration.h"
@@ -82,16 +81,6 @@ updated::Configuration configured() {
   return read.configuration;
 }
 
-// What was handed over for jobs that are not over.
-std::set<std::string> foldersOf(const updated::Jobs& jobs) {
-  std::set<std::string> folders;
-  jobs.findOpen([&folders](const updated::Job& job) {
-    folders.insert(job.request.folder);
-    return false;  // the next one
-  });
-  return folders;
-}
-
 void serve(const Options& options) {
   updated::letMembersTrace();
   updated::EventLoop loop;
@@ -107,7 +96,7 @@ void serve(const Options& options) {
   manager.whenConsented([&occasions](auto job, const auto& said) { occasions.answer(job, said); });
   jobs.restore();
   connection->requestName(updated::kBusName);
-  updated::removeLeftovers(foldersOf(jobs));  // now that no other service is at work
+  updated::removeLeftovers(jobs.folders());  // now that no other service is at work
   loop.serve(*connection);
   sd_notify(0, "READY=1");
   occasions.begin();

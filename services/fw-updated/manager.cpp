@@ -249,6 +249,7 @@ Taken Manager::problemWith(const HandingOver& handing) const {
 
 void Manager::addTaken(const std::shared_ptr<HandingOver>& handing, const Taken& taken) {
   if (!taken.error.empty()) {
+    removeLeftovers(jobs_.folders());  // it may have been killed when all was in place
     handing->refuse(taken.error.c_str(), taken.sentence, taken.remedy);
     return;
   }
