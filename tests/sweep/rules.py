@@ -278,6 +278,7 @@ UNFINISHED = ("/opt/usr/share/sbox/.incoming", "/opt/usr/share/sbox/.incoming/*"
               "/var/lib/fw-updated/incoming/.incoming/*", "/var/lib/fw-updated/incoming/[0-9]",
               "/var/lib/fw-updated/incoming/[0-9]/*")
 LEFT_AFTER_ERROR_BY_FLEET = {call: UNFINISHED for call in ("unlink", "unlinkat", "rmdir")}
+LEFT_AFTER_ERROR_BY_FLEET["unlink"] += ("/run/fw-updated/*.out", "/run/fw-updated/*.gate")  # until it starts anew
 
 EXIT_CODES = {
     "ok": 0, "updated": 0, "unexpected-error": 1, "already-running": 1, "stopped": 1, "not-known": 1, "usage": 2,
@@ -511,6 +512,9 @@ def judge_ends_in_history(judge, result):
     entries = [entry for entry in document.get("entries", []) if entry["number"] > result["entries-before"]]
     ends = [(entry.get("module", "drive"), entry["outcome"]) for entry in entries]
     judge.require("damaged" not in document, "history: it was damaged")
+    cut_off = [end for end in ends if end[1] == "interrupted"]
+    if result["ended"].get("update-service", {}).get("code") == KILLED and len(cut_off) == 1:
+        ends.remove(cut_off[0])  # the job that it was about to start
     judge.require(all(outcome == "updated" for _, outcome in ends), f"history: not only updates: {ends}")
     ends = [end for end in ends if end[0] != "drive"]
     judge.require(len(ends) == len(judge.new_components), f"history: not one end for each component: {ends}")
