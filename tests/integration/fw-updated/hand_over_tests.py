@@ -293,6 +293,15 @@ def RefusesWhatIsNoRegularFile():
               (name, REFUSED, "What was handed over as package is no regular file.\n" + GIVE_FILE))
 
 
+def RefusesWhatHasLessThanItsSize():
+    _, client = start()
+    file = os.open("/sys/class/net/lo/mtu", os.O_RDONLY)  # states a page, and has one line
+
+    equal(refusal(client, "package", {"package": file}),
+          (REFUSED, "What was handed over as package became shorter while it was copied.\n"
+           "Get the file again, and hand it over when it is whole."))
+
+
 def RefusesWhatIsNotOpenForReading():
     _, client = start()
     for mode in (os.O_PATH, os.O_WRONLY):
