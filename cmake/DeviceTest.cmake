@@ -13,6 +13,14 @@ function(fw_set_up_test name)
   endif()
 endfunction()
 
+# fw_discover_tests(<name> [<argument of gtest_discover_tests>...])
+#
+# One ctest entry for each test in the program. It is started for that, which takes a busy
+# machine longer than the usual five seconds now and then.
+function(fw_discover_tests name)
+  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 120 ${ARGN})
+endfunction()
+
 # fw_add_device_test(<name> <source>... [LIBS <library>...])
 #
 # Adds a test program whose tests run inside a device of their own, and one ctest
@@ -23,7 +31,7 @@ function(fw_add_device_test name)
   add_executable(${name} ${test_UNPARSED_ARGUMENTS})
   target_link_libraries(${name} PRIVATE project-options test-device ${test_LIBS})
   fw_set_up_test(${name})
-  gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST PROPERTIES SKIP_RETURN_CODE 77)
+  fw_discover_tests(${name} DISCOVERY_MODE PRE_TEST PROPERTIES SKIP_RETURN_CODE 77)
 endfunction()
 
 # fw_add_library_test(<topic> [<source>...])
