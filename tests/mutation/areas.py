@@ -34,7 +34,7 @@ AREAS = (
          ("AsAnOrdinaryUser.test-squashfs-unpack", "AsAnOrdinaryUser.test-privileged-operations")),
     Area("platform/linux/trace", ("test-platform-trace-*", "test-fw-trace", "replay-trace-reader")),
     Area("platform/linux/verifier", ("test-verifier", "test-package-signature", "replay-package-signature", "fw-pack-test")),
-    Area("platform/skeleton", ("platform-check-test",)),
+    Area("platform/skeleton", ("test-platform-skeleton", "platform-check-test")),
     Area("sandbox", ("sandbox-test", "fw-device-test")),
     Area("sandbox/power-cut", ("test-power-cut",)),
     Area("image", ("test-image", "sandbox-test", "fw-pack-test")),
