@@ -148,6 +148,23 @@ class TraceStorageTest : public ::testing::Test {
     pid_t pid_;
   };
 
+  // The lines of the log of a process that writes two messages.
+  std::vector<std::string> logOfTwoMessages() const {
+    const std::string log = directory_ + "/log";
+    setenv("FW_UPDATE_LOG", "stderr", 1);
+    inChild([&log] {
+      dup2(open(log.c_str(), O_WRONLY | O_CREAT, 0600), STDERR_FILENO);
+      write(registerNumber(), Int(1));
+      std::thread([] { write(registerNumber(), Int(2)); }).join();
+    });
+    std::ifstream stream(log);
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(stream, line);) {
+      lines.push_back(line.substr(line.find(' ') + 1));
+    }
+    return lines;
+  }
+
   std::vector<tracetool::TraceFile> traces() const {
     std::string problem;
     return tracetool::loadTraces(traces_, problem);
@@ -614,21 +631,15 @@ TEST_F(TraceStorageTest, RemovesEmptyFilesOnlyWhenNobodyCanBeMakingThem) {
 
 TEST_F(TraceStorageTest, SaysOnceThatNoTraceIsKept) {
   setenv("FW_UPDATE_TRACE", "/proc/no-such", 1);
-  setenv("FW_UPDATE_LOG", "stderr", 1);
-  const std::string log = directory_ + "/log";
 
-  inChild([&log] {
-    dup2(open(log.c_str(), O_WRONLY | O_CREAT, 0600), STDERR_FILENO);
-    write(registerNumber(), Int(1));
-    std::thread([] { write(registerNumber(), Int(2)); }).join();
-  });
+  EXPECT_THAT(logOfTwoMessages(),
+              ElementsAre("W FWUPDATE no trace is kept: /proc/no-such: No such file or directory"));
+}
 
-  std::ifstream stream(log);
-  std::vector<std::string> lines;
-  for (std::string line; std::getline(stream, line);) {
-    lines.push_back(line.substr(line.find(' ') + 1));
-  }
-  EXPECT_THAT(lines, ElementsAre("W FWUPDATE no trace is kept: /proc/no-such: No such file or directory"));
+TEST_F(TraceStorageTest, SaysNothingWhereNoTraceIsWanted) {
+  setenv("FW_UPDATE_TRACE", "none", 1);
+
+  EXPECT_THAT(logOfTwoMessages(), ElementsAre());
 }
 
 TEST_F(TraceStorageTest, FollowsNoLinkOfItsOwnName) {
@@ -682,6 +693,15 @@ TEST_F(TraceStorageTest, LetsOneMessageTakeHalfOfARing) {
   EXPECT_EQ(onlyTrace().trace.dropped, 1U);
 }
 
+int traceMappings() {
+  std::ifstream maps("/proc/self/maps");
+  int count = 0;
+  for (std::string line; std::getline(maps, line);) {
+    count += line.find(".fwtrace") != std::string::npos ? 1 : 0;
+  }
+  return count;
+}
+
 int traceDescriptors() {
   int count = 0;
   for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
@@ -696,6 +716,23 @@ TEST_F(TraceStorageTest, LeavesAForkedChildNoDescriptorOfItsParents) {
     write(registerNumber(), Int(1));
     EXPECT_EQ(traceDescriptors(), 1);
     EXPECT_EQ(wait(start([] { EXPECT_EQ(traceDescriptors(), 0); })), 0);
+  });
+
+  EXPECT_EQ(result, 0);
+}
+
+// It has a file of its own from its first message on, and what it took from its parent's is gone.
+TEST_F(TraceStorageTest, LeavesAForkedChildNoMappingOfItsParentsOnceItHasItsOwn) {
+  const int result = inChild([] {
+    const std::uint32_t location = registerNumber();
+    write(location, Int(1));
+    const int own = traceMappings();
+    EXPECT_GT(own, 0);
+    EXPECT_EQ(wait(start([location, own] {
+                write(location, Int(2));
+                EXPECT_EQ(traceMappings(), own);
+              })),
+              0);
   });
 
   EXPECT_EQ(result, 0);

@@ -209,6 +209,16 @@ TEST(PackageTrailer, WhoseLastTextHasNoLengthIsMalformed) {
   EXPECT_EQ(parseTrailer(bytes).state, State::Malformed);
 }
 
+// Nothing is read behind the trailer's end, wherever its lengths lead.
+TEST(PackageTrailer, WhoseTextsLeadBehindItsEndIsMalformed) {
+  for (const Algorithm* algorithm : {&kEd25519, &kRsa3072}) {
+    TrailerBytes bytes = trailerOf(statements(), *algorithm);
+    std::fill(bytes.begin() + 22, bytes.end(), 0xFF);
+
+    EXPECT_EQ(parseTrailer(bytes).state, State::Malformed);
+  }
+}
+
 TEST(PackageTrailer, IsNotMadeOfWhatCannotBeStated) {
   for (const std::string& name : {std::string(), std::string("tuner fw"), std::string("../tunerfw"),
                                   std::string("tuner\xc3\xbc"), std::string(256, 'n')}) {
