@@ -185,8 +185,9 @@ TEST(Faults, CoverEveryCheck) {
 class SoundModule : public FwModuleTest, public testing::WithParamInterface<const char*> {};
 
 INSTANTIATE_TEST_SUITE_P(Module, SoundModule,
-                         testing::Values("sound.so", "libtuner.so", "libpanel.so", "libwifi.so",
-                                         "libEXT-remote.so", "libminimal.so"),
+                         testing::Values("sound.so", "whole-progress-at-rest.so", "refused-progress.so",
+                                         "libtuner.so", "libpanel.so", "libwifi.so", "libEXT-remote.so",
+                                         "libminimal.so"),
                          [](const auto& module) {
                            std::string name = module.param;
                            name = name.substr(0, name.find('.'));
@@ -220,6 +221,13 @@ TEST_F(FwModuleTest, SaysThatAModuleTellsNoProgress) {
     EXPECT_EQ(resultOf(report, "progress-range"), "not-checked") << module;
     EXPECT_EQ(reasonOf(report, "progress-range"), "it does not export getUpdateProgress") << module;
   }
+}
+
+TEST_F(FwModuleTest, BelievesNoProgressThatAModuleRefusesToTell) {
+  const Json::Value report = document(checkCommand(copyOf("refused-progress.so", "refused-progress.so")));
+
+  EXPECT_EQ(resultOf(report, "progress-falls"), "not-checked");
+  EXPECT_EQ(reasonOf(report, "progress-falls"), "it told no progress while the update ran");
 }
 
 TEST_F(FwModuleTest, NamesFiveSymbolsAndCountsTheRest) {

@@ -34,6 +34,21 @@ TEST_F(NewProject, IsWrittenInEitherLanguage) {
                                               "exports.map", "module.c", "reason.h", "update-on-a-device"));
 }
 
+TEST_F(NewProject, IsNamedFileByFileWithWhatToDoNext) {
+  EXPECT_EQ(run({"new", "libdoor", "--directory", "below/door"}).output,
+            "written  below/door/CMakeLists.txt\n"
+            "written  below/door/README.md\n"
+            "written  below/door/exports.map\n"
+            "written  below/door/update-on-a-device\n"
+            "written  below/door/component.h\n"
+            "written  below/door/component.cpp\n"
+            "written  below/door/reason.h\n"
+            "written  below/door/module.cpp\n"
+            "next     cmake -S below/door -B below/door/build\n"
+            "         cmake --build below/door/build\n"
+            "         ctest --test-dir below/door/build\n");
+}
+
 TEST_F(NewProject, HasEveryNameFilledIn) {
   for (const char* const name : {"libdoor", "libEXT-door"}) {
     ASSERT_EQ(run({"new", name}).exitCode, 0);

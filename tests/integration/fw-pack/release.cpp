@@ -94,6 +94,16 @@ TEST_F(Release, HasAListOfWhatIsSigned) {
   }
 }
 
+// Their files' names are in another order.
+TEST_F(Release, ListsComponentsByTheirNames) {
+  addPackage();
+  addUsb("tunerff");
+
+  const ProgramResult released = run(command());
+
+  EXPECT_THAT(released.output, HasSubstr("tunerff 4.0.0\ntunerfw 2.0.0\n")) << released.error;
+}
+
 TEST_F(Release, IsTheSameEachTime) {
   addPackage();
   ASSERT_EQ(run(command()).exitCode, 0);

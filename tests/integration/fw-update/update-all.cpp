@@ -27,6 +27,7 @@
 namespace {
 
 using ::testing::AllOf;
+using ::testing::AnyOf;
 using ::testing::ElementsAre;
 using ::testing::ElementsAreArray;
 using ::testing::HasSubstr;
@@ -274,6 +275,24 @@ TEST_F(UpdateAll, IsSeenOnTheBusDuringTheRunAndGoneAfterASigkill) {
   EXPECT_EQ(run({"list"}).err, "");
 }
 
+TEST_F(UpdateAll, NamesWhatItWouldHaveUpdatedWhenItIsKilledBeforeItsFirstModule) {
+  install("one");
+  install("two");
+  const SystemBus bus;
+  const LogindStandIn logind(bus);
+  logind.stop();  // the run waits for its power lock
+  RunningTool tool({"update-all", "--progress", "ndjson"}, {{"FW_UPDATE_LOG=none"}, true, 0});
+  tool.waitFor("\"event\":\"start\"");
+
+  tool.kill(SIGKILL);
+  tool.finish();
+
+  EXPECT_THAT(run({"list"}).err,
+              AllOf(HasSubstr("The last update-all was interrupted before its first module. Not updated, or "
+                              "not for certain: "),
+                    AnyOf(HasSubstr(": libone, libtwo."), HasSubstr(": libtwo, libone."))));
+}
+
 TEST_F(UpdateAll, FirstCtrlCLetsTheRunGoOn) {
   install("stuck", "late", "0");
   install("zlast", "", "20");
@@ -402,12 +421,16 @@ TEST_F(UpdateAll, ShowsTheListFirstAndATableAtTheEnd) {
 TEST_F(UpdateAll, BeginsNoRunWhenAModuleThrewWhileThePlanWasMade) {
   install("one");
   install("two", "throw-check");
+  install("three");  // in whatever order they are, one comes before it
 
   const Json::Value ended = document({"update-all"});
 
   EXPECT_EQ(ended["outcome"].asString(), "module-failed");
   EXPECT_EQ(ended["message"].asString(), "libtwo broke off with an error of its own: no answer.");
   EXPECT_FALSE(exists(kCalls));
+  const Ended shown = run({"update-all"});
+  EXPECT_EQ(shown.out, "");  // half of a plan is none
+  EXPECT_THAT(shown.err, HasSubstr("no answer"));
 }
 
 TEST_F(UpdateAll, SaysThatAModuleBrokeOffTheRun) {

@@ -218,6 +218,17 @@ TEST_F(PartOfAnImage, SaysWhichStepFailed) {
   }
 }
 
+TEST_F(PartOfAnImage, SaysThatItsNoteCannotBeWritten) {
+  PartialImage image("wifiempfw", kUrl);
+  filecalls::fails = "rename wifiempfw.img.part.info.new";
+
+  EXPECT_THAT(
+      [&] {
+        image.begin({kUrl, "\"tag\"", 3});
+      },
+      ::testing::ThrowsMessage<fwdownload::Failure>(HasSubstr(".img.part.info cannot be written")));
+}
+
 TEST_F(PartOfAnImage, SaysThatItCannotBeCutToWhatIsKnown) {
   leave(5000, kOrigin, 4096, "another");
   filecalls::fails = "truncate";

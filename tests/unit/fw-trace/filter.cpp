@@ -30,6 +30,20 @@ TEST(Filter, TakesTheNameOfAModuleAsAWordOfItsOwn) {
   }
 }
 
+TEST(Filter, KnowsWhichCharactersMakeAWord) {
+  Wanted wanted;
+  wanted.module = "libtuner";
+  const Filter filter(wanted);
+
+  for (const char c : std::string("09azAZ_-")) {
+    EXPECT_FALSE(filter.accepts(saying(c + std::string("libtuner")))) << c;
+    EXPECT_FALSE(filter.accepts(saying(std::string("libtuner") + c))) << c;
+  }
+  for (const char c : std::string("/:@[`{ ")) {
+    EXPECT_TRUE(filter.accepts(saying(c + std::string("libtuner") + c))) << c;
+  }
+}
+
 TEST(Filter, TakesTheMomentsThatItsTimesName) {
   const std::int64_t noon = *parseTime("2026-01-31T12:00:00", 0);
   Wanted wanted;

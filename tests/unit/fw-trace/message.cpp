@@ -58,6 +58,13 @@ TEST(TraceMessage, LetsNoFormatOfADamagedFileDoHarm) {
   EXPECT_EQ(textOf("at the end %", "", {}), "at the end %");
 }
 
+TEST(TraceMessage, TakesWidthsAndFlagsThatAMessageMayNeed) {
+  EXPECT_EQ(textOf("%999d", "d", {1}), std::string(998, ' ') + "1");
+  EXPECT_EQ(textOf("%1000d", "d", {1}), "1");
+  EXPECT_EQ(textOf("%" + std::string(15, ' ') + "d", "d", {1}), " 1");
+  EXPECT_EQ(textOf("%" + std::string(16, ' ') + "d", "d", {1}), "1");
+}
+
 // A hundred messages of a place with a long format.
 tracetool::Trace longMessages() {
   TraceBuilder builder;

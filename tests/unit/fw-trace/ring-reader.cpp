@@ -143,6 +143,8 @@ TEST(RingReader, ComesToAnEndWhenTheFileBecomesShorter) {
 
   EXPECT_THAT(numbersOf(reader, BytesInMemory(shorter), &skipped), ElementsAre(0, 1, 2));
   EXPECT_THAT(skipped, ElementsAre(HasSubstr("224 bytes of a thread's records")));
+  EXPECT_THAT(numbersOf(reader, BytesInMemory(shorter), &skipped), IsEmpty());
+  EXPECT_THAT(skipped, IsEmpty());  // it was said
 }
 
 TEST(TraceOutline, GoesOnWithPlacesAndRingsThatCame) {

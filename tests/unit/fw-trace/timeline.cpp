@@ -218,22 +218,43 @@ std::string putTrace(const base::TemporaryFolder& folder, const std::string& nam
   return path;
 }
 
+struct TwoTraces {
+  TwoTraces() {
+    later.record(later.place("work", MESSAGE_LOCK_WANTED, "sd"), kClient, 100 * kMs, {"tunerfw", 30});
+    earlier.record(earlier.place("work", MESSAGE_CHECK_BEGINS, "ss"), kClient, 0, {"libtuner", "tunerfw"});
+    earlier.record(earlier.place("work", MESSAGE_LOCK_WANTED, "sd"), kClient, 10 * kMs, {"tunerfw", 30});
+  }
+
+  TraceBuilder later;
+  TraceBuilder earlier;
+};
+
 TEST(UpdatesOfTraces, ComeInTheOrderInWhichTheyBeganWithTheNamesThatAnyOfThemKnows) {
   const base::TemporaryFolder folder("/tmp/traces-");
-  TraceBuilder later;
-  later.record(later.place("work", MESSAGE_LOCK_WANTED, "sd"), kClient, 100 * kMs, {"tunerfw", 30});
-  TraceBuilder earlier;
-  earlier.record(earlier.place("work", MESSAGE_CHECK_BEGINS, "ss"), kClient, 0, {"libtuner", "tunerfw"});
-  earlier.record(earlier.place("work", MESSAGE_LOCK_WANTED, "sd"), kClient, 10 * kMs, {"tunerfw", 30});
+  const TwoTraces traces;
   std::list<TraceReading> readings;
-  readings.emplace_back(openTrace(putTrace(folder, "a", later)));
-  readings.emplace_back(openTrace(putTrace(folder, "b", earlier)));
+  readings.emplace_back(openTrace(putTrace(folder, "a", traces.later)));
+  readings.emplace_back(openTrace(putTrace(folder, "b", traces.earlier)));
 
   const std::vector<Update> updates = updatesOf(readings);
 
   ASSERT_THAT(updates, SizeIs(2));
   EXPECT_EQ(updates[0].file, &readings.back().file);
   EXPECT_EQ(updates[1].file, &readings.front().file);
+  EXPECT_EQ(updates[1].module, "libtuner");
+}
+
+TEST(UpdatesOfTraces, AreTheSameInATimeline) {
+  const TwoTraces traces;
+  std::vector<TraceFile> files(2);
+  files[0].trace = readTrace(traces.later.bytes()).trace;
+  files[1].trace = readTrace(traces.earlier.bytes()).trace;
+
+  const std::vector<Update> updates = timelineOf(files).updates;
+
+  ASSERT_THAT(updates, SizeIs(2));
+  EXPECT_EQ(updates[0].file, &files[1]);
+  EXPECT_EQ(updates[1].file, &files[0]);
   EXPECT_EQ(updates[1].module, "libtuner");
 }
 

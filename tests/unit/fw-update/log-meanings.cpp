@@ -58,6 +58,16 @@ TEST(MeaningOfAFailure, HasTheModulesOwnReason) {
             "libtuner could not write the firmware: it answered 7. It said: failed at 60 percent.");
 }
 
+TEST(MeaningOfAFailure, HasNoMoreOfALongReasonThanItsBeginning) {
+  const auto failed = message(MESSAGE_WRITE_FAILED, {"tunerfw", "7", "0", "Success"});
+
+  const auto finding =
+      tool::explainUpdate(7, {said("libtuner: " + std::string(200, 'x') + "y"), failed}, "libtuner");
+
+  EXPECT_EQ(finding.message,
+            "libtuner could not write the firmware: it answered 7. It said: " + std::string(200, 'x') + ".");
+}
+
 TEST(MeaningOfAFailure, SaysWhatTheErrorNumberMeansThatTheModuleAnswered) {
   tool::LogMessage failed =
       message(MESSAGE_WRITE_FAILED, {"tunerfw", "-74", "2", "No such file or directory"});
