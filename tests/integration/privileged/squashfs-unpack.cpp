@@ -108,6 +108,16 @@ TEST_F(SquashfsUnpack, LimitsTheNumberOfFilesToo) {
   EXPECT_EQ(reason_, "the image is too big");
 }
 
+TEST_F(SquashfsUnpack, SaysThatThereIsNoPlaceForTheTree) {
+  UnpackLimits limits;
+  limits.size = "no size";
+
+  EXPECT_EQ(unpack(limits), EINVAL);
+
+  EXPECT_EQ(reason_, "making a tmpfs");
+  EXPECT_FALSE(tree_);
+}
+
 TEST_F(SquashfsUnpack, HasALimitUnlessItIsTold) {
   ASSERT_EQ(unpack(), 0) << reason_;
 

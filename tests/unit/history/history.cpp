@@ -52,6 +52,7 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
+using ::testing::UnorderedElementsAre;
 namespace fs = std::filesystem;
 
 constexpr char kFile[] = "/var/lib/fw-update/history.db";
@@ -485,6 +486,35 @@ TEST_F(AHistory, KeepsTheEndOfAnAttemptAlthoughItCannotBeOpenedJustThen) {
 
   EXPECT_EQ(failsToOpen, 0);
   EXPECT_THAT(outcomes(all), ElementsAre("updated"));
+}
+
+TEST_F(AHistory, TakesInOnceWhatOthersLeftATraceOf) {
+  history::History all = historyOf();
+  const history::Traced client{"client-1", {{100, ended("updated")}, {200, ended("refused-image")}}};
+  const history::Traced other{"other-2", {{100, ended("timed-out")}}};
+
+  all.takeIn({client});
+  all.takeIn({client, other});
+
+  EXPECT_THAT(outcomes(all), UnorderedElementsAre("updated", "refused-image", "timed-out"));
+}
+
+TEST_F(AHistory, TakesInWhatAnotherProcessOfAForgottenNameLeft) {
+  history::History all = historyOf();
+  const history::Traced client{"client-1", {{100, ended("updated")}}};
+  const history::Traced other{"other-2", {{100, ended("timed-out")}}};
+
+  all.takeIn({client});
+  all.takeIn({other});  // the first one's trace is gone
+  all.takeIn({client, other});
+
+  EXPECT_THAT(outcomes(all), UnorderedElementsAre("updated", "timed-out", "updated"));
+}
+
+TEST_F(AHistory, IsNotBegunForTracesWithoutUpdates) {
+  historyOf().takeIn({{"client-1", {}}});
+
+  EXPECT_FALSE(fs::exists(kFile));
 }
 
 TEST_F(AHistory, IsReadAlthoughItCannotBeOpenedJustThen) {
