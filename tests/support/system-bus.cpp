@@ -142,16 +142,19 @@ LogindStandIn::LogindStandIn(const SystemBus& bus, Answers answers) : bus_(bus) 
   process_ = std::make_unique<HelperProgram>(words, "");
   bus.waitForOwner(kLogind);
   if (answers == Answers::AccessDenied) {
-    refuseInhibit();
+    answerInhibit("h",
+                  "raise dbus.exceptions.DBusException('no', "
+                  "name='org.freedesktop.DBus.Error.AccessDenied')");
+  } else if (answers == Answers::Text) {
+    answerInhibit("s", "ret = 'no descriptor'");
   }
 }
 
-void LogindStandIn::refuseInhibit() const {
-  checked(sd_bus_call_method(bus_.connection(), kLogind, kLogindObject, "org.freedesktop.DBus.Mock",
-                             "AddMethod", nullptr, nullptr, "sssss", kManager, "Inhibit", "ssss", "h",
-                             "raise dbus.exceptions.DBusException('no', "
-                             "name='org.freedesktop.DBus.Error.AccessDenied')"),
-          "AddMethod");
+void LogindStandIn::answerInhibit(const char* signature, const char* code) const {
+  checked(
+      sd_bus_call_method(bus_.connection(), kLogind, kLogindObject, "org.freedesktop.DBus.Mock", "AddMethod",
+                         nullptr, nullptr, "sssss", kManager, "Inhibit", "ssss", signature, code),
+      "AddMethod");
 }
 
 std::vector<Inhibitor> LogindStandIn::inhibitors() const {

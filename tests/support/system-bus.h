@@ -51,10 +51,10 @@ struct Inhibitor {
   std::string mode;
 };
 
-// What logind offers, or one whose Inhibit only gives an error.
+// What logind offers, or one whose Inhibit only gives an error, or a text for its descriptor.
 class LogindStandIn {
  public:
-  enum class Answers { Inhibitors, AccessDenied };
+  enum class Answers { Inhibitors, AccessDenied, Text };
   explicit LogindStandIn(const SystemBus& bus, Answers answers = Answers::Inhibitors);
 
   std::vector<Inhibitor> inhibitors() const;
@@ -65,7 +65,7 @@ class LogindStandIn {
   void resume() const { process_->signal(18); }
 
  private:
-  void refuseInhibit() const;
+  void answerInhibit(const char* signature, const char* code) const;
 
   const SystemBus& bus_;
   std::unique_ptr<HelperProgram> process_;

@@ -30,8 +30,8 @@ int takeDescriptor(sd_bus_message* message, base::FileDescriptor& inhibitor) {
     return -sd_bus_message_get_errno(message);
   }
   int borrowed = -1;
-  if (const int status = sd_bus_message_read(message, "h", &borrowed); status < 0) {
-    return status;
+  if (sd_bus_message_read(message, "h", &borrowed) < 0) {
+    return -EBADMSG;  // its own error is that of a service which is not there
   }
   inhibitor.reset(fcntl(borrowed, F_DUPFD_CLOEXEC, 3));
   return inhibitor ? 0 : -errno;

@@ -473,6 +473,16 @@ TEST_F(DevicePower, TellsThatLogindRefuses) {
                           "wake lock: No such file or directory)"));
 }
 
+TEST_F(DevicePower, HoldsNothingWithAnAnswerThatIsNoDescriptor) {
+  const SystemBus bus;
+  const LogindStandIn logind(bus, LogindStandIn::Answers::Text);
+
+  EXPECT_EQ(device_power_lock_state(2, kLong), -EBADMSG);
+
+  EXPECT_THAT(logged(), ElementsAre("5 FWUPDATE device power: state 2 is not held (logind: Bad message; "
+                                    "kernel wake lock: No such file or directory)"));
+}
+
 TEST_F(DevicePower, SaysThatABusWithoutLogindHasNoPowerLock) {
   const SystemBus bus;
 
