@@ -375,6 +375,42 @@ def AsksTheHistoryHowAJobEndedUntilItIsTold():
     equal([(entry["outcome"], entry["sentence"]) for entry in history()], [("updated", str(job["Sentence"]))])
 
 
+COUNTS_QUESTIONS = """#!/bin/sh
+echo $1 >>/tmp/questions
+case $1 in
+  update) fw-update "$@" >/dev/null; kill -9 $$ ;;
+  history) fw-update "$@" | sed "s/$(cat /tmp/hidden)/runs/"; exit ;;
+esac
+exec fw-update "$@"
+"""
+
+
+def questions_about_a_killed_job(hidden="nothing"):
+    """(the job, how often the service asked for the lock and for the history); hidden: an outcome in it"""
+    pathlib.Path("/tmp/hidden").write_text(hidden, encoding="ascii")
+    connection = Bus().connect()
+    Service(connection, "--fw-update", program("counts-questions", COUNTS_QUESTIONS))
+    client = Client(connection)
+    asked = pathlib.Path("/tmp/questions")
+    wait_for(lambda: asked.exists() and "history" in asked.read_text(encoding="ascii"), "it has looked what there was")
+    asked.write_text("", encoding="ascii")
+    job = client.result(client.manager().Update("libtuner", "", ""))
+    words = asked.read_text(encoding="ascii").split()
+    return job, words.count("lock"), words.count("history")
+
+
+def AsksOnceWhatIsAnswered():
+    job, lock, looks = questions_about_a_killed_job()
+
+    equal((job["Outcome"], lock, looks), ("updated", 1, 1))
+
+
+def LooksEightTimesAtAHistoryThatTellsNoEnd():
+    job, lock, looks = questions_about_a_killed_job("updated")
+
+    equal((job["Outcome"], lock, looks), ("interrupted", 1, 8))
+
+
 DIES_BEFORE_ITS_ENTRY = """#!/bin/sh
 [ $1 != update ] || ! mkdir /tmp/killed 2>/dev/null || kill -9 $$
 exec fw-update "$@"
