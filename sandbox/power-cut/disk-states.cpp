@@ -97,16 +97,6 @@ std::vector<Epoch> epochsOf(const std::vector<DiskLogEntry>& log, const std::str
   return epochs;
 }
 
-std::vector<std::string> marksOf(const std::vector<DiskLogEntry>& log) {
-  std::vector<std::string> marks;
-  for (const DiskLogEntry& entry : log) {
-    if (entry.has(DiskLogEntry::Mark)) {
-      marks.push_back(entry.data);
-    }
-  }
-  return marks;
-}
-
 std::vector<Selection> selectionsOf(const Epoch& epoch, std::size_t count, std::uint64_t seed) {
   if (selectionCount(epoch) <= count) {
     return allSelections(epoch);

@@ -33,9 +33,6 @@ struct Epoch {
 // The power is cut only behind the mark from; an empty text: from the first write on.
 std::vector<Epoch> epochsOf(const std::vector<DiskLogEntry>& log, const std::string& from);
 
-// The texts of the marks, in order.
-std::vector<std::string> marksOf(const std::vector<DiskLogEntry>& log);
-
 // Which pieces of an epoch are on the disk, one truth value a piece.
 using Selection = std::vector<bool>;
 

@@ -90,6 +90,7 @@ TEST_P(CrashingModule, IsNamedWithWhatItDidAndLeavesTheLockFree) {
   EXPECT_EQ(ended["step"].asString(), place.step);
   EXPECT_EQ(ended["signal"].asString(), fault.signal != nullptr ? fault.signal : "");
   EXPECT_THAT(ended["message"].asString(), HasSubstr(fault.words + std::string(place.when)));
+  EXPECT_THAT(ended["remedy"].asString(), Not(HasSubstr("lock recover")));  // there is nothing to give back
   EXPECT_NE(lock(), "stuck");
 }
 
@@ -330,6 +331,15 @@ TEST_P(HungQuery, AnswersAsEverWhenNoModuleHangs) {
   words.emplace_back("--isolated");
 
   EXPECT_EQ(document(words), expected);
+}
+
+// Whoever waits for the process on its behalf says what is to be said.
+TEST_F(IsolatedUpdate, SaysNothingByItselfInItsOwnProcess) {
+  const Ended ended =
+      run({"info", "libfaulty", "--isolated", "--patience", "6"}, with("getActiveVersion hang"));
+
+  EXPECT_EQ(ended.exitCode, 14);
+  EXPECT_THAT(ended.err, Not(HasSubstr("has not answered for 5 s")));
 }
 
 TEST_P(HungQuery, SaysByItselfThatAModuleDoesNotAnswerAndWhatToDo) {

@@ -30,6 +30,22 @@ TEST(SettingLines, TellALineWithoutAnEqualsSign) {
   EXPECT_EQ(lines[0].name, "on and on");
 }
 
+TEST(SettingLines, AreTakenOrToldWithWhatIsWrong) {
+  std::string taken;
+  const auto problems =
+      base::takeSettings("a = 1\nnonsense\n= 2\na = 3\nb = 4\n", [&](const base::SettingLine& line) {
+        taken += line.name + line.value;
+        return line.name == "b" ? std::string("b is odd") : std::string();
+      });
+
+  EXPECT_EQ(taken, "a1b4");
+  ASSERT_THAT(problems, SizeIs(4));
+  EXPECT_EQ(base::textOf(problems[0], "file"), "file, line 2: it has no \"=\".");
+  EXPECT_EQ(base::textOf(problems[1], "file"), "file, line 3: it has no name before its \"=\".");
+  EXPECT_EQ(base::textOf(problems[2], "file"), "file, line 4: a stands in line 1 already.");
+  EXPECT_EQ(base::textOf(problems[3], "file"), "file, line 5: b is odd.");
+}
+
 TEST(SettingLines, AreNoneInAnEmptyFile) {
   EXPECT_THAT(base::settingLines(""), IsEmpty());
   EXPECT_THAT(base::settingLines("\n \n#x"), IsEmpty());

@@ -86,6 +86,16 @@ TEST(Document, LetsNoControlCharacterThroughWhereverItStands) {
   EXPECT_EQ(tool::onOneLine(document), "{\"inside\":{\"\\u007f\":\"\\u001b\"},\"list\":[\"a\\u007f\",1]}\n");
 }
 
+TEST(Document, HasValidCharactersAlone) {
+  Json::Value document;
+  document["text"] = "a\xff";
+  document["b\xfe"] = 1;
+
+  const std::string text = tool::onOneLine(document);
+
+  EXPECT_EQ(text, "{\"b\\\\xFE\":1,\"text\":\"a\\\\xFF\"}\n");
+}
+
 TEST(Seconds, AreRoundedToThreeDecimals) {
   EXPECT_DOUBLE_EQ(tool::rounded(1.23449), 1.234);
   EXPECT_DOUBLE_EQ(tool::rounded(1.2345001), 1.235);
