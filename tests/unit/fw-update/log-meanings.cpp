@@ -78,6 +78,16 @@ TEST(MeaningOfAFailure, SaysWhatTheErrorNumberMeansThatTheModuleAnswered) {
   EXPECT_EQ(finding.message, "libtuner could not write the firmware: it answered -74 (Bad message).");
 }
 
+TEST(MeaningOfAFailure, HasTheSystemsErrorWhereTheModulesAnswerIsNone) {
+  tool::LogMessage failed = message(MESSAGE_WRITE_FAILED, {"tunerfw", "7", "28", "No space left on device"});
+  failed.errorNumber = ENOSPC;
+
+  const auto finding = tool::explainUpdate(7, {failed}, "libtuner");
+
+  EXPECT_EQ(finding.message,
+            "libtuner could not write the firmware: it answered 7 (No space left on device).");
+}
+
 TEST(MeaningOfAFailure, TakesNoOtherAnswerForAnErrorNumber) {
   EXPECT_EQ(tool::answerText(-5), "-5 (Input/output error)");
   EXPECT_EQ(tool::answerText(-1), "-1");
