@@ -84,14 +84,14 @@ void appendStatements(std::vector<unsigned char>& bytes, const Statements& state
 std::optional<Statements> readStatements(const TrailerBytes& bytes, std::size_t end) {
   Statements statements;
   statements.kind = static_cast<Kind>(bytes[kKindAt]);
-  std::size_t at = kHeaderSize;
+  std::string_view left(reinterpret_cast<const char*>(bytes.data()) + kHeaderSize, end - kHeaderSize);
   for (const Text& text : kTexts) {
-    if (at >= end || bytes[at] > end - at - 1) {
+    const std::size_t length = left.empty() ? 0 : static_cast<unsigned char>(left[0]);
+    if (left.size() < 1 + length) {
       return std::nullopt;
     }
-    const unsigned char* const first = bytes.data() + at + 1;
-    (statements.*text.member).assign(first, first + bytes[at]);
-    at += 1U + bytes[at];
+    statements.*text.member = left.substr(1, length);
+    left = left.substr(1 + length);
   }
   return statements;
 }
