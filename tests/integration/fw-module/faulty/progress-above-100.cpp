@@ -2,12 +2,10 @@
 // Its progress goes on after 100 percent.
 #define OWN_doUpdate
 #define OWN_getUpdateProgress
-#include "sound-module.h"
 #include "watched-update.h"
 
 int doUpdate(const char* path, unsigned long value) {
-  sound::waitUntilAsked(8);
-  return sound::update(path, value);
+  return sound::watchedUpdate(path, value);
 }
 
 int getUpdateProgress(unsigned int* progress) {

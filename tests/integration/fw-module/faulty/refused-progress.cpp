@@ -2,12 +2,10 @@
 // Without a fault: it says that it does not know its progress, and what it writes counts for nothing.
 #define OWN_doUpdate
 #define OWN_getUpdateProgress
-#include "sound-module.h"
 #include "watched-update.h"
 
 int doUpdate(const char* path, unsigned long value) {
-  sound::waitUntilAsked(8);
-  return sound::update(path, value);
+  return sound::watchedUpdate(path, value);
 }
 
 int getUpdateProgress(unsigned int* progress) {

@@ -9,6 +9,8 @@
 #include <iterator>
 #include <thread>
 
+#include "sound-module.h"
+
 namespace sound {
 
 inline std::atomic<bool> running{false};
@@ -28,6 +30,12 @@ inline void waitUntilAsked(unsigned int times) {
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
   running = false;
+}
+
+// Goes on when its progress was asked for eight times.
+inline int watchedUpdate(const char* path, unsigned long value) {
+  waitUntilAsked(8);
+  return update(path, value);
 }
 
 }  // namespace sound
