@@ -7,8 +7,6 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
 
 #include "temporary-folder.h"
 #include "trace-storage.h"
@@ -60,13 +58,6 @@ TEST_F(DeadProcessLog, IsThatOfTheProcessAlone) {
   EXPECT_THAT(textsOf(first), ElementsAre("of the first"));
   EXPECT_THAT(textsOf(second), ElementsAre("of the second"));
   EXPECT_THAT(textsOf(getpid()), IsEmpty());
-}
-
-TEST_F(DeadProcessLog, IsReadBesideFilesThatAreNoTraces) {
-  const pid_t process = leave("here");
-  std::ofstream(folder_.path() + "/other-1-1.fwtrace") << "no trace";
-
-  EXPECT_THAT(textsOf(process), ElementsAre("here"));
 }
 
 }  // namespace

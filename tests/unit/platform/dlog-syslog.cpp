@@ -2,20 +2,17 @@
 // The platform log's way to the system's log daemon, with a real socket at
 // /dev/log of the test's own.
 #include <gmock/gmock.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 
 #include <algorithm>
 #include <cstdlib>
-#include <cstring>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "device-environment.h"
 #include "dlog.h"
+#include "log-daemon.h"
 #include "logging-child.h"
-#include "temporary-mount.h"
 
 namespace {
 
@@ -36,42 +33,18 @@ class PlatformLogToSyslog : public DeviceTest {
  protected:
   void SetUp() override {
     DeviceTest::SetUp();
-    dev_.emplace(TemporaryMount::memory("/dev"));
-    listener_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    std::strcpy(address.sun_path, "/dev/log");
-    ASSERT_EQ(bind(listener_, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    daemon_.emplace();
   }
 
-  void TearDown() override { close(listener_); }
-
-  // What the daemon gets from a process that logs: "<priority>", then what
-  // follows the program's name.
+  // What the daemon gets from a process that logs.
   std::vector<std::string> messagesOf(const char* setting, const std::function<int()>& body) const {
     const LoggingChild child(setting, dup(STDERR_FILENO), body);
     EXPECT_EQ(child.wait(), 0);
-    std::vector<std::string> messages;
-    std::vector<char> packet(256 * 1024);
-    ssize_t count;
-    while ((count = recv(listener_, packet.data(), packet.size(), MSG_DONTWAIT)) > 0) {
-      messages.push_back(withoutTimeAndProgram({packet.data(), static_cast<std::size_t>(count)}));
-    }
-    return messages;
+    return daemon_->messages();
   }
 
  private:
-  static std::string withoutTimeAndProgram(const std::string& packet) {
-    const std::string program = std::string(program_invocation_short_name) + ": ";
-    const std::size_t name = packet.find(program);
-    if (name == std::string::npos) {
-      return "no program name: " + packet;
-    }
-    return packet.substr(0, packet.find('>') + 1) + packet.substr(name + program.size());
-  }
-
-  std::optional<TemporaryMount> dev_;
-  int listener_ = -1;
+  std::optional<LogDaemon> daemon_;
 };
 
 int logAt(int priority, const char* text) {

@@ -15,7 +15,7 @@ LogMessages logOfDeadProcess(pid_t process) {
   // By the time that their processes started: the last of this number is meant.
   for (tracetool::TraceFile& file :
        tracetool::loadTraces(fwplatform::trace::settingsFromEnvironment().directory, unreadable)) {
-    if (!file.problem.empty() || file.trace.processId != static_cast<std::uint32_t>(process)) {
+    if (file.trace.processId != static_cast<std::uint32_t>(process)) {
       continue;
     }
     log.clear();
