@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -107,6 +108,10 @@ WithoutFileOverride::~WithoutFileOverride() {
 }
 
 int main(int argc, char** argv) {
+  // A shell's background job ignores what ends the programs that tests start and interrupt.
+  for (const int number : {SIGHUP, SIGINT, SIGQUIT}) {
+    std::signal(number, SIG_DFL);
+  }
   std::vector<char*> given(argv, argv + argc + 1);
   ::testing::InitGoogleMock(&argc, argv);
   if (::testing::GTEST_FLAG(list_tests)) {
