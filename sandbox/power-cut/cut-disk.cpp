@@ -83,8 +83,10 @@ LoopDisk::LoopDisk(const std::string& file) {
   }
 }
 
-void LoopDisk::forget() const {
-  if (ioctl(device_.get(), BLKFLSBUF, 0) != 0) {
+// BLKFLSBUF would leave what is still being read, and the next state would show it.
+void LoopDisk::clear(std::uint64_t size) const {
+  const std::uint64_t range[] = {0, size / kSectorSize * kSectorSize};
+  if (ioctl(device_.get(), BLKZEROOUT, range) != 0) {
     base::throwErrno(path_);
   }
 }
@@ -130,11 +132,9 @@ void CutDisk::writeRange(std::size_t begin, std::size_t end) {
   }
 }
 
-// What the kernel wrote into the state before may lie anywhere: the file begins anew.
+// What the kernel wrote into the state before may lie anywhere: the disk begins anew.
 void CutDisk::makeState(const Selection& selection) {
-  if (ftruncate(file_.get(), 0) != 0 || ftruncate(file_.get(), static_cast<off_t>(now_.size())) != 0) {
-    base::throwErrno("the disk's file");
-  }
+  loop_.clear(now_.size());
   for (std::size_t first = 0; first < pages_.size();) {
     std::size_t last = first + 1;
     while (last < pages_.size() && pages_[last] == pages_[last - 1] + 1) {
@@ -151,7 +151,6 @@ void CutDisk::makeState(const Selection& selection) {
       base::throwErrno("the disk's file");
     }
   }
-  loop_.forget();
 }
 
 int CutDisk::mountAt(const FileSystem& system, const std::string& directory) const {

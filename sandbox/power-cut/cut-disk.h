@@ -20,8 +20,8 @@ class LoopDisk {
   explicit LoopDisk(const std::string& file);
 
   const std::string& path() const { return path_; }
-  // Forgets what the kernel has read of it, for its file was written.
-  void forget() const;
+  // Fills so many bytes with zeros, and the kernel forgets what it has read of it.
+  void clear(std::uint64_t size) const;
 
  private:
   std::string path_;

@@ -403,7 +403,8 @@ def RefusesModulesThatAreNotThereOrTakeNothing():
           (INVALID, direct["message"] + "\n" + direct["remedy"]))
     equal(refusal(client, "package", package(), module="libEXT-remote"),
           (INVALID, "libEXT-remote takes no images or packages.\nAsk the maker of the module how it is updated."))
-    equal(refusal(client, "package", package(), module="../libtuner")[0], INVALID)
+    equal(refusal(client, "package", package(), module="../libtuner"),
+          (INVALID, "A module's name is a file's without \".so\", as ListModules gives it."))
 
 
 def TakesNothingForAModuleUntilItsJobIsDone():

@@ -11,6 +11,7 @@
 
 namespace {
 
+using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
@@ -176,6 +177,21 @@ TEST(TraceReader, ReadsThePlacesBeforeADamagedOne) {
 
   EXPECT_THAT(texts, ElementsAre("first", "(a message of an unknown place) <>"));
   EXPECT_THAT(skipped, ElementsAre(HasSubstr("list of places is damaged")));
+}
+
+TEST(TraceReader, SaysOnceThatAPartOfThePlacesIsMissing) {
+  TraceBuilder builder;
+  const std::uint32_t place = builder.place("work", "first", "");
+  builder.record(place, 1, 1, {});
+  std::string bytes = builder.bytes();
+  put(bytes, builder.placesOffset() + 16, std::uint64_t{builder.ringOffset()});  // head, more than there is
+
+  std::vector<std::string> skipped;
+  const auto texts = textsOf(bytes, &skipped);
+
+  EXPECT_THAT(texts, ElementsAre("first"));
+  EXPECT_THAT(skipped, Contains(HasSubstr("list of places at byte")).Times(1));
+  EXPECT_THAT(skipped, Contains(HasSubstr("is missing")).Times(1));
 }
 
 TEST(TraceReader, LeavesOutARecordWithATimeThatNoClockShows) {

@@ -160,29 +160,55 @@ TEST_F(AHistory, ShowsAnAttemptThatRuns) {
   EXPECT_FALSE(all.list({})[0].ended);
 }
 
-TEST_F(AHistory, CallsAnAttemptInterruptedWhoseProcessIsGone) {
-  base::Pipe begun = base::makePipe();
-  ChildProcess child([&] {
-    history::History all = historyOf();
-    const history::Attempt attempt = all.begin(tuner());
+// Another process with an attempt that runs, from here on until it is killed.
+class AtWork {
+ public:
+  AtWork()
+      : child_([this] {
+          history::History all = historyOf();
+          const history::Attempt attempt = all.begin(tuner());
+          char byte = 0;
+          static_cast<void>(write(begun_.writeEnd.get(), &byte, 1));
+          pause();
+          return 0;
+        }) {
     char byte = 0;
-    static_cast<void>(write(begun.writeEnd.get(), &byte, 1));
-    pause();
-    return 0;
-  });
-  char byte = 0;
-  ASSERT_EQ(read(begun.readEnd.get(), &byte, 1), 1);
+    EXPECT_EQ(read(begun_.readEnd.get(), &byte, 1), 1);
+  }
+  void kill() {
+    child_.kill(SIGKILL);
+    child_.wait();
+  }
+
+ private:
+  base::Pipe begun_ = base::makePipe();
+  ChildProcess child_;
+};
+
+TEST_F(AHistory, CallsAnAttemptInterruptedWhoseProcessIsGone) {
+  AtWork process;
   history::History all = historyOf();
   EXPECT_THAT(outcomes(all), ElementsAre("running"));
 
-  child.kill(SIGKILL);
-  child.wait();
+  process.kill();
 
   EXPECT_THAT(outcomes(all), ElementsAre("interrupted"));
   EXPECT_THAT(all.list({})[0].sentence, HasSubstr("cut off"));
   ASSERT_THAT(all.totals(), SizeIs(1));
   EXPECT_EQ(all.totals()[0].outcome, "interrupted");
   EXPECT_EQ(all.totals()[0].count, 1);
+}
+
+TEST_F(AHistory, CallsNoOtherAttemptInterruptedThanThatOfTheProcessThatIsGone) {
+  AtWork first;
+  AtWork second;
+  AtWork third;
+
+  first.kill();
+  third.kill();
+
+  history::History all = historyOf();
+  EXPECT_THAT(outcomes(all), ElementsAre("interrupted", "running", "interrupted"));
 }
 
 TEST_F(AHistory, GivesTheNewestOldestFirst) {

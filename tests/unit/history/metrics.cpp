@@ -51,6 +51,12 @@ TEST(HistoryMetrics, HaveNoSuccessOfARunOverSeveralModules) {
   EXPECT_THAT(text, Not(HasSubstr("last_success_timestamp_seconds{")));
 }
 
+TEST(HistoryMetrics, HaveTheVersionOfASetWhoseClockBeginsIn1970) {
+  const std::string text = history::metricsOf({total("libtuner", "updated", 1, 0, "2.0")}, std::nullopt);
+
+  EXPECT_THAT(text, HasSubstr("fw_update_version_info{module=\"libtuner\",version=\"2.0\"} 1\n"));
+}
+
 TEST(HistoryMetrics, EscapeWhatWouldEndALabel) {
   const std::string text = history::metricsOf({total("a\"b\\c\nd", "updated", 1, 1, "")}, std::nullopt);
 

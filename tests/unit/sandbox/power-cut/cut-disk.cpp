@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "cut-disk.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -13,6 +15,8 @@
 #include <string>
 #include <system_error>
 #include <vector>
+
+#include "file-descriptor.h"
 
 namespace powercut {
 namespace {
@@ -55,6 +59,18 @@ class CutDiskAsRoot : public CutDiskTest {
     EXPECT_NE(error, 0);
     EXPECT_FALSE(looked);
     return contentOf(scratch_);
+  }
+
+  // The loop device on a file.
+  static std::string deviceOf(const std::string& file) {
+    for (const fs::directory_entry& device : fs::directory_iterator("/sys/block")) {
+      std::ifstream backing(device.path() / "loop/backing_file");
+      std::string path;
+      if (std::getline(backing, path) && path == file) {
+        return "/dev/" + device.path().filename().string();
+      }
+    }
+    return "";
   }
 };
 
@@ -116,6 +132,29 @@ TEST_F(CutDiskAsRoot, HasWhatIsSettledAndTheSelectedPieces) {
   old.replace(kPieceSize, kPieceSize, kPieceSize, '1').replace(2 * kPieceSize, 512, 512, '2');
   EXPECT_EQ(settled, old);
   EXPECT_EQ(last, std::string(old).replace(0, 512, 512, '3'));
+}
+
+// The kernel keeps what it has read of a device while somebody still uses it.
+TEST_F(CutDiskAsRoot, ShowsNothingOfTheStateBefore) {
+  std::ofstream(base_, std::ios::binary) << std::string(2 * kPieceSize, 'b');
+  Epoch epoch;
+  epoch.pieces = {{0, std::string(kPieceSize, '1')}};
+  const std::vector<Epoch> epochs = {epoch};
+  CutDisk disk(base_, epochs, scratch_);
+  disk.beginEpoch(0);
+  stateOf(disk, {true});
+  const base::FileDescriptor device(open(deviceOf(scratch_).c_str(), O_RDONLY | O_CLOEXEC));
+  ASSERT_TRUE(device);
+  void* const used = mmap(nullptr, kPieceSize, PROT_READ, MAP_SHARED, device.get(), 0);
+  ASSERT_NE(used, MAP_FAILED);
+  EXPECT_EQ(*static_cast<volatile char*>(used), '1');
+
+  stateOf(disk, {false});
+
+  char now = '?';
+  EXPECT_EQ(pread(device.get(), &now, 1, 0), 1);
+  EXPECT_EQ(now, 'b');
+  EXPECT_EQ(munmap(used, kPieceSize), 0);
 }
 
 TEST_F(CutDiskAsRoot, RefusesWhatIsWrittenBehindItsEnd) {

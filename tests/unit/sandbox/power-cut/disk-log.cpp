@@ -87,6 +87,7 @@ TEST_F(DiskLog, TakesMarksOfAnyLength) {
 
   ASSERT_EQ(entries.size(), 3U);
   EXPECT_EQ(entries[0].data, std::string(600, 'm'));
+  EXPECT_TRUE(entries[1].has(DiskLogEntry::Mark));
   EXPECT_EQ(entries[1].data, "");
   EXPECT_TRUE(entries[2].has(DiskLogEntry::Flush));
 }
