@@ -478,38 +478,86 @@ def AsksPolkitWhereItRuns():
     equal(client.result(PATH + "/job/1")["Outcome"], "updated")
 
 
+SILENT_POLKIT = """import sys, time, dbus.bus
+bus = dbus.bus.BusConnection(sys.argv[1])
+bus.request_name("org.freedesktop.PolicyKit1")
+time.sleep(1000)
+"""
+
+# Says once that what it hands over waits, or what so many others were refused with.
+HANDS_OVER = """import os, sys, dbus, dbus.bus, dbus.types, dbus.mainloop.glib
+from gi.repository import GLib
+address, name, path, file, count, most = sys.argv[1:]
+dbus.mainloop.glib.DBusGMainLoop(set_as_default=True)
+loop = GLib.MainLoop()
+service = dbus.bus.BusConnection(address).get_object(name, path, introspect=False)
+package = dbus.types.UnixFd(os.open(file, os.O_RDONLY))
+refused = []
+def take(error):
+    refused.append(error.get_dbus_name())
+    if len(refused) == int(most):
+        print(sorted(set(refused)), flush=True)
+for _ in range(int(count)):
+    service.UpdateFrom("libtuner", "package", dbus.Dictionary({"package": package}, "sh"), dbus_interface=name,
+                       reply_handler=print, error_handler=take, timeout=60)
+service.Ping(dbus_interface="org.freedesktop.DBus.Peer")  # after what was sent before
+if not int(most):
+    print("they wait", flush=True)
+loop.run()
+"""
+
+
+class Waiting:
+    """Users whose hand-overs wait, since polkit does not answer."""
+
+    def __init__(self, client):
+        self.address = os.environ["DBUS_SYSTEM_BUS_ADDRESS"]
+        self.file = package()["package"]
+        self.file.chmod(0o644)
+        self.file.parent.chmod(0o755)
+        self.started = [subprocess.Popen(["/usr/bin/python3", "-c", SILENT_POLKIT, self.address])]
+        wait_for(lambda: client.connection.name_has_owner("org.freedesktop.PolicyKit1"), "polkit is there")
+
+    def hand_over(self, user, count, refused=0):
+        """What it says, once they wait or so many were refused."""
+        process = subprocess.Popen(["/usr/bin/python3", "-c", HANDS_OVER, self.address, NAME, PATH, str(self.file),
+                                    str(count), str(refused)], user=user, group=STRANGER, stdout=subprocess.PIPE, text=True)
+        self.started.append(process)
+        readable, _, _ = select.select([process.stdout], [], [], PATIENCE)
+        return process.stdout.readline() if readable else "nothing"
+
+    def end(self):
+        for process in self.started:
+            process.kill()
+
+
 def LeavesRoomForOthersThanAUserWhoseHandOversWaitForPolkit():
     need_other_users()
     _, client = start()
-    path = package()["package"]
-    path.chmod(0o644)
-    path.parent.chmod(0o755)
-    address = os.environ["DBUS_SYSTEM_BUS_ADDRESS"]
-    silent = ("import sys, time, dbus.bus; bus = dbus.bus.BusConnection(sys.argv[1])\n"
-              "bus.request_name('org.freedesktop.PolicyKit1'); time.sleep(1000)")
-    flood = ("import os, sys, dbus, dbus.bus, dbus.types, dbus.mainloop.glib; from gi.repository import GLib\n"
-             "dbus.mainloop.glib.DBusGMainLoop(set_as_default=True); loop = GLib.MainLoop(); refused = []\n"
-             f"object = dbus.bus.BusConnection(sys.argv[1]).get_object({NAME!r}, {PATH!r}, introspect=False)\n"
-             "def take(error):\n"
-             "    refused.append(error.get_dbus_name())\n"
-             "    if len(refused) == 72: print(sorted(set(refused)), flush=True)\n"
-             "file = dbus.types.UnixFd(os.open(sys.argv[2], os.O_RDONLY))\n"
-             "for _ in range(80):\n"
-             "    object.UpdateFrom('libtuner', 'package', dbus.Dictionary({'package': file}, 'sh'),\n"
-             f"                      dbus_interface={NAME!r}, reply_handler=print, error_handler=take, timeout=60)\n"
-             "loop.run()")
-    polkit = subprocess.Popen(["/usr/bin/python3", "-c", silent, address])
-    wait_for(lambda: client.connection.name_has_owner("org.freedesktop.PolicyKit1"), "polkit is there")
-    stranger = subprocess.Popen(["/usr/bin/python3", "-c", flood, address, str(path)], user=STRANGER, group=STRANGER,
-                                stdout=subprocess.PIPE, text=True)
-    readable, _, _ = select.select([stranger.stdout], [], [], PATIENCE)
-    told = stranger.stdout.readline() if readable else "fewer were refused"
-    job = hand_over(client, "package", {"package": path})
-    stranger.kill()
-    polkit.kill()
+    waiting = Waiting(client)
+    told = waiting.hand_over(STRANGER, 80, refused=72)
+    job = hand_over(client, "package", {"package": waiting.file})
+    waiting.end()
 
     equal(told, f"['{NAME}.Error.TooMany']\n")
     equal(client.result(job)["Outcome"], "updated")
+
+
+def LetsSixtyFourHandOversOfAllUsersWaitAtOnce():
+    need_other_users()
+    with open("/etc/passwd", "a", encoding="ascii") as users:
+        users.writelines(f"waits{number}:x:{7100 + number}:{STRANGER}::/:/bin/false\n" for number in range(9))
+    _, client = start()
+    waiting = Waiting(client)
+    for number in range(8):
+        equal(waiting.hand_over(7100 + number, 8 if number else 7), "they wait\n")
+    job = hand_over(client, "package", {"package": waiting.file})
+    equal(client.result(job)["Outcome"], "updated")
+    equal(waiting.hand_over(7108, 1), "they wait\n")
+    error = client.error(lambda: hand_over(client, "package", {"package": waiting.file}))
+    waiting.end()
+
+    equal(error, (NAME + ".Error.TooMany", "Too much is being handed over already. Try again."))
 
 
 def FindsNoHalfFileAfterItWasKilled():

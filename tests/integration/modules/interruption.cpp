@@ -1,9 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Updates that are killed, and updates whose system calls or medium fail: the old
 // firmware stays active and whole, and the next update works.
-#include <linux/filter.h>
-#include <linux/seccomp.h>
-#include <sys/prctl.h>
 #include <sys/ptrace.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -19,6 +16,7 @@
 
 #include "image-information.h"
 #include "module-test.h"
+#include "refused-calls.h"
 #include "thoroughness.h"
 
 namespace {
@@ -96,18 +94,8 @@ class TracedChild {
   int result_ = 0;
 };
 
-// From now on, this system call of the process fails with error.
 void refuse(long call, int error) {
-  const auto number = static_cast<std::uint32_t>(call);
-  sock_filter program[] = {
-      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, number, 0, 1),
-      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | static_cast<std::uint32_t>(error)),
-      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
-  };
-  const sock_fprog filter{static_cast<unsigned short>(std::size(program)), program};
-  if (::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
-      ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) != 0) {
+  if (!refuseCalls({static_cast<int>(call)}, error)) {
     ::_exit(255);
   }
 }

@@ -2,8 +2,6 @@
 #include "service-process.h"
 
 #include <fcntl.h>
-#include <linux/filter.h>
-#include <linux/seccomp.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
@@ -14,9 +12,10 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstddef>
 #include <cstdlib>
 #include <utility>
+
+#include "refused-calls.h"
 
 namespace {
 
@@ -31,19 +30,6 @@ bool keepOnly(const std::vector<int>& capabilities) {
     }
   }
   return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0;
-}
-
-// False when the filter can't be set.
-bool deny(const std::vector<int>& calls) {
-  std::vector<sock_filter> filter = {BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr))};
-  for (const int call : calls) {
-    filter.push_back(BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<unsigned>(call), 0, 1));
-    filter.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EPERM));
-  }
-  filter.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW));
-  const sock_fprog program = {static_cast<unsigned short>(filter.size()), filter.data()};
-  return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
-         prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
 }
 
 void limitDescriptors(unsigned count) {
@@ -80,7 +66,7 @@ void handOver(int listener, int count) {
   if (start.capabilities && !keepOnly(*start.capabilities)) {
     _exit(126);
   }
-  if (!start.deniedCalls.empty() && !deny(start.deniedCalls)) {
+  if (!start.deniedCalls.empty() && !refuseCalls(start.deniedCalls, EPERM)) {
     _exit(126);
   }
   std::vector<char*> words = {const_cast<char*>("fw-privileged")};
