@@ -783,6 +783,7 @@ def TakesTheTracesOfApplicationsIntoTheHistoryOnce():
 
     equal([tuple(map(str, row[3:7])) for row in rows],
           [("libtuner", "library", "root", "updated"), ("libpanel", "library", "root", "refused-image")])
+    equal([entry["caller"] for entry in tool("history")["entries"]], ["upgrade-app", "upgrade-app"])
     equal(str(rows[1][9]), tool("update", "libpanel")["message"])
     equal(after, rows)
 
