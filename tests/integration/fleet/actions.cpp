@@ -556,6 +556,19 @@ TEST_F(FleetAgent, BeginsAgainWithWhatWasTakenBackAndIsWantedAfterAll) {
   EXPECT_EQ(lab_.stateOf(), "finished");
 }
 
+// What is allowed may have changed since the action was taken.
+TEST_F(FleetAgent, AsksForNoArtifactThatIsTooLarge) {
+  configuration_.largestArtifact = 2;
+  restart();
+
+  const fleet::Downloaded downloaded =
+      downloader_->download({"a.img", 3, std::string(64, 'a'), lab_.address() + "/a.img"}, [] {});
+
+  EXPECT_EQ(downloaded.end, fleet::Download::Never);
+  EXPECT_EQ(downloaded.sentence, "a.img is larger than the 2 bytes that are allowed.");
+  EXPECT_EQ(lab_.requests("a.img"), 0);
+}
+
 TEST_F(FleetAgent, FailsForAnArtifactThatIsTooLargeBeforeAnythingIsDownloaded) {
   configuration_.largestArtifact = 2;
   restart();
