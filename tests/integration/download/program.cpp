@@ -41,6 +41,8 @@ TEST_F(DownloadProgram, ExplainsItself) {
 
   EXPECT_EQ(result.exitCode, 0);
   EXPECT_THAT(result.output, HasSubstr("Usage: fw-download [OPTIONS] PACKAGE\n"));
+  EXPECT_THAT(result.output, HasSubstr("becomes /opt/usr/apps/appbinarymanager/PACKAGE.img;\n"
+                                       "/etc/fw-update/download.conf says where it comes from.\n"));
 }
 
 TEST_F(DownloadProgram, RefusesAWrongCommandLine) {
