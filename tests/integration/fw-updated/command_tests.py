@@ -293,6 +293,7 @@ def ListsJobs():
                   ["3", "update-all", "-", "queued", "-", "-"]])
     equal([(job["number"], job["state"], job.get("exitCode")) for job in document["jobs"]],
           [(1, "done", 5), (2, "updating", None), (3, "queued", None)])
+    equal([type(job.get("percent")) for job in document["jobs"]], [type(None), int, type(None)])
 
 
 def WatchesAJobUntilItsEnd():
