@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // fw-pack: makes firmware packages and says what they are.
 #include <algorithm>
-#include <limits>
 #include <string>
 
 #include "commands.h"
@@ -130,7 +129,7 @@ constexpr Option kRelease[] = {
     Option("DIR", &Options::input, "Holds packages, and what fw-pack image made").required(),
     Option("--number N", &Options::number, "Greater than that of every list before it")
         .required()
-        .within(1, std::numeric_limits<int>::max()),
+        .within(1, image::kLargestReleaseNumber),
     Option("--expires TIME", &Options::expires, "Its end, in UTC, such as 2027-01-31T00:00:00Z")
         .required()
         .checked(timeProblem),

@@ -3,6 +3,7 @@
 #ifndef FW_PACK_OPTIONS_H
 #define FW_PACK_OPTIONS_H
 
+#include <cstdint>
 #include <string>
 
 #include "package-trailer.h"
@@ -22,7 +23,7 @@ struct Options {
   std::string minimumVersion;
   int format = fwpackage::kNewestFormat;
   std::string type;
-  unsigned int number = 0;  // of a release
+  std::int64_t number = 0;  // of a release
   std::string issued;       // empty: now
   std::string expires;
   std::string keyFile;

@@ -312,6 +312,26 @@ TEST_F(Release, ReplacesNothingButAReleaseList) {
   EXPECT_EQ(read("out/releases.json"), "{}");
 }
 
+// Such as the minute that it was made in: 202611221200.
+TEST_F(Release, HasAnyNumberThatSetsTake) {
+  addUsb();
+  std::vector<std::string> words = command();
+  for (const char* const number : {"1", "999999999999"}) {
+    words[3] = number;
+
+    ASSERT_EQ(run(words).exitCode, 0);
+
+    EXPECT_EQ(std::to_string(list().number), number);
+    EXPECT_EQ(run({"verify", "out/releases.json", "--public-key", "maker.pem"}).exitCode, 0);
+  }
+  for (const char* const number : {"0", "1000000000000", "-1", "seven"}) {
+    words[3] = number;
+
+    EXPECT_EQ(run(words).exitCode, 2) << number;
+  }
+  EXPECT_EQ(list().number, 999999999999);
+}
+
 TEST_F(Release, IsNewerThanTheOneBefore) {
   addUsb();
   ASSERT_EQ(run(command()).exitCode, 0);

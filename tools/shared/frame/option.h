@@ -5,6 +5,7 @@
 #define TOOLS_SHARED_FRAME_OPTION_H
 
 #include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <variant>
@@ -21,8 +22,8 @@ struct OptionInfo {
   const char* summary = nullptr;      // one that ends with a blank is completed by the words
   bool isRequired = false;
   bool showsDefault = false;
-  int lowest = 0;
-  int highest = 0;                                            // 0: no limits
+  std::int64_t lowest = 0;
+  std::int64_t highest = 0;                                   // 0: no limits
   std::string (*problem)(const std::string& text) = nullptr;  // empty: the value is good
   std::vector<std::string> (*words)() = nullptr;              // all that the value can be
   const char* excluded = nullptr;                             // another option, by its name
@@ -34,8 +35,8 @@ struct OptionInfo {
   std::string text() const;                // the summary, words and all
 };
 
-using Place = std::variant<bool*, int*, unsigned int*, std::string*, std::optional<std::string>*,
-                           std::vector<std::string>*>;
+using Place = std::variant<bool*, int*, unsigned int*, std::int64_t*, std::string*,
+                           std::optional<std::string>*, std::vector<std::string>*>;
 
 struct BoundOption {
   const OptionInfo* info;
@@ -45,8 +46,9 @@ struct BoundOption {
 };
 
 template <typename Options>
-using Member = std::variant<bool Options::*, int Options::*, unsigned int Options::*, std::string Options::*,
-                            std::optional<std::string> Options::*, std::vector<std::string> Options::*>;
+using Member = std::variant<bool Options::*, int Options::*, unsigned int Options::*, std::int64_t Options::*,
+                            std::string Options::*, std::optional<std::string> Options::*,
+                            std::vector<std::string> Options::*>;
 
 template <typename Options>
 struct Option : OptionInfo {
@@ -66,7 +68,7 @@ struct Option : OptionInfo {
     changed.showsDefault = true;
     return changed;
   }
-  constexpr Option within(int least, int most) const {
+  constexpr Option within(std::int64_t least, std::int64_t most) const {
     Option changed = *this;
     changed.lowest = least;
     changed.highest = most;
