@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 
 #include <cerrno>
 #include <cstdlib>
@@ -13,9 +14,11 @@
 #include <string>
 #include <vector>
 
+#include "child-process.h"
 #include "file-calls.h"
 #include "file-descriptor.h"
 #include "limited-resource.h"
+#include "refused-calls.h"
 
 namespace {
 
@@ -116,6 +119,14 @@ TEST_F(SmallFile, StaysAsItWasWhenThereIsNoRoomForTheNewOne) {
   EXPECT_EQ(error, EFBIG);
   EXPECT_EQ(content(), "old");
   EXPECT_THAT(names(), ElementsAre("file"));
+}
+
+TEST_F(SmallFile, StaysAsItWasWhenTheNewOneCannotBeForOthersToRead) {
+  ASSERT_EQ(replace("before"), 0);
+
+  EXPECT_EQ(runInChild([this] { return refuseCalls({SYS_fchmod}, EPERM) ? replace("after") : -1; }), EPERM);
+
+  EXPECT_EQ(content(), "before");
 }
 
 TEST_F(SmallFile, ReplacesNoDirectory) {

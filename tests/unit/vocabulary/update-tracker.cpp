@@ -172,6 +172,7 @@ TEST(UpdateTracker, TakesAnErrorOfWhoWaitsForNoEndOfTheWorkersWork) {
   story.say(kClient, MESSAGE_CHECKSUM_DIFFERS, {"tunerfw"});
 
   EXPECT_EQ(story.last().result, Result::Running);
+  EXPECT_EQ(story.last().reason, MESSAGE_CHECKSUM_DIFFERS);
   EXPECT_TRUE(story.last().find(Stage::Prepare)->isOpen);
 }
 
