@@ -26,6 +26,7 @@ namespace {
 constexpr uid_t kNobody = 65534;
 constexpr char kControls[] = "/prd/usr/fwupdate/controls";
 constexpr int kLinesOfAScreen = 24;
+constexpr std::size_t kSignatureSize = 534;  // bytes, behind a package
 
 std::string readFile(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
@@ -131,7 +132,9 @@ TEST_P(FwDevice, InitInstallsModulesAndImages) {
   EXPECT_TRUE(crcMatches(device + "/opt/usr/share/sbox/panelfw"));
   EXPECT_TRUE(crcMatches(device + "/opt/media/USBDriveA/wififw"));
   EXPECT_FALSE(crcMatches(device + "/lib/firmware/ext/panelfw"));
-  EXPECT_EQ(readFile(device + "/opt/usr/apps/appbinarymanager/wifiempfw.img").substr(0, 4), "hsqs");
+  const auto package = readFile(device + "/opt/usr/apps/appbinarymanager/wifiempfw.img");
+  EXPECT_EQ(package.substr(0, 4), "hsqs");
+  EXPECT_EQ(package.substr(package.size() - std::min(package.size(), kSignatureSize), 8), "FWSIGNED");
 }
 
 TEST_P(FwDevice, InitOffersAPackageForDownload) {
@@ -406,6 +409,7 @@ TEST_P(FwDevice, RunKeepsAProgramBelowTmpUsable) {
   writeFile(home + "/elsewhere/data", "beside it");
 
   EXPECT_EQ(fwDevice({"run", device, "--", home + "/elsewhere/program"}).output, "beside it");
+  EXPECT_EQ(fwDevice({"run", device, "--", "../elsewhere/program"}).output, "beside it");
 }
 
 TEST_P(FwDevice, RunKeepsAProgramBelowTmpThatThePathFindsUsable) {

@@ -225,12 +225,13 @@ TEST_F(PrivilegedService, RefusesOtherUsers) {
   makeImage(name_, "x");
   makeDirectory(name_);
 
-  const int refused = asUser(kNobody, kNoGroup, {kDaemonGroup}, [&] {
+  const auto isRefused = [&] {
     return askMount(mountText(name_)) == kRefused && askUmount(directoryPath(name_)) == kRefused &&
            askMknod("-m 0660 -Z * /dev/loop200  b 7 200") == kRefused;
-  });
+  };
 
-  EXPECT_EQ(refused, 1);
+  EXPECT_EQ(asUser(kNobody, kNoGroup, {kDaemonGroup}, isRefused), 1);
+  EXPECT_EQ(asUser(kNobody, 0, {0, kNoGroup}, isRefused), 1) << "of root's group";
   EXPECT_THAT(service_->waitForLine("refused mount of"),
               HasSubstr("uid 65534, gid 65534: the caller is neither root nor in the group of the service"));
   EXPECT_FALSE(service_->waitForLine("refused umount of").empty());
