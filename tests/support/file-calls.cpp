@@ -35,6 +35,10 @@ std::string nameOf(int file) {
   return path.filename();
 }
 
+std::string lastOf(const char* path) {
+  return std::filesystem::path(path).filename();
+}
+
 // False when it is to fail.
 bool noteDown(const std::string& call) {
   made().push_back(call);
@@ -53,6 +57,7 @@ bool noteDown(const std::string& call) {
 }  // namespace
 }  // namespace filecalls
 
+using filecalls::lastOf;
 using filecalls::nameOf;
 using filecalls::noteDown;
 
@@ -76,6 +81,18 @@ int ftruncate(int file, off_t size) noexcept {
 #else
   return static_cast<int>(syscall(SYS_ftruncate, file, size));
 #endif
+}
+
+int rename(const char* oldName, const char* newName) noexcept {
+  return noteDown("rename " + lastOf(oldName) + " " + lastOf(newName))
+             ? static_cast<int>(syscall(SYS_rename, oldName, newName))
+             : -1;
+}
+
+int renameat2(int from, const char* oldName, int to, const char* newName, unsigned int flags) noexcept {
+  return noteDown("rename " + lastOf(oldName) + " " + lastOf(newName))
+             ? static_cast<int>(syscall(SYS_renameat2, from, oldName, to, newName, flags))
+             : -1;
 }
 
 int renameat(int from, const char* oldName, int to, const char* newName) noexcept {

@@ -14,8 +14,8 @@
 
 namespace filecalls {
 
-// "sync NAME", "truncate NAME", "rename NAME NAME", "unlink NAME"; of a file that is open
-// the last part of its path.
+// "sync NAME", "truncate NAME", "rename NAME NAME", "unlink NAME"; of a file that is open, or
+// that a path names, the last part of its path.
 std::vector<std::string>& made();
 
 // In place of the effective user, when set.
