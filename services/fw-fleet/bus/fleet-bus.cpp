@@ -86,16 +86,15 @@ class FleetBus::State : public sdbus::AdaptorInterfaces<org::fwupdate::Fleet1_ad
   State& operator=(const State&) = delete;
 
   void tell(const Json::Value& status) {
-    Questions asked = questionsOf(status);
-    Questions before = asked;
+    const Questions asked = questionsOf(status);
+    Questions before;
     {
       const std::lock_guard lock(mutex_);
       document_ = documentOf(status);
-      std::swap(questions_, before);
+      before = std::exchange(questions_, asked);
     }
     for (const auto& [action, what] : asked) {
-      const auto known = before.find(action);
-      if (known == before.end() || known->second != what) {
+      if (before[action] != what) {  // empty: it asked nothing
         emitAsked(action, what);
       }
     }
