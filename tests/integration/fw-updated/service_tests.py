@@ -212,6 +212,23 @@ def TakesNoMoreJobsThanCanWait():
     equal(len(client.properties(PATH, NAME)["Jobs"]), 65)
 
 
+def ForgetsTheOldestOfMoreThanFiveHundredAndTwelveEnds():
+    slow("panelfw", 1000, expected_time=600)
+    service, client = start()
+    manager = client.manager()
+    client.wait_for_state(manager.Update("libpanel", "lsm", ""), "updating")
+    with held(service):
+        for _ in range(514):
+            client.job(manager.Update("libtuner", "", "")).Cancel()
+
+        kept = sorted(int(path.rsplit("/", 1)[1]) for path in client.properties(PATH, NAME)["Jobs"])
+
+        equal(kept, [1, *range(3, 516)])
+        equal(client.error(client.job(PATH + "/job/2").Cancel)[0], "org.freedesktop.DBus.Error.UnknownObject")
+        files = sorted(int(name.split(".")[0]) for name in os.listdir("/run/fw-updated") if name[0].isdigit())
+        equal(sorted(set(files)), kept)
+
+
 def CancelsWhatHasNotReachedAModule():
     slow("panelfw", 500, expected_time=600)
     service, client = start()
@@ -608,6 +625,27 @@ LISTS_WHAT_IS_OPEN = """#!/bin/sh
 ls -l /proc/$$/fd >>/tmp/open-$1
 exec fw-update "$@"
 """
+
+
+LISTS_ITS_ENVIRONMENT = """#!/bin/sh
+tr '\\0' '\\n' </proc/$$/environ >/tmp/environment-$1
+exec fw-update "$@"
+"""
+
+
+def LeavesWhatIsForItselfToNoProgramThatItStarts():
+    connection = Bus().connect()
+    Service(connection, "--fw-update", program("lists-its-environment", LISTS_ITS_ENVIRONMENT), NOTIFY_SOCKET="/tmp/nobody",
+            FW_UPDATE_ASKED_BY="77", FW_UPDATE_JOB_GATE="/tmp/no-gate", FOR_ALL="yes")
+    client = Client(connection)
+
+    equal(client.result(client.manager().Update("libtuner", "", ""))["Outcome"], "updated")
+
+    listed = pathlib.Path("/tmp/environment-update").read_text(encoding="utf-8").splitlines()
+    equal([line for line in listed if line.startswith(("NOTIFY_SOCKET=", "FW_UPDATE_ASKED_BY=", "FOR_ALL="))],
+          ["FOR_ALL=yes", "FW_UPDATE_ASKED_BY=0"])
+    gates = [line for line in listed if line.startswith("FW_UPDATE_JOB_GATE=")]
+    assert len(gates) == 1 and gates[0] != "FW_UPDATE_JOB_GATE=/tmp/no-gate", gates
 
 
 def LeavesItsFilesToNoProgramThatItStarts():
