@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <chrono>
 #include <csignal>
 #include <filesystem>
 #include <set>
@@ -24,7 +23,6 @@ namespace {
 
 constexpr std::size_t kMostTurns = 8;
 constexpr std::size_t kLongestAnswer = 4096;
-constexpr std::chrono::minutes kPatience{30};
 constexpr char kAgain[] = "Hand it over again.";
 
 std::string textOf(const Taken& taken) {
@@ -128,7 +126,7 @@ int Intake::start(const HandOver& handOver) {
   }
   answer_ = std::move(pipe.readEnd);
   ending_ = loop_.whenEnded(process_, [this](int) { ended(); });
-  patience_ = loop_.after(kPatience, [this] { kill(process_, SIGKILL); });
+  patience_ = loop_.after(patienceTime_, [this] { kill(process_, SIGKILL); });
   return 0;
 }
 

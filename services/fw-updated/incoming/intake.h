@@ -6,6 +6,7 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <functional>
 #include <list>
 
@@ -22,13 +23,15 @@ class Intake {
   // Asked when its turn has come: an error, when it cannot be taken now.
   using Problem = std::function<Taken()>;
 
-  explicit Intake(EventLoop& loop) : loop_(loop) {}
+  // patience: how long the copying and checking of one may take.
+  explicit Intake(EventLoop& loop, std::chrono::milliseconds patience = std::chrono::minutes(30))
+      : loop_(loop), patienceTime_(patience) {}
   // Ends what is at work; what it left is found at the next start.
   ~Intake();
   Intake(const Intake&) = delete;
   Intake& operator=(const Intake&) = delete;
 
-  // then: once, and not before this has returned.
+  // then: once; not before this has returned, unless too many wait already.
   void take(HandOver handOver, Problem problem, Then then);
 
  private:
@@ -44,6 +47,7 @@ class Intake {
   void finish(const Taken& taken);
 
   EventLoop& loop_;
+  const std::chrono::milliseconds patienceTime_;
   std::list<Turn> turns_;  // the first is at work
   pid_t process_ = -1;
   base::FileDescriptor answer_;

@@ -6,15 +6,22 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
+#include <csignal>
 #include <filesystem>
+#include <functional>
+#include <iterator>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "device-environment.h"
 #include "file-calls.h"
 #include "file-descriptor.h"
+#include "intake.h"
 #include "public-keys.h"
 #include "signed-package.h"
 
@@ -49,6 +56,7 @@ class TakenFiles : public DeviceTest {
   }
 
   static HandOver signedAs(HandOverKind kind, fwpackage::Kind statedKind, const std::string& name) {
+    fs::remove("/tmp/package");  // others may be open
     writeFile("/tmp/package", signedFile(std::string(5000, 'p'), key(), {statedKind, name, "", "2.0.0", ""}));
     HandOver handOver;
     handOver.kind = kind;
@@ -186,6 +194,172 @@ TEST_F(TakenFiles, OfJobsThatAreOverAreRemoved) {
   for (const char* const place : {"/opt/usr/apps/appbinarymanager", "/opt/usr/share/sbox", kIncoming}) {
     EXPECT_FALSE(exists(std::string(place) + "/.incoming")) << place;
   }
+}
+
+// ---- One after the other ------------------------------------------------------------
+
+constexpr char kFailed[] = "org.fwupdate.Update1.Error.Failed";
+constexpr char kTooMany[] = "org.fwupdate.Update1.Error.TooMany";
+
+// Ends the loop's run.
+struct Over {};
+
+class IntakeOfFiles : public TakenFiles {
+ protected:
+  explicit IntakeOfFiles(std::chrono::milliseconds patience = std::chrono::minutes(30))
+      : intake_(loop_, patience) {}
+
+  // What it says of this one is told; the loop's run ends with the last.
+  void take(HandOver handOver, const Taken& problem = {}) {
+    ++waiting_;
+    intake_.take(
+        std::move(handOver), [problem] { return problem; },
+        [this](const Taken& taken) {
+          told_.push_back(taken);
+          if (--waiting_ == 0) {
+            throw Over();
+          }
+        });
+  }
+  void run() {
+    const updated::Source patience = loop_.after(std::chrono::seconds(60), [] { throw std::string("time"); });
+    EXPECT_THROW(loop_.run(), Over);
+  }
+
+  updated::EventLoop loop_;
+  std::vector<Taken> told_;
+
+ private:
+  updated::Intake intake_;
+  int waiting_ = 0;
+};
+
+TEST_F(IntakeOfFiles, TakesThemInTheirOrder) {
+  take(usb());
+  take(package());
+  take(usb());
+  EXPECT_THAT(told_, IsEmpty());
+
+  run();
+
+  ASSERT_EQ(told_.size(), 3U);
+  EXPECT_EQ(told_[0].folder, std::string(kIncoming) + "/1");
+  EXPECT_EQ(told_[1].error + told_[1].folder, "");
+  EXPECT_EQ(told_[2].folder, std::string(kIncoming) + "/2");
+  EXPECT_TRUE(exists(kPackage));
+}
+
+TEST_F(IntakeOfFiles, LetsEightWait) {
+  for (int number = 0; number < 8; ++number) {
+    take(usb());
+  }
+  EXPECT_THAT(told_, IsEmpty());
+
+  take(usb());
+
+  ASSERT_EQ(told_.size(), 1U);
+  EXPECT_EQ(told_[0].error, kTooMany);
+  EXPECT_EQ(told_[0].sentence + " " + told_[0].remedy,
+            "Too much is being handed over already. Hand it over again later.");
+  run();
+  EXPECT_EQ(told_.size(), 9U);
+  EXPECT_EQ(told_.back().folder, std::string(kIncoming) + "/8");
+}
+
+TEST_F(IntakeOfFiles, LeavesOutWhatMayNotBeTakenWhenItsTurnComes) {
+  take(package(), {"problem", "It may not.", "", ""});
+  take(usb());
+
+  run();
+
+  ASSERT_EQ(told_.size(), 2U);
+  EXPECT_EQ(told_[0].sentence, "It may not.");
+  EXPECT_FALSE(exists(kPackage));
+  EXPECT_EQ(told_[1].error, "");
+}
+
+TEST_F(IntakeOfFiles, SaysThatWhatCopiesWasEnded) {
+  filecalls::before = [](const std::string& call) {  // in the process that copies
+    if (call == "sync tunerempfw.img") {
+      raise(SIGKILL);
+    }
+  };
+  take(package());
+  take(usb());
+
+  run();
+
+  ASSERT_EQ(told_.size(), 2U);
+  EXPECT_EQ(told_[0].error, kFailed);
+  EXPECT_EQ(told_[0].sentence + " " + told_[0].remedy,
+            "It could not be taken: what copies it was ended. Hand it over again.");
+  EXPECT_FALSE(exists(kPackage));
+  EXPECT_EQ(told_[1].error, "");
+}
+
+TEST_F(IntakeOfFiles, WorksOnOneAtATimeAlsoWhenAnotherComesMeanwhile) {
+  const auto copying = [] { return std::distance(fs::directory_iterator("/tmp/copying"), {}); };
+  fs::create_directory("/tmp/copying");
+  filecalls::before = [](const std::string& call) {
+    if (call == "sync tunerempfw.img") {
+      fs::create_directory("/tmp/copying/" + std::to_string(getpid()));
+      while (!fs::exists("/tmp/go-on")) {
+        usleep(1000);
+      }
+    }
+  };
+  take(package());
+  updated::Source look;
+  const std::function<void()> goOnWhenItCopies = [&] {
+    if (copying() == 0) {
+      look = loop_.after(std::chrono::milliseconds(1), goOnWhenItCopies);
+      return;
+    }
+    take(usb());
+    look = loop_.soon([] { writeFile("/tmp/go-on", ""); });
+  };
+  look = loop_.soon(goOnWhenItCopies);
+
+  run();
+
+  EXPECT_EQ(copying(), 1);
+  ASSERT_EQ(told_.size(), 2U);
+  EXPECT_EQ(told_[0].error + told_[0].folder, "");
+  EXPECT_EQ(told_[1].folder, std::string(kIncoming) + "/1");
+}
+
+TEST_F(IntakeOfFiles, LeavesWhatCopiesNothingElseThatIsOpen) {
+  const base::FileDescriptor own = opened("/");
+  filecalls::before = [&own](const std::string& call) {
+    if (call == "sync tunerempfw.img" && fcntl(own.get(), F_GETFD) >= 0) {
+      raise(SIGKILL);
+    }
+  };
+  take(package());
+
+  run();
+
+  EXPECT_EQ(told_.at(0).error, "") << told_.at(0).sentence;
+}
+
+class HurriedIntake : public IntakeOfFiles {
+ protected:
+  HurriedIntake() : IntakeOfFiles(std::chrono::milliseconds(200)) {}
+};
+
+TEST_F(HurriedIntake, EndsWhatTakesTooLong) {
+  filecalls::before = [](const std::string& call) {
+    if (call == "sync tunerempfw.img") {
+      pause();
+    }
+  };
+  take(package());
+
+  run();
+
+  EXPECT_EQ(told_.at(0).error, kFailed);
+  EXPECT_THAT(told_.at(0).sentence, HasSubstr("what copies it was ended"));
+  EXPECT_FALSE(exists(kPackage));
 }
 
 }  // namespace
