@@ -240,6 +240,7 @@ def WaitsForTheWindow():
 
 def FindsADriveThatAppears():
     _, client = start("at-start = no\nusb-drive = yes\nfeature = do\n")
+    equal(paths(client), [])  # it watches before it answers
     drive = pathlib.Path("/opt/media/USBDriveA")
     drive.mkdir(parents=True, exist_ok=True)
     packages = pathlib.Path("/tmp/packages")
@@ -261,6 +262,7 @@ def LeavesADriveThatWasThere():
     make_package(packages)
     subprocess.run(["mount", "--bind", str(packages), str(drives[0])], check=True)
     service, client = start("at-start = no\nusb-drive = yes\nfeature = ask\n")
+    equal(paths(client), [])  # it watches before it answers
 
     subprocess.run(["mount", "--bind", str(packages), str(drives[1])], check=True)
 
